@@ -1,0 +1,34 @@
+# How our own code is compiled: warnings, sanitizers, coverage, the compiler cache.
+
+find_program(QM_CCACHE ccache)
+if(QM_CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER "${QM_CCACHE}")
+endif()
+
+# Linked PRIVATE by every target of ours, so that nobody who links us inherits our warnings.
+add_library(qm_warnings INTERFACE)
+target_compile_options(qm_warnings INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow=local -Wnon-virtual-dtor -Wold-style-cast -Woverloaded-virtual
+  -Wcast-qual -Wformat=2 -Wundef -Wunused -Wno-unknown-pragmas)
+if(QM_WERROR)
+  target_compile_options(qm_warnings INTERFACE -Werror)
+endif()
+
+add_compile_options(-fno-omit-frame-pointer)
+if(CMAKE_BUILD_TYPE STREQUAL "Release")
+  add_compile_options(-fstack-protector-strong)
+  add_compile_definitions(_FORTIFY_SOURCE=2)
+  add_link_options(-Wl,-z,relro,-z,now)
+endif()
+if(QM_SANITIZE)
+  add_compile_options(-fsanitize=${QM_SANITIZE})
+  add_link_options(-fsanitize=${QM_SANITIZE})
+  if(QM_SANITIZE MATCHES "undefined")
+    # The ORB's and the ACE library's own objects carry no type information for this check.
+    add_compile_options(-fno-sanitize=vptr -fno-sanitize-recover=all)
+  endif()
+endif()
+if(QM_COVERAGE)
+  add_compile_options(--coverage -O0)
+  add_link_options(--coverage)
+endif()

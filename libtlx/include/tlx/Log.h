@@ -1,0 +1,130 @@
+#pragma once
+// Logging: who may write, at which level, and where it goes.
+//
+// Level 1 is failures and notable events, level 4 progress, level 6 the tracer's enter and leave
+// lines. The process has one level, 1 unless told.
+
+#include <cstddef>
+#include <memory>
+#include <sstream>
+#include <string>
+
+namespace Veltrane::Quillmark::Tlx {
+
+constexpr int LOG_LEVEL_FAILURE = 1;
+constexpr int LOG_LEVEL_PROGRESS = 4;
+constexpr int LOG_LEVEL_TRACE = 6;
+
+/// The originator of lines that no service wrote: the platform library's own.
+constexpr unsigned LOG_ORIGINATOR_PLATFORM = 1;
+
+/// Where finished lines go. write is called from any thread, one call at a time, and does not throw.
+class LogSink
+{
+  public:
+    struct Line
+    {
+        int level;
+        unsigned originator;
+        const char* operation;
+        const std::string& text;
+    };
+    virtual ~LogSink() = default;
+    virtual void write(const Line& line) = 0;
+};
+
+/// Writes lines on behalf of one originator. Loggers are made by the factory and live as long as
+/// the process, so a plain pointer to one is always good; all operations may be called from any
+/// thread.
+class Logger
+{
+  public:
+    explicit Logger(unsigned originator) : m_originator(originator) {}
+    virtual ~Logger() = default;
+
+    /// True once the factory was configured anew; whoever caches a logger then asks for another.
+    virtual bool isStale() const = 0;
+
+    /// Messages above this level are not wanted: test it before building one.
+    virtual int level() const = 0;
+
+    virtual void log(const char* operation, int level, const std::string& text) = 0;
+
+    unsigned originator() const { return m_originator; }
+
+  private:
+    const unsigned m_originator;
+};
+
+/// How the log is kept.
+struct LogSettings
+{
+    /// The log file, rotated by size; empty for none. Its directory must exist.
+    std::string file;
+    std::size_t maxBytes = 10u << 20;
+    /// Rotated files kept beside the current one.
+    unsigned keep = 5;
+    /// Also to standard error.
+    bool toStderr = true;
+    int level = LOG_LEVEL_FAILURE;
+};
+
+/// The process's logging. Before configure lines go to standard error at level 1.
+class LoggerFactory
+{
+  public:
+    static LoggerFactory& instance();
+
+    /// The current logger of an originator.
+    Logger* getLogger(unsigned originator);
+
+    /// Changes where lines go; loggers handed out before become stale. False (with the reason in
+    /// error, and nothing changed) when the file cannot be opened.
+    bool configure(const LogSettings& settings, std::string& error);
+
+    /// Sets the level of this process, effective at once in every logger.
+    void setLevel(int level);
+    int level() const;
+
+    /// Sends lines to a sink of the caller's instead (tests); null brings the settings' back.
+    void setSink(std::shared_ptr<LogSink> sink);
+
+  private:
+    LoggerFactory();
+    ~LoggerFactory() = delete; // lives until the process ends: destructors still log
+    friend class FactoryLogger;
+    struct State;
+    State* const m_state;
+};
+
+/// Marks the operation a thread is in: writes "enter" and "leave" lines at level 6, and lends its
+/// name to the messages logged inside. Lives on the stack; name and file are literals.
+class Tracer
+{
+  public:
+    Tracer(Logger* logger, const char* name, const char* file, int line);
+    Tracer(const Tracer&) = delete;
+    Tracer& operator=(const Tracer&) = delete;
+    ~Tracer();
+    const char* name() const { return m_name; }
+
+  private:
+    Logger* const m_logger;
+    const char* const m_name;
+    const char* const m_file;
+    const int m_line;
+};
+
+} // namespace Veltrane::Quillmark::Tlx
+
+/// Logs `text` (a chain for operator<<) followed by " (SOURCE:LINE)". The chain is evaluated only when
+/// the logger wants the level.
+#define TLX_LOG(logger, messageLevel, operation, source, text)                                     \
+    do {                                                                                           \
+        ::Veltrane::Quillmark::Tlx::Logger* tlxLogger_ = (logger);                                 \
+        if (tlxLogger_->level() >= (messageLevel)) {                                               \
+            std::ostringstream tlxText_;                                                           \
+            tlxText_ << text << " (" << (source) << ":" << __LINE__ << ")";                        \
+            tlxLogger_->log((operation), (messageLevel), tlxText_.str());                          \
+        }                                                                                          \
+    } while (false)

@@ -1,0 +1,95 @@
+#pragma once
+// A service with an ORB of its own, and the host that runs it.
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include <tlx/Orb.h>
+
+namespace Veltrane::Quillmark::Tlx {
+
+/// Base of a service that a host daemon runs. The daemon constructs it and calls the hooks in order,
+/// all on its main thread:
+///
+///     doShouldStart -> doPreInit -> doInit -> doRun -> (until a stop is asked for)
+///     -> doStop -> doExit -> destruction
+///
+/// The ORB is made on first use of getOrb().
+class OrbService
+{
+  public:
+    /// @param serviceName the name the service is known by; also its ORB's.
+    /// @param originator under which it logs.
+    /// @param log reserved, null.
+    /// @param foreground whether a person is watching: handed on to isForeground().
+    /// @param displayName for messages to people.
+    /// @param clientOnly true: the ORB opens no port.
+    /// @param reactorHandles size of the ORB's reactor.
+    /// @param timerQueue reserved, null: the ORB makes its own.
+    OrbService(const char* serviceName, unsigned originator, void* log, bool foreground,
+               const char* displayName, bool clientOnly, std::size_t reactorHandles,
+               void* timerQueue);
+    OrbService(const OrbService&) = delete;
+    OrbService& operator=(const OrbService&) = delete;
+    virtual ~OrbService();
+
+    // Notification hooks: a service may tell its host that something happened, and ask for it.
+    virtual void notify();
+    virtual bool getNotified() const;
+    virtual bool getNotified(bool reset);
+    virtual void* getDataPtr() const;
+    virtual void resetNotifier();
+
+    /// The service's ORB, made on first use (OrbError when that fails). Owned here.
+    virtual Orb* getOrb();
+    virtual void doPreInit();
+    virtual void doInit();
+    /// 0 on success, -1 on failure. Does not block. A CORBA exception may leave it.
+    virtual int doRun() = 0;
+    virtual void doStop();
+    virtual void doExit();
+    /// False: the service is not wanted on this host.
+    virtual bool doShouldStart();
+    virtual void doDump();
+    virtual void doReconfig();
+    virtual bool isUTF8CharCodeSetEnabled() const;
+
+    /// The service that this process runs; null when none exists. The object stays alive for as long
+    /// as the caller's request can run.
+    static OrbService* Instance();
+
+    /// Asks the host to stop the service, and returns at once; the host's main thread does the rest.
+    /// Any thread, and async-signal-safe.
+    /// @param restart reserved, false.
+    void stopByEvent(bool restart);
+    bool isStopRequested() const;
+
+    /// Called (from any thread) when a stop is asked for; the host sets it before the hooks run. Must
+    /// be async-signal-safe: it only wakes the main thread.
+    void setStopHandler(void (*handler)());
+
+    const std::string& getServiceName() const { return m_serviceName; }
+    const std::string& getDisplayName() const { return m_displayName; }
+    unsigned getOriginator() const { return m_originator; }
+    bool isForeground() const { return m_foreground; }
+
+  protected:
+    /// Whether the service lets several of its kind run on one host, and whether its ORB has an
+    /// evictor; a derived constructor sets them.
+    bool m_allowSeveral = true;
+    bool m_evictorEnabled = false;
+
+  private:
+    const std::string m_serviceName;
+    const std::string m_displayName;
+    const unsigned m_originator;
+    const bool m_foreground;
+    const bool m_clientOnly;
+    const std::size_t m_reactorHandles;
+    struct State;
+    const std::unique_ptr<State> m_state;
+};
+
+} // namespace Veltrane::Quillmark::Tlx

@@ -1,0 +1,87 @@
+#pragma once
+// What servants of this system share.
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include <tlx/Corba.h>
+
+namespace Veltrane::Quillmark::Tlx {
+
+/// When an object was last reached by a request, and how many requests are inside it now. Any thread.
+class ServantActivity
+{
+  public:
+    void begin();
+    void end();
+    /// Whether no request is inside, and none has been since the given moment.
+    bool idleSince(std::chrono::steady_clock::time_point moment) const;
+    std::chrono::steady_clock::time_point lastUse() const;
+    bool busy() const;
+
+  private:
+    mutable std::mutex m_mutex;
+    unsigned m_inside = 0;
+    std::chrono::steady_clock::time_point m_lastUse = std::chrono::steady_clock::now();
+};
+
+/// Mix-in of servants that keep state between calls; gives the evictor what it looks at.
+class StatefulServant
+{
+  public:
+    virtual ~StatefulServant() = default;
+    const std::shared_ptr<ServantActivity>& activity() const { return m_activity; }
+
+  protected:
+    std::shared_ptr<ServantActivity> m_activity = std::make_shared<ServantActivity>();
+    std::mutex m_requestMutex;
+};
+
+/// A servant whose requests from the wire are served one at a time, and whose activity is known. Two
+/// calls at once on one iterator, or a release beside a read, never meet inside it.
+///
+/// Skeleton is the generated POA_... class.
+template <class Skeleton>
+class SerialServant : public virtual Skeleton, public StatefulServant
+{
+  public:
+    CORBA::Boolean _dispatch(omniCallHandle& handle) override
+    {
+        const std::shared_ptr<ServantActivity> activity = m_activity;
+        struct Mark
+        {
+            explicit Mark(ServantActivity& a) : m_activity(a) { m_activity.begin(); }
+            ~Mark() { m_activity.end(); }
+            ServantActivity& m_activity;
+        } mark(*activity);
+        std::lock_guard<std::mutex> guard(m_requestMutex);
+        return Skeleton::_dispatch(handle);
+    }
+};
+
+/// "NAME" of an exception, with its minor code and completion: "TRANSIENT (minor 0x..., COMPLETED_NO)".
+std::string describeException(const CORBA::SystemException& exception);
+std::string describeException(const CORBA::Exception& exception);
+
+/// Reports what escaped a servant operation, then ends the process.
+[[noreturn]] void endAfterForeignException(const char* operation) noexcept;
+
+/// Runs the body of a servant operation. Only CORBA system exceptions may leave one: anything else
+/// means that the state behind the service can no longer be trusted, so the process ends, with a
+/// level-1 line that names the operation.
+template <class Body>
+auto servantOperation(const char* operation, Body&& body) -> decltype(body())
+{
+    try {
+        return body();
+    } catch (const CORBA::SystemException&) {
+        throw;
+    } catch (...) {
+        endAfterForeignException(operation);
+    }
+}
+
+} // namespace Veltrane::Quillmark::Tlx

@@ -1,0 +1,42 @@
+#pragma once
+// A status message that can travel inside other documents.
+
+#include <cstdint>
+
+#include <tlx/RefCounted.h>
+#include <tlx/Xml.h>
+
+namespace Veltrane::Quillmark::Tlx {
+
+/// A numbered message. As XML: <STATUSMSG Code="17">text</STATUSMSG>. Reference-counted; unchanged
+/// once it is shared.
+class StatusMsg : public virtual TLXRefCounted, public XmlInterface
+{
+  public:
+    /// The element's name.
+    static constexpr const char* TAG = "STATUSMSG";
+
+    StatusMsg() = default;
+    StatusMsg(std::int32_t code, TlxString text) : m_code(code), m_text(std::move(text)) {}
+
+    std::int32_t code() const { return m_code; }
+    const TlxString& text() const { return m_text; }
+
+    void xmlStartElement(XmlObjParseContext* context, const XMLCh* name,
+                         AttributeList& attributes) override;
+    int xmlEndElement(XmlObjParseContext* context, const XMLCh* name) override;
+    std::ostream& writeXml(std::ostream& out, XmlStr::Encoding encoding) const override;
+
+    void setCode(std::int32_t code) { m_code = code; }
+
+  private:
+    std::int32_t m_code = 0;
+    TlxString m_text;
+};
+
+/// Makes a StatusMsg from its start tag (the caller gets the creator's reference through message) and
+/// answers the context for its content, which the caller owns. A "Code" that is no number is 0.
+XmlObjParseContext* xmlCreateObject(const XMLCh* name, AttributeList& attributes,
+                                    const XmlObjParseContext* parent, StatusMsg*& message);
+
+} // namespace Veltrane::Quillmark::Tlx

@@ -1,0 +1,44 @@
+#pragma once
+// Writing XML text.
+
+#include <ostream>
+#include <string>
+#include <string_view>
+
+#include <tlx/String.h>
+
+namespace Veltrane::Quillmark::Tlx {
+
+/// A text, to be written as XML character data or as an attribute's value: operator<< escapes
+/// "&", "<", ">", the double and the single quotation mark, writes a carriage return as a character
+/// reference, and replaces what XML 1.0 cannot carry (other control characters, invalid UTF-8) by
+/// U+FFFD. A character that the encoding lacks is written as a character reference.
+class XmlStr
+{
+  public:
+    /// The encodings a document may be written in. The zero value is the default everywhere.
+    enum Encoding { XE_UTF8 = 0, XE_LATIN1 = 1, XE_ASCII = 2 };
+
+    explicit XmlStr(const TlxString& text, Encoding encoding = XE_UTF8)
+        : m_text(text), m_encoding(encoding)
+    {
+    }
+
+    friend std::ostream& operator<<(std::ostream& out, const XmlStr& text);
+
+    /// The XML declaration of version 1.0 for the encoding; no line break after it.
+    static std::ostream& xmlProlog(std::ostream& out, Encoding encoding);
+    /// "<name>"
+    static std::ostream& appendStart(std::ostream& out, std::string_view name);
+    /// "</name>"
+    static std::ostream& appendEnd(std::ostream& out, std::string_view name);
+    /// One blank, the name, an equals sign and the escaped value in double quotation marks.
+    static std::ostream& appendAttribute(std::ostream& out, std::string_view name,
+                                         const TlxString& value, Encoding encoding = XE_UTF8);
+
+  private:
+    TlxString m_text;
+    Encoding m_encoding;
+};
+
+} // namespace Veltrane::Quillmark::Tlx
