@@ -66,7 +66,7 @@ class LogCapture
     {
         void write(const Tlx::LogSink::Line& line) override
         {
-            Line kept{line.level, line.originator, line.operation, line.text, {}, 0};
+            LogCapture::Line kept{line.level, line.originator, line.operation, line.text, {}, 0};
             // "... (SOURCE:LINE)"
             const auto open = kept.text.rfind(" (");
             const auto colon = kept.text.rfind(':');
@@ -80,7 +80,7 @@ class LogCapture
             lines.push_back(std::move(kept));
         }
         std::mutex mutex;
-        std::vector<Line> lines;
+        std::vector<LogCapture::Line> lines;
     };
     std::shared_ptr<Sink> m_sink;
 };

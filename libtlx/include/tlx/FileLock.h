@@ -42,7 +42,8 @@ class FileLock
 {
   public:
     /// Opens the file through the table, with flags and permissions as open(2) takes them
-    /// (O_CLOEXEC is added). Null with errno set when it cannot be opened.
+    /// (O_CLOEXEC is added). Null with errno set when it cannot be opened; EISDIR for a directory,
+    /// EINVAL for anything else that is no regular file (it does not wait for a pipe's writer).
     static std::unique_ptr<FileLock> open(const std::string& path, int flags, mode_t mode = 0);
 
     /// Releases the lock and closes the descriptor (or parks it).
@@ -56,16 +57,20 @@ class FileLock
 
     // Each of these answers 0 on success and -1 with errno set on failure, and then leaves the level
     // as it was. Asking for the level already held succeeds; asking for Read while holding Write
-    // lowers the level.
+    // lowers the level. EBADF when the descriptor is not open for reading (Read) or writing (Write);
+    // ENOLCK in a forked child.
 
     /// Waits until no other process holds a conflicting lock. EDEADLK when the wait would not end
     /// (the kernel saw two processes wait for each other, and again after a short while).
+    /// acquire_write from Read may give Read up while it waits: what was read before is to be
+    /// checked again. When it then fails and another process has come between, level() is None.
     int acquire_read();
     int acquire_write();
     /// Fail at once with EBUSY when another process, or another holder of this one, is in the way.
     int tryacquire_read();
     int tryacquire_write();
-    /// From Read to Write without waiting; on failure Read is still held.
+    /// From Read to Write without waiting; on failure Read is still held. From None it is
+    /// the same as tryacquire_write.
     int tryacquire_write_upgrade();
     /// Gives the lock up; the descriptor stays open.
     int release();

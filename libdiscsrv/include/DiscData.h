@@ -1,0 +1,278 @@
+#pragma once
+// The record model: what a discovery is, whatever backend keeps it.
+//
+// A discovery is what one producer (its authority) found out about one subject (usually a host): a
+// few attributes and an opaque payload, the collection data. Every backend derives its record from
+// Discovery, its payload from CollectionData and its query from DiscoveryIterator.
+//
+// Unless said otherwise an object here is used by one thread at a time, and failures are answered
+// (false, null, a DiscoveryResult) and logged, never thrown.
+
+#include <cstddef>
+#include <cstdint>
+#include <ostream>
+#include <string>
+
+#include <DiscoverySvc.hh> // the enumerations and DiscoveryResult, shared with the wire
+#include <tlx/Lockable.h>
+#include <tlx/ObjTime.h>
+#include <tlx/RefCounted.h>
+#include <tlx/StatusMsg.h>
+#include <tlx/String.h>
+#include <tlx/Uri.h>
+#include <tlx/Xml.h>
+
+#include "DiscExport.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+/// The element that holds a record's priority, in its metadata document and in explorers' documents.
+constexpr const char* PRIORITY = "Priority";
+
+inline bool isSuccess(const DiscoveryResult& result)
+{
+    return result.discStatus == DS_SUCCESS;
+}
+
+/// The part that Subject and Authority share: an optional status message, read and written inside the
+/// description's element.
+class DISCSRV_EXPORT Description : public XmlInterface
+{
+  public:
+    /// @param statusMsg may be null; a reference of its own is taken.
+    explicit Description(const StatusMsg* statusMsg);
+
+    void xmlCharacters(XmlObjParseContext* context, const XMLCh* chars,
+                       unsigned long length) override;
+    void xmlStartElement(XmlObjParseContext* context, const XMLCh* name,
+                         AttributeList& attributes) override;
+    int xmlEndElement(XmlObjParseContext* context, const XMLCh* name) override;
+    std::ostream& writeXml(std::ostream& out, XmlStr::Encoding encoding) const override;
+    ~Description() override;
+
+    /// The status message, null when there is none; it stays this object's.
+    const StatusMsg* getStatusMsg() const { return m_statusMsg.get(); }
+
+  private:
+    AutoDereference<const StatusMsg> m_statusMsg;
+};
+
+/// What a discovery is about.
+class DISCSRV_EXPORT Subject : public Description
+{
+  public:
+    /// A name is URI text (tlx/Uri.h). An empty one is reported as a broken invariant and leaves a
+    /// subject without a name.
+    explicit Subject(const std::string& name, const StatusMsg* statusMsg = nullptr);
+    explicit Subject(const Uri& uri, const StatusMsg* statusMsg = nullptr);
+
+    std::ostream& writeXml(std::ostream& out, XmlStr::Encoding encoding) const override;
+
+    /// Equal and greater by the display names, whatever the case of their letters.
+    bool operator==(const Subject& other) const;
+    bool operator>(const Subject& other) const;
+
+    /// The display form of the name.
+    const TlxString& getSubject() const { return m_subject; }
+    /// The form that lookups compare and file names are built from.
+    const TlxString& getSubjectFileName() const { return m_subjectFileName; }
+
+  private:
+    void setName(const std::string& uriText);
+
+    TlxString m_subject;
+    TlxString m_subjectFileName;
+};
+
+/// Who produced a discovery.
+class DISCSRV_EXPORT Authority : public Description
+{
+  public:
+    /// As for Subject.
+    Authority(const std::string& name, AuthorityType type, const StatusMsg* statusMsg = nullptr);
+    /// The URI's authority part is the name.
+    Authority(const Uri& uri, AuthorityType type, const StatusMsg* statusMsg = nullptr);
+    Authority(const UriAuthority& authority, AuthorityType type,
+              const StatusMsg* statusMsg = nullptr);
+
+    std::ostream& writeXml(std::ostream& out, XmlStr::Encoding encoding) const override;
+
+    /// Names equal whatever the case of their letters, and types equal.
+    bool operator==(const Authority& other) const;
+    /// True when the name is greater; otherwise whether the type is. So an authority whose name
+    /// compares less is still "greater" when its type is: the explorer sets depend on it.
+    bool operator>(const Authority& other) const;
+
+    const TlxString& getName() const { return m_name; }
+    const TlxString& getNameFileName() const { return m_nameFileName; }
+    AuthorityType getType() const { return m_type; }
+
+  private:
+    void setName(const UriAuthority& authority);
+
+    TlxString m_name;
+    TlxString m_nameFileName;
+    AuthorityType m_type;
+};
+
+/// Kind, storage, priority and times of a discovery.
+class DISCSRV_EXPORT CollectionAttributes : public XmlInterface
+{
+  public:
+    /// The expiry time is now + 1.25 times timeToLive (the extra quarter lets a producer be late); a
+    /// time to live of zero means that the record never expires, and leaves it zero.
+    CollectionAttributes(CollectionType type, CollectionStorage storage,
+                         const TlxObjTime& discoveryTime, const TlxObjTime& timeToLive,
+                         unsigned int priority);
+
+    std::ostream& writeXml(std::ostream& out, XmlStr::Encoding encoding) const override;
+    ~CollectionAttributes() override;
+
+    CollectionType getType() const { return m_type; }
+    CollectionStorage getStorage() const { return m_storage; }
+    const TlxObjTime& getDiscoveryTime() const { return m_discoveryTime; }
+    const TlxObjTime& getTimeToLive() const { return m_timeToLive; }
+    const TlxObjTime& getExpiresTime() const { return m_expiresTime; }
+    const TlxString& getSignature() const { return m_signature; }
+    unsigned int getPriority() const { return m_priority; }
+
+    void setDiscoveryTime(const TlxObjTime& time) { m_discoveryTime = time; }
+    void setExpiresTime(const TlxObjTime& time) { m_expiresTime = time; }
+    void setSignature(const TlxString& signature) { m_signature = signature; }
+    void setPriority(unsigned int priority) { m_priority = priority; }
+
+  private:
+    CollectionType m_type;
+    CollectionStorage m_storage;
+    TlxObjTime m_discoveryTime;
+    TlxObjTime m_timeToLive;
+    TlxObjTime m_expiresTime;
+    TlxString m_signature;
+    unsigned int m_priority;
+};
+
+/// The payload of one discovery, a stream of bytes. Opening it again gives up what was open and
+/// starts afresh.
+class DISCSRV_EXPORT CollectionData
+{
+  public:
+    virtual ~CollectionData();
+
+    /// OM_READ opens the payload for reading, OM_UPDATE prepares a new one. What arg says is the
+    /// backend's own. False (and logged) on failure.
+    virtual bool open(OpenMode mode, const char* arg) = 0;
+
+    /// Reads up to length bytes; the number read, 0 at the end. A backend may answer a failed read as
+    /// the largest value: a count above length is a failure.
+    virtual std::size_t readCollection(std::size_t length, void* buffer) const = 0;
+
+    /// Appends length bytes; false on failure.
+    virtual bool writeCollection(std::size_t length, const void* buffer) const = 0;
+};
+
+/// One record. A producer gets it from a backend, sets subject, authority and attributes, opens it
+/// with OM_UPDATE, writes its collection data, and persists it. A reader gets it from an iterator,
+/// opens it with OM_READ and reads its collection data until 0.
+class DISCSRV_EXPORT Discovery : public XmlDocumentInterface, public virtual TLXRefCounted
+{
+  public:
+    /// Takes ownership of data.
+    Discovery(CollectionData* data, DiscoveryQuery query);
+
+    XmlObjParseContext* getObjParseContext(const XMLCh* name) override;
+
+    /// Makes the record visible to later iterators. {DS_SUCCESS, 0}, or the reason why not.
+    virtual DiscoveryResult persist() = 0;
+
+    /// Opens the payload: DS_SUCCESS; DS_OPEN_FAILED when it cannot be opened; DS_DATA_EXISTS when a
+    /// stored record of higher priority forbids the update.
+    virtual DiscoveryResult open(OpenMode mode, const char* arg) = 0;
+
+    /// Each takes ownership and deletes what it replaces.
+    virtual void setAuthority(Authority* authority);
+    virtual void setSubject(Subject* subject);
+    virtual void setAttributes(CollectionAttributes* attributes);
+    virtual void setCollectionData(CollectionData* data);
+
+    void xmlCharacters(XmlObjParseContext* context, const XMLCh* chars,
+                       unsigned long length) override;
+    void xmlStartElement(XmlObjParseContext* context, const XMLCh* name,
+                         AttributeList& attributes) override;
+    int xmlEndElement(XmlObjParseContext* context, const XMLCh* name) override;
+    std::ostream& writeXml(std::ostream& out, XmlStr::Encoding encoding) const override;
+
+    ~Discovery() override;
+
+    /// What is held, null when nothing is; it stays this object's.
+    Authority* getAuthority() const { return m_authority; }
+    Subject* getSubject() const { return m_subject; }
+    CollectionAttributes* getAttributes() const { return m_attributes; }
+    CollectionData* getCollectionData() const { return m_collectionData; }
+    DiscoveryQuery getQuery() const { return m_query; }
+
+  protected:
+    /// Whether the last document read held a value that no record can have (an enumerator out of
+    /// range): such a record must not be used.
+    bool isDocumentRefused() const { return m_documentRefused; }
+    void clearDocumentRefused() { m_documentRefused = false; }
+
+  private:
+    void startAttributes(class DiscoveryDocContext& context, AttributeList& attributes);
+    void startAuthority(class DiscoveryDocContext& context, const XMLCh* name,
+                        AttributeList& attributes);
+    void startSubject(class DiscoveryDocContext& context, const XMLCh* name,
+                      AttributeList& attributes);
+    void endDescription(class DiscoveryDocContext& context, const XMLCh* name);
+    void endValue(class DiscoveryDocContext& context);
+    void refuseDocument(const char* what, const TlxString& value);
+
+    Authority* m_authority = nullptr;
+    Subject* m_subject = nullptr;
+    CollectionAttributes* m_attributes = nullptr;
+    CollectionData* m_collectionData;
+    DiscoveryQuery m_query;
+    bool m_documentRefused = false;
+};
+
+/// A query over discoveries.
+class DISCSRV_EXPORT DiscoveryIterator : public virtual TLXRefCounted
+{
+  public:
+    /// The names are taken as they are, in their file-name form or as wildcard patterns over it;
+    /// empty for any. AT_ANYANDALL is any type.
+    DiscoveryIterator(AuthorityType type, std::string authority, std::string subject);
+
+    /// The next matching record, a reference for the caller to release; null when there is none.
+    virtual Discovery* getNext() = 0;
+
+    /// Narrow the query. The text forms leave the name as it was when the new one is empty or begins
+    /// with "*".
+    virtual void setAuthority(const std::string& name, AuthorityType type);
+    virtual void setAuthority(const Uri& uri, AuthorityType type);
+    virtual void setAuthority(const UriAuthority& authority, AuthorityType type);
+    virtual void setSubject(const std::string& name);
+    virtual void setSubject(const Uri& uri);
+
+    ~DiscoveryIterator() override;
+
+    AuthorityType getType() const { return m_type; }
+    const std::string& getAuthority() const { return m_authority; }
+    const std::string& getSubject() const { return m_subject; }
+
+  protected:
+    AuthorityType m_type;
+    std::string m_authority;
+    std::string m_subject;
+};
+
+/// A storage backend.
+class DISCSRV_EXPORT DiscoveryCreator : protected virtual TlxLockable
+{
+  public:
+    ~DiscoveryCreator() override;
+    /// Each answers a new object, a reference for the caller to release.
+    virtual DiscoveryIterator* getIterator(DiscoveryQuery query) const = 0;
+    virtual Discovery* newDiscovery(DiscoveryQuery query) = 0;
+};
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

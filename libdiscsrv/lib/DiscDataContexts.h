@@ -1,0 +1,61 @@
+#pragma once
+// The parse states of the metadata document.
+
+#include <deque>
+#include <memory>
+
+#include <tlx/StatusMsg.h>
+#include <tlx/Xml.h>
+
+#include "DiscData.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+/// Inside a "DiscoveryAuthority" or "DiscoverySubject" element.
+class DescriptionContext : public XmlObjParseContext
+{
+  public:
+    enum Node : std::uint32_t { StatusMessage = 0 };
+
+    using XmlObjParseContext::XmlObjParseContext;
+
+    void clearSub()
+    {
+        m_subContext.reset();
+        m_subInterface.reset();
+    }
+
+    std::deque<std::uint32_t> m_nodes;
+    AutoDereference<StatusMsg> m_subInterface;
+    std::unique_ptr<XmlObjParseContext> m_subContext;
+};
+
+/// The whole document.
+class DiscoveryDocContext : public XmlObjParseContext
+{
+  public:
+    enum Node : std::uint32_t {
+        Document = 0,
+        Attributes = 1,
+        SubjectNode = 2,
+        AuthorityNode = 3,
+        DiscoveryTime = 4,
+        ExpiresTime = 5,
+        Signature = 6,
+        Priority = 7,
+    };
+
+    using XmlObjParseContext::XmlObjParseContext;
+
+    /// Whether events go to a nested description.
+    bool inDescription() const
+    {
+        return !m_nodes.empty() && (m_nodes.back() == SubjectNode || m_nodes.back() == AuthorityNode);
+    }
+
+    std::deque<std::uint32_t> m_nodes;
+    Description* m_subInterface = nullptr; ///< the record's own
+    std::unique_ptr<XmlObjParseContext> m_subContext;
+};
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

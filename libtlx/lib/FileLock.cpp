@@ -1,0 +1,186 @@
+#include <tlx/FileLock.h>
+
+#include <cerrno>
+#include <utility>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "FileLockTable.h"
+
+namespace Veltrane::Quillmark::Tlx {
+
+using FileLockDetail::currentTable;
+using FileLockDetail::File;
+using FileLockDetail::Guard;
+using FileLockDetail::Table;
+
+FileLock::FileLock(std::shared_ptr<File> file, int fd, pid_t owner)
+    : m_file(std::move(file)), m_fd(fd), m_owner(owner)
+{
+}
+
+std::unique_ptr<FileLock> FileLock::open(const std::string& path, int flags, mode_t mode)
+{
+    if (path.find('\0') != std::string::npos) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    Table& table = currentTable();
+    std::unique_ptr<FileLock> lock(new FileLock(nullptr, -1, table.pid));
+    // Not waiting for a writer, should somebody have put a pipe in the file's place; on a regular
+    // file the flag does nothing.
+    int fd = -1;
+    do {
+        fd = ::open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0)
+        return nullptr;
+    struct stat status = {};
+    if (::fstat(fd, &status) != 0)
+        return nullptr; // left open: whose locks closing it would drop is not known
+    if (!S_ISREG(status.st_mode)) {
+        ::close(fd);
+        errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+        return nullptr;
+    }
+    Guard guard(table.mutex);
+    lock->m_file = table.fileOf(status);
+    lock->m_file->open.push_back(FileLockDetail::describe(fd));
+    lock->m_fd = fd;
+    return lock;
+}
+
+FileLock::~FileLock()
+{
+    if (m_fd < 0)
+        return;
+    if (m_owner == ::getpid()) {
+        Guard guard(m_file->table.mutex);
+        m_file->awaitShort(guard);
+        m_file->moveHolder(m_level, LockLevel::None);
+        m_file->park(m_fd);
+        m_file->settle(guard);
+        return;
+    }
+    // Inherited from the parent, which closing does not disturb. But this process may have locked
+    // the file anew, so the descriptor goes through its table too.
+    Table& table = currentTable();
+    struct stat status = {};
+    const bool known = ::fstat(m_fd, &status) == 0;
+    std::shared_ptr<File> file;
+    Guard guard(table.mutex);
+    table.inherited.push_back(std::move(m_file));
+    if (known) {
+        file = table.fileOf(status);
+        file->parked.push_back(FileLockDetail::describe(m_fd));
+        file->awaitShort(guard);
+        file->settle(guard);
+    }
+}
+
+int FileLock::get_handle() const
+{
+    return m_owner == ::getpid() ? m_fd : -1;
+}
+
+LockLevel FileLock::level() const
+{
+    return m_owner == ::getpid() ? m_level : LockLevel::None;
+}
+
+int FileLock::change(LockLevel wanted, bool wait)
+{
+    int error = 0;
+    if (m_owner != ::getpid()) {
+        error = ENOLCK;
+    } else if (wanted != m_level) {
+        File& file = *m_file;
+        Guard guard(file.table.mutex);
+        if (!file.allows(m_fd, wanted)) {
+            // What the kernel says to such a descriptor, said also when it need not be asked.
+            error = EBADF;
+        } else if (wanted < m_level) {
+            file.awaitShort(guard);
+            file.moveHolder(m_level, wanted);
+            m_level = wanted;
+            file.settle(guard);
+        } else if (wait) {
+            error = file.waitRaise(guard, m_fd, m_level, wanted);
+        } else {
+            error = file.tryRaise(guard, m_fd, m_level, wanted);
+            if (error == 0)
+                m_level = wanted;
+        }
+    }
+    if (error == 0)
+        return 0;
+    errno = error;
+    return -1;
+}
+
+int FileLock::acquire_read()
+{
+    return change(LockLevel::Read, true);
+}
+
+int FileLock::acquire_write()
+{
+    return change(LockLevel::Write, true);
+}
+
+int FileLock::tryacquire_read()
+{
+    return change(LockLevel::Read, false);
+}
+
+int FileLock::tryacquire_write()
+{
+    return change(LockLevel::Write, false);
+}
+
+int FileLock::tryacquire_write_upgrade()
+{
+    return change(LockLevel::Write, false);
+}
+
+int FileLock::release()
+{
+    return change(LockLevel::None, false);
+}
+
+bool FileLock::isStillAt(const std::string& path) const
+{
+    struct stat here = {};
+    struct stat there = {};
+    return ::fstat(get_handle(), &here) == 0 && ::stat(path.c_str(), &there) == 0 &&
+           here.st_dev == there.st_dev && here.st_ino == there.st_ino;
+}
+
+FileLock::Counts FileLock::counts()
+{
+    Table& table = currentTable();
+    std::vector<std::shared_ptr<File>> kept; // so that none goes while the mutex is held
+    Guard guard(table.mutex);
+    Counts counts{0, 0};
+    for (const auto& [key, entry] : table.files)
+        if (std::shared_ptr<File> file = entry.lock()) {
+            counts.open += file->open.size();
+            counts.parked += file->parked.size();
+            kept.push_back(std::move(file));
+        }
+    return counts;
+}
+
+FileGate::FileGate(const FileLock& lock)
+{
+    // In a forked child the gate may be held by a thread that does not exist here.
+    if (lock.m_owner != ::getpid())
+        return;
+    m_file = lock.m_file;
+    m_lock = std::unique_lock(m_file->gate);
+}
+
+} // namespace Veltrane::Quillmark::Tlx

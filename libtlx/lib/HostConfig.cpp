@@ -1,0 +1,301 @@
+#include <tlx/HostConfig.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <tlx/Resolver.h>
+
+#include "ConfigText.h"
+
+namespace Veltrane::Quillmark::Tlx {
+
+namespace {
+
+constexpr const char* DEFAULT_ROOT = "/usr/varix/quillmark";
+constexpr std::chrono::seconds RESOLVE_LIMIT{5};
+
+bool sameName(const std::string& a, const std::string& b)
+{
+    return compareIgnoringCase(a, b) == 0;
+}
+
+std::string errorText(int error)
+{
+    char buffer[256];
+    return ::strerror_r(error, buffer, sizeof buffer);
+}
+
+// Reads a whole file; what was wrong otherwise.
+std::string readFile(const std::string& path, std::string& out)
+{
+    // Not blocking: somebody may have put a pipe there.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (fd < 0)
+        return "cannot be read: " + errorText(errno);
+    const std::unique_ptr<const int, void (*)(const int*)> closer(
+        &fd, [](const int* f) { ::close(*f); });
+    struct stat status;
+    if (::fstat(fd, &status) != 0)
+        return "cannot be read: " + errorText(errno);
+    if (!S_ISREG(status.st_mode))
+        return "cannot be read: it is not a regular file";
+    std::string content;
+    char buffer[16384];
+    while (content.size() <= CONFIG_MAX_BYTES) {
+        const ssize_t count = ::read(fd, buffer, sizeof buffer);
+        if (count == 0) {
+            out = std::move(content);
+            return {};
+        }
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            return "cannot be read: " + errorText(errno);
+        content.append(buffer, static_cast<std::size_t>(count));
+    }
+    return "cannot be read: it is larger than " + std::to_string(CONFIG_MAX_BYTES) + " bytes";
+}
+
+// One read of the configuration. Never changes but for the answer that is found out late.
+struct Snapshot
+{
+    ConfigText text;
+    std::mutex masterMutex;
+    std::optional<bool> master;
+
+    bool find(const std::string& key, std::string& out) const
+    {
+        const auto found = text.values.find(key);
+        if (found == text.values.end())
+            return false;
+        out = found->second;
+        return true;
+    }
+    std::string value(const std::string& key) const
+    {
+        std::string result;
+        find(key, result);
+        return result;
+    }
+    std::string localHostName() const
+    {
+        std::string name;
+        if (find(ConfigKey::CLIENT_NAME, name))
+            return name;
+        char buffer[256] = "";
+        if (::gethostname(buffer, sizeof buffer - 1) != 0 || buffer[0] == '\0')
+            return "localhost";
+        return buffer;
+    }
+    Endpoint listenEndpoint() const
+    {
+        Endpoint endpoint{"0.0.0.0", DEFAULT_PORT};
+        parseEndpoint(value(ConfigKey::LISTEN), endpoint);
+        return endpoint;
+    }
+    bool isOwnEndpoint(const Endpoint& endpoint) const;
+    bool findOutMaster() const;
+};
+
+// Whether requests to an endpoint reach this host's own service. With several hosts on one machine
+// it is the port that tells them apart.
+bool Snapshot::isOwnEndpoint(const Endpoint& endpoint) const
+{
+    const Endpoint own = listenEndpoint();
+    if (endpoint.port != own.port)
+        return false;
+    if (sameName(endpoint.address, own.address) ||
+        sameName(endpoint.address, value(ConfigKey::PUBLISH_ADDRESS)))
+        return true;
+    const bool everywhere = own.address == "0.0.0.0" || own.address == "::";
+    for (const std::string& address : resolveHost(endpoint.address, RESOLVE_LIMIT))
+        if (everywhere ? isLocalAddress(address) : sameName(address, own.address))
+            return true;
+    return false;
+}
+
+bool Snapshot::findOutMaster() const
+{
+    std::string server;
+    if (!find(ConfigKey::SERVER, server))
+        return false;
+    if (sameName(server, localHostName()))
+        return true;
+    Endpoint endpoint;
+    if (parseEndpoint(value(endpointKey(server)), endpoint))
+        return isOwnEndpoint(endpoint);
+    for (const std::string& address : resolveHost(server, RESOLVE_LIMIT))
+        if (isLocalAddress(address))
+            return true;
+    return false;
+}
+
+} // namespace
+
+struct HostConfig::State
+{
+    std::mutex mutex;
+    std::optional<TlxPathname> root;
+    std::shared_ptr<Snapshot> snapshot = std::make_shared<Snapshot>();
+
+    std::shared_ptr<Snapshot> current()
+    {
+        std::lock_guard guard(mutex);
+        return snapshot;
+    }
+    void replace(ConfigText text)
+    {
+        auto fresh = std::make_shared<Snapshot>();
+        fresh->text = std::move(text);
+        std::lock_guard guard(mutex);
+        snapshot = std::move(fresh);
+    }
+};
+
+std::string HostConfig::Problem::toText() const
+{
+    return file + ":" + (line == 0 ? std::string() : std::to_string(line) + ":") + " " + text;
+}
+
+HostConfig::HostConfig() : m_state(new State) {}
+
+HostConfig& HostConfig::instance()
+{
+    static HostConfig* const config = new HostConfig;
+    return *config;
+}
+
+TlxPathname HostConfig::root() const
+{
+    {
+        std::lock_guard guard(m_state->mutex);
+        if (m_state->root)
+            return *m_state->root;
+    }
+    const char* const moved = std::getenv("QUILLMARK_ROOT");
+    return moved && *moved ? moved : DEFAULT_ROOT;
+}
+
+void HostConfig::setRoot(const TlxPathname& root)
+{
+    std::lock_guard guard(m_state->mutex);
+    m_state->root = root;
+}
+
+TlxPathname HostConfig::configFile() const
+{
+    return root().withFileName("etc").withFileName("qm.conf");
+}
+
+bool HostConfig::read()
+{
+    const std::string path = configFile().text();
+    std::string content;
+    const std::string wrong = readFile(path, content);
+    if (wrong.empty()) {
+        m_state->replace(parseConfigText(content, path));
+        return true;
+    }
+    ConfigText nothing;
+    nothing.problems.push_back({path, 0, wrong});
+    m_state->replace(std::move(nothing));
+    return false;
+}
+
+void HostConfig::readText(const std::string& text, const std::string& name)
+{
+    m_state->replace(parseConfigText(text, name));
+}
+
+std::vector<HostConfig::Problem> HostConfig::problems() const
+{
+    return m_state->current()->text.problems;
+}
+
+bool HostConfig::getString(const std::string& key, std::string& out) const
+{
+    const std::string prefix = ConfigKey::ENDPOINT_PREFIX;
+    if (key.starts_with(prefix))
+        return m_state->current()->find(endpointKey(key.substr(prefix.size())), out);
+    return m_state->current()->find(key, out);
+}
+
+bool HostConfig::getBoolean(const std::string& key, bool& out) const
+{
+    std::string text;
+    return getString(key, text) && parseBoolean(text, out);
+}
+
+bool HostConfig::getNumber(const std::string& key, std::uint64_t& out) const
+{
+    std::string text;
+    return getString(key, text) && parseNumber(text, out);
+}
+
+std::string HostConfig::localHostName() const
+{
+    return m_state->current()->localHostName();
+}
+
+Endpoint HostConfig::listenEndpoint() const
+{
+    return m_state->current()->listenEndpoint();
+}
+
+Endpoint HostConfig::endpointOf(const std::string& host) const
+{
+    Endpoint endpoint{host, DEFAULT_PORT};
+    parseEndpoint(m_state->current()->value(endpointKey(host)), endpoint);
+    return endpoint;
+}
+
+std::uint64_t HostConfig::number(const std::string& key) const
+{
+    const NumberKey* const known = findNumberKey(key);
+    std::uint64_t result = known ? known->standard : 0;
+    getNumber(key, result);
+    return result;
+}
+
+bool HostConfig::isMaster() const
+{
+    const auto snapshot = m_state->current();
+    std::lock_guard guard(snapshot->masterMutex);
+    if (!snapshot->master)
+        snapshot->master = snapshot->findOutMaster();
+    return *snapshot->master;
+}
+
+int QM_read_master_config()
+{
+    return HostConfig::instance().read() ? 0 : -1;
+}
+
+int QM_get_config_boolean(const char* key, bool& value)
+{
+    return key && HostConfig::instance().getBoolean(key, value) ? 0 : -1;
+}
+
+bool QM_is_master(const char* host)
+{
+    const HostConfig& config = HostConfig::instance();
+    std::string server;
+    if (!host || !config.getString(ConfigKey::SERVER, server))
+        return false;
+    if (sameName(host, server))
+        return true;
+    if (sameName(host, "localhost") || sameName(host, config.localHostName()))
+        return config.isMaster();
+    return false;
+}
+
+} // namespace Veltrane::Quillmark::Tlx

@@ -1,0 +1,375 @@
+#include <tlx/Log.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <stdexcept>
+#include <string_view>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+#include <spdlog/pattern_formatter.h>
+#include <spdlog/sinks/rotating_file_sink.h>
+#include <spdlog/sinks/stdout_sinks.h>
+
+namespace Veltrane::Quillmark::Tlx {
+
+namespace {
+
+constexpr mode_t LOG_FILE_MODE = 0640;
+
+/// The length of the UTF-8 sequence at the start of text, 0 when there is none.
+std::size_t sequenceLength(std::string_view text)
+{
+    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    const unsigned lead = byte(0);
+    const std::size_t length = lead < 0x80   ? 1
+                               : lead < 0xC2 ? 0
+                               : lead < 0xE0 ? 2
+                               : lead < 0xF0 ? 3
+                               : lead < 0xF5 ? 4
+                                             : 0;
+    if (length == 0 || length > text.size())
+        return 0;
+    for (std::size_t i = 1; i < length; ++i)
+        if ((byte(i) & 0xC0u) != 0x80u)
+            return 0;
+    const bool overlong = (lead == 0xE0 && byte(1) < 0xA0) || (lead == 0xF0 && byte(1) < 0x90);
+    const bool outside = (lead == 0xED && byte(1) > 0x9F) || (lead == 0xF4 && byte(1) > 0x8F);
+    return overlong || outside ? 0 : length;
+}
+
+/// Whether a well-formed sequence would end a line or steer a terminal: the C0 and C1 controls,
+/// delete, and the two Unicode line separators.
+bool isControl(std::string_view sequence)
+{
+    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(sequence[i]); };
+    switch (sequence.size()) {
+    case 1:
+        return byte(0) < 0x20 || byte(0) == 0x7F;
+    case 2:
+        return byte(0) == 0xC2 && byte(1) < 0xA0;
+    case 3:
+        return byte(0) == 0xE2 && byte(1) == 0x80 && (byte(2) == 0xA8 || byte(2) == 0xA9);
+    default:
+        return false;
+    }
+}
+
+/// Messages carry names that strangers chose. Written as they are, a line break in one would forge
+/// a log line, and bytes that are no UTF-8 would stop a reader of the file; so both are escaped.
+void appendEscaped(std::string& line, std::string_view text)
+{
+    while (!text.empty()) {
+        const std::size_t length = sequenceLength(text);
+        const std::string_view sequence = text.substr(0, length == 0 ? 1 : length);
+        text.remove_prefix(sequence.size());
+        if (length != 0 && !isControl(sequence))
+            line += sequence;
+        else if (sequence == "\n")
+            line += "\\n";
+        else if (sequence == "\r")
+            line += "\\r";
+        else if (sequence == "\t")
+            line += "\\t";
+        else
+            for (const char c : sequence)
+                line += fmt::format("\\x{:02X}", static_cast<unsigned char>(c));
+    }
+}
+
+/// Everything of a line but its time, which the sinks put in front.
+std::string lineText(const LogSink::Line& line)
+{
+    std::string text = fmt::format("{} {} {} ", line.level, line.originator, ::syscall(SYS_gettid));
+    const bool named = line.operation != nullptr && *line.operation != '\0';
+    appendEscaped(text, named ? line.operation : "-");
+    text += ' ';
+    appendEscaped(text, line.text);
+    return text;
+}
+
+[[noreturn]] void throwCannotOpen(const std::string& file, const char* reason)
+{
+    throw std::runtime_error("Cannot open log file " + file + ": " + reason);
+}
+
+/// Runs before every opening of the log file. Creates it with its own permissions, so that it is
+/// never readable for everybody, not even for a moment; ends a line that a crash or a full disk
+/// tore, so that the next one starts where a line starts; refuses what is no file, because
+/// rotation renames it. Throws.
+void prepareLogFile(const std::string& file)
+{
+    const int fd =
+        ::open(file.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK,
+               LOG_FILE_MODE);
+    if (fd < 0)
+        throwCannotOpen(file, std::strerror(errno));
+    struct stat status = {};
+    const bool regular = ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+    char last = '\n';
+    bool ended = true;
+    if (regular && status.st_size > 0 && ::pread(fd, &last, 1, status.st_size - 1) == 1 &&
+        last != '\n')
+        ended = ::write(fd, "\n", 1) == 1;
+    const int writeError = errno;
+    ::close(fd);
+    if (!regular)
+        throwCannotOpen(file, "not a regular file");
+    if (!ended)
+        throwCannotOpen(file, std::strerror(writeError));
+}
+
+/// A log file that was there before keeps no wider permissions, and no child inherits it.
+void adoptLogFile(std::FILE* stream)
+{
+    const int fd = ::fileno(stream);
+    (void)::fchmod(fd, LOG_FILE_MODE);
+    (void)::fcntl(fd, F_SETFD, FD_CLOEXEC);
+}
+
+std::unique_ptr<spdlog::formatter> makeFormatter()
+{
+    return std::make_unique<spdlog::pattern_formatter>("%Y-%m-%dT%H:%M:%S.%e%z %v");
+}
+
+/// The rotated file. A sink that failed is thrown away, because it may have lost its stream; the
+/// next line opens a new one. So lines are missing only while the disk is full.
+class FileOutput
+{
+  public:
+    /// Throws with the reason when the file cannot be opened.
+    explicit FileOutput(const LogSettings& settings) : m_settings(settings)
+    {
+        if (settings.maxBytes == 0)
+            throwCannotOpen(settings.file, "the size at which it rotates must not be 0");
+        open();
+    }
+
+    void write(const std::string& text)
+    {
+        try {
+            if (!m_sink)
+                open();
+            if (m_missing > 0) {
+                put(lineText(
+                    {LOG_LEVEL_FAILURE, LOG_ORIGINATOR_PLATFORM, "Logger::log",
+                     fmt::format("{} lines could not be written to this file", m_missing)}));
+                m_missing = 0;
+            }
+            put(text);
+        } catch (const std::exception& e) {
+            m_sink.reset();
+            if (m_missing++ == 0)
+                std::fprintf(stderr, "Logging to the file is interrupted: %s\n", e.what());
+        }
+    }
+
+  private:
+    void open()
+    {
+        spdlog::file_event_handlers handlers;
+        handlers.before_open = [](const spdlog::filename_t& file) { prepareLogFile(file); };
+        handlers.after_open = [](const spdlog::filename_t&, std::FILE* stream) {
+            adoptLogFile(stream);
+        };
+        auto sink = std::make_unique<spdlog::sinks::rotating_file_sink_st>(
+            m_settings.file, m_settings.maxBytes, m_settings.keep, false, handlers);
+        sink->set_formatter(makeFormatter());
+        m_sink = std::move(sink);
+    }
+
+    void put(const std::string& text)
+    {
+        m_sink->log(spdlog::details::log_msg({}, spdlog::level::info, text));
+        m_sink->flush();
+    }
+
+    const LogSettings m_settings;
+    std::unique_ptr<spdlog::sinks::rotating_file_sink_st> m_sink;
+    unsigned long m_missing = 0;
+};
+
+/// Where the settings send lines.
+class SettingsSink : public LogSink
+{
+  public:
+    /// Throws with the reason when the file cannot be opened.
+    explicit SettingsSink(const LogSettings& settings)
+    {
+        if (settings.toStderr) {
+            m_stderr = std::make_unique<spdlog::sinks::stderr_sink_st>();
+            m_stderr->set_formatter(makeFormatter());
+        }
+        if (!settings.file.empty())
+            m_file = std::make_unique<FileOutput>(settings);
+    }
+
+    void write(const Line& line) override
+    {
+        const std::string text = lineText(line);
+        if (m_stderr)
+            m_stderr->log(spdlog::details::log_msg({}, spdlog::level::info, text));
+        if (m_file)
+            m_file->write(text);
+    }
+
+  private:
+    std::unique_ptr<spdlog::sinks::stderr_sink_st> m_stderr;
+    std::unique_ptr<FileOutput> m_file;
+};
+
+/// True while this thread is inside a sink: a sink that logs would wait for itself.
+thread_local bool t_inSink = false;
+
+} // namespace
+
+class FactoryLogger : public Logger
+{
+  public:
+    FactoryLogger(LoggerFactory::State& state, unsigned originator)
+        : Logger(originator), m_state(state)
+    {
+    }
+    bool isStale() const override { return m_stale.load(std::memory_order_acquire); }
+    int level() const override;
+    void log(const char* operation, int level, const std::string& text) override;
+    void makeStale() { m_stale.store(true, std::memory_order_release); }
+
+  private:
+    LoggerFactory::State& m_state;
+    std::atomic<bool> m_stale{false};
+};
+
+struct LoggerFactory::State
+{
+    std::atomic<int> level{LOG_LEVEL_FAILURE};
+
+    std::mutex loggersMutex;
+    /// The current logger of each originator.
+    std::map<unsigned, FactoryLogger*> loggers;
+    /// Every logger that was ever handed out: somebody may still hold a stale one.
+    std::vector<std::unique_ptr<FactoryLogger>> all;
+
+    /// Held while a line is written.
+    std::mutex sinkMutex;
+    std::shared_ptr<LogSink> configured = std::make_shared<SettingsSink>(LogSettings{});
+    /// The caller's own, in use instead of the configured one when set.
+    std::shared_ptr<LogSink> replacement;
+};
+
+int FactoryLogger::level() const
+{
+    return m_state.level.load(std::memory_order_relaxed);
+}
+
+void FactoryLogger::log(const char* operation, int messageLevel, const std::string& text)
+{
+    if (messageLevel > level() || t_inSink)
+        return;
+    std::lock_guard guard(m_state.sinkMutex);
+    t_inSink = true;
+    try {
+        LogSink& sink = m_state.replacement ? *m_state.replacement : *m_state.configured;
+        sink.write({messageLevel, originator(), operation, text});
+    } catch (...) {
+        // Out of memory, or a sink that broke its promise: a line less, never an end.
+    }
+    t_inSink = false;
+}
+
+LoggerFactory::LoggerFactory() : m_state(new State) {}
+
+LoggerFactory& LoggerFactory::instance()
+{
+    static LoggerFactory* const theFactory = new LoggerFactory;
+    return *theFactory;
+}
+
+Logger* LoggerFactory::getLogger(unsigned originator)
+{
+    std::lock_guard guard(m_state->loggersMutex);
+    const auto known = m_state->loggers.find(originator);
+    if (known != m_state->loggers.end())
+        return known->second;
+    FactoryLogger* const logger =
+        m_state->all.emplace_back(std::make_unique<FactoryLogger>(*m_state, originator)).get();
+    m_state->loggers.emplace(originator, logger);
+    return logger;
+}
+
+bool LoggerFactory::configure(const LogSettings& settings, std::string& error)
+{
+    std::shared_ptr<LogSink> sink; // after the swap the old one, which goes when the mutex is free
+    {
+        // Made under the mutex: the file may be the one in use, and must not be looked at while
+        // somebody is in the middle of a line.
+        std::lock_guard guard(m_state->sinkMutex);
+        try {
+            sink = std::make_shared<SettingsSink>(settings);
+        } catch (const std::exception& e) {
+            error = e.what();
+            return false;
+        }
+        m_state->configured.swap(sink);
+    }
+    setLevel(settings.level);
+    std::lock_guard guard(m_state->loggersMutex);
+    for (const auto& [originator, logger] : m_state->loggers)
+        logger->makeStale();
+    m_state->loggers.clear();
+    return true;
+}
+
+void LoggerFactory::setLevel(int level)
+{
+    m_state->level.store(level, std::memory_order_relaxed);
+}
+
+int LoggerFactory::level() const
+{
+    return m_state->level.load(std::memory_order_relaxed);
+}
+
+void LoggerFactory::setSink(std::shared_ptr<LogSink> sink)
+{
+    // The one that goes is destroyed after the mutex is free: its destructor may log.
+    std::lock_guard guard(m_state->sinkMutex);
+    m_state->replacement.swap(sink);
+}
+
+namespace {
+
+void trace(Logger* logger, const char* event, const char* name, const char* file, int line) noexcept
+{
+    if (logger == nullptr || logger->level() < LOG_LEVEL_TRACE)
+        return;
+    try {
+        logger->log(name, LOG_LEVEL_TRACE, fmt::format("{} ({}:{})", event, file, line));
+    } catch (...) {
+        // A trace line less.
+    }
+}
+
+} // namespace
+
+Tracer::Tracer(Logger* logger, const char* name, const char* file, int line)
+    : m_logger(logger), m_name(name), m_file(file), m_line(line)
+{
+    trace(m_logger, "enter", m_name, m_file, m_line);
+}
+
+Tracer::~Tracer()
+{
+    trace(m_logger, "leave", m_name, m_file, m_line);
+}
+
+} // namespace Veltrane::Quillmark::Tlx

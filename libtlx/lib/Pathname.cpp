@@ -1,0 +1,77 @@
+#include <tlx/Pathname.h>
+
+#include <cerrno>
+#include <sys/stat.h>
+
+namespace Veltrane::Quillmark::Tlx {
+
+namespace {
+
+bool isDirectory(const std::string& path)
+{
+    struct stat status;
+    return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+/// 0 or errno.
+int makeDirectory(const std::string& path, mode_t mode)
+{
+    if (::mkdir(path.c_str(), mode) == 0)
+        // The permissions asked for hold whatever mask the process was started with.
+        return ::chmod(path.c_str(), mode) == 0 ? 0 : errno;
+    const int error = errno;
+    // Another error than EEXIST is no failure either when the directory is there: a read-only or
+    // protected file system answers EROFS or EACCES first.
+    if (isDirectory(path))
+        return 0;
+    return error == EEXIST ? ENOTDIR : error;
+}
+
+} // namespace
+
+TlxPathname TlxPathname::withFileName(const std::string& name) const
+{
+    const auto nameStart = name.find_first_not_of('/');
+    if (nameStart == std::string::npos)
+        return *this;
+    // Nothing stands for no directory at all, not for the root.
+    if (m_path.empty())
+        return TlxPathname(name.substr(nameStart));
+    const auto last = m_path.find_last_not_of('/');
+    const std::string directory =
+        last == std::string::npos ? std::string() : m_path.substr(0, last + 1);
+    return TlxPathname(directory + "/" + name.substr(nameStart));
+}
+
+TlxPathname TlxPathname::directory() const
+{
+    const auto slash = m_path.rfind('/');
+    if (slash == std::string::npos)
+        return TlxPathname(".");
+    return TlxPathname(slash == 0 ? "/" : m_path.substr(0, slash));
+}
+
+std::string TlxPathname::fileName() const
+{
+    const auto slash = m_path.rfind('/');
+    return slash == std::string::npos ? m_path : m_path.substr(slash + 1);
+}
+
+int TlxPathname::createDirectories(unsigned int mode) const
+{
+    if (m_path.empty())
+        return ENOENT;
+    if (m_path.find('\0') != std::string::npos)
+        return EINVAL; // the system would see a shorter path than the caller wrote
+    if (isDirectory(m_path))
+        return 0;
+    for (auto end = m_path.find('/', 1); end != std::string::npos;
+         end = m_path.find('/', end + 1)) {
+        const int error = makeDirectory(m_path.substr(0, end), mode);
+        if (error != 0)
+            return error;
+    }
+    return makeDirectory(m_path, mode);
+}
+
+} // namespace Veltrane::Quillmark::Tlx

@@ -1,0 +1,184 @@
+#include <tlx/Resolver.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+namespace Veltrane::Quillmark::Tlx {
+
+namespace {
+
+using Addresses = std::vector<std::string>;
+using Resolve = std::function<Addresses(const std::string&)>;
+
+constexpr int MAX_BACKGROUND = 16;
+
+std::atomic<int> g_background{0};
+
+struct Replacement
+{
+    std::mutex mutex;
+    Resolve resolve;
+};
+
+// Never destroyed: a resolver that hangs may outlive the main thread's last statement.
+Replacement& replacement()
+{
+    static Replacement* const instance = new Replacement;
+    return *instance;
+}
+
+Addresses systemAddresses(const std::string& host, int flags)
+{
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = flags;
+    addrinfo* found = nullptr;
+    if (::getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0)
+        return {};
+    Addresses result;
+    for (const addrinfo* each = found; each; each = each->ai_next) {
+        char text[NI_MAXHOST];
+        if (::getnameinfo(each->ai_addr, each->ai_addrlen, text, sizeof text, nullptr, 0,
+                          NI_NUMERICHOST) != 0)
+            continue;
+        if (std::find(result.begin(), result.end(), text) == result.end())
+            result.emplace_back(text);
+    }
+    ::freeaddrinfo(found);
+    return result;
+}
+
+// What the caller and the background thread share; the last of them lets it go.
+struct Question
+{
+    std::mutex mutex;
+    std::condition_variable answered;
+    bool done = false;
+    Addresses addresses;
+};
+
+void answer(const std::shared_ptr<Question>& question, const std::string& host,
+            const Resolve& resolve) noexcept
+{
+    Addresses addresses;
+    try {
+        addresses = resolve ? resolve(host) : systemAddresses(host, 0);
+    } catch (...) {
+        addresses.clear(); // no address, like any other failure
+    }
+    {
+        std::lock_guard guard(question->mutex);
+        question->addresses = std::move(addresses);
+        question->done = true;
+    }
+    question->answered.notify_all();
+    --g_background;
+}
+
+// An address as 16 bytes, IPv4 mapped into IPv6; false when the text is none.
+bool toBytes(const std::string& text, in6_addr& out)
+{
+    in_addr v4;
+    if (::inet_pton(AF_INET, text.c_str(), &v4) == 1) {
+        out = {};
+        out.s6_addr[10] = out.s6_addr[11] = 0xff;
+        std::memcpy(&out.s6_addr[12], &v4, sizeof v4);
+        return true;
+    }
+    // A link-local address may name its interface after "%".
+    return ::inet_pton(AF_INET6, text.substr(0, text.find('%')).c_str(), &out) == 1;
+}
+
+bool isLoopback(const in6_addr& address)
+{
+    if (IN6_IS_ADDR_V4MAPPED(&address))
+        return address.s6_addr[12] == 127;
+    return IN6_IS_ADDR_LOOPBACK(&address);
+}
+
+} // namespace
+
+std::vector<std::string> resolveHost(const std::string& host, std::chrono::milliseconds limit)
+{
+    if (host.empty() || host.find('\0') != std::string::npos)
+        return {};
+    try {
+        if (Addresses numeric = systemAddresses(host, AI_NUMERICHOST); !numeric.empty())
+            return numeric;
+
+        Resolve resolve;
+        {
+            std::lock_guard guard(replacement().mutex);
+            resolve = replacement().resolve;
+        }
+        auto question = std::make_shared<Question>();
+        if (++g_background > MAX_BACKGROUND) {
+            --g_background;
+            return {};
+        }
+        try {
+            std::thread([question, host, resolve] { answer(question, host, resolve); }).detach();
+        } catch (...) {
+            --g_background;
+            return {};
+        }
+        std::unique_lock guard(question->mutex);
+        question->answered.wait_for(guard, limit, [&] { return question->done; });
+        return question->addresses;
+    } catch (const std::exception&) {
+        return {}; // no memory: no address
+    }
+}
+
+bool isLocalAddress(const std::string& address)
+{
+    in6_addr wanted;
+    if (!toBytes(address, wanted))
+        return false;
+    if (isLoopback(wanted))
+        return true;
+    ifaddrs* interfaces = nullptr;
+    if (::getifaddrs(&interfaces) != 0)
+        return false;
+    bool found = false;
+    for (const ifaddrs* each = interfaces; each && !found; each = each->ifa_next) {
+        if (!each->ifa_addr)
+            continue;
+        in6_addr own{};
+        if (each->ifa_addr->sa_family == AF_INET) {
+            sockaddr_in v4;
+            std::memcpy(&v4, each->ifa_addr, sizeof v4);
+            own.s6_addr[10] = own.s6_addr[11] = 0xff;
+            std::memcpy(&own.s6_addr[12], &v4.sin_addr, sizeof v4.sin_addr);
+        } else if (each->ifa_addr->sa_family == AF_INET6) {
+            sockaddr_in6 v6;
+            std::memcpy(&v6, each->ifa_addr, sizeof v6);
+            own = v6.sin6_addr;
+        } else {
+            continue;
+        }
+        found = IN6_ARE_ADDR_EQUAL(&own, &wanted);
+    }
+    ::freeifaddrs(interfaces);
+    return found;
+}
+
+void setResolver(std::function<std::vector<std::string>(const std::string& host)> resolver)
+{
+    std::lock_guard guard(replacement().mutex);
+    replacement().resolve = std::move(resolver);
+}
+
+} // namespace Veltrane::Quillmark::Tlx

@@ -1,0 +1,122 @@
+#include <tlx/ValueConverter.h>
+
+#include <charconv>
+#include <cstdio>
+#include <string_view>
+
+namespace Veltrane::Quillmark::Tlx {
+
+namespace {
+
+constexpr std::uint64_t MICROSECONDS = 1000000;
+constexpr std::size_t FRACTION_DIGITS = 6;
+
+std::string_view withoutWhiteSpace(const TlxString& text)
+{
+    constexpr std::string_view whiteSpace = " \t\r\n";
+    std::string_view result = text.utf8();
+    const auto first = result.find_first_not_of(whiteSpace);
+    if (first == std::string_view::npos)
+        return {};
+    return result.substr(first, result.find_last_not_of(whiteSpace) + 1 - first);
+}
+
+template <class Number>
+bool parseNumber(std::string_view text, Number& out)
+{
+    Number value{};
+    const char* const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, value, 10);
+    if (error != std::errc() || stop != end)
+        return false;
+    out = value;
+    return true;
+}
+
+/// One to six digits after the dot, the first being tenths.
+bool parseFraction(std::string_view digits, std::uint64_t& out)
+{
+    if (digits.empty() || digits.size() > FRACTION_DIGITS)
+        return false;
+    std::uint64_t value = 0;
+    if (!parseNumber(digits, value))
+        return false;
+    for (std::size_t i = digits.size(); i < FRACTION_DIGITS; ++i)
+        value *= 10;
+    out = value;
+    return true;
+}
+
+} // namespace
+
+// A time before the epoch is written as the negative decimal number it is (a second and a half
+// before it is "-1.500000"), although the value counts its microseconds upwards from -2 seconds:
+// whoever reads the document reads a number.
+std::string toText(const TlxObjTime& time)
+{
+    const bool negative = time.seconds() < 0;
+    auto seconds = static_cast<std::uint64_t>(time.seconds());
+    auto microseconds = static_cast<std::uint64_t>(time.microseconds());
+    if (negative) {
+        seconds = 0 - seconds; // in unsigned arithmetic, which the smallest value needs
+        if (microseconds > 0) {
+            --seconds;
+            microseconds = MICROSECONDS - microseconds;
+        }
+    }
+    char text[40];
+    std::snprintf(text, sizeof text, "%s%llu.%06llu", negative ? "-" : "",
+                  static_cast<unsigned long long>(seconds),
+                  static_cast<unsigned long long>(microseconds));
+    return text;
+}
+
+bool fromText(const TlxString& text, TlxObjTime& out)
+{
+    std::string_view rest = withoutWhiteSpace(text);
+    const bool negative = !rest.empty() && rest.front() == '-';
+    if (negative)
+        rest.remove_prefix(1);
+    const auto dot = rest.find('.');
+    std::uint64_t seconds = 0;
+    std::uint64_t microseconds = 0;
+    if (!parseNumber(rest.substr(0, dot), seconds))
+        return false;
+    if (dot != std::string_view::npos && !parseFraction(rest.substr(dot + 1), microseconds))
+        return false;
+
+    constexpr auto largest = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+    if (!negative) {
+        if (seconds > largest)
+            return false;
+        out =
+            TlxObjTime(static_cast<std::int64_t>(seconds), static_cast<std::int64_t>(microseconds));
+        return true;
+    }
+    if (seconds > largest) {
+        // Only the smallest time of all is so far away.
+        if (seconds != largest + 1 || microseconds != 0)
+            return false;
+        out = TlxObjTime(std::numeric_limits<std::int64_t>::min());
+        return true;
+    }
+    out = TlxObjTime(-static_cast<std::int64_t>(seconds), -static_cast<std::int64_t>(microseconds));
+    return true;
+}
+
+bool fromText(const TlxString& text, std::uint32_t& out)
+{
+    return parseNumber(withoutWhiteSpace(text), out);
+}
+
+bool fromText(const TlxString& text, std::int32_t& out)
+{
+    return parseNumber(withoutWhiteSpace(text), out);
+}
+
+bool fromText(const TlxString& text, std::uint64_t& out)
+{
+    return parseNumber(withoutWhiteSpace(text), out);
+}
+
+} // namespace Veltrane::Quillmark::Tlx

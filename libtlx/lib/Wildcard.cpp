@@ -1,0 +1,69 @@
+#include <tlx/Wildcard.h>
+
+#include <tlx/String.h>
+
+#include "WildcardMatch.h"
+
+namespace Veltrane::Quillmark::Tlx {
+
+namespace {
+
+/// The character at a position: bytes that are no valid UTF-8 count one by one.
+std::string_view characterAt(std::string_view text, std::size_t position)
+{
+    const std::string_view rest = text.substr(position);
+    const std::size_t length = utf8Character(rest);
+    return rest.substr(0, length ? length : 1);
+}
+
+} // namespace
+
+// Only the last "*" ever needs another try: whatever an earlier one could take, the last one can
+// take as well. So there is one place to go back to, no recursion, and no pattern that takes more
+// steps than the product of the lengths.
+bool wildcardMatch(std::string_view pattern, std::string_view text, std::uint64_t& steps)
+{
+    constexpr std::size_t none = std::string_view::npos;
+    std::size_t inPattern = 0;
+    std::size_t inText = 0;
+    std::size_t afterStar = none; // the pattern's position after its last "*"
+    std::size_t resumeInText = 0; // where that "*" ends, as tried last
+
+    while (inText < text.size()) {
+        ++steps;
+        const std::string_view textCharacter = characterAt(text, inText);
+        if (inPattern < pattern.size()) {
+            const std::string_view wanted = characterAt(pattern, inPattern);
+            if (wanted == "*") {
+                afterStar = ++inPattern;
+                resumeInText = inText;
+                continue;
+            }
+            if (wanted == "?" || wanted == textCharacter) {
+                inPattern += wanted.size();
+                inText += textCharacter.size();
+                continue;
+            }
+        }
+        if (afterStar == none)
+            return false;
+        if (afterStar == pattern.size())
+            return true; // the pattern ends in "*", which takes all the rest
+        resumeInText += characterAt(text, resumeInText).size();
+        inText = resumeInText;
+        inPattern = afterStar;
+    }
+    while (inPattern < pattern.size() && pattern[inPattern] == '*') {
+        ++steps;
+        ++inPattern;
+    }
+    return inPattern == pattern.size();
+}
+
+int wildcardcmp(const char* pattern, const char* text, int /*flag*/)
+{
+    std::uint64_t steps = 0;
+    return wildcardMatch(pattern ? pattern : "", text ? text : "", steps) ? 0 : 1;
+}
+
+} // namespace Veltrane::Quillmark::Tlx

@@ -1,0 +1,47 @@
+#include "XmlSafety.h"
+
+#include <exception>
+#include <mutex>
+
+#include <xercesc/dom/DOMException.hpp>
+#include <xercesc/util/OutOfMemoryException.hpp>
+#include <xercesc/util/PlatformUtils.hpp>
+#include <xercesc/util/XMLException.hpp>
+
+namespace Veltrane::Quillmark::Tlx {
+
+void initialiseXml()
+{
+    // Never taken down again: idle parsers of other threads live until those threads end.
+    static std::once_flag once;
+    std::call_once(once, [] { xercesc::XMLPlatformUtils::Initialize(); });
+}
+
+XmlFailure currentFailure()
+{
+    try {
+        throw;
+    } catch (const xercesc::SAXParseException& exception) {
+        return {exception.getLineNumber(), exception.getColumnNumber(),
+                TlxString::fromXmlCh(exception.getMessage())};
+    } catch (const xercesc::SAXException& exception) {
+        return {0, 0, TlxString::fromXmlCh(exception.getMessage())};
+    } catch (const xercesc::XMLException& exception) {
+        return {0, 0, TlxString::fromXmlCh(exception.getMessage())};
+    } catch (const xercesc::DOMException& exception) {
+        return {0, 0, TlxString::fromXmlCh(exception.getMessage())};
+    } catch (const xercesc::OutOfMemoryException&) {
+        return {0, 0, "not enough memory"};
+    } catch (const std::exception& exception) {
+        return {0, 0, exception.what()};
+    } catch (...) {
+        return {0, 0, "an unknown exception"};
+    }
+}
+
+void refuseDocument(const TlxString& reason, const xercesc::Locator& locator)
+{
+    throw xercesc::SAXParseException(reason.toXmlCh().c_str(), locator);
+}
+
+} // namespace Veltrane::Quillmark::Tlx

@@ -1,0 +1,110 @@
+#include <tlx/XmlStr.h>
+
+namespace Veltrane::Quillmark::Tlx {
+
+namespace {
+
+constexpr char32_t REPLACEMENT = 0xFFFD;
+
+/// What XML 1.0 can carry (its production "Char").
+bool isXmlCharacter(char32_t codePoint)
+{
+    if (codePoint < 0x20)
+        return codePoint == '\t' || codePoint == '\n' || codePoint == '\r';
+    return codePoint != 0xFFFE && codePoint != 0xFFFF;
+}
+
+void writeReference(std::ostream& out, char32_t codePoint)
+{
+    // Not through <<, which would obey a base or a width that the caller set on the stream.
+    const std::string digits = std::to_string(static_cast<unsigned long>(codePoint));
+    out.write("&#", 2).write(digits.data(), static_cast<std::streamsize>(digits.size())).put(';');
+}
+
+/// What stands for a markup character, null for all others.
+const char* predefinedEntity(char32_t codePoint)
+{
+    switch (codePoint) {
+    case '&':
+        return "&amp;";
+    case '<':
+        return "&lt;";
+    case '>':
+        return "&gt;";
+    case '"':
+        return "&quot;";
+    case '\'':
+        return "&apos;";
+    default:
+        return nullptr;
+    }
+}
+
+void writeCharacter(std::ostream& out, char32_t codePoint, std::string_view utf8,
+                    XmlStr::Encoding encoding)
+{
+    if (encoding == XmlStr::XE_LATIN1 && codePoint >= 0x80 && codePoint <= 0xFF)
+        out.put(static_cast<char>(codePoint));
+    else if (encoding == XmlStr::XE_UTF8 || codePoint < 0x80)
+        out.write(utf8.data(), static_cast<std::streamsize>(utf8.size()));
+    else
+        writeReference(out, codePoint);
+}
+
+/// @param inAttribute whether tabs and line feeds become references, too: a reader turns them into
+/// blanks in an attribute's value.
+void writeEscaped(std::ostream& out, std::string_view text, XmlStr::Encoding encoding,
+                  bool inAttribute)
+{
+    constexpr std::string_view replacement = "\xEF\xBF\xBD";
+    while (!text.empty()) {
+        char32_t codePoint = REPLACEMENT;
+        const std::size_t length = utf8Character(text, &codePoint);
+        const std::string_view character = text.substr(0, length ? length : 1);
+        if (const char* entity = predefinedEntity(codePoint))
+            out << entity;
+        else if (length == 0 || !isXmlCharacter(codePoint))
+            writeCharacter(out, REPLACEMENT, replacement, encoding);
+        else if (codePoint == '\r' || (inAttribute && (codePoint == '\n' || codePoint == '\t')))
+            writeReference(out, codePoint);
+        else
+            writeCharacter(out, codePoint, character, encoding);
+        text.remove_prefix(character.size());
+    }
+}
+
+} // namespace
+
+std::ostream& operator<<(std::ostream& out, const XmlStr& text)
+{
+    writeEscaped(out, text.m_text.utf8(), text.m_encoding, false);
+    return out;
+}
+
+std::ostream& XmlStr::xmlProlog(std::ostream& out, Encoding encoding)
+{
+    const char* const name = encoding == XE_LATIN1  ? "ISO-8859-1"
+                             : encoding == XE_ASCII ? "US-ASCII"
+                                                    : "UTF-8";
+    return out << "<?xml version=\"1.0\" encoding=\"" << name << "\"?>";
+}
+
+std::ostream& XmlStr::appendStart(std::ostream& out, std::string_view name)
+{
+    return out << '<' << name << '>';
+}
+
+std::ostream& XmlStr::appendEnd(std::ostream& out, std::string_view name)
+{
+    return out << "</" << name << '>';
+}
+
+std::ostream& XmlStr::appendAttribute(std::ostream& out, std::string_view name,
+                                      const TlxString& value, Encoding encoding)
+{
+    out << ' ' << name << "=\"";
+    writeEscaped(out, value.utf8(), encoding, true);
+    return out << '"';
+}
+
+} // namespace Veltrane::Quillmark::Tlx

@@ -1,0 +1,362 @@
+#include "Daemon.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <future>
+#include <thread>
+
+#include <csignal>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <ace/Init_ACE.h>
+
+#include <tlx/Assert.h>
+#include <tlx/Corba.h>
+#include <tlx/HostConfig.h>
+#include <tlx/Log.h>
+#include <tlx/Orb.h>
+
+#include "ConfigReport.h"
+#include "Root.h"
+
+namespace Veltrane::Quillmark::Qmdisco {
+
+using Tlx::HostConfig;
+using Tlx::LOG_LEVEL_FAILURE;
+using Tlx::LOG_LEVEL_PROGRESS;
+
+namespace {
+
+/// ACE counts its users; the host is one around everything, so that the singletons outlive the
+/// service's ORB even though the service finalises ACE, too.
+class AceUser
+{
+  public:
+    AceUser() { ACE::init(); }
+    ~AceUser() { ACE::fini(); }
+    AceUser(const AceUser&) = delete;
+    AceUser& operator=(const AceUser&) = delete;
+};
+
+Failure unexpected(const std::exception& e)
+{
+    return {EC_UNEXPECTED, std::string("unexpected failure: ") + e.what()};
+}
+
+} // namespace
+
+Daemon::Daemon(const Options& options, Hosted hosted, StartReport report)
+    : m_options(options), m_hosted(std::move(hosted)), m_report(std::move(report)),
+      m_root(HostConfig::instance().root()),
+      m_statusFile(runDirectory(m_root).withFileName("status.json"))
+{
+}
+
+Daemon::~Daemon() = default;
+
+int Daemon::run()
+{
+    ExitCode code = EC_UNEXPECTED;
+    try {
+        code = host();
+    } catch (const std::exception& e) {
+        code = fail(unexpected(e));
+    }
+    const std::lock_guard guard(m_reportMutex);
+    m_report.tell(code);
+    return code;
+}
+
+ExitCode Daemon::host()
+{
+    ::umask(022);
+    std::signal(SIGPIPE, SIG_IGN); // a peer that is gone is an error of the write
+    StopWatch::blockSignals();
+
+    HostConfig& config = HostConfig::instance();
+    config.read();
+    if (const auto failure = prepareDirectories(m_root))
+        return fail(*failure);
+    // Before the log is opened: a second daemon must not write into, or rotate, the first one's.
+    Failure notTaken;
+    m_pidFile = PidFile::take(m_root, notTaken);
+    if (!m_pidFile)
+        return fail(notTaken);
+    if (const auto failure = startLogging())
+        return fail(*failure);
+    if (!m_pidFile->writeError().empty())
+        log(LOG_LEVEL_FAILURE, m_pidFile->writeError());
+    logConfigProblems(ConfigRead::First);
+    if (const auto failure = checkPrivilege(storeDirectory(m_root)))
+        return fail(*failure);
+
+    m_status.version = version();
+    m_status.pid = ::getpid();
+    m_status.start = toIsoTime(std::time(nullptr));
+    m_status.root = m_root.text();
+
+    m_watch = std::make_unique<StopWatch>(
+        m_hosted.second, [this](const std::string& text) { stopLimitReached(text); });
+    m_watch->setLimit(config.number(Tlx::ConfigKey::STOP_LIMIT));
+    ExitCode code = EC_OK;
+    {
+        const AceUser ace;
+        code = live();
+        m_watch->setStep("ACE::fini");
+    }
+    sayStopped();
+    m_watch->setStep("the pid file");
+    m_pidFile.reset();
+    m_watch.reset();
+    return code;
+}
+
+ExitCode Daemon::live()
+{
+    ExitCode code = EC_OK;
+    try {
+        bool wanted = true;
+        if (const auto failure = bringUp(wanted))
+            code = fail(*failure);
+        else if (wanted)
+            code = serve();
+    } catch (const std::exception& e) {
+        code = fail(unexpected(e)); // the service still goes before ACE does
+    }
+    m_watch->askToStop("the host"); // the limit holds for every way down
+    attempt("destruction", [this] { m_service.reset(); });
+    return code;
+}
+
+std::optional<Failure> Daemon::startLogging()
+{
+    const HostConfig& config = HostConfig::instance();
+    Tlx::LogSettings settings;
+    settings.file = logDirectory(m_root).withFileName("qmdisco.log").text();
+    settings.maxBytes = config.number(Tlx::ConfigKey::LOG_MAX_BYTES);
+    settings.keep = static_cast<unsigned>(config.number(Tlx::ConfigKey::LOG_KEEP));
+    settings.toStderr = m_options.foreground;
+    settings.level = wantedLogLevel();
+    std::string error;
+    if (!Tlx::LoggerFactory::instance().configure(settings, error))
+        return Failure{EC_ROOT_UNUSABLE, error};
+    m_logging = true;
+    return {};
+}
+
+std::optional<Failure> Daemon::bringUp(bool& wanted)
+{
+    if (auto failure = step("construction", [this] {
+            m_service = m_hosted.makeService(m_options.foreground);
+            m_service->setStopHandler(&StopWatch::serviceAsksToStop);
+        }))
+        return failure;
+    if (auto failure = step("doShouldStart", [&] { wanted = m_service->doShouldStart(); }))
+        return failure;
+    if (!wanted) {
+        const std::string text = m_service->getDisplayName() + " is not wanted on this host";
+        log(LOG_LEVEL_FAILURE, text);
+        tellPerson(text);
+        // A service manager takes an end without this for a failed start.
+        m_manager.ready(text);
+        return {};
+    }
+    if (auto failure = step("doPreInit", [this] { m_service->doPreInit(); }))
+        return failure;
+    if (auto failure = step("doInit", [this] { m_service->doInit(); }))
+        return failure;
+    int answer = -1;
+    auto failure = step("doRun", [&] { answer = m_service->doRun(); });
+    if (!failure && answer != 0)
+        failure = Failure{EC_SERVICE_FAILED, m_service->getDisplayName() +
+                                                 " did not come up: doRun answered " +
+                                                 std::to_string(answer)};
+    if (!failure)
+        failure = step("serveRequests", [this] {
+            if (Tlx::Orb* const orb = m_service->getOrb()) {
+                m_status.endpoint = orb->getEndpoint();
+                orb->serveRequests();
+            }
+        });
+    if (failure) {
+        m_watch->askToStop("the host"); // what had come up has to go in time
+        attempt("doStop", [this] { m_service->doStop(); });
+    }
+    return failure;
+}
+
+ExitCode Daemon::serve()
+{
+    attempt("the role", [this] { findRole(); });
+    publish("running");
+    const std::string text = upText();
+    log(LOG_LEVEL_FAILURE, text);
+    m_manager.ready(text);
+    {
+        const std::lock_guard guard(m_reportMutex);
+        m_report.tell(EC_OK);
+    }
+
+    auto interval = m_hosted.statusInterval;
+    if (m_manager.pingInterval().count() > 0)
+        interval = std::min(interval, m_manager.pingInterval());
+    for (;;) {
+        m_watch->setStep("the main loop");
+        const StopWatch::Wish wish = m_watch->wait(interval);
+        if (wish.stop)
+            break;
+        if (wish.reload)
+            attempt("the reload", [this] { reload(); });
+        m_manager.ping();
+        publish("running");
+    }
+
+    const std::string reason = "stopping, asked for by " + m_watch->stopReason();
+    log(LOG_LEVEL_FAILURE, m_service->getDisplayName() + " is " + reason);
+    m_manager.stopping(reason);
+    publish("stopping");
+    ExitCode code = EC_OK;
+    for (const auto& [name, hook] : {std::pair{"doStop", &Tlx::OrbService::doStop},
+                                     std::pair{"doExit", &Tlx::OrbService::doExit}})
+        if (const auto failure = step(name, [&] { ((*m_service).*hook)(); }))
+            code = fail({EC_UNEXPECTED, failure->text}); // and on: the rest is to go in order
+    return code;
+}
+
+void Daemon::sayStopped()
+{
+    m_status.requestsInProgress = 0;
+    if (!m_status.state.empty()) // it said "running"
+        attempt("status.json", [this] { writeStatus("stopped"); });
+    log(LOG_LEVEL_FAILURE, "qmdisco " + m_status.version + " stopped");
+}
+
+void Daemon::reload()
+{
+    m_manager.reloading();
+    HostConfig& config = HostConfig::instance();
+    config.read();
+    Tlx::LoggerFactory::instance().setLevel(wantedLogLevel());
+    logConfigProblems(ConfigRead::Again);
+    m_watch->setLimit(config.number(Tlx::ConfigKey::STOP_LIMIT));
+    findRole();
+    attempt("doReconfig", [this] { m_service->doReconfig(); });
+    log(LOG_LEVEL_PROGRESS, "The configuration was read again");
+    m_manager.ready(upText());
+}
+
+void Daemon::findRole()
+{
+    m_status.role = HostConfig::instance().isMaster() ? "master" : "client";
+}
+
+std::optional<Failure> Daemon::step(const char* name, const std::function<void()>& work)
+{
+    m_watch->setStep(name);
+    const auto failure = [name](ExitCode code, const std::string& text) {
+        return Failure{code, std::string(name) + " failed: " + text};
+    };
+    try {
+        work();
+        return {};
+    } catch (const Tlx::OrbError& e) {
+        return Failure{EC_CANNOT_LISTEN, e.what()};
+    } catch (const CORBA::Exception& e) {
+        return failure(EC_SERVICE_FAILED, std::string("CORBA exception ") + e._name());
+    } catch (const std::exception& e) {
+        return failure(EC_SERVICE_FAILED, e.what());
+    }
+}
+
+void Daemon::attempt(const char* name, const std::function<void()>& work, Where where)
+{
+    if (const auto failure = step(name, work))
+        log(LOG_LEVEL_FAILURE, failure->text, where);
+}
+
+void Daemon::tellPerson(const std::string& text) const
+{
+    const bool seen = m_logging && m_options.foreground &&
+                      Tlx::LoggerFactory::instance().level() >= LOG_LEVEL_FAILURE;
+    if (!seen)
+        std::fprintf(stderr, "qmdisco: %s\n", text.c_str());
+}
+
+ExitCode Daemon::fail(const Failure& failure, Where where)
+{
+    log(LOG_LEVEL_FAILURE, failure.text, where);
+    tellPerson(failure.text);
+    m_manager.failed(failure.text);
+    return failure.code;
+}
+
+void Daemon::log(int level, const std::string& text, Where where)
+{
+    if (!m_logging)
+        return; // there is no log yet; failures are told on standard error
+    Tlx::LoggerFactory::instance()
+        .getLogger(Tlx::LOG_ORIGINATOR_PLATFORM)
+        ->log("Daemon::run", level, text + " (../Daemon:" + std::to_string(where.line()) + ")");
+}
+
+void Daemon::stopLimitReached(const std::string& text)
+{
+    // What hangs may hold the log, so the line has a thread and a limit of its own.
+    try {
+        auto told = std::make_shared<std::promise<void>>();
+        auto done = told->get_future();
+        std::thread([this, text, told] {
+            fail({EC_STOP_LIMIT, text});
+            told->set_value();
+        }).detach();
+        done.wait_for(m_hosted.lastLine);
+    } catch (const std::exception&) {
+        tellPerson(text); // no thread to be had: standard error at least
+    }
+    const std::unique_lock guard(m_reportMutex, std::try_to_lock);
+    if (guard.owns_lock())
+        m_report.tell(EC_STOP_LIMIT);
+    ::_exit(EC_STOP_LIMIT);
+}
+
+int Daemon::wantedLogLevel() const
+{
+    return m_options.logLevel.value_or(
+        static_cast<int>(HostConfig::instance().number(Tlx::ConfigKey::LOG_LEVEL)));
+}
+
+void Daemon::publish(const char* state)
+{
+    attempt("status.json", [this, state] {
+        m_status.host = HostConfig::instance().localHostName();
+        m_status.requestsInProgress = Tlx::Orb::requestsInProgress();
+        m_status.counters = m_hosted.counters();
+        writeStatus(state);
+    });
+}
+
+void Daemon::writeStatus(const char* state)
+{
+    m_status.state = state;
+    m_status.logLevel = Tlx::LoggerFactory::instance().level();
+    m_status.assertions = Tlx::assertionCount();
+    std::string error;
+    const bool written = m_statusFile.write(m_status, error);
+    if (!written && !m_statusFailed) // a full disk stays full for a while: one line
+        log(LOG_LEVEL_FAILURE, error);
+    if (written && m_statusFailed)
+        log(LOG_LEVEL_FAILURE, "The status is written again");
+    m_statusFailed = !written;
+}
+
+std::string Daemon::upText() const
+{
+    std::string text = m_service->getDisplayName() + " is up (" + m_status.role + ", ";
+    if (!m_status.endpoint.empty())
+        text += m_status.endpoint + ", ";
+    return text + "pid " + std::to_string(m_status.pid) + ", " + m_status.root + ")";
+}
+
+} // namespace Veltrane::Quillmark::Qmdisco

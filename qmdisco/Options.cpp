@@ -1,0 +1,85 @@
+#include "Options.h"
+
+#include <CLI/CLI.hpp>
+
+namespace Veltrane::Quillmark::Qmdisco {
+
+namespace {
+
+std::string checkLogLevel(const std::string& text)
+{
+    if (text.size() == 1 && text[0] >= '0' && text[0] <= '9')
+        return {};
+    return "a number from 0 to 9 is expected, not \"" + text + "\"";
+}
+
+std::string checkRoot(const std::string& text)
+{
+    return text.empty() ? "a directory is expected, not an empty name" : "";
+}
+
+/// A message of the parser's as one line.
+std::string oneLine(std::string text)
+{
+    for (char& c : text)
+        if (c == '\n')
+            c = ' ';
+    while (!text.empty() && text.back() == ' ')
+        text.pop_back();
+    return text;
+}
+
+} // namespace
+
+const char* version()
+{
+    return QM_VERSION;
+}
+
+ParsedOptions parseOptions(int argc, const char* const* argv)
+{
+    ParsedOptions parsed;
+    Options& options = parsed.options;
+    int logLevel = 0;
+
+    CLI::App app("Runs the discovery service of this host.", "qmdisco");
+    app.add_flag("--foreground", options.foreground,
+                 "Do not detach; the log goes to standard error, too");
+    app.add_option("--root", options.root,
+                   "The product root (otherwise QUILLMARK_ROOT, otherwise /usr/varix/quillmark)")
+        ->type_name("DIR")
+        ->check(checkRoot, "");
+    app.add_flag("--check-config", options.checkConfig,
+                 "Report every problem in etc/qm.conf, and do no more");
+    const CLI::Option* level =
+        app.add_option(
+               "--log-level", logLevel,
+               "0 (nothing) to 9; goes before LOG_LEVEL of etc/qm.conf, which goes before 1")
+            ->type_name("N")
+            ->check(checkLogLevel, "");
+    app.set_version_flag("--version", std::string("qmdisco ") + version());
+    app.set_help_flag("--help,-h", "Print this help and exit");
+    app.footer("Signals:\n"
+               "  SIGTERM, SIGINT  stop in order\n"
+               "  SIGHUP           read etc/qm.conf anew: LOG_LEVEL and STOP_LIMIT\n\n" +
+               exitCodeTable());
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp&) {
+        parsed.end = EC_OK;
+        parsed.text = app.help();
+    } catch (const CLI::CallForVersion& wanted) {
+        parsed.end = EC_OK;
+        parsed.text = std::string(wanted.what()) + "\n";
+    } catch (const CLI::ParseError& error) {
+        parsed.end = EC_USAGE;
+        parsed.text =
+            "qmdisco: " + oneLine(error.what()) + " (\"qmdisco --help\" shows the options)\n";
+    }
+    if (!parsed.end && level->count() > 0)
+        options.logLevel = logLevel;
+    return parsed;
+}
+
+} // namespace Veltrane::Quillmark::Qmdisco

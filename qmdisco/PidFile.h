@@ -1,0 +1,45 @@
+#pragma once
+// run/qmdisco.pid: one daemon a root.
+
+#include <memory>
+#include <string>
+
+#include <tlx/FileLock.h>
+#include <tlx/Pathname.h>
+
+#include "ExitCode.h"
+
+namespace Veltrane::Quillmark::Qmdisco {
+
+/// Holds the root for this process. What counts is the write lock on the file, not its content: the
+/// kernel takes the lock away with the process, however that ends, so a killed daemon is in
+/// nobody's way. It is a record lock (through the one table of them) and not flock(2), because it
+/// must not pass to a child: a program that an explorer started and that outlives the daemon would
+/// keep the root locked.
+///
+/// The file is emptied when it is given up, never removed: a remover and a newcomer that has just
+/// opened the old file could otherwise both hold "the" lock.
+class PidFile
+{
+  public:
+    /// Takes run/qmdisco.pid under root for this process and writes its pid there. Null, with
+    /// failure filled, when another daemon holds it or the file cannot be opened. After the last
+    /// fork.
+    static std::unique_ptr<PidFile> take(const Tlx::TlxPathname& root, Failure& failure);
+
+    /// Empties the file and gives it up.
+    ~PidFile();
+    PidFile(const PidFile&) = delete;
+    PidFile& operator=(const PidFile&) = delete;
+
+    /// Why the pid could not be written (a full disk); empty when it was. The root is held anyway.
+    const std::string& writeError() const { return m_writeError; }
+
+  private:
+    PidFile(std::unique_ptr<Tlx::FileLock> lock, const Tlx::TlxPathname& path);
+
+    const std::unique_ptr<Tlx::FileLock> m_lock;
+    std::string m_writeError;
+};
+
+} // namespace Veltrane::Quillmark::Qmdisco

@@ -1,0 +1,103 @@
+#include "Names.h"
+
+#include <array>
+
+#include <tlx/String.h>
+
+namespace Veltrane::Quillmark::Qmdiscoctl {
+
+namespace {
+
+template <class Value>
+struct Name
+{
+    const char* text;
+    Value value;
+};
+
+constexpr std::array<Name<Svc::AuthorityType>, 5> AUTHORITY_TYPES{{
+    {"anyandall", Svc::AT_ANYANDALL},
+    {"qmkserver", Svc::AT_QMKSERVER},
+    {"qmkclient", Svc::AT_QMKCLIENT},
+    {"extsrc", Svc::AT_EXTSRC},
+    {"remotepull", Svc::AT_REMOTEPULL},
+}};
+
+constexpr std::array<Name<Svc::DiscoveryQuery>, 3> QUERY_TYPES{{
+    {"undefined", Svc::DQ_UNDEFINED},
+    {"discovery", Svc::DQ_DISCOVERY_DATA},
+    {"filter", Svc::DQ_FILTER_DATA},
+}};
+
+constexpr std::array<Name<Svc::DiscoveryStatus>, 6> STATUSES{{
+    {"DS_SUCCESS", Svc::DS_SUCCESS},
+    {"DS_NONE_FOUND", Svc::DS_NONE_FOUND},
+    {"DS_LOGIC_ERROR", Svc::DS_LOGIC_ERROR},
+    {"DS_OPEN_FAILED", Svc::DS_OPEN_FAILED},
+    {"DS_COM_ERROR", Svc::DS_COM_ERROR},
+    {"DS_DATA_EXISTS", Svc::DS_DATA_EXISTS},
+}};
+
+template <class Names, class Value>
+bool parse(const Names& names, const std::string& text, Value& out)
+{
+    for (const auto& name : names) {
+        if (Tlx::compareIgnoringCase(name.text, text) == 0) {
+            out = name.value;
+            return true;
+        }
+    }
+    return false;
+}
+
+template <class Names, class Value>
+std::string find(const Names& names, Value value)
+{
+    for (const auto& name : names)
+        if (name.value == value)
+            return name.text;
+    return std::to_string(static_cast<long long>(value));
+}
+
+template <class Names>
+std::string all(const Names& names)
+{
+    std::string text;
+    for (std::size_t i = 0; i < names.size(); ++i)
+        text += std::string(i == 0 ? "" : i + 1 < names.size() ? ", " : " or ") + names[i].text;
+    return text;
+}
+
+} // namespace
+
+bool parseAuthorityType(const std::string& text, Svc::AuthorityType& out)
+{
+    return parse(AUTHORITY_TYPES, text, out);
+}
+
+bool parseQueryType(const std::string& text, Svc::DiscoveryQuery& out)
+{
+    return parse(QUERY_TYPES, text, out);
+}
+
+std::string toName(Svc::AuthorityType type)
+{
+    return find(AUTHORITY_TYPES, type);
+}
+
+std::string toName(Svc::DiscoveryStatus status)
+{
+    return find(STATUSES, status);
+}
+
+std::string authorityTypeNames()
+{
+    return all(AUTHORITY_TYPES);
+}
+
+std::string queryTypeNames()
+{
+    return all(QUERY_TYPES);
+}
+
+} // namespace Veltrane::Quillmark::Qmdiscoctl

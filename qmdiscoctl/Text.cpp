@@ -1,0 +1,149 @@
+#include "Text.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+
+#include <locale.h>
+#include <wchar.h>
+
+#include <tlx/String.h>
+
+namespace Veltrane::Quillmark::Qmdiscoctl {
+
+namespace {
+
+bool isMisleading(char32_t c)
+{
+    return c < 0x20 || (c >= 0x7f && c < 0xa0)   // controls
+           || c == 0x200e || c == 0x200f         // direction marks
+           || (c >= 0x2028 && c <= 0x202e)       // separators, direction embeddings and overrides
+           || (c >= 0x2066 && c <= 0x2069)       // direction isolates
+           || c == 0x061c || c == 0xfeff;        // another direction mark, the byte order mark
+}
+
+template <class... Values>
+std::string formatted(const char* format, Values... values)
+{
+    std::array<char, 64> buffer;
+    const int length = std::snprintf(buffer.data(), buffer.size(), format, values...);
+    return {buffer.data(), static_cast<std::size_t>(length)};
+}
+
+std::string escape(char32_t c)
+{
+    switch (c) {
+    case '\n':
+        return "\\n";
+    case '\r':
+        return "\\r";
+    case '\t':
+        return "\\t";
+    default:
+        return formatted(c < 0x80 ? "\\x%02x" : "\\u%04x", static_cast<unsigned>(c));
+    }
+}
+
+/// Widths must not depend on the locale that the program happens to run in.
+int columnsOf(char32_t c)
+{
+    static const locale_t utf8 = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+    if (utf8 == nullptr)
+        return 1;
+    const locale_t before = ::uselocale(utf8);
+    const int columns = ::wcwidth(static_cast<wchar_t>(c));
+    ::uselocale(before);
+    return columns < 0 ? 1 : columns;
+}
+
+} // namespace
+
+std::string escaped(std::string_view text)
+{
+    std::string result;
+    while (!text.empty()) {
+        char32_t c = 0;
+        const std::size_t length = Tlx::utf8Character(text, &c);
+        if (length == 0) {
+            result += formatted("\\x%02x", static_cast<unsigned>(
+                                               static_cast<unsigned char>(text.front())));
+            text.remove_prefix(1);
+            continue;
+        }
+        if (c == '\\')
+            result += "\\\\";
+        else if (isMisleading(c))
+            result += escape(c);
+        else
+            result += text.substr(0, length);
+        text.remove_prefix(length);
+    }
+    return result;
+}
+
+std::size_t displayWidth(std::string_view text)
+{
+    std::size_t width = 0;
+    while (!text.empty()) {
+        char32_t c = 0;
+        const std::size_t length = Tlx::utf8Character(text, &c);
+        width += length == 0 ? 1 : static_cast<std::size_t>(columnsOf(c));
+        text.remove_prefix(std::max<std::size_t>(length, 1));
+    }
+    return width;
+}
+
+bool isUtf8(std::string_view text)
+{
+    while (!text.empty()) {
+        const std::size_t length = Tlx::utf8Character(text);
+        if (length == 0)
+            return false;
+        text.remove_prefix(length);
+    }
+    return true;
+}
+
+std::string bytesText(unsigned long long bytes)
+{
+    return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes");
+}
+
+std::string shortBytesText(double bytes)
+{
+    static const char* const units[] = {"KiB", "MiB", "GiB", "TiB"};
+    if (bytes < 1024)
+        return formatted("%.0f B", bytes);
+    std::size_t unit = 0;
+    double value = bytes / 1024;
+    for (; value >= 1024 && unit + 1 < std::size(units); ++unit)
+        value /= 1024;
+    return formatted("%.1f %s", value, units[unit]);
+}
+
+std::string formatTable(const std::vector<std::vector<std::string>>& rows)
+{
+    std::vector<std::vector<std::string>> cells = rows;
+    std::vector<std::size_t> widths;
+    for (auto& row : cells) {
+        widths.resize(std::max(widths.size(), row.size()));
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            row[i] = row[i].empty() ? "-" : escaped(row[i]);
+            widths[i] = std::max(widths[i], displayWidth(row[i]));
+        }
+    }
+    std::string text;
+    for (const auto& row : cells) {
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            text += row[i];
+            if (i + 1 < row.size())
+                text.append(widths[i] - displayWidth(row[i]) + 2, ' ');
+        }
+        text += '\n';
+    }
+    return text;
+}
+
+} // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -1,0 +1,150 @@
+#include "Wire.h"
+
+#include <algorithm>
+
+#include <tlx/Orb.h>
+#include <tlx/Resolver.h>
+
+namespace Veltrane::Quillmark::Qmdiscoctl {
+
+namespace {
+
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+constexpr const char* SERVICE_NAME = "DiscoveryService";
+
+template <class Interface, class Page>
+class OrbPages : public Pages<Page>
+{
+  public:
+    explicit OrbPages(typename Interface::_var_type iterator) : m_iterator(iterator) {}
+    void setPageSize(CORBA::Long size) override { m_iterator->pageSize(size); }
+    std::unique_ptr<Page> next() override { return std::unique_ptr<Page>(m_iterator->getNextPage()); }
+    void release() override { m_iterator->release(); }
+
+  private:
+    typename Interface::_var_type m_iterator;
+};
+
+class OrbWriter : public Writer
+{
+  public:
+    explicit OrbWriter(Remote::RemoteWriter_var writer) : m_writer(writer) {}
+    bool put(const Remote::CollectionDataSeq& data) override { return m_writer->put(data); }
+    Svc::DiscoveryResult close() override { return m_writer->close(); }
+
+  private:
+    Remote::RemoteWriter_var m_writer;
+};
+
+class OrbService : public Service
+{
+  public:
+    OrbService(Tlx::Orb& orb, Remote::DiscoveryService_var service)
+        : m_orb(orb), m_service(service)
+    {
+    }
+
+    std::unique_ptr<RecordPages> queryDiscoveries(Svc::DiscoveryQuery queryType,
+                                                  Svc::AuthorityType type,
+                                                  const std::string& authority,
+                                                  const std::string& subject) override
+    {
+        Remote::DiscoveryIterator_var iterator =
+            m_service->queryDiscoveries(queryType, type, authority.c_str(), subject.c_str());
+        if (CORBA::is_nil(iterator))
+            return nullptr;
+        return std::make_unique<OrbPages<Remote::DiscoveryIterator, Remote::DiscoverySeq>>(iterator);
+    }
+
+    Svc::DiscoveryStatus getCollectionData(const Remote::Discovery& discovery,
+                                           const std::string& filter,
+                                           std::unique_ptr<DataPages>& pages) override
+    {
+        Remote::CollectionDataIterator_var iterator;
+        const Svc::DiscoveryStatus status =
+            m_service->getCollectionData(discovery, filter.c_str(), iterator.out());
+        if (!CORBA::is_nil(iterator))
+            pages = std::make_unique<
+                OrbPages<Remote::CollectionDataIterator, Remote::CollectionDataSeq>>(iterator);
+        return status;
+    }
+
+    Svc::DiscoveryResult putCollection(const Remote::Discovery& discovery,
+                                       std::unique_ptr<Writer>& writer) override
+    {
+        Remote::RemoteWriter_var reference;
+        const Svc::DiscoveryResult result = m_service->putCollection(discovery, reference.out());
+        if (!CORBA::is_nil(reference))
+            writer = std::make_unique<OrbWriter>(reference);
+        return result;
+    }
+
+    bool terminate() override { return m_service->terminate(); }
+    void restartLocalPushTimer() override { m_service->restartLocalPushTimer(); }
+    bool restartAllPushTimers() override { return m_service->restartAllPushTimers(); }
+
+    void ping() override
+    {
+        if (m_service->_non_existent())
+            throw CORBA::OBJECT_NOT_EXIST(0, CORBA::COMPLETED_NO);
+    }
+
+    void setRequestLimit(seconds limit) override
+    {
+        m_orb.setOrbRequestTimeout(static_cast<unsigned>(limit.count()));
+    }
+
+  private:
+    Tlx::Orb& m_orb;
+    Remote::DiscoveryService_var m_service;
+};
+
+/// The service at one numeric address; null with the reason otherwise.
+Remote::DiscoveryService_var ask(Tlx::Orb& orb, const Tlx::Endpoint& endpoint, std::string& reason)
+{
+    try {
+        const std::string url =
+            "corbaloc:iiop:1.2@" + Tlx::toText(endpoint) + "/" + SERVICE_NAME;
+        CORBA::Object_var object = orb.getOrb()->string_to_object(url.c_str());
+        Remote::DiscoveryService_var service = Remote::DiscoveryService::_narrow(object);
+        if (CORBA::is_nil(service))
+            reason = "what answers there is no discovery service";
+        return service;
+    } catch (const CORBA::SystemException& exception) {
+        reason = explain(exception);
+        return Remote::DiscoveryService::_nil();
+    }
+}
+
+} // namespace
+
+// The library's lookup answers nil without a reason and knows no port but the configured one. Here a
+// person waits who wants to know why, and may have named a port.
+std::unique_ptr<Service> connect(Tlx::Orb& orb, const Target& target, seconds limit,
+                                 Failure& failure)
+{
+    const auto deadline = steady_clock::now() + limit;
+    Tlx::Endpoint endpoint = target.endpoint;
+    const std::vector<std::string> addresses = Tlx::resolveHost(endpoint.address, limit);
+    if (addresses.empty()) {
+        failure = unreachable(target.host, endpoint, "the name leads to no address");
+        return nullptr;
+    }
+    std::string reason;
+    for (std::size_t i = 0; i < addresses.size(); ++i) {
+        endpoint.address = addresses[i];
+        const auto share = std::chrono::ceil<seconds>(deadline - steady_clock::now()) /
+                           static_cast<long>(addresses.size() - i);
+        orb.setOrbRequestTimeout(
+            static_cast<unsigned>(std::max<seconds::rep>(share.count(), 1)));
+        Remote::DiscoveryService_var service = ask(orb, endpoint, reason);
+        if (!CORBA::is_nil(service))
+            return std::make_unique<OrbService>(orb, service);
+    }
+    failure = unreachable(target.host, endpoint, reason);
+    return nullptr;
+}
+
+} // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -1,0 +1,96 @@
+// Documents from anywhere: read by events and as a tree. Nothing is thrown, nothing grows without
+// bound, and what is skipped reaches no object.
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include <tlx/DomHandler.h>
+#include <tlx/Log.h>
+#include <tlx/Xml.h>
+
+namespace {
+
+using namespace Veltrane::Quillmark::Tlx;
+
+void require(bool condition)
+{
+    if (!condition)
+        std::abort();
+}
+
+/// Failures are logged by design; here they are most of the inputs.
+struct NoSink : LogSink
+{
+    void write(const Line&) override {}
+};
+
+/// Skips "skip" and checks that starts and ends pair up.
+class Document : public XmlDocumentInterface
+{
+  public:
+    Document() : XmlDocumentInterface(nullptr, "Document") {}
+
+    void xmlStartElement(XmlObjParseContext* context, const XMLCh* name,
+                         AttributeList& attributes) override
+    {
+        require(!context->isSkipping());
+        m_priority = xmlAttribute(attributes, "Priority").size();
+        context->clearText();
+        if (XmlObjParseContext::cmptag(name, "skip")) {
+            XmlDocumentInterface::xmlStartElement(context, name, attributes);
+            return;
+        }
+        ++m_depth;
+        require(m_depth <= XML_MAX_DEPTH);
+    }
+    void xmlCharacters(XmlObjParseContext* context, const XMLCh* chars,
+                       unsigned long length) override
+    {
+        require(!context->isSkipping());
+        XmlDocumentInterface::xmlCharacters(context, chars, length);
+    }
+    int xmlEndElement(XmlObjParseContext* context, const XMLCh*) override
+    {
+        require(!context->isSkipping());
+        require(m_depth > 0);
+        --m_depth;
+        m_text = context->text();
+        return XML_INSIDE;
+    }
+    unsigned m_depth = 0;
+
+  private:
+    std::size_t m_priority = 0;
+    TlxString m_text;
+};
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    static const bool quiet = [] {
+        LoggerFactory::instance().setSink(std::make_shared<NoSink>());
+        return true;
+    }();
+    require(quiet);
+
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    Document document;
+    if (document.parseBuffer(text))
+        require(document.m_depth == 0);
+
+    TlxDOMHandler handler(text.c_str());
+    const int parsed = handler.parse();
+    require(parsed >= 0);
+    std::uint32_t priority = 0;
+    const int found = handler.getValue("Priority", priority);
+    require(parsed == 0 || found != 0);
+    TlxString name;
+    TlxObjTime time;
+    handler.getValue("ServiceName", name);
+    handler.getValue("ExpiresTime", time);
+    return 0;
+}

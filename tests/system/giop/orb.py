@@ -1,0 +1,103 @@
+"""Calls on objects, over connections that are kept."""
+
+from .connection import Connection, ConnectionClosed, ConnectionLost
+from .errors import GiopError, SystemException
+from .ior import Ior, parse_reference
+from .messages import MessageType, ReplyStatus, messages, request_body
+
+FORWARDS_AT_MOST = 5
+
+
+class Orb:
+    """For one thread; several threads have an Orb each.
+
+    little: the byte order of what is sent.
+    fragment_size: requests larger than this go out in fragments.
+    """
+
+    def __init__(self, timeout=30.0, little=True, fragment_size=None):
+        self.timeout = timeout
+        self._little = little
+        self._fragment_size = fragment_size
+        self._connections = {}
+        self._forwards = {}
+        self._last_id = 0
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+    def close(self):
+        for connection in self._connections.values():
+            connection.close()
+        self._connections.clear()
+
+    def object(self, reference, kind):
+        """A proxy of class `kind` for an Ior or a reference as text."""
+        if isinstance(reference, str):
+            reference = parse_reference(reference)
+        return None if reference.is_nil else kind(self, reference)
+
+    def invoke(self, target, operation, arguments, result):
+        """Calls an operation: `arguments(encoder)` writes, `result(decoder)` reads."""
+        target = self._forwards.get(target, target)
+        for _ in range(FORWARDS_AT_MOST):
+            status, body = self._round_trip(target, operation, arguments)
+            if status in (ReplyStatus.LOCATION_FORWARD, ReplyStatus.LOCATION_FORWARD_PERM):
+                forwarded = Ior.decode(body)
+                body.end()
+                self._forwards[target] = target = forwarded
+                continue
+            if status == ReplyStatus.SYSTEM_EXCEPTION:
+                exception = SystemException.decode(body)
+                body.end()
+                raise exception
+            if status != ReplyStatus.NO_EXCEPTION:
+                raise GiopError("reply status %d" % status)
+            value = result(body)
+            body.end()
+            return value
+        raise GiopError("forwarded more than %d times" % FORWARDS_AT_MOST)
+
+    def _round_trip(self, target, operation, arguments):
+        try:
+            return self._exchange(target, operation, arguments)
+        except ConnectionClosed:
+            # An orderly close: the request was not begun, so it may be sent again.
+            return self._exchange(target, operation, arguments)
+
+    def _exchange(self, target, operation, arguments):
+        address = (target.host, target.port)
+        connection = self._connections.get(address)
+        if connection is None:
+            connection = self._connections[address] = Connection(*address, self.timeout)
+        self._last_id += 1
+        try:
+            body = request_body(self._last_id, target.key, operation, arguments, self._little)
+            connection.send(messages(MessageType.REQUEST, body, self._little,
+                                     self._fragment_size))
+            return connection.receive_reply(self._last_id)
+        except (ConnectionLost, GiopError, ValueError):
+            # What comes next on this connection would be taken for something else.
+            del self._connections[address]
+            connection.close()
+            raise
+
+
+class Proxy:
+    """Base of the proxies: what every object answers."""
+
+    def __init__(self, orb, ior):
+        self.orb = orb
+        self.ior = ior
+
+    def call(self, operation, arguments=lambda encoder: None, result=lambda decoder: None):
+        return self.orb.invoke(self.ior, operation, arguments, result)
+
+    def _is_a(self, repository_id):
+        return self.call("_is_a", lambda e: e.string(repository_id), lambda d: d.boolean())
+
+    def _non_existent(self):
+        return self.call("_non_existent", result=lambda d: d.boolean())

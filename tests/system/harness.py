@@ -1,0 +1,249 @@
+"""Product roots, running daemons, and what their logs say."""
+
+import json
+import os
+import pathlib
+import re
+import signal
+import subprocess
+import time
+from typing import NamedTuple
+
+from giop import DiscoveryService, Orb
+
+TOP = pathlib.Path(__file__).resolve().parents[2]
+
+# Seconds. Generous, for an instrumented program on a busy machine: a limit here says "hangs".
+START_LIMIT = 60
+STOP_LIMIT = 60
+CALL_LIMIT = 60
+
+# Whom the log says a line is from.
+SERVICE = 400
+PLATFORM = 1
+
+
+def program(name="qmdisco"):
+    build = os.environ.get("QM_BUILD_DIR", TOP / "build" / "dev")
+    return pathlib.Path(build) / "bin" / name
+
+
+def wait_for(condition, what, limit=START_LIMIT):
+    """Waits until condition() is true and answers its value."""
+    deadline = time.monotonic() + limit
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > deadline:
+            raise AssertionError("%s: not within %d s" % (what, limit))
+        time.sleep(0.02)
+
+
+class Root:
+    """A product root for one daemon."""
+
+    def __init__(self, path, **config):
+        self.path = pathlib.Path(path)
+        self.log_file = self.path / "logs" / "qmdisco.log"
+        self.store = self.path / "db" / "discovery"
+        self.config_file = self.path / "etc" / "qm.conf"
+        self.config_file.parent.mkdir(parents=True)
+        self.configure(**config)
+
+    def __str__(self):
+        return str(self.path)
+
+    def configure(self, **config):
+        """Writes qm.conf: a master on a free port, at the level of progress, unless told otherwise;
+        None leaves a key out."""
+        keys = {"LISTEN": "127.0.0.1:0", "CLIENT_NAME": "master1", "SERVER": "master1",
+                "LOG_LEVEL": 4, **config}
+        self.config_file.write_text("".join("%s = %s\n" % (key, value)
+                                            for key, value in keys.items() if value is not None))
+
+    def status(self):
+        """What run/status.json says, {} when there is none."""
+        try:
+            return json.loads((self.path / "run" / "status.json").read_text())
+        except FileNotFoundError:
+            return {}
+
+    def files(self):
+        """The names in the store, without the lock file."""
+        if not self.store.exists():
+            return []
+        return sorted(name for name in os.listdir(self.store) if name != "Update.lock")
+
+    def log(self):
+        return Log(self)
+
+
+class Line(NamedTuple):
+    """A line of the log, without what differs from run to run."""
+
+    level: int
+    originator: int
+    operation: str
+    text: str
+    source: str
+
+
+LINE = re.compile(r"(?P<time>\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d) (?P<level>\d) "
+                  r"(?P<originator>\d+) (?P<thread>\d+) (?P<operation>\S+) (?P<text>.*?)"
+                  r"(?: \((?P<source>[\w./]+):\d+\))?")
+
+
+def parse_line(text):
+    found = LINE.fullmatch(text)
+    assert found, "no log line: %r" % text
+    return Line(int(found["level"]), int(found["originator"]), found["operation"], found["text"],
+                found["source"])
+
+
+class Log:
+    """What a root's log holds from now on."""
+
+    def __init__(self, root):
+        self._file = root.log_file
+        self._from = self._file.stat().st_size if self._file.exists() else 0
+
+    def lines(self):
+        if not self._file.exists():
+            return []
+        with open(self._file, encoding="utf-8") as file:
+            file.seek(self._from)
+            return [parse_line(line) for line in file.read().splitlines()]
+
+    def texts(self, level=None, source=None, originator=SERVICE):
+        """The texts of the lines of an originator, of one level and source when given."""
+        return [line.text for line in self.lines()
+                if line.originator == originator and level in (None, line.level) and
+                source in (None, line.source)]
+
+    def failures(self, source=None):
+        return self.texts(level=1, source=source)
+
+
+class Daemon:
+    """A daemon in the foreground. It is told to end by its pid, and by nothing else."""
+
+    def __init__(self, root, *options, wrapper=(), environment=None):
+        self.root = root
+        self._orbs = []
+        command = [*wrapper, str(program()), "--foreground", "--root", str(root), *options]
+        self._stderr_file = root.path / "stderr"
+        with open(self._stderr_file, "wb") as stderr:
+            self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=stderr,
+                                            stderr=stderr, env={**os.environ,
+                                                                **(environment or {})})
+
+    def __str__(self):
+        return "qmdisco %d on %s" % (self.pid, self.root)
+
+    @property
+    def pid(self):
+        return self.process.pid
+
+    @property
+    def endpoint(self):
+        return self.root.status()["endpoint"]
+
+    @property
+    def address(self):
+        """(host, port)"""
+        host, port = self.endpoint.rsplit(":", 1)
+        return host, int(port)
+
+    def stderr(self):
+        return self._stderr_file.read_text(encoding="utf-8", errors="replace")
+
+    def tail(self):
+        return "\n".join(self.stderr().splitlines()[-60:])
+
+    def is_running(self):
+        return self.process.poll() is None
+
+    def wait_until_up(self):
+        def up():
+            if not self.is_running():
+                raise AssertionError("the daemon ended with %d:\n%s"
+                                     % (self.process.returncode, self.tail()))
+            status = self.root.status()
+            return status.get("pid") == self.pid and status.get("state") == "running"
+        wait_for(up, "the daemon is up")
+        return self
+
+    def client(self, **options):
+        """A proxy of the service, as a client finds it: by its name."""
+        orb = Orb(**{"timeout": CALL_LIMIT, **options})
+        self._orbs.append(orb)
+        return orb.object("corbaloc:iiop:1.2@%s/DiscoveryService" % self.endpoint,
+                          DiscoveryService)
+
+    def wait(self, limit=STOP_LIMIT):
+        """Waits for the daemon's end and answers its exit code."""
+        try:
+            return self.process.wait(limit)
+        except subprocess.TimeoutExpired:
+            self.kill()
+            raise AssertionError("the daemon did not end within %d s" % limit) from None
+
+    def send(self, number):
+        self.process.send_signal(number)
+
+    def stop(self, number=signal.SIGTERM):
+        """Stops it in order and answers its exit code."""
+        if self.is_running():
+            self.send(number)
+        return self.wait()
+
+    def kill(self):
+        """Ends it as a crash would."""
+        self.process.kill()
+        self.process.wait(STOP_LIMIT)
+
+    def end(self):
+        for orb in self._orbs:
+            orb.close()
+        if self.is_running():
+            self.kill()
+
+
+class Daemons:
+    """The daemons of a test; all ended when it is over."""
+
+    _all = []
+
+    def __init__(self):
+        self._mine = []
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        for daemon in self._mine:
+            daemon.end()
+            Daemons._all.remove(daemon)
+
+    @classmethod
+    def all_running_or_just_ended(cls):
+        return list(cls._all)
+
+    def launch(self, root, *options, **more):
+        """Starts one without waiting for it."""
+        daemon = Daemon(root, *options, **more)
+        self._mine.append(daemon)
+        Daemons._all.append(daemon)
+        return daemon
+
+    def start(self, root, *options, **more):
+        return self.launch(root, *options, **more).wait_until_up()
+
+
+def run(*arguments, wrapper=(), environment=None, limit=START_LIMIT):
+    """Runs qmdisco to its end: (exit code, standard output, standard error)."""
+    done = subprocess.run([*wrapper, str(program()), *map(str, arguments)],
+                          stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                          timeout=limit, env={**os.environ, **(environment or {})}, check=False)
+    return done.returncode, done.stdout, done.stderr

@@ -1,0 +1,99 @@
+"""Many clients at once."""
+
+import hashlib
+import random
+import threading
+
+import pytest
+
+from records import SUCCESS, get, put, query
+
+CLIENTS = 32
+RECORDS = 15
+# Seconds. Far more than needed: only a hang takes this long.
+LIMIT = 240
+
+
+def all_at_once(daemon, work):
+    """work(service, number) in a thread a client; the failures of all."""
+    failures = []
+    gate = threading.Barrier(CLIENTS)
+
+    def client(number):
+        try:
+            service = daemon.client(timeout=LIMIT)
+            gate.wait(60)
+            work(service, number)
+        except BaseException as failure:  # pylint: disable=broad-except
+            failures.append("client %d: %r" % (number, failure))
+    threads = [threading.Thread(target=client, args=(number,), daemon=True)
+               for number in range(CLIENTS)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join(LIMIT)
+    assert [thread for thread in threads if thread.is_alive()] == []
+    assert failures == []
+
+
+def payload(client, number):
+    chance = random.Random(client * 1000 + number)
+    return chance.randbytes(chance.choice([0, 1, 100, 4096, 65536]))
+
+
+@pytest.fixture
+def quiet(root):
+    root.configure(LOG_LEVEL=1)
+
+
+def test_records_of_their_own(quiet, daemon, service, root):
+    def work(own, number):
+        for each in range(RECORDS):
+            data = payload(number, each)
+            assert put(own, "cl%d" % each, "p%d" % number, data, chunk=10_000) == SUCCESS
+            assert get(own, "cl%d" % each, "p%d" % number) == data
+            assert len(query(own, authority="p%d" % number)) == each + 1
+    all_at_once(daemon, work)
+    for number in range(CLIENTS):
+        for each in range(RECORDS):
+            assert get(service, "cl%d" % each, "p%d" % number) == payload(number, each)
+    assert len(query(service)) == CLIENTS * RECORDS
+    assert len(root.files()) == 2 * CLIENTS * RECORDS
+    assert daemon.stop() == 0
+    assert root.status()["assertions"] == 0
+
+
+def sealed(data):
+    return hashlib.sha256(data).digest() + data
+
+
+def test_one_record_for_all(quiet, daemon, service, root):
+    """Whoever comes last: what is stored is one payload, whole."""
+    assert put(service, "cl1", "a", sealed(b"")) == SUCCESS
+
+    def work(own, number):
+        for each in range(RECORDS):
+            assert put(own, "cl1", "a", sealed(b"%d" % number * (each * 1000))) == SUCCESS
+    all_at_once(daemon, work)
+    data = get(service, "cl1", "a")
+    assert data == sealed(data[32:])
+    assert root.files() == ["1 a cl1.dat", "1 a cl1.xml"]
+
+
+def test_readers_beside_a_writer(quiet, daemon, service, root):
+    """Pages are read while every record is put anew."""
+    for each in range(RECORDS):
+        assert put(service, "cl%d" % each, "a", b"x" * 1000) == SUCCESS
+
+    def work(own, number):
+        for each in range(RECORDS):
+            if number % 4 == 0:
+                assert put(own, "cl%d" % each, "a", b"x" * 1000) == SUCCESS
+            else:
+                found = [one.subject for one in query(own, authority="a")]
+                assert len(found) == len(set(found))
+                assert set(found) <= {"cl%d" % n for n in range(RECORDS)}
+    all_at_once(daemon, work)
+    assert len(query(service, authority="a")) == RECORDS
+    for each in range(RECORDS):
+        assert get(service, "cl%d" % each, "a") == b"x" * 1000

@@ -1,0 +1,398 @@
+// One thread, many holders: what each holds, and what another process sees of it.
+
+#include <tlx/FileLock.h>
+
+#include <atomic>
+#include <cerrno>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "FileLockPeer.h"
+
+using namespace Veltrane::Quillmark::Tlx;
+using QmTest::descriptorCount;
+
+namespace {
+
+class FileLockTest : public testing::Test
+{
+  protected:
+    FileLockTest() { m_peer.open(0, m_file.path()); }
+
+    static void expectCounts(std::size_t open, std::size_t parked)
+    {
+        const FileLock::Counts counts = FileLock::counts();
+        EXPECT_EQ(open, counts.open);
+        EXPECT_EQ(parked, counts.parked);
+    }
+
+    QmTest::LockedFile m_file;
+    QmTest::Peer m_peer;
+};
+
+#define EXPECT_REFUSED(error, call)                                                                \
+    do {                                                                                           \
+        errno = 0;                                                                                 \
+        EXPECT_EQ(-1, call);                                                                       \
+        EXPECT_EQ(error, errno);                                                                   \
+    } while (false)
+
+TEST_F(FileLockTest, aHolderKnowsItsLevelAndAnotherProcessSeesIt)
+{
+    const auto lock = m_file.open();
+    ASSERT_TRUE(lock);
+    EXPECT_GE(lock->get_handle(), 0);
+    EXPECT_EQ(LockLevel::None, lock->level());
+    EXPECT_EQ("None", m_peer.sees());
+    EXPECT_EQ(0, lock->acquire_read());
+    EXPECT_EQ(LockLevel::Read, lock->level());
+    EXPECT_EQ("Read", m_peer.sees());
+    EXPECT_EQ(0, lock->acquire_write());
+    EXPECT_EQ(LockLevel::Write, lock->level());
+    EXPECT_EQ("Write", m_peer.sees());
+    EXPECT_EQ(0, lock->acquire_write());
+    EXPECT_EQ(0, lock->tryacquire_write());
+    EXPECT_EQ(0, lock->tryacquire_write_upgrade());
+    EXPECT_EQ("Write", m_peer.sees());
+    EXPECT_EQ(0, lock->release());
+    EXPECT_EQ(LockLevel::None, lock->level());
+    EXPECT_EQ("None", m_peer.sees());
+    EXPECT_EQ(0, lock->release());
+}
+
+TEST_F(FileLockTest, readAskedForWhileWritingLowers)
+{
+    const auto lock = m_file.open();
+    ASSERT_EQ(0, lock->acquire_write());
+    EXPECT_EQ(0, lock->acquire_read());
+    EXPECT_EQ(LockLevel::Read, lock->level());
+    EXPECT_EQ("Read", m_peer.sees());
+    ASSERT_EQ(0, lock->tryacquire_write_upgrade());
+    EXPECT_EQ(0, lock->tryacquire_read());
+    EXPECT_EQ(LockLevel::Read, lock->level());
+    EXPECT_EQ("ok", m_peer.ask("tryread 0"));
+}
+
+TEST_F(FileLockTest, theFirstOfTwoWritersToFinishDoesNotDropTheOthersHold)
+{
+    auto first = m_file.open();
+    const auto second = m_file.open();
+    ASSERT_EQ(0, first->acquire_write());
+    ASSERT_EQ(0, second->acquire_write());
+    EXPECT_EQ(0, first->release());
+    EXPECT_EQ("EBUSY", m_peer.ask("tryread 0"));
+    EXPECT_EQ(LockLevel::Write, second->level());
+    first.reset();
+    EXPECT_EQ("EBUSY", m_peer.ask("tryread 0"));
+    EXPECT_EQ(0, second->release());
+    EXPECT_EQ("ok", m_peer.ask("trywrite 0"));
+}
+
+TEST_F(FileLockTest, aLookupDoesNotDropAnothersReadLock)
+{
+    const std::size_t before = descriptorCount();
+    auto kept = m_file.open(O_RDONLY);
+    ASSERT_EQ(0, kept->acquire_read());
+    {
+        const auto lookup = m_file.open(O_RDONLY);
+        ASSERT_EQ(0, lookup->acquire_read());
+        expectCounts(2, 0);
+    }
+    EXPECT_EQ("Read", m_peer.sees());
+    EXPECT_EQ("EBUSY", m_peer.ask("trywrite 0"));
+    expectCounts(1, 1);
+    EXPECT_EQ(0, kept->release());
+    EXPECT_EQ("ok", m_peer.ask("trywrite 0"));
+    expectCounts(1, 0);
+    EXPECT_EQ(before + 1, descriptorCount());
+    kept.reset();
+    expectCounts(0, 0);
+    EXPECT_EQ(before, descriptorCount());
+}
+
+TEST_F(FileLockTest, aHolderThatNeverLockedIsParkedToo)
+{
+    const std::size_t before = descriptorCount();
+    auto locked = m_file.open();
+    ASSERT_EQ(0, locked->acquire_write());
+    m_file.open().reset();
+    m_file.open(O_RDONLY).reset();
+    expectCounts(1, 2);
+    EXPECT_EQ("Write", m_peer.sees());
+    // Lowering the lock closes none of them: Read is still held.
+    EXPECT_EQ(0, locked->acquire_read());
+    expectCounts(1, 2);
+    EXPECT_EQ("Read", m_peer.sees());
+    locked.reset();
+    expectCounts(0, 0);
+    EXPECT_EQ("None", m_peer.sees());
+    EXPECT_EQ(before, descriptorCount());
+}
+
+TEST_F(FileLockTest, withNobodyLockedADescriptorIsClosedAtOnce)
+{
+    const std::size_t before = descriptorCount();
+    const auto other = m_file.open();
+    m_file.open().reset();
+    expectCounts(1, 0);
+    EXPECT_EQ(before + 1, descriptorCount());
+}
+
+TEST_F(FileLockTest, aTryLockSeesOtherHoldersOfThisProcess)
+{
+    const auto held = m_file.open();
+    const auto tried = m_file.open();
+    ASSERT_EQ(0, held->acquire_read());
+    EXPECT_REFUSED(EBUSY, tried->tryacquire_write());
+    EXPECT_EQ(LockLevel::None, tried->level());
+    EXPECT_EQ(0, tried->tryacquire_read());
+    EXPECT_EQ(0, tried->release());
+    ASSERT_EQ(0, held->acquire_write());
+    EXPECT_REFUSED(EBUSY, tried->tryacquire_read());
+    EXPECT_REFUSED(EBUSY, tried->tryacquire_write());
+    EXPECT_EQ(LockLevel::None, tried->level());
+    EXPECT_EQ("Write", m_peer.sees());
+    ASSERT_EQ(0, held->release());
+    EXPECT_EQ(0, tried->tryacquire_write());
+    EXPECT_EQ("Write", m_peer.sees());
+}
+
+TEST_F(FileLockTest, aTryLockSeesOtherProcesses)
+{
+    const auto tried = m_file.open();
+    ASSERT_EQ("ok", m_peer.ask("read 0"));
+    EXPECT_REFUSED(EBUSY, tried->tryacquire_write());
+    EXPECT_EQ(0, tried->tryacquire_read());
+    EXPECT_EQ(0, tried->release());
+    ASSERT_EQ("ok", m_peer.ask("write 0"));
+    EXPECT_REFUSED(EBUSY, tried->tryacquire_read());
+    EXPECT_REFUSED(EBUSY, tried->tryacquire_write());
+    EXPECT_EQ(LockLevel::None, tried->level());
+    ASSERT_EQ("ok", m_peer.ask("close 0"));
+    EXPECT_EQ(0, tried->tryacquire_write());
+}
+
+TEST_F(FileLockTest, anUpgradeIsBusyBecauseOfAHolderInThisProcess)
+{
+    const auto upgrading = m_file.open();
+    auto other = m_file.open(O_RDONLY);
+    ASSERT_EQ(0, upgrading->acquire_read());
+    ASSERT_EQ(0, other->acquire_read());
+    EXPECT_REFUSED(EBUSY, upgrading->tryacquire_write_upgrade());
+    EXPECT_EQ(LockLevel::Read, upgrading->level());
+    EXPECT_EQ("Read", m_peer.sees());
+    other.reset();
+    EXPECT_EQ(0, upgrading->tryacquire_write_upgrade());
+    EXPECT_EQ("Write", m_peer.sees());
+}
+
+TEST_F(FileLockTest, anUpgradeIsBusyBecauseOfAnotherProcess)
+{
+    const auto upgrading = m_file.open();
+    ASSERT_EQ(0, upgrading->acquire_read());
+    ASSERT_EQ("ok", m_peer.ask("read 0"));
+    EXPECT_REFUSED(EBUSY, upgrading->tryacquire_write_upgrade());
+    EXPECT_EQ(LockLevel::Read, upgrading->level());
+    EXPECT_EQ("EBUSY", m_peer.ask("upgrade 0"));
+    EXPECT_EQ("Read", m_peer.sees());
+    ASSERT_EQ("ok", m_peer.ask("release 0"));
+    EXPECT_EQ(0, upgrading->tryacquire_write_upgrade());
+    EXPECT_EQ("Write", m_peer.sees());
+}
+
+TEST_F(FileLockTest, anUpgradeAfterAReleaseIsATryForWrite)
+{
+    const auto lock = m_file.open();
+    ASSERT_EQ("ok", m_peer.ask("read 0"));
+    EXPECT_REFUSED(EBUSY, lock->tryacquire_write_upgrade());
+    EXPECT_EQ(LockLevel::None, lock->level());
+    ASSERT_EQ("ok", m_peer.ask("release 0"));
+    EXPECT_EQ(0, lock->tryacquire_write_upgrade());
+    EXPECT_EQ("Write", m_peer.sees());
+}
+
+TEST_F(FileLockTest, waitingLocksAreGrantedAtOnceInsideTheProcess)
+{
+    const auto writer = m_file.open();
+    const auto reader = m_file.open(O_RDONLY);
+    const auto second = m_file.open();
+    ASSERT_EQ(0, writer->acquire_write());
+    EXPECT_EQ(0, reader->acquire_read());
+    EXPECT_EQ(0, second->acquire_write());
+    EXPECT_EQ("Write", m_peer.sees());
+    // The writers go, the reader's lock stays.
+    EXPECT_EQ(0, second->release());
+    EXPECT_EQ("Write", m_peer.sees());
+    EXPECT_EQ(0, writer->release());
+    EXPECT_EQ("Read", m_peer.sees());
+    // From Read to Write with a reader beside it.
+    EXPECT_EQ(0, writer->acquire_write());
+    EXPECT_EQ("Write", m_peer.sees());
+    EXPECT_EQ(LockLevel::Read, reader->level());
+}
+
+TEST_F(FileLockTest, aWriterThatGoesLeavesTheReadOfAReadOnlyDescriptor)
+{
+    auto writer = m_file.open(O_WRONLY);
+    auto reader = m_file.open(O_RDONLY);
+    ASSERT_EQ(0, writer->acquire_write());
+    ASSERT_EQ(0, reader->acquire_read());
+    EXPECT_EQ(0, writer->release());
+    EXPECT_EQ("Read", m_peer.sees());
+    ASSERT_EQ(0, writer->acquire_write());
+    EXPECT_EQ("Write", m_peer.sees());
+    writer.reset();
+    EXPECT_EQ("Read", m_peer.sees());
+    expectCounts(1, 1);
+    reader.reset();
+    EXPECT_EQ("None", m_peer.sees());
+    expectCounts(0, 0);
+}
+
+TEST_F(FileLockTest, aDescriptorThatCannotLockIsRefusedEvenWhenTheProcessHoldsEnough)
+{
+    const auto reader = m_file.open(O_RDONLY);
+    const auto writer = m_file.open(O_WRONLY);
+    EXPECT_REFUSED(EBADF, reader->acquire_write());
+    EXPECT_REFUSED(EBADF, reader->tryacquire_write());
+    EXPECT_REFUSED(EBADF, writer->acquire_read());
+    ASSERT_EQ(0, writer->acquire_write());
+    EXPECT_REFUSED(EBADF, reader->acquire_write());
+    EXPECT_REFUSED(EBADF, writer->acquire_read());
+    EXPECT_EQ(LockLevel::Write, writer->level());
+    EXPECT_EQ("Write", m_peer.sees());
+    EXPECT_EQ(LockLevel::None, reader->level());
+}
+
+TEST_F(FileLockTest, whatCannotBeOpenedIsNullWithTheReason)
+{
+    const std::size_t before = descriptorCount();
+    const auto reason = [](const std::string& path, int flags) {
+        errno = 0;
+        EXPECT_FALSE(FileLock::open(path, flags));
+        return errno;
+    };
+    EXPECT_EQ(ENOENT, reason(m_file.path("missing"), O_RDWR));
+    EXPECT_EQ(EISDIR, reason(m_file.path(""), O_RDONLY));
+    EXPECT_EQ(EISDIR, reason(m_file.path(""), O_RDWR));
+    ASSERT_EQ(0, ::mkfifo(m_file.path("pipe").c_str(), 0600));
+    EXPECT_EQ(EINVAL, reason(m_file.path("pipe"), O_RDONLY));
+    EXPECT_EQ(EINVAL, reason(m_file.path("pipe"), O_RDWR));
+    EXPECT_EQ(EINVAL, reason(m_file.path() + std::string("\0tail", 5), O_RDONLY));
+    EXPECT_EQ(before, descriptorCount());
+    expectCounts(0, 0);
+}
+
+TEST_F(FileLockTest, aFileIsCreatedWithItsPermissionsAndNotInheritedByPrograms)
+{
+    ::umask(0);
+    const auto lock = FileLock::open(m_file.path("new"), O_RDWR | O_CREAT | O_EXCL, 0640);
+    ASSERT_TRUE(lock);
+    struct stat status = {};
+    ASSERT_EQ(0, ::fstat(lock->get_handle(), &status));
+    EXPECT_EQ(0640u, status.st_mode & 07777u);
+    EXPECT_EQ(FD_CLOEXEC, ::fcntl(lock->get_handle(), F_GETFD));
+    EXPECT_FALSE(FileLock::open(m_file.path("new"), O_RDWR | O_CREAT | O_EXCL, 0640));
+    EXPECT_EQ(EEXIST, errno);
+}
+
+TEST_F(FileLockTest, twoNamesOfOneFileAreOneFileAndTwoFilesAreTwo)
+{
+    ASSERT_EQ(0, ::link(m_file.path().c_str(), m_file.path("alias").c_str()));
+    const auto lock = m_file.open();
+    ASSERT_EQ(0, lock->acquire_write());
+    const auto alias = FileLock::open(m_file.path("alias"), O_RDWR);
+    EXPECT_REFUSED(EBUSY, alias->tryacquire_read());
+    const auto other = FileLock::open(m_file.path("other"), O_RDWR | O_CREAT, 0600);
+    EXPECT_EQ(0, other->tryacquire_write());
+}
+
+TEST_F(FileLockTest, aFileRemovedAndMadeAnewIsAnotherFile)
+{
+    auto old = m_file.open();
+    ASSERT_EQ(0, old->acquire_write());
+    EXPECT_TRUE(old->isStillAt(m_file.path()));
+    ASSERT_EQ(0, ::unlink(m_file.path().c_str()));
+    EXPECT_FALSE(old->isStillAt(m_file.path()));
+    const auto fresh = FileLock::open(m_file.path(), O_RDWR | O_CREAT, 0600);
+    ASSERT_TRUE(fresh);
+    EXPECT_FALSE(old->isStillAt(m_file.path()));
+    EXPECT_TRUE(fresh->isStillAt(m_file.path()));
+    EXPECT_FALSE(fresh->isStillAt(m_file.path("missing")));
+    EXPECT_EQ(0, fresh->tryacquire_write());
+    // What goes on with the old file is none of the new one's business.
+    old.reset();
+    m_peer.open(1, m_file.path());
+    EXPECT_EQ("Write", m_peer.sees(1));
+    expectCounts(1, 0);
+    // Replaced by renaming.
+    std::ofstream(m_file.path("other")) << "other";
+    ASSERT_EQ(0, ::rename(m_file.path("other").c_str(), m_file.path().c_str()));
+    EXPECT_FALSE(fresh->isStillAt(m_file.path()));
+}
+
+TEST_F(FileLockTest, theInodeOfAFileThatIsOpenIsNotMistakenForAnother)
+{
+    // Made, locked, removed and closed again and again: the file system hands out the same inode,
+    // and nothing of the entry before may be left.
+    for (int i = 0; i < 50; ++i) {
+        const auto lock = FileLock::open(m_file.path("again"), O_RDWR | O_CREAT | O_EXCL, 0600);
+        ASSERT_TRUE(lock);
+        ASSERT_EQ(0, lock->tryacquire_write());
+        ASSERT_EQ(0, ::unlink(m_file.path("again").c_str()));
+    }
+    expectCounts(0, 0);
+}
+
+TEST_F(FileLockTest, aGateNestsAndKeepsAnotherHoldersThreadOut)
+{
+    const auto one = m_file.open();
+    const auto two = m_file.open();
+    int value = 0;
+    const auto work = [&value](const FileLock& lock) {
+        for (int i = 0; i < 2000; ++i) {
+            const FileGate outer(lock);
+            const FileGate inner(lock);
+            ++value;
+        }
+    };
+    std::thread thread([&] { work(*two); });
+    work(*one);
+    thread.join();
+    EXPECT_EQ(4000, value);
+}
+
+TEST_F(FileLockTest, gatesOfTwoFilesAreTwo)
+{
+    const auto one = m_file.open();
+    const auto two = FileLock::open(m_file.path("other"), O_RDWR | O_CREAT, 0600);
+    const FileGate gate(*one);
+    bool inside = false;
+    std::thread thread([&] {
+        const FileGate other(*two);
+        inside = true;
+    });
+    thread.join(); // would never end if they were one
+    EXPECT_TRUE(inside);
+}
+
+TEST_F(FileLockTest, aGateOutlivesItsHolderAndStillExcludes)
+{
+    auto one = m_file.open();
+    auto gate = std::make_unique<FileGate>(*one);
+    one.reset();
+    const auto two = m_file.open();
+    std::atomic<bool> opened{false};
+    bool sawItOpened = false;
+    std::thread thread([&] {
+        const FileGate waits(*two);
+        sawItOpened = opened;
+    });
+    opened = true;
+    gate.reset();
+    thread.join();
+    EXPECT_TRUE(sawItOpened);
+}
+
+} // namespace

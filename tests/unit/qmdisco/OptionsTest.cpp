@@ -1,0 +1,136 @@
+// The command line: what is taken, what is refused, and with which words.
+
+#include "Options.h"
+
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace Veltrane::Quillmark::Qmdisco;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace {
+
+ParsedOptions parse(std::vector<const char*> arguments)
+{
+    arguments.insert(arguments.begin(), "qmdisco");
+    return parseOptions(static_cast<int>(arguments.size()), arguments.data());
+}
+
+void expectUsage(std::vector<const char*> arguments, const std::string& message)
+{
+    const ParsedOptions parsed = parse(std::move(arguments));
+    EXPECT_EQ(EC_USAGE, parsed.end);
+    EXPECT_EQ("qmdisco: " + message + " (\"qmdisco --help\" shows the options)\n", parsed.text);
+}
+
+TEST(Options, NoneAreNeeded)
+{
+    const ParsedOptions parsed = parse({});
+    EXPECT_FALSE(parsed.end);
+    EXPECT_FALSE(parsed.options.foreground);
+    EXPECT_FALSE(parsed.options.checkConfig);
+    EXPECT_EQ("", parsed.options.root);
+    EXPECT_EQ(std::nullopt, parsed.options.logLevel);
+}
+
+TEST(Options, AllAreTaken)
+{
+    const ParsedOptions parsed =
+        parse({"--foreground", "--root", "/some/where", "--check-config", "--log-level", "9"});
+    EXPECT_FALSE(parsed.end);
+    EXPECT_TRUE(parsed.options.foreground);
+    EXPECT_TRUE(parsed.options.checkConfig);
+    EXPECT_EQ("/some/where", parsed.options.root);
+    EXPECT_EQ(9, parsed.options.logLevel);
+}
+
+TEST(Options, ValuesMayFollowAnEqualsSign)
+{
+    const ParsedOptions parsed = parse({"--root=/r", "--log-level=0"});
+    EXPECT_FALSE(parsed.end);
+    EXPECT_EQ("/r", parsed.options.root);
+    EXPECT_EQ(0, parsed.options.logLevel);
+}
+
+TEST(Options, RefusesAnUnknownOption)
+{
+    expectUsage({"--fast"}, "The following argument was not expected: --fast");
+}
+
+TEST(Options, RefusesAnArgument)
+{
+    expectUsage({"start"}, "The following argument was not expected: start");
+}
+
+TEST(Options, RefusesLogLevelsOutOfRange)
+{
+    for (const std::string level : {"10", "-1", "abc", "1.5", "+1", "0x1", ""})
+        expectUsage({"--log-level", level.c_str()},
+                    "--log-level: a number from 0 to 9 is expected, not \"" + level + "\"");
+}
+
+TEST(Options, RefusesAnEmptyRoot)
+{
+    expectUsage({"--root", ""}, "--root: a directory is expected, not an empty name");
+}
+
+TEST(Options, RefusesAMissingValue)
+{
+    expectUsage({"--root"}, "--root: 1 required DIR missing");
+}
+
+TEST(Options, RefusesAnOptionGivenTwice)
+{
+    const ParsedOptions parsed = parse({"--root", "/a", "--root", "/b"});
+    EXPECT_EQ(EC_USAGE, parsed.end);
+    EXPECT_THAT(parsed.text, StartsWith("qmdisco: --root: "));
+    EXPECT_EQ(parsed.text.size() - 1, parsed.text.find('\n'));
+}
+
+TEST(Options, AMessageIsOneLineWhateverTheArgumentHolds)
+{
+    const ParsedOptions parsed = parse({"--log-level", "a\nb"});
+    EXPECT_EQ(EC_USAGE, parsed.end);
+    EXPECT_EQ(parsed.text.size() - 1, parsed.text.find('\n'));
+}
+
+TEST(Options, VersionIsTold)
+{
+    const ParsedOptions parsed = parse({"--version"});
+    EXPECT_EQ(EC_OK, parsed.end);
+    EXPECT_EQ(std::string("qmdisco ") + version() + "\n", parsed.text);
+    EXPECT_NE("", std::string(version()));
+}
+
+TEST(Options, HelpTellsOptionsAndExitCodes)
+{
+    for (const char* option : {"--help", "-h"}) {
+        const ParsedOptions parsed = parse({option});
+        EXPECT_EQ(EC_OK, parsed.end);
+        for (const char* text :
+             {"--foreground", "--root DIR", "--check-config", "--log-level N", "--version"})
+            EXPECT_THAT(parsed.text, HasSubstr(text));
+        EXPECT_THAT(parsed.text, HasSubstr(exitCodeTable()));
+    }
+}
+
+TEST(ExitCodes, EachHasALine)
+{
+    EXPECT_EQ("Exit codes:\n"
+              "  0  stopped in order, or not wanted on this host\n"
+              "  1  unexpected failure\n"
+              "  2  wrong option\n"
+              "  3  --check-config found problems\n"
+              "  4  another qmdisco is running on this root\n"
+              "  5  the root cannot be made or written\n"
+              "  6  no privilege to reopen stored records\n"
+              "  7  cannot listen for requests\n"
+              "  8  the service did not come up\n"
+              "  9  the stop did not finish within STOP_LIMIT seconds",
+              exitCodeTable());
+}
+
+} // namespace

@@ -1,0 +1,171 @@
+// The directories under the root, the privilege that the store needs, and the configuration's
+// report.
+
+#include "Root.h"
+
+#include <sstream>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "Capture.h"
+#include "ConfigReport.h"
+#include "TestRoot.h"
+
+using namespace Veltrane::Quillmark;
+using namespace Veltrane::Quillmark::Qmdisco;
+using QmTest::LogCapture;
+using QmTest::TestRoot;
+using Texts = std::vector<std::string>;
+
+namespace {
+
+class RootTest : public testing::Test
+{
+  protected:
+    std::string conf() const { return m_root.path("etc/qm.conf"); }
+    TestRoot m_root;
+};
+
+TEST_F(RootTest, MissingDirectoriesAreMade)
+{
+    const std::string root = m_root.path("a/b");
+    EXPECT_FALSE(prepareDirectories(root));
+    for (const char* name : {"a/b/run", "a/b/logs", "a/b/db/discovery"})
+        EXPECT_TRUE(std::filesystem::is_directory(m_root.path(name))) << name;
+    EXPECT_FALSE(prepareDirectories(root)) << "they may be there";
+}
+
+TEST_F(RootTest, AFileInTheWayIsNamed)
+{
+    m_root.write("logs", "");
+    const auto failure = prepareDirectories(m_root.path());
+    ASSERT_TRUE(failure);
+    EXPECT_EQ(EC_ROOT_UNUSABLE, failure->code);
+    EXPECT_EQ("cannot make the directory " + m_root.path("logs") + ": Not a directory",
+              failure->text);
+}
+
+TEST_F(RootTest, ARootThatIsAFileIsNamed)
+{
+    m_root.write("file", "");
+    const auto failure = prepareDirectories(m_root.path("file"));
+    ASSERT_TRUE(failure);
+    EXPECT_EQ(EC_ROOT_UNUSABLE, failure->code);
+    EXPECT_EQ("cannot make the directory " + m_root.path("file/run") + ": Not a directory",
+              failure->text);
+}
+
+TEST_F(RootTest, PathsAreMadeAbsolute)
+{
+    ASSERT_EQ(0, ::chdir(m_root.path().c_str()));
+    const std::string here = std::filesystem::current_path().string();
+    EXPECT_EQ(here + "/x", absolutePath("x").text());
+    EXPECT_EQ(here + "/x", absolutePath("./x/").text());
+    EXPECT_EQ(here, absolutePath(".").text());
+    EXPECT_EQ("/x/y", absolutePath("/x//y/").text());
+    EXPECT_EQ("/x/../y", absolutePath("/x/../y").text()) << "x may be a symbolic link";
+    EXPECT_EQ("/", absolutePath("/").text());
+}
+
+TEST_F(RootTest, WithThePrivilegeNothingStaysBehind)
+{
+    EXPECT_FALSE(checkPrivilege(m_root.path()));
+    EXPECT_TRUE(std::filesystem::is_empty(m_root.path()));
+    m_root.write(".privilege", "left by a daemon that was killed");
+    EXPECT_FALSE(checkPrivilege(m_root.path()));
+    EXPECT_TRUE(std::filesystem::is_empty(m_root.path()));
+}
+
+/// Runs the check as a user without capabilities, who owns the directory.
+[[noreturn]] void checkAsNobody(const std::string& directory)
+{
+    constexpr uid_t NOBODY = 65534;
+    if (::chown(directory.c_str(), NOBODY, NOBODY) != 0 || ::setgid(NOBODY) != 0 ||
+        ::setuid(NOBODY) != 0)
+        ::_exit(1);
+    const auto failure = checkPrivilege(directory);
+    std::fprintf(stderr, "%s\n", failure ? failure->text.c_str() : "no failure");
+    ::_exit(failure ? failure->code : EC_OK);
+}
+
+TEST_F(RootTest, WithoutThePrivilegeTheDirectoryIsNamed)
+{
+    EXPECT_EXIT(checkAsNobody(m_root.path()), testing::ExitedWithCode(EC_NO_PRIVILEGE),
+                "^cannot reopen a file with permissions 0 in " + m_root.path() +
+                    ": Permission denied; run qmdisco as root or with CAP_DAC_OVERRIDE\n$");
+    EXPECT_TRUE(std::filesystem::is_empty(m_root.path()));
+}
+
+TEST_F(RootTest, AStoreThatCannotBeWrittenIsNamed)
+{
+    const auto failure = checkPrivilege(m_root.path("absent"));
+    ASSERT_TRUE(failure);
+    EXPECT_EQ(EC_ROOT_UNUSABLE, failure->code);
+    EXPECT_EQ("cannot make the file " + m_root.path("absent/.privilege") +
+                  ": No such file or directory",
+              failure->text);
+}
+
+TEST_F(RootTest, AGoodConfigurationIsOk)
+{
+    m_root.write("etc/qm.conf", "# nothing\nLOG_LEVEL = 3\n");
+    std::ostringstream out;
+    EXPECT_EQ(EC_OK, checkConfig(out));
+    EXPECT_EQ(conf() + ": OK\n", out.str());
+}
+
+TEST_F(RootTest, EveryProblemOfTheConfigurationIsALine)
+{
+    m_root.write("etc/qm.conf", "LOG_LEVEL = 12\nSERVER = host1\nnonsense\n");
+    std::ostringstream out;
+    EXPECT_EQ(EC_CONFIGURATION, checkConfig(out));
+    EXPECT_EQ(conf() + ":1: LOG_LEVEL: '12' is out of range, expected 0 to 9\n" + conf() +
+                  ":3: 'nonsense' is not KEY = value\n",
+              out.str());
+}
+
+TEST_F(RootTest, AnAbsentConfigurationIsAProblem)
+{
+    std::ostringstream out;
+    EXPECT_EQ(EC_CONFIGURATION, checkConfig(out));
+    EXPECT_EQ(conf() + ": cannot be read: No such file or directory\n", out.str());
+}
+
+TEST_F(RootTest, ProblemsAreLoggedAtLevelOne)
+{
+    m_root.write("etc/qm.conf", "LOG_LEVEL = 12\nnonsense\n");
+    Tlx::HostConfig::instance().read();
+    const LogCapture log;
+    logConfigProblems(ConfigRead::First);
+    EXPECT_EQ((Texts{conf() + ":1: LOG_LEVEL: '12' is out of range, expected 0 to 9",
+                     conf() + ":2: 'nonsense' is not KEY = value"}),
+              log.texts(Tlx::LOG_LEVEL_FAILURE));
+}
+
+TEST_F(RootTest, AnAbsentConfigurationIsProgressAtTheStartAndAFailureLater)
+{
+    Tlx::HostConfig::instance().read();
+    LogCapture log;
+    const Texts line{conf() + ": cannot be read: No such file or directory"};
+    logConfigProblems(ConfigRead::First);
+    EXPECT_EQ(Texts{}, log.texts(Tlx::LOG_LEVEL_FAILURE));
+    EXPECT_EQ(line, log.texts(Tlx::LOG_LEVEL_PROGRESS));
+    log.clear();
+    logConfigProblems(ConfigRead::Again);
+    EXPECT_EQ(line, log.texts(Tlx::LOG_LEVEL_FAILURE));
+}
+
+TEST_F(RootTest, AnUnreadableConfigurationIsAFailureAtTheStart)
+{
+    m_root.makeDirectory("etc/qm.conf");
+    Tlx::HostConfig::instance().read();
+    const LogCapture log;
+    logConfigProblems(ConfigRead::First);
+    EXPECT_EQ(Texts{conf() + ": cannot be read: it is not a regular file"},
+              log.texts(Tlx::LOG_LEVEL_FAILURE));
+}
+
+} // namespace

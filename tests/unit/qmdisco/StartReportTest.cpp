@@ -1,0 +1,95 @@
+// Detaching: what the process that was started ends with, and what the daemon keeps.
+
+#include "StartReport.h"
+
+#include <cstdio>
+#include <functional>
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "ExitCode.h"
+
+using namespace Veltrane::Quillmark::Qmdisco;
+
+namespace {
+
+/// Detaches in a process of its own, runs the daemon's part in the detached one, and answers the
+/// exit code of the process that was started.
+int detached(const std::function<void(StartReport&)>& daemon)
+{
+    std::fflush(nullptr);
+    const pid_t started = ::fork();
+    if (started == 0) {
+        StartReport report = StartReport::detach();
+        daemon(report);
+        ::_exit(99); // nobody sees it: the daemon is nobody's child
+    }
+    int status = -1;
+    ::waitpid(started, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(StartReport, TheStartedProcessEndsWithTheDaemonsWord)
+{
+    for (const int code : {EC_OK, EC_ALREADY_RUNNING, EC_STOP_LIMIT})
+        EXPECT_EQ(code, detached([code](StartReport& report) { report.tell(code); }));
+}
+
+TEST(StartReport, TheFirstWordStands)
+{
+    EXPECT_EQ(EC_SERVICE_FAILED, detached([](StartReport& report) {
+                  report.tell(EC_SERVICE_FAILED);
+                  report.tell(EC_OK);
+              }));
+}
+
+TEST(StartReport, ADaemonThatDiesWithoutAWordIsAFailure)
+{
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(EC_UNEXPECTED, detached([](StartReport&) { ::_exit(0); }));
+    EXPECT_EQ("qmdisco: the daemon ended during its start\n",
+              testing::internal::GetCapturedStderr());
+}
+
+TEST(StartReport, AFailedDaemonStillHasStandardError)
+{
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(EC_ROOT_UNUSABLE, detached([](StartReport& report) {
+                  std::fputs("the one line\n", stderr);
+                  report.tell(EC_ROOT_UNUSABLE);
+              }));
+    EXPECT_EQ("the one line\n", testing::internal::GetCapturedStderr());
+}
+
+TEST(StartReport, ARunningDaemonHoldsNothingOfItsStarter)
+{
+    constexpr int INHERITED = 100; // far above what the daemon opens itself
+    ASSERT_EQ(INHERITED, ::dup2(STDOUT_FILENO, INHERITED));
+    const pid_t session = ::getsid(0);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(EC_OK, detached([&](StartReport& report) {
+                  const bool closed = ::fcntl(INHERITED, F_GETFD) == -1;
+                  const bool own = ::getsid(0) != ::getpid() && ::getsid(0) != session;
+                  char directory[8] = "";
+                  const bool top =
+                      ::getcwd(directory, sizeof directory) && directory == std::string("/");
+                  report.tell(closed && own && top ? EC_OK : EC_UNEXPECTED);
+                  std::fputs("after the start\n", stderr);
+                  std::fputs("on the way\n", stdout);
+                  std::fflush(stdout);
+              }));
+    EXPECT_EQ("", testing::internal::GetCapturedStderr());
+}
+
+TEST(StartReport, InTheForegroundNobodyIsTold)
+{
+    StartReport report;
+    report.tell(EC_UNEXPECTED); // neither ends nor writes
+    SUCCEED();
+}
+
+} // namespace

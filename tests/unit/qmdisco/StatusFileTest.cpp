@@ -1,0 +1,172 @@
+// run/status.json: what it says, and that nobody ever reads half of it.
+
+#include "StatusFile.h"
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <thread>
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "TestRoot.h"
+
+using namespace Veltrane::Quillmark::Qmdisco;
+using QmTest::TestRoot;
+
+namespace {
+
+Status sample()
+{
+    Status status;
+    status.version = "1.2.3";
+    status.pid = 4711;
+    status.state = "running";
+    status.role = "master";
+    status.host = "backup1";
+    status.start = "2024-02-29T13:05:00+01:00";
+    status.endpoint = "192.0.2.7:14400";
+    status.root = "/some/where";
+    status.logLevel = 4;
+    status.assertions = 2;
+    status.requestsInProgress = 3;
+    status.counters = {{"puts", 5}, {"queries", 18446744073709551615u}};
+    return status;
+}
+
+class StatusFileTest : public testing::Test
+{
+  protected:
+    TestRoot m_root;
+    StatusFile m_file{m_root.path("status.json")};
+    std::string m_error;
+};
+
+TEST_F(StatusFileTest, SaysEverything)
+{
+    ASSERT_TRUE(m_file.write(sample(), m_error)) << m_error;
+    EXPECT_EQ(R"({
+  "version": "1.2.3",
+  "pid": 4711,
+  "state": "running",
+  "role": "master",
+  "host": "backup1",
+  "start": "2024-02-29T13:05:00+01:00",
+  "endpoint": "192.0.2.7:14400",
+  "root": "/some/where",
+  "logLevel": 4,
+  "assertions": 2,
+  "requestsInProgress": 3,
+  "counters": {
+    "puts": 5,
+    "queries": 18446744073709551615
+  }
+}
+)",
+              m_root.read("status.json"));
+    EXPECT_FALSE(m_root.exists("status.json.tmp"));
+}
+
+TEST_F(StatusFileTest, WithoutCountersThereIsAnEmptyObject)
+{
+    Status status = sample();
+    status.counters.clear();
+    EXPECT_EQ(nlohmann::json::object(), nlohmann::json::parse(toJson(status))["counters"]);
+}
+
+TEST_F(StatusFileTest, IsJsonWhateverTheNamesHold)
+{
+    Status status = sample();
+    status.host = "a\"b\\c\nd\x01";
+    status.root = "/caf\xC3\xA9/\xFF\xC3";
+    status.counters = {{"\xFE", 1}};
+    const auto read = nlohmann::json::parse(toJson(status));
+    EXPECT_EQ("a\"b\\c\nd\x01", read["host"]);
+    EXPECT_EQ("/caf\xC3\xA9/\xEF\xBF\xBD\xEF\xBF\xBD", read["root"]);
+    EXPECT_EQ(1, read["counters"]["\xEF\xBF\xBD"]);
+}
+
+TEST_F(StatusFileTest, IsWrittenOnlyWhenSomethingChanged)
+{
+    ASSERT_TRUE(m_file.write(sample(), m_error));
+    struct stat first = {};
+    struct stat second = {};
+    ASSERT_EQ(0, ::stat(m_root.path("status.json").c_str(), &first));
+    ASSERT_TRUE(m_file.write(sample(), m_error));
+    ASSERT_EQ(0, ::stat(m_root.path("status.json").c_str(), &second));
+    EXPECT_EQ(first.st_ino, second.st_ino);
+    EXPECT_EQ(first.st_mtim.tv_nsec, second.st_mtim.tv_nsec);
+    Status changed = sample();
+    changed.counters[0].second = 6;
+    ASSERT_TRUE(m_file.write(changed, m_error));
+    EXPECT_EQ(6, nlohmann::json::parse(m_root.read("status.json"))["counters"]["puts"]);
+}
+
+TEST_F(StatusFileTest, AReaderNeverSeesHalfOfIt)
+{
+    ASSERT_TRUE(m_file.write(sample(), m_error));
+    std::atomic<bool> done{false};
+    unsigned bad = 0;
+    std::thread reader([&] {
+        while (!done)
+            if (!nlohmann::json::accept(m_root.read("status.json")))
+                ++bad;
+    });
+    Status status = sample();
+    for (int i = 0; i < 200; ++i) {
+        // Of very different lengths, so that writing in place would show.
+        status.host = std::string(i % 2 ? 20000 : 1, 'h');
+        EXPECT_TRUE(m_file.write(status, m_error)) << m_error;
+    }
+    done = true;
+    reader.join();
+    EXPECT_EQ(0u, bad);
+}
+
+TEST_F(StatusFileTest, AFullDiskLeavesTheOldOne)
+{
+    ASSERT_TRUE(m_file.write(sample(), m_error));
+    const std::string before = m_root.read("status.json");
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit little{20, RLIM_INFINITY};
+    ASSERT_EQ(0, ::setrlimit(RLIMIT_FSIZE, &little));
+    Status changed = sample();
+    changed.state = "stopping";
+    EXPECT_FALSE(m_file.write(changed, m_error));
+    const rlimit everything{RLIM_INFINITY, RLIM_INFINITY};
+    ASSERT_EQ(0, ::setrlimit(RLIMIT_FSIZE, &everything));
+    EXPECT_EQ("cannot write " + m_root.path("status.json.tmp") + ": File too large", m_error);
+    EXPECT_EQ(before, m_root.read("status.json"));
+    EXPECT_FALSE(m_root.exists("status.json.tmp"));
+    // What failed is tried again, also when it is the status that was written last.
+    EXPECT_TRUE(m_file.write(changed, m_error));
+    EXPECT_EQ("stopping", nlohmann::json::parse(m_root.read("status.json"))["state"]);
+}
+
+TEST_F(StatusFileTest, WhatCannotBeOpenedOrReplacedIsNamed)
+{
+    m_root.makeDirectory("status.json/not empty");
+    EXPECT_FALSE(m_file.write(sample(), m_error));
+    EXPECT_EQ("cannot replace " + m_root.path("status.json") + ": Is a directory", m_error);
+    EXPECT_FALSE(m_root.exists("status.json.tmp"));
+    m_root.makeDirectory("status.json.tmp");
+    EXPECT_FALSE(m_file.write(sample(), m_error));
+    EXPECT_EQ("cannot open " + m_root.path("status.json.tmp") + ": Is a directory", m_error);
+}
+
+TEST(IsoTime, HasAZoneWithAColon)
+{
+    ::setenv("TZ", "UTC-5:30", 1);
+    ::tzset();
+    EXPECT_EQ("1970-01-01T05:30:00+05:30", toIsoTime(0));
+    ::setenv("TZ", "EST5", 1);
+    ::tzset();
+    EXPECT_EQ("2009-02-13T18:31:30-05:00", toIsoTime(1234567890));
+}
+
+} // namespace
