@@ -14,7 +14,8 @@ if(QM_WERROR)
   target_compile_options(qm_warnings INTERFACE -Werror)
 endif()
 
-add_compile_options(-fno-omit-frame-pointer)
+# Reports name a source by its place in the tree, not by where it was built.
+add_compile_options(-fno-omit-frame-pointer "-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=")
 if(CMAKE_BUILD_TYPE STREQUAL "Release")
   add_compile_options(-fstack-protector-strong)
   add_compile_definitions(_FORTIFY_SOURCE=2)

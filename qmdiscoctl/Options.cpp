@@ -114,8 +114,8 @@ std::string checkQueryType(const std::string& text)
     return queryTypeNames() + " is expected, not " + quoted(text);
 }
 
-/// A message of the parser's as one line. It may quote an argument; backslashes stay, for they are our
-/// own escapes.
+/// A message of the parser's as one line. It may quote an argument; backslashes stay, for they are
+/// our own escapes.
 std::string oneLine(std::string text)
 {
     std::replace(text.begin(), text.end(), '\n', ' ');
@@ -284,8 +284,8 @@ void Parser::addGet()
     CLI::App* app = addCommand("get", "Read the data of a discovery", "Data", Command::GET);
     addNames(app);
     addType(app, "anyandall");
-    addText(app, "--filter", m_options.filter, "F", "Given to whoever has the data (otherwise empty)",
-            checkUtf8)
+    addText(app, "--filter", m_options.filter, "F",
+            "Given to whoever has the data (otherwise empty)", checkUtf8)
         ->group("Discovery");
     addText(app, "-o,--output", m_options.output, "FILE",
             "Where the data goes, complete or not at all (otherwise standard output)", checkFile)
@@ -306,11 +306,10 @@ void Parser::addServiceCommands()
     addCommonOptions(refresh);
 
     CLI::App* stop = addCommand("stop", "Stop the service in order", "Service", Command::STOP);
-    CLI::Option* wait =
-        addText(stop, "--wait", m_texts.wait, "SECONDS",
-                "How long to wait until the service has stopped (otherwise 30)",
-                numberUpTo(0, MAX_WAIT))
-            ->group("Waiting");
+    CLI::Option* wait = addText(stop, "--wait", m_texts.wait, "SECONDS",
+                                "How long to wait until the service has stopped (otherwise 30)",
+                                numberUpTo(0, MAX_WAIT))
+                            ->group("Waiting");
     stop->add_flag("--no-wait", m_texts.noWait, "Tell the service to stop, and do no more")
         ->group("Waiting")
         ->excludes(wait);

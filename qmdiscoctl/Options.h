@@ -34,8 +34,8 @@ struct Options
     Svc::AuthorityType type = Svc::AT_ANYANDALL;
     Svc::DiscoveryQuery queryType = Svc::DQ_DISCOVERY_DATA;
     std::uint32_t priority = 0;
-    std::uint64_t timeToLive = 0;      ///< seconds; 0: for ever
-    std::string input;                 ///< "-" is standard input
+    std::uint64_t timeToLive = 0; ///< seconds; 0: for ever
+    std::string input;            ///< "-" is standard input
     std::int32_t recordsPerPage = 1024;
     std::string filter;
     std::string output; ///< empty: standard output

@@ -1,6 +1,6 @@
 #pragma once
-// run/status.json under the product root: what the service of this host tells about itself beside the
-// wire contract.
+// run/status.json under the product root: what the service of this host tells about itself beside
+// the wire contract.
 
 #include <string>
 

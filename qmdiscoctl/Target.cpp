@@ -73,8 +73,8 @@ Target findTarget(const std::string& hostArgument, const Tlx::HostConfig& config
         target.host = own;
         target.local = true;
     }
-    target.endpoint = target.local ? localEndpoint(config, target.host, status)
-                                   : config.endpointOf(target.host);
+    target.endpoint =
+        target.local ? localEndpoint(config, target.host, status) : config.endpointOf(target.host);
     return target;
 }
 

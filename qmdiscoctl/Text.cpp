@@ -17,11 +17,11 @@ namespace {
 
 bool isMisleading(char32_t c)
 {
-    return c < 0x20 || (c >= 0x7f && c < 0xa0)   // controls
-           || c == 0x200e || c == 0x200f         // direction marks
-           || (c >= 0x2028 && c <= 0x202e)       // separators, direction embeddings and overrides
-           || (c >= 0x2066 && c <= 0x2069)       // direction isolates
-           || c == 0x061c || c == 0xfeff;        // another direction mark, the byte order mark
+    return c < 0x20 || (c >= 0x7f && c < 0xa0) // controls
+           || c == 0x200e || c == 0x200f       // direction marks
+           || (c >= 0x2028 && c <= 0x202e)     // separators, direction embeddings and overrides
+           || (c >= 0x2066 && c <= 0x2069)     // direction isolates
+           || c == 0x061c || c == 0xfeff;      // another direction mark, the byte order mark
 }
 
 template <class... Values>
@@ -67,8 +67,8 @@ std::string escaped(std::string_view text)
         char32_t c = 0;
         const std::size_t length = Tlx::utf8Character(text, &c);
         if (length == 0) {
-            result += formatted("\\x%02x", static_cast<unsigned>(
-                                               static_cast<unsigned char>(text.front())));
+            result += formatted("\\x%02x",
+                                static_cast<unsigned>(static_cast<unsigned char>(text.front())));
             text.remove_prefix(1);
             continue;
         }

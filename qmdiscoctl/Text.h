@@ -7,8 +7,9 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-/// The text with everything escaped that a terminal or reader could take for something else: control
-/// characters, the characters that turn the direction of writing, line and paragraph separators
+/// The text with everything escaped that a terminal or reader could take for something else:
+/// control characters, the characters that turn the direction of writing, line and paragraph
+/// separators
 /// (\n, \x1b, \u202e), bytes that are no UTF-8 (\xff), and the backslash itself (\\).
 std::string escaped(std::string_view text);
 
@@ -22,8 +23,8 @@ std::string bytesText(unsigned long long bytes);
 /// "1023 B", "1.5 KiB", "2.0 MiB": short, not exact.
 std::string shortBytesText(double bytes);
 
-/// Rows as columns, two blanks between them, each cell escaped; an empty cell shows as "-". Every row
-/// has as many cells as the first.
+/// Rows as columns, two blanks between them, each cell escaped; an empty cell shows as "-". Every
+/// row has as many cells as the first.
 std::string formatTable(const std::vector<std::vector<std::string>>& rows);
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

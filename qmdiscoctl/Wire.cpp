@@ -20,7 +20,10 @@ class OrbPages : public Pages<Page>
   public:
     explicit OrbPages(typename Interface::_var_type iterator) : m_iterator(iterator) {}
     void setPageSize(CORBA::Long size) override { m_iterator->pageSize(size); }
-    std::unique_ptr<Page> next() override { return std::unique_ptr<Page>(m_iterator->getNextPage()); }
+    std::unique_ptr<Page> next() override
+    {
+        return std::unique_ptr<Page>(m_iterator->getNextPage());
+    }
     void release() override { m_iterator->release(); }
 
   private:
@@ -41,8 +44,7 @@ class OrbWriter : public Writer
 class OrbService : public Service
 {
   public:
-    OrbService(Tlx::Orb& orb, Remote::DiscoveryService_var service)
-        : m_orb(orb), m_service(service)
+    OrbService(Tlx::Orb& orb, Remote::DiscoveryService_var service) : m_orb(orb), m_service(service)
     {
     }
 
@@ -55,7 +57,8 @@ class OrbService : public Service
             m_service->queryDiscoveries(queryType, type, authority.c_str(), subject.c_str());
         if (CORBA::is_nil(iterator))
             return nullptr;
-        return std::make_unique<OrbPages<Remote::DiscoveryIterator, Remote::DiscoverySeq>>(iterator);
+        return std::make_unique<OrbPages<Remote::DiscoveryIterator, Remote::DiscoverySeq>>(
+            iterator);
     }
 
     Svc::DiscoveryStatus getCollectionData(const Remote::Discovery& discovery,
@@ -105,8 +108,7 @@ class OrbService : public Service
 Remote::DiscoveryService_var ask(Tlx::Orb& orb, const Tlx::Endpoint& endpoint, std::string& reason)
 {
     try {
-        const std::string url =
-            "corbaloc:iiop:1.2@" + Tlx::toText(endpoint) + "/" + SERVICE_NAME;
+        const std::string url = "corbaloc:iiop:1.2@" + Tlx::toText(endpoint) + "/" + SERVICE_NAME;
         CORBA::Object_var object = orb.getOrb()->string_to_object(url.c_str());
         Remote::DiscoveryService_var service = Remote::DiscoveryService::_narrow(object);
         if (CORBA::is_nil(service))
@@ -120,8 +122,8 @@ Remote::DiscoveryService_var ask(Tlx::Orb& orb, const Tlx::Endpoint& endpoint, s
 
 } // namespace
 
-// The library's lookup answers nil without a reason and knows no port but the configured one. Here a
-// person waits who wants to know why, and may have named a port.
+// The library's lookup answers nil without a reason and knows no port but the configured one. Here
+// a person waits who wants to know why, and may have named a port.
 std::unique_ptr<Service> connect(Tlx::Orb& orb, const Target& target, seconds limit,
                                  Failure& failure)
 {
@@ -137,8 +139,7 @@ std::unique_ptr<Service> connect(Tlx::Orb& orb, const Target& target, seconds li
         endpoint.address = addresses[i];
         const auto share = std::chrono::ceil<seconds>(deadline - steady_clock::now()) /
                            static_cast<long>(addresses.size() - i);
-        orb.setOrbRequestTimeout(
-            static_cast<unsigned>(std::max<seconds::rep>(share.count(), 1)));
+        orb.setOrbRequestTimeout(static_cast<unsigned>(std::max<seconds::rep>(share.count(), 1)));
         Remote::DiscoveryService_var service = ask(orb, endpoint, reason);
         if (!CORBA::is_nil(service))
             return std::make_unique<OrbService>(orb, service);

@@ -1,6 +1,6 @@
 #pragma once
-// The wire contract as the commands see it: one call here is one request to the service. Every call may
-// throw CORBA::SystemException.
+// The wire contract as the commands see it: one call here is one request to the service. Every call
+// may throw CORBA::SystemException.
 
 #include <chrono>
 #include <memory>

@@ -26,7 +26,8 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// The element that holds a record's priority, in its metadata document and in explorers' documents.
+/// The element that holds a record's priority, in its metadata document and in explorers'
+/// documents.
 constexpr const char* PRIORITY = "Priority";
 
 inline bool isSuccess(const DiscoveryResult& result)
@@ -34,8 +35,8 @@ inline bool isSuccess(const DiscoveryResult& result)
     return result.discStatus == DS_SUCCESS;
 }
 
-/// The part that Subject and Authority share: an optional status message, read and written inside the
-/// description's element.
+/// The part that Subject and Authority share: an optional status message, read and written inside
+/// the description's element.
 class DISCSRV_EXPORT Description : public XmlInterface
 {
   public:
@@ -119,8 +120,8 @@ class DISCSRV_EXPORT Authority : public Description
 class DISCSRV_EXPORT CollectionAttributes : public XmlInterface
 {
   public:
-    /// The expiry time is now + 1.25 times timeToLive (the extra quarter lets a producer be late); a
-    /// time to live of zero means that the record never expires, and leaves it zero.
+    /// The expiry time is now + 1.25 times timeToLive (the extra quarter lets a producer be late);
+    /// a time to live of zero means that the record never expires, and leaves it zero.
     CollectionAttributes(CollectionType type, CollectionStorage storage,
                          const TlxObjTime& discoveryTime, const TlxObjTime& timeToLive,
                          unsigned int priority);
@@ -162,8 +163,8 @@ class DISCSRV_EXPORT CollectionData
     /// backend's own. False (and logged) on failure.
     virtual bool open(OpenMode mode, const char* arg) = 0;
 
-    /// Reads up to length bytes; the number read, 0 at the end. A backend may answer a failed read as
-    /// the largest value: a count above length is a failure.
+    /// Reads up to length bytes; the number read, 0 at the end. A backend may answer a failed read
+    /// as the largest value: a count above length is a failure.
     virtual std::size_t readCollection(std::size_t length, void* buffer) const = 0;
 
     /// Appends length bytes; false on failure.
@@ -184,8 +185,8 @@ class DISCSRV_EXPORT Discovery : public XmlDocumentInterface, public virtual TLX
     /// Makes the record visible to later iterators. {DS_SUCCESS, 0}, or the reason why not.
     virtual DiscoveryResult persist() = 0;
 
-    /// Opens the payload: DS_SUCCESS; DS_OPEN_FAILED when it cannot be opened; DS_DATA_EXISTS when a
-    /// stored record of higher priority forbids the update.
+    /// Opens the payload: DS_SUCCESS; DS_OPEN_FAILED when it cannot be opened; DS_DATA_EXISTS when
+    /// a stored record of higher priority forbids the update.
     virtual DiscoveryResult open(OpenMode mode, const char* arg) = 0;
 
     /// Each takes ownership and deletes what it replaces.
@@ -245,8 +246,8 @@ class DISCSRV_EXPORT DiscoveryIterator : public virtual TLXRefCounted
     /// The next matching record, a reference for the caller to release; null when there is none.
     virtual Discovery* getNext() = 0;
 
-    /// Narrow the query. The text forms leave the name as it was when the new one is empty or begins
-    /// with "*".
+    /// Narrow the query. The text forms leave the name as it was when the new one is empty or
+    /// begins with "*".
     virtual void setAuthority(const std::string& name, AuthorityType type);
     virtual void setAuthority(const Uri& uri, AuthorityType type);
     virtual void setAuthority(const UriAuthority& authority, AuthorityType type);

@@ -160,8 +160,7 @@ void Discovery::setCollectionData(CollectionData* data)
     replace(m_collectionData, data);
 }
 
-DiscoveryIterator::DiscoveryIterator(AuthorityType type, std::string authority,
-                                     std::string subject)
+DiscoveryIterator::DiscoveryIterator(AuthorityType type, std::string authority, std::string subject)
     : m_type(type), m_authority(std::move(authority)), m_subject(std::move(subject))
 {
 }

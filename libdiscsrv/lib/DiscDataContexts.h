@@ -15,7 +15,10 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 class DescriptionContext : public XmlObjParseContext
 {
   public:
-    enum Node : std::uint32_t { StatusMessage = 0 };
+    enum Node : std::uint32_t
+    {
+        StatusMessage = 0
+    };
 
     using XmlObjParseContext::XmlObjParseContext;
 
@@ -34,7 +37,8 @@ class DescriptionContext : public XmlObjParseContext
 class DiscoveryDocContext : public XmlObjParseContext
 {
   public:
-    enum Node : std::uint32_t {
+    enum Node : std::uint32_t
+    {
         Document = 0,
         Attributes = 1,
         SubjectNode = 2,
@@ -50,7 +54,8 @@ class DiscoveryDocContext : public XmlObjParseContext
     /// Whether events go to a nested description.
     bool inDescription() const
     {
-        return !m_nodes.empty() && (m_nodes.back() == SubjectNode || m_nodes.back() == AuthorityNode);
+        return !m_nodes.empty() &&
+               (m_nodes.back() == SubjectNode || m_nodes.back() == AuthorityNode);
     }
 
     std::deque<std::uint32_t> m_nodes;

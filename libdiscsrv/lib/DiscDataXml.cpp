@@ -287,8 +287,7 @@ void Discovery::refuseDocument(const char* what, const TlxString& value)
     m_documentRefused = true;
 }
 
-void Discovery::xmlCharacters(XmlObjParseContext* context, const XMLCh* chars,
-                              unsigned long length)
+void Discovery::xmlCharacters(XmlObjParseContext* context, const XMLCh* chars, unsigned long length)
 {
     auto* ctxt = dynamic_cast<DiscoveryDocContext*>(context);
     if (!TLX_ASSERT(ctxt))

@@ -28,9 +28,9 @@ void setAssertionReporter(AssertionReporter reporter);
 
 /// Answers whether the expression is true; reports its text when it is not.
 #define TLX_ASSERT(expression)                                                                     \
-    ((expression) ? true                                                                           \
-                  : (::Veltrane::Quillmark::Tlx::reportAssertion(#expression, __FILE__, __LINE__), \
-                     false))
+    ((expression)                                                                                  \
+         ? true                                                                                    \
+         : (::Veltrane::Quillmark::Tlx::reportAssertion(#expression, __FILE__, __LINE__), false))
 
 /// The same under a text of its own, where the log's readers know the condition by another wording.
 #define TLX_ASSERT_AS(expression, text)                                                            \

@@ -27,8 +27,8 @@ class DataDescription
     std::variant<TlxString*, std::uint32_t*, std::int32_t*, TlxObjTime*> m_target;
 };
 
-/// A parsed document to be asked for values by element name. Safe against hostile documents as Xml.h
-/// says. Used by one thread.
+/// A parsed document to be asked for values by element name. Safe against hostile documents as
+/// Xml.h says. Used by one thread.
 class TlxDOMHandler
 {
   public:

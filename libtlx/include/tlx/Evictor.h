@@ -11,10 +11,10 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// Watches activated objects and deactivates those that no request has reached for their time-out. A
-/// request in progress is never evicted, and counts as activity until its end. Has a thread of its
-/// own, started with the first object. All operations may be called from any thread, from inside a
-/// request of the object concerned too.
+/// Watches activated objects and deactivates those that no request has reached for their time-out.
+/// A request in progress is never evicted, and counts as activity until its end. Has a thread of
+/// its own, started with the first object. All operations may be called from any thread, from
+/// inside a request of the object concerned too.
 class Evictor
 {
   public:

@@ -2,8 +2,8 @@
 // Locks on files, between processes and inside this one.
 //
 // The kernel's record locks belong to the process and the file: a second descriptor in the same
-// process is granted the same lock at once, and closing any descriptor of the file drops them all. A
-// daemon that serves many requests at a time would lose its locks that way. So every file that is
+// process is granted the same lock at once, and closing any descriptor of the file drops them all.
+// A daemon that serves many requests at a time would lose its locks that way. So every file that is
 // ever locked is opened, locked and closed through this header and nowhere else. Behind it stands
 // one table a process, keyed by device and inode, with these rules:
 //
@@ -34,7 +34,12 @@ namespace FileLockDetail {
 struct File;
 }
 
-enum class LockLevel { None, Read, Write };
+enum class LockLevel
+{
+    None,
+    Read,
+    Write
+};
 
 /// One holder: an open descriptor and its lock. Used by one thread at a time; different holders of
 /// one file may be used by different threads at once.
@@ -55,10 +60,10 @@ class FileLock
     /// the caller. -1 in a forked child.
     int get_handle() const;
 
-    // Each of these answers 0 on success and -1 with errno set on failure, and then leaves the level
-    // as it was. Asking for the level already held succeeds; asking for Read while holding Write
-    // lowers the level. EBADF when the descriptor is not open for reading (Read) or writing (Write);
-    // ENOLCK in a forked child.
+    // Each of these answers 0 on success and -1 with errno set on failure, and then leaves the
+    // level as it was. Asking for the level already held succeeds; asking for Read while holding
+    // Write lowers the level. EBADF when the descriptor is not open for reading (Read) or writing
+    // (Write); ENOLCK in a forked child.
 
     /// Waits until no other process holds a conflicting lock. EDEADLK when the wait would not end
     /// (the kernel saw two processes wait for each other, and again after a short while).
@@ -100,9 +105,9 @@ class FileLock
     LockLevel m_level = LockLevel::None;
 };
 
-/// Keeps the threads of this process apart while one of them reads or writes a locked file's content:
-/// taken for the length of one such operation, never while a caller keeps a record, and never while
-/// waiting for a lock. A thread may nest gates of one file.
+/// Keeps the threads of this process apart while one of them reads or writes a locked file's
+/// content: taken for the length of one such operation, never while a caller keeps a record, and
+/// never while waiting for a lock. A thread may nest gates of one file.
 class FileGate
 {
   public:

@@ -16,17 +16,17 @@ namespace Veltrane::Quillmark::Tlx {
 
 /// The keys that exist; docs/operations.md describes each.
 namespace ConfigKey {
-constexpr const char* SERVER = "SERVER";                         ///< the master's name
-constexpr const char* CLIENT_NAME = "CLIENT_NAME";               ///< this host's name
-constexpr const char* LISTEN = "LISTEN";                         ///< ADDRESS:PORT
-constexpr const char* PUBLISH_ADDRESS = "PUBLISH_ADDRESS";       ///< address inside references
+constexpr const char* SERVER = "SERVER";                   ///< the master's name
+constexpr const char* CLIENT_NAME = "CLIENT_NAME";         ///< this host's name
+constexpr const char* LISTEN = "LISTEN";                   ///< ADDRESS:PORT
+constexpr const char* PUBLISH_ADDRESS = "PUBLISH_ADDRESS"; ///< address inside references
 constexpr const char* REPORT_CLIENT_DISCOVERIES = "REPORT_CLIENT_DISCOVERIES"; ///< boolean
-constexpr const char* LOG_LEVEL = "LOG_LEVEL";                   ///< 0..9
-constexpr const char* LOG_MAX_BYTES = "LOG_MAX_BYTES";           ///< size of one log file
-constexpr const char* LOG_KEEP = "LOG_KEEP";                     ///< rotated log files kept
-constexpr const char* STOP_LIMIT = "STOP_LIMIT";                 ///< seconds for an orderly stop
-constexpr const char* MAX_MESSAGE_BYTES = "MAX_MESSAGE_BYTES";   ///< largest GIOP message accepted
-constexpr const char* ENDPOINT_PREFIX = "ENDPOINT.";             ///< ENDPOINT.<host> = ADDRESS:PORT
+constexpr const char* LOG_LEVEL = "LOG_LEVEL";                                 ///< 0..9
+constexpr const char* LOG_MAX_BYTES = "LOG_MAX_BYTES";         ///< size of one log file
+constexpr const char* LOG_KEEP = "LOG_KEEP";                   ///< rotated log files kept
+constexpr const char* STOP_LIMIT = "STOP_LIMIT";               ///< seconds for an orderly stop
+constexpr const char* MAX_MESSAGE_BYTES = "MAX_MESSAGE_BYTES"; ///< largest GIOP message accepted
+constexpr const char* ENDPOINT_PREFIX = "ENDPOINT.";           ///< ENDPOINT.<host> = ADDRESS:PORT
 } // namespace ConfigKey
 
 /// An address and a port. Written "ADDRESS:PORT", an IPv6 address in square brackets.
@@ -64,8 +64,8 @@ class HostConfig
     void setRoot(const TlxPathname& root);
     TlxPathname configFile() const; ///< ROOT/etc/qm.conf
 
-    /// Reads the file anew. False when it cannot be read; then nothing is configured and every key has
-    /// its default. Problems found are kept until the next read.
+    /// Reads the file anew. False when it cannot be read; then nothing is configured and every key
+    /// has its default. Problems found are kept until the next read.
     bool read();
     /// Takes the text in place of the file's (tests, fuzzing); name stands in the problems.
     void readText(const std::string& text, const std::string& name);
@@ -79,13 +79,13 @@ class HostConfig
     // Values with their defaults filled in.
     std::string localHostName() const;
     Endpoint listenEndpoint() const;
-    /// Where the service of a host listens: ENDPOINT.<host>, otherwise the host at the default port.
-    /// Host names compare without regard to case.
+    /// Where the service of a host listens: ENDPOINT.<host>, otherwise the host at the default
+    /// port. Host names compare without regard to case.
     Endpoint endpointOf(const std::string& host) const;
     std::uint64_t number(const std::string& key) const; ///< the key's default when it is not set
 
-    /// Whether this host is the master: exactly when SERVER names it, by its own name, an alias or a
-    /// local address. May resolve names, for at most 5 seconds. Without SERVER: false.
+    /// Whether this host is the master: exactly when SERVER names it, by its own name, an alias or
+    /// a local address. May resolve names, for at most 5 seconds. Without SERVER: false.
     bool isMaster() const;
 
   private:

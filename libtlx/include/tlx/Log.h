@@ -18,7 +18,8 @@ constexpr int LOG_LEVEL_TRACE = 6;
 /// The originator of lines that no service wrote: the platform library's own.
 constexpr unsigned LOG_ORIGINATOR_PLATFORM = 1;
 
-/// Where finished lines go. write is called from any thread, one call at a time, and does not throw.
+/// Where finished lines go. write is called from any thread, one call at a time, and does not
+/// throw.
 class LogSink
 {
   public:
@@ -117,8 +118,8 @@ class Tracer
 
 } // namespace Veltrane::Quillmark::Tlx
 
-/// Logs `text` (a chain for operator<<) followed by " (SOURCE:LINE)". The chain is evaluated only when
-/// the logger wants the level.
+/// Logs `text` (a chain for operator<<) followed by " (SOURCE:LINE)". The chain is evaluated only
+/// when the logger wants the level.
 #define TLX_LOG(logger, messageLevel, operation, source, text)                                     \
     do {                                                                                           \
         ::Veltrane::Quillmark::Tlx::Logger* tlxLogger_ = (logger);                                 \

@@ -17,7 +17,8 @@ class TlxObjTime
     constexpr TlxObjTime() = default;
     explicit TlxObjTime(std::int64_t seconds, std::int64_t microseconds = 0);
 
-    /// From an unsigned count of seconds, as the wire carries it; beyond the signed range it is max().
+    /// From an unsigned count of seconds, as the wire carries it; beyond the signed range it is
+    /// max().
     static TlxObjTime fromUnsignedSeconds(std::uint64_t seconds);
 
     /// The time of day, from the clock below.

@@ -19,13 +19,14 @@ namespace Veltrane::Quillmark::Tlx {
 /// decides how it listens, the last one destroys it. Code sets are UTF-8. Unless said otherwise an
 /// operation may be called from any thread, and a CORBA::SystemException goes to the caller.
 ///
-/// Each Orb owns an ACE reactor with a thread of its own, on which timers run one at a time; and, when
-/// asked, an evictor.
+/// Each Orb owns an ACE reactor with a thread of its own, on which timers run one at a time; and,
+/// when asked, an evictor.
 class Orb
 {
   public:
     /// @param clientOnly true: no port is opened, no request is ever served.
-    /// @param endpoint "ADDRESS:PORT" to listen on; empty for the host configuration's LISTEN. Port 0
+    /// @param endpoint "ADDRESS:PORT" to listen on; empty for the host configuration's LISTEN. Port
+    /// 0
     ///        takes a free one.
     /// @param serviceName the name of the service this ORB belongs to.
     /// @param evictorEnabled whether there is an evictor.
@@ -49,8 +50,8 @@ class Orb
     /// "ADDRESS:PORT" as it stands in references made here; empty for a client.
     std::string getEndpoint() const;
 
-    /// How long a call to another host may take before it fails with TIMEOUT, for the whole process;
-    /// 0 for no limit.
+    /// How long a call to another host may take before it fails with TIMEOUT, for the whole
+    /// process; 0 for no limit.
     void setOrbRequestTimeout(unsigned seconds);
 
     /// Activates a servant in poa (nil: the root POA) and answers its reference, which the caller

@@ -10,8 +10,8 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// Base of a service that a host daemon runs. The daemon constructs it and calls the hooks in order,
-/// all on its main thread:
+/// Base of a service that a host daemon runs. The daemon constructs it and calls the hooks in
+/// order, all on its main thread:
 ///
 ///     doShouldStart -> doPreInit -> doInit -> doRun -> (until a stop is asked for)
 ///     -> doStop -> doExit -> destruction
@@ -56,18 +56,18 @@ class OrbService
     virtual void doReconfig();
     virtual bool isUTF8CharCodeSetEnabled() const;
 
-    /// The service that this process runs; null when none exists. The object stays alive for as long
-    /// as the caller's request can run.
+    /// The service that this process runs; null when none exists. The object stays alive for as
+    /// long as the caller's request can run.
     static OrbService* Instance();
 
-    /// Asks the host to stop the service, and returns at once; the host's main thread does the rest.
-    /// Any thread, and async-signal-safe.
+    /// Asks the host to stop the service, and returns at once; the host's main thread does the
+    /// rest. Any thread, and async-signal-safe.
     /// @param restart reserved, false.
     void stopByEvent(bool restart);
     bool isStopRequested() const;
 
-    /// Called (from any thread) when a stop is asked for; the host sets it before the hooks run. Must
-    /// be async-signal-safe: it only wakes the main thread.
+    /// Called (from any thread) when a stop is asked for; the host sets it before the hooks run.
+    /// Must be async-signal-safe: it only wakes the main thread.
     void setStopHandler(void (*handler)());
 
     const std::string& getServiceName() const { return m_serviceName; }

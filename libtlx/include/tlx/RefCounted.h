@@ -2,8 +2,9 @@
 // Intrusive reference counting.
 //
 // Records, iterators, explorers and servants outlive the call that made them by an unknown time and
-// are shared by threads that know nothing of each other, so the count lives in the object. An object
-// is born with the one reference of its creator; whoever holds an AutoDereference holds one more.
+// are shared by threads that know nothing of each other, so the count lives in the object. An
+// object is born with the one reference of its creator; whoever holds an AutoDereference holds one
+// more.
 
 #include <atomic>
 #include <utility>

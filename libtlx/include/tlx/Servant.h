@@ -11,7 +11,8 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// When an object was last reached by a request, and how many requests are inside it now. Any thread.
+/// When an object was last reached by a request, and how many requests are inside it now. Any
+/// thread.
 class ServantActivity
 {
   public:
@@ -40,8 +41,8 @@ class StatefulServant
     std::mutex m_requestMutex;
 };
 
-/// A servant whose requests from the wire are served one at a time, and whose activity is known. Two
-/// calls at once on one iterator, or a release beside a read, never meet inside it.
+/// A servant whose requests from the wire are served one at a time, and whose activity is known.
+/// Two calls at once on one iterator, or a release beside a read, never meet inside it.
 ///
 /// Skeleton is the generated POA_... class.
 template <class Skeleton>
@@ -62,7 +63,8 @@ class SerialServant : public virtual Skeleton, public StatefulServant
     }
 };
 
-/// "NAME" of an exception, with its minor code and completion: "TRANSIENT (minor 0x..., COMPLETED_NO)".
+/// "NAME" of an exception, with its minor code and completion: "TRANSIENT (minor 0x...,
+/// COMPLETED_NO)".
 std::string describeException(const CORBA::SystemException& exception);
 std::string describeException(const CORBA::Exception& exception);
 

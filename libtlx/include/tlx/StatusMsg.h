@@ -34,8 +34,8 @@ class StatusMsg : public virtual TLXRefCounted, public XmlInterface
     TlxString m_text;
 };
 
-/// Makes a StatusMsg from its start tag (the caller gets the creator's reference through message) and
-/// answers the context for its content, which the caller owns. A "Code" that is no number is 0.
+/// Makes a StatusMsg from its start tag (the caller gets the creator's reference through message)
+/// and answers the context for its content, which the caller owns. A "Code" that is no number is 0.
 XmlObjParseContext* xmlCreateObject(const XMLCh* name, AttributeList& attributes,
                                     const XmlObjParseContext* parent, StatusMsg*& message);
 

@@ -14,7 +14,8 @@ namespace Veltrane::Quillmark::Tlx {
 
 /// Classes of characters that an encoding leaves as they stand; a mask is a sum of classes.
 /// docs/formats.md lists them character by character.
-enum UriCharacterClass : unsigned {
+enum UriCharacterClass : unsigned
+{
     /// What reads well and may stand in a URI or an IRI: "!" "#" "$" "&" "'" "(" ")" "*" "+" ","
     /// "/" ":" ";" "=" "?" "@" "[" "]" and every character beyond ASCII except controls, separators
     /// and blanks, private-use and other code points that XML refuses or that cannot be seen.

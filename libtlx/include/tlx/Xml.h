@@ -1,20 +1,21 @@
 #pragma once
 // Objects that read themselves from XML events and write themselves as XML.
 //
-// The parser (SAX1) reports events; an XmlInterface receives them together with a context that holds
-// the state of this one parse. An object that contains others hands events of an inner element on to
-// the inner object with a context of its own. The end of an element answers who goes on:
+// The parser (SAX1) reports events; an XmlInterface receives them together with a context that
+// holds the state of this one parse. An object that contains others hands events of an inner
+// element on to the inner object with a context of its own. The end of an element answers who goes
+// on:
 //
 //     XML_COMPLETE (0)  the element and its object are complete
 //     XML_INSIDE   (1)  more events belong to the element
 //     XML_NOTHING  (2)  the element is over, but yields nothing
 //
-// An element that nobody knows is passed to XmlInterface::xmlStartElement, which skips it: until its
-// end no event of it, nor of anything inside it, reaches any object.
+// An element that nobody knows is passed to XmlInterface::xmlStartElement, which skips it: until
+// its end no event of it, nor of anything inside it, reaches any object.
 //
-// Every document is somebody else's input. Parsing reads no external entity and no DTD from outside,
-// bounds entity expansion, depth and size, and answers a hostile document with false and a level-1
-// line; nothing is thrown out of it.
+// Every document is somebody else's input. Parsing reads no external entity and no DTD from
+// outside, bounds entity expansion, depth and size, and answers a hostile document with false and a
+// level-1 line; nothing is thrown out of it.
 
 #include <cstddef>
 #include <memory>
@@ -36,7 +37,12 @@ namespace Veltrane::Quillmark::Tlx {
 using xercesc::AttributeList;
 using xercesc::InputSource;
 
-enum XmlEndResult { XML_COMPLETE = 0, XML_INSIDE = 1, XML_NOTHING = 2 };
+enum XmlEndResult
+{
+    XML_COMPLETE = 0,
+    XML_INSIDE = 1,
+    XML_NOTHING = 2
+};
 
 /// Elements nested deeper than this make a document unparsable.
 constexpr unsigned XML_MAX_DEPTH = 256;
@@ -49,7 +55,8 @@ constexpr unsigned XML_MAX_ENTITY_EXPANSIONS = 1000;
 class XmlObjParseContext
 {
   public:
-    /// @param parent the context of the enclosing element; null at the root. It must outlive this one.
+    /// @param parent the context of the enclosing element; null at the root. It must outlive this
+    /// one.
     explicit XmlObjParseContext(const XMLCh* elementName,
                                 const XmlObjParseContext* parent = nullptr);
     XmlObjParseContext(const XmlObjParseContext&) = delete;
@@ -109,8 +116,8 @@ class XmlDocumentInterface : public XmlInterface
     /// The context for the root element of a parse; the caller owns it. The base makes a plain one.
     virtual XmlObjParseContext* getObjParseContext(const XMLCh* name);
 
-    /// Parses a document from memory, calling this object's operations. False when the text is not a
-    /// well-formed document or exceeds a bound (the reason is logged at level 1); what the events
+    /// Parses a document from memory, calling this object's operations. False when the text is not
+    /// a well-formed document or exceeds a bound (the reason is logged at level 1); what the events
     /// did until then stays done.
     bool parseBuffer(const std::string& text);
 

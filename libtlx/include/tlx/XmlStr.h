@@ -17,7 +17,12 @@ class XmlStr
 {
   public:
     /// The encodings a document may be written in. The zero value is the default everywhere.
-    enum Encoding { XE_UTF8 = 0, XE_LATIN1 = 1, XE_ASCII = 2 };
+    enum Encoding
+    {
+        XE_UTF8 = 0,
+        XE_LATIN1 = 1,
+        XE_ASCII = 2
+    };
 
     explicit XmlStr(const TlxString& text, Encoding encoding = XE_UTF8)
         : m_text(text), m_encoding(encoding)

@@ -1,0 +1,47 @@
+#include "Commands.h"
+
+#include "Text.h"
+
+namespace Veltrane::Quillmark::Qmdiscoctl {
+
+Outcome runCommand(Session& session)
+{
+    switch (session.options.command) {
+    case Command::PUT:
+        return runPut(session);
+    case Command::QUERY:
+        return runQuery(session);
+    case Command::GET:
+        return runGet(session);
+    case Command::STATUS:
+        return runStatus(session);
+    case Command::REFRESH:
+        return runRefresh(session);
+    case Command::STOP:
+        return runStop(session);
+    }
+    return Failure{EC_USAGE, "no such command"};
+}
+
+std::string toText(const Json& document)
+{
+    return document.dump(2, ' ', true, Json::error_handler_t::replace) + "\n";
+}
+
+Outcome answer(Session& session, const std::string& text, const Json& document)
+{
+    return session.out.write(session.options.json ? toText(document) : text);
+}
+
+std::string theService(const Session& session)
+{
+    return "the discovery service on " + escaped(session.target.host);
+}
+
+Failure brokeOff(const Session& session, const CORBA::SystemException& exception,
+                 const std::string& more)
+{
+    return {EC_BROKE_OFF, theService(session) + " broke off: " + explain(exception) + more};
+}
+
+} // namespace Veltrane::Quillmark::Qmdiscoctl

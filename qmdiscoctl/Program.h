@@ -1,0 +1,9 @@
+#pragma once
+// The whole of the program.
+
+namespace Veltrane::Quillmark::Qmdiscoctl {
+
+/// Runs the command line and answers the exit code.
+int runProgram(int argc, char** argv);
+
+} // namespace Veltrane::Quillmark::Qmdiscoctl
