@@ -5,7 +5,7 @@ cannot cancel itself out. Standard library only.
 """
 
 from .cdr import CdrError, Decoder, Encoder
-from .connection import ConnectionLost, Timeout
+from .connection import ConnectionLost, MessageRefused, Timeout
 from .discovery import (AuthorityType, CollAttributes, CollectionDataIterator, CollectionStorage,
                         CollectionType, Discovery, DiscoveryIterator, DiscoveryQuery,
                         DiscoveryResult, DiscoveryService, DiscoveryStatus, RemoteWriter)
@@ -17,6 +17,6 @@ __all__ = [
     "AuthorityType", "CdrError", "CollAttributes", "CollectionDataIterator", "CollectionStorage",
     "CollectionType", "ConnectionLost", "Decoder", "Discovery", "DiscoveryIterator",
     "DiscoveryQuery", "DiscoveryResult", "DiscoveryService", "DiscoveryStatus", "Encoder",
-    "GiopError", "Ior", "IorError", "Orb", "RemoteWriter", "SystemException", "Timeout",
-    "parse_reference",
+    "GiopError", "Ior", "IorError", "MessageRefused", "Orb", "RemoteWriter", "SystemException",
+    "Timeout", "parse_reference",
 ]

@@ -19,6 +19,10 @@ class Timeout(ConnectionLost):
     """The peer took too long."""
 
 
+class MessageRefused(ConnectionLost):
+    """The peer says that it can make nothing of what it was sent."""
+
+
 class ConnectionClosed(ConnectionLost):
     """The peer has said that it closes the connection: open requests were not begun."""
 
@@ -97,6 +101,8 @@ class Connection:
         kind, decoder = self.receive_message()
         if kind == MessageType.CLOSE_CONNECTION:
             raise ConnectionClosed("the peer closes the connection")
+        if kind == MessageType.MESSAGE_ERROR:
+            raise MessageRefused("the peer refuses the message")
         if kind != MessageType.REPLY:
             raise GiopError("%s instead of a reply" % kind.name)
         if decoder.ulong() != request_id:

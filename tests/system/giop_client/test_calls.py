@@ -130,6 +130,11 @@ def test_an_orderly_close_is_no_failure(peer):
     assert octets(peer(CLOSE, reply(2, fill=lambda e: e.octets(b"a")))) == b"a"
 
 
+def test_a_refused_message(peer):
+    with pytest.raises(giop.MessageRefused):
+        octets(peer(header(MessageType.MESSAGE_ERROR, 0)))
+
+
 def test_silence_is_a_timeout(peer):
     proxy = peer(b"", b"never asked for", timeout=0.3)
     with pytest.raises(giop.Timeout, match="no answer within 0.3 s"):
@@ -139,11 +144,10 @@ def test_silence_is_a_timeout(peer):
 @pytest.mark.parametrize("answer", [
     b"HTTP/1.0 200 OK\r\n",
     header(99, 0),
-    header(MessageType.MESSAGE_ERROR, 0),
     reply(7),
     reply(1, 9),
     header(MessageType.REPLY, 0xffffffff),
-], ids=["http", "type", "error", "another", "status", "largest"])
+], ids=["http", "type", "another", "status", "largest"])
 def test_what_is_no_reply(peer, answer):
     with pytest.raises(giop.GiopError):
         octets(peer(answer))

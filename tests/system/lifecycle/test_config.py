@@ -147,7 +147,7 @@ def test_the_option_goes_before_the_file(start, root):
 def test_the_log_is_rotated(start, root):
     root.configure(LOG_LEVEL=9, LOG_MAX_BYTES=4096, LOG_KEEP=2)
     daemon = start(root)
-    for number in range(20):
+    for number in range(60):
         assert put(daemon.client(), "cl%d" % number, "a") == SUCCESS
     assert daemon.stop() == 0
     names = sorted(path.name for path in root.log_file.parent.iterdir())
