@@ -1,5 +1,6 @@
-#include <cstdio>
 #include <vector>
+
+#include <fmt/format.h>
 
 #include "Commands.h"
 #include "Text.h"
@@ -71,13 +72,11 @@ void addMembers(Rows& rows, const Json& members)
 
 std::string tableOf(const Session& session, const Reach& reached)
 {
-    char answer[32];
-    std::snprintf(answer, sizeof answer, "%.3f ms", reached.answer.count());
     Rows rows{{"service of", session.target.host},
               {"address", Tlx::toText(session.target.endpoint)},
               {"reachable", reached.reason.empty() ? "yes" : "no"}};
     if (reached.reason.empty())
-        rows.push_back({"answer time", answer});
+        rows.push_back({"answer time", fmt::format("{:.3f} ms", reached.answer.count())});
     if (session.target.local) {
         rows.push_back({"status file", session.status.path});
         rows.push_back({"status", stateOf(session.status)});

@@ -1,13 +1,12 @@
 #include "Text.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdint>
-#include <cstdio>
-#include <memory>
+#include <iterator>
 
 #include <locale.h>
 #include <wchar.h>
+
+#include <fmt/format.h>
 
 #include <tlx/String.h>
 
@@ -24,14 +23,6 @@ bool isMisleading(char32_t c)
            || c == 0x061c || c == 0xfeff;      // another direction mark, the byte order mark
 }
 
-template <class... Values>
-std::string formatted(const char* format, Values... values)
-{
-    std::array<char, 64> buffer;
-    const int length = std::snprintf(buffer.data(), buffer.size(), format, values...);
-    return {buffer.data(), static_cast<std::size_t>(length)};
-}
-
 std::string escape(char32_t c)
 {
     switch (c) {
@@ -42,7 +33,8 @@ std::string escape(char32_t c)
     case '\t':
         return "\\t";
     default:
-        return formatted(c < 0x80 ? "\\x%02x" : "\\u%04x", static_cast<unsigned>(c));
+        return c < 0x80 ? fmt::format("\\x{:02x}", static_cast<unsigned>(c))
+                        : fmt::format("\\u{:04x}", static_cast<unsigned>(c));
     }
 }
 
@@ -67,8 +59,7 @@ std::string escaped(std::string_view text)
         char32_t c = 0;
         const std::size_t length = Tlx::utf8Character(text, &c);
         if (length == 0) {
-            result += formatted("\\x%02x",
-                                static_cast<unsigned>(static_cast<unsigned char>(text.front())));
+            result += fmt::format("\\x{:02x}", static_cast<unsigned char>(text.front()));
             text.remove_prefix(1);
             continue;
         }
@@ -115,12 +106,12 @@ std::string shortBytesText(double bytes)
 {
     static const char* const units[] = {"KiB", "MiB", "GiB", "TiB"};
     if (bytes < 1024)
-        return formatted("%.0f B", bytes);
+        return fmt::format("{:.0f} B", bytes);
     std::size_t unit = 0;
     double value = bytes / 1024;
     for (; value >= 1024 && unit + 1 < std::size(units); ++unit)
         value /= 1024;
-    return formatted("%.1f %s", value, units[unit]);
+    return fmt::format("{:.1f} {}", value, units[unit]);
 }
 
 std::string formatTable(const std::vector<std::vector<std::string>>& rows)
