@@ -1,0 +1,176 @@
+// Finding and making the records of the store.
+
+#include "DiscDB.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <ace/Recursive_Thread_Mutex.h>
+#include <ace/Singleton.h>
+
+#include <tlx/HostConfig.h>
+#include <tlx/Wildcard.h>
+
+#include "DiscLog.h"
+#include "RecordFile.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+namespace {
+
+constexpr const char* LOG_SOURCE = "../DiscDB";
+
+/// Names a payload that does not exist yet; persist gives it its real name.
+constexpr const char* PLACEHOLDER = "payload.dat";
+
+} // namespace
+
+DiscoveryDBCreator* getDiscoveryDBDatabase()
+{
+    return ACE_Singleton<DiscoveryDBCreator, ACE_Recursive_Thread_Mutex>::instance();
+}
+
+DiscoveryDBCreator::DiscoveryDBCreator() = default;
+DiscoveryDBCreator::~DiscoveryDBCreator() = default;
+
+void DiscoveryDBCreator::init(const std::string& dir)
+{
+    DISC_TRACE("DiscoveryDBCreator::init");
+    const LockableGuard lockableGuard(*this);
+    if (!TLX_ASSERT(lockableGuard.locked()))
+        return;
+    if (setupDB(dir))
+        m_init = true;
+}
+
+bool DiscoveryDBCreator::setupDB(const std::string& dir)
+{
+    DISC_TRACE("DiscoveryDBCreator::setupDB");
+    if (!TLX_ASSERT_AS(!m_init, "SHOULD_NOT_GET_HERE"))
+        return false;
+    m_dbPath = dir.empty()
+                   ? HostConfig::instance().root().withFileName("db").withFileName("discovery")
+                   : TlxPathname(dir);
+    if (const int error = m_dbPath.createDirectories(0755))
+        DISC_LOG(1, "Unable to create directory path " << m_dbPath << ", error " << error);
+
+    const CleanupLock lock(m_dbPath.c_str(), CleanupLock::LM_EXCLUSIVE);
+    if (!lock.isLocked())
+        return true;
+    DIR* directory = ::opendir(m_dbPath.c_str());
+    if (!directory)
+        return true;
+    while (const dirent* entry = ::readdir(directory)) {
+        if (wildcardcmp("*.updating", entry->d_name, 0) != 0)
+            continue;
+        DISC_LOG(1, "Deleting temporary file " << entry->d_name);
+        if (::unlink(m_dbPath.withFileName(entry->d_name).c_str()) != 0)
+            DISC_LOG(1, "Unable to delete " << m_dbPath.withFileName(entry->d_name));
+    }
+    ::closedir(directory);
+    return true;
+}
+
+DiscoveryIterator* DiscoveryDBCreator::getIterator(DiscoveryQuery) const
+{
+    DISC_TRACE("DiscoveryDBCreator::getIterator");
+    if (!TLX_ASSERT(m_init))
+        return nullptr;
+    return new DBDiscoveryIterator(m_dbPath.c_str());
+}
+
+Discovery* DiscoveryDBCreator::newDiscovery(DiscoveryQuery query)
+{
+    DISC_TRACE("DiscoveryDBCreator::newDiscovery");
+    if (!TLX_ASSERT(m_init))
+        return nullptr;
+    return new DBDiscovery(m_dbPath, new DBCollectionData(m_dbPath.withFileName(PLACEHOLDER)),
+                           query);
+}
+
+Discovery* DiscoveryDBCreator::getDiscovery(const char* fileName)
+{
+    DISC_TRACE("DiscoveryDBCreator::getDiscovery");
+    if (!TLX_ASSERT(m_init))
+        return nullptr;
+    constexpr std::size_t SUFFIX = 3; // of both kinds of file
+    const std::string name = fileName ? fileName : "";
+    if (!TLX_ASSERT(name.size() > SUFFIX))
+        return nullptr;
+    const TlxPathname path = m_dbPath.withFileName(name);
+
+    AutoDereference<DBDiscovery> discovery;
+    {
+        RecordFile file;
+        switch (file.open(path, O_RDWR, LockLevel::Read)) {
+        case RecordFile::CANNOT_OPEN:
+            DISC_LOG(1, "Unable to open " << path);
+            return nullptr;
+        case RecordFile::CANNOT_LOCK:
+            DISC_LOG(1, "Unable to lock " << path);
+            return nullptr;
+        case RecordFile::READY:
+            break;
+        }
+        auto* data = new DBCollectionData(
+            m_dbPath.withFileName(name.substr(0, name.size() - SUFFIX) + "dat"));
+        discovery.reset(new DBDiscovery(file.takeLock(), path, data, DQ_DISCOVERY_DATA));
+        if (!discovery->load())
+            return nullptr;
+    }
+    if (!isExpired(discovery.get()))
+        return discovery.release();
+
+    DISC_LOG(1, path << " has expired");
+    switch (discovery->expire()) {
+    case 0:
+        break;
+    case 1:
+        DISC_LOG(1, path << " was modified during the expire and should not be expired");
+        break;
+    case 2:
+        DISC_LOG(1, path << " could not be expired");
+        break;
+    default:
+        TLX_SHOULD_NOT_GET_HERE();
+    }
+    return nullptr;
+}
+
+DBDiscoveryIterator::DBDiscoveryIterator(const char* dir)
+    : DiscoveryIterator(AT_ANYANDALL, "*", "*"), m_dir(::opendir(dir))
+{
+}
+
+DBDiscoveryIterator::~DBDiscoveryIterator()
+{
+    if (m_dir)
+        ::closedir(m_dir);
+}
+
+Discovery* DBDiscoveryIterator::getNext()
+{
+    DISC_TRACE("DBDiscoveryIterator::getNext");
+    if (!m_dir)
+        return nullptr;
+    if (m_pattern.empty())
+        m_pattern =
+            (m_type == AT_ANYANDALL ? std::string("*") : std::to_string(static_cast<int>(m_type))) +
+            ' ' + m_authority + ' ' + m_subject + ".xml";
+    while (const dirent* entry = ::readdir(m_dir)) {
+        if (wildcardcmp(m_pattern.c_str(), entry->d_name, 0) != 0)
+            continue;
+        AutoDereference<Discovery> discovery(getDiscoveryDBDatabase()->getDiscovery(entry->d_name));
+        if (!discovery)
+            continue;
+        const bool remotePull = discovery->getAuthority()->getType() == AT_REMOTEPULL;
+        if (!remotePull || m_type == AT_REMOTEPULL)
+            return discovery.release();
+    }
+    return nullptr;
+}
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -1,0 +1,211 @@
+// The payload files of the store, and the lock on its directory.
+
+#include <cerrno>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <ace/OS_NS_unistd.h>
+
+#include "DiscDB.h"
+#include "DiscLog.h"
+#include "FileWriting.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+namespace {
+constexpr const char* LOG_SOURCE = "../DiscDB";
+} // namespace
+
+CleanupLock::CleanupLock(const char* dir, LockMode mode)
+{
+    DISC_TRACE("CleanupLock::CleanupLock");
+    const TlxPathname path = TlxPathname(dir).withFileName("Update.lock");
+    m_fileLock = FileLock::open(path.text(), O_CREAT | O_RDWR, 0);
+    if (!m_fileLock) {
+        DISC_LOG(1, "Unable to open " << path);
+        return;
+    }
+    const int locked =
+        mode == LM_EXCLUSIVE ? m_fileLock->tryacquire_write() : m_fileLock->acquire_read();
+    if (locked != 0) {
+        DISC_LOG(1, "Unable to lock " << path);
+        return;
+    }
+    m_locked = true;
+}
+
+CleanupLock::~CleanupLock() = default;
+
+DBCollectionData::DBCollectionData(const TlxPathname& path) : m_path(path) {}
+
+DBCollectionData::~DBCollectionData()
+{
+    DISC_TRACE("DBCollectionData::~DBCollectionData");
+    if (m_handle == -1)
+        return;
+    switch (m_mode) {
+    case OM_UPDATE:
+        cleanup();
+        break;
+    case OM_READ:
+        ::close(m_handle);
+        break;
+    default:
+        ::close(m_handle);
+        TLX_SHOULD_NOT_GET_HERE();
+    }
+}
+
+bool DBCollectionData::open(OpenMode mode, const char*)
+{
+    DISC_TRACE("DBCollectionData::open");
+    if (m_handle != -1 && m_mode == OM_UPDATE) {
+        cleanup();
+    } else if (m_handle != -1) {
+        ::close(m_handle);
+        m_handle = -1;
+    }
+    m_mode = mode;
+    return mode == OM_UPDATE ? openTemporary() : openStored();
+}
+
+bool DBCollectionData::openTemporary()
+{
+    DISC_TRACE("DBCollectionData::open");
+    const TlxPathname directory = m_path.directory();
+    m_cleanupLock.reset();
+    m_cleanupLock = std::make_unique<CleanupLock>(directory.c_str(), CleanupLock::LM_SHARED);
+    // Without it a clean-up could delete what is written here.
+    if (!m_cleanupLock->isLocked()) {
+        m_cleanupLock.reset();
+        return false;
+    }
+    m_finalPath = std::make_unique<TlxPathname>(m_path);
+    for (unsigned attempt = 0; attempt < MAX_TEMPORARY_NAMES; ++attempt) {
+        const TlxPathname path = directory.withFileName(std::to_string(attempt) + ".updating");
+        DISC_LOG(4, "Attempting collecation data file " << path);
+        DISC_LOG(4, "Opening collection file: " << path);
+        m_handle = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0);
+        if (m_handle != -1) {
+            m_path = path;
+            return true;
+        }
+        DISC_LOG(1, "Last error" << errno);
+    }
+    m_finalPath.reset();
+    m_cleanupLock.reset();
+    return false;
+}
+
+bool DBCollectionData::openStored()
+{
+    DISC_TRACE("DBCollectionData::open");
+    // A writer of this record in this process is between deleting the old payload and renaming the
+    // new one at most while it holds the gate; writers in other processes wait for our lock.
+    std::unique_ptr<FileGate> gate;
+    if (m_recordLock)
+        gate = std::make_unique<FileGate>(*m_recordLock);
+    DISC_LOG(4, "Opening collection file: " << m_path);
+    // Not to wait for the writer of a pipe that somebody left here.
+    m_handle = ::open(m_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    struct stat status = {};
+    if (m_handle != -1 && (::fstat(m_handle, &status) != 0 || !S_ISREG(status.st_mode))) {
+        ::close(m_handle);
+        m_handle = -1;
+        errno = EINVAL;
+    }
+    if (m_handle == -1)
+        DISC_LOG(1, "Last error" << errno);
+    return m_handle != -1;
+}
+
+std::size_t DBCollectionData::readCollection(std::size_t length, void* buffer) const
+{
+    if (!TLX_ASSERT_AS(m_handle != -1, "ACE_INVALID_HANDLE != m_handle"))
+        return static_cast<std::size_t>(-1);
+    return static_cast<std::size_t>(::read(m_handle, buffer, length));
+}
+
+bool DBCollectionData::writeCollection(std::size_t length, const void* buffer) const
+{
+    if (!TLX_ASSERT_AS(m_handle != -1, "ACE_INVALID_HANDLE != m_handle"))
+        return false;
+    return writeAll(m_handle, buffer, length);
+}
+
+bool DBCollectionData::persist(const TlxPathname& target)
+{
+    DISC_TRACE("DBCollectionData::persist");
+    if (m_handle == -1)
+        open(OM_UPDATE, "");
+    const std::unique_ptr<CleanupLock> cleanupLock = std::move(m_cleanupLock);
+    if (!TLX_ASSERT_AS(m_handle != -1, "ACE_INVALID_HANDLE != m_handle"))
+        return false;
+    // What is open for reading is a stored payload, and not to be moved about.
+    if (!TLX_ASSERT(m_mode == OM_UPDATE))
+        return false;
+    // Otherwise a power cut could leave the name on a file without its bytes.
+    const bool synced = ::fsync(m_handle) == 0;
+    if (!synced)
+        DISC_LOG(1, "Unable to sync " << m_path << ", error " << errno);
+    (void)TLX_ASSERT(0 == ACE_OS::close(m_handle));
+    m_handle = -1;
+    if (!synced)
+        return false;
+
+    if (::unlink(target.c_str()) == 0)
+        DISC_LOG(4, "Deleted file: " << target);
+    else
+        DISC_LOG(1, "Unable to delete " << target);
+    if (::rename(m_path.c_str(), target.c_str()) != 0) {
+        DISC_LOG(1, "Unable to rename " << m_path << " to " << target);
+        return false;
+    }
+    DISC_LOG(1, "Successfully renamed " << m_path << " to " << target);
+    m_finalPath.reset();
+    m_path = target;
+    // The names of both of the record's files are in this directory.
+    if (!syncDirectory(target.directory())) {
+        DISC_LOG(1, "Unable to sync " << target.directory() << ", error " << errno);
+        return false;
+    }
+    return true;
+}
+
+bool DBCollectionData::cleanup()
+{
+    DISC_TRACE("DBCollectionData::cleanup");
+    if (m_handle != -1) {
+        (void)TLX_ASSERT(0 == ACE_OS::close(m_handle));
+        m_handle = -1;
+        // What is open for reading is the stored payload.
+        if (m_mode == OM_UPDATE) {
+            if (::unlink(m_path.c_str()) == 0)
+                DISC_LOG(1, "Deleted file: " << m_path);
+            else
+                DISC_LOG(1, "Unable to delete " << m_path);
+        }
+    }
+    if (m_finalPath)
+        m_path = *m_finalPath;
+    m_finalPath.reset();
+    m_cleanupLock.reset();
+    return true;
+}
+
+bool DBCollectionData::expire() const
+{
+    DISC_TRACE("DBCollectionData::expire");
+    if (::unlink(m_path.c_str()) == 0) {
+        DISC_LOG(4, "Deleted colllection: " << m_path);
+        return true;
+    }
+    if (errno != ENOENT)
+        return false;
+    DISC_LOG(1, "Collection data did not exist " << m_path);
+    return true;
+}
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc
