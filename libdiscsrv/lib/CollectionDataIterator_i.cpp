@@ -1,0 +1,80 @@
+#include "CollectionDataIterator_i.h"
+
+#include <algorithm>
+
+#include "DiscLog.h"
+#include "DiscoveryRepository.h"
+#include "ServiceCounters.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote {
+
+namespace {
+constexpr const char* LOG_SOURCE = "DiscoveryService_i";
+} // namespace
+
+CollectionDataIterator_i::CollectionDataIterator_i(
+    const AutoDereference<Tlx::DiscoverySvc::Discovery>& discovery)
+    : m_discovery(discovery)
+{
+    (void)TLX_ASSERT(m_pageSize > 0);
+}
+
+bool CollectionDataIterator_i::open(const char* filter)
+{
+    DISC_TRACE("CollectionDataIterator_i::open");
+    CollectionData* data = m_discovery ? m_discovery->getCollectionData() : nullptr;
+    if (data && data->open(OM_READ, filter))
+        return true;
+    DISC_LOG(1, "Failed to open collection");
+    return false;
+}
+
+CollectionDataSeq* CollectionDataIterator_i::getNextPage()
+{
+    return servantOperation("CollectionDataIterator_i::getNextPage", [this] {
+        DISC_TRACE("CollectionDataIterator_i::getNextPage");
+        const CollectionData* data = m_discovery ? m_discovery->getCollectionData() : nullptr;
+        if (!TLX_ASSERT_AS(data, "NULL != m_discovery"))
+            return new CollectionDataSeq;
+        const auto size =
+            static_cast<CORBA::ULong>(std::clamp<std::int64_t>(m_pageSize, 0, MAX_PAGE_BYTES));
+        if (size == 0)
+            return new CollectionDataSeq;
+        CORBA::Octet* buffer = CollectionDataSeq::allocbuf(size);
+        CollectionDataSeq_var page = new CollectionDataSeq(size, size, buffer, true);
+        std::size_t count = data->readCollection(size, buffer);
+        // A failure is a negative count in an unsigned type: more than was asked for.
+        if (count > size) {
+            DISC_LOG(1, "Failed to read from CollectionData");
+            count = 0;
+        }
+        page->length(static_cast<CORBA::ULong>(count));
+        countService(ServiceCounter::BYTES_READ, count);
+        return page._retn();
+    });
+}
+
+CORBA::Long CollectionDataIterator_i::pageSize()
+{
+    DISC_TRACE("CollectionDataIterator_i::pageSize");
+    return m_pageSize;
+}
+
+void CollectionDataIterator_i::pageSize(CORBA::Long size)
+{
+    DISC_TRACE("CollectionDataIterator_i::pageSize");
+    m_pageSize = size;
+}
+
+void CollectionDataIterator_i::release()
+{
+    servantOperation("CollectionDataIterator_i::release", [this] {
+        DISC_TRACE("CollectionDataIterator_i::release");
+        DISC_LOG(4, "Releasing collection data iterator");
+        if (Orb* orb = getDiscoveryRepository()->getOrb())
+            removeFromEvictor(m_objectId, *orb);
+        m_discovery.reset();
+    });
+}
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote

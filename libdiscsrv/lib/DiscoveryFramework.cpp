@@ -1,0 +1,116 @@
+#include "DiscoveryFramework.h"
+
+#include <ace/Init_ACE.h>
+
+#include <tlx/Orb.h>
+#include <tlx/Servant.h>
+
+#include "DiscDB.h"
+#include "DiscLog.h"
+#include "DiscoveryRepository.h"
+#include "DiscoveryService_i.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+namespace {
+constexpr const char* LOG_SOURCE = "../DiscoveryFramework";
+constexpr const char* ADVERTISED_NAME = "DiscoveryService";
+} // namespace
+
+DiscoveryFramework::DiscoveryFramework(const char* name, DiscoveryServiceType type, Orb* orb,
+                                       bool initAce)
+    : m_initAce(initAce), m_name(name ? name : ""), m_type(type), m_orb(orb)
+{
+}
+
+DiscoveryFramework::~DiscoveryFramework() = default;
+
+Orb* DiscoveryFramework::getOrb() const
+{
+    (void)TLX_ASSERT(0 != m_orb);
+    return m_orb;
+}
+
+bool DiscoveryFramework::init()
+{
+    DISC_TRACE("DiscoveryFramework::init");
+    if (m_init != 0) {
+        ++m_init;
+        return true;
+    }
+    if (m_initAce)
+        ACE::init();
+    getDiscoveryRepository()->setDiscoveryFramework(this);
+    if (m_type == DST_NO_SERVANT) {
+        ++m_init;
+        return true;
+    }
+    (void)TLX_ASSERT(m_orb->isEvictorEnabled());
+    try {
+        activateServant();
+    } catch (const CORBA::Exception& e) {
+        DISC_LOG(1, "Caught corba exception activating DiscoveryService servant, Corba exception: "
+                        << e._name());
+        throw;
+    }
+    getDiscoveryDBDatabase()->init(m_name);
+    getDiscoveryRepository()->loadExplorers();
+    ++m_init;
+    return true;
+}
+
+void DiscoveryFramework::activateServant()
+{
+    const CORBA::Object_var object = m_orb->getOrb()->resolve_initial_references("RootPOA");
+    m_rootPOA = PortableServer::POA::_narrow(object);
+    m_servant = new Remote::DiscoveryService_i;
+    m_servantReference = m_orb->activateServant(m_servant);
+    m_orb->advertiseObject(ADVERTISED_NAME, m_servantReference);
+    m_orb->setPostAdvertised(true);
+}
+
+bool DiscoveryFramework::shutdown()
+{
+    DISC_TRACE("DiscoveryFramework::shutdown");
+    if (!TLX_ASSERT(!m_shutdown))
+        return true;
+    m_shutdown = true;
+    if (m_type == DST_NO_SERVANT)
+        return true;
+    if (m_servant) {
+        if (m_orb) {
+            m_orb->destroyObjectRef(m_servantReference, PortableServer::POA::_nil());
+            m_servantReference = CORBA::Object::_nil();
+        }
+        m_servant->_remove_ref();
+        m_servant = nullptr;
+    }
+    if (m_orb && m_orb->isEvictorEnabled())
+        m_orb->getEvictor().shutdown();
+    if (!CORBA::is_nil(m_rootPOA)) {
+        try {
+            m_rootPOA->destroy(false, true);
+        } catch (const CORBA::SystemException& e) {
+            // The ORB goes with the process anyway; what stands behind the POA must still stop.
+            DISC_LOG(1, "Unable to destroy the root POA: " << describeException(e));
+        }
+        m_rootPOA = PortableServer::POA::_nil();
+    }
+    getDiscoveryRepository()->shutdown();
+    return true;
+}
+
+void DiscoveryFramework::fini()
+{
+    DISC_TRACE("DiscoveryFramework::fini");
+    // (No short circuit: each broken invariant is reported.)
+    const bool ready = TLX_ASSERT(m_shutdown) & TLX_ASSERT(m_init);
+    if (!ready || --m_init != 0)
+        return;
+    if (m_type != DST_NO_SERVANT)
+        getDiscoveryRepository()->fini();
+    if (m_initAce)
+        ACE::fini();
+}
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -1,0 +1,114 @@
+#include "DiscoveryIterator_i.h"
+
+#include <cstdint>
+#include <vector>
+
+#include <tlx/Hostname.h>
+
+#include "DiscLog.h"
+#include "DiscoveryRepository.h"
+#include "ServiceCounters.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote {
+
+namespace {
+
+constexpr const char* LOG_SOURCE = "DiscoveryService_i";
+
+/// What a page tells of a record.
+struct Row
+{
+    std::string subject;
+    std::string authority;
+    AuthorityType type;
+
+    /// About what it takes on the wire, with the members that are always the same.
+    std::size_t wireBytes() const { return subject.size() + authority.size() + 128; }
+};
+
+void fill(Remote::Discovery& element, const Row& row, const TlxString& host,
+          const TlxString& service)
+{
+    element.subject = CORBA::string_dup(row.subject.c_str());
+    element.authority = CORBA::string_dup(row.authority.c_str());
+    element.authType = row.type;
+    element.sourceHost = CORBA::string_dup(host.c_str());
+    element.sourceServiceName = CORBA::string_dup(service.c_str());
+    // Not told in a page; but what travels must be something that can be marshalled.
+    element.queryType = DQ_UNDEFINED;
+    element.attributes.colType = CT_CONFIGURATION;
+    element.attributes.colStorage = CS_LOCALONLY;
+    element.attributes.priority = 0;
+    element.attributes.timeToLive = 0;
+    element.attributes.discoveryTime = 0;
+}
+
+} // namespace
+
+DiscoveryIterator_i::DiscoveryIterator_i(Tlx::DiscoverySvc::DiscoveryIterator* iterator)
+{
+    m_discoveryIterator.refObject(iterator);
+    TlxHostname host;
+    host.setLocal();
+    m_hostName = host.text();
+}
+
+DiscoverySeq* DiscoveryIterator_i::getNextPage()
+{
+    return servantOperation("DiscoveryIterator_i::getNextPage", [this] {
+        DISC_TRACE("DiscoveryIterator_i::getNextPage");
+        DiscoverySeq_var page = new DiscoverySeq;
+        if (!TLX_ASSERT_AS(m_discoveryIterator, "NULL != m_discoveryIterator"))
+            return page._retn();
+
+        std::vector<Row> rows;
+        std::size_t bytes = 0;
+        // Up to and including the page size, as callers of the contract expect; counted wider than
+        // the size, which may be the largest there is.
+        for (std::int64_t i = 0; i <= m_pageSize && bytes < MAX_PAGE_BYTES; ++i) {
+            const AutoDereference<Tlx::DiscoverySvc::Discovery> discovery(
+                m_discoveryIterator->getNext());
+            if (!discovery)
+                break;
+            const Authority* authority = discovery->getAuthority();
+            const Subject* subject = discovery->getSubject();
+            if (!TLX_ASSERT(authority) || !TLX_ASSERT(subject))
+                continue;
+            rows.push_back(
+                {subject->getSubject().utf8(), authority->getName().utf8(), authority->getType()});
+            bytes += rows.back().wireBytes();
+        }
+
+        const TlxString service = getDiscoveryRepository()->getOrbServiceName();
+        page->length(static_cast<CORBA::ULong>(rows.size()));
+        for (CORBA::ULong i = 0; i < rows.size(); ++i)
+            fill(page[i], rows[i], m_hostName, service);
+        countService(ServiceCounter::RECORDS_RETURNED, rows.size());
+        return page._retn();
+    });
+}
+
+CORBA::Long DiscoveryIterator_i::pageSize()
+{
+    DISC_TRACE("DiscoveryIterator_i::pageSize");
+    return m_pageSize;
+}
+
+void DiscoveryIterator_i::pageSize(CORBA::Long size)
+{
+    DISC_TRACE("DiscoveryIterator_i::pageSize");
+    m_pageSize = size;
+}
+
+void DiscoveryIterator_i::release()
+{
+    servantOperation("DiscoveryIterator_i::release", [this] {
+        DISC_TRACE("DiscoveryIterator_i::release");
+        DISC_LOG(4, "releasing discovery iterator");
+        if (Orb* orb = getDiscoveryRepository()->getOrb())
+            removeFromEvictor(m_objectId, *orb);
+        m_discoveryIterator.reset();
+    });
+}
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote

@@ -1,0 +1,196 @@
+#include "DiscoveryRepository.h"
+
+#include <vector>
+
+#include <ace/Recursive_Thread_Mutex.h>
+#include <ace/Singleton.h>
+
+#include <tlx/HostConfig.h>
+#include <tlx/Orb.h>
+
+#include "CombiningIterator.h"
+#include "DiscDB.h"
+#include "DiscLog.h"
+#include "RemoteDB.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+namespace {
+constexpr const char* LOG_SOURCE = "../DiscoveryRepository";
+} // namespace
+
+DiscoveryRepository* getDiscoveryRepository()
+{
+    return ACE_Singleton<DiscoveryRepository, ACE_Recursive_Thread_Mutex>::instance();
+}
+
+DiscoveryRepository::DiscoveryRepository() = default;
+DiscoveryRepository::~DiscoveryRepository() = default;
+
+void DiscoveryRepository::setDiscoveryFramework(const DiscoveryFramework* framework)
+{
+    m_discoveryFramework.refObject(framework);
+}
+
+TlxString DiscoveryRepository::getDSName() const
+{
+    if (!TLX_ASSERT_AS(m_discoveryFramework, "0 != m_discoveryFramework"))
+        return {};
+    return m_discoveryFramework->getName();
+}
+
+DiscoveryServiceType DiscoveryRepository::getDSType() const
+{
+    if (!TLX_ASSERT_AS(m_discoveryFramework, "0 != m_discoveryFramework"))
+        return DST_NO_SERVANT;
+    return m_discoveryFramework->getType();
+}
+
+TlxString DiscoveryRepository::getOrbServiceName() const
+{
+    const Orb* orb = getOrb();
+    return orb ? TlxString(orb->getServiceName()) : TlxString();
+}
+
+Orb* DiscoveryRepository::getOrb() const
+{
+    if (!TLX_ASSERT_AS(m_discoveryFramework, "0 != m_discoveryFramework"))
+        return nullptr;
+    return m_discoveryFramework->getOrb();
+}
+
+PortableServer::POA_ptr DiscoveryRepository::getPOA() const
+{
+    if (!TLX_ASSERT_AS(m_discoveryFramework, "0 != m_discoveryFramework"))
+        return PortableServer::POA::_nil();
+    return m_discoveryFramework->getPOA();
+}
+
+bool DiscoveryRepository::isGenericDS() const
+{
+    return getDSType() == DST_GENERIC;
+}
+
+bool DiscoveryRepository::isMaster() const
+{
+    return getRemoteDiscoveryDatabase()->isMaster();
+}
+
+bool DiscoveryRepository::isGenericDSOnMaster() const
+{
+    return isMaster() && isGenericDS();
+}
+
+bool DiscoveryRepository::stringContainsWildcard(const std::string& text)
+{
+    return text.find('*') != std::string::npos;
+}
+
+void DiscoveryRepository::getMasterServerName(TlxHostname& out) const
+{
+    // Under the name that readers of the log search for.
+    DISC_TRACE("RemoteCollectionData::getMasterServerName");
+    std::string name;
+    if (!HostConfig::instance().getString(ConfigKey::SERVER, name))
+        DISC_LOG(1, "Unable to obtain master server name");
+    out.setHostname(name);
+}
+
+Authority* DiscoveryRepository::getLocalAuthority() const
+{
+    DISC_TRACE("DiscoveryRepository::getLocalAuthority");
+    TlxHostname host;
+    host.setLocal();
+    return new Authority(host.text().utf8(), AT_EXTSRC);
+}
+
+DiscoveryIterator* DiscoveryRepository::queryDiscoveries(DiscoveryQuery query,
+                                                         const std::string& subject,
+                                                         const std::string& authority,
+                                                         AuthorityType type)
+{
+    DISC_TRACE("DiscoveryRepository::queryDiscoveries");
+    if (!TLX_ASSERT(m_discoveryFramework))
+        return nullptr;
+    if (!isGenericDSOnMaster())
+        return queryRemoteDiscoveries(query, subject, authority, type);
+
+    std::vector<AutoDereference<DiscoveryIterator>> iterators;
+    if (type != AT_REMOTEPULL)
+        if (DiscoveryIterator* pulled = findPullExplorer(query, subject, authority))
+            iterators.emplace_back(pulled);
+    AutoDereference<DiscoveryIterator> stored(getDiscoveryDBDatabase()->getIterator(query));
+    if (!stored) {
+        DISC_LOG(1, "No database iterator found");
+        return nullptr;
+    }
+    stored->setAuthority(authority, type);
+    stored->setSubject(subject);
+    iterators.push_back(stored);
+    return new CombiningIterator(type, authority, subject, iterators);
+}
+
+void DiscoveryRepository::newDiscovery(AutoDereference<Discovery>& out, DiscoveryQuery query,
+                                       const Subject& subject, const Authority& authority,
+                                       const CollectionAttributes& attributes) const
+{
+    DISC_TRACE("DiscoveryRepository::newDiscovery");
+    out.reset();
+    if (isGenericDSOnMaster())
+        out.reset(getDiscoveryDBDatabase()->newDiscovery(query));
+    else
+        DISC_LOG(1, "Discoveries of a host that is not the master cannot be forwarded yet");
+    if (out) {
+        out->setSubject(new Subject(subject));
+        out->setAuthority(new Authority(authority));
+        out->setAttributes(new CollectionAttributes(attributes));
+    }
+    (void)TLX_ASSERT_AS(out, "*discovery");
+}
+
+DiscoveryIterator* DiscoveryRepository::queryRemoteDiscoveries(DiscoveryQuery, const std::string&,
+                                                               const std::string&, AuthorityType)
+{
+    DISC_TRACE("DiscoveryRepository::queryRemoteDiscoveries");
+    TlxHostname master;
+    getMasterServerName(master);
+    if (master.empty())
+        DISC_LOG(1, "Cannot find master server name, abort connecting to master discovery service");
+    else
+        DISC_LOG(1, "Queries of a host that is not the master cannot be forwarded yet");
+    return nullptr;
+}
+
+DiscoveryIterator* DiscoveryRepository::findPullExplorer(DiscoveryQuery, const std::string&,
+                                                         const std::string&)
+{
+    DISC_TRACE("DiscoveryRepository::findPullExplorer");
+    return nullptr; // no producer can be registered yet
+}
+
+void DiscoveryRepository::triggerPushTimer()
+{
+    DISC_TRACE("DiscoveryRepository::triggerPushTimer");
+    // There is a push timer only where something pushes.
+}
+
+void DiscoveryRepository::loadExplorers()
+{
+    DISC_TRACE("DiscoveryRepository::loadExplorers");
+}
+
+void DiscoveryRepository::shutdown()
+{
+    DISC_TRACE("DiscoveryRepository::shutdown");
+    if (!TLX_ASSERT(!m_shuttingDown))
+        return;
+    m_shuttingDown = true;
+}
+
+void DiscoveryRepository::fini()
+{
+    DISC_TRACE("DiscoveryRepository::fini");
+    (void)TLX_ASSERT(m_shuttingDown);
+}
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

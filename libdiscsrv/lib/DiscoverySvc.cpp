@@ -1,0 +1,80 @@
+#include "DiscoverySvc.h"
+
+#include <tlx/HostConfig.h>
+
+#include "DiscLog.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+namespace {
+constexpr const char* LOG_SOURCE = "../DiscoverySvc";
+constexpr unsigned REQUEST_TIMEOUT_SECONDS = 30;
+constexpr std::size_t REACTOR_HANDLES = 1024;
+} // namespace
+
+DiscoverySvc::DiscoverySvc(bool foreground)
+    : OrbService("DiscoveryService", LOG_ORIGINATOR, nullptr, foreground, "Discovery Service",
+                 false, REACTOR_HANDLES, nullptr)
+{
+    m_allowSeveral = false;
+    m_evictorEnabled = true;
+    DISC_TRACE("DiscoverySvc::DiscoverySvc");
+}
+
+DiscoverySvc::~DiscoverySvc()
+{
+    DISC_TRACE("DiscoverySvc::~DiscoverySvc");
+    m_framework.reset();
+}
+
+bool DiscoverySvc::doShouldStart()
+{
+    DISC_TRACE("DiscoverySvc::doShouldStart");
+    if (QM_read_master_config() != 0) {
+        DISC_LOG(1, "Failed to read config");
+        return true;
+    }
+    bool report = true;
+    if (QM_get_config_boolean(ConfigKey::REPORT_CLIENT_DISCOVERIES, report) != 0 || report)
+        return true;
+    DISC_LOG(4, "Shutting down qmdisco as directed by REPORT_CLIENT_DISCOVERIES=FALSE");
+    return false;
+}
+
+void DiscoverySvc::doInit()
+{
+    DISC_TRACE("DiscoverySvc::doInit");
+}
+
+int DiscoverySvc::doRun()
+{
+    DISC_TRACE("DiscoverySvc::doRun");
+    setAceReactor(getOrb()->getReactor());
+    getOrb()->setOrbRequestTimeout(REQUEST_TIMEOUT_SECONDS);
+    m_framework.reset(new DiscoveryFramework("", DST_GENERIC, getOrb(), true));
+    if (m_framework->init())
+        return 0;
+    DISC_LOG(1, "Failed to initialize the discovery framework");
+    return -1;
+}
+
+void DiscoverySvc::doStop()
+{
+    DISC_TRACE("DiscoverySvc::doStop");
+    if (m_framework)
+        m_framework->shutdown();
+}
+
+void DiscoverySvc::doExit()
+{
+    DISC_TRACE("DiscoverySvc::doExit");
+    if (m_framework)
+        m_framework->fini();
+}
+
+bool DiscoverySvc::isUTF8CharCodeSetEnabled() const
+{
+    return true;
+}
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc
