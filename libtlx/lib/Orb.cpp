@@ -1,1 +1,205 @@
+#include <tlx/Orb.h>
 
+#include <atomic>
+#include <thread>
+
+#include <ace/Init_ACE.h>
+#include <ace/Reactor.h>
+#include <ace/TP_Reactor.h>
+
+#include <tlx/HostConfig.h>
+#include <tlx/Servant.h>
+
+#include "OrbCore.h"
+#include "OrbLookup.h"
+#include "PlatformLog.h"
+
+namespace Veltrane::Quillmark::Tlx {
+
+namespace {
+
+constexpr const char* LOG_SOURCE = "../Orb";
+
+std::atomic<ACE_Reactor*> processReactor{nullptr};
+
+OrbSettings settingsFor(bool clientOnly, const std::string& endpoint)
+{
+    const HostConfig& config = HostConfig::instance();
+    OrbSettings settings;
+    settings.clientOnly = clientOnly;
+    settings.listen = endpoint.empty() ? toText(config.listenEndpoint()) : endpoint;
+    config.getString(ConfigKey::PUBLISH_ADDRESS, settings.publish);
+    settings.maxMessageBytes = config.number(ConfigKey::MAX_MESSAGE_BYTES);
+    return settings;
+}
+
+/// ACE, for as long as anything of it is used here: whoever else initialises and finalises it only
+/// changes a count.
+struct AceUse
+{
+    AceUse() { ACE::init(); }
+    ~AceUse() { ACE::fini(); }
+    AceUse(const AceUse&) = delete;
+    AceUse& operator=(const AceUse&) = delete;
+};
+
+/// A reactor and the thread on which its timers run.
+class ReactorThread
+{
+  public:
+    explicit ReactorThread(std::size_t handles)
+        : m_reactor(new ACE_TP_Reactor(handles), true),
+          m_thread([this] { m_reactor.run_reactor_event_loop(); })
+    {
+    }
+    ~ReactorThread()
+    {
+        m_reactor.end_reactor_event_loop();
+        m_thread.join();
+    }
+    ReactorThread(const ReactorThread&) = delete;
+    ReactorThread& operator=(const ReactorThread&) = delete;
+    ACE_Reactor* reactor() { return &m_reactor; }
+
+  private:
+    ACE_Reactor m_reactor;
+    std::thread m_thread;
+};
+
+} // namespace
+
+struct Orb::State
+{
+    State(bool clientOnly, const std::string& endpoint, const std::string& name,
+          bool evictorEnabled, std::size_t handles)
+        : serviceName(name), core(OrbCore::acquire(settingsFor(clientOnly, endpoint))),
+          reactor(handles), evictor(evictorEnabled ? std::make_unique<Evictor>() : nullptr)
+    {
+    }
+
+    const std::string serviceName;
+    const AceUse ace;
+    const std::shared_ptr<OrbCore> core;
+    ReactorThread reactor;
+    const std::unique_ptr<Evictor> evictor;
+    std::atomic<bool> postAdvertised{false};
+
+    PortableServer::POA_ptr orRoot(PortableServer::POA_ptr poa) const
+    {
+        return CORBA::is_nil(poa) ? core->rootPOA() : poa;
+    }
+};
+
+Orb::Orb(bool clientOnly, const std::string& endpoint, const std::string& serviceName,
+         bool evictorEnabled, std::size_t reactorHandles)
+    : m_state(std::make_unique<State>(clientOnly, endpoint, serviceName, evictorEnabled,
+                                      reactorHandles))
+{
+}
+
+Orb::~Orb()
+{
+    if (getAceReactor() == getReactor())
+        setAceReactor(nullptr);
+}
+
+const std::string& Orb::getServiceName() const
+{
+    return m_state->serviceName;
+}
+
+CORBA::ORB_ptr Orb::getOrb() const
+{
+    return m_state->core->orb();
+}
+
+ACE_Reactor* Orb::getReactor() const
+{
+    return m_state->reactor.reactor();
+}
+
+bool Orb::isEvictorEnabled() const
+{
+    return m_state->evictor != nullptr;
+}
+
+Evictor& Orb::getEvictor() const
+{
+    return *m_state->evictor;
+}
+
+std::string Orb::getEndpoint() const
+{
+    return m_state->core->endpoint();
+}
+
+CORBA::Object_ptr Orb::activateServant(PortableServer::Servant servant, PortableServer::POA_ptr poa)
+{
+    const PortableServer::POA_ptr home = m_state->orRoot(poa);
+    const PortableServer::ObjectId_var id = home->activate_object(servant);
+    return home->id_to_reference(id);
+}
+
+void Orb::destroyObjectRef(CORBA::Object_ptr object, PortableServer::POA_ptr poa)
+{
+    if (CORBA::is_nil(object))
+        return;
+    try {
+        const PortableServer::POA_ptr home = m_state->orRoot(poa);
+        const PortableServer::ObjectId_var id = home->reference_to_id(object);
+        home->deactivate_object(id);
+    } catch (const CORBA::Exception& e) {
+        // The object is gone already, or its POA is.
+        PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::destroyObjectRef",
+                     "Nothing to deactivate: " << describeException(e));
+    }
+}
+
+void Orb::advertiseObject(const std::string& name, CORBA::Object_ptr object)
+{
+    m_state->core->advertise(name, object);
+}
+
+void Orb::setPostAdvertised(bool advertised)
+{
+    m_state->postAdvertised = advertised;
+}
+
+bool Orb::isPostAdvertised() const
+{
+    return m_state->postAdvertised;
+}
+
+void Orb::holdRequests()
+{
+    m_state->core->holdRequests();
+}
+
+void Orb::serveRequests()
+{
+    m_state->core->serveRequests();
+}
+
+void Orb::setOrbRequestTimeout(unsigned seconds)
+{
+    setProcessCallLimit(std::chrono::seconds(seconds));
+}
+
+CORBA::Object_ptr Orb::lookupObject(const TlxHostname& host, const std::string& name,
+                                    std::chrono::milliseconds limit)
+{
+    return Tlx::lookupObject(m_state->core->orb(), host, name, limit);
+}
+
+void setAceReactor(ACE_Reactor* reactor)
+{
+    processReactor = reactor;
+    ACE_Reactor::instance(reactor, false);
+}
+
+ACE_Reactor* getAceReactor()
+{
+    return processReactor;
+}
+
+} // namespace Veltrane::Quillmark::Tlx

@@ -1,1 +1,114 @@
+#include <tlx/Servant.h>
 
+#include <atomic>
+#include <cstdlib>
+#include <exception>
+
+#include <fmt/format.h>
+
+#include <tlx/Orb.h>
+
+#include "PlatformLog.h"
+
+namespace Veltrane::Quillmark::Tlx {
+
+namespace {
+
+constexpr const char* LOG_SOURCE = "../Servant";
+
+std::atomic<unsigned> inProgress{0};
+
+const char* completionName(CORBA::CompletionStatus status)
+{
+    switch (status) {
+    case CORBA::COMPLETED_YES:
+        return "COMPLETED_YES";
+    case CORBA::COMPLETED_NO:
+        return "COMPLETED_NO";
+    default:
+        return "COMPLETED_MAYBE";
+    }
+}
+
+} // namespace
+
+ServantOperationMark::ServantOperationMark()
+{
+    inProgress.fetch_add(1, std::memory_order_relaxed);
+}
+
+ServantOperationMark::~ServantOperationMark()
+{
+    inProgress.fetch_sub(1, std::memory_order_relaxed);
+}
+
+unsigned Orb::requestsInProgress()
+{
+    return inProgress.load(std::memory_order_relaxed);
+}
+
+void ServantActivity::begin()
+{
+    const std::lock_guard guard(m_mutex);
+    ++m_inside;
+    m_lastUse = std::chrono::steady_clock::now();
+}
+
+void ServantActivity::end()
+{
+    const std::lock_guard guard(m_mutex);
+    --m_inside;
+    m_lastUse = std::chrono::steady_clock::now();
+}
+
+bool ServantActivity::idleSince(std::chrono::steady_clock::time_point moment) const
+{
+    const std::lock_guard guard(m_mutex);
+    return m_inside == 0 && m_lastUse <= moment;
+}
+
+std::chrono::steady_clock::time_point ServantActivity::lastUse() const
+{
+    const std::lock_guard guard(m_mutex);
+    return m_lastUse;
+}
+
+bool ServantActivity::busy() const
+{
+    const std::lock_guard guard(m_mutex);
+    return m_inside != 0;
+}
+
+std::string describeException(const CORBA::SystemException& exception)
+{
+    const char* minorName = exception.NP_minorString();
+    return fmt::format("{} (minor {:#010x}{}{}, {})", exception._name(), exception.minor(),
+                       minorName ? " " : "", minorName ? minorName : "",
+                       completionName(exception.completed()));
+}
+
+std::string describeException(const CORBA::Exception& exception)
+{
+    if (const auto* system = CORBA::SystemException::_downcast(&exception))
+        return describeException(*system);
+    return exception._name();
+}
+
+void endAfterForeignException(const char* operation) noexcept
+{
+    std::string what = "an exception of unknown type";
+    try {
+        throw;
+    } catch (const std::exception& e) {
+        what = e.what();
+    } catch (const CORBA::Exception& e) {
+        what = describeException(e);
+    } catch (...) { // the text above stands
+    }
+    PLATFORM_LOG(1, operation,
+                 "The process ends: only CORBA system exceptions may leave a remote "
+                     << "operation, this one threw: " << what);
+    std::abort();
+}
+
+} // namespace Veltrane::Quillmark::Tlx

@@ -76,11 +76,13 @@ class Orb
 
     /// The object that host's service advertises under a name: an own reference, or nil unless the
     /// object itself has answered. Resolving the name, connecting and the first call together take
-    /// no longer than the limit, also when the peer accepts and stays silent. Does not throw.
+    /// no longer than the limit, also when the peer accepts and stays silent. (A call into this
+    /// very process runs on the calling thread, and so takes as long as it takes.) Does not throw.
     CORBA::Object_ptr lookupObject(const TlxHostname& host, const std::string& name,
                                    std::chrono::milliseconds limit);
 
-    /// How many requests this process is serving now, in all POAs: for the status and the stop.
+    /// How many servant operations (tlx/Servant.h) this process is in now: for the status and the
+    /// stop.
     static unsigned requestsInProgress();
 
   private:

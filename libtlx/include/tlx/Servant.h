@@ -71,12 +71,23 @@ std::string describeException(const CORBA::Exception& exception);
 /// Reports what escaped a servant operation, then ends the process.
 [[noreturn]] void endAfterForeignException(const char* operation) noexcept;
 
+/// Counts a servant operation as in progress for as long as it lives.
+class ServantOperationMark
+{
+  public:
+    ServantOperationMark();
+    ~ServantOperationMark();
+    ServantOperationMark(const ServantOperationMark&) = delete;
+    ServantOperationMark& operator=(const ServantOperationMark&) = delete;
+};
+
 /// Runs the body of a servant operation. Only CORBA system exceptions may leave one: anything else
 /// means that the state behind the service can no longer be trusted, so the process ends, with a
 /// level-1 line that names the operation.
 template <class Body>
 auto servantOperation(const char* operation, Body&& body) -> decltype(body())
 {
+    const ServantOperationMark mark;
     try {
         return body();
     } catch (const CORBA::SystemException&) {

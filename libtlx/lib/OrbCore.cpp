@@ -1,0 +1,238 @@
+#include "OrbCore.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+
+#include <netdb.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <tlx/HostConfig.h>
+#include <tlx/Orb.h>
+#include <tlx/Servant.h>
+
+#include "PlatformLog.h"
+
+namespace Veltrane::Quillmark::Tlx {
+
+namespace {
+
+constexpr const char* LOG_SOURCE = "../Orb";
+
+/// Stands in for an object under its advertised name: whoever asks is sent to the object itself.
+class Forwarder : public virtual PortableServer::ServantBase
+{
+  public:
+    explicit Forwarder(CORBA::Object_ptr target) : m_target(CORBA::Object::_duplicate(target)) {}
+    CORBA::Boolean _dispatch(omniCallHandle&) override
+    {
+        throw omniORB::LOCATION_FORWARD(CORBA::Object::_duplicate(m_target.in()), false);
+    }
+    CORBA::Boolean _non_existent() override { return false; }
+    CORBA::Boolean _is_a(const char*) override { return true; }
+    const char* _mostDerivedRepoId() override { return "IDL:omg.org/CORBA/Object:1.0"; }
+    void* _ptrToInterface(const char*) override { return nullptr; }
+
+  private:
+    CORBA::Object_var m_target;
+};
+
+bool isAnyAddress(const std::string& address)
+{
+    return address.empty() || address == "0.0.0.0" || address == "::" || address == "*";
+}
+
+/// The ORB's form of an endpoint. The ORB listens on all addresses when it is given none.
+std::string toUri(const std::string& text)
+{
+    Endpoint endpoint;
+    if (!parseEndpoint(text, endpoint))
+        throw OrbError("cannot listen on \"" + text + "\": expected ADDRESS:PORT");
+    if (endpoint.address == "::")
+        return "giop:tcp:[::]:" + std::to_string(endpoint.port);
+    if (isAnyAddress(endpoint.address))
+        return "giop:tcp::" + std::to_string(endpoint.port);
+    return "giop:tcp:" + toText(endpoint);
+}
+
+/// Why a socket cannot be bound here, as the system says it; empty when it can. The ORB only tells
+/// that it could not.
+std::string whyNotBound(const std::string& text)
+{
+    Endpoint endpoint;
+    if (!parseEndpoint(text, endpoint))
+        return {};
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
+    addrinfo* found = nullptr;
+    const char* node = endpoint.address.empty() ? nullptr : endpoint.address.c_str();
+    if (const int error =
+            ::getaddrinfo(node, std::to_string(endpoint.port).c_str(), &hints, &found))
+        return ::gai_strerror(error);
+    int error = 0;
+    const int fd = ::socket(found->ai_family, found->ai_socktype | SOCK_CLOEXEC, 0);
+    const int on = 1;
+    if (fd == -1)
+        error = errno;
+    else if (::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+             ::bind(fd, found->ai_addr, found->ai_addrlen) != 0 || ::listen(fd, 1) != 0)
+        error = errno;
+    if (fd != -1)
+        ::close(fd);
+    ::freeaddrinfo(found);
+    return error ? std::strerror(error) : "";
+}
+
+/// "ADDRESS:PORT" as a reference carries it.
+std::string endpointOf(CORBA::Object_ptr reference)
+{
+    omniIOR* ior = reference->_PR_getobj() ? reference->_PR_getobj()->_getIOR() : nullptr;
+    if (!ior)
+        return {};
+    const omniIOR_var holder(ior);
+    IIOP::ProfileBody profile;
+    for (CORBA::ULong i = 0; i < ior->iopProfiles().length(); ++i) {
+        if (ior->iopProfiles()[i].tag != IOP::TAG_INTERNET_IOP)
+            continue;
+        IIOP::unmarshalProfile(ior->iopProfiles()[i], profile);
+        Endpoint endpoint;
+        endpoint.address = profile.address.host.in();
+        endpoint.port = profile.address.port;
+        return toText(endpoint);
+    }
+    return {};
+}
+
+void logOrbMessage(const char* message)
+{
+    std::string text(message ? message : "");
+    while (!text.empty() && (text.back() == '\n' || text.back() == ' '))
+        text.pop_back();
+    PLATFORM_LOG(LOG_LEVEL_FAILURE, "Orb", text);
+}
+
+std::mutex sharedMutex;
+std::weak_ptr<OrbCore> shared;
+
+} // namespace
+
+std::shared_ptr<OrbCore> OrbCore::acquire(const OrbSettings& settings)
+{
+    const std::lock_guard guard(sharedMutex);
+    if (auto core = shared.lock())
+        return core;
+    std::shared_ptr<OrbCore> core(new OrbCore(settings));
+    shared = core;
+    return core;
+}
+
+OrbCore::OrbCore(const OrbSettings& settings)
+{
+    try {
+        start(settings);
+    } catch (const CORBA::SystemException& e) {
+        if (!CORBA::is_nil(m_orb))
+            m_orb->destroy();
+        const std::string place = settings.clientOnly ? "" : " on " + settings.listen;
+        const std::string why = settings.clientOnly ? "" : whyNotBound(settings.listen);
+        throw OrbError("cannot bring the ORB up" + place + ": " +
+                       (why.empty() ? describeException(e) : why));
+    }
+}
+
+void OrbCore::start(const OrbSettings& settings)
+{
+    omniORB::setLogFunction(&logOrbMessage);
+    const std::string listen = settings.clientOnly ? "" : toUri(settings.listen);
+    const std::string publish =
+        settings.publish.empty() ? "addr" : "giop:tcp:" + settings.publish + ":";
+    const std::string maxMessage = std::to_string(settings.maxMessageBytes);
+    // Every option that a configuration file of the ORB could set differently for this process.
+    const std::array<std::array<const char*, 2>, 6> server{{
+        {"endPoint", listen.c_str()},
+        {"endPointPublish", publish.c_str()},
+        {"giopMaxMsgSize", maxMessage.c_str()},
+        {"supportPerThreadTimeOut", "1"},
+        {"nativeCharCodeSet", "UTF-8"},
+        {"traceLevel", "0"},
+    }};
+    const char* options[server.size() + 1][2] = {};
+    std::size_t count = 0;
+    // Without an endpoint of its own a client listens nowhere, as it never makes a POA.
+    for (std::size_t i = settings.clientOnly ? 2 : 0; i < server.size(); ++i, ++count) {
+        options[count][0] = server[i][0];
+        options[count][1] = server[i][1];
+    }
+    int argc = 0;
+    m_orb = CORBA::ORB_init(argc, nullptr, "omniORB4", options);
+    if (!settings.clientOnly)
+        openServer();
+}
+
+void OrbCore::openServer()
+{
+    CORBA::Object_var object = m_orb->resolve_initial_references("RootPOA");
+    m_rootPOA = PortableServer::POA::_narrow(object);
+    m_rootManager = m_rootPOA->the_POAManager();
+    object = m_orb->resolve_initial_references("omniINSPOA");
+    m_namePOA = PortableServer::POA::_narrow(object);
+    m_nameManager = m_namePOA->the_POAManager();
+    m_rootManager->hold_requests(false);
+    m_nameManager->hold_requests(false);
+    const PortableServer::ObjectId_var id = PortableServer::string_to_ObjectId("endpoint");
+    const CORBA::Object_var reference =
+        m_namePOA->create_reference_with_id(id, "IDL:omg.org/CORBA/Object:1.0");
+    m_endpoint = endpointOf(reference);
+}
+
+OrbCore::~OrbCore()
+{
+    const std::lock_guard guard(sharedMutex); // the next ORB comes up only when this one is down
+    try {
+        m_orb->destroy();
+    } catch (const CORBA::Exception& e) {
+        PLATFORM_LOG(LOG_LEVEL_FAILURE, "Orb",
+                     "Unable to take the ORB down: " << describeException(e));
+    }
+}
+
+PortableServer::POA_ptr OrbCore::rootPOA() const
+{
+    if (CORBA::is_nil(m_rootPOA))
+        throw CORBA::OBJ_ADAPTER();
+    return m_rootPOA.in();
+}
+
+void OrbCore::advertise(const std::string& name, CORBA::Object_ptr object)
+{
+    if (CORBA::is_nil(m_namePOA))
+        throw CORBA::OBJ_ADAPTER();
+    const PortableServer::ObjectId_var id = PortableServer::string_to_ObjectId(name.c_str());
+    try {
+        m_namePOA->deactivate_object(id); // a name leads to the object advertised last
+    } catch (const PortableServer::POA::ObjectNotActive&) { // the usual case
+    }
+    PortableServer::Servant_var<Forwarder> servant(new Forwarder(object));
+    m_namePOA->activate_object_with_id(id, servant.in());
+}
+
+void OrbCore::holdRequests()
+{
+    if (CORBA::is_nil(m_rootManager))
+        return;
+    m_rootManager->hold_requests(false);
+    m_nameManager->hold_requests(false);
+}
+
+void OrbCore::serveRequests()
+{
+    if (CORBA::is_nil(m_rootManager))
+        return;
+    m_rootManager->activate();
+    m_nameManager->activate();
+}
+
+} // namespace Veltrane::Quillmark::Tlx

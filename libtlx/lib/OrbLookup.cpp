@@ -1,0 +1,91 @@
+#include "OrbLookup.h"
+
+#include <algorithm>
+#include <limits>
+
+#include <tlx/HostConfig.h>
+#include <tlx/Resolver.h>
+#include <tlx/Servant.h>
+
+#include "PlatformLog.h"
+
+namespace Veltrane::Quillmark::Tlx {
+
+namespace {
+
+constexpr const char* LOG_SOURCE = "../Orb";
+
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+
+CORBA::ULong toOrbMilliseconds(milliseconds limit)
+{
+    return static_cast<CORBA::ULong>(
+        std::clamp<milliseconds::rep>(limit.count(), 0, std::numeric_limits<CORBA::ULong>::max()));
+}
+
+/// Limits the calls of this thread while it lives.
+class ThreadCallLimit
+{
+  public:
+    explicit ThreadCallLimit(milliseconds limit)
+    {
+        omniORB::setClientThreadCallTimeout(std::max<CORBA::ULong>(toOrbMilliseconds(limit), 1));
+    }
+    ~ThreadCallLimit() { omniORB::setClientThreadCallTimeout(0); }
+    ThreadCallLimit(const ThreadCallLimit&) = delete;
+    ThreadCallLimit& operator=(const ThreadCallLimit&) = delete;
+};
+
+milliseconds left(Clock::time_point end)
+{
+    return std::chrono::duration_cast<milliseconds>(end - Clock::now());
+}
+
+/// The object at one address, when it answers.
+CORBA::Object_ptr ask(CORBA::ORB_ptr orb, const Endpoint& endpoint, const std::string& name,
+                      milliseconds limit)
+{
+    const std::string url = "corbaloc:iiop:1.2@" + toText(endpoint) + "/" + name;
+    try {
+        const ThreadCallLimit limited(limit);
+        CORBA::Object_var object = orb->string_to_object(url.c_str());
+        if (!CORBA::is_nil(object) && !object->_non_existent())
+            return object._retn();
+        PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::lookupObject", "Nothing is there: " << url);
+    } catch (const CORBA::Exception& e) {
+        PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::lookupObject",
+                     "No answer from " << url << ": " << describeException(e));
+    }
+    return CORBA::Object::_nil();
+}
+
+} // namespace
+
+void setProcessCallLimit(std::chrono::seconds limit)
+{
+    omniORB::setClientCallTimeout(toOrbMilliseconds(limit));
+}
+
+CORBA::Object_ptr lookupObject(CORBA::ORB_ptr orb, const TlxHostname& host, const std::string& name,
+                               milliseconds limit)
+{
+    const Clock::time_point end = Clock::now() + limit;
+    Endpoint endpoint = HostConfig::instance().endpointOf(host.text().utf8());
+    const auto addresses = resolveHost(endpoint.address, limit);
+    if (addresses.empty())
+        PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::lookupObject",
+                     "The host has no address: " << endpoint.address);
+    for (const std::string& address : addresses) {
+        const milliseconds rest = left(end);
+        if (rest.count() <= 0)
+            break;
+        endpoint.address = address;
+        CORBA::Object_var object = ask(orb, endpoint, name, rest);
+        if (!CORBA::is_nil(object))
+            return object._retn();
+    }
+    return CORBA::Object::_nil();
+}
+
+} // namespace Veltrane::Quillmark::Tlx

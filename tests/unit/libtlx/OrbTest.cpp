@@ -1,0 +1,356 @@
+// The ORB wrapper, on this machine's loopback.
+
+#include <tlx/Orb.h>
+
+#include <chrono>
+#include <thread>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <ace/Event_Handler.h>
+#include <ace/Reactor.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <tlx/HostConfig.h>
+#include <tlx/Servant.h>
+
+#include "Capture.h"
+
+namespace Veltrane::Quillmark::Tlx {
+namespace {
+
+using namespace std::chrono_literals;
+using QmTest::LogCapture;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+/// Answers the operations that every object has.
+class PlainServant : public virtual PortableServer::ServantBase
+{
+  public:
+    explicit PlainServant(bool* destroyed = nullptr) : m_destroyed(destroyed) {}
+    ~PlainServant() override
+    {
+        if (m_destroyed)
+            *m_destroyed = true;
+    }
+    CORBA::Boolean _dispatch(omniCallHandle&) override { return false; }
+    const char* _mostDerivedRepoId() override { return "IDL:omg.org/CORBA/Object:1.0"; }
+    void* _ptrToInterface(const char*) override { return this; }
+
+  private:
+    bool* const m_destroyed;
+};
+
+/// A listening socket on the loopback that accepts (the system does) and never answers.
+class SilentPeer
+{
+  public:
+    SilentPeer() : m_fd(::socket(AF_INET, SOCK_STREAM, 0))
+    {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(::bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        EXPECT_EQ(::listen(m_fd, 5), 0);
+        socklen_t length = sizeof address;
+        ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length);
+        m_port = ntohs(address.sin_port);
+    }
+    ~SilentPeer() { ::close(m_fd); }
+    std::uint16_t port() const { return m_port; }
+
+  private:
+    const int m_fd;
+    std::uint16_t m_port = 0;
+};
+
+struct OrbTest : testing::Test
+{
+    OrbTest() { HostConfig::instance().readText("", "none"); }
+
+    static void endpointOf(const std::string& host, const std::string& endpoint)
+    {
+        HostConfig::instance().readText("ENDPOINT." + host + " = " + endpoint + "\n", "qm.conf");
+    }
+};
+
+TEST_F(OrbTest, TakesAFreePortAndTellsIt)
+{
+    const Orb orb(false, "127.0.0.1:0", "S", false, 16);
+    EXPECT_THAT(orb.getEndpoint(), StartsWith("127.0.0.1:"));
+    EXPECT_NE(orb.getEndpoint(), "127.0.0.1:0");
+    EXPECT_EQ(orb.getServiceName(), "S");
+}
+
+TEST_F(OrbTest, PublishesTheAddressThatTheConfigurationNames)
+{
+    HostConfig::instance().readText("PUBLISH_ADDRESS = 192.0.2.7\n", "qm.conf");
+    const Orb orb(false, "127.0.0.1:0", "S", false, 16);
+    EXPECT_THAT(orb.getEndpoint(), StartsWith("192.0.2.7:"));
+    EXPECT_NE(orb.getEndpoint(), "192.0.2.7:0");
+}
+
+TEST_F(OrbTest, NeverPublishesTheAnyAddress)
+{
+    const Orb orb(false, "0.0.0.0:0", "S", false, 16);
+    EXPECT_FALSE(orb.getEndpoint().empty());
+    EXPECT_THAT(orb.getEndpoint(), testing::Not(StartsWith("0.0.0.0")));
+    EXPECT_THAT(orb.getEndpoint(), testing::Not(StartsWith(":")));
+}
+
+TEST_F(OrbTest, SaysWhyAPortCannotBeHad)
+{
+    const SilentPeer other;
+    const std::string endpoint = "127.0.0.1:" + std::to_string(other.port());
+    try {
+        const Orb orb(false, endpoint, "S", false, 16);
+        FAIL() << "a port in use was taken";
+    } catch (const OrbError& e) {
+        EXPECT_EQ(std::string(e.what()),
+                  "cannot bring the ORB up on " + endpoint + ": Address already in use");
+    }
+}
+
+TEST_F(OrbTest, SaysWhatAnEndpointShouldBe)
+{
+    try {
+        const Orb orb(false, "nonsense", "S", false, 16);
+        FAIL() << "nonsense was taken";
+    } catch (const OrbError& e) {
+        EXPECT_EQ(std::string(e.what()), "cannot listen on \"nonsense\": expected ADDRESS:PORT");
+    }
+}
+
+TEST_F(OrbTest, ComesUpAgainAfterAFailureAndAfterItsEnd)
+{
+    const SilentPeer other;
+    EXPECT_THROW(Orb(false, "127.0.0.1:" + std::to_string(other.port()), "S", false, 16), OrbError);
+    {
+        const Orb orb(false, "127.0.0.1:0", "S", false, 16);
+        EXPECT_THAT(orb.getEndpoint(), StartsWith("127.0.0.1:"));
+    }
+    const Orb again(false, "127.0.0.1:0", "S", false, 16);
+    EXPECT_THAT(again.getEndpoint(), StartsWith("127.0.0.1:"));
+}
+
+TEST_F(OrbTest, AClientOpensNoPortAndServesNothing)
+{
+    Orb orb(true, "", "S", false, 16);
+    EXPECT_EQ(orb.getEndpoint(), "");
+    EXPECT_FALSE(orb.isEvictorEnabled());
+    PortableServer::Servant_var<PlainServant> servant(new PlainServant);
+    EXPECT_THROW(orb.activateServant(servant.in()), CORBA::OBJ_ADAPTER);
+    orb.serveRequests();
+    orb.holdRequests();
+}
+
+TEST_F(OrbTest, WrappersShareOneOrb)
+{
+    const Orb first(false, "127.0.0.1:0", "S", false, 16);
+    const Orb second(true, "", "T", true, 16);
+    EXPECT_EQ(first.getOrb(), second.getOrb());
+    EXPECT_NE(first.getReactor(), second.getReactor());
+    EXPECT_TRUE(second.isEvictorEnabled());
+}
+
+TEST_F(OrbTest, AnAdvertisedObjectIsFoundUnderItsName)
+{
+    Orb orb(false, "127.0.0.1:0", "S", false, 16);
+    PortableServer::Servant_var<PlainServant> servant(new PlainServant);
+    const CORBA::Object_var object = orb.activateServant(servant.in());
+    orb.advertiseObject("Thing", object);
+    orb.serveRequests();
+    endpointOf("here", orb.getEndpoint());
+    const CORBA::Object_var found = orb.lookupObject(TlxHostname("here"), "Thing", 5s);
+    ASSERT_FALSE(CORBA::is_nil(found));
+    EXPECT_FALSE(found->_non_existent());
+    const CORBA::Object_var none = orb.lookupObject(TlxHostname("here"), "Other", 5s);
+    EXPECT_TRUE(CORBA::is_nil(none));
+}
+
+/// Another process, for what an ORB does otherwise when it calls itself: asks for "Thing" at the
+/// endpoint it is told, once with a short limit and once with a long one, and ends with 0 when only
+/// the second was answered.
+class OtherProcess
+{
+  public:
+    OtherProcess()
+    {
+        EXPECT_EQ(::pipe(m_pipe), 0);
+        m_pid = ::fork();
+        if (m_pid == 0)
+            ::_exit(ask());
+    }
+    void tell(const std::string& text)
+    {
+        const std::string line = text + "\n";
+        EXPECT_EQ(::write(m_pipe[1], line.data(), line.size()), static_cast<ssize_t>(line.size()));
+    }
+    int wait()
+    {
+        int status = -1;
+        ::waitpid(m_pid, &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    ~OtherProcess()
+    {
+        ::close(m_pipe[0]);
+        ::close(m_pipe[1]);
+    }
+
+  private:
+    std::string read()
+    {
+        std::string line;
+        char c = 0;
+        while (::read(m_pipe[0], &c, 1) == 1 && c != '\n')
+            line += c;
+        return line;
+    }
+    int ask()
+    {
+        ::alarm(30);
+        OrbTest::endpointOf("there", read());
+        Orb orb(true, "", "S", false, 16);
+        const CORBA::Object_var held = orb.lookupObject(TlxHostname("there"), "Thing", 300ms);
+        if (!CORBA::is_nil(held))
+            return 1;
+        const CORBA::Object_var found = orb.lookupObject(TlxHostname("there"), "Thing", 20s);
+        return CORBA::is_nil(found) ? 2 : 0;
+    }
+
+    int m_pipe[2] = {-1, -1};
+    pid_t m_pid = -1;
+};
+
+TEST_F(OrbTest, RequestsWaitUntilTheyAreServed)
+{
+    OtherProcess client; // forked before there are threads here
+    Orb orb(false, "127.0.0.1:0", "S", false, 16);
+    PortableServer::Servant_var<PlainServant> servant(new PlainServant);
+    const CORBA::Object_var object = orb.activateServant(servant.in());
+    orb.advertiseObject("Thing", object);
+    client.tell(orb.getEndpoint());
+    // The client's first request waits here in vain; its second one, too, until the service is up.
+    std::thread later([&] {
+        std::this_thread::sleep_for(1s);
+        orb.serveRequests();
+    });
+    EXPECT_EQ(client.wait(), 0) << "1: answered too early, 2: not answered at all";
+    later.join();
+}
+
+TEST_F(OrbTest, ASilentPeerCostsNoMoreThanTheLimit)
+{
+    const SilentPeer peer;
+    Orb orb(true, "", "S", false, 16);
+    endpointOf("silent", "127.0.0.1:" + std::to_string(peer.port()));
+    const auto start = std::chrono::steady_clock::now();
+    const CORBA::Object_var found = orb.lookupObject(TlxHostname("silent"), "Thing", 500ms);
+    const auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_TRUE(CORBA::is_nil(found));
+    EXPECT_GE(took, 400ms);
+    EXPECT_LT(took, 5s); // slack for a busy machine
+}
+
+TEST_F(OrbTest, NobodyListeningIsNil)
+{
+    std::uint16_t port = 0;
+    {
+        const SilentPeer peer;
+        port = peer.port();
+    }
+    LogCapture log;
+    Orb orb(true, "", "S", false, 16);
+    endpointOf("gone", "127.0.0.1:" + std::to_string(port));
+    const CORBA::Object_var found = orb.lookupObject(TlxHostname("gone"), "Thing", 5s);
+    EXPECT_TRUE(CORBA::is_nil(found));
+    ASSERT_EQ(log.texts(4).size(), 1u);
+    EXPECT_THAT(log.texts(4)[0], StartsWith("No answer from corbaloc:iiop:1.2@127.0.0.1:" +
+                                            std::to_string(port) + "/Thing: TRANSIENT"));
+}
+
+TEST_F(OrbTest, DestroyingAReferenceDeactivatesItsObject)
+{
+    Orb orb(false, "127.0.0.1:0", "S", false, 16);
+    orb.serveRequests();
+    bool destroyed = false;
+    PortableServer::Servant_var<PlainServant> servant(new PlainServant(&destroyed));
+    const CORBA::Object_var object = orb.activateServant(servant.in());
+    servant = nullptr;
+    EXPECT_FALSE(object->_non_existent());
+    EXPECT_FALSE(destroyed);
+    orb.destroyObjectRef(object, PortableServer::POA::_nil());
+    EXPECT_TRUE(destroyed);
+    EXPECT_TRUE(object->_non_existent());
+    orb.destroyObjectRef(object, PortableServer::POA::_nil());
+    orb.destroyObjectRef(CORBA::Object::_nil(), PortableServer::POA::_nil());
+}
+
+TEST_F(OrbTest, CopesWithARootPoaThatItsServiceDestroyed)
+{
+    Orb orb(false, "127.0.0.1:0", "S", true, 16);
+    orb.serveRequests();
+    PortableServer::Servant_var<PlainServant> servant(new PlainServant);
+    const CORBA::Object_var object = orb.activateServant(servant.in());
+    const CORBA::Object_var root = orb.getOrb()->resolve_initial_references("RootPOA");
+    const PortableServer::POA_var poa = PortableServer::POA::_narrow(root);
+    poa->destroy(false, true);
+    orb.destroyObjectRef(object, PortableServer::POA::_nil());
+    EXPECT_THROW(orb.activateServant(servant.in()), CORBA::SystemException);
+    orb.holdRequests();
+    orb.serveRequests();
+}
+
+struct Flag : ACE_Event_Handler
+{
+    int handle_timeout(const ACE_Time_Value&, const void*) override
+    {
+        {
+            const std::lock_guard guard(mutex);
+            fired = true;
+            thread = std::this_thread::get_id();
+        }
+        changed.notify_all();
+        return 0;
+    }
+    bool wait()
+    {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, 10s, [this] { return fired; });
+    }
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool fired = false;
+    std::thread::id thread;
+};
+
+TEST_F(OrbTest, TimersRunOnTheReactorsOwnThread)
+{
+    const Orb orb(true, "", "S", false, 1024);
+    setAceReactor(orb.getReactor());
+    EXPECT_EQ(getAceReactor(), orb.getReactor());
+    Flag flag;
+    ASSERT_NE(ACE_Reactor::instance()->schedule_timer(&flag, nullptr, ACE_Time_Value::zero), -1);
+    EXPECT_TRUE(flag.wait());
+    EXPECT_NE(flag.thread, std::this_thread::get_id());
+}
+
+TEST_F(OrbTest, TheProcessWideReactorGoesWithItsOrb)
+{
+    {
+        const Orb orb(true, "", "S", false, 16);
+        setAceReactor(orb.getReactor());
+    }
+    EXPECT_EQ(getAceReactor(), nullptr);
+}
+
+} // namespace
+} // namespace Veltrane::Quillmark::Tlx
