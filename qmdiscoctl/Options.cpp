@@ -4,9 +4,9 @@
 #include <charconv>
 #include <functional>
 #include <limits>
+#include <memory>
 
-#include <CLI/CLI.hpp>
-
+#include "Help.h"
 #include "Names.h"
 #include "Target.h"
 #include "Text.h"
@@ -155,6 +155,8 @@ class Parser
     void addQuery();
     void addGet();
     void addServiceCommands();
+    /// What is wrong with a line whose command was not found.
+    std::string commandProblem(const CLI::ParseError& error) const;
     /// An option that the parser takes before the command and again after it.
     std::string givenTwice() const;
     void understand();
@@ -167,24 +169,25 @@ class Parser
 
 Parser::Parser()
 {
-    m_app.get_formatter()->label("Positionals", "Arguments");
-    m_app.get_formatter()->label("SUBCOMMAND", "COMMAND");
+    // Before the commands, which inherit them.
+    m_app.formatter(std::make_shared<HelpFormatter>());
     m_app.footer(exitCodeTable());
-    m_app.set_help_flag("--help,-h", "Print this help and exit")->group("Help");
-    m_app.set_version_flag("--version", std::string("qmdiscoctl ") + version())->group("Help");
     m_app.require_subcommand(1);
     addPut();
     addQuery();
     addGet();
     addServiceCommands();
     addCommonOptions(&m_app);
+    m_app
+        .set_version_flag("--version", std::string("qmdiscoctl ") + version(),
+                          "Print the version and exit")
+        ->group("Help");
 }
 
 CLI::App* Parser::addCommand(const char* name, const char* description, const char* group,
                              Command command)
 {
     CLI::App* app = m_app.add_subcommand(name, description)->group(group);
-    app->get_help_ptr()->group("Help");
     m_commands.push_back({app, command});
     return app;
 }
@@ -208,7 +211,9 @@ void Parser::addCommonOptions(CLI::App* app)
             checkRoot)
         ->group("Which service");
     app->add_flag("--json", m_options.json, "JSON for programs instead of text for people")
-        ->group("Output");
+        ->group("Output")
+        ->disable_flag_override();
+    app->set_help_flag("--help,-h", "Print this help and exit")->group("Help");
 }
 
 void Parser::addNames(CLI::App* app)
@@ -302,7 +307,8 @@ void Parser::addServiceCommands()
     CLI::App* refresh = addCommand("refresh", "Make the service's explorers look again", "Service",
                                    Command::REFRESH);
     refresh->add_flag("--all", m_options.all, "Those of every host; only the master's service can")
-        ->group("Which service");
+        ->group("Which service")
+        ->disable_flag_override();
     addCommonOptions(refresh);
 
     CLI::App* stop = addCommand("stop", "Stop the service in order", "Service", Command::STOP);
@@ -312,8 +318,19 @@ void Parser::addServiceCommands()
                             ->group("Waiting");
     stop->add_flag("--no-wait", m_texts.noWait, "Tell the service to stop, and do no more")
         ->group("Waiting")
-        ->excludes(wait);
+        ->excludes(wait)
+        ->disable_flag_override();
     addCommonOptions(stop);
+}
+
+std::string Parser::commandProblem(const CLI::ParseError& error) const
+{
+    if (dynamic_cast<const CLI::RequiredError*>(&error) == nullptr)
+        return oneLine(error.what());
+    const std::vector<std::string> unknown = m_app.remaining();
+    return (unknown.empty() ? "a command is expected"
+                            : "there is no command or option " + quoted(unknown.front())) +
+           "; the commands are put, query, get, status, refresh and stop";
 }
 
 std::string Parser::givenTwice() const
@@ -367,7 +384,7 @@ ParsedOptions Parser::parse(int argc, const char* const* argv)
         parsed.end = EC_OK;
         parsed.text = std::string(wanted.what()) + "\n";
     } catch (const CLI::ParseError& error) {
-        refuse(oneLine(error.what()));
+        refuse(m_app.get_subcommands().empty() ? commandProblem(error) : oneLine(error.what()));
     }
     return parsed;
 }
