@@ -9,6 +9,15 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+// What GIOP_S.h needs and does not include.
+#include <omniORB4/IOP_S.h>
+#include <omniORB4/callDescriptor.h>
+#include <omniORB4/internal/giopStrand.h>
+#include <omniORB4/internal/giopStream.h>
+
+#include <omniORB4/internal/GIOP_S.h>
+#include <omniORB4/omniInterceptors.h>
+
 #include <tlx/HostConfig.h>
 #include <tlx/Orb.h>
 #include <tlx/Servant.h>
@@ -106,6 +115,15 @@ std::string endpointOf(CORBA::Object_ptr reference)
     return {};
 }
 
+/// An object key that begins with a zero byte belongs to an object adapter that is not in use here.
+/// The ORB, left to itself, answers a request for one over and over, as long as its sender stays.
+CORBA::Boolean refuseForeignKey(omni::omniInterceptors::serverReceiveRequest_T::info_T& info)
+{
+    if (info.giop_s.keysize() > 0 && info.giop_s.key()[0] == 0)
+        throw CORBA::OBJECT_NOT_EXIST(0, CORBA::COMPLETED_NO);
+    return true;
+}
+
 void logOrbMessage(const char* message)
 {
     std::string text(message ? message : "");
@@ -174,6 +192,7 @@ void OrbCore::start(const OrbSettings& settings)
 
 void OrbCore::openServer()
 {
+    omniORB::getInterceptors()->serverReceiveRequest.add(&refuseForeignKey);
     CORBA::Object_var object = m_orb->resolve_initial_references("RootPOA");
     m_rootPOA = PortableServer::POA::_narrow(object);
     m_rootManager = m_rootPOA->the_POAManager();
