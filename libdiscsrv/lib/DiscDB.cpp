@@ -118,8 +118,10 @@ Discovery* DiscoveryDBCreator::getDiscovery(const char* fileName)
         auto* data = new DBCollectionData(
             m_dbPath.withFileName(name.substr(0, name.size() - SUFFIX) + "dat"));
         discovery.reset(new DBDiscovery(file.takeLock(), path, data, DQ_DISCOVERY_DATA));
-        if (!discovery->load())
+        if (!discovery->load()) {
+            DISC_LOG(1, "Unable to load " << path);
             return nullptr;
+        }
     }
     if (!isExpired(discovery.get()))
         return discovery.release();

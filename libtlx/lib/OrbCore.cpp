@@ -154,10 +154,10 @@ OrbCore::OrbCore(const OrbSettings& settings)
     } catch (const CORBA::SystemException& e) {
         if (!CORBA::is_nil(m_orb))
             m_orb->destroy();
-        const std::string place = settings.clientOnly ? "" : " on " + settings.listen;
         const std::string why = settings.clientOnly ? "" : whyNotBound(settings.listen);
-        throw OrbError("cannot bring the ORB up" + place + ": " +
-                       (why.empty() ? describeException(e) : why));
+        if (!why.empty())
+            throw OrbError("cannot listen on " + settings.listen + ": " + why);
+        throw OrbError("cannot bring the ORB up: " + describeException(e));
     }
 }
 

@@ -123,7 +123,9 @@ def test_an_empty_name_is_refused(service, root, authority, subject, named):
     result, writer = service.putCollection(record(subject, "" if named else authority))
     assert (result.discStatus, writer) == (DiscoveryStatus.DS_OPEN_FAILED, None)
     assert root.files() == files
-    assert log.failures() == [EMPTY["authority" if named else "subject"]]
+    told = (subject, "" if named else authority)
+    assert log.failures() == [
+        'A record needs a subject and an authority, got subject "%s" and authority "%s"' % told]
 
 
 def test_both_names_empty(service, root):

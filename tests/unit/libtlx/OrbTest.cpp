@@ -114,7 +114,7 @@ TEST_F(OrbTest, SaysWhyAPortCannotBeHad)
         FAIL() << "a port in use was taken";
     } catch (const OrbError& e) {
         EXPECT_EQ(std::string(e.what()),
-                  "cannot bring the ORB up on " + endpoint + ": Address already in use");
+                  "cannot listen on " + endpoint + ": Address already in use");
     }
 }
 
