@@ -15,6 +15,7 @@
 
 #include "DiscData.h"
 #include "DiscoveryFramework.h"
+#include "Explorer.h"
 
 namespace Veltrane::Quillmark::Tlx {
 class Orb;
@@ -24,7 +25,7 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 /// Every internal use of a virtual operation is a virtual call, so that a derived repository can
 /// change the routing.
-class DISCSRV_EXPORT DiscoveryRepository : public virtual TLXRefCounted, public TlxLockable
+class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory, public TlxLockable
 {
   public:
     DiscoveryRepository();
