@@ -1,0 +1,177 @@
+// The servant that receives one record.
+
+#include "RemoteWriter_i.h"
+
+#include <fstream>
+#include <sstream>
+
+#include "Capture.h"
+#include "ServiceFixture.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote {
+namespace {
+
+using QmTest::AssertionCapture;
+using QmTest::LogCapture;
+using Lines = std::vector<std::string>;
+
+Remote::Discovery incoming(const char* subject, const char* authority)
+{
+    Remote::Discovery discovery;
+    discovery.queryType = DQ_DISCOVERY_DATA;
+    discovery.subject = CORBA::string_dup(subject);
+    discovery.authority = CORBA::string_dup(authority);
+    discovery.authType = AT_QMKSERVER;
+    discovery.attributes = {CT_POINT_IN_TIME, CS_CENTRALREPOSITORY, 7, 4000000000u, 1000};
+    discovery.sourceHost = CORBA::string_dup("");
+    discovery.sourceServiceName = CORBA::string_dup("");
+    return discovery;
+}
+
+CollectionDataSeq bytes(const std::string& text)
+{
+    CollectionDataSeq seq;
+    seq.length(static_cast<CORBA::ULong>(text.size()));
+    for (CORBA::ULong i = 0; i < seq.length(); ++i)
+        seq[i] = static_cast<CORBA::Octet>(text[i]);
+    return seq;
+}
+
+std::string content(const std::filesystem::path& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+/// What the service's servant does with a writer.
+RemoteWriter_ptr activate(Orb& orb, RemoteWriter_i* writer)
+{
+    CORBA::Object_var reference = orb.activateServant(writer);
+    RemoteWriter_var narrowed = RemoteWriter::_narrow(reference);
+    writer->setObjectReference(reference._retn());
+    return narrowed._retn();
+}
+
+struct RemoteWriterTest : testing::Test
+{
+    void SetUp() override
+    {
+        if (!QmTest::mayOpenRecords())
+            GTEST_SKIP() << "records are created with permissions 0: needs root";
+    }
+    QmTest::Service service;
+};
+
+TEST_F(RemoteWriterTest, StoresWhatItReceives)
+{
+    auto* writer = new RemoteWriter_i(incoming("cl5", "srv1"));
+    EXPECT_EQ(writer->open().discStatus, DS_SUCCESS);
+    const RemoteWriter_var reference = activate(*service.orb, writer);
+    EXPECT_TRUE(reference->put(bytes("one ")));
+    EXPECT_TRUE(reference->put(bytes("two")));
+    EXPECT_EQ(reference->close().discStatus, DS_SUCCESS);
+    EXPECT_EQ(content(service.store() / "1 srv1 cl5.dat"), "one two");
+}
+
+TEST_F(RemoteWriterTest, TimesArriveAsSeconds)
+{
+    TlxObjTime::setClock([] { return TlxObjTime(100, 5); });
+    auto* writer = new RemoteWriter_i(incoming("cl5", "srv1"));
+    EXPECT_EQ(writer->open().discStatus, DS_SUCCESS);
+    const RemoteWriter_var reference = activate(*service.orb, writer);
+    EXPECT_EQ(reference->close().discStatus, DS_SUCCESS);
+    const AutoDereference<Tlx::DiscoverySvc::Discovery> stored(
+        getDiscoveryDBDatabase()->getDiscovery("1 srv1 cl5.xml"));
+    TlxObjTime::setClock({});
+    ASSERT_TRUE(stored);
+    const CollectionAttributes& attributes = *stored->getAttributes();
+    EXPECT_EQ(attributes.getType(), CT_POINT_IN_TIME);
+    EXPECT_EQ(attributes.getStorage(), CS_CENTRALREPOSITORY);
+    EXPECT_EQ(attributes.getPriority(), 7u);
+    EXPECT_EQ(attributes.getDiscoveryTime(), TlxObjTime(1000, 0));
+    EXPECT_EQ(attributes.getExpiresTime().seconds(), 100 + 5000000000);
+}
+
+TEST_F(RemoteWriterTest, AnEmptyPutIsAWriteOfNothing)
+{
+    auto* writer = new RemoteWriter_i(incoming("cl5", "srv1"));
+    EXPECT_EQ(writer->open().discStatus, DS_SUCCESS);
+    const RemoteWriter_var reference = activate(*service.orb, writer);
+    EXPECT_TRUE(reference->put(CollectionDataSeq()));
+    EXPECT_EQ(reference->close().discStatus, DS_SUCCESS);
+    EXPECT_EQ(content(service.store() / "1 srv1 cl5.dat"), "");
+}
+
+TEST_F(RemoteWriterTest, ASecondCloseFailsWithASystemException)
+{
+    auto* writer = new RemoteWriter_i(incoming("cl5", "srv1"));
+    EXPECT_EQ(writer->open().discStatus, DS_SUCCESS);
+    const RemoteWriter_var reference = activate(*service.orb, writer);
+    EXPECT_EQ(reference->close().discStatus, DS_SUCCESS);
+    EXPECT_THROW(reference->close(), CORBA::SystemException);
+    EXPECT_THROW(reference->put(bytes("x")), CORBA::SystemException);
+}
+
+TEST_F(RemoteWriterTest, ASecondCloseThatSlipsInDropsNothingTwice)
+{
+    auto* writer = new RemoteWriter_i(incoming("cl5", "srv1"));
+    const PortableServer::ServantBase_var held = writer;
+    writer->_add_ref(); // the one that close drops
+    EXPECT_EQ(writer->open().discStatus, DS_SUCCESS);
+    EXPECT_EQ(writer->close().discStatus, DS_SUCCESS);
+    EXPECT_EQ(writer->_refcount_value(), 1);
+    AssertionCapture assertions;
+    EXPECT_EQ(writer->close().discStatus, DS_OPEN_FAILED);
+    EXPECT_EQ(writer->_refcount_value(), 1);
+    EXPECT_EQ(assertions.texts(), Lines{"NULL != m_discovery"});
+}
+
+TEST_F(RemoteWriterTest, PutAndCloseWithoutARecordAreReported)
+{
+    auto* writer = new RemoteWriter_i(incoming("cl5", "srv1"));
+    const PortableServer::ServantBase_var held = writer;
+    writer->_add_ref();
+    AssertionCapture assertions;
+    EXPECT_FALSE(writer->put(bytes("x")));
+    EXPECT_EQ(writer->close().discStatus, DS_OPEN_FAILED);
+    EXPECT_EQ(assertions.texts(), (Lines{"NULL != m_discovery", "NULL != m_discovery"}));
+}
+
+TEST_F(RemoteWriterTest, AnEmptyNameIsRefusedAndLeavesNothingBehind)
+{
+    LogCapture log;
+    AssertionCapture assertions;
+    const PortableServer::Servant_var<RemoteWriter_i> noSubject(
+        new RemoteWriter_i(incoming("", "srv1")));
+    EXPECT_EQ(noSubject->open().discStatus, DS_OPEN_FAILED);
+    const PortableServer::Servant_var<RemoteWriter_i> noAuthority(
+        new RemoteWriter_i(incoming("cl5", "")));
+    EXPECT_EQ(noAuthority->open().discStatus, DS_OPEN_FAILED);
+    EXPECT_EQ(log.texts(1), (Lines{"A record needs a subject and an authority, got subject \"\" "
+                                   "and authority \"srv1\"",
+                                   "A record needs a subject and an authority, got subject "
+                                   "\"cl5\" and authority \"\""}));
+    EXPECT_EQ(assertions.texts(), Lines{});
+    EXPECT_FALSE(std::filesystem::exists(service.store() / "0.updating"));
+}
+
+TEST_F(RemoteWriterTest, AFailedPersistIsToldByClose)
+{
+    auto* writer = new RemoteWriter_i(incoming("cl5", "srv1"));
+    EXPECT_EQ(writer->open().discStatus, DS_SUCCESS);
+    const RemoteWriter_var reference = activate(*service.orb, writer);
+    // Meanwhile somebody stores the same record with a higher priority.
+    Remote::Discovery higher = incoming("cl5", "srv1");
+    higher.attributes.priority = 8;
+    auto* other = new RemoteWriter_i(higher);
+    EXPECT_EQ(other->open().discStatus, DS_SUCCESS);
+    const RemoteWriter_var otherReference = activate(*service.orb, other);
+    EXPECT_EQ(otherReference->close().discStatus, DS_SUCCESS);
+    EXPECT_EQ(reference->close().discStatus, DS_DATA_EXISTS);
+    EXPECT_THROW(reference->close(), CORBA::SystemException);
+}
+
+} // namespace
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote
