@@ -1,0 +1,323 @@
+// The servant of the service.
+
+#include "DiscoveryService_i.h"
+
+#include <tlx/OrbService.h>
+
+#include "Capture.h"
+#include "RemoteWriter_i.h"
+#include "ServiceFixture.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote {
+namespace {
+
+using QmTest::AssertionCapture;
+using QmTest::LogCapture;
+using QmTest::Service;
+using Lines = std::vector<std::string>;
+
+Remote::Discovery named(const char* subject, const char* authority,
+                        DiscoveryQuery query = DQ_DISCOVERY_DATA)
+{
+    Remote::Discovery discovery;
+    discovery.queryType = query;
+    discovery.subject = CORBA::string_dup(subject);
+    discovery.authority = CORBA::string_dup(authority);
+    discovery.authType = AT_QMKCLIENT;
+    discovery.attributes = {CT_POINT_IN_TIME, CS_CENTRALREPOSITORY, 1, 0, 0};
+    discovery.sourceHost = CORBA::string_dup("");
+    discovery.sourceServiceName = CORBA::string_dup("");
+    return discovery;
+}
+
+/// Without a repository behind it: whatever reaches the repository's framework is reported.
+TEST(DiscoveryServiceAloneTest, AWildcardIsALogicErrorAndAsksNobody)
+{
+    PortableServer::Servant_var<DiscoveryService_i> servant(new DiscoveryService_i);
+    const AssertionCapture assertions;
+    const LogCapture log;
+    CollectionDataIterator_var iterator;
+    EXPECT_EQ(servant->getCollectionData(named("*", "srv1"), "", iterator.out()), DS_LOGIC_ERROR);
+    EXPECT_TRUE(CORBA::is_nil(iterator));
+    EXPECT_EQ(servant->getCollectionData(named("cl1", "s*1"), "", iterator.out()), DS_LOGIC_ERROR);
+    EXPECT_EQ(assertions.texts(), Lines{});
+    EXPECT_EQ(log.texts(1), Lines{});
+}
+
+TEST(DiscoveryServiceAloneTest, TerminateWithoutAServiceHost)
+{
+    PortableServer::Servant_var<DiscoveryService_i> servant(new DiscoveryService_i);
+    const LogCapture log;
+    EXPECT_FALSE(servant->terminate());
+    EXPECT_EQ(log.texts(1), Lines{"Unable to retrieve the OrbService instance"});
+    EXPECT_EQ(log.lines()[0].operation, "DiscoveryService_i::terminate");
+    EXPECT_EQ(log.lines()[0].source, "DiscoveryService_i");
+    EXPECT_EQ(log.lines()[0].originator, 400u);
+}
+
+TEST(DiscoveryServiceAloneTest, TerminateAsksTheHostAndAnswersTrue)
+{
+    class Host : public OrbService
+    {
+      public:
+        Host() : OrbService("S", 1, nullptr, false, "S", true, 16, nullptr) {}
+        int doRun() override { return 0; }
+    } host;
+    PortableServer::Servant_var<DiscoveryService_i> servant(new DiscoveryService_i);
+    EXPECT_TRUE(servant->terminate());
+    EXPECT_TRUE(host.isStopRequested());
+}
+
+TEST(DiscoveryServiceAloneTest, AnExplorerWithoutANameIsRefused)
+{
+    PortableServer::Servant_var<DiscoveryService_i> servant(new DiscoveryService_i);
+    const AssertionCapture assertions;
+    const LogCapture log;
+    servant->registerExplorer("DiscoveryService", "client1", "", "srv1", AT_QMKCLIENT, 3);
+    servant->registerExplorer("DiscoveryService", "client1", "cl1", "", AT_QMKCLIENT, 3);
+    EXPECT_EQ(log.texts(1), (Lines{"An explorer needs a subject and an authority, got subject \"\" "
+                                   "and authority \"srv1\" from host \"client1\"",
+                                   "An explorer needs a subject and an authority, got subject "
+                                   "\"cl1\" and authority \"\" from host \"client1\""}));
+    EXPECT_EQ(log.texts(4), Lines{});
+    EXPECT_EQ(assertions.texts(), Lines{});
+}
+
+TEST(DiscoveryServiceAloneTest, ARegistrationIsLoggedOnlyWhenTheLevelIsAboveThree)
+{
+    PortableServer::Servant_var<DiscoveryService_i> servant(new DiscoveryService_i);
+    const LogCapture log(4);
+    servant->registerExplorer("DiscoveryService", "client1", "cl1", "srv1", AT_QMKCLIENT, -3);
+    EXPECT_EQ(log.texts(4), Lines{"Registered explorer: cl1 srv1 -3"});
+    LoggerFactory::instance().setLevel(3);
+    servant->registerExplorer("DiscoveryService", "client1", "cl1", "srv1", AT_QMKCLIENT, -3);
+    EXPECT_EQ(log.texts(4).size(), 1u);
+}
+
+struct DiscoveryServiceTest : testing::Test
+{
+    void SetUp() override
+    {
+        if (!QmTest::mayOpenRecords())
+            GTEST_SKIP() << "records are created with permissions 0: needs root";
+    }
+
+    DiscoveryStatus get(const Remote::Discovery& discovery)
+    {
+        iterator = CollectionDataIterator::_nil();
+        return servant->getCollectionData(discovery, "", iterator.out());
+    }
+    std::string read()
+    {
+        iterator->pageSize(1000);
+        const CollectionDataSeq_var page = iterator->getNextPage();
+        return {reinterpret_cast<const char*>(page->get_buffer()), page->length()};
+    }
+
+    Service service;
+    PortableServer::Servant_var<DiscoveryService_i> servant{new DiscoveryService_i};
+    CollectionDataIterator_var iterator;
+};
+
+TEST_F(DiscoveryServiceTest, QueriesTakeTheAuthorityBeforeTheSubject)
+{
+    Service::put("cl1", "srv1");
+    Service::put("srv1", "cl1");
+    const DiscoveryIterator_var found =
+        servant->queryDiscoveries(DQ_DISCOVERY_DATA, AT_ANYANDALL, "srv1", "cl1");
+    DiscoverySeq_var page = found->getNextPage();
+    ASSERT_EQ(page->length(), 1u);
+    EXPECT_STREQ(page[0].subject, "cl1");
+    EXPECT_STREQ(page[0].authority, "srv1");
+    EXPECT_EQ(service.orb->getEvictor().watched(), 1u);
+    found->release();
+    EXPECT_EQ(service.orb->getEvictor().watched(), 0u);
+}
+
+TEST_F(DiscoveryServiceTest, APayloadIsReadThroughAnIteratorOfItsOwn)
+{
+    Service::put("cl1", "srv1", "the payload");
+    EXPECT_EQ(get(named("cl1", "srv1")), DS_SUCCESS);
+    EXPECT_EQ(read(), "the payload");
+    EXPECT_EQ(service.orb->getEvictor().watched(), 1u);
+    iterator->release();
+    EXPECT_EQ(service.orb->getEvictor().watched(), 0u);
+    EXPECT_THROW(iterator->getNextPage(), CORBA::SystemException);
+}
+
+TEST_F(DiscoveryServiceTest, ARecordFromAPageIsAnsweredThoughItTellsNoQueryType)
+{
+    Service::put("cl1", "srv1", "the payload");
+    EXPECT_EQ(get(named("cl1", "srv1", DQ_UNDEFINED)), DS_SUCCESS);
+    EXPECT_EQ(read(), "the payload");
+}
+
+TEST_F(DiscoveryServiceTest, NoMatchIsNoneFound)
+{
+    const LogCapture log;
+    EXPECT_EQ(get(named("cl1", "srv1")), DS_NONE_FOUND);
+    EXPECT_TRUE(CORBA::is_nil(iterator));
+    EXPECT_EQ(log.texts(1), Lines{"Fount no discoveries for subject cl1 & authority srv1"});
+    EXPECT_EQ(log.lines()[0].operation, "DiscoveryService_i::getCollectionData");
+}
+
+TEST_F(DiscoveryServiceTest, TwoMatchesAreALogicErrorAndNeitherIsPicked)
+{
+    Service::put("cl1", "srv1");
+    Service::put("cl2", "srv1");
+    const LogCapture log;
+    EXPECT_EQ(get(named("cl?", "srv1")), DS_LOGIC_ERROR);
+    EXPECT_TRUE(CORBA::is_nil(iterator));
+    EXPECT_EQ(log.texts(1),
+              Lines{"Fount too many matching discoveries for subject cl? & authority srv1"});
+    EXPECT_EQ(service.orb->getEvictor().watched(), 0u);
+}
+
+TEST_F(DiscoveryServiceTest, ARecordWithoutPayloadCannotBeOpened)
+{
+    Service::put("cl1", "srv1");
+    std::filesystem::remove(service.store() / "2 srv1 cl1.dat");
+    const LogCapture log;
+    EXPECT_EQ(get(named("cl1", "srv1")), DS_OPEN_FAILED);
+    EXPECT_TRUE(CORBA::is_nil(iterator));
+    EXPECT_EQ(log.texts(1), (Lines{"Last error2", "Failed to open collection",
+                                   "Error encountered trying to open collection iterator"}));
+}
+
+TEST_F(DiscoveryServiceTest, AnEvictorThatRefusesFailsTheQueryAndLeavesNothingActive)
+{
+    service.orb->getEvictor().shutdown();
+    const LogCapture log;
+    EXPECT_THROW(servant->queryDiscoveries(DQ_DISCOVERY_DATA, AT_ANYANDALL, "*", "*"),
+                 CORBA::BAD_INV_ORDER);
+    EXPECT_EQ(log.texts(1),
+              (Lines{"Caught CORBA exception while add2Evictor, BAD_INV_ORDER (minor 0x00000000, "
+                     "COMPLETED_NO)",
+                     "Caught CORBA exception creating object reference to discovery iterator",
+                     "BAD_INV_ORDER (minor 0x00000000, COMPLETED_NO)"}));
+}
+
+TEST_F(DiscoveryServiceTest, AnEvictorThatRefusesFailsTheReadWithAStatus)
+{
+    Service::put("cl1", "srv1");
+    service.orb->getEvictor().shutdown();
+    const LogCapture log;
+    EXPECT_EQ(get(named("cl1", "srv1")), DS_COM_ERROR);
+    EXPECT_TRUE(CORBA::is_nil(iterator));
+    EXPECT_EQ(log.texts(1),
+              (Lines{"Caught CORBA exception while add2Evictor, BAD_INV_ORDER (minor 0x00000000, "
+                     "COMPLETED_NO)",
+                     "Caught CORBA exception creating object reference to collection data iterator",
+                     "BAD_INV_ORDER (minor 0x00000000, COMPLETED_NO)"}));
+}
+
+TEST_F(DiscoveryServiceTest, AWriterThatCannotBeActivatedIsACommunicationError)
+{
+    getDiscoveryRepository()->getPOA()->destroy(false, true);
+    const LogCapture log;
+    RemoteWriter_var writer;
+    const DiscoveryResult result = servant->putCollection(named("cl1", "srv1"), writer.out());
+    EXPECT_EQ(result.discStatus, DS_COM_ERROR);
+    EXPECT_EQ(result.retryInterval, 0u);
+    EXPECT_TRUE(CORBA::is_nil(writer));
+    const Lines lines = log.texts(1);
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0], "Caught CORBA exception creating object reference to remote writer");
+    EXPECT_EQ(lines[1].substr(0, 17), "OBJECT_NOT_EXIST ");
+    // The payload that was begun goes with the writer.
+    EXPECT_EQ(lines[2], "Deleted file: " + (service.store() / "0.updating").string());
+}
+
+TEST_F(DiscoveryServiceTest, AWriterIsHandedOutAndNotWatchedByTheEvictor)
+{
+    RemoteWriter_var writer;
+    const DiscoveryResult result = servant->putCollection(named("cl1", "srv1"), writer.out());
+    EXPECT_EQ(result.discStatus, DS_SUCCESS);
+    ASSERT_FALSE(CORBA::is_nil(writer));
+    EXPECT_EQ(service.orb->getEvictor().watched(), 0u);
+    EXPECT_EQ(writer->close().discStatus, DS_SUCCESS);
+    EXPECT_EQ(get(named("cl1", "srv1")), DS_SUCCESS);
+    EXPECT_EQ(read(), "");
+}
+
+TEST_F(DiscoveryServiceTest, AWriterThatCannotOpenIsNotHandedOut)
+{
+    Remote::Discovery higher = named("cl1", "srv1");
+    higher.attributes.priority = 5;
+    RemoteWriter_var writer;
+    EXPECT_EQ(servant->putCollection(higher, writer.out()).discStatus, DS_SUCCESS);
+    EXPECT_EQ(writer->close().discStatus, DS_SUCCESS);
+    const DiscoveryResult result = servant->putCollection(named("cl1", "srv1"), writer.out());
+    EXPECT_EQ(result.discStatus, DS_DATA_EXISTS);
+    EXPECT_TRUE(CORBA::is_nil(writer));
+}
+
+TEST_F(DiscoveryServiceTest, ADerivedServantMaySupplyAnotherWriter)
+{
+    class Refusing : public RemoteWriter_i
+    {
+      public:
+        using RemoteWriter_i::RemoteWriter_i;
+        DiscoveryResult open() override { return {DS_LOGIC_ERROR, 7}; }
+    };
+    class Derived : public DiscoveryService_i
+    {
+      public:
+        RemoteWriter_i* newRemoteWriter(const Remote::Discovery& discovery) const override
+        {
+            return new Refusing(discovery);
+        }
+    };
+    PortableServer::Servant_var<Derived> derived(new Derived);
+    RemoteWriter_var writer;
+    const DiscoveryResult result = derived->putCollection(named("cl1", "srv1"), writer.out());
+    EXPECT_EQ(result.discStatus, DS_LOGIC_ERROR);
+    EXPECT_EQ(result.retryInterval, 7u);
+}
+
+TEST_F(DiscoveryServiceTest, RestartingALocalPushTimerThatIsNotThereDoesNothing)
+{
+    const AssertionCapture assertions;
+    servant->restartLocalPushTimer();
+    EXPECT_EQ(assertions.texts(), Lines{});
+}
+
+struct DiscoveryServiceOnAClientTest : testing::Test
+{
+    Service service{""};
+    PortableServer::Servant_var<DiscoveryService_i> servant{new DiscoveryService_i};
+};
+
+TEST_F(DiscoveryServiceOnAClientTest, RestartAllPushTimersIsFalseOffTheMaster)
+{
+    EXPECT_FALSE(servant->restartAllPushTimers());
+}
+
+TEST_F(DiscoveryServiceOnAClientTest, AReadFindsNoPullExplorer)
+{
+    const LogCapture log;
+    CollectionDataIterator_var iterator;
+    EXPECT_EQ(servant->getCollectionData(named("cl1", "srv1"), "", iterator.out()), DS_NONE_FOUND);
+    EXPECT_EQ(log.texts(1), Lines{"Null iterator returned. Fount no discoveries for subject cl1 & "
+                                  "authority srv1"});
+}
+
+TEST_F(DiscoveryServiceOnAClientTest, AQueryWithoutAMasterIsAnIteratorOverNothing)
+{
+    const AssertionCapture assertions;
+    const LogCapture log;
+    const DiscoveryIterator_var found =
+        servant->queryDiscoveries(DQ_DISCOVERY_DATA, AT_ANYANDALL, "*", "*");
+    EXPECT_EQ(log.texts(1),
+              (Lines{"Unable to obtain master server name",
+                     "Cannot find master server name, abort connecting to master discovery service",
+                     "Failed to create discovery iterator"}));
+    EXPECT_EQ(assertions.texts(), Lines{"SHOULD_NOT_GET_HERE"});
+    ASSERT_FALSE(CORBA::is_nil(found));
+    const DiscoverySeq_var page = found->getNextPage();
+    EXPECT_EQ(page->length(), 0u);
+    EXPECT_EQ(assertions.texts(), (Lines{"SHOULD_NOT_GET_HERE", "NULL != m_discoveryIterator"}));
+}
+
+} // namespace
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote
