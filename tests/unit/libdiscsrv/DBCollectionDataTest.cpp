@@ -1,0 +1,283 @@
+// The payload files of the store.
+
+#include "DiscDB.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "Capture.h"
+#include "StoreFixture.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+namespace {
+
+using QmTest::AssertionCapture;
+using QmTest::contentOf;
+using QmTest::Lines;
+using QmTest::LogCapture;
+using QmTest::writeFile;
+
+struct DBCollectionDataTest : QmTest::Store
+{
+    std::unique_ptr<DBCollectionData> make()
+    {
+        return std::make_unique<DBCollectionData>(TlxPathname(path("x.dat").string()));
+    }
+    std::string name(const std::string& file) const { return path(file).string(); }
+};
+
+TEST_F(DBCollectionDataTest, AnUpdateWritesToATemporaryFile)
+{
+    const auto data = make();
+    const LogCapture log;
+    EXPECT_TRUE(data->open(OM_UPDATE, ""));
+    EXPECT_EQ(log.texts(4), (Lines{"Attempting collecation data file " + name("0.updating"),
+                                   "Opening collection file: " + name("0.updating")}));
+    EXPECT_TRUE(data->writeCollection(3, "abc"));
+    EXPECT_TRUE(data->writeCollection(0, nullptr));
+    EXPECT_TRUE(data->writeCollection(2, "de"));
+    EXPECT_EQ(contentOf(path("0.updating")), "abcde");
+    struct stat status = {};
+    ASSERT_EQ(::stat(name("0.updating").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0u);
+}
+
+TEST_F(DBCollectionDataTest, WithTheFirstNumberTakenTheSecondIsUsed)
+{
+    writeFile(path("0.updating"), "another writer's");
+    const auto data = make();
+    const LogCapture log;
+    EXPECT_TRUE(data->open(OM_UPDATE, ""));
+    EXPECT_EQ(data->path(), TlxPathname(name("1.updating")));
+    EXPECT_EQ(log.texts(1), Lines{"Last error17"});
+    EXPECT_EQ(contentOf(path("0.updating")), "another writer's");
+}
+
+TEST_F(DBCollectionDataTest, AThousandTakenNumbersAreAFailure)
+{
+    for (int i = 0; i < 1000; ++i)
+        writeFile(path(std::to_string(i) + ".updating"), "");
+    const auto data = make();
+    const LogCapture log;
+    EXPECT_FALSE(data->open(OM_UPDATE, ""));
+    EXPECT_EQ(log.texts(1), Lines(1000, "Last error17"));
+    EXPECT_EQ(log.texts(4).size(), 2000u);
+    EXPECT_EQ(log.texts(4).back(), "Opening collection file: " + name("999.updating"));
+    // What was given up holds nothing: a clean-up may run.
+    EXPECT_TRUE(CleanupLock(dir().c_str(), CleanupLock::LM_EXCLUSIVE).isLocked());
+}
+
+TEST_F(DBCollectionDataTest, PersistMovesThePayloadToItsPlace)
+{
+    const auto data = make();
+    EXPECT_TRUE(data->open(OM_UPDATE, ""));
+    EXPECT_TRUE(data->writeCollection(3, "abc"));
+    const LogCapture log;
+    EXPECT_TRUE(data->persist(TlxPathname(name("x.dat"))));
+    EXPECT_EQ(contentOf(path("x.dat")), "abc");
+    EXPECT_EQ(files(), (Lines{"Update.lock", "x.dat"}));
+    EXPECT_EQ(log.texts(1),
+              (Lines{"Unable to delete " + name("x.dat"),
+                     "Successfully renamed " + name("0.updating") + " to " + name("x.dat")}));
+    EXPECT_EQ(data->path(), TlxPathname(name("x.dat")));
+}
+
+TEST_F(DBCollectionDataTest, PersistReplacesAStoredPayload)
+{
+    writeFile(path("x.dat"), "old");
+    const auto data = make();
+    EXPECT_TRUE(data->open(OM_UPDATE, ""));
+    EXPECT_TRUE(data->writeCollection(3, "new"));
+    const LogCapture log;
+    EXPECT_TRUE(data->persist(TlxPathname(name("x.dat"))));
+    EXPECT_EQ(contentOf(path("x.dat")), "new");
+    EXPECT_EQ(log.texts(4), Lines{"Deleted file: " + name("x.dat")});
+}
+
+TEST_F(DBCollectionDataTest, PersistWithoutWritingLeavesAnEmptyPayload)
+{
+    const auto data = make();
+    EXPECT_TRUE(data->persist(TlxPathname(name("x.dat"))));
+    EXPECT_TRUE(std::filesystem::exists(path("x.dat")));
+    EXPECT_EQ(contentOf(path("x.dat")), "");
+}
+
+TEST_F(DBCollectionDataTest, APayloadThatCannotBeMovedStaysForTheCleanUp)
+{
+    std::filesystem::create_directory(path("x.dat"));
+    {
+        const auto data = make();
+        EXPECT_TRUE(data->open(OM_UPDATE, ""));
+        const LogCapture log;
+        EXPECT_FALSE(data->persist(TlxPathname(name("x.dat"))));
+        EXPECT_EQ(log.texts(1),
+                  (Lines{"Unable to delete " + name("x.dat"),
+                         "Unable to rename " + name("0.updating") + " to " + name("x.dat")}));
+    }
+    EXPECT_TRUE(std::filesystem::exists(path("0.updating")));
+    EXPECT_TRUE(CleanupLock(dir().c_str(), CleanupLock::LM_EXCLUSIVE).isLocked());
+}
+
+TEST_F(DBCollectionDataTest, PersistOfAPayloadThatIsBeingReadTouchesNothing)
+{
+    writeFile(path("x.dat"), "stored");
+    const auto data = make();
+    EXPECT_TRUE(data->open(OM_READ, ""));
+    const AssertionCapture assertions;
+    EXPECT_FALSE(data->persist(TlxPathname(name("x.dat"))));
+    EXPECT_EQ(assertions.texts(), Lines{"m_mode == OM_UPDATE"});
+    EXPECT_EQ(contentOf(path("x.dat")), "stored");
+}
+
+TEST_F(DBCollectionDataTest, ReadsWhatIsStored)
+{
+    writeFile(path("x.dat"), "stored payload");
+    const auto data = make();
+    const LogCapture log;
+    EXPECT_TRUE(data->open(OM_READ, "not used"));
+    EXPECT_EQ(log.texts(4), Lines{"Opening collection file: " + name("x.dat")});
+    char buffer[100];
+    EXPECT_EQ(data->readCollection(6, buffer), 6u);
+    EXPECT_EQ(data->readCollection(sizeof buffer, buffer), 8u);
+    EXPECT_EQ(std::string(buffer, 8), " payload");
+    EXPECT_EQ(data->readCollection(sizeof buffer, buffer), 0u);
+}
+
+TEST_F(DBCollectionDataTest, ReadingWithoutAPayloadFailsAtOnce)
+{
+    const auto data = make();
+    const LogCapture log;
+    EXPECT_FALSE(data->open(OM_READ, ""));
+    EXPECT_EQ(log.texts(1), Lines{"Last error2"});
+    EXPECT_EQ(log.texts(4), Lines{"Opening collection file: " + name("x.dat")});
+}
+
+TEST_F(DBCollectionDataTest, WhatIsNoFileCannotBeRead)
+{
+    std::filesystem::create_directory(path("x.dat"));
+    const LogCapture log;
+    EXPECT_FALSE(make()->open(OM_READ, ""));
+    std::filesystem::remove(path("x.dat"));
+    ASSERT_EQ(::mkfifo(name("x.dat").c_str(), 0600), 0);
+    EXPECT_FALSE(make()->open(OM_READ, ""));
+    EXPECT_EQ(log.texts(1), Lines(2, "Last error22"));
+}
+
+TEST_F(DBCollectionDataTest, AFailedReadIsTheLargestValue)
+{
+    const auto data = make();
+    EXPECT_TRUE(data->open(OM_UPDATE, "")); // write-only
+    char buffer[1];
+    EXPECT_EQ(data->readCollection(1, buffer), static_cast<std::size_t>(-1));
+}
+
+TEST_F(DBCollectionDataTest, WithoutAnOpenFileNothingIsReadOrWritten)
+{
+    const auto data = make();
+    const AssertionCapture assertions;
+    char buffer[1] = {};
+    EXPECT_EQ(data->readCollection(1, buffer), static_cast<std::size_t>(-1));
+    EXPECT_FALSE(data->writeCollection(1, buffer));
+    EXPECT_EQ(assertions.texts(), Lines(2, "ACE_INVALID_HANDLE != m_handle"));
+}
+
+TEST_F(DBCollectionDataTest, CleanupGivesUpWhatIsBeingWritten)
+{
+    const auto data = make();
+    EXPECT_TRUE(data->open(OM_UPDATE, ""));
+    const LogCapture log;
+    EXPECT_TRUE(data->cleanup());
+    EXPECT_EQ(log.texts(1), Lines{"Deleted file: " + name("0.updating")});
+    EXPECT_EQ(files(), Lines{"Update.lock"});
+    EXPECT_EQ(data->path(), TlxPathname(name("x.dat")));
+    EXPECT_TRUE(CleanupLock(dir().c_str(), CleanupLock::LM_EXCLUSIVE).isLocked());
+    EXPECT_TRUE(data->cleanup()); // nothing is open any more
+    EXPECT_EQ(log.texts(1).size(), 1u);
+}
+
+TEST_F(DBCollectionDataTest, CleanupTellsWhatItCannotDelete)
+{
+    const auto data = make();
+    EXPECT_TRUE(data->open(OM_UPDATE, ""));
+    std::filesystem::remove(path("0.updating"));
+    const LogCapture log;
+    EXPECT_TRUE(data->cleanup());
+    EXPECT_EQ(log.texts(1), Lines{"Unable to delete " + name("0.updating")});
+}
+
+TEST_F(DBCollectionDataTest, CleanupNeverDeletesAStoredPayload)
+{
+    writeFile(path("x.dat"), "stored");
+    const auto data = make();
+    EXPECT_TRUE(data->open(OM_READ, ""));
+    EXPECT_TRUE(data->cleanup());
+    EXPECT_EQ(contentOf(path("x.dat")), "stored");
+}
+
+TEST_F(DBCollectionDataTest, DestructionGivesUpAnUpdateAndOnlyClosesARead)
+{
+    writeFile(path("x.dat"), "stored");
+    {
+        const auto writing = make();
+        EXPECT_TRUE(writing->open(OM_UPDATE, ""));
+        const auto reading = make();
+        EXPECT_TRUE(reading->open(OM_READ, ""));
+    }
+    EXPECT_EQ(files(), (Lines{"Update.lock", "x.dat"}));
+}
+
+TEST_F(DBCollectionDataTest, OpeningAgainStartsAfresh)
+{
+    const auto data = make();
+    EXPECT_TRUE(data->open(OM_UPDATE, ""));
+    EXPECT_TRUE(data->writeCollection(3, "abc"));
+    EXPECT_TRUE(data->open(OM_UPDATE, ""));
+    EXPECT_TRUE(data->writeCollection(1, "x"));
+    EXPECT_TRUE(data->persist(TlxPathname(name("x.dat"))));
+    EXPECT_EQ(contentOf(path("x.dat")), "x");
+    EXPECT_TRUE(data->open(OM_READ, ""));
+    EXPECT_TRUE(data->open(OM_READ, ""));
+    char buffer[10];
+    EXPECT_EQ(data->readCollection(10, buffer), 1u);
+    EXPECT_EQ(files(), (Lines{"Update.lock", "x.dat"}));
+}
+
+TEST_F(DBCollectionDataTest, ExpireDeletesThePayload)
+{
+    writeFile(path("x.dat"), "stored");
+    const auto data = make();
+    const LogCapture log;
+    EXPECT_TRUE(data->expire());
+    EXPECT_EQ(log.texts(4), Lines{"Deleted colllection: " + name("x.dat")});
+    EXPECT_TRUE(data->expire());
+    EXPECT_EQ(log.texts(1), Lines{"Collection data did not exist " + name("x.dat")});
+    std::filesystem::create_directory(path("x.dat"));
+    EXPECT_FALSE(data->expire());
+}
+
+TEST_F(DBCollectionDataTest, AWriterWithoutTheDirectorysLockWritesNothing)
+{
+    std::filesystem::remove(path("Update.lock"));
+    std::filesystem::create_directory(path("Update.lock"));
+    const auto data = make();
+    const LogCapture log;
+    EXPECT_FALSE(data->open(OM_UPDATE, ""));
+    EXPECT_EQ(log.texts(1), Lines{"Unable to open " + name("Update.lock")});
+    EXPECT_EQ(files(), Lines{"Update.lock"});
+}
+
+TEST_F(DBCollectionDataTest, TheCleanUpsLockIsRefusedWhileAWriterHoldsIt)
+{
+    const auto data = make();
+    EXPECT_TRUE(data->open(OM_UPDATE, ""));
+    const LogCapture log;
+    EXPECT_FALSE(CleanupLock(dir().c_str(), CleanupLock::LM_EXCLUSIVE).isLocked());
+    EXPECT_EQ(log.texts(1), Lines{"Unable to lock " + name("Update.lock")});
+    EXPECT_TRUE(CleanupLock(dir().c_str(), CleanupLock::LM_SHARED).isLocked());
+    struct stat status = {};
+    ASSERT_EQ(::stat(name("Update.lock").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0u);
+}
+
+} // namespace
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc
