@@ -9,6 +9,7 @@
 #include "DiscLog.h"
 #include "DiscoveryRepository.h"
 #include "DiscoveryService_i.h"
+#include "RemoteWriter_i.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
@@ -96,6 +97,7 @@ bool DiscoveryFramework::shutdown()
         }
         m_rootPOA = PortableServer::POA::_nil();
     }
+    Remote::RemoteWriter_i::abandonAll();
     getDiscoveryRepository()->shutdown();
     return true;
 }

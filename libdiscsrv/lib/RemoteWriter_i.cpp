@@ -1,5 +1,8 @@
 #include "RemoteWriter_i.h"
 
+#include <mutex>
+#include <set>
+
 #include <tlx/Orb.h>
 
 #include "DiscLog.h"
@@ -9,7 +12,22 @@
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote {
 
 namespace {
+
 constexpr const char* LOG_SOURCE = "DiscoveryService_i";
+
+/// The writers whose clients have yet to close them.
+struct OpenWriters
+{
+    std::mutex mutex;
+    std::set<RemoteWriter_i*> writers;
+};
+
+OpenWriters& openWriters()
+{
+    static OpenWriters instance;
+    return instance;
+}
+
 } // namespace
 
 RemoteWriter_i::RemoteWriter_i(const Remote::Discovery& discovery)
@@ -23,6 +41,24 @@ RemoteWriter_i::RemoteWriter_i(const Remote::Discovery& discovery)
 }
 
 RemoteWriter_i::~RemoteWriter_i() = default;
+
+void RemoteWriter_i::setObjectReference(CORBA::Object_ptr reference)
+{
+    m_objRef = reference;
+    const std::lock_guard guard(openWriters().mutex);
+    openWriters().writers.insert(this);
+}
+
+void RemoteWriter_i::abandonAll()
+{
+    std::set<RemoteWriter_i*> writers;
+    {
+        const std::lock_guard guard(openWriters().mutex);
+        writers.swap(openWriters().writers);
+    }
+    for (RemoteWriter_i* writer : writers)
+        writer->_remove_ref();
+}
 
 DiscoveryRepository* RemoteWriter_i::getDiscoveryRepository() const
 {
@@ -80,6 +116,10 @@ DiscoveryResult RemoteWriter_i::close()
         if (Orb* orb = getDiscoveryRepository()->getOrb())
             orb->destroyObjectRef(m_objRef.in(), PortableServer::POA::_nil());
         m_objRef = CORBA::Object::_nil();
+        {
+            const std::lock_guard guard(openWriters().mutex);
+            openWriters().writers.erase(this);
+        }
         _remove_ref();
         return result;
     });

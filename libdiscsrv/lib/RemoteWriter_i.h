@@ -32,8 +32,13 @@ class RemoteWriter_i
     /// Where the record goes; a derived writer may store elsewhere.
     virtual DiscoveryRepository* getDiscoveryRepository() const;
 
-    /// Tells the writer its own reference, which it takes over and destroys in close.
-    void setObjectReference(CORBA::Object_ptr reference) { m_objRef = reference; }
+    /// Tells the writer, now activated, its own reference, which it takes over and destroys in
+    /// close.
+    void setObjectReference(CORBA::Object_ptr reference);
+
+    /// Drops the creation reference of every activated writer that was not closed, and with it what
+    /// it has written so far. For the stop, when no request can reach a writer any more.
+    static void abandonAll();
 
   private:
     CORBA::Object_var m_objRef;

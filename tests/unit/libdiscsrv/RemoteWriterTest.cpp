@@ -139,6 +139,18 @@ TEST_F(RemoteWriterTest, PutAndCloseWithoutARecordAreReported)
     EXPECT_EQ(assertions.texts(), (Lines{"NULL != m_discovery", "NULL != m_discovery"}));
 }
 
+TEST_F(RemoteWriterTest, AStopGivesUpWhatWasNeverClosed)
+{
+    auto* writer = new RemoteWriter_i(incoming("cl5", "srv1"));
+    EXPECT_EQ(writer->open().discStatus, DS_SUCCESS);
+    const RemoteWriter_var reference = activate(*service.orb, writer);
+    EXPECT_TRUE(reference->put(bytes("half of it")));
+    EXPECT_TRUE(std::filesystem::exists(service.store() / "0.updating"));
+    service.stop();
+    EXPECT_FALSE(std::filesystem::exists(service.store() / "0.updating"));
+    EXPECT_FALSE(std::filesystem::exists(service.store() / "1 srv1 cl5.xml"));
+}
+
 TEST_F(RemoteWriterTest, AnEmptyNameIsRefusedAndLeavesNothingBehind)
 {
     LogCapture log;
