@@ -1,0 +1,124 @@
+// Name resolution that takes no longer than it is told.
+
+#include <tlx/Resolver.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+namespace Veltrane::Quillmark::Tlx {
+namespace {
+
+using namespace std::chrono_literals;
+using Addresses = std::vector<std::string>;
+
+/// A resolver that answers when it is let.
+class Hanging
+{
+  public:
+    Hanging()
+    {
+        setResolver([this](const std::string&) -> Addresses {
+            std::unique_lock lock(m_mutex);
+            ++m_inside;
+            m_changed.notify_all();
+            m_changed.wait(lock, [this] { return m_open; });
+            --m_inside;
+            m_changed.notify_all();
+            return {"192.0.2.7"};
+        });
+    }
+    ~Hanging()
+    {
+        setResolver({});
+        std::unique_lock lock(m_mutex);
+        m_open = true;
+        m_changed.notify_all();
+        m_changed.wait(lock, [this] { return m_inside == 0; });
+    }
+    bool waitFor(int inside)
+    {
+        std::unique_lock lock(m_mutex);
+        return m_changed.wait_for(lock, 20s, [&] { return m_inside == inside; });
+    }
+
+  private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_open = false;
+    int m_inside = 0;
+};
+
+TEST(ResolverTest, NumericAddressesNeverAskTheResolver)
+{
+    setResolver([](const std::string&) -> Addresses { return {"192.0.2.99"}; });
+    EXPECT_EQ(resolveHost("192.0.2.7", 0ms), Addresses{"192.0.2.7"});
+    EXPECT_EQ(resolveHost("::1", 0ms), Addresses{"::1"});
+    setResolver({});
+}
+
+TEST(ResolverTest, NamesAreWhatTheResolverAnswers)
+{
+    setResolver([](const std::string& host) -> Addresses {
+        return host == "known" ? Addresses{"192.0.2.7", "2001:db8::1"} : Addresses{};
+    });
+    EXPECT_EQ(resolveHost("known", 20s), (Addresses{"192.0.2.7", "2001:db8::1"}));
+    EXPECT_EQ(resolveHost("unknown", 20s), Addresses{});
+    setResolver({});
+}
+
+TEST(ResolverTest, WhatIsNoNameHasNoAddress)
+{
+    setResolver([](const std::string&) -> Addresses { return {"192.0.2.7"}; });
+    EXPECT_EQ(resolveHost("", 20s), Addresses{});
+    EXPECT_EQ(resolveHost(std::string("a\0b", 3), 20s), Addresses{});
+    setResolver({});
+}
+
+TEST(ResolverTest, AResolverThatThrowsHasNoAddress)
+{
+    setResolver([](const std::string&) -> Addresses { throw std::runtime_error("broken"); });
+    EXPECT_EQ(resolveHost("name", 20s), Addresses{});
+    setResolver({});
+}
+
+TEST(ResolverTest, AResolverThatHangsCostsNoMoreThanTheLimit)
+{
+    Hanging resolver;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(resolveHost("name", 100ms), Addresses{});
+    const auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(took, 100ms);
+    EXPECT_LT(took, 10s); // slack for a busy machine
+    EXPECT_TRUE(resolver.waitFor(1));
+}
+
+TEST(ResolverTest, NoMoreThanSixteenHangAtATime)
+{
+    Hanging resolver;
+    for (int i = 0; i < 16; ++i)
+        EXPECT_EQ(resolveHost("name", 0ms), Addresses{});
+    EXPECT_TRUE(resolver.waitFor(16));
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(resolveHost("name", 60s), Addresses{});
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 30s) << "the seventeenth waited";
+}
+
+TEST(ResolverTest, LoopbackAddressesAreLocal)
+{
+    EXPECT_TRUE(isLocalAddress("127.0.0.1"));
+    EXPECT_TRUE(isLocalAddress("127.1.2.3"));
+    EXPECT_TRUE(isLocalAddress("::1"));
+    EXPECT_TRUE(isLocalAddress("::ffff:127.0.0.1"));
+    EXPECT_FALSE(isLocalAddress("192.0.2.7"));
+    EXPECT_FALSE(isLocalAddress("2001:db8::1"));
+    EXPECT_FALSE(isLocalAddress("0.0.0.0"));
+    EXPECT_FALSE(isLocalAddress("localhost"));
+    EXPECT_FALSE(isLocalAddress(""));
+}
+
+} // namespace
+} // namespace Veltrane::Quillmark::Tlx
