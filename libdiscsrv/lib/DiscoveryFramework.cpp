@@ -9,6 +9,7 @@
 #include "DiscLog.h"
 #include "DiscoveryRepository.h"
 #include "DiscoveryService_i.h"
+#include "RemoteDB.h"
 #include "RemoteWriter_i.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -55,6 +56,9 @@ bool DiscoveryFramework::init()
         throw;
     }
     getDiscoveryDBDatabase()->init(m_name);
+    // Made now, while nobody else runs: it asks who the master is, which may take its time, and the
+    // way in which a singleton is found is safe for many threads only once it is there.
+    getRemoteDiscoveryDatabase();
     getDiscoveryRepository()->loadExplorers();
     ++m_init;
     return true;

@@ -313,12 +313,10 @@ struct Flag : ACE_Event_Handler
 {
     int handle_timeout(const ACE_Time_Value&, const void*) override
     {
-        {
-            const std::lock_guard guard(mutex);
-            fired = true;
-            thread = std::this_thread::get_id();
-        }
-        changed.notify_all();
+        const std::lock_guard guard(mutex);
+        fired = true;
+        thread = std::this_thread::get_id();
+        changed.notify_all(); // under the mutex: whoever waits destroys this object next
         return 0;
     }
     bool wait()
