@@ -190,9 +190,9 @@ std::optional<Failure> Daemon::bringUp(bool& wanted)
 ExitCode Daemon::serve()
 {
     attempt("the role", [this] { findRole(); });
-    publish("running");
     const std::string text = upText();
     log(LOG_LEVEL_FAILURE, text);
+    publish("running"); // last: whoever waits for it finds all else done
     m_manager.ready(text);
     {
         const std::lock_guard guard(m_reportMutex);

@@ -16,7 +16,19 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
 constexpr const char* LOG_SOURCE = "../DiscoveryFramework";
+
 constexpr const char* ADVERTISED_NAME = "DiscoveryService";
+
+/// The generated code makes each interface's nil reference on first use, in a way that is safe for
+/// many threads only once it is there.
+void makeNilReferences()
+{
+    Remote::DiscoveryService::_nil();
+    Remote::DiscoveryIterator::_nil();
+    Remote::CollectionDataIterator::_nil();
+    Remote::RemoteWriter::_nil();
+}
+
 } // namespace
 
 DiscoveryFramework::DiscoveryFramework(const char* name, DiscoveryServiceType type, Orb* orb,
@@ -68,6 +80,7 @@ void DiscoveryFramework::activateServant()
 {
     const CORBA::Object_var object = m_orb->getOrb()->resolve_initial_references("RootPOA");
     m_rootPOA = PortableServer::POA::_narrow(object);
+    makeNilReferences();
     m_servant = new Remote::DiscoveryService_i;
     m_servantReference = m_orb->activateServant(m_servant);
     m_orb->advertiseObject(ADVERTISED_NAME, m_servantReference);
