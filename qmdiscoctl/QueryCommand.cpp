@@ -1,5 +1,7 @@
 #include <vector>
 
+#include <algorithm>
+
 #include "Commands.h"
 #include "Names.h"
 #include "Text.h"
@@ -15,6 +17,7 @@ struct Found
     std::string type;
     std::string host;
     std::string service;
+    friend auto operator<=>(const Found&, const Found&) = default;
 };
 
 std::string orAny(const std::string& pattern)
@@ -84,6 +87,8 @@ Outcome runQuery(Session& session)
     } catch (const CORBA::SystemException& exception) {
         return brokeOff(session, exception);
     }
+    // The service's order is that of its directory, which tells nobody anything.
+    std::sort(all.begin(), all.end());
     // Only now: half a list could be taken for the whole.
     return session.out.write(options.json ? toText(documentOf(all)) : tableOf(all));
 }

@@ -1,0 +1,97 @@
+"""The command line against a running daemon: what it prints, what it leaves, how it ends."""
+
+import json
+import os
+import subprocess
+
+import pytest
+
+import harness
+
+UNREACHABLE, USAGE = 3, 2
+NONE_FOUND, LOGIC_ERROR, OPEN_FAILED, DATA_EXISTS = 11, 12, 13, 15
+
+
+@pytest.fixture
+def ctl(daemon, root):
+    def run(*arguments, data=b"", code=0):
+        done = subprocess.run([harness.program("qmdiscoctl"), "--root", str(root), *arguments],
+                              input=data, capture_output=True, timeout=60, check=False)
+        assert done.returncode == code, done.stderr
+        if code == 0:
+            assert done.stderr == b""
+        return done.stdout if code == 0 else done.stderr.decode()
+    return run
+
+
+def test_what_is_put_comes_back(ctl, tmp_path):
+    data = os.urandom((3 << 20) + 7)
+    (tmp_path / "in").write_bytes(data)
+    assert ctl("put", "cl5", "srv1", "--type", "qmkserver", str(tmp_path / "in")) == \
+        b"stored 3145735 bytes as cl5 of srv1 (qmkserver) on master1\n"
+    assert ctl("get", "cl5", "srv1") == data
+    assert ctl("get", "cl5", "srv1", "-o", str(tmp_path / "out")) == \
+        b"wrote 3145735 bytes to %s\n" % str(tmp_path / "out").encode()
+    assert (tmp_path / "out").read_bytes() == data
+
+
+def test_standard_input_and_an_empty_payload(ctl):
+    ctl("put", "cl5", "srv1", "-", data=b"from a pipe")
+    assert ctl("get", "cl5", "srv1") == b"from a pipe"
+    ctl("put", "cl5", "srv1", "-", data=b"")
+    assert ctl("get", "cl5", "srv1") == b""
+
+
+def test_query_as_table_and_as_json(ctl):
+    for subject in ("cl1", "cl2", "é a/b"):
+        ctl("put", subject, "srv1", "-", data=b"x")
+    assert ctl("query", "--subject", "cl*").decode().split("\n")[1:3] == [
+        "cl1      srv1       extsrc  master1  DiscoveryService",
+        "cl2      srv1       extsrc  master1  DiscoveryService"]
+    found = json.loads(ctl("query", "--json", "--page-size", "1"))
+    assert sorted(each["subject"] for each in found) == ["cl1", "cl2", "é%20a/b"]
+    assert json.loads(ctl("query", "--json", "--type", "qmkclient")) == []
+
+
+def test_a_name_that_a_query_showed_is_found(ctl):
+    ctl("put", "é a/b", "100%", "-", data=b"odd")
+    shown = json.loads(ctl("query", "--json"))[0]
+    assert ctl("get", shown["subject"], shown["authority"]) == b"odd"
+
+
+def test_exit_codes(ctl, root):
+    assert "DS_NONE_FOUND" in ctl("get", "none", "srv1", code=NONE_FOUND)
+    assert "DS_LOGIC_ERROR" in ctl("get", "*", "srv1", code=LOGIC_ERROR)
+    assert "DS_OPEN_FAILED" in ctl("put", "s" * 300, "srv1", "-", code=OPEN_FAILED)
+    ctl("put", "cl5", "srv1", "--priority", "5", "-")
+    assert "DS_DATA_EXISTS" in ctl("put", "cl5", "srv1", "--priority", "4", "-", code=DATA_EXISTS)
+    assert ctl("nonsense", code=USAGE).startswith("qmdiscoctl: there is no command")
+    assert ctl("get", "a", "b", "-o", str(root.path / "none" / "out"), code=1).count("\n") == 1
+
+
+def test_status_counts_what_was_done(ctl, root):
+    ctl("put", "cl5", "srv1", "-", data=b"12345")
+    ctl("get", "cl5", "srv1")
+
+    def counted():
+        service = json.loads(ctl("status", "--json"))["service"]
+        counters = service["counters"]
+        return counters["recordsStored"] == 1 and counters["bytesRead"] == 5 and service
+    service = harness.wait_for(counted, "the counters in the status")
+    assert service["role"] == "master"
+    assert service["counters"]["bytesWritten"] == 5
+    assert service["root"] == str(root)
+
+
+def test_refresh(ctl):
+    assert ctl("refresh") == b"refresh started by the discovery service on master1\n"
+
+
+def test_stop_and_what_is_told_afterwards(ctl, daemon, root):
+    assert ctl("stop") == b"the discovery service on master1 has stopped\n"
+    assert daemon.wait() == 0
+    assert ctl("query", code=UNREACHABLE).startswith("qmdiscoctl: cannot reach the discovery service")
+    document = json.loads(subprocess.run(
+        [harness.program("qmdiscoctl"), "--root", str(root), "--json", "status"],
+        capture_output=True, timeout=60, check=False).stdout)
+    assert document["reachable"] is False

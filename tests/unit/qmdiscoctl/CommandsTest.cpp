@@ -1,0 +1,453 @@
+// What each command asks of a service, and what it makes of the answers.
+
+#include "Commands.h"
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include <stdlib.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace Veltrane::Quillmark::Qmdiscoctl {
+namespace {
+
+using testing::HasSubstr;
+using Lines = std::vector<std::string>;
+
+/// What the service of the test is told to answer, and what it was asked.
+struct Script
+{
+    Svc::DiscoveryStatus status = Svc::DS_SUCCESS;
+    Svc::DiscoveryStatus closeStatus = Svc::DS_SUCCESS;
+    std::vector<std::string> pages;
+    int records = 0;
+    bool putAnswer = true;
+    bool boolean = true;
+    int failAfter = -1; ///< calls until a COMM_FAILURE; -1 for never
+    int pingsUntilGone = 0;
+
+    Lines calls;
+    std::string stored;
+    Remote::Discovery record;
+
+    void call(const std::string& what)
+    {
+        calls.push_back(what);
+        if (failAfter >= 0 && static_cast<int>(calls.size()) > failAfter)
+            throw CORBA::COMM_FAILURE(0, CORBA::COMPLETED_MAYBE);
+    }
+};
+
+class FakeData : public DataPages
+{
+  public:
+    explicit FakeData(Script& script) : m_script(script) {}
+    void setPageSize(CORBA::Long size) override
+    {
+        m_script.call("pageSize " + std::to_string(size));
+    }
+    std::unique_ptr<Remote::CollectionDataSeq> next() override
+    {
+        m_script.call("page");
+        auto page = std::make_unique<Remote::CollectionDataSeq>();
+        if (m_next < m_script.pages.size()) {
+            const std::string& text = m_script.pages[m_next++];
+            page->length(static_cast<CORBA::ULong>(text.size()));
+            std::copy(text.begin(), text.end(), page->get_buffer());
+        }
+        return page;
+    }
+    void release() override { m_script.call("release"); }
+
+  private:
+    Script& m_script;
+    std::size_t m_next = 0;
+};
+
+class FakeRecords : public RecordPages
+{
+  public:
+    explicit FakeRecords(Script& script) : m_script(script) {}
+    void setPageSize(CORBA::Long size) override
+    {
+        m_script.call("pageSize " + std::to_string(size));
+    }
+    std::unique_ptr<Remote::DiscoverySeq> next() override
+    {
+        m_script.call("page");
+        auto page = std::make_unique<Remote::DiscoverySeq>();
+        page->length(static_cast<CORBA::ULong>(m_sent ? 0 : m_script.records));
+        m_sent = true;
+        for (CORBA::ULong i = 0; i < page->length(); ++i) {
+            (*page)[i].subject = ("cl" + std::to_string(i)).c_str();
+            (*page)[i].authority = "srv\x1b";
+            (*page)[i].authType = Svc::AT_QMKCLIENT;
+            (*page)[i].sourceHost = "h";
+            (*page)[i].sourceServiceName = "s";
+        }
+        return page;
+    }
+    void release() override { m_script.call("release"); }
+
+  private:
+    Script& m_script;
+    bool m_sent = false;
+};
+
+class FakeWriter : public Writer
+{
+  public:
+    explicit FakeWriter(Script& script) : m_script(script) {}
+    bool put(const Remote::CollectionDataSeq& data) override
+    {
+        m_script.call("put " + std::to_string(data.length()));
+        m_script.stored.append(reinterpret_cast<const char*>(data.get_buffer()), data.length());
+        return m_script.putAnswer;
+    }
+    Svc::DiscoveryResult close() override
+    {
+        m_script.call("close");
+        return {m_script.closeStatus, 0};
+    }
+
+  private:
+    Script& m_script;
+};
+
+class FakeService : public Service
+{
+  public:
+    explicit FakeService(Script& script) : m_script(script) {}
+    std::unique_ptr<RecordPages> queryDiscoveries(Svc::DiscoveryQuery, Svc::AuthorityType type,
+                                                  const std::string& authority,
+                                                  const std::string& subject) override
+    {
+        m_script.call("query " + std::to_string(type) + " " + authority + " " + subject);
+        return std::make_unique<FakeRecords>(m_script);
+    }
+    Svc::DiscoveryStatus getCollectionData(const Remote::Discovery& record,
+                                           const std::string& filter,
+                                           std::unique_ptr<DataPages>& pages) override
+    {
+        m_script.call("get " + std::string(record.subject) + " of " +
+                      std::string(record.authority) + " [" + filter + "]");
+        if (m_script.status == Svc::DS_SUCCESS)
+            pages = std::make_unique<FakeData>(m_script);
+        return m_script.status;
+    }
+    Svc::DiscoveryResult putCollection(const Remote::Discovery& record,
+                                       std::unique_ptr<Writer>& writer) override
+    {
+        m_script.call("putCollection");
+        m_script.record = record;
+        if (m_script.status == Svc::DS_SUCCESS)
+            writer = std::make_unique<FakeWriter>(m_script);
+        return {m_script.status, 0};
+    }
+    bool terminate() override
+    {
+        m_script.call("terminate");
+        return m_script.boolean;
+    }
+    void restartLocalPushTimer() override { m_script.call("local"); }
+    bool restartAllPushTimers() override
+    {
+        m_script.call("all");
+        return m_script.boolean;
+    }
+    void ping() override
+    {
+        if (m_script.pingsUntilGone-- <= 0)
+            throw CORBA::TRANSIENT();
+    }
+    void setRequestLimit(std::chrono::seconds) override {}
+
+  private:
+    Script& m_script;
+};
+
+class Kept : public Output
+{
+  public:
+    Outcome write(std::string_view bytes) override
+    {
+        text.append(bytes);
+        return {};
+    }
+    Outcome finish() override { return {}; }
+    std::string text;
+};
+
+struct CtlCommandsTest : testing::Test
+{
+    CtlCommandsTest()
+    {
+        std::string name = (std::filesystem::temp_directory_path() / "qmtest.XXXXXX").string();
+        EXPECT_NE(::mkdtemp(name.data()), nullptr);
+        directory = name;
+        options.subject = "cl5";
+        options.authority = "srv1";
+        target.host = "backup1";
+        target.endpoint = {"192.0.2.7", 14400};
+    }
+    ~CtlCommandsTest() override { std::filesystem::remove_all(directory); }
+
+    Outcome run(Command command)
+    {
+        options.command = command;
+        Session session{
+            .options = options,
+            .target = target,
+            .status = status,
+            .localHost = "here",
+            .connect = [this](Failure& failure) -> std::unique_ptr<Service> {
+                if (!reachable) {
+                    failure = unreachable("backup1", target.endpoint, "no");
+                    return nullptr;
+                }
+                return std::make_unique<FakeService>(script);
+            },
+            .out = out,
+            .now = [this] { return now; },
+            .pause = [this](std::chrono::milliseconds time) { now += time; },
+            .epochSeconds = [] { return 1000; },
+            .isRunning = [](long) { return false; },
+        };
+        return runCommand(session);
+    }
+    std::string file(const std::string& content)
+    {
+        const std::string name = (directory / "input").string();
+        std::ofstream(name, std::ios::binary) << content;
+        return name;
+    }
+    static std::string contentOf(const std::filesystem::path& path)
+    {
+        std::ifstream stream(path, std::ios::binary);
+        std::ostringstream text;
+        text << stream.rdbuf();
+        return text.str();
+    }
+
+    Script script;
+    Options options;
+    Target target;
+    StatusDocument status;
+    Kept out;
+    bool reachable = true;
+    std::chrono::steady_clock::time_point now{};
+    std::filesystem::path directory;
+};
+
+TEST_F(CtlCommandsTest, PutSendsTheFileInLargeChunksAndClosesOnce)
+{
+    options.input = file(std::string((1 << 20) + 3, 'x'));
+    options.type = Svc::AT_EXTSRC;
+    options.priority = 4000000000u;
+    options.timeToLive = 60;
+    EXPECT_EQ(run(Command::PUT), Outcome());
+    EXPECT_EQ(script.calls, (Lines{"putCollection", "put 1048576", "put 3", "close"}));
+    EXPECT_EQ(script.record.attributes.priority, static_cast<CORBA::Long>(4000000000u));
+    EXPECT_EQ(script.record.attributes.timeToLive, 60u);
+    EXPECT_EQ(script.record.attributes.discoveryTime, 1000u);
+    EXPECT_STREQ(script.record.sourceHost, "here");
+    EXPECT_EQ(out.text, "stored 1048579 bytes as cl5 of srv1 (extsrc) on backup1\n");
+}
+
+TEST_F(CtlCommandsTest, AnEmptyFileIsAnEmptyDiscovery)
+{
+    options.input = file("");
+    options.json = true;
+    options.type = Svc::AT_EXTSRC;
+    EXPECT_EQ(run(Command::PUT), Outcome());
+    EXPECT_EQ(script.calls, (Lines{"putCollection", "close"}));
+    EXPECT_EQ(Json::parse(out.text), (Json{{"host", "backup1"},
+                                           {"subject", "cl5"},
+                                           {"authority", "srv1"},
+                                           {"type", "extsrc"},
+                                           {"bytes", 0}}));
+}
+
+TEST_F(CtlCommandsTest, APutThatIsRefusedHasTheStatusesCode)
+{
+    options.input = file("x");
+    script.status = Svc::DS_DATA_EXISTS;
+    EXPECT_EQ(run(Command::PUT),
+              (Failure{EC_DATA_EXISTS, "the discovery service on backup1 did not store cl5 of "
+                                       "srv1: DS_DATA_EXISTS, one of higher priority is stored"}));
+    script.status = Svc::DS_SUCCESS;
+    script.closeStatus = Svc::DS_OPEN_FAILED;
+    EXPECT_EQ(run(Command::PUT)->code, EC_OPEN_FAILED);
+}
+
+TEST_F(CtlCommandsTest, AHalfSentPutIsNeverClosed)
+{
+    options.input = file("12345");
+    script.putAnswer = false;
+    EXPECT_EQ(run(Command::PUT),
+              (Failure{EC_BROKE_OFF, "the discovery service on backup1 failed to take the data; "
+                                     "its log tells why; 0 of 5 bytes were sent, nothing was "
+                                     "stored"}));
+    EXPECT_EQ(script.calls.back(), "put 5");
+}
+
+TEST_F(CtlCommandsTest, AServiceThatBreaksOffIsToldWithWhatIsKnown)
+{
+    options.input = file("12345");
+    script.failAfter = 2;
+    const Outcome outcome = run(Command::PUT);
+    ASSERT_TRUE(outcome);
+    EXPECT_EQ(outcome->code, EC_BROKE_OFF);
+    EXPECT_THAT(outcome->text, HasSubstr("broke off: the connection broke: COMM_FAILURE"));
+    EXPECT_THAT(outcome->text,
+                HasSubstr("all 5 bytes were sent, whether they were stored is not known"));
+}
+
+TEST_F(CtlCommandsTest, AFileThatCannotBeReadTroublesNoService)
+{
+    options.input = (directory / "none").string();
+    const Outcome outcome = run(Command::PUT);
+    ASSERT_TRUE(outcome);
+    EXPECT_EQ(outcome->code, EC_FAILURE);
+    EXPECT_THAT(outcome->text, HasSubstr(options.input));
+    EXPECT_EQ(script.calls, Lines{});
+}
+
+TEST_F(CtlCommandsTest, GetAsksForLargePagesAndWritesTheFileAsAWhole)
+{
+    script.pages = {"one ", "two"};
+    options.filter = "f";
+    options.output = (directory / "out").string();
+    EXPECT_EQ(run(Command::GET), Outcome());
+    EXPECT_EQ(script.calls, (Lines{"get cl5 of srv1 [f]", "pageSize 1048576", "page", "page",
+                                   "page", "release"}));
+    EXPECT_EQ(contentOf(directory / "out"), "one two");
+    EXPECT_EQ(out.text, "wrote 7 bytes to " + options.output + "\n");
+}
+
+TEST_F(CtlCommandsTest, WithoutAFileTheDataAloneGoesOut)
+{
+    script.pages = {"one ", "two"};
+    EXPECT_EQ(run(Command::GET), Outcome());
+    EXPECT_EQ(out.text, "one two");
+}
+
+TEST_F(CtlCommandsTest, AGetThatBreaksOffLeavesTheOldFile)
+{
+    script.pages = {"new", "more"};
+    script.failAfter = 3;
+    options.output = (directory / "out").string();
+    std::ofstream(options.output) << "old";
+    const Outcome outcome = run(Command::GET);
+    ASSERT_TRUE(outcome);
+    EXPECT_EQ(outcome->code, EC_BROKE_OFF);
+    EXPECT_THAT(outcome->text, HasSubstr("; 3 bytes were received"));
+    EXPECT_EQ(contentOf(directory / "out"), "old");
+    int entries = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(directory))
+        entries += entry.exists();
+    EXPECT_EQ(entries, 1) << "something was left beside the file";
+}
+
+TEST_F(CtlCommandsTest, AGetThatIsRefusedHasTheStatusesCode)
+{
+    script.status = Svc::DS_NONE_FOUND;
+    EXPECT_EQ(run(Command::GET),
+              (Failure{EC_NONE_FOUND, "cannot read cl5 of srv1 from the discovery service on "
+                                      "backup1: DS_NONE_FOUND, there is no such discovery"}));
+    script.status = Svc::DS_LOGIC_ERROR;
+    EXPECT_EQ(run(Command::GET)->code, EC_LOGIC_ERROR);
+}
+
+TEST_F(CtlCommandsTest, QueryShowsATableOrJson)
+{
+    script.records = 2;
+    options.subject = "cl*";
+    options.authority = "";
+    EXPECT_EQ(run(Command::QUERY), Outcome());
+    EXPECT_EQ(out.text, "SUBJECT  AUTHORITY  TYPE       HOST  SERVICE\n"
+                        "cl0      srv\\x1b    qmkclient  h     s\n"
+                        "cl1      srv\\x1b    qmkclient  h     s\n");
+    EXPECT_EQ(script.calls[0], "query 0 * cl*");
+    EXPECT_EQ(script.calls.back(), "release");
+    out.text.clear();
+    options.json = true;
+    EXPECT_EQ(run(Command::QUERY), Outcome());
+    const Json document = Json::parse(out.text);
+    ASSERT_EQ(document.size(), 2u);
+    EXPECT_EQ(document[1]["subject"], "cl1");
+    EXPECT_EQ(document[1]["authority"], "srv\x1b");
+}
+
+TEST_F(CtlCommandsTest, AQueryThatBreaksOffPrintsNothing)
+{
+    script.records = 2;
+    script.failAfter = 3;
+    EXPECT_EQ(run(Command::QUERY)->code, EC_BROKE_OFF);
+    EXPECT_EQ(out.text, "");
+}
+
+TEST_F(CtlCommandsTest, RefreshIsOfOneHostOrOfAll)
+{
+    EXPECT_EQ(run(Command::REFRESH), Outcome());
+    EXPECT_EQ(out.text, "refresh started by the discovery service on backup1\n");
+    options.all = true;
+    EXPECT_EQ(run(Command::REFRESH), Outcome());
+    EXPECT_EQ(script.calls, (Lines{"local", "all"}));
+    script.boolean = false;
+    EXPECT_EQ(run(Command::REFRESH),
+              (Failure{EC_FAILURE, "the discovery service on backup1 refused: it is not the "
+                                   "master's, or a refresh is running"}));
+}
+
+TEST_F(CtlCommandsTest, StopWaitsUntilTheServiceIsGone)
+{
+    script.pingsUntilGone = 3;
+    EXPECT_EQ(run(Command::STOP), Outcome());
+    EXPECT_EQ(out.text, "the discovery service on backup1 has stopped\n");
+    script.pingsUntilGone = 1 << 20;
+    options.waitSeconds = 2;
+    EXPECT_EQ(run(Command::STOP),
+              (Failure{EC_FAILURE, "the discovery service on backup1 was told to stop, but has not "
+                                   "within 2 s"}));
+    options.waitSeconds = 0;
+    out.text.clear();
+    EXPECT_EQ(run(Command::STOP), Outcome());
+    EXPECT_EQ(out.text, "the discovery service on backup1 is stopping\n");
+}
+
+TEST_F(CtlCommandsTest, StatusShowsTheServiceAndItsFile)
+{
+    target.local = true;
+    status.path = "/root/run/status.json";
+    status.found = true;
+    status.members = {{"version", "1.0.0"}, {"counters", {{"queries", 3}}}};
+    script.pingsUntilGone = 5;
+    options.json = true;
+    EXPECT_EQ(run(Command::STATUS), Outcome());
+    const Json document = Json::parse(out.text);
+    EXPECT_EQ(document["reachable"], true);
+    EXPECT_EQ(document["service"]["counters"]["queries"], 3);
+    EXPECT_EQ(document["statusFile"]["state"], "current");
+    out.text.clear();
+    options.json = false;
+    EXPECT_EQ(run(Command::STATUS), Outcome());
+    EXPECT_THAT(out.text, HasSubstr("counters.queries  3\n"));
+}
+
+TEST_F(CtlCommandsTest, EveryCommandTellsAServiceThatCannotBeReached)
+{
+    reachable = false;
+    options.input = file("x");
+    const Failure expected{EC_UNREACHABLE,
+                           "cannot reach the discovery service on backup1 (192.0.2.7:14400): no"};
+    for (const Command command : {Command::PUT, Command::QUERY, Command::GET, Command::STATUS,
+                                  Command::REFRESH, Command::STOP})
+        EXPECT_EQ(run(command), expected) << static_cast<int>(command);
+}
+
+} // namespace
+} // namespace Veltrane::Quillmark::Qmdiscoctl
