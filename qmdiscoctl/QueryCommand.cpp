@@ -1,6 +1,6 @@
-#include <vector>
-
 #include <algorithm>
+#include <compare>
+#include <vector>
 
 #include "Commands.h"
 #include "Names.h"
