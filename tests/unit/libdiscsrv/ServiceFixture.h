@@ -19,6 +19,7 @@
 
 namespace QmTest {
 
+namespace Tlx = Veltrane::Quillmark::Tlx;
 namespace Disc = Veltrane::Quillmark::Tlx::DiscoverySvc;
 
 /// A directory that goes with the object.
