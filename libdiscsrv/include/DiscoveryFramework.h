@@ -38,9 +38,9 @@ class DISCSRV_EXPORT DiscoveryFramework : public virtual TLXRefCounted
     DiscoveryFramework(const char* name, DiscoveryServiceType type, Orb* orb, bool initAce);
     ~DiscoveryFramework() override;
 
-    /// Brings the service up: servant, store, producers. Calls nest; each needs its fini. Always
-    /// true; a CORBA exception from the activation is logged and thrown on, and nothing is
-    /// initialised then.
+    /// Brings the service up: servant, store, producers. Calls nest; each needs its fini. True
+    /// unless there is no ORB; a CORBA exception from the activation is logged and thrown on, and
+    /// nothing is initialised then.
     bool init();
 
     /// Tears down what init brought up, requests in progress being finished first; once. True.

@@ -59,6 +59,8 @@ bool DiscoveryFramework::init()
         ++m_init;
         return true;
     }
+    if (!getOrb())
+        return false;
     (void)TLX_ASSERT(m_orb->isEvictorEnabled());
     try {
         activateServant();

@@ -78,7 +78,9 @@ bool isNumericV4(const std::string& text)
 bool isNumericV6(const std::string& text)
 {
     in6_addr address;
-    return ::inet_pton(AF_INET6, text.c_str(), &address) == 1;
+    // inet_pton would read up to a NUL byte and no further.
+    return text.find('\0') == std::string::npos &&
+           ::inet_pton(AF_INET6, text.c_str(), &address) == 1;
 }
 
 // A host name or an IPv4 address. What is only digits and dots is meant as an address.

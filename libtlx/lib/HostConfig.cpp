@@ -1,5 +1,6 @@
 #include <tlx/HostConfig.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -21,7 +22,7 @@ namespace Veltrane::Quillmark::Tlx {
 namespace {
 
 constexpr const char* DEFAULT_ROOT = "/usr/varix/quillmark";
-constexpr std::chrono::seconds RESOLVE_LIMIT{5};
+constexpr std::chrono::milliseconds RESOLVE_LIMIT{5000};
 
 bool sameName(const std::string& a, const std::string& b)
 {
@@ -116,11 +117,20 @@ bool Snapshot::isOwnEndpoint(const Endpoint& endpoint) const
     if (sameName(endpoint.address, own.address) ||
         sameName(endpoint.address, value(ConfigKey::PUBLISH_ADDRESS)))
         return true;
-    const bool everywhere = own.address == "0.0.0.0" || own.address == "::";
-    for (const std::string& address : resolveHost(endpoint.address, RESOLVE_LIMIT))
-        if (everywhere ? isLocalAddress(address) : sameName(address, own.address))
-            return true;
-    return false;
+    // Compared as addresses: one may be a name, and IPv6 has many ways to write the same address.
+    const auto start = std::chrono::steady_clock::now();
+    const auto wanted = resolveHost(endpoint.address, RESOLVE_LIMIT);
+    const auto spent = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - start);
+    // What the first name used up the second one does not get.
+    const auto listening = resolveHost(own.address, RESOLVE_LIMIT - spent);
+    const auto listensAt = [&](const std::string& address) {
+        return std::find(listening.begin(), listening.end(), address) != listening.end();
+    };
+    const bool everywhere = listensAt("0.0.0.0") || listensAt("::");
+    return std::any_of(wanted.begin(), wanted.end(), [&](const std::string& address) {
+        return everywhere ? isLocalAddress(address) : listensAt(address);
+    });
 }
 
 bool Snapshot::findOutMaster() const

@@ -125,6 +125,8 @@ bool Orb::isEvictorEnabled() const
 
 Evictor& Orb::getEvictor() const
 {
+    if (!m_state->evictor)
+        throw CORBA::BAD_INV_ORDER();
     return *m_state->evictor;
 }
 

@@ -22,6 +22,7 @@ using Addresses = std::vector<std::string>;
 using Resolve = std::function<Addresses(const std::string&)>;
 
 constexpr int MAX_BACKGROUND = 16;
+constexpr std::chrono::milliseconds LONGEST_WAIT = std::chrono::hours(24);
 
 std::atomic<int> g_background{0};
 
@@ -74,7 +75,10 @@ void answer(const std::shared_ptr<Question>& question, const std::string& host,
 {
     Addresses addresses;
     try {
-        addresses = resolve ? resolve(host) : systemAddresses(host, 0);
+        const Addresses found = resolve ? resolve(host) : systemAddresses(host, 0);
+        for (const std::string& address : found)
+            if (std::find(addresses.begin(), addresses.end(), address) == addresses.end())
+                addresses.push_back(address);
     } catch (...) {
         addresses.clear(); // no address, like any other failure
     }
@@ -90,6 +94,8 @@ void answer(const std::shared_ptr<Question>& question, const std::string& host,
 // An address as 16 bytes, IPv4 mapped into IPv6; false when the text is none.
 bool toBytes(const std::string& text, in6_addr& out)
 {
+    if (text.find('\0') != std::string::npos) // inet_pton would read no further
+        return false;
     in_addr v4;
     if (::inet_pton(AF_INET, text.c_str(), &v4) == 1) {
         out = {};
@@ -135,7 +141,9 @@ std::vector<std::string> resolveHost(const std::string& host, std::chrono::milli
             return {};
         }
         std::unique_lock guard(question->mutex);
-        question->answered.wait_for(guard, limit, [&] { return question->done; });
+        // A limit beyond all reason would overflow the clock.
+        question->answered.wait_for(guard, std::min(limit, LONGEST_WAIT),
+                                    [&] { return question->done; });
         return question->addresses;
     } catch (const std::exception&) {
         return {}; // no memory: no address

@@ -44,7 +44,7 @@ class Orb
     /// The reactor; owned here, gone with this object.
     ACE_Reactor* getReactor() const;
     bool isEvictorEnabled() const;
-    /// Only when isEvictorEnabled().
+    /// @throws CORBA::BAD_INV_ORDER unless isEvictorEnabled().
     Evictor& getEvictor() const;
 
     /// "ADDRESS:PORT" as it stands in references made here; empty for a client.

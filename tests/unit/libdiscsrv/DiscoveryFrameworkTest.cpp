@@ -154,7 +154,8 @@ TEST_F(DiscoveryFrameworkTest, WithoutAnOrbNothingIsAnswered)
     const Framework framework(new DiscoveryFramework("", DST_GENERIC, nullptr, false));
     const AssertionCapture assertions;
     EXPECT_EQ(framework->getOrb(), nullptr);
-    EXPECT_EQ(assertions.texts(), Lines{"0 != m_orb"});
+    EXPECT_FALSE(framework->init());
+    EXPECT_EQ(assertions.texts(), (Lines{"0 != m_orb", "0 != m_orb"}));
 }
 
 } // namespace

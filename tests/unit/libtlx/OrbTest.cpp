@@ -145,6 +145,7 @@ TEST_F(OrbTest, AClientOpensNoPortAndServesNothing)
     Orb orb(true, "", "S", false, 16);
     EXPECT_EQ(orb.getEndpoint(), "");
     EXPECT_FALSE(orb.isEvictorEnabled());
+    EXPECT_THROW(orb.getEvictor(), CORBA::BAD_INV_ORDER);
     PortableServer::Servant_var<PlainServant> servant(new PlainServant);
     EXPECT_THROW(orb.activateServant(servant.in()), CORBA::OBJ_ADAPTER);
     orb.serveRequests();
