@@ -69,7 +69,8 @@ class DISCSRV_EXPORT DBCollectionData : public CollectionData
     bool writeCollection(std::size_t length, const void* buffer) const override;
 
     /// Moves the payload written to its place, replacing what is there; an empty one when none was
-    /// opened. When it answers true the payload survives a power cut.
+    /// opened. When it answers true the payload survives a power cut. Always false for a spoilt
+    /// one.
     bool persist(const TlxPathname& target);
 
     /// Gives up and deletes a payload that is being written. Always true.
@@ -84,6 +85,10 @@ class DISCSRV_EXPORT DBCollectionData : public CollectionData
 
     const TlxPathname& path() const { return m_path; }
 
+    /// Whether bytes were lost on the way, or an earlier persist failed: what is left of such a
+    /// payload must not take the place of a stored one. Until the next open.
+    bool isSpoilt() const { return m_spoilt; }
+
   private:
     bool openTemporary();
     bool openStored();
@@ -94,6 +99,7 @@ class DISCSRV_EXPORT DBCollectionData : public CollectionData
     OpenMode m_mode = OM_READ;
     std::unique_ptr<CleanupLock> m_cleanupLock;
     const FileLock* m_recordLock = nullptr;
+    mutable bool m_spoilt = false; ///< writing is const in every backend
 };
 
 /// A record of the store. Its key is the triple of authority type, authority and subject, from

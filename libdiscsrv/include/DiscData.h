@@ -212,8 +212,8 @@ class DISCSRV_EXPORT Discovery : public XmlDocumentInterface, public virtual TLX
     DiscoveryQuery getQuery() const { return m_query; }
 
   protected:
-    /// Whether the last document read held a value that no record can have (an enumerator out of
-    /// range): such a record must not be used.
+    /// Whether a document read since the last clearDocumentRefused held a value that no record can
+    /// have (an enumerator out of range): such a record must not be used.
     bool isDocumentRefused() const { return m_documentRefused; }
     void clearDocumentRefused() { m_documentRefused = false; }
 

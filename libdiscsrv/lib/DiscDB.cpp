@@ -23,6 +23,10 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../DiscDB";
 
+/// A pattern beyond this length is a caller's mistake, or ill will: a file name has 255 bytes, and
+/// each is compared with the whole pattern.
+constexpr std::size_t MAX_PATTERN_BYTES = 1024;
+
 /// Names a payload that does not exist yet; persist gives it its real name.
 constexpr const char* PLACEHOLDER = "payload.dat";
 
@@ -61,8 +65,10 @@ bool DiscoveryDBCreator::setupDB(const std::string& dir)
     if (!lock.isLocked())
         return true;
     DIR* directory = ::opendir(m_dbPath.c_str());
-    if (!directory)
+    if (!directory) {
+        DISC_LOG(1, "Unable to open " << m_dbPath << ", error " << errno);
         return true;
+    }
     while (const dirent* entry = ::readdir(directory)) {
         if (wildcardcmp("*.updating", entry->d_name, 0) != 0)
             continue;
@@ -145,6 +151,10 @@ Discovery* DiscoveryDBCreator::getDiscovery(const char* fileName)
 DBDiscoveryIterator::DBDiscoveryIterator(const char* dir)
     : DiscoveryIterator(AT_ANYANDALL, "*", "*"), m_dir(::opendir(dir))
 {
+    const int error = errno;
+    DISC_TRACE("DBDiscoveryIterator::DBDiscoveryIterator");
+    if (!m_dir)
+        DISC_LOG(1, "Unable to open " << dir << ", error " << error);
 }
 
 DBDiscoveryIterator::~DBDiscoveryIterator()
@@ -158,10 +168,16 @@ Discovery* DBDiscoveryIterator::getNext()
     DISC_TRACE("DBDiscoveryIterator::getNext");
     if (!m_dir)
         return nullptr;
-    if (m_pattern.empty())
+    if (m_pattern.empty()) {
         m_pattern =
             (m_type == AT_ANYANDALL ? std::string("*") : std::to_string(static_cast<int>(m_type))) +
             ' ' + m_authority + ' ' + m_subject + ".xml";
+        if (m_pattern.size() > MAX_PATTERN_BYTES)
+            DISC_LOG(1, "A pattern may have " << MAX_PATTERN_BYTES << " bytes, this one has "
+                                              << m_pattern.size() << " and matches nothing");
+    }
+    if (m_pattern.size() > MAX_PATTERN_BYTES)
+        return nullptr;
     while (const dirent* entry = ::readdir(m_dir)) {
         if (wildcardcmp(m_pattern.c_str(), entry->d_name, 0) != 0)
             continue;

@@ -68,6 +68,7 @@ bool DBCollectionData::open(OpenMode mode, const char*)
         m_handle = -1;
     }
     m_mode = mode;
+    m_spoilt = false;
     return mode == OM_UPDATE ? openTemporary() : openStored();
 }
 
@@ -125,19 +126,32 @@ std::size_t DBCollectionData::readCollection(std::size_t length, void* buffer) c
 {
     if (!TLX_ASSERT_AS(m_handle != -1, "ACE_INVALID_HANDLE != m_handle"))
         return static_cast<std::size_t>(-1);
-    return static_cast<std::size_t>(::read(m_handle, buffer, length));
+    const ssize_t count = ::read(m_handle, buffer, length);
+    if (count < 0)
+        DISC_LOG_AS("DBCollectionData::readCollection", 1,
+                    "Unable to read " << m_path << ", error " << errno);
+    return static_cast<std::size_t>(count);
 }
 
 bool DBCollectionData::writeCollection(std::size_t length, const void* buffer) const
 {
     if (!TLX_ASSERT_AS(m_handle != -1, "ACE_INVALID_HANDLE != m_handle"))
         return false;
-    return writeAll(m_handle, buffer, length);
+    if (writeAll(m_handle, buffer, length))
+        return true;
+    DISC_LOG_AS("DBCollectionData::writeCollection", 1,
+                "Unable to write " << m_path << ", error " << errno);
+    m_spoilt = true;
+    return false;
 }
 
 bool DBCollectionData::persist(const TlxPathname& target)
 {
     DISC_TRACE("DBCollectionData::persist");
+    if (m_spoilt) {
+        m_cleanupLock.reset();
+        return false;
+    }
     if (m_handle == -1)
         open(OM_UPDATE, "");
     const std::unique_ptr<CleanupLock> cleanupLock = std::move(m_cleanupLock);
@@ -146,6 +160,7 @@ bool DBCollectionData::persist(const TlxPathname& target)
     // What is open for reading is a stored payload, and not to be moved about.
     if (!TLX_ASSERT(m_mode == OM_UPDATE))
         return false;
+    m_spoilt = true; // until all of it succeeded
     // Otherwise a power cut could leave the name on a file without its bytes.
     const bool synced = ::fsync(m_handle) == 0;
     if (!synced)
@@ -171,6 +186,7 @@ bool DBCollectionData::persist(const TlxPathname& target)
         DISC_LOG(1, "Unable to sync " << target.directory() << ", error " << errno);
         return false;
     }
+    m_spoilt = false;
     return true;
 }
 

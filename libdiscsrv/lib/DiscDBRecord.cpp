@@ -106,9 +106,11 @@ bool DBDiscovery::hasUsableFileName() const
 {
     DISC_TRACE("DBDiscovery::hasUsableFileName");
     const std::string name = generateMetabaseFileName();
+    constexpr std::size_t SHOWN = 1024; // a caller may send many megabytes
     if (name.size() > NAME_MAX)
-        DISC_LOG(1, "The file name of a record may have " << NAME_MAX << " bytes, this one has "
-                                                          << name.size() << ": " << name);
+        DISC_LOG(1, "The file name of a record may have "
+                        << NAME_MAX << " bytes, this one has " << name.size() << ": "
+                        << name.substr(0, SHOWN) << (name.size() > SHOWN ? "..." : ""));
     return !name.empty() && name.size() <= NAME_MAX;
 }
 
@@ -173,7 +175,7 @@ bool DBDiscovery::mayReplaceStored(int fd)
     if (count < 0)
         return true;
 
-    // Twice in a row, as it has always been: readers of the log expect the two messages.
+    // Twice in a row, as it has always been; a document that is none is logged once.
     XMLHelper helper;
     unsigned int stored = 0;
     if (helper.parse(m_metadataText, stored) != 0 || helper.parse(m_metadataText, stored) != 0)
@@ -189,6 +191,11 @@ DiscoveryResult DBDiscovery::persist()
                        TLX_ASSERT(getSubject()) & TLX_ASSERT(getCollectionData());
     if (!ready || !hasUsableFileName())
         return {DS_OPEN_FAILED, 0};
+    const auto* collection = dynamic_cast<DBCollectionData*>(getCollectionData());
+    if (collection && collection->isSpoilt()) {
+        DISC_LOG(1, "Collection data update failed");
+        return {DS_OPEN_FAILED, 0};
+    }
     const TlxPathname path = m_dbPath.withFileName(generateMetabaseFileName());
     if (!canOverride()) {
         DISC_LOG(1, "Cannot persist, data with higher priority already exists.");

@@ -66,6 +66,16 @@ std::string toUri(const std::string& text)
     return "giop:tcp:" + toText(endpoint);
 }
 
+/// The ORB's rule for the address inside references: a given one with whatever port it listens at,
+/// otherwise an address of this machine that is no loopback, if there is one.
+std::string toPublish(const std::string& address)
+{
+    if (address.empty())
+        return "addr";
+    const bool v6 = address.find(':') != std::string::npos;
+    return "giop:tcp:" + (v6 ? "[" + address + "]" : address) + ":";
+}
+
 /// Why a socket cannot be bound here, as the system says it; empty when it can. The ORB only tells
 /// that it could not.
 std::string whyNotBound(const std::string& text)
@@ -165,8 +175,7 @@ void OrbCore::start(const OrbSettings& settings)
 {
     omniORB::setLogFunction(&logOrbMessage);
     const std::string listen = settings.clientOnly ? "" : toUri(settings.listen);
-    const std::string publish =
-        settings.publish.empty() ? "addr" : "giop:tcp:" + settings.publish + ":";
+    const std::string publish = toPublish(settings.publish);
     const std::string maxMessage = std::to_string(settings.maxMessageBytes);
     // Every option that a configuration file of the ORB could set differently for this process.
     const std::array<std::array<const char*, 2>, 6> server{{

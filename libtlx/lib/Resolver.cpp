@@ -75,10 +75,7 @@ void answer(const std::shared_ptr<Question>& question, const std::string& host,
 {
     Addresses addresses;
     try {
-        const Addresses found = resolve ? resolve(host) : systemAddresses(host, 0);
-        for (const std::string& address : found)
-            if (std::find(addresses.begin(), addresses.end(), address) == addresses.end())
-                addresses.push_back(address);
+        addresses = resolve ? resolve(host) : systemAddresses(host, 0);
     } catch (...) {
         addresses.clear(); // no address, like any other failure
     }
@@ -142,7 +139,8 @@ std::vector<std::string> resolveHost(const std::string& host, std::chrono::milli
         }
         std::unique_lock guard(question->mutex);
         // A limit beyond all reason would overflow the clock.
-        question->answered.wait_for(guard, std::min(limit, LONGEST_WAIT),
+        question->answered.wait_for(guard,
+                                    std::clamp(limit, std::chrono::milliseconds(0), LONGEST_WAIT),
                                     [&] { return question->done; });
         return question->addresses;
     } catch (const std::exception&) {

@@ -1,5 +1,6 @@
 #include <tlx/Xml.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 #include <xercesc/framework/MemBufInputSource.hpp>
@@ -19,6 +20,12 @@ constexpr const char* SOURCE = "../Xml";
 XMLCh lower(XMLCh letter)
 {
     return letter >= 'A' && letter <= 'Z' ? static_cast<XMLCh>(letter + ('a' - 'A')) : letter;
+}
+
+/// What a document of XML 1.0, the version written here, cannot carry. Surrogates come in pairs.
+bool isNoXmlCharacter(XMLCh c)
+{
+    return (c < 0x20 && c != '\t' && c != '\n' && c != '\r') || c == 0xFFFE || c == 0xFFFF;
 }
 
 /// Hands the parser's events to a document's object, and keeps from it what is skipped.
@@ -125,8 +132,12 @@ TlxString XmlObjParseContext::text() const
 
 void XmlObjParseContext::appendText(const XMLCh* chars, std::size_t length)
 {
-    if (chars)
-        m_text.append(chars, length);
+    if (!chars)
+        return;
+    const std::size_t start = m_text.size();
+    m_text.append(chars, length);
+    std::replace_if(m_text.begin() + static_cast<std::ptrdiff_t>(start), m_text.end(),
+                    isNoXmlCharacter, static_cast<XMLCh>(0xFFFD));
 }
 
 void XmlObjParseContext::clearText()

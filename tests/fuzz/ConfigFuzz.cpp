@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include <tlx/HostConfig.h>
 
@@ -17,24 +18,65 @@ void require(bool condition)
         std::abort();
 }
 
+void requireWithin(const char* key, std::uint64_t lowest, std::uint64_t highest)
+{
+    const std::uint64_t number = HostConfig::instance().number(key);
+    require(number >= lowest && number <= highest);
+    std::uint64_t set = 0;
+    require(!HostConfig::instance().getNumber(key, set) || set == number);
+}
+
+// What is told about an endpoint must be readable as the same endpoint.
+void requireReadable(const Endpoint& endpoint)
+{
+    Endpoint again;
+    require(parseEndpoint(toText(endpoint), again) && again == endpoint);
+}
+
+void requireProblems(const std::vector<HostConfig::Problem>& problems)
+{
+    require(problems.size() <= 101); // a hostile file is no hostile log
+    unsigned last = 0;
+    for (const HostConfig::Problem& problem : problems) {
+        require(problem.file == "qm.conf" && problem.toText().starts_with("qm.conf:"));
+        require(problem.toText().ends_with(problem.text) && !problem.text.empty());
+        // One line each, in the file's order.
+        require(problem.text.find_first_of("\r\n") == std::string::npos);
+        require(problem.line == 0 ? problems.size() == 1 : problem.line > last);
+        last = problem.line;
+    }
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
+    const std::string text(reinterpret_cast<const char*>(data), size);
     HostConfig& config = HostConfig::instance();
-    config.readText(std::string(reinterpret_cast<const char*>(data), size), "qm.conf");
-    for (const HostConfig::Problem& problem : config.problems())
-        require(problem.toText().starts_with("qm.conf:"));
+    config.readText(text, "qm.conf");
+    requireProblems(config.problems());
     // Whatever stood there, what is answered is usable.
-    require(config.number(ConfigKey::LOG_LEVEL) <= 9);
-    require(config.number(ConfigKey::STOP_LIMIT) >= 1);
-    require(config.number(ConfigKey::MAX_MESSAGE_BYTES) >= 65536);
+    requireWithin(ConfigKey::LOG_LEVEL, 0, 9);
+    requireWithin(ConfigKey::LOG_MAX_BYTES, 4096, std::uint64_t{1} << 40);
+    requireWithin(ConfigKey::LOG_KEEP, 0, 100);
+    requireWithin(ConfigKey::STOP_LIMIT, 1, 3600);
+    requireWithin(ConfigKey::MAX_MESSAGE_BYTES, 65536, std::uint64_t{1} << 30);
     require(!config.localHostName().empty());
-    Endpoint endpoint;
-    require(parseEndpoint(toText(config.listenEndpoint()), endpoint));
-    require(endpoint == config.listenEndpoint());
+    requireReadable(config.listenEndpoint());
+    requireReadable(config.endpointOf("backup1"));
     require(config.endpointOf("backup1").port != 0);
     bool flag = false;
-    config.getBoolean(ConfigKey::REPORT_CLIENT_DISCOVERIES, flag);
+    std::string value;
+    require(config.getString(ConfigKey::REPORT_CLIENT_DISCOVERIES, value) ==
+            config.getBoolean(ConfigKey::REPORT_CLIENT_DISCOVERIES, flag));
+    for (const char* key : {ConfigKey::SERVER, ConfigKey::CLIENT_NAME, ConfigKey::PUBLISH_ADDRESS})
+        require(!config.getString(key, value) ||
+                (!value.empty() && value.find('\0') == std::string::npos));
+
+    Endpoint endpoint{"before", 7};
+    if (parseEndpoint(text, endpoint))
+        requireReadable(endpoint);
+    else
+        require(endpoint == Endpoint{"before", 7});
     return 0;
 }

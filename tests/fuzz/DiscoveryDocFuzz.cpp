@@ -38,11 +38,11 @@ class Record : public DiscoverySvc::Discovery
     DiscoveryResult persist() override { return {DS_LOGIC_ERROR, 0}; }
     DiscoveryResult open(OpenMode, const char*) override { return {DS_LOGIC_ERROR, 0}; }
 
-    /// Whether the text is a record's document.
+    /// Whether the text is a document that a record may have.
     bool read(const std::string& text)
     {
         clearDocumentRefused();
-        return parseBuffer(text) && !isDocumentRefused() && getSubject() && getAuthority();
+        return parseBuffer(text) && !isDocumentRefused();
     }
     std::string written() const
     {
@@ -52,26 +52,52 @@ class Record : public DiscoverySvc::Discovery
     }
 };
 
-void compare(const Record& first, const Record& second)
+void compare(const StatusMsg* first, const StatusMsg* second)
 {
-    require(first.getSubject()->getSubject() == second.getSubject()->getSubject());
-    require(first.getSubject()->getSubjectFileName() == second.getSubject()->getSubjectFileName());
-    require(first.getAuthority()->getName() == second.getAuthority()->getName());
-    require(first.getAuthority()->getNameFileName() == second.getAuthority()->getNameFileName());
-    require(first.getAuthority()->getType() == second.getAuthority()->getType());
-    require(first.getAuthority()->getType() >= AT_ANYANDALL &&
-            first.getAuthority()->getType() <= AT_REMOTEPULL);
-    require(!first.getAttributes() == !second.getAttributes());
-    if (const CollectionAttributes* attributes = first.getAttributes()) {
-        require(attributes->getType() == second.getAttributes()->getType());
-        require(attributes->getType() <= CT_POINT_IN_TIME);
-        require(attributes->getStorage() == second.getAttributes()->getStorage());
-        require(attributes->getStorage() <= CS_CENTRALREPOSITORY);
-        require(attributes->getPriority() == second.getAttributes()->getPriority());
-        require(attributes->getDiscoveryTime() == second.getAttributes()->getDiscoveryTime());
-        require(attributes->getExpiresTime() == second.getAttributes()->getExpiresTime());
-        require(attributes->getSignature() == second.getAttributes()->getSignature());
-    }
+    require(!first == !second);
+    if (first)
+        require(first->code() == second->code() && first->text() == second->text());
+}
+
+void compare(const Subject* first, const Subject* second)
+{
+    require(!first == !second);
+    if (!first)
+        return;
+    require(*first == *second);
+    require(!first->getSubject().empty());
+    require(first->getSubject() == second->getSubject());
+    require(first->getSubjectFileName() == second->getSubjectFileName());
+    compare(first->getStatusMsg(), second->getStatusMsg());
+}
+
+void compare(const Authority* first, const Authority* second)
+{
+    require(!first == !second);
+    if (!first)
+        return;
+    require(*first == *second);
+    require(!first->getName().empty());
+    require(first->getName() == second->getName());
+    require(first->getNameFileName() == second->getNameFileName());
+    require(first->getType() >= AT_ANYANDALL && first->getType() <= AT_REMOTEPULL);
+    compare(first->getStatusMsg(), second->getStatusMsg());
+}
+
+void compare(const CollectionAttributes* first, const CollectionAttributes* second)
+{
+    require(!first == !second);
+    if (!first)
+        return;
+    require(first->getType() == second->getType());
+    require(first->getType() <= CT_POINT_IN_TIME);
+    require(first->getStorage() == second->getStorage());
+    require(first->getStorage() <= CS_CENTRALREPOSITORY);
+    require(first->getPriority() == second->getPriority());
+    require(first->getDiscoveryTime() == second->getDiscoveryTime());
+    require(first->getExpiresTime() == second->getExpiresTime());
+    require(first->getTimeToLive().isZero() && second->getTimeToLive().isZero());
+    require(first->getSignature() == second->getSignature());
 }
 
 } // namespace
@@ -84,7 +110,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         return 0;
     const AutoDereference<Record> second(new Record);
     require(second->read(first->written()));
-    compare(*first, *second);
+    compare(first->getSubject(), second->getSubject());
+    compare(first->getAuthority(), second->getAuthority());
+    compare(first->getAttributes(), second->getAttributes());
     require(second->written() == first->written());
     return 0;
 }

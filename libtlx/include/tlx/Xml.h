@@ -71,7 +71,8 @@ class XmlObjParseContext
     /// Whether an element's name is tag to the letter.
     static bool isTag(const XMLCh* name, const char* tag);
 
-    /// The text collected so far.
+    /// The text collected so far. It can be written again: the control characters that only XML 1.1
+    /// lets in have become U+FFFD.
     TlxString text() const;
     void appendText(const XMLCh* chars, std::size_t length);
     void clearText();

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "Capture.h"
+#include "RefusedCall.h"
 #include "StoreFixture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -13,6 +14,7 @@ namespace {
 
 using QmTest::AssertionCapture;
 using QmTest::contentOf;
+using QmTest::descriptorOf;
 using QmTest::Lines;
 using QmTest::LogCapture;
 using QmTest::writeFile;
@@ -168,7 +170,112 @@ TEST_F(DBCollectionDataTest, AFailedReadIsTheLargestValue)
     const auto data = make();
     EXPECT_TRUE(data->open(OM_UPDATE, "")); // write-only
     char buffer[1];
+    const LogCapture log;
     EXPECT_EQ(data->readCollection(1, buffer), static_cast<std::size_t>(-1));
+    EXPECT_EQ(log.texts(1), Lines{"Unable to read " + name("0.updating") + ", error 9"});
+    EXPECT_EQ(log.lines()[0].operation, "DBCollectionData::readCollection");
+}
+
+TEST_F(DBCollectionDataTest, APayloadThatLostBytesIsNotPersisted)
+{
+    writeFile(path("x.dat"), "stored");
+    QM_IN_CHILD([this] {
+        const auto data = make();
+        EXPECT_TRUE(data->open(OM_UPDATE, ""));
+        EXPECT_FALSE(data->isSpoilt());
+        const auto handle = static_cast<unsigned>(descriptorOf(path("0.updating")));
+        QmTest::refuseCalls(__NR_write, 0, {handle}, ENOSPC);
+        const LogCapture log;
+        EXPECT_FALSE(data->writeCollection(3, "new"));
+        EXPECT_EQ(log.texts(1), Lines{"Unable to write " + name("0.updating") + ", error 28"});
+        EXPECT_EQ(log.lines()[0].operation, "DBCollectionData::writeCollection");
+        EXPECT_TRUE(data->isSpoilt());
+        EXPECT_FALSE(data->persist(TlxPathname(name("x.dat"))));
+        EXPECT_EQ(contentOf(path("x.dat")), "stored");
+    });
+}
+
+TEST_F(DBCollectionDataTest, APayloadThatCannotBeSyncedIsNotMoved)
+{
+    writeFile(path("x.dat"), "stored");
+    QM_IN_CHILD([this] {
+        const auto data = make();
+        EXPECT_TRUE(data->open(OM_UPDATE, ""));
+        const auto handle = static_cast<unsigned>(descriptorOf(path("0.updating")));
+        QmTest::refuseCalls(__NR_fsync, 0, {handle}, EIO);
+        const LogCapture log;
+        EXPECT_FALSE(data->persist(TlxPathname(name("x.dat"))));
+        EXPECT_EQ(log.texts(1), Lines{"Unable to sync " + name("0.updating") + ", error 5"});
+        EXPECT_EQ(contentOf(path("x.dat")), "stored");
+    });
+}
+
+TEST_F(DBCollectionDataTest, ADirectoryThatCannotBeSyncedFailsThePersist)
+{
+    QM_IN_CHILD([this] {
+        const auto data = make();
+        const int spare = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+        EXPECT_TRUE(data->open(OM_UPDATE, ""));
+        // The directory is opened next, and gets the lowest descriptor that is free.
+        ASSERT_LT(spare, descriptorOf(path("0.updating")));
+        ::close(spare);
+        QmTest::refuseCalls(__NR_fsync, 0, {static_cast<unsigned>(spare)}, EIO);
+        const LogCapture log;
+        EXPECT_FALSE(data->persist(TlxPathname(name("x.dat"))));
+        EXPECT_EQ(log.texts(1).back(), "Unable to sync " + dir() + ", error 5");
+        EXPECT_TRUE(std::filesystem::exists(path("x.dat")));
+    });
+}
+
+TEST_F(DBCollectionDataTest, ALockThatTheKernelRefusesIsLogged)
+{
+    QM_IN_CHILD([this] {
+        QmTest::refuseCalls(__NR_fcntl, 1, {F_SETLK, F_SETLKW}, ENOLCK);
+        const LogCapture log;
+        EXPECT_FALSE(CleanupLock(dir().c_str(), CleanupLock::LM_SHARED).isLocked());
+        EXPECT_FALSE(CleanupLock(dir().c_str(), CleanupLock::LM_EXCLUSIVE).isLocked());
+        EXPECT_FALSE(make()->open(OM_UPDATE, ""));
+        EXPECT_EQ(log.texts(1), Lines(3, "Unable to lock " + name("Update.lock")));
+        EXPECT_EQ(files(), Lines{"Update.lock"});
+    });
+}
+
+TEST_F(DBCollectionDataTest, AfterAFailedPersistTheNextOneStoresNoEmptyPayload)
+{
+    std::filesystem::create_directory(path("x.dat"));
+    const auto data = make();
+    EXPECT_TRUE(data->open(OM_UPDATE, ""));
+    EXPECT_TRUE(data->writeCollection(3, "abc"));
+    EXPECT_FALSE(data->persist(TlxPathname(name("x.dat"))));
+    std::filesystem::remove(path("x.dat"));
+    EXPECT_FALSE(data->persist(TlxPathname(name("x.dat"))));
+    EXPECT_FALSE(std::filesystem::exists(path("x.dat")));
+    // Opened anew it is as good as any other.
+    EXPECT_TRUE(data->open(OM_UPDATE, ""));
+    EXPECT_TRUE(data->writeCollection(3, "def"));
+    EXPECT_TRUE(data->persist(TlxPathname(name("x.dat"))));
+    EXPECT_EQ(contentOf(path("x.dat")), "def");
+}
+
+TEST_F(DBCollectionDataTest, PersistOfWhatCannotBeOpenedIsReported)
+{
+    std::filesystem::remove(path("Update.lock"));
+    std::filesystem::create_directory(path("Update.lock"));
+    const AssertionCapture assertions;
+    EXPECT_FALSE(make()->persist(TlxPathname(name("x.dat"))));
+    EXPECT_EQ(assertions.texts(), Lines{"ACE_INVALID_HANDLE != m_handle"});
+    EXPECT_EQ(files(), Lines{"Update.lock"});
+}
+
+TEST_F(DBCollectionDataTest, ACloseThatFailsIsReported)
+{
+    const auto data = make();
+    EXPECT_TRUE(data->open(OM_UPDATE, ""));
+    ::close(descriptorOf(path("0.updating")));
+    const AssertionCapture assertions;
+    EXPECT_TRUE(data->cleanup());
+    EXPECT_EQ(assertions.texts(), Lines{"0 == ACE_OS::close(m_handle)"});
+    EXPECT_EQ(files(), Lines{"Update.lock"});
 }
 
 TEST_F(DBCollectionDataTest, WithoutAnOpenFileNothingIsReadOrWritten)

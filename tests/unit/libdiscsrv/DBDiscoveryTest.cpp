@@ -198,6 +198,16 @@ TEST_F(DBDiscoveryTest, ANameThatIsTooLongIsRefused)
     EXPECT_EQ(files(), Lines{"Update.lock"});
 }
 
+TEST_F(DBDiscoveryTest, ANameOfManyMegabytesIsShownInPart)
+{
+    const auto record = make({.subject = std::string(5u << 20, 's')});
+    const LogCapture log;
+    EXPECT_EQ(record->open(OM_UPDATE, "").discStatus, DS_OPEN_FAILED);
+    EXPECT_EQ(log.texts(1), Lines{"The file name of a record may have 255 bytes, this one has "
+                                  "5242891: 1 srv1 " +
+                                  std::string(1017, 's') + "..."});
+}
+
 TEST_F(DBDiscoveryTest, AMetadataPathThatCannotBeOpened)
 {
     std::filesystem::create_directory(path(metadata));
@@ -338,16 +348,21 @@ TEST(DBDiscoveryDiskTest, AFullDiskLeavesTheStoredRecordReadable)
     const std::string stored = contentOf(directory.path() / "disk" / "1 srv1 cl5.xml");
     {
         const auto longer = make("cl5", std::string(100000, 'x'));
+        const auto cut = make("cl5", "short");
         const auto unheard = make("cl6", "short");
         ASSERT_EQ(longer->open(OM_UPDATE, "").discStatus, DS_SUCCESS);
+        ASSERT_EQ(cut->open(OM_UPDATE, "").discStatus, DS_SUCCESS);
         ASSERT_EQ(unheard->open(OM_UPDATE, "").discStatus, DS_SUCCESS);
         disk.fill();
-        EXPECT_FALSE(
-            longer->getCollectionData()->writeCollection(100000, std::string(100000, 'y').data()));
-        const LogCapture log;
+        LogCapture log;
         EXPECT_EQ(longer->persist().discStatus, DS_OPEN_FAILED);
         EXPECT_EQ(log.texts(1), (Lines{"Unable to write metadata",
                                        "Metadata update to " + dir + "/1 srv1 cl5.xml failed"}));
+        EXPECT_FALSE(
+            cut->getCollectionData()->writeCollection(100000, std::string(100000, 'y').data()));
+        log.clear();
+        EXPECT_EQ(cut->persist().discStatus, DS_OPEN_FAILED);
+        EXPECT_EQ(log.texts(1), Lines{"Collection data update failed"});
         EXPECT_EQ(unheard->persist().discStatus, DS_OPEN_FAILED);
     }
     EXPECT_EQ(contentOf(directory.path() / "disk" / "1 srv1 cl5.xml"), stored);

@@ -1,216 +1,276 @@
-// A writer killed at every file operation. Whatever the moment, a restart finds the record in one
-// of the states that the order of writing allows, and every other record untouched:
+// A process that works on the store is killed at each of its file operations in turn, until none is
+// left to be killed at. After each kill a fresh process must find the record in one of the states
+// that the order of writing allows, in that order and none twice; every other record as it was; and
+// must be able to write the record anew.
 //
-//   killed                                             first put      replacement
-//   before the metadata document is written            none           old document, old payload
-//   after it, before the stored payload is deleted     new, none      new document, old payload
-//   after that, before the rename                      new, none      new document, no payload
-//   after the rename                                   new, new       new document, new payload
+// The states of a record "old" (priority 1) that is replaced by "new" (priority 2), by the last
+// operation that was done:
 //
-// "none" includes an empty metadata file, which is skipped. The kill is a real one: the writer is a
-// child that this process traces, and ends at the entry of its k-th system call on files.
+//     last operation              metadata                payload   a lookup finds
+//     ------------------------    --------------------    -------   -------------------------
+//     any before the next         old                     old       old, 1
+//     write of the document       new, with the tail      old       old, 2; nothing when the old
+//                                 of a longer old one               document was longer
+//     its cut to length           new                     old       old, 2
+//     unlink of the payload       new                     none      2, and refuses to be read
+//     rename of the payload       new                     new       new, 2
+//
+// Of a record that was not there before: nothing (the metadata file may exist, empty), then 2 that
+// refuses to be read, then new, 2. A write that is torn leaves the begin of the new document with
+// the rest of the old one, which is the old record, the new metadata with the old payload, or no
+// document at all, and then found by nobody and in nobody's way.
 
 #include "DiscDB.h"
 
-#include <csignal>
-#include <set>
+#include <functional>
+#include <map>
 
-#include <sys/ptrace.h>
-#include <sys/syscall.h>
-#include <sys/user.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <gmock/gmock.h>
 
-#include <tlx/Log.h>
-
-#include "StoreFixture.h"
+#include "SteppedProcess.h"
+#include "StorePeer.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::contentOf;
+using QmTest::Lines;
+using QmTest::RecordOf;
+using QmTest::SteppedProcess;
+using QmTest::writeFile;
 
-#ifdef __x86_64__
-long systemCallOf(pid_t pid)
-{
-    user_regs_struct registers = {};
-    return ::ptrace(PTRACE_GETREGS, pid, nullptr, &registers) == 0
-               ? static_cast<long>(registers.orig_rax)
-               : -1;
-}
-constexpr bool CAN_TRACE = true;
-#else
-long systemCallOf(pid_t)
-{
-    return -1;
-}
-constexpr bool CAN_TRACE = false;
-#endif
+constexpr const char* METADATA = "1 srv1 cl5.xml";
+constexpr const char* PAYLOAD = "1 srv1 cl5.dat";
+constexpr unsigned MANY = 500; ///< more operations than any work here has
 
-/// The calls by which the store changes, or comes to know, the file system.
-bool isFileOperation(long call)
-{
-    static const std::set<long> calls = {SYS_openat, SYS_write,     SYS_fsync,     SYS_fcntl,
-                                         SYS_unlink, SYS_rename,    SYS_close,     SYS_ftruncate,
-                                         SYS_lseek,  SYS_fallocate, SYS_newfstatat};
-    return calls.count(call) != 0;
-}
+const RecordOf OTHER = {.subject = "other", .payload = "the other one"};
+const RecordOf OLD = {.priority = 1, .payload = "old"};
+const RecordOf NEW = {.priority = 2, .payload = "new"};
 
-bool putRecord(const std::string& subject, const std::string& payload, unsigned priority)
-{
-    AutoDereference<Discovery> record(getDiscoveryDBDatabase()->newDiscovery(DQ_DISCOVERY_DATA));
-    record->setSubject(new Subject(subject));
-    record->setAuthority(new Authority("srv1", AT_QMKSERVER));
-    record->setAttributes(new CollectionAttributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY,
-                                                   TlxObjTime(1), TlxObjTime(), priority));
-    return isSuccess(record->open(OM_UPDATE, "")) &&
-           record->getCollectionData()->writeCollection(payload.size(), payload.data()) &&
-           isSuccess(record->persist());
-}
-
-/// Runs the work in a child of its own; its exit code.
-template <class Work>
-int inChild(Work work)
-{
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        LoggerFactory::instance().setLevel(0);
-        ::alarm(60);
-        ::_exit(work());
-    }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-enum class Traced
-{
-    KILLED,   ///< at the operation asked for
-    FINISHED, ///< before it came to that
-    REFUSED   ///< tracing is not permitted here
-};
-
-/// Runs the work in a traced child and kills it at the entry of its k-th file operation.
-template <class Work>
-Traced killedAt(int k, Work work)
-{
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        LoggerFactory::instance().setLevel(0);
-        if (::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0)
-            ::_exit(99);
-        ::raise(SIGSTOP);
-        ::_exit(work());
-    }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    if (!WIFSTOPPED(status))
-        return Traced::REFUSED;
-    ::ptrace(PTRACE_SETOPTIONS, pid, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
-    bool entering = true;
-    for (;;) {
-        ::ptrace(PTRACE_SYSCALL, pid, nullptr, nullptr);
-        ::waitpid(pid, &status, 0);
-        if (WIFEXITED(status)) {
-            EXPECT_EQ(WEXITSTATUS(status), 0) << "the writer failed by itself";
-            return Traced::FINISHED;
-        }
-        if (!WIFSTOPPED(status) || WSTOPSIG(status) != (SIGTRAP | 0x80))
-            continue;
-        if (entering && isFileOperation(systemCallOf(pid)) && k-- == 0) {
-            ::kill(pid, SIGKILL);
-            ::waitpid(pid, &status, 0);
-            return Traced::KILLED;
-        }
-        entering = !entering;
-    }
-}
-
-/// What a fresh process finds of a record: "none", or its priority and payload.
-std::string found(const std::string& subject)
-{
-    const AutoDereference<Discovery> record(
-        getDiscoveryDBDatabase()->getDiscovery(("1 srv1 " + subject + ".xml").c_str()));
-    if (!record)
-        return "none";
-    std::string text = std::to_string(record->getAttributes()->getPriority()) + " ";
-    if (!isSuccess(record->open(OM_READ, "")))
-        return text + "without payload";
-    char buffer[100];
-    const std::size_t count = record->getCollectionData()->readCollection(100, buffer);
-    return text + std::string(buffer, std::min<std::size_t>(count, 100));
-}
-
-/// A restart after the kill: all that must hold, whatever the moment. 0 when it does.
-int restart(const std::string& dir, const std::set<std::string>& allowed)
-{
-    getDiscoveryDBDatabase()->init(dir);
-    for (const auto& entry : std::filesystem::directory_iterator(dir))
-        if (entry.path().extension() == ".updating")
-            return 10;
-    if (found("other") != "3 untouched")
-        return 11;
-    if (!allowed.count(found("cl5"))) {
-        std::fprintf(stderr, "found: %s\n", found("cl5").c_str());
-        return 12;
-    }
-    if (!putRecord("cl5", "after the crash", 9) || found("cl5") != "9 after the crash")
-        return 13;
-    return 0;
-}
-
-/// Kills a put at each of its operations in turn; how many there were.
-int killEverywhere(bool replacement, const std::set<std::string>& allowed)
-{
-    for (int k = 0;; ++k) {
-        const QmTest::TemporaryDirectory directory;
-        const std::string dir = directory.path().string();
-        EXPECT_EQ(inChild([&] {
-                      getDiscoveryDBDatabase()->init(dir);
-                      return putRecord("other", "untouched", 3) &&
-                                     (!replacement || putRecord("cl5", "old", 1))
-                                 ? 0
-                                 : 1;
-                  }),
-                  0);
-        const Traced traced = killedAt(k, [&] {
-            getDiscoveryDBDatabase()->init(dir);
-            return putRecord("cl5", "new", 2) ? 0 : 1;
-        });
-        if (traced == Traced::REFUSED)
-            return -1;
-        EXPECT_EQ(inChild([&] { return restart(dir, allowed); }), 0)
-            << "killed at file operation " << k;
-        if (traced == Traced::FINISHED || testing::Test::HasFailure())
-            return k;
-    }
-}
-
-struct DiscDBCrashTest : testing::Test
+/// This process itself never touches the store, so each child that it forks is a fresh one.
+struct DiscDBCrashTest : QmTest::Store
 {
     void SetUp() override
     {
         if (!QmTest::mayOpenRecords())
             GTEST_SKIP() << "records are created with permissions 0: needs root";
-        if (!CAN_TRACE)
-            GTEST_SKIP() << "system calls are told apart on x86-64 only";
+        if (SteppedProcess::run([] {}, [] { return true; }) == SteppedProcess::CANNOT_TRACE)
+            GTEST_SKIP() << "a process cannot be traced here";
     }
+
+    /// Puts records as a process that ends in order, and keeps the files for restore.
+    void fill(const std::vector<RecordOf>& records)
+    {
+        m_filled.clear();
+        restore();
+        ASSERT_EQ(SteppedProcess::run([] {},
+                                      [&] {
+                                          start();
+                                          for (const RecordOf& record : records)
+                                              if (put(record) != DS_SUCCESS)
+                                                  return false;
+                                          return true;
+                                      }),
+                  SteppedProcess::ENDED);
+        for (const std::string& name : files())
+            m_filled[name] = contentOf(path(name));
+    }
+    void restore() const
+    {
+        for (const std::string& name : files())
+            std::filesystem::remove(path(name));
+        for (const auto& [name, content] : m_filled)
+            writeFile(path(name), content);
+    }
+    void start(long now = 1000) const
+    {
+        setNow(now);
+        getDiscoveryDBDatabase()->init(dir());
+    }
+
+    /// What a fresh process finds.
+    static std::string lookUp(QmTest::StorePeer& peer)
+    {
+        const std::string found = peer.ask(std::string("find ") + METADATA);
+        return found == "none" ? found : found + ", priority " + peer.ask("priority");
+    }
+    /// The other record is whole and the record can be written anew, with nothing left lying about.
+    void expectUsable(QmTest::StorePeer& peer) const
+    {
+        EXPECT_EQ(contentOf(path("1 srv1 other.xml")), m_filled.at("1 srv1 other.xml"));
+        EXPECT_EQ(contentOf(path("1 srv1 other.dat")), m_filled.at("1 srv1 other.dat"));
+        EXPECT_EQ(peer.ask("release"), "done");
+        EXPECT_EQ(peer.ask("begin cl5 9"), std::to_string(DS_SUCCESS));
+        EXPECT_EQ(peer.ask("write again"), "1");
+        EXPECT_EQ(peer.ask("persist"), std::to_string(DS_SUCCESS));
+        EXPECT_EQ(peer.ask("drop"), "done");
+        EXPECT_EQ(lookUp(peer), "found again, priority 9");
+        EXPECT_EQ(files(), (Lines{PAYLOAD, METADATA, "1 srv1 other.dat", "1 srv1 other.xml",
+                                  "Update.lock"}));
+    }
+
+    using Work = std::function<bool()>;
+    using Look = std::function<std::string(QmTest::StorePeer&)>;
+
+    /// Kills the work at each of its operations; what look tells after each, without repetitions.
+    /// @param eighths 0 to kill before each operation, otherwise in the middle of each write.
+    Lines crashEverywhere(const Work& prepare, const Work& work, const Look& look,
+                          unsigned eighths = 0) const
+    {
+        Lines states;
+        for (unsigned at = 1; at < MANY; ++at) {
+            SCOPED_TRACE("killed at operation " + std::to_string(at));
+            restore();
+            const SteppedProcess::Outcome outcome =
+                SteppedProcess::run([&] { prepare(); }, work, {at, eighths});
+            EXPECT_TRUE(outcome == SteppedProcess::KILLED || outcome == SteppedProcess::ENDED)
+                << outcome;
+            QmTest::StorePeer peer;
+            const std::string state = look(peer);
+            if (states.empty() || states.back() != state)
+                states.push_back(state);
+            expectUsable(peer);
+            if (HasFailure() || outcome != SteppedProcess::KILLED)
+                return states;
+        }
+        ADD_FAILURE() << "the work never ended";
+        return states;
+    }
+    Lines crashAPut(const RecordOf& record, unsigned eighths = 0) const
+    {
+        const auto prepare = [&] {
+            start();
+            return true;
+        };
+        const auto work = [&] { return put(record) == DS_SUCCESS; };
+        const auto look = [&](QmTest::StorePeer& peer) {
+            EXPECT_EQ(peer.ask("now 1000"), "done");
+            EXPECT_EQ(peer.ask("init " + dir()), "done, left 0");
+            return lookUp(peer);
+        };
+        return crashEverywhere(prepare, work, look, eighths);
+    }
+
+  private:
+    std::map<std::string, std::string> m_filled;
 };
 
-TEST_F(DiscDBCrashTest, AFirstPutLeavesNothingOrTheRecord)
+TEST_F(DiscDBCrashTest, ANewRecordIsThereWithItsPayloadOrNot)
 {
-    const int operations = killEverywhere(false, {"none", "2 without payload", "2 new"});
-    if (operations < 0)
-        GTEST_SKIP() << "processes may not be traced here";
-    EXPECT_GT(operations, 20);
+    fill({OTHER});
+    EXPECT_EQ(crashAPut(NEW),
+              (Lines{"none", "found, unreadable, priority 2", "found new, priority 2"}));
 }
 
-TEST_F(DiscDBCrashTest, AReplacementLeavesTheOldRecordOrTheNew)
+TEST_F(DiscDBCrashTest, AReplacedRecordGoesThroughTheStatesOfTheTable)
 {
-    const int operations = killEverywhere(true, {"1 old", "2 old", "2 without payload", "2 new"});
-    if (operations < 0)
-        GTEST_SKIP() << "processes may not be traced here";
-    EXPECT_GT(operations, 20);
+    fill({OTHER, OLD});
+    EXPECT_EQ(crashAPut(NEW), (Lines{"found old, priority 1", "found old, priority 2",
+                                     "found, unreadable, priority 2", "found new, priority 2"}));
+}
+
+TEST_F(DiscDBCrashTest, AReplacedRecordWithALongerDocumentIsNotFoundUntilItIsCut)
+{
+    fill({OTHER, {.priority = 1, .timeToLive = 100, .payload = "old"}});
+    EXPECT_EQ(crashAPut(NEW), (Lines{"found old, priority 1", "none", "found old, priority 2",
+                                     "found, unreadable, priority 2", "found new, priority 2"}));
+}
+
+TEST_F(DiscDBCrashTest, AReplacedRecordWithAShorterDocumentGoesThroughTheStatesOfTheTable)
+{
+    fill({OTHER, OLD});
+    EXPECT_EQ(crashAPut({.priority = 2, .timeToLive = 100, .payload = "new"}),
+              (Lines{"found old, priority 1", "found old, priority 2",
+                     "found, unreadable, priority 2", "found new, priority 2"}));
+}
+
+TEST_F(DiscDBCrashTest, ATornWriteOfANewRecordLeavesNone)
+{
+    fill({OTHER});
+    for (unsigned eighths = 1; eighths < 8; ++eighths) {
+        SCOPED_TRACE(eighths);
+        EXPECT_EQ(crashAPut(NEW, eighths), (Lines{"none", "found new, priority 2"}));
+    }
+}
+
+TEST_F(DiscDBCrashTest, ATornWriteOfAReplacedRecordLeavesTheOldPayloadOrNoDocument)
+{
+    for (const long timeToLive : {0, 100})
+        for (unsigned eighths = 1; eighths < 8; ++eighths) {
+            SCOPED_TRACE(testing::Message() << timeToLive << ", " << eighths);
+            fill({OTHER, {.priority = 1, .timeToLive = timeToLive, .payload = "old"}});
+            const Lines states = crashAPut(NEW, eighths);
+            ASSERT_GE(states.size(), 2u);
+            EXPECT_EQ(states.front(), "found old, priority 1"); // the payload is written first
+            EXPECT_EQ(states.back(), "found new, priority 2");
+            for (std::size_t i = 1; i + 1 < states.size(); ++i)
+                EXPECT_THAT(states[i], testing::AnyOf("none", "found old, priority 2"));
+        }
+}
+
+TEST_F(DiscDBCrashTest, AnExpiredRecordLosesItsPayloadFirstAndIsRemovedByTheNextLookup)
+{
+    fill({OTHER, {.timeToLive = 100}});
+    const auto prepare = [&] {
+        start(2000);
+        return true;
+    };
+    const auto work = [&] { return !find(METADATA); };
+    const auto look = [&](QmTest::StorePeer& peer) {
+        std::string left;
+        for (const std::string& name : files())
+            if (name == METADATA || name == PAYLOAD)
+                left += name + ";";
+        EXPECT_EQ(peer.ask("now 2000"), "done");
+        EXPECT_EQ(peer.ask("init " + dir()), "done, left 0");
+        EXPECT_EQ(lookUp(peer), "none");
+        EXPECT_FALSE(std::filesystem::exists(path(METADATA)));
+        EXPECT_FALSE(std::filesystem::exists(path(PAYLOAD)));
+        return left;
+    };
+    EXPECT_EQ(crashEverywhere(prepare, work, look),
+              (Lines{"1 srv1 cl5.dat;1 srv1 cl5.xml;", "1 srv1 cl5.xml;", ""}));
+}
+
+TEST_F(DiscDBCrashTest, ACleanUpThatDiedIsFinishedByTheNext)
+{
+    fill({OTHER, OLD});
+    const auto prepare = [&] {
+        for (const char* name : {"0.updating", "1.updating"})
+            writeFile(path(name), "given up");
+        return true;
+    };
+    const auto work = [&] {
+        start();
+        return true;
+    };
+    const auto look = [&](QmTest::StorePeer& peer) {
+        const Lines names = files();
+        const auto left = std::count_if(names.begin(), names.end(), [](const std::string& name) {
+            return name.ends_with(".updating");
+        });
+        EXPECT_EQ(peer.ask("now 1000"), "done");
+        EXPECT_EQ(peer.ask("init " + dir()), "done, left 0");
+        EXPECT_EQ(lookUp(peer), "found old, priority 1");
+        return std::to_string(left);
+    };
+    EXPECT_EQ(crashEverywhere(prepare, work, look), (Lines{"2", "1", "0"}));
+}
+
+/// A kill loses nothing that the kernel has; a power cut does. What protects from it is where the
+/// syncs stand.
+TEST_F(DiscDBCrashTest, EachSyncStandsWhereAPowerCutNeedsIt)
+{
+    fill({OTHER, OLD});
+    Lines operations;
+    ASSERT_EQ(
+        SteppedProcess::trace([&] { start(); }, [&] { return put(NEW) == DS_SUCCESS; }, operations),
+        SteppedProcess::ENDED);
+    const std::string metadata = METADATA;
+    const std::string directory = std::filesystem::path(dir()).filename().string();
+    EXPECT_EQ(operations, (Lines{"write 0.updating", "fallocate " + metadata, "write " + metadata,
+                                 "ftruncate " + metadata, "fsync 0.updating", "unlink", "rename",
+                                 "fsync " + directory, "fsync " + metadata}));
 }
 
 } // namespace

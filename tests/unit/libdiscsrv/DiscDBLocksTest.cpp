@@ -1,34 +1,60 @@
-// The store's locks: two threads, and two processes.
+// The store's locks: threads of one process, and processes.
 
 #include "DiscDB.h"
 
 #include <atomic>
+#include <functional>
 #include <thread>
 
 #include "Capture.h"
 #include "StorePeer.h"
+#include "libtlx/FileLockPeer.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::contentOf;
+using QmTest::eventually;
+using QmTest::findTagged;
+using QmTest::isBlocked;
 using QmTest::Lines;
 using QmTest::LogCapture;
-using QmTest::writeFile;
+using QmTest::putTagged;
 
 constexpr const char* METADATA = "1 srv1 cl5.xml";
-constexpr int SHORTLY = 300; // milliseconds in which a lock that is free would have been granted
+constexpr const char* PAYLOAD = "1 srv1 cl5.dat";
+
+/// Does it in another thread, so that what one thread leaves held is seen by the next.
+void inThread(const std::function<void()>& work)
+{
+    std::thread(work).join();
+}
 
 struct DiscDBLocksTest : QmTest::Store
 {
     void SetUp() override
     {
         Store::SetUp();
-        if (!IsSkipped())
-            initialised = peer.ask("init " + dir());
+        if (!IsSkipped()) {
+            ASSERT_EQ(peer.ask("init " + dir()), "done, left 0");
+            ASSERT_EQ(peer.ask("now 1000"), "done");
+        }
     }
+    std::string find(const char* file) { return peer.ask(std::string("find ") + file); }
+    std::string sees(const std::string& file) { return peer.ask("sees " + path(file).string()); }
+    /// Whether the peer stands waiting for the record's lock.
+    bool peerWaits(const std::string& file = METADATA)
+    {
+        return eventually([&] { return isBlocked(peer.pid(), path(file)); });
+    }
+    bool thisProcessWaits(const std::string& file = METADATA)
+    {
+        return eventually([&] { return isBlocked(::getpid(), path(file)); });
+    }
+    using Store::find;
+
     QmTest::StorePeer peer; // forked before this process opens anything
-    std::string initialised;
+    LogCapture log;
 };
 
 TEST_F(DiscDBLocksTest, ASecondProcessReadsWhatTheFirstWrote)
@@ -37,117 +63,175 @@ TEST_F(DiscDBLocksTest, ASecondProcessReadsWhatTheFirstWrote)
     EXPECT_EQ(peer.ask(std::string("find ") + METADATA), "found from here");
 }
 
-TEST_F(DiscDBLocksTest, TheFirstOfTwoWritersToFinishKeepsTheOthersHoldOnUpdateLock)
+TEST_F(DiscDBLocksTest, TheFirstOfTwoThreadsToPersistKeepsTheOthersHoldOnUpdateLock)
 {
     auto first = make({.subject = "a"});
     auto second = make({.subject = "b"});
-    ASSERT_EQ(first->open(OM_UPDATE, "").discStatus, DS_SUCCESS);
-    ASSERT_EQ(second->open(OM_UPDATE, "").discStatus, DS_SUCCESS);
-    EXPECT_EQ(first->persist().discStatus, DS_SUCCESS);
-    first.reset();
-    // A process that starts now must leave the other's payload alone.
-    QmTest::StorePeer& late = peer;
+    EXPECT_EQ(peer.ask("clean " + dir()), "1");
+    inThread([&] { EXPECT_EQ(first->open(OM_UPDATE, "").discStatus, DS_SUCCESS); });
+    inThread([&] { EXPECT_EQ(second->open(OM_UPDATE, "").discStatus, DS_SUCCESS); });
+    EXPECT_EQ(peer.ask("clean " + dir()), "0");
+    inThread([&] {
+        EXPECT_EQ(first->persist().discStatus, DS_SUCCESS);
+        first.reset();
+    });
+    EXPECT_EQ(peer.ask("clean " + dir()), "0");
+    EXPECT_EQ(sees("Update.lock"), "Read");
     EXPECT_TRUE(std::filesystem::exists(path("1.updating")));
-    EXPECT_EQ(late.ask(std::string("find ") + METADATA), "none");
-    const auto probe = FileLock::open(path("Update.lock").string(), O_RDWR);
-    ASSERT_TRUE(probe);
-    EXPECT_EQ(probe->tryacquire_write(), -1);
-    EXPECT_EQ(second->persist().discStatus, DS_SUCCESS);
-    EXPECT_EQ(probe->tryacquire_write(), 0);
+    inThread([&] { EXPECT_EQ(second->persist().discStatus, DS_SUCCESS); });
+    EXPECT_EQ(sees("Update.lock"), "None");
+    EXPECT_EQ(peer.ask("clean " + dir()), "1");
 }
 
-struct DiscDBStartTest : testing::Test
+TEST_F(DiscDBLocksTest, TheFirstOfTwoThreadsToGiveUpKeepsTheOthersHoldOnUpdateLock)
 {
-    QmTest::StorePeer peer;
-    QmTest::TemporaryDirectory directory;
-};
+    auto first = make({.subject = "a"});
+    auto second = make({.subject = "b"});
+    inThread([&] { EXPECT_EQ(first->open(OM_UPDATE, "").discStatus, DS_SUCCESS); });
+    inThread([&] { EXPECT_EQ(second->open(OM_UPDATE, "").discStatus, DS_SUCCESS); });
+    inThread([&] { first.reset(); });
+    EXPECT_EQ(peer.ask("clean " + dir()), "0");
+    inThread([&] { second.reset(); });
+    EXPECT_EQ(peer.ask("clean " + dir()), "1");
+    EXPECT_EQ(files(), Lines{"Update.lock"});
+}
 
-TEST_F(DiscDBStartTest, ASecondProcessStartingWhileTheFirstWritesDeletesNoTemporaryPayload)
+TEST_F(DiscDBLocksTest, TheCleanUpOfThisProcessKeepsItsOwnWritersHoldOnUpdateLock)
 {
-    if (!QmTest::mayOpenRecords())
-        GTEST_SKIP() << "records are created with permissions 0: needs root";
-    const std::string dir = directory.path().string();
-    getDiscoveryDBDatabase()->init(dir);
-    AutoDereference<Discovery> record(getDiscoveryDBDatabase()->newDiscovery(DQ_DISCOVERY_DATA));
-    record->setSubject(new Subject("cl5"));
-    record->setAuthority(new Authority("srv1", AT_QMKSERVER));
+    const auto record = make({});
     ASSERT_EQ(record->open(OM_UPDATE, "").discStatus, DS_SUCCESS);
-    EXPECT_EQ(peer.ask("init " + dir), "done, left 1");
-    record.reset();
+    inThread(
+        [&] { EXPECT_FALSE(CleanupLock(dir().c_str(), CleanupLock::LM_EXCLUSIVE).isLocked()); });
+    EXPECT_EQ(sees("Update.lock"), "Read");
 }
 
-TEST_F(DiscDBStartTest, AProcessThatWasKilledLeavesNoLockAndItsPayloadIsCleanedUp)
-{
-    if (!QmTest::mayOpenRecords())
-        GTEST_SKIP() << "records are created with permissions 0: needs root";
-    const std::string dir = directory.path().string();
-    EXPECT_EQ(peer.ask("init " + dir), "done, left 0");
-    EXPECT_EQ(peer.ask("begin cl5 1"), "0");
-    EXPECT_EQ(peer.ask("write half"), "1");
-    EXPECT_TRUE(std::filesystem::exists(directory.path() / "0.updating"));
-    peer.kill();
-    getDiscoveryDBDatabase()->init(dir);
-    EXPECT_FALSE(std::filesystem::exists(directory.path() / "0.updating"));
-}
-
-TEST_F(DiscDBLocksTest, ALookupKeepsTheReadLockOfAnotherIterator)
+TEST_F(DiscDBLocksTest, ALookupKeepsTheReadLockOfAnother)
 {
     put({});
-    const auto kept = find(METADATA);
+    put({.subject = "cl6"});
+    const auto iterator = AutoDereference<DiscoveryIterator>(
+        getDiscoveryDBDatabase()->getIterator(DQ_DISCOVERY_DATA));
+    iterator->setSubject("cl5");
+    AutoDereference<Discovery> kept(iterator->getNext());
     ASSERT_TRUE(kept);
-    ASSERT_TRUE(find(METADATA)); // opened, read and closed beside it
-    EXPECT_EQ(peer.ask("begin cl5 9"), "0");
-    peer.tell("persist");
-    EXPECT_FALSE(peer.answers(SHORTLY)) << "the other process wrote under our read lock";
+    ASSERT_EQ(sees(METADATA), "Read");
+    inThread([&] { EXPECT_TRUE(Store::find(METADATA)); }); // opened, read and closed beside it
+    EXPECT_EQ(sees(METADATA), "Read");
+    inThread([&] { EXPECT_EQ(all(), (Lines{"cl5", "cl6"})); });
+    EXPECT_EQ(sees(METADATA), "Read");
+    inThread([&] { EXPECT_TRUE(make({})->canOverride()); });
+    EXPECT_EQ(sees(METADATA), "Read");
+    inThread([&] { EXPECT_EQ(put({.payload = "new"}), DS_SUCCESS); }); // the write lock and back
+    EXPECT_EQ(sees(METADATA), "Read");
+    kept.reset();
+    EXPECT_EQ(sees(METADATA), "None");
+}
+
+TEST_F(DiscDBLocksTest, APersistedRecordKeepsItsWriteLockWhileOthersComeAndGo)
+{
+    auto record = make({});
+    ASSERT_EQ(record->open(OM_UPDATE, "").discStatus, DS_SUCCESS);
+    ASSERT_EQ(record->persist().discStatus, DS_SUCCESS);
+    EXPECT_EQ(sees(METADATA), "Write");
+    inThread([&] { EXPECT_TRUE(Store::find(METADATA)); });
+    EXPECT_EQ(sees(METADATA), "Write");
+    record.reset();
+    EXPECT_EQ(sees(METADATA), "None");
 }
 
 TEST_F(DiscDBLocksTest, AWriterGoesOnWhenTheOtherProcessReleasesItsRecord)
 {
     put({.payload = "old"});
-    auto kept = find(METADATA);
+    auto kept = Store::find(METADATA);
     ASSERT_TRUE(kept);
     EXPECT_EQ(peer.ask("begin cl5 9"), "0");
     EXPECT_EQ(peer.ask("write new"), "1");
     peer.tell("persist");
-    EXPECT_FALSE(peer.answers(SHORTLY));
+    EXPECT_TRUE(peerWaits());
+    EXPECT_FALSE(peer.answers(0));
     EXPECT_EQ(read(*kept), "old");
     kept.reset();
     EXPECT_EQ(peer.answer(), "0");
     EXPECT_EQ(peer.ask("drop"), "done");
-    EXPECT_EQ(read(*find(METADATA)), "new");
+    EXPECT_EQ(read(*Store::find(METADATA)), "new");
+}
+
+TEST_F(DiscDBLocksTest, AReaderGoesOnWhenTheOtherProcessReleasesItsRecord)
+{
+    EXPECT_EQ(peer.ask("begin cl5 5"), "0");
+    EXPECT_EQ(peer.ask("write theirs"), "1");
+    EXPECT_EQ(peer.ask("persist"), "0"); // and keeps its write lock
+    std::string payload;
+    std::thread reader([&] {
+        const auto record = Store::find(METADATA);
+        payload = record ? read(*record) : "none";
+    });
+    EXPECT_TRUE(thisProcessWaits());
+    EXPECT_EQ(peer.ask("drop"), "done");
+    reader.join();
+    EXPECT_EQ(payload, "theirs");
 }
 
 TEST_F(DiscDBLocksTest, ThePriorityIsLookedAtAgainUnderTheWriteLock)
 {
+    put({.priority = 1});
     const auto lower = make({.priority = 4});
     ASSERT_EQ(lower->open(OM_UPDATE, "").discStatus, DS_SUCCESS);
+    EXPECT_EQ(find(METADATA), "found payload"); // so that we shall wait
+    log.clear();
+    DiscoveryStatus result = DS_SUCCESS;
+    std::thread writer([&] { result = lower->persist().discStatus; });
+    // The first look at the priority found 1 and is over; now a higher one comes between.
+    EXPECT_TRUE(thisProcessWaits());
     EXPECT_EQ(peer.ask("begin cl5 5"), "0");
     EXPECT_EQ(peer.ask("write five"), "1");
-    EXPECT_EQ(peer.ask("persist"), "0"); // and keeps its write lock
-    std::string result;
-    LogCapture log;
-    std::thread writer([&] { result = std::to_string(lower->persist().discStatus); });
+    EXPECT_EQ(peer.ask("persist"), "0");
     EXPECT_EQ(peer.ask("drop"), "done");
+    EXPECT_EQ(peer.ask("release"), "done");
     writer.join();
-    EXPECT_EQ(result, std::to_string(DS_DATA_EXISTS));
-    EXPECT_TRUE(log.has(1, "Cannot persist, data with higher priority already exists."));
-    EXPECT_EQ(contentOf(path("1 srv1 cl5.dat")), "five");
+    EXPECT_EQ(result, DS_DATA_EXISTS);
+    EXPECT_EQ(log.texts(1), Lines{"Cannot persist, data with higher priority already exists."});
+    EXPECT_EQ(contentOf(path(PAYLOAD)), "five");
+    EXPECT_EQ(Store::find(METADATA)->getAttributes()->getPriority(), 5u);
 }
 
 TEST_F(DiscDBLocksTest, AnExpiredRecordThatAnotherProcessReadsStays)
 {
     put({.timeToLive = 100});
-    EXPECT_EQ(peer.ask("now 1000"), "done");
-    EXPECT_EQ(peer.ask(std::string("find ") + METADATA), "found payload");
+    EXPECT_EQ(find(METADATA), "found payload");
     setNow(2000);
-    LogCapture log;
-    EXPECT_FALSE(find(METADATA));
+    log.clear();
+    EXPECT_FALSE(Store::find(METADATA));
     EXPECT_EQ(log.texts(1), (Lines{path(METADATA).string() + " has expired",
                                    "Unable to upgrade lock to expire file, errno: 16",
                                    path(METADATA).string() + " could not be expired"}));
+    EXPECT_EQ(contentOf(path(PAYLOAD)), "payload");
+    EXPECT_EQ(sees(METADATA), "None"); // the attempt left no lock here
     EXPECT_EQ(peer.ask("release"), "done");
-    EXPECT_FALSE(find(METADATA));
-    EXPECT_FALSE(std::filesystem::exists(path(METADATA)));
+    EXPECT_FALSE(Store::find(METADATA));
+    EXPECT_EQ(files(), Lines{"Update.lock"});
+}
+
+TEST_F(DiscDBLocksTest, ARecordWrittenAnewDuringItsExpiryStays)
+{
+    put({.timeToLive = 100});
+    log.clear();
+    // The lookup has read the record and asks what time it is: just then a writer comes.
+    TlxObjTime::setClock([] {
+        setNow(2000);
+        inThread([] { EXPECT_EQ(put({.timeToLive = 100, .payload = "new"}), DS_SUCCESS); });
+        return TlxObjTime(2000);
+    });
+    EXPECT_FALSE(Store::find(METADATA));
+    const Lines texts = log.texts(1);
+    ASSERT_GE(texts.size(), 2u);
+    EXPECT_EQ(Lines(texts.end() - 2, texts.end()),
+              (Lines{path(METADATA).string() + " has expired",
+                     path(METADATA).string() +
+                         " was modified during the expire and should not be expired"}));
+    const auto record = Store::find(METADATA);
+    ASSERT_TRUE(record);
+    EXPECT_EQ(read(*record), "new");
 }
 
 TEST_F(DiscDBLocksTest, APutOverARecordThatIsBeingExpiredIsNotLost)
@@ -159,63 +243,193 @@ TEST_F(DiscDBLocksTest, APutOverARecordThatIsBeingExpiredIsNotLost)
         ASSERT_EQ(peer.ask("begin cl5 9"), "0");
         ASSERT_EQ(peer.ask("write new"), "1");
         peer.tell("persist");
-        all(); // removes the expired record, or finds the new one
+        peer.tell("drop"); // not asked for later: the lookup may have to wait for the write lock
+        all();             // removes the expired record, or finds the new one
         ASSERT_EQ(peer.answer(), "0");
-        ASSERT_EQ(peer.ask("drop"), "done");
-        const auto found = find(METADATA);
+        ASSERT_EQ(peer.answer(), "done");
+        const auto found = Store::find(METADATA);
         ASSERT_TRUE(found) << "round " << round;
         ASSERT_EQ(read(*found), "new");
         ASSERT_EQ(found->getAttributes()->getPriority(), 9u);
         std::filesystem::remove(path(METADATA));
-        std::filesystem::remove(path("1 srv1 cl5.dat"));
+        std::filesystem::remove(path(PAYLOAD));
     }
 }
 
-/// Every writer's payload repeats the priority that its metadata tells; what is read must be one
-/// writer's, whole.
-struct DiscDBThreadsTest : QmTest::Store
+TEST_F(DiscDBLocksTest, AWriterThatIsKilledLeavesNoLockOnItsRecord)
 {
-    static std::string payloadOf(unsigned priority)
+    EXPECT_EQ(peer.ask("begin cl5 5"), "0");
+    EXPECT_EQ(peer.ask("write theirs"), "1");
+    EXPECT_EQ(peer.ask("persist"), "0");
+    std::string payload;
+    std::thread reader([&] {
+        const auto record = Store::find(METADATA);
+        payload = record ? read(*record) : "none";
+    });
+    EXPECT_TRUE(thisProcessWaits());
+    peer.kill();
+    reader.join();
+    EXPECT_EQ(payload, "theirs");
+    EXPECT_EQ(put({.payload = "ours"}), DS_SUCCESS);
+}
+
+TEST_F(DiscDBLocksTest, AWriterThatIsKilledWhileItWaitsLeavesTheRecord)
+{
+    put({.payload = "old"});
+    auto kept = Store::find(METADATA);
+    EXPECT_EQ(peer.ask("begin cl5 9"), "0");
+    EXPECT_EQ(peer.ask("write new"), "1");
+    peer.tell("persist");
+    EXPECT_TRUE(peerWaits());
+    peer.kill();
+    EXPECT_EQ(read(*kept), "old");
+    kept.reset();
+    EXPECT_EQ(put({.payload = "ours"}), DS_SUCCESS);
+    EXPECT_EQ(read(*Store::find(METADATA)), "ours");
+}
+
+TEST_F(DiscDBLocksTest, TwoProcessesThatWaitForEachOtherDoNotWaitForever)
+{
+    put({.subject = "a"});
+    put({.subject = "b"});
+    auto kept = Store::find("1 srv1 a.xml");
+    ASSERT_TRUE(kept);
+    EXPECT_EQ(find("1 srv1 b.xml"), "found payload");
+    EXPECT_EQ(peer.ask("begin a 9"), "0");
+    peer.tell("persist");
+    EXPECT_TRUE(peerWaits("1 srv1 a.xml"));
+    log.clear();
+    EXPECT_EQ(put({.subject = "b"}), DS_OPEN_FAILED);
+    EXPECT_TRUE(log.has(1, "Unable to lock " + path("1 srv1 b.xml").string()));
+    kept.reset();
+    EXPECT_EQ(peer.answer(), "0");
+}
+
+/// Several processes, of which this one has not opened the store yet.
+struct DiscDBStartTest : testing::Test
+{
+    void SetUp() override
     {
-        return std::string(5000, static_cast<char>('a' + priority % 26));
+        if (!QmTest::mayOpenRecords())
+            GTEST_SKIP() << "records are created with permissions 0: needs root";
     }
+    bool exists(const std::string& name) const
+    {
+        return std::filesystem::exists(directory.path() / name);
+    }
+    QmTest::StorePeer peer;
+    QmTest::StorePeer second;
+    QmTest::TemporaryDirectory directory;
+    const std::string dir = directory.path().string();
+    LogCapture log;
 };
 
-TEST_F(DiscDBThreadsTest, APersistAndALoadOfOneRecordNeverMix)
+TEST_F(DiscDBStartTest, ASecondProcessStartingWhileTheFirstWritesDeletesNoTemporaryPayload)
 {
-    constexpr int ROUNDS = 150;
-    ASSERT_EQ(put({.priority = 0, .payload = payloadOf(0)}), DS_SUCCESS);
-    std::atomic<int> writing{2};
-    std::atomic<int> wrong{0};
-    std::atomic<unsigned> priority{1};
-    const auto write = [&] {
-        for (int i = 0; i < ROUNDS; ++i) {
-            const unsigned mine = priority++;
-            const DiscoveryStatus status = put({.priority = mine, .payload = payloadOf(mine)});
-            if (status != DS_SUCCESS && status != DS_DATA_EXISTS)
-                ++wrong;
-        }
-        --writing;
-    };
-    const auto check = [&] {
-        while (writing > 0) {
-            const auto record = find(METADATA);
-            const std::string payload = record ? read(*record) : "";
-            if (payload.size() != 5000 || payload.find_first_not_of(payload[0]) != payload.npos)
-                ++wrong;
-        }
-    };
-    std::thread threads[] = {std::thread(write), std::thread(write), std::thread(check),
-                             std::thread(check)};
-    for (std::thread& thread : threads)
-        thread.join();
-    EXPECT_EQ(wrong, 0);
-    const auto record = find(METADATA);
-    ASSERT_TRUE(record);
-    EXPECT_EQ(read(*record), payloadOf(record->getAttributes()->getPriority()));
+    getDiscoveryDBDatabase()->init(dir);
+    AutoDereference<Discovery> record(getDiscoveryDBDatabase()->newDiscovery(DQ_DISCOVERY_DATA));
+    record->setSubject(new Subject("cl5"));
+    record->setAuthority(new Authority("srv1", AT_QMKSERVER));
+    ASSERT_EQ(record->open(OM_UPDATE, "").discStatus, DS_SUCCESS);
+    EXPECT_EQ(peer.ask("init " + dir), "done, left 1");
+    record.reset();
+    EXPECT_EQ(second.ask("init " + dir), "done, left 0");
 }
 
-TEST_F(DiscDBThreadsTest, WritersAndExpiryOfOneRecordLoseNone)
+TEST_F(DiscDBStartTest, TheFirstOfTwoProcessesToFinishLeavesTheOthersPayloadSafe)
+{
+    EXPECT_EQ(peer.ask("init " + dir), "done, left 0");
+    EXPECT_EQ(second.ask("init " + dir), "done, left 0");
+    EXPECT_EQ(peer.ask("begin a 1"), "0");
+    EXPECT_EQ(second.ask("begin b 1"), "0");
+    EXPECT_EQ(second.ask("write theirs"), "1");
+    EXPECT_EQ(peer.ask("persist"), "0");
+    EXPECT_EQ(peer.ask("drop"), "done");
+    getDiscoveryDBDatabase()->init(dir);
+    EXPECT_EQ(log.texts(1), Lines{"Unable to lock " + dir + "/Update.lock"});
+    EXPECT_TRUE(exists("1.updating"));
+    EXPECT_EQ(second.ask("persist"), "0");
+    EXPECT_EQ(second.ask("drop"), "done");
+    EXPECT_EQ(peer.ask("find 1 srv1 b.xml"), "found theirs");
+}
+
+TEST_F(DiscDBStartTest, AProcessThatWasKilledLeavesNoLockAndItsPayloadIsCleanedUp)
+{
+    EXPECT_EQ(peer.ask("init " + dir), "done, left 0");
+    EXPECT_EQ(peer.ask("begin cl5 1"), "0");
+    EXPECT_EQ(peer.ask("write half"), "1");
+    EXPECT_TRUE(exists("0.updating"));
+    EXPECT_EQ(second.ask("clean " + dir), "0");
+    peer.kill();
+    EXPECT_EQ(second.ask("clean " + dir), "1");
+    getDiscoveryDBDatabase()->init(dir);
+    EXPECT_EQ(log.texts(1), Lines{"Deleting temporary file 0.updating"});
+    EXPECT_FALSE(exists("0.updating"));
+}
+
+/// Every put's payload tells which put it is from, and so does its metadata.
+struct DiscDBStressTest : QmTest::Store
+{
+    void SetUp() override
+    {
+        Store::SetUp();
+        if (!IsSkipped()) {
+            ASSERT_EQ(writer.ask("init " + dir()), "done, left 0");
+            ASSERT_EQ(reader.ask("init " + dir()), "done, left 0");
+            ASSERT_EQ(putTagged("cl5", 1), DS_SUCCESS);
+        }
+    }
+    /// Two threads that put, and two that read what is put, while work goes on here.
+    void threads(int puts, const std::function<void()>& work)
+    {
+        std::atomic<int> writing{2};
+        const auto write = [&](long first) {
+            for (long tag = first; tag < first + puts; ++tag)
+                failed += putTagged("cl5", tag) != DS_SUCCESS;
+            --writing;
+        };
+        // A reader keeps other processes out, but a thread of its own process may replace the
+        // payload between its two looks. What it reads is whole all the same.
+        const auto check = [&] {
+            do {
+                const QmTest::TaggedRecord found = findTagged(METADATA);
+                broken += found.metadata < 0 || found.payload < 0;
+            } while (writing > 0);
+        };
+        std::thread all[] = {std::thread(write, 10000), std::thread(write, 20000),
+                             std::thread(check), std::thread(check)};
+        work();
+        for (std::thread& thread : all)
+            thread.join();
+        EXPECT_EQ(failed, 0);
+        EXPECT_EQ(broken, 0);
+        const QmTest::TaggedRecord last = findTagged(METADATA);
+        EXPECT_EQ(last.metadata, last.payload);
+        EXPECT_EQ(files(), (Lines{PAYLOAD, METADATA, "Update.lock"}));
+    }
+    QmTest::StorePeer writer; // forked before this process opens anything
+    QmTest::StorePeer reader;
+    LogCapture log;
+    std::atomic<int> failed{0};
+    std::atomic<int> broken{0};
+};
+
+TEST_F(DiscDBStressTest, APersistAndALoadOfOneRecordNeverMixInOneProcess)
+{
+    threads(100, [] {});
+}
+
+TEST_F(DiscDBStressTest, APersistAndALoadOfOneRecordNeverMixBetweenProcesses)
+{
+    threads(40, [&] {
+        writer.tell("storm 40 30000");
+        reader.tell(std::string("watch 100 ") + METADATA);
+        EXPECT_EQ(writer.answer(), "0");
+        EXPECT_EQ(reader.answer(), "0");
+    });
+}
+
+TEST_F(DiscDBStressTest, WritersAndExpiryOfOneRecordLoseNone)
 {
     std::atomic<bool> stop{false};
     std::atomic<int> wrong{0};
@@ -240,13 +454,27 @@ TEST_F(DiscDBThreadsTest, WritersAndExpiryOfOneRecordLoseNone)
     EXPECT_FALSE(std::filesystem::exists(path(METADATA)));
 }
 
-TEST_F(DiscDBThreadsTest, AThreadMayPersistARecordThatItHasFound)
+TEST_F(DiscDBStressTest, AThreadMayPersistARecordThatItHasFound)
 {
     ASSERT_EQ(put({.payload = "old"}), DS_SUCCESS);
     const auto found = find(METADATA);
     ASSERT_TRUE(found);
     EXPECT_EQ(put({.payload = "new"}), DS_SUCCESS);
     EXPECT_EQ(read(*found), "new");
+}
+
+TEST_F(DiscDBStressTest, TwoThreadsMayEachPersistTheRecordThatTheOtherKeeps)
+{
+    ASSERT_EQ(put({.subject = "a"}), DS_SUCCESS);
+    ASSERT_EQ(put({.subject = "b"}), DS_SUCCESS);
+    const auto first = find("1 srv1 a.xml");
+    const auto second = find("1 srv1 b.xml");
+    std::thread one([] { EXPECT_EQ(put({.subject = "b", .payload = "new b"}), DS_SUCCESS); });
+    std::thread two([] { EXPECT_EQ(put({.subject = "a", .payload = "new a"}), DS_SUCCESS); });
+    one.join();
+    two.join();
+    EXPECT_EQ(read(*first), "new a");
+    EXPECT_EQ(read(*second), "new b");
 }
 
 } // namespace

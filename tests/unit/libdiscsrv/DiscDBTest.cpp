@@ -165,6 +165,19 @@ TEST_F(DiscDBTest, FiltersAreWholeNamesOrPatterns)
     EXPECT_EQ(all(AT_EXTSRC, "srv1", "cl*"), Lines{});
 }
 
+TEST_F(DiscDBTest, APatternBeyondReasonMatchesNothingAndIsToldOnce)
+{
+    put({});
+    const AutoDereference<DiscoveryIterator> iterator(
+        getDiscoveryDBDatabase()->getIterator(DQ_DISCOVERY_DATA));
+    iterator->setSubject("c" + std::string(2000, '*'));
+    const LogCapture log;
+    EXPECT_EQ(iterator->getNext(), nullptr);
+    EXPECT_EQ(iterator->getNext(), nullptr);
+    EXPECT_EQ(log.texts(1),
+              Lines{"A pattern may have 1024 bytes, this one has 2009 and matches nothing"});
+}
+
 TEST_F(DiscDBTest, OddNamesAreFoundAgain)
 {
     const Lines names = {"a b", "a/b", "..", "é", "日本", "%", "\"'<>&", "a%20c", "\t"};

@@ -8,14 +8,75 @@
 #include <stdexcept>
 #include <string>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <tlx/Log.h>
+
 #include "StoreFixture.h"
 
 namespace QmTest {
+
+/// A record whose payload tells which put it is from, as its metadata does by the time of
+/// discovery.
+inline std::string taggedPayload(long tag)
+{
+    return std::string(20000, static_cast<char>('a' + tag % 26)) + std::to_string(tag);
+}
+
+inline Disc::DiscoveryStatus putTagged(const std::string& subject, long tag)
+{
+    const Tlx::AutoDereference<Disc::Discovery> record(
+        Disc::getDiscoveryDBDatabase()->newDiscovery(Disc::DQ_DISCOVERY_DATA));
+    record->setSubject(new Disc::Subject(subject));
+    record->setAuthority(new Disc::Authority("srv1", Disc::AT_QMKSERVER));
+    record->setAttributes(
+        new Disc::CollectionAttributes(Disc::CT_POINT_IN_TIME, Disc::CS_CENTRALREPOSITORY,
+                                       Tlx::TlxObjTime(tag), Tlx::TlxObjTime(), 5));
+    const Disc::DiscoveryResult opened = record->open(Disc::OM_UPDATE, "");
+    if (!isSuccess(opened))
+        return opened.discStatus;
+    const std::string payload = taggedPayload(tag);
+    const std::size_t half = payload.size() / 2; // so that there is a moment between
+    if (!record->getCollectionData()->writeCollection(half, payload.data()) ||
+        !record->getCollectionData()->writeCollection(payload.size() - half, payload.data() + half))
+        return Disc::DS_OPEN_FAILED;
+    return record->persist().discStatus;
+}
+
+struct TaggedRecord
+{
+    long metadata = -1; ///< the metadata's tag
+    long payload = -2;  ///< the payload's, when it is whole
+};
+
+inline TaggedRecord findTagged(const std::string& file)
+{
+    TaggedRecord found;
+    const Tlx::AutoDereference<Disc::Discovery> record(
+        Disc::getDiscoveryDBDatabase()->getDiscovery(file.c_str()));
+    if (!record)
+        return found;
+    found.metadata = static_cast<long>(record->getAttributes()->getDiscoveryTime().seconds());
+    if (!isSuccess(record->open(Disc::OM_READ, "")))
+        return found;
+    std::string payload;
+    char buffer[3000];
+    std::size_t count;
+    while ((count = record->getCollectionData()->readCollection(sizeof buffer, buffer)) > 0 &&
+           count <= sizeof buffer)
+        payload.append(buffer, count);
+    const std::size_t digits = payload.find_first_of("0123456789");
+    if (digits == payload.npos)
+        return found;
+    const long tag = std::stol(payload.substr(digits));
+    if (payload == taggedPayload(tag))
+        found.payload = tag;
+    return found;
+}
 
 /// Forked by the constructor, so it is to be made before any thread and before this process touches
 /// the store. Commands, with what they answer:
@@ -26,8 +87,13 @@ namespace QmTest {
 ///     persist                     the status
 ///     drop                        "done": the record written is given up
 ///     find FILE                   "found" and the payload, or "none"; the record is kept
+///     priority                    that of the record found
 ///     release                     "done": the record found is given up
 ///     now SECONDS                 "done": sets the clock
+///     clean DIR                   "1" when nobody writes a payload there, otherwise "0"
+///     sees PATH                   "None", "Read" or "Write": the other processes' lock on the file
+///     storm COUNT FIRST           "0": how many puts of a tagged record failed
+///     watch COUNT FILE            "0": how many times a tagged record was not whole
 class StorePeer
 {
   public:
@@ -41,7 +107,8 @@ class StorePeer
             throw std::runtime_error("no child");
         if (m_pid == 0) {
             ::close(ends[0]);
-            ::alarm(120); // no test takes that long
+            ::alarm(100); // no test takes that long
+            Tlx::LoggerFactory::instance().setLevel(0);
             serve(ends[1]);
             ::_exit(0);
         }
@@ -127,8 +194,55 @@ class StorePeer
             return std::to_string(m_written->persist().discStatus);
         if (verb == "find")
             return find(rest);
+        if (verb == "priority")
+            return std::to_string(m_found->getAttributes()->getPriority());
+        if (verb == "clean")
+            return Disc::CleanupLock(rest.c_str(), Disc::CleanupLock::LM_EXCLUSIVE).isLocked()
+                       ? "1"
+                       : "0";
+        if (verb == "sees")
+            return sees(rest);
+        if (verb == "storm" || verb == "watch")
+            return std::to_string(verb == "storm" ? storm(rest) : watch(rest));
         (verb == "drop" ? m_written : m_found).reset();
         return "done";
+    }
+    static std::string sees(const std::string& path)
+    {
+        const auto lock = Tlx::FileLock::open(path, O_RDWR);
+        struct flock request = {};
+        request.l_type = F_WRLCK;
+        request.l_whence = SEEK_SET;
+        request.l_len = 1;
+        if (!lock || ::fcntl(lock->get_handle(), F_GETLK, &request) != 0)
+            return std::to_string(errno);
+        return request.l_type == F_UNLCK ? "None" : request.l_type == F_RDLCK ? "Read" : "Write";
+    }
+    static int storm(const std::string& arguments)
+    {
+        std::istringstream words(arguments);
+        int count = 0;
+        long first = 0;
+        words >> count >> first;
+        int failed = 0;
+        for (int i = 0; i < count; ++i)
+            failed += putTagged("cl5", first + i) != Disc::DS_SUCCESS;
+        return failed;
+    }
+    /// With no writer in its own process, what it finds must be of one put.
+    static int watch(const std::string& arguments)
+    {
+        std::istringstream words(arguments);
+        int count = 0;
+        std::string file;
+        words >> count;
+        std::getline(words >> std::ws, file);
+        int mixed = 0;
+        for (int i = 0; i < count; ++i) {
+            const TaggedRecord found = findTagged(file);
+            mixed += found.metadata != found.payload;
+        }
+        return mixed;
     }
     std::string begin(const std::string& arguments)
     {

@@ -97,6 +97,26 @@ TEST_F(OrbTest, PublishesTheAddressThatTheConfigurationNames)
     EXPECT_NE(orb.getEndpoint(), "192.0.2.7:0");
 }
 
+TEST_F(OrbTest, AnIPv6AddressIsPublishedInBrackets)
+{
+    HostConfig::instance().readText("PUBLISH_ADDRESS = 2001:db8::7\n", "qm.conf");
+    const Orb orb(false, "127.0.0.1:0", "S", false, 16);
+    EXPECT_THAT(orb.getEndpoint(), StartsWith("[2001:db8::7]:"));
+}
+
+TEST_F(OrbTest, ListensOnIPv6)
+{
+    Orb orb(false, "[::1]:0", "S", false, 16);
+    EXPECT_THAT(orb.getEndpoint(), StartsWith("[::1]:"));
+    PortableServer::Servant_var<PlainServant> servant(new PlainServant);
+    const CORBA::Object_var object = orb.activateServant(servant.in());
+    orb.advertiseObject("Thing", object);
+    orb.serveRequests();
+    endpointOf("here", orb.getEndpoint());
+    const CORBA::Object_var found = orb.lookupObject(TlxHostname("here"), "Thing", 5s);
+    EXPECT_FALSE(CORBA::is_nil(found));
+}
+
 TEST_F(OrbTest, NeverPublishesTheAnyAddress)
 {
     const Orb orb(false, "0.0.0.0:0", "S", false, 16);

@@ -7,6 +7,10 @@
 #include <stdexcept>
 #include <thread>
 
+#include <ifaddrs.h>
+#include <netdb.h>
+#include <netinet/in.h>
+
 #include <gtest/gtest.h>
 
 namespace Veltrane::Quillmark::Tlx {
@@ -107,6 +111,62 @@ TEST(ResolverTest, NoMoreThanSixteenHangAtATime)
     EXPECT_LT(std::chrono::steady_clock::now() - start, 30s) << "the seventeenth waited";
 }
 
+TEST(ResolverTest, AnAnswerFreesItsThread)
+{
+    setResolver([](const std::string&) -> Addresses { return {"192.0.2.7"}; });
+    // Many more than may hang at a time; the thread of one may still be ending while the next asks.
+    for (int i = 0; i < 200; ++i) {
+        Addresses found;
+        const auto giveUp = std::chrono::steady_clock::now() + 20s;
+        while (found.empty() && std::chrono::steady_clock::now() < giveUp)
+            found = resolveHost("name", 20s);
+        ASSERT_EQ(found, Addresses{"192.0.2.7"});
+    }
+    setResolver({});
+}
+
+TEST(ResolverTest, AnyLimitIsOne)
+{
+    setResolver([](const std::string&) -> Addresses { return {"192.0.2.7"}; });
+    EXPECT_EQ(resolveHost("name", std::chrono::milliseconds::max()), Addresses{"192.0.2.7"});
+    setResolver({});
+    Hanging resolver;
+    EXPECT_EQ(resolveHost("name", -5s), Addresses{});
+    EXPECT_TRUE(resolver.waitFor(1));
+    EXPECT_EQ(resolveHost("name", std::chrono::milliseconds::min()), Addresses{});
+    EXPECT_TRUE(resolver.waitFor(2));
+}
+
+TEST(ResolverTest, NumericAddressesComeBackInTheirUsualForm)
+{
+    EXPECT_EQ(resolveHost("2001:DB8:0:0:0:0:0:1", 0ms), Addresses{"2001:db8::1"});
+    EXPECT_EQ(resolveHost("127.0.0.1", -1s), Addresses{"127.0.0.1"});
+}
+
+TEST(ResolverTest, TheAddressesOfThisMachinesInterfacesAreLocal)
+{
+    ifaddrs* interfaces = nullptr;
+    ASSERT_EQ(::getifaddrs(&interfaces), 0);
+    for (const ifaddrs* each = interfaces; each; each = each->ifa_next) {
+        if (!each->ifa_addr)
+            continue;
+        const auto family = each->ifa_addr->sa_family;
+        if (family != AF_INET && family != AF_INET6)
+            continue;
+        char text[NI_MAXHOST] = "";
+        // A link-local address has its interface after "%".
+        ASSERT_EQ(::getnameinfo(each->ifa_addr,
+                                family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6),
+                                text, sizeof text, nullptr, 0, NI_NUMERICHOST),
+                  0);
+        EXPECT_TRUE(isLocalAddress(text)) << text;
+        if (family == AF_INET) {
+            EXPECT_TRUE(isLocalAddress(std::string("::ffff:") + text)) << text;
+        }
+    }
+    ::freeifaddrs(interfaces);
+}
+
 TEST(ResolverTest, LoopbackAddressesAreLocal)
 {
     EXPECT_TRUE(isLocalAddress("127.0.0.1"));
@@ -116,7 +176,9 @@ TEST(ResolverTest, LoopbackAddressesAreLocal)
     EXPECT_FALSE(isLocalAddress("192.0.2.7"));
     EXPECT_FALSE(isLocalAddress("2001:db8::1"));
     EXPECT_FALSE(isLocalAddress("0.0.0.0"));
+    EXPECT_FALSE(isLocalAddress("::"));
     EXPECT_FALSE(isLocalAddress("localhost"));
+    EXPECT_FALSE(isLocalAddress(std::string("127.0.0.1\0x", 11)));
     EXPECT_FALSE(isLocalAddress(""));
 }
 

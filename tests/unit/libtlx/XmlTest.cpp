@@ -86,6 +86,15 @@ TEST(XmlContextTest, TextIsCollectedUntilCleared)
     EXPECT_TRUE(context.text().empty());
 }
 
+TEST(XmlContextTest, TextThatOnlyXml11CarriesIsReplaced)
+{
+    XmlObjParseContext context(utf16("Name").c_str());
+    const Utf16 text = {'a', 0x01, '\t', '\n', '\r', ' ', 0x1F, 0x7F, 0x85, 0xFFFE, 0xFFFF, 0xFFFD};
+    context.appendText(text.c_str(), text.size());
+    EXPECT_EQ(context.text(), TlxString("a\xEF\xBF\xBD\t\n\r \xEF\xBF\xBD\x7F\xC2\x85"
+                                        "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"));
+}
+
 TEST(XmlContextTest, SkippingIsSharedWithTheParent)
 {
     const XmlObjParseContext parent(utf16("Outer").c_str());

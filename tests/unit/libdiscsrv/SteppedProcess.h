@@ -1,0 +1,231 @@
+#pragma once
+// A child process whose file operations are seen one by one, and which can be killed at any of
+// them, before it or in the middle of a write: how a crash is played at every place where one can
+// happen.
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/ptrace.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <tlx/Log.h>
+
+namespace QmTest {
+
+class SteppedProcess
+{
+  public:
+    /// When to kill: before the operation with this number, counted from 1; 0 for never.
+    struct Crash
+    {
+        unsigned at;
+        /// Count writes only, and do this many eighths of the one that is hit before the kill.
+        unsigned eighths;
+    };
+    enum Outcome
+    {
+        ENDED,  ///< no operation had that number, and the work was done
+        KILLED, ///< as asked
+        FAILED, ///< the work answered false, or the child died of something else
+        CANNOT_TRACE
+    };
+
+    /// Forks, prepares unobserved, and steps through the work.
+    static Outcome run(const std::function<void()>& prepare, const std::function<bool()>& work,
+                       Crash crash = {0, 0})
+    {
+        return SteppedProcess(crash).step(prepare, work);
+    }
+    /// The same to the end; every operation that changes or syncs something, with the name of its
+    /// file where it has one open: "write 0.updating", "rename".
+    static Outcome trace(const std::function<void()>& prepare, const std::function<bool()>& work,
+                         std::vector<std::string>& operations)
+    {
+        SteppedProcess process({0, 0});
+        const Outcome outcome = process.step(prepare, work);
+        operations = process.m_operations;
+        return outcome;
+    }
+
+  private:
+    struct Operation
+    {
+        const char* name;
+        bool hasFile;  ///< its first argument is a descriptor
+        bool isTraced; ///< changes or syncs something
+    };
+
+    explicit SteppedProcess(Crash crash) : m_crash(crash) {}
+
+    static Operation operationOf(std::uint64_t number)
+    {
+        switch (number) {
+#ifdef SYS_open
+        case SYS_open:
+#endif
+        case SYS_openat:
+            return {"open", false, false};
+        case SYS_close:
+            return {"close", true, false};
+        case SYS_write:
+        case SYS_pwrite64:
+            return {"write", true, true};
+        case SYS_fallocate:
+            return {"fallocate", true, true};
+        case SYS_ftruncate:
+            return {"ftruncate", true, true};
+        case SYS_fsync:
+        case SYS_fdatasync:
+            return {"fsync", true, true};
+#ifdef SYS_rename
+        case SYS_rename:
+#endif
+        case SYS_renameat:
+        case SYS_renameat2:
+            return {"rename", false, true};
+#ifdef SYS_unlink
+        case SYS_unlink:
+#endif
+        case SYS_unlinkat:
+            return {"unlink", false, true};
+#ifdef SYS_mkdir
+        case SYS_mkdir:
+#endif
+        case SYS_mkdirat:
+            return {"mkdir", false, true};
+        default:
+            return {nullptr, false, false};
+        }
+    }
+
+    Outcome step(const std::function<void()>& prepare, const std::function<bool()>& work)
+    {
+        m_child = ::fork();
+        if (m_child < 0)
+            return CANNOT_TRACE;
+        if (m_child == 0) {
+            ::alarm(120); // no test takes that long
+            if (::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0)
+                ::_exit(NOT_TRACED);
+            Veltrane::Quillmark::Tlx::LoggerFactory::instance().setLevel(
+                0); // a line logged would be one more write
+            prepare();
+            ::raise(SIGSTOP);
+            ::_exit(work() ? EXIT_SUCCESS : EXIT_FAILURE);
+        }
+        int status = 0;
+        if (::waitpid(m_child, &status, 0) != m_child)
+            return CANNOT_TRACE;
+        if (!WIFSTOPPED(status))
+            return WIFEXITED(status) && WEXITSTATUS(status) == NOT_TRACED ? CANNOT_TRACE : FAILED;
+        if (::ptrace(PTRACE_SETOPTIONS, m_child, nullptr,
+                     PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL) != 0)
+            return kill(CANNOT_TRACE);
+        return follow();
+    }
+
+    Outcome follow()
+    {
+        long signal = 0; // the child's own, handed on to it
+        for (;;) {
+            int status = 0;
+            if (::ptrace(PTRACE_SYSCALL, m_child, nullptr, signal) != 0 ||
+                ::waitpid(m_child, &status, 0) != m_child)
+                return kill(CANNOT_TRACE);
+            if (WIFEXITED(status))
+                return WEXITSTATUS(status) == EXIT_SUCCESS ? ENDED : FAILED;
+            if (!WIFSTOPPED(status))
+                return FAILED;
+            signal = 0;
+            if (WSTOPSIG(status) != (SIGTRAP | 0x80)) {
+                signal = WSTOPSIG(status);
+                continue;
+            }
+            __ptrace_syscall_info info = {};
+            if (::ptrace(PTRACE_GET_SYSCALL_INFO, m_child, sizeof info, &info) <= 0)
+                return kill(CANNOT_TRACE);
+            if (info.op == PTRACE_SYSCALL_INFO_ENTRY && isHit(info.entry.nr, info.entry.args))
+                return kill(KILLED);
+        }
+    }
+
+    bool isHit(std::uint64_t number, const __uint64_t* arguments)
+    {
+        const Operation operation = operationOf(number);
+        if (!operation.name)
+            return false;
+        const std::string file =
+            operation.hasFile ? std::filesystem::path(fileOf(arguments[0])).filename().string()
+                              : "";
+        if (operation.isTraced)
+            m_operations.push_back(operation.name + (file.empty() ? "" : " " + file));
+        if (m_crash.eighths == 0)
+            return ++m_count == m_crash.at;
+        if (operation.name != std::string("write") || ++m_count != m_crash.at)
+            return false;
+        tear(arguments);
+        return true;
+    }
+
+    /// What a descriptor of the child stands for.
+    std::string fileOf(std::uint64_t fd) const
+    {
+        std::error_code error;
+        return std::filesystem::read_symlink(entry("fd", fd), error).string();
+    }
+    std::string entry(const char* kind, std::uint64_t fd) const
+    {
+        return "/proc/" + std::to_string(m_child) + "/" + kind + "/" + std::to_string(fd);
+    }
+
+    /// Does the first part of a write(2) in the child's place.
+    void tear(const __uint64_t* arguments) const
+    {
+        std::ifstream description(entry("fdinfo", arguments[0]));
+        std::string word;
+        off_t position = 0;
+        description >> word >> position;
+        std::string bytes(arguments[2] * m_crash.eighths / 8, '\0');
+        const iovec here{bytes.data(), bytes.size()};
+        // (The address is the child's: a number to this process.)
+        iovec there{};
+        there.iov_base = reinterpret_cast<void*>(arguments[1]); // NOLINT
+        there.iov_len = bytes.size();
+        const int fd = ::open(entry("fd", arguments[0]).c_str(), O_WRONLY | O_CLOEXEC);
+        struct stat status = {};
+        if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) &&
+            ::process_vm_readv(m_child, &here, 1, &there, 1, 0) ==
+                static_cast<ssize_t>(bytes.size()))
+            (void)!::pwrite(fd, bytes.data(), bytes.size(), position);
+        ::close(fd);
+    }
+
+    Outcome kill(Outcome outcome) const
+    {
+        ::kill(m_child, SIGKILL);
+        int status = 0;
+        while (::waitpid(m_child, &status, 0) == m_child && WIFSTOPPED(status)) {
+        }
+        return outcome;
+    }
+
+    static constexpr int NOT_TRACED = 77;
+
+    const Crash m_crash;
+    pid_t m_child = -1;
+    unsigned m_count = 0;
+    std::vector<std::string> m_operations;
+};
+
+} // namespace QmTest

@@ -1,0 +1,176 @@
+// Who the master is, by the host configuration.
+
+#include <tlx/HostConfig.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include <tlx/Resolver.h>
+
+namespace Veltrane::Quillmark::Tlx {
+namespace {
+
+using namespace std::chrono_literals;
+
+HostConfig& config()
+{
+    return HostConfig::instance();
+}
+
+struct MasterTest : testing::Test
+{
+    MasterTest()
+    {
+        setResolver([](const std::string& host) -> std::vector<std::string> {
+            if (host == "alias")
+                return {"127.0.0.1"};
+            if (host == "far")
+                return {"192.0.2.7"};
+            return {};
+        });
+    }
+    ~MasterTest() override { setResolver({}); }
+    static bool master(const std::string& text)
+    {
+        config().readText("CLIENT_NAME = here\n" + text, "qm.conf");
+        return config().isMaster();
+    }
+};
+
+TEST_F(MasterTest, IsTheHostThatServerNames)
+{
+    EXPECT_TRUE(master("SERVER = HERE\n"));
+    EXPECT_TRUE(master("SERVER = alias\n"));
+    EXPECT_TRUE(master("SERVER = 127.0.0.1\n"));
+    EXPECT_TRUE(master("SERVER = ::1\n"));
+    EXPECT_FALSE(master("SERVER = far\n"));
+    EXPECT_FALSE(master("SERVER = unknown\n"));
+    EXPECT_FALSE(master("SERVER = 192.0.2.7\n"));
+    EXPECT_FALSE(master(""));
+}
+
+TEST_F(MasterTest, WithSeveralHostsOnOneMachineThePortTellsThemApart)
+{
+    EXPECT_TRUE(master("SERVER = m\nLISTEN = 127.0.0.1:5001\nENDPOINT.m = 127.0.0.1:5001\n"));
+    EXPECT_FALSE(master("SERVER = m\nLISTEN = 127.0.0.1:5002\nENDPOINT.m = 127.0.0.1:5001\n"));
+}
+
+TEST_F(MasterTest, ThisHostsEndpointMayBeWrittenInSeveralWays)
+{
+    const std::string endpoint = "SERVER = m\nENDPOINT.m = ";
+    EXPECT_TRUE(master(endpoint + "[::1]:5001\nLISTEN = [0:0:0:0:0:0:0:1]:5001\n"));
+    EXPECT_TRUE(master(endpoint + "alias:5001\nLISTEN = 127.0.0.1:5001\n"));
+    EXPECT_TRUE(master(endpoint + "127.0.0.1:5001\nLISTEN = alias:5001\n"));
+    EXPECT_TRUE(master(endpoint + "alias:5001\nLISTEN = 0.0.0.0:5001\n"));
+    EXPECT_TRUE(master(endpoint + "alias:5001\nLISTEN = [0::0]:5001\n"));
+    EXPECT_TRUE(master(endpoint + "NAT:5001\nLISTEN = 0.0.0.0:5001\nPUBLISH_ADDRESS = nat\n"));
+    EXPECT_FALSE(master(endpoint + "far:5001\nLISTEN = 0.0.0.0:5001\n"));
+    EXPECT_FALSE(master(endpoint + "unknown:5001\nLISTEN = other:5001\n"));
+    EXPECT_FALSE(master(endpoint + "alias:5001\nLISTEN = far:5001\n"));
+    EXPECT_FALSE(master(endpoint + "alias:5001\n")) << "the port is another one";
+}
+
+/// A resolver that answers when it is let.
+class Hanging
+{
+  public:
+    Hanging()
+    {
+        setResolver([state = m_state](const std::string&) -> std::vector<std::string> {
+            std::unique_lock lock(state->mutex);
+            ++state->asked;
+            state->changed.notify_all();
+            state->changed.wait(lock, [&] { return state->open; });
+            return {"127.0.0.1"};
+        });
+    }
+    ~Hanging() { letGo(); }
+    void letGo()
+    {
+        std::lock_guard lock(m_state->mutex);
+        m_state->open = true;
+        m_state->changed.notify_all();
+    }
+    bool waitUntilAsked(int times)
+    {
+        std::unique_lock lock(m_state->mutex);
+        return m_state->changed.wait_for(lock, 20s, [&] { return m_state->asked == times; });
+    }
+    int asked()
+    {
+        std::lock_guard lock(m_state->mutex);
+        return m_state->asked;
+    }
+
+  private:
+    struct State
+    {
+        std::mutex mutex;
+        std::condition_variable changed;
+        bool open = false;
+        int asked = 0;
+    };
+    std::shared_ptr<State> m_state = std::make_shared<State>(); // the background thread's, too
+};
+
+TEST_F(MasterTest, AResolverThatHangsCostsFiveSecondsOnce)
+{
+    Hanging resolver;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(master("SERVER = m\nLISTEN = own:5001\nENDPOINT.m = other:5001\n"));
+    const auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(took, 5s);
+    EXPECT_LT(took, 9s) << "two names of five seconds each?"; // slack for a busy machine
+    EXPECT_TRUE(resolver.waitUntilAsked(2));
+    EXPECT_FALSE(config().isMaster());
+    EXPECT_EQ(resolver.asked(), 2) << "what was found out is remembered";
+}
+
+TEST_F(MasterTest, NobodyElseWaitsForTheResolver)
+{
+    Hanging resolver;
+    config().readText("SERVER = m\n", "qm.conf");
+    bool answer = false;
+    std::thread asking([&answer] { answer = config().isMaster(); });
+    EXPECT_TRUE(resolver.waitUntilAsked(1));
+    std::string server;
+    EXPECT_TRUE(config().getString(ConfigKey::SERVER, server));
+    config().readText("CLIENT_NAME = here\nSERVER = here\n", "qm.conf");
+    EXPECT_TRUE(config().isMaster());
+    resolver.letGo();
+    asking.join();
+    EXPECT_TRUE(answer);
+}
+
+TEST_F(MasterTest, LocalhostStandsForThisHost)
+{
+    master("SERVER = here\n");
+    EXPECT_TRUE(QM_is_master("localhost"));
+    EXPECT_TRUE(QM_is_master("Here"));
+    EXPECT_FALSE(QM_is_master("other"));
+    EXPECT_FALSE(QM_is_master(nullptr));
+    master("SERVER = far\n");
+    EXPECT_FALSE(QM_is_master("localhost"));
+    EXPECT_TRUE(QM_is_master("FAR"));
+    master("");
+    EXPECT_FALSE(QM_is_master("localhost"));
+}
+
+TEST_F(MasterTest, TheBooleanLookupAnswersAsItsCallersExpect)
+{
+    bool flag = false;
+    master("");
+    EXPECT_EQ(QM_get_config_boolean("REPORT_CLIENT_DISCOVERIES", flag), -1);
+    EXPECT_EQ(QM_get_config_boolean(nullptr, flag), -1);
+    master("REPORT_CLIENT_DISCOVERIES = yes\n");
+    EXPECT_EQ(QM_get_config_boolean("REPORT_CLIENT_DISCOVERIES", flag), 0);
+    EXPECT_TRUE(flag);
+}
+
+} // namespace
+} // namespace Veltrane::Quillmark::Tlx
