@@ -46,6 +46,7 @@ class Get
     Outcome run();
 
   private:
+    Failure refused(Svc::DiscoveryStatus status) const;
     Outcome receive(Service& service, Output& output);
     Outcome receivePages(DataPages& pages, Output& output);
 
@@ -57,6 +58,8 @@ class Get
 Outcome Get::run()
 {
     // First what can fail here, so that the service is not troubled.
+    if (isPattern(m_options.subject) || isPattern(m_options.authority))
+        return refused(Svc::DS_LOGIC_ERROR);
     Failure failure;
     const bool toFile = !m_options.output.empty();
     const std::unique_ptr<Output> file =
@@ -81,6 +84,13 @@ Outcome Get::run()
                    {"bytes", m_received}});
 }
 
+Failure Get::refused(Svc::DiscoveryStatus status) const
+{
+    return {exitCodeOf(status),
+            "cannot read " + escaped(m_options.subject) + " of " + escaped(m_options.authority) +
+                " from " + theService(m_session) + ": " + toName(status) + ", " + meaning(status)};
+}
+
 Outcome Get::receive(Service& service, Output& output)
 {
     try {
@@ -88,10 +98,7 @@ Outcome Get::receive(Service& service, Output& output)
         const Svc::DiscoveryStatus status =
             service.getCollectionData(recordOf(m_options), m_options.filter, pages);
         if (status != Svc::DS_SUCCESS)
-            return Failure{exitCodeOf(status), "cannot read " + escaped(m_options.subject) +
-                                                   " of " + escaped(m_options.authority) +
-                                                   " from " + theService(m_session) + ": " +
-                                                   toName(status) + ", " + meaning(status)};
+            return refused(status);
         if (!pages)
             return Failure{EC_BROKE_OFF, theService(m_session) + " answered without an iterator"};
         const Outcome outcome = receivePages(*pages, output);

@@ -3,6 +3,7 @@
 #include <array>
 
 #include <tlx/String.h>
+#include <tlx/Uri.h>
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
@@ -98,6 +99,11 @@ std::string authorityTypeNames()
 std::string queryTypeNames()
 {
     return all(QUERY_TYPES);
+}
+
+bool isPattern(const std::string& name)
+{
+    return Tlx::uriDecode(name).find_first_of("*?") != std::string::npos;
 }
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -19,4 +19,8 @@ std::string toName(Svc::DiscoveryStatus status);
 std::string authorityTypeNames();
 std::string queryTypeNames();
 
+/// Whether a subject or authority, however it is written ("%2A" is a "*" too), holds a wildcard: a
+/// query takes it, but nothing can be read by it.
+bool isPattern(const std::string& name);
+
 } // namespace Veltrane::Quillmark::Qmdiscoctl

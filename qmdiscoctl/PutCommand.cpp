@@ -72,6 +72,11 @@ class Put
 Outcome Put::run()
 {
     // First what can fail here, so that the service is not troubled.
+    if (isPattern(m_options.subject) || isPattern(m_options.authority))
+        return Failure{EC_USAGE, "cannot store " + escaped(m_options.subject) + " of " +
+                                     escaped(m_options.authority) +
+                                     ": * and ? stand for other characters in a query, so "
+                                     "nothing could read it by that name"};
     if (Outcome failed = m_input.open(m_options.input))
         return failed;
     Failure failure;

@@ -61,7 +61,8 @@ def test_a_name_that_a_query_showed_is_found(ctl):
 
 def test_exit_codes(ctl, root):
     assert "DS_NONE_FOUND" in ctl("get", "none", "srv1", code=NONE_FOUND)
-    assert "DS_LOGIC_ERROR" in ctl("get", "*", "srv1", code=LOGIC_ERROR)
+    assert "DS_LOGIC_ERROR" in ctl("get", "cl%2A", "srv1", code=LOGIC_ERROR)
+    assert "cannot store cl*" in ctl("put", "cl*", "srv1", "-", code=USAGE)
     assert "DS_OPEN_FAILED" in ctl("put", "s" * 300, "srv1", "-", code=OPEN_FAILED)
     ctl("put", "cl5", "srv1", "--priority", "5", "-")
     assert "DS_DATA_EXISTS" in ctl("put", "cl5", "srv1", "--priority", "4", "-", code=DATA_EXISTS)

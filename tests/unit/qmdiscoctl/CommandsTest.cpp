@@ -283,6 +283,29 @@ TEST_F(CtlCommandsTest, APutThatIsRefusedHasTheStatusesCode)
     EXPECT_EQ(run(Command::PUT)->code, EC_OPEN_FAILED);
 }
 
+TEST_F(CtlCommandsTest, APatternIsNoNameToPutOrGet)
+{
+    options.input = file("x");
+    for (const char* pattern : {"cl*", "cl?", "cl%2A", "cl%3f"}) {
+        options.subject = pattern;
+        EXPECT_EQ(run(Command::PUT),
+                  (Failure{EC_USAGE, "cannot store " + options.subject +
+                                         " of srv1: * and ? stand for other characters in a "
+                                         "query, so nothing could read it by that name"}));
+        EXPECT_EQ(run(Command::GET),
+                  (Failure{EC_LOGIC_ERROR,
+                           "cannot read " + options.subject +
+                               " of srv1 from the discovery service on backup1: DS_LOGIC_ERROR, "
+                               "the names must fit exactly one discovery, and hold no "
+                               "wildcards"}));
+    }
+    options.subject = "cl5";
+    options.authority = "srv*";
+    EXPECT_EQ(run(Command::PUT)->code, EC_USAGE);
+    EXPECT_EQ(run(Command::GET)->code, EC_LOGIC_ERROR);
+    EXPECT_EQ(script.calls, Lines{});
+}
+
 TEST_F(CtlCommandsTest, AHalfSentPutIsNeverClosed)
 {
     options.input = file("12345");

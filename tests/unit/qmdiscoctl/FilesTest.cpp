@@ -1,0 +1,222 @@
+// Where the data of a put comes from, and where that of a get goes.
+
+#include "Descriptor.h"
+#include "Input.h"
+#include "Output.h"
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+namespace Veltrane::Quillmark::Qmdiscoctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct CtlFilesTest : testing::Test
+{
+    CtlFilesTest()
+    {
+        std::string name = (fs::temp_directory_path() / "qmtest.XXXXXX").string();
+        EXPECT_NE(::mkdtemp(name.data()), nullptr);
+        directory = name;
+    }
+    ~CtlFilesTest() override { fs::remove_all(directory); }
+
+    std::string path(const char* name) const { return (directory / name).string(); }
+    static void write(const std::string& file, const std::string& text)
+    {
+        std::ofstream(file, std::ios::binary) << text;
+    }
+    static std::string contentOf(const std::string& file)
+    {
+        std::ifstream stream(file, std::ios::binary);
+        std::ostringstream text;
+        text << stream.rdbuf();
+        return text.str();
+    }
+    std::size_t fileCount() const
+    {
+        return static_cast<std::size_t>(
+            std::distance(fs::directory_iterator(directory), fs::directory_iterator()));
+    }
+    /// All that an input holds, read in small pieces.
+    static std::string allOf(Input& input)
+    {
+        std::string text;
+        std::vector<unsigned char> buffer(3);
+        std::size_t count = 0;
+        while (!input.read(buffer, count) && count > 0)
+            text.append(reinterpret_cast<const char*>(buffer.data()), count);
+        return text;
+    }
+
+    fs::path directory;
+};
+
+TEST_F(CtlFilesTest, AnInputKnowsTheSizeOfAFile)
+{
+    write(path("in"), "1234567");
+    Input input;
+    EXPECT_EQ(input.open(path("in")), Outcome());
+    EXPECT_EQ(input.size(), 7u);
+    EXPECT_EQ(allOf(input), "1234567");
+}
+
+TEST_F(CtlFilesTest, AnInputReadsAPipeToItsEnd)
+{
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    std::thread writer([&] {
+        EXPECT_EQ(writeAll(ends[1], "ab"), 0);
+        EXPECT_EQ(writeAll(ends[1], "cde"), 0);
+        ::close(ends[1]);
+    });
+    Input input;
+    EXPECT_EQ(input.open("/proc/self/fd/" + std::to_string(ends[0])), Outcome());
+    EXPECT_FALSE(input.size());
+    EXPECT_EQ(allOf(input), "abcde");
+    writer.join();
+    ::close(ends[0]);
+}
+
+TEST_F(CtlFilesTest, ADirectoryAndAMissingFileAreNoInput)
+{
+    Input input;
+    EXPECT_EQ(input.open(directory.string()),
+              (Failure{EC_FAILURE, "cannot read " + directory.string() + ": Is a directory"}));
+    Input missing;
+    EXPECT_EQ(missing.open(path("none")),
+              (Failure{EC_FAILURE, "cannot open " + path("none") + ": No such file or directory"}));
+}
+
+TEST_F(CtlFilesTest, AFullDeviceFailsAWrite)
+{
+    Failure failure;
+    const auto output = makeFileOutput("/dev/full", failure);
+    ASSERT_TRUE(output) << failure.text;
+    EXPECT_EQ(output->write("x"),
+              (Failure{EC_FAILURE, "cannot write /dev/full: No space left on device"}));
+}
+
+TEST_F(CtlFilesTest, AFileAppearsWhenItIsFinished)
+{
+    Failure failure;
+    auto output = makeFileOutput(path("out"), failure);
+    ASSERT_TRUE(output);
+    EXPECT_EQ(output->write("one "), Outcome());
+    EXPECT_EQ(output->write("two"), Outcome());
+    EXPECT_FALSE(fs::exists(path("out")));
+    EXPECT_EQ(output->finish(), Outcome());
+    EXPECT_EQ(contentOf(path("out")), "one two");
+    output.reset();
+    EXPECT_EQ(fileCount(), 1u);
+}
+
+TEST_F(CtlFilesTest, AFileGivenUpLeavesWhatWasThere)
+{
+    write(path("out"), "old");
+    Failure failure;
+    auto output = makeFileOutput(path("out"), failure);
+    ASSERT_TRUE(output);
+    EXPECT_EQ(output->write("new"), Outcome());
+    output.reset();
+    EXPECT_EQ(contentOf(path("out")), "old");
+    EXPECT_EQ(fileCount(), 1u);
+}
+
+TEST_F(CtlFilesTest, AReplacedFileKeepsPermissionsAndLinks)
+{
+    write(path("out"), "old");
+    ASSERT_EQ(::chmod(path("out").c_str(), 0640), 0);
+    fs::create_symlink("out", path("link"));
+    Failure failure;
+    const auto output = makeFileOutput(path("link"), failure);
+    ASSERT_TRUE(output);
+    EXPECT_EQ(output->write("new"), Outcome());
+    EXPECT_EQ(output->finish(), Outcome());
+    EXPECT_TRUE(fs::is_symlink(path("link")));
+    EXPECT_EQ(contentOf(path("out")), "new");
+    struct stat about = {};
+    ASSERT_EQ(::stat(path("out").c_str(), &about), 0);
+    EXPECT_EQ(about.st_mode & 07777, 0640u);
+}
+
+TEST_F(CtlFilesTest, WhatCannotBeWrittenIsSaidAtOnce)
+{
+    Failure failure;
+    EXPECT_FALSE(makeFileOutput(directory.string(), failure));
+    EXPECT_EQ(failure,
+              (Failure{EC_FAILURE, "cannot write " + directory.string() + ": Is a directory"}));
+    EXPECT_FALSE(makeFileOutput(path("none/out"), failure));
+    EXPECT_EQ(failure, (Failure{EC_FAILURE, "cannot write " + path("none/out") +
+                                                ": No such file or directory"}));
+}
+
+TEST_F(CtlFilesTest, ASignalLeavesNoTemporaryFile)
+{
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::alarm(30);
+        Failure failure;
+        const auto output = makeFileOutput(path("out"), failure);
+        if (!output || output->write("half"))
+            ::_exit(1);
+        ::raise(SIGTERM);
+        ::_exit(2);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status)) << status;
+    EXPECT_EQ(WTERMSIG(status), SIGTERM);
+    EXPECT_EQ(fileCount(), 0u);
+}
+
+TEST_F(CtlFilesTest, ADescriptorThatIsNotReadyIsWaitedFor)
+{
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+    const std::string much(1 << 20, 'x'); // more than a pipe holds
+    std::thread writer([&] {
+        EXPECT_EQ(writeAll(ends[1], much), 0);
+        ::close(ends[1]);
+    });
+    std::string read(much.size() + 1, '\0');
+    EXPECT_EQ(readFull(ends[0], read.data(), read.size()), static_cast<long>(much.size()));
+    read.resize(much.size());
+    EXPECT_EQ(read, much);
+    writer.join();
+    ::close(ends[0]);
+    EXPECT_EQ(readFull(ends[0], read.data(), 1), -1);
+    EXPECT_EQ(writeAll(ends[1], "x"), EBADF);
+}
+
+TEST_F(CtlFilesTest, AClosedStandardDescriptorIsFilledWithOneThatFails)
+{
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::alarm(30);
+        ::close(0);
+        ::close(1);
+        ensureStandardDescriptors();
+        char byte;
+        const bool good = ::fcntl(0, F_GETFD) >= 0 && ::fcntl(1, F_GETFD) >= 0 &&
+                          readFull(0, &byte, 1) == -1 && writeAll(1, "x") == EBADF;
+        ::_exit(good ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
+} // namespace
+} // namespace Veltrane::Quillmark::Qmdiscoctl
