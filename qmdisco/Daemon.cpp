@@ -213,6 +213,8 @@ ExitCode Daemon::serve()
         publish("running");
     }
 
+    // One way down for all: a signal is the service's own wish from here on.
+    m_service->stopByEvent(false);
     const std::string reason = "stopping, asked for by " + m_watch->stopReason();
     log(LOG_LEVEL_FAILURE, m_service->getDisplayName() + " is " + reason);
     m_manager.stopping(reason);
@@ -237,11 +239,11 @@ void Daemon::reload()
 {
     m_manager.reloading();
     HostConfig& config = HostConfig::instance();
-    config.read();
+    // No other key: half of the service would go by the new value and half by the old one.
+    config.readAgain({Tlx::ConfigKey::LOG_LEVEL, Tlx::ConfigKey::STOP_LIMIT});
     Tlx::LoggerFactory::instance().setLevel(wantedLogLevel());
     logConfigProblems(ConfigRead::Again);
     m_watch->setLimit(config.number(Tlx::ConfigKey::STOP_LIMIT));
-    findRole();
     attempt("doReconfig", [this] { m_service->doReconfig(); });
     log(LOG_LEVEL_PROGRESS, "The configuration was read again");
     m_manager.ready(upText());

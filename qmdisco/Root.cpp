@@ -16,7 +16,8 @@ namespace {
 
 Failure unusable(const std::string& what, const TlxPathname& path, int error)
 {
-    return {EC_ROOT_UNUSABLE, "cannot " + what + " " + path.text() + ": " + std::strerror(error)};
+    return {EC_ROOT_UNUSABLE, "cannot " + what + " " + path.text() + ": " + std::strerror(error) +
+                                  "; a root that qmdisco can write is expected (--root DIR)"};
 }
 
 } // namespace

@@ -157,7 +157,7 @@ class DISCSRV_EXPORT DBDiscovery : public Discovery
     bool loadInternal();
     void holdLock(std::unique_ptr<FileLock> lock);
     bool mayReplaceStored(int fd);
-    DiscoveryResult persistLocked(const TlxPathname& metadataPath);
+    DiscoveryResult persistLocked(const TlxPathname& metadataPath, const std::string& xml);
     bool removeFiles();
 
     std::unique_ptr<FileLock> m_fileLock;

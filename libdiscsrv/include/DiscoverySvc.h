@@ -23,7 +23,6 @@ class DISCSRV_EXPORT DiscoverySvc : public OrbService
     /// False only when the configuration says REPORT_CLIENT_DISCOVERIES = FALSE: a configuration
     /// that cannot be read never keeps the service down.
     bool doShouldStart() override;
-    bool isUTF8CharCodeSetEnabled() const override;
 
   private:
     AutoDereference<DiscoveryFramework> m_framework;

@@ -74,7 +74,7 @@ bool DBCollectionData::open(OpenMode mode, const char*)
 
 bool DBCollectionData::openTemporary()
 {
-    DISC_TRACE("DBCollectionData::open");
+    constexpr const char* OPERATION = "DBCollectionData::open";
     const TlxPathname directory = m_path.directory();
     m_cleanupLock.reset();
     m_cleanupLock = std::make_unique<CleanupLock>(directory.c_str(), CleanupLock::LM_SHARED);
@@ -86,14 +86,14 @@ bool DBCollectionData::openTemporary()
     m_finalPath = std::make_unique<TlxPathname>(m_path);
     for (unsigned attempt = 0; attempt < MAX_TEMPORARY_NAMES; ++attempt) {
         const TlxPathname path = directory.withFileName(std::to_string(attempt) + ".updating");
-        DISC_LOG(4, "Attempting collecation data file " << path);
-        DISC_LOG(4, "Opening collection file: " << path);
+        DISC_LOG_AS(OPERATION, 4, "Attempting collecation data file " << path);
+        DISC_LOG_AS(OPERATION, 4, "Opening collection file: " << path);
         m_handle = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0);
         if (m_handle != -1) {
             m_path = path;
             return true;
         }
-        DISC_LOG(1, "Last error" << errno);
+        DISC_LOG_AS(OPERATION, 1, "Last error" << errno);
     }
     m_finalPath.reset();
     m_cleanupLock.reset();
@@ -102,13 +102,13 @@ bool DBCollectionData::openTemporary()
 
 bool DBCollectionData::openStored()
 {
-    DISC_TRACE("DBCollectionData::open");
+    constexpr const char* OPERATION = "DBCollectionData::open";
     // A writer of this record in this process is between deleting the old payload and renaming the
     // new one at most while it holds the gate; writers in other processes wait for our lock.
     std::unique_ptr<FileGate> gate;
     if (m_recordLock)
         gate = std::make_unique<FileGate>(*m_recordLock);
-    DISC_LOG(4, "Opening collection file: " << m_path);
+    DISC_LOG_AS(OPERATION, 4, "Opening collection file: " << m_path);
     // Not to wait for the writer of a pipe that somebody left here.
     m_handle = ::open(m_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     struct stat status = {};
@@ -118,29 +118,29 @@ bool DBCollectionData::openStored()
         errno = EINVAL;
     }
     if (m_handle == -1)
-        DISC_LOG(1, "Last error" << errno);
+        DISC_LOG_AS(OPERATION, 1, "Last error" << errno);
     return m_handle != -1;
 }
 
 std::size_t DBCollectionData::readCollection(std::size_t length, void* buffer) const
 {
+    DISC_TRACE("DBCollectionData::readCollection");
     if (!TLX_ASSERT_AS(m_handle != -1, "ACE_INVALID_HANDLE != m_handle"))
         return static_cast<std::size_t>(-1);
     const ssize_t count = ::read(m_handle, buffer, length);
     if (count < 0)
-        DISC_LOG_AS("DBCollectionData::readCollection", 1,
-                    "Unable to read " << m_path << ", error " << errno);
+        DISC_LOG(1, "Unable to read " << m_path << ", error " << errno);
     return static_cast<std::size_t>(count);
 }
 
 bool DBCollectionData::writeCollection(std::size_t length, const void* buffer) const
 {
+    DISC_TRACE("DBCollectionData::writeCollection");
     if (!TLX_ASSERT_AS(m_handle != -1, "ACE_INVALID_HANDLE != m_handle"))
         return false;
     if (writeAll(m_handle, buffer, length))
         return true;
-    DISC_LOG_AS("DBCollectionData::writeCollection", 1,
-                "Unable to write " << m_path << ", error " << errno);
+    DISC_LOG(1, "Unable to write " << m_path << ", error " << errno);
     m_spoilt = true;
     return false;
 }
@@ -149,7 +149,7 @@ bool DBCollectionData::persist(const TlxPathname& target)
 {
     DISC_TRACE("DBCollectionData::persist");
     if (m_spoilt) {
-        m_cleanupLock.reset();
+        cleanup(); // deleted while the lock that protects it is held
         return false;
     }
     if (m_handle == -1)
@@ -218,8 +218,10 @@ bool DBCollectionData::expire() const
         DISC_LOG(4, "Deleted colllection: " << m_path);
         return true;
     }
-    if (errno != ENOENT)
+    if (errno != ENOENT) {
+        DISC_LOG(1, "Unable to delete " << m_path << ", error " << errno);
         return false;
+    }
     DISC_LOG(1, "Collection data did not exist " << m_path);
     return true;
 }

@@ -84,7 +84,8 @@ std::ostream& DBDiscovery::writeXml(std::ostream& out, XmlStr::Encoding encoding
 
 std::string DBDiscovery::generateFileName(const char* suffix) const
 {
-    const bool complete = TLX_ASSERT(getAuthority()) & TLX_ASSERT(getSubject());
+    bool complete = TLX_ASSERT(getAuthority());
+    complete = TLX_ASSERT(getSubject()) && complete;
     if (!complete)
         return {};
     return std::to_string(static_cast<int>(getAuthority()->getType())) + ' ' +
@@ -143,7 +144,7 @@ bool DBDiscovery::canOverride()
         RecordFile file;
         switch (file.open(path, O_RDONLY, LockLevel::Read)) {
         case RecordFile::CANNOT_OPEN:
-            return true; // nothing is stored
+            break; // nothing is stored
         case RecordFile::CANNOT_LOCK:
             DISC_LOG(1, "Unable to acquire read lock " << path);
             answer = false;
@@ -186,20 +187,31 @@ bool DBDiscovery::mayReplaceStored(int fd)
 DiscoveryResult DBDiscovery::persist()
 {
     DISC_TRACE("DBDiscovery::persist");
-    // (No short circuit: each broken invariant is reported.)
-    const bool ready = TLX_ASSERT(!m_fileLock) & TLX_ASSERT(getAuthority()) &
-                       TLX_ASSERT(getSubject()) & TLX_ASSERT(getCollectionData());
+    // Each broken invariant is reported.
+    bool ready = TLX_ASSERT(!m_fileLock);
+    ready = TLX_ASSERT(getAuthority()) && ready;
+    ready = TLX_ASSERT(getSubject()) && ready;
+    ready = TLX_ASSERT(getCollectionData()) && ready;
     if (!ready || !hasUsableFileName())
         return {DS_OPEN_FAILED, 0};
+    const TlxPathname path = m_dbPath.withFileName(generateMetabaseFileName());
+    if (!canOverride()) {
+        DISC_LOG(1, "Cannot persist, data with higher priority already exists.");
+        return {DS_DATA_EXISTS, 0};
+    }
+    // What cannot succeed any more must not touch the stored record.
     const auto* collection = dynamic_cast<DBCollectionData*>(getCollectionData());
     if (collection && collection->isSpoilt()) {
         DISC_LOG(1, "Collection data update failed");
         return {DS_OPEN_FAILED, 0};
     }
-    const TlxPathname path = m_dbPath.withFileName(generateMetabaseFileName());
-    if (!canOverride()) {
-        DISC_LOG(1, "Cannot persist, data with higher priority already exists.");
-        return {DS_DATA_EXISTS, 0};
+    std::ostringstream document;
+    writeXml(document, XmlStr::Encoding{});
+    const std::string xml = document.str();
+    if (xml.size() > MAX_METADATA_BYTES) { // nobody would read it back
+        DISC_LOG(1, "A metadata document may have " << MAX_METADATA_BYTES << " bytes, that of "
+                                                    << path << " has " << xml.size());
+        return {DS_OPEN_FAILED, 0};
     }
     RecordFile file;
     switch (file.open(path, O_RDWR | O_CREAT, LockLevel::Write)) {
@@ -213,33 +225,29 @@ DiscoveryResult DBDiscovery::persist()
         break;
     }
     holdLock(file.takeLock());
-    const DiscoveryResult result = persistLocked(path);
+    const DiscoveryResult result = persistLocked(path, xml);
     if (!isSuccess(result))
         holdLock(nullptr); // so that the caller may try again
     return result;
 }
 
-DiscoveryResult DBDiscovery::persistLocked(const TlxPathname& path)
+DiscoveryResult DBDiscovery::persistLocked(const TlxPathname& path, const std::string& xml)
 {
-    DISC_TRACE("DBDiscovery::persist");
+    constexpr const char* OPERATION = "DBDiscovery::persist";
     const int fd = m_fileLock->get_handle();
     // Another writer may have come between the first look and the write lock.
     const bool replaceable = mayReplaceStored(fd);
     m_metadataText.clear();
     if (!replaceable) {
-        DISC_LOG(1, "Cannot persist, data with higher priority already exists.");
+        DISC_LOG_AS(OPERATION, 1, "Cannot persist, data with higher priority already exists.");
         return {DS_DATA_EXISTS, 0};
     }
 
-    std::ostringstream document;
-    writeXml(document, XmlStr::Encoding{});
-    m_metadataText = document.str();
     struct stat before = {};
     const bool isNew = ::fstat(fd, &before) == 0 && before.st_size == 0;
-    const bool written = ::lseek(fd, 0, SEEK_SET) == 0 && writeMetadata(fd, m_metadataText);
-    m_metadataText.clear();
+    const bool written = ::lseek(fd, 0, SEEK_SET) == 0 && writeMetadata(fd, xml);
     if (!written) {
-        DISC_LOG(1, "Metadata update to " << path << " failed");
+        DISC_LOG_AS(OPERATION, 1, "Metadata update to " << path << " failed");
         // Nothing was stored here; an empty or half-written file would only be in the way.
         if (isNew)
             (void)::unlink(path.c_str());
@@ -249,11 +257,11 @@ DiscoveryResult DBDiscovery::persistLocked(const TlxPathname& path)
     auto* data = dynamic_cast<DBCollectionData*>(getCollectionData());
     if (!TLX_ASSERT_AS(data, "collection") ||
         !data->persist(m_dbPath.withFileName(generatecollectionBaseFileName()))) {
-        DISC_LOG(1, "Collection data update failed");
+        DISC_LOG_AS(OPERATION, 1, "Collection data update failed");
         return {DS_OPEN_FAILED, 0};
     }
     if (::fsync(fd) != 0) {
-        DISC_LOG(1, "Unable to sync " << path << ", error " << errno);
+        DISC_LOG_AS(OPERATION, 1, "Unable to sync " << path << ", error " << errno);
         return {DS_OPEN_FAILED, 0};
     }
     return {DS_SUCCESS, 0};
@@ -312,17 +320,15 @@ bool DBDiscovery::loadInternal()
 {
     DISC_TRACE("DBDiscovery::loadInternal");
     clearDocumentRefused();
-    bool loaded = parseBuffer(std::exchange(m_metadataText, {})) && !isDocumentRefused();
-    if (loaded && !getSubject()) {
-        DISC_LOG(1, "Subject not specified");
-        loaded = false;
-    }
-    if (loaded && !getAuthority()) {
-        DISC_LOG(1, "Authority not specified");
-        loaded = false;
-    }
+    const bool parsed = parseBuffer(std::exchange(m_metadataText, {})) && !isDocumentRefused();
     m_metadataText.clear();
-    return loaded;
+    if (!parsed)
+        return false;
+    if (!getSubject())
+        DISC_LOG(1, "Subject not specified");
+    if (!getAuthority())
+        DISC_LOG(1, "Authority not specified");
+    return getSubject() && getAuthority();
 }
 
 int DBDiscovery::expire()
@@ -361,13 +367,12 @@ int DBDiscovery::expire()
 /// locked is gone, and cannot write into it.
 bool DBDiscovery::removeFiles()
 {
-    DISC_TRACE("DBDiscovery::expire");
     auto* collection = dynamic_cast<DBCollectionData*>(getCollectionData());
     if (!TLX_ASSERT(collection) || !collection->expire())
         return false;
     const bool removed = ::unlink(m_metadataPath.c_str()) == 0;
     if (!removed)
-        DISC_LOG(1, "Unable to delete " << m_metadataPath);
+        DISC_LOG_AS("DBDiscovery::expire", 1, "Unable to delete " << m_metadataPath);
     return removed;
 }
 

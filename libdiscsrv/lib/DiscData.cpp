@@ -10,6 +10,8 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
 
+constexpr const char* LOG_SOURCE = "../DiscData";
+
 /// A quarter of a time to live, with which a record outlives it.
 TlxObjTime gracePeriod(const TlxObjTime& timeToLive)
 {
@@ -179,6 +181,7 @@ bool narrows(const std::string& name)
 
 void DiscoveryIterator::setAuthority(const std::string& name, AuthorityType type)
 {
+    DISC_TRACE("DiscoveryIterator::setAuthority");
     m_type = type;
     if (narrows(name))
         m_authority = Authority(name, type).getNameFileName().utf8();
@@ -186,24 +189,28 @@ void DiscoveryIterator::setAuthority(const std::string& name, AuthorityType type
 
 void DiscoveryIterator::setAuthority(const Uri& uri, AuthorityType type)
 {
+    DISC_TRACE("DiscoveryIterator::setAuthority");
     m_type = type;
     m_authority = Authority(uri, type).getNameFileName().utf8();
 }
 
 void DiscoveryIterator::setAuthority(const UriAuthority& authority, AuthorityType type)
 {
+    DISC_TRACE("DiscoveryIterator::setAuthority");
     m_type = type;
     m_authority = Authority(authority, type).getNameFileName().utf8();
 }
 
 void DiscoveryIterator::setSubject(const std::string& name)
 {
+    DISC_TRACE("DiscoveryIterator::setSubject");
     if (narrows(name))
         m_subject = Subject(name).getSubjectFileName().utf8();
 }
 
 void DiscoveryIterator::setSubject(const Uri& uri)
 {
+    DISC_TRACE("DiscoveryIterator::setSubject");
     m_subject = Subject(uri).getSubjectFileName().utf8();
 }
 

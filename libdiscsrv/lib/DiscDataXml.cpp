@@ -61,6 +61,7 @@ std::string decimal(std::uint32_t value)
 
 std::ostream& Description::writeXml(std::ostream& out, XmlStr::Encoding encoding) const
 {
+    DISC_TRACE("Description::writeXml");
     if (m_statusMsg)
         m_statusMsg->writeXml(out, encoding);
     return out;
@@ -68,6 +69,7 @@ std::ostream& Description::writeXml(std::ostream& out, XmlStr::Encoding encoding
 
 std::ostream& Authority::writeXml(std::ostream& out, XmlStr::Encoding encoding) const
 {
+    DISC_TRACE("Authority::writeXml");
     out << '<' << TAG_AUTHORITY;
     XmlStr::appendAttribute(out, ATTRIBUTE_NAME, m_name, encoding);
     XmlStr::appendAttribute(out, ATTRIBUTE_TYPE, decimal(m_type), encoding);
@@ -78,6 +80,7 @@ std::ostream& Authority::writeXml(std::ostream& out, XmlStr::Encoding encoding) 
 
 std::ostream& Subject::writeXml(std::ostream& out, XmlStr::Encoding encoding) const
 {
+    DISC_TRACE("Subject::writeXml");
     out << '<' << TAG_SUBJECT;
     XmlStr::appendAttribute(out, ATTRIBUTE_NAME, m_subject, encoding);
     out << '>';
@@ -87,6 +90,7 @@ std::ostream& Subject::writeXml(std::ostream& out, XmlStr::Encoding encoding) co
 
 std::ostream& CollectionAttributes::writeXml(std::ostream& out, XmlStr::Encoding encoding) const
 {
+    DISC_TRACE("CollectionAttributes::writeXml");
     out << '<' << TAG_ATTRIBUTES;
     XmlStr::appendAttribute(out, ATTRIBUTE_TYPE, decimal(m_type), encoding);
     XmlStr::appendAttribute(out, ATTRIBUTE_STORAGE, decimal(m_storage), encoding);
@@ -103,6 +107,7 @@ std::ostream& CollectionAttributes::writeXml(std::ostream& out, XmlStr::Encoding
 
 std::ostream& Discovery::writeXml(std::ostream& out, XmlStr::Encoding encoding) const
 {
+    DISC_TRACE("Discovery::writeXml");
     XmlStr::xmlProlog(out, encoding);
     XmlStr::appendStart(out, TAG_DOCUMENT);
     if (m_authority)
@@ -119,6 +124,7 @@ std::ostream& Discovery::writeXml(std::ostream& out, XmlStr::Encoding encoding) 
 void Description::xmlStartElement(XmlObjParseContext* context, const XMLCh* name,
                                   AttributeList& attributes)
 {
+    DISC_TRACE("Description::xmlStartElement");
     auto* ctxt = dynamic_cast<DescriptionContext*>(context);
     if (!TLX_ASSERT(ctxt))
         return;
@@ -143,6 +149,7 @@ void Description::xmlStartElement(XmlObjParseContext* context, const XMLCh* name
 void Description::xmlCharacters(XmlObjParseContext* context, const XMLCh* chars,
                                 unsigned long length)
 {
+    DISC_TRACE("Description::xmlCharacters");
     auto* ctxt = dynamic_cast<DescriptionContext*>(context);
     if (!TLX_ASSERT(ctxt))
         return;
@@ -154,6 +161,7 @@ void Description::xmlCharacters(XmlObjParseContext* context, const XMLCh* chars,
 
 int Description::xmlEndElement(XmlObjParseContext* context, const XMLCh* name)
 {
+    DISC_TRACE("Description::xmlEndElement");
     auto* ctxt = dynamic_cast<DescriptionContext*>(context);
     if (!TLX_ASSERT(ctxt))
         return XML_COMPLETE;
@@ -186,12 +194,14 @@ int Description::xmlEndElement(XmlObjParseContext* context, const XMLCh* name)
 
 XmlObjParseContext* Discovery::getObjParseContext(const XMLCh* name)
 {
+    DISC_TRACE("Discovery::getObjParseContext");
     return new DiscoveryDocContext(name);
 }
 
 void Discovery::xmlStartElement(XmlObjParseContext* context, const XMLCh* name,
                                 AttributeList& attributes)
 {
+    DISC_TRACE("Discovery::xmlStartElement");
     auto* ctxt = dynamic_cast<DiscoveryDocContext*>(context);
     if (!TLX_ASSERT(ctxt))
         return;
@@ -242,13 +252,12 @@ void Discovery::startAttributes(DiscoveryDocContext& context, AttributeList& att
 void Discovery::startAuthority(DiscoveryDocContext& context, const XMLCh* name,
                                AttributeList& attributes)
 {
-    DISC_TRACE("Discovery::xmlStartElement");
     if (!TLX_ASSERT_AS(!context.m_subContext, "!ctxt->m_subContext"))
         context.m_subContext.reset();
     const TlxString authorityName = xmlAttribute(attributes, ATTRIBUTE_NAME);
     const TlxString typeText = xmlAttribute(attributes, ATTRIBUTE_TYPE);
     if (authorityName.empty()) {
-        DISC_LOG(1, "Authority name not specified");
+        DISC_LOG_AS("Discovery::xmlStartElement", 1, "Authority name not specified");
         XmlInterface::xmlStartElement(&context, name, attributes);
         return;
     }
@@ -265,12 +274,11 @@ void Discovery::startAuthority(DiscoveryDocContext& context, const XMLCh* name,
 void Discovery::startSubject(DiscoveryDocContext& context, const XMLCh* name,
                              AttributeList& attributes)
 {
-    DISC_TRACE("Discovery::xmlStartElement");
     if (!TLX_ASSERT_AS(!context.m_subContext, "!ctxt->m_subContext"))
         context.m_subContext.reset();
     const TlxString subjectName = xmlAttribute(attributes, ATTRIBUTE_NAME);
     if (subjectName.empty()) {
-        DISC_LOG(1, "Subject name not specified");
+        DISC_LOG_AS("Discovery::xmlStartElement", 1, "Subject name not specified");
         XmlInterface::xmlStartElement(&context, name, attributes);
         return;
     }
@@ -289,6 +297,7 @@ void Discovery::refuseDocument(const char* what, const TlxString& value)
 
 void Discovery::xmlCharacters(XmlObjParseContext* context, const XMLCh* chars, unsigned long length)
 {
+    DISC_TRACE("Discovery::xmlCharacters");
     auto* ctxt = dynamic_cast<DiscoveryDocContext*>(context);
     if (!TLX_ASSERT(ctxt))
         return;
@@ -300,6 +309,7 @@ void Discovery::xmlCharacters(XmlObjParseContext* context, const XMLCh* chars, u
 
 int Discovery::xmlEndElement(XmlObjParseContext* context, const XMLCh* name)
 {
+    DISC_TRACE("Discovery::xmlEndElement");
     auto* ctxt = dynamic_cast<DiscoveryDocContext*>(context);
     if (!TLX_ASSERT(ctxt))
         return XML_COMPLETE;
@@ -320,7 +330,9 @@ void Discovery::endDescription(DiscoveryDocContext& context, const XMLCh* name)
 {
     DiscoveryDocContext* const ctxt = &context;
     int result = XML_NOTHING;
-    if (TLX_ASSERT(ctxt->m_subInterface) && TLX_ASSERT(ctxt->m_subContext))
+    bool ready = TLX_ASSERT(ctxt->m_subInterface);
+    ready = TLX_ASSERT(ctxt->m_subContext) && ready;
+    if (ready)
         result = ctxt->m_subInterface->xmlEndElement(ctxt->m_subContext.get(), name);
     if (result == XML_INSIDE)
         return;
@@ -333,10 +345,13 @@ void Discovery::endDescription(DiscoveryDocContext& context, const XMLCh* name)
 
 void Discovery::endValue(DiscoveryDocContext& context)
 {
-    DISC_TRACE("Discovery::xmlEndElement");
     const auto node = context.m_nodes.back();
     if (node == DiscoveryDocContext::Document || node == DiscoveryDocContext::Attributes)
         return;
+    if (node < DiscoveryDocContext::DiscoveryTime || node > DiscoveryDocContext::Priority) {
+        TLX_SHOULD_NOT_GET_HERE();
+        return;
+    }
     // A value stands inside "DiscoveryAttributes", whose start has made the attributes.
     if (!TLX_ASSERT(getAttributes()))
         return;
@@ -348,25 +363,22 @@ void Discovery::endValue(DiscoveryDocContext& context)
         if (fromText(text, time))
             m_attributes->setDiscoveryTime(time);
         else
-            DISC_LOG(1, "Unable to convert discovery time ");
+            DISC_LOG_AS("Discovery::xmlEndElement", 1, "Unable to convert discovery time ");
         break;
     case DiscoveryDocContext::ExpiresTime:
         if (fromText(text, time))
             m_attributes->setExpiresTime(time);
         else
-            DISC_LOG(1, "Unable to convert expires time ");
+            DISC_LOG_AS("Discovery::xmlEndElement", 1, "Unable to convert expires time ");
         break;
     case DiscoveryDocContext::Signature:
         m_attributes->setSignature(text);
         break;
-    case DiscoveryDocContext::Priority:
+    default:
         if (fromText(text, priority))
             m_attributes->setPriority(priority);
         else
-            DISC_LOG(1, "Unable to convert priority ");
-        break;
-    default:
-        TLX_SHOULD_NOT_GET_HERE();
+            DISC_LOG_AS("Discovery::xmlEndElement", 1, "Unable to convert priority ");
     }
 }
 

@@ -52,6 +52,8 @@ bool DiscoveryFramework::init()
         ++m_init;
         return true;
     }
+    if (m_type != DST_NO_SERVANT && !getOrb())
+        return false;
     if (m_initAce)
         ACE::init();
     getDiscoveryRepository()->setDiscoveryFramework(this);
@@ -59,8 +61,6 @@ bool DiscoveryFramework::init()
         ++m_init;
         return true;
     }
-    if (!getOrb())
-        return false;
     (void)TLX_ASSERT(m_orb->isEvictorEnabled());
     try {
         activateServant();
@@ -124,8 +124,8 @@ bool DiscoveryFramework::shutdown()
 void DiscoveryFramework::fini()
 {
     DISC_TRACE("DiscoveryFramework::fini");
-    // (No short circuit: each broken invariant is reported.)
-    const bool ready = TLX_ASSERT(m_shutdown) & TLX_ASSERT(m_init);
+    bool ready = TLX_ASSERT(m_shutdown); // each broken invariant is reported
+    ready = TLX_ASSERT(m_init) && ready;
     if (!ready || --m_init != 0)
         return;
     if (m_type != DST_NO_SERVANT)

@@ -65,7 +65,7 @@ DiscoverySeq* DiscoveryIterator_i::getNextPage()
         std::size_t bytes = 0;
         // Up to and including the page size, as callers of the contract expect; counted wider than
         // the size, which may be the largest there is.
-        for (std::int64_t i = 0; i <= m_pageSize && bytes < MAX_PAGE_BYTES; ++i) {
+        while (static_cast<std::int64_t>(rows.size()) <= m_pageSize && bytes < MAX_PAGE_BYTES) {
             const AutoDereference<Tlx::DiscoverySvc::Discovery> discovery(
                 m_discoveryIterator->getNext());
             if (!discovery)

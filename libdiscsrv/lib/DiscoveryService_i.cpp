@@ -17,8 +17,18 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "DiscoveryService_i";
 
+/// Takes an object out of its POA, whatever the POA says to that.
+void deactivateQuietly(PortableServer::POA_ptr poa, const PortableServer::ObjectId& id)
+{
+    try {
+        poa->deactivate_object(id);
+    } catch (const CORBA::Exception&) {
+        // It is gone already, or the POA is.
+    }
+}
+
 /// Activates an iterator servant and has the evictor watch it; its reference, for the caller to
-/// release. Nothing stays activated when that fails.
+/// release. Nothing stays activated when that fails; it fails with a system exception.
 template <class Servant>
 auto activateEvictable(Servant& servant)
 {
@@ -37,8 +47,12 @@ auto activateEvictable(Servant& servant)
             throw;
         }
         return reference;
+    } catch (const CORBA::UserException&) {
+        // Of the POA or the evictor, while the service stops; the contract knows none.
+        deactivateQuietly(poa, servant.m_objectId.in());
+        throw CORBA::OBJ_ADAPTER();
     } catch (...) {
-        poa->deactivate_object(servant.m_objectId.in());
+        deactivateQuietly(poa, servant.m_objectId.in());
         throw;
     }
 }
@@ -171,10 +185,10 @@ DiscoveryResult DiscoveryService_i::putCollection(const Remote::Discovery& disco
             if (!orb)
                 throw CORBA::OBJ_ADAPTER();
             reference = orb->activateServant(servant.in());
+            servant->setObjectReference(CORBA::Object::_duplicate(reference));
             RemoteWriter_var narrowed = RemoteWriter::_narrow(reference);
             if (CORBA::is_nil(narrowed))
                 throw CORBA::INV_OBJREF();
-            servant->setObjectReference(CORBA::Object::_duplicate(reference));
             writer = narrowed._retn();
             (void)servant._retn(); // close drops this reference
             return result;

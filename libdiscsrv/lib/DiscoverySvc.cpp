@@ -72,9 +72,4 @@ void DiscoverySvc::doExit()
         m_framework->fini();
 }
 
-bool DiscoverySvc::isUTF8CharCodeSetEnabled() const
-{
-    return true;
-}
-
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -16,7 +16,7 @@ void add2Evictor(const PortableServer::ObjectId& id, PortableServer::POA* poa, O
     const PortableServer::ObjectId noParent;
     try {
         orb.getEvictor().addObject(timeout, poa, id, noParent);
-    } catch (const CORBA::SystemException& e) {
+    } catch (const CORBA::Exception& e) {
         DISC_LOG(1, "Caught CORBA exception while add2Evictor, " << describeException(e));
         throw;
     }

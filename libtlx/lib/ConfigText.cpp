@@ -179,8 +179,8 @@ std::string checkValue(const std::string& key, const std::string& value)
                                      : quoted(value) + " is not a boolean, expected TRUE or FALSE";
 }
 
-// Takes one line into the result; answers what is wrong with it.
-std::string takeLine(std::string_view line, ConfigText& result)
+// Takes one line, which stands at a place, into the result; answers what is wrong with it.
+std::string takeLine(std::string_view line, const std::string& place, ConfigText& result)
 {
     if (line.size() > CONFIG_MAX_LINE)
         return "the line is longer than " + std::to_string(CONFIG_MAX_LINE) + " bytes";
@@ -205,9 +205,11 @@ std::string takeLine(std::string_view line, ConfigText& result)
     if (!wrong.empty()) {
         // The last line with a key is the one that counts, also when it counts for nothing.
         result.values.erase(key);
+        result.places.erase(key);
         return key + ": " + wrong;
     }
     result.values[key] = value;
+    result.places[key] = place;
     return {};
 }
 
@@ -298,7 +300,7 @@ ConfigText parseConfigText(const std::string& text, const std::string& name)
         rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
         if (line.ends_with('\r'))
             line.remove_suffix(1);
-        const std::string wrong = takeLine(line, result);
+        const std::string wrong = takeLine(line, name + ":" + std::to_string(number), result);
         if (wrong.empty() || result.problems.size() > CONFIG_MAX_PROBLEMS)
             continue;
         if (result.problems.size() == CONFIG_MAX_PROBLEMS)

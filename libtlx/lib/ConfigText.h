@@ -15,6 +15,7 @@ namespace Veltrane::Quillmark::Tlx {
 struct ConfigText
 {
     std::map<std::string, std::string> values;
+    std::map<std::string, std::string> places; ///< of each value: "FILE:LINE"
     std::vector<HostConfig::Problem> problems;
 };
 

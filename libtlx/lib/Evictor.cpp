@@ -105,6 +105,11 @@ Evictor::~Evictor()
 void Evictor::addObject(const TlxObjTime& timeout, PortableServer::POA_ptr poa,
                         const PortableServer::ObjectId& id, const PortableServer::ObjectId&)
 {
+    {
+        const std::lock_guard guard(m_state->mutex);
+        if (m_state->ended)
+            throw CORBA::BAD_INV_ORDER();
+    }
     Watched object;
     object.poa = PortableServer::POA::_duplicate(poa);
     object.id = id;

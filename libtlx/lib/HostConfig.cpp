@@ -149,6 +149,15 @@ bool Snapshot::findOutMaster() const
     return false;
 }
 
+/// The part of a map that has a key: one entry or none.
+std::map<std::string, std::string> extract(const std::map<std::string, std::string>& from,
+                                           const std::string& key)
+{
+    const auto found = from.find(key);
+    return found == from.end() ? std::map<std::string, std::string>()
+                               : std::map<std::string, std::string>{*found};
+}
+
 } // namespace
 
 struct HostConfig::State
@@ -162,10 +171,11 @@ struct HostConfig::State
         std::lock_guard guard(mutex);
         return snapshot;
     }
-    void replace(ConfigText text)
+    void replace(ConfigText text, std::optional<bool> master = std::nullopt)
     {
         auto fresh = std::make_shared<Snapshot>();
         fresh->text = std::move(text);
+        fresh->master = master;
         std::lock_guard guard(mutex);
         snapshot = std::move(fresh);
     }
@@ -221,6 +231,35 @@ bool HostConfig::read()
     return false;
 }
 
+bool HostConfig::readAgain(const std::vector<std::string>& keys)
+{
+    const std::string path = configFile().text();
+    std::string content;
+    const std::string wrong = readFile(path, content);
+    const auto before = m_state->current();
+    ConfigText next = before->text;
+    next.problems.clear();
+    if (!wrong.empty()) {
+        next.problems.push_back({path, 0, wrong});
+    } else {
+        ConfigText fresh = parseConfigText(content, path);
+        next.problems = std::move(fresh.problems);
+        for (const std::string& key : keys) {
+            next.values.erase(key);
+            next.places.erase(key);
+            next.values.merge(extract(fresh.values, key));
+            next.places.merge(extract(fresh.places, key));
+        }
+    }
+    std::optional<bool> master;
+    {
+        std::lock_guard guard(before->masterMutex);
+        master = before->master;
+    }
+    m_state->replace(std::move(next), master);
+    return wrong.empty();
+}
+
 void HostConfig::readText(const std::string& text, const std::string& name)
 {
     m_state->replace(parseConfigText(text, name));
@@ -249,6 +288,14 @@ bool HostConfig::getNumber(const std::string& key, std::uint64_t& out) const
 {
     std::string text;
     return getString(key, text) && parseNumber(text, out);
+}
+
+std::string HostConfig::placeOf(const std::string& key) const
+{
+    const auto snapshot = m_state->current();
+    const auto place = snapshot->text.places.find(key);
+    return place != snapshot->text.places.end() ? place->second
+                                                : "not set in " + configFile().text();
 }
 
 std::string HostConfig::localHostName() const

@@ -141,6 +141,18 @@ std::unique_ptr<spdlog::formatter> makeFormatter()
     return std::make_unique<spdlog::pattern_formatter>("%Y-%m-%dT%H:%M:%S.%e%z %v");
 }
 
+/// A finished line, with the one time that it has everywhere.
+struct TimedText
+{
+    std::string text;
+    spdlog::log_clock::time_point time = spdlog::log_clock::now();
+
+    spdlog::details::log_msg message() const
+    {
+        return {time, spdlog::source_loc(), {}, spdlog::level::info, text};
+    }
+};
+
 /// The rotated file. A sink that failed is thrown away, because it may have lost its stream; the
 /// next line opens a new one. So lines are missing only while the disk is full.
 class FileOutput
@@ -154,18 +166,18 @@ class FileOutput
         open();
     }
 
-    void write(const std::string& text)
+    void write(const TimedText& line)
     {
         try {
             if (!m_sink)
                 open();
             if (m_missing > 0) {
-                put(lineText(
+                put({lineText(
                     {LOG_LEVEL_FAILURE, LOG_ORIGINATOR_PLATFORM, "Logger::log",
-                     fmt::format("{} lines could not be written to this file", m_missing)}));
+                     fmt::format("{} lines could not be written to this file", m_missing)})});
                 m_missing = 0;
             }
-            put(text);
+            put(line);
         } catch (const std::exception& e) {
             m_sink.reset();
             if (m_missing++ == 0)
@@ -187,9 +199,9 @@ class FileOutput
         m_sink = std::move(sink);
     }
 
-    void put(const std::string& text)
+    void put(const TimedText& line)
     {
-        m_sink->log(spdlog::details::log_msg({}, spdlog::level::info, text));
+        m_sink->log(line.message());
         m_sink->flush();
     }
 
@@ -215,9 +227,9 @@ class SettingsSink : public LogSink
 
     void write(const Line& line) override
     {
-        const std::string text = lineText(line);
+        const TimedText text{lineText(line)};
         if (m_stderr)
-            m_stderr->log(spdlog::details::log_msg({}, spdlog::level::info, text));
+            m_stderr->log(text.message());
         if (m_file)
             m_file->write(text);
     }

@@ -33,6 +33,20 @@ OrbSettings settingsFor(bool clientOnly, const std::string& endpoint)
     return settings;
 }
 
+/// The process's ORB. What keeps it from listening is told with the place in the configuration.
+std::shared_ptr<OrbCore> acquireCore(bool clientOnly, const std::string& endpoint)
+{
+    try {
+        return OrbCore::acquire(settingsFor(clientOnly, endpoint));
+    } catch (const OrbError& e) {
+        if (clientOnly || !endpoint.empty())
+            throw;
+        throw OrbError(std::string(e.what()) + " (" + ConfigKey::LISTEN + ", " +
+                       HostConfig::instance().placeOf(ConfigKey::LISTEN) +
+                       ": an address of this host and a free port are expected)");
+    }
+}
+
 /// ACE, for as long as anything of it is used here: whoever else initialises and finalises it only
 /// changes a count.
 struct AceUse
@@ -72,8 +86,8 @@ struct Orb::State
 {
     State(bool clientOnly, const std::string& endpoint, const std::string& name,
           bool evictorEnabled, std::size_t handles)
-        : serviceName(name), core(OrbCore::acquire(settingsFor(clientOnly, endpoint))),
-          reactor(handles), evictor(evictorEnabled ? std::make_unique<Evictor>() : nullptr)
+        : serviceName(name), core(acquireCore(clientOnly, endpoint)), reactor(handles),
+          evictor(evictorEnabled ? std::make_unique<Evictor>() : nullptr)
     {
     }
 

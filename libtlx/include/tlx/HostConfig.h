@@ -67,6 +67,10 @@ class HostConfig
     /// Reads the file anew. False when it cannot be read; then nothing is configured and every key
     /// has its default. Problems found are kept until the next read.
     bool read();
+    /// Reads the file anew, but takes from it these keys alone; every other key keeps its value.
+    /// For a process that goes on with what it was started with. False, and nothing changed but the
+    /// problems, when the file cannot be read.
+    bool readAgain(const std::vector<std::string>& keys);
     /// Takes the text in place of the file's (tests, fuzzing); name stands in the problems.
     void readText(const std::string& text, const std::string& name);
     std::vector<Problem> problems() const;
@@ -75,6 +79,8 @@ class HostConfig
     bool getString(const std::string& key, std::string& out) const;
     bool getBoolean(const std::string& key, bool& out) const;
     bool getNumber(const std::string& key, std::uint64_t& out) const;
+    /// Where a key's value stands, for a message: "FILE:LINE"; without a value "not set in FILE".
+    std::string placeOf(const std::string& key) const;
 
     // Values with their defaults filled in.
     std::string localHostName() const;

@@ -12,6 +12,8 @@ USAGE, CONFIGURATION, RUNNING, UNUSABLE, NO_PRIVILEGE, CANNOT_LISTEN = 2, 3, 4, 
 UNPRIVILEGED = ("setpriv", "--bounding-set=-dac_override,-dac_read_search",
                 "--inh-caps=-dac_override,-dac_read_search")
 
+EXPECTED = "a root that qmdisco can write is expected (--root DIR)"
+
 
 def refusal(*options, **more):
     """The exit code and the one line of a start that is refused."""
@@ -45,32 +47,39 @@ def test_a_port_in_use(root):
         root.configure(LISTEN="127.0.0.1:%d" % port)
         code, out, err = harness.run("--root", root)
     assert (code, out) == (CANNOT_LISTEN, "")
-    assert err == "qmdisco: %s\n" % cannot_listen(port)
-    assert cannot_listen(port) in [line.text for line in root.log().lines()] or \
-        cannot_listen(port) in root.log_file.read_text()
+    text = cannot_listen(port, root)
+    assert err == "qmdisco: %s\n" % text
+    assert text in [line.text for line in root.log().lines()] or text in root.log_file.read_text()
 
 
-def cannot_listen(port):
-    return "cannot listen on 127.0.0.1:%d: Address already in use" % port
+def cannot_listen(port, root):
+    return ("cannot listen on 127.0.0.1:%d: Address already in use (LISTEN, %s/etc/qm.conf:%d: an "
+            "address of this host and a free port are expected)" % (port, root, listen_line(root)))
+
+
+def listen_line(root):
+    lines = (root.path / "etc" / "qm.conf").read_text().split("\n")
+    return [line.split(" ")[0] for line in lines].index("LISTEN") + 1
 
 
 def test_a_root_below_a_file(tmp_path):
     (tmp_path / "file").write_text("")
     path = tmp_path / "file" / "root"
     assert refusal("--root", path) == (
-        UNUSABLE, "qmdisco: cannot make the directory %s/run: Not a directory" % path)
+        UNUSABLE, "qmdisco: cannot make the directory %s/run: Not a directory; %s" % (path, EXPECTED))
 
 
 def test_a_directory_that_is_a_file(root):
     (root.path / "db").write_text("")
     assert refusal("--root", root) == (
-        UNUSABLE, "qmdisco: cannot make the directory %s/db/discovery: Not a directory" % root)
+        UNUSABLE, "qmdisco: cannot make the directory %s/db/discovery: Not a directory; %s"
+        % (root, EXPECTED))
 
 
 def test_a_root_that_cannot_be_written(root):
     os.chmod(root.path, 0o555)
     assert refusal("--root", root, wrapper=UNPRIVILEGED) == (
-        UNUSABLE, "qmdisco: cannot make the directory %s/run: Permission denied" % root)
+        UNUSABLE, "qmdisco: cannot make the directory %s/run: Permission denied; %s" % (root, EXPECTED))
 
 
 def test_a_log_that_cannot_be_written(root):

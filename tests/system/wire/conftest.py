@@ -15,7 +15,7 @@ def daemon(root):
     with harness.Daemons() as daemons:
         running = daemons.start(root)
         yield running
-        assert running.stop() == 0
+        assert running.stop() == 0, running.tail()
         status = root.status()
         assert (status["state"], status["assertions"]) == ("stopped", 0)
 

@@ -138,6 +138,32 @@ TEST_F(DBDiscoveryTest, ADocumentBeyondTheSizeIsNoRecordAndDoesNotBlock)
     EXPECT_TRUE(make({.priority = 0})->canOverride());
 }
 
+TEST_F(DBDiscoveryTest, ADocumentBeyondTheSizeIsNotStored)
+{
+    put({.payload = "old"});
+    const auto record = make({});
+    const AutoDereference<StatusMsg> message(
+        new StatusMsg(1, TlxString(std::string(std::size_t{1} << 20, 'x'))));
+    record->setSubject(new Subject("cl5", message.get()));
+    ASSERT_TRUE(isSuccess(record->open(OM_UPDATE, "")));
+    const LogCapture log;
+    EXPECT_EQ(record->persist().discStatus, DS_OPEN_FAILED);
+    ASSERT_EQ(log.texts(1).size(), 1u);
+    EXPECT_EQ(log.texts(1)[0].find("A metadata document may have 1048576 bytes, that of " +
+                                   path("1 srv1 cl5.xml").string() + " has 10"),
+              0u);
+    EXPECT_EQ(read(*find("1 srv1 cl5.xml")), "old");
+}
+
+TEST_F(DBDiscoveryTest, APriorityBlocksAlsoInADocumentThatIsNoRecord)
+{
+    writeFile(path("1 srv1 cl5.xml"),
+              "<DiscoveryData><DiscoveryAttributes Type=\"9\" Storage=\"0\"><Priority>6</Priority>"
+              "</DiscoveryAttributes></DiscoveryData>");
+    EXPECT_EQ(put({.priority = 5}), DS_DATA_EXISTS);
+    EXPECT_EQ(put({.priority = 6}), DS_SUCCESS);
+}
+
 TEST_F(DBDiscoveryTest, ADocumentWithoutPriorityDoesNotBlock)
 {
     writeFile(path(metadata), "<DiscoveryData></DiscoveryData>");
@@ -260,7 +286,9 @@ TEST_F(DBDiscoveryTest, ADocumentWithoutSubjectOrAuthorityIsRejected)
     const LogCapture log;
     EXPECT_FALSE(load(("<DiscoveryData>" + authority + "</DiscoveryData>").c_str()));
     EXPECT_FALSE(load(("<DiscoveryData>" + subject + "</DiscoveryData>").c_str()));
-    EXPECT_EQ(log.texts(1), (Lines{"Subject not specified", "Authority not specified"}));
+    EXPECT_FALSE(load("<DiscoveryData></DiscoveryData>"));
+    EXPECT_EQ(log.texts(1), (Lines{"Subject not specified", "Authority not specified",
+                                   "Subject not specified", "Authority not specified"}));
     EXPECT_TRUE(load(("<DiscoveryData>" + authority + subject + "</DiscoveryData>").c_str()));
     EXPECT_FALSE(load(nullptr));
 }

@@ -268,8 +268,10 @@ TEST_F(DiscDBTest, AnExpiredRecordWhosePayloadCannotBeDeletedStays)
     setNow(2000);
     const LogCapture log;
     EXPECT_FALSE(find("1 srv1 cl5.xml"));
-    EXPECT_EQ(log.texts(1), (Lines{path("1 srv1 cl5.xml").string() + " has expired",
-                                   path("1 srv1 cl5.xml").string() + " could not be expired"}));
+    EXPECT_EQ(log.texts(1),
+              (Lines{path("1 srv1 cl5.xml").string() + " has expired",
+                     "Unable to delete " + path("1 srv1 cl5.dat").string() + ", error 21",
+                     path("1 srv1 cl5.xml").string() + " could not be expired"}));
     EXPECT_TRUE(std::filesystem::exists(path("1 srv1 cl5.xml")));
 }
 

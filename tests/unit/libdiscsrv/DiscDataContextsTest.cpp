@@ -99,7 +99,8 @@ TEST_F(DiscDataContextsTest, ADescriptionThatIsNotThere)
     EXPECT_EQ(assertions.texts(), Texts(2, "ctxt->m_subInterface"));
     // Its end leaves the document readable.
     EXPECT_EQ(end(*record, &document, "DiscoverySubject"), XML_INSIDE);
-    EXPECT_EQ(assertions.texts(), Texts(3, "ctxt->m_subInterface"));
+    EXPECT_EQ(assertions.texts(), (Texts{"ctxt->m_subInterface", "ctxt->m_subInterface",
+                                         "ctxt->m_subInterface", "ctxt->m_subContext"}));
     EXPECT_EQ(document.m_nodes.size(), 1u);
 }
 

@@ -407,7 +407,8 @@ TEST_F(DaemonTest, ARootThatCannotBeMadeIsRefused)
     m_root.write("run", "");
     testing::internal::CaptureStderr();
     EXPECT_EQ(EC_ROOT_UNUSABLE, run());
-    EXPECT_EQ("qmdisco: cannot make the directory " + m_root.path("run") + ": Not a directory\n",
+    EXPECT_EQ("qmdisco: cannot make the directory " + m_root.path("run") +
+                  ": Not a directory; a root that qmdisco can write is expected (--root DIR)\n",
               testing::internal::GetCapturedStderr());
 }
 

@@ -44,7 +44,8 @@ TEST_F(RootTest, AFileInTheWayIsNamed)
     const auto failure = prepareDirectories(m_root.path());
     ASSERT_TRUE(failure);
     EXPECT_EQ(EC_ROOT_UNUSABLE, failure->code);
-    EXPECT_EQ("cannot make the directory " + m_root.path("logs") + ": Not a directory",
+    EXPECT_EQ("cannot make the directory " + m_root.path("logs") +
+                  ": Not a directory; a root that qmdisco can write is expected (--root DIR)",
               failure->text);
 }
 
@@ -54,7 +55,8 @@ TEST_F(RootTest, ARootThatIsAFileIsNamed)
     const auto failure = prepareDirectories(m_root.path("file"));
     ASSERT_TRUE(failure);
     EXPECT_EQ(EC_ROOT_UNUSABLE, failure->code);
-    EXPECT_EQ("cannot make the directory " + m_root.path("file/run") + ": Not a directory",
+    EXPECT_EQ("cannot make the directory " + m_root.path("file/run") +
+                  ": Not a directory; a root that qmdisco can write is expected (--root DIR)",
               failure->text);
 }
 
@@ -105,7 +107,8 @@ TEST_F(RootTest, AStoreThatCannotBeWrittenIsNamed)
     ASSERT_TRUE(failure);
     EXPECT_EQ(EC_ROOT_UNUSABLE, failure->code);
     EXPECT_EQ("cannot make the file " + m_root.path("absent/.privilege") +
-                  ": No such file or directory",
+                  ": No such file or directory; a root that qmdisco can write is expected (--root "
+                  "DIR)",
               failure->text);
 }
 

@@ -1,0 +1,53 @@
+#include <tlx/BlockUntil.h>
+
+#include <condition_variable>
+
+namespace Veltrane::Quillmark::Tlx {
+
+struct TLXBlockUntil::State
+{
+    std::mutex mutex;
+    std::condition_variable gone;
+    std::size_t left = 0;
+};
+
+TLXBlockUntil::TLXBlockUntil() : m_state(std::make_shared<State>()) {}
+TLXBlockUntil::~TLXBlockUntil() = default;
+
+void TLXBlockUntil::add(TLXBlocking& object)
+{
+    {
+        const std::lock_guard guard(m_state->mutex);
+        ++m_state->left;
+    }
+    // Goes with the object, however many waiters there are.
+    const std::shared_ptr<void> token(nullptr, [state = m_state](void*) {
+        {
+            const std::lock_guard guard(state->mutex);
+            --state->left;
+        }
+        state->gone.notify_all();
+    });
+    const std::lock_guard guard(object.m_mutex);
+    object.m_held.push_back(token);
+}
+
+void TLXBlockUntil::wait() const
+{
+    std::unique_lock guard(m_state->mutex);
+    m_state->gone.wait(guard, [&] { return m_state->left == 0; });
+}
+
+bool TLXBlockUntil::waitFor(std::chrono::milliseconds limit) const
+{
+    std::unique_lock guard(m_state->mutex);
+    return m_state->gone.wait_for(guard, limit, [&] { return m_state->left == 0; });
+}
+
+std::size_t TLXBlockUntil::left() const
+{
+    const std::lock_guard guard(m_state->mutex);
+    return m_state->left;
+}
+
+} // namespace Veltrane::Quillmark::Tlx

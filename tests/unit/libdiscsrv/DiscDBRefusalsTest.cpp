@@ -1,0 +1,105 @@
+// The store on a machine whose kernel refuses what it asks for.
+
+#include "DiscDB.h"
+
+#include "Capture.h"
+#include "RefusedCall.h"
+#include "StoreFixture.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+namespace {
+
+using QmTest::AssertionCapture;
+using QmTest::contentOf;
+using QmTest::Lines;
+using QmTest::LogCapture;
+
+constexpr const char* METADATA = "1 srv1 cl5.xml";
+
+struct DiscDBRefusalsTest : QmTest::Store
+{
+    static void refuseLocks() { QmTest::refuseCalls(__NR_fcntl, 1, {F_SETLK, F_SETLKW}, ENOLCK); }
+    std::string name() const { return path(METADATA).string(); }
+};
+
+TEST_F(DiscDBRefusalsTest, WithoutAReadLockARecordIsNotReplaced)
+{
+    put({});
+    QM_IN_CHILD([this] {
+        const auto record = make({});
+        refuseLocks();
+        const LogCapture log;
+        EXPECT_FALSE(record->canOverride());
+        EXPECT_EQ(log.texts(1), Lines{"Unable to acquire read lock " + name()});
+    });
+}
+
+TEST_F(DiscDBRefusalsTest, WithoutAReadLockARecordIsNotFound)
+{
+    put({});
+    QM_IN_CHILD([this] {
+        refuseLocks();
+        const LogCapture log;
+        EXPECT_FALSE(find(METADATA));
+        EXPECT_EQ(log.texts(1), Lines{"Unable to lock " + name()});
+    });
+}
+
+TEST_F(DiscDBRefusalsTest, WithoutAWriteLockARecordIsNotStored)
+{
+    QM_IN_CHILD([this] {
+        const auto record = make({});
+        EXPECT_TRUE(isSuccess(record->open(OM_UPDATE, "")));
+        refuseLocks();
+        const LogCapture log;
+        EXPECT_EQ(record->persist().discStatus, DS_OPEN_FAILED);
+        EXPECT_EQ(log.texts(1), Lines{"Unable to lock " + name()});
+    });
+}
+
+TEST_F(DiscDBRefusalsTest, AFileThatCannotBeCutIsNoSuccess)
+{
+    QM_IN_CHILD([this] {
+        const auto record = make({});
+        EXPECT_TRUE(isSuccess(record->open(OM_UPDATE, "")));
+        std::ostringstream document;
+        record->writeXml(document, XmlStr::Encoding{});
+        QmTest::refuseCalls(__NR_ftruncate, 1, {static_cast<unsigned>(document.str().size())}, EIO);
+        const LogCapture log;
+        EXPECT_EQ(record->persist().discStatus, DS_OPEN_FAILED);
+        EXPECT_EQ(log.texts(1), (Lines{"Unable to truncate metadata",
+                                       "Metadata update to " + name() + " failed"}));
+    });
+}
+
+TEST_F(DiscDBRefusalsTest, AnExpiredRecordWhoseLockCannotBeChangedStays)
+{
+    put({.timeToLive = 100});
+    QM_IN_CHILD([this] {
+        const auto record = find(METADATA);
+        ASSERT_TRUE(record);
+        setNow(2000);
+        QmTest::refuseCalls(__NR_fcntl, 1, {F_SETLK}, ENOLCK);
+        const LogCapture log;
+        EXPECT_EQ(record->expire(), 2);
+        EXPECT_EQ(log.texts(1), (Lines{"Cannot lower the lock on a file: No locks available",
+                                       "Unable to upgrade lock to expire file, errno: 37"}));
+        EXPECT_EQ(contentOf(path("1 srv1 cl5.dat")), "payload");
+    });
+}
+
+TEST_F(DiscDBRefusalsTest, ARecordOfTheParentsIsNoneInAChild)
+{
+    put({});
+    const auto record = find(METADATA);
+    ASSERT_TRUE(record);
+    QM_IN_CHILD([&] {
+        const AssertionCapture assertions;
+        EXPECT_FALSE(record->load());
+        EXPECT_EQ(record->expire(), 2);
+        EXPECT_EQ(assertions.texts(), Lines(2, "ACE_INVALID_HANDLE != m_fileLock->get_handle()"));
+    });
+}
+
+} // namespace
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc
