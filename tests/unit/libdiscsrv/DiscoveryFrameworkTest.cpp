@@ -75,8 +75,17 @@ TEST_F(DiscoveryFrameworkTest, TwoInitsNeedTwoFinis)
     EXPECT_TRUE(framework->init());
     EXPECT_TRUE(framework->init());
     EXPECT_TRUE(framework->shutdown());
+    const LogCapture log(LOG_LEVEL_TRACE);
+    const auto repositoryHasEnded = [&log] {
+        const auto lines = log.lines();
+        return std::any_of(lines.begin(), lines.end(), [](const LogCapture::Line& line) {
+            return line.operation == "DiscoveryRepository::fini";
+        });
+    };
     framework->fini();
+    EXPECT_FALSE(repositoryHasEnded());
     framework->fini();
+    EXPECT_TRUE(repositoryHasEnded());
     EXPECT_EQ(assertions.texts(), Lines{});
     framework->fini();
     EXPECT_EQ(assertions.texts(), Lines{"m_init"});

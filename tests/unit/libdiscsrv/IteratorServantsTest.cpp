@@ -300,6 +300,11 @@ TEST_F(IteratorServantsTest, AnIteratorThatIsNeverReleasedIsEvicted)
         CORBA::SystemException);
 }
 
+TEST_F(IteratorServantsTest, IteratorsMayBeIdleForFiveMinutes)
+{
+    EXPECT_EQ(ITERATOR_TIMEOUT_SECONDS, 300);
+}
+
 TEST_F(IteratorServantsTest, AnEvictorThatRefusesIsLoggedAndThrownOn)
 {
     PortableServer::Servant_var<DiscoveryIterator_i> servant = over(new Records(1));

@@ -54,6 +54,54 @@ RemoteWriter_ptr activate(Orb& orb, RemoteWriter_i* writer)
     return narrowed._retn();
 }
 
+/// A payload that tells what was written into it, and answers what the test says.
+struct RecordingData : CollectionData
+{
+    bool open(OpenMode, const char*) override { return true; }
+    std::size_t readCollection(std::size_t, void*) const override { return 0; }
+    bool writeCollection(std::size_t length, const void*) const override
+    {
+        lengths.push_back(length);
+        return answer;
+    }
+    mutable std::vector<std::size_t> lengths;
+    bool answer = true;
+};
+
+struct RecordingDiscovery : Tlx::DiscoverySvc::Discovery
+{
+    explicit RecordingDiscovery(RecordingData* data)
+        : Tlx::DiscoverySvc::Discovery(data, DQ_DISCOVERY_DATA)
+    {
+    }
+    DiscoveryResult persist() override { return {DS_SUCCESS, 0}; }
+    DiscoveryResult open(OpenMode, const char*) override { return {DS_SUCCESS, 0}; }
+};
+
+/// A repository whose records are the test's.
+struct RecordingRepository : DiscoveryRepository
+{
+    void newDiscovery(AutoDereference<Tlx::DiscoverySvc::Discovery>& out, DiscoveryQuery,
+                      const Subject&, const Authority&, const CollectionAttributes&) const override
+    {
+        data = new RecordingData;
+        out.reset(new RecordingDiscovery(data));
+    }
+    mutable RecordingData* data = nullptr;
+};
+
+struct RecordingWriter : RemoteWriter_i
+{
+    RecordingWriter(const Remote::Discovery& discovery, RecordingRepository& repository)
+        : RemoteWriter_i(discovery), m_repository(repository)
+    {
+    }
+    DiscoveryRepository* getDiscoveryRepository() const override { return &m_repository; }
+
+  private:
+    RecordingRepository& m_repository;
+};
+
 struct RemoteWriterTest : testing::Test
 {
     void SetUp() override
@@ -102,6 +150,19 @@ TEST_F(RemoteWriterTest, AnEmptyPutIsAWriteOfNothing)
     EXPECT_TRUE(reference->put(CollectionDataSeq()));
     EXPECT_EQ(reference->close().discStatus, DS_SUCCESS);
     EXPECT_EQ(content(service.store() / "1 srv1 cl5.dat"), "");
+}
+
+TEST_F(RemoteWriterTest, EveryPutIsOneWriteAndAnswersWhatTheBackendDoes)
+{
+    const AutoDereference<RecordingRepository> repository(new RecordingRepository);
+    PortableServer::Servant_var<RecordingWriter> writer(
+        new RecordingWriter(incoming("cl5", "srv1"), *repository));
+    EXPECT_EQ(writer->open().discStatus, DS_SUCCESS);
+    EXPECT_TRUE(writer->put(CollectionDataSeq()));
+    EXPECT_TRUE(writer->put(bytes("abc")));
+    repository->data->answer = false;
+    EXPECT_FALSE(writer->put(CollectionDataSeq()));
+    EXPECT_EQ(repository->data->lengths, (std::vector<std::size_t>{0, 3, 0}));
 }
 
 TEST_F(RemoteWriterTest, ASecondCloseFailsWithASystemException)
