@@ -6,16 +6,20 @@
 // thread may call; the framework is set before anything else reaches the repository.
 
 #include <atomic>
-#include <set>
+#include <map>
 #include <string>
+#include <vector>
 
+#include <tlx/BlockUntil.h>
 #include <tlx/Corba.h>
+#include <tlx/Engine.h>
 #include <tlx/Hostname.h>
 #include <tlx/Lockable.h>
 
+#include "DefaultExplorerDataParser.h"
 #include "DiscData.h"
 #include "DiscoveryFramework.h"
-#include "Explorer.h"
+#include "ExplorerWrapper.h"
 
 namespace Veltrane::Quillmark::Tlx {
 class Orb;
@@ -23,11 +27,33 @@ class Orb;
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
+/// What is told to people about one registered explorer.
+struct ExplorerStatus
+{
+    const char* kind; ///< "push" or "pull"
+    std::string name;
+    std::string subject;
+    std::string authority;
+    AuthorityType type;
+    unsigned priority;
+    std::string library; ///< empty for the service's own
+    TlxObjTime last;     ///< of the last push or pull; zero when there was none
+    std::string outcome; ///< how that went
+};
+
 /// Every internal use of a virtual operation is a virtual call, so that a derived repository can
 /// change the routing.
+///
+/// Explorers are registered here by plug-ins and by other hosts. Of two registrations for the same
+/// authority and subject the one of higher priority wins; a pull registration also replaces one of
+/// its own priority, a push registration does not. The registry's lock is never held while an
+/// explorer runs.
 class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory, public TlxLockable
 {
   public:
+    using ltdExplorerWrapper = LtdExplorerWrapper;
+    using ltdExplorerQuery = LtdExplorerQuery;
+
     DiscoveryRepository();
 
     /// A new record in the store that this service writes to: the disk on the master's generic
@@ -54,12 +80,22 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory, publ
 
     ~DiscoveryRepository() override;
 
-    /// Asks for a push soon. Without a push timer nothing happens.
+    /// Has the push timer run within a minute. Without a push timer nothing happens.
     virtual void triggerPushTimer();
 
     /// The authority of what this host itself finds out: a new object that the caller
     /// owns.
     virtual Authority* getLocalAuthority() const;
+
+    // The walks over explorers: they take no lock, so the caller hands them sets of its own.
+    virtual void startExplorers(const ExplorerSet& explorers, const EngineContext& context);
+    virtual void stopExplorers(const ExplorerSet& explorers);
+
+    /// Makes a push timer for the push explorers of this moment, and has it run at once.
+    virtual void startPushTimer();
+    /// Makes the timer that registers this host's pull explorers with the master, and has it run
+    /// within five minutes.
+    virtual void startRegisterTimer();
 
     /// Asks the master. Null on failure; a new iterator for the caller to release.
     virtual DiscoveryIterator* queryRemoteDiscoveries(DiscoveryQuery query,
@@ -70,9 +106,41 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory, publ
     /// Whether a name holds a "*".
     static bool stringContainsWildcard(const std::string& text);
 
-    /// The records that this host's own pull explorers can produce; null when none matches.
-    DiscoveryIterator* findPullExplorer(DiscoveryQuery query, const std::string& subject,
-                                        const std::string& authority);
+    // Registration. Any thread; the explorer gains a reference, subject and authority are copied.
+    // Without an authority (null) it is this host's own. Registrations beyond MAX_EXPLORERS, and
+    // those that come once the service is shutting down, are logged and dropped; one that loses
+    // against a higher priority is dropped and not logged.
+    void registerExplorer(const Subject* subject, const ExplorerPush* explorer,
+                          const unsigned int& priority, const Authority* authority);
+    /// @param fromCache whether it was read back from the store; otherwise, on the master's generic
+    /// service, an explorer of another host is stored, so that a restart finds it again.
+    void registerExplorer(const Subject* subject, const ExplorerPull* explorer,
+                          const unsigned int& priority, const Authority* authority, bool fromCache);
+    /// Keeps a reference to the parser; the first one registered for a type stays.
+    void registerExplorerParser(const TlxString& type, const ExplorerDataParser* parser);
+    /// The parser of an explorer's data blocks, or the default one: a reference for the caller to
+    /// release. The first call loads the parsers of the plug-ins.
+    ExplorerDataParser* getRegisteredExplorerParser(const TlxString& type);
+    static constexpr std::size_t MAX_EXPLORERS = 10000; ///< of each kind
+
+    // Copies, taken under the lock.
+    ExplorerSet getPushExplorers() const;
+    ExplorerSet getPullExplorers() const;
+
+    /// What pull explorers can produce: the first one in the set whose names match, and all after
+    /// it, whether or not they match. Null when none matches; a new iterator for the caller to
+    /// release. The names may hold wildcards.
+    DiscoveryIterator* findPullExplorer(DiscoveryQuery query, const ExplorerSet& pullExplorers,
+                                        const std::string& subject, const std::string& authority);
+
+    /// Stores an explorer of another host, so that it is found again after a restart; does nothing
+    /// for any other. On the master only.
+    void persistToDisk(const AutoDereference<ExplorerWrapper>& wrapper);
+
+    /// What there is to tell of every registered explorer.
+    std::vector<ExplorerStatus> getExplorerStatus() const;
+    /// When the push timer runs next; zero when it is not scheduled.
+    TlxObjTime getNextPush() const;
 
     /// Takes a reference and drops the one held before.
     void setDiscoveryFramework(const DiscoveryFramework* framework);
@@ -85,18 +153,46 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory, publ
     /// Where servants are activated; not to be released.
     PortableServer::POA_ptr getPOA() const;
 
-    /// Start-up: brings in the producers.
+    /// The discovery service of another host; nil on failure, otherwise the caller releases it.
+    Remote::DiscoveryService_ptr connectToRemoteDiscoveryService(const TlxHostname& host,
+                                                                 const char* serviceName) const;
+
+    /// Start-up: loads the explorers, starts them, and starts the timers.
     void loadExplorers();
 
-    /// Ends what runs in the background; once.
+    /// Ends the timers, stops the explorers and forgets them; once.
     void shutdown();
-    /// Waits until nothing in the background is left; after shutdown.
+    /// Waits until the timers are gone; after shutdown.
     void fini();
+    bool isShuttingDown() const { return m_shuttingDown; }
 
   private:
+    class DiscoveryTimerBase;
+    class ExplorerPushTimer;
+    class ExplorerRegisterTimer;
+
+    /// False: the registration is to be dropped.
+    bool mayRegister(const ExplorerSet& set) const;
+    void loadPullExplorerCache();
+    void loadExplorerParsers();
+    unsigned seededDelay(unsigned range) const;
+
+    ExplorerSet m_pushExplorers;
+    ExplorerSet m_pullExplorers;
     AutoDereference<const DiscoveryFramework> m_discoveryFramework;
     std::atomic<bool> m_shuttingDown{false};
+    AutoDereference<ExplorerPushTimer> m_pushTimer;
+    AutoDereference<ExplorerRegisterTimer> m_registerTimer;
+    TLXBlockUntil m_shutdownBlocker;
+    bool m_parsersLoaded = false;
+    std::map<TlxString, AutoDereference<ExplorerDataParser>> m_explorerParsers;
+    AutoDereference<DefaultExplorerDataParser> m_defaultParser;
 };
+
+/// The object that a host's service advertises under a name, as a discovery service; nil on failure
+/// (logged), otherwise the caller releases it. Takes five seconds at most. Does not throw.
+Remote::DiscoveryService_ptr connectToRemoteDS(const TlxHostname& host, Orb* orb,
+                                               const char* serviceName);
 
 /// The repository of this process.
 DISCSRV_EXPORT DiscoveryRepository* getDiscoveryRepository();

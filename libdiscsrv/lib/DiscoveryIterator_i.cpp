@@ -7,6 +7,7 @@
 
 #include "DiscLog.h"
 #include "DiscoveryRepository.h"
+#include "RemoteExplorerPull.h"
 #include "ServiceCounters.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote {
@@ -21,6 +22,8 @@ struct Row
     std::string subject;
     std::string authority;
     AuthorityType type;
+    /// Of the explorer, when the record itself is one of another host's; otherwise empty.
+    std::string service;
 
     /// About what it takes on the wire, with the members that are always the same.
     std::size_t wireBytes() const { return subject.size() + authority.size() + 128; }
@@ -33,7 +36,8 @@ void fill(Remote::Discovery& element, const Row& row, const TlxString& host,
     element.authority = CORBA::string_dup(row.authority.c_str());
     element.authType = row.type;
     element.sourceHost = CORBA::string_dup(host.c_str());
-    element.sourceServiceName = CORBA::string_dup(service.c_str());
+    element.sourceServiceName =
+        CORBA::string_dup(row.service.empty() ? service.c_str() : row.service.c_str());
     // Not told in a page; but what travels must be something that can be marshalled.
     element.queryType = DQ_UNDEFINED;
     element.attributes.colType = CT_CONFIGURATION;
@@ -74,8 +78,10 @@ DiscoverySeq* DiscoveryIterator_i::getNextPage()
             const Subject* subject = discovery->getSubject();
             if (!TLX_ASSERT(authority) || !TLX_ASSERT(subject))
                 continue;
-            rows.push_back(
-                {subject->getSubject().utf8(), authority->getName().utf8(), authority->getType()});
+            const auto* remote = dynamic_cast<const RemoteExplorerPull*>(discovery.get());
+            rows.push_back({subject->getSubject().utf8(), authority->getName().utf8(),
+                            authority->getType(),
+                            remote ? remote->getServiceName().utf8() : std::string()});
             bytes += rows.back().wireBytes();
         }
 

@@ -11,6 +11,7 @@
 #include "CombiningIterator.h"
 #include "DiscDB.h"
 #include "DiscLog.h"
+#include "ExplorerTimers.h"
 #include "RemoteDB.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -117,7 +118,8 @@ DiscoveryIterator* DiscoveryRepository::queryDiscoveries(DiscoveryQuery query,
 
     std::vector<AutoDereference<DiscoveryIterator>> iterators;
     if (type != AT_REMOTEPULL)
-        if (DiscoveryIterator* pulled = findPullExplorer(query, subject, authority))
+        if (DiscoveryIterator* pulled =
+                findPullExplorer(query, getPullExplorers(), subject, authority))
             iterators.emplace_back(pulled);
     AutoDereference<DiscoveryIterator> stored(getDiscoveryDBDatabase()->getIterator(query));
     if (!stored) {
@@ -148,49 +150,40 @@ void DiscoveryRepository::newDiscovery(AutoDereference<Discovery>& out, Discover
     (void)TLX_ASSERT_AS(out, "*discovery");
 }
 
-DiscoveryIterator* DiscoveryRepository::queryRemoteDiscoveries(DiscoveryQuery, const std::string&,
-                                                               const std::string&, AuthorityType)
-{
-    DISC_TRACE("DiscoveryRepository::queryRemoteDiscoveries");
-    TlxHostname master;
-    getMasterServerName(master);
-    if (master.empty())
-        DISC_LOG(1, "Cannot find master server name, abort connecting to master discovery service");
-    else
-        DISC_LOG(1, "Queries of a host that is not the master cannot be forwarded yet");
-    return nullptr;
-}
-
-DiscoveryIterator* DiscoveryRepository::findPullExplorer(DiscoveryQuery, const std::string&,
-                                                         const std::string&)
-{
-    DISC_TRACE("DiscoveryRepository::findPullExplorer");
-    return nullptr; // no producer can be registered yet
-}
-
-void DiscoveryRepository::triggerPushTimer()
-{
-    DISC_TRACE("DiscoveryRepository::triggerPushTimer");
-    // There is a push timer only where something pushes.
-}
-
-void DiscoveryRepository::loadExplorers()
-{
-    DISC_TRACE("DiscoveryRepository::loadExplorers");
-}
-
 void DiscoveryRepository::shutdown()
 {
     DISC_TRACE("DiscoveryRepository::shutdown");
     if (!TLX_ASSERT(!m_shuttingDown))
         return;
     m_shuttingDown = true;
+    // Taken out first: what stops below may take its time, and holds no lock.
+    ExplorerSet pushExplorers;
+    ExplorerSet pullExplorers;
+    AutoDereference<ExplorerPushTimer> pushTimer;
+    AutoDereference<ExplorerRegisterTimer> registerTimer;
+    {
+        const LockableGuard lockableGuard(*this);
+        (void)TLX_ASSERT(lockableGuard.locked());
+        pushExplorers.swap(m_pushExplorers);
+        pullExplorers.swap(m_pullExplorers);
+        std::swap(pushTimer, m_pushTimer);
+        std::swap(registerTimer, m_registerTimer);
+    }
+    for (DiscoveryTimerBase* timer : {static_cast<DiscoveryTimerBase*>(pushTimer.get()),
+                                      static_cast<DiscoveryTimerBase*>(registerTimer.get())})
+        if (timer) {
+            m_shutdownBlocker.add(*timer);
+            timer->cancel();
+        }
+    stopExplorers(pushExplorers);
+    stopExplorers(pullExplorers);
 }
 
 void DiscoveryRepository::fini()
 {
     DISC_TRACE("DiscoveryRepository::fini");
-    (void)TLX_ASSERT(m_shuttingDown);
+    if (TLX_ASSERT(m_shuttingDown))
+        m_shutdownBlocker.wait();
 }
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

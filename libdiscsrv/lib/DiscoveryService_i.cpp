@@ -6,8 +6,10 @@
 
 #include "CollectionDataIterator_i.h"
 #include "DiscLog.h"
+#include "DiscMem.h"
 #include "DiscoveryIterator_i.h"
 #include "DiscoveryRepository.h"
+#include "RemoteExplorerPull.h"
 #include "RemoteWriter_i.h"
 #include "ServiceCounters.h"
 
@@ -75,7 +77,8 @@ AutoDereference<Tlx::DiscoverySvc::Discovery> findOne(DiscoveryQuery query, Auth
     const AutoDereference<Tlx::DiscoverySvc::DiscoveryIterator> matches(
         repository->isGenericDSOnMaster()
             ? repository->queryDiscoveries(query, subject.utf8(), authority.utf8(), type)
-            : repository->findPullExplorer(query, subject.utf8(), authority.utf8()));
+            : repository->findPullExplorer(query, repository->getPullExplorers(), subject.utf8(),
+                                           authority.utf8()));
     status = DS_NONE_FOUND;
     if (!matches) {
         DISC_LOG(1, "Null iterator returned. Fount no discoveries for subject "
@@ -91,6 +94,9 @@ AutoDereference<Tlx::DiscoverySvc::Discovery> findOne(DiscoveryQuery query, Auth
     if (second) {
         DISC_LOG(1, "Fount too many matching discoveries for subject " << subject << " & authority "
                                                                        << authority);
+        if (dynamic_cast<const MemDiscovery*>(second.get()))
+            DISC_LOG(1, "Of several pull explorers only the one that sorts last can be read by "
+                        "name: each that sorts behind a match counts as one, too");
         status = DS_LOGIC_ERROR;
         return {};
     }
@@ -205,8 +211,8 @@ DiscoveryResult DiscoveryService_i::putCollection(const Remote::Discovery& disco
 }
 
 void DiscoveryService_i::registerExplorer(const char* sourceServiceName, const char* sourceHost,
-                                          const char* subject, const char* authority, AuthorityType,
-                                          CORBA::Short priority)
+                                          const char* subject, const char* authority,
+                                          AuthorityType authType, CORBA::Short priority)
 {
     servantOperation("DiscoveryService_i::registerExplorer", [&] {
         DISC_TRACE("DiscoveryService_i::registerExplorer");
@@ -222,8 +228,13 @@ void DiscoveryService_i::registerExplorer(const char* sourceServiceName, const c
         }
         DISC_LOG(4,
                  "Registered explorer: " << subjectName << " " << authorityName << " " << priority);
-        DISC_LOG(1,
-                 "Explorers of other hosts are not asked yet: " << serviceName << " on " << host);
+        const AutoDereference<RemoteExplorerPull> explorer(
+            new RemoteExplorerPull(serviceName, host, subjectName, authorityName, authType));
+        const Subject of(subjectName.utf8());
+        const Authority by(authorityName.utf8(), authType);
+        // A negative priority becomes a very large one, as it always has.
+        getDiscoveryRepository()->registerExplorer(
+            &of, explorer.get(), static_cast<unsigned int>(static_cast<int>(priority)), &by, false);
     });
 }
 

@@ -1,0 +1,101 @@
+#pragma once
+// Finds the libraries that provide explorers, parsers of their data, and filter-data providers.
+
+#include <list>
+#include <memory>
+#include <string>
+
+#include <tlx/Lockable.h>
+#include <tlx/Plugin.h>
+
+#include "DiscExport.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+class DiscoveryRepository;
+}
+
+/// The plug-in contract: a library exports any of these under its plain name,
+/// `void NAME(DiscoveryRepository*)`, and registers its objects with the repository there.
+class DISCSRV_EXPORT RegisterInterface : public Veltrane::Quillmark::Tlx::SymbolResolver
+{
+  public:
+    std::vector<Veltrane::Quillmark::Tlx::LibraryFunction*> functions() override
+    {
+        return {&m_function};
+    }
+    /// Calls the library's function, guarded. @throws SymbolException when it is not resolved.
+    void call(Veltrane::Quillmark::Tlx::DiscoverySvc::DiscoveryRepository* repository) const;
+
+  protected:
+    explicit RegisterInterface(const char* symbol) : m_function(symbol, true) {}
+
+  private:
+    Veltrane::Quillmark::Tlx::LibraryFunction m_function;
+};
+
+class DISCSRV_EXPORT RegisterExplorerInterface : public RegisterInterface
+{
+  public:
+    RegisterExplorerInterface() : RegisterInterface("RegisterExplorers") {}
+};
+
+class DISCSRV_EXPORT RegisterExplorerParserInterface : public RegisterInterface
+{
+  public:
+    RegisterExplorerParserInterface() : RegisterInterface("RegisterExplorerParsers") {}
+};
+
+class DISCSRV_EXPORT RegisterFilterDataInterface : public RegisterInterface
+{
+  public:
+    RegisterFilterDataInterface() : RegisterInterface("RegisterExplorerFilterDataProvider") {}
+};
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+/// One for each engine context, which owns it. Each kind of load is done at most once: first the
+/// default library, then every plug-in library; nothing keeps a library that is both from being
+/// asked twice. Any thread; concurrent callers see one load. What a library's function throws has
+/// been logged by the platform and does not arrive here.
+class DISCSRV_EXPORT ExplorerLoader : public EngineSingleton,
+                                      public LibraryIterationCallback,
+                                      public virtual TlxLockable
+{
+  public:
+    static ExplorerLoader* instance(const EngineContext& context);
+    ~ExplorerLoader() override;
+
+    /// @param kind which entry point is wanted, as the load passed it.
+    void libraryCallback(PluginDirector* director, const std::string& library,
+                         unsigned long long kind) override;
+
+    void loadExplorers();
+    void loadExplorerParsers();
+    void loadExplorerFilterData();
+
+  private:
+    enum Kind : unsigned long long
+    {
+        EXPLORERS = 0,
+        PARSERS = 1,
+        FILTER_DATA = 2
+    };
+    struct Load;
+
+    explicit ExplorerLoader(const EngineContext& context) : m_context(&context) {}
+    void load(const Load& load);
+    void loadDefault(const Load& load);
+
+    const EngineContext* const m_context;
+    RegisterExplorerInterface m_explorerResolver;
+    RegisterExplorerParserInterface m_parserResolver;
+    RegisterFilterDataInterface m_filterDataResolver;
+    std::list<std::unique_ptr<RegisterExplorerInterface>> m_explorerInterfaces;
+    std::list<std::unique_ptr<RegisterExplorerParserInterface>> m_parserInterfaces;
+    std::list<std::unique_ptr<RegisterFilterDataInterface>> m_filterDataInterfaces;
+    bool m_explorersLoaded = false;
+    bool m_parsersLoaded = false;
+    bool m_filterDataLoaded = false;
+};
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

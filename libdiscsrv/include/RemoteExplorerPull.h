@@ -1,0 +1,38 @@
+#pragma once
+// A pull explorer that another host registered.
+
+#include <tlx/Hostname.h>
+
+#include "Explorer.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+/// Asks the service of the host that has the data. Immutable; any thread.
+class DISCSRV_EXPORT RemoteExplorerPull : public virtual ExplorerPull
+{
+  public:
+    /// @param subject and authority, under which it is registered, are kept and not used.
+    /// @param type the authority type that remote queries carry.
+    RemoteExplorerPull(const TlxString& serviceName, const TlxString& sourceHost,
+                       const TlxString& subject, const TlxString& authority, AuthorityType type);
+    ~RemoteExplorerPull() override;
+
+    const char* getExplorerName() const override;
+    bool collectionRequested(DiscoveryQuery query, const Authority& authority,
+                             const Subject& subject,
+                             AutoDereference<TLXRefCounted>& explorerContext, const char* text,
+                             CollectionData* data) override;
+
+    const TlxString& getServiceName() const { return m_serviceName; }
+    const TlxHostname& getSourceHost() const { return m_sourceHost; }
+    AuthorityType getAuthorityType() const { return m_type; }
+
+  private:
+    const TlxString m_serviceName;
+    const TlxString m_subject;
+    const TlxString m_authority;
+    const AuthorityType m_type;
+    TlxHostname m_sourceHost;
+};
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

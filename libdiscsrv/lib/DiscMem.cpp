@@ -1,0 +1,160 @@
+#include "DiscMem.h"
+
+#include <atomic>
+
+#include <ace/Recursive_Thread_Mutex.h>
+#include <ace/Singleton.h>
+
+#include "DiscLog.h"
+#include "ExplorerCall.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+namespace {
+
+constexpr const char* LOG_SOURCE = "../DiscDB";
+
+/// One of the explorers that are being asked, when there is room for it.
+class PullInFlight
+{
+  public:
+    PullInFlight() : m_admitted(s_count.fetch_add(1) < MemCollectionData::MAX_PULLS) {}
+    ~PullInFlight() { s_count.fetch_sub(1); }
+    PullInFlight(const PullInFlight&) = delete;
+    PullInFlight& operator=(const PullInFlight&) = delete;
+    bool isAdmitted() const { return m_admitted; }
+
+  private:
+    static std::atomic<unsigned> s_count;
+    const bool m_admitted;
+};
+
+std::atomic<unsigned> PullInFlight::s_count{0};
+
+} // namespace
+
+DiscoveryMemCreator* getDiscoveryMemDatbase()
+{
+    return ACE_Singleton<DiscoveryMemCreator, ACE_Recursive_Thread_Mutex>::instance();
+}
+
+DiscoveryMemCreator::~DiscoveryMemCreator() = default;
+
+Discovery* DiscoveryMemCreator::newDiscovery(const AutoDereference<ExplorerQuery>& query,
+                                             DiscoveryQuery dq)
+{
+    DISC_TRACE("DiscoveryMemCreator::newDiscovery");
+    return new MemDiscovery(new MemCollectionData(query, dq), dq);
+}
+
+DiscoveryIterator* DiscoveryMemCreator::getIterator(const ExplorerQuerySet& queries,
+                                                    DiscoveryQuery dq)
+{
+    DISC_TRACE("DiscoveryMemCreator::getIterator");
+    return new MemDiscoveryIterator(queries, dq);
+}
+
+MemDiscoveryIterator::MemDiscoveryIterator(const ExplorerQuerySet& queries, DiscoveryQuery query)
+    : DiscoveryIterator(AT_ANYANDALL, "", ""), m_query(query), m_queries(queries),
+      m_position(m_queries.end())
+{
+}
+
+Discovery* MemDiscoveryIterator::getNext()
+{
+    DISC_TRACE("MemDiscoveryIterator::getNext");
+    if (!m_started) {
+        m_position = m_queries.begin();
+        m_started = true;
+    }
+    if (m_position == m_queries.end())
+        return nullptr;
+    const ExplorerWrapper& wrapper = (*m_position)->getWrapper();
+    Discovery* discovery = getDiscoveryMemDatbase()->newDiscovery(*m_position, m_query);
+    if (!TLX_ASSERT_AS(discovery, "NULL != discovery"))
+        return nullptr;
+    discovery->setSubject(new Subject(*wrapper.getSubject()));
+    discovery->setAuthority(new Authority(*wrapper.getAuthority()));
+    ++m_position;
+    return discovery;
+}
+
+DiscoveryResult MemDiscovery::persist()
+{
+    DISC_TRACE("MemDiscovery::persist");
+    return {DS_SUCCESS, 0};
+}
+
+DiscoveryResult MemDiscovery::open(OpenMode mode, const char* arg)
+{
+    DISC_TRACE("MemDiscovery::open");
+    if (!TLX_ASSERT(getCollectionData()) || !getCollectionData()->open(mode, arg))
+        return {DS_OPEN_FAILED, 0};
+    return {DS_SUCCESS, 0};
+}
+
+MemCollectionData::MemCollectionData(const AutoDereference<ExplorerQuery>& explorerQuery,
+                                     DiscoveryQuery query)
+    : m_query(query), m_explorerQuery(explorerQuery)
+{
+}
+
+MemCollectionData::~MemCollectionData() = default;
+
+bool MemCollectionData::open(OpenMode mode, const char* arg)
+{
+    // Under the name that readers of the log know.
+    DISC_TRACE("MemCollectionData::getNext");
+    if (mode == OM_UPDATE)
+        return true;
+    auto* exp = dynamic_cast<ExplorerPull*>(m_explorerQuery->getWrapper().getExplorer());
+    const char* filterParmaetersXml = arg;
+    bool ready = TLX_ASSERT_AS(exp, "NULL != exp");
+    ready = TLX_ASSERT(filterParmaetersXml) && ready;
+    return ready && pull(*exp, filterParmaetersXml);
+}
+
+bool MemCollectionData::pull(ExplorerPull& explorer, const char* text)
+{
+    const ExplorerWrapper& wrapper = m_explorerQuery->getWrapper();
+    const PullInFlight inFlight;
+    if (!inFlight.isAdmitted()) {
+        DISC_LOG_AS("MemCollectionData::getNext", 1,
+                    wrapper.describe()
+                        << " is not asked: " << MAX_PULLS << " explorers are being asked already");
+        return false;
+    }
+    m_stream.str("");
+    m_stream.clear();
+    bool delivered = false;
+    const bool returned = callExplorer(wrapper, "collectionRequested", [&] {
+        delivered =
+            explorer.collectionRequested(m_query, *wrapper.getAuthority(), *wrapper.getSubject(),
+                                         wrapper.getExplorerContext(), text, this);
+    });
+    if (!returned) { // half of a collection is none
+        m_stream.str("");
+        delivered = false;
+    }
+    wrapper.setLastOutcome(!returned   ? "it failed; the log tells why"
+                           : delivered ? "delivered"
+                                       : "it delivered nothing");
+    return delivered;
+}
+
+std::size_t MemCollectionData::readCollection(std::size_t length, void* buffer) const
+{
+    DISC_TRACE("MemCollectionData::readCollection");
+    m_stream.read(static_cast<char*>(buffer), static_cast<std::streamsize>(length));
+    return static_cast<std::size_t>(m_stream.gcount());
+}
+
+bool MemCollectionData::writeCollection(std::size_t length, const void* buffer) const
+{
+    DISC_TRACE("MemCollectionData::writeCollection");
+    m_stream.clear(); // a read may have met the end
+    m_stream.write(static_cast<const char*>(buffer), static_cast<std::streamsize>(length));
+    return true;
+}
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -1,0 +1,23 @@
+#include "ExplorerCall.h"
+
+#include <tlx/ForeignCode.h>
+
+#include "DiscLog.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+namespace {
+constexpr const char* LOG_SOURCE = "../Explorer";
+} // namespace
+
+bool callExplorer(const ExplorerWrapper& wrapper, const char* operation,
+                  const std::function<void()>& call)
+{
+    const std::string what = wrapper.describe() + ", " + operation + " for " +
+                             wrapper.getSubject()->getSubject().utf8() + " of " +
+                             wrapper.getAuthority()->getName().utf8();
+    DISC_LOG_AS(operation, 4, "Entering " << what);
+    return callForeignCode(operation, what, call);
+}
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

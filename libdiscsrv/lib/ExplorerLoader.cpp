@@ -1,0 +1,144 @@
+#include "ExplorerLoader.h"
+
+#include "DiscLog.h"
+#include "DiscoveryRepository.h"
+
+using Veltrane::Quillmark::Tlx::SymbolException;
+
+void RegisterInterface::call(
+    Veltrane::Quillmark::Tlx::DiscoverySvc::DiscoveryRepository* repository) const
+{
+    if (!m_function.isResolved())
+        throw SymbolException(m_function.symbol());
+    m_function.call(repository);
+}
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+namespace {
+
+constexpr const char* LOG_SOURCE = "../ExplorerLoader";
+
+/// The platform's loader adds the suffix and knows where to look.
+constexpr const char* DEFAULT_LIBRARY = "libqmexplorer";
+constexpr int DEFAULT_LIBRARY_VERSION = 1;
+
+} // namespace
+
+/// One kind of load.
+struct ExplorerLoader::Load
+{
+    const char* operation;
+    Kind kind;
+    bool& done;
+    SymbolResolver& resolved; ///< what is resolved in the default library
+    RegisterInterface& called;
+    const char* found;
+    const char* completed;
+};
+
+ExplorerLoader* ExplorerLoader::instance(const EngineContext& context)
+{
+    DISC_TRACE("ExplorerLoader::instance");
+    return new ExplorerLoader(context);
+}
+
+ExplorerLoader::~ExplorerLoader() = default;
+
+void ExplorerLoader::loadExplorers()
+{
+    load({"ExplorerLoader::loadExplorers", EXPLORERS, m_explorersLoaded, m_explorerResolver,
+          m_explorerResolver, "Found default explorer library, will register explorers",
+          // Spoken of as it always was.
+          "Registration of uri schemes in default scheme library completed"});
+}
+
+void ExplorerLoader::loadExplorerParsers()
+{
+    load({"ExplorerLoader::loadExplorerParsers", PARSERS, m_parsersLoaded, m_parserResolver,
+          m_parserResolver, "Found default explorer library, will register explorer parsers",
+          "Registration of explorer parsers in default library completed"});
+}
+
+void ExplorerLoader::loadExplorerFilterData()
+{
+    // The parsers' resolver, not the filter data's: so the default library provides no filter data,
+    // and says so in the log; plug-ins do.
+    load({"ExplorerLoader::loadExplorerFilterData", FILTER_DATA, m_filterDataLoaded,
+          m_parserResolver, m_filterDataResolver,
+          "Found default explorer library, will register explorer filter data",
+          "Registration of explorer filter data in default library completed"});
+}
+
+void ExplorerLoader::load(const Load& load)
+{
+    DISC_TRACE(load.operation);
+    const LockableGuard lockableGuard(*this);
+    if (!TLX_ASSERT(lockableGuard.locked()) || load.done)
+        return;
+    try {
+        loadDefault(load);
+    } catch (const SymbolException& e) {
+        DISC_LOG(1, "Unable to resolve symbol " << e.symbol() << " in " << DEFAULT_LIBRARY);
+    }
+    if (PluginDirector* director = getEngineSingleton<PluginDirector>(*m_context))
+        director->iteratePluginLibraries(*this, load.kind);
+    load.done = true;
+}
+
+void ExplorerLoader::loadDefault(const Load& load)
+{
+    RuntimeLoader* loader = getEngineSingleton<RuntimeLoader>(*m_context);
+    bool found = false;
+    if (!loader || !loader->loadInterface(DEFAULT_LIBRARY, load.resolved, found, nullptr, false,
+                                          DEFAULT_LIBRARY_VERSION))
+        return;
+    if (!found)
+        return;
+    DISC_LOG_AS(load.operation, 4, load.found);
+    load.called.call(getDiscoveryRepository());
+    DISC_LOG_AS(load.operation, 4, load.completed);
+}
+
+namespace {
+
+/// Resolves one entry point in a plug-in library, keeps its resolver and calls it.
+template <class Interface>
+void registerFrom(const char* operation, PluginDirector& director, const std::string& library,
+                  std::list<std::unique_ptr<Interface>>& interfaces, const char* missing,
+                  const char* what)
+{
+    auto resolver = std::make_unique<Interface>();
+    std::string resolvedName;
+    if (!director.loadPluginInterface(library, *resolver, resolvedName)) {
+        DISC_LOG_AS(operation, 4, "Did not found the " << missing << " on plugin " << library);
+        return;
+    }
+    const Interface& found = *interfaces.emplace_back(std::move(resolver));
+    DISC_LOG_AS(operation, 4, "Beginning registration of " << what << " in " << resolvedName);
+    found.call(getDiscoveryRepository());
+    DISC_LOG_AS(operation, 4, "Registration of " << what << " in " << resolvedName << " completed");
+}
+
+} // namespace
+
+void ExplorerLoader::libraryCallback(PluginDirector* director, const std::string& library,
+                                     unsigned long long kind)
+{
+    DISC_TRACE("ExplorerLoader::libraryCallback");
+    switch (kind) {
+    case EXPLORERS:
+        return registerFrom(tracer.name(), *director, library, m_explorerInterfaces,
+                            "explorer interface", "explorers");
+    case PARSERS:
+        return registerFrom(tracer.name(), *director, library, m_parserInterfaces,
+                            "explorer parser interface", "explorer parser");
+    case FILTER_DATA:
+        return registerFrom(tracer.name(), *director, library, m_filterDataInterfaces,
+                            "filter data interface", "explorer filter data");
+    default:
+        TLX_SHOULD_NOT_GET_HERE();
+    }
+}
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

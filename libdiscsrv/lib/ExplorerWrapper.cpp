@@ -1,0 +1,80 @@
+#include "ExplorerWrapper.h"
+
+#include <tlx/Plugin.h>
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+namespace {
+
+template <class Name>
+bool isLess(const Name& a, const Name& b)
+{
+    return !(a == b) && !(a > b);
+}
+
+/// An explorer is somebody else's code: its name may be null, or an exception.
+std::string nameOf(const Explorer& explorer)
+{
+    try {
+        const char* name = explorer.getExplorerName();
+        return name ? name : "?";
+    } catch (...) {
+        return "?"; // it will be told of when it is called for more than its name
+    }
+}
+
+} // namespace
+
+ExplorerWrapper::ExplorerWrapper(const Explorer* explorer, const unsigned int& priority,
+                                 const Subject* subject, const Authority* authority)
+    : m_explorer(AutoDereference<Explorer>::share(const_cast<Explorer*>(explorer))),
+      m_priority(priority), m_authority(new Authority(*authority)),
+      m_subject(new Subject(*subject)), m_name(nameOf(*explorer)), m_library(currentLibrary())
+{
+}
+
+ExplorerWrapper::~ExplorerWrapper()
+{
+    delete m_subject;
+    delete m_authority;
+}
+
+std::string ExplorerWrapper::describe() const
+{
+    return "Explorer " + m_name + (m_library.empty() ? "" : " of " + m_library);
+}
+
+ExplorerWrapper::Outcome ExplorerWrapper::lastOutcome() const
+{
+    const std::lock_guard guard(m_outcomeMutex);
+    return m_outcome;
+}
+
+void ExplorerWrapper::setLastOutcome(const std::string& text) const
+{
+    const TlxObjTime now = TlxObjTime::now();
+    const std::lock_guard guard(m_outcomeMutex);
+    m_outcome = {now, text};
+}
+
+bool LtdExplorerWrapper::operator()(const AutoDereference<ExplorerWrapper>& a,
+                                    const AutoDereference<ExplorerWrapper>& b) const
+{
+    const Authority& first = *a->getAuthority();
+    const Authority& second = *b->getAuthority();
+    if (isLess(first, second) && first.getType() != AT_REMOTEPULL &&
+        second.getType() != AT_REMOTEPULL)
+        return true;
+    return isLess(*a->getSubject(), *b->getSubject());
+}
+
+bool LtdExplorerQuery::operator()(const AutoDereference<ExplorerQuery>& a,
+                                  const AutoDereference<ExplorerQuery>& b) const
+{
+    const ExplorerWrapper& first = a->getWrapper();
+    const ExplorerWrapper& second = b->getWrapper();
+    return isLess(*first.getAuthority(), *second.getAuthority()) ||
+           isLess(*first.getSubject(), *second.getSubject());
+}
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

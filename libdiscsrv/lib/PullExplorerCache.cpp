@@ -1,0 +1,115 @@
+// The explorers of other hosts, stored so that a restart of the master finds them again.
+
+#include <sstream>
+
+#include "DiscLog.h"
+#include "DiscoveryRepository.h"
+#include "RemoteExplorerPull.h"
+#include "XMLHelper.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+namespace {
+
+constexpr const char* LOG_SOURCE = "../DiscoveryRepository";
+constexpr const char* TAG_DOCUMENT = "DiscoveredItems";
+constexpr std::size_t READ_CHUNK = 1024;
+/// What is written here has a few hundred bytes.
+constexpr std::size_t MAX_DOCUMENT_BYTES = std::size_t{64} << 10;
+
+template <class Value>
+void writeElement(std::ostream& out, const char* name, const Value& value)
+{
+    XmlStr::appendStart(out, name);
+    out << value;
+    XmlStr::appendEnd(out, name);
+}
+
+std::string documentOf(const ExplorerWrapper& wrapper, const RemoteExplorerPull& explorer)
+{
+    std::ostringstream out;
+    XmlStr::xmlProlog(out, XmlStr::XE_UTF8);
+    out << '\n';
+    XmlStr::appendStart(out, TAG_DOCUMENT);
+    out << '\n';
+    writeElement(out, SOURCE_HOST, XmlStr(explorer.getSourceHost().text()));
+    writeElement(out, SERVICE_NAME, XmlStr(explorer.getServiceName()));
+    writeElement(out, PRIORITY, wrapper.getPriority());
+    writeElement(out, ORIGIN_TYPE, static_cast<int>(wrapper.getAuthority()->getType()));
+    XmlStr::appendEnd(out, TAG_DOCUMENT);
+    out << '\n';
+    return out.str();
+}
+
+/// False when the payload cannot be read or is too long to be one of these documents.
+bool readDocument(const CollectionData& data, astringstream& document)
+{
+    char buffer[READ_CHUNK];
+    std::size_t total = 0;
+    for (;;) {
+        const std::size_t count = data.readCollection(sizeof buffer, buffer);
+        if (count == 0)
+            return true;
+        total += count;
+        if (count > sizeof buffer || total > MAX_DOCUMENT_BYTES)
+            return false;
+        document.write(buffer, static_cast<std::streamsize>(count));
+    }
+}
+
+} // namespace
+
+void DiscoveryRepository::persistToDisk(const AutoDereference<ExplorerWrapper>& wrapper)
+{
+    DISC_TRACE("DiscoveryRepository::persistToDisk");
+    if (!TLX_ASSERT_AS(isGenericDSOnMaster(), "isGenericDSOnMaster()"))
+        return;
+    const auto* explorer = dynamic_cast<const RemoteExplorerPull*>(wrapper->getExplorer());
+    if (!explorer)
+        return;
+    const Subject subject(wrapper->getSubject()->getSubject().utf8());
+    const Authority authority(wrapper->getAuthority()->getName().utf8(), AT_REMOTEPULL);
+    const CollectionAttributes attributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY, TlxObjTime(),
+                                          TlxObjTime(), wrapper->getPriority());
+    AutoDereference<Discovery> discovery;
+    newDiscovery(discovery, DQ_UNDEFINED, subject, authority, attributes);
+    if (!discovery || !isSuccess(discovery->open(OM_UPDATE, ""))) {
+        DISC_LOG(1, "Failed to open collection");
+        return;
+    }
+    const std::string document = documentOf(*wrapper, *explorer);
+    discovery->getCollectionData()->writeCollection(document.size(), document.data());
+    if (!isSuccess(discovery->persist()))
+        DISC_LOG(1, "Failed to persist discovery record.");
+}
+
+void DiscoveryRepository::loadPullExplorerCache()
+{
+    DISC_TRACE("DiscoveryRepository::loadPullExplorerCache");
+    const AutoDereference<DiscoveryIterator> stored(
+        queryDiscoveries(DQ_DISCOVERY_DATA, "*", "*", AT_REMOTEPULL));
+    if (!stored)
+        return;
+    XMLHelper helper;
+    while (Discovery* next = stored->getNext()) {
+        const AutoDereference<Discovery> discovery(next);
+        astringstream document;
+        TlxString serviceName;
+        TlxString sourceHost;
+        unsigned int priority = 0;
+        AuthorityType originType = AT_ANYANDALL;
+        if (!isSuccess(discovery->open(OM_READ, "")) ||
+            !readDocument(*discovery->getCollectionData(), document) ||
+            helper.parse(document, serviceName, sourceHost, priority, originType) != 0)
+            continue;
+        const TlxString& subjectName = discovery->getSubject()->getSubject();
+        const TlxString& authorityName = discovery->getAuthority()->getName();
+        const AutoDereference<RemoteExplorerPull> explorer(new RemoteExplorerPull(
+            serviceName, sourceHost, subjectName, authorityName, originType));
+        const Authority authority(authorityName.utf8(), originType);
+        const Subject subject(subjectName.utf8());
+        registerExplorer(&subject, explorer.get(), priority, &authority, true);
+    }
+}
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc
