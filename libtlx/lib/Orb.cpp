@@ -3,9 +3,13 @@
 #include <atomic>
 #include <thread>
 
+#include <ace/Event_Handler_Handle_Timeout_Upcall.h>
 #include <ace/Init_ACE.h>
+#include <ace/Monotonic_Time_Policy.h>
 #include <ace/Reactor.h>
+#include <ace/Recursive_Thread_Mutex.h>
 #include <ace/TP_Reactor.h>
+#include <ace/Timer_Heap_T.h>
 
 #include <tlx/HostConfig.h>
 #include <tlx/Servant.h>
@@ -57,12 +61,13 @@ struct AceUse
     AceUse& operator=(const AceUse&) = delete;
 };
 
-/// A reactor and the thread on which its timers run.
+/// A reactor and the thread on which its timers run. They go by a clock that nobody sets: a host
+/// whose time is put right by hours must neither wait nor run that much.
 class ReactorThread
 {
   public:
     explicit ReactorThread(std::size_t handles)
-        : m_reactor(new ACE_TP_Reactor(handles), true),
+        : m_reactor(new ACE_TP_Reactor(handles, false, nullptr, &m_timers), true),
           m_thread([this] { m_reactor.run_reactor_event_loop(); })
     {
     }
@@ -76,6 +81,9 @@ class ReactorThread
     ACE_Reactor* reactor() { return &m_reactor; }
 
   private:
+    ACE_Timer_Heap_T<ACE_Event_Handler*, ACE_Event_Handler_Handle_Timeout_Upcall,
+                     ACE_SYNCH_RECURSIVE_MUTEX, ACE_Monotonic_Time_Policy>
+        m_timers;
     ACE_Reactor m_reactor;
     std::thread m_thread;
 };

@@ -1,0 +1,175 @@
+// Records that pull explorers produce when they are read.
+
+#include "DiscMem.h"
+
+#include <atomic>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "Capture.h"
+#include "ExplorerFixture.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+namespace {
+
+using QmTest::AssertionCapture;
+using QmTest::Calls;
+using QmTest::FakePull;
+using QmTest::FakePush;
+using QmTest::LogCapture;
+
+struct DiscMemTest : testing::Test
+{
+    static AutoDereference<ExplorerQuery> query(const Explorer& explorer,
+                                                const std::string& subject = "s")
+    {
+        const AutoDereference<StatusMsg> message(new StatusMsg(4, TlxString("state")));
+        const Subject of(subject, message.get());
+        const Authority by("a", AT_QMKCLIENT);
+        return AutoDereference<ExplorerQuery>(new ExplorerQuery(
+            AutoDereference<ExplorerWrapper>(new ExplorerWrapper(&explorer, 3u, &of, &by))));
+    }
+    static AutoDereference<Discovery> record(const Explorer& explorer)
+    {
+        return AutoDereference<Discovery>(
+            getDiscoveryMemDatbase()->newDiscovery(query(explorer), DQ_FILTER_DATA));
+    }
+    static std::string read(const Discovery& discovery)
+    {
+        std::string text;
+        char buffer[4];
+        while (const std::size_t count =
+                   discovery.getCollectionData()->readCollection(sizeof buffer, buffer))
+            text.append(buffer, count);
+        return text;
+    }
+    const AutoDereference<FakePull> pull{new FakePull("pulled data")};
+};
+
+TEST_F(DiscMemTest, OpeningForReadingAsksTheExplorer)
+{
+    const auto discovery = record(*pull);
+    EXPECT_EQ(discovery->open(OM_READ, "filter").discStatus, DS_SUCCESS);
+    EXPECT_EQ(pull->calls, Calls{"2 s of a [filter]"});
+    EXPECT_EQ(read(*discovery), "pulled data");
+    EXPECT_EQ(read(*discovery), "");
+}
+
+TEST_F(DiscMemTest, OpeningAgainStartsAfresh)
+{
+    const auto discovery = record(*pull);
+    discovery->open(OM_READ, "");
+    EXPECT_EQ(read(*discovery), "pulled data");
+    pull->content = "newer";
+    EXPECT_EQ(discovery->open(OM_READ, "").discStatus, DS_SUCCESS);
+    EXPECT_EQ(read(*discovery), "newer");
+}
+
+TEST_F(DiscMemTest, WhatWasNeverOpenedIsEmpty)
+{
+    EXPECT_EQ(read(*record(*pull)), "");
+}
+
+TEST_F(DiscMemTest, UpdatingAndPersistingDoNothing)
+{
+    const auto discovery = record(*pull);
+    EXPECT_EQ(discovery->open(OM_UPDATE, nullptr).discStatus, DS_SUCCESS);
+    EXPECT_EQ(discovery->persist().discStatus, DS_SUCCESS);
+    EXPECT_EQ(pull->calls, Calls{});
+}
+
+TEST_F(DiscMemTest, AnExplorerThatDeliversNothingFailsTheOpen)
+{
+    pull->answer = false;
+    EXPECT_EQ(record(*pull)->open(OM_READ, "").discStatus, DS_OPEN_FAILED);
+}
+
+TEST_F(DiscMemTest, AnExplorerThatThrowsFailsThatPullOnly)
+{
+    pull->onPull = [] { throw std::runtime_error("broken"); };
+    const auto discovery = record(*pull);
+    const LogCapture log;
+    EXPECT_EQ(discovery->open(OM_READ, "").discStatus, DS_OPEN_FAILED);
+    EXPECT_EQ(log.texts(1), Calls{"Explorer pull, collectionRequested for s of a failed: broken"});
+    EXPECT_EQ(read(*discovery), "");
+    pull->onPull = {};
+    EXPECT_EQ(discovery->open(OM_READ, "").discStatus, DS_SUCCESS);
+}
+
+TEST_F(DiscMemTest, ItNeedsAPullExplorerAndAnArgument)
+{
+    const AutoDereference<FakePush> push(new FakePush);
+    const AssertionCapture assertions;
+    EXPECT_EQ(record(*push)->open(OM_READ, "").discStatus, DS_OPEN_FAILED);
+    EXPECT_EQ(record(*pull)->open(OM_READ, nullptr).discStatus, DS_OPEN_FAILED);
+    EXPECT_EQ(assertions.texts(), (Calls{"NULL != exp", "filterParmaetersXml"}));
+    EXPECT_EQ(pull->calls, Calls{});
+}
+
+TEST_F(DiscMemTest, AnEmptySetYieldsNothing)
+{
+    const AutoDereference<DiscoveryIterator> iterator(
+        getDiscoveryMemDatbase()->getIterator({}, DQ_DISCOVERY_DATA));
+    EXPECT_EQ(iterator->getNext(), nullptr);
+    EXPECT_EQ(iterator->getNext(), nullptr);
+}
+
+TEST_F(DiscMemTest, EveryQueryIsOneRecordInTheSetsOrder)
+{
+    const ExplorerQuerySet queries{query(*pull, "c"), query(*pull, "a b"), query(*pull, "b")};
+    const AutoDereference<DiscoveryIterator> iterator(
+        getDiscoveryMemDatbase()->getIterator(queries, DQ_DISCOVERY_DATA));
+    Calls subjects;
+    while (Discovery* next = iterator->getNext()) {
+        const AutoDereference<Discovery> discovery(next);
+        subjects.push_back(discovery->getSubject()->getSubject().utf8() + " " +
+                           discovery->getSubject()->getSubjectFileName().utf8() + " " +
+                           discovery->getAuthority()->getName().utf8());
+        EXPECT_EQ(discovery->getAuthority()->getType(), AT_QMKCLIENT);
+        ASSERT_TRUE(discovery->getSubject()->getStatusMsg());
+        EXPECT_EQ(discovery->getQuery(), DQ_DISCOVERY_DATA);
+    }
+    EXPECT_EQ(subjects, (Calls{"a%20b a%20b a", "b b a", "c c a"}));
+    EXPECT_EQ(iterator->getNext(), nullptr);
+}
+
+TEST_F(DiscMemTest, PullsInFlightAreBounded)
+{
+    std::atomic<unsigned> inside{0};
+    std::atomic<bool> goOn{false};
+    pull->onPull = [&] {
+        ++inside;
+        while (!goOn)
+            std::this_thread::yield();
+    };
+    struct Slow : FakePull // no list of calls: many threads are in it
+    {
+        using FakePull::FakePull;
+        bool collectionRequested(DiscoveryQuery, const Authority&, const Subject&,
+                                 AutoDereference<TLXRefCounted>&, const char*,
+                                 CollectionData*) override
+        {
+            onPull();
+            return true;
+        }
+    };
+    const AutoDereference<Slow> slow(new Slow);
+    slow->onPull = pull->onPull;
+    std::vector<std::thread> threads;
+    for (unsigned i = 0; i < MemCollectionData::MAX_PULLS; ++i)
+        threads.emplace_back([&] { EXPECT_TRUE(isSuccess(record(*slow)->open(OM_READ, ""))); });
+    while (inside < MemCollectionData::MAX_PULLS)
+        std::this_thread::yield();
+    const LogCapture log;
+    EXPECT_EQ(record(*pull)->open(OM_READ, "").discStatus, DS_OPEN_FAILED);
+    EXPECT_EQ(log.texts(1),
+              Calls{"Explorer pull is not asked: 32 explorers are being asked already"});
+    goOn = true;
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(record(*pull)->open(OM_READ, "").discStatus, DS_SUCCESS);
+}
+
+} // namespace
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -1,0 +1,277 @@
+// Which registration wins, and what a request finds.
+
+#include "Capture.h"
+#include "ExplorerFixture.h"
+#include "ServiceFixture.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+namespace {
+
+using QmTest::AssertionCapture;
+using QmTest::Calls;
+using QmTest::FakePull;
+using QmTest::FakePush;
+using QmTest::FakeRepository;
+using QmTest::LogCapture;
+
+struct ExplorerRegistryTest : testing::Test
+{
+    ExplorerRegistryTest() { HostConfig::instance().readText("CLIENT_NAME = here\n", "qm.conf"); }
+
+    /// The subjects of what a request finds, "none" for no iterator.
+    Calls found(const std::string& subject, const std::string& authority) const
+    {
+        const AutoDereference<DiscoveryIterator> iterator(repository->findPullExplorer(
+            DQ_DISCOVERY_DATA, repository->getPullExplorers(), subject, authority));
+        if (!iterator)
+            return {"none"};
+        Calls subjects;
+        while (Discovery* next = iterator->getNext()) {
+            const AutoDereference<Discovery> discovery(next);
+            subjects.push_back(discovery->getSubject()->getSubject().utf8());
+        }
+        return subjects;
+    }
+
+    const AutoDereference<FakeRepository> repository{new FakeRepository};
+    const AutoDereference<FakePush> push{new FakePush};
+    const AutoDereference<FakePull> pull{new FakePull};
+};
+
+TEST_F(ExplorerRegistryTest, APullOfTheSamePriorityReplacesAPush)
+{
+    repository->push("s", "a", 5, *push);
+    repository->pull("s", "a", 5, *pull);
+    EXPECT_EQ(repository->pushEntries(), Calls{});
+    EXPECT_EQ(repository->pullEntries(), Calls{"s/a 5"});
+}
+
+TEST_F(ExplorerRegistryTest, APullDoesNotReplaceAPushOfHigherPriority)
+{
+    repository->push("s", "a", 6, *push);
+    repository->pull("s", "a", 5, *pull);
+    EXPECT_EQ(repository->pushEntries(), Calls{"s/a 6"});
+    EXPECT_EQ(repository->pullEntries(), Calls{});
+}
+
+TEST_F(ExplorerRegistryTest, APushOfTheSamePriorityReplacesNothing)
+{
+    repository->pull("s", "a", 5, *pull);
+    repository->push("s", "a", 5, *push);
+    EXPECT_EQ(repository->pushEntries(), Calls{});
+    EXPECT_EQ(repository->pullEntries(), Calls{"s/a 5"});
+
+    repository->push("t", "a", 5, *push);
+    const AutoDereference<FakePush> other(new FakePush("other"));
+    repository->push("t", "a", 5, *other);
+    const ExplorerSet set = repository->getPushExplorers();
+    ASSERT_EQ(set.size(), 1u);
+    EXPECT_EQ((*set.begin())->getExplorer(), push.get());
+}
+
+TEST_F(ExplorerRegistryTest, APushOfHigherPriorityReplacesBothKinds)
+{
+    repository->pull("s", "a", 5, *pull);
+    repository->push("s", "a", 6, *push);
+    EXPECT_EQ(repository->pushEntries(), Calls{"s/a 6"});
+    EXPECT_EQ(repository->pullEntries(), Calls{});
+    repository->push("s", "a", 7, *push);
+    EXPECT_EQ(repository->pushEntries(), Calls{"s/a 7"});
+}
+
+TEST_F(ExplorerRegistryTest, APullOfTheSameOrAHigherPriorityReplacesAPull)
+{
+    repository->pull("s", "a", 5, *pull);
+    const AutoDereference<FakePull> other(new FakePull);
+    repository->pull("s", "a", 5, *other);
+    ASSERT_EQ(repository->getPullExplorers().size(), 1u);
+    EXPECT_EQ((*repository->getPullExplorers().begin())->getExplorer(), other.get());
+    repository->pull("s", "a", 4, *pull);
+    EXPECT_EQ(repository->pullEntries(), Calls{"s/a 5"});
+    repository->pull("S", "A", 6, *pull);
+    EXPECT_EQ(repository->pullEntries(), Calls{"S/A 6"});
+}
+
+TEST_F(ExplorerRegistryTest, ADroppedRegistrationIsNotLoggedAndLeavesNoReference)
+{
+    repository->push("s", "a", 6, *push);
+    const AutoDereference<FakePush> loser(new FakePush);
+    const LogCapture log;
+    repository->push("s", "a", 5, *loser);
+    EXPECT_EQ(log.lines().size(), 0u);
+    EXPECT_EQ(loser->referenceCount(), 1u);
+    EXPECT_EQ(push->referenceCount(), 2u);
+}
+
+TEST_F(ExplorerRegistryTest, WithoutAnAuthorityItIsThisHosts)
+{
+    const Subject subject("s");
+    repository->registerExplorer(&subject, static_cast<const ExplorerPush*>(push.get()), 5u,
+                                 nullptr);
+    const ExplorerSet set = repository->getPushExplorers();
+    ASSERT_EQ(set.size(), 1u);
+    EXPECT_EQ((*set.begin())->getAuthority()->getName(), TlxString("here"));
+    EXPECT_EQ((*set.begin())->getAuthority()->getType(), AT_EXTSRC);
+}
+
+TEST_F(ExplorerRegistryTest, WhatIsMissingIsReportedAndRegistersNothing)
+{
+    const Subject subject("s");
+    const AssertionCapture assertions;
+    repository->registerExplorer(nullptr, static_cast<const ExplorerPush*>(nullptr), 5u, nullptr);
+    repository->registerExplorer(nullptr, static_cast<const ExplorerPull*>(nullptr), 5u, nullptr,
+                                 false);
+    EXPECT_EQ(assertions.texts(), (Calls{"NULL != subject", "NULL != explorer", "NULL != subject",
+                                         "NULL != explorer"}));
+    EXPECT_EQ(repository->getExplorerStatus().size(), 0u);
+}
+
+TEST_F(ExplorerRegistryTest, DuringTheShutdownNothingIsRegistered)
+{
+    repository->shutdown();
+    const LogCapture log;
+    repository->push("s", "a", 5, *push);
+    EXPECT_EQ(log.texts(1), Calls{"An explorer that registers during the shutdown is dropped"});
+    EXPECT_EQ(repository->pushEntries(), Calls{});
+}
+
+TEST_F(ExplorerRegistryTest, RegistrationsAreBounded)
+{
+    for (std::size_t i = 0; i <= DiscoveryRepository::MAX_EXPLORERS; ++i) {
+        const LogCapture log;
+        repository->pull("s" + std::to_string(i), "a", 5, *pull);
+        if (i < DiscoveryRepository::MAX_EXPLORERS) {
+            ASSERT_EQ(log.texts(1), Calls{});
+        } else {
+            EXPECT_EQ(log.texts(1),
+                      Calls{"There are 10000 explorers already, another one is dropped"});
+        }
+    }
+    EXPECT_EQ(repository->getPullExplorers().size(), DiscoveryRepository::MAX_EXPLORERS);
+}
+
+TEST_F(ExplorerRegistryTest, ItsLockIsNotTakenByTheWalks)
+{
+    repository->push("s", "a", 5, *push);
+    const EngineContext context(true);
+    repository->startExplorers(repository->getPushExplorers(), context);
+    repository->stopExplorers(repository->getPushExplorers());
+    EXPECT_EQ(push->calls, (Calls{"start s of a", "stop s of a"}));
+}
+
+TEST_F(ExplorerRegistryTest, TheFirstMatchAndAllAfterItAreFound)
+{
+    for (const char* subject : {"A", "B", "C"})
+        repository->pull(subject, "x", 5, *pull);
+    EXPECT_EQ(found("B", "x"), (Calls{"B", "C"}));
+    EXPECT_EQ(found("C", "x"), Calls{"C"});
+    EXPECT_EQ(found("*", "*"), (Calls{"A", "B", "C"}));
+    EXPECT_EQ(found("?", "x"), (Calls{"A", "B", "C"}));
+    EXPECT_EQ(found("D", "x"), Calls{"none"});
+    EXPECT_EQ(found("b", "x"), Calls{"none"}) << "letters count";
+    EXPECT_EQ(found("B", "y"), Calls{"none"});
+}
+
+TEST_F(ExplorerRegistryTest, NamesAreEncodedBeforeTheyAreCompared)
+{
+    repository->pull("a b%c", "x y", 5, *pull);
+    EXPECT_EQ(found("a b%c", "x y"), Calls{"a%20b%25c"});
+    EXPECT_EQ(found("a%20b%25c", "x*"), Calls{"a%20b%25c"});
+}
+
+TEST_F(ExplorerRegistryTest, TheFirstParserOfATypeStays)
+{
+    const AutoDereference<DefaultExplorerDataParser> first(new DefaultExplorerDataParser);
+    const AutoDereference<DefaultExplorerDataParser> second(new DefaultExplorerDataParser);
+    repository->registerExplorerParser("t", first.get());
+    repository->registerExplorerParser("t", second.get());
+    const AutoDereference<ExplorerDataParser> parser(repository->getRegisteredExplorerParser("t"));
+    EXPECT_EQ(parser.get(), first.get());
+    EXPECT_EQ(second->referenceCount(), 1u);
+}
+
+TEST_F(ExplorerRegistryTest, AnUnknownTypeYieldsTheDefaultParserTheSameEachTime)
+{
+    const AutoDereference<ExplorerDataParser> one(repository->getRegisteredExplorerParser("x"));
+    const AutoDereference<ExplorerDataParser> two(repository->getRegisteredExplorerParser("y"));
+    EXPECT_STREQ(one->getExplorerParserName(), "DefaultExplorerParser");
+    EXPECT_EQ(one.get(), two.get());
+}
+
+TEST_F(ExplorerRegistryTest, ANullParserIsReported)
+{
+    const AssertionCapture assertions;
+    repository->registerExplorerParser("t", nullptr);
+    EXPECT_EQ(assertions.texts(), Calls{"NULL != parser"});
+}
+
+TEST_F(ExplorerRegistryTest, TheStatusTellsOfEveryExplorer)
+{
+    repository->push("s", "a", 5, *push);
+    repository->pull("t", "a", 6, *pull, AT_EXTSRC);
+    const auto status = repository->getExplorerStatus();
+    ASSERT_EQ(status.size(), 2u);
+    EXPECT_STREQ(status[0].kind, "push");
+    EXPECT_EQ(status[0].name, "push");
+    EXPECT_EQ(status[0].subject, "s");
+    EXPECT_TRUE(status[0].last.isZero());
+    EXPECT_STREQ(status[1].kind, "pull");
+    EXPECT_EQ(status[1].priority, 6u);
+    EXPECT_EQ(status[1].type, AT_EXTSRC);
+    EXPECT_EQ(status[1].library, "");
+}
+
+/// The order of the sets.
+struct ExplorerOrderTest : testing::Test
+{
+    AutoDereference<ExplorerWrapper> entry(const std::string& authority, AuthorityType type,
+                                           const std::string& subject) const
+    {
+        const Subject of(subject);
+        const Authority by(authority, type);
+        return AutoDereference<ExplorerWrapper>(new ExplorerWrapper(push.get(), 1u, &of, &by));
+    }
+    const AutoDereference<FakePush> push{new FakePush};
+    const LtdExplorerWrapper before{};
+};
+
+TEST_F(ExplorerOrderTest, ALesserAuthorityComesFirstWhateverTheSubjects)
+{
+    EXPECT_TRUE(before(entry("a", AT_QMKCLIENT, "z"), entry("b", AT_QMKCLIENT, "a")));
+}
+
+TEST_F(ExplorerOrderTest, EqualAuthoritiesAreOrderedBySubject)
+{
+    EXPECT_TRUE(before(entry("a", AT_QMKCLIENT, "a"), entry("A", AT_QMKCLIENT, "B")));
+    EXPECT_FALSE(before(entry("a", AT_QMKCLIENT, "b"), entry("a", AT_QMKCLIENT, "a")));
+    EXPECT_FALSE(before(entry("a", AT_QMKCLIENT, "a"), entry("a", AT_QMKCLIENT, "A")));
+}
+
+TEST_F(ExplorerOrderTest, AGreaterAuthorityFallsThroughToTheSubjects)
+{
+    EXPECT_TRUE(before(entry("b", AT_QMKCLIENT, "a"), entry("a", AT_QMKCLIENT, "b")));
+    EXPECT_FALSE(before(entry("b", AT_QMKCLIENT, "b"), entry("a", AT_QMKCLIENT, "a")));
+    EXPECT_FALSE(before(entry("b", AT_QMKCLIENT, "a"), entry("a", AT_QMKCLIENT, "a")));
+}
+
+TEST_F(ExplorerOrderTest, RemotePullsAreToldApartBySubjectAlone)
+{
+    EXPECT_FALSE(before(entry("a", AT_REMOTEPULL, "z"), entry("b", AT_REMOTEPULL, "a")));
+    EXPECT_TRUE(before(entry("b", AT_REMOTEPULL, "a"), entry("a", AT_REMOTEPULL, "z")));
+    EXPECT_FALSE(before(entry("a", AT_REMOTEPULL, "s"), entry("b", AT_QMKCLIENT, "s")));
+}
+
+TEST_F(ExplorerOrderTest, QueriesKnowNoExceptionForRemotePulls)
+{
+    const LtdExplorerQuery queries{};
+    const auto query = [this](const std::string& authority, const std::string& subject) {
+        return AutoDereference<ExplorerQuery>(
+            new ExplorerQuery(entry(authority, AT_REMOTEPULL, subject)));
+    };
+    EXPECT_TRUE(queries(query("a", "z"), query("b", "a")));
+    EXPECT_TRUE(queries(query("b", "a"), query("a", "b")));
+    EXPECT_FALSE(queries(query("b", "b"), query("a", "a")));
+}
+
+} // namespace
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

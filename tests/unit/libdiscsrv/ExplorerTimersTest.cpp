@@ -1,0 +1,263 @@
+// The timers, driven by a reactor whose time the test makes.
+
+#include "ExplorerTimers.h"
+
+#include <cstdlib>
+#include <thread>
+
+#include "Capture.h"
+#include "ExplorerFixture.h"
+#include "ServiceFixture.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+namespace {
+
+using QmTest::AssertionCapture;
+using QmTest::Calls;
+using QmTest::FakePush;
+using QmTest::FakeReactor;
+using QmTest::FakeRepository;
+using QmTest::LogCapture;
+
+constexpr long FOUR_HOURS = 14400;
+
+struct ExplorerTimersTest : testing::Test
+{
+    ExplorerTimersTest() { HostConfig::instance().readText("CLIENT_NAME = here\n", "qm.conf"); }
+    ~ExplorerTimersTest() override { TlxObjTime::setClock({}); }
+
+    /// What rand() % range is after the seed.
+    static unsigned delayOf(unsigned seed, unsigned range)
+    {
+        std::srand(seed);
+        return static_cast<unsigned>(std::rand()) % range;
+    }
+
+    FakeReactor reactor;
+    const AutoDereference<FakeRepository> repository{new FakeRepository};
+    const AutoDereference<FakePush> push{new FakePush};
+};
+
+TEST_F(ExplorerTimersTest, APushIsAtOnceAndEveryFourHours)
+{
+    repository->push("s", "a", 7, *push);
+    TlxObjTime::setClock([] { return TlxObjTime(1000, 5); });
+    repository->startPushTimer();
+    EXPECT_EQ(reactor.pass(1), 1);
+    EXPECT_EQ(push->calls, Calls{"push s of a"});
+    EXPECT_EQ(reactor.scheduled(), 1);
+    EXPECT_EQ(repository->getNextPush(), TlxObjTime(1000 + FOUR_HOURS, 5));
+    EXPECT_EQ(reactor.pass(FOUR_HOURS - 1), 0);
+    EXPECT_EQ(reactor.pass(1), 1);
+    EXPECT_EQ(push->calls.size(), 2u);
+    EXPECT_EQ(reactor.scheduled(), 1);
+}
+
+TEST_F(ExplorerTimersTest, APushCarriesItsAttributesAndTheRepository)
+{
+    repository->push("s", "a", 7, *push);
+    TlxObjTime::setClock([] { return TlxObjTime(1000, 5); });
+    DiscoveryFactory* factory = nullptr;
+    push->onPush = [&](DiscoveryFactory* of, DiscoveryResult& result) {
+        factory = of;
+        EXPECT_TRUE(isSuccess(result));
+    };
+    repository->startPushTimer();
+    reactor.pass(1);
+    ASSERT_EQ(push->attributes.size(), 1u);
+    const CollectionAttributes& attributes = push->attributes[0];
+    EXPECT_EQ(attributes.getType(), CT_POINT_IN_TIME);
+    EXPECT_EQ(attributes.getStorage(), CS_CENTRALREPOSITORY);
+    EXPECT_EQ(attributes.getDiscoveryTime(), TlxObjTime(1000, 5));
+    EXPECT_EQ(attributes.getTimeToLive(), TlxObjTime(FOUR_HOURS, 0));
+    EXPECT_EQ(attributes.getPriority(), 7u);
+    EXPECT_EQ(factory, static_cast<DiscoveryFactory*>(repository.get()));
+}
+
+TEST_F(ExplorerTimersTest, AFailedPushStopsNeitherTheOthersNorTheNextCycle)
+{
+    const AutoDereference<FakePush> bad(new FakePush("bad"));
+    bad->onPush = [](DiscoveryFactory*, DiscoveryResult&) { throw std::runtime_error("broken"); };
+    repository->push("a", "a", 1, *bad);
+    repository->push("b", "a", 1, *push);
+    const LogCapture log;
+    repository->startPushTimer();
+    reactor.pass(1);
+    EXPECT_EQ(push->calls, Calls{"push b of a"});
+    EXPECT_EQ(log.texts(1), Calls{"Explorer bad, pushCollection for a of a failed: broken"});
+    EXPECT_EQ(reactor.scheduled(), 1);
+    const auto status = repository->getExplorerStatus();
+    EXPECT_EQ(status[0].outcome, "it failed; the log tells why");
+    EXPECT_EQ(status[1].outcome, "pushed");
+}
+
+TEST_F(ExplorerTimersTest, APushThatSaysItFailedIsShown)
+{
+    repository->push("s", "a", 1, *push);
+    push->onPush = [](DiscoveryFactory*, DiscoveryResult& result) {
+        result.discStatus = DS_OPEN_FAILED;
+    };
+    push->answer = false;
+    repository->startPushTimer();
+    reactor.pass(1);
+    EXPECT_EQ(repository->getExplorerStatus()[0].outcome, "it pushed nothing (status 3)");
+    EXPECT_EQ(reactor.scheduled(), 1);
+}
+
+TEST_F(ExplorerTimersTest, ExplorersRegisteredLaterAreNotPushed)
+{
+    repository->startPushTimer();
+    repository->push("s", "a", 7, *push);
+    reactor.pass(1);
+    EXPECT_EQ(push->calls, Calls{});
+}
+
+TEST_F(ExplorerTimersTest, ACycleThatFindsTheShutdownEndsAtOnceAndIsNotScheduledAgain)
+{
+    const AutoDereference<FakePush> first(new FakePush);
+    repository->push("a", "a", 1, *first);
+    repository->push("b", "a", 1, *push);
+    first->onPush = [this](DiscoveryFactory*, DiscoveryResult&) {
+        std::thread([this] { repository->shutdown(); }).join();
+    };
+    repository->startPushTimer();
+    reactor.pass(1);
+    EXPECT_EQ(push->calls, Calls{"stop b of a"});
+    EXPECT_EQ(reactor.scheduled(), 0);
+    repository->fini();
+}
+
+TEST_F(ExplorerTimersTest, AStopTakesTheScheduleAwayAndFiniReturns)
+{
+    repository->push("s", "a", 1, *push);
+    repository->startPushTimer();
+    repository->startRegisterTimer();
+    EXPECT_EQ(reactor.scheduled(), 2);
+    repository->shutdown();
+    EXPECT_EQ(reactor.scheduled(), 0);
+    repository->fini();
+    EXPECT_EQ(push->calls, Calls{"stop s of a"});
+    repository->startPushTimer();
+    repository->startRegisterTimer();
+    EXPECT_EQ(reactor.scheduled(), 0) << "never once shutting down";
+}
+
+TEST_F(ExplorerTimersTest, FiniWaitsForARunInProgress)
+{
+    std::atomic<bool> inside{false};
+    std::atomic<bool> over{false};
+    repository->push("s", "a", 1, *push);
+    push->onPush = [&](DiscoveryFactory*, DiscoveryResult&) {
+        inside = true;
+        while (!repository->isShuttingDown())
+            std::this_thread::yield();
+        over = true;
+    };
+    repository->startPushTimer();
+    std::thread cycle([this] { reactor.pass(1); });
+    while (!inside)
+        std::this_thread::yield();
+    repository->shutdown();
+    repository->fini();
+    EXPECT_TRUE(over);
+    cycle.join();
+    EXPECT_EQ(reactor.scheduled(), 0);
+}
+
+TEST_F(ExplorerTimersTest, ATriggerMovesTheNextPush)
+{
+    repository->push("s", "a", 1, *push);
+    repository->startPushTimer();
+    reactor.pass(1);
+    const LogCapture log;
+    repository->triggerPushTimer();
+    EXPECT_EQ(log.texts(4),
+              Calls{"triggering push in " + std::to_string(delayOf(0, 60)) + " seconds"});
+    EXPECT_EQ(reactor.scheduled(), 1);
+    EXPECT_EQ(reactor.pass(61), 1);
+    EXPECT_EQ(push->calls.size(), 2u);
+}
+
+TEST_F(ExplorerTimersTest, ATriggerInTheMiddleOfACycleLeavesOneSchedule)
+{
+    repository->push("s", "a", 1, *push);
+    push->onPush = [this](DiscoveryFactory*, DiscoveryResult&) { repository->triggerPushTimer(); };
+    repository->startPushTimer();
+    reactor.pass(1);
+    EXPECT_EQ(reactor.scheduled(), 1);
+    EXPECT_EQ(reactor.pass(61), 1) << "the trigger stays";
+}
+
+TEST_F(ExplorerTimersTest, TheSeedIsTheNumberAHostsNameBeginsWith)
+{
+    repository->startPushTimer();
+    for (const auto& [name, seed] : {std::pair{"42host", 42u}, std::pair{"host42", 0u}}) {
+        HostConfig::instance().readText(std::string("CLIENT_NAME = ") + name + "\n", "qm.conf");
+        const LogCapture log;
+        repository->triggerPushTimer();
+        EXPECT_EQ(log.texts(4),
+                  Calls{"triggering push in " + std::to_string(delayOf(seed, 60)) + " seconds"});
+    }
+}
+
+TEST_F(ExplorerTimersTest, WithoutAPushTimerATriggerDoesNothing)
+{
+    const LogCapture log;
+    repository->triggerPushTimer();
+    EXPECT_EQ(log.lines().size(), 0u);
+    EXPECT_EQ(reactor.scheduled(), 0);
+}
+
+TEST_F(ExplorerTimersTest, WithoutAReactorNothingIsScheduled)
+{
+    setAceReactor(nullptr);
+    repository->startPushTimer();
+    EXPECT_TRUE(repository->getNextPush().isZero());
+    repository->shutdown();
+    repository->fini();
+}
+
+TEST_F(ExplorerTimersTest, AClientWithoutAMasterTriesAgainEveryFiveMinutesAndNeverPushes)
+{
+    repository->push("s", "a", 1, *push);
+    repository->startRegisterTimer();
+    LogCapture log;
+    EXPECT_EQ(reactor.pass(301), 1);
+    EXPECT_EQ(log.texts(1), Calls{"Cannot find master server name, cannot register explorers"});
+    log.clear();
+    EXPECT_EQ(reactor.pass(299), 0);
+    EXPECT_EQ(reactor.pass(1), 1);
+    EXPECT_EQ(log.texts(1), Calls{"Cannot find master server name, cannot register explorers"});
+    EXPECT_EQ(push->calls, Calls{});
+    EXPECT_EQ(reactor.scheduled(), 1);
+}
+
+TEST_F(ExplorerTimersTest, TheFirstRegistrationComesAfterTheHostsOwnDelay)
+{
+    repository->startRegisterTimer();
+    const long delay = delayOf(0, 300);
+    EXPECT_EQ(reactor.pass(delay - 1), 0);
+    EXPECT_EQ(reactor.pass(1), 1);
+}
+
+TEST_F(ExplorerTimersTest, RestartsAndAStopAtTheSameMomentLeaveNoSchedule)
+{
+    repository->push("s", "a", 1, *push);
+    repository->startPushTimer();
+    std::thread triggers([this] {
+        for (int i = 0; i < 200; ++i)
+            repository->triggerPushTimer();
+    });
+    std::thread runs([this] {
+        for (int i = 0; i < 200; ++i)
+            reactor.pass(100);
+    });
+    repository->shutdown();
+    triggers.join();
+    runs.join();
+    repository->fini();
+    EXPECT_EQ(reactor.scheduled(), 0);
+}
+
+} // namespace
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc
