@@ -335,6 +335,8 @@ void Daemon::publish(const char* state)
         m_status.host = HostConfig::instance().localHostName();
         m_status.requestsInProgress = Tlx::Orb::requestsInProgress();
         m_status.counters = m_hosted.counters();
+        if (m_hosted.explorers)
+            m_status.explorers = m_hosted.explorers();
         writeStatus(state);
     });
 }

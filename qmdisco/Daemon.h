@@ -28,6 +28,8 @@ struct Hosted
     std::function<std::unique_ptr<Tlx::OrbService>(bool foreground)> makeService;
     /// The service's counters, for the status; called on the main thread.
     std::function<Counters()> counters;
+    /// Its explorers, likewise; empty for none.
+    std::function<Explorers()> explorers;
     std::chrono::milliseconds statusInterval{2000};
     /// How long a second of STOP_LIMIT is.
     std::chrono::milliseconds second{1000};

@@ -40,6 +40,31 @@ bool syncDirectory(const Tlx::TlxPathname& directory)
     return synced;
 }
 
+/// A time that may be none.
+nlohmann::ordered_json timeOrNull(long long seconds)
+{
+    return seconds == 0 ? nlohmann::ordered_json() : nlohmann::ordered_json(toIsoTime(seconds));
+}
+
+nlohmann::ordered_json toDocument(const std::vector<ExplorerLine>& lines)
+{
+    nlohmann::ordered_json document = nlohmann::ordered_json::array();
+    for (const ExplorerLine& line : lines) {
+        if (document.size() == MAX_EXPLORER_LINES)
+            break;
+        document.push_back({{"kind", line.kind},
+                            {"name", line.name},
+                            {"subject", line.subject},
+                            {"authority", line.authority},
+                            {"type", line.type},
+                            {"priority", line.priority},
+                            {"library", line.library},
+                            {"last", timeOrNull(line.last)},
+                            {"outcome", line.outcome}});
+    }
+    return document;
+}
+
 } // namespace
 
 std::string toJson(const Status& status)
@@ -60,6 +85,9 @@ std::string toJson(const Status& status)
         {"assertions", status.assertions},
         {"requestsInProgress", status.requestsInProgress},
         {"counters", counters},
+        {"nextPush", timeOrNull(status.explorers.nextPush)},
+        {"explorersRegistered", status.explorers.lines.size()},
+        {"explorers", toDocument(status.explorers.lines)},
     };
     return document.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }

@@ -11,6 +11,29 @@ namespace Veltrane::Quillmark::Qmdisco {
 
 using Counters = std::vector<std::pair<std::string, unsigned long long>>;
 
+/// One explorer that is registered with the service.
+struct ExplorerLine
+{
+    std::string kind; ///< "push" or "pull"
+    std::string name;
+    std::string subject;
+    std::string authority;
+    int type = 0; ///< the authority's
+    unsigned priority = 0;
+    std::string library; ///< empty for the service's own
+    long long last = 0;  ///< of the last push or pull, seconds since the epoch; 0 for none
+    std::string outcome; ///< how that went
+};
+
+struct Explorers
+{
+    std::vector<ExplorerLine> lines;
+    long long nextPush = 0; ///< seconds since the epoch; 0 when none is due
+};
+
+/// More are not written, only counted: the document is read by people.
+constexpr std::size_t MAX_EXPLORER_LINES = 1000;
+
 struct Status
 {
     std::string version;
@@ -25,6 +48,7 @@ struct Status
     unsigned long assertions = 0;
     unsigned requestsInProgress = 0;
     Counters counters;
+    Explorers explorers;
 };
 
 /// The status as a JSON document; bytes that are no UTF-8 become U+FFFD.

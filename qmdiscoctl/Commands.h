@@ -46,6 +46,7 @@ Outcome runPut(Session& session);
 Outcome runQuery(Session& session);
 Outcome runGet(Session& session);
 Outcome runStatus(Session& session);
+Outcome runExplorers(Session& session);
 Outcome runRefresh(Session& session);
 Outcome runStop(Session& session);
 

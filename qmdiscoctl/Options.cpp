@@ -304,6 +304,11 @@ void Parser::addServiceCommands()
         addCommand("status", "Show what is known about the service", "Service", Command::STATUS);
     addCommonOptions(status);
 
+    CLI::App* explorers =
+        addCommand("explorers", "List the explorers that the service of this host has registered",
+                   "Service", Command::EXPLORERS);
+    addCommonOptions(explorers);
+
     CLI::App* refresh = addCommand("refresh", "Make the service's explorers look again", "Service",
                                    Command::REFRESH);
     refresh->add_flag("--all", m_options.all, "Those of every host; only the master's service can")
@@ -330,7 +335,7 @@ std::string Parser::commandProblem(const CLI::ParseError& error) const
     const std::vector<std::string> unknown = m_app.remaining();
     return (unknown.empty() ? "a command is expected"
                             : "there is no command or option " + quoted(unknown.front())) +
-           "; the commands are put, query, get, status, refresh and stop";
+           "; the commands are put, query, get, status, explorers, refresh and stop";
 }
 
 std::string Parser::givenTwice() const

@@ -15,6 +15,7 @@ enum class Command
     QUERY,
     GET,
     STATUS,
+    EXPLORERS,
     REFRESH,
     STOP
 };

@@ -57,10 +57,12 @@ std::string shown(const Json& value)
     return value.dump(-1, ' ', true, Json::error_handler_t::replace);
 }
 
-/// Every member, whatever it is; those of an object as OBJECT.MEMBER.
+/// Every member but lists; those of an object as OBJECT.MEMBER.
 void addMembers(Rows& rows, const Json& members)
 {
     for (const auto& member : members.items()) {
+        if (member.value().is_array()) // has a command of its own
+            continue;
         if (!member.value().is_object()) {
             rows.push_back({member.key(), shown(member.value())});
             continue;

@@ -24,9 +24,8 @@ class EngineContext;
 
 extern "C" {
 /// Stands in every library that includes this header, so that the loader sees what it was built
-/// for.
-[[gnu::weak, gnu::used, gnu::visibility("default")]] inline unsigned QmExplorerKitVersion =
-    QM_EXPLORER_KIT_VERSION;
+/// for. Weak, and not inline: of an inline variable a process has one for all its libraries.
+[[gnu::weak, gnu::visibility("default")]] unsigned QmExplorerKitVersion = QM_EXPLORER_KIT_VERSION;
 }
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {

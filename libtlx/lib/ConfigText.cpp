@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <charconv>
 #include <cstring>
 #include <functional>
@@ -142,6 +143,16 @@ std::string checkEndpoint(const std::string& value, bool anyPort, const char* ex
     return {};
 }
 
+// Names of file system types with commas between them.
+std::string checkTypes(const std::string& value)
+{
+    const bool good = !value.empty() && std::all_of(value.begin(), value.end(), [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) || std::strchr("._-, ", c);
+    });
+    return good ? std::string()
+                : quoted(value) + " is no list of types, expected for instance pseudo,nfs4";
+}
+
 bool isEndpointKey(std::string_view key)
 {
     return key.starts_with(ConfigKey::ENDPOINT_PREFIX);
@@ -150,7 +161,8 @@ bool isEndpointKey(std::string_view key)
 bool isKnownKey(const std::string& key)
 {
     for (const char* known : {ConfigKey::SERVER, ConfigKey::CLIENT_NAME, ConfigKey::LISTEN,
-                              ConfigKey::PUBLISH_ADDRESS, ConfigKey::REPORT_CLIENT_DISCOVERIES})
+                              ConfigKey::PUBLISH_ADDRESS, ConfigKey::REPORT_CLIENT_DISCOVERIES,
+                              ConfigKey::FILESYSTEM_PULL, ConfigKey::FILESYSTEM_EXCLUDE})
         if (key == known)
             return true;
     return findNumberKey(key) != nullptr || isEndpointKey(key);
@@ -172,6 +184,8 @@ std::string checkValue(const std::string& key, const std::string& value)
         return checkHost(value, "client7.example.com");
     if (key == ConfigKey::PUBLISH_ADDRESS)
         return checkHost(value, "192.0.2.7");
+    if (key == ConfigKey::FILESYSTEM_EXCLUDE)
+        return checkTypes(value);
     if (const NumberKey* number = findNumberKey(key))
         return checkNumber(*number, value);
     bool flag = false;

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <limits>
 
+#include <omnithread.h>
+
 #include <tlx/HostConfig.h>
 #include <tlx/Resolver.h>
 #include <tlx/Servant.h>
@@ -24,7 +26,8 @@ CORBA::ULong toOrbMilliseconds(milliseconds limit)
         std::clamp<milliseconds::rep>(limit.count(), 0, std::numeric_limits<CORBA::ULong>::max()));
 }
 
-/// Limits the calls of this thread while it lives.
+/// Limits the calls of this thread while it lives. The thread may be any: the ORB's own, or one
+/// that it has never seen, a timer's, say.
 class ThreadCallLimit
 {
   public:
@@ -35,6 +38,9 @@ class ThreadCallLimit
     ~ThreadCallLimit() { omniORB::setClientThreadCallTimeout(0); }
     ThreadCallLimit(const ThreadCallLimit&) = delete;
     ThreadCallLimit& operator=(const ThreadCallLimit&) = delete;
+
+  private:
+    const omni_thread::ensure_self m_known; // the ORB keeps the limit in an object of its own
 };
 
 milliseconds left(Clock::time_point end)

@@ -22,11 +22,13 @@ constexpr const char* LISTEN = "LISTEN";                   ///< ADDRESS:PORT
 constexpr const char* PUBLISH_ADDRESS = "PUBLISH_ADDRESS"; ///< address inside references
 constexpr const char* REPORT_CLIENT_DISCOVERIES = "REPORT_CLIENT_DISCOVERIES"; ///< boolean
 constexpr const char* LOG_LEVEL = "LOG_LEVEL";                                 ///< 0..9
-constexpr const char* LOG_MAX_BYTES = "LOG_MAX_BYTES";         ///< size of one log file
-constexpr const char* LOG_KEEP = "LOG_KEEP";                   ///< rotated log files kept
-constexpr const char* STOP_LIMIT = "STOP_LIMIT";               ///< seconds for an orderly stop
-constexpr const char* MAX_MESSAGE_BYTES = "MAX_MESSAGE_BYTES"; ///< largest GIOP message accepted
-constexpr const char* ENDPOINT_PREFIX = "ENDPOINT.";           ///< ENDPOINT.<host> = ADDRESS:PORT
+constexpr const char* LOG_MAX_BYTES = "LOG_MAX_BYTES";           ///< size of one log file
+constexpr const char* LOG_KEEP = "LOG_KEEP";                     ///< rotated log files kept
+constexpr const char* STOP_LIMIT = "STOP_LIMIT";                 ///< seconds for an orderly stop
+constexpr const char* MAX_MESSAGE_BYTES = "MAX_MESSAGE_BYTES";   ///< largest GIOP message accepted
+constexpr const char* FILESYSTEM_PULL = "FILESYSTEM_PULL";       ///< boolean
+constexpr const char* FILESYSTEM_EXCLUDE = "FILESYSTEM_EXCLUDE"; ///< TYPE[,TYPE...]
+constexpr const char* ENDPOINT_PREFIX = "ENDPOINT.";             ///< ENDPOINT.<host> = ADDRESS:PORT
 } // namespace ConfigKey
 
 /// An address and a port. Written "ADDRESS:PORT", an IPv6 address in square brackets.

@@ -196,6 +196,22 @@ TEST_F(OrbTest, AnAdvertisedObjectIsFoundUnderItsName)
     EXPECT_TRUE(CORBA::is_nil(none));
 }
 
+TEST_F(OrbTest, AThreadThatTheOrbHasNeverSeenMayLookUp)
+{
+    Orb orb(false, "127.0.0.1:0", "S", false, 16);
+    PortableServer::Servant_var<PlainServant> servant(new PlainServant);
+    const CORBA::Object_var object = orb.activateServant(servant.in());
+    orb.advertiseObject("Thing", object);
+    orb.serveRequests();
+    endpointOf("here", orb.getEndpoint());
+    std::thread([&orb] {
+        for (int i = 0; i < 2; ++i) {
+            const CORBA::Object_var found = orb.lookupObject(TlxHostname("here"), "Thing", 5s);
+            EXPECT_FALSE(CORBA::is_nil(found));
+        }
+    }).join();
+}
+
 /// Another process, for what an ORB does otherwise when it calls itself: asks for "Thing" at the
 /// endpoint it is told, once with a short limit and once with a long one, and ends with 0 when only
 /// the second was answered.

@@ -36,6 +36,10 @@ Status sample()
     status.assertions = 2;
     status.requestsInProgress = 3;
     status.counters = {{"puts", 5}, {"queries", 18446744073709551615u}};
+    status.explorers.lines = {
+        {"push", "Files", "cl5", "srv1", 3, 7, "/some/lib.so", 1709208300, "pushed"},
+        {"pull", "Ours", "cl5/now", "srv1", 3, 1, "", 0, ""}};
+    status.explorers.nextPush = 1709208300 + 14400;
     return status;
 }
 
@@ -65,7 +69,33 @@ TEST_F(StatusFileTest, SaysEverything)
   "counters": {
     "puts": 5,
     "queries": 18446744073709551615
-  }
+  },
+  "nextPush": "2024-02-29T17:05:00+01:00",
+  "explorersRegistered": 2,
+  "explorers": [
+    {
+      "kind": "push",
+      "name": "Files",
+      "subject": "cl5",
+      "authority": "srv1",
+      "type": 3,
+      "priority": 7,
+      "library": "/some/lib.so",
+      "last": "2024-02-29T13:05:00+01:00",
+      "outcome": "pushed"
+    },
+    {
+      "kind": "pull",
+      "name": "Ours",
+      "subject": "cl5/now",
+      "authority": "srv1",
+      "type": 3,
+      "priority": 1,
+      "library": "",
+      "last": null,
+      "outcome": ""
+    }
+  ]
 }
 )",
               m_root.read("status.json"));

@@ -461,6 +461,57 @@ TEST_F(CtlCommandsTest, StatusShowsTheServiceAndItsFile)
     EXPECT_THAT(out.text, HasSubstr("counters.queries  3\n"));
 }
 
+TEST_F(CtlCommandsTest, ExplorersAreShownFromTheServicesFile)
+{
+    target.local = true;
+    status.found = true;
+    status.path = "/root/run/status.json";
+    status.members = Json::parse(R"({"nextPush": "2024-02-29T17:05:00+01:00",
+        "explorersRegistered": 3, "explorers": [
+        {"kind": "push", "name": "Files", "subject": "cl5", "authority": "srv1", "type": 3,
+         "priority": 7, "library": "/some/lib.so", "last": "2024-02-29T13:05:00+01:00",
+         "outcome": "pushed"},
+        {"kind": "pull", "name": "O", "subject": "x", "authority": "a", "type": 99, "priority": 1,
+         "library": "", "last": null, "outcome": ""}, 7]})");
+    EXPECT_EQ(run(Command::EXPLORERS), Outcome());
+    EXPECT_EQ(out.text,
+              "KIND  SUBJECT  AUTHORITY  TYPE    PRIORITY  EXPLORER  LAST                       "
+              "OUTCOME  LIBRARY\n"
+              "push  cl5      srv1       extsrc  7         Files     2024-02-29T13:05:00+01:00  "
+              "pushed   /some/lib.so\n"
+              "pull  x        a          99      1         O         -                          "
+              "-        -\n"
+              "next push: 2024-02-29T17:05:00+01:00\n");
+    out.text.clear();
+    options.json = true;
+    EXPECT_EQ(run(Command::EXPLORERS), Outcome());
+    EXPECT_EQ(Json::parse(out.text)["explorers"], status.members["explorers"]);
+    EXPECT_EQ(script.calls, Lines{}) << "the service is not asked";
+}
+
+TEST_F(CtlCommandsTest, ExplorersThatAreNotToldOf)
+{
+    status.path = "/root/run/status.json";
+    target.local = false;
+    EXPECT_EQ(run(Command::EXPLORERS),
+              (Failure{EC_USAGE, "the explorers of backup1 are told on that host only"}));
+    target.local = true;
+    status.found = false;
+    EXPECT_EQ(run(Command::EXPLORERS),
+              (Failure{EC_UNREACHABLE, "the service of this host is not running: there is no "
+                                       "/root/run/status.json"}));
+    status.found = true;
+    EXPECT_EQ(run(Command::EXPLORERS),
+              (Failure{EC_FAILURE, "/root/run/status.json tells nothing of explorers"}));
+    status.stale = true;
+    EXPECT_EQ(run(Command::EXPLORERS),
+              (Failure{EC_UNREACHABLE, "the service of this host is not running: "
+                                       "/root/run/status.json is of one that ended"}));
+    status.problem = "is no status of a service";
+    EXPECT_EQ(run(Command::EXPLORERS),
+              (Failure{EC_FAILURE, "/root/run/status.json is no status of a service"}));
+}
+
 TEST_F(CtlCommandsTest, EveryCommandTellsAServiceThatCannotBeReached)
 {
     reachable = false;

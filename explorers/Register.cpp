@@ -1,0 +1,38 @@
+// What the library offers to the daemon that loads it.
+
+#include <ExplorerPlugin.h>
+#include <tlx/HostConfig.h>
+
+#include "FileSystemData.h"
+#include "FileSystemExplorers.h"
+
+using namespace Veltrane::Quillmark;
+using namespace Veltrane::Quillmark::Tlx::DiscoverySvc;
+using Veltrane::Quillmark::Tlx::AutoDereference;
+
+namespace {
+constexpr unsigned int PRIORITY_OF_OURS = 1; ///< whoever knows more registers with a higher one
+} // namespace
+
+void RegisterExplorers(DiscoveryRepository* repository)
+{
+    const Tlx::HostConfig& config = Tlx::HostConfig::instance();
+    const std::string host = config.localHostName();
+    const Subject stored(host);
+    const AutoDereference<ExplorerPush> push(new Explorers::FileSystemPush);
+    repository->registerExplorer(&stored, push.get(), PRIORITY_OF_OURS, nullptr);
+
+    bool mayBePulled = true;
+    config.getBoolean(Tlx::ConfigKey::FILESYSTEM_PULL, mayBePulled);
+    if (!mayBePulled)
+        return;
+    const Subject pulled(Explorers::pullSubject(host));
+    const AutoDereference<ExplorerPull> pull(new Explorers::FileSystemPull);
+    repository->registerExplorer(&pulled, pull.get(), PRIORITY_OF_OURS, nullptr, false);
+}
+
+void RegisterExplorerParsers(DiscoveryRepository* repository)
+{
+    const AutoDereference<ExplorerDataParser> parser(new Explorers::FileSystemParser);
+    repository->registerExplorerParser(parser->getExplorerParserName(), parser.get());
+}

@@ -1,0 +1,68 @@
+// Puts explorer libraries through the battery that every explorer has to pass.
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
+#include <unistd.h>
+
+#include <DiscDB.h>
+#include <tlx/Assert.h>
+#include <tlx/HostConfig.h>
+#include <tlx/Plugin.h>
+
+#include "Battery.h"
+
+using namespace Veltrane::Quillmark;
+
+namespace {
+
+constexpr int EXIT_FAILED = 1;
+constexpr int EXIT_USAGE = 2;
+constexpr int EXIT_CANNOT_RUN = 77; ///< as test drivers know it
+
+constexpr const char* USAGE =
+    "usage: qm-explorer-check LIBRARY...\n"
+    "Loads libraries of explorers and puts every explorer that they register through the battery\n"
+    "that every explorer has to pass, on a store of its own. Exit code 0: all of it held.\n";
+
+int check(int count, char** libraries, const std::filesystem::path& root)
+{
+    Tlx::HostConfig::instance().setRoot(root.string());
+    Tlx::HostConfig::instance().readText("SERVER = localhost\nCLIENT_NAME = checked\n", "qm.conf");
+    Tlx::setKitVersion({"QmExplorerKitVersion", QM_EXPLORER_KIT_VERSION});
+    Tlx::DiscoverySvc::getDiscoveryDBDatabase()->init("");
+    const Tlx::AutoDereference<Kit::CheckedRepository> repository(new Kit::CheckedRepository);
+    Kit::Report report;
+    for (int i = 0; i < count; ++i)
+        Kit::checkLibrary(std::filesystem::absolute(libraries[i]).string(), *repository, report);
+    report.check(Tlx::assertionCount() == 0, "no assertion failed");
+    std::printf("%d passed, %d failed\n", report.passed(), report.failed());
+    return report.failed() == 0 ? EXIT_SUCCESS : EXIT_FAILED;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc < 2 || std::strcmp(argv[1], "--help") == 0) {
+        std::fputs(USAGE, argc < 2 ? stderr : stdout);
+        return argc < 2 ? EXIT_USAGE : EXIT_SUCCESS;
+    }
+    if (::geteuid() != 0) {
+        std::fputs("qm-explorer-check: stored records have permissions 0: run it as root\n",
+                   stderr);
+        return EXIT_CANNOT_RUN;
+    }
+    std::string root = (std::filesystem::temp_directory_path() / "qmcheck.XXXXXX").string();
+    if (!::mkdtemp(root.data())) {
+        std::fprintf(stderr, "qm-explorer-check: cannot make %s: %s\n", root.c_str(),
+                     std::strerror(errno));
+        return EXIT_FAILED;
+    }
+    const int code = check(argc - 1, argv + 1, root);
+    std::error_code error;
+    std::filesystem::remove_all(root, error);
+    return code;
+}

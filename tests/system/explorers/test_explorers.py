@@ -1,0 +1,200 @@
+"""Explorers in a running daemon: what they store, what can be pulled, and what bad ones do."""
+
+import os
+import shutil
+import signal
+import subprocess
+import xml.etree.ElementTree as ElementTree
+
+import pytest
+
+import harness
+from giop import AuthorityType, DiscoveryStatus
+from records import ANY, get, status_of_get, subjects
+
+BUILD = harness.program().parent.parent
+PLUGINS = BUILD / "tests" / "unit" / "plugins"
+
+
+def libraries(root):
+    directory = root.path / "lib"
+    (directory / "plugins").mkdir(parents=True, exist_ok=True)
+    return directory
+
+
+@pytest.fixture
+def default_explorers(root):
+    os.symlink(BUILD / "lib" / "libqmexplorer.so", libraries(root) / "libqmexplorer.so")
+
+
+def add_plugin(root, name, as_name=None):
+    target = libraries(root) / "plugins" / ((as_name or name) + ".so")
+    shutil.copy(PLUGINS / (name + ".so"), target)
+    return target
+
+
+def pushed(root, subject):
+    """Waits until the daemon's status tells of a push of the subject that went well."""
+    def done():
+        return [each for each in root.status().get("explorers", [])
+                if each["kind"] == "push" and each["subject"] == subject and
+                each["outcome"] == "pushed"]
+    return harness.wait_for(done, "%s is pushed" % subject)[0]
+
+
+def items(document):
+    root = ElementTree.fromstring(document)
+    assert root.tag == "DiscoveredItems"
+    return root.findall("DISCOVERED")
+
+
+def ctl(root, *arguments, code=0):
+    done = subprocess.run([harness.program("qmdiscoctl"), "--root", str(root), *arguments],
+                          stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=60,
+                          check=False)
+    assert done.returncode == code, done.stderr
+    return done.stdout if code == 0 else done.stderr
+
+
+def test_the_default_explorers_push_and_are_pulled(default_explorers, start, root):
+    service = start(root).client()
+    explorer = pushed(root, "master1")
+    assert explorer["name"] == "FileSystems" and explorer["authority"] == "master1"
+    assert explorer["library"] == str(root.path / "lib" / "libqmexplorer.so")
+    assert "3 master1 master1.xml" in root.files()
+    assert subjects(service) == ["master1", "master1/now"]
+
+    stored, now = get(service, "master1", "master1", ANY), get(service, "master1/now", "master1", ANY)
+    for document in (stored, now):
+        mounted = {item.get("Name"): item.find("ExplorerData") for item in items(document)}
+        with open("/proc/self/mountinfo", encoding="utf-8") as table:
+            real = {line.split()[4] for line in table if " - ext4 " in line or " - overlay " in line}
+        assert real and real <= set(mounted)
+        for data in mounted.values():
+            assert data.get("Name") == "FileSystems"
+            assert [each.tag for each in data][:3] == ["Device", "Type", "Options"]
+            assert all(not each.attrib for each in data)
+            assert data.find("ReadOnly").text in ("0", "1")
+            assert data.find("Type").text not in ("proc", "sysfs", "tmpfs", "cgroup2")
+
+
+def test_what_is_left_out_is_configured(default_explorers, start, root):
+    root.configure(FILESYSTEM_EXCLUDE="none")
+    service = start(root).client()
+    everything = {item.find("ExplorerData/Type").text
+                  for item in items(get(service, "master1/now", "master1", ANY))}
+    assert "proc" in everything
+
+
+def test_the_pull_is_switched_off(default_explorers, start, root):
+    root.configure(FILESYSTEM_PULL="FALSE")
+    service = start(root).client()
+    pushed(root, "master1")
+    assert subjects(service) == ["master1"]
+    assert status_of_get(service, "master1/now", "master1", ANY) == DiscoveryStatus.DS_NONE_FOUND
+
+
+def test_a_refresh_pushes_again_within_a_minute(default_explorers, start, root):
+    daemon = start(root)
+    pushed(root, "master1")
+    log = root.log()
+    ctl(root, "refresh")
+    [text] = log.texts(level=4, source="../DiscoveryRepository")
+    # Any host whose name starts with no digit has the same delay.
+    seconds = int(text.removeprefix("triggering push in ").removesuffix(" seconds"))
+    assert 0 <= seconds < 60
+    status = harness.wait_for(lambda: root.status().get("nextPush") and root.status(), "a next push")
+    assert status["nextPush"]
+    assert daemon.stop() == 0
+
+
+def test_the_command_line_lists_them(default_explorers, start, root):
+    start(root)
+    pushed(root, "master1")
+    table = ctl(root, "explorers").splitlines()
+    assert table[0].split() == ["KIND", "SUBJECT", "AUTHORITY", "TYPE", "PRIORITY", "EXPLORER",
+                                "LAST", "OUTCOME", "LIBRARY"]
+    assert [line.split()[:6] for line in table[1:3]] == [
+        ["push", "master1", "master1", "extsrc", "1", "FileSystems"],
+        ["pull", "master1/now", "master1", "extsrc", "1", "FileSystems"]]
+    assert table[3].startswith("next push: ")
+
+
+def test_an_expired_push_is_stored_again_by_the_next(default_explorers, start, root):
+    """A restart pushes at once; what it stored before is replaced."""
+    daemon = start(root)
+    pushed(root, "master1")
+    daemon.stop()
+    before = (root.store / "3 master1 master1.xml").read_bytes()
+    start(root)
+    pushed(root, "master1")
+    assert (root.store / "3 master1 master1.xml").read_bytes() != before
+
+
+def test_bad_plugins_are_named_and_keep_nobody_out(default_explorers, start, root):
+    paths = {name: add_plugin(root, name) for name in
+             ("throwing", "throwing_odd", "newer", "older", "unresolved", "empty", "good")}
+    garbage = libraries(root) / "plugins" / "garbage.so"
+    garbage.write_text("no library")
+    daemon = start(root)
+    log = (root.path / "logs" / "qmdisco.log").read_text()
+    for text in ("%s: RegisterExplorers failed: thrown by throwing" % paths["throwing"],
+                 "%s: RegisterExplorers failed: it threw something that is no exception"
+                 % paths["throwing_odd"],
+                 "%s was built for version 99 of the kit, this is version 1" % paths["newer"],
+                 "%s was built for version 0 of the kit, this is version 1" % paths["older"],
+                 "Unable to load %s: " % paths["unresolved"], "Unable to load %s: " % garbage,
+                 "Did not found the explorer interface on plugin %s" % paths["empty"],
+                 "Registration of explorers in %s completed" % paths["good"]):
+        assert text in log, text
+    assert get(daemon.client(), "master1/now", "master1", ANY)
+    assert daemon.stop() == 0
+
+
+def test_a_stop_in_the_middle_of_a_load(root):
+    """A registration that takes its time does not keep the daemon from stopping in order."""
+    for number in range(20):
+        add_plugin(root, "slow", "slow%02d" % number)
+    with harness.Daemons() as daemons:
+        daemon = daemons.launch(root)
+        harness.wait_for(lambda: "Entering" in daemon.stderr(), "a plug-in is entered")
+        assert daemon.stop() == 0
+
+
+def test_explorers_of_another_host_survive_a_restart(start, root):
+    daemon = start(root)
+    daemon.client().registerExplorer("DiscoveryService", "client1", "cl1/now", "cl1",
+                                     AuthorityType.AT_EXTSRC, 5)
+    assert root.files() == ["4 cl1 cl1%2Fnow.dat", "4 cl1 cl1%2Fnow.xml"]
+    daemon.kill()
+    service = start(root).client()
+    assert subjects(service) == ["cl1/now"]
+    assert subjects(service, type=AuthorityType.AT_REMOTEPULL) == ["cl1/now"]
+    [explorer] = harness.wait_for(lambda: root.status().get("explorers"), "it is told of")
+    assert (explorer["kind"], explorer["name"], explorer["priority"]) == ("pull", "RemotePullExplorer", 5)
+
+
+def test_a_client_without_a_master_does_not_push(default_explorers, start, root):
+    root.configure(CLIENT_NAME="95client", SERVER=None)
+    daemon = start(root)
+    log_file = root.path / "logs" / "qmdisco.log"
+    harness.wait_for(lambda: "Cannot find master server name, cannot register explorers"
+                     in log_file.read_text(), "the register timer has run")
+    assert root.files() == []
+    service = daemon.client()
+    assert items(get(service, "95client/now", "95client", ANY))
+    assert daemon.stop(signal.SIGINT) == 0
+
+
+def test_a_client_registers_with_its_master_and_then_pushes(start, tmp_path):
+    master_root = harness.Root(tmp_path / "master")
+    master = start(master_root)
+    client_root = harness.Root(tmp_path / "client", CLIENT_NAME="96client", SERVER="master1",
+                               **{"ENDPOINT.master1": master.endpoint})
+    os.symlink(BUILD / "lib" / "libqmexplorer.so", libraries(client_root) / "libqmexplorer.so")
+    client = start(client_root)
+    log_file = client_root.path / "logs" / "qmdisco.log"
+    harness.wait_for(lambda: "Successfully registered explorers with master" in log_file.read_text(),
+                     "it is registered")
+    assert master_root.files() == ["4 96client 96client%2Fnow.dat", "4 96client 96client%2Fnow.xml"]
+    assert client.stop() == 0

@@ -1,0 +1,204 @@
+// The mount table, the document made of it, and the document's blocks read back.
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "FileSystemData.h"
+#include "FileSystemDocument.h"
+#include "FileSystemExplorers.h"
+
+namespace Veltrane::Quillmark::Explorers {
+namespace {
+
+using namespace Tlx::DiscoverySvc;
+
+struct MountTableTest : testing::Test
+{
+    MountTableTest()
+    {
+        std::string name = (std::filesystem::temp_directory_path() / "qmtest.XXXXXX").string();
+        EXPECT_NE(::mkdtemp(name.data()), nullptr);
+        directory = name;
+    }
+    ~MountTableTest() override { std::filesystem::remove_all(directory); }
+
+    /// The mount points that a table has, with what is left out.
+    std::vector<std::string> mounts(const std::string& table, const std::string& excluded)
+    {
+        const std::string file = directory / "mountinfo";
+        std::ofstream(file) << table;
+        EXPECT_TRUE(readMountTable(file, Exclusion(excluded), read, error)) << error;
+        std::vector<std::string> places;
+        for (const FileSystem& each : read)
+            places.push_back(each.mount);
+        return places;
+    }
+
+    std::filesystem::path directory;
+    std::vector<FileSystem> read;
+    std::string error;
+};
+
+constexpr const char* TABLE = "21 1 8:1 / / rw,relatime - ext4 /dev/sda1 rw,errors=remount-ro\n"
+                              "22 21 0:4 / /proc rw,nosuid - proc proc rw\n"
+                              "23 21 0:30 / /run rw,nosuid - tmpfs tmpfs rw,size=1k\n"
+                              "24 21 8:2 / /mnt/a\\040b ro,noatime - xfs /dev/sda2 ro\n"
+                              "25 21 0:50 / /mnt/server rw - nfs4 server:/export rw,vers=4.2\n"
+                              "26 21 0:60 / /var/lib/c rw - overlay overlay rw,lowerdir=/a\n";
+
+TEST_F(MountTableTest, PseudoFileSystemsAreLeftOut)
+{
+    EXPECT_EQ(mounts(TABLE, "pseudo"),
+              (std::vector<std::string>{"/", "/mnt/a b", "/mnt/server", "/var/lib/c"}));
+}
+
+TEST_F(MountTableTest, WhatIsLeftOutIsAList)
+{
+    EXPECT_EQ(mounts(TABLE, "none").size(), 6u);
+    EXPECT_EQ(mounts(TABLE, " pseudo , nfs4,xfs ,").size(), 2u);
+    EXPECT_EQ(mounts(TABLE, "tmpfs"),
+              (std::vector<std::string>{"/", "/proc", "/mnt/a b", "/mnt/server", "/var/lib/c"}));
+}
+
+TEST_F(MountTableTest, AFileSystemIsWhatTheTableTells)
+{
+    mounts(TABLE, "pseudo");
+    EXPECT_EQ(read[0].device, "/dev/sda1");
+    EXPECT_EQ(read[0].type, "ext4");
+    EXPECT_EQ(read[0].options, "rw,relatime,errors=remount-ro");
+    EXPECT_FALSE(read[0].readOnly);
+    EXPECT_GT(read[0].size.value_or(0), read[0].used.value_or(0));
+    EXPECT_TRUE(read[1].readOnly);
+    EXPECT_FALSE(read[1].size) << "there is no such place here";
+    EXPECT_FALSE(read[2].size) << "its server may be gone, so it is not asked";
+}
+
+TEST_F(MountTableTest, OfSeveralOnOnePlaceTheLastOneCounts)
+{
+    mounts("21 1 8:1 / / rw - ext4 /dev/sda1 rw\n"
+           "22 21 8:2 / /mnt rw - xfs /dev/sda2 rw\n"
+           "23 22 8:3 / /mnt rw - ext4 /dev/sda3 rw\n",
+           "pseudo");
+    ASSERT_EQ(read.size(), 2u);
+    EXPECT_EQ(read[1].device, "/dev/sda3");
+}
+
+TEST_F(MountTableTest, ATableThatCannotBeReadIsSaid)
+{
+    EXPECT_FALSE(readMountTable("/nowhere/mountinfo", Exclusion("pseudo"), read, error));
+    EXPECT_EQ(error, "cannot read /nowhere/mountinfo: No such file or directory");
+}
+
+TEST_F(MountTableTest, TheKernelsTableIsRead)
+{
+    ASSERT_TRUE(readMountTable("/proc/self/mountinfo", Exclusion("none"), read, error)) << error;
+    EXPECT_FALSE(read.empty());
+}
+
+TEST(FileSystemDocumentTest, HasAnItemForEach)
+{
+    const Tlx::AutoDereference<FileSystemPull> explorer(new FileSystemPull);
+    FileSystem odd{.mount = "/mnt/\"a&b\"", .device = "<x>", .type = "ext4", .options = "rw"};
+    odd.size = 4096;
+    odd.used = 0;
+    const FileSystem remote{.mount = "/s", .device = "s:/e", .type = "nfs4", .readOnly = true};
+    std::ostringstream out;
+    writeDocument(out, *explorer, {odd, remote});
+    EXPECT_EQ(out.str(),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?><DiscoveredItems>"
+              "<DISCOVERED Name=\"/mnt/&quot;a&amp;b&quot;\"><ExplorerData Name=\"FileSystems\">"
+              "<Device>&lt;x&gt;</Device><Type>ext4</Type><Options>rw</Options><Size>4096</Size>"
+              "<Used>0</Used><ReadOnly>0</ReadOnly></ExplorerData></DISCOVERED>"
+              "<DISCOVERED Name=\"/s\"><ExplorerData Name=\"FileSystems\"><Device>s:/e</Device>"
+              "<Type>nfs4</Type><Options></Options><ReadOnly>1</ReadOnly></ExplorerData>"
+              "</DISCOVERED></DiscoveredItems>");
+}
+
+/// Hands the events inside an "ExplorerData" element to the parser.
+struct Block : Tlx::XmlDocumentInterface
+{
+    Block() : XmlDocumentInterface(nullptr, "ExplorerData") {}
+    Tlx::XmlObjParseContext* getObjParseContext(const XMLCh* name) override
+    {
+        return parser->getParseContext("FileSystems", name, nullptr);
+    }
+    void xmlCharacters(Tlx::XmlObjParseContext* context, const XMLCh* chars,
+                       unsigned long length) override
+    {
+        parser->xmlCharacters(context, chars, length);
+    }
+    void xmlStartElement(Tlx::XmlObjParseContext* context, const XMLCh* name,
+                         Tlx::AttributeList& attributes) override
+    {
+        if (depth++ > 0)
+            parser->xmlStartElement(context, name, attributes);
+    }
+    int xmlEndElement(Tlx::XmlObjParseContext* context, const XMLCh* name) override
+    {
+        --depth;
+        const int result = parser->xmlEndElement(context, name);
+        if (result == Tlx::XML_COMPLETE)
+            data.reset(parser->getExplorerData(context));
+        return result;
+    }
+    const Tlx::AutoDereference<FileSystemParser> parser{new FileSystemParser};
+    Tlx::AutoDereference<ExplorerData> data;
+    int depth = 0;
+};
+
+TEST(FileSystemDataTest, ABlockReadsBackAsItWasWritten)
+{
+    FileSystem odd{.device = "/dev/<1>", .type = "ext4", .options = "rw,\n", .readOnly = true};
+    odd.size = 18446744073709551615u;
+    std::ostringstream inner;
+    writeFileSystem(inner, odd, Tlx::XmlStr::XE_UTF8);
+    Block block;
+    ASSERT_TRUE(block.parseBuffer("<ExplorerData>" + inner.str() + "</ExplorerData>"));
+    ASSERT_TRUE(block.data);
+    EXPECT_TRUE(block.data->isParsed());
+    std::ostringstream again;
+    block.data->writeXml(again, Tlx::XmlStr::XE_UTF8);
+    EXPECT_EQ(again.str(), inner.str());
+}
+
+TEST(FileSystemDataTest, WhatItDoesNotKnowIsSkipped)
+{
+    Block block;
+    ASSERT_TRUE(block.parseBuffer("<ExplorerData><Device>d</Device><New><Device>x</Device></New>"
+                                  "<Size>many</Size><Type>t</Type></ExplorerData>"));
+    const auto* data = dynamic_cast<const FileSystemData*>(block.data.get());
+    ASSERT_TRUE(data);
+    EXPECT_EQ(data->fileSystem.device, "d");
+    EXPECT_FALSE(data->fileSystem.size);
+    EXPECT_TRUE(data->isParsed());
+}
+
+TEST(FileSystemDataTest, ABlockWithoutDeviceOrTypeIsNotParsed)
+{
+    Block block;
+    ASSERT_TRUE(block.parseBuffer("<ExplorerData><Device>d</Device></ExplorerData>"));
+    ASSERT_TRUE(block.data);
+    EXPECT_FALSE(block.data->isParsed());
+}
+
+TEST(FileSystemExplorersTest, WithoutARepositoryAPushFails)
+{
+    const Tlx::AutoDereference<FileSystemPush> explorer(new FileSystemPush);
+    Tlx::AutoDereference<Tlx::TLXRefCounted> context;
+    DiscoveryResult result{DS_SUCCESS, 0};
+    EXPECT_FALSE(
+        explorer->pushCollection(Authority("a", AT_EXTSRC), Subject("s"),
+                                 CollectionAttributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY,
+                                                      Tlx::TlxObjTime(), Tlx::TlxObjTime(), 1),
+                                 context, nullptr, result));
+    EXPECT_EQ(result.discStatus, DS_OPEN_FAILED);
+    EXPECT_EQ(pullSubject("cl5"), "cl5/now");
+}
+
+} // namespace
+} // namespace Veltrane::Quillmark::Explorers
