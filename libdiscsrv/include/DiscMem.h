@@ -70,7 +70,7 @@ class DISCSRV_EXPORT MemDiscoveryIterator : public virtual DiscoveryIterator
 };
 
 /// Makes them. One a process, any thread.
-class DISCSRV_EXPORT DiscoveryMemCreator : public virtual TlxLockable
+class DISCSRV_EXPORT DiscoveryMemCreator : protected virtual TlxLockable
 {
   public:
     ~DiscoveryMemCreator() override;

@@ -48,7 +48,8 @@ struct ExplorerStatus
 /// authority and subject the one of higher priority wins; a pull registration also replaces one of
 /// its own priority, a push registration does not. The registry's lock is never held while an
 /// explorer runs.
-class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory, public TlxLockable
+class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
+                                           public virtual TlxLockable
 {
   public:
     using ltdExplorerWrapper = LtdExplorerWrapper;
@@ -171,8 +172,11 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory, publ
     class ExplorerPushTimer;
     class ExplorerRegisterTimer;
 
+    /// A new entry for the caller to release; null, and reported, when something is missing.
+    ExplorerWrapper* makeWrapper(const Subject* subject, const Explorer* explorer,
+                                 unsigned int priority, const Authority* authority) const;
     /// False: the registration is to be dropped.
-    bool mayRegister(const ExplorerSet& set) const;
+    bool mayRegister(const ExplorerSet& set, const AutoDereference<ExplorerWrapper>& wrapper) const;
     void loadPullExplorerCache();
     void loadExplorerParsers();
     unsigned seededDelay(unsigned range) const;

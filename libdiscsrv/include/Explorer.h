@@ -41,14 +41,16 @@ class DISCSRV_EXPORT Explorer : public virtual TLXRefCounted
     /// The repository begins to explore a subject on behalf of an authority. The base does nothing
     /// but halt in place when one of its references refers to no object.
     /// @param explorerContext kept with the registration and handed to every call: the explorer's
-    /// own state, empty at first. One call at a time uses it only where the explorer sees to that.
+    /// own state, empty at first. Set it here and nowhere else: the other calls may come several at
+    /// a time, and the holder itself is not safe for that.
     /// @param factory may be null.
     virtual void startExploration(const EngineContext& context, const Authority& authority,
                                   const Subject& subject,
                                   AutoDereference<TLXRefCounted>& explorerContext,
                                   DiscoveryFactory* factory);
 
-    /// The counterpart. The base halts as above.
+    /// The counterpart; may come while another call of the same registration runs, which it may
+    /// tell to end. The base halts as above.
     virtual void stopExploration(const Authority& authority, const Subject& subject,
                                  AutoDereference<TLXRefCounted>& explorerContext);
 

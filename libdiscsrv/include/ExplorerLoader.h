@@ -23,8 +23,9 @@ class DISCSRV_EXPORT RegisterInterface : public Veltrane::Quillmark::Tlx::Symbol
     {
         return {&m_function};
     }
-    /// Calls the library's function, guarded. @throws SymbolException when it is not resolved.
-    void call(Veltrane::Quillmark::Tlx::DiscoverySvc::DiscoveryRepository* repository) const;
+    /// Calls the library's function, guarded; false when it threw. @throws SymbolException when it
+    /// is not resolved.
+    bool call(Veltrane::Quillmark::Tlx::DiscoverySvc::DiscoveryRepository* repository) const;
 
   protected:
     explicit RegisterInterface(const char* symbol) : m_function(symbol, true) {}

@@ -28,11 +28,18 @@ class DISCSRV_EXPORT RemoteExplorerPull : public virtual ExplorerPull
     AuthorityType getAuthorityType() const { return m_type; }
 
   private:
+    /// The one record of the other host that matches; null, and logged, when there is not one.
+    AutoDereference<Discovery> findSource(DiscoveryQuery query, const Authority& authority,
+                                          const Subject& subject) const;
+
     const TlxString m_serviceName;
     const TlxString m_subject;
     const TlxString m_authority;
     const AuthorityType m_type;
     TlxHostname m_sourceHost;
 };
+
+/// Copies what can be read of one payload to the end of another.
+void copyCollection(const CollectionData& from, const CollectionData& to);
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

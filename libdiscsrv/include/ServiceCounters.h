@@ -16,6 +16,7 @@ enum class ServiceCounter
     WRITES,           ///< putCollection requests
     BYTES_WRITTEN,    ///< payload bytes received
     RECORDS_STORED,   ///< writers closed with success
+    WRITERS_LEFT,     ///< writers of this host's that were left on the master unclosed
 };
 
 /// Any thread; never waits.

@@ -1,12 +1,11 @@
 #include "DiscMem.h"
 
-#include <atomic>
-
 #include <ace/Recursive_Thread_Mutex.h>
 #include <ace/Singleton.h>
 
 #include "DiscLog.h"
 #include "ExplorerCall.h"
+#include "InFlight.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
@@ -14,22 +13,7 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../DiscDB";
 
-/// One of the explorers that are being asked, when there is room for it.
-class PullInFlight
-{
-  public:
-    PullInFlight() : m_admitted(s_count.fetch_add(1) < MemCollectionData::MAX_PULLS) {}
-    ~PullInFlight() { s_count.fetch_sub(1); }
-    PullInFlight(const PullInFlight&) = delete;
-    PullInFlight& operator=(const PullInFlight&) = delete;
-    bool isAdmitted() const { return m_admitted; }
-
-  private:
-    static std::atomic<unsigned> s_count;
-    const bool m_admitted;
-};
-
-std::atomic<unsigned> PullInFlight::s_count{0};
+std::atomic<unsigned> g_pulls{0};
 
 } // namespace
 
@@ -117,7 +101,7 @@ bool MemCollectionData::open(OpenMode mode, const char* arg)
 bool MemCollectionData::pull(ExplorerPull& explorer, const char* text)
 {
     const ExplorerWrapper& wrapper = m_explorerQuery->getWrapper();
-    const PullInFlight inFlight;
+    const InFlight inFlight(g_pulls, MAX_PULLS);
     if (!inFlight.isAdmitted()) {
         DISC_LOG_AS("MemCollectionData::getNext", 1,
                     wrapper.describe()

@@ -141,7 +141,7 @@ void DiscoveryRepository::newDiscovery(AutoDereference<Discovery>& out, Discover
     if (isGenericDSOnMaster())
         out.reset(getDiscoveryDBDatabase()->newDiscovery(query));
     else
-        DISC_LOG(1, "Discoveries of a host that is not the master cannot be forwarded yet");
+        out.reset(getRemoteDiscoveryDatabase()->newDiscovery(query));
     if (out) {
         out->setSubject(new Subject(subject));
         out->setAuthority(new Authority(authority));

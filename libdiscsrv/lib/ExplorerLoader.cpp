@@ -1,16 +1,18 @@
 #include "ExplorerLoader.h"
 
+#include <mutex>
+
 #include "DiscLog.h"
 #include "DiscoveryRepository.h"
 
 using Veltrane::Quillmark::Tlx::SymbolException;
 
-void RegisterInterface::call(
+bool RegisterInterface::call(
     Veltrane::Quillmark::Tlx::DiscoverySvc::DiscoveryRepository* repository) const
 {
     if (!m_function.isResolved())
         throw SymbolException(m_function.symbol());
-    m_function.call(repository);
+    return m_function.call(repository);
 }
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -40,6 +42,8 @@ struct ExplorerLoader::Load
 ExplorerLoader* ExplorerLoader::instance(const EngineContext& context)
 {
     DISC_TRACE("ExplorerLoader::instance");
+    static std::once_flag once;
+    std::call_once(once, [] { setKitVersion({"QmExplorerKitVersion", QM_EXPLORER_KIT_VERSION}); });
     return new ExplorerLoader(context);
 }
 
@@ -96,8 +100,8 @@ void ExplorerLoader::loadDefault(const Load& load)
     if (!found)
         return;
     DISC_LOG_AS(load.operation, 4, load.found);
-    load.called.call(getDiscoveryRepository());
-    DISC_LOG_AS(load.operation, 4, load.completed);
+    if (load.called.call(getDiscoveryRepository()))
+        DISC_LOG_AS(load.operation, 4, load.completed);
 }
 
 namespace {
@@ -116,8 +120,9 @@ void registerFrom(const char* operation, PluginDirector& director, const std::st
     }
     const Interface& found = *interfaces.emplace_back(std::move(resolver));
     DISC_LOG_AS(operation, 4, "Beginning registration of " << what << " in " << resolvedName);
-    found.call(getDiscoveryRepository());
-    DISC_LOG_AS(operation, 4, "Registration of " << what << " in " << resolvedName << " completed");
+    if (found.call(getDiscoveryRepository()))
+        DISC_LOG_AS(operation, 4,
+                    "Registration of " << what << " in " << resolvedName << " completed");
 }
 
 } // namespace

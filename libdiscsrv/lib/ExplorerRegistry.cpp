@@ -20,23 +20,47 @@ bool matches(const TlxString& pattern, const TlxString& name)
     return wildcardcmp(pattern.c_str(), name.c_str(), 0) == 0;
 }
 
+/// What a registration takes out of the sets. It goes when the lock is free: with the last
+/// reference an explorer's own code runs.
+using Removed = std::vector<AutoDereference<ExplorerWrapper>>;
+
 /// Removes the entry that a new one is equal to. False, and nothing changed, when that entry keeps
 /// its place.
 template <class Keeps>
-bool makeRoom(ExplorerSet& set, const AutoDereference<ExplorerWrapper>& wrapper, Keeps keeps)
+bool makeRoom(ExplorerSet& set, const AutoDereference<ExplorerWrapper>& wrapper, Keeps keeps,
+              Removed& removed)
 {
     const auto entry = set.find(wrapper);
     if (entry == set.end())
         return true;
     if (keeps((*entry)->getPriority(), wrapper->getPriority()))
         return false;
+    removed.push_back(*entry);
     set.erase(entry);
     return true;
 }
 
+/// Puts an entry in, unless one that is equal to it keeps its place. The order is none in the
+/// strict sense: what an insertion takes for equal a search before it may have missed.
+template <class Keeps>
+bool place(ExplorerSet& set, const AutoDereference<ExplorerWrapper>& wrapper, Keeps keeps,
+           Removed& removed)
+{
+    for (;;) {
+        const auto [entry, inserted] = set.insert(wrapper);
+        if (inserted)
+            return true;
+        if (keeps((*entry)->getPriority(), wrapper->getPriority()))
+            return false;
+        removed.push_back(*entry);
+        set.erase(entry);
+    }
+}
+
 } // namespace
 
-bool DiscoveryRepository::mayRegister(const ExplorerSet& set) const
+bool DiscoveryRepository::mayRegister(const ExplorerSet& set,
+                                      const AutoDereference<ExplorerWrapper>& wrapper) const
 {
     DISC_TRACE("DiscoveryRepository::registerExplorer");
     if (m_shuttingDown) {
@@ -44,33 +68,42 @@ bool DiscoveryRepository::mayRegister(const ExplorerSet& set) const
         return false;
     }
     // The order is none in the strict sense, so one host may come to have several entries.
-    if (set.size() >= MAX_EXPLORERS) {
+    if (set.size() >= MAX_EXPLORERS && set.find(wrapper) == set.end()) {
         DISC_LOG(1, "There are " << MAX_EXPLORERS << " explorers already, another one is dropped");
         return false;
     }
     return true;
 }
 
-void DiscoveryRepository::registerExplorer(const Subject* subject, const ExplorerPush* explorer,
-                                           const unsigned int& priority, const Authority* authority)
+ExplorerWrapper* DiscoveryRepository::makeWrapper(const Subject* subject, const Explorer* explorer,
+                                                  unsigned int priority,
+                                                  const Authority* authority) const
 {
-    DISC_TRACE("DiscoveryRepository::registerExplorer");
     bool ready = TLX_ASSERT_AS(subject, "NULL != subject");
     ready = TLX_ASSERT_AS(explorer, "NULL != explorer") && ready;
     const std::unique_ptr<const Authority> local(authority ? nullptr : getLocalAuthority());
     const Authority* const of = authority ? authority : local.get();
     ready = TLX_ASSERT_AS(of, "NULL != authority") && ready;
-    if (!ready)
-        return;
+    return ready ? new ExplorerWrapper(explorer, priority, subject, of) : nullptr;
+}
+
+void DiscoveryRepository::registerExplorer(const Subject* subject, const ExplorerPush* explorer,
+                                           const unsigned int& priority, const Authority* authority)
+{
+    DISC_TRACE("DiscoveryRepository::registerExplorer");
     const AutoDereference<ExplorerWrapper> wrapper(
-        new ExplorerWrapper(explorer, priority, subject, of));
+        makeWrapper(subject, explorer, priority, authority));
+    if (!wrapper)
+        return;
+    Removed removed;
     const LockableGuard lockableGuard(*this);
-    if (!TLX_ASSERT(lockableGuard.locked()) || !mayRegister(m_pushExplorers))
+    if (!TLX_ASSERT(lockableGuard.locked()) || !mayRegister(m_pushExplorers, wrapper))
         return;
     // A push never takes the place of its own priority.
     const auto keeps = [](unsigned there, unsigned coming) { return there >= coming; };
-    if (makeRoom(m_pullExplorers, wrapper, keeps) && makeRoom(m_pushExplorers, wrapper, keeps))
-        m_pushExplorers.insert(wrapper);
+    if (makeRoom(m_pullExplorers, wrapper, keeps, removed) &&
+        makeRoom(m_pushExplorers, wrapper, keeps, removed))
+        place(m_pushExplorers, wrapper, keeps, removed);
 }
 
 void DiscoveryRepository::registerExplorer(const Subject* subject, const ExplorerPull* explorer,
@@ -78,22 +111,19 @@ void DiscoveryRepository::registerExplorer(const Subject* subject, const Explore
                                            bool fromCache)
 {
     DISC_TRACE("DiscoveryRepository::registerExplorer");
-    bool ready = TLX_ASSERT_AS(subject, "NULL != subject");
-    ready = TLX_ASSERT_AS(explorer, "NULL != explorer") && ready;
-    const std::unique_ptr<const Authority> local(authority ? nullptr : getLocalAuthority());
-    const Authority* const of = authority ? authority : local.get();
-    ready = TLX_ASSERT_AS(of, "NULL != authority") && ready;
-    if (!ready)
-        return;
     const AutoDereference<ExplorerWrapper> wrapper(
-        new ExplorerWrapper(explorer, priority, subject, of));
+        makeWrapper(subject, explorer, priority, authority));
+    if (!wrapper)
+        return;
+    Removed removed;
     const LockableGuard lockableGuard(*this);
-    if (!TLX_ASSERT(lockableGuard.locked()) || !mayRegister(m_pullExplorers))
+    if (!TLX_ASSERT(lockableGuard.locked()) || !mayRegister(m_pullExplorers, wrapper))
         return;
     const auto keeps = [](unsigned there, unsigned coming) { return there > coming; };
-    if (!makeRoom(m_pushExplorers, wrapper, keeps) || !makeRoom(m_pullExplorers, wrapper, keeps))
+    if (!makeRoom(m_pushExplorers, wrapper, keeps, removed) ||
+        !makeRoom(m_pullExplorers, wrapper, keeps, removed) ||
+        !place(m_pullExplorers, wrapper, keeps, removed))
         return;
-    m_pullExplorers.insert(wrapper);
     if (!fromCache && isGenericDSOnMaster())
         persistToDisk(wrapper);
 }
@@ -200,12 +230,16 @@ void DiscoveryRepository::stopExplorers(const ExplorerSet& explorers)
 void DiscoveryRepository::loadExplorers()
 {
     DISC_TRACE("DiscoveryRepository::loadExplorers");
-    setKitVersion({"QmExplorerKitVersion", QM_EXPLORER_KIT_VERSION});
     EngineContext context(true);
     getEngineSingleton<ExplorerLoader>(context)->loadExplorers();
-    startExplorers(getPushExplorers(), context);
-    startExplorers(getPullExplorers(), context);
-    if (isGenericDSOnMaster()) {
+    const ExplorerSet pushExplorers = getPushExplorers();
+    const ExplorerSet pullExplorers = getPullExplorers();
+    startExplorers(pushExplorers, context);
+    startExplorers(pullExplorers, context);
+    if (m_shuttingDown) { // and has stopped them, perhaps before they were started
+        stopExplorers(pushExplorers);
+        stopExplorers(pullExplorers);
+    } else if (isGenericDSOnMaster()) {
         loadPullExplorerCache();
         startPushTimer();
     } else {

@@ -61,7 +61,7 @@ void DiscoveryRepository::DiscoveryTimerBase::scheduleAgain(unsigned seconds)
 bool DiscoveryRepository::DiscoveryTimerBase::scheduleLocked(unsigned seconds)
 {
     ACE_Reactor* reactor = getAceReactor();
-    if (m_cancelled || !reactor)
+    if (m_cancelled || !reactor || m_repository.isShuttingDown())
         return false;
     if (m_id != -1)
         reactor->cancel_timer(m_id, nullptr, 1);
@@ -69,6 +69,8 @@ bool DiscoveryRepository::DiscoveryTimerBase::scheduleLocked(unsigned seconds)
     m_id = reactor->schedule_timer(this, reinterpret_cast<const void*>(m_generation),
                                    ACE_Time_Value(static_cast<time_t>(seconds)));
     m_due = TlxObjTime::now() + TlxObjTime(seconds, 0);
+    if (m_id == -1)
+        DISC_LOG_AS("DiscoveryTimerBase::schedule", 1, "Unable to schedule a timer");
     return m_id != -1;
 }
 
@@ -199,9 +201,11 @@ unsigned DiscoveryRepository::seededDelay(unsigned range) const
 void DiscoveryRepository::startPushTimer()
 {
     DISC_TRACE("DiscoveryRepository::startPushTimer");
+    AutoDereference<ExplorerPushTimer> before; // goes when the lock is free, its explorers with it
     const LockableGuard lockableGuard(*this);
     if (!TLX_ASSERT(lockableGuard.locked()) || m_shuttingDown)
         return;
+    std::swap(before, m_pushTimer);
     m_pushTimer.reset(new ExplorerPushTimer(*this, m_pushExplorers));
     m_pushTimer->schedule(0);
 }

@@ -19,10 +19,11 @@ constexpr unsigned REGISTER_RETRY_SECONDS = 300;
 /// many threads schedule it, and none once it is cancelled: a restart in the middle of a run leaves
 /// one, a stop in the middle of a run none. While it is scheduled or runs the reactor holds a
 /// reference.
-class DiscoveryRepository::DiscoveryTimerBase : public ACE_Event_Handler, public TLXBlocking
-{
+class DiscoveryRepository::DiscoveryTimerBase : public TLXBlocking, public ACE_Event_Handler
+{ // (whoever waits for the end of the first base finds the second one gone)
   public:
-    /// In place of the schedule there was. False once it is cancelled, and without a reactor.
+    /// In place of the schedule there was. False once it is cancelled or the service is shutting
+    /// down, and without a reactor.
     bool schedule(unsigned seconds);
     /// For good. A run in progress goes on.
     void cancel();

@@ -57,6 +57,31 @@ bool readDocument(const CollectionData& data, astringstream& document)
     }
 }
 
+/// What a stored explorer is made from again.
+struct CachedExplorer
+{
+    TlxString subject;
+    TlxString authority;
+    TlxString serviceName;
+    TlxString sourceHost;
+    unsigned int priority = 0;
+    AuthorityType originType = AT_ANYANDALL;
+};
+
+bool readCached(Discovery& discovery, CachedExplorer& cached)
+{
+    astringstream document;
+    XMLHelper helper;
+    if (!isSuccess(discovery.open(OM_READ, "")) ||
+        !readDocument(*discovery.getCollectionData(), document) ||
+        helper.parse(document, cached.serviceName, cached.sourceHost, cached.priority,
+                     cached.originType) != 0)
+        return false;
+    cached.subject = discovery.getSubject()->getSubject();
+    cached.authority = discovery.getAuthority()->getName();
+    return true;
+}
+
 } // namespace
 
 void DiscoveryRepository::persistToDisk(const AutoDereference<ExplorerWrapper>& wrapper)
@@ -90,25 +115,21 @@ void DiscoveryRepository::loadPullExplorerCache()
         queryDiscoveries(DQ_DISCOVERY_DATA, "*", "*", AT_REMOTEPULL));
     if (!stored)
         return;
-    XMLHelper helper;
     while (Discovery* next = stored->getNext()) {
-        const AutoDereference<Discovery> discovery(next);
-        astringstream document;
-        TlxString serviceName;
-        TlxString sourceHost;
-        unsigned int priority = 0;
-        AuthorityType originType = AT_ANYANDALL;
-        if (!isSuccess(discovery->open(OM_READ, "")) ||
-            !readDocument(*discovery->getCollectionData(), document) ||
-            helper.parse(document, serviceName, sourceHost, priority, originType) != 0)
-            continue;
-        const TlxString& subjectName = discovery->getSubject()->getSubject();
-        const TlxString& authorityName = discovery->getAuthority()->getName();
-        const AutoDereference<RemoteExplorerPull> explorer(new RemoteExplorerPull(
-            serviceName, sourceHost, subjectName, authorityName, originType));
-        const Authority authority(authorityName.utf8(), originType);
-        const Subject subject(subjectName.utf8());
-        registerExplorer(&subject, explorer.get(), priority, &authority, true);
+        CachedExplorer cached;
+        {
+            // Let go before it is registered: whoever registers takes the repository's lock first
+            // and a record's after it.
+            const AutoDereference<Discovery> discovery(next);
+            if (!readCached(*discovery, cached))
+                continue;
+        }
+        const AutoDereference<RemoteExplorerPull> explorer(
+            new RemoteExplorerPull(cached.serviceName, cached.sourceHost, cached.subject,
+                                   cached.authority, cached.originType));
+        const Authority authority(cached.authority.utf8(), cached.originType);
+        const Subject subject(cached.subject.utf8());
+        registerExplorer(&subject, explorer.get(), cached.priority, &authority, true);
     }
 }
 

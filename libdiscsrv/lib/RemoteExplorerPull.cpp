@@ -1,12 +1,17 @@
 #include "RemoteExplorerPull.h"
 
+#include <tlx/Servant.h>
+
 #include "BoundReference.h"
 #include "DiscLog.h"
+#include "DiscoveryRepository.h"
+#include "RemoteDB.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
 constexpr const char* LOG_SOURCE = "../Explorer";
+constexpr std::size_t TRANSFER_BYTES = 1024;
 } // namespace
 
 RemoteExplorerPull::RemoteExplorerPull(const TlxString& serviceName, const TlxString& sourceHost,
@@ -24,15 +29,81 @@ const char* RemoteExplorerPull::getExplorerName() const
     return "RemotePullExplorer";
 }
 
-bool RemoteExplorerPull::collectionRequested(DiscoveryQuery, const Authority&, const Subject&,
+bool RemoteExplorerPull::collectionRequested(DiscoveryQuery query, const Authority& authority,
+                                             const Subject& subject,
                                              AutoDereference<TLXRefCounted>& explorerContext,
-                                             const char*, CollectionData*)
+                                             const char* text, CollectionData* data)
 {
     DISC_TRACE("RemotePullExplorer::collectionRequested");
     haltUnlessBound(&explorerContext);
-    DISC_LOG(1, "Explorers of other hosts are not asked yet: " << m_serviceName << " on "
-                                                               << m_sourceHost.text());
-    return false;
+    AutoDereference<Discovery> source = findSource(query, authority, subject);
+    if (!source)
+        return false;
+    // The names of the two are the wrong way round in the log, as they have always been.
+    if (!isSuccess(source->open(OM_READ, text))) {
+        DISC_LOG(1, "Failed to target open collection data");
+        return false;
+    }
+    if (!data->open(OM_UPDATE, "")) {
+        DISC_LOG(1, "Failed to source open colection data");
+        return false;
+    }
+    // Again, and without the text: what is copied is the whole collection.
+    if (!isSuccess(source->open(OM_READ, "")) || !data->open(OM_UPDATE, ""))
+        return false;
+    copyCollection(*source->getCollectionData(), *data);
+    return true;
+}
+
+AutoDereference<Discovery> RemoteExplorerPull::findSource(DiscoveryQuery query,
+                                                          const Authority& authority,
+                                                          const Subject& subject) const
+{
+    constexpr const char* OPERATION = "RemotePullExplorer::collectionRequested";
+    const Remote::DiscoveryService_var service =
+        getDiscoveryRepository()->connectToRemoteDiscoveryService(m_sourceHost,
+                                                                  m_serviceName.c_str());
+    if (CORBA::is_nil(service)) {
+        DISC_LOG_AS(OPERATION, 1, "Failed to connect to discovery service");
+        return {};
+    }
+    const std::string authorityName = authority.getName().utf8();
+    const std::string subjectName = subject.getSubject().utf8();
+    AutoDereference<RemoteDiscoveryIterator> iterator;
+    std::string failure;
+    try {
+        Remote::DiscoveryIterator_var found =
+            service->queryDiscoveries(query, m_type, authorityName.c_str(), subjectName.c_str());
+        iterator.reset(
+            new RemoteDiscoveryIterator(m_type, subjectName, authorityName, found._retn()));
+        failure = iterator->getFailure();
+    } catch (const CORBA::Exception& e) {
+        failure = describeException(e);
+    }
+    if (!failure.empty()) {
+        DISC_LOG_AS(OPERATION, 1,
+                    "Caught CORBA Exception while querying for discoveries: " << failure);
+        return {};
+    }
+    AutoDereference<Discovery> first(iterator->getNext());
+    if (!first) {
+        DISC_LOG_AS(OPERATION, 1, "No records found!");
+        return {};
+    }
+    const AutoDereference<Discovery> second(iterator->getNext());
+    if (second) {
+        DISC_LOG_AS(OPERATION, 1, "Too many records found");
+        return {};
+    }
+    return first;
+}
+
+void copyCollection(const CollectionData& from, const CollectionData& to)
+{
+    char buffer[TRANSFER_BYTES];
+    std::size_t count = 0;
+    while ((count = from.readCollection(sizeof buffer, buffer)) > 0 && count <= sizeof buffer)
+        to.writeCollection(count, buffer);
 }
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -1,17 +1,25 @@
 // The repository's way to other hosts.
 
-#include <tlx/HostConfig.h>
 #include <tlx/Orb.h>
 #include <tlx/Servant.h>
 
 #include "DiscLog.h"
 #include "DiscoveryRepository.h"
+#include "InFlight.h"
+#include "RemoteDB.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
 constexpr const char* LOG_SOURCE = "../DiscoveryRepository";
 constexpr std::chrono::seconds LOOKUP_LIMIT{5};
+constexpr const char* SERVICE = "DiscoveryService";
+
+/// Each of them occupies a request thread until the master has answered: hosts that name each other
+/// as their master, or a master that hangs, must not take all there are.
+constexpr unsigned MAX_FORWARDED_QUERIES = 32;
+std::atomic<unsigned> g_forwardedQueries{0};
+
 } // namespace
 
 Remote::DiscoveryService_ptr connectToRemoteDS(const TlxHostname& host, Orb* orb,
@@ -22,7 +30,8 @@ Remote::DiscoveryService_ptr connectToRemoteDS(const TlxHostname& host, Orb* orb
     DISC_LOG(4, "Service: " << serviceName);
     try {
         const CORBA::Object_var object =
-            orb ? orb->lookupObject(host, serviceName, LOOKUP_LIMIT) : CORBA::Object::_nil();
+            orb ? orb->lookupObjectElsewhere(host, serviceName, LOOKUP_LIMIT)
+                : CORBA::Object::_nil();
         if (CORBA::is_nil(object)) {
             DISC_LOG(1, "Failed to connect to remote discovery service");
             return Remote::DiscoveryService::_nil();
@@ -46,16 +55,41 @@ DiscoveryRepository::connectToRemoteDiscoveryService(const TlxHostname& host,
     return connectToRemoteDS(host, getOrb(), serviceName);
 }
 
-DiscoveryIterator* DiscoveryRepository::queryRemoteDiscoveries(DiscoveryQuery, const std::string&,
-                                                               const std::string&, AuthorityType)
+DiscoveryIterator* DiscoveryRepository::queryRemoteDiscoveries(DiscoveryQuery query,
+                                                               const std::string& subject,
+                                                               const std::string& authority,
+                                                               AuthorityType type)
 {
     DISC_TRACE("DiscoveryRepository::queryRemoteDiscoveries");
     TlxHostname master;
     getMasterServerName(master);
-    if (master.empty())
+    if (master.empty()) {
         DISC_LOG(1, "Cannot find master server name, abort connecting to master discovery service");
-    else
-        DISC_LOG(1, "Queries of a host that is not the master cannot be forwarded yet");
+        return nullptr;
+    }
+    const InFlight inFlight(g_forwardedQueries, MAX_FORWARDED_QUERIES);
+    if (!inFlight.isAdmitted()) {
+        DISC_LOG(1, MAX_FORWARDED_QUERIES << " queries are being forwarded already");
+        return nullptr;
+    }
+    const Remote::DiscoveryService_var service = connectToRemoteDiscoveryService(master, SERVICE);
+    if (CORBA::is_nil(service)) {
+        DISC_LOG(1, "Failed to connect to discovery service");
+        return nullptr;
+    }
+    std::string failure;
+    try {
+        Remote::DiscoveryIterator_var found =
+            service->queryDiscoveries(query, type, authority.c_str(), subject.c_str());
+        AutoDereference<RemoteDiscoveryIterator> iterator(
+            new RemoteDiscoveryIterator(type, subject, authority, found._retn()));
+        if (iterator->getFailure().empty())
+            return iterator.release();
+        failure = iterator->getFailure();
+    } catch (const CORBA::Exception& e) {
+        failure = describeException(e);
+    }
+    DISC_LOG(1, "Failed to query remote discoveries: " << failure);
     return nullptr;
 }
 

@@ -9,8 +9,8 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
 
-constexpr std::array NAMES = {"queries", "recordsReturned", "reads",        "bytesRead",
-                              "writes",  "bytesWritten",    "recordsStored"};
+constexpr std::array NAMES = {"queries", "recordsReturned", "reads",         "bytesRead",
+                              "writes",  "bytesWritten",    "recordsStored", "writersLeft"};
 
 std::array<std::atomic<unsigned long long>, NAMES.size()>& values()
 {

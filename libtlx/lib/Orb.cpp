@@ -212,7 +212,13 @@ void Orb::setOrbRequestTimeout(unsigned seconds)
 CORBA::Object_ptr Orb::lookupObject(const TlxHostname& host, const std::string& name,
                                     std::chrono::milliseconds limit)
 {
-    return Tlx::lookupObject(m_state->core->orb(), host, name, limit);
+    return Tlx::lookupObject(*m_state->core, host, name, limit, false);
+}
+
+CORBA::Object_ptr Orb::lookupObjectElsewhere(const TlxHostname& host, const std::string& name,
+                                             std::chrono::milliseconds limit)
+{
+    return Tlx::lookupObject(*m_state->core, host, name, limit, true);
 }
 
 void setAceReactor(ACE_Reactor* reactor)

@@ -1,5 +1,6 @@
 #include "OrbCore.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -20,6 +21,7 @@
 
 #include <tlx/HostConfig.h>
 #include <tlx/Orb.h>
+#include <tlx/Resolver.h>
 #include <tlx/Servant.h>
 
 #include "PlatformLog.h"
@@ -178,13 +180,14 @@ void OrbCore::start(const OrbSettings& settings)
     const std::string publish = toPublish(settings.publish);
     const std::string maxMessage = std::to_string(settings.maxMessageBytes);
     // Every option that a configuration file of the ORB could set differently for this process.
-    const std::array<std::array<const char*, 2>, 6> server{{
+    const std::array<std::array<const char*, 2>, 7> server{{
         {"endPoint", listen.c_str()},
         {"endPointPublish", publish.c_str()},
         {"giopMaxMsgSize", maxMessage.c_str()},
         {"supportPerThreadTimeOut", "1"},
         {"nativeCharCodeSet", "UTF-8"},
         {"traceLevel", "0"},
+        {"outConScanPeriod", "120"}, // seconds after which an idle connection is closed
     }};
     const char* options[server.size() + 1][2] = {};
     std::size_t count = 0;
@@ -195,8 +198,12 @@ void OrbCore::start(const OrbSettings& settings)
     }
     int argc = 0;
     m_orb = CORBA::ORB_init(argc, nullptr, "omniORB4", options);
-    if (!settings.clientOnly)
-        openServer();
+    if (settings.clientOnly)
+        return;
+    Endpoint endpoint;
+    parseEndpoint(settings.listen, endpoint);
+    m_listenAddress = endpoint.address;
+    openServer();
 }
 
 void OrbCore::openServer()
@@ -225,6 +232,17 @@ OrbCore::~OrbCore()
         PLATFORM_LOG(LOG_LEVEL_FAILURE, "Orb",
                      "Unable to take the ORB down: " << describeException(e));
     }
+}
+
+bool OrbCore::listensAt(const Endpoint& endpoint) const
+{
+    Endpoint own;
+    if (m_listenAddress.empty() || !parseEndpoint(m_endpoint, own) || own.port != endpoint.port)
+        return false;
+    if (isAnyAddress(m_listenAddress))
+        return isLocalAddress(endpoint.address);
+    const auto listening = resolveHost(m_listenAddress, std::chrono::seconds(1));
+    return std::find(listening.begin(), listening.end(), endpoint.address) != listening.end();
 }
 
 PortableServer::POA_ptr OrbCore::rootPOA() const

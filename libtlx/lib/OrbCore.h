@@ -6,6 +6,7 @@
 #include <string>
 
 #include <tlx/Corba.h>
+#include <tlx/HostConfig.h>
 
 namespace Veltrane::Quillmark::Tlx {
 
@@ -30,6 +31,8 @@ class OrbCore
     /// OBJ_ADAPTER for a client.
     PortableServer::POA_ptr rootPOA() const;
     const std::string& endpoint() const { return m_endpoint; }
+    /// Whether a numeric address and port are where this very process listens.
+    bool listensAt(const Endpoint& endpoint) const;
 
     void advertise(const std::string& name, CORBA::Object_ptr object);
     void holdRequests();
@@ -47,6 +50,7 @@ class OrbCore
     PortableServer::POAManager_var m_rootManager;
     PortableServer::POAManager_var m_nameManager;
     std::string m_endpoint;
+    std::string m_listenAddress; ///< as it was told; empty for a client
 };
 
 } // namespace Veltrane::Quillmark::Tlx

@@ -9,6 +9,7 @@
 #include <tlx/Resolver.h>
 #include <tlx/Servant.h>
 
+#include "OrbCore.h"
 #include "PlatformLog.h"
 
 namespace Veltrane::Quillmark::Tlx {
@@ -73,8 +74,8 @@ void setProcessCallLimit(std::chrono::seconds limit)
     omniORB::setClientCallTimeout(toOrbMilliseconds(limit));
 }
 
-CORBA::Object_ptr lookupObject(CORBA::ORB_ptr orb, const TlxHostname& host, const std::string& name,
-                               milliseconds limit)
+CORBA::Object_ptr lookupObject(const OrbCore& core, const TlxHostname& host,
+                               const std::string& name, milliseconds limit, bool elsewhere)
 {
     const Clock::time_point end = Clock::now() + limit;
     Endpoint endpoint = HostConfig::instance().endpointOf(host.text().utf8());
@@ -87,7 +88,12 @@ CORBA::Object_ptr lookupObject(CORBA::ORB_ptr orb, const TlxHostname& host, cons
         if (rest.count() <= 0)
             break;
         endpoint.address = address;
-        CORBA::Object_var object = ask(orb, endpoint, name, rest);
+        if (elsewhere && core.listensAt(endpoint)) {
+            PLATFORM_LOG(LOG_LEVEL_FAILURE, "Orb::lookupObject",
+                         host.text() << " leads back to this service: " << toText(endpoint));
+            break;
+        }
+        CORBA::Object_var object = ask(core.orb(), endpoint, name, rest);
         if (!CORBA::is_nil(object))
             return object._retn();
     }

@@ -9,9 +9,12 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// As Orb::lookupObject.
-CORBA::Object_ptr lookupObject(CORBA::ORB_ptr orb, const TlxHostname& host, const std::string& name,
-                               std::chrono::milliseconds limit);
+class OrbCore;
+
+/// As Orb::lookupObject, or as Orb::lookupObjectElsewhere.
+CORBA::Object_ptr lookupObject(const OrbCore& core, const TlxHostname& host,
+                               const std::string& name, std::chrono::milliseconds limit,
+                               bool elsewhere);
 
 /// As Orb::setOrbRequestTimeout.
 void setProcessCallLimit(std::chrono::seconds limit);

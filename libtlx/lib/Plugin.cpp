@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include <dlfcn.h>
+#include <link.h>
 
 #include <tlx/ForeignCode.h>
 #include <tlx/HostConfig.h>
@@ -34,10 +35,16 @@ class InLibrary
     std::string m_before;
 };
 
+/// A symbol of the library itself: what only its dependencies have is not found.
 void* findIn(void* handle, const char* symbol)
 {
-    ::dlerror();
-    return ::dlsym(handle, symbol);
+    void* const address = ::dlsym(handle, symbol);
+    Dl_info info = {};
+    const link_map* library = nullptr;
+    const bool own = address && ::dladdr(address, &info) != 0 &&
+                     ::dlinfo(handle, RTLD_DI_LINKMAP, &library) == 0 &&
+                     reinterpret_cast<ElfW(Addr)>(info.dli_fbase) == library->l_addr;
+    return own ? address : nullptr;
 }
 
 bool fitsKit(void* handle, const std::string& path)

@@ -26,6 +26,8 @@ constexpr const char* LOG_MAX_BYTES = "LOG_MAX_BYTES";           ///< size of on
 constexpr const char* LOG_KEEP = "LOG_KEEP";                     ///< rotated log files kept
 constexpr const char* STOP_LIMIT = "STOP_LIMIT";                 ///< seconds for an orderly stop
 constexpr const char* MAX_MESSAGE_BYTES = "MAX_MESSAGE_BYTES";   ///< largest GIOP message accepted
+constexpr const char* REMOTE_MAX_RECORDS = "REMOTE_MAX_RECORDS"; ///< of one query elsewhere
+constexpr const char* REMOTE_MAX_BYTES = "REMOTE_MAX_BYTES";     ///< of one collection elsewhere
 constexpr const char* FILESYSTEM_PULL = "FILESYSTEM_PULL";       ///< boolean
 constexpr const char* FILESYSTEM_EXCLUDE = "FILESYSTEM_EXCLUDE"; ///< TYPE[,TYPE...]
 constexpr const char* ENDPOINT_PREFIX = "ENDPOINT.";             ///< ENDPOINT.<host> = ADDRESS:PORT

@@ -80,6 +80,9 @@ class Orb
     /// very process runs on the calling thread, and so takes as long as it takes.) Does not throw.
     CORBA::Object_ptr lookupObject(const TlxHostname& host, const std::string& name,
                                    std::chrono::milliseconds limit);
+    /// The same, but nil (and logged at level 1) where the name leads back to this very process.
+    CORBA::Object_ptr lookupObjectElsewhere(const TlxHostname& host, const std::string& name,
+                                            std::chrono::milliseconds limit);
 
     /// How many servant operations (tlx/Servant.h) this process is in now: for the status and the
     /// stop.

@@ -3,6 +3,7 @@
 import os
 import shutil
 import signal
+import socket
 import subprocess
 import xml.etree.ElementTree as ElementTree
 
@@ -187,14 +188,60 @@ def test_a_client_without_a_master_does_not_push(default_explorers, start, root)
 
 
 def test_a_client_registers_with_its_master_and_then_pushes(start, tmp_path):
-    master_root = harness.Root(tmp_path / "master")
+    with socket.create_server(("127.0.0.1", 0)) as free:
+        endpoint = "127.0.0.1:%d" % free.getsockname()[1]
+    master_root = harness.Root(tmp_path / "master", **{"ENDPOINT.96client": endpoint})
     master = start(master_root)
     client_root = harness.Root(tmp_path / "client", CLIENT_NAME="96client", SERVER="master1",
-                               **{"ENDPOINT.master1": master.endpoint})
+                               LISTEN=endpoint, **{"ENDPOINT.master1": master.endpoint})
     os.symlink(BUILD / "lib" / "libqmexplorer.so", libraries(client_root) / "libqmexplorer.so")
     client = start(client_root)
     log_file = client_root.path / "logs" / "qmdisco.log"
     harness.wait_for(lambda: "Successfully registered explorers with master" in log_file.read_text(),
                      "it is registered")
-    assert master_root.files() == ["4 96client 96client%2Fnow.dat", "4 96client 96client%2Fnow.xml"]
+    assert {"4 96client 96client%2Fnow.dat", "4 96client 96client%2Fnow.xml"} <= \
+        set(master_root.files())
+    # Only then it pushes, to the master; and the master pulls from it.
+    pushed(client_root, "96client")
+    assert "3 96client 96client.dat" in master_root.files()
+    assert "96client.dat" not in client_root.files()
+    service = master.client()
+    assert items(get(service, "96client", "96client", ANY))
+    assert items(get(service, "96client/now", "96client", ANY))
+    # A query on the client is answered by the master.
+    assert subjects(client.client()) == subjects(service) == ["96client", "96client/now"]
     assert client.stop() == 0
+
+
+def test_a_stop_in_the_middle_of_a_push_waits_for_it(start, root):
+    """Two seconds of it; the daemon ends in order all the same."""
+    add_plugin(root, "sleeper")
+    daemon = start(root)
+    harness.wait_for(lambda: "Entering Explorer Sleeper" in daemon.stderr() and
+                     "pushCollection" in daemon.stderr(), "the push has begun")
+    assert daemon.stop() == 0
+
+
+def test_a_push_that_hangs_is_cut_short_at_the_stop_limit(root):
+    root.configure(STOP_LIMIT=1)
+    path = add_plugin(root, "sleeper")
+    with harness.Daemons() as daemons:
+        daemon = daemons.launch(root, environment={"QM_SLEEPER_SECONDS": "1000"})
+        daemon.wait_until_up()
+        harness.wait_for(lambda: "pushCollection for" in daemon.stderr(), "the push has begun")
+        assert daemon.stop() == 9
+        assert "Entering Explorer Sleeper of %s, pushCollection" % path in daemon.stderr()
+
+
+def test_a_stop_in_the_middle_of_a_pull(start, root):
+    add_plugin(root, "sleeper")
+    daemon = start(root)
+    reader = subprocess.Popen([harness.program("qmdiscoctl"), "--root", str(root), "get",
+                               "master1/sleep", "master1"], stdin=subprocess.DEVNULL,
+                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    try:
+        harness.wait_for(lambda: "collectionRequested for" in daemon.stderr(), "the pull has begun")
+        assert daemon.stop() == 0
+    finally:
+        reader.kill()
+        reader.wait(60)

@@ -1,7 +1,11 @@
 // Which registration wins, and what a request finds.
 
+#include <algorithm>
+#include <thread>
+
 #include "Capture.h"
 #include "ExplorerFixture.h"
+#include "PluginTree.h"
 #include "ServiceFixture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -92,6 +96,61 @@ TEST_F(ExplorerRegistryTest, APullOfTheSameOrAHigherPriorityReplacesAPull)
     EXPECT_EQ(repository->pullEntries(), Calls{"S/A 6"});
 }
 
+TEST_F(ExplorerRegistryTest, ARegistrationThatWinsIsNotLostWhereTheOrderIsNotStrict)
+{
+    // A search for (m, a) goes past (a, b) on one side, its insertion on the other.
+    repository->pull("a", "b", 1, *pull);
+    repository->pull("m", "a", 1, *pull);
+    const AutoDereference<FakePull> newer(new FakePull);
+    repository->pull("m", "a", 2, *newer);
+    const ExplorerSet set = repository->getPullExplorers();
+    EXPECT_TRUE(std::any_of(set.begin(), set.end(), [&](const auto& wrapper) {
+        return wrapper->getExplorer() == newer.get() && wrapper->getPriority() == 2;
+    }));
+    repository->push("a", "b", 5, *push);
+    repository->push("m", "a", 5, *push);
+    repository->push("m", "a", 6, *push);
+    const Calls entries = repository->pushEntries();
+    EXPECT_NE(std::find(entries.begin(), entries.end(), "m/a 6"), entries.end());
+}
+
+TEST_F(ExplorerRegistryTest, AnExplorerWithoutANameHasAQuestionMark)
+{
+    struct Nameless : FakePush
+    {
+        const char* getExplorerName() const override
+        {
+            if (throws)
+                throw 1;
+            return nullptr;
+        }
+        bool throws = false;
+    };
+    const AutoDereference<Nameless> nameless(new Nameless);
+    repository->push("a", "a", 1, *nameless);
+    nameless->throws = true;
+    repository->push("b", "a", 1, *nameless);
+    for (const ExplorerStatus& each : repository->getExplorerStatus())
+        EXPECT_EQ(each.name, "?");
+}
+
+TEST_F(ExplorerRegistryTest, WhatLeavesTheSetsGoesWhenTheLockIsFree)
+{
+    struct Last : FakePush
+    {
+        explicit Last(DiscoveryRepository& of) : repository(of) {}
+        ~Last() override
+        {
+            // From another thread, as an explorer that joins one of its own does.
+            std::thread([this] { repository.getPushExplorers(); }).join();
+        }
+        DiscoveryRepository& repository;
+    };
+    repository->push("s", "a", 1, *AutoDereference<Last>(new Last(*repository)));
+    repository->push("s", "a", 2, *push);
+    EXPECT_EQ(repository->pushEntries(), Calls{"s/a 2"});
+}
+
 TEST_F(ExplorerRegistryTest, ADroppedRegistrationIsNotLoggedAndLeavesNoReference)
 {
     repository->push("s", "a", 6, *push);
@@ -148,6 +207,11 @@ TEST_F(ExplorerRegistryTest, RegistrationsAreBounded)
         }
     }
     EXPECT_EQ(repository->getPullExplorers().size(), DiscoveryRepository::MAX_EXPLORERS);
+    // What is known may still be registered anew.
+    const LogCapture log;
+    repository->pull("s0", "a", 6, *pull);
+    EXPECT_EQ(log.texts(1), Calls{});
+    EXPECT_EQ(repository->pullEntries().front(), "s0/a 6");
 }
 
 TEST_F(ExplorerRegistryTest, ItsLockIsNotTakenByTheWalks)
@@ -196,6 +260,80 @@ TEST_F(ExplorerRegistryTest, AnUnknownTypeYieldsTheDefaultParserTheSameEachTime)
     const AutoDereference<ExplorerDataParser> two(repository->getRegisteredExplorerParser("y"));
     EXPECT_STREQ(one->getExplorerParserName(), "DefaultExplorerParser");
     EXPECT_EQ(one.get(), two.get());
+}
+
+TEST_F(ExplorerRegistryTest, TheParsersOfThePluginsAreLoadedOnce)
+{
+    const QmTest::PluginTree tree;
+    tree.addPlugin("good");
+    tree.addLibrary("good", "libqmexplorer.so");
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([this] {
+            const AutoDereference<ExplorerDataParser> parser(
+                repository->getRegisteredExplorerParser("x"));
+            EXPECT_TRUE(parser);
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(tree.calls(), Calls(2, "good RegisterExplorerParsers 1"));
+}
+
+TEST_F(ExplorerRegistryTest, ExplorersAreStartedPushesFirstAndStoppedSo)
+{
+    const QmTest::PluginTree tree;
+    QmTest::FakeReactor reactor;
+    static Calls order;
+    struct Recorded : FakePull
+    {
+        void startExploration(const EngineContext&, const Authority&, const Subject&,
+                              AutoDereference<TLXRefCounted>&, DiscoveryFactory* factory) override
+        {
+            order.push_back(factory ? "start pull" : "start pull without a factory");
+        }
+        void stopExploration(const Authority&, const Subject&,
+                             AutoDereference<TLXRefCounted>&) override
+        {
+            order.push_back("stop pull");
+        }
+    };
+    struct RecordedPush : FakePush
+    {
+        void startExploration(const EngineContext&, const Authority&, const Subject&,
+                              AutoDereference<TLXRefCounted>&, DiscoveryFactory* factory) override
+        {
+            order.push_back(factory ? "start push" : "start push without a factory");
+        }
+        void stopExploration(const Authority&, const Subject&,
+                             AutoDereference<TLXRefCounted>&) override
+        {
+            order.push_back("stop push");
+        }
+    };
+    const AutoDereference<Recorded> recorded(new Recorded);
+    const AutoDereference<RecordedPush> recordedPush(new RecordedPush);
+    repository->pull("a", "a", 1, *recorded);
+    repository->push("z", "z", 1, *recordedPush);
+    repository->loadExplorers();
+    EXPECT_EQ(reactor.scheduled(), 1) << "the register timer: it is no master";
+    repository->shutdown();
+    EXPECT_EQ(order, (Calls{"start push", "start pull", "stop push", "stop pull"}));
+    repository->fini();
+}
+
+TEST_F(ExplorerRegistryTest, ALoadThatAStopOvertookStopsWhatItStarted)
+{
+    const QmTest::PluginTree tree;
+    QmTest::FakeReactor reactor;
+    repository->push("s", "a", 1, *push);
+    std::thread stop([this] { repository->shutdown(); });
+    repository->loadExplorers();
+    stop.join();
+    repository->fini();
+    EXPECT_EQ(reactor.scheduled(), 0);
+    if (!push->calls.empty()) {
+        EXPECT_EQ(push->calls.back(), "stop s of a");
+    }
 }
 
 TEST_F(ExplorerRegistryTest, ANullParserIsReported)

@@ -86,6 +86,42 @@ TEST(ExplorerTest, AReferenceToNothingHaltsInPlace)
     ::close(ends[0]);
 }
 
+#ifndef __SANITIZE_ADDRESS__ // (whose companion reports the references themselves)
+TEST(ExplorerTest, TheBaseOperationsHaltForReferencesToNothing)
+{
+    struct Plain : virtual Explorer
+    {
+        const char* getExplorerName() const override { return "plain"; }
+    };
+    const AutoDereference<Plain> explorer(new Plain);
+    const EngineContext someContext(true);
+    const Authority someAuthority("a", AT_QMKCLIENT);
+    const Subject someSubject("s");
+    AutoDereference<TLXRefCounted> someState;
+    for (int missing = 0; missing < 7; ++missing) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::ualarm(200000, 0);
+            // Volatile, so that nobody sees here what is nothing.
+            const EngineContext* volatile context = missing == 0 ? nullptr : &someContext;
+            const Authority* volatile authority =
+                missing == 1 || missing == 4 ? nullptr : &someAuthority;
+            const Subject* volatile subject = missing == 2 || missing == 5 ? nullptr : &someSubject;
+            AutoDereference<TLXRefCounted>* volatile state =
+                missing == 3 || missing == 6 ? nullptr : &someState;
+            if (missing < 4)
+                explorer->startExploration(*context, *authority, *subject, *state, nullptr);
+            else
+                explorer->stopExploration(*authority, *subject, *state);
+            ::_exit(0);
+        }
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) << missing;
+    }
+}
+#endif
+
 TEST(ExplorerTest, ARemotePullKnowsWhereItsDataIs)
 {
     const AutoDereference<RemoteExplorerPull> explorer(

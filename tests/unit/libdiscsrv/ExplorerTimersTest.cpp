@@ -232,6 +232,21 @@ TEST_F(ExplorerTimersTest, AClientWithoutAMasterTriesAgainEveryFiveMinutesAndNev
     EXPECT_EQ(reactor.scheduled(), 1);
 }
 
+TEST_F(ExplorerTimersTest, AMasterThatCannotBeReachedIsTriedAgain)
+{
+    repository->masterName = "master1";
+    repository->startRegisterTimer();
+    const AssertionCapture assertions; // there is no ORB here to reach anybody with
+    const LogCapture log;
+    EXPECT_EQ(reactor.pass(301), 1);
+    EXPECT_EQ(log.texts(4)[0], "Registering 0 explorers with master server");
+    EXPECT_EQ(log.texts(1),
+              (Calls{"Failed to connect to remote discovery service",
+                     "Failed to connect to discovery service on the master, retrying later"}));
+    EXPECT_EQ(reactor.scheduled(), 1);
+    EXPECT_EQ(reactor.pass(300), 1);
+}
+
 TEST_F(ExplorerTimersTest, TheFirstRegistrationComesAfterTheHostsOwnDelay)
 {
     repository->startRegisterTimer();

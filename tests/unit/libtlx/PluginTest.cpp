@@ -65,6 +65,14 @@ TEST_F(PluginTest, AnAbsentRequiredSymbolIsAnsweredAndNotLogged)
     EXPECT_FALSE(resolver.function.call(nullptr));
 }
 
+TEST_F(PluginTest, WhatOnlyADependencyHasIsNotTheLibrarys)
+{
+    const LogCapture log;
+    EXPECT_FALSE(load(tree.addPlugin("dependent")));
+    EXPECT_FALSE(resolver.function.isResolved());
+    EXPECT_EQ(log.texts(1).size(), 1u) << "it was loaded";
+}
+
 TEST_F(PluginTest, AnAbsentOptionalSymbolIsNoFailure)
 {
     EXPECT_TRUE(load(tree.addPlugin("same")));

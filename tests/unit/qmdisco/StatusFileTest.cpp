@@ -36,6 +36,8 @@ Status sample()
     status.assertions = 2;
     status.requestsInProgress = 3;
     status.counters = {{"puts", 5}, {"queries", 18446744073709551615u}};
+    ::setenv("TZ", "CET-1", 1);
+    ::tzset();
     status.explorers.lines = {
         {"push", "Files", "cl5", "srv1", 3, 7, "/some/lib.so", 1709208300, "pushed"},
         {"pull", "Ours", "cl5/now", "srv1", 3, 1, "", 0, ""}};

@@ -1,0 +1,302 @@
+#include <algorithm>
+#include <cstring>
+
+#include <tlx/HostConfig.h>
+#include <tlx/Servant.h>
+
+#include "DiscLog.h"
+#include "DiscoveryRepository.h"
+#include "RemoteDB.h"
+#include "ServiceCounters.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+namespace {
+
+constexpr const char* LOG_SOURCE = "../RemoteDB";
+constexpr const char* SERVICE = "DiscoveryService";
+
+/// Releases another host's iterator when it goes; that host gets rid of an idle one by itself, so a
+/// failure harms nothing.
+class AutoReleaseIterator
+{
+  public:
+    explicit AutoReleaseIterator(Remote::CollectionDataIterator_ptr iterator)
+        : m_iterator(Remote::CollectionDataIterator::_duplicate(iterator))
+    {
+    }
+    ~AutoReleaseIterator()
+    {
+        try {
+            if (!CORBA::is_nil(m_iterator))
+                m_iterator->release();
+        } catch (const CORBA::Exception&) {
+            // See above.
+        }
+    }
+    AutoReleaseIterator(const AutoReleaseIterator&) = delete;
+    AutoReleaseIterator& operator=(const AutoReleaseIterator&) = delete;
+
+  private:
+    const Remote::CollectionDataIterator_var m_iterator;
+};
+
+CORBA::ULongLong secondsOf(const TlxObjTime& time)
+{
+    return static_cast<CORBA::ULongLong>(std::max<std::int64_t>(time.seconds(), 0));
+}
+
+} // namespace
+
+RemoteCollectionData::RemoteCollectionData(DiscoveryQuery query) : m_query(query)
+{
+    initalizeDR();
+}
+
+RemoteCollectionData::RemoteCollectionData(const Remote::Discovery& discovery)
+    : m_discovery(new Remote::Discovery(discovery)), m_query(discovery.queryType)
+{
+}
+
+RemoteCollectionData::~RemoteCollectionData()
+{
+    dropWriter();
+}
+
+void RemoteCollectionData::initalizeDR()
+{
+    m_result = {DS_OPEN_FAILED, 0};
+}
+
+void RemoteCollectionData::dropWriter() const
+{
+    if (CORBA::is_nil(m_writer))
+        return;
+    countService(ServiceCounter::WRITERS_LEFT);
+    m_writer = Remote::RemoteWriter::_nil();
+}
+
+void RemoteCollectionData::dropCache()
+{
+    m_cached = false;
+    m_cache = {};
+    m_length = 0;
+    m_position = 0;
+}
+
+void RemoteCollectionData::getMasterServerName(TlxHostname& out) const
+{
+    getDiscoveryRepository()->getMasterServerName(out);
+}
+
+Remote::DiscoveryService_ptr RemoteCollectionData::connect() const
+{
+    DISC_TRACE("RemoteCollectionData::connect");
+    TlxHostname master;
+    getMasterServerName(master);
+    return getDiscoveryRepository()->connectToRemoteDiscoveryService(master, SERVICE);
+}
+
+bool RemoteCollectionData::open(OpenMode mode, const char* arg)
+{
+    DISC_TRACE("RemoteCollectionData::open");
+    switch (mode) {
+    case OM_READ:
+        return openRead(arg);
+    case OM_UPDATE:
+        return openWrite();
+    default:
+        TLX_SHOULD_NOT_GET_HERE();
+        return false;
+    }
+}
+
+bool RemoteCollectionData::openWrite()
+{
+    // Spelt as readers of the log know it.
+    DISC_TRACE("RemotecollectionData::openWrite");
+    dropWriter();
+    m_spoilt = false;
+    try {
+        const Remote::DiscoveryService_var master = connect();
+        if (CORBA::is_nil(master)) {
+            DISC_LOG(1, "Failed to connect to discovery service");
+            return false;
+        }
+        bool ready = TLX_ASSERT_AS(m_subject, "NULL != m_subject");
+        ready = TLX_ASSERT_AS(m_authority, "NULL != m_authority") && ready;
+        if (!ready)
+            return false;
+        Remote::Discovery record;
+        record.queryType = m_query;
+        record.subject = m_subject->getSubject().c_str();
+        record.authority = m_authority->getName().c_str();
+        record.authType = m_authority->getType();
+        record.attributes = {CT_CONFIGURATION, CS_LOCALONLY, 0, 0, 0};
+        if (m_attributes)
+            record.attributes = {m_attributes->getType(), m_attributes->getStorage(),
+                                 static_cast<CORBA::Long>(m_attributes->getPriority()),
+                                 secondsOf(m_attributes->getTimeToLive()),
+                                 secondsOf(m_attributes->getDiscoveryTime())};
+        TlxHostname host;
+        host.setLocal();
+        record.sourceHost = host.c_str();
+        record.sourceServiceName = getDiscoveryRepository()->getOrbServiceName().c_str();
+        m_result = master->putCollection(record, m_writer.out());
+    } catch (const CORBA::Exception& e) {
+        DISC_LOG(1,
+                 "Caught CORBA Exception while saving collection data: " << describeException(e));
+        return false;
+    }
+    if (!isSuccess(m_result)) {
+        DISC_LOG(1, "Failed to open the collection data: " << m_result.discStatus);
+        return false;
+    }
+    return true;
+}
+
+bool RemoteCollectionData::writeCollection(std::size_t length, const void* buffer) const
+{
+    DISC_TRACE("RemoteCollectionData::writeCollection");
+    if (!TLX_ASSERT_AS(!CORBA::is_nil(m_writer), "NULL != m_writer"))
+        return false;
+    const auto* bytes = static_cast<const CORBA::Octet*>(buffer);
+    try {
+        while (length > 0) {
+            const std::size_t count = std::min(length, CHUNK_BYTES);
+            Remote::CollectionDataSeq chunk;
+            chunk.length(static_cast<CORBA::ULong>(count));
+            std::memcpy(chunk.get_buffer(), bytes, count);
+            if (!m_writer->put(chunk)) {
+                DISC_LOG(1, "Failed to write buffer");
+                m_spoilt = true;
+                return false;
+            }
+            bytes += count;
+            length -= count;
+        }
+        return true;
+    } catch (const CORBA::Exception& e) {
+        DISC_LOG(1, "Caught CORBA Exception during remote write: " << describeException(e));
+        m_spoilt = true;
+        return false;
+    }
+}
+
+DiscoveryResult RemoteCollectionData::persist()
+{
+    DISC_TRACE("RemoteDiscovery::persist");
+    if (!TLX_ASSERT_AS(!CORBA::is_nil(m_writer), "NULL != cd->m_writer"))
+        return {DS_LOGIC_ERROR, 0};
+    if (m_spoilt) { // a close would make what did arrive the stored data
+        DISC_LOG(1, "A collection that lost bytes on its way is not persisted");
+        dropWriter();
+        return {DS_COM_ERROR, 0};
+    }
+    try {
+        const DiscoveryResult result = m_writer->close();
+        m_writer = Remote::RemoteWriter::_nil();
+        return result;
+    } catch (const CORBA::Exception& e) {
+        DISC_LOG(1,
+                 "Caught CORBA Exception while persisting discoveries: " << describeException(e));
+        dropWriter();
+        return {DS_COM_ERROR, 0};
+    }
+}
+
+bool RemoteCollectionData::openRead(const char* filter)
+{
+    DISC_TRACE("RemoteCollectionData::openRead");
+    dropCache();
+    if (!TLX_ASSERT_AS(m_discovery.operator->(), "0 != m_discovery.ptr()"))
+        return false;
+    try {
+        TlxHostname source;
+        source.setHostname(TlxString(m_discovery->sourceHost.in()));
+        const Remote::DiscoveryService_var service =
+            getDiscoveryRepository()->connectToRemoteDiscoveryService(
+                source, m_discovery->sourceServiceName.in());
+        if (CORBA::is_nil(service)) {
+            DISC_LOG(1, "Failed to connect to discovery service");
+            return false;
+        }
+        Remote::CollectionDataIterator_var iterator;
+        const DiscoveryStatus status =
+            service->getCollectionData(m_discovery.in(), filter ? filter : "", iterator.out());
+        const AutoReleaseIterator released(iterator);
+        if (status != DS_SUCCESS) {
+            DISC_LOG(1, "Failed to get collection data: " << status);
+            return false;
+        }
+        if (CORBA::is_nil(iterator)) {
+            DISC_LOG(1, "The service answered with success and no iterator");
+            return false;
+        }
+        m_cached = fetch(iterator);
+    } catch (const CORBA::Exception& e) {
+        DISC_LOG(1,
+                 "Caught CORBA Exception while reading collection data: " << describeException(e));
+    }
+    if (!m_cached)
+        dropCache();
+    return m_cached;
+}
+
+/// All pages, each as small as the other side makes them: no page size is set.
+bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr iterator)
+{
+    constexpr const char* OPERATION = "RemoteCollectionData::openRead";
+    const std::uint64_t bound = HostConfig::instance().number(ConfigKey::REMOTE_MAX_BYTES);
+    m_cache.resize(FIRST_CACHE_BYTES);
+    for (;;) {
+        if (getDiscoveryRepository()->isShuttingDown()) {
+            DISC_LOG_AS(OPERATION, 1, "The service is shutting down, the read is given up");
+            return false;
+        }
+        const Remote::CollectionDataSeq_var page = iterator->getNextPage();
+        if (page->length() == 0)
+            break;
+        if (static_cast<std::uint64_t>(m_length) + page->length() > bound) {
+            DISC_LOG_AS(OPERATION, 1,
+                        "A collection of another host may have " << bound << " bytes ("
+                                                                 << ConfigKey::REMOTE_MAX_BYTES
+                                                                 << "), this one has more");
+            return false;
+        }
+        if (!append(page))
+            return false;
+    }
+    if (m_length == 0)
+        DISC_LOG_AS(OPERATION, 1, "Collection data returned has no data");
+    return m_length > 0;
+}
+
+bool RemoteCollectionData::append(const Remote::CollectionDataSeq& page)
+{
+    const std::size_t needed = static_cast<std::size_t>(m_length) + page.length();
+    if (needed > m_cache.size())
+        m_cache.resize(m_cache.size() * 2); // once a page, as it has always been
+    if (needed > m_cache.size()) {
+        DISC_LOG_AS("RemoteCollectionData::openRead", 1,
+                    "A page of " << page.length() << " bytes does not fit in a cache of "
+                                 << m_cache.size() << " with " << m_length << " in use");
+        return false;
+    }
+    std::memcpy(m_cache.data() + m_length, page.get_buffer(), page.length());
+    m_length += static_cast<std::int32_t>(page.length());
+    return true;
+}
+
+std::size_t RemoteCollectionData::readCollection(std::size_t length, void* buffer) const
+{
+    DISC_TRACE("RemoteCollectionData::readCollection");
+    if (!TLX_ASSERT(m_cached))
+        return 0;
+    const std::size_t count = std::min(length, static_cast<std::size_t>(m_length - m_position));
+    std::memcpy(buffer, m_cache.data() + m_position, count);
+    m_position += static_cast<std::int64_t>(count);
+    return count;
+}
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -1,0 +1,76 @@
+#include <tlx/HostConfig.h>
+#include <tlx/Servant.h>
+
+#include "DiscLog.h"
+#include "DiscoveryRepository.h"
+#include "RemoteDB.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+namespace {
+constexpr const char* LOG_SOURCE = "../RemoteDB";
+} // namespace
+
+RemoteDiscoveryIterator::RemoteDiscoveryIterator(AuthorityType type, const std::string& subject,
+                                                 const std::string& authority,
+                                                 Remote::DiscoveryIterator_ptr adopted)
+    : DiscoveryIterator(type, authority, subject)
+{
+    DISC_TRACE("RemoteDiscoveryIterator::RemoteDiscoveryIterator");
+    const Remote::DiscoveryIterator_var iterator(adopted);
+    if (CORBA::is_nil(iterator)) {
+        m_failure = "the service answered without an iterator";
+        return;
+    }
+    const auto bound =
+        static_cast<std::size_t>(HostConfig::instance().number(ConfigKey::REMOTE_MAX_RECORDS));
+    try {
+        while (fetchPage(iterator, bound)) {
+        }
+    } catch (const CORBA::Exception& e) {
+        m_failure = describeException(e);
+    }
+    if (!m_failure.empty()) // a list is whole, or none
+        m_discoveries = {};
+    try {
+        iterator->release();
+    } catch (const CORBA::Exception& e) {
+        // The service gets rid of an idle iterator by itself.
+        DISC_LOG(4, "An iterator could not be released: " << describeException(e));
+    }
+}
+
+/// False at the end, and when the list cannot be whole.
+bool RemoteDiscoveryIterator::fetchPage(Remote::DiscoveryIterator_ptr iterator, std::size_t bound)
+{
+    if (getDiscoveryRepository()->isShuttingDown()) {
+        m_failure = "the service is shutting down";
+        return false;
+    }
+    Remote::DiscoverySeq_var page = iterator->getNextPage();
+    if (m_discoveries.size() + page->length() > bound) {
+        m_failure = "a query may yield " + std::to_string(bound) + " records (" +
+                    ConfigKey::REMOTE_MAX_RECORDS + "), this one yields more";
+        return false;
+    }
+    for (CORBA::ULong i = 0; i < page->length(); ++i) {
+        const Remote::Discovery& record = page[i];
+        if (*record.subject.in() == '\0' || *record.authority.in() == '\0') {
+            m_failure = "a record came without a subject or an authority";
+            return false;
+        }
+        m_discoveries.emplace_back(new Remote::Discovery(record));
+    }
+    return page->length() > 0;
+}
+
+Discovery* RemoteDiscoveryIterator::getNext()
+{
+    DISC_TRACE("RemoteDiscoveryIterator::getNext");
+    if (m_next == m_discoveries.size())
+        return nullptr;
+    const Remote::Discovery_var record(m_discoveries[m_next++]._retn());
+    return getRemoteDiscoveryDatabase()->newDiscovery(record.in());
+}
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

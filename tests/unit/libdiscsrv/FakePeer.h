@@ -1,0 +1,278 @@
+#pragma once
+// Another host's service, in a process of its own: it answers as the names in a request say.
+//
+//     queryDiscoveries    by the subject: "records-N" yields N records, "nil" nil, "throw"
+//     NO_MEMORY,
+//                         "throw-page" fails on the second page, "nameless" a record without a
+//                         subject, "endless" never ends, otherwise one record of that subject
+//     getCollectionData   by the subject: "bytes-N" has N bytes in pages of 8, "page-N" one page of
+//     N
+//                         bytes, "none" DS_NONE_FOUND, "nil" success and nil, "throw" NO_MEMORY,
+//                         "throw-page" fails on the second page
+//     putCollection       by the subject: "refuse" DS_DATA_EXISTS, "throw" NO_MEMORY, "bad-put"
+//                         answers false from the second put on, "throw-put", "throw-close" fail
+//
+// What it was asked is the payload of the subject "log".
+
+#include <csignal>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <tlx/Orb.h>
+
+#include "DiscoveryService_i.h"
+
+namespace QmTest {
+
+namespace Tlx = Veltrane::Quillmark::Tlx;
+namespace Disc = Veltrane::Quillmark::Tlx::DiscoverySvc;
+namespace Remote = Veltrane::Quillmark::Tlx::DiscoverySvc::Remote;
+namespace Skeleton = POA_Veltrane::Quillmark::Tlx::DiscoverySvc::Remote;
+
+namespace FakePeerDetail {
+
+inline std::string g_log;
+
+/// "PREFIX-N" -> N; -1 for anything else.
+inline long countOf(const std::string& name, const std::string& prefix)
+{
+    return name.rfind(prefix + "-", 0) == 0 ? std::atol(name.c_str() + prefix.size() + 1) : -1;
+}
+
+class Records : public Skeleton::DiscoveryIterator
+{
+  public:
+    explicit Records(std::string subject) : m_subject(std::move(subject)) {}
+    Remote::DiscoverySeq* getNextPage() override
+    {
+        g_log += "page;";
+        auto page = std::make_unique<Remote::DiscoverySeq>();
+        ++m_pages;
+        if (m_subject == "throw-page" && m_pages == 2)
+            throw CORBA::NO_MEMORY();
+        const long wanted = countOf(m_subject, "records");
+        const long left = (wanted < 0 ? 1 : wanted) - m_sent;
+        const long now = m_subject == "endless" || m_subject == "throw-page" ? 9
+                         : left > 9                                          ? 9
+                                                                             : left;
+        page->length(static_cast<CORBA::ULong>(now));
+        for (CORBA::ULong i = 0; i < page->length(); ++i, ++m_sent) {
+            Remote::Discovery& record = (*page)[i];
+            const std::string name =
+                wanted < 0 ? m_subject : "s" + std::to_string(static_cast<long>(m_sent));
+            record.queryType = Disc::DQ_UNDEFINED;
+            record.subject = m_subject == "nameless" ? "" : name.c_str();
+            record.authority = "a";
+            record.authType = Disc::AT_EXTSRC;
+            record.attributes = {Disc::CT_CONFIGURATION, Disc::CS_LOCALONLY, 0, 0, 0};
+            record.sourceHost = "peer";
+            record.sourceServiceName = "DiscoveryService";
+        }
+        return page.release();
+    }
+    CORBA::Long pageSize() override { return 8; }
+    void pageSize(CORBA::Long) override { g_log += "pageSize;"; }
+    void release() override { g_log += "release;"; }
+
+  private:
+    const std::string m_subject;
+    long m_sent = 0;
+    int m_pages = 0;
+};
+
+class Data : public Skeleton::CollectionDataIterator
+{
+  public:
+    Data(std::string bytes, std::size_t page, bool fails)
+        : m_bytes(std::move(bytes)), m_page(page), m_fails(fails)
+    {
+    }
+    Remote::CollectionDataSeq* getNextPage() override
+    {
+        if (m_fails && m_sent > 0)
+            throw CORBA::NO_MEMORY();
+        const std::string now = m_bytes.substr(m_sent, m_page);
+        m_sent += now.size();
+        auto page = std::make_unique<Remote::CollectionDataSeq>();
+        page->length(static_cast<CORBA::ULong>(now.size()));
+        for (CORBA::ULong i = 0; i < page->length(); ++i)
+            (*page)[i] = static_cast<CORBA::Octet>(now[i]);
+        return page.release();
+    }
+    CORBA::Long pageSize() override { return 8; }
+    void pageSize(CORBA::Long) override { g_log += "pageSize;"; }
+    void release() override { g_log += "release;"; }
+
+  private:
+    const std::string m_bytes;
+    const std::size_t m_page;
+    const bool m_fails;
+    std::size_t m_sent = 0;
+};
+
+class Writer : public Skeleton::RemoteWriter
+{
+  public:
+    explicit Writer(std::string subject) : m_subject(std::move(subject)) {}
+    CORBA::Boolean put(const Remote::CollectionDataSeq& data) override
+    {
+        g_log += "put " + std::to_string(data.length()) + ";";
+        if (m_subject == "throw-put")
+            throw CORBA::NO_MEMORY();
+        return m_subject != "bad-put" || m_puts++ == 0;
+    }
+    Disc::DiscoveryResult close() override
+    {
+        g_log += "close;";
+        if (m_subject == "throw-close")
+            throw CORBA::NO_MEMORY();
+        return {Disc::DS_SUCCESS, 0};
+    }
+
+  private:
+    const std::string m_subject;
+    int m_puts = 0;
+};
+
+class Service : public Skeleton::DiscoveryService
+{
+  public:
+    Remote::DiscoveryIterator_ptr queryDiscoveries(Disc::DiscoveryQuery query,
+                                                   Disc::AuthorityType type, const char* authority,
+                                                   const char* subject) override
+    {
+        g_log += "query " + std::to_string(query) + " " + std::to_string(type) + " " + authority +
+                 " " + subject + ";";
+        if (subject == std::string("throw"))
+            throw CORBA::NO_MEMORY();
+        if (subject == std::string("nil"))
+            return Remote::DiscoveryIterator::_nil();
+        return (new Records(subject))->_this();
+    }
+    Disc::DiscoveryStatus getCollectionData(const Remote::Discovery& record, const char* filter,
+                                            Remote::CollectionDataIterator_out iterator) override
+    {
+        const std::string subject = record.subject.in();
+        iterator = Remote::CollectionDataIterator::_nil();
+        if (subject == "log") {
+            iterator = (new Data(g_log, 100000, false))->_this();
+            return Disc::DS_SUCCESS;
+        }
+        g_log += "get " + subject + " [" + filter + "];";
+        if (subject == "throw")
+            throw CORBA::NO_MEMORY();
+        if (subject == "none")
+            return Disc::DS_NONE_FOUND;
+        if (subject == "nil")
+            return Disc::DS_SUCCESS;
+        const long bytes = countOf(subject, "bytes");
+        const long page = countOf(subject, "page");
+        const bool fails = subject == "throw-page";
+        const std::string data(static_cast<std::size_t>(fails        ? 100
+                                                        : bytes >= 0 ? bytes
+                                                        : page >= 0  ? page
+                                                                     : 5),
+                               'x');
+        iterator = (new Data(data, page >= 0 ? data.size() : 8, fails))->_this();
+        return Disc::DS_SUCCESS;
+    }
+    Disc::DiscoveryResult putCollection(const Remote::Discovery& record,
+                                        Remote::RemoteWriter_out writer) override
+    {
+        const std::string subject = record.subject.in();
+        const Remote::CollAttributes& with = record.attributes;
+        g_log += "putCollection " + subject + " of " + record.authority.in() + " " +
+                 std::to_string(record.authType) + " query " + std::to_string(record.queryType) +
+                 " " + std::to_string(with.colType) + std::to_string(with.colStorage) + " " +
+                 std::to_string(with.priority) + " " + std::to_string(with.timeToLive) + " " +
+                 std::to_string(with.discoveryTime) + " from " + record.sourceHost.in() + " " +
+                 record.sourceServiceName.in() + ";";
+        writer = Remote::RemoteWriter::_nil();
+        if (subject == "throw")
+            throw CORBA::NO_MEMORY();
+        if (subject == "refuse")
+            return {Disc::DS_DATA_EXISTS, 7};
+        writer = (new Writer(subject))->_this();
+        return {Disc::DS_SUCCESS, 0};
+    }
+    void registerExplorer(const char*, const char*, const char*, const char*, Disc::AuthorityType,
+                          CORBA::Short) override
+    {
+    }
+    CORBA::Boolean terminate() override { return false; }
+    void restartLocalPushTimer() override { g_log += "restart;"; }
+    CORBA::Boolean restartAllPushTimers() override { return false; }
+};
+
+/// An object that is no discovery service.
+class Stranger : public Skeleton::RemoteWriter
+{
+  public:
+    CORBA::Boolean put(const Remote::CollectionDataSeq&) override { return false; }
+    Disc::DiscoveryResult close() override { return {Disc::DS_SUCCESS, 0}; }
+};
+
+} // namespace FakePeerDetail
+
+/// Made before anything of the ORB in this process, which it is forked from.
+class FakePeer
+{
+  public:
+    /// @param stranger advertises something else under the service's name.
+    explicit FakePeer(bool stranger = false)
+    {
+        int ends[2];
+        EXPECT_EQ(::pipe(ends), 0);
+        m_pid = ::fork();
+        if (m_pid == 0) {
+            ::close(ends[0]);
+            serve(ends[1], stranger);
+        }
+        ::close(ends[1]);
+        char text[100] = {};
+        EXPECT_GT(::read(ends[0], text, sizeof text - 1), 0);
+        ::close(ends[0]);
+        endpoint = text;
+    }
+    ~FakePeer() { kill(); }
+    FakePeer(const FakePeer&) = delete;
+    FakePeer& operator=(const FakePeer&) = delete;
+
+    void kill()
+    {
+        if (m_pid <= 0)
+            return;
+        ::kill(m_pid, SIGKILL);
+        ::waitpid(m_pid, nullptr, 0);
+        m_pid = -1;
+    }
+
+    std::string endpoint;
+
+  private:
+    [[noreturn]] static void serve(int out, bool stranger)
+    {
+        ::alarm(100); // no test takes that long
+        Tlx::Orb orb(false, "127.0.0.1:0", "DiscoveryService", false, 16);
+        const CORBA::Object_var object = stranger
+                                             ? orb.activateServant(new FakePeerDetail::Stranger)
+                                             : orb.activateServant(new FakePeerDetail::Service);
+        orb.advertiseObject("DiscoveryService", object);
+        orb.serveRequests();
+        const std::string text = orb.getEndpoint();
+        (void)!::write(out, text.data(), text.size());
+        ::close(out);
+        for (;;)
+            ::pause();
+    }
+
+    pid_t m_pid = -1;
+};
+
+} // namespace QmTest

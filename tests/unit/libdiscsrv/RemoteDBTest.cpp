@@ -1,0 +1,434 @@
+// Records that are kept on another host, and that host answering well and badly.
+
+#include "RemoteDB.h"
+
+#include <thread>
+
+#include "Capture.h"
+#include "FakePeer.h"
+#include "RemoteExplorerPull.h"
+#include "ServiceCounters.h"
+#include "ServiceFixture.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+namespace {
+
+using QmTest::AssertionCapture;
+using QmTest::FakePeer;
+using QmTest::LogCapture;
+using Lines = std::vector<std::string>;
+
+constexpr const char* NO_MEMORY = "NO_MEMORY (minor 0x00000000, COMPLETED_NO)";
+
+/// A client whose master, "peer", is the fake one.
+struct RemoteDBTest : testing::Test
+{
+    RemoteDBTest() : service("SERVER = peer\nENDPOINT.peer = " + peer.endpoint + "\n") {}
+
+    static Remote::Discovery named(const std::string& subject, const char* host = "peer")
+    {
+        Remote::Discovery record;
+        record.queryType = DQ_UNDEFINED;
+        record.subject = subject.c_str();
+        record.authority = "a";
+        record.authType = AT_EXTSRC;
+        record.attributes = {CT_CONFIGURATION, CS_LOCALONLY, 0, 0, 0};
+        record.sourceHost = host;
+        record.sourceServiceName = "DiscoveryService";
+        return record;
+    }
+    static AutoDereference<Discovery> found(const std::string& subject, const char* host = "peer")
+    {
+        return AutoDereference<Discovery>(
+            getRemoteDiscoveryDatabase()->newDiscovery(named(subject, host)));
+    }
+    static AutoDereference<Discovery> made(const std::string& subject)
+    {
+        AutoDereference<Discovery> record;
+        getDiscoveryRepository()->newDiscovery(
+            record, DQ_DISCOVERY_DATA, Subject(subject), Authority("a", AT_QMKCLIENT),
+            CollectionAttributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY, TlxObjTime(1000, 5),
+                                 TlxObjTime(60, 0), 7));
+        return record;
+    }
+    static std::string read(const Discovery& record, std::size_t step = 4096)
+    {
+        std::string text;
+        std::vector<char> buffer(step);
+        while (const std::size_t count =
+                   record.getCollectionData()->readCollection(step, buffer.data()))
+            text.append(buffer.data(), count);
+        return text;
+    }
+    /// What the peer was asked since the last look.
+    std::string asked()
+    {
+        const auto log = found("log");
+        EXPECT_TRUE(log->getCollectionData()->open(OM_READ, ""));
+        const std::string all = read(*log);
+        const std::string fresh = all.substr(std::min(seen, all.size()));
+        seen = all.size() + std::string("release;").size();
+        return fresh;
+    }
+    AutoDereference<DiscoveryIterator> query(const std::string& subject) const
+    {
+        return AutoDereference<DiscoveryIterator>(getDiscoveryRepository()->queryDiscoveries(
+            DQ_DISCOVERY_DATA, subject, "a*", AT_EXTSRC));
+    }
+    static std::size_t count(DiscoveryIterator& iterator)
+    {
+        std::size_t records = 0;
+        while (Discovery* next = iterator.getNext()) {
+            ++records;
+            next->dereferenceObject();
+        }
+        return records;
+    }
+    static unsigned long long writersLeft()
+    {
+        for (const CounterValue& counter : serviceCounters())
+            if (std::string(counter.name) == "writersLeft")
+                return counter.value;
+        return 0;
+    }
+
+    FakePeer peer; // forked before anything else
+    QmTest::Service service;
+    std::size_t seen = 0;
+};
+
+TEST_F(RemoteDBTest, ARecordIsWrittenInChunksOf1024)
+{
+    const auto record = made("cl5");
+    EXPECT_EQ(record->open(OM_UPDATE, "").discStatus, DS_SUCCESS);
+    const std::string data(2500, 'x');
+    EXPECT_TRUE(record->getCollectionData()->writeCollection(0, nullptr));
+    EXPECT_TRUE(record->getCollectionData()->writeCollection(data.size(), data.data()));
+    EXPECT_EQ(record->persist().discStatus, DS_SUCCESS);
+    EXPECT_EQ(asked(), "putCollection cl5 of a 2 query 1 21 7 60 1000 from here DiscoveryService;"
+                       "put 1024;put 1024;put 452;close;");
+    const AssertionCapture assertions;
+    EXPECT_EQ(record->persist().discStatus, DS_LOGIC_ERROR);
+    EXPECT_EQ(assertions.texts(), Lines{"NULL != cd->m_writer"});
+    EXPECT_EQ(writersLeft(), 0u);
+}
+
+TEST_F(RemoteDBTest, AWriteThatIsRefusedFails)
+{
+    const LogCapture log;
+    EXPECT_EQ(made("refuse")->open(OM_UPDATE, "").discStatus, DS_OPEN_FAILED);
+    EXPECT_EQ(log.texts(1), Lines{"Failed to open the collection data: 5"});
+    EXPECT_EQ(log.lines().back().operation, "RemotecollectionData::openWrite");
+}
+
+TEST_F(RemoteDBTest, AWriteThatBreaksOffFails)
+{
+    LogCapture log;
+    EXPECT_EQ(made("throw")->open(OM_UPDATE, "").discStatus, DS_OPEN_FAILED);
+    EXPECT_EQ(
+        log.texts(1),
+        Lines{std::string("Caught CORBA Exception while saving collection data: ") + NO_MEMORY});
+
+    const auto bad = made("bad-put");
+    bad->open(OM_UPDATE, "");
+    log.clear();
+    const std::string data(3000, 'x');
+    EXPECT_FALSE(bad->getCollectionData()->writeCollection(data.size(), data.data()));
+    EXPECT_EQ(log.texts(1), Lines{"Failed to write buffer"});
+    log.clear();
+    EXPECT_EQ(bad->persist().discStatus, DS_COM_ERROR);
+    EXPECT_EQ(log.texts(1), Lines{"A collection that lost bytes on its way is not persisted"});
+    EXPECT_EQ(writersLeft(), 1u);
+
+    const auto torn = made("throw-put");
+    torn->open(OM_UPDATE, "");
+    log.clear();
+    EXPECT_FALSE(torn->getCollectionData()->writeCollection(1, "x"));
+    EXPECT_EQ(log.texts(1),
+              Lines{std::string("Caught CORBA Exception during remote write: ") + NO_MEMORY});
+
+    const auto last = made("throw-close");
+    last->open(OM_UPDATE, "");
+    log.clear();
+    EXPECT_EQ(last->persist().discStatus, DS_COM_ERROR);
+    EXPECT_EQ(
+        log.texts(1),
+        Lines{std::string("Caught CORBA Exception while persisting discoveries: ") + NO_MEMORY});
+}
+
+TEST_F(RemoteDBTest, AWriteWithoutAnOpenWriterIsReported)
+{
+    const auto record = made("cl5");
+    const AssertionCapture assertions;
+    EXPECT_FALSE(record->getCollectionData()->writeCollection(1, "x"));
+    EXPECT_EQ(record->persist().discStatus, DS_LOGIC_ERROR);
+    EXPECT_EQ(assertions.texts(), (Lines{"NULL != m_writer", "NULL != cd->m_writer"}));
+}
+
+TEST_F(RemoteDBTest, AMasterThatIsDownFailsTheWrite)
+{
+    peer.kill();
+    const LogCapture log;
+    EXPECT_EQ(made("cl5")->open(OM_UPDATE, "").discStatus, DS_OPEN_FAILED);
+    EXPECT_EQ(log.texts(1), (Lines{"Failed to connect to remote discovery service",
+                                   "Failed to connect to discovery service"}));
+}
+
+TEST_F(RemoteDBTest, ACollectionIsReadWhole)
+{
+    const auto record = found("bytes-3000");
+    EXPECT_EQ(record->open(OM_READ, "f").discStatus, DS_SUCCESS);
+    std::vector<char> buffer(4096);
+    EXPECT_EQ(record->getCollectionData()->readCollection(4096, buffer.data()), 3000u);
+    EXPECT_EQ(record->getCollectionData()->readCollection(4096, buffer.data()), 0u);
+    EXPECT_EQ(asked(), "get bytes-3000 [f];release;") << "no page size is set";
+    // Once more is afresh, not twice as much.
+    EXPECT_EQ(record->open(OM_READ, "").discStatus, DS_SUCCESS);
+    EXPECT_EQ(read(*record, 7).size(), 3000u);
+}
+
+TEST_F(RemoteDBTest, APageThatStillDoesNotFitEndsTheRead)
+{
+    EXPECT_EQ(found("page-2048")->open(OM_READ, "").discStatus, DS_SUCCESS);
+    const LogCapture log;
+    EXPECT_EQ(found("page-2049")->open(OM_READ, "").discStatus, DS_OPEN_FAILED);
+    EXPECT_EQ(log.texts(1),
+              Lines{"A page of 2049 bytes does not fit in a cache of 2048 with 0 in use"});
+}
+
+TEST_F(RemoteDBTest, AReadThatYieldsNothingFails)
+{
+    LogCapture log;
+    const auto failure = [&log](const std::string& subject) {
+        log.clear();
+        EXPECT_EQ(found(subject)->open(OM_READ, "").discStatus, DS_OPEN_FAILED);
+        return log.texts(1);
+    };
+    EXPECT_EQ(failure("bytes-0"), Lines{"Collection data returned has no data"});
+    EXPECT_EQ(failure("none"), Lines{"Failed to get collection data: 1"});
+    EXPECT_EQ(failure("nil"), Lines{"The service answered with success and no iterator"});
+    EXPECT_EQ(
+        failure("throw"),
+        Lines{std::string("Caught CORBA Exception while reading collection data: ") + NO_MEMORY});
+    EXPECT_EQ(
+        failure("throw-page"),
+        Lines{std::string("Caught CORBA Exception while reading collection data: ") + NO_MEMORY});
+    const AssertionCapture assertions;
+    char byte;
+    EXPECT_EQ(found("none")->getCollectionData()->readCollection(1, &byte), 0u);
+    EXPECT_EQ(made("x")->open(OM_READ, "").discStatus, DS_OPEN_FAILED);
+    EXPECT_EQ(assertions.texts(), (Lines{"m_cached", "0 != m_discovery.ptr()"}));
+}
+
+TEST_F(RemoteDBTest, ACollectionHasABound)
+{
+    HostConfig::instance().readText("SERVER = peer\nENDPOINT.peer = " + peer.endpoint +
+                                        "\nREMOTE_MAX_BYTES = 1024\n",
+                                    "qm.conf");
+    EXPECT_EQ(found("bytes-1024")->open(OM_READ, "").discStatus, DS_SUCCESS);
+    const LogCapture log;
+    EXPECT_EQ(found("bytes-1025")->open(OM_READ, "").discStatus, DS_OPEN_FAILED);
+    EXPECT_EQ(log.texts(1), Lines{"A collection of another host may have 1024 bytes "
+                                  "(REMOTE_MAX_BYTES), this one has more"});
+}
+
+TEST_F(RemoteDBTest, AQueryIsForwardedAndItsListFetched)
+{
+    const auto iterator = query("records-20");
+    ASSERT_TRUE(iterator);
+    EXPECT_EQ(asked(), "query 1 3 a* records-20;page;page;page;page;release;");
+    AutoDereference<Discovery> first(iterator->getNext());
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first->getSubject()->getSubject(), TlxString("s0"));
+    EXPECT_EQ(first->getAuthority()->getName(), TlxString("a"));
+    EXPECT_EQ(first->getAuthority()->getType(), AT_EXTSRC);
+    EXPECT_EQ(first->getAttributes(), nullptr);
+    EXPECT_EQ(first->getQuery(), DQ_UNDEFINED);
+    EXPECT_EQ(count(*iterator), 19u);
+    EXPECT_EQ(iterator->getNext(), nullptr);
+}
+
+TEST_F(RemoteDBTest, AListIsWholeOrAFailure)
+{
+    HostConfig::instance().readText("SERVER = peer\nENDPOINT.peer = " + peer.endpoint +
+                                        "\nREMOTE_MAX_RECORDS = 50\n",
+                                    "qm.conf");
+    LogCapture log;
+    const auto failure = [&](const std::string& subject) {
+        log.clear();
+        EXPECT_FALSE(query(subject)) << subject;
+        return log.texts(1);
+    };
+    const std::string text = "Failed to query remote discoveries: ";
+    EXPECT_EQ(failure("throw"), Lines{text + NO_MEMORY});
+    EXPECT_EQ(failure("throw-page"), Lines{text + NO_MEMORY});
+    EXPECT_EQ(failure("nil"), Lines{text + "the service answered without an iterator"});
+    EXPECT_EQ(failure("nameless"), Lines{text + "a record came without a subject or an authority"});
+    EXPECT_EQ(failure("endless"), Lines{text + "a query may yield 50 records "
+                                               "(REMOTE_MAX_RECORDS), this one yields more"});
+}
+
+TEST_F(RemoteDBTest, WithoutAMasterOrWithOneThatIsDownAQueryIsNull)
+{
+    peer.kill();
+    LogCapture log;
+    EXPECT_FALSE(query("x"));
+    EXPECT_EQ(log.texts(1), (Lines{"Failed to connect to remote discovery service",
+                                   "Failed to connect to discovery service"}));
+    HostConfig::instance().readText("", "qm.conf");
+    log.clear();
+    EXPECT_FALSE(query("x"));
+    EXPECT_EQ(log.texts(1),
+              (Lines{"Unable to obtain master server name", "Cannot find master server name, abort "
+                                                            "connecting to master discovery "
+                                                            "service"}));
+}
+
+TEST_F(RemoteDBTest, AHostNeverAsksItself)
+{
+    HostConfig::instance().readText(
+        "SERVER = other\nENDPOINT.other = " + service.orb->getEndpoint() + "\n", "qm.conf");
+    const LogCapture log;
+    EXPECT_FALSE(query("x"));
+    EXPECT_EQ(log.texts(1)[0], "other leads back to this service: " + service.orb->getEndpoint());
+    EXPECT_EQ(log.texts(1)[1], "Failed to connect to remote discovery service");
+}
+
+TEST_F(RemoteDBTest, DuringTheShutdownNothingIsFetched)
+{
+    getDiscoveryRepository()->shutdown();
+    const LogCapture log;
+    EXPECT_FALSE(query("endless"));
+    EXPECT_EQ(log.texts(1),
+              Lines{"Failed to query remote discoveries: the service is shutting down"});
+    EXPECT_EQ(found("bytes-100")->open(OM_READ, "").discStatus, DS_OPEN_FAILED);
+}
+
+TEST_F(RemoteDBTest, TheBackendMakesNoIterators)
+{
+    const AssertionCapture assertions;
+    EXPECT_EQ(getRemoteDiscoveryDatabase()->getIterator(DQ_DISCOVERY_DATA), nullptr);
+    EXPECT_EQ(assertions.texts(), Lines{"SHOULD_NOT_GET_HERE"});
+}
+
+/// The explorer of another host.
+struct RemotePullTest : RemoteDBTest
+{
+    /// Where the pulled bytes go.
+    struct Sink : CollectionData
+    {
+        bool open(OpenMode mode, const char*) override
+        {
+            ++opens;
+            return mode == OM_UPDATE && opens != failsAt;
+        }
+        std::size_t readCollection(std::size_t, void*) const override { return 0; }
+        bool writeCollection(std::size_t length, const void*) const override
+        {
+            lengths.push_back(length);
+            return true;
+        }
+        int opens = 0;
+        int failsAt = 0;
+        mutable std::vector<std::size_t> lengths;
+    };
+    bool pull(const std::string& subject, const char* text = "")
+    {
+        AutoDereference<TLXRefCounted> context;
+        return explorer->collectionRequested(DQ_DISCOVERY_DATA, Authority("a", AT_EXTSRC),
+                                             Subject(subject), context, text, &sink);
+    }
+    const AutoDereference<RemoteExplorerPull> explorer{
+        new RemoteExplorerPull("DiscoveryService", "peer", "s", "a", AT_QMKCLIENT)};
+    Sink sink;
+};
+
+TEST_F(RemotePullTest, CopiesInReadsOf1024)
+{
+    EXPECT_TRUE(pull("bytes-2500", "filter"));
+    EXPECT_EQ(sink.lengths, (std::vector<std::size_t>{1024, 1024, 452}));
+    EXPECT_EQ(sink.opens, 2);
+    EXPECT_EQ(asked(), "query 1 2 a bytes-2500;page;page;release;"
+                       "get bytes-2500 [filter];release;get bytes-2500 [];release;");
+}
+
+TEST_F(RemotePullTest, WantsExactlyOneRecord)
+{
+    LogCapture log;
+    EXPECT_FALSE(pull("records-0"));
+    EXPECT_EQ(log.texts(1), Lines{"No records found!"});
+    log.clear();
+    EXPECT_FALSE(pull("records-2"));
+    EXPECT_EQ(log.texts(1), Lines{"Too many records found"});
+    EXPECT_EQ(sink.opens, 0);
+    EXPECT_EQ(log.lines().back().operation, "RemotePullExplorer::collectionRequested");
+}
+
+TEST_F(RemotePullTest, AFailedQueryIsLoggedAsOne)
+{
+    const std::string text = "Caught CORBA Exception while querying for discoveries: ";
+    LogCapture log;
+    EXPECT_FALSE(pull("throw"));
+    EXPECT_EQ(log.texts(1), Lines{text + NO_MEMORY});
+    log.clear();
+    EXPECT_FALSE(pull("throw-page"));
+    EXPECT_EQ(log.texts(1), Lines{text + NO_MEMORY});
+}
+
+TEST_F(RemotePullTest, SourceAndTargetHaveEachOthersMessage)
+{
+    LogCapture log;
+    EXPECT_FALSE(pull("none"));
+    EXPECT_EQ(log.texts(1).back(), "Failed to target open collection data");
+    log.clear();
+    sink.failsAt = 1;
+    EXPECT_FALSE(pull("bytes-10"));
+    EXPECT_EQ(log.texts(1), Lines{"Failed to source open colection data"});
+    log.clear();
+    sink.opens = 0;
+    sink.failsAt = 2;
+    EXPECT_FALSE(pull("bytes-10"));
+    EXPECT_EQ(log.texts(1), Lines{}) << "the second time there is no message";
+}
+
+TEST_F(RemotePullTest, AnEmptyCollectionCannotBeOpened)
+{
+    const LogCapture log;
+    EXPECT_FALSE(pull("bytes-0"));
+    EXPECT_EQ(log.texts(1), (Lines{"Collection data returned has no data",
+                                   "Failed to target open collection data"}));
+    // The copy itself knows no difference.
+    struct Empty : CollectionData
+    {
+        bool open(OpenMode, const char*) override { return true; }
+        std::size_t readCollection(std::size_t, void*) const override { return 0; }
+        bool writeCollection(std::size_t, const void*) const override { return true; }
+    };
+    copyCollection(Empty(), sink);
+    EXPECT_EQ(sink.lengths, std::vector<std::size_t>{});
+}
+
+TEST_F(RemotePullTest, AHostThatIsDownIsTold)
+{
+    peer.kill();
+    const LogCapture log;
+    EXPECT_FALSE(pull("bytes-10"));
+    EXPECT_EQ(log.texts(1), (Lines{"Failed to connect to remote discovery service",
+                                   "Failed to connect to discovery service"}));
+}
+
+TEST(RemoteStrangerTest, AnObjectOfAnotherKindIsNoService)
+{
+    const FakePeer stranger(true);
+    const QmTest::Service service("SERVER = peer\nENDPOINT.peer = " + stranger.endpoint + "\n");
+    const LogCapture log;
+    const AutoDereference<DiscoveryIterator> iterator(
+        getDiscoveryRepository()->queryDiscoveries(DQ_DISCOVERY_DATA, "*", "*", AT_ANYANDALL));
+    EXPECT_FALSE(iterator);
+    EXPECT_EQ(log.texts(1),
+              (Lines{"Failed to connect to remote discovery service ( narrow failed ) ",
+                     "Failed to connect to discovery service"}));
+}
+
+} // namespace
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc
