@@ -7,6 +7,7 @@
 
 #include "DiscDB.h"
 #include "DiscLog.h"
+#include "DiscMem.h"
 #include "DiscoveryRepository.h"
 #include "DiscoveryService_i.h"
 #include "RemoteDB.h"
@@ -70,9 +71,10 @@ bool DiscoveryFramework::init()
         throw;
     }
     getDiscoveryDBDatabase()->init(m_name);
-    // Made now, while nobody else runs: it asks who the master is, which may take its time, and the
-    // way in which a singleton is found is safe for many threads only once it is there.
+    // Made now, while nobody else runs: the first asks who the master is, which may take its time,
+    // and the way in which a singleton is found is safe for many threads only once it is there.
     getRemoteDiscoveryDatabase();
+    getDiscoveryMemDatbase();
     getDiscoveryRepository()->loadExplorers();
     ++m_init;
     return true;

@@ -21,6 +21,7 @@ using QmTest::LogCapture;
 
 struct DiscMemTest : testing::Test
 {
+    DiscMemTest() { getDiscoveryMemDatbase(); } // made before there are threads, as in the service
     static AutoDereference<ExplorerQuery> query(const Explorer& explorer,
                                                 const std::string& subject = "s")
     {
