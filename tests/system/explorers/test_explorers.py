@@ -57,6 +57,15 @@ def ctl(root, *arguments, code=0):
     return done.stdout if code == 0 else done.stderr
 
 
+def test_the_default_library_exports_its_entry_points_alone():
+    symbols = subprocess.run(["nm", "-D", "--defined-only", BUILD / "lib" / "libqmexplorer.so"],
+                             capture_output=True, text=True, check=True).stdout
+    plain = {line.split()[-1] for line in symbols.splitlines() if " T " in line}
+    assert {name for name in plain if not name.startswith("_")} == {
+        "RegisterExplorers", "RegisterExplorerParsers"}
+    assert "QmExplorerKitVersion" in symbols
+
+
 def test_the_default_explorers_push_and_are_pulled(default_explorers, start, root):
     service = start(root).client()
     explorer = pushed(root, "master1")
