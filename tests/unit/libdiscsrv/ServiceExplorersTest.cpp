@@ -212,9 +212,11 @@ TEST_F(ServiceExplorersTest, OffTheMasterNoExplorerIsStored)
     EXPECT_EQ(assertions.texts(), Calls{"isGenericDSOnMaster()"});
 }
 
-TEST_F(ServiceExplorersTest, RegistrationsAndAStopAtTheSameMoment)
+TEST_F(ServiceExplorersTest, ALoadRegistrationsAndAStopAtTheSameMoment)
 {
+    setAceReactor(service.orb->getReactor());
     std::vector<std::thread> threads;
+    threads.emplace_back([] { getDiscoveryRepository()->loadExplorers(); });
     for (int i = 0; i < 4; ++i)
         threads.emplace_back([this, i] {
             for (int j = 0; j < 25; ++j)
