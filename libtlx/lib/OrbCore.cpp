@@ -234,15 +234,20 @@ OrbCore::~OrbCore()
     }
 }
 
-bool OrbCore::listensAt(const Endpoint& endpoint) const
+bool OrbCore::leadsHere(const Endpoint& endpoint) const
 {
     Endpoint own;
     if (m_listenAddress.empty() || !parseEndpoint(m_endpoint, own) || own.port != endpoint.port)
         return false;
-    if (isAnyAddress(m_listenAddress))
-        return isLocalAddress(endpoint.address);
-    const auto listening = resolveHost(m_listenAddress, std::chrono::seconds(1));
-    return std::find(listening.begin(), listening.end(), endpoint.address) != listening.end();
+    if (isAnyAddress(m_listenAddress) && isLocalAddress(endpoint.address))
+        return true;
+    // Behind an address translation the published address leads here though no interface has it.
+    for (const std::string& name : {m_listenAddress, own.address}) {
+        const auto addresses = resolveHost(name, std::chrono::seconds(1));
+        if (std::find(addresses.begin(), addresses.end(), endpoint.address) != addresses.end())
+            return true;
+    }
+    return false;
 }
 
 PortableServer::POA_ptr OrbCore::rootPOA() const

@@ -31,8 +31,9 @@ class OrbCore
     /// OBJ_ADAPTER for a client.
     PortableServer::POA_ptr rootPOA() const;
     const std::string& endpoint() const { return m_endpoint; }
-    /// Whether a numeric address and port are where this very process listens.
-    bool listensAt(const Endpoint& endpoint) const;
+    /// Whether a numeric address and port lead to this very process: where it listens, or what
+    /// its references publish.
+    bool leadsHere(const Endpoint& endpoint) const;
 
     void advertise(const std::string& name, CORBA::Object_ptr object);
     void holdRequests();

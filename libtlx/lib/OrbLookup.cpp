@@ -88,7 +88,7 @@ CORBA::Object_ptr lookupObject(const OrbCore& core, const TlxHostname& host,
         if (rest.count() <= 0)
             break;
         endpoint.address = address;
-        if (elsewhere && core.listensAt(endpoint)) {
+        if (elsewhere && core.leadsHere(endpoint)) {
             PLATFORM_LOG(LOG_LEVEL_FAILURE, "Orb::lookupObject",
                          host.text() << " leads back to this service: " << toText(endpoint));
             break;

@@ -27,6 +27,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using QmTest::LogCapture;
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
 
@@ -312,6 +313,20 @@ TEST_F(OrbTest, NobodyListeningIsNil)
     ASSERT_EQ(log.texts(4).size(), 1u);
     EXPECT_THAT(log.texts(4)[0], StartsWith("No answer from corbaloc:iiop:1.2@127.0.0.1:" +
                                             std::to_string(port) + "/Thing: TRANSIENT"));
+}
+
+TEST_F(OrbTest, ThePublishedAddressLeadsBackHere)
+{
+    const std::string config = "PUBLISH_ADDRESS = 127.0.0.9\n";
+    HostConfig::instance().readText(config, "qm.conf");
+    Orb orb(false, "127.0.0.1:0", "S", false, 16);
+    HostConfig::instance().readText(config + "ENDPOINT.other = " + orb.getEndpoint() + "\n",
+                                    "qm.conf");
+    const LogCapture log;
+    const CORBA::Object_var found = orb.lookupObjectElsewhere(TlxHostname("other"), "Thing", 5s);
+    EXPECT_TRUE(CORBA::is_nil(found));
+    EXPECT_THAT(log.texts(1),
+                ElementsAre("other leads back to this service: " + orb.getEndpoint()));
 }
 
 TEST_F(OrbTest, DestroyingAReferenceDeactivatesItsObject)
