@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <mutex>
+#include <utility>
 
 #include <dlfcn.h>
 #include <link.h>

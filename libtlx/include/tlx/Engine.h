@@ -48,7 +48,7 @@ class EngineContext
     EngineSingleton* find(std::type_index kind, Make make) const;
 
     mutable std::recursive_mutex m_mutex; // an object may ask for another while it is made
-    mutable bool m_open;
+    bool m_open;
     mutable std::vector<std::pair<std::type_index, std::unique_ptr<EngineSingleton>>> m_objects;
 };
 
