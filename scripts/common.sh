@@ -24,6 +24,9 @@ require_preset() {
     esac
 }
 
+# What another clone of this tree has compiled is as good here: the compiler is called with relative
+# paths, and the directory that it works in does not count.
+export CCACHE_BASEDIR="$QM_TOP" CCACHE_NOHASHDIR=1
 # Where the compiler cache may not use its own default place, it lives in the tree.
 if [ -z "${CCACHE_DIR:-}" ] && [ ! -w "${HOME:-/nonexistent}" ]; then
     export CCACHE_DIR="$QM_TOP/.cache/ccache"
