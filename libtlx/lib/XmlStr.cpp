@@ -1,18 +1,12 @@
 #include <tlx/XmlStr.h>
 
+#include "XmlCharacter.h"
+
 namespace Veltrane::Quillmark::Tlx {
 
 namespace {
 
 constexpr char32_t REPLACEMENT = 0xFFFD;
-
-/// What XML 1.0 can carry (its production "Char").
-bool isXmlCharacter(char32_t codePoint)
-{
-    if (codePoint < 0x20)
-        return codePoint == '\t' || codePoint == '\n' || codePoint == '\r';
-    return codePoint != 0xFFFE && codePoint != 0xFFFF;
-}
 
 void writeReference(std::ostream& out, char32_t codePoint)
 {

@@ -1,0 +1,270 @@
+#include <tlx/Query.h>
+
+#include <algorithm>
+#include <set>
+
+#include <tlx/Assert.h>
+
+#include "PlatformLog.h"
+#include "QueryExpression.h"
+#include "XmlCharacter.h"
+
+namespace Veltrane::Quillmark::Tlx {
+
+namespace {
+
+constexpr const char* LOG_SOURCE = "../Query";
+
+bool isLetter(char c)
+{
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
+}
+
+bool isNameChar(char c)
+{
+    return isLetter(c) || (c >= '0' && c <= '9') || c == '-' || c == '.';
+}
+
+TlxString carryable(const TlxString& text)
+{
+    std::string result;
+    for (std::string_view rest = text.utf8(); !rest.empty();) {
+        const std::size_t length = carryableLength(rest);
+        result += rest.substr(0, length);
+        rest.remove_prefix(length);
+        if (rest.empty())
+            break;
+        result += "\xEF\xBF\xBD";
+        rest.remove_prefix(std::max<std::size_t>(utf8Character(rest), 1));
+    }
+    return result;
+}
+
+/// What XML can carry of a field, each value once.
+QueryField carryable(const QueryField& field)
+{
+    QueryField result{field.name, field.type, carryable(field.description), {}};
+    std::set<TlxString> seen;
+    for (const TlxString& value : field.values)
+        if (seen.insert(carryable(value)).second)
+            result.values.push_back(carryable(value));
+    return result;
+}
+
+/// Why a field cannot be told; empty when it can.
+std::string problemOf(const QueryField& field)
+{
+    const std::string bytes = " bytes";
+    if (field.name.size() > QUERY_MAX_NAME)
+        return "its name has more than " + std::to_string(QUERY_MAX_NAME) + bytes;
+    if (!TlxQuery::isFieldName(field.name.utf8()))
+        return "its name is no name of a field";
+    if (field.description.size() > QUERY_MAX_TEXT)
+        return "its description has more than " + std::to_string(QUERY_MAX_TEXT) + bytes;
+    if (field.values.size() > QUERY_MAX_VALUES)
+        return "it has more than " + std::to_string(QUERY_MAX_VALUES) + " values";
+    for (const TlxString& value : field.values)
+        if (value.size() > QUERY_MAX_TEXT)
+            return "a value of it has more than " + std::to_string(QUERY_MAX_TEXT) + bytes;
+    return {};
+}
+
+QueryFieldType mergedType(QueryFieldType a, QueryFieldType b)
+{
+    const auto isNumeric = [](QueryFieldType type) {
+        return type == QF_NUMBER || type == QF_BYTES;
+    };
+    if (a == b)
+        return a;
+    return isNumeric(a) && isNumeric(b) ? QF_NUMBER : QF_TEXT;
+}
+
+std::vector<TlxString> mergedValues(std::vector<TlxString> a, const std::vector<TlxString>& b)
+{
+    if (a.empty() || b.empty())
+        return {};
+    const std::set<TlxString> known(a.begin(), a.end());
+    for (const TlxString& value : b)
+        if (!known.contains(value))
+            a.push_back(value);
+    if (a.size() > QUERY_MAX_VALUES)
+        a.clear();
+    return a;
+}
+
+void mergeField(QueryField& field, const QueryField& other)
+{
+    field.type = mergedType(field.type, other.type);
+    if (field.description.empty())
+        field.description = other.description;
+    field.values = mergedValues(std::move(field.values), other.values);
+}
+
+/// A name for a log line: what another host wrote is shown to some length, on one line.
+std::string shown(const TlxString& name)
+{
+    constexpr std::size_t SHOWN = 64;
+    std::string text;
+    for (const char c : name.utf8().substr(0, SHOWN))
+        text += static_cast<unsigned char>(c) < ' ' ? '?' : c;
+    return "\"" + text + (name.size() > SHOWN ? "...\"" : "\"");
+}
+
+} // namespace
+
+std::string queryLowerCase(std::string_view name)
+{
+    std::string result(name);
+    for (char& c : result)
+        if (c >= 'A' && c <= 'Z')
+            c = static_cast<char>(c - 'A' + 'a');
+    return result;
+}
+
+std::size_t carryableLength(std::string_view text)
+{
+    std::size_t at = 0;
+    while (at < text.size()) {
+        char32_t codePoint = 0;
+        const std::size_t length = utf8Character(text.substr(at), &codePoint);
+        if (length == 0 || !isXmlCharacter(codePoint))
+            break;
+        at += length;
+    }
+    return at;
+}
+
+const char* toText(QueryFieldType type)
+{
+    switch (type) {
+    case QF_NUMBER:
+        return "number";
+    case QF_BYTES:
+        return "bytes";
+    case QF_FLAG:
+        return "flag";
+    case QF_TEXT:
+        break;
+    }
+    return "text";
+}
+
+QueryValue QueryValue::text(TlxString text)
+{
+    QueryValue value;
+    value.m_kind = QV_TEXT;
+    value.m_text = std::move(text);
+    return value;
+}
+
+QueryValue QueryValue::number(std::uint64_t number)
+{
+    QueryValue value;
+    value.m_kind = QV_NUMBER;
+    value.m_number = static_cast<QueryNumber>(number);
+    return value;
+}
+
+QueryValue QueryValue::flag(bool flag)
+{
+    QueryValue value;
+    value.m_kind = QV_FLAG;
+    value.m_flag = flag;
+    return value;
+}
+
+std::string QueryMistake::toText() const
+{
+    return column == 0 ? std::string() : "column " + std::to_string(column) + ": " + text;
+}
+
+TlxQuery::TlxQuery(int) {}
+
+TlxQuery::~TlxQuery() = default;
+
+// Asking.
+
+bool TlxQuery::setQuery(const TlxString& text)
+{
+    auto expression = parseQuery(text.utf8(), m_mistake);
+    if (m_mistake != QueryMistake{})
+        return false;
+    m_query = expression ? text : TlxString();
+    m_expression = std::move(expression);
+    return true;
+}
+
+bool TlxQuery::matches(const QuerySource& item) const
+{
+    return !m_expression || m_expression->matches(item);
+}
+
+std::vector<std::string> TlxQuery::fieldsAsked() const
+{
+    return m_expression ? m_expression->fields() : std::vector<std::string>();
+}
+
+// Describing.
+
+bool TlxQuery::isFieldName(std::string_view name)
+{
+    return !name.empty() && name.size() <= QUERY_MAX_NAME && isLetter(name[0]) &&
+           std::all_of(name.begin(), name.end(), isNameChar) && !isQueryKeyword(name);
+}
+
+const QueryField* TlxQuery::field(std::string_view name) const
+{
+    for (const QueryField& field : m_fields)
+        if (compareIgnoringCase(field.name, name) == 0)
+            return &field;
+    return nullptr;
+}
+
+bool TlxQuery::addField(const QueryField& field)
+{
+    std::string refused;
+    return addField(field, refused);
+}
+
+bool TlxQuery::addField(const QueryField& field, std::string& refused)
+{
+    const QueryField told = carryable(field);
+    refused = problemOf(told);
+    const auto known =
+        std::find_if(m_fields.begin(), m_fields.end(), [&](const QueryField& candidate) {
+            return compareIgnoringCase(candidate.name, told.name) == 0;
+        });
+    if (refused.empty() && known == m_fields.end() && m_fields.size() >= QUERY_MAX_FIELDS)
+        refused = "there are more than " + std::to_string(QUERY_MAX_FIELDS) + " fields";
+    if (!refused.empty())
+        return false;
+    if (known == m_fields.end())
+        m_fields.push_back(told);
+    else
+        mergeField(*known, told);
+    return true;
+}
+
+void TlxQuery::addFields(const char* operation, const std::vector<QueryField>& fields)
+{
+    std::string first;
+    for (const QueryField& field : fields) {
+        std::string refused;
+        if (!addField(field, refused) && first.empty())
+            first = shown(field.name) + ": " + refused;
+    }
+    // One line, whatever another host wrote.
+    if (!first.empty())
+        PLATFORM_LOG(LOG_LEVEL_FAILURE, operation,
+                     "Not everything of a query description can be told; the first field left out "
+                     "is "
+                         << first);
+}
+
+void TlxQuery::merge(const TlxQuery& other)
+{
+    if (&other != this)
+        addFields("TlxQuery::merge", other.m_fields);
+}
+
+} // namespace Veltrane::Quillmark::Tlx

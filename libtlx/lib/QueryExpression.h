@@ -1,0 +1,81 @@
+#pragma once
+// A query's expression, as the parser made it.
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <tlx/Query.h>
+
+namespace Veltrane::Quillmark::Tlx {
+
+/// What stands on the right of a comparison.
+struct QueryLiteral
+{
+    TlxString spelling; ///< as texts are compared with it: without quotation marks and escapes
+    QueryValue::Kind kind = QueryValue::QV_TEXT;
+    QueryNumber number = 0; ///< of a QV_NUMBER
+    bool flag = false;      ///< of a QV_FLAG
+};
+
+enum class QueryOperator
+{
+    Equal,
+    Unequal,
+    Less,
+    LessOrEqual,
+    Greater,
+    GreaterOrEqual,
+    Like
+};
+
+/// Built in the order of a stack machine (operands first), so that neither the evaluation nor the
+/// end of a long expression recurses. Unchanged once it is built; any thread.
+class QueryExpression
+{
+  public:
+    // Building. Fields are names in lower-case letters.
+    void compare(std::string field, QueryOperator op, QueryLiteral literal);
+    void flag(std::string field);
+    void negate();
+    void conjoin();
+    void disjoin();
+
+    bool matches(const QuerySource& item) const;
+    std::vector<std::string> fields() const;
+
+  private:
+    enum class Kind
+    {
+        Compare,
+        Flag,
+        Not,
+        And,
+        Or
+    };
+    struct Step
+    {
+        Kind kind;
+        std::string field = {};
+        QueryOperator op = QueryOperator::Equal;
+        QueryLiteral literal = {};
+    };
+    static bool test(const Step& step, const QueryValue& value);
+
+    std::vector<Step> m_steps;
+};
+
+/// The expression of a text; null for one of white space alone. Null too, with the reason in
+/// mistake, when it is no expression.
+std::shared_ptr<const QueryExpression> parseQuery(std::string_view text, QueryMistake& mistake);
+
+/// Whether a name is one of the language's own words, whatever the case of its letters.
+bool isQueryKeyword(std::string_view name);
+
+std::string queryLowerCase(std::string_view name);
+
+/// The length of the longest start of text that an XML document can carry.
+std::size_t carryableLength(std::string_view text);
+
+} // namespace Veltrane::Quillmark::Tlx

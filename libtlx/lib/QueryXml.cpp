@@ -1,0 +1,194 @@
+// The XML form of queries.
+
+#include <tlx/Query.h>
+
+#include <tlx/Assert.h>
+
+#include "PlatformLog.h"
+
+namespace Veltrane::Quillmark::Tlx {
+
+namespace {
+
+constexpr const char* LOG_SOURCE = "../QueryXml";
+
+constexpr const char* TAG_QUERY = "Query";
+constexpr const char* TAG_FIELD = "Field";
+constexpr const char* TAG_DESCRIPTION = "Description";
+constexpr const char* TAG_VALUE = "Value";
+constexpr const char* ATTRIBUTE_NAME = "Name";
+constexpr const char* ATTRIBUTE_TYPE = "Type";
+
+/// What was read so far: it becomes the query's at the end of its element.
+class QueryContext : public XmlObjParseContext
+{
+  public:
+    enum Node
+    {
+        Root,
+        Query,
+        Field,
+        Description,
+        Value
+    };
+
+    using XmlObjParseContext::XmlObjParseContext;
+
+    Node m_node = Root;
+    TlxString m_query;
+    std::vector<QueryField> m_fields;
+};
+
+/// A type that somebody will invent one day is a text for us: every value can be spelled.
+QueryFieldType typeFromText(const TlxString& text)
+{
+    for (const QueryFieldType type : {QF_NUMBER, QF_BYTES, QF_FLAG})
+        if (text == TlxString(toText(type)))
+            return type;
+    return QF_TEXT;
+}
+
+/// Begins a child that the element may have; false when it is unknown there.
+bool startNode(QueryContext& context, const XMLCh* name, AttributeList& attributes)
+{
+    const auto is = [name](const char* tag) { return XmlObjParseContext::cmptag(name, tag); };
+    switch (context.m_node) {
+    case QueryContext::Root:
+        if (is(TAG_QUERY)) {
+            context.m_node = QueryContext::Query;
+            return true;
+        }
+        if (!is(TAG_FIELD))
+            return false;
+        context.m_node = QueryContext::Field;
+        context.m_fields.push_back({xmlAttribute(attributes, ATTRIBUTE_NAME),
+                                    typeFromText(xmlAttribute(attributes, ATTRIBUTE_TYPE))});
+        return true;
+    case QueryContext::Field:
+        if (is(TAG_DESCRIPTION))
+            context.m_node = QueryContext::Description;
+        else if (is(TAG_VALUE))
+            context.m_node = QueryContext::Value;
+        return context.m_node != QueryContext::Field;
+    default:
+        return false;
+    }
+}
+
+/// Takes what a child told; the element around it goes on.
+void endNode(QueryContext& context)
+{
+    switch (context.m_node) {
+    case QueryContext::Query:
+        context.m_query = context.text();
+        context.m_node = QueryContext::Root;
+        break;
+    case QueryContext::Field:
+        // One above the bound is kept, for the line that tells of it; memory ends there.
+        if (context.m_fields.size() > QUERY_MAX_FIELDS + 1)
+            context.m_fields.pop_back();
+        context.m_node = QueryContext::Root;
+        break;
+    case QueryContext::Description:
+        context.m_fields.back().description = context.text();
+        context.m_node = QueryContext::Field;
+        break;
+    case QueryContext::Value:
+        if (context.m_fields.back().values.size() <= QUERY_MAX_VALUES)
+            context.m_fields.back().values.push_back(context.text());
+        context.m_node = QueryContext::Field;
+        break;
+    case QueryContext::Root:
+        break;
+    }
+    context.clearText();
+}
+
+void writeElement(std::ostream& out, const char* tag, const TlxString& text,
+                  XmlStr::Encoding encoding)
+{
+    XmlStr::appendStart(out, tag);
+    out << XmlStr(text, encoding);
+    XmlStr::appendEnd(out, tag);
+}
+
+void writeField(std::ostream& out, const QueryField& field, XmlStr::Encoding encoding)
+{
+    out << '<' << TAG_FIELD;
+    XmlStr::appendAttribute(out, ATTRIBUTE_NAME, field.name, encoding);
+    XmlStr::appendAttribute(out, ATTRIBUTE_TYPE, toText(field.type), encoding);
+    out << '>';
+    if (!field.description.empty())
+        writeElement(out, TAG_DESCRIPTION, field.description, encoding);
+    for (const TlxString& value : field.values)
+        writeElement(out, TAG_VALUE, value, encoding);
+    XmlStr::appendEnd(out, TAG_FIELD);
+}
+
+} // namespace
+
+XmlObjParseContext* xmlCreateObject(const XMLCh* name, AttributeList&,
+                                    const XmlObjParseContext* parent, TlxQuery*& query)
+{
+    auto context = std::make_unique<QueryContext>(name, parent);
+    query = new TlxQuery(0);
+    return context.release();
+}
+
+std::ostream& TlxQuery::writeXml(std::ostream& out, XmlStr::Encoding encoding) const
+{
+    XmlStr::appendStart(out, QUERY_DESCRIPTION_TAG);
+    if (!m_query.empty())
+        writeElement(out, TAG_QUERY, m_query, encoding);
+    for (const QueryField& field : m_fields)
+        writeField(out, field, encoding);
+    return XmlStr::appendEnd(out, QUERY_DESCRIPTION_TAG);
+}
+
+void TlxQuery::userOperation(const XMLCh*, AttributeList&) {}
+
+void TlxQuery::xmlCharacters(XmlObjParseContext* context, const XMLCh* chars, unsigned long length)
+{
+    XmlInterface::xmlCharacters(context, chars, length);
+}
+
+void TlxQuery::xmlStartElement(XmlObjParseContext* context, const XMLCh* name,
+                               AttributeList& attributes)
+{
+    auto* ctxt = dynamic_cast<QueryContext*>(context);
+    if (!TLX_ASSERT(ctxt))
+        return;
+    if (ctxt->isSkipping()) {
+        XmlInterface::xmlStartElement(ctxt, name, attributes);
+        return;
+    }
+    // The text around an element that is skipped belongs together.
+    if (startNode(*ctxt, name, attributes)) {
+        ctxt->clearText();
+        return;
+    }
+    userOperation(name, attributes);
+    XmlInterface::xmlStartElement(ctxt, name, attributes); // skipped whole
+}
+
+int TlxQuery::xmlEndElement(XmlObjParseContext* context, const XMLCh* name)
+{
+    auto* ctxt = dynamic_cast<QueryContext*>(context);
+    if (!TLX_ASSERT(ctxt))
+        return XML_NOTHING;
+    if (ctxt->m_node != QueryContext::Root) {
+        endNode(*ctxt);
+        return XML_INSIDE;
+    }
+    if (!TLX_ASSERT(ctxt->isEndTag(name)))
+        return XML_NOTHING;
+    if (!setQuery(ctxt->m_query)) {
+        PLATFORM_LOG(LOG_LEVEL_FAILURE, "TlxQuery::xmlEndElement",
+                     "Refused a query description, its query is none: " << m_mistake.toText());
+        return XML_NOTHING;
+    }
+    addFields("TlxQuery::xmlEndElement", ctxt->m_fields);
+    return XML_COMPLETE;
+}
+
+} // namespace Veltrane::Quillmark::Tlx

@@ -1,0 +1,14 @@
+#pragma once
+// Which characters a document can hold.
+
+namespace Veltrane::Quillmark::Tlx {
+
+/// What XML 1.0 can carry (its production "Char"). Surrogates are no characters of UTF-8.
+inline bool isXmlCharacter(char32_t codePoint)
+{
+    if (codePoint < 0x20)
+        return codePoint == '\t' || codePoint == '\n' || codePoint == '\r';
+    return codePoint != 0xFFFE && codePoint != 0xFFFF;
+}
+
+} // namespace Veltrane::Quillmark::Tlx
