@@ -12,6 +12,7 @@
 #include "DiscDB.h"
 #include "DiscLog.h"
 #include "ExplorerTimers.h"
+#include "RefreshTask.h"
 #include "RemoteDB.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -156,6 +157,9 @@ void DiscoveryRepository::shutdown()
     if (!TLX_ASSERT(!m_shuttingDown))
         return;
     m_shuttingDown = true;
+    DiscoveriesThreadMgr* const threads = getDiscoveriesThreadMgr();
+    if (threads->getRunningThreads() > 0)
+        threads->wait();
     // Taken out first: what stops below may take its time, and holds no lock.
     ExplorerSet pushExplorers;
     ExplorerSet pullExplorers;

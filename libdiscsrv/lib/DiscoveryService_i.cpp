@@ -9,6 +9,7 @@
 #include "DiscMem.h"
 #include "DiscoveryIterator_i.h"
 #include "DiscoveryRepository.h"
+#include "RefreshTask.h"
 #include "RemoteExplorerPull.h"
 #include "RemoteWriter_i.h"
 #include "ServiceCounters.h"
@@ -264,8 +265,8 @@ CORBA::Boolean DiscoveryService_i::restartAllPushTimers()
 {
     return servantOperation("DiscoveryService_i::restartAllPushTimers", []() -> CORBA::Boolean {
         DISC_TRACE("DiscoveryService_i::restartAllPushTimers");
-        // Nobody is told yet: clients do not register with this host.
-        return false;
+        return getDiscoveryRepository()->isGenericDSOnMaster() &&
+               getDiscoveriesThreadMgr()->restartAllPushTimers();
     });
 }
 

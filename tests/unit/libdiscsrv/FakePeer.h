@@ -210,6 +210,13 @@ class Service : public Skeleton::DiscoveryService
     CORBA::Boolean restartAllPushTimers() override { return false; }
 };
 
+/// A service that cannot push.
+class Broken : public Service
+{
+  public:
+    void restartLocalPushTimer() override { throw CORBA::NO_MEMORY(); }
+};
+
 /// An object that is no discovery service.
 class Stranger : public Skeleton::RemoteWriter
 {
@@ -224,15 +231,20 @@ class Stranger : public Skeleton::RemoteWriter
 class FakePeer
 {
   public:
-    /// @param stranger advertises something else under the service's name.
-    explicit FakePeer(bool stranger = false)
+    enum Kind
+    {
+        SERVICE,
+        BROKEN,  ///< cannot push
+        STRANGER ///< advertises something else under the service's name
+    };
+    explicit FakePeer(Kind kind = SERVICE)
     {
         int ends[2];
         EXPECT_EQ(::pipe(ends), 0);
         m_pid = ::fork();
         if (m_pid == 0) {
             ::close(ends[0]);
-            serve(ends[1], stranger);
+            serve(ends[1], kind);
         }
         ::close(ends[1]);
         char text[100] = {};
@@ -256,13 +268,22 @@ class FakePeer
     std::string endpoint;
 
   private:
-    [[noreturn]] static void serve(int out, bool stranger)
+    static CORBA::Object_ptr activate(Tlx::Orb& orb, Kind kind)
+    {
+        switch (kind) {
+        case STRANGER:
+            return orb.activateServant(new FakePeerDetail::Stranger);
+        case BROKEN:
+            return orb.activateServant(new FakePeerDetail::Broken);
+        default:
+            return orb.activateServant(new FakePeerDetail::Service);
+        }
+    }
+    [[noreturn]] static void serve(int out, Kind kind)
     {
         ::alarm(100); // no test takes that long
         Tlx::Orb orb(false, "127.0.0.1:0", "DiscoveryService", false, 16);
-        const CORBA::Object_var object = stranger
-                                             ? orb.activateServant(new FakePeerDetail::Stranger)
-                                             : orb.activateServant(new FakePeerDetail::Service);
+        const CORBA::Object_var object = activate(orb, kind);
         orb.advertiseObject("DiscoveryService", object);
         orb.serveRequests();
         const std::string text = orb.getEndpoint();

@@ -419,7 +419,7 @@ TEST_F(RemotePullTest, AHostThatIsDownIsTold)
 
 TEST(RemoteStrangerTest, AnObjectOfAnotherKindIsNoService)
 {
-    const FakePeer stranger(true);
+    const FakePeer stranger(FakePeer::STRANGER);
     const QmTest::Service service("SERVER = peer\nENDPOINT.peer = " + stranger.endpoint + "\n");
     const LogCapture log;
     const AutoDereference<DiscoveryIterator> iterator(

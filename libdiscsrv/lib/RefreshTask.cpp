@@ -1,0 +1,91 @@
+#include "RefreshTask.h"
+
+#include <ace/Guard_T.h>
+#include <ace/Recursive_Thread_Mutex.h>
+#include <ace/Singleton.h>
+#include <ace/Thread.h>
+
+#include <tlx/Servant.h>
+
+#include "DiscLog.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+namespace {
+constexpr const char* LOG_SOURCE = "../DiscoveryRepository";
+constexpr const char* SERVICE = "DiscoveryService";
+constexpr long THREAD_FLAGS = THR_NEW_LWP | THR_JOINABLE;
+static_assert(THREAD_FLAGS == 0x10002);
+} // namespace
+
+DiscoveriesThreadMgr* getDiscoveriesThreadMgr()
+{
+    return ACE_Singleton<DiscoveriesThreadMgr, ACE_Recursive_Thread_Mutex>::instance();
+}
+
+int RefreshDiscoveryTask::svc()
+{
+    DISC_TRACE("RefreshDiscoveryTask::svc");
+    for (const TlxString& client : m_repository.getDiscoveredClientList()) {
+        if (m_repository.isShuttingDown()) {
+            DISC_LOG(1, "qmdisco shutting down, aborting refresh task");
+            break;
+        }
+        DISC_LOG(4, "Restarting push timers on client: " << client);
+        restart(client);
+    }
+    return 0;
+}
+
+void RefreshDiscoveryTask::restart(const TlxString& client) const
+{
+    constexpr const char* operation = "RefreshDiscoveryTask::svc";
+    TlxHostname host;
+    host.setLocal();
+    if (compareIgnoringCase(host.text().utf8(), client.utf8()) == 0) {
+        // This host's explorers push, too, and no service connects to itself.
+        m_repository.triggerPushTimer();
+        return;
+    }
+    host.setHostname(client);
+    try {
+        const Remote::DiscoveryService_var service =
+            m_repository.connectToRemoteDiscoveryService(host, SERVICE);
+        if (CORBA::is_nil(service))
+            DISC_LOG_AS(operation, 1, "Failed to connect to client discovery service");
+        else
+            service->restartLocalPushTimer();
+    } catch (const CORBA::Exception& e) {
+        DISC_LOG_AS(operation, 1, "Caught CORBA exception connecting to remote service");
+        DISC_LOG_AS(operation, 1, describeException(e));
+    }
+}
+
+DiscoveriesThreadMgr::DiscoveriesThreadMgr() : m_refresh(*getDiscoveryRepository()) {}
+
+DiscoveriesThreadMgr::~DiscoveriesThreadMgr()
+{
+    m_refresh.wait();
+}
+
+bool DiscoveriesThreadMgr::restartAllPushTimers()
+{
+    const ACE_Guard<ACE_Thread_Mutex> guard(m_mutex);
+    if (m_refresh.running() > 0 || getDiscoveryRepository()->isShuttingDown())
+        return false;
+    m_refresh.wait(); // for the rest of the one before, which has ended
+    return m_refresh.activate(THREAD_FLAGS, 1);
+}
+
+std::size_t DiscoveriesThreadMgr::getRunningThreads() const
+{
+    const ACE_Guard<ACE_Thread_Mutex> guard(m_mutex);
+    return m_refresh.running();
+}
+
+void DiscoveriesThreadMgr::wait()
+{
+    m_refresh.wait();
+}
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc
