@@ -15,6 +15,8 @@ Outcome runCommand(Session& session)
         return runGet(session);
     case Command::STATUS:
         return runStatus(session);
+    case Command::CLIENTS:
+        return session.options.registered ? runRegisteredClients(session) : runClients(session);
     case Command::EXPLORERS:
         return runExplorers(session);
     case Command::REFRESH:

@@ -9,6 +9,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include <FilterParameters.h>
+#include <Researcher.h>
+
 #include "ExitCode.h"
 #include "Options.h"
 #include "Output.h"
@@ -17,6 +20,11 @@
 #include "Wire.h"
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
+
+/// One discovery that was read back: its items, and the first thing that went wrong with it (empty:
+/// nothing).
+using EachDiscovery =
+    std::function<void(Svc::CollectionItemIterator& items, const std::string& problem)>;
 
 /// What a command is run with.
 struct Session
@@ -27,6 +35,12 @@ struct Session
     std::string localHost; ///< this host's own name
     /// The service, once it has answered; null with the reason otherwise.
     std::function<std::unique_ptr<Service>(Failure&)> connect;
+    /// Reads discoveries back with the service library's researcher; patterns and filter are what
+    /// getAuthSubIterator and getNextCollectionItemIterator take.
+    std::function<Outcome(Svc::DiscoveryQuery query, const std::string& subject,
+                          const std::string& authority, const Svc::FilterParameters* filter,
+                          const EachDiscovery& each)>
+        research;
     /// Where answers go.
     Output& out;
     bool outIsTerminal = false;
@@ -47,6 +61,8 @@ Outcome runQuery(Session& session);
 Outcome runGet(Session& session);
 Outcome runStatus(Session& session);
 Outcome runExplorers(Session& session);
+Outcome runClients(Session& session);
+Outcome runRegisteredClients(Session& session);
 Outcome runRefresh(Session& session);
 Outcome runStop(Session& session);
 

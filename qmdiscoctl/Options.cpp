@@ -154,6 +154,7 @@ class Parser
     void addPut();
     void addQuery();
     void addGet();
+    void addClients();
     void addServiceCommands();
     /// What is wrong with a line whose command was not found.
     std::string commandProblem(const CLI::ParseError& error) const;
@@ -176,6 +177,7 @@ Parser::Parser()
     addPut();
     addQuery();
     addGet();
+    addClients();
     addServiceCommands();
     addCommonOptions(&m_app);
     m_app
@@ -298,6 +300,17 @@ void Parser::addGet()
     addCommonOptions(app);
 }
 
+void Parser::addClients()
+{
+    CLI::App* app = addCommand("clients", "List the hosts that discoveries came from", "Data",
+                               Command::CLIENTS);
+    app->add_flag("--registered", m_options.registered,
+                  "The explorers of other hosts, instead, that the master can pull from")
+        ->group("Discovery")
+        ->disable_flag_override();
+    addCommonOptions(app);
+}
+
 void Parser::addServiceCommands()
 {
     CLI::App* status =
@@ -335,7 +348,7 @@ std::string Parser::commandProblem(const CLI::ParseError& error) const
     const std::vector<std::string> unknown = m_app.remaining();
     return (unknown.empty() ? "a command is expected"
                             : "there is no command or option " + quoted(unknown.front())) +
-           "; the commands are put, query, get, status, explorers, refresh and stop";
+           "; the commands are put, query, get, clients, status, explorers, refresh and stop";
 }
 
 std::string Parser::givenTwice() const

@@ -16,6 +16,7 @@ enum class Command
     GET,
     STATUS,
     EXPLORERS,
+    CLIENTS,
     REFRESH,
     STOP
 };
@@ -41,6 +42,7 @@ struct Options
     std::string filter;
     std::string output; ///< empty: standard output
     bool all = false;
+    bool registered = false;
     unsigned waitSeconds = 30; ///< 0: do not wait
 };
 

@@ -4,9 +4,7 @@
 #include <ctime>
 #include <exception>
 #include <memory>
-#include <mutex>
 #include <thread>
-#include <vector>
 
 #include <unistd.h>
 
@@ -16,6 +14,8 @@
 
 #include "Commands.h"
 #include "Descriptor.h"
+#include "KeptLog.h"
+#include "Research.h"
 #include "Text.h"
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
@@ -33,26 +33,6 @@ void tell(const std::string& line)
 {
     writeAll(STDERR_FILENO, "qmdiscoctl: " + line + "\n");
 }
-
-/// Keeps what the libraries log: of interest only when the command fails.
-class KeptLog : public Tlx::LogSink
-{
-  public:
-    void write(const Line& line) override
-    {
-        if (line.level <= Tlx::LOG_LEVEL_FAILURE && m_lines.size() < MAX_LINES)
-            m_lines.push_back(std::string(line.operation) + ": " + escaped(line.text));
-    }
-    void tellAll() const
-    {
-        for (const std::string& line : m_lines)
-            tell("log: " + line);
-    }
-
-  private:
-    static constexpr std::size_t MAX_LINES = 50;
-    std::vector<std::string> m_lines;
-};
 
 void readConfiguration(const Options& options)
 {
@@ -111,6 +91,7 @@ int run(const Options& options)
     const StatusDocument status = readStatusDocument(config.root());
     const Target target = findTarget(options.host, config, status);
     Connector connector(target, status);
+    Research research(target, *log);
 
     const bool outIsTerminal = ::isatty(STDOUT_FILENO) == 1;
     StandardOutput text;
@@ -122,6 +103,15 @@ int run(const Options& options)
         .status = status,
         .localHost = config.localHostName(),
         .connect = [&connector](Failure& failure) { return connector.connect(failure); },
+        .research =
+            [&](auto query, const auto& subject, const auto& authority, auto* filter,
+                const auto& each) -> Outcome {
+            // Why a service cannot be reached is known here, not there.
+            Failure failure;
+            if (!connector.connect(failure))
+                return failure;
+            return research.read(query, subject, authority, filter, each);
+        },
         .out = dataGoesOut ? static_cast<Output&>(data) : text,
         .outIsTerminal = outIsTerminal,
         .errorsAreTerminal = ::isatty(STDERR_FILENO) == 1,
@@ -136,7 +126,8 @@ int run(const Options& options)
     if (!outcome)
         return EC_OK;
     tell(outcome->text);
-    log->tellAll();
+    for (const std::string& line : log->take())
+        tell("log: " + line);
     return outcome->code;
 }
 

@@ -101,6 +101,10 @@ class DISCSRV_EXPORT AuthSubIterator : public virtual TLXRefCounted, public XmlD
     CollectionItemList* m_items = nullptr; ///< not owned; only while a discovery is being read
 };
 
+/// The subjects under which hosts tell what their items can be filtered by: who tells something is
+/// a discovered client. The first is told by Windows hosts, the second by UNIX hosts.
+constexpr const char* CLIENT_SUBJECTS[] = {"volume", "filesystem"};
+
 /// What the repository finds (DiscoveryRepository::queryDiscoveries: subject, then authority): a
 /// new iterator for the caller to release; null, and logged, on failure. Any thread.
 DISCSRV_EXPORT AuthSubIterator* getAuthSubIterator(DiscoveryQuery query, const std::string& first,

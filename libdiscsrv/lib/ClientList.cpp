@@ -8,15 +8,19 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../Researcher";
 
-/// Adds who tells what of a subject can be filtered by; false when nobody does.
-bool addClients(const char* subject, std::set<TlxString>& clients)
+/// Adds who tells what of a subject can be filtered by; false when nobody does. Comes to an end at
+/// the next record when the service does.
+bool addClients(const DiscoveryRepository& repository, const char* subject,
+                std::set<TlxString>& clients)
 {
     const AutoDereference<AuthSubIterator> all(
         getAuthSubIterator(DQ_FILTER_DATA, subject, "*", AT_ANYANDALL));
     bool found = false;
-    while (CollectionItemIterator* next =
-               all ? all->getNextCollectionItemIterator(nullptr) : nullptr) {
-        const AutoDereference<CollectionItemIterator> items(next);
+    while (all && !repository.isShuttingDown()) {
+        const AutoDereference<CollectionItemIterator> items(
+            all->getNextCollectionItemIterator(nullptr));
+        if (!items)
+            break;
         if (!items->getAuthority())
             continue;
         clients.insert(items->getAuthority()->getName());
@@ -32,9 +36,9 @@ std::set<TlxString> DiscoveryRepository::getDiscoveredClientList()
     // Under the name that readers of the log know.
     DISC_TRACE("Researcher::getDiscoveredClientList");
     std::set<TlxString> clients;
-    if (!addClients("volume", clients))
+    if (!addClients(*this, CLIENT_SUBJECTS[0], clients))
         DISC_LOG(4, "No windows clients found");
-    if (!addClients("filesystem", clients))
+    if (!addClients(*this, CLIENT_SUBJECTS[1], clients))
         DISC_LOG(4, "No unix clients found");
     return clients;
 }

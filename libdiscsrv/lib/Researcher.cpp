@@ -2,6 +2,8 @@
 
 #include "Researcher.h"
 
+#include <cstdlib>
+
 #include <ace/Recursive_Thread_Mutex.h>
 #include <ace/Singleton.h>
 
@@ -19,8 +21,14 @@ constexpr std::size_t REACTOR_HANDLES = 1024;
 DiscoveryResearcher* initDiscoveryResearch()
 {
     DISC_TRACE("initDiscoveryResearch");
+    using Singleton = ACE_Singleton<DiscoveryResearcher, ACE_Recursive_Thread_Mutex>;
     try {
-        return ACE_Singleton<DiscoveryResearcher, ACE_Recursive_Thread_Mutex>::instance();
+        DiscoveryResearcher* const researcher = Singleton::instance();
+        // At the object manager's turn, the last of all, the ORB's library is finalised already.
+        static const int leaves = std::atexit([] { Singleton::close(); });
+        if (leaves != 0)
+            DISC_LOG(1, "The researcher will not end in order");
+        return researcher;
     } catch (const OrbError& e) {
         DISC_LOG(1, "Failed to make the researcher: " << e.what());
         return nullptr;

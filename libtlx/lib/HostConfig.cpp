@@ -265,6 +265,18 @@ void HostConfig::readText(const std::string& text, const std::string& name)
     m_state->replace(parseConfigText(text, name));
 }
 
+void HostConfig::addText(const std::string& text, const std::string& name)
+{
+    ConfigText next = m_state->current()->text;
+    ConfigText more = parseConfigText(text, name);
+    // (What is in both stays the new one's.)
+    more.values.merge(next.values);
+    more.places.merge(next.places);
+    next.problems.insert(next.problems.end(), more.problems.begin(), more.problems.end());
+    more.problems = std::move(next.problems);
+    m_state->replace(std::move(more));
+}
+
 std::vector<HostConfig::Problem> HostConfig::problems() const
 {
     return m_state->current()->text.problems;

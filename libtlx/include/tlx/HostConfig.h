@@ -77,6 +77,9 @@ class HostConfig
     bool readAgain(const std::vector<std::string>& keys);
     /// Takes the text in place of the file's (tests, fuzzing); name stands in the problems.
     void readText(const std::string& text, const std::string& name);
+    /// Takes the text's lines as if they stood at the end of the file, until the next read. For a
+    /// program whose command line goes before the file.
+    void addText(const std::string& text, const std::string& name);
     std::vector<Problem> problems() const;
 
     /// False (and out unchanged) when the key is absent or its value was refused.

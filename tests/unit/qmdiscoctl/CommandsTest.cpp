@@ -17,6 +17,28 @@ namespace {
 using testing::HasSubstr;
 using Lines = std::vector<std::string>;
 
+/// A discovery that a researcher reads back.
+struct Discovered
+{
+    std::string in; ///< the subject asked for; empty: any
+    std::string subject;
+    std::string authority;
+    std::vector<std::string> names = {}; ///< of its items
+    std::string problem = {};
+
+    void hand(const EachDiscovery& each) const
+    {
+        auto list = std::make_unique<Svc::CollectionItemList>();
+        for (const std::string& name : names)
+            list->emplace_back(new Svc::DiscoveredItem(name));
+        const Tlx::AutoDereference<Svc::CollectionItemIterator> items(
+            new Svc::CollectionItemIterator(
+                authority.empty() ? nullptr : new Svc::Authority(authority, Svc::AT_EXTSRC),
+                new Svc::Subject(subject), list.release(), problem.empty()));
+        each(*items, problem);
+    }
+};
+
 /// What the service of the test is told to answer, and what it was asked.
 struct Script
 {
@@ -28,6 +50,8 @@ struct Script
     bool boolean = true;
     int failAfter = -1; ///< calls until a COMM_FAILURE; -1 for never
     int pingsUntilGone = 0;
+    std::vector<Discovered> discovered;
+    Outcome researchFails;
 
     Lines calls;
     std::string stored;
@@ -209,6 +233,18 @@ struct CtlCommandsTest : testing::Test
                     return nullptr;
                 }
                 return std::make_unique<FakeService>(script);
+            },
+            .research = [this](auto query, const auto& subject, const auto& authority, auto* filter,
+                               const auto& each) -> Outcome {
+                std::ostringstream asked;
+                asked << "research " << query << ' ' << subject << ' ' << authority;
+                if (filter)
+                    asked << ' ' << filter->queryString();
+                script.calls.push_back(asked.str());
+                for (const Discovered& discovered : script.discovered)
+                    if (discovered.in == "" || discovered.in == subject)
+                        discovered.hand(each);
+                return script.researchFails;
             },
             .out = out,
             .now = [this] { return now; },
@@ -410,6 +446,102 @@ TEST_F(CtlCommandsTest, AQueryThatBreaksOffPrintsNothing)
     script.records = 2;
     script.failAfter = 3;
     EXPECT_EQ(run(Command::QUERY)->code, EC_BROKE_OFF);
+    EXPECT_EQ(out.text, "");
+}
+
+TEST_F(CtlCommandsTest, ClientsAreWhoTellsWhatCanBeFilteredBy)
+{
+    script.discovered = {{"volume", "volume", "win1"},
+                         {"filesystem", "filesystem", "linä"},
+                         {"filesystem", "filesystem", "lin1", {}, "cannot be parsed"},
+                         {"filesystem", "filesystem", ""},
+                         {"filesystem", "filesystem", "win1"}};
+    EXPECT_EQ(run(Command::CLIENTS), Outcome());
+    EXPECT_EQ(script.calls, (Lines{"research 2 volume *", "research 2 filesystem *"}));
+    EXPECT_EQ(out.text, "CLIENT\nlin1\nlinä\nwin1\n");
+    out.text.clear();
+    options.json = true;
+    EXPECT_EQ(run(Command::CLIENTS), Outcome());
+    EXPECT_EQ(Json::parse(out.text), (Json{{"clients", {"lin1", "linä", "win1"}}}));
+}
+
+TEST_F(CtlCommandsTest, AClientListThatFailsIsNone)
+{
+    script.discovered = {{"volume", "volume", "win1"}};
+    script.researchFails = Failure{EC_UNREACHABLE, "no"};
+    EXPECT_EQ(run(Command::CLIENTS), (Failure{EC_UNREACHABLE, "no"}));
+    EXPECT_EQ(out.text, "");
+}
+
+/// What the master keeps of another host's explorer.
+std::string cacheRecord(const std::string& host, const std::string& priority = "7")
+{
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<DiscoveredItems>\n<SourceHost>" + host +
+           "</SourceHost><ServiceName>DiscoveryService</ServiceName><Priority>" + priority +
+           "</Priority><OriginType>3</OriginType></DiscoveredItems>\n";
+}
+
+TEST_F(CtlCommandsTest, RegisteredClientsAreReadFromTheirRecords)
+{
+    options.registered = true;
+    script.records = 2;
+    script.pages = {cacheRecord("h1\x1b").substr(0, 20), cacheRecord("h1\x1b").substr(20)};
+    // (a control character makes no document)
+    EXPECT_EQ(run(Command::CLIENTS), Outcome());
+    EXPECT_EQ(out.text, "HOST  SERVICE  SUBJECT  AUTHORITY  TYPE  PRIORITY\n"
+                        "cannot read the record of cl0 of srv\\x1b: its data does not tell where "
+                        "the explorer is\n"
+                        "cannot read the record of cl1 of srv\\x1b: its data does not tell where "
+                        "the explorer is\n");
+    out.text.clear();
+    script.calls.clear();
+    script.pages = {cacheRecord("h1").substr(0, 20), cacheRecord("h1").substr(20)};
+    EXPECT_EQ(run(Command::CLIENTS), Outcome());
+    EXPECT_EQ(out.text, "HOST  SERVICE           SUBJECT  AUTHORITY  TYPE    PRIORITY\n"
+                        "h1    DiscoveryService  cl0      srv\\x1b    extsrc  7\n"
+                        "h1    DiscoveryService  cl1      srv\\x1b    extsrc  7\n");
+    EXPECT_EQ(script.calls, (Lines{"query 4 * *", "pageSize 1023", "page", "page", "release",
+                                   "get cl0 of srv\x1b []", "pageSize 65536", "page", "page",
+                                   "page", "release", "get cl1 of srv\x1b []", "pageSize 65536",
+                                   "page", "page", "page", "release"}));
+}
+
+TEST_F(CtlCommandsTest, RegisteredClientsAsJsonNameWhatCannotBeRead)
+{
+    options.registered = true;
+    options.json = true;
+    script.records = 1;
+    script.pages = {cacheRecord("h1")};
+    EXPECT_EQ(run(Command::CLIENTS), Outcome());
+    EXPECT_EQ(Json::parse(out.text), Json::parse(R"({"registered": [{"host": "h1",
+        "service": "DiscoveryService", "subject": "cl0", "authority": "srv\u001b",
+        "type": "extsrc", "priority": 7}], "unreadable": []})"));
+
+    for (const auto& [data, reason] : std::vector<std::pair<std::string, std::string>>{
+             {cacheRecord("h1", "many"), "its data does not tell where the explorer is"},
+             {"", "its data does not tell where the explorer is"},
+             {std::string(65537, 'x'), "its data is no such document: it is too long"}}) {
+        out.text.clear();
+        script.pages = {data};
+        EXPECT_EQ(run(Command::CLIENTS), Outcome());
+        const Json document = Json::parse(out.text);
+        EXPECT_EQ(document["registered"], Json::array());
+        EXPECT_EQ(document["unreadable"],
+                  (Json::array({{{"subject", "cl0"}, {"authority", "srv\x1b"}, {"reason", reason}}})));
+    }
+    out.text.clear();
+    script.status = Svc::DS_OPEN_FAILED;
+    EXPECT_EQ(run(Command::CLIENTS), Outcome());
+    EXPECT_EQ(Json::parse(out.text)["unreadable"][0]["reason"], "DS_OPEN_FAILED");
+}
+
+TEST_F(CtlCommandsTest, AListOfRegisteredClientsThatBreaksOffIsNone)
+{
+    options.registered = true;
+    script.records = 2;
+    script.pages = {cacheRecord("h1")};
+    script.failAfter = 10;
+    EXPECT_EQ(run(Command::CLIENTS)->code, EC_BROKE_OFF);
     EXPECT_EQ(out.text, "");
 }
 

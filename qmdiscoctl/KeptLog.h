@@ -1,0 +1,26 @@
+#pragma once
+// What the libraries log, kept: of interest only when something fails.
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <tlx/Log.h>
+
+namespace Veltrane::Quillmark::Qmdiscoctl {
+
+/// Level-1 lines, each fit for a terminal. Any thread may log.
+class KeptLog : public Tlx::LogSink
+{
+  public:
+    void write(const Line& line) override;
+    /// "OPERATION: TEXT" of each since the last call, the first ones when they were too many.
+    std::vector<std::string> take();
+
+  private:
+    static constexpr std::size_t MAX_LINES = 50;
+    std::mutex m_mutex;
+    std::vector<std::string> m_lines;
+};
+
+} // namespace Veltrane::Quillmark::Qmdiscoctl
