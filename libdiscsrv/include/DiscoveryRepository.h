@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -133,6 +134,10 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
     /// release. The names may hold wildcards.
     DiscoveryIterator* findPullExplorer(DiscoveryQuery query, const ExplorerSet& pullExplorers,
                                         const std::string& subject, const std::string& authority);
+
+    /// The hosts that were discovered: the names of all authorities that tell what their volumes or
+    /// file systems can be filtered by, each once. What cannot be read is logged and left out.
+    std::set<TlxString> getDiscoveredClientList();
 
     /// Stores an explorer of another host, so that it is found again after a restart; does nothing
     /// for any other. On the master only.

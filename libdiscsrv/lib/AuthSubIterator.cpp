@@ -1,0 +1,243 @@
+// The researcher's iterators, and the outer part of the discovered-items document.
+
+#include <sstream>
+#include <stdexcept>
+
+#include "DiscLog.h"
+#include "DiscoveredItemsContexts.h"
+#include "DiscoveryRepository.h"
+#include "DiscoverySetSource.h"
+#include "FilterParameters.h"
+#include "Researcher.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+namespace {
+constexpr const char* LOG_SOURCE = "../Researcher";
+} // namespace
+
+AuthSubIterator* getAuthSubIterator(DiscoveryQuery query, const std::string& first,
+                                    const std::string& second, AuthorityType type)
+{
+    DISC_TRACE("getAuthSubIterator");
+    const AutoDereference<DiscoveryIterator> discoveries(
+        getDiscoveryRepository()->queryDiscoveries(query, first, second, type));
+    if (!discoveries) {
+        DISC_LOG(1, "Failed to get a handle to discoveries");
+        return nullptr;
+    }
+    return new AuthSubIterator(discoveries.get());
+}
+
+// The items of one discovery.
+
+CollectionItemIterator::CollectionItemIterator(Authority* authority, Subject* subject,
+                                               CollectionItemList* items, bool parsed)
+    : m_authority(authority), m_subject(subject), m_items(items), m_parsed(parsed)
+{
+}
+
+CollectionItemIterator::CollectionItemIterator(const CollectionItemIterator& other)
+    : TLXRefCounted(other),
+      m_authority(other.m_authority ? new Authority(*other.m_authority) : nullptr),
+      m_subject(other.m_subject ? new Subject(*other.m_subject) : nullptr),
+      m_items(new CollectionItemList(*other.m_items)), m_parsed(other.m_parsed),
+      m_next(other.m_next)
+{
+}
+
+CollectionItemIterator::~CollectionItemIterator() = default;
+
+CollectionItem* CollectionItemIterator::getNextCollectionItem()
+{
+    DISC_TRACE("CollectionItemIterator::getNextCollectionItem");
+    if (m_next == m_items->size())
+        return nullptr;
+    return AutoDereference<CollectionItem>((*m_items)[m_next++]).release();
+}
+
+// One discovery after the other.
+
+AuthSubIterator::AuthSubIterator(DiscoveryIterator* discoveries)
+    : XmlDocumentInterface(nullptr, TAG_DISCOVERED_ITEMS),
+      m_discoveries(AutoDereference<DiscoveryIterator>::share(discoveries))
+{
+}
+
+AuthSubIterator::~AuthSubIterator() = default;
+
+CollectionItemIterator*
+AuthSubIterator::getNextCollectionItemIterator(const FilterParameters* filter)
+{
+    DISC_TRACE("AuthSubIterator::getNextCollectionItemIterator");
+    const AutoDereference<Discovery> discovery(m_discoveries ? m_discoveries->getNext() : nullptr);
+    if (!discovery)
+        return nullptr;
+    std::unique_ptr<Authority> authority;
+    if (discovery->getAuthority())
+        authority = std::make_unique<Authority>(*discovery->getAuthority());
+    std::unique_ptr<Subject> subject;
+    if (discovery->getSubject())
+        subject = std::make_unique<Subject>(*discovery->getSubject());
+    auto items = std::make_unique<CollectionItemList>();
+    m_items = items.get();
+    const bool parsed = parseDiscovery(discovery->getCollectionData(), filter);
+    m_items = nullptr;
+    if (!parsed)
+        DISC_LOG(1, "Failed to parse discovery");
+    return new CollectionItemIterator(authority.release(), subject.release(), items.release(),
+                                      parsed);
+}
+
+bool AuthSubIterator::parseDiscovery(CollectionData* data, const FilterParameters* filter)
+{
+    DISC_TRACE("AuthSubIterator::parseDiscovery");
+    if (!data) {
+        DISC_LOG(1, "Invalid collection data pointer");
+        return false;
+    }
+    std::ostringstream text;
+    if (filter)
+        filter->writeXml(text, XmlStr::XE_UTF8);
+    if (!data->open(OM_READ, text.str().c_str())) {
+        DISC_LOG(1, "Failed to read collection data");
+        return false;
+    }
+    DiscoverySetInputSource source(*data, "sysid");
+    if (!parse(source)) {
+        DISC_LOG(1, "Failed to parse the discovery stream");
+        return false;
+    }
+    return true;
+}
+
+// Reading one document.
+
+XmlObjParseContext* AuthSubIterator::getObjParseContext(const XMLCh* name)
+{
+    DISC_TRACE("AuthSubIterator::getObjParseContext");
+    return new DiscoverySetContext(name);
+}
+
+void AuthSubIterator::xmlStartElement(XmlObjParseContext* context, const XMLCh* name,
+                                      AttributeList& attributes)
+{
+    DISC_TRACE("AuthSubIterator::xmlStartElement");
+    auto* ctxt = dynamic_cast<DiscoverySetContext*>(context);
+    if (!TLX_ASSERT(ctxt))
+        return;
+    if (ctxt->isSkipping())
+        return XmlInterface::xmlStartElement(ctxt, name, attributes);
+    ctxt->clearText();
+    const auto is = [name](const char* tag) { return XmlObjParseContext::cmptag(name, tag); };
+    if (ctxt->m_nodes.empty()) {
+        if (is(TAG_DISCOVERED_ITEMS))
+            return ctxt->m_nodes.push_back(DiscoverySetContext::DiscoveredItems);
+        if (is(TAG_FILTER_DATA))
+            return ctxt->m_nodes.push_back(DiscoverySetContext::FilterData);
+    } else if (ctxt->m_nodes.back() == DiscoverySetContext::DiscoveredItems) {
+        if (is(TAG_DISCOVERED)) {
+            DiscoveredItem* item = nullptr;
+            ctxt->clearSub();
+            ctxt->m_subContext.reset(xmlCreateObject(name, attributes, ctxt, item));
+            ctxt->m_subInterface.reset(item);
+            return ctxt->m_nodes.push_back(DiscoverySetContext::Discovered);
+        }
+    } else if (ctxt->m_nodes.back() == DiscoverySetContext::FilterData) {
+        if (is(TlxQuery::QUERY_DESCRIPTION_TAG)) {
+            FilterItem* item = nullptr;
+            ctxt->clearSub();
+            ctxt->m_subContext.reset(xmlCreateObject(name, attributes, ctxt, item));
+            ctxt->m_subInterface.reset(item);
+            return ctxt->m_nodes.push_back(DiscoverySetContext::QueryDescription);
+        }
+    } else {
+        bool ready = TLX_ASSERT(ctxt->m_subContext);
+        ready = TLX_ASSERT(ctxt->m_subInterface) && ready;
+        if (ready)
+            ctxt->m_subInterface->xmlStartElement(ctxt->m_subContext.get(), name, attributes);
+        return;
+    }
+    DISC_LOG(1, "Ignoring Unknown Tag");
+    XmlInterface::xmlStartElement(ctxt, name, attributes);
+}
+
+void AuthSubIterator::xmlCharacters(XmlObjParseContext* context, const XMLCh* chars,
+                                    unsigned long length)
+{
+    DISC_TRACE("AuthSubIterator::xmlCharacters");
+    auto* ctxt = dynamic_cast<DiscoverySetContext*>(context);
+    if (!TLX_ASSERT(ctxt))
+        return;
+    if (!ctxt->m_subContext)
+        XmlInterface::xmlCharacters(ctxt, chars, length);
+    else if (TLX_ASSERT(ctxt->m_subInterface))
+        ctxt->m_subInterface->xmlCharacters(ctxt->m_subContext.get(), chars, length);
+}
+
+int AuthSubIterator::xmlEndElement(XmlObjParseContext* context, const XMLCh* name)
+{
+    DISC_TRACE("AuthSubIterator::xmlEndElement");
+    auto* ctxt = dynamic_cast<DiscoverySetContext*>(context);
+    if (!TLX_ASSERT(ctxt))
+        return XML_NOTHING;
+    if (ctxt->m_nodes.empty()) {
+        (void)TLX_ASSERT(ctxt->isEndTag(name));
+        return XML_COMPLETE;
+    }
+    switch (ctxt->m_nodes.back()) {
+    case DiscoverySetContext::DiscoveredItems:
+    case DiscoverySetContext::FilterData:
+        ctxt->m_nodes.pop_back();
+        return XML_COMPLETE;
+    case DiscoverySetContext::Discovered:
+    case DiscoverySetContext::QueryDescription:
+        return endItem(*ctxt, name);
+    default:
+        DISC_LOG(1, "Ignoring Unknown Tag");
+        ctxt->m_nodes.pop_back();
+        return XML_INSIDE;
+    }
+}
+
+int AuthSubIterator::endItem(DiscoverySetContext& context, const XMLCh* name)
+{
+    DiscoverySetContext* const ctxt = &context;
+    int result = XML_NOTHING;
+    bool ready = TLX_ASSERT(ctxt->m_subContext);
+    ready = TLX_ASSERT(ctxt->m_subInterface) && ready;
+    if (ready)
+        result = ctxt->m_subInterface->xmlEndElement(ctxt->m_subContext.get(), name);
+    switch (result) {
+    case XML_INSIDE:
+        return XML_INSIDE;
+    case XML_COMPLETE:
+        keepItem(ctxt->m_subInterface);
+        break;
+    case XML_NOTHING:
+        break;
+    default:
+        TLX_SHOULD_NOT_GET_HERE();
+        return XML_INSIDE;
+    }
+    ctxt->clearSub();
+    ctxt->m_nodes.pop_back();
+    return result == XML_NOTHING ? XML_NOTHING : XML_INSIDE;
+}
+
+void AuthSubIterator::keepItem(const AutoDereference<CollectionItem>& item)
+{
+    if (!TLX_ASSERT(m_items))
+        return;
+    if (m_items->size() == MAX_COLLECTION_ITEMS) // which ends the parse, see tlx/Xml.h
+        throw std::length_error("there are more than " + std::to_string(MAX_COLLECTION_ITEMS) +
+                                " items");
+    m_items->push_back(item);
+}
+
+std::ostream& AuthSubIterator::writeXml(std::ostream& out, XmlStr::Encoding) const
+{
+    return out;
+}
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

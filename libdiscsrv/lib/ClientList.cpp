@@ -1,0 +1,42 @@
+#include "DiscLog.h"
+#include "DiscoveryRepository.h"
+#include "Researcher.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+namespace {
+
+constexpr const char* LOG_SOURCE = "../Researcher";
+
+/// Adds who tells what of a subject can be filtered by; false when nobody does.
+bool addClients(const char* subject, std::set<TlxString>& clients)
+{
+    const AutoDereference<AuthSubIterator> all(
+        getAuthSubIterator(DQ_FILTER_DATA, subject, "*", AT_ANYANDALL));
+    bool found = false;
+    while (CollectionItemIterator* next =
+               all ? all->getNextCollectionItemIterator(nullptr) : nullptr) {
+        const AutoDereference<CollectionItemIterator> items(next);
+        if (!items->getAuthority())
+            continue;
+        clients.insert(items->getAuthority()->getName());
+        found = true;
+    }
+    return found;
+}
+
+} // namespace
+
+std::set<TlxString> DiscoveryRepository::getDiscoveredClientList()
+{
+    // Under the name that readers of the log know.
+    DISC_TRACE("Researcher::getDiscoveredClientList");
+    std::set<TlxString> clients;
+    if (!addClients("volume", clients))
+        DISC_LOG(4, "No windows clients found");
+    if (!addClients("filesystem", clients))
+        DISC_LOG(4, "No unix clients found");
+    return clients;
+}
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

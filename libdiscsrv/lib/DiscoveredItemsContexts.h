@@ -1,0 +1,69 @@
+#pragma once
+// The parse states of the discovered-items document.
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+
+#include "DiscoveredItems.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+constexpr const char* TAG_DISCOVERED_ITEMS = "DiscoveredItems";
+constexpr const char* TAG_FILTER_DATA = "FilterData";
+/// As it is looked for; it is written as "Discovered".
+constexpr const char* TAG_DISCOVERED = "DISCOVERED";
+
+/// The whole document.
+class DiscoverySetContext : public XmlObjParseContext
+{
+  public:
+    enum Node : std::uint32_t
+    {
+        DiscoveredItems = 0,
+        FilterData = 1,
+        Discovered = 2,
+        QueryDescription = 3,
+    };
+
+    using XmlObjParseContext::XmlObjParseContext;
+
+    void clearSub()
+    {
+        m_subContext.reset();
+        m_subInterface.reset();
+    }
+
+    std::deque<std::uint32_t> m_nodes;
+    AutoDereference<CollectionItem> m_subInterface;
+    std::unique_ptr<XmlObjParseContext> m_subContext; ///< goes before the object it is for
+};
+
+/// Inside a "DISCOVERED" element.
+class DiscoveredDataContext : public XmlObjParseContext
+{
+  public:
+    enum Node : std::uint32_t
+    {
+        StatusMessage = 0,
+        Policy = 1,
+        ExplorerDataBlock = 2,
+    };
+
+    using XmlObjParseContext::XmlObjParseContext;
+
+    std::deque<std::uint32_t> m_nodes;
+    /// One of the next two, or the item's explorer parser.
+    XmlInterface* m_subInterface = nullptr;
+    AutoDereference<StatusMsg> m_status;
+    AutoDereference<QmkPolicy> m_policy;
+    std::unique_ptr<XmlObjParseContext> m_subContext;
+
+    // The block of explorer data. Its parser may come from a library.
+    TlxString m_explorerName;
+    unsigned m_depth = 0;       ///< elements open inside the block
+    bool m_blockFailed = false; ///< the parser threw: the rest of the block is nobody's
+};
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -1,0 +1,48 @@
+// The process that is no service and reads discoveries all the same.
+
+#include "Researcher.h"
+
+#include <ace/Recursive_Thread_Mutex.h>
+#include <ace/Singleton.h>
+
+#include "DiscLog.h"
+#include "DiscoveryRepository.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+namespace {
+constexpr const char* LOG_SOURCE = "../Researcher";
+constexpr unsigned REQUEST_TIMEOUT_SECONDS = 30;
+constexpr std::size_t REACTOR_HANDLES = 1024;
+} // namespace
+
+DiscoveryResearcher* initDiscoveryResearch()
+{
+    DISC_TRACE("initDiscoveryResearch");
+    try {
+        return ACE_Singleton<DiscoveryResearcher, ACE_Recursive_Thread_Mutex>::instance();
+    } catch (const OrbError& e) {
+        DISC_LOG(1, "Failed to make the researcher: " << e.what());
+        return nullptr;
+    }
+}
+
+DiscoveryResearcher::DiscoveryResearcher()
+    : m_orb(true, "", "researcher", true, REACTOR_HANDLES),
+      m_framework(new DiscoveryFramework("discovery", DST_NO_SERVANT, &m_orb, true))
+{
+    DISC_TRACE("DiscoveryResearcher::DiscoveryResearcher");
+    m_orb.setOrbRequestTimeout(REQUEST_TIMEOUT_SECONDS);
+    m_framework->init();
+}
+
+DiscoveryResearcher::~DiscoveryResearcher()
+{
+    DISC_TRACE("DiscoveryResearcher::~DiscoveryResearcher");
+    m_framework->shutdown();
+    m_framework->fini();
+    // The repository, which was there first, goes later than the ORB that the framework knows.
+    getDiscoveryRepository()->setDiscoveryFramework(nullptr);
+}
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -1,0 +1,410 @@
+// Walking over discoveries and their items, and the list of clients.
+
+#include "Researcher.h"
+
+#include <gtest/gtest.h>
+
+#include "Capture.h"
+#include "ExplorerFixture.h"
+#include "FilterParameters.h"
+#include "ItemsFixture.h"
+#include "StoreFixture.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+namespace {
+
+using QmTest::AssertionCapture;
+using QmTest::FakePull;
+using QmTest::Lines;
+using QmTest::ListedDiscoveries;
+using QmTest::LogCapture;
+using QmTest::PlainDiscovery;
+using QmTest::readItems;
+using QmTest::research;
+using QmTest::Service;
+using QmTest::TextData;
+
+const std::string TWO_ITEMS =
+    "<DiscoveredItems><DISCOVERED Name='a'/><DISCOVERED Name='b'/></DiscoveredItems>";
+
+/// The names of the items, in order.
+Lines names(CollectionItemIterator& items)
+{
+    Lines result;
+    while (CollectionItem* next = items.getNextCollectionItem()) {
+        const AutoDereference<CollectionItem> item(next);
+        const auto* discovered = dynamic_cast<const DiscoveredItem*>(next);
+        result.push_back(discovered ? discovered->getName() : "?");
+    }
+    return result;
+}
+
+// The items of one discovery.
+
+TEST(CollectionItemIteratorTest, AnEmptyListYieldsNullAtOnceAndAgain)
+{
+    const AutoDereference<CollectionItemIterator> items(
+        new CollectionItemIterator(nullptr, nullptr, new CollectionItemList, true));
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(items->getNextCollectionItem(), nullptr);
+    EXPECT_EQ(items->getAuthority(), nullptr);
+    EXPECT_EQ(items->getSubject(), nullptr);
+}
+
+TEST(CollectionItemIteratorTest, EachItemIsANewReferenceAndTheEndStays)
+{
+    auto* const list = new CollectionItemList;
+    const AutoDereference<CollectionItem> kept(new DiscoveredItem("a"));
+    list->push_back(kept);
+    {
+        const AutoDereference<CollectionItemIterator> items(
+            new CollectionItemIterator(nullptr, nullptr, list, true));
+        const AutoDereference<CollectionItem> got(items->getNextCollectionItem());
+        EXPECT_EQ(got.get(), kept.get());
+        EXPECT_EQ(kept->referenceCount(), 3u);
+        EXPECT_EQ(items->getNextCollectionItem(), nullptr);
+        EXPECT_EQ(items->getNextCollectionItem(), nullptr);
+    }
+    EXPECT_EQ(kept->referenceCount(), 1u);
+}
+
+TEST(CollectionItemIteratorTest, ACopyIsDeepAndGoesOnWhereTheOriginalStands)
+{
+    auto* const list = new CollectionItemList;
+    for (const char* name : {"a", "b", "c"})
+        list->emplace_back(new DiscoveredItem(name));
+    AutoDereference<CollectionItemIterator> original(new CollectionItemIterator(
+        new Authority("host1", AT_QMKCLIENT), new Subject("subject1"), list, false));
+    const AutoDereference<CollectionItem> first(original->getNextCollectionItem());
+    const AutoDereference<CollectionItemIterator> copy(new CollectionItemIterator(*original));
+    EXPECT_NE(copy->getAuthority(), original->getAuthority());
+    EXPECT_NE(copy->getSubject(), original->getSubject());
+    original.reset();
+    EXPECT_EQ(copy->referenceCount(), 1u);
+    EXPECT_EQ(copy->getAuthority()->getName(), TlxString("host1"));
+    EXPECT_EQ(copy->getAuthority()->getType(), AT_QMKCLIENT);
+    EXPECT_EQ(copy->getSubject()->getSubject(), TlxString("subject1"));
+    EXPECT_FALSE(copy->isParsed());
+    EXPECT_EQ(names(*copy), (Lines{"b", "c"}));
+}
+
+TEST(CollectionItemIteratorTest, ACopyOfOneWithoutAuthorityAndSubjectHasNone)
+{
+    const AutoDereference<CollectionItemIterator> original(
+        new CollectionItemIterator(nullptr, nullptr, new CollectionItemList, true));
+    const AutoDereference<CollectionItemIterator> copy(new CollectionItemIterator(*original));
+    EXPECT_EQ(copy->getAuthority(), nullptr);
+    EXPECT_EQ(copy->getSubject(), nullptr);
+    EXPECT_TRUE(copy->isParsed());
+}
+
+// One discovery after the other.
+
+TEST(AuthSubIteratorTest, EachDiscoveryYieldsItsItems)
+{
+    const AutoDereference<ListedDiscoveries> discoveries(new ListedDiscoveries);
+    discoveries->add(new TextData(TWO_ITEMS), "host1", "first");
+    discoveries->add(new TextData("<DiscoveredItems/>"), "host2", "second");
+    const LogCapture log(LOG_LEVEL_FAILURE);
+    const AutoDereference<AuthSubIterator> all(new AuthSubIterator(discoveries.get()));
+    EXPECT_EQ(discoveries->referenceCount(), 2u);
+
+    const AutoDereference<CollectionItemIterator> first(
+        all->getNextCollectionItemIterator(nullptr));
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first->getAuthority()->getName(), TlxString("host1"));
+    EXPECT_EQ(first->getAuthority()->getType(), AT_QMKCLIENT);
+    EXPECT_EQ(first->getSubject()->getSubject(), TlxString("first"));
+    EXPECT_TRUE(first->isParsed());
+    EXPECT_EQ(names(*first), (Lines{"a", "b"}));
+
+    const AutoDereference<CollectionItemIterator> second(
+        all->getNextCollectionItemIterator(nullptr));
+    ASSERT_TRUE(second);
+    EXPECT_EQ(second->getAuthority()->getName(), TlxString("host2"));
+    EXPECT_TRUE(second->isParsed());
+    EXPECT_EQ(names(*second), Lines());
+
+    EXPECT_EQ(all->getNextCollectionItemIterator(nullptr), nullptr);
+    EXPECT_EQ(all->getNextCollectionItemIterator(nullptr), nullptr);
+    EXPECT_EQ(log.lines().size(), 0u);
+}
+
+TEST(AuthSubIteratorTest, TheItemsOutliveTheDiscoveriesAndTheirIterator)
+{
+    const auto items = research(new TextData(TWO_ITEMS));
+    ASSERT_TRUE(items);
+    EXPECT_EQ(items->getAuthority()->getName(), TlxString("host1"));
+    EXPECT_EQ(names(*items), (Lines{"a", "b"}));
+}
+
+TEST(AuthSubIteratorTest, WithoutDiscoveriesThereIsNothing)
+{
+    const AutoDereference<AuthSubIterator> none(new AuthSubIterator(nullptr));
+    EXPECT_EQ(none->getNextCollectionItemIterator(nullptr), nullptr);
+}
+
+TEST(AuthSubIteratorTest, ADiscoveryWithoutAuthorityAndSubjectIsReadAllTheSame)
+{
+    const AutoDereference<ListedDiscoveries> discoveries(new ListedDiscoveries);
+    discoveries->add(AutoDereference<Discovery>(new PlainDiscovery(new TextData(TWO_ITEMS))));
+    const AutoDereference<AuthSubIterator> all(new AuthSubIterator(discoveries.get()));
+    const AutoDereference<CollectionItemIterator> items(
+        all->getNextCollectionItemIterator(nullptr));
+    ASSERT_TRUE(items);
+    EXPECT_EQ(items->getAuthority(), nullptr);
+    EXPECT_EQ(items->getSubject(), nullptr);
+    EXPECT_EQ(names(*items), (Lines{"a", "b"}));
+}
+
+TEST(AuthSubIteratorTest, DataThatIsNoXmlYieldsAnIteratorThatIsNotParsedAndNoItems)
+{
+    const LogCapture log;
+    const auto items = research(new TextData("This is no XML."));
+    ASSERT_TRUE(items);
+    EXPECT_FALSE(items->isParsed());
+    EXPECT_EQ(items->getNextCollectionItem(), nullptr);
+    EXPECT_EQ(items->getAuthority()->getName(), TlxString("host1"));
+    const auto lines = log.lines();
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_TRUE(lines[0].text.starts_with("Failed to parse the document DiscoveredItems: line 1, "))
+        << lines[0].text;
+    EXPECT_EQ(lines[1].text, "Failed to parse the discovery stream");
+    EXPECT_EQ(lines[1].operation, "AuthSubIterator::parseDiscovery");
+    EXPECT_EQ(lines[2].text, "Failed to parse discovery");
+    EXPECT_EQ(lines[2].operation, "AuthSubIterator::getNextCollectionItemIterator");
+    for (const auto& line : lines)
+        EXPECT_EQ(line.level, 1);
+}
+
+TEST(AuthSubIteratorTest, ItemsThatWereCompleteBeforeTheFailureAreKept)
+{
+    const LogCapture log;
+    const auto items = research(
+        new TextData("<DiscoveredItems><DISCOVERED Name='a'/><DISCOVERED Name='b'></DISCOVERED>"
+                     "<DISCOVERED Name='c'><StatusMsg Code='1'>cut o"));
+    ASSERT_TRUE(items);
+    EXPECT_FALSE(items->isParsed());
+    EXPECT_EQ(names(*items), (Lines{"a", "b"}));
+    EXPECT_EQ(log.texts(1).back(), "Failed to parse discovery");
+}
+
+TEST(AuthSubIteratorTest, OneBrokenDiscoveryDoesNotHideTheNext)
+{
+    const AutoDereference<ListedDiscoveries> discoveries(new ListedDiscoveries);
+    discoveries->add(new TextData("<DiscoveredItems><DISCOVERED>"));
+    discoveries->add(new TextData(TWO_ITEMS));
+    const AutoDereference<AuthSubIterator> all(new AuthSubIterator(discoveries.get()));
+    const LogCapture log;
+    const AutoDereference<CollectionItemIterator> broken(
+        all->getNextCollectionItemIterator(nullptr));
+    const AutoDereference<CollectionItemIterator> whole(
+        all->getNextCollectionItemIterator(nullptr));
+    ASSERT_TRUE(broken && whole);
+    EXPECT_FALSE(broken->isParsed());
+    EXPECT_EQ(names(*broken), Lines());
+    EXPECT_TRUE(whole->isParsed());
+    EXPECT_EQ(names(*whole), (Lines{"a", "b"}));
+}
+
+TEST(AuthSubIteratorTest, WithoutDataTheDiscoveryIsNotParsed)
+{
+    const LogCapture log;
+    const auto items = research(nullptr);
+    ASSERT_TRUE(items);
+    EXPECT_FALSE(items->isParsed());
+    EXPECT_EQ(names(*items), Lines());
+    EXPECT_EQ(log.texts(1),
+              (Lines{"Invalid collection data pointer", "Failed to parse discovery"}));
+}
+
+TEST(AuthSubIteratorTest, DataThatDoesNotOpenIsNotParsed)
+{
+    auto* const data = new TextData(TWO_ITEMS);
+    data->opens = false;
+    const LogCapture log;
+    const auto items = research(data);
+    ASSERT_TRUE(items);
+    EXPECT_FALSE(items->isParsed());
+    EXPECT_EQ(names(*items), Lines());
+    EXPECT_EQ(log.texts(1), (Lines{"Failed to read collection data", "Failed to parse discovery"}));
+}
+
+/// What data is opened with when it is read with a filter.
+std::string openArgument(const FilterParameters* filter)
+{
+    std::string opened = "not opened";
+    auto* const data = new TextData("<DiscoveredItems/>");
+    data->onOpen = [&](OpenMode mode, const char* arg) {
+        EXPECT_EQ(mode, OM_READ);
+        opened = arg ? arg : "null";
+    };
+    const AutoDereference<ListedDiscoveries> discoveries(new ListedDiscoveries);
+    discoveries->add(data);
+    const AutoDereference<AuthSubIterator> all(new AuthSubIterator(discoveries.get()));
+    const AutoDereference<CollectionItemIterator> items(all->getNextCollectionItemIterator(filter));
+    EXPECT_TRUE(items && items->isParsed());
+    return opened;
+}
+
+TEST(AuthSubIteratorTest, TheFilterIsHandedToTheSourceOfTheData)
+{
+    EXPECT_EQ(openArgument(nullptr), "");
+    const FilterParameters empty(nullptr, "");
+    EXPECT_EQ(openArgument(&empty), "");
+    const FilterParameters filter(nullptr, "size > 10G");
+    EXPECT_EQ(openArgument(&filter),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?><FilterParameters><QueryString>"
+              "size &gt; 10G</QueryString></FilterParameters>");
+}
+
+TEST(AuthSubIteratorTest, AFailedReadIsTheEnd)
+{
+    for (const auto end : {TextData::ET_MINUS_ONE, TextData::ET_THROWS}) {
+        const LogCapture log;
+        EXPECT_TRUE(readItems(new TextData(TWO_ITEMS, 7, end)).parsed);
+        const auto cut = readItems(new TextData(TWO_ITEMS.substr(0, 50), 7, end));
+        EXPECT_FALSE(cut.parsed);
+        EXPECT_EQ(cut.all(), Lines{"<Discovered Name=\"a\"></Discovered>"});
+        EXPECT_EQ(log.texts(1).back(), "Failed to parse discovery");
+    }
+}
+
+TEST(AuthSubIteratorTest, WritesNothing)
+{
+    const AutoDereference<AuthSubIterator> all(new AuthSubIterator(nullptr));
+    std::ostringstream out;
+    EXPECT_EQ(&all->writeXml(out, XmlStr::XE_UTF8), &out);
+    EXPECT_EQ(out.str(), "");
+}
+
+// Out of the repository.
+
+class ResearchTest : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        if (!QmTest::mayOpenRecords())
+            GTEST_SKIP() << "records are created with permissions 0: needs root";
+    }
+    Service m_service;
+};
+
+TEST_F(ResearchTest, AQueryThatMatchesNothingYieldsAnIteratorOverNothing)
+{
+    const LogCapture log(LOG_LEVEL_FAILURE);
+    const AutoDereference<AuthSubIterator> all(
+        getAuthSubIterator(DQ_DISCOVERY_DATA, "nothing", "*", AT_ANYANDALL));
+    ASSERT_TRUE(all);
+    EXPECT_EQ(all->referenceCount(), 1u);
+    EXPECT_EQ(all->getNextCollectionItemIterator(nullptr), nullptr);
+    EXPECT_EQ(log.lines().size(), 0u);
+}
+
+TEST_F(ResearchTest, TheFirstNameIsTheSubjectTheSecondTheAuthority)
+{
+    Service::put("subject1", "host1", TWO_ITEMS);
+    Service::put("host1", "subject1", "<DiscoveredItems/>");
+    const AutoDereference<AuthSubIterator> all(
+        getAuthSubIterator(DQ_DISCOVERY_DATA, "subject1", "host1", AT_ANYANDALL));
+    ASSERT_TRUE(all);
+    const AutoDereference<CollectionItemIterator> items(
+        all->getNextCollectionItemIterator(nullptr));
+    ASSERT_TRUE(items);
+    EXPECT_EQ(items->getSubject()->getSubject(), TlxString("subject1"));
+    EXPECT_EQ(items->getAuthority()->getName(), TlxString("host1"));
+    EXPECT_EQ(names(*items), (Lines{"a", "b"}));
+    EXPECT_EQ(all->getNextCollectionItemIterator(nullptr), nullptr);
+}
+
+TEST_F(ResearchTest, EmptyNamesAreAny)
+{
+    Service::put("subject1", "host1", TWO_ITEMS);
+    const AutoDereference<AuthSubIterator> all(
+        getAuthSubIterator(DQ_DISCOVERY_DATA, "", "", AT_ANYANDALL));
+    ASSERT_TRUE(all);
+    const AutoDereference<CollectionItemIterator> items(
+        all->getNextCollectionItemIterator(nullptr));
+    EXPECT_TRUE(items);
+}
+
+TEST_F(ResearchTest, AFilterReachesAPullExplorer)
+{
+    const AutoDereference<FakePull> explorer(new FakePull(TWO_ITEMS));
+    const Subject subject("subject1");
+    const Authority authority("host1", AT_QMKCLIENT);
+    getDiscoveryRepository()->registerExplorer(&subject, explorer.get(), 1, &authority, true);
+    const AutoDereference<AuthSubIterator> all(
+        getAuthSubIterator(DQ_FILTER_DATA, "subject1", "host1", AT_ANYANDALL));
+    ASSERT_TRUE(all);
+    const FilterParameters filter(nullptr, "a");
+    const AutoDereference<CollectionItemIterator> items(
+        all->getNextCollectionItemIterator(&filter));
+    ASSERT_TRUE(items);
+    EXPECT_EQ(names(*items), (Lines{"a", "b"}));
+    EXPECT_EQ(explorer->calls,
+              Lines{"2 subject1 of host1 [<?xml version=\"1.0\" encoding=\"UTF-8\"?>"
+                    "<FilterParameters><QueryString>a</QueryString></FilterParameters>]"});
+}
+
+TEST(ResearchAloneTest, WithoutAnAnswerThereIsNoIterator)
+{
+    HostConfig::instance().readText("", "qm.conf");
+    const AssertionCapture assertions; // there is no framework
+    const LogCapture log;
+    EXPECT_EQ(getAuthSubIterator(DQ_DISCOVERY_DATA, "*", "*", AT_ANYANDALL), nullptr);
+    EXPECT_EQ(log.texts(1), Lines{"Failed to get a handle to discoveries"});
+    EXPECT_EQ(log.lines().back().operation, "getAuthSubIterator");
+}
+
+// The list of clients.
+
+using Clients = std::set<TlxString>;
+
+TEST_F(ResearchTest, TheClientsAreTheAuthoritiesOfVolumesAndOfFileSystemsEachOnce)
+{
+    Service::put("filesystem", "unix1", "<FilterData/>");
+    Service::put("filesystem", "unix2", "no XML, and a client all the same");
+    Service::put("volume", "windows1", "<FilterData/>");
+    Service::put("volume", "unix1", "<FilterData/>");
+    Service::put("unix3", "unix3", "<DiscoveredItems/>");
+    EXPECT_EQ(getDiscoveryRepository()->getDiscoveredClientList(),
+              (Clients{"unix1", "unix2", "windows1"}));
+}
+
+TEST_F(ResearchTest, WithoutClientsTwoLinesTell)
+{
+    const LogCapture log;
+    EXPECT_EQ(getDiscoveryRepository()->getDiscoveredClientList(), Clients());
+    Lines told;
+    for (const auto& line : log.lines())
+        if (line.operation == "Researcher::getDiscoveredClientList") {
+            told.push_back(line.text);
+            EXPECT_EQ(line.level, 4);
+        }
+    EXPECT_EQ(told, (Lines{"No windows clients found", "No unix clients found"}));
+}
+
+TEST_F(ResearchTest, WithOneKindOfClientOneLineTellsOfTheOther)
+{
+    Service::put("filesystem", "unix1", "<FilterData/>");
+    const LogCapture log;
+    EXPECT_EQ(getDiscoveryRepository()->getDiscoveredClientList(), Clients{"unix1"});
+    EXPECT_TRUE(log.has(4, "No windows clients found"));
+    EXPECT_FALSE(log.has(4, "No unix clients found"));
+}
+
+TEST(ResearchAloneTest, WithoutAnAnswerThereAreNoClients)
+{
+    HostConfig::instance().readText("", "qm.conf");
+    const AssertionCapture assertions; // there is no framework
+    const LogCapture log;
+    EXPECT_EQ(getDiscoveryRepository()->getDiscoveredClientList(), Clients());
+    EXPECT_EQ(log.texts(1), Lines(2, "Failed to get a handle to discoveries"));
+    EXPECT_TRUE(log.has(4, "No windows clients found"));
+    EXPECT_TRUE(log.has(4, "No unix clients found"));
+}
+
+} // namespace
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc
