@@ -1,8 +1,5 @@
 #include "FileSystemData.h"
 
-#include <tlx/ValueConverter.h>
-
-#include "FileSystemDocument.h"
 #include "FileSystemExplorers.h"
 
 namespace Veltrane::Quillmark::Explorers {
@@ -22,22 +19,6 @@ class FileSystemContext : public XmlObjParseContext
     const Tlx::AutoDereference<FileSystemData> data;
 };
 
-void takeNumber(const TlxString& text, std::optional<std::uint64_t>& into)
-{
-    std::uint64_t number = 0;
-    if (Tlx::fromText(text, number))
-        into = number;
-}
-
-bool isKnown(const XMLCh* name)
-{
-    for (const char* tag : {FileSystemTag::DEVICE, FileSystemTag::TYPE, FileSystemTag::OPTIONS,
-                            FileSystemTag::SIZE, FileSystemTag::USED, FileSystemTag::READ_ONLY})
-        if (XmlObjParseContext::isTag(name, tag))
-            return true;
-    return false;
-}
-
 } // namespace
 
 bool FileSystemData::isParsed() const
@@ -47,14 +28,14 @@ bool FileSystemData::isParsed() const
 
 std::ostream& FileSystemData::writeXml(std::ostream& out, Tlx::XmlStr::Encoding encoding) const
 {
-    return writeFileSystem(out, fileSystem, encoding);
+    return Tlx::DiscoverySvc::writeFileSystem(out, fileSystem, encoding);
 }
 
 void FileSystemParser::xmlStartElement(XmlObjParseContext* context, const XMLCh* name,
                                        Tlx::AttributeList& attributes)
 {
     context->clearText();
-    if (!isKnown(name))
+    if (!Tlx::DiscoverySvc::isFileSystemElement(name))
         XmlInterface::xmlStartElement(context, name, attributes); // skipped whole
 }
 
@@ -65,21 +46,7 @@ int FileSystemParser::xmlEndElement(XmlObjParseContext* context, const XMLCh* na
     auto* ctxt = dynamic_cast<FileSystemContext*>(context);
     if (!ctxt)
         return Tlx::XML_INSIDE;
-    FileSystem& fileSystem = ctxt->data->fileSystem;
-    const TlxString text = ctxt->text();
-    const auto is = [name](const char* tag) { return XmlObjParseContext::isTag(name, tag); };
-    if (is(FileSystemTag::DEVICE))
-        fileSystem.device = text.utf8();
-    else if (is(FileSystemTag::TYPE))
-        fileSystem.type = text.utf8();
-    else if (is(FileSystemTag::OPTIONS))
-        fileSystem.options = text.utf8();
-    else if (is(FileSystemTag::SIZE))
-        takeNumber(text, fileSystem.size);
-    else if (is(FileSystemTag::USED))
-        takeNumber(text, fileSystem.used);
-    else if (is(FileSystemTag::READ_ONLY))
-        fileSystem.readOnly = text == TlxString("1");
+    Tlx::DiscoverySvc::takeFileSystemElement(ctxt->data->fileSystem, name, ctxt->text());
     ctxt->clearText();
     return Tlx::XML_INSIDE;
 }
@@ -103,7 +70,7 @@ Tlx::DiscoverySvc::ExplorerData* FileSystemParser::getExplorerData(XmlObjParseCo
 
 const char* FileSystemParser::getExplorerParserName() const
 {
-    return EXPLORER_NAME;
+    return Tlx::DiscoverySvc::FILE_SYSTEMS_EXPLORER;
 }
 
 } // namespace Veltrane::Quillmark::Explorers

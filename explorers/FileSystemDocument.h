@@ -1,5 +1,5 @@
 #pragma once
-// The file systems of a host as a document of discovered items.
+// The documents about the file systems of a host.
 
 #include <ostream>
 #include <vector>
@@ -10,22 +10,11 @@
 
 namespace Veltrane::Quillmark::Explorers {
 
-/// The elements of an item's data block.
-namespace FileSystemTag {
-constexpr const char* DEVICE = "Device";
-constexpr const char* TYPE = "Type";
-constexpr const char* OPTIONS = "Options";
-constexpr const char* SIZE = "Size";
-constexpr const char* USED = "Used";
-constexpr const char* READ_ONLY = "ReadOnly";
-} // namespace FileSystemTag
-
 /// Writes an item for each: named after its mount point, its data in the explorer's block.
 std::ostream& writeDocument(std::ostream& out, Tlx::DiscoverySvc::Explorer& explorer,
                             const std::vector<FileSystem>& fileSystems);
 
-/// Writes the inner XML of a block.
-std::ostream& writeFileSystem(std::ostream& out, const FileSystem& fileSystem,
-                              Tlx::XmlStr::Encoding encoding);
+/// Writes what a host's file systems can be filtered by.
+std::ostream& writeFilterDocument(std::ostream& out);
 
 } // namespace Veltrane::Quillmark::Explorers

@@ -3,6 +3,7 @@
 #include <sstream>
 
 #include <DiscoveryRepository.h>
+#include <FilterParameters.h>
 #include <tlx/HostConfig.h>
 #include <tlx/Log.h>
 
@@ -25,47 +26,25 @@ void logFailure(const char* operation, const std::string& text)
             operation, LOG_SOURCE, text);
 }
 
-/// The document as of now. False, and logged, when the mount table cannot be read.
-bool makeDocument(const char* operation, Explorer& explorer, std::string& document)
+/// What is mounted now. False, and logged, when the mount table cannot be read.
+bool readFileSystems(const char* operation, std::vector<FileSystem>& fileSystems)
 {
     std::string excluded = LEFT_OUT;
     Tlx::HostConfig::instance().getString(Tlx::ConfigKey::FILESYSTEM_EXCLUDE, excluded);
-    std::vector<FileSystem> fileSystems;
     std::string error;
-    if (!readMountTable(MOUNT_TABLE, Exclusion(excluded), fileSystems, error)) {
-        logFailure(operation, error);
-        return false;
-    }
-    std::ostringstream out;
-    writeDocument(out, explorer, fileSystems);
-    document = out.str();
-    return true;
+    if (readMountTable(MOUNT_TABLE, Exclusion(excluded), fileSystems, error))
+        return true;
+    logFailure(operation, error);
+    return false;
 }
 
-} // namespace
-
-std::string pullSubject(const std::string& host)
+/// Stores a document under what the timer has told.
+bool store(DiscoveryRepository& repository, DiscoveryQuery query, const Authority& authority,
+           const Subject& subject, const CollectionAttributes& attributes,
+           const std::string& document, DiscoveryResult& result)
 {
-    return host + "/now";
-}
-
-const char* FileSystemPush::getExplorerName() const
-{
-    return EXPLORER_NAME;
-}
-
-bool FileSystemPush::pushCollection(const Authority& authority, const Subject& subject,
-                                    const CollectionAttributes& attributes,
-                                    Tlx::AutoDereference<Tlx::TLXRefCounted>&,
-                                    DiscoveryFactory* factory, DiscoveryResult& result)
-{
-    result = {DS_OPEN_FAILED, 0};
-    auto* repository = dynamic_cast<DiscoveryRepository*>(factory);
-    std::string document;
-    if (!repository || !makeDocument("FileSystemPush::pushCollection", *this, document))
-        return false;
     Tlx::AutoDereference<Discovery> discovery;
-    repository->newDiscovery(discovery, DQ_DISCOVERY_DATA, subject, authority, attributes);
+    repository.newDiscovery(discovery, query, subject, authority, attributes);
     if (!discovery)
         return false;
     result = discovery->open(OM_UPDATE, "");
@@ -79,18 +58,92 @@ bool FileSystemPush::pushCollection(const Authority& authority, const Subject& s
     return isSuccess(result);
 }
 
-const char* FileSystemPull::getExplorerName() const
+/// The query of filter parameters. False, and logged in one line, when there is none in them.
+bool readFilter(const char* operation, const char* text, Tlx::TlxQuery& filter)
 {
-    return EXPLORER_NAME;
+    const FilterParameters parameters(text);
+    // Parameters without a query are never written.
+    if (parameters.queryString().empty()) {
+        logFailure(operation, "The filter is no document of filter parameters with a query");
+        return false;
+    }
+    if (parameters.setQuery(filter))
+        return true;
+    logFailure(operation, "The filter cannot be read: " + filter.mistake().toText());
+    return false;
 }
 
-bool FileSystemPull::collectionRequested(DiscoveryQuery, const Authority&, const Subject&,
-                                         Tlx::AutoDereference<Tlx::TLXRefCounted>&, const char*,
-                                         CollectionData* data)
+} // namespace
+
+std::string pullSubject(const std::string& host)
 {
-    std::string document;
-    return makeDocument("FileSystemPull::collectionRequested", *this, document) &&
-           data->open(OM_UPDATE, "") && data->writeCollection(document.size(), document.data());
+    return host + "/now";
+}
+
+const char* FileSystemPush::getExplorerName() const
+{
+    return FILE_SYSTEMS_EXPLORER;
+}
+
+bool FileSystemPush::pushCollection(const Authority& authority, const Subject& subject,
+                                    const CollectionAttributes& attributes,
+                                    Tlx::AutoDereference<Tlx::TLXRefCounted>&,
+                                    DiscoveryFactory* factory, DiscoveryResult& result)
+{
+    result = {DS_OPEN_FAILED, 0};
+    auto* repository = dynamic_cast<DiscoveryRepository*>(factory);
+    std::vector<FileSystem> fileSystems;
+    if (!repository || !readFileSystems("FileSystemPush::pushCollection", fileSystems))
+        return false;
+    std::ostringstream document;
+    writeDocument(document, *this, fileSystems);
+    return store(*repository, DQ_DISCOVERY_DATA, authority, subject, attributes, document.str(),
+                 result);
+}
+
+const char* FileSystemFiltersPush::getExplorerName() const
+{
+    return "FileSystemFilters";
+}
+
+bool FileSystemFiltersPush::pushCollection(const Authority& authority, const Subject& subject,
+                                           const CollectionAttributes& attributes,
+                                           Tlx::AutoDereference<Tlx::TLXRefCounted>&,
+                                           DiscoveryFactory* factory, DiscoveryResult& result)
+{
+    result = {DS_OPEN_FAILED, 0};
+    auto* repository = dynamic_cast<DiscoveryRepository*>(factory);
+    if (!repository)
+        return false;
+    std::ostringstream document;
+    writeFilterDocument(document);
+    return store(*repository, DQ_FILTER_DATA, authority, subject, attributes, document.str(),
+                 result);
+}
+
+const char* FileSystemPull::getExplorerName() const
+{
+    return FILE_SYSTEMS_EXPLORER;
+}
+
+bool FileSystemPull::collectionRequested(DiscoveryQuery, const Authority& authority, const Subject&,
+                                         Tlx::AutoDereference<Tlx::TLXRefCounted>&,
+                                         const char* text, CollectionData* data)
+{
+    constexpr const char* OPERATION = "FileSystemPull::collectionRequested";
+    const Tlx::AutoDereference<Tlx::TlxQuery> filter(new Tlx::TlxQuery(0));
+    std::vector<FileSystem> fileSystems;
+    if ((*text && !readFilter(OPERATION, text, *filter)) ||
+        !readFileSystems(OPERATION, fileSystems))
+        return false;
+    const std::string host = authority.getName().utf8();
+    std::erase_if(fileSystems, [&](const FileSystem& fileSystem) {
+        return !filter->matches(FileSystemSource(host, fileSystem));
+    });
+    std::ostringstream out;
+    writeDocument(out, *this, fileSystems);
+    const std::string document = out.str();
+    return data->open(OM_UPDATE, "") && data->writeCollection(document.size(), document.data());
 }
 
 } // namespace Veltrane::Quillmark::Explorers

@@ -7,8 +7,6 @@
 
 namespace Veltrane::Quillmark::Explorers {
 
-constexpr const char* EXPLORER_NAME = "FileSystems";
-
 /// Stores what is mounted, under this host's name.
 class FileSystemPush : public virtual Tlx::DiscoverySvc::ExplorerPush
 {
@@ -22,7 +20,21 @@ class FileSystemPush : public virtual Tlx::DiscoverySvc::ExplorerPush
                         Tlx::DiscoverySvc::DiscoveryResult& result) override;
 };
 
-/// Answers with what is mounted now.
+/// Stores what file systems can be filtered by.
+class FileSystemFiltersPush : public virtual Tlx::DiscoverySvc::ExplorerPush
+{
+  public:
+    const char* getExplorerName() const override;
+    bool pushCollection(const Tlx::DiscoverySvc::Authority& authority,
+                        const Tlx::DiscoverySvc::Subject& subject,
+                        const Tlx::DiscoverySvc::CollectionAttributes& attributes,
+                        Tlx::AutoDereference<Tlx::TLXRefCounted>& explorerContext,
+                        Tlx::DiscoverySvc::DiscoveryFactory* factory,
+                        Tlx::DiscoverySvc::DiscoveryResult& result) override;
+};
+
+/// Answers with what is mounted now, and is what the reader's filter parameters ask for. A filter
+/// that cannot be read fails the pull: its reader must not take everything for what it asked for.
 class FileSystemPull : public virtual Tlx::DiscoverySvc::ExplorerPull
 {
   public:

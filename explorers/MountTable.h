@@ -1,25 +1,14 @@
 #pragma once
 // The file systems that this host has mounted.
 
-#include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
+#include <FileSystem.h>
+
 namespace Veltrane::Quillmark::Explorers {
 
-struct FileSystem
-{
-    std::string mount = {}; ///< where it is mounted
-    std::string device = {};
-    std::string type = {};
-    std::string options = {};
-    bool readOnly = false;
-    /// Bytes. Absent where asking could take for ever (a network file system, whose server may be
-    /// gone), and where the system does not tell.
-    std::optional<std::uint64_t> size = std::nullopt;
-    std::optional<std::uint64_t> used = std::nullopt;
-};
+using Tlx::DiscoverySvc::FileSystem;
 
 /// Which file systems are left out.
 class Exclusion

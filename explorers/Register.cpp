@@ -22,6 +22,11 @@ void RegisterExplorers(DiscoveryRepository* repository)
     const AutoDereference<ExplorerPush> push(new Explorers::FileSystemPush);
     repository->registerExplorer(&stored, push.get(), PRIORITY_OF_OURS, nullptr);
 
+    // All hosts tell it under the same subject: that is where readers look for it.
+    const Subject filters(FILE_SYSTEM_FILTERS_SUBJECT);
+    const AutoDereference<ExplorerPush> filtersPush(new Explorers::FileSystemFiltersPush);
+    repository->registerExplorer(&filters, filtersPush.get(), PRIORITY_OF_OURS, nullptr);
+
     bool mayBePulled = true;
     config.getBoolean(Tlx::ConfigKey::FILESYSTEM_PULL, mayBePulled);
     if (!mayBePulled)

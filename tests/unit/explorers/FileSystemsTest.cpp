@@ -8,6 +8,10 @@
 
 #include <gtest/gtest.h>
 
+#include <FilterParameters.h>
+#include <tlx/HostConfig.h>
+
+#include "Capture.h"
 #include "FileSystemData.h"
 #include "FileSystemDocument.h"
 #include "FileSystemExplorers.h"
@@ -186,18 +190,124 @@ TEST(FileSystemDataTest, ABlockWithoutDeviceOrTypeIsNotParsed)
     EXPECT_FALSE(block.data->isParsed());
 }
 
+TEST(FileSystemDocumentTest, TellsWhatCanBeAsked)
+{
+    std::ostringstream out;
+    writeFilterDocument(out);
+    EXPECT_TRUE(out.str().starts_with(
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?><FilterData><QueryDescription>"
+        "<Field Name=\"host\" Type=\"text\"><Description>the host that has it</Description></Field>"
+        "<Field Name=\"mount\" Type=\"text\">"))
+        << out.str();
+    EXPECT_TRUE(out.str().ends_with("</Field></QueryDescription></FilterData>")) << out.str();
+}
+
 TEST(FileSystemExplorersTest, WithoutARepositoryAPushFails)
 {
-    const Tlx::AutoDereference<FileSystemPush> explorer(new FileSystemPush);
-    Tlx::AutoDereference<Tlx::TLXRefCounted> context;
-    DiscoveryResult result{DS_SUCCESS, 0};
-    EXPECT_FALSE(
-        explorer->pushCollection(Authority("a", AT_EXTSRC), Subject("s"),
-                                 CollectionAttributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY,
-                                                      Tlx::TlxObjTime(), Tlx::TlxObjTime(), 1),
-                                 context, nullptr, result));
-    EXPECT_EQ(result.discStatus, DS_OPEN_FAILED);
+    const Tlx::AutoDereference<ExplorerPush> explorers[] = {
+        Tlx::AutoDereference<ExplorerPush>(new FileSystemPush),
+        Tlx::AutoDereference<ExplorerPush>(new FileSystemFiltersPush)};
+    for (const auto& explorer : explorers) {
+        Tlx::AutoDereference<Tlx::TLXRefCounted> context;
+        DiscoveryResult result{DS_SUCCESS, 0};
+        EXPECT_FALSE(
+            explorer->pushCollection(Authority("a", AT_EXTSRC), Subject("s"),
+                                     CollectionAttributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY,
+                                                          Tlx::TlxObjTime(), Tlx::TlxObjTime(), 1),
+                                     context, nullptr, result));
+        EXPECT_EQ(result.discStatus, DS_OPEN_FAILED);
+    }
     EXPECT_EQ(pullSubject("cl5"), "cl5/now");
+}
+
+/// Keeps what a pull writes.
+struct Pulled : CollectionData
+{
+    bool open(OpenMode mode, const char* argument) override
+    {
+        EXPECT_EQ(mode, OM_UPDATE);
+        EXPECT_STREQ(argument, "");
+        opened = true;
+        return true;
+    }
+    std::size_t readCollection(std::size_t, void*) const override { return 0; }
+    bool writeCollection(std::size_t length, const void* buffer) const override
+    {
+        text.append(static_cast<const char*>(buffer), length);
+        return true;
+    }
+    bool opened = false;
+    mutable std::string text;
+};
+
+struct FileSystemPullTest : testing::Test
+{
+    FileSystemPullTest()
+    {
+        Tlx::HostConfig::instance().readText("FILESYSTEM_EXCLUDE = none\n", "qm.conf");
+    }
+    /// The items' names of what is pulled with a text.
+    std::vector<std::string> pull(const std::string& text)
+    {
+        const Tlx::AutoDereference<FileSystemPull> explorer(new FileSystemPull);
+        Pulled data;
+        Tlx::AutoDereference<Tlx::TLXRefCounted> context;
+        answer = explorer->collectionRequested(DQ_DISCOVERY_DATA, Authority("cl5", AT_EXTSRC),
+                                               Subject("cl5/now"), context, text.c_str(), &data);
+        EXPECT_EQ(data.opened, answer);
+        std::vector<std::string> names;
+        const std::string start = "<DISCOVERED Name=\"";
+        for (std::size_t at = 0; (at = data.text.find(start, at)) != std::string::npos;) {
+            at += start.size();
+            names.push_back(data.text.substr(at, data.text.find('"', at) - at));
+        }
+        return names;
+    }
+    std::vector<std::string> filtered(const std::string& query)
+    {
+        std::ostringstream out;
+        FilterParameters(nullptr, query.c_str()).writeXml(out, Tlx::XmlStr::XE_UTF8);
+        return pull(out.str());
+    }
+    bool answer = false;
+    QmTest::LogCapture log;
+};
+
+TEST_F(FileSystemPullTest, AFilterLeavesWhatItAsksFor)
+{
+    const auto all = pull("");
+    EXPECT_TRUE(answer);
+    ASSERT_GT(all.size(), 1u);
+    EXPECT_EQ(filtered("mount = \"/\""), std::vector<std::string>{"/"});
+    EXPECT_TRUE(answer);
+    EXPECT_EQ(filtered("mount != \"/\"").size(), all.size() - 1);
+    EXPECT_EQ(filtered("host = cl5"), all);
+    EXPECT_EQ(filtered("host = other"), std::vector<std::string>());
+    EXPECT_TRUE(answer) << "nothing found is an answer";
+    EXPECT_EQ(filtered("readonly").size() + filtered("not readonly").size(), all.size());
+    EXPECT_EQ(log.texts(1), std::vector<std::string>());
+}
+
+TEST_F(FileSystemPullTest, AFilterThatCannotBeReadFailsThePullWithOneLine)
+{
+    EXPECT_EQ(filtered("mount = and"), std::vector<std::string>());
+    EXPECT_FALSE(answer);
+    EXPECT_EQ(log.texts(1), std::vector<std::string>{"The filter cannot be read: column 9: "
+                                                     "expected a value, found \"and\""});
+}
+
+TEST_F(FileSystemPullTest, ATextThatIsNoFilterFailsThePull)
+{
+    EXPECT_EQ(pull("mount = /"), std::vector<std::string>());
+    EXPECT_FALSE(answer);
+    // The first line is the XML reader's, with the place.
+    ASSERT_EQ(log.texts(1).size(), 2u);
+    EXPECT_EQ(log.texts(1)[1], "The filter is no document of filter parameters with a query");
+    log.clear();
+    pull("<FilterParameters><JobExecInfo>backup</JobExecInfo></FilterParameters>");
+    EXPECT_FALSE(answer);
+    EXPECT_EQ(log.texts(1), std::vector<std::string>{
+                                "The filter is no document of filter parameters with a query"});
 }
 
 } // namespace
