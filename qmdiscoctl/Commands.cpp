@@ -17,6 +17,10 @@ Outcome runCommand(Session& session)
         return runStatus(session);
     case Command::CLIENTS:
         return session.options.registered ? runRegisteredClients(session) : runClients(session);
+    case Command::ITEMS:
+        return runItems(session);
+    case Command::FILTERS:
+        return runFilters(session);
     case Command::EXPLORERS:
         return runExplorers(session);
     case Command::REFRESH:

@@ -60,6 +60,8 @@ Outcome runPut(Session& session);
 Outcome runQuery(Session& session);
 Outcome runGet(Session& session);
 Outcome runStatus(Session& session);
+Outcome runItems(Session& session);
+Outcome runFilters(Session& session);
 Outcome runExplorers(Session& session);
 Outcome runClients(Session& session);
 Outcome runRegisteredClients(Session& session);

@@ -9,11 +9,13 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 void KeptLog::write(const Line& line)
 {
     const std::lock_guard guard(m_mutex);
-    if (line.level <= Tlx::LOG_LEVEL_FAILURE && m_lines.size() < MAX_LINES)
-        m_lines.push_back(std::string(line.operation) + ": " + escaped(line.text));
+    if (line.level > Tlx::LOG_LEVEL_FAILURE || m_lines.size() == MAX_LINES)
+        return;
+    const std::string text(line.text);
+    m_lines.push_back({std::string(line.operation), escaped(text.substr(0, text.rfind(" (")))});
 }
 
-std::vector<std::string> KeptLog::take()
+std::vector<KeptLog::Kept> KeptLog::take()
 {
     const std::lock_guard guard(m_mutex);
     return std::exchange(m_lines, {});

@@ -13,14 +13,19 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 class KeptLog : public Tlx::LogSink
 {
   public:
+    struct Kept
+    {
+        std::string operation;
+        std::string text; ///< without the place in the source
+    };
     void write(const Line& line) override;
-    /// "OPERATION: TEXT" of each since the last call, the first ones when they were too many.
-    std::vector<std::string> take();
+    /// Those since the last call, the first ones when they were too many.
+    std::vector<Kept> take();
 
   private:
     static constexpr std::size_t MAX_LINES = 50;
     std::mutex m_mutex;
-    std::vector<std::string> m_lines;
+    std::vector<Kept> m_lines;
 };
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -6,6 +6,8 @@
 #include <limits>
 #include <memory>
 
+#include <tlx/Query.h>
+
 #include "Help.h"
 #include "Names.h"
 #include "Target.h"
@@ -78,6 +80,14 @@ std::string checkUtf8(const std::string& text)
 std::string checkName(const std::string& text)
 {
     return text.empty() ? "a name is expected, not an empty text" : checkUtf8(text);
+}
+
+std::string checkFilter(const std::string& text)
+{
+    if (const std::string wrong = checkUtf8(text); !wrong.empty())
+        return wrong;
+    Tlx::TlxQuery query;
+    return query.setQuery(text) ? "" : escaped(query.mistake().toText());
 }
 
 std::string checkFile(const std::string& text)
@@ -154,7 +164,8 @@ class Parser
     void addPut();
     void addQuery();
     void addGet();
-    void addClients();
+    void addResearch();
+    void addPatterns(CLI::App* app);
     void addServiceCommands();
     /// What is wrong with a line whose command was not found.
     std::string commandProblem(const CLI::ParseError& error) const;
@@ -177,7 +188,7 @@ Parser::Parser()
     addPut();
     addQuery();
     addGet();
-    addClients();
+    addResearch();
     addServiceCommands();
     addCommonOptions(&m_app);
     m_app
@@ -268,15 +279,20 @@ void Parser::addPut()
     addCommonOptions(app);
 }
 
-void Parser::addQuery()
+void Parser::addPatterns(CLI::App* app)
 {
-    CLI::App* app = addCommand("query", "List the discoveries there are", "Data", Command::QUERY);
     addText(app, "--subject", m_options.subject, "P",
             "Only subjects that match; * is any text, ? any character (otherwise *)", checkUtf8)
         ->group("Discovery");
     addText(app, "--authority", m_options.authority, "P",
             "Only authorities that match; * is any text, ? any character (otherwise *)", checkUtf8)
         ->group("Discovery");
+}
+
+void Parser::addQuery()
+{
+    CLI::App* app = addCommand("query", "List the discoveries there are", "Data", Command::QUERY);
+    addPatterns(app);
     addType(app, "anyandall");
     addQueryType(app);
     addText(app, "--page-size", m_texts.recordsPerPage, "N",
@@ -300,15 +316,31 @@ void Parser::addGet()
     addCommonOptions(app);
 }
 
-void Parser::addClients()
+void Parser::addResearch()
 {
-    CLI::App* app = addCommand("clients", "List the hosts that discoveries came from", "Data",
-                               Command::CLIENTS);
-    app->add_flag("--registered", m_options.registered,
-                  "The explorers of other hosts, instead, that the master can pull from")
+    CLI::App* items = addCommand("items", "List what was discovered: file systems, unless other "
+                                          "explorers are installed",
+                                 "Discovered items", Command::ITEMS);
+    addPatterns(items);
+    addText(items, "--filter", m_options.filter, "EXPR",
+            "Only items that match, as in 'size > 10G and not readonly' (\"qmdiscoctl filters\" "
+            "lists the fields)",
+            checkFilter)
+        ->group("Discovery");
+    addCommonOptions(items);
+
+    CLI::App* clients = addCommand("clients", "List the hosts that discoveries came from",
+                                   "Discovered items", Command::CLIENTS);
+    clients
+        ->add_flag("--registered", m_options.registered,
+                   "The explorers of other hosts, instead, that the master can pull from")
         ->group("Discovery")
         ->disable_flag_override();
-    addCommonOptions(app);
+    addCommonOptions(clients);
+
+    CLI::App* filters = addCommand("filters", "List what a filter of items may ask",
+                                   "Discovered items", Command::FILTERS);
+    addCommonOptions(filters);
 }
 
 void Parser::addServiceCommands()
@@ -348,7 +380,7 @@ std::string Parser::commandProblem(const CLI::ParseError& error) const
     const std::vector<std::string> unknown = m_app.remaining();
     return (unknown.empty() ? "a command is expected"
                             : "there is no command or option " + quoted(unknown.front())) +
-           "; the commands are put, query, get, clients, status, explorers, refresh and stop";
+           "; the commands are put, query, get, items, clients, filters, status, explorers, refresh and stop";
 }
 
 std::string Parser::givenTwice() const

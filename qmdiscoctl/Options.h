@@ -17,6 +17,8 @@ enum class Command
     STATUS,
     EXPLORERS,
     CLIENTS,
+    ITEMS,
+    FILTERS,
     REFRESH,
     STOP
 };

@@ -126,8 +126,8 @@ int run(const Options& options)
     if (!outcome)
         return EC_OK;
     tell(outcome->text);
-    for (const std::string& line : log->take())
-        tell("log: " + line);
+    for (const KeptLog::Kept& line : log->take())
+        tell("log: " + line.operation + ": " + line.text);
     return outcome->code;
 }
 

@@ -40,8 +40,8 @@ Outcome Research::read(Svc::DiscoveryQuery query, const std::string& subject,
             all->getNextCollectionItemIterator(filter));
         if (!items)
             return {};
-        const std::vector<std::string> lines = m_log.take();
-        each(*items, lines.empty() ? "" : lines.front());
+        const std::vector<KeptLog::Kept> lines = m_log.take();
+        each(*items, lines.empty() ? "" : lines.front().text);
     }
 }
 

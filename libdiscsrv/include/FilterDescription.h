@@ -6,6 +6,7 @@
 #include <tlx/Query.h>
 
 #include "DiscExport.h"
+#include "Researcher.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
@@ -21,5 +22,8 @@ class DISCSRV_EXPORT FilterDescription : public TlxQuery
     FilterDescription(const std::string& first, const std::string& second);
     ~FilterDescription() override;
 };
+
+/// Merges every description among one record's items.
+DISCSRV_EXPORT void mergeDescriptions(TlxQuery& query, CollectionItemIterator& items);
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

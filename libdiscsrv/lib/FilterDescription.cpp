@@ -1,15 +1,14 @@
 #include "FilterDescription.h"
 
 #include "DiscLog.h"
-#include "Researcher.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
-
 constexpr const char* LOG_SOURCE = "../FilterDescription";
+} // namespace
 
-void mergeItems(TlxQuery& query, CollectionItemIterator& items)
+void mergeDescriptions(TlxQuery& query, CollectionItemIterator& items)
 {
     while (CollectionItem* next = items.getNextCollectionItem()) {
         const AutoDereference<CollectionItem> item(next);
@@ -18,8 +17,6 @@ void mergeItems(TlxQuery& query, CollectionItemIterator& items)
             query.merge(*filter->getQuery());
     }
 }
-
-} // namespace
 
 FilterDescription::FilterDescription(const std::string& first, const std::string& second)
     : TlxQuery(0)
@@ -30,7 +27,7 @@ FilterDescription::FilterDescription(const std::string& first, const std::string
     while (CollectionItemIterator* next =
                all ? all->getNextCollectionItemIterator(nullptr) : nullptr) {
         const AutoDereference<CollectionItemIterator> items(next);
-        mergeItems(*this, *items);
+        mergeDescriptions(*this, *items);
     }
 }
 

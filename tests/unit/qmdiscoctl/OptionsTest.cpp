@@ -80,11 +80,11 @@ TEST(CtlOptionsTest, CommonOptionsStandBeforeOrAfterTheCommand)
 
 TEST(CtlOptionsTest, AWrongLineIsOneLine)
 {
-    EXPECT_EQ(refusal({}), "a command is expected; the commands are put, query, get, clients, "
-                           "status, explorers, refresh and stop");
+    EXPECT_EQ(refusal({}), "a command is expected; the commands are put, query, get, items, "
+                           "clients, filters, status, explorers, refresh and stop");
     EXPECT_EQ(refusal({"nonsense"}),
               "there is no command or option \"nonsense\"; the commands are put, query, get, "
-              "clients, status, explorers, refresh and stop");
+              "items, clients, filters, status, explorers, refresh and stop");
     EXPECT_THAT(refusal({"query", "--type", "x"}),
                 HasSubstr("anyandall, qmkserver, qmkclient, extsrc or remotepull is expected, not "
                           "\"x\""));

@@ -1,0 +1,185 @@
+// What was discovered, read back from all records that are lists of items and from the pulls that
+// answer.
+
+#include <algorithm>
+#include <memory>
+#include <optional>
+#include <tuple>
+#include <vector>
+
+#include <FileSystem.h>
+
+#include "Commands.h"
+#include "Text.h"
+
+namespace Veltrane::Quillmark::Qmdiscoctl {
+
+namespace {
+
+struct Item
+{
+    std::string host;
+    std::string subject;
+    std::string name;
+    std::string explorer;
+    std::optional<Svc::FileSystem> fileSystem;
+
+    friend bool operator<(const Item& a, const Item& b)
+    {
+        return std::tie(a.host, a.name, a.subject) < std::tie(b.host, b.name, b.subject);
+    }
+};
+
+/// A record that was not read, or not to its end.
+struct Unread
+{
+    std::string subject;
+    std::string authority;
+    std::string reason;
+};
+
+/// An item of which only the name is understood.
+class NamedItemSource : public Tlx::QuerySource
+{
+  public:
+    explicit NamedItemSource(const Item& item) : m_item(item) {}
+    Tlx::QueryValue valueOf(const std::string& field) const override
+    {
+        if (field == "host")
+            return Tlx::QueryValue::text(m_item.host);
+        if (field == "mount")
+            return Tlx::QueryValue::text(m_item.name);
+        return {};
+    }
+
+  private:
+    const Item& m_item;
+};
+
+bool matches(const Tlx::TlxQuery& filter, const Item& item)
+{
+    return item.fileSystem
+               ? filter.matches(Svc::FileSystemSource(item.host, *item.fileSystem))
+               : filter.matches(NamedItemSource(item));
+}
+
+class Items
+{
+  public:
+    explicit Items(const std::string& filter) : m_parameters(nullptr, filter.c_str())
+    {
+        m_filter.setQuery(filter);
+    }
+    Outcome read(Session& session);
+    std::string text() const;
+    Json document() const;
+
+  private:
+    void take(Svc::CollectionItemIterator& items, const std::string& problem);
+
+    const Svc::FilterParameters m_parameters;
+    Tlx::TlxQuery m_filter;
+    std::vector<Item> m_items;
+    std::vector<Unread> m_unread;
+};
+
+std::string orAny(const std::string& pattern)
+{
+    return pattern.empty() ? "*" : pattern;
+}
+
+Outcome Items::read(Session& session)
+{
+    const Options& options = session.options;
+    const Outcome outcome = session.research(
+        Svc::DQ_DISCOVERY_DATA, orAny(options.subject), orAny(options.authority),
+        options.filter.empty() ? nullptr : &m_parameters,
+        [this](Svc::CollectionItemIterator& items, const std::string& problem) {
+            take(items, problem);
+        });
+    std::sort(m_items.begin(), m_items.end());
+    return outcome;
+}
+
+void Items::take(Svc::CollectionItemIterator& items, const std::string& problem)
+{
+    const std::string subject = items.getSubject() ? items.getSubject()->getSubject().utf8() : "";
+    const std::string host = items.getAuthority() ? items.getAuthority()->getName().utf8() : "";
+    if (!items.isParsed())
+        m_unread.push_back({subject, host, problem});
+    while (Svc::CollectionItem* next = items.getNextCollectionItem()) {
+        const Tlx::AutoDereference<Svc::CollectionItem> held(next);
+        const auto* discovered = dynamic_cast<const Svc::DiscoveredItem*>(next);
+        if (!discovered)
+            continue; // what can be filtered by is no discovery
+        Item item{host, subject, discovered->getName(), discovered->getExplorerName().utf8(), {}};
+        Svc::FileSystem fileSystem;
+        if (readFileSystem(*discovered, fileSystem))
+            item.fileSystem = fileSystem;
+        // Also what a filter was handed to: not every explorer selects, and on the way through
+        // another host the filter is lost.
+        if (matches(m_filter, item))
+            m_items.push_back(std::move(item));
+    }
+}
+
+std::string sizeText(const std::optional<std::uint64_t>& bytes)
+{
+    return bytes ? shortBytesText(static_cast<double>(*bytes)) : "";
+}
+
+std::string Items::text() const
+{
+    std::vector<std::vector<std::string>> rows{
+        {"HOST", "MOUNT", "DEVICE", "TYPE", "SIZE", "USED", "RECORD"}};
+    for (const Item& item : m_items) {
+        const Svc::FileSystem fileSystem = item.fileSystem.value_or(Svc::FileSystem());
+        rows.push_back({item.host, item.name, fileSystem.device, fileSystem.type,
+                        sizeText(fileSystem.size), sizeText(fileSystem.used), item.subject});
+    }
+    std::string text = formatTable(rows);
+    for (const Unread& each : m_unread)
+        text += "not read: " + escaped(each.subject) + " of " + escaped(each.authority) + ": " +
+                each.reason + "\n";
+    return text;
+}
+
+Json numberOrNull(const std::optional<std::uint64_t>& number)
+{
+    return number ? Json(*number) : Json();
+}
+
+Json Items::document() const
+{
+    Json document = {{"items", Json::array()}, {"unread", Json::array()}};
+    for (const Item& item : m_items) {
+        Json entry = {{"host", item.host},
+                      {"subject", item.subject},
+                      {"name", item.name},
+                      {"explorer", item.explorer}};
+        if (item.fileSystem)
+            entry.update({{"device", item.fileSystem->device},
+                          {"type", item.fileSystem->type},
+                          {"options", item.fileSystem->options},
+                          {"readOnly", item.fileSystem->readOnly},
+                          {"size", numberOrNull(item.fileSystem->size)},
+                          {"used", numberOrNull(item.fileSystem->used)}});
+        document["items"].push_back(entry);
+    }
+    for (const Unread& each : m_unread)
+        document["unread"].push_back(
+            {{"subject", each.subject}, {"authority", each.authority}, {"reason", each.reason}});
+    return document;
+}
+
+} // namespace
+
+Outcome runItems(Session& session)
+{
+    Items items(session.options.filter);
+    if (Outcome failed = items.read(session))
+        return failed;
+    return answer(session, items.text(), items.document());
+}
+
+} // namespace Veltrane::Quillmark::Qmdiscoctl
