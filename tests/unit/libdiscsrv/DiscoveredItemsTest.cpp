@@ -166,6 +166,42 @@ TEST(DiscoveredItemsTest, NothingOfOneItemIsLeftInTheNext)
               (Lines{WHOLE_WRITTEN, "<Discovered></Discovered>"}));
 }
 
+/// The blocks of code in a section of docs/formats.md.
+Lines codeOf(const std::string& section)
+{
+    std::ifstream file(QM_DOCS "/formats.md");
+    Lines blocks;
+    bool inSection = false;
+    bool inBlock = false;
+    for (std::string line; std::getline(file, line);) {
+        if (line.starts_with("## "))
+            inSection = line == "## " + section;
+        if (!inSection)
+            continue;
+        if (line == "```") {
+            inBlock = !inBlock;
+            if (inBlock)
+                blocks.emplace_back();
+        } else if (inBlock) {
+            blocks.back() += line + "\n";
+        }
+    }
+    return blocks;
+}
+
+TEST(DiscoveredItemsTest, TheDocumentedExampleReadsAndIsWrittenAsDocumented)
+{
+    const Lines code = codeOf("Discovered items");
+    ASSERT_EQ(code.size(), 2u);
+    const ReadItems items = readSound(code[0]);
+    std::string oneLine = code[1];
+    std::erase(oneLine, '\n');
+    EXPECT_EQ(items.all(), (Lines{oneLine, "<Discovered Name=\"/tmp\"></Discovered>"}));
+    EXPECT_EQ(items.discovered(0)->getStatusMsg()->text(), TlxString("not mounted & not missed"));
+    EXPECT_EQ(dataOf(items), "<Type>ext4</Type><Size>4096</Size>");
+    EXPECT_EQ(readSound(document(oneLine)).all(), Lines{oneLine});
+}
+
 // What is not known.
 
 TEST(DiscoveredItemsTest, AnUnknownElementInAnItemIsLoggedOnceAndSkippedWhole)
