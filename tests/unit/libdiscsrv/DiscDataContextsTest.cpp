@@ -9,44 +9,18 @@
 #include <gtest/gtest.h>
 
 #include "Capture.h"
+#include "NameOnly.h"
 #include "PlainDiscovery.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::AssertionCapture;
+using QmTest::NameOnly;
 using QmTest::PlainDiscovery;
+using QmTest::utf16;
 
 using Texts = std::vector<std::string>;
-
-std::basic_string<XMLCh> utf16(const char* text)
-{
-    return TlxString(text).toXmlCh();
-}
-
-/// The attribute Name="x" only.
-class NameOnly : public AttributeList
-{
-  public:
-    XMLSize_t getLength() const override { return 1; }
-    const XMLCh* getName(const XMLSize_t) const override { return m_name.c_str(); }
-    const XMLCh* getType(const XMLSize_t) const override { return m_type.c_str(); }
-    const XMLCh* getValue(const XMLSize_t) const override { return m_value.c_str(); }
-    const XMLCh* getType(const XMLCh* const) const override { return m_type.c_str(); }
-    const XMLCh* getValue(const XMLCh* const name) const override
-    {
-        return m_name == name ? m_value.c_str() : nullptr;
-    }
-    const XMLCh* getValue(const char* const name) const override
-    {
-        return getValue(utf16(name).c_str());
-    }
-
-  private:
-    std::basic_string<XMLCh> m_name = utf16("Name");
-    std::basic_string<XMLCh> m_type = utf16("CDATA");
-    std::basic_string<XMLCh> m_value = utf16("x");
-};
 
 struct DiscDataContextsTest : testing::Test
 {

@@ -395,6 +395,34 @@ TEST_F(ResearchTest, WithOneKindOfClientOneLineTellsOfTheOther)
     EXPECT_FALSE(log.has(4, "No unix clients found"));
 }
 
+TEST_F(ResearchTest, TenThousandRecordsAreRead)
+{
+    // Written past the service, whose syncs are another test's matter.
+    const auto store = [this](const std::string& host, const std::string& subject,
+                              const std::string& payload) {
+        const AutoDereference<PlainDiscovery> record(new PlainDiscovery);
+        record->setAuthority(new Authority(host, AT_EXTSRC));
+        record->setSubject(new Subject(subject));
+        record->setAttributes(new CollectionAttributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY,
+                                                       TlxObjTime::now(), TlxObjTime(), 1));
+        const std::filesystem::path base = m_service.store() / ("3 " + host + " " + subject);
+        QmTest::writeFile(base.string() + ".xml", QmTest::written(*record));
+        QmTest::writeFile(base.string() + ".dat", payload);
+    };
+    const std::string payload = "<FilterData><QueryDescription><Field Name='size' Type='bytes'/>"
+                                "</QueryDescription></FilterData>";
+    for (int i = 0; i < 7500; ++i)
+        store("host" + std::to_string(i), "filesystem", payload);
+    for (int i = 5000; i < 7500; ++i) // clients of both kinds
+        store("host" + std::to_string(i), "volume", payload);
+    const LogCapture log(LOG_LEVEL_FAILURE);
+    const Clients clients = getDiscoveryRepository()->getDiscoveredClientList();
+    EXPECT_EQ(clients.size(), 7500u);
+    EXPECT_TRUE(clients.contains("host0"));
+    EXPECT_TRUE(clients.contains("host7499"));
+    EXPECT_EQ(log.texts(1), Lines());
+}
+
 TEST(ResearchAloneTest, WithoutAnAnswerThereAreNoClients)
 {
     HostConfig::instance().readText("", "qm.conf");
