@@ -9,6 +9,7 @@
 
 #include "Capture.h"
 #include "DiscoverySetSource.h"
+#include "Documentation.h"
 #include "ItemsFixture.h"
 #include "ServiceFixture.h"
 
@@ -166,32 +167,9 @@ TEST(DiscoveredItemsTest, NothingOfOneItemIsLeftInTheNext)
               (Lines{WHOLE_WRITTEN, "<Discovered></Discovered>"}));
 }
 
-/// The blocks of code in a section of docs/formats.md.
-Lines codeOf(const std::string& section)
-{
-    std::ifstream file(QM_DOCS "/formats.md");
-    Lines blocks;
-    bool inSection = false;
-    bool inBlock = false;
-    for (std::string line; std::getline(file, line);) {
-        if (line.starts_with("## "))
-            inSection = line == "## " + section;
-        if (!inSection)
-            continue;
-        if (line == "```") {
-            inBlock = !inBlock;
-            if (inBlock)
-                blocks.emplace_back();
-        } else if (inBlock) {
-            blocks.back() += line + "\n";
-        }
-    }
-    return blocks;
-}
-
 TEST(DiscoveredItemsTest, TheDocumentedExampleReadsAndIsWrittenAsDocumented)
 {
-    const Lines code = codeOf("Discovered items");
+    const Lines code = QmTest::codeOf("Discovered items");
     ASSERT_EQ(code.size(), 2u);
     const ReadItems items = readSound(code[0]);
     std::string oneLine = code[1];
