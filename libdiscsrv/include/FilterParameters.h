@@ -3,7 +3,7 @@
 //
 //     <FilterParameters>
 //       <QueryString>size &gt; 10G</QueryString>
-//       <JobExecInfo>backup --level "full now"</JobExecInfo>
+//       <JobExecInfo>backup --level &quot;full now&quot;</JobExecInfo>
 //     </FilterParameters>
 //
 // after an XML declaration and without the white space; "JobExecInfo" only when a job is known.

@@ -130,7 +130,7 @@ class DISCSRV_EXPORT DiscoveryResearcher
 
 /// The researcher of this process, made by the first call and gone when the process exits. Never to
 /// be called by a service: it would take the repository's framework away. Null, and logged, when it
-/// cannot be made. Any thread.
+/// cannot be made. Any thread, but the first call is best made before there are others.
 DISCSRV_EXPORT DiscoveryResearcher* initDiscoveryResearch();
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -1,5 +1,6 @@
 #include "FileSystem.h"
 
+#include <limits>
 #include <sstream>
 
 #include <tlx/ForeignCode.h>
@@ -68,7 +69,10 @@ QueryValue percentUsed(const FileSystem& fileSystem)
         return {};
     const QueryNumber share = static_cast<QueryNumber>(*fileSystem.used) * 100 /
                               static_cast<QueryNumber>(*fileSystem.size);
-    return QueryValue::number(static_cast<std::uint64_t>(share));
+    // What another host told may be anything.
+    constexpr std::uint64_t MOST = std::numeric_limits<std::uint64_t>::max();
+    return QueryValue::number(
+        share < static_cast<QueryNumber>(MOST) ? static_cast<std::uint64_t>(share) : MOST);
 }
 
 /// Every field, with how it is found.

@@ -11,9 +11,7 @@ bool isBlank(char c)
     return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-/// Which quotation mark a character needs around it; 0 for none. The splitter knows no escape
-/// outside of quotation marks, and inside them a backslash may swallow the closing one: so a
-/// backslash always stands outside.
+/// Which quotation mark a character needs around it; 0 for none.
 char quoteFor(char c, bool first)
 {
     if (c == '"')
@@ -22,27 +20,43 @@ char quoteFor(char c, bool first)
     return isBlank(c) || c == '\'' || (first && c == '#') ? '"' : '\0';
 }
 
-void appendQuoted(std::string& line, const std::string& argument)
+bool needsQuotes(const std::string& argument)
 {
-    if (argument.empty())
-        line += "\"\"";
+    for (std::size_t i = 0; i < argument.size(); ++i)
+        if (quoteFor(argument[i], i == 0) != '\0')
+            return true;
+    return argument.empty();
+}
+
+/// Quotes what needs it and nothing else: never a backslash, which might swallow the closing mark.
+void appendInPieces(std::string& line, const std::string& argument)
+{
     char open = '\0';
     for (std::size_t i = 0; i < argument.size(); ++i) {
-        const char c = argument[i];
-        const char needed = quoteFor(c, i == 0);
-        // What is open stays open as long as the character may stand inside.
-        const bool mayStay = open != '\0' && c != '\\' && c != open;
-        if (!mayStay && open != needed) {
+        const char needed = quoteFor(argument[i], i == 0);
+        if (open != needed) {
             if (open != '\0')
                 line += open;
             if (needed != '\0')
                 line += needed;
             open = needed;
         }
-        line += c;
+        line += argument[i];
     }
     if (open != '\0')
         line += open;
+}
+
+/// As people would, where it can be: the splitter knows no escape outside of quotation marks.
+void appendQuoted(std::string& line, const std::string& argument)
+{
+    const auto has = [&](char c) { return argument.find(c) != std::string::npos; };
+    if (!needsQuotes(argument))
+        line += argument;
+    else if (has('\\') || (has('"') && has('\'')))
+        appendInPieces(line, argument);
+    else
+        line += has('"') ? "'" + argument + "'" : "\"" + argument + "\"";
 }
 
 std::vector<std::string> withoutNul(std::vector<std::string> arguments)

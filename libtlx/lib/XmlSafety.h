@@ -17,6 +17,7 @@
 #include <xercesc/sax/HandlerBase.hpp>
 #include <xercesc/sax/SAXParseException.hpp>
 #include <xercesc/util/SecurityManager.hpp>
+#include <xercesc/util/XMLString.hpp>
 #include <xercesc/util/XMLUni.hpp>
 #include <xercesc/validators/DTD/DTDAttDef.hpp>
 #include <xercesc/validators/DTD/DTDElementDecl.hpp>
@@ -96,7 +97,19 @@ class SafeXmlParser : public Parser
     {
         m_depth = 0;
         m_nodes = 0;
+        m_otherVersion = false;
         Parser::startDocument();
+    }
+
+    /// The library takes the version of a document that declares none for that of the document
+    /// before it, and so would read it by other rules.
+    bool hasReadOtherVersion() const { return m_otherVersion; }
+
+    void XMLDecl(const XMLCh* const version, const XMLCh* const encoding,
+                 const XMLCh* const standalone, const XMLCh* const actualEncoding) override
+    {
+        m_otherVersion = !xercesc::XMLString::equals(version, xercesc::XMLUni::fgVersion1_0);
+        Parser::XMLDecl(version, encoding, standalone, actualEncoding);
     }
 
     void startElement(const xercesc::XMLElementDecl& declaration, const unsigned int uriId,
@@ -177,6 +190,7 @@ class SafeXmlParser : public Parser
 
     unsigned m_depth = 0;
     std::size_t m_nodes = 0;
+    bool m_otherVersion = false;
     std::size_t m_nodeLimit = std::numeric_limits<std::size_t>::max();
     xercesc::HandlerBase m_handlers;
     xercesc::SecurityManager m_security;
@@ -206,13 +220,15 @@ class XmlParserLease
 
     /// Gives the parser back after a parse that succeeded.
     /// @param documentBytes the size of what was parsed: a parser's buffers grow with its
-    /// documents, and one that read a large one is not kept.
+    /// documents, and one that read a large one is not kept; nor is one that read a document of
+    /// another version than 1.0.
     void keep(std::size_t documentBytes)
     {
         constexpr std::size_t largestKept = 1u << 20;
         constexpr std::size_t mostIdle = 4;
         auto& parsers = idle();
-        if (documentBytes <= largestKept && parsers.size() < mostIdle)
+        if (documentBytes <= largestKept && parsers.size() < mostIdle &&
+            !m_parser->hasReadOtherVersion())
             parsers.push_back(std::move(m_parser));
     }
 

@@ -43,16 +43,16 @@ def read(iterator, page_size=1 << 20):
     return data
 
 
-def get(service, subject, authority, type=SERVER):
+def get(service, subject, authority, type=SERVER, filter=""):
     """The bytes of a record that must be there."""
-    status, iterator = service.getCollectionData(record(subject, authority, type))
+    status, iterator = service.getCollectionData(record(subject, authority, type), filter)
     assert status == SUCCESS
     return read(iterator)
 
 
-def status_of_get(service, subject, authority, type=SERVER):
+def status_of_get(service, subject, authority, type=SERVER, filter=""):
     """The status of a lookup that gives nothing."""
-    status, iterator = service.getCollectionData(record(subject, authority, type))
+    status, iterator = service.getCollectionData(record(subject, authority, type), filter)
     assert iterator is None
     return status
 

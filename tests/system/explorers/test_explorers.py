@@ -6,6 +6,7 @@ import signal
 import socket
 import subprocess
 import xml.etree.ElementTree as ElementTree
+from xml.sax.saxutils import escape
 
 import pytest
 
@@ -71,8 +72,9 @@ def test_the_default_explorers_push_and_are_pulled(default_explorers, start, roo
     explorer = pushed(root, "master1")
     assert explorer["name"] == "FileSystems" and explorer["authority"] == "master1"
     assert explorer["library"] == str(root.path / "lib" / "libqmexplorer.so")
-    assert "3 master1 master1.xml" in root.files()
-    assert subjects(service) == ["master1", "master1/now"]
+    pushed(root, "filesystem")
+    assert {"3 master1 filesystem.xml", "3 master1 master1.xml"} <= set(root.files())
+    assert subjects(service) == ["filesystem", "master1", "master1/now"]
 
     stored, now = get(service, "master1", "master1", ANY), get(service, "master1/now", "master1", ANY)
     for document in (stored, now):
@@ -88,6 +90,41 @@ def test_the_default_explorers_push_and_are_pulled(default_explorers, start, roo
             assert data.find("Type").text not in ("proc", "sysfs", "tmpfs", "cgroup2")
 
 
+def test_what_can_be_asked_is_published(default_explorers, start, root):
+    service = start(root).client()
+    assert pushed(root, "filesystem")["name"] == "FileSystemFilters"
+    document = ElementTree.fromstring(get(service, "filesystem", "master1", ANY))
+    assert document.tag == "FilterData"
+    [description] = document
+    assert description.tag == "QueryDescription"
+    assert {field.get("Name"): field.get("Type") for field in description} == {
+        "host": "text", "mount": "text", "device": "text", "fstype": "text", "type": "text",
+        "options": "text", "size": "bytes", "used": "bytes", "full": "number", "readonly": "flag"}
+
+
+def filter_of(query):
+    return "<FilterParameters><QueryString>%s</QueryString></FilterParameters>" % escape(query)
+
+
+def test_a_pull_is_filtered(default_explorers, start, root):
+    service = start(root).client()
+
+    def mounts(text):
+        return {item.get("Name") for item in
+                items(get(service, "master1/now", "master1", ANY, filter=text))}
+    everything = mounts("")
+    assert "/" in everything
+    assert mounts(filter_of('host = master1 and mount = "/"')) == {"/"}
+    assert mounts(filter_of("not (mount = '/')")) == everything - {"/"}
+    assert mounts(filter_of("size > 1P or colour = red")) == set()
+
+    log = root.log()
+    assert status_of_get(service, "master1/now", "master1", ANY,
+                         filter=filter_of("size > ")) == DiscoveryStatus.DS_OPEN_FAILED
+    assert log.texts(level=1, source="../FileSystemExplorers") == [
+        "The filter cannot be read: column 8: expected a value, found the end of the text"]
+
+
 def test_what_is_left_out_is_configured(default_explorers, start, root):
     root.configure(FILESYSTEM_EXCLUDE="none")
     service = start(root).client()
@@ -100,7 +137,8 @@ def test_the_pull_is_switched_off(default_explorers, start, root):
     root.configure(FILESYSTEM_PULL="FALSE")
     service = start(root).client()
     pushed(root, "master1")
-    assert subjects(service) == ["master1"]
+    pushed(root, "filesystem")
+    assert subjects(service) == ["filesystem", "master1"]
     assert status_of_get(service, "master1/now", "master1", ANY) == DiscoveryStatus.DS_NONE_FOUND
 
 
@@ -124,10 +162,11 @@ def test_the_command_line_lists_them(default_explorers, start, root):
     table = ctl(root, "explorers").splitlines()
     assert table[0].split() == ["KIND", "SUBJECT", "AUTHORITY", "TYPE", "PRIORITY", "EXPLORER",
                                 "LAST", "OUTCOME", "LIBRARY"]
-    assert [line.split()[:6] for line in table[1:3]] == [
+    assert [line.split()[:6] for line in table[1:4]] == [
+        ["push", "filesystem", "master1", "extsrc", "1", "FileSystemFilters"],
         ["push", "master1", "master1", "extsrc", "1", "FileSystems"],
         ["pull", "master1/now", "master1", "extsrc", "1", "FileSystems"]]
-    assert table[3].startswith("next push: ")
+    assert table[4].startswith("next push: ")
 
 
 def test_an_expired_push_is_stored_again_by_the_next(default_explorers, start, root):
@@ -212,13 +251,15 @@ def test_a_client_registers_with_its_master_and_then_pushes(start, tmp_path):
         set(master_root.files())
     # Only then it pushes, to the master; and the master pulls from it.
     pushed(client_root, "96client")
+    pushed(client_root, "filesystem")
     assert "3 96client 96client.dat" in master_root.files()
     assert "96client.dat" not in client_root.files()
     service = master.client()
     assert items(get(service, "96client", "96client", ANY))
     assert items(get(service, "96client/now", "96client", ANY))
     # A query on the client is answered by the master.
-    assert subjects(client.client()) == subjects(service) == ["96client", "96client/now"]
+    assert subjects(client.client()) == subjects(service) == \
+        ["96client", "96client/now", "filesystem"]
     assert client.stop() == 0
 
 

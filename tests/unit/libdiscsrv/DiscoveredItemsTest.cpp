@@ -9,6 +9,7 @@
 
 #include "Capture.h"
 #include "DiscoverySetSource.h"
+#include "Documentation.h"
 #include "ItemsFixture.h"
 #include "ServiceFixture.h"
 
@@ -164,6 +165,19 @@ TEST(DiscoveredItemsTest, NothingOfOneItemIsLeftInTheNext)
 {
     EXPECT_EQ(readSound(document("text" + WHOLE + "text<DISCOVERED/>text")).all(),
               (Lines{WHOLE_WRITTEN, "<Discovered></Discovered>"}));
+}
+
+TEST(DiscoveredItemsTest, TheDocumentedExampleReadsAndIsWrittenAsDocumented)
+{
+    const Lines code = QmTest::codeOf("Discovered items");
+    ASSERT_EQ(code.size(), 2u);
+    const ReadItems items = readSound(code[0]);
+    std::string oneLine = code[1];
+    std::erase(oneLine, '\n');
+    EXPECT_EQ(items.all(), (Lines{oneLine, "<Discovered Name=\"/tmp\"></Discovered>"}));
+    EXPECT_EQ(items.discovered(0)->getStatusMsg()->text(), TlxString("not mounted & not missed"));
+    EXPECT_EQ(dataOf(items), "<Type>ext4</Type><Size>4096</Size>");
+    EXPECT_EQ(readSound(document(oneLine)).all(), Lines{oneLine});
 }
 
 // What is not known.

@@ -74,6 +74,7 @@ TEST(FileSystemSourceTest, PercentAreWholeAndRoundedDown)
     EXPECT_TRUE(full(999, 1000, "99%"));
     EXPECT_TRUE(full(UINT64_MAX, UINT64_MAX, "100%"));
     EXPECT_TRUE(full(3, 2, "150"));
+    EXPECT_TRUE(full(UINT64_MAX, 1, "18446744073709551615"));
     EXPECT_FALSE(full(0, 0, "0"));
     EXPECT_FALSE(full(5, 0, "0"));
 }

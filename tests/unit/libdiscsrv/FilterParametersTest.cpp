@@ -44,7 +44,7 @@ TEST_F(FilterParametersTest, AsXml)
         written(FilterParameters(job({"backup", "full now", "<&>"}).get(), "a = \"\xC3\xA9\"")),
         std::string(PROLOG) +
             "<FilterParameters><QueryString>a = &quot;\xC3\xA9&quot;</QueryString>"
-            "<JobExecInfo>backup full&quot; now&quot; &lt;&amp;&gt;</JobExecInfo>"
+            "<JobExecInfo>backup &quot;full now&quot; &lt;&amp;&gt;</JobExecInfo>"
             "</FilterParameters>");
     EXPECT_EQ(written(FilterParameters(nullptr, "a = \xC3\xA9"), XmlStr::XE_ASCII),
               "<?xml version=\"1.0\" encoding=\"US-ASCII\"?><FilterParameters><QueryString>a = "

@@ -46,7 +46,9 @@ TEST(JobExecInfoTest, PlainArgumentsStandAsTheyAre)
 TEST(JobExecInfoTest, ArgumentsAreQuotedWhereTheyMustBe)
 {
     EXPECT_EQ(commandLine({"a b", "", "it's", "say \"x\""}),
-              TlxString("a\" b\" \"\" it\"'s\" say\" \"'\"x\"'"));
+              TlxString("\"a b\" \"\" \"it's\" 'say \"x\"'"));
+    // A backslash stands outside of the marks; a text with both marks is put together.
+    EXPECT_EQ(commandLine({"a\\ b\\", "'\"", "#"}), TlxString("a\\\" \"b\\ \"'\"'\"' \"#\""));
 }
 
 TEST(JobExecInfoTest, AQuotedArgumentWithBlanksIsOne)

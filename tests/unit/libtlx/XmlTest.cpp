@@ -332,6 +332,17 @@ TEST(XmlTest, AFailureLeavesNothingBehindForTheNextParse)
     }
 }
 
+TEST(XmlTest, ADocumentOfAnotherVersionDoesNotDecideHowTheNextIsRead)
+{
+    const std::string nextLine = "<Doc>\xC2\x85</Doc>"; // the end of a line in version 1.1 only
+    EXPECT_EQ(eventsOf("<?xml version='1.1'?>" + nextLine), "<Doc>\n</Doc>");
+    EXPECT_EQ(eventsOf(nextLine), nextLine);
+    EXPECT_EQ(eventsOf("<?xml version='1.1'?><Doc>&#1;</Doc>"), "<Doc>\xEF\xBF\xBD</Doc>");
+    LogCapture log;
+    XmlRecorder document;
+    EXPECT_FALSE(document.parseBuffer("<Doc>&#1;</Doc>"));
+}
+
 TEST(XmlTest, ThreadsParseBesideEachOther)
 {
     std::vector<std::thread> threads;

@@ -1,0 +1,56 @@
+// A document of discovered items, which another host wrote. What is accepted is the same whatever
+// pieces it arrives in, and an item that is written reads back, unless its explorer's data, which
+// comes out as it was kept, is no XML.
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include <tlx/Assert.h>
+#include <tlx/Log.h>
+
+#include "../unit/libdiscsrv/ItemsFixture.h"
+
+namespace {
+
+using namespace Veltrane::Quillmark::Tlx;
+using namespace Veltrane::Quillmark::Tlx::DiscoverySvc;
+using QmTest::ReadItems;
+using QmTest::readItems;
+using QmTest::TextData;
+
+void require(bool condition)
+{
+    if (!condition)
+        std::abort();
+}
+
+bool hasExplorerData(const ReadItems& items, std::size_t i)
+{
+    const DiscoveredItem* item = items.discovered(i);
+    return item && AutoDereference<ExplorerData>(item->getExplorerData());
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    LoggerFactory::instance().setLevel(0);
+    setAssertionReporter([](const char*, const char*, int) {}); // documents may cause some
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    const ReadItems whole = readItems(text);
+    const ReadItems pieces = readItems(new TextData(text, 1));
+    require(whole.parsed == pieces.parsed);
+    require(!whole.parsed || whole.all() == pieces.all());
+    for (std::size_t i = 0; i < whole.items.size(); ++i) {
+        const std::string written = whole.written(i);
+        const char* const root = whole.discovered(i) ? "DiscoveredItems" : "FilterData";
+        const ReadItems again =
+            readItems("<" + std::string(root) + ">" + written + "</" + std::string(root) + ">");
+        require(again.parsed || hasExplorerData(whole, i));
+        require(!again.parsed || again.all() == std::vector<std::string>{written});
+    }
+    return 0;
+}

@@ -1,0 +1,40 @@
+#pragma once
+// The examples of docs/formats.md, for tests that read and write them. QM_DOCS is the directory.
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace QmTest {
+
+/// The blocks of code in a section.
+inline std::vector<std::string> codeOf(const std::string& section)
+{
+    std::ifstream file(QM_DOCS "/formats.md");
+    std::vector<std::string> blocks;
+    bool inSection = false;
+    bool inBlock = false;
+    for (std::string line; std::getline(file, line);) {
+        if (line.starts_with("## "))
+            inSection = line == "## " + section;
+        if (!inSection)
+            continue;
+        if (line == "```") {
+            inBlock = !inBlock;
+            if (inBlock)
+                blocks.emplace_back();
+        } else if (inBlock) {
+            blocks.back() += line + "\n";
+        }
+    }
+    return blocks;
+}
+
+/// A block as it is written: without the breaks that are there for reading only.
+inline std::string onOneLine(std::string block)
+{
+    std::erase(block, '\n');
+    return block;
+}
+
+} // namespace QmTest

@@ -1,0 +1,120 @@
+// The documented examples of filters, read and written.
+
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include <DiscoveredItems.h>
+#include <FilterParameters.h>
+
+#include "Capture.h"
+#include "Documentation.h"
+#include "FileSystemDocument.h"
+
+namespace Veltrane::Quillmark::Explorers {
+namespace {
+
+using namespace Tlx::DiscoverySvc;
+using Tlx::TlxQuery;
+using Tlx::TlxString;
+using Tlx::XmlObjParseContext;
+
+/// Reads the first query description of a document.
+struct Description : Tlx::XmlDocumentInterface
+{
+    Description() : XmlDocumentInterface(nullptr, "Document") {}
+    void xmlStartElement(XmlObjParseContext* context, const XMLCh* name,
+                         Tlx::AttributeList& attributes) override
+    {
+        if (inner)
+            return query->xmlStartElement(inner.get(), name, attributes);
+        if (!XmlObjParseContext::isTag(name, TlxQuery::QUERY_DESCRIPTION_TAG))
+            return;
+        TlxQuery* made = nullptr;
+        inner.reset(xmlCreateObject(name, attributes, context, made));
+        query.reset(made);
+    }
+    void xmlCharacters(XmlObjParseContext*, const XMLCh* chars, unsigned long length) override
+    {
+        if (inner && !done)
+            query->xmlCharacters(inner.get(), chars, length);
+    }
+    int xmlEndElement(XmlObjParseContext*, const XMLCh* name) override
+    {
+        if (done)
+            return Tlx::XML_COMPLETE;
+        const int result = query->xmlEndElement(inner.get(), name);
+        done = result == Tlx::XML_COMPLETE;
+        return result;
+    }
+    std::unique_ptr<XmlObjParseContext> inner;
+    Tlx::AutoDereference<TlxQuery> query;
+    bool done = false;
+};
+
+template <class Document>
+std::string written(const Document& document)
+{
+    std::ostringstream out;
+    document.writeXml(out, Tlx::XmlStr::XE_UTF8);
+    return out.str();
+}
+
+std::string theExample(const std::string& section)
+{
+    const auto blocks = QmTest::codeOf(section);
+    EXPECT_EQ(blocks.size(), 1u) << section;
+    return blocks.empty() ? std::string() : blocks[0];
+}
+
+struct FilterExamplesTest : testing::Test
+{
+    ~FilterExamplesTest() override { EXPECT_EQ(log.texts(1), std::vector<std::string>()); }
+    QmTest::LogCapture log;
+};
+
+TEST_F(FilterExamplesTest, FilterParameters)
+{
+    const std::string example = theExample("Filter parameters");
+    const FilterParameters parameters(example.c_str());
+    EXPECT_EQ(parameters.queryString(),
+              TlxString("fstype = \"ext4\" and size > 10G and not readonly"));
+    ASSERT_NE(parameters.job(), nullptr);
+    EXPECT_EQ(parameters.job()->arguments(),
+              (std::vector<std::string>{"backup", "--level", "full now"}));
+    EXPECT_EQ(written(parameters), QmTest::onOneLine(example));
+    TlxQuery query;
+    EXPECT_TRUE(parameters.setQuery(query));
+}
+
+TEST_F(FilterExamplesTest, QueriesAndTheirDescriptions)
+{
+    const std::string example = theExample("Queries and their descriptions");
+    Description description;
+    ASSERT_TRUE(description.parseBuffer(example));
+    ASSERT_TRUE(description.done);
+    EXPECT_EQ(description.query->query(), TlxString("size > 10G"));
+    EXPECT_EQ(description.query->fields(),
+              (std::vector<Tlx::QueryField>{
+                  {"fstype", Tlx::QF_TEXT, "the type of the file system", {"ext4", "xfs"}},
+                  {"size", Tlx::QF_BYTES, "how much it can hold", {}},
+                  {"readonly", Tlx::QF_FLAG, "", {}}}));
+    EXPECT_EQ(written(*description.query), QmTest::onOneLine(example));
+}
+
+TEST_F(FilterExamplesTest, WhatCanBeFilteredBy)
+{
+    const std::string example = QmTest::onOneLine(theExample("What can be filtered by"));
+    std::ostringstream out;
+    writeFilterDocument(out);
+    EXPECT_EQ(out.str(), example);
+    Description description;
+    ASSERT_TRUE(description.parseBuffer(example));
+    ASSERT_TRUE(description.done);
+    TlxQuery told;
+    FileSystemSource::describe(told);
+    EXPECT_EQ(*description.query, told);
+}
+
+} // namespace
+} // namespace Veltrane::Quillmark::Explorers
