@@ -74,6 +74,16 @@ def wait_until_registered(host, times=1):
 
 
 def wait_until_pushed(host, master):
-    """Waits until the master's store has what the host's explorer pushes."""
+    """Waits until the host says that its explorer has pushed, and the master's store has it."""
+    def said():
+        return [each for each in host.root.status().get("explorers", [])
+                if each["kind"] == "push" and each["outcome"] == "pushed"]
+    harness.wait_for(said, "%s has pushed" % host)
+    wait_until_stored(host, master)
+
+
+def wait_until_stored(host, master):
+    """Waits until the master's store has what the host's explorer pushes; the host may not have been
+    told yet."""
     name = "3 %s %s.xml" % (host, host)
     harness.wait_for(lambda: name in master.root.files(), "the push of %s is stored" % host)

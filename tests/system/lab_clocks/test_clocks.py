@@ -6,7 +6,7 @@ import time
 
 import pytest
 
-from lab.stage import wait_until_pushed
+from lab.stage import wait_until_stored
 from records import ANY, get, subjects
 
 LIBRARY = pathlib.Path("/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1")
@@ -34,7 +34,7 @@ def test_a_client_registers_pushes_and_is_pulled(stage, off):
     stage.start(stage.master)
     began = time.time()
     stage.start(client, environment=off_by(off))
-    wait_until_pushed(client, stage.master)
+    wait_until_stored(client, stage.master)
     # The time is the client's, and the record is valid on the master all the same.
     assert began + off - 1 <= made_at(stage.master, str(client)) <= time.time() + off + 1
     service = stage.service(stage.master)
@@ -48,6 +48,6 @@ def test_a_master_that_is_behind(stage):
     [client] = stage.build(1).clients
     stage.start(stage.master, environment=off_by(-HOUR))
     stage.start(client)
-    wait_until_pushed(client, stage.master)
+    wait_until_stored(client, stage.master)
     assert str(client) in subjects(stage.service(stage.master))
     assert made_at(stage.master, "master") < made_at(stage.master, str(client)) - HOUR // 2

@@ -32,6 +32,10 @@ def cut_after(stage, host, size):
     return time.monotonic()
 
 
+def unfinished(host):
+    return [name for name in host.root.files() if name.endswith(".updating")]
+
+
 def put_that_breaks_off(stage, client):
     """The record that it would have replaced stays."""
     service = stage.service(client)
@@ -124,8 +128,8 @@ def test_in_the_middle_of_a_put_of_a_page_and_of_a_pull(stage):
     assert "volumes" in subjects(stage.service(others[1]))
     # A writer that was left is counted, and its temporary file goes when the master starts anew.
     harness.wait_for(lambda: others[0].root.status()["counters"]["writersLeft"] == 1, "it is counted")
-    assert [name for name in stage.master.root.files() if name.endswith(".updating")] != []
+    assert unfinished(stage.master) != []
     assert stage.daemon(stage.master).stop() == 0
     stage.start(stage.master)
-    assert [name for name in stage.master.root.files() if name.endswith(".updating")] == []
+    harness.wait_for(lambda: unfinished(stage.master) == [], "but for its own push nothing is left")
     assert get(stage.service(stage.master), "volumes", "a") == b"after"

@@ -1,6 +1,7 @@
 """Hosts that accept and never answer: a lookup of theirs ends after 5 seconds, a request after 30."""
 
 import contextlib
+import pathlib
 import signal
 import time
 from concurrent.futures import ThreadPoolExecutor
@@ -19,9 +20,15 @@ SLOW = "64kbit"
 
 @contextlib.contextmanager
 def frozen(stage, host):
+    """Its daemon, while this lasts."""
     daemon = stage.daemon(host)
     daemon.send(signal.SIGSTOP)
+
+    def stopped():
+        tasks = pathlib.Path("/proc/%d/task" % daemon.pid).glob("*/stat")
+        return {task.read_text().rpartition(")")[2].split()[0] for task in tasks} == {"T"}
     try:
+        harness.wait_for(stopped, "every thread has stopped")
         yield
     finally:
         daemon.send(signal.SIGCONT)

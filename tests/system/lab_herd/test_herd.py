@@ -7,7 +7,7 @@ from concurrent.futures import ThreadPoolExecutor
 import harness
 from giop import AuthorityType
 from lab import prompt_names
-from lab.stage import wait_until_pushed
+from lab.stage import wait_until_stored
 from records import ANY, get, query, subjects
 
 # An instrumented daemon takes several times the memory and the time.
@@ -27,7 +27,7 @@ def test_all_register_and_push(stage):
             set(stage.master.root.files())
     harness.wait_for(registered, "all are registered", LIMIT)
     for client in stage.clients:
-        wait_until_pushed(client, stage.master)
+        wait_until_stored(client, stage.master)
 
     service = stage.service(stage.master)
     assert subjects(service, type=AuthorityType.AT_REMOTEPULL) == \

@@ -4,7 +4,7 @@ import xml.etree.ElementTree as ElementTree
 
 import harness
 from giop import DiscoveryStatus
-from lab.stage import wait_for_text, wait_until_pushed, wait_until_registered
+from lab.stage import wait_for_text, wait_until_stored, wait_until_registered
 from records import ANY, SUCCESS, get, open_writer, put, record, subjects
 
 
@@ -16,7 +16,7 @@ def mounted(document):
 def test_a_push_lands_in_the_masters_store(stage):
     [client] = stage.build(1).clients
     stage.start_all()
-    wait_until_pushed(client, stage.master)
+    wait_until_stored(client, stage.master)
     name = "%s" % client
     document = get(stage.service(stage.master), name, name, ANY)
     with open("/proc/self/mountinfo", encoding="utf-8") as table:
@@ -103,7 +103,7 @@ def test_over_ipv6(stage):
     [client] = stage.build(1, version=6).clients
     stage.master.configure(FILESYSTEM_PULL="FALSE")
     stage.start_all()
-    wait_until_pushed(client, stage.master)
+    wait_until_stored(client, stage.master)
     assert ":" in stage.daemon(stage.master).address[0]
     assert put(stage.service(client), "volumes", "a", b"six") == SUCCESS
     service = stage.service(stage.master)
@@ -114,7 +114,7 @@ def test_over_ipv6(stage):
 def test_a_client_that_starts_anew_registers_and_pushes_anew(stage):
     [client] = stage.build(1).clients
     stage.start_all()
-    wait_until_pushed(client, stage.master)
+    wait_until_stored(client, stage.master)
     file = stage.master.root.store / ("3 %s %s.xml" % (client, client))
     before = file.read_bytes()
     assert stage.daemon(client).stop() == 0
