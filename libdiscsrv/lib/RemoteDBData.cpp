@@ -6,6 +6,7 @@
 
 #include "DiscLog.h"
 #include "DiscoveryRepository.h"
+#include "OutOfReach.h"
 #include "RemoteDB.h"
 #include "ServiceCounters.h"
 
@@ -34,11 +35,12 @@ class AutoReleaseIterator
             // See above.
         }
     }
+    void leave() { m_iterator = Remote::CollectionDataIterator::_nil(); }
     AutoReleaseIterator(const AutoReleaseIterator&) = delete;
     AutoReleaseIterator& operator=(const AutoReleaseIterator&) = delete;
 
   private:
-    const Remote::CollectionDataIterator_var m_iterator;
+    Remote::CollectionDataIterator_var m_iterator;
 };
 
 CORBA::ULongLong secondsOf(const TlxObjTime& time)
@@ -224,7 +226,7 @@ bool RemoteCollectionData::openRead(const char* filter)
         Remote::CollectionDataIterator_var iterator;
         const DiscoveryStatus status =
             service->getCollectionData(m_discovery.in(), filter ? filter : "", iterator.out());
-        const AutoReleaseIterator released(iterator);
+        AutoReleaseIterator released(iterator);
         if (status != DS_SUCCESS) {
             DISC_LOG(1, "Failed to get collection data: " << status);
             return false;
@@ -233,7 +235,13 @@ bool RemoteCollectionData::openRead(const char* filter)
             DISC_LOG(1, "The service answered with success and no iterator");
             return false;
         }
-        m_cached = fetch(iterator);
+        try {
+            m_cached = fetch(iterator);
+        } catch (const CORBA::Exception& e) {
+            if (isOutOfReach(e))
+                released.leave();
+            throw;
+        }
     } catch (const CORBA::Exception& e) {
         DISC_LOG(1,
                  "Caught CORBA Exception while reading collection data: " << describeException(e));

@@ -3,6 +3,7 @@
 
 #include "DiscLog.h"
 #include "DiscoveryRepository.h"
+#include "OutOfReach.h"
 #include "RemoteDB.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -24,18 +25,21 @@ RemoteDiscoveryIterator::RemoteDiscoveryIterator(AuthorityType type, const std::
     }
     const auto bound =
         static_cast<std::size_t>(HostConfig::instance().number(ConfigKey::REMOTE_MAX_RECORDS));
+    bool answers = true;
     try {
         while (fetchPage(iterator, bound)) {
         }
     } catch (const CORBA::Exception& e) {
         m_failure = describeException(e);
+        answers = !isOutOfReach(e);
     }
     if (!m_failure.empty()) // a list is whole, or none
         m_discoveries = {};
+    if (!answers) // the service gets rid of an idle iterator by itself
+        return;
     try {
         iterator->release();
     } catch (const CORBA::Exception& e) {
-        // The service gets rid of an idle iterator by itself.
         DISC_LOG(4, "An iterator could not be released: " << describeException(e));
     }
 }

@@ -49,15 +49,33 @@ milliseconds left(Clock::time_point end)
     return std::chrono::duration_cast<milliseconds>(end - Clock::now());
 }
 
+/// The connections that the ORB keeps to one address, at most.
+constexpr int KEPT_CONNECTIONS = 5;
+
+/// Whether the object is there. A connection that the ORB has kept may lead to a service that has
+/// been restarted since, which shows when it is used: the question harms nothing, so it is asked
+/// again until it went over a new one.
+bool isThere(CORBA::Object_ptr object, Clock::time_point end)
+{
+    for (int kept = KEPT_CONNECTIONS;; --kept) {
+        const ThreadCallLimit limited(left(end));
+        try {
+            return !object->_non_existent();
+        } catch (const CORBA::COMM_FAILURE&) {
+            if (kept == 0 || Clock::now() >= end)
+                throw;
+        }
+    }
+}
+
 /// The object at one address, when it answers.
 CORBA::Object_ptr ask(CORBA::ORB_ptr orb, const Endpoint& endpoint, const std::string& name,
-                      milliseconds limit)
+                      Clock::time_point end)
 {
     const std::string url = "corbaloc:iiop:1.2@" + toText(endpoint) + "/" + name;
     try {
-        const ThreadCallLimit limited(limit);
         CORBA::Object_var object = orb->string_to_object(url.c_str());
-        if (!CORBA::is_nil(object) && !object->_non_existent())
+        if (!CORBA::is_nil(object) && isThere(object, end))
             return object._retn();
         PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::lookupObject", "Nothing is there: " << url);
     } catch (const CORBA::Exception& e) {
@@ -84,8 +102,7 @@ CORBA::Object_ptr lookupObject(const OrbCore& core, const TlxHostname& host,
         PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::lookupObject",
                      "The host has no address: " << endpoint.address);
     for (const std::string& address : addresses) {
-        const milliseconds rest = left(end);
-        if (rest.count() <= 0)
+        if (Clock::now() >= end)
             break;
         endpoint.address = address;
         if (elsewhere && core.leadsHere(endpoint)) {
@@ -93,7 +110,7 @@ CORBA::Object_ptr lookupObject(const OrbCore& core, const TlxHostname& host,
                          host.text() << " leads back to this service: " << toText(endpoint));
             break;
         }
-        CORBA::Object_var object = ask(core.orb(), endpoint, name, rest);
+        CORBA::Object_var object = ask(core.orb(), endpoint, name, end);
         if (!CORBA::is_nil(object))
             return object._retn();
     }

@@ -5,6 +5,11 @@ import os
 import pytest
 
 import harness
+from lab import Lab, why_not
+from lab.stage import Stage
+
+# Of a crowd of daemons the first will do.
+LOGS_SHOWN = 5
 
 
 @pytest.fixture(scope="session", autouse=True)
@@ -38,11 +43,21 @@ def service(daemon):
     return daemon.client()
 
 
+@pytest.fixture
+def stage(tmp_path):
+    """A lab that is not built yet; its daemons are ended and its hosts gone afterwards."""
+    reason = why_not()
+    if reason:
+        pytest.skip(reason)
+    with Lab(tmp_path / "lab") as lab, harness.Daemons() as daemons:
+        yield Stage(lab, daemons)
+
+
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item, call):
     report = (yield).get_result()
     if report.failed:
-        for daemon in harness.Daemons.all_running_or_just_ended():
+        for daemon in harness.Daemons.all_running_or_just_ended()[:LOGS_SHOWN]:
             report.sections.append(("log of %s" % daemon, daemon.tail()))
 
 

@@ -1,5 +1,6 @@
 """Product roots, running daemons, and what their logs say."""
 
+import contextlib
 import json
 import os
 import pathlib
@@ -126,10 +127,15 @@ class Log:
 
 
 class Daemon:
-    """A daemon in the foreground. It is told to end by its pid, and by nothing else."""
+    """A daemon in the foreground. It is told to end by its pid, and by nothing else.
 
-    def __init__(self, root, *options, wrapper=(), environment=None):
+    wrapper: what starts it becomes the daemon; network: its clients' (giop.Orb).
+    """
+
+    def __init__(self, root, *options, wrapper=(), environment=None,
+                 network=contextlib.nullcontext):
         self.root = root
+        self._network = network
         self._orbs = []
         command = [*wrapper, str(program()), "--foreground", "--root", str(root), *options]
         self._stderr_file = root.path / "stderr"
@@ -176,7 +182,7 @@ class Daemon:
 
     def client(self, **options):
         """A proxy of the service, as a client finds it: by its name."""
-        orb = Orb(**{"timeout": CALL_LIMIT, **options})
+        orb = Orb(**{"timeout": CALL_LIMIT, "network": self._network, **options})
         self._orbs.append(orb)
         return orb.object("corbaloc:iiop:1.2@%s/DiscoveryService" % self.endpoint,
                           DiscoveryService)

@@ -22,6 +22,10 @@ class SystemException(Exception):
         """"OBJECT_NOT_EXIST" out of "IDL:omg.org/CORBA/OBJECT_NOT_EXIST:1.0"."""
         return self.repository_id.split("/")[-1].split(":")[0]
 
+    def encode(self, body):
+        body.string(self.repository_id).ulong(self.minor)
+        body.ulong(COMPLETION.index(self.completed))
+
     @classmethod
     def decode(cls, body):
         repository_id = body.string()

@@ -1,5 +1,7 @@
 """Calls on objects, over connections that are kept."""
 
+import contextlib
+
 from .connection import Connection, ConnectionClosed, ConnectionLost
 from .errors import GiopError, SystemException
 from .ior import Ior, parse_reference
@@ -13,12 +15,15 @@ class Orb:
 
     little: the byte order of what is sent.
     fragment_size: requests larger than this go out in fragments.
+    network: makes a context in which connections are made, to make them from another host, say.
     """
 
-    def __init__(self, timeout=30.0, little=True, fragment_size=None):
+    def __init__(self, timeout=30.0, little=True, fragment_size=None,
+                 network=contextlib.nullcontext):
         self.timeout = timeout
         self._little = little
         self._fragment_size = fragment_size
+        self._network = network
         self._connections = {}
         self._forwards = {}
         self._last_id = 0
@@ -72,7 +77,9 @@ class Orb:
         address = (target.host, target.port)
         connection = self._connections.get(address)
         if connection is None:
-            connection = self._connections[address] = Connection(*address, self.timeout)
+            with self._network():
+                connection = Connection(*address, self.timeout)
+            self._connections[address] = connection
         self._last_id += 1
         try:
             body = request_body(self._last_id, target.key, operation, arguments, self._little)

@@ -4,7 +4,8 @@
 //     queryDiscoveries    by the subject: "records-N" yields N records, "nil" nil, "throw"
 //     NO_MEMORY,
 //                         "throw-page" fails on the second page, "nameless" a record without a
-//                         subject, "endless" never ends, otherwise one record of that subject
+//                         subject, "endless" never ends, "vanish" ends the peer on the second
+//                         page, otherwise one record of that subject
 //     getCollectionData   by the subject: "bytes-N" has N bytes in pages of 8, "page-N" one page of
 //     N
 //                         bytes, "none" DS_NONE_FOUND, "nil" success and nil, "throw" NO_MEMORY,
@@ -56,11 +57,14 @@ class Records : public Skeleton::DiscoveryIterator
         ++m_pages;
         if (m_subject == "throw-page" && m_pages == 2)
             throw CORBA::NO_MEMORY();
+        if (m_subject == "vanish" && m_pages == 2)
+            ::_exit(0);
         const long wanted = countOf(m_subject, "records");
         const long left = (wanted < 0 ? 1 : wanted) - m_sent;
-        const long now = m_subject == "endless" || m_subject == "throw-page" ? 9
-                         : left > 9                                          ? 9
-                                                                             : left;
+        const long now =
+            m_subject == "endless" || m_subject == "throw-page" || m_subject == "vanish" ? 9
+            : left > 9                                                                   ? 9
+                                                                                         : left;
         page->length(static_cast<CORBA::ULong>(now));
         for (CORBA::ULong i = 0; i < page->length(); ++i, ++m_sent) {
             Remote::Discovery& record = (*page)[i];

@@ -4,6 +4,8 @@
 
 #include <thread>
 
+#include <gmock/gmock.h>
+
 #include "Capture.h"
 #include "FakePeer.h"
 #include "RemoteExplorerPull.h"
@@ -16,6 +18,9 @@ namespace {
 using QmTest::AssertionCapture;
 using QmTest::FakePeer;
 using QmTest::LogCapture;
+using testing::Contains;
+using testing::Not;
+using testing::StartsWith;
 using Lines = std::vector<std::string>;
 
 constexpr const char* NO_MEMORY = "NO_MEMORY (minor 0x00000000, COMPLETED_NO)";
@@ -266,6 +271,15 @@ TEST_F(RemoteDBTest, AListIsWholeOrAFailure)
     EXPECT_EQ(failure("nameless"), Lines{text + "a record came without a subject or an authority"});
     EXPECT_EQ(failure("endless"), Lines{text + "a query may yield 50 records "
                                                "(REMOTE_MAX_RECORDS), this one yields more"});
+}
+
+TEST_F(RemoteDBTest, NothingIsTidiedUpOnAMasterThatIsGone)
+{
+    const LogCapture log;
+    EXPECT_FALSE(query("vanish"));
+    ASSERT_EQ(log.texts(1).size(), 1u);
+    EXPECT_THAT(log.texts(1)[0], StartsWith("Failed to query remote discoveries: COMM_FAILURE"));
+    EXPECT_THAT(log.texts(4), Not(Contains(StartsWith("An iterator could not be released"))));
 }
 
 TEST_F(RemoteDBTest, WithoutAMasterOrWithOneThatIsDownAQueryIsNull)

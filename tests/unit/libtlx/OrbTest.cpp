@@ -2,7 +2,9 @@
 
 #include <tlx/Orb.h>
 
+#include <atomic>
 #include <chrono>
+#include <cstring>
 #include <thread>
 
 #include <arpa/inet.h>
@@ -67,9 +69,57 @@ class SilentPeer
     ~SilentPeer() { ::close(m_fd); }
     std::uint16_t port() const { return m_port; }
 
+  protected:
+    int socket() const { return m_fd; }
+
   private:
     const int m_fd;
     std::uint16_t m_port = 0;
+};
+
+/// Says once on each connection that the object is there, and hangs up: as a service does that is
+/// restarted between two questions.
+class ForgetfulPeer : public SilentPeer
+{
+  public:
+    ForgetfulPeer() : m_thread([this] { serve(); }) {}
+    ~ForgetfulPeer()
+    {
+        ::shutdown(socket(), SHUT_RDWR);
+        m_thread.join();
+    }
+    int answers() const { return m_answers; }
+
+  private:
+    void serve()
+    {
+        for (;;) {
+            const int fd = ::accept(socket(), nullptr, nullptr);
+            if (fd < 0)
+                return;
+            answer(fd);
+            ::close(fd);
+        }
+    }
+    void answer(int fd)
+    {
+        char request[512];
+        if (::recv(fd, request, 16, MSG_WAITALL) != 16)
+            return;
+        std::uint32_t left = 0;
+        std::memcpy(&left, request + 8, sizeof left);
+        left -= 4; // the request's id has been read
+        ASSERT_LE(left, sizeof request - 16);
+        if (::recv(fd, request + 16, left, MSG_WAITALL) != static_cast<ssize_t>(left))
+            return;
+        // Byte order as in the request, then: size, id, no exception, no contexts, false.
+        char reply[25] = {'G', 'I', 'O', 'P', 1, 2, request[6], 1, 13};
+        std::memcpy(reply + 12, request + 12, 4);
+        m_answers += ::send(fd, reply, sizeof reply, MSG_NOSIGNAL) == sizeof reply;
+    }
+
+    std::atomic<int> m_answers{0};
+    std::thread m_thread;
 };
 
 struct OrbTest : testing::Test
@@ -296,6 +346,18 @@ TEST_F(OrbTest, ASilentPeerCostsNoMoreThanTheLimit)
     EXPECT_TRUE(CORBA::is_nil(found));
     EXPECT_GE(took, 400ms);
     EXPECT_LT(took, 5s); // slack for a busy machine
+}
+
+TEST_F(OrbTest, AServiceThatWasRestartedIsFoundByTheFirstQuestion)
+{
+    const ForgetfulPeer peer;
+    Orb orb(true, "", "S", false, 16);
+    endpointOf("restarted", "127.0.0.1:" + std::to_string(peer.port()));
+    for (int times = 1; times <= 3; ++times) {
+        const CORBA::Object_var found = orb.lookupObject(TlxHostname("restarted"), "Thing", 20s);
+        EXPECT_FALSE(CORBA::is_nil(found));
+        EXPECT_EQ(peer.answers(), times);
+    }
 }
 
 TEST_F(OrbTest, NobodyListeningIsNil)

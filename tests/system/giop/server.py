@@ -1,0 +1,147 @@
+"""A small server side, for objects that answer well or badly on purpose."""
+
+import contextlib
+import socket
+import threading
+
+from .cdr import CdrError, Decoder, Encoder
+from .errors import GiopError, SystemException
+from .ior import Ior
+from .messages import HEADER_SIZE, MessageType, ReplyStatus, header, parse_header
+
+
+class HangUp(Exception):
+    """Raised by an object: the connection ends instead of an answer. `first` is sent before."""
+
+    def __init__(self, first=b""):
+        super().__init__()
+        self.first = first
+
+
+class Server:
+    """Serves objects until it is closed; a thread for each connection.
+
+    An object is a function of an operation and the decoder of its arguments, which answers a
+    function that writes the result into an encoder. What it raises becomes the reply: a
+    SystemException, or the end of the connection. `network` as for Orb.
+    """
+
+    def __init__(self, host, port=0, network=contextlib.nullcontext, little=True):
+        self._little = little
+        self._objects = {}
+        self._connections = set()
+        self._threads = []
+        self._lock = threading.Lock()
+        self._closed = False
+        family = socket.AF_INET6 if ":" in host else socket.AF_INET
+        with network():
+            self._socket = socket.create_server((host, port), family=family)
+        self.host, self.port = self._socket.getsockname()[:2]
+        self._run(self._accept)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+    def close(self):
+        with self._lock:
+            self._closed = True
+            connections = list(self._connections)
+        for each in [self._socket, *connections]:
+            with contextlib.suppress(OSError):
+                each.shutdown(socket.SHUT_RDWR)
+        self._socket.close()
+        while self._threads:
+            self._threads.pop().join(60)
+
+    def add(self, key, type_id, an_object):
+        """Serves an object under a key; its reference."""
+        self._objects[key] = an_object
+        return Ior(type_id, self.host, self.port, key)
+
+    def _run(self, work, *arguments):
+        thread = threading.Thread(target=work, args=arguments, daemon=True)
+        self._threads.append(thread)
+        thread.start()
+
+    def _accept(self):
+        while True:
+            try:
+                connection, _ = self._socket.accept()
+            except OSError:
+                return
+            connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+            with self._lock:
+                if self._closed:
+                    connection.close()
+                    return
+                self._connections.add(connection)
+            self._run(self._serve, connection)
+
+    def _serve(self, connection):
+        with connection:
+            with contextlib.suppress(OSError, HangUp, GiopError, CdrError):
+                while True:
+                    try:
+                        connection.sendall(self._answer(*self._receive(connection)))
+                    except HangUp as end:
+                        connection.sendall(end.first)
+                        raise
+        with self._lock:
+            self._connections.discard(connection)
+
+    @staticmethod
+    def _read(connection, size):
+        data = bytearray()
+        while len(data) < size:
+            part = connection.recv(size - len(data))
+            if not part:
+                raise HangUp
+            data += part
+        return bytes(data)
+
+    def _receive(self, connection):
+        """(kind, little, what follows the header), fragments joined."""
+        kind, little, more, size = parse_header(self._read(connection, HEADER_SIZE))
+        data = self._read(connection, size)
+        while more:
+            _, _, more, size = parse_header(self._read(connection, HEADER_SIZE))
+            data += self._read(connection, size)[4:]  # without the request's id
+        return kind, little, data
+
+    def _answer(self, kind, little, data):
+        if kind == MessageType.CLOSE_CONNECTION:
+            raise HangUp
+        if kind not in (MessageType.REQUEST, MessageType.LOCATE_REQUEST):
+            return b""
+        request = Decoder(data, little, HEADER_SIZE)
+        number = request.ulong()
+        if kind == MessageType.LOCATE_REQUEST:
+            body = Encoder(self._little, HEADER_SIZE).ulong(number).ulong(1).bytes()
+            return header(MessageType.LOCATE_REPLY, len(body), self._little) + body
+        request.raw(4)  # whether a reply is expected: always
+        if request.short() != 0:
+            raise GiopError("the target is no object key")
+        key = request.octets()
+        operation = request.string()
+        request.sequence(lambda d: (d.ulong(), d.octets()))
+        if request.left():
+            request.align(8)
+        return self._reply(number, key, operation, request)
+
+    def _reply(self, number, key, operation, arguments):
+        body = Encoder(self._little, HEADER_SIZE).ulong(number)
+        try:
+            found = self._objects.get(key)
+            if found is None:
+                raise SystemException("IDL:omg.org/CORBA/OBJECT_NOT_EXIST:1.0", 0, "NO")
+            fill = found(operation, arguments)
+            body.ulong(ReplyStatus.NO_EXCEPTION).ulong(0).align(8)
+            fill(body)
+        except SystemException as exception:
+            body = Encoder(self._little, HEADER_SIZE).ulong(number)
+            body.ulong(ReplyStatus.SYSTEM_EXCEPTION).ulong(0).align(8)
+            exception.encode(body)
+        return header(MessageType.REPLY, len(body), self._little) + body.bytes()

@@ -1,0 +1,83 @@
+"""One host of a lab."""
+
+import os
+import subprocess
+
+import harness
+
+DAEMON_LIMIT = 120
+LIBRARY = "libqmexplorer.so"
+
+
+class Host:
+    """A name, an address, a product root, and the keeper of the namespaces once they are there."""
+
+    def __init__(self, directory, name, number, interface, master):
+        self.name = name
+        self.number = number
+        self.interface = interface  # ADDRESS/PREFIX
+        self.keeper = None
+        self._path = directory / name
+        self._master = master
+        self._root = None
+
+    def __str__(self):
+        return self.name
+
+    @property
+    def address(self):
+        return self.interface.split("/")[0]
+
+    @property
+    def path(self):
+        """The product root."""
+        return self._path
+
+    @property
+    def root(self):
+        """The same, with what tests ask of it."""
+        if self._root is None:
+            self._root = harness.Root(self._path, **self._config())
+            self._bring_in_explorers()
+        return self._root
+
+    def _config(self, **config):
+        """Nothing but the master's name, unless told otherwise: port, host name and addresses are
+        those of a real installation."""
+        any_address = "[::]:14400" if ":" in self.address else None
+        return {"CLIENT_NAME": None, "SERVER": self._master, "LISTEN": any_address, **config}
+
+    def configure(self, **config):
+        self.root.configure(**self._config(**config))
+
+    def _bring_in_explorers(self):
+        library = harness.program().parent.parent / "lib" / LIBRARY
+        (self._path / "lib" / "plugins").mkdir(parents=True, exist_ok=True)
+        os.symlink(library, self._path / "lib" / LIBRARY)
+
+    def entering(self):
+        """The command line in front of a command that is to run on this host."""
+        return self.keeper.entering("--net", "--uts", "--mount")
+
+    def run(self, *command, limit=DAEMON_LIMIT, **options):
+        """Runs a command on this host to its end."""
+        return subprocess.run([*self.entering(), *map(str, command)], stdin=subprocess.DEVNULL,
+                              capture_output=True, text=True, timeout=limit,
+                              **{"check": False, **options})
+
+    def ctl(self, *arguments, code=0):
+        """The operator's command line, run on this host; what it printed."""
+        done = self.run(harness.program("qmdiscoctl"), "--root", self.path, *arguments)
+        assert done.returncode == code, "%d: %s" % (done.returncode, done.stderr)
+        return done.stdout if code == 0 else done.stderr
+
+    def network(self):
+        return self.keeper.network()
+
+    def start_daemon(self):
+        """Starts a daemon that detaches itself; answers its id when it serves."""
+        done = self.run(harness.program(), "--root", self.root)
+        if done.returncode != 0:
+            raise RuntimeError("no daemon on %s (exit code %d): %s"
+                               % (self, done.returncode, done.stderr.strip()))
+        return self.root.status()["pid"]

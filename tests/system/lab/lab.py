@@ -1,0 +1,186 @@
+"""The whole lab."""
+
+import contextlib
+import ipaddress
+import json
+import os
+import pathlib
+import shutil
+import signal
+from concurrent.futures import ThreadPoolExecutor
+
+import harness
+
+from . import links, process
+from .host import Host
+from .keeper import Keeper, KeeperError
+
+MASTER = "master"
+NETWORKS = {4: ipaddress.ip_network("10.77.0.0/16"), 6: ipaddress.ip_network("fd77::/64")}
+AT_MOST = 1000  # a bridge has 1024 ports
+AT_ONCE = 8  # daemons being started
+STOP_LIMIT = 90  # seconds; more than a daemon's own
+
+
+class LabError(Exception):
+    """What was asked for cannot be done; the text is for whoever asked."""
+
+
+class Lab:
+    """A lab in a directory of its own: its processes, its hosts' roots, what is told about it.
+
+    For one thread; a lab that one process made can be used by another.
+    """
+
+    def __init__(self, directory):
+        self.directory = pathlib.Path(directory)
+        self._journal = process.Journal(self.directory / "processes")
+        self._plan = self.directory / "lab.json"
+        self._switch = None
+        self.hosts = {}
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.down()
+
+    # Making and finding it.
+
+    def claim(self):
+        """Takes the directory, which nobody else may have."""
+        try:
+            self.directory.mkdir(mode=0o700, parents=True)
+        except FileExistsError:
+            raise LabError("there is a lab already (%s): take it down first"
+                           % self.directory) from None
+
+    def make(self, clients, version=4, with_parent=False):
+        """Hosts without daemons: the master, and clients of these names."""
+        names = list(clients)
+        if len(names) > AT_MOST:
+            raise LabError("at most %d clients fit on the bridge" % AT_MOST)
+        network = NETWORKS[version]
+        self._lay_out({name: "%s/%d" % (network[number + 1], network.prefixlen)
+                       for number, name in enumerate([MASTER, *names])})
+        hosts_file = self.directory / "hosts"
+        hosts_file.write_text("127.0.0.1 localhost\n::1 localhost\n" + "".join(
+            "%s %s\n" % (host.address, host) for host in self.hosts.values()), encoding="utf-8")
+        self._plan.write_text(json.dumps({
+            "build": str(harness.program().parent.parent),
+            "hosts": {host.name: host.interface for host in self.hosts.values()}}),
+            encoding="utf-8")
+        try:
+            self._switch = Keeper.start(self._noting("keeper", "-"), with_parent=with_parent)
+            for host in self.hosts.values():
+                host.keeper = Keeper.start(self._noting("keeper", host.name), host.name, hosts_file,
+                                           with_parent)
+            links.make_bridge(self._switch, self.hosts.values())
+        except KeeperError as error:
+            raise LabError(str(error)) from None
+        return self
+
+    def find(self):
+        """The lab that is in the directory."""
+        try:
+            self._lay_out(json.loads(self._plan.read_text(encoding="utf-8"))["hosts"])
+        except FileNotFoundError:
+            raise LabError("there is no lab (%s)" % self.directory) from None
+        keepers = self._journal.running("keeper")
+        for name in ["-", *self.hosts]:
+            if name not in keepers:
+                raise LabError("the lab is not whole any more, %s is gone: take it down"
+                               % ("its bridge" if name == "-" else name))
+        self._switch = Keeper(keepers["-"])
+        for host in self.hosts.values():
+            host.keeper = Keeper(keepers[host.name])
+        return self
+
+    def _lay_out(self, interfaces):
+        self.hosts = {name: Host(self.directory, name, number, interface, MASTER)
+                      for number, (name, interface) in enumerate(interfaces.items())}
+
+    def _noting(self, kind, name):
+        return lambda pid: self._journal.add(kind, name, pid)
+
+    # Using it.
+
+    @property
+    def master(self):
+        return self.hosts[MASTER]
+
+    @property
+    def clients(self):
+        return [host for host in self.hosts.values() if host.name != MASTER]
+
+    def host(self, name):
+        try:
+            return self.hosts[name]
+        except KeyError:
+            raise LabError("there is no host %s; there are: %s"
+                           % (name, " ".join(self.hosts))) from None
+
+    def start_daemons(self):
+        """The master's first, then the clients', some at a time."""
+        def start(host):
+            self._journal.add("daemon", host.name, host.start_daemon())
+        for host in self.hosts.values():
+            _ = host.root  # made here, one after the other
+        try:
+            start(self.master)
+            pool = ThreadPoolExecutor(AT_ONCE)
+            try:
+                for _ in pool.map(start, self.clients):
+                    pass
+            finally:  # who gives up early does not wait for those that have not begun
+                pool.shutdown(cancel_futures=True)
+        except RuntimeError as error:
+            raise LabError(str(error)) from None
+
+    def daemons(self):
+        """{host: pid} of the daemons that run."""
+        return self._journal.running("daemon")
+
+    @property
+    def build(self):
+        """The build whose programs run, as whoever made the lab had it."""
+        return pathlib.Path(json.loads(self._plan.read_text(encoding="utf-8"))["build"])
+
+    def note_command(self, host):
+        """This process is about to become a command on the host."""
+        self._journal.add("command", "%s:%d" % (host, os.getpid()), os.getpid())
+
+    def cut(self, host):
+        links.cut(self._switch, host)
+
+    def slow(self, host, rate):
+        links.slow(self._switch, host, rate)
+
+    def heal(self, host):
+        links.heal(self._switch, host)
+
+    def link_state(self, host):
+        return links.state(self._switch, host)
+
+    def bytes_carried(self, host):
+        return links.bytes_carried(self._switch, host)
+
+    # Its end.
+
+    def down(self):
+        """Ends what is left of it, in order: commands, daemons, the hosts themselves; whatever
+        state it is in. Answers what had to be killed."""
+        killed = self._end("command", self._journal.running("command"))
+        # One that was being started when `up` was killed may appear meanwhile.
+        while daemons := {**self.daemons(), **process.daemons_under(self.directory)}:
+            killed += self._end("daemon", daemons)
+        killed += self._end("keeper", self._journal.running("keeper"), signal.SIGKILL)
+        with contextlib.suppress(FileNotFoundError):
+            shutil.rmtree(self.directory)
+        return killed
+
+    @staticmethod
+    def _end(kind, running, number=signal.SIGTERM):
+        hosts = {pid: host for host, pid in running.items()}
+        return ["%s %d of %s" % (kind, pid, hosts[pid])
+                for pid in process.end_all(list(hosts), STOP_LIMIT, number)]

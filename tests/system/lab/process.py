@@ -1,0 +1,92 @@
+"""Processes that are told to end by their id, and surely are those that were started."""
+
+import os
+import pathlib
+import signal
+import time
+
+
+def start_time(pid):
+    """When a process started, in the kernel's ticks; None when there is none. An id is given to
+    another process one day, the two together never are."""
+    try:
+        fields = pathlib.Path("/proc/%d/stat" % pid).read_text().rpartition(")")[2].split()
+    except (FileNotFoundError, ProcessLookupError):
+        return None
+    return None if fields[0] in "ZX" else int(fields[19])
+
+
+class Journal:
+    """The processes of a lab, in a file: a line for each, written as soon as there is one."""
+
+    def __init__(self, path):
+        self._path = pathlib.Path(path)
+
+    def add(self, kind, host, pid):
+        with open(self._path, "a", encoding="utf-8") as file:
+            file.write("%s %s %d %d\n" % (kind, host, pid, start_time(pid) or 0))
+
+    def running(self, kind):
+        """{host: pid} of those of a kind that run."""
+        try:
+            lines = self._path.read_text(encoding="utf-8").splitlines()
+        except FileNotFoundError:
+            return {}
+        # A line that was being written when the writer was killed is not whole.
+        entries = [line.split() for line in lines if len(line.split()) == 4]
+        return {host: int(pid) for its_kind, host, pid, start in entries
+                if its_kind == kind and start_time(int(pid)) == int(start)}
+
+
+def daemons_under(directory):
+    """{host: pid} of the daemons whose product roots are in the directory."""
+    found = {}
+    for entry in pathlib.Path("/proc").glob("[0-9]*/cmdline"):
+        try:
+            arguments = os.fsdecode(entry.read_bytes()).split("\0")
+        except OSError:
+            continue
+        for option, value in zip(arguments, arguments[1:]):
+            if option == "--root" and pathlib.Path(value).parent == directory and \
+                    "qmdisco" in map(os.path.basename, arguments):
+                found[pathlib.Path(value).name] = int(entry.parent.name)
+    return found
+
+
+def send(pid, number):
+    """False when the process is gone."""
+    try:
+        os.kill(pid, number)
+    except ProcessLookupError:
+        return False
+    return True
+
+
+def end_all(pids, limit, number=signal.SIGTERM):
+    """Tells all to end and waits for it; answers those that had to be killed after `limit` s."""
+    started = {pid: start_time(pid) for pid in pids}
+    waiting = [pid for pid in pids if started[pid] is not None and send(pid, number)]
+    for pid in waiting:
+        send(pid, signal.SIGCONT)  # one that is stopped hears nothing
+    waiting = _wait(waiting, started, limit)
+    for pid in waiting:
+        send(pid, signal.SIGKILL)
+    _wait(waiting, started, limit)
+    return waiting
+
+
+def _wait(pids, started, limit):
+    deadline = time.monotonic() + limit
+    while pids and time.monotonic() < deadline:
+        time.sleep(0.02)
+        pids = [pid for pid in pids if start_time(pid) == started[pid] is not None and
+                not _reaped(pid)]
+    return pids
+
+
+def _reaped(pid):
+    """A child of ours is gone when it was waited for."""
+    try:
+        return os.waitpid(pid, os.WNOHANG)[0] == pid
+    except ChildProcessError:
+        return False

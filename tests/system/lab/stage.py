@@ -1,0 +1,89 @@
+"""A lab for a test: hosts whose daemons the test starts, watches and stops."""
+
+import harness
+
+from .names import prompt_names
+
+REGISTERED = "Successfully registered explorers with master"
+
+
+class Stage:
+    """The hosts of a lab and the daemons on them."""
+
+    def __init__(self, lab, daemons):
+        self.lab = lab
+        self._daemons = daemons
+        self._running = {}
+
+    def build(self, clients, **options):
+        """So many clients, or clients of these names; nothing runs yet."""
+        names = prompt_names(clients, soon=0) if isinstance(clients, int) else clients
+        self.lab.claim()
+        self.lab.make(names, with_parent=True, **options)
+        return self
+
+    @property
+    def master(self):
+        return self.lab.master
+
+    @property
+    def clients(self):
+        return self.lab.clients
+
+    def launch(self, host, **more):
+        """Starts the host's daemon without waiting for it. It ends with the test's process, even
+        when that is killed."""
+        wrapper = [*host.entering(), "setpriv", "--pdeathsig", "KILL", *more.pop("wrapper", [])]
+        daemon = self._daemons.launch(host.root, wrapper=wrapper, network=host.network, **more)
+        self._running[host.name] = daemon
+        return daemon
+
+    def start(self, *hosts, **more):
+        """Starts their daemons, all at once; answers the last, which serves, as all do."""
+        daemons = [self.launch(host, **more) for host in hosts]
+        for daemon in daemons:
+            daemon.wait_until_up()
+        return daemons[-1]
+
+    def start_all(self):
+        """The master, then the clients; waits until all are registered."""
+        self.start(self.master)
+        self.start(*self.clients)
+        for host in self.clients:
+            wait_until_registered(host)
+
+    def daemon(self, host):
+        """The one that was started last."""
+        return self._running[host.name]
+
+    def service(self, host, **options):
+        """A proxy of the host's own service, called from the host itself."""
+        return self.daemon(host).client(**options)
+
+
+def wait_for_text(host, text, times=1):
+    """Waits until the host's log tells of something so many times."""
+    def told():
+        return host.root.log_file.exists() and \
+            host.root.log_file.read_text(encoding="utf-8").count(text) >= times
+    harness.wait_for(told, "%s: %s" % (host, text))
+
+
+def wait_until_registered(host, times=1):
+    wait_for_text(host, REGISTERED, times)
+
+
+def wait_until_pushed(host, master):
+    """Waits until the host says that its explorer has pushed, and the master's store has it."""
+    def said():
+        return [each for each in host.root.status().get("explorers", [])
+                if each["kind"] == "push" and each["outcome"] == "pushed"]
+    harness.wait_for(said, "%s has pushed" % host)
+    wait_until_stored(host, master)
+
+
+def wait_until_stored(host, master):
+    """Waits until the master's store has what the host's explorer pushes; the host may not have been
+    told yet."""
+    name = "3 %s %s.xml" % (host, host)
+    harness.wait_for(lambda: name in master.root.files(), "the push of %s is stored" % host)

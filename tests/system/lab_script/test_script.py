@@ -1,0 +1,193 @@
+"""scripts/lab, as one uses it."""
+
+import os
+import pathlib
+import signal
+import subprocess
+
+import pytest
+
+import harness
+from lab import Lab, LabError, prompt_names, why_not
+from lab.process import daemons_under, start_time
+
+SCRIPT = harness.TOP / "scripts" / "lab"
+LIMIT = 240
+
+
+@pytest.fixture(autouse=True)
+def can_make_labs():
+    reason = why_not()
+    if reason:
+        pytest.skip(reason)
+
+
+class Script:
+    """Labs whose files are in a directory of the test's."""
+
+    def __init__(self, directory):
+        self.directory = directory
+        self._environment = {**os.environ, "TMPDIR": str(directory)}
+
+    def start(self, *arguments, name="one"):
+        preset = pathlib.Path(os.environ.get("QM_BUILD_DIR", "build/dev")).name
+        return subprocess.Popen(
+            [SCRIPT, "--preset", preset, "--name", name, *arguments], stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, env=self._environment)
+
+    def __call__(self, *arguments, code=0, name="one"):
+        with self.start(*arguments, name=name) as process:
+            out, err = process.communicate(timeout=LIMIT)
+        assert process.returncode == code, err
+        return out if code == 0 else err
+
+    def status_of(self, *arguments):
+        with self.start(*arguments) as process:
+            process.communicate(timeout=LIMIT)
+        return process.returncode
+
+    def lab(self, name="one"):
+        return self.directory / ("quillmark-lab-" + name)
+
+    def noted(self, name="one"):
+        """[(kind, pid, start)] of the processes that the lab knows."""
+        lines = (self.lab(name) / "processes").read_text().splitlines()
+        return [(kind, int(pid), int(start)) for kind, _, pid, start in map(str.split, lines)]
+
+    def links(self, name="one"):
+        """{host: link}"""
+        lines = self("status", name=name).splitlines()[1:]
+        return {line.split()[0]: line[34:57].strip() for line in lines}
+
+
+@pytest.fixture
+def script(tmp_path):
+    made = Script(tmp_path)
+    yield made
+    for directory in tmp_path.glob("quillmark-lab-*"):
+        made("down", name=directory.name.removeprefix("quillmark-lab-"))
+
+
+def running(noted):
+    return [pid for _, pid, start in noted if start_time(pid) == start]
+
+
+def test_a_round(script):
+    client, other = prompt_names(2)
+    script("up", "2")
+    assert script.links() == {"master": "up", client: "up", other: "up"}
+    assert script("exec", client, "hostname").strip() == client
+    assert script("exec", client, "getent", "hosts", "master").split() == ["10.77.0.1", "master"]
+    assert script("exec", other, "sh", "-c", "echo $QUILLMARK_ROOT").strip() == \
+        str(script.lab() / other)
+
+    def everybody_is_seen():
+        return {"master", client, other} <= set(script("exec", "master", "qmdiscoctl", "query").split())
+    harness.wait_for(everybody_is_seen, "all have pushed")
+
+    script("cut", client)
+    script("slow", other, "64kbit")
+    assert script.links() == {"master": "up", client: "cut", other: "slow, 64 kbit/s"}
+    reach = ["python3", "-c", "import socket; socket.create_connection(('master', 14400), 1)"]
+    script("exec", client, *reach, code=1)
+    script("heal", client)
+    script("heal", other)
+    assert script.links() == {"master": "up", client: "up", other: "up"}
+    # The address is found anew, and so is the host.
+    harness.wait_for(lambda: script.status_of("exec", client, *reach) == 0, "it is reached")
+
+    noted = script.noted()
+    assert len(running(noted)) >= 7  # the bridge's keeper, three hosts' and three daemons
+    script("down")
+    assert running(noted) == []
+    assert not script.lab().exists()
+    assert script("down", code=1) == "scripts/lab: there is no lab (%s)\n" % script.lab()
+
+
+def test_the_machine_s_own_network_is_left_alone(script):
+    def links():
+        return subprocess.run(["ip", "-oneline", "link"], capture_output=True, text=True,
+                              check=True).stdout.count("\n")
+    before = links()
+    script("up", "1")
+    assert links() == before
+
+
+def test_two_labs_at_once(script):
+    [client] = prompt_names(1)
+    script("up", "1")
+    script("up", "1", name="two")
+    script("cut", client)
+    assert script.links(name="two")[client] == "up"
+    script("down")
+    assert script("exec", client, "hostname", name="two").strip() == client
+
+
+def test_a_second_up_changes_nothing(script):
+    script("up", "0")
+    noted = script.noted()
+    assert script("up", "0", code=1) == \
+        "scripts/lab: there is a lab already (%s): take it down first\n" % script.lab()
+    assert len(running(noted)) == len(noted)
+
+
+def test_what_is_not_understood(script):
+    script("up", "0")
+    assert script("cut", "nobody", code=1) == \
+        "scripts/lab: there is no host nobody; there are: master\n"
+    assert "RATE" in script("slow", "master", code=2)
+    assert script("slow", "master", "fast", code=1).startswith("scripts/lab: tc qdisc replace dev ")
+    assert "scripts/lab: error: no command to run on master" in script("exec", "master", code=2)
+    script("exec", "master", "false", code=1)
+
+
+@pytest.mark.parametrize("number, code", [(signal.SIGINT, 130), (signal.SIGTERM, 130),
+                                          (signal.SIGKILL, -9)])
+def test_an_up_that_is_interrupted_leaves_nothing(script, number, code):
+    process = script.start("up", "10")
+
+    def amid():
+        assert process.poll() is None
+        return daemons_under(script.lab())
+    harness.wait_for(amid, "a daemon is being started")
+    noted = script.noted()
+    process.send_signal(number)
+    _, err = process.communicate(timeout=LIMIT)
+    assert process.returncode == code, err
+    if number == signal.SIGKILL:  # it could not tidy up: that is left to `down`
+        script("down")
+    assert running(noted) == []
+    assert daemons_under(script.lab()) == {}
+    assert not script.lab().exists()
+
+
+def test_a_daemon_that_does_not_come_up(tmp_path):
+    with Lab(tmp_path / "lab") as lab:
+        lab.claim()
+        lab.make([])
+        lab.master.configure(LISTEN="192.0.2.1:14400")
+        with pytest.raises(LabError, match=r"no daemon on master \(exit code 7\): .*192\.0\.2\.1"):
+            lab.start_daemons()
+    assert not (tmp_path / "lab").exists()
+
+
+def test_a_host_that_is_gone(script):
+    script("up", "0")
+    os.kill(next(pid for kind, pid, _ in script.noted() if kind == "keeper"), signal.SIGKILL)
+    assert "take it down" in script("status", code=1)
+    script("down")
+
+
+def test_it_says_what_it_lacks(monkeypatch):
+    monkeypatch.setattr(os, "geteuid", lambda: 1000)
+    assert why_not() == "a lab needs root: it makes network namespaces"
+    monkeypatch.undo()
+    monkeypatch.setenv("PATH", "/nowhere")
+    assert why_not() == "ip is missing: install Debian's iproute2 (scripts/setup does)"
+
+
+def test_names_that_register_soon():
+    """The delays that a C library gives do not change from one start to the next."""
+    names = prompt_names(200)
+    assert len(set(names)) == 200 and names[:4] == ["4client", "23client", "95client", "96client"]
+    assert prompt_names(2, soon=0)[0] == "95client"

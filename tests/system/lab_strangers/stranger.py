@@ -1,0 +1,180 @@
+"""A discovery service that is not ours, on a host of the lab: it answers as the subject says."""
+
+import itertools
+
+from giop import (NIL, CollAttributes, CollectionDataIterator, CollectionType, Discovery,
+                  DiscoveryIterator, DiscoveryService, DiscoveryStatus, HangUp, RemoteWriter, Server,
+                  SystemException)
+
+PORT = 14400
+GARBAGE = b"\xff" * 100
+
+
+def no_memory():
+    return SystemException("IDL:omg.org/CORBA/NO_MEMORY:1.0", 7, "NO")
+
+
+class Stranger:
+    """Its service, its iterators and its writers. Whatever is asked is in `asked`.
+
+    A subject "PLACE_HOW" makes it go wrong at that place ("query", "page", "get", "data",
+    "put-collection", "put", "close", "release") in that way:
+
+        throw   NO_MEMORY                       hang-up  the connection ends
+        nil     no object                       garbage  bytes that are no such value
+        half    half a reply, then the end      huge     a sequence that claims 4 billion elements
+    """
+
+    def __init__(self, host, is_a=True, little=True):
+        self.asked = []
+        self._is_a = is_a
+        self._numbers = itertools.count()
+        self._server = Server(host.address, PORT, host.network, little)
+        self._server.add(b"DiscoveryService", DiscoveryService.TYPE_ID, self._service)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self._server.close()
+
+    def _object(self, kind, function):
+        key = b"object%d" % next(self._numbers)
+        return self._server.add(key, kind.TYPE_ID, function)
+
+    @staticmethod
+    def _wrong(place, subject):
+        """How the answer is made wrong; None when it is not."""
+        where, _, how = subject.partition("_")
+        if where != place:
+            return None
+        if how == "throw":
+            raise no_memory()
+        if how == "hang-up":
+            raise HangUp
+        if how == "half":
+            raise HangUp(b"GIOP\x01\x02\x01\x01\x80\x00\x00\x00" + bytes(20))
+        return {"garbage": lambda e: e.raw(GARBAGE),
+                "huge": lambda e: e.ulong(0xFFFFFFFF),
+                "nil": None}.get(how)
+
+    def _common(self, operation, arguments):
+        """What every object answers; None for operations of its own."""
+        if operation == "_non_existent":
+            return lambda e: e.boolean(False)
+        if operation == "_is_a":
+            arguments.string()
+            return lambda e: e.boolean(self._is_a)
+        return None
+
+    def _service(self, operation, arguments):
+        common = self._common(operation, arguments)
+        if common:
+            return common
+        self.asked.append(operation)
+        return {"queryDiscoveries": self._query, "getCollectionData": self._get,
+                "putCollection": self._put}[operation](arguments)
+
+    def _query(self, arguments):
+        arguments.ulong()
+        arguments.ulong()
+        arguments.string()
+        subject = arguments.string()
+        wrong = self._wrong("query", subject)
+        if wrong:
+            return wrong
+        if subject == "query_nil":
+            return NIL.encode
+        return self._object(DiscoveryIterator, self._records(subject)).encode
+
+    def _records(self, subject):
+        state = {"pages": 0}
+
+        def answer(operation, arguments):
+            common = self._common(operation, arguments)
+            if common:
+                return common
+            self.asked.append(operation)
+            if operation == "release":
+                self._wrong("release", subject)
+                return lambda e: None
+            state["pages"] += 1
+            # The first page is a good one, what is wrong comes in the second.
+            if state["pages"] > 1:
+                wrong = self._wrong("page", subject)
+                if wrong:
+                    return wrong
+            if subject == "page_endless":
+                return self._page(["s%d" % state["pages"]] * 9)
+            if subject == "page_nameless":
+                return self._page([""])
+            if subject == "page_odd":
+                return self._page([b"\xff\xfe not text", "a\nline"] if state["pages"] == 1 else [])
+            return self._page([subject] if state["pages"] == 1 else [])
+        return answer
+
+    @staticmethod
+    def _page(names):
+        def fill(encoder):
+            encoder.ulong(len(names))
+            for name in names:
+                Discovery(0, name, "a", 3, CollAttributes(CollectionType.CT_CONFIGURATION),
+                          "stranger", "DiscoveryService").encode(encoder)
+        return fill
+
+    def _get(self, arguments):
+        subject = Discovery.decode(arguments).subject
+        wrong = self._wrong("get", subject)
+        if wrong:
+            return wrong
+        if subject == "get_nil":
+            return lambda e: (e.ulong(DiscoveryStatus.DS_SUCCESS), NIL.encode(e))
+        data = self._object(CollectionDataIterator, self._data(subject))
+        return lambda e: (e.ulong(DiscoveryStatus.DS_SUCCESS), data.encode(e))
+
+    def _data(self, subject):
+        pages = iter({"data_large": [b"x" * 2049], "data_doubled": [b"x" * 2048],
+                      "data_empty": []}.get(subject, [b"12345678", b"9"]))
+        state = {"pages": 0}
+
+        def answer(operation, arguments):
+            common = self._common(operation, arguments)
+            if common:
+                return common
+            self.asked.append(operation)
+            if operation == "release":
+                self._wrong("release", subject)
+                return lambda e: None
+            state["pages"] += 1
+            if state["pages"] > 1:
+                wrong = self._wrong("data", subject)
+                if wrong:
+                    return wrong
+            page = b"12345678" if subject == "data_endless" else next(pages, b"")
+            return lambda e: e.octets(page)
+        return answer
+
+    def _put(self, arguments):
+        subject = Discovery.decode(arguments).subject
+        wrong = self._wrong("put-collection", subject)
+        if wrong:
+            return wrong
+        writer = NIL if subject == "put-collection_nil" else \
+            self._object(RemoteWriter, self._writer(subject))
+        status = DiscoveryStatus.DS_DATA_EXISTS if subject == "refused" else \
+            DiscoveryStatus.DS_SUCCESS
+        return lambda e: (e.ulong(status).ulonglong(0), writer.encode(e))
+
+    def _writer(self, subject):
+        def answer(operation, arguments):
+            common = self._common(operation, arguments)
+            if common:
+                return common
+            self.asked.append(operation)
+            wrong = self._wrong(operation, subject)
+            if wrong:
+                return wrong
+            if operation == "put":
+                return lambda e: e.boolean(subject != "put_false")
+            return lambda e: e.ulong(DiscoveryStatus.DS_SUCCESS).ulonglong(0)
+        return answer
