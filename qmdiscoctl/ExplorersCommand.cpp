@@ -44,7 +44,7 @@ std::string tableOf(const Json& explorers)
 Outcome runExplorers(Session& session)
 {
     const StatusDocument& status = session.status;
-    if (!session.target.local)
+    if (!session.options.host.empty() && !session.target.local)
         return Failure{EC_USAGE, "the explorers of " + escaped(session.target.host) +
                                      " are told on that host only"};
     if (!status.found)

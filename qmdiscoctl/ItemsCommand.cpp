@@ -58,9 +58,8 @@ class NamedItemSource : public Tlx::QuerySource
 
 bool matches(const Tlx::TlxQuery& filter, const Item& item)
 {
-    return item.fileSystem
-               ? filter.matches(Svc::FileSystemSource(item.host, *item.fileSystem))
-               : filter.matches(NamedItemSource(item));
+    return item.fileSystem ? filter.matches(Svc::FileSystemSource(item.host, *item.fileSystem))
+                           : filter.matches(NamedItemSource(item));
 }
 
 class Items
@@ -91,12 +90,12 @@ std::string orAny(const std::string& pattern)
 Outcome Items::read(Session& session)
 {
     const Options& options = session.options;
-    const Outcome outcome = session.research(
-        Svc::DQ_DISCOVERY_DATA, orAny(options.subject), orAny(options.authority),
-        options.filter.empty() ? nullptr : &m_parameters,
-        [this](Svc::CollectionItemIterator& items, const std::string& problem) {
-            take(items, problem);
-        });
+    const Outcome outcome =
+        session.research(Svc::DQ_DISCOVERY_DATA, orAny(options.subject), orAny(options.authority),
+                         options.filter.empty() ? nullptr : &m_parameters,
+                         [this](Svc::CollectionItemIterator& items, const std::string& problem) {
+                             take(items, problem);
+                         });
     std::sort(m_items.begin(), m_items.end());
     return outcome;
 }

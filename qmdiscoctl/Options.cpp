@@ -318,8 +318,9 @@ void Parser::addGet()
 
 void Parser::addResearch()
 {
-    CLI::App* items = addCommand("items", "List what was discovered: file systems, unless other "
-                                          "explorers are installed",
+    CLI::App* items = addCommand("items",
+                                 "List what was discovered: file systems, unless other "
+                                 "explorers are installed",
                                  "Discovered items", Command::ITEMS);
     addPatterns(items);
     addText(items, "--filter", m_options.filter, "EXPR",
@@ -380,7 +381,8 @@ std::string Parser::commandProblem(const CLI::ParseError& error) const
     const std::vector<std::string> unknown = m_app.remaining();
     return (unknown.empty() ? "a command is expected"
                             : "there is no command or option " + quoted(unknown.front())) +
-           "; the commands are put, query, get, items, clients, filters, status, explorers, refresh and stop";
+           "; the commands are put, query, get, items, clients, filters, status, explorers, "
+           "refresh and stop";
 }
 
 std::string Parser::givenTwice() const

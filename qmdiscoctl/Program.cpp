@@ -103,9 +103,8 @@ int run(const Options& options)
         .status = status,
         .localHost = config.localHostName(),
         .connect = [&connector](Failure& failure) { return connector.connect(failure); },
-        .research =
-            [&](auto query, const auto& subject, const auto& authority, auto* filter,
-                const auto& each) -> Outcome {
+        .research = [&](auto query, const auto& subject, const auto& authority, auto* filter,
+                        const auto& each) -> Outcome {
             // Why a service cannot be reached is known here, not there.
             Failure failure;
             if (!connector.connect(failure))

@@ -21,8 +21,8 @@ struct Record
     friend auto operator<=>(const Record&, const Record&) = default;
 };
 
-/// The whole list in an order of its own: the service's is that of its directory, which tells nobody
-/// anything. Frees the iterator.
+/// The whole list in an order of its own: the service's is that of its directory, which tells
+/// nobody anything. Frees the iterator.
 std::vector<Record> readList(RecordPages& pages, std::int32_t recordsPerPage);
 
 /// The whole data of a small record, and the iterator freed. False when there is more than the

@@ -118,9 +118,8 @@ Json documentOf(const Listing& listing)
                                           {"type", each.type},
                                           {"priority", each.priority}});
     for (const Unreadable& each : listing.unreadable)
-        document["unreadable"].push_back({{"subject", each.subject},
-                                          {"authority", each.authority},
-                                          {"reason", each.reason}});
+        document["unreadable"].push_back(
+            {{"subject", each.subject}, {"authority", each.authority}, {"reason", each.reason}});
     return document;
 }
 

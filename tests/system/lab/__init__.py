@@ -7,7 +7,8 @@ number of labs run beside each other. Needs root, and Debian's iproute2 and util
 
 from .host import Host
 from .lab import Lab, LabError
+from .loopback import LoopbackLab
 from .names import prompt_names
 from .rights import why_not
 
-__all__ = ["Host", "Lab", "LabError", "prompt_names", "why_not"]
+__all__ = ["Host", "Lab", "LabError", "LoopbackLab", "prompt_names", "why_not"]

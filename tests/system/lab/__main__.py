@@ -1,6 +1,7 @@
 """The lab's command line."""
 
 import argparse
+import json
 import os
 import pathlib
 import re
@@ -13,6 +14,7 @@ import harness
 
 from .keeper import KeeperError
 from .lab import Lab, LabError
+from .loopback import LoopbackLab
 from .names import prompt_names
 from .rights import why_not
 
@@ -49,7 +51,7 @@ def up(lab, options):
         raise LabError("%s is not built: run scripts/build first" % harness.program())
     lab.claim()
     try:
-        lab.make(prompt_names(options.clients))
+        lab.make(prompt_names(options.clients), config=options.config)
         say("%d hosts are there after %.1f s; starting their daemons"
             % (len(lab.hosts), time.monotonic() - began))
         lab.start_daemons()
@@ -97,13 +99,13 @@ def status(lab, _):
     return 0
 
 
-def down(lab, _):
+def down(lab, options):
     if not lab.directory.exists():
         raise LabError("there is no lab (%s)" % lab.directory)
-    killed = lab.down()
+    killed = lab.down(options.keep)
     for each in killed:
         say("%s had to be killed" % each)
-    say("nothing is left of it")
+    say("its files are left in %s" % lab.directory if options.keep else "nothing is left of it")
     return 1 if killed else 0
 
 
@@ -112,6 +114,13 @@ def count(text):
     if number < 0:
         raise ValueError
     return number
+
+
+def setting(text):
+    found = re.fullmatch(r"([^:=]+):([^:=]+)=(.*)", text)
+    if not found:
+        raise ValueError
+    return found.groups()
 
 
 def parse(arguments):
@@ -124,8 +133,13 @@ def parse(arguments):
         added = commands.add_parser(name, help=text, description=text)
         added.set_defaults(function=function)
         return added
-    command("up", up, "a master and N clients, with daemons that run").add_argument(
-        "clients", metavar="N", type=count)
+    added = command("up", up, "a master and N clients, with daemons that run")
+    added.add_argument("clients", metavar="N", type=count)
+    added.add_argument("--network", choices=("own", "loopback", "any"), default="own",
+                       help="a network for each host; or this machine's loopback for all, with "
+                            "nothing to cut; or the first where that can be made (own unless told)")
+    added.add_argument("--set", metavar="HOST:KEY=VALUE", type=setting, action="append", default=[],
+                       help="a line of a host's configuration; may be given again")
     added = command("exec", execute, "run a command on a host; qmdiscoctl there means that host")
     added.add_argument("host", metavar="HOST")
     added.add_argument("command", metavar="CMD", nargs=argparse.REMAINDER)
@@ -136,8 +150,12 @@ def parse(arguments):
     added.add_argument("host", metavar="HOST")
     added.add_argument("rate", metavar="RATE")
     command("status", status, "the hosts, their links and daemons")
-    command("down", down, "stop everything and leave nothing")
+    command("down", down, "stop everything and leave nothing").add_argument(
+        "--keep", action="store_true", help="leave the hosts' files, to look at")
     options = parser.parse_args(arguments)
+    options.config = {}
+    for host, key, value in getattr(options, "set", []):
+        options.config.setdefault(host, {})[key] = value
     if not re.fullmatch(r"[\w-]{1,40}", options.name):
         parser.error("the name of a lab has letters, digits, \"_\" and \"-\"")
     if options.function is execute and not options.command:
@@ -145,16 +163,32 @@ def parse(arguments):
     return options
 
 
+def kind_of(directory, network):
+    """What kind of lab there is, or is to be."""
+    try:
+        made = json.loads((directory / "lab.json").read_text(encoding="utf-8"))["kind"]
+        network = "loopback" if made == LoopbackLab.__name__ else "own"
+    except FileNotFoundError:
+        pass
+    if network == "loopback":
+        return LoopbackLab
+    reason = why_not()
+    if reason is None:
+        return Lab
+    if network == "own":
+        sys.exit("scripts/lab: " + reason)
+    say("all hosts share the loopback: " + reason)
+    return LoopbackLab
+
+
 def main():
     options = parse(sys.argv[1:])
-    reason = why_not()
-    if reason:
-        sys.exit("scripts/lab: " + reason)
+    directory = pathlib.Path(tempfile.gettempdir()) / ("quillmark-lab-" + options.name)
+    kind = kind_of(directory, getattr(options, "network", "own"))
     for number in SIGNALS:
         signal.signal(number, interrupt)
-    lab = Lab(pathlib.Path(tempfile.gettempdir()) / ("quillmark-lab-" + options.name))
     try:
-        return options.function(lab, options)
+        return options.function(kind(directory), options)
     except (LabError, KeeperError) as error:
         sys.exit("scripts/lab: %s" % error)
     except Interrupted as error:

@@ -12,13 +12,14 @@ LIBRARY = "libqmexplorer.so"
 class Host:
     """A name, an address, a product root, and the keeper of the namespaces once they are there."""
 
-    def __init__(self, directory, name, number, interface, master):
+    def __init__(self, directory, name, number, interface, master, more=None):
         self.name = name
         self.number = number
         self.interface = interface  # ADDRESS/PREFIX
         self.keeper = None
         self._path = directory / name
         self._master = master
+        self._more = more or {}  # keys of its configuration that differ
         self._root = None
 
     def __str__(self):
@@ -45,7 +46,8 @@ class Host:
         """Nothing but the master's name, unless told otherwise: port, host name and addresses are
         those of a real installation."""
         any_address = "[::]:14400" if ":" in self.address else None
-        return {"CLIENT_NAME": None, "SERVER": self._master, "LISTEN": any_address, **config}
+        return {"CLIENT_NAME": None, "SERVER": self._master, "LISTEN": any_address,
+                **self._more, **config}
 
     def configure(self, **config):
         self.root.configure(**self._config(**config))

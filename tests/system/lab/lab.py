@@ -32,11 +32,14 @@ class Lab:
     For one thread; a lab that one process made can be used by another.
     """
 
+    host_class = Host
+
     def __init__(self, directory):
         self.directory = pathlib.Path(directory)
         self._journal = process.Journal(self.directory / "processes")
         self._plan = self.directory / "lab.json"
         self._switch = None
+        self._config = {}
         self.hosts = {}
 
     def __enter__(self):
@@ -55,29 +58,25 @@ class Lab:
             raise LabError("there is a lab already (%s): take it down first"
                            % self.directory) from None
 
-    def make(self, clients, version=4, with_parent=False):
-        """Hosts without daemons: the master, and clients of these names."""
+    def make(self, clients, version=4, with_parent=False, config=None):
+        """Hosts without daemons: the master, and clients of these names. config: {host: {key:
+        value}} where a host's configuration differs from the others'."""
         names = list(clients)
         if len(names) > AT_MOST:
             raise LabError("at most %d clients fit on the bridge" % AT_MOST)
-        network = NETWORKS[version]
-        self._lay_out({name: "%s/%d" % (network[number + 1], network.prefixlen)
-                       for number, name in enumerate([MASTER, *names])})
+        self._config = config or {}
+        self._lay_out(self._addresses([MASTER, *names], version))
+        for name in self._config:
+            self.host(name)
         hosts_file = self.directory / "hosts"
         hosts_file.write_text("127.0.0.1 localhost\n::1 localhost\n" + "".join(
             "%s %s\n" % (host.address, host) for host in self.hosts.values()), encoding="utf-8")
         self._plan.write_text(json.dumps({
             "build": str(harness.program().parent.parent),
+            "kind": type(self).__name__,
             "hosts": {host.name: host.interface for host in self.hosts.values()}}),
             encoding="utf-8")
-        try:
-            self._switch = Keeper.start(self._noting("keeper", "-"), with_parent=with_parent)
-            for host in self.hosts.values():
-                host.keeper = Keeper.start(self._noting("keeper", host.name), host.name, hosts_file,
-                                           with_parent)
-            links.make_bridge(self._switch, self.hosts.values())
-        except KeeperError as error:
-            raise LabError(str(error)) from None
+        self._join(hosts_file, with_parent)
         return self
 
     def find(self):
@@ -86,6 +85,28 @@ class Lab:
             self._lay_out(json.loads(self._plan.read_text(encoding="utf-8"))["hosts"])
         except FileNotFoundError:
             raise LabError("there is no lab (%s)" % self.directory) from None
+        self._rejoin()
+        return self
+
+    def _addresses(self, names, version):
+        """{name: ADDRESS/PREFIX}"""
+        network = NETWORKS[version]
+        return {name: "%s/%d" % (network[number + 1], network.prefixlen)
+                for number, name in enumerate(names)}
+
+    def _join(self, hosts_file, with_parent):
+        """Makes the hosts' namespaces, and the bridge between them."""
+        try:
+            self._switch = Keeper.start(self._noting("keeper", "-"), with_parent=with_parent)
+            for host in self.hosts.values():
+                host.keeper = Keeper.start(self._noting("keeper", host.name), host.name, hosts_file,
+                                           with_parent)
+            links.make_bridge(self._switch, self.hosts.values())
+        except KeeperError as error:
+            raise LabError(str(error)) from None
+
+    def _rejoin(self):
+        """Finds the namespaces that somebody has made."""
         keepers = self._journal.running("keeper")
         for name in ["-", *self.hosts]:
             if name not in keepers:
@@ -94,10 +115,10 @@ class Lab:
         self._switch = Keeper(keepers["-"])
         for host in self.hosts.values():
             host.keeper = Keeper(keepers[host.name])
-        return self
 
     def _lay_out(self, interfaces):
-        self.hosts = {name: Host(self.directory, name, number, interface, MASTER)
+        self.hosts = {name: self.host_class(self.directory, name, number, interface, MASTER,
+                                            self._config.get(name))
                       for number, (name, interface) in enumerate(interfaces.items())}
 
     def _noting(self, kind, name):
@@ -167,16 +188,17 @@ class Lab:
 
     # Its end.
 
-    def down(self):
+    def down(self, keep=False):
         """Ends what is left of it, in order: commands, daemons, the hosts themselves; whatever
-        state it is in. Answers what had to be killed."""
+        state it is in. keep: the hosts' files stay. Answers what had to be killed."""
         killed = self._end("command", self._journal.running("command"))
         # One that was being started when `up` was killed may appear meanwhile.
         while daemons := {**self.daemons(), **process.daemons_under(self.directory)}:
             killed += self._end("daemon", daemons)
         killed += self._end("keeper", self._journal.running("keeper"), signal.SIGKILL)
-        with contextlib.suppress(FileNotFoundError):
-            shutil.rmtree(self.directory)
+        if not keep:
+            with contextlib.suppress(FileNotFoundError):
+                shutil.rmtree(self.directory)
         return killed
 
     @staticmethod

@@ -17,27 +17,81 @@ namespace {
 using testing::HasSubstr;
 using Lines = std::vector<std::string>;
 
+/// The bytes of a discovery.
+class Bytes : public Svc::CollectionData
+{
+  public:
+    explicit Bytes(std::string text) : m_text(std::move(text)) {}
+    bool open(Svc::OpenMode, const char*) override { return true; }
+    std::size_t readCollection(std::size_t length, void* buffer) const override
+    {
+        const std::size_t count = m_text.copy(static_cast<char*>(buffer), length, m_position);
+        m_position += count;
+        return count;
+    }
+    bool writeCollection(std::size_t, const void*) const override { return false; }
+
+  private:
+    const std::string m_text;
+    mutable std::size_t m_position = 0;
+};
+
+class ReadBack : public Svc::Discovery
+{
+  public:
+    explicit ReadBack(const std::string& text) : Discovery(new Bytes(text), Svc::DQ_DISCOVERY_DATA)
+    {
+    }
+    Svc::DiscoveryResult persist() override { return {Svc::DS_OPEN_FAILED, 0}; }
+    Svc::DiscoveryResult open(Svc::OpenMode, const char*) override { return {Svc::DS_SUCCESS, 0}; }
+};
+
+/// Yields one discovery.
+class One : public Svc::DiscoveryIterator
+{
+  public:
+    explicit One(Svc::Discovery* discovery)
+        : DiscoveryIterator(Svc::AT_ANYANDALL, "*", "*"), m_discovery(discovery)
+    {
+    }
+    Svc::Discovery* getNext() override { return m_discovery.release(); }
+
+  private:
+    Tlx::AutoDereference<Svc::Discovery> m_discovery;
+};
+
 /// A discovery that a researcher reads back.
 struct Discovered
 {
     std::string in; ///< the subject asked for; empty: any
     std::string subject;
     std::string authority;
-    std::vector<std::string> names = {}; ///< of its items
+    std::string document = "<DiscoveredItems></DiscoveredItems>";
     std::string problem = {};
 
     void hand(const EachDiscovery& each) const
     {
-        auto list = std::make_unique<Svc::CollectionItemList>();
-        for (const std::string& name : names)
-            list->emplace_back(new Svc::DiscoveredItem(name));
+        Tlx::AutoDereference<Svc::Discovery> discovery(new ReadBack(document));
+        discovery->setSubject(new Svc::Subject(subject));
+        if (!authority.empty())
+            discovery->setAuthority(new Svc::Authority(authority, Svc::AT_EXTSRC));
+        const Tlx::AutoDereference<One> one(new One(discovery.release()));
+        const Tlx::AutoDereference<Svc::AuthSubIterator> all(new Svc::AuthSubIterator(one.get()));
         const Tlx::AutoDereference<Svc::CollectionItemIterator> items(
-            new Svc::CollectionItemIterator(
-                authority.empty() ? nullptr : new Svc::Authority(authority, Svc::AT_EXTSRC),
-                new Svc::Subject(subject), list.release(), problem.empty()));
+            all->getNextCollectionItemIterator(nullptr));
         each(*items, problem);
     }
 };
+
+/// A document of one file system.
+std::string fileSystem(const std::string& mount, const std::string& type, const std::string& size)
+{
+    return "<DiscoveredItems><DISCOVERED Name=\"" + mount +
+           "\"><ExplorerData Name=\"FileSystems\"><Device>/dev/x</Device><Type>" + type +
+           "</Type><Options>rw</Options><Size>" + size +
+           "</Size><Used>1024</Used><ReadOnly>0</ReadOnly></ExplorerData></DISCOVERED>"
+           "</DiscoveredItems>";
+}
 
 /// What the service of the test is told to answer, and what it was asked.
 struct Script
@@ -453,7 +507,7 @@ TEST_F(CtlCommandsTest, ClientsAreWhoTellsWhatCanBeFilteredBy)
 {
     script.discovered = {{"volume", "volume", "win1"},
                          {"filesystem", "filesystem", "linä"},
-                         {"filesystem", "filesystem", "lin1", {}, "cannot be parsed"},
+                         {"filesystem", "filesystem", "lin1", "no document", "cannot be parsed"},
                          {"filesystem", "filesystem", ""},
                          {"filesystem", "filesystem", "win1"}};
     EXPECT_EQ(run(Command::CLIENTS), Outcome());
@@ -471,6 +525,83 @@ TEST_F(CtlCommandsTest, AClientListThatFailsIsNone)
     script.researchFails = Failure{EC_UNREACHABLE, "no"};
     EXPECT_EQ(run(Command::CLIENTS), (Failure{EC_UNREACHABLE, "no"}));
     EXPECT_EQ(out.text, "");
+}
+
+TEST_F(CtlCommandsTest, ItemsAreATableOfWhatWasReadAndLinesOfWhatWasNot)
+{
+    options.subject = "";
+    options.authority = "h*";
+    script.discovered = {{"", "h2/now", "h2", fileSystem("/\x7f", "xfs", "2048")},
+                         {"", "text", "h1", "no document", "it is none"},
+                         {"", "h1", "h1", fileSystem("/home", "ext4", "1099511627776")},
+                         {"", "h1", "h1",
+                          "<DiscoveredItems><DISCOVERED Name=\"thing\"></DISCOVERED><DISC",
+                          "broken"},
+                         {"", "filesystem", "h1", "<FilterData></FilterData>"}};
+    EXPECT_EQ(run(Command::ITEMS), Outcome());
+    EXPECT_EQ(script.calls, Lines{"research 1 * h*"});
+    EXPECT_EQ(out.text, "HOST  MOUNT  DEVICE  TYPE  SIZE     USED     RECORD\n"
+                        "h1    /home  /dev/x  ext4  1.0 TiB  1.0 KiB  h1\n"
+                        "h1    thing  -       -     -        -        h1\n"
+                        "h2    /\\x7f  /dev/x  xfs   2.0 KiB  1.0 KiB  h2/now\n"
+                        "not read: text of h1: it is none\n"
+                        "not read: h1 of h1: broken\n");
+}
+
+TEST_F(CtlCommandsTest, AFilterIsHandedOnAndAppliedToWhatArrives)
+{
+    options.json = true;
+    options.subject = "*";
+    options.authority = "";
+    script.discovered = {
+        {"", "h1", "h1", fileSystem("/", "xfs", "2048")},
+        {"", "h1", "h1", fileSystem("/home", "ext4", "4096")},
+        {"", "h1", "h1",
+         "<DiscoveredItems><DISCOVERED Name=\"/\"></DISCOVERED></DiscoveredItems>"}};
+    options.filter = "size > 1K and mount = \"/home\"";
+    EXPECT_EQ(run(Command::ITEMS), Outcome());
+    EXPECT_EQ(script.calls, Lines{"research 1 * * size > 1K and mount = \"/home\""});
+    const Json expected = Json::parse(R"({"host": "h1", "subject": "h1", "name": "/home",
+        "explorer": "FileSystems", "device": "/dev/x", "type": "ext4", "options": "rw",
+        "readOnly": false, "size": 4096, "used": 1024})");
+    EXPECT_EQ(Json::parse(out.text),
+              (Json{{"items", Json::array({expected})}, {"unread", Json::array()}}));
+
+    out.text.clear();
+    options.filter = "mount = \"/\" and not size > 0"; // of the item that is no file system
+    EXPECT_EQ(run(Command::ITEMS), Outcome());
+    const Json items = Json::parse(out.text)["items"];
+    ASSERT_EQ(items.size(), 1u);
+    EXPECT_EQ(items[0], (Json{{"host", "h1"}, {"subject", "h1"}, {"name", "/"}, {"explorer", ""}}));
+}
+
+TEST_F(CtlCommandsTest, FiltersAreMergedFromAllHosts)
+{
+    script.discovered = {
+        {"volume", "volume", "w1",
+         "<FilterData><QueryDescription><Field Name=\"label\" Type=\"text\"></Field>"
+         "</QueryDescription></FilterData>"},
+        {"filesystem", "filesystem", "h1",
+         "<FilterData><QueryDescription><Field Name=\"size\" Type=\"bytes\">"
+         "<Description>how much</Description></Field></QueryDescription></FilterData>"},
+        {"filesystem", "filesystem", "h2",
+         "<FilterData><QueryDescription><Field Name=\"size\" Type=\"bytes\"></Field>"
+         "<Field Name=\"kind\" Type=\"text\"><Value>a</Value><Value>b</Value></Field>"
+         "</QueryDescription></FilterData>"}};
+    EXPECT_EQ(run(Command::FILTERS), Outcome());
+    EXPECT_EQ(out.text, "FIELD  TYPE   VALUES  DESCRIPTION\n"
+                        "label  text   any     -\n"
+                        "size   bytes  any     how much\n"
+                        "kind   text   a, b    -\n");
+    out.text.clear();
+    options.json = true;
+    EXPECT_EQ(run(Command::FILTERS), Outcome());
+    EXPECT_EQ(
+        Json::parse(out.text)["filters"][2],
+        (Json{{"field", "kind"}, {"type", "text"}, {"values", {"a", "b"}}, {"description", ""}}));
+    script.researchFails = Failure{EC_UNREACHABLE, "no"};
+    EXPECT_EQ(run(Command::FILTERS)->code, EC_UNREACHABLE);
+    EXPECT_EQ(run(Command::ITEMS)->code, EC_UNREACHABLE);
 }
 
 /// What the master keeps of another host's explorer.
@@ -526,8 +657,9 @@ TEST_F(CtlCommandsTest, RegisteredClientsAsJsonNameWhatCannotBeRead)
         EXPECT_EQ(run(Command::CLIENTS), Outcome());
         const Json document = Json::parse(out.text);
         EXPECT_EQ(document["registered"], Json::array());
-        EXPECT_EQ(document["unreadable"],
-                  (Json::array({{{"subject", "cl0"}, {"authority", "srv\x1b"}, {"reason", reason}}})));
+        EXPECT_EQ(
+            document["unreadable"],
+            (Json::array({{{"subject", "cl0"}, {"authority", "srv\x1b"}, {"reason", reason}}})));
     }
     out.text.clear();
     script.status = Svc::DS_OPEN_FAILED;
@@ -625,8 +757,11 @@ TEST_F(CtlCommandsTest, ExplorersThatAreNotToldOf)
 {
     status.path = "/root/run/status.json";
     target.local = false;
+    options.host = "backup1";
     EXPECT_EQ(run(Command::EXPLORERS),
               (Failure{EC_USAGE, "the explorers of backup1 are told on that host only"}));
+    options.host = "";
+    EXPECT_EQ(run(Command::EXPLORERS)->code, EC_UNREACHABLE) << "this host's own are meant";
     target.local = true;
     status.found = false;
     EXPECT_EQ(run(Command::EXPLORERS),

@@ -100,6 +100,8 @@ TEST(CtlOptionsTest, AWrongLineIsOneLine)
     EXPECT_THAT(refusal({"status", "--host", "a b"}),
                 HasSubstr("HOST, HOST:PORT or [IPV6]:PORT is expected, not \"a b\""));
     EXPECT_THAT(refusal({"get", "a"}), HasSubstr("AUTHORITY"));
+    EXPECT_THAT(refusal({"items", "--filter", "size > >"}),
+                HasSubstr("--filter: column 8: expected a value, found \">\""));
     EXPECT_THAT(refusal({"status", "--root", ""}),
                 HasSubstr("a directory is expected, not an empty name"));
 }
