@@ -1,5 +1,9 @@
 """A lab for a test: hosts whose daemons the test starts, watches and stops."""
 
+import contextlib
+import pathlib
+import signal
+
 import harness
 
 from .names import prompt_names
@@ -61,6 +65,22 @@ class Stage:
         return self.daemon(host).client(**options)
 
 
+@contextlib.contextmanager
+def frozen(stage, host):
+    """Its daemon, while this lasts."""
+    daemon = stage.daemon(host)
+    daemon.send(signal.SIGSTOP)
+
+    def stopped():
+        tasks = pathlib.Path("/proc/%d/task" % daemon.pid).glob("*/stat")
+        return {task.read_text().rpartition(")")[2].split()[0] for task in tasks} == {"T"}
+    try:
+        harness.wait_for(stopped, "every thread has stopped")
+        yield
+    finally:
+        daemon.send(signal.SIGCONT)
+
+
 def wait_for_text(host, text, times=1):
     """Waits until the host's log tells of something so many times."""
     def told():
@@ -74,16 +94,17 @@ def wait_until_registered(host, times=1):
 
 
 def wait_until_pushed(host, master):
-    """Waits until the host says that its explorer has pushed, and the master's store has it."""
+    """Waits until the host says that its explorers have pushed, and the master's store has it."""
     def said():
-        return [each for each in host.root.status().get("explorers", [])
-                if each["kind"] == "push" and each["outcome"] == "pushed"]
+        outcomes = [each["outcome"] for each in host.root.status().get("explorers", [])
+                    if each["kind"] == "push"]
+        return outcomes and set(outcomes) == {"pushed"}
     harness.wait_for(said, "%s has pushed" % host)
     wait_until_stored(host, master)
 
 
-def wait_until_stored(host, master):
-    """Waits until the master's store has what the host's explorer pushes; the host may not have been
-    told yet."""
-    name = "3 %s %s.xml" % (host, host)
+def wait_until_stored(host, master, subject=None):
+    """Waits until the master's store has what the host's explorer pushes under a subject (its own
+    name unless told); the host may not have been told yet."""
+    name = "3 %s %s.xml" % (host, subject or host)
     harness.wait_for(lambda: name in master.root.files(), "the push of %s is stored" % host)

@@ -1,14 +1,11 @@
 """Hosts that accept and never answer: a lookup of theirs ends after 5 seconds, a request after 30."""
 
-import contextlib
-import pathlib
-import signal
 import time
 from concurrent.futures import ThreadPoolExecutor
 
 import harness
 from giop import DiscoveryStatus
-from lab.stage import wait_for_text, wait_until_pushed
+from lab.stage import frozen, wait_for_text, wait_until_pushed
 from records import ANY, SUCCESS, get, open_writer, put, query, record, subjects
 
 REQUEST_LIMIT = 30
@@ -16,22 +13,6 @@ LOOKUP_LIMIT = 5
 # What a busy machine may add; an instrumented program on it, too.
 SLACK = 10
 SLOW = "64kbit"
-
-
-@contextlib.contextmanager
-def frozen(stage, host):
-    """Its daemon, while this lasts."""
-    daemon = stage.daemon(host)
-    daemon.send(signal.SIGSTOP)
-
-    def stopped():
-        tasks = pathlib.Path("/proc/%d/task" % daemon.pid).glob("*/stat")
-        return {task.read_text().rpartition(")")[2].split()[0] for task in tasks} == {"T"}
-    try:
-        harness.wait_for(stopped, "every thread has stopped")
-        yield
-    finally:
-        daemon.send(signal.SIGCONT)
 
 
 def seconds_since(moment):

@@ -1,0 +1,80 @@
+"""The master has every host push again: those that hear it, that are gone, that hang."""
+
+import contextlib
+import time
+
+import harness
+from lab.stage import frozen, wait_for_text, wait_until_stored
+
+LOOKUP_LIMIT = 5
+SLACK = 10
+RESTARTING = "Restarting push timers on client: %s"
+TRIGGERED = "triggering push in "
+NOT_REACHED = "Failed to connect to client discovery service"
+ABORTED = "qmdisco shutting down, aborting refresh task"
+
+
+def build(stage, clients):
+    """Hosts whose filters the master knows: that is what makes them clients to be refreshed."""
+    stage.build(clients).start_all()
+    for host in (stage.master, *stage.clients):
+        wait_until_stored(host, stage.master, "filesystem")
+    return sorted(stage.clients, key=str)
+
+
+def refreshed(log):
+    """The hosts in the order in which the master turned to them."""
+    begin = RESTARTING % ""
+    return [text.removeprefix(begin) for text in log.texts(level=4) if text.startswith(begin)]
+
+
+def test_a_refresh_reaches_every_host(stage):
+    clients = build(stage, 2)
+    logs = {host: host.root.log() for host in (stage.master, *clients)}
+    assert stage.service(stage.master).restartAllPushTimers() is True
+
+    def all_heard():
+        return all(any(text.startswith(TRIGGERED) for text in log.texts(level=4))
+                   for log in logs.values())
+    harness.wait_for(all_heard, "each has its push timer restarted")
+    assert refreshed(logs[stage.master]) == [*map(str, clients), "master"]
+    assert logs[stage.master].failures("../DiscoveryRepository") == []
+    # By the command line as well, from any host.
+    assert clients[0].ctl("clients").split() == ["CLIENT", *map(str, clients), "master"]
+    assert "started by the discovery service on master" in clients[0].ctl("refresh", "--all")
+    harness.wait_for(lambda: len(refreshed(logs[stage.master])) == 6, "it goes round again")
+
+
+def test_hosts_that_are_down_or_hang_are_passed_over(stage):
+    down, hangs, hears = build(stage, 3)
+    assert stage.daemon(down).stop() == 0
+    log, heard = stage.master.root.log(), hears.root.log()
+    service = stage.service(stage.master)
+    with frozen(stage, hangs):
+        assert service.restartAllPushTimers() is True
+        harness.wait_for(lambda: len(refreshed(log)) == 2, "it waits for the one that hangs")
+        assert service.restartAllPushTimers() is False, "one is running"
+        harness.wait_for(lambda: any(text.startswith(TRIGGERED) for text in heard.texts(level=4)),
+                         "the one behind it is reached")
+    harness.wait_for(lambda: refreshed(log) == [*map(str, (down, hangs, hears)), "master"],
+                     "all had their turn")
+    assert log.failures("../DiscoveryRepository").count(NOT_REACHED) == 2
+
+    def again():
+        return service.restartAllPushTimers()
+    harness.wait_for(again, "the next refresh starts")
+
+
+def test_a_stop_in_the_middle_waits_for_one_host_only(stage):
+    first, *_ = build(stage, 2)
+    log = stage.master.root.log()
+    with contextlib.ExitStack() as hanging:
+        for client in stage.clients:
+            hanging.enter_context(frozen(stage, client))
+        assert stage.service(stage.master).restartAllPushTimers() is True
+        wait_for_text(stage.master, RESTARTING % first)
+        began = time.monotonic()
+        assert stage.daemon(stage.master).stop() == 0
+        assert time.monotonic() - began <= LOOKUP_LIMIT + SLACK
+    assert refreshed(log) == [str(first)]
+    assert log.failures("../DiscoveryRepository")[-1] == ABORTED
