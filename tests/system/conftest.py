@@ -45,12 +45,14 @@ def service(daemon):
 
 @pytest.fixture
 def stage(tmp_path):
-    """A lab that is not built yet; its daemons are ended and its hosts gone afterwards."""
+    """A lab that is not built yet; its daemons are stopped and its hosts gone afterwards."""
     reason = why_not()
     if reason:
         pytest.skip(reason)
     with Lab(tmp_path / "lab") as lab, harness.Daemons() as daemons:
-        yield Stage(lab, daemons)
+        made = Stage(lab, daemons)
+        yield made
+        made.stop_all()
 
 
 @pytest.hookimpl(hookwrapper=True)

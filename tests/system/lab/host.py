@@ -43,8 +43,8 @@ class Host:
         return self._root
 
     def _config(self, **config):
-        """Nothing but the master's name, unless told otherwise: port, host name and addresses are
-        those of a real installation."""
+        """The master's name and a log that tells of progress, unless told otherwise: port, host name
+        and addresses are those of a real installation."""
         any_address = "[::]:14400" if ":" in self.address else None
         return {"CLIENT_NAME": None, "SERVER": self._master, "LISTEN": any_address,
                 **self._more, **config}

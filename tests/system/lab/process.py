@@ -79,8 +79,7 @@ def _wait(pids, started, limit):
     deadline = time.monotonic() + limit
     while pids and time.monotonic() < deadline:
         time.sleep(0.02)
-        pids = [pid for pid in pids if start_time(pid) == started[pid] is not None and
-                not _reaped(pid)]
+        pids = [pid for pid in pids if not _reaped(pid) and start_time(pid) == started[pid]]
     return pids
 
 

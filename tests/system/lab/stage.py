@@ -56,6 +56,14 @@ class Stage:
         for host in self.clients:
             wait_until_registered(host)
 
+    def stop_all(self):
+        """Stops what still runs, in order; an instrumented daemon then tells of what it has lost."""
+        running = [daemon for daemon in self._running.values() if daemon.is_running()]
+        for daemon in running:
+            daemon.send(signal.SIGTERM)
+        codes = {str(daemon): daemon.wait() for daemon in running}
+        assert set(codes.values()) <= {0}, codes
+
     def daemon(self, host):
         """The one that was started last."""
         return self._running[host.name]
