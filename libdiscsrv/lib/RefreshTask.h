@@ -39,8 +39,8 @@ class DiscoveriesThreadMgr
     /// is shutting down.
     bool restartAllPushTimers();
     std::size_t getRunningThreads() const;
-    /// Waits until no thread is left; each looks at the repository's end before each client, so this
-    /// takes one client's time limits at most.
+    /// Waits until no thread is left; each looks at the repository's end before each client, so
+    /// this takes one client's time limits at most.
     void wait();
 
   private:

@@ -84,11 +84,10 @@ struct RefreshTaskTest : testing::Test
     FakePeer broken{FakePeer::BROKEN};
     FakePeer stranger{FakePeer::STRANGER};
     SilentPeer silent;
-    QmTest::Service service{"SERVER = localhost\nENDPOINT.peer = " + peer.endpoint +
-                            "\nENDPOINT.broken = " + broken.endpoint +
-                            "\nENDPOINT.stranger = " + stranger.endpoint +
-                            "\nENDPOINT.silent = " + silent.endpoint +
-                            "\nENDPOINT.gone = 127.0.0.1:1\n"};
+    QmTest::Service service{
+        "SERVER = localhost\nENDPOINT.peer = " + peer.endpoint +
+        "\nENDPOINT.broken = " + broken.endpoint + "\nENDPOINT.stranger = " + stranger.endpoint +
+        "\nENDPOINT.silent = " + silent.endpoint + "\nENDPOINT.gone = 127.0.0.1:1\n"};
 };
 
 TEST_F(RefreshTaskTest, EachClientInOrderIsAskedAndOneThatCannotIsPassedOver)
@@ -98,15 +97,14 @@ TEST_F(RefreshTaskTest, EachClientInOrderIsAskedAndOneThatCannotIsPassedOver)
     const LogCapture log;
     EXPECT_TRUE(threads().restartAllPushTimers());
     threads().wait();
-    EXPECT_EQ(told(log),
-              (Lines{"4 Restarting push timers on client: broken",
-                     "1 Caught CORBA exception connecting to remote service",
-                     "1 NO_MEMORY (minor 0x00000000, COMPLETED_NO)",
-                     "4 Restarting push timers on client: gone",
-                     "1 Failed to connect to client discovery service",
-                     "4 Restarting push timers on client: peer",
-                     "4 Restarting push timers on client: stranger",
-                     "1 Failed to connect to client discovery service"}));
+    EXPECT_EQ(told(log), (Lines{"4 Restarting push timers on client: broken",
+                                "1 Caught CORBA exception connecting to remote service",
+                                "1 NO_MEMORY (minor 0x00000000, COMPLETED_NO)",
+                                "4 Restarting push timers on client: gone",
+                                "1 Failed to connect to client discovery service",
+                                "4 Restarting push timers on client: peer",
+                                "4 Restarting push timers on client: stranger",
+                                "1 Failed to connect to client discovery service"}));
     Remote::Discovery record{};
     record.subject = "log";
     record.authority = "a";
