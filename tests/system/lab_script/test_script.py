@@ -191,3 +191,31 @@ def test_names_that_register_soon():
     names = prompt_names(200)
     assert len(set(names)) == 200 and names[:4] == ["4client", "23client", "95client", "96client"]
     assert prompt_names(2, soon=0)[0] == "95client"
+
+
+def test_hosts_that_share_the_loopback(script):
+    """Where no namespaces can be made; a key of one host's configuration differs."""
+    [client] = prompt_names(1)
+    script("up", "1", "--network", "loopback", "--set", "master:FILESYSTEM_PULL=FALSE")
+    assert script.links() == {"master": "loopback", client: "loopback"}
+    assert "FILESYSTEM_PULL = FALSE\n" in (script.lab() / "master" / "etc" / "qm.conf").read_text()
+
+    def registered():
+        return client in script("exec", "master", "qmdiscoctl", "clients", "--registered")
+    harness.wait_for(registered, "the client has registered")
+    assert script("cut", client, code=1) == \
+        "scripts/lab: %s has no link of its own on the loopback\n" % client
+    noted = script.noted()
+    assert len(running(noted)) == 2
+    script("down", "--keep")
+    assert running(noted) == []
+    assert (script.lab() / client / "logs" / "qmdisco.log").exists()
+
+
+@pytest.mark.parametrize("setting,told", [
+    ("nobody:LOG_LEVEL=1", "there is no host nobody; there are: master 4client"),
+    ("LOG_LEVEL=1", "invalid setting value: 'LOG_LEVEL=1'")])
+def test_a_setting_that_means_nothing_is_refused(script, setting, told):
+    code = 2 if "invalid" in told else 1
+    assert told in script("up", "1", "--set", setting, code=code)
+    assert not script.lab().exists()

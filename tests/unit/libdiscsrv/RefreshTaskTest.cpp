@@ -142,6 +142,19 @@ TEST_F(RefreshTaskTest, WithoutClientsNothingHappens)
     threads().wait();
 }
 
+TEST_F(RefreshTaskTest, TheListOfClientsEndsWithTheService)
+{
+    client("peer");
+    EXPECT_EQ(getDiscoveryRepository()->getDiscoveredClientList(), std::set<TlxString>{"peer"});
+    getDiscoveryRepository()->shutdown();
+    EXPECT_EQ(getDiscoveryRepository()->getDiscoveredClientList(), std::set<TlxString>{});
+    const LogCapture log;
+    RefreshDiscoveryTask(*getDiscoveryRepository()).svc();
+    EXPECT_EQ(told(log), Lines{});
+    const AssertionCapture expected; // the fixture's stop is the second
+    service.stop();
+}
+
 TEST_F(RefreshTaskTest, WhileARefreshRunsAnotherIsRefused)
 {
     client("silent");
