@@ -325,6 +325,10 @@ std::string found(std::string_view text, std::size_t byte)
         return "the end of the text";
     if (text.front() == '"' || text.front() == '\'')
         return "a quotation mark";
+    if (text.front() == '\r' || text.front() == '\n')
+        return "a line break"; // a mistake is told in one line
+    if (text.front() == ' ' || text.front() == '\t')
+        return "a blank";
     const std::size_t end = text.find_first_of(" \t\r\n\"'()=!<>");
     const std::string_view word = text.substr(0, end == 0 ? 1 : end);
     std::size_t shown = 0;

@@ -459,6 +459,15 @@ TEST(QueryMistakeTest, AnEscapeIsUnknown)
               "column 13: expected one of \" ' \\ n r t after \"\\\", found the end of the text");
 }
 
+TEST(QueryMistakeTest, WhatIsFoundIsTellableOnOneLine)
+{
+    const std::string expected = "column 12: expected one of \" ' \\ n r t after \"\\\", found ";
+    EXPECT_EQ(mistake("fstype = \"\\\n\""), expected + "a line break");
+    EXPECT_EQ(mistake("fstype = \"\\\r\""), expected + "a line break");
+    EXPECT_EQ(mistake("fstype = \"\\\t\""), expected + "a blank");
+    EXPECT_EQ(mistake("fstype = \"\\ \""), expected + "a blank");
+}
+
 TEST(QueryMistakeTest, ANumberIsNone)
 {
     const std::string expected = "expected a number, as 10, 1.5G or 90% (a text that begins so "
@@ -510,7 +519,8 @@ TEST(QueryMistakeTest, WhatNoXmlCanCarryIsRefusedWhereverItStands)
 
 TEST(QueryMistakeTest, AMistakeIsOneLine)
 {
-    for (const char* text : {"local \n\n and \r )", "size > \"a\nb", "size >\n10\t20"})
+    for (const char* text :
+         {"local \n\n and \r )", "size > \"a\nb", "size >\n10\t20", "size = \"\\\n\""})
         EXPECT_EQ(mistake(text).find_first_of("\r\n\t"), std::string::npos) << text;
 }
 
