@@ -6,6 +6,7 @@
 
 #include "Commands.h"
 #include "Text.h"
+#include "Unread.h"
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
@@ -40,7 +41,7 @@ Json documentOf(const Tlx::TlxQuery& query)
                           {"type", toText(field.type)},
                           {"values", valuesOf(field)},
                           {"description", field.description.utf8()}});
-    return {{"filters", fields}};
+    return fields;
 }
 
 } // namespace
@@ -48,13 +49,16 @@ Json documentOf(const Tlx::TlxQuery& query)
 Outcome runFilters(Session& session)
 {
     Tlx::TlxQuery query;
-    const auto add = [&query](Svc::CollectionItemIterator& items, const std::string&) {
+    std::vector<Unread> unread;
+    const auto add = [&](Svc::CollectionItemIterator& items, const std::string& problem) {
+        noteUnread(items, problem, unread);
         Svc::mergeDescriptions(query, items);
     };
     for (const char* subject : Svc::CLIENT_SUBJECTS)
         if (Outcome failed = session.research(Svc::DQ_FILTER_DATA, subject, "*", nullptr, add))
             return failed;
-    return answer(session, tableOf(query), documentOf(query));
+    return answer(session, tableOf(query) + textOf(unread),
+                  {{"filters", documentOf(query)}, {"unread", documentOf(unread)}});
 }
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

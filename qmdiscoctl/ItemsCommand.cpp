@@ -11,6 +11,7 @@
 
 #include "Commands.h"
 #include "Text.h"
+#include "Unread.h"
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
@@ -28,14 +29,6 @@ struct Item
     {
         return std::tie(a.host, a.name, a.subject) < std::tie(b.host, b.name, b.subject);
     }
-};
-
-/// A record that was not read, or not to its end.
-struct Unread
-{
-    std::string subject;
-    std::string authority;
-    std::string reason;
 };
 
 /// An item of which only the name is understood.
@@ -104,8 +97,7 @@ void Items::take(Svc::CollectionItemIterator& items, const std::string& problem)
 {
     const std::string subject = items.getSubject() ? items.getSubject()->getSubject().utf8() : "";
     const std::string host = items.getAuthority() ? items.getAuthority()->getName().utf8() : "";
-    if (!items.isParsed())
-        m_unread.push_back({subject, host, problem});
+    noteUnread(items, problem, m_unread);
     while (Svc::CollectionItem* next = items.getNextCollectionItem()) {
         const Tlx::AutoDereference<Svc::CollectionItem> held(next);
         const auto* discovered = dynamic_cast<const Svc::DiscoveredItem*>(next);
@@ -136,11 +128,7 @@ std::string Items::text() const
         rows.push_back({item.host, item.name, fileSystem.device, fileSystem.type,
                         sizeText(fileSystem.size), sizeText(fileSystem.used), item.subject});
     }
-    std::string text = formatTable(rows);
-    for (const Unread& each : m_unread)
-        text += "not read: " + escaped(each.subject) + " of " + escaped(each.authority) + ": " +
-                each.reason + "\n";
-    return text;
+    return formatTable(rows) + textOf(m_unread);
 }
 
 Json numberOrNull(const std::optional<std::uint64_t>& number)
@@ -150,7 +138,7 @@ Json numberOrNull(const std::optional<std::uint64_t>& number)
 
 Json Items::document() const
 {
-    Json document = {{"items", Json::array()}, {"unread", Json::array()}};
+    Json document = {{"items", Json::array()}, {"unread", documentOf(m_unread)}};
     for (const Item& item : m_items) {
         Json entry = {{"host", item.host},
                       {"subject", item.subject},
@@ -165,9 +153,6 @@ Json Items::document() const
                           {"used", numberOrNull(item.fileSystem->used)}});
         document["items"].push_back(entry);
     }
-    for (const Unread& each : m_unread)
-        document["unread"].push_back(
-            {{"subject", each.subject}, {"authority", each.authority}, {"reason", each.reason}});
     return document;
 }
 

@@ -11,8 +11,9 @@ void KeptLog::write(const Line& line)
     const std::lock_guard guard(m_mutex);
     if (line.level > Tlx::LOG_LEVEL_FAILURE || m_lines.size() == MAX_LINES)
         return;
-    const std::string text(line.text);
-    m_lines.push_back({std::string(line.operation), escaped(text.substr(0, text.rfind(" (")))});
+    Kept kept{line.operation, escaped(line.text.substr(0, line.text.rfind(" (")))};
+    if (m_lines.empty() || m_lines.back() != kept)
+        m_lines.push_back(std::move(kept));
 }
 
 std::vector<KeptLog::Kept> KeptLog::take()

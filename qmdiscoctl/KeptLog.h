@@ -17,9 +17,11 @@ class KeptLog : public Tlx::LogSink
     {
         std::string operation;
         std::string text; ///< without the place in the source
+        friend bool operator==(const Kept&, const Kept&) = default;
     };
     void write(const Line& line) override;
-    /// Those since the last call, the first ones when they were too many.
+    /// Those since the last call; of one after another that are the same, one; the first ones when
+    /// they were too many.
     std::vector<Kept> take();
 
   private:

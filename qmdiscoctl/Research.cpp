@@ -6,6 +6,20 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
+namespace {
+
+/// Why a discovery was not read: the first line about its end. Lines about elements that nobody
+/// knows come before, and the summaries of whoever called come after.
+std::string reasonOf(const std::vector<KeptLog::Kept>& lines)
+{
+    for (const KeptLog::Kept& line : lines)
+        if (line.text != "Ignoring Unknown Tag")
+            return line.text;
+    return lines.empty() ? "" : lines.front().text;
+}
+
+} // namespace
+
 // The researcher asks the master. Here that is the service which the other commands would speak to,
 // where it listens; on its own host also under the name that its records carry.
 bool Research::begin()
@@ -40,8 +54,7 @@ Outcome Research::read(Svc::DiscoveryQuery query, const std::string& subject,
             all->getNextCollectionItemIterator(filter));
         if (!items)
             return {};
-        const std::vector<KeptLog::Kept> lines = m_log.take();
-        each(*items, lines.empty() ? "" : lines.front().text);
+        each(*items, reasonOf(m_log.take()));
     }
 }
 

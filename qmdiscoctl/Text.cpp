@@ -114,6 +114,10 @@ std::string shortBytesText(double bytes)
     return fmt::format("{:.1f} {}", value, units[unit]);
 }
 
+/// A name from elsewhere may be as long as it likes: one that is longer than this stands out, and
+/// does not widen every row.
+constexpr std::size_t MAX_COLUMN = 100;
+
 std::string formatTable(const std::vector<std::vector<std::string>>& rows)
 {
     std::vector<std::vector<std::string>> cells = rows;
@@ -122,7 +126,7 @@ std::string formatTable(const std::vector<std::vector<std::string>>& rows)
         widths.resize(std::max(widths.size(), row.size()));
         for (std::size_t i = 0; i < row.size(); ++i) {
             row[i] = row[i].empty() ? "-" : escaped(row[i]);
-            widths[i] = std::max(widths[i], displayWidth(row[i]));
+            widths[i] = std::max(widths[i], std::min(displayWidth(row[i]), MAX_COLUMN));
         }
     }
     std::string text;
@@ -130,7 +134,7 @@ std::string formatTable(const std::vector<std::vector<std::string>>& rows)
         for (std::size_t i = 0; i < row.size(); ++i) {
             text += row[i];
             if (i + 1 < row.size())
-                text.append(widths[i] - displayWidth(row[i]) + 2, ' ');
+                text.append(2 + widths[i] - std::min(widths[i], displayWidth(row[i])), ' ');
         }
         text += '\n';
     }

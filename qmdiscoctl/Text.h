@@ -24,7 +24,7 @@ std::string bytesText(unsigned long long bytes);
 std::string shortBytesText(double bytes);
 
 /// Rows as columns, two blanks between them, each cell escaped; an empty cell shows as "-". Every
-/// row has as many cells as the first.
+/// row has as many cells as the first. A very long cell stands out.
 std::string formatTable(const std::vector<std::vector<std::string>>& rows);
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -166,11 +166,15 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
     /// Start-up: loads the explorers, starts them, and starts the timers.
     void loadExplorers();
 
+    /// The service is about to end: what takes long is given up from now on, so that nobody waits
+    /// for it. Registrations are dropped.
+    void announceShutdown() { m_ending = true; }
     /// Ends the timers, stops the explorers and forgets them; once.
     void shutdown();
     /// Waits until the timers are gone; after shutdown.
     void fini();
-    bool isShuttingDown() const { return m_shuttingDown; }
+    /// Announced or begun.
+    bool isShuttingDown() const { return m_ending || m_shuttingDown; }
 
   private:
     class DiscoveryTimerBase;
@@ -189,6 +193,7 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
     ExplorerSet m_pushExplorers;
     ExplorerSet m_pullExplorers;
     AutoDereference<const DiscoveryFramework> m_discoveryFramework;
+    std::atomic<bool> m_ending{false};
     std::atomic<bool> m_shuttingDown{false};
     AutoDereference<ExplorerPushTimer> m_pushTimer;
     AutoDereference<ExplorerRegisterTimer> m_registerTimer;
@@ -199,7 +204,8 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
 };
 
 /// The object that a host's service advertises under a name, as a discovery service; nil on failure
-/// (logged), otherwise the caller releases it. Takes five seconds at most. Does not throw.
+/// (logged), otherwise the caller releases it. Takes five seconds at most to find it,
+/// and as many to ask it what it is. Does not throw.
 Remote::DiscoveryService_ptr connectToRemoteDS(const TlxHostname& host, Orb* orb,
                                                const char* serviceName);
 

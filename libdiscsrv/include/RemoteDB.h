@@ -3,8 +3,9 @@
 //
 // A record is written to the master's service, and read from the service of the host that produced
 // it. Every call may take as long as the ORB's request limit; none throws. Whatever another host
-// sends has a bound (REMOTE_MAX_RECORDS and REMOTE_MAX_BYTES of the configuration); beyond it the
-// operation fails, and what was received is given back.
+// sends has a bound (REMOTE_MAX_RECORDS, REMOTE_MAX_BYTES and REMOTE_MAX_SECONDS of the
+// configuration); beyond it the operation fails, and what was received is given back. All are given
+// up when the service is shutting down.
 
 #include <cstdint>
 #include <string>
@@ -115,10 +116,11 @@ class DISCSRV_EXPORT RemoteDiscoveryIterator : public virtual DiscoveryIterator
     ~RemoteDiscoveryIterator() override = default;
 
   private:
-    bool fetchPage(Remote::DiscoveryIterator_ptr iterator, std::size_t bound);
+    bool fetchPage(Remote::DiscoveryIterator_ptr iterator);
 
     std::vector<Remote::Discovery_var> m_discoveries;
     std::size_t m_next = 0;
+    std::uint64_t m_bytes = 0; ///< of all texts
     std::string m_failure;
 };
 

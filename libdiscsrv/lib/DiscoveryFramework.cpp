@@ -10,6 +10,7 @@
 #include "DiscMem.h"
 #include "DiscoveryRepository.h"
 #include "DiscoveryService_i.h"
+#include "RefreshTask.h"
 #include "RemoteDB.h"
 #include "RemoteWriter_i.h"
 
@@ -75,6 +76,7 @@ bool DiscoveryFramework::init()
     // and the way in which a singleton is found is safe for many threads only once it is there.
     getRemoteDiscoveryDatabase();
     getDiscoveryMemDatbase();
+    getDiscoveriesThreadMgr();
     getDiscoveryRepository()->loadExplorers();
     ++m_init;
     return true;
@@ -99,6 +101,8 @@ bool DiscoveryFramework::shutdown()
     m_shutdown = true;
     if (m_type == DST_NO_SERVANT)
         return true;
+    // Before anybody waits for the requests in progress: some of them fetch from other hosts.
+    getDiscoveryRepository()->announceShutdown();
     if (m_servant) {
         if (m_orb) {
             m_orb->destroyObjectRef(m_servantReference, PortableServer::POA::_nil());

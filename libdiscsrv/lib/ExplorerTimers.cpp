@@ -1,6 +1,7 @@
 #include "ExplorerTimers.h"
 
 #include <cstdlib>
+#include <exception>
 
 #include <ace/Reactor.h>
 
@@ -100,7 +101,12 @@ int DiscoveryRepository::DiscoveryTimerBase::handle_timeout(const ACE_Time_Value
             return 0;
         m_id = -1;
     }
-    run();
+    try {
+        run();
+    } catch (const std::exception& e) { // the reactor's thread serves every timer
+        DISC_LOG_AS("DiscoveryTimerBase::handle_timeout", 1, "A timer failed: " << e.what());
+        scheduleAgain(REGISTER_RETRY_SECONDS);
+    }
     return 0;
 }
 

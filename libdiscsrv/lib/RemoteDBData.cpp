@@ -6,6 +6,8 @@
 
 #include "DiscLog.h"
 #include "DiscoveryRepository.h"
+#include "FetchLimit.h"
+#include "InFlight.h"
 #include "OutOfReach.h"
 #include "RemoteDB.h"
 #include "ServiceCounters.h"
@@ -16,6 +18,11 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../RemoteDB";
 constexpr const char* SERVICE = "DiscoveryService";
+
+/// Each of them may occupy a request thread until the master has answered: hosts that name each
+/// other as their master must not take all there are.
+constexpr unsigned MAX_WRITES_BEING_OPENED = 32;
+std::atomic<unsigned> g_writesBeingOpened{0};
 
 /// Releases another host's iterator when it goes; that host gets rid of an idle one by itself, so a
 /// failure harms nothing.
@@ -119,6 +126,11 @@ bool RemoteCollectionData::openWrite()
     DISC_TRACE("RemotecollectionData::openWrite");
     dropWriter();
     m_spoilt = false;
+    const InFlight inFlight(g_writesBeingOpened, MAX_WRITES_BEING_OPENED);
+    if (!inFlight.isAdmitted()) {
+        DISC_LOG(1, MAX_WRITES_BEING_OPENED << " writes are being opened on the master already");
+        return false;
+    }
     try {
         const Remote::DiscoveryService_var master = connect();
         if (CORBA::is_nil(master)) {
@@ -152,6 +164,7 @@ bool RemoteCollectionData::openWrite()
     }
     if (!isSuccess(m_result)) {
         DISC_LOG(1, "Failed to open the collection data: " << m_result.discStatus);
+        m_writer = Remote::RemoteWriter::_nil(); // there should be none
         return false;
     }
     return true;
@@ -162,9 +175,16 @@ bool RemoteCollectionData::writeCollection(std::size_t length, const void* buffe
     DISC_TRACE("RemoteCollectionData::writeCollection");
     if (!TLX_ASSERT_AS(!CORBA::is_nil(m_writer), "NULL != m_writer"))
         return false;
+    if (m_spoilt && length > 0) // whoever goes on all the same does not wait for the network again
+        return false;
     const auto* bytes = static_cast<const CORBA::Octet*>(buffer);
     try {
         while (length > 0) {
+            if (getDiscoveryRepository()->isShuttingDown()) {
+                DISC_LOG(1, "The service is shutting down, the write is given up");
+                m_spoilt = true;
+                return false;
+            }
             const std::size_t count = std::min(length, CHUNK_BYTES);
             Remote::CollectionDataSeq chunk;
             chunk.length(static_cast<CORBA::ULong>(count));
@@ -237,6 +257,8 @@ bool RemoteCollectionData::openRead(const char* filter)
         }
         try {
             m_cached = fetch(iterator);
+            if (!m_cached && getDiscoveryRepository()->isShuttingDown())
+                released.leave();
         } catch (const CORBA::Exception& e) {
             if (isOutOfReach(e))
                 released.leave();
@@ -257,7 +279,12 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr iterator)
     constexpr const char* OPERATION = "RemoteCollectionData::openRead";
     const std::uint64_t bound = HostConfig::instance().number(ConfigKey::REMOTE_MAX_BYTES);
     m_cache.resize(FIRST_CACHE_BYTES);
+    const FetchLimit limit;
     for (;;) {
+        if (limit.isOver()) {
+            DISC_LOG_AS(OPERATION, 1, "A collection of another host " << limit.text());
+            return false;
+        }
         if (getDiscoveryRepository()->isShuttingDown()) {
             DISC_LOG_AS(OPERATION, 1, "The service is shutting down, the read is given up");
             return false;

@@ -1,8 +1,11 @@
+#include <cstring>
+
 #include <tlx/HostConfig.h>
 #include <tlx/Servant.h>
 
 #include "DiscLog.h"
 #include "DiscoveryRepository.h"
+#include "FetchLimit.h"
 #include "OutOfReach.h"
 #include "RemoteDB.h"
 
@@ -10,6 +13,14 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
 constexpr const char* LOG_SOURCE = "../RemoteDB";
+
+/// What a record's texts take.
+std::uint64_t bytesOf(const Remote::Discovery& record)
+{
+    return std::strlen(record.subject) + std::strlen(record.authority) +
+           std::strlen(record.sourceHost) + std::strlen(record.sourceServiceName);
+}
+
 } // namespace
 
 RemoteDiscoveryIterator::RemoteDiscoveryIterator(AuthorityType type, const std::string& subject,
@@ -23,11 +34,14 @@ RemoteDiscoveryIterator::RemoteDiscoveryIterator(AuthorityType type, const std::
         m_failure = "the service answered without an iterator";
         return;
     }
-    const auto bound =
-        static_cast<std::size_t>(HostConfig::instance().number(ConfigKey::REMOTE_MAX_RECORDS));
+    const FetchLimit limit;
     bool answers = true;
     try {
-        while (fetchPage(iterator, bound)) {
+        while (fetchPage(iterator)) {
+            if (limit.isOver()) {
+                m_failure = "a list of another host " + limit.text();
+                break;
+            }
         }
     } catch (const CORBA::Exception& e) {
         m_failure = describeException(e);
@@ -35,7 +49,8 @@ RemoteDiscoveryIterator::RemoteDiscoveryIterator(AuthorityType type, const std::
     }
     if (!m_failure.empty()) // a list is whole, or none
         m_discoveries = {};
-    if (!answers) // the service gets rid of an idle iterator by itself
+    // The other service gets rid of an idle iterator by itself.
+    if (!answers || getDiscoveryRepository()->isShuttingDown())
         return;
     try {
         iterator->release();
@@ -45,13 +60,15 @@ RemoteDiscoveryIterator::RemoteDiscoveryIterator(AuthorityType type, const std::
 }
 
 /// False at the end, and when the list cannot be whole.
-bool RemoteDiscoveryIterator::fetchPage(Remote::DiscoveryIterator_ptr iterator, std::size_t bound)
+bool RemoteDiscoveryIterator::fetchPage(Remote::DiscoveryIterator_ptr iterator)
 {
     if (getDiscoveryRepository()->isShuttingDown()) {
         m_failure = "the service is shutting down";
         return false;
     }
     Remote::DiscoverySeq_var page = iterator->getNextPage();
+    const std::uint64_t bound = HostConfig::instance().number(ConfigKey::REMOTE_MAX_RECORDS);
+    const std::uint64_t byteBound = HostConfig::instance().number(ConfigKey::REMOTE_MAX_BYTES);
     if (m_discoveries.size() + page->length() > bound) {
         m_failure = "a query may yield " + std::to_string(bound) + " records (" +
                     ConfigKey::REMOTE_MAX_RECORDS + "), this one yields more";
@@ -61,6 +78,12 @@ bool RemoteDiscoveryIterator::fetchPage(Remote::DiscoveryIterator_ptr iterator, 
         const Remote::Discovery& record = page[i];
         if (*record.subject.in() == '\0' || *record.authority.in() == '\0') {
             m_failure = "a record came without a subject or an authority";
+            return false;
+        }
+        m_bytes += bytesOf(record);
+        if (m_bytes > byteBound) {
+            m_failure = "a query may yield " + std::to_string(byteBound) + " bytes (" +
+                        ConfigKey::REMOTE_MAX_BYTES + "), this one yields more";
             return false;
         }
         m_discoveries.emplace_back(new Remote::Discovery(record));

@@ -36,6 +36,7 @@ Remote::DiscoveryService_ptr connectToRemoteDS(const TlxHostname& host, Orb* orb
             DISC_LOG(1, "Failed to connect to remote discovery service");
             return Remote::DiscoveryService::_nil();
         }
+        const OrbCallLimit limited(LOOKUP_LIMIT); // the object is asked what it is
         Remote::DiscoveryService_var service = Remote::DiscoveryService::_narrow(object);
         if (CORBA::is_nil(service))
             DISC_LOG(1, "Failed to connect to remote discovery service ( narrow failed ) ");

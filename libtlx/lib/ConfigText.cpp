@@ -106,7 +106,7 @@ bool isHost(const std::string& text)
     return isHostName(text) || isNumericV6(text);
 }
 
-constexpr std::array<NumberKey, 7> NUMBER_KEYS{{
+constexpr std::array<NumberKey, 8> NUMBER_KEYS{{
     {ConfigKey::LOG_LEVEL, 0, 9, 1},
     {ConfigKey::LOG_MAX_BYTES, 4096, std::uint64_t{1} << 40, 10485760},
     {ConfigKey::LOG_KEEP, 0, 100, 5},
@@ -114,6 +114,7 @@ constexpr std::array<NumberKey, 7> NUMBER_KEYS{{
     {ConfigKey::MAX_MESSAGE_BYTES, 65536, std::uint64_t{1} << 30, 67108864},
     {ConfigKey::REMOTE_MAX_RECORDS, 1, 10000000, 1000000},
     {ConfigKey::REMOTE_MAX_BYTES, 1024, std::uint64_t{1} << 30, 67108864},
+    {ConfigKey::REMOTE_MAX_SECONDS, 1, 86400, 600},
 }};
 
 // What is wrong with a value; empty when nothing is.

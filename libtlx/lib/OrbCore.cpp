@@ -180,13 +180,15 @@ void OrbCore::start(const OrbSettings& settings)
     const std::string publish = toPublish(settings.publish);
     const std::string maxMessage = std::to_string(settings.maxMessageBytes);
     // Every option that a configuration file of the ORB could set differently for this process.
-    const std::array<std::array<const char*, 2>, 7> server{{
+    const std::string connections = std::to_string(CONNECTIONS_TO_A_HOST);
+    const std::array<std::array<const char*, 2>, 8> server{{
         {"endPoint", listen.c_str()},
         {"endPointPublish", publish.c_str()},
         {"giopMaxMsgSize", maxMessage.c_str()},
         {"supportPerThreadTimeOut", "1"},
         {"nativeCharCodeSet", "UTF-8"},
         {"traceLevel", "0"},
+        {"maxGIOPConnectionPerServer", connections.c_str()},
         {"outConScanPeriod", "120"}, // seconds after which an idle connection is closed
     }};
     const char* options[server.size() + 1][2] = {};

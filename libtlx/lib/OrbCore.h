@@ -19,6 +19,11 @@ struct OrbSettings
     unsigned long maxMessageBytes = 0;
 };
 
+/// Calls under way to one other host at a time, each on a connection of its own; more wait. Higher
+/// than what one service asks another for at once (queries and pulls are bounded), so that slow
+/// ones hold up nothing else.
+constexpr int CONNECTIONS_TO_A_HOST = 100;
+
 /// Brings the ORB up, and takes it down. Any thread may use it in between.
 class OrbCore
 {

@@ -6,6 +6,7 @@
 #include <omnithread.h>
 
 #include <tlx/HostConfig.h>
+#include <tlx/Orb.h>
 #include <tlx/Resolver.h>
 #include <tlx/Servant.h>
 
@@ -27,38 +28,18 @@ CORBA::ULong toOrbMilliseconds(milliseconds limit)
         std::clamp<milliseconds::rep>(limit.count(), 0, std::numeric_limits<CORBA::ULong>::max()));
 }
 
-/// Limits the calls of this thread while it lives. The thread may be any: the ORB's own, or one
-/// that it has never seen, a timer's, say.
-class ThreadCallLimit
-{
-  public:
-    explicit ThreadCallLimit(milliseconds limit)
-    {
-        omniORB::setClientThreadCallTimeout(std::max<CORBA::ULong>(toOrbMilliseconds(limit), 1));
-    }
-    ~ThreadCallLimit() { omniORB::setClientThreadCallTimeout(0); }
-    ThreadCallLimit(const ThreadCallLimit&) = delete;
-    ThreadCallLimit& operator=(const ThreadCallLimit&) = delete;
-
-  private:
-    const omni_thread::ensure_self m_known; // the ORB keeps the limit in an object of its own
-};
-
 milliseconds left(Clock::time_point end)
 {
     return std::chrono::duration_cast<milliseconds>(end - Clock::now());
 }
-
-/// The connections that the ORB keeps to one address, at most.
-constexpr int KEPT_CONNECTIONS = 5;
 
 /// Whether the object is there. A connection that the ORB has kept may lead to a service that has
 /// been restarted since, which shows when it is used: the question harms nothing, so it is asked
 /// again until it went over a new one.
 bool isThere(CORBA::Object_ptr object, Clock::time_point end)
 {
-    for (int kept = KEPT_CONNECTIONS;; --kept) {
-        const ThreadCallLimit limited(left(end));
+    for (int kept = CONNECTIONS_TO_A_HOST;; --kept) {
+        const OrbCallLimit limited(left(end));
         try {
             return !object->_non_existent();
         } catch (const CORBA::COMM_FAILURE&) {
@@ -87,6 +68,21 @@ CORBA::Object_ptr ask(CORBA::ORB_ptr orb, const Endpoint& endpoint, const std::s
 
 } // namespace
 
+struct OrbCallLimit::State
+{
+    omni_thread::ensure_self known; // the ORB keeps the limit in an object of its own
+};
+
+OrbCallLimit::OrbCallLimit(milliseconds limit) : m_state(std::make_unique<State>())
+{
+    omniORB::setClientThreadCallTimeout(std::max<CORBA::ULong>(toOrbMilliseconds(limit), 1));
+}
+
+OrbCallLimit::~OrbCallLimit()
+{
+    omniORB::setClientThreadCallTimeout(0);
+}
+
 void setProcessCallLimit(std::chrono::seconds limit)
 {
     omniORB::setClientCallTimeout(toOrbMilliseconds(limit));
@@ -101,16 +97,19 @@ CORBA::Object_ptr lookupObject(const OrbCore& core, const TlxHostname& host,
     if (addresses.empty())
         PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::lookupObject",
                      "The host has no address: " << endpoint.address);
+    std::size_t untried = addresses.size();
     for (const std::string& address : addresses) {
         if (Clock::now() >= end)
             break;
+        // An address behind which nothing answers leaves the others their share.
+        const Clock::time_point ownEnd = Clock::now() + left(end) / untried--;
         endpoint.address = address;
         if (elsewhere && core.leadsHere(endpoint)) {
             PLATFORM_LOG(LOG_LEVEL_FAILURE, "Orb::lookupObject",
                          host.text() << " leads back to this service: " << toText(endpoint));
             break;
         }
-        CORBA::Object_var object = ask(core.orb(), endpoint, name, end);
+        CORBA::Object_var object = ask(core.orb(), endpoint, name, ownEnd);
         if (!CORBA::is_nil(object))
             return object._retn();
     }

@@ -40,6 +40,11 @@ struct Builder
     std::size_t quotedFrom = 0;
     bool bareField = false; ///< whether a field without a comparison was read last
 
+    /// (The parser could tell by itself, but counts from the start each time.)
+    std::size_t byteOf(const char* place) const
+    {
+        return static_cast<std::size_t>(place - text.data());
+    }
     void enter(std::size_t byte)
     {
         if (++depth > QUERY_MAX_DEPTH)
@@ -343,7 +348,7 @@ struct Control : pegtl::normal<Rule>
     template <class Input>
     [[noreturn]] static void raise(const Input& in, Builder& builder)
     {
-        const std::size_t byte = in.position().byte;
+        const std::size_t byte = builder.byteOf(in.current());
         throw Refused{byte, "expected " + Expected<Rule>::text(builder) + ", found " +
                                 found(builder.text, byte)};
     }
@@ -355,9 +360,11 @@ struct Control : pegtl::normal<Rule>
 bool looksLikeNumber(std::string_view word)
 {
     const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
-    if (word.size() > 1 && (word[0] == '-' || word[0] == '+' || word[0] == '.'))
+    if (word[0] == '-' || word[0] == '+')
         word.remove_prefix(1);
-    return isDigit(word[0]);
+    if (word.size() > 1 && word[0] == '.')
+        word.remove_prefix(1);
+    return !word.empty() && isDigit(word[0]);
 }
 
 /// 1 for no unit; units of amounts are powers of 1024. 0 when it is none.
@@ -379,7 +386,8 @@ bool readNumber(std::string_view word, QueryNumber& number)
 {
     const char* const end = word.data() + word.size();
     const auto [rest, error] = std::from_chars(word.data(), end, number, std::chars_format::fixed);
-    if (error != std::errc() || word[0] == '.' || rest[-1] == '.')
+    const char first = word[word[0] == '-' ? 1 : 0];
+    if (error != std::errc() || first == '.' || rest[-1] == '.')
         return false;
     const QueryNumber unit = unitOf({rest, static_cast<std::size_t>(end - rest)});
     number *= unit;
@@ -432,7 +440,7 @@ struct Action<OpeningQuote>
     static void apply(const Input& in, Builder& builder)
     {
         builder.quoted.clear();
-        builder.quotedFrom = in.position().byte;
+        builder.quotedFrom = builder.byteOf(in.begin());
     }
 };
 template <char Quote>
@@ -492,7 +500,7 @@ struct Action<BareValue>
         if (!looksLikeNumber(word))
             return;
         builder.literal.kind = QueryValue::QV_NUMBER;
-        const std::size_t byte = in.position().byte;
+        const std::size_t byte = builder.byteOf(in.begin());
         if (!readNumber(word, builder.literal.number))
             throw Refused{byte, "expected a number, as 10, 1.5G or 90% (a text that begins so "
                                 "stands in quotation marks), found " +
@@ -545,7 +553,7 @@ struct Enter
     template <class Input>
     static void apply(const Input& in, Builder& builder)
     {
-        builder.enter(in.position().byte);
+        builder.enter(builder.byteOf(in.begin()));
     }
 };
 template <>

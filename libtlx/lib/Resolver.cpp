@@ -21,7 +21,8 @@ namespace {
 using Addresses = std::vector<std::string>;
 using Resolve = std::function<Addresses(const std::string&)>;
 
-constexpr int MAX_BACKGROUND = 16;
+/// Questions at a time: more than all the calls to other hosts that a service makes at once.
+constexpr int MAX_BACKGROUND = 128;
 constexpr std::chrono::milliseconds LONGEST_WAIT = std::chrono::hours(24);
 
 std::atomic<int> g_background{0};

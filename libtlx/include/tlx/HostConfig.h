@@ -28,6 +28,7 @@ constexpr const char* STOP_LIMIT = "STOP_LIMIT";                 ///< seconds fo
 constexpr const char* MAX_MESSAGE_BYTES = "MAX_MESSAGE_BYTES";   ///< largest GIOP message accepted
 constexpr const char* REMOTE_MAX_RECORDS = "REMOTE_MAX_RECORDS"; ///< of one query elsewhere
 constexpr const char* REMOTE_MAX_BYTES = "REMOTE_MAX_BYTES";     ///< of one collection elsewhere
+constexpr const char* REMOTE_MAX_SECONDS = "REMOTE_MAX_SECONDS"; ///< for either of them
 constexpr const char* FILESYSTEM_PULL = "FILESYSTEM_PULL";       ///< boolean
 constexpr const char* FILESYSTEM_EXCLUDE = "FILESYSTEM_EXCLUDE"; ///< TYPE[,TYPE...]
 constexpr const char* ENDPOINT_PREFIX = "ENDPOINT.";             ///< ENDPOINT.<host> = ADDRESS:PORT

@@ -93,6 +93,21 @@ class Orb
     const std::unique_ptr<State> m_state;
 };
 
+/// Limits each remote call of the thread that made it, while it lives; they have the process's
+/// limit again afterwards. Any thread, also one that the ORB has never seen. Not to be nested.
+class OrbCallLimit
+{
+  public:
+    explicit OrbCallLimit(std::chrono::milliseconds limit);
+    OrbCallLimit(const OrbCallLimit&) = delete;
+    OrbCallLimit& operator=(const OrbCallLimit&) = delete;
+    ~OrbCallLimit();
+
+  private:
+    struct State;
+    const std::unique_ptr<State> m_state;
+};
+
 /// The ORB could not be brought up; what() is one line for a person, naming the endpoint.
 class OrbError : public std::runtime_error
 {

@@ -10,7 +10,7 @@ namespace Veltrane::Quillmark::Tlx {
 
 /// The numeric addresses (IPv4 and IPv6, in the resolver's order, each once) of a host name or
 /// numeric address; empty when there is none or the limit ran out. A resolver that hangs keeps a
-/// background thread until it answers, at most 16 at a time (then further names fail at once);
+/// background thread until it answers, at most 128 at a time (then further names fail at once);
 /// numeric addresses never wait. Any thread; does not throw.
 std::vector<std::string> resolveHost(const std::string& host, std::chrono::milliseconds limit);
 

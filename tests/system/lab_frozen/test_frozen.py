@@ -135,3 +135,20 @@ def test_a_stop_does_not_wait_for_a_host_that_hangs(stage):
         assert stage.daemon(client).stop() == 0
         assert seconds_since(began) <= LOOKUP_LIMIT + SLACK
         asked.exception(harness.CALL_LIMIT)
+
+
+def test_a_stop_gives_up_what_comes_slowly(stage):
+    """A pull over a slow line would go on for minutes, and a push as well."""
+    [client] = build(stage, 1)
+    wait_until_pushed(client, stage.master)
+    service = stage.service(stage.master, timeout=harness.CALL_LIMIT)
+    stage.lab.slow(client, "16kbit")
+    with ThreadPoolExecutor(1) as pool:
+        log = stage.master.root.log()
+        asked = pool.submit(service.getCollectionData, now_of(client))
+        wait_for_text(client, "collectionRequested for %s/now" % client)
+        began = time.monotonic()
+        assert stage.daemon(stage.master).stop() == 0
+        assert seconds_since(began) <= SLACK
+        asked.exception(harness.CALL_LIMIT)
+    assert "The service is shutting down, the read is given up" in log.failures("../RemoteDB")

@@ -104,6 +104,25 @@ TEST_F(ExplorerTimersTest, APushThatSaysItFailedIsShown)
     EXPECT_EQ(reactor.scheduled(), 1);
 }
 
+/// A repository whose part in a timer's run fails.
+struct ThrowingRepository : FakeRepository
+{
+    void getMasterServerName(TlxHostname&) const override { throw std::runtime_error("broken"); }
+};
+
+TEST_F(ExplorerTimersTest, WhatATimerThrowsIsLoggedAndItRunsAgainInFiveMinutes)
+{
+    const AutoDereference<ThrowingRepository> throwing(new ThrowingRepository);
+    throwing->startRegisterTimer();
+    const LogCapture log;
+    EXPECT_EQ(reactor.pass(300), 1);
+    EXPECT_EQ(log.texts(1), Calls{"A timer failed: broken"});
+    EXPECT_EQ(log.lines().back().operation, "DiscoveryTimerBase::handle_timeout");
+    EXPECT_EQ(reactor.scheduled(), 1);
+    EXPECT_EQ(reactor.pass(299), 0);
+    EXPECT_EQ(reactor.pass(1), 1);
+}
+
 TEST_F(ExplorerTimersTest, ExplorersRegisteredLaterAreNotPushed)
 {
     repository->startPushTimer();

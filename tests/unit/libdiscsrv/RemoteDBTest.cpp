@@ -318,6 +318,64 @@ TEST_F(RemoteDBTest, DuringTheShutdownNothingIsFetched)
     EXPECT_EQ(found("bytes-100")->open(OM_READ, "").discStatus, DS_OPEN_FAILED);
 }
 
+TEST_F(RemoteDBTest, OnceTheEndIsAnnouncedNothingGoesOn)
+{
+    const auto record = made("cl5");
+    EXPECT_EQ(record->open(OM_UPDATE, "").discStatus, DS_SUCCESS);
+    EXPECT_TRUE(record->getCollectionData()->writeCollection(1, "x"));
+    getDiscoveryRepository()->announceShutdown();
+    LogCapture log;
+    EXPECT_FALSE(record->getCollectionData()->writeCollection(1, "y"));
+    EXPECT_EQ(log.texts(1), Lines{"The service is shutting down, the write is given up"});
+    EXPECT_EQ(record->persist().discStatus, DS_COM_ERROR);
+    log.clear();
+    EXPECT_FALSE(query("endless"));
+    EXPECT_EQ(log.texts(1),
+              Lines{"Failed to query remote discoveries: the service is shutting down"});
+    log.clear();
+    EXPECT_EQ(found("bytes-100")->open(OM_READ, "").discStatus, DS_OPEN_FAILED);
+    EXPECT_EQ(log.texts(1), Lines{"The service is shutting down, the read is given up"});
+}
+
+TEST_F(RemoteDBTest, AfterALostChunkNothingMoreIsSent)
+{
+    const auto bad = made("throw-put");
+    EXPECT_EQ(bad->open(OM_UPDATE, "").discStatus, DS_SUCCESS);
+    LogCapture log;
+    EXPECT_FALSE(bad->getCollectionData()->writeCollection(1, "x"));
+    EXPECT_EQ(log.texts(1).size(), 1u);
+    EXPECT_FALSE(bad->getCollectionData()->writeCollection(1, "y"));
+    EXPECT_EQ(log.texts(1).size(), 1u);
+    const std::string calls = asked();
+    EXPECT_EQ(calls.find("put 1;"), calls.rfind("put 1;")) << calls;
+    EXPECT_NE(calls.find("put 1;"), std::string::npos);
+}
+
+TEST_F(RemoteDBTest, FetchingHasALimitOfTime)
+{
+    HostConfig::instance().addText("REMOTE_MAX_SECONDS = 1\n", "limit");
+    LogCapture log;
+    EXPECT_FALSE(query("endless"));
+    EXPECT_EQ(log.texts(1),
+              Lines{"Failed to query remote discoveries: a list of another host may take 1 seconds "
+                    "(REMOTE_MAX_SECONDS), this one takes longer"});
+    log.clear();
+    EXPECT_EQ(found("bytes-10000000")->open(OM_READ, "").discStatus, DS_OPEN_FAILED);
+    EXPECT_EQ(log.texts(1), Lines{"A collection of another host may take 1 seconds "
+                                  "(REMOTE_MAX_SECONDS), this one takes longer"});
+}
+
+TEST_F(RemoteDBTest, TheNamesOfAListHaveABound)
+{
+    HostConfig::instance().addText("REMOTE_MAX_BYTES = 1024\n", "limit");
+    const LogCapture log;
+    EXPECT_TRUE(query("records-30"));
+    EXPECT_FALSE(query("records-100"));
+    EXPECT_EQ(log.texts(1),
+              Lines{"Failed to query remote discoveries: a query may yield 1024 bytes "
+                    "(REMOTE_MAX_BYTES), this one yields more"});
+}
+
 TEST_F(RemoteDBTest, TheBackendMakesNoIterators)
 {
     const AssertionCapture assertions;

@@ -239,7 +239,8 @@ TEST(HostConfigTest, EveryNumberHasItsBounds)
     for (const Bounds& bounds :
          {Bounds{"LOG_LEVEL", 0, 9}, Bounds{"LOG_MAX_BYTES", 4096, 1ULL << 40},
           Bounds{"LOG_KEEP", 0, 100}, Bounds{"STOP_LIMIT", 1, 3600},
-          Bounds{"MAX_MESSAGE_BYTES", 65536, 1ULL << 30}}) {
+          Bounds{"REMOTE_MAX_RECORDS", 1, 10000000}, Bounds{"REMOTE_MAX_BYTES", 1024, 1ULL << 30},
+          Bounds{"REMOTE_MAX_SECONDS", 1, 86400}, Bounds{"MAX_MESSAGE_BYTES", 65536, 1ULL << 30}}) {
         const std::string key = bounds.key;
         for (const std::uint64_t good : {bounds.lowest, bounds.highest}) {
             EXPECT_EQ(problemsOf(key + " = " + std::to_string(good)), Lines{});

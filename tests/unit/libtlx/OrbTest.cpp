@@ -20,6 +20,7 @@
 #include <gtest/gtest.h>
 
 #include <tlx/HostConfig.h>
+#include <tlx/Resolver.h>
 #include <tlx/Servant.h>
 
 #include "Capture.h"
@@ -55,11 +56,13 @@ class PlainServant : public virtual PortableServer::ServantBase
 class SilentPeer
 {
   public:
-    SilentPeer() : m_fd(::socket(AF_INET, SOCK_STREAM, 0))
+    explicit SilentPeer(in_addr_t where = INADDR_LOOPBACK, std::uint16_t wanted = 0)
+        : m_fd(::socket(AF_INET, SOCK_STREAM, 0))
     {
         sockaddr_in address{};
         address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_addr.s_addr = htonl(where);
+        address.sin_port = htons(wanted);
         EXPECT_EQ(::bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
         EXPECT_EQ(::listen(m_fd, 5), 0);
         socklen_t length = sizeof address;
@@ -375,6 +378,27 @@ TEST_F(OrbTest, NobodyListeningIsNil)
     ASSERT_EQ(log.texts(4).size(), 1u);
     EXPECT_THAT(log.texts(4)[0], StartsWith("No answer from corbaloc:iiop:1.2@127.0.0.1:" +
                                             std::to_string(port) + "/Thing: TRANSIENT"));
+}
+
+TEST_F(OrbTest, AnAddressThatIsSilentLeavesTheOthersTheirShare)
+{
+    Orb orb(false, "127.0.0.1:0", "S", false, 16);
+    PortableServer::Servant_var<PlainServant> servant(new PlainServant);
+    const CORBA::Object_var object = orb.activateServant(servant.in());
+    orb.advertiseObject("Thing", object);
+    orb.serveRequests();
+    Endpoint own;
+    ASSERT_TRUE(parseEndpoint(orb.getEndpoint(), own));
+    const SilentPeer silent(INADDR_LOOPBACK + 1, own.port);
+    setResolver([](const std::string&) {
+        return std::vector<std::string>{"127.0.0.2", "127.0.0.1"};
+    });
+    endpointOf("two", "two.example:" + std::to_string(own.port));
+    const auto start = std::chrono::steady_clock::now();
+    const CORBA::Object_var found = orb.lookupObject(TlxHostname("two"), "Thing", 1s);
+    setResolver({});
+    EXPECT_FALSE(CORBA::is_nil(found));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 400ms) << "the silent one was tried";
 }
 
 TEST_F(OrbTest, ThePublishedAddressLeadsBackHere)

@@ -477,6 +477,7 @@ TEST(QueryMistakeTest, ANumberIsNone)
     EXPECT_EQ(mistake("size > 1,5"), "column 8: " + expected + "\"1,5\"");
     EXPECT_EQ(mistake("size > 1."), "column 8: " + expected + "\"1.\"");
     EXPECT_EQ(mistake("size > .5"), "column 8: " + expected + "\".5\"");
+    EXPECT_EQ(mistake("size > -.5"), "column 8: " + expected + "\"-.5\"");
     EXPECT_EQ(mistake("size > 1.2.3"), "column 8: " + expected + "\"1.2.3\"");
     EXPECT_EQ(mistake("size > +5"), "column 8: " + expected + "\"+5\"");
     EXPECT_EQ(mistake("size > 1e5"), "column 8: " + expected + "\"1e5\"");

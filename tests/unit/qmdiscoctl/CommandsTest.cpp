@@ -544,8 +544,8 @@ TEST_F(CtlCommandsTest, ItemsAreATableOfWhatWasReadAndLinesOfWhatWasNot)
                         "h1    /home  /dev/x  ext4  1.0 TiB  1.0 KiB  h1\n"
                         "h1    thing  -       -     -        -        h1\n"
                         "h2    /\\x7f  /dev/x  xfs   2.0 KiB  1.0 KiB  h2/now\n"
-                        "not read: text of h1: it is none\n"
-                        "not read: h1 of h1: broken\n");
+                        "not read: h1 of h1: broken\n"
+                        "not read: text of h1: it is none\n");
 }
 
 TEST_F(CtlCommandsTest, AFilterIsHandedOnAndAppliedToWhatArrives)
@@ -587,12 +587,14 @@ TEST_F(CtlCommandsTest, FiltersAreMergedFromAllHosts)
         {"filesystem", "filesystem", "h2",
          "<FilterData><QueryDescription><Field Name=\"size\" Type=\"bytes\"></Field>"
          "<Field Name=\"kind\" Type=\"text\"><Value>a</Value><Value>b</Value></Field>"
-         "</QueryDescription></FilterData>"}};
+         "</QueryDescription></FilterData>"},
+        {"filesystem", "filesystem", "h3", "no document", "it is none"}};
     EXPECT_EQ(run(Command::FILTERS), Outcome());
     EXPECT_EQ(out.text, "FIELD  TYPE   VALUES  DESCRIPTION\n"
                         "label  text   any     -\n"
                         "size   bytes  any     how much\n"
-                        "kind   text   a, b    -\n");
+                        "kind   text   a, b    -\n"
+                        "not read: filesystem of h3: it is none\n");
     out.text.clear();
     options.json = true;
     EXPECT_EQ(run(Command::FILTERS), Outcome());
