@@ -51,6 +51,14 @@ QueryField carryable(const QueryField& field)
     return result;
 }
 
+/// Another host may tell of many fields: most that differ do so at an end.
+bool isSameName(const TlxString& a, const TlxString& b)
+{
+    return a.size() == b.size() &&
+           (a.empty() || ((a.utf8().back() ^ b.utf8().back()) & ~0x20) == 0) &&
+           compareIgnoringCase(a, b) == 0;
+}
+
 /// Why a field cannot be told; empty when it can.
 std::string problemOf(const QueryField& field)
 {
@@ -229,11 +237,16 @@ bool TlxQuery::addField(const QueryField& field)
 
 bool TlxQuery::addField(const QueryField& field, std::string& refused)
 {
-    const QueryField told = carryable(field);
+    return addTold(carryable(field), refused);
+}
+
+/// Of a field that XML can carry, each value once, as all fields of a query are.
+bool TlxQuery::addTold(const QueryField& told, std::string& refused)
+{
     refused = problemOf(told);
     const auto known =
         std::find_if(m_fields.begin(), m_fields.end(), [&](const QueryField& candidate) {
-            return compareIgnoringCase(candidate.name, told.name) == 0;
+            return isSameName(candidate.name, told.name);
         });
     if (refused.empty() && known == m_fields.end() && m_fields.size() >= QUERY_MAX_FIELDS)
         refused = "there are more than " + std::to_string(QUERY_MAX_FIELDS) + " fields";
@@ -251,7 +264,7 @@ void TlxQuery::addFields(const char* operation, const std::vector<QueryField>& f
 {
     for (const QueryField& field : fields) {
         std::string refused;
-        if (!addField(field, refused))
+        if (!addTold(field, refused))
             losses.addField(field, refused);
     }
     // One line, whatever another host wrote.

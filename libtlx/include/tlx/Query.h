@@ -226,6 +226,7 @@ class TlxQuery : public virtual TLXRefCounted, public XmlInterface
     virtual void userOperation(const XMLCh* name, AttributeList& attributes);
 
   private:
+    bool addTold(const QueryField& told, std::string& refused);
     void addFields(const char* operation, const std::vector<QueryField>& fields,
                    QueryLosses& losses);
 
