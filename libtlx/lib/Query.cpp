@@ -1,19 +1,16 @@
 #include <tlx/Query.h>
 
 #include <algorithm>
+#include <iterator>
 #include <set>
 
-#include <tlx/Assert.h>
-
-#include "PlatformLog.h"
 #include "QueryExpression.h"
+#include "QueryLosses.h"
 #include "XmlCharacter.h"
 
 namespace Veltrane::Quillmark::Tlx {
 
 namespace {
-
-constexpr const char* LOG_SOURCE = "../Query";
 
 bool isLetter(char c)
 {
@@ -44,11 +41,22 @@ TlxString carryable(const TlxString& text)
 QueryField carryable(const QueryField& field)
 {
     QueryField result{field.name, field.type, carryable(field.description), {}};
-    std::set<TlxString> seen;
-    for (const TlxString& value : field.values)
-        if (seen.insert(carryable(value)).second)
-            result.values.push_back(carryable(value));
+    result.values.reserve(field.values.size()); // the views stay
+    std::set<std::string_view> seen;
+    for (const TlxString& value : field.values) {
+        result.values.push_back(carryable(value));
+        if (!seen.insert(result.values.back().utf8()).second)
+            result.values.pop_back();
+    }
     return result;
+}
+
+/// Another host may tell of many fields: most that differ do so at an end.
+bool isSameName(const TlxString& a, const TlxString& b)
+{
+    return a.size() == b.size() &&
+           (a.empty() || ((a.utf8().back() ^ b.utf8().back()) & ~0x20) == 0) &&
+           compareIgnoringCase(a, b) == 0;
 }
 
 /// Why a field cannot be told; empty when it can.
@@ -79,17 +87,28 @@ QueryFieldType mergedType(QueryFieldType a, QueryFieldType b)
     return isNumeric(a) && isNumeric(b) ? QF_NUMBER : QF_TEXT;
 }
 
-std::vector<TlxString> mergedValues(std::vector<TlxString> a, const std::vector<TlxString>& b)
+/// Hosts mostly tell the same values in the same order: then nothing is looked up and none copied.
+void mergeValues(std::vector<TlxString>& values, const std::vector<TlxString>& others)
 {
-    if (a.empty() || b.empty())
-        return {};
-    const std::set<TlxString> known(a.begin(), a.end());
-    for (const TlxString& value : b)
-        if (!known.contains(value))
-            a.push_back(value);
-    if (a.size() > QUERY_MAX_VALUES)
-        a.clear();
-    return a;
+    if (values.empty() || others.empty()) {
+        values.clear();
+        return;
+    }
+    const auto other =
+        std::mismatch(values.begin(), values.end(), others.begin(), others.end()).second;
+    if (other == others.end())
+        return;
+    std::set<std::string_view> known;
+    for (const TlxString& value : values)
+        known.insert(value.utf8());
+    std::vector<TlxString> fresh;
+    std::copy_if(other, others.end(), std::back_inserter(fresh),
+                 [&known](const TlxString& value) { return !known.contains(value.utf8()); });
+    if (values.size() + fresh.size() > QUERY_MAX_VALUES)
+        values.clear();
+    else
+        values.insert(values.end(), std::make_move_iterator(fresh.begin()),
+                      std::make_move_iterator(fresh.end()));
 }
 
 void mergeField(QueryField& field, const QueryField& other)
@@ -97,17 +116,7 @@ void mergeField(QueryField& field, const QueryField& other)
     field.type = mergedType(field.type, other.type);
     if (field.description.empty())
         field.description = other.description;
-    field.values = mergedValues(std::move(field.values), other.values);
-}
-
-/// A name for a log line: what another host wrote is shown to some length, on one line.
-std::string shown(const TlxString& name)
-{
-    constexpr std::size_t SHOWN = 64;
-    std::string text;
-    for (const char c : name.utf8().substr(0, SHOWN))
-        text += static_cast<unsigned char>(c) < ' ' ? '?' : c;
-    return "\"" + text + (name.size() > SHOWN ? "...\"" : "\"");
+    mergeValues(field.values, other.values);
 }
 
 } // namespace
@@ -228,11 +237,16 @@ bool TlxQuery::addField(const QueryField& field)
 
 bool TlxQuery::addField(const QueryField& field, std::string& refused)
 {
-    const QueryField told = carryable(field);
+    return addTold(carryable(field), refused);
+}
+
+/// Of a field that XML can carry, each value once, as all fields of a query are.
+bool TlxQuery::addTold(const QueryField& told, std::string& refused)
+{
     refused = problemOf(told);
     const auto known =
         std::find_if(m_fields.begin(), m_fields.end(), [&](const QueryField& candidate) {
-            return compareIgnoringCase(candidate.name, told.name) == 0;
+            return isSameName(candidate.name, told.name);
         });
     if (refused.empty() && known == m_fields.end() && m_fields.size() >= QUERY_MAX_FIELDS)
         refused = "there are more than " + std::to_string(QUERY_MAX_FIELDS) + " fields";
@@ -245,26 +259,23 @@ bool TlxQuery::addField(const QueryField& field, std::string& refused)
     return true;
 }
 
-void TlxQuery::addFields(const char* operation, const std::vector<QueryField>& fields)
+void TlxQuery::addFields(const char* operation, const std::vector<QueryField>& fields,
+                         QueryLosses& losses)
 {
-    std::string first;
     for (const QueryField& field : fields) {
         std::string refused;
-        if (!addField(field, refused) && first.empty())
-            first = shown(field.name) + ": " + refused;
+        if (!addTold(field, refused))
+            losses.addField(field, refused);
     }
     // One line, whatever another host wrote.
-    if (!first.empty())
-        PLATFORM_LOG(LOG_LEVEL_FAILURE, operation,
-                     "Not everything of a query description can be told; the first field left out "
-                     "is "
-                         << first);
+    losses.log(operation);
 }
 
 void TlxQuery::merge(const TlxQuery& other)
 {
+    QueryLosses losses;
     if (&other != this)
-        addFields("TlxQuery::merge", other.m_fields);
+        addFields("TlxQuery::merge", other.m_fields, losses);
 }
 
 } // namespace Veltrane::Quillmark::Tlx

@@ -2,9 +2,12 @@
 
 #include <tlx/Query.h>
 
+#include <set>
+
 #include <tlx/Assert.h>
 
 #include "PlatformLog.h"
+#include "QueryLosses.h"
 
 namespace Veltrane::Quillmark::Tlx {
 
@@ -36,7 +39,10 @@ class QueryContext : public XmlObjParseContext
 
     Node m_node = Root;
     TlxString m_query;
-    std::vector<QueryField> m_fields;
+    QueryField m_field;           ///< being read
+    std::set<TlxString> m_values; ///< those of m_field, however often it tells them
+    TlxQuery m_described;         ///< each field is merged as it ends: memory ends with its bounds
+    QueryLosses m_losses;
 };
 
 /// A type that somebody will invent one day is a text for us: every value can be spelled.
@@ -61,8 +67,9 @@ bool startNode(QueryContext& context, const XMLCh* name, AttributeList& attribut
         if (!is(TAG_FIELD))
             return false;
         context.m_node = QueryContext::Field;
-        context.m_fields.push_back({xmlAttribute(attributes, ATTRIBUTE_NAME),
-                                    typeFromText(xmlAttribute(attributes, ATTRIBUTE_TYPE))});
+        context.m_field = {xmlAttribute(attributes, ATTRIBUTE_NAME),
+                           typeFromText(xmlAttribute(attributes, ATTRIBUTE_TYPE))};
+        context.m_values.clear();
         return true;
     case QueryContext::Field:
         if (is(TAG_DESCRIPTION))
@@ -75,6 +82,20 @@ bool startNode(QueryContext& context, const XMLCh* name, AttributeList& attribut
     }
 }
 
+/// A list of which a part is missing would be none: who asks for the rest would be refused.
+void endField(QueryContext& context)
+{
+    QueryField& field = context.m_field;
+    const bool isOpened = field.values.size() > QUERY_MAX_VALUES;
+    if (isOpened)
+        field.values.clear();
+    std::string refused;
+    if (!context.m_described.addField(field, refused))
+        context.m_losses.addField(field, refused);
+    else if (isOpened)
+        context.m_losses.addOpened(field);
+}
+
 /// Takes what a child told; the element around it goes on.
 void endNode(QueryContext& context)
 {
@@ -84,18 +105,18 @@ void endNode(QueryContext& context)
         context.m_node = QueryContext::Root;
         break;
     case QueryContext::Field:
-        // One above the bound is kept, for the line that tells of it; memory ends there.
-        if (context.m_fields.size() > QUERY_MAX_FIELDS + 1)
-            context.m_fields.pop_back();
+        endField(context);
         context.m_node = QueryContext::Root;
         break;
     case QueryContext::Description:
-        context.m_fields.back().description = context.text();
+        context.m_field.description = context.text();
         context.m_node = QueryContext::Field;
         break;
     case QueryContext::Value:
-        if (context.m_fields.back().values.size() <= QUERY_MAX_VALUES)
-            context.m_fields.back().values.push_back(context.text());
+        // One above the bound is kept, which tells that there are more.
+        if (context.m_values.size() <= QUERY_MAX_VALUES &&
+            context.m_values.insert(context.text()).second)
+            context.m_field.values.push_back(context.text());
         context.m_node = QueryContext::Field;
         break;
     case QueryContext::Root:
@@ -187,7 +208,7 @@ int TlxQuery::xmlEndElement(XmlObjParseContext* context, const XMLCh* name)
                      "Refused a query description, its query is none: " << m_mistake.toText());
         return XML_NOTHING;
     }
-    addFields("TlxQuery::xmlEndElement", ctxt->m_fields);
+    addFields("TlxQuery::xmlEndElement", ctxt->m_described.fields(), ctxt->m_losses);
     return XML_COMPLETE;
 }
 

@@ -129,6 +129,7 @@ struct QueryMistake
 };
 
 class QueryExpression;
+class QueryLosses;
 
 /// Reference-counted; may be shared once nobody changes it any more.
 class TlxQuery : public virtual TLXRefCounted, public XmlInterface
@@ -188,6 +189,8 @@ class TlxQuery : public virtual TLXRefCounted, public XmlInterface
     /// Characters that XML cannot carry become U+FFFD. False, with nothing changed, when the name
     /// is no name or one of the bounds above would be exceeded.
     bool addField(const QueryField& field);
+    /// The same. @param refused why it was not added; empty when it was.
+    bool addField(const QueryField& field, std::string& refused);
     /// In the order in which they came.
     const std::vector<QueryField>& fields() const { return m_fields; }
     /// The field of that name, whatever the case of its letters; null when there is none.
@@ -212,8 +215,9 @@ class TlxQuery : public virtual TLXRefCounted, public XmlInterface
     void xmlStartElement(XmlObjParseContext* context, const XMLCh* name,
                          AttributeList& attributes) override;
     /// XML_NOTHING for a description whose expression is none: whoever asked this must not be
-    /// answered as if nothing had been asked. A field that addField refuses is left out. Each is
-    /// told in one level-1 line.
+    /// answered as if nothing had been asked. A field that addField refuses is left out; one that
+    /// lists more than QUERY_MAX_VALUES different values takes any. One level-1 line a description
+    /// tells how many there were.
     int xmlEndElement(XmlObjParseContext* context, const XMLCh* name) override;
     std::ostream& writeXml(std::ostream& out, XmlStr::Encoding encoding) const override;
 
@@ -222,8 +226,9 @@ class TlxQuery : public virtual TLXRefCounted, public XmlInterface
     virtual void userOperation(const XMLCh* name, AttributeList& attributes);
 
   private:
-    bool addField(const QueryField& field, std::string& refused);
-    void addFields(const char* operation, const std::vector<QueryField>& fields);
+    bool addTold(const QueryField& told, std::string& refused);
+    void addFields(const char* operation, const std::vector<QueryField>& fields,
+                   QueryLosses& losses);
 
     TlxString m_query;
     std::shared_ptr<const QueryExpression> m_expression;

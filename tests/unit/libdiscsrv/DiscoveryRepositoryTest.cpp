@@ -2,7 +2,10 @@
 
 #include "DiscoveryRepository.h"
 
+#include <algorithm>
+
 #include "Capture.h"
+#include "ExplorerFixture.h"
 #include "ServiceFixture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -172,6 +175,33 @@ TEST(DiscoveryRepositoryAloneTest, AMasterWithoutAStoreAnswersNull)
         CollectionAttributes(CT_POINT_IN_TIME, CS_LOCALONLY, TlxObjTime(), TlxObjTime(), 0));
     EXPECT_FALSE(out);
     EXPECT_EQ(assertions.texts(), (Lines{"m_init", "m_init", "*discovery"}));
+}
+
+TEST(DiscoveryRepositoryAloneTest, WithoutAStoreWhatThePullExplorersFoundIsReleased)
+{
+    const AutoDereference<Routed> repository(new Routed);
+    repository->master = true;
+    repository->setDiscoveryFramework(
+        AutoDereference<DiscoveryFramework>(new DiscoveryFramework("", DST_GENERIC, nullptr, false))
+            .get());
+    const AutoDereference<QmTest::FakePull> pull(new QmTest::FakePull);
+    const Subject of("cl1");
+    const Authority by("srv1", AT_EXTSRC);
+    repository->registerExplorer(&of, pull.get(), 1, &by, true);
+    const ExplorerSet explorers = repository->getPullExplorers();
+    ASSERT_EQ(explorers.size(), 1u);
+    const auto references = (*explorers.begin())->referenceCount();
+
+    const AssertionCapture assertions;
+    const LogCapture log(LOG_LEVEL_TRACE);
+    EXPECT_EQ(repository->queryDiscoveries(DQ_DISCOVERY_DATA, "cl*", "*", AT_ANYANDALL), nullptr);
+    EXPECT_EQ(log.texts(1), Lines{"No database iterator found"});
+    EXPECT_EQ(assertions.texts(), Lines{"m_init"});
+    const auto lines = log.lines();
+    EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const LogCapture::Line& line) {
+        return line.operation == "DiscoveryMemCreator::getIterator";
+    })) << "an explorer matched";
+    EXPECT_EQ((*explorers.begin())->referenceCount(), references);
 }
 
 struct DiscoveryRepositoryTest : testing::Test

@@ -2,11 +2,14 @@
 
 #include "ExplorerTimers.h"
 
+#include <chrono>
 #include <cstdlib>
+#include <optional>
 #include <thread>
 
 #include "Capture.h"
 #include "ExplorerFixture.h"
+#include "FakePeer.h"
 #include "ServiceFixture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -14,6 +17,7 @@ namespace {
 
 using QmTest::AssertionCapture;
 using QmTest::Calls;
+using QmTest::FakePull;
 using QmTest::FakePush;
 using QmTest::FakeReactor;
 using QmTest::FakeRepository;
@@ -292,6 +296,145 @@ TEST_F(ExplorerTimersTest, RestartsAndAStopAtTheSameMomentLeaveNoSchedule)
     runs.join();
     repository->fini();
     EXPECT_EQ(reactor.scheduled(), 0);
+}
+
+/// A client whose master, "peer", is another process.
+struct RegisterTimerTest : testing::Test
+{
+    /// Whose way to the master the test sees, before it is taken.
+    struct Repository : FakeRepository
+    {
+        void getMasterServerName(TlxHostname& out) const override
+        {
+            FakeRepository::getMasterServerName(out);
+            if (onMaster)
+                onMaster();
+        }
+        std::function<void()> onMaster;
+    };
+
+    RegisterTimerTest()
+    {
+        HostConfig::instance().readText(
+            "CLIENT_NAME = here\nENDPOINT.peer = " + peer.endpoint + "\n", "qm.conf");
+        repository->masterName = "peer";
+        repository->setDiscoveryFramework(framework.get());
+        setAceReactor(nullptr); // the ORB's own
+        reactor.emplace();
+    }
+    ~RegisterTimerTest() override
+    {
+        if (!repository->isShuttingDown())
+            repository->shutdown();
+        repository->fini();
+    }
+    /// What the peer was asked.
+    std::string asked() const
+    {
+        const Remote::DiscoveryService_var service = repository->connectToRemoteDiscoveryService(
+            TlxHostname(TlxString("peer")), "DiscoveryService");
+        Remote::Discovery of;
+        of.queryType = DQ_UNDEFINED;
+        of.subject = "log";
+        of.authority = "a";
+        of.authType = AT_EXTSRC;
+        of.attributes = {CT_CONFIGURATION, CS_LOCALONLY, 0, 0, 0};
+        Remote::CollectionDataIterator_var iterator;
+        EXPECT_EQ(service->getCollectionData(of, "", iterator.out()), DS_SUCCESS);
+        const Remote::CollectionDataSeq_var page = iterator->getNextPage();
+        return {reinterpret_cast<const char*>(page->get_buffer()), page->length()};
+    }
+    /// The level-1 lines that the timer wrote.
+    static Calls failures(const LogCapture& log)
+    {
+        Calls texts;
+        for (const LogCapture::Line& line : log.lines())
+            if (line.level == 1 &&
+                line.operation == "DiscoveryRepository::ExplorerRegisterTimer::handle_timeout")
+                texts.push_back(line.text);
+        return texts;
+    }
+
+    QmTest::FakePeer peer; // forked before anything else
+    Orb orb{false, "127.0.0.1:0", "MyService", false, 16};
+    const AutoDereference<DiscoveryFramework> framework{
+        new DiscoveryFramework("", DST_GENERIC, &orb, false)};
+    const AutoDereference<Repository> repository{new Repository};
+    const AutoDereference<FakePush> push{new FakePush};
+    const AutoDereference<FakePull> pull{new FakePull};
+    std::optional<FakeReactor> reactor;
+};
+
+TEST_F(RegisterTimerTest, EachPullExplorerIsRegisteredWithItsNamesTypeAndPriority)
+{
+    repository->pull("s 1", "a1", 7, *pull, AT_EXTSRC);
+    repository->pull("s2", "a2", 32767, *pull, AT_QMKSERVER);
+    repository->push("pushed", "a", 1, *push);
+    repository->startRegisterTimer();
+    const LogCapture log;
+    EXPECT_EQ(reactor->pass(301), 2) << "and the push timer, at once";
+    EXPECT_EQ(failures(log), Calls{});
+    EXPECT_TRUE(log.has(4, "Registering 2 explorers with master server"));
+    EXPECT_TRUE(log.has(4, "Successfully registered explorers with master"));
+    EXPECT_EQ(asked(),
+              "register MyService here s%201 a1 3 7;register MyService here s2 a2 1 32767;");
+    EXPECT_EQ(push->calls, Calls{"push pushed of a"});
+}
+
+TEST_F(RegisterTimerTest, AMasterThatThrowsIsTriedAgainInFiveMinutes)
+{
+    repository->pull("throw", "a", 7, *pull);
+    repository->push("pushed", "a", 1, *push);
+    repository->startRegisterTimer();
+    LogCapture log;
+    EXPECT_EQ(reactor->pass(301), 1);
+    const Calls lines{"Caught CORBA exception registering explorers with master, retrying later",
+                      "NO_MEMORY (minor 0x00000000, COMPLETED_NO)"};
+    EXPECT_EQ(log.texts(1), lines);
+    EXPECT_EQ(failures(log), lines);
+    EXPECT_FALSE(log.has(4, "Successfully registered explorers with master"));
+    EXPECT_EQ(push->calls, Calls{});
+    EXPECT_EQ(reactor->scheduled(), 1);
+    log.clear();
+    EXPECT_EQ(reactor->pass(299), 0);
+    EXPECT_EQ(reactor->pass(1), 1);
+    EXPECT_EQ(failures(log), lines);
+}
+
+TEST_F(RegisterTimerTest, AShutdownInTheMiddleOfTheWalkEndsIt)
+{
+    repository->pull("hold", "a", 7, *pull);
+    repository->pull("later", "b", 7, *pull);
+    repository->startRegisterTimer();
+    const LogCapture log;
+    std::thread run([this] { EXPECT_EQ(reactor->pass(301), 1); });
+    const std::string first = "register MyService here hold a 2 7;";
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (asked() != first && std::chrono::steady_clock::now() < end)
+        std::this_thread::yield();
+    EXPECT_EQ(asked(), first);
+    repository->shutdown();
+    const Remote::DiscoveryService_var service = repository->connectToRemoteDiscoveryService(
+        TlxHostname(TlxString("peer")), "DiscoveryService");
+    service->restartLocalPushTimer(); // lets the first one return
+    run.join();
+    EXPECT_EQ(asked(), first + "restart;");
+    EXPECT_EQ(log.texts(1), Calls{});
+    EXPECT_TRUE(log.has(4, "Registering 2 explorers with master server"));
+    EXPECT_FALSE(log.has(4, "Successfully registered explorers with master"));
+    EXPECT_EQ(reactor->scheduled(), 0);
+}
+
+TEST_F(RegisterTimerTest, AMasterThatIsGoneIsNotTriedAgainDuringTheShutdown)
+{
+    peer.kill();
+    repository->startRegisterTimer();
+    repository->onMaster = [this] { std::thread([this] { repository->shutdown(); }).join(); };
+    const LogCapture log;
+    EXPECT_EQ(reactor->pass(301), 1);
+    EXPECT_EQ(log.texts(1), Calls{"Failed to connect to remote discovery service"});
+    EXPECT_EQ(failures(log), Calls{});
+    EXPECT_EQ(reactor->scheduled(), 0);
 }
 
 } // namespace

@@ -7,16 +7,23 @@
 //                         subject, "endless" never ends, "vanish" ends the peer on the second
 //                         page, otherwise one record of that subject
 //     getCollectionData   by the subject: "bytes-N" has N bytes in pages of 8, "page-N" one page of
-//     N
-//                         bytes, "none" DS_NONE_FOUND, "nil" success and nil, "throw" NO_MEMORY,
-//                         "throw-page" fails on the second page
+//                         N bytes, "tail-N-M" N bytes in pages of 8 and one of M, "none"
+//                         DS_NONE_FOUND, "nil" success and nil, "throw" NO_MEMORY, "throw-page"
+//                         fails on the second page
 //     putCollection       by the subject: "refuse" DS_DATA_EXISTS, "throw" NO_MEMORY, "bad-put"
 //                         answers false from the second put on, "throw-put", "throw-close" fail
+//     registerExplorer    by the subject: "throw" NO_MEMORY, "hold" returns once
+//     restartLocalPushTimer
+//                         was called
 //
 // What it was asked is the payload of the subject "log".
 
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -38,7 +45,22 @@ namespace Skeleton = POA_Veltrane::Quillmark::Tlx::DiscoverySvc::Remote;
 
 namespace FakePeerDetail {
 
+inline std::mutex g_mutex; // over what is below
 inline std::string g_log;
+inline bool g_released = false;
+inline std::condition_variable g_release;
+
+inline void note(const std::string& text)
+{
+    const std::lock_guard guard(g_mutex);
+    g_log += text;
+}
+
+inline std::string noted()
+{
+    const std::lock_guard guard(g_mutex);
+    return g_log;
+}
 
 /// "PREFIX-N" -> N; -1 for anything else.
 inline long countOf(const std::string& name, const std::string& prefix)
@@ -52,7 +74,7 @@ class Records : public Skeleton::DiscoveryIterator
     explicit Records(std::string subject) : m_subject(std::move(subject)) {}
     Remote::DiscoverySeq* getNextPage() override
     {
-        g_log += "page;";
+        note("page;");
         auto page = std::make_unique<Remote::DiscoverySeq>();
         ++m_pages;
         if (m_subject == "throw-page" && m_pages == 2)
@@ -81,8 +103,8 @@ class Records : public Skeleton::DiscoveryIterator
         return page.release();
     }
     CORBA::Long pageSize() override { return 8; }
-    void pageSize(CORBA::Long) override { g_log += "pageSize;"; }
-    void release() override { g_log += "release;"; }
+    void pageSize(CORBA::Long) override { note("pageSize;"); }
+    void release() override { note("release;"); }
 
   private:
     const std::string m_subject;
@@ -93,15 +115,19 @@ class Records : public Skeleton::DiscoveryIterator
 class Data : public Skeleton::CollectionDataIterator
 {
   public:
-    Data(std::string bytes, std::size_t page, bool fails)
-        : m_bytes(std::move(bytes)), m_page(page), m_fails(fails)
+    Data(std::string bytes, std::size_t page, bool fails, std::size_t tail = 0)
+        : m_bytes(std::move(bytes)), m_page(page), m_fails(fails), m_tail(tail)
     {
     }
     Remote::CollectionDataSeq* getNextPage() override
     {
         if (m_fails && m_sent > 0)
             throw CORBA::NO_MEMORY();
-        const std::string now = m_bytes.substr(m_sent, m_page);
+        const std::size_t head =
+            m_bytes.size() - m_tail - std::min(m_sent, m_bytes.size() - m_tail);
+        const std::string now = m_bytes.substr(m_sent, head > 0     ? std::min(head, m_page)
+                                                       : m_tail > 0 ? m_tail
+                                                                    : m_page);
         m_sent += now.size();
         auto page = std::make_unique<Remote::CollectionDataSeq>();
         page->length(static_cast<CORBA::ULong>(now.size()));
@@ -110,13 +136,14 @@ class Data : public Skeleton::CollectionDataIterator
         return page.release();
     }
     CORBA::Long pageSize() override { return 8; }
-    void pageSize(CORBA::Long) override { g_log += "pageSize;"; }
-    void release() override { g_log += "release;"; }
+    void pageSize(CORBA::Long) override { note("pageSize;"); }
+    void release() override { note("release;"); }
 
   private:
     const std::string m_bytes;
     const std::size_t m_page;
     const bool m_fails;
+    const std::size_t m_tail; ///< so many bytes at the end come as one page
     std::size_t m_sent = 0;
 };
 
@@ -126,14 +153,14 @@ class Writer : public Skeleton::RemoteWriter
     explicit Writer(std::string subject) : m_subject(std::move(subject)) {}
     CORBA::Boolean put(const Remote::CollectionDataSeq& data) override
     {
-        g_log += "put " + std::to_string(data.length()) + ";";
+        note("put " + std::to_string(data.length()) + ";");
         if (m_subject == "throw-put")
             throw CORBA::NO_MEMORY();
         return m_subject != "bad-put" || m_puts++ == 0;
     }
     Disc::DiscoveryResult close() override
     {
-        g_log += "close;";
+        note("close;");
         if (m_subject == "throw-close")
             throw CORBA::NO_MEMORY();
         return {Disc::DS_SUCCESS, 0};
@@ -151,8 +178,8 @@ class Service : public Skeleton::DiscoveryService
                                                    Disc::AuthorityType type, const char* authority,
                                                    const char* subject) override
     {
-        g_log += "query " + std::to_string(query) + " " + std::to_string(type) + " " + authority +
-                 " " + subject + ";";
+        note("query " + std::to_string(query) + " " + std::to_string(type) + " " + authority + " " +
+             subject + ";");
         if (subject == std::string("throw"))
             throw CORBA::NO_MEMORY();
         if (subject == std::string("nil"))
@@ -165,10 +192,10 @@ class Service : public Skeleton::DiscoveryService
         const std::string subject = record.subject.in();
         iterator = Remote::CollectionDataIterator::_nil();
         if (subject == "log") {
-            iterator = (new Data(g_log, 100000, false))->_this();
+            iterator = (new Data(noted(), 100000, false))->_this();
             return Disc::DS_SUCCESS;
         }
-        g_log += "get " + subject + " [" + filter + "];";
+        note("get " + subject + " [" + filter + "];");
         if (subject == "throw")
             throw CORBA::NO_MEMORY();
         if (subject == "none")
@@ -177,6 +204,15 @@ class Service : public Skeleton::DiscoveryService
             return Disc::DS_SUCCESS;
         const long bytes = countOf(subject, "bytes");
         const long page = countOf(subject, "page");
+        const long head = countOf(subject, "tail");
+        if (head >= 0) {
+            const auto tail =
+                static_cast<std::size_t>(countOf(subject, "tail-" + std::to_string(head)));
+            iterator =
+                (new Data(std::string(static_cast<std::size_t>(head) + tail, 'x'), 8, false, tail))
+                    ->_this();
+            return Disc::DS_SUCCESS;
+        }
         const bool fails = subject == "throw-page";
         const std::string data(static_cast<std::size_t>(fails        ? 100
                                                         : bytes >= 0 ? bytes
@@ -191,12 +227,12 @@ class Service : public Skeleton::DiscoveryService
     {
         const std::string subject = record.subject.in();
         const Remote::CollAttributes& with = record.attributes;
-        g_log += "putCollection " + subject + " of " + record.authority.in() + " " +
-                 std::to_string(record.authType) + " query " + std::to_string(record.queryType) +
-                 " " + std::to_string(with.colType) + std::to_string(with.colStorage) + " " +
-                 std::to_string(with.priority) + " " + std::to_string(with.timeToLive) + " " +
-                 std::to_string(with.discoveryTime) + " from " + record.sourceHost.in() + " " +
-                 record.sourceServiceName.in() + ";";
+        note("putCollection " + subject + " of " + record.authority.in() + " " +
+             std::to_string(record.authType) + " query " + std::to_string(record.queryType) + " " +
+             std::to_string(with.colType) + std::to_string(with.colStorage) + " " +
+             std::to_string(with.priority) + " " + std::to_string(with.timeToLive) + " " +
+             std::to_string(with.discoveryTime) + " from " + record.sourceHost.in() + " " +
+             record.sourceServiceName.in() + ";");
         writer = Remote::RemoteWriter::_nil();
         if (subject == "throw")
             throw CORBA::NO_MEMORY();
@@ -205,12 +241,27 @@ class Service : public Skeleton::DiscoveryService
         writer = (new Writer(subject))->_this();
         return {Disc::DS_SUCCESS, 0};
     }
-    void registerExplorer(const char*, const char*, const char*, const char*, Disc::AuthorityType,
-                          CORBA::Short) override
+    void registerExplorer(const char* service, const char* host, const char* subject,
+                          const char* authority, Disc::AuthorityType type,
+                          CORBA::Short priority) override
     {
+        note(std::string("register ") + service + " " + host + " " + subject + " " + authority +
+             " " + std::to_string(type) + " " + std::to_string(priority) + ";");
+        if (subject == std::string("throw"))
+            throw CORBA::NO_MEMORY();
+        if (subject != std::string("hold"))
+            return;
+        std::unique_lock lock(g_mutex);
+        g_release.wait_for(lock, std::chrono::seconds(20), [] { return g_released; });
     }
     CORBA::Boolean terminate() override { return false; }
-    void restartLocalPushTimer() override { g_log += "restart;"; }
+    void restartLocalPushTimer() override
+    {
+        note("restart;");
+        const std::lock_guard guard(g_mutex);
+        g_released = true;
+        g_release.notify_all();
+    }
     CORBA::Boolean restartAllPushTimers() override { return false; }
 };
 
@@ -229,6 +280,13 @@ class Stranger : public Skeleton::RemoteWriter
     Disc::DiscoveryResult close() override { return {Disc::DS_SUCCESS, 0}; }
 };
 
+/// An object that is there and cannot say what it is.
+class Nameless : public Stranger
+{
+  public:
+    CORBA::Boolean _is_a(const char*) override { throw CORBA::NO_MEMORY(); }
+};
+
 } // namespace FakePeerDetail
 
 /// Made before anything of the ORB in this process, which it is forked from.
@@ -238,8 +296,9 @@ class FakePeer
     enum Kind
     {
         SERVICE,
-        BROKEN,  ///< cannot push
-        STRANGER ///< advertises something else under the service's name
+        BROKEN,   ///< cannot push
+        STRANGER, ///< advertises something else under the service's name
+        NAMELESS  ///< so does this one, which fails when it is asked what it is
     };
     explicit FakePeer(Kind kind = SERVICE)
     {
@@ -269,6 +328,9 @@ class FakePeer
         m_pid = -1;
     }
 
+    /// It accepts connections and answers nobody any more.
+    void silence() { ::kill(m_pid, SIGSTOP); }
+
     std::string endpoint;
 
   private:
@@ -277,6 +339,8 @@ class FakePeer
         switch (kind) {
         case STRANGER:
             return orb.activateServant(new FakePeerDetail::Stranger);
+        case NAMELESS:
+            return orb.activateServant(new FakePeerDetail::Nameless);
         case BROKEN:
             return orb.activateServant(new FakePeerDetail::Broken);
         default:

@@ -2,6 +2,9 @@
 
 #include "RemoteDB.h"
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -170,6 +173,44 @@ TEST_F(RemoteDBTest, AWriteWithoutAnOpenWriterIsReported)
     EXPECT_EQ(assertions.texts(), (Lines{"NULL != m_writer", "NULL != cd->m_writer"}));
 }
 
+TEST_F(RemoteDBTest, ARecordWithoutASubjectOrAnAuthorityIsNotWritten)
+{
+    const AutoDereference<Discovery> record(
+        getRemoteDiscoveryDatabase()->newDiscovery(DQ_DISCOVERY_DATA));
+    {
+        const AssertionCapture assertions;
+        EXPECT_EQ(record->open(OM_UPDATE, "").discStatus, DS_OPEN_FAILED);
+        EXPECT_EQ(assertions.texts(), (Lines{"NULL != m_subject", "NULL != m_authority"}));
+    }
+    record->setSubject(new Subject("cl5"));
+    const AssertionCapture assertions;
+    EXPECT_EQ(record->open(OM_UPDATE, "").discStatus, DS_OPEN_FAILED);
+    EXPECT_EQ(assertions.texts(), Lines{"NULL != m_authority"});
+    EXPECT_EQ(found("none")->open(OM_READ, "").discStatus, DS_OPEN_FAILED);
+    EXPECT_EQ(asked(), "get none [];") << "and nothing before";
+}
+
+TEST_F(RemoteDBTest, ARecordWithoutDataCanNeitherBeOpenedNorPersisted)
+{
+    const AutoDereference<Discovery> record(new RemoteDiscovery(nullptr, DQ_DISCOVERY_DATA));
+    const AssertionCapture assertions;
+    const DiscoveryResult opened = record->open(OM_READ, "");
+    EXPECT_EQ(opened.discStatus, DS_OPEN_FAILED);
+    EXPECT_EQ(opened.retryInterval, 0);
+    EXPECT_EQ(record->persist().discStatus, DS_LOGIC_ERROR);
+    EXPECT_EQ(assertions.texts(), (Lines{"getCollectionData()", "NULL != cd"}));
+}
+
+TEST_F(RemoteDBTest, AnUnknownOpenModeIsReported)
+{
+    const auto record = found("bytes-10");
+    const AssertionCapture assertions;
+    EXPECT_FALSE(record->getCollectionData()->open(static_cast<OpenMode>(77), ""));
+    EXPECT_EQ(assertions.texts(), Lines{"SHOULD_NOT_GET_HERE"});
+    EXPECT_EQ(found("none")->open(OM_READ, "").discStatus, DS_OPEN_FAILED);
+    EXPECT_EQ(asked(), "get none [];") << "and nothing before";
+}
+
 TEST_F(RemoteDBTest, AMasterThatIsDownFailsTheWrite)
 {
     peer.kill();
@@ -199,6 +240,29 @@ TEST_F(RemoteDBTest, APageThatStillDoesNotFitEndsTheRead)
     EXPECT_EQ(found("page-2049")->open(OM_READ, "").discStatus, DS_OPEN_FAILED);
     EXPECT_EQ(log.texts(1),
               Lines{"A page of 2049 bytes does not fit in a cache of 2048 with 0 in use"});
+}
+
+TEST_F(RemoteDBTest, TheCacheGrowsFrom1024To2048To4096)
+{
+    // A page that needs more than the next doubling tells how large the cache was.
+    LogCapture log;
+    const auto fits = [&log](std::size_t head, std::size_t size) {
+        const std::string names = "tail-" + std::to_string(head) + "-";
+        const std::size_t page = 2 * size - head;
+        EXPECT_EQ(found(names + std::to_string(page))->open(OM_READ, "").discStatus, DS_SUCCESS);
+        log.clear();
+        EXPECT_EQ(found(names + std::to_string(page + 1))->open(OM_READ, "").discStatus,
+                  DS_OPEN_FAILED);
+        EXPECT_EQ(log.texts(1),
+                  Lines{"A page of " + std::to_string(page + 1) +
+                        " bytes does not fit in a cache of " + std::to_string(2 * size) + " with " +
+                        std::to_string(head) + " in use"});
+    };
+    fits(1024, 1024);
+    fits(1032, 2048);
+    fits(2048, 2048);
+    fits(2056, 4096);
+    fits(3000, 4096);
 }
 
 TEST_F(RemoteDBTest, AReadThatYieldsNothingFails)
@@ -296,6 +360,37 @@ TEST_F(RemoteDBTest, WithoutAMasterOrWithOneThatIsDownAQueryIsNull)
               (Lines{"Unable to obtain master server name", "Cannot find master server name, abort "
                                                             "connecting to master discovery "
                                                             "service"}));
+}
+
+TEST_F(RemoteDBTest, AtMost32QueriesAreForwardedAtATime)
+{
+    constexpr std::size_t MOST = 32;
+    peer.silence();
+    const LogCapture log;
+    const auto underWay = [&log] {
+        const Lines lines = log.texts(4);
+        return static_cast<std::size_t>(std::count(lines.begin(), lines.end(), "Host: peer"));
+    };
+    std::vector<std::thread> queries;
+    std::atomic<int> answered{0};
+    for (std::size_t i = 0; i < MOST; ++i)
+        queries.emplace_back([&] {
+            EXPECT_FALSE(query("x"));
+            ++answered;
+        });
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(4);
+    while (underWay() < MOST && std::chrono::steady_clock::now() < end)
+        std::this_thread::yield();
+    EXPECT_EQ(underWay(), MOST);
+    EXPECT_FALSE(query("x"));
+    EXPECT_EQ(log.texts(1), Lines{"32 queries are being forwarded already"});
+    EXPECT_EQ(answered, 0);
+    EXPECT_EQ(underWay(), MOST);
+    peer.kill(); // which answers them all
+    for (std::thread& each : queries)
+        each.join();
+    EXPECT_FALSE(query("x"));
+    EXPECT_EQ(underWay(), MOST + 1) << "the places are free again";
 }
 
 TEST_F(RemoteDBTest, AHostNeverAsksItself)
@@ -500,6 +595,18 @@ TEST(RemoteStrangerTest, AnObjectOfAnotherKindIsNoService)
     EXPECT_EQ(log.texts(1),
               (Lines{"Failed to connect to remote discovery service ( narrow failed ) ",
                      "Failed to connect to discovery service"}));
+}
+
+TEST(RemoteStrangerTest, AnObjectThatCannotSayWhatItIsIsNoService)
+{
+    const FakePeer nameless(FakePeer::NAMELESS);
+    const QmTest::Service service("SERVER = peer\nENDPOINT.peer = " + nameless.endpoint + "\n");
+    const LogCapture log;
+    const AutoDereference<DiscoveryIterator> iterator(
+        getDiscoveryRepository()->queryDiscoveries(DQ_DISCOVERY_DATA, "*", "*", AT_ANYANDALL));
+    EXPECT_FALSE(iterator);
+    EXPECT_EQ(log.texts(1), (Lines{"Failed to connect to remote discovery service.", NO_MEMORY,
+                                   "Failed to connect to discovery service"}));
 }
 
 } // namespace

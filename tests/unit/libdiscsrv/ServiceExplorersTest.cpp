@@ -193,6 +193,28 @@ TEST_F(ServiceExplorersTest, ARestartFindsThemAgain)
     EXPECT_EQ(found, (Calls{"s a 2 5 Service<1> client1 2", "t a 2 6 Service<1> client1 2"}));
 }
 
+TEST_F(ServiceExplorersTest, AnExplorerThatTheStoreRefusesIsNotStored)
+{
+    const Subject of("s");
+    const Authority by("a", AT_EXTSRC);
+    const AutoDereference<RemoteExplorerPull> explorer(
+        new RemoteExplorerPull("S", "h", "s", "a", AT_EXTSRC));
+    const auto store = [&](unsigned priority) {
+        getDiscoveryRepository()->persistToDisk(AutoDereference<ExplorerWrapper>(
+            new ExplorerWrapper(explorer.get(), priority, &of, &by)));
+    };
+    store(9);
+    const std::string before = stored("4 a s.dat");
+    EXPECT_NE(before, "");
+    const LogCapture log;
+    store(8);
+    EXPECT_EQ(log.texts(1),
+              (Calls{"Cannot open the db database, data with higher priority already exists.",
+                     "Failed to open collection"}));
+    EXPECT_EQ(log.lines().back().operation, "DiscoveryRepository::persistToDisk");
+    EXPECT_EQ(stored("4 a s.dat"), before);
+}
+
 TEST_F(ServiceExplorersTest, OffTheMasterNoExplorerIsStored)
 {
     struct Client : DiscoveryRepository

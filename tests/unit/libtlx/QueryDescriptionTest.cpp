@@ -200,6 +200,10 @@ TEST(QueryMergeTest, ValuesAreThoseOfBothOrAny)
     EXPECT_EQ(merged({"b", "a"}, {"c", "a"}), (std::vector<TlxString>{"b", "a", "c"}));
     EXPECT_EQ(merged({}, {"c"}), std::vector<TlxString>{});
     EXPECT_EQ(merged({"c"}, {}), std::vector<TlxString>{});
+    EXPECT_EQ(merged({"a", "b"}, {"a", "b"}), (std::vector<TlxString>{"a", "b"}));
+    EXPECT_EQ(merged({"a", "b"}, {"a"}), (std::vector<TlxString>{"a", "b"}));
+    EXPECT_EQ(merged({"a", "b"}, {"a", "b", "c"}), (std::vector<TlxString>{"a", "b", "c"}));
+    EXPECT_EQ(merged({"a", "b"}, {"a", "c", "b"}), (std::vector<TlxString>{"a", "b", "c"}));
     EXPECT_EQ(merged(numbered(0, 200), numbered(56, 200)), numbered(0, 256));
     EXPECT_EQ(merged(numbered(0, 200), numbered(57, 200)), std::vector<TlxString>{});
 }
@@ -232,8 +236,8 @@ TEST(QueryMergeTest, WhatIsTooMuchIsLeftOutWithOneLine)
     EXPECT_NE(query.field("b55"), nullptr);
     EXPECT_EQ(query.field("b56"), nullptr);
     EXPECT_EQ(log.texts(1), std::vector<std::string>{
-                                "Not everything of a query description can be told; the first "
-                                "field left out is \"b56\": there are more than 256 fields"});
+                                "Not everything of a query description can be told; fields left "
+                                "out: 144, the first \"b56\": there are more than 256 fields"});
 }
 
 // XML.
@@ -331,8 +335,8 @@ TEST(QueryXmlTest, AFieldWithoutANameIsLeftOutWithOneLine)
                             "</QueryDescription>");
     EXPECT_EQ(query->fields(), std::vector<QueryField>{{"ok"}});
     EXPECT_EQ(log.texts(1), std::vector<std::string>{
-                                "Not everything of a query description can be told; the first "
-                                "field left out is \"\": its name is no name of a field"});
+                                "Not everything of a query description can be told; fields left "
+                                "out: 2, the first \"\": its name is no name of a field"});
 }
 
 TEST(QueryXmlTest, ADescriptionWhoseExpressionIsNoneYieldsNothing)
@@ -355,17 +359,8 @@ TEST(QueryXmlTest, ReadingIsBounded)
         text += "<Field Name='f" + std::to_string(i) + "'/>";
     EXPECT_EQ(read(text + "</QueryDescription>")->fields().size(), QUERY_MAX_FIELDS);
     EXPECT_EQ(log.texts(1), std::vector<std::string>{
-                                "Not everything of a query description can be told; the first "
-                                "field left out is \"f256\": there are more than 256 fields"});
-    log.clear();
-
-    text = "<QueryDescription><Field Name='many'>";
-    for (std::size_t i = 0; i < 2 * QUERY_MAX_VALUES; ++i)
-        text += "<Value>" + std::to_string(i) + "</Value>";
-    EXPECT_TRUE(read(text + "</Field></QueryDescription>")->isEmpty());
-    EXPECT_EQ(log.texts(1), std::vector<std::string>{
-                                "Not everything of a query description can be told; the first "
-                                "field left out is \"many\": it has more than 256 values"});
+                                "Not everything of a query description can be told; fields left "
+                                "out: 256, the first \"f256\": there are more than 256 fields"});
     log.clear();
 
     const std::string longText(QUERY_MAX_TEXT + 1, 'x');
@@ -378,10 +373,11 @@ TEST(QueryXmlTest, ReadingIsBounded)
              {"<Field Name='" + longName + "'/>",
               "\"" + longName.substr(1) + "...\": its name has more than 64 bytes"}}) {
         EXPECT_TRUE(read("<QueryDescription>" + field + "</QueryDescription>")->isEmpty());
-        EXPECT_EQ(log.texts(1), std::vector<std::string>{
-                                    "Not everything of a query description can be told; the first "
-                                    "field left out is " +
-                                    reason});
+        EXPECT_EQ(log.texts(1),
+                  std::vector<std::string>{
+                      "Not everything of a query description can be told; fields left "
+                      "out: 1, the first " +
+                      reason});
         log.clear();
     }
     const std::string longQuery(QUERY_MAX_LENGTH + 1, 'x');
@@ -389,6 +385,76 @@ TEST(QueryXmlTest, ReadingIsBounded)
     EXPECT_EQ(log.texts(1), std::vector<std::string>{
                                 "Refused a query description, its query is none: column 65537: "
                                 "expected the end of the text, which has at most 65536 bytes"});
+}
+
+/// The elements of a field with the values of a range.
+std::string fieldOf(const std::string& name, std::size_t first, std::size_t count)
+{
+    std::string text = "<Field Name='" + name + "'>";
+    for (const TlxString& value : numbered(first, count))
+        text += "<Value>" + value.utf8() + "</Value>";
+    return text + "</Field>";
+}
+
+TEST(QueryXmlTest, FieldsOfOneNameAreMergedBeforeTheyAreCounted)
+{
+    QmTest::LogCapture log;
+    std::string text;
+    for (std::size_t i = 0; i < 2 * QUERY_MAX_FIELDS; ++i)
+        text += fieldOf("same", i / 8, 2);
+    text += fieldOf("last", 0, 1);
+    const auto query = read("<QueryDescription>" + text + "</QueryDescription>");
+    EXPECT_EQ(query->fields(), (std::vector<QueryField>{{"same", QF_TEXT, "", numbered(0, 65)},
+                                                        {"last", QF_TEXT, "", numbered(0, 1)}}));
+    EXPECT_EQ(log.texts(1), std::vector<std::string>{});
+}
+
+TEST(QueryXmlTest, FieldsTooManyAreToldThoughTheFirstOnesMerge)
+{
+    QmTest::LogCapture log;
+    std::string text;
+    for (int round = 0; round < 2; ++round)
+        for (std::size_t i = 0; i < QUERY_MAX_FIELDS - 1; ++i)
+            text += "<Field Name='f" + std::to_string(i) + "'/>";
+    text +=
+        fieldOf("listed", 0, 1) + "<Field Name='a'/><Field Name='b'/>" + fieldOf("LISTED", 1, 1);
+    const auto query = read("<QueryDescription>" + text + "</QueryDescription>");
+    EXPECT_EQ(query->fields().size(), QUERY_MAX_FIELDS);
+    EXPECT_EQ(query->fields().back(), (QueryField{"listed", QF_TEXT, "", numbered(0, 2)}))
+        << "what comes after the bound is merged as well";
+    EXPECT_EQ(log.texts(1), std::vector<std::string>{
+                                "Not everything of a query description can be told; fields left "
+                                "out: 2, the first \"a\": there are more than 256 fields"});
+}
+
+TEST(QueryXmlTest, AFieldOfTooManyValuesTakesAny)
+{
+    QmTest::LogCapture log;
+    const auto query = read(
+        "<QueryDescription>" + fieldOf("full", 0, QUERY_MAX_VALUES) +
+        fieldOf("more", 0, QUERY_MAX_VALUES + 1) + fieldOf("most", 0, 3 * QUERY_MAX_VALUES) +
+        fieldOf("a b", 0, 3 * QUERY_MAX_VALUES) + fieldOf("More", 0, 1) + "</QueryDescription>");
+    EXPECT_EQ(query->fields(),
+              (std::vector<QueryField>{
+                  {"full", QF_TEXT, "", numbered(0, QUERY_MAX_VALUES)}, {"more"}, {"most"}}));
+    EXPECT_EQ(log.texts(1),
+              std::vector<std::string>{
+                  "Not everything of a query description can be told; fields left out: 1, the "
+                  "first \"a b\": its name is no name of a field; fields of more than 256 values, "
+                  "which take any: 2, the first \"more\""});
+}
+
+TEST(QueryXmlTest, AValueToldAgainAndAgainIsOne)
+{
+    QmTest::LogCapture log;
+    std::string text = "<Field Name='f'>";
+    for (std::size_t i = 0; i < 3 * QUERY_MAX_VALUES; ++i)
+        text += "<Value>" + std::to_string(i * i % 7) + "</Value>";
+    const auto query =
+        read("<QueryDescription>" + text + "<Value>last</Value></Field></QueryDescription>");
+    EXPECT_EQ(query->fields(),
+              (std::vector<QueryField>{{"f", QF_TEXT, "", {"0", "1", "4", "2", "last"}}}));
+    EXPECT_EQ(log.texts(1), std::vector<std::string>{});
 }
 
 /// Notes what a description holds besides.
