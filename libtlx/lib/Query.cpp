@@ -245,7 +245,8 @@ bool TlxQuery::addField(const QueryField& field, std::string& refused)
     return true;
 }
 
-void TlxQuery::addFields(const char* operation, const std::vector<QueryField>& fields)
+bool TlxQuery::addFields(const char* operation, const std::vector<QueryField>& fields,
+                         bool logged)
 {
     std::string first;
     for (const QueryField& field : fields) {
@@ -254,17 +255,19 @@ void TlxQuery::addFields(const char* operation, const std::vector<QueryField>& f
             first = shown(field.name) + ": " + refused;
     }
     // One line, whatever another host wrote.
-    if (!first.empty())
+    if (!first.empty() && logged)
         PLATFORM_LOG(LOG_LEVEL_FAILURE, operation,
                      "Not everything of a query description can be told; the first field left out "
                      "is "
                          << first);
+    return first.empty();
 }
 
 void TlxQuery::merge(const TlxQuery& other)
 {
-    if (&other != this)
-        addFields("TlxQuery::merge", other.m_fields);
+    // Once, however many descriptions other hosts wrote.
+    if (&other != this && !addFields("TlxQuery::merge", other.m_fields, m_mergedWhole))
+        m_mergedWhole = false;
 }
 
 } // namespace Veltrane::Quillmark::Tlx

@@ -185,9 +185,11 @@ int TlxQuery::xmlEndElement(XmlObjParseContext* context, const XMLCh* name)
     if (!setQuery(ctxt->m_query)) {
         PLATFORM_LOG(LOG_LEVEL_FAILURE, "TlxQuery::xmlEndElement",
                      "Refused a query description, its query is none: " << m_mistake.toText());
+        ctxt->countFault();
         return XML_NOTHING;
     }
-    addFields("TlxQuery::xmlEndElement", ctxt->m_fields);
+    if (!addFields("TlxQuery::xmlEndElement", ctxt->m_fields, true))
+        ctxt->countFault();
     return XML_COMPLETE;
 }
 
