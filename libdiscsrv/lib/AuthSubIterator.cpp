@@ -159,6 +159,7 @@ void AuthSubIterator::xmlStartElement(XmlObjParseContext* context, const XMLCh* 
         return;
     }
     DISC_LOG(1, "Ignoring Unknown Tag");
+    ctxt->countFault();
     XmlInterface::xmlStartElement(ctxt, name, attributes);
 }
 
@@ -182,7 +183,8 @@ int AuthSubIterator::xmlEndElement(XmlObjParseContext* context, const XMLCh* nam
     if (!TLX_ASSERT(ctxt))
         return XML_NOTHING;
     if (ctxt->m_nodes.empty()) {
-        (void)TLX_ASSERT(ctxt->isEndTag(name));
+        if (!TLX_ASSERT(ctxt->isEndTag(name)))
+            ctxt->countFault();
         return XML_COMPLETE;
     }
     switch (ctxt->m_nodes.back()) {
@@ -195,6 +197,7 @@ int AuthSubIterator::xmlEndElement(XmlObjParseContext* context, const XMLCh* nam
         return endItem(*ctxt, name);
     default:
         DISC_LOG(1, "Ignoring Unknown Tag");
+        ctxt->countFault();
         ctxt->m_nodes.pop_back();
         return XML_INSIDE;
     }

@@ -36,9 +36,9 @@ std::set<TlxString> DiscoveryRepository::getDiscoveredClientList()
     // Under the name that readers of the log know.
     DISC_TRACE("Researcher::getDiscoveredClientList");
     std::set<TlxString> clients;
-    if (!addClients(*this, CLIENT_SUBJECTS[0], clients))
+    if (!addClients(*this, CLIENT_SUBJECTS[0], clients) && !isShuttingDown())
         DISC_LOG(4, "No windows clients found");
-    if (!addClients(*this, CLIENT_SUBJECTS[1], clients))
+    if (!addClients(*this, CLIENT_SUBJECTS[1], clients) && !isShuttingDown())
         DISC_LOG(4, "No unix clients found");
     return clients;
 }

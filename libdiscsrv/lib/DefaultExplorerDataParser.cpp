@@ -1,6 +1,7 @@
 #include "DefaultExplorerDataParser.h"
 
-#include <sstream>
+#include <ostream>
+#include <streambuf>
 
 #include "DiscLog.h"
 
@@ -10,25 +11,59 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../DefaultExplorerDataParser";
 
+/// Writes to the data while they have room for what is written.
+class DataBuffer : public std::streambuf
+{
+  public:
+    explicit DataBuffer(DefaultExplorerData& data) : m_data(data) {}
+
+  protected:
+    int_type overflow(int_type letter) override
+    {
+        const char text = traits_type::to_char_type(letter);
+        return xsputn(&text, 1) == 1 ? letter : traits_type::eof();
+    }
+    std::streamsize xsputn(const char* text, std::streamsize length) override
+    {
+        const auto bytes = static_cast<std::size_t>(length);
+        if (bytes > MAX_EXPLORER_DATA_BYTES - m_data.text().size())
+            return 0;
+        m_data.append({text, bytes});
+        return length;
+    }
+
+  private:
+    DefaultExplorerData& m_data;
+};
+
 class DefaultExplorerParserContext : public XmlObjParseContext
 {
   public:
     DefaultExplorerParserContext(const XMLCh* elementName, const XmlObjParseContext* parent,
                                  const TlxString& explorerName)
-        : XmlObjParseContext(elementName, parent), m_data(new DefaultExplorerData(explorerName))
+        : XmlObjParseContext(elementName, parent), m_data(new DefaultExplorerData(explorerName)),
+          m_buffer(*m_data), m_out(&m_buffer)
     {
     }
 
     /// Moves the text collected so far to the data.
     void takeText()
     {
-        std::ostringstream escaped;
-        escaped << XmlStr(text());
+        m_out << XmlStr(text());
         clearText();
-        m_data->append(escaped.str());
+    }
+
+    /// Ends the parse when not everything found room.
+    void checkRoom() const
+    {
+        if (!m_out)
+            refuse("the data of an explorer have more than " +
+                   std::to_string(MAX_EXPLORER_DATA_BYTES) + " bytes");
     }
 
     const AutoDereference<DefaultExplorerData> m_data;
+    DataBuffer m_buffer;
+    std::ostream m_out; ///< to the data
 };
 
 } // namespace
@@ -46,13 +81,13 @@ void DefaultExplorerDataParser::xmlStartElement(XmlObjParseContext* context, con
     if (!TLX_ASSERT(ctxt))
         return;
     ctxt->takeText();
-    std::ostringstream tag;
+    std::ostream& tag = ctxt->m_out;
     tag << '<' << TlxString::fromXmlCh(name);
     for (XMLSize_t i = 0; i < attributes.getLength(); ++i)
         tag << " \"" << TlxString::fromXmlCh(attributes.getName(i)) << "\"=\""
             << XmlStr(TlxString::fromXmlCh(attributes.getValue(i))) << '"';
     tag << '>';
-    ctxt->m_data->append(tag.str());
+    ctxt->checkRoom();
 }
 
 int DefaultExplorerDataParser::xmlEndElement(XmlObjParseContext* context, const XMLCh* name)
@@ -62,10 +97,11 @@ int DefaultExplorerDataParser::xmlEndElement(XmlObjParseContext* context, const 
     if (!TLX_ASSERT(ctxt))
         return XML_NOTHING;
     ctxt->takeText();
-    if (ctxt->isEndTag(name))
-        return XML_COMPLETE;
-    ctxt->m_data->append("</" + TlxString::fromXmlCh(name).utf8() + ">");
-    return XML_INSIDE;
+    const bool complete = ctxt->isEndTag(name);
+    if (!complete)
+        ctxt->m_out << "</" << TlxString::fromXmlCh(name) << '>';
+    ctxt->checkRoom();
+    return complete ? XML_COMPLETE : XML_INSIDE;
 }
 
 std::ostream& DefaultExplorerDataParser::writeXml(std::ostream& out, XmlStr::Encoding) const

@@ -20,8 +20,9 @@ constexpr const char* TAG_EXPLORER_DATA = "ExplorerData";
 constexpr const char* TAG_DISCOVERED_WRITTEN = "Discovered";
 constexpr const char* ATTRIBUTE_NAME = "Name";
 
-/// Runs a call into a parser. False when it threw, which is logged with the parser's name.
-bool callParser(const ExplorerDataParser& parser, const TlxString& explorerName,
+/// Runs a call into the parser of a block. False when it threw, which is logged with the parser's
+/// name.
+bool callParser(const ExplorerDataParser& parser, const DiscoveredDataContext& context,
                 const char* operation, const std::function<void()>& call)
 {
     // The service's own is no foreign code, and is called far more often than any other.
@@ -29,7 +30,11 @@ bool callParser(const ExplorerDataParser& parser, const TlxString& explorerName,
         call();
         return true;
     }
-    return callForeignCode(operation, "The parser of the data of " + explorerName.utf8(), call);
+    if (callForeignCode(operation, "The parser of the data of " + context.m_explorerName.utf8(),
+                        call))
+        return true;
+    context.countFault();
+    return false;
 }
 
 } // namespace
@@ -153,6 +158,7 @@ void DiscoveredItem::xmlStartElement(XmlObjParseContext* context, const XMLCh* n
         startBlock(*ctxt, name, attributes);
     } else {
         DISC_LOG(1, "Ignoring Unknown Tag");
+        ctxt->countFault();
         XmlInterface::xmlStartElement(ctxt, name, attributes);
     }
 }
@@ -167,7 +173,7 @@ void DiscoveredItem::startBlock(DiscoveredDataContext& context, const XMLCh* nam
     m_explorerParser.reset(
         getDiscoveryRepository()->getRegisteredExplorerParser(ctxt->m_explorerName));
     const bool called = TLX_ASSERT(m_explorerParser) &&
-                        callParser(*m_explorerParser, ctxt->m_explorerName,
+                        callParser(*m_explorerParser, *ctxt,
                                    "ExplorerDataParser::getParseContext", [&] {
                                        ctxt->m_subContext.reset(m_explorerParser->getParseContext(
                                            ctxt->m_explorerName, name, ctxt));
@@ -186,7 +192,7 @@ void DiscoveredItem::startInBlock(DiscoveredDataContext& context, const XMLCh* n
 {
     if (!context.m_blockFailed)
         context.m_blockFailed = !callParser(
-            *m_explorerParser, context.m_explorerName, "ExplorerDataParser::xmlStartElement", [&] {
+            *m_explorerParser, context, "ExplorerDataParser::xmlStartElement", [&] {
                 m_explorerParser->xmlStartElement(context.m_subContext.get(), name, attributes);
             });
     if (!context.isSkipping()) // of what is skipped no end will be told
@@ -208,7 +214,7 @@ void DiscoveredItem::xmlCharacters(XmlObjParseContext* context, const XMLCh* cha
         return ctxt->m_subInterface->xmlCharacters(ctxt->m_subContext.get(), chars, length);
     if (!ctxt->m_blockFailed)
         ctxt->m_blockFailed = !callParser(
-            *m_explorerParser, ctxt->m_explorerName, "ExplorerDataParser::xmlCharacters",
+            *m_explorerParser, *ctxt, "ExplorerDataParser::xmlCharacters",
             [&] { m_explorerParser->xmlCharacters(ctxt->m_subContext.get(), chars, length); });
 }
 
@@ -221,11 +227,13 @@ int DiscoveredItem::xmlEndElement(XmlObjParseContext* context, const XMLCh* name
     if (ctxt->m_nodes.empty()) {
         // Also when a block ended early, at an element inside it that has the block's own name: the
         // item is complete with what the block had until then.
-        (void)TLX_ASSERT(ctxt->isEndTag(name));
+        if (!TLX_ASSERT(ctxt->isEndTag(name)))
+            ctxt->countFault();
         return XML_COMPLETE;
     }
     if (ctxt->m_nodes.back() > DiscoveredDataContext::ExplorerDataBlock) {
         DISC_LOG(1, "Ignoring Unknown Tag");
+        ctxt->countFault();
         ctxt->m_nodes.pop_back();
         return XML_INSIDE;
     }
@@ -265,7 +273,7 @@ int DiscoveredItem::endInBlock(DiscoveredDataContext& context, const XMLCh* name
     int result = XML_INSIDE;
     if (!context.m_blockFailed)
         context.m_blockFailed = !callParser(
-            *m_explorerParser, context.m_explorerName, "ExplorerDataParser::xmlEndElement",
+            *m_explorerParser, context, "ExplorerDataParser::xmlEndElement",
             [&] { result = m_explorerParser->xmlEndElement(context.m_subContext.get(), name); });
     if (context.m_blockFailed)
         return blockEnds ? XML_NOTHING : XML_INSIDE;
@@ -287,7 +295,7 @@ void DiscoveredItem::takeSub(DiscoveredDataContext& context)
         m_policy = context.m_policy;
         break;
     default:
-        if (!callParser(*m_explorerParser, context.m_explorerName,
+        if (!callParser(*m_explorerParser, context,
                         "ExplorerDataParser::getExplorerData", [&] {
                             m_explorerData.reset(
                                 m_explorerParser->getExplorerData(context.m_subContext.get()));

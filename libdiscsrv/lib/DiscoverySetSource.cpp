@@ -1,6 +1,7 @@
 #include "DiscoverySetSource.h"
 
 #include "DiscLog.h"
+#include "DiscoveryRepository.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
@@ -18,6 +19,8 @@ XMLFilePos DiscoverySetBinInputStream::curPos() const
 XMLSize_t DiscoverySetBinInputStream::readBytes(XMLByte* buffer, XMLSize_t maxToRead)
 {
     DISC_TRACE("DiscoverySetBinInputStream::readBytes");
+    if (getDiscoveryRepository()->isShuttingDown())
+        return 0;
     const std::size_t count = m_data.readCollection(maxToRead, buffer);
     if (count > maxToRead)
         return 0;

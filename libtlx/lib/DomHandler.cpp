@@ -8,6 +8,7 @@
 #include <tlx/ValueConverter.h>
 
 #include "XmlSafety.h"
+#include "XmlSource.h"
 
 namespace Veltrane::Quillmark::Tlx {
 
@@ -63,7 +64,8 @@ int TlxDOMHandler::parse()
             parser->setNodeLimit(LARGEST_DOCUMENT);
             parser->setCreateEntityReferenceNodes(false);
             parser->setCreateCommentNodes(false);
-            parser->parse(source);
+            XmlSource wellBehaved(source, "");
+            parser->read(wellBehaved);
             m_document = std::make_unique<Document>(parser->adoptDocument());
             parser.keep(m_text.size());
         },

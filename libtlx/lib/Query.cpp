@@ -259,23 +259,26 @@ bool TlxQuery::addTold(const QueryField& told, std::string& refused)
     return true;
 }
 
-void TlxQuery::addFields(const char* operation, const std::vector<QueryField>& fields,
-                         QueryLosses& losses)
+void TlxQuery::addFields(const std::vector<QueryField>& fields, QueryLosses& losses)
 {
     for (const QueryField& field : fields) {
         std::string refused;
         if (!addTold(field, refused))
             losses.addField(field, refused);
     }
-    // One line, whatever another host wrote.
-    losses.log(operation);
 }
 
 void TlxQuery::merge(const TlxQuery& other)
 {
+    if (&other == this)
+        return;
     QueryLosses losses;
-    if (&other != this)
-        addFields("TlxQuery::merge", other.m_fields, losses);
+    addFields(other.m_fields, losses);
+    if (!losses.any())
+        return;
+    if (m_mergedWhole) // one line, however many descriptions other hosts wrote
+        losses.log("TlxQuery::merge");
+    m_mergedWhole = false;
 }
 
 } // namespace Veltrane::Quillmark::Tlx

@@ -16,6 +16,7 @@ class QueryLosses
     void addField(const QueryField& field, const std::string& refused);
     /// A field whose values are too many to be listed, so that it takes any.
     void addOpened(const QueryField& field);
+    bool any() const { return m_fields + m_opened > 0; }
     /// A line, when something was lost.
     void log(const char* operation) const;
 

@@ -206,9 +206,15 @@ int TlxQuery::xmlEndElement(XmlObjParseContext* context, const XMLCh* name)
     if (!setQuery(ctxt->m_query)) {
         PLATFORM_LOG(LOG_LEVEL_FAILURE, "TlxQuery::xmlEndElement",
                      "Refused a query description, its query is none: " << m_mistake.toText());
+        ctxt->countFault();
         return XML_NOTHING;
     }
-    addFields("TlxQuery::xmlEndElement", ctxt->m_described.fields(), ctxt->m_losses);
+    addFields(ctxt->m_described.fields(), ctxt->m_losses);
+    if (ctxt->m_losses.any()) {
+        // One line, whatever another host wrote.
+        ctxt->m_losses.log("TlxQuery::xmlEndElement");
+        ctxt->countFault();
+    }
     return XML_COMPLETE;
 }
 

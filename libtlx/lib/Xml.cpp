@@ -67,13 +67,16 @@ class Driver : public xercesc::HandlerBase
     }
 
   private:
-    /// What an object throws ends the parse, at the place where the document is.
+    /// What an object throws or refuses ends the parse, at the place where the document is.
     template <class Call>
     void call(const Call& operation) const
     {
         XmlFailure failure;
-        if (guardXml(operation, failure))
-            return;
+        if (guardXml(operation, failure)) {
+            if (m_context.refusal().empty())
+                return;
+            failure.reason = m_context.refusal();
+        }
         if (m_locator)
             refuseDocument(failure.reason, *m_locator);
         throw std::runtime_error(failure.reason.utf8());
@@ -98,7 +101,7 @@ void logFailure(const std::basic_string<XMLCh>& documentName, const XmlFailure& 
 XmlObjParseContext::XmlObjParseContext(const XMLCh* elementName, const XmlObjParseContext* parent)
     : m_elementName(elementName ? std::basic_string<XMLCh>(elementName)
                                 : std::basic_string<XMLCh>()),
-      m_skipDepth(parent ? parent->m_skipDepth : std::make_shared<unsigned>(0))
+      m_parse(parent ? parent->m_parse : std::make_shared<Parse>())
 {
 }
 
@@ -134,6 +137,10 @@ void XmlObjParseContext::appendText(const XMLCh* chars, std::size_t length)
 {
     if (!chars)
         return;
+    if (length > XML_MAX_TEXT - m_text.size()) {
+        refuse("a text has more than " + std::to_string(XML_MAX_TEXT) + " characters");
+        return;
+    }
     const std::size_t start = m_text.size();
     m_text.append(chars, length);
     std::replace_if(m_text.begin() + static_cast<std::ptrdiff_t>(start), m_text.end(),
@@ -143,6 +150,19 @@ void XmlObjParseContext::appendText(const XMLCh* chars, std::size_t length)
 void XmlObjParseContext::clearText()
 {
     m_text.clear();
+}
+
+void XmlObjParseContext::refuse(const TlxString& reason) const
+{
+    if (m_parse->refusal.empty())
+        m_parse->refusal = reason;
+}
+
+void XmlObjParseContext::countFault() const
+{
+    if (++m_parse->faults > XML_MAX_FAULTS)
+        refuse("there are more than " + std::to_string(XML_MAX_FAULTS) +
+               " elements that are unknown or refused");
 }
 
 void XmlInterface::xmlCharacters(XmlObjParseContext* context, const XMLCh* chars,
@@ -224,7 +244,7 @@ bool XmlDocumentInterface::run(const InputSource& source)
             Driver driver(*this, *context);
             XmlParserLease<xercesc::SAXParser> parser;
             parser->setDocumentHandler(&driver);
-            parser->parse(wellBehaved);
+            parser->read(wellBehaved);
             parser->setDocumentHandler(nullptr);
             parser.keep(wellBehaved.bytesRead());
         },

@@ -26,6 +26,8 @@
 #include <tlx/String.h>
 #include <tlx/Xml.h>
 
+#include "XmlSource.h"
+
 namespace Veltrane::Quillmark::Tlx {
 
 /// The longest text of an entity, in UTF-16 units. Together with the bound on expansions it bounds
@@ -64,7 +66,8 @@ bool guardXml(const Parse& parse, XmlFailure& failure)
 /// definition may hold nothing through which a small text grows large or slow: entity expansions
 /// are counted and their texts short; parameter entities, whose expansions the library does not
 /// count, declarations of attributes, which every element pays for, and notations, which nobody
-/// needs, are refused.
+/// needs, are refused. Nor can a large text make it keep much more than what it tells of: see the
+/// bounds in tlx/Xml.h.
 template <class Parser>
 class SafeXmlParser : public Parser
 {
@@ -92,6 +95,17 @@ class SafeXmlParser : public Parser
     /// Elements, attributes and entity declarations in one document, at most; unlimited unless
     /// told.
     void setNodeLimit(std::size_t limit) { m_nodeLimit = limit; }
+
+    /// Parses the document, within the bounds; to be used in place of parse.
+    void read(XmlSource& source)
+    {
+        m_source = &source;
+        m_bytesAtEvent = 0;
+        m_inRoot = false;
+        source.beforeReads([this] { checkBytes(); });
+        Parser::parse(source);
+        m_source = nullptr;
+    }
 
     void startDocument() override
     {
@@ -121,6 +135,9 @@ class SafeXmlParser : public Parser
         if (m_depth >= XML_MAX_DEPTH)
             refuse("elements are nested deeper than " + std::to_string(XML_MAX_DEPTH));
         countNodes(1 + attributeCount);
+        checkNames(declaration);
+        m_inRoot = true;
+        noteEvent();
         const unsigned outer = m_depth++;
         Parser::startElement(declaration, uriId, prefix, attributes, attributeCount, isEmpty,
                              isRoot);
@@ -133,7 +150,40 @@ class SafeXmlParser : public Parser
                     const bool isRoot, const XMLCh* const prefix) override
     {
         --m_depth;
+        noteEvent();
         Parser::endElement(declaration, uriId, isRoot, prefix);
+    }
+
+    void docCharacters(const XMLCh* const chars, const XMLSize_t length,
+                       const bool isCData) override
+    {
+        noteEvent();
+        Parser::docCharacters(chars, length, isCData);
+    }
+
+    void ignorableWhitespace(const XMLCh* const chars, const XMLSize_t length,
+                             const bool isCData) override
+    {
+        noteEvent();
+        Parser::ignorableWhitespace(chars, length, isCData);
+    }
+
+    void docComment(const XMLCh* const text) override
+    {
+        noteEvent();
+        Parser::docComment(text);
+    }
+
+    void docPI(const XMLCh* const target, const XMLCh* const data) override
+    {
+        noteEvent();
+        Parser::docPI(target, data);
+    }
+
+    void elementDecl(const xercesc::DTDElementDecl& declaration, const bool isIgnored) override
+    {
+        checkNames(declaration);
+        Parser::elementDecl(declaration, isIgnored);
     }
 
     void entityDecl(const xercesc::DTDEntityDecl& declaration, const bool isParameterEntity,
@@ -176,6 +226,29 @@ class SafeXmlParser : public Parser
                    " elements, attributes and entities");
     }
 
+    /// The library numbers the names in the order in which they come.
+    void checkNames(const xercesc::XMLElementDecl& declaration) const
+    {
+        if (declaration.getId() > XML_MAX_ELEMENT_NAMES)
+            refuse("there are more than " + std::to_string(XML_MAX_ELEMENT_NAMES) +
+                   " different names of elements");
+    }
+
+    /// What was read until here, but for what is left of the last block, is kept no longer.
+    void noteEvent() { m_bytesAtEvent = m_source->bytesRead(); }
+
+    /// Asked before the parser reads on, when it is done with nearly all that it has.
+    void checkBytes() const
+    {
+        const std::size_t bytes = m_source->bytesRead();
+        if (!m_inRoot && bytes > XML_MAX_PROLOG_BYTES)
+            refuse("there are more than " + std::to_string(XML_MAX_PROLOG_BYTES) +
+                   " bytes before the document's element");
+        if (bytes - m_bytesAtEvent > XML_MAX_PIECE_BYTES)
+            refuse("a tag, a comment or a piece of text has more than " +
+                   std::to_string(XML_MAX_PIECE_BYTES) + " bytes");
+    }
+
     [[noreturn]] void refuse(const std::string& reason) const
     {
         refuseDocument(reason, *scanner(Parser::getScanner()).getLocator());
@@ -188,6 +261,9 @@ class SafeXmlParser : public Parser
     static const xercesc::XMLScanner& scanner(const xercesc::XMLScanner& it) { return it; }
     static const xercesc::XMLScanner& scanner(const xercesc::XMLScanner* it) { return *it; }
 
+    const XmlSource* m_source = nullptr; ///< of the parse that runs
+    std::size_t m_bytesAtEvent = 0;
+    bool m_inRoot = false;
     unsigned m_depth = 0;
     std::size_t m_nodes = 0;
     bool m_otherVersion = false;

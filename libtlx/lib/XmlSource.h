@@ -2,8 +2,10 @@
 // What the parser is really given to read: the caller's source, made well-behaved.
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include <xercesc/sax/InputSource.hpp>
 #include <xercesc/util/BinInputStream.hpp>
@@ -24,6 +26,10 @@ class XmlSource : public xercesc::InputSource
     /// The stream; null when it was asked for before.
     xercesc::BinInputStream* makeStream() const override;
 
+    /// Has the function called each time before the parser is given more; what it throws ends the
+    /// parse.
+    void beforeReads(std::function<void()> watch) { m_watch = std::move(watch); }
+
     /// How many bytes were read so far.
     std::size_t bytesRead() const { return m_bytesRead; }
 
@@ -31,6 +37,7 @@ class XmlSource : public xercesc::InputSource
     class Stream;
     mutable std::unique_ptr<xercesc::BinInputStream> m_stream;
     std::size_t m_bytesRead = 0;
+    std::function<void()> m_watch;
 };
 
 } // namespace Veltrane::Quillmark::Tlx

@@ -197,7 +197,7 @@ class TlxQuery : public virtual TLXRefCounted, public XmlInterface
     const QueryField* field(std::string_view name) const;
 
     /// Adds what can be asked with the other one; its expression and job are its own. Fields above
-    /// QUERY_MAX_FIELDS are left out, with a level-1 line.
+    /// QUERY_MAX_FIELDS are left out, the first time with a level-1 line.
     void merge(const TlxQuery& other);
 
     /// Neither an expression nor a description.
@@ -227,13 +227,13 @@ class TlxQuery : public virtual TLXRefCounted, public XmlInterface
 
   private:
     bool addTold(const QueryField& told, std::string& refused);
-    void addFields(const char* operation, const std::vector<QueryField>& fields,
-                   QueryLosses& losses);
+    void addFields(const std::vector<QueryField>& fields, QueryLosses& losses);
 
     TlxString m_query;
     std::shared_ptr<const QueryExpression> m_expression;
     QueryMistake m_mistake;
     std::vector<QueryField> m_fields;
+    bool m_mergedWhole = true; ///< every merge until now left nothing out
     AutoDereference<const JobExecInfo> m_job;
 };
 

@@ -14,8 +14,8 @@
 // its end no event of it, nor of anything inside it, reaches any object.
 //
 // Every document is somebody else's input. Parsing reads no external entity and no DTD from
-// outside, bounds entity expansion, depth and size, and answers a hostile document with false and a
-// level-1 line; nothing is thrown out of it.
+// outside, bounds entity expansion, depth and what is kept at a time, and answers a hostile
+// document with false and a level-1 line; nothing is thrown out of it.
 
 #include <cstddef>
 #include <memory>
@@ -48,10 +48,24 @@ enum XmlEndResult
 constexpr unsigned XML_MAX_DEPTH = 256;
 /// Entity references expanded in one document, at most.
 constexpr unsigned XML_MAX_ENTITY_EXPANSIONS = 1000;
+/// Bytes before the document's element, with its start tag. The parser keeps what a document type
+/// declares in trees that take more than a hundred times the space.
+constexpr std::size_t XML_MAX_PROLOG_BYTES = 1u << 20;
+/// Bytes of one start tag, comment or other thing that the parser gathers before it tells of it. Of
+/// text it tells every 2^20 characters, which as references have up to ten bytes each. (As the
+/// parser reads in blocks, of this bound and the one above it a block more may pass.)
+constexpr std::size_t XML_MAX_PIECE_BYTES = 12u << 20;
+/// Different names of elements in one document; the parser keeps each. What a document type
+/// declares counts apart.
+constexpr std::size_t XML_MAX_ELEMENT_NAMES = 100000;
+/// Characters (UTF-16 units) that one context collects as text.
+constexpr std::size_t XML_MAX_TEXT = 16u << 20;
+/// Elements of one document that are unknown or refused, where each of them is logged.
+constexpr unsigned XML_MAX_FAULTS = 1000;
 
 /// The state of parsing one element: its name, the text collected since it was last cleared, and
-/// whether an unknown element is being skipped (a state shared with the parent's context). Used by
-/// one thread.
+/// what all contexts of one parse share with their parents: whether an unknown element is being
+/// skipped, and whether the parse is to end. Used by one thread.
 class XmlObjParseContext
 {
   public:
@@ -74,19 +88,35 @@ class XmlObjParseContext
     /// The text collected so far. It can be written again: the control characters that only XML 1.1
     /// lets in have become U+FFFD.
     TlxString text() const;
+    /// What would exceed XML_MAX_TEXT is not appended, and ends the parse.
     void appendText(const XMLCh* chars, std::size_t length);
     void clearText();
 
     /// Skipping: begun by the default start-element handling; the parser's driver counts the nested
     /// elements. While an element is skipped the driver calls no object.
-    bool isSkipping() const { return *m_skipDepth > 0; }
-    void skipEnter() const { ++*m_skipDepth; }
-    void skipLeave() const { --*m_skipDepth; }
+    bool isSkipping() const { return m_parse->skipDepth > 0; }
+    void skipEnter() const { ++m_parse->skipDepth; }
+    void skipLeave() const { --m_parse->skipDepth; }
+
+    /// Has the driver end the parse after the present event, as a break of the document would; the
+    /// first reason is the one that is logged.
+    void refuse(const TlxString& reason) const;
+    /// Why the parse is to end; empty when it is not.
+    const TlxString& refusal() const { return m_parse->refusal; }
+    /// To be called with every line that is logged about an element that is unknown or refused:
+    /// more than XML_MAX_FAULTS end the parse, so that no document can fill the log.
+    void countFault() const;
 
   private:
+    struct Parse
+    {
+        unsigned skipDepth = 0;
+        unsigned faults = 0;
+        TlxString refusal;
+    };
     std::basic_string<XMLCh> m_elementName;
     std::basic_string<XMLCh> m_text;
-    std::shared_ptr<unsigned> m_skipDepth;
+    std::shared_ptr<Parse> m_parse;
 };
 
 /// Something that can be read from XML events and written as XML. The base collects text, skips

@@ -8,9 +8,11 @@
 #include <gtest/gtest.h>
 
 #include "Capture.h"
+#include "DiscoveryRepository.h"
 #include "DiscoverySetSource.h"
 #include "Documentation.h"
 #include "ItemsFixture.h"
+#include "NameOnly.h"
 #include "ServiceFixture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -294,11 +296,13 @@ TEST(DiscoveredItemsTest, AFilterItemWithoutADescriptionIsReportedAndDoesNothing
     const AssertionCapture assertions;
     const AutoDereference<FilterItem> item(new FilterItem(nullptr));
     const auto name = TlxString("QueryDescription").toXmlCh();
+    QmTest::NameOnly attributes;
     EXPECT_EQ(item->getQuery(), nullptr);
+    item->xmlStartElement(nullptr, name.c_str(), attributes);
     item->xmlCharacters(nullptr, name.c_str(), 1);
     EXPECT_EQ(item->xmlEndElement(nullptr, name.c_str()), XML_NOTHING);
     EXPECT_EQ(QmTest::written(*item), "");
-    EXPECT_EQ(assertions.texts(), Lines(2, "m_query"));
+    EXPECT_EQ(assertions.texts(), Lines(3, "m_query"));
 }
 
 // The default parser's blocks.
@@ -552,6 +556,139 @@ TEST(DiscoveredItemsTest, OneItemTooManyEndsTheDocument)
     EXPECT_TRUE(log.texts(1)[0].ends_with(": there are more than 500000 items")) << log.texts(1)[0];
 }
 
+constexpr const char* TOO_MANY_FAULTS =
+    ": there are more than 1000 elements that are unknown or refused";
+
+/// Expects that a document with one fault too many ends there.
+/// @param faults the lines that its faults leave
+void expectEndAtFault(const std::string& text, const Lines& faults, const Lines& items)
+{
+    const LogCapture log(LOG_LEVEL_FAILURE);
+    const ReadItems read = readItems(text);
+    EXPECT_FALSE(read.parsed);
+    EXPECT_EQ(read.all(), items);
+    const Lines lines = log.texts(1);
+    ASSERT_EQ(lines.size(), faults.size() + 3);
+    EXPECT_EQ(Lines(lines.begin(), lines.end() - 3), faults);
+    const std::string& why = lines[faults.size()];
+    EXPECT_TRUE(why.starts_with("Failed to parse the document DiscoveredItems: line 1, column "))
+        << why;
+    EXPECT_TRUE(why.ends_with(TOO_MANY_FAULTS)) << why;
+    EXPECT_EQ(lines[faults.size() + 1], "Failed to parse the discovery stream");
+    EXPECT_EQ(lines[faults.size() + 2], "Failed to parse discovery");
+}
+
+std::string repeated(unsigned count, const std::string& text)
+{
+    std::string all;
+    for (unsigned i = 0; i < count; ++i)
+        all += text;
+    return all;
+}
+
+TEST(DiscoveredItemsTest, AThousandUnknownElementsAreSkippedOneMoreEndsTheDocument)
+{
+    const std::string item = "<DISCOVERED Name='a'/>";
+    const std::string written = "<Discovered Name=\"a\"></Discovered>";
+    for (int twice = 0; twice < 2; ++twice) { // counted anew
+        const LogCapture log(LOG_LEVEL_FAILURE);
+        const ReadItems items = readItems(document(item + repeated(1000, "<x/>") + item));
+        EXPECT_TRUE(items.parsed);
+        EXPECT_EQ(items.all(), Lines(2, written));
+        EXPECT_EQ(log.texts(1), Lines(1000, UNKNOWN));
+    }
+    expectEndAtFault(document(item + repeated(1001, "<x/>") + item), Lines(1001, UNKNOWN),
+                     Lines{written});
+}
+
+TEST(DiscoveredItemsTest, UnknownElementsOfTheDocumentAndOfItsItemsCountTogether)
+{
+    const std::string item = "<DISCOVERED>" + repeated(250, "<x/>") + "</DISCOVERED>";
+    const std::string text = repeated(500, "<x/>") + item + item;
+    const Lines written(2, "<Discovered></Discovered>");
+    {
+        const LogCapture log(LOG_LEVEL_FAILURE);
+        const ReadItems items = readItems(document(text));
+        EXPECT_TRUE(items.parsed);
+        EXPECT_EQ(items.all(), written);
+        EXPECT_EQ(log.texts(1), Lines(1000, UNKNOWN));
+    }
+    expectEndAtFault(document(text + "<DISCOVERED><x/></DISCOVERED>"), Lines(1001, UNKNOWN),
+                     written);
+}
+
+TEST(DiscoveredItemsTest, RefusedDescriptionsCountWithTheUnknownElements)
+{
+    const auto filterData = [](const std::string& inner) {
+        return "<FilterData>" + inner + "</FilterData>";
+    };
+    const std::string noQuery = "<QueryDescription><Query>(</Query></QueryDescription>";
+    const std::string noField = "<QueryDescription><Field/></QueryDescription>";
+    const std::string text =
+        repeated(400, "<x/>") + repeated(300, noQuery) + repeated(300, noField);
+    const Lines written(300, "<QueryDescription></QueryDescription>");
+    Lines faults;
+    {
+        const LogCapture log(LOG_LEVEL_FAILURE);
+        const ReadItems items = readItems(filterData(text));
+        EXPECT_TRUE(items.parsed);
+        EXPECT_EQ(items.all(), written);
+        faults = log.texts(1);
+        ASSERT_EQ(faults.size(), 1000u);
+        EXPECT_EQ(faults[399], UNKNOWN);
+        EXPECT_TRUE(
+            faults[400].starts_with("Refused a query description, its query is none: "));
+        EXPECT_EQ(faults[999], "Not everything of a query description can be told; the first field "
+                               "left out is \"\": its name is no name of a field");
+    }
+    for (const auto& [fault, line] :
+         {std::pair{noQuery, faults[400]}, std::pair{noField, faults[999]}}) {
+        Lines all = faults;
+        all.push_back(line);
+        expectEndAtFault(filterData(text + fault), all, written);
+    }
+}
+
+TEST(DiscoveredItemsTest, BlocksThatEndEarlyCountAsFaults)
+{
+    // Each is followed by the document's element again, without which no other would be an item.
+    const std::string early = "<DISCOVERED><ExplorerData><ExplorerData></ExplorerData>"
+                              "</ExplorerData></DISCOVERED><DiscoveredItems/>";
+    const AssertionCapture assertions;
+    const LogCapture log(LOG_LEVEL_FAILURE);
+    const ReadItems items = readItems("<DiscoveredItems>" + repeated(2000, early));
+    EXPECT_FALSE(items.parsed);
+    EXPECT_LE(assertions.texts().size() + log.texts(1).size(), 1001u + 3);
+    EXPECT_TRUE(log.texts(1)[log.texts(1).size() - 3].ends_with(TOO_MANY_FAULTS));
+}
+
+TEST(DiscoveredItemsTest, ABlockOfSixteenMebibytesIsKeptOneByteMoreEndsTheDocument)
+{
+    const std::string text((16u << 20) - std::string("<a></a>").size(), 'x');
+    {
+        const ReadItems items = readItems(block("<a>" + text + "</a>"));
+        EXPECT_TRUE(items.parsed);
+        EXPECT_TRUE(dataOf(items) == "<a>" + text + "</a>");
+    }
+    // Also when it is shorter as it is read than as it is kept.
+    for (const std::string& inner : {"<a>" + text + "</a>x", "<a>x" + text + "</a>",
+                                     "<a>" + text + "<b/></a>", std::string(3u << 20, '"')}) {
+        const LogCapture log(LOG_LEVEL_FAILURE);
+        const ReadItems items =
+            readItems("<DiscoveredItems><DISCOVERED Name='a'/><DISCOVERED Name='b'>"
+                      "<ExplorerData Name='e'>" +
+                      inner + "</ExplorerData></DISCOVERED></DiscoveredItems>");
+        EXPECT_FALSE(items.parsed);
+        EXPECT_EQ(items.all(), Lines{"<Discovered Name=\"a\"></Discovered>"});
+        const Lines lines = log.texts(1);
+        ASSERT_EQ(lines.size(), 3u);
+        EXPECT_TRUE(lines[0].starts_with("Failed to parse the document DiscoveredItems: line 1, "))
+            << lines[0];
+        EXPECT_TRUE(lines[0].ends_with(": the data of an explorer have more than 16777216 bytes"))
+            << lines[0];
+    }
+}
+
 /// A document that never ends.
 class EndlessData : public CollectionData
 {
@@ -559,19 +696,17 @@ class EndlessData : public CollectionData
     bool open(OpenMode, const char*) override { return true; }
     std::size_t readCollection(std::size_t length, void* buffer) const override
     {
-        const std::string start = "<DiscoveredItems><DISCOVERED Name='a'/>";
-        const std::size_t count =
-            m_read == 0 ? std::min(start.size(), length) : std::min<std::size_t>(length, 1u << 16);
-        if (m_read == 0)
-            std::memcpy(buffer, start.data(), count);
-        else
-            std::memset(buffer, ' ', count);
-        m_read += count;
-        return count;
+        for (std::size_t i = 0; i < length; ++i, ++m_read)
+            static_cast<char*>(buffer)[i] =
+                m_read < START.size() ? START[m_read]
+                                      : COMMENT[(m_read - START.size()) % COMMENT.size()];
+        return length;
     }
     bool writeCollection(std::size_t, const void*) const override { return false; }
 
   private:
+    const std::string START = "<DiscoveredItems><DISCOVERED Name='a'/>";
+    const std::string COMMENT = "<!--" + std::string(1000, ' ') + "-->"; // which nobody keeps
     mutable std::size_t m_read = 0;
 };
 
@@ -608,6 +743,19 @@ TEST(DiscoverySetSourceTest, CountsWhatItReads)
     EXPECT_EQ(stream->curPos(), 8u);
     EXPECT_EQ(stream->readBytes(buffer, sizeof buffer), 0u);
     EXPECT_EQ(stream->curPos(), 8u);
+}
+
+TEST(DiscoverySetSourceTest, ReadsNothingOnceTheServiceEnds)
+{
+    initialiseXml();
+    const TextData data("abcdefgh");
+    const DiscoverySetInputSource source(data, "sysid");
+    const std::unique_ptr<xercesc::BinInputStream> stream(source.makeStream());
+    XMLByte buffer[4];
+    EXPECT_EQ(stream->readBytes(buffer, sizeof buffer), 4u);
+    getDiscoveryRepository()->shutdown();
+    EXPECT_EQ(stream->readBytes(buffer, sizeof buffer), 0u);
+    EXPECT_EQ(stream->curPos(), 4u);
 }
 
 TEST(DiscoverySetSourceTest, AFailedReadReadsNothing)

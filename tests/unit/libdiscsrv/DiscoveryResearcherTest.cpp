@@ -191,6 +191,20 @@ TEST(DiscoveryResearcherTest, WritesNoLogFileAndMakesNoStore)
     EXPECT_TRUE(std::filesystem::is_empty(root.path()));
 }
 
+[[noreturn]] void researchWithoutAnOrbAndExit()
+{
+    ::alarm(60);
+    ::setenv("ORBgiopMaxMsgSize", "none", 1); // which the ORB's library does not bear
+    std::exit(initDiscoveryResearch() ? 1 : 17);
+}
+
+TEST(DiscoveryResearcherDeathTest, WithoutAnOrbThereIsNoResearcher)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(researchWithoutAnOrbAndExit(), testing::ExitedWithCode(17),
+                "Failed to make the researcher: cannot bring the ORB up: ");
+}
+
 [[noreturn]] void researchAndExit()
 {
     ::alarm(60);

@@ -10,6 +10,7 @@
 #include "BoundReference.h"
 #include "Capture.h"
 #include "ExplorerFixture.h"
+#include "NameOnly.h"
 #include "RemoteExplorerPull.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -216,9 +217,12 @@ TEST(DefaultExplorerDataParserTest, AnothersContextIsReported)
     const std::basic_string<XMLCh> name = TlxString("x").toXmlCh();
     XmlObjParseContext context(name.c_str());
     const AssertionCapture assertions;
+    QmTest::NameOnly attributes;
+    parser->xmlStartElement(&context, name.c_str(), attributes);
+    EXPECT_EQ(assertions.texts(), Calls{"ctxt"});
     EXPECT_EQ(parser->getExplorerData(&context), nullptr);
     EXPECT_EQ(parser->xmlEndElement(&context, name.c_str()), XML_NOTHING);
-    EXPECT_EQ(assertions.texts(), Calls(2, "ctxt"));
+    EXPECT_EQ(assertions.texts(), Calls(3, "ctxt"));
 }
 
 } // namespace

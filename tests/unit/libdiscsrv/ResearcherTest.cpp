@@ -19,6 +19,7 @@ using QmTest::Lines;
 using QmTest::ListedDiscoveries;
 using QmTest::LogCapture;
 using QmTest::PlainDiscovery;
+using QmTest::ReadItems;
 using QmTest::readItems;
 using QmTest::research;
 using QmTest::Service;
@@ -270,6 +271,40 @@ TEST(AuthSubIteratorTest, AFailedReadIsTheEnd)
     }
 }
 
+/// Data during whose second read the service ends.
+class LastData : public TextData
+{
+  public:
+    explicit LastData(const std::string& text) : TextData(text, text.size() / 2) {}
+    std::size_t readCollection(std::size_t length, void* buffer) const override
+    {
+        if (++m_reads == 2)
+            getDiscoveryRepository()->shutdown();
+        return TextData::readCollection(length, buffer);
+    }
+
+  private:
+    mutable unsigned m_reads = 0;
+};
+
+TEST(AuthSubIteratorTest, ADocumentEndsWithTheService)
+{
+    // Longer than what is read to learn of the document's encoding.
+    std::string text = "<DiscoveredItems><DISCOVERED Name='a'/>";
+    for (int i = 0; i < 200; ++i)
+        text += "<!-- " + std::string(1000, 'x') + " -->";
+    const LogCapture log(LOG_LEVEL_FAILURE);
+    const ReadItems items = readItems(new LastData(text + "</DiscoveredItems>"));
+    EXPECT_FALSE(items.parsed);
+    EXPECT_EQ(items.all(), Lines{"<Discovered Name=\"a\"></Discovered>"});
+    const Lines lines = log.texts(1);
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_TRUE(lines[0].starts_with("Failed to parse the document DiscoveredItems: line 1, "))
+        << lines[0];
+    EXPECT_EQ(lines[1], "Failed to parse the discovery stream");
+    EXPECT_EQ(lines[2], "Failed to parse discovery");
+}
+
 TEST(AuthSubIteratorTest, WritesNothing)
 {
     const AutoDereference<AuthSubIterator> all(new AuthSubIterator(nullptr));
@@ -393,6 +428,21 @@ TEST_F(ResearchTest, WithOneKindOfClientOneLineTellsOfTheOther)
     EXPECT_EQ(getDiscoveryRepository()->getDiscoveredClientList(), Clients{"unix1"});
     EXPECT_TRUE(log.has(4, "No windows clients found"));
     EXPECT_FALSE(log.has(4, "No unix clients found"));
+}
+
+TEST_F(ResearchTest, TheListOfClientsEndsAtTheNextRecordWhenTheServiceDoes)
+{
+    const AutoDereference<FakePull> explorer(new FakePull("<FilterData/>"));
+    for (const char* host : {"unix1", "unix2", "unix3"}) {
+        const Subject subject("filesystem");
+        const Authority authority(host, AT_QMKCLIENT);
+        getDiscoveryRepository()->registerExplorer(&subject, explorer.get(), 1, &authority, true);
+    }
+    explorer->onPull = [] { getDiscoveryRepository()->shutdown(); };
+    EXPECT_EQ(getDiscoveryRepository()->getDiscoveredClientList().size(), 1u);
+    EXPECT_EQ(explorer->calls.size(), 1u);
+    const AssertionCapture expected; // the fixture's stop is the second
+    m_service.stop();
 }
 
 TEST_F(ResearchTest, TenThousandRecordsAreRead)
