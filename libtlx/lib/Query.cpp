@@ -245,8 +245,7 @@ bool TlxQuery::addField(const QueryField& field, std::string& refused)
     return true;
 }
 
-bool TlxQuery::addFields(const char* operation, const std::vector<QueryField>& fields,
-                         bool logged)
+bool TlxQuery::addFields(const char* operation, const std::vector<QueryField>& fields, bool logged)
 {
     std::string first;
     for (const QueryField& field : fields) {

@@ -14,8 +14,8 @@
 // its end no event of it, nor of anything inside it, reaches any object.
 //
 // Every document is somebody else's input. Parsing reads no external entity and no DTD from
-// outside, bounds entity expansion, depth and what is kept at a time, and answers a hostile document with false and a
-// level-1 line; nothing is thrown out of it.
+// outside, bounds entity expansion, depth and what is kept at a time, and answers a hostile
+// document with false and a level-1 line; nothing is thrown out of it.
 
 #include <cstddef>
 #include <memory>
