@@ -11,8 +11,8 @@
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 /// The largest document that is read as items. Of a document are kept its items, the names of its
-/// elements, what the parser has not told of yet, and one text at a time, that three times; tlx/Xml.h
-/// has the bounds of all but the items.
+/// elements, what the parser has not told of yet, and one text at a time, that three times;
+/// tlx/Xml.h has the bounds of all but the items.
 constexpr std::size_t MAX_ITEMS_DOCUMENT_BYTES = 64u << 20;
 
 /// The bytes of open collection data, from where it stands. A failed read is the end; so are

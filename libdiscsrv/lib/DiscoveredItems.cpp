@@ -172,12 +172,12 @@ void DiscoveredItem::startBlock(DiscoveredDataContext& context, const XMLCh* nam
     ctxt->m_blockFailed = false;
     m_explorerParser.reset(
         getDiscoveryRepository()->getRegisteredExplorerParser(ctxt->m_explorerName));
-    const bool called = TLX_ASSERT(m_explorerParser) &&
-                        callParser(*m_explorerParser, *ctxt,
-                                   "ExplorerDataParser::getParseContext", [&] {
-                                       ctxt->m_subContext.reset(m_explorerParser->getParseContext(
-                                           ctxt->m_explorerName, name, ctxt));
-                                   });
+    const bool called =
+        TLX_ASSERT(m_explorerParser) &&
+        callParser(*m_explorerParser, *ctxt, "ExplorerDataParser::getParseContext", [&] {
+            ctxt->m_subContext.reset(
+                m_explorerParser->getParseContext(ctxt->m_explorerName, name, ctxt));
+        });
     if (!called || !TLX_ASSERT(ctxt->m_subContext)) {
         m_explorerParser.reset();
         XmlInterface::xmlStartElement(ctxt, name, attributes);
@@ -191,8 +191,8 @@ void DiscoveredItem::startInBlock(DiscoveredDataContext& context, const XMLCh* n
                                   AttributeList& attributes)
 {
     if (!context.m_blockFailed)
-        context.m_blockFailed = !callParser(
-            *m_explorerParser, context, "ExplorerDataParser::xmlStartElement", [&] {
+        context.m_blockFailed =
+            !callParser(*m_explorerParser, context, "ExplorerDataParser::xmlStartElement", [&] {
                 m_explorerParser->xmlStartElement(context.m_subContext.get(), name, attributes);
             });
     if (!context.isSkipping()) // of what is skipped no end will be told
@@ -213,9 +213,10 @@ void DiscoveredItem::xmlCharacters(XmlObjParseContext* context, const XMLCh* cha
     if (ctxt->m_subInterface != m_explorerParser.get())
         return ctxt->m_subInterface->xmlCharacters(ctxt->m_subContext.get(), chars, length);
     if (!ctxt->m_blockFailed)
-        ctxt->m_blockFailed = !callParser(
-            *m_explorerParser, *ctxt, "ExplorerDataParser::xmlCharacters",
-            [&] { m_explorerParser->xmlCharacters(ctxt->m_subContext.get(), chars, length); });
+        ctxt->m_blockFailed =
+            !callParser(*m_explorerParser, *ctxt, "ExplorerDataParser::xmlCharacters", [&] {
+                m_explorerParser->xmlCharacters(ctxt->m_subContext.get(), chars, length);
+            });
 }
 
 int DiscoveredItem::xmlEndElement(XmlObjParseContext* context, const XMLCh* name)
@@ -272,9 +273,10 @@ int DiscoveredItem::endInBlock(DiscoveredDataContext& context, const XMLCh* name
         --context.m_depth;
     int result = XML_INSIDE;
     if (!context.m_blockFailed)
-        context.m_blockFailed = !callParser(
-            *m_explorerParser, context, "ExplorerDataParser::xmlEndElement",
-            [&] { result = m_explorerParser->xmlEndElement(context.m_subContext.get(), name); });
+        context.m_blockFailed =
+            !callParser(*m_explorerParser, context, "ExplorerDataParser::xmlEndElement", [&] {
+                result = m_explorerParser->xmlEndElement(context.m_subContext.get(), name);
+            });
     if (context.m_blockFailed)
         return blockEnds ? XML_NOTHING : XML_INSIDE;
     if (blockEnds && result != XML_COMPLETE && result != XML_NOTHING) {
@@ -295,11 +297,9 @@ void DiscoveredItem::takeSub(DiscoveredDataContext& context)
         m_policy = context.m_policy;
         break;
     default:
-        if (!callParser(*m_explorerParser, context,
-                        "ExplorerDataParser::getExplorerData", [&] {
-                            m_explorerData.reset(
-                                m_explorerParser->getExplorerData(context.m_subContext.get()));
-                        }))
+        if (!callParser(*m_explorerParser, context, "ExplorerDataParser::getExplorerData", [&] {
+                m_explorerData.reset(m_explorerParser->getExplorerData(context.m_subContext.get()));
+            }))
             return;
         m_explorerName = m_explorerData ? context.m_explorerName : TlxString();
     }
