@@ -1,6 +1,7 @@
 #pragma once
 // What the libraries log, kept: of interest only when something fails.
 
+#include <deque>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -20,14 +21,14 @@ class KeptLog : public Tlx::LogSink
         friend bool operator==(const Kept&, const Kept&) = default;
     };
     void write(const Line& line) override;
-    /// Those since the last call; of one after another that are the same, one; the first ones when
+    /// Those since the last call; of one after another that are the same, one; the last ones when
     /// they were too many.
     std::vector<Kept> take();
 
   private:
     static constexpr std::size_t MAX_LINES = 50;
     std::mutex m_mutex;
-    std::vector<Kept> m_lines;
+    std::deque<Kept> m_lines;
 };
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -6,19 +6,18 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-namespace {
-
-/// Why a discovery was not read: the first line about its end. Lines about elements that nobody
-/// knows come before, and the summaries of whoever called come after.
 std::string reasonOf(const std::vector<KeptLog::Kept>& lines)
 {
-    for (const KeptLog::Kept& line : lines)
-        if (line.text != "Ignoring Unknown Tag")
-            return line.text;
-    return lines.empty() ? "" : lines.front().text;
+    std::string reason;
+    for (const KeptLog::Kept& line : lines) {
+        const bool own = line.operation == "AuthSubIterator::parseDiscovery";
+        if (!own || reason.empty())
+            reason = line.text;
+        if (own)
+            break;
+    }
+    return reason;
 }
-
-} // namespace
 
 // The researcher asks the master. Here that is the service which the other commands would speak to,
 // where it listens; on its own host also under the name that its records carry.

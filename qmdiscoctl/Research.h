@@ -6,6 +6,10 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
+/// Why a discovery was not read: the last line before the researcher's own, which say that it was
+/// not. Others may stand before it, about elements that nobody knows, say.
+std::string reasonOf(const std::vector<KeptLog::Kept>& lines);
+
 /// Has the researcher speak to one service, whatever the configuration names as the master.
 class Research
 {

@@ -141,6 +141,8 @@ bool DBCollectionData::writeCollection(std::size_t length, const void* buffer) c
     if (writeAll(m_handle, buffer, length))
         return true;
     DISC_LOG(1, "Unable to write " << m_path << ", error " << errno);
+    // Nothing will come of it, and its writer may leave it open: the disk could stay full of it.
+    (void)!::ftruncate(m_handle, 0);
     m_spoilt = true;
     return false;
 }

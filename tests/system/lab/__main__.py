@@ -140,7 +140,7 @@ def parse(arguments):
                             "nothing to cut; or the first where that can be made (own unless told)")
     added.add_argument("--set", metavar="HOST:KEY=VALUE", type=setting, action="append", default=[],
                        help="a line of a host's configuration; may be given again")
-    added = command("exec", execute, "run a command on a host; qmdiscoctl there means that host")
+    added = command("exec", execute, "run a command on a host, with its configuration")
     added.add_argument("host", metavar="HOST")
     added.add_argument("command", metavar="CMD", nargs=argparse.REMAINDER)
     for name, function, text in (("cut", cut, "cut the link of a host"),

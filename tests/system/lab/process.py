@@ -41,15 +41,19 @@ class Journal:
 def daemons_under(directory):
     """{host: pid} of the daemons whose product roots are in the directory."""
     found = {}
-    for entry in pathlib.Path("/proc").glob("[0-9]*/cmdline"):
+    for entry in pathlib.Path("/proc").glob("[0-9]*"):
         try:
-            arguments = os.fsdecode(entry.read_bytes()).split("\0")
+            arguments = os.fsdecode((entry / "cmdline").read_bytes()).split("\0")
+            if "qmdisco" not in map(os.path.basename, arguments):
+                continue
+            environment = os.fsdecode((entry / "environ").read_bytes()).split("\0")
         except OSError:
             continue
-        for option, value in zip(arguments, arguments[1:]):
-            if option == "--root" and pathlib.Path(value).parent == directory and \
-                    "qmdisco" in map(os.path.basename, arguments):
-                found[pathlib.Path(value).name] = int(entry.parent.name)
+        roots = [value for option, value in zip(arguments, arguments[1:]) if option == "--root"] + \
+                [each.partition("=")[2] for each in environment
+                 if each.startswith("QUILLMARK_ROOT=")]
+        if roots and pathlib.Path(roots[0]).parent == directory:
+            found[pathlib.Path(roots[0]).name] = int(entry.name)
     return found
 
 

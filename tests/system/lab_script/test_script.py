@@ -219,3 +219,13 @@ def test_a_setting_that_means_nothing_is_refused(script, setting, told):
     code = 2 if "invalid" in told else 1
     assert told in script("up", "1", "--set", setting, code=code)
     assert not script.lab().exists()
+
+
+def test_a_daemon_that_was_started_by_hand_is_ended_as_well(script):
+    [client] = prompt_names(1)
+    script("up", "1")
+    script("exec", client, "qmdiscoctl", "stop", "--host", client)
+    script("exec", client, "qmdisco")
+    assert client in daemons_under(script.lab())
+    script("down")
+    assert daemons_under(script.lab()) == {}

@@ -183,6 +183,7 @@ TEST_F(DBCollectionDataTest, APayloadThatLostBytesIsNotPersisted)
         const auto data = make();
         EXPECT_TRUE(data->open(OM_UPDATE, ""));
         EXPECT_FALSE(data->isSpoilt());
+        EXPECT_TRUE(data->writeCollection(3, "abc"));
         const auto handle = static_cast<unsigned>(descriptorOf(path("0.updating")));
         QmTest::refuseCalls(__NR_write, 0, {handle}, ENOSPC);
         const LogCapture log;
@@ -190,6 +191,7 @@ TEST_F(DBCollectionDataTest, APayloadThatLostBytesIsNotPersisted)
         EXPECT_EQ(log.texts(1), Lines{"Unable to write " + name("0.updating") + ", error 28"});
         EXPECT_EQ(log.lines()[0].operation, "DBCollectionData::writeCollection");
         EXPECT_TRUE(data->isSpoilt());
+        EXPECT_EQ(contentOf(path("0.updating")), "") << "its space is given back at once";
         EXPECT_FALSE(data->persist(TlxPathname(name("x.dat"))));
         EXPECT_EQ(contentOf(path("x.dat")), "stored");
     });

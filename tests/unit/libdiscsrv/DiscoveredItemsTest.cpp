@@ -637,8 +637,8 @@ TEST(DiscoveredItemsTest, RefusedDescriptionsCountWithTheUnknownElements)
         ASSERT_EQ(faults.size(), 1000u);
         EXPECT_EQ(faults[399], UNKNOWN);
         EXPECT_TRUE(faults[400].starts_with("Refused a query description, its query is none: "));
-        EXPECT_EQ(faults[999], "Not everything of a query description can be told; the first field "
-                               "left out is \"\": its name is no name of a field");
+        EXPECT_EQ(faults[999], "Not everything of a query description can be told; fields left "
+                               "out: 1, the first \"\": its name is no name of a field");
     }
     for (const auto& [fault, line] :
          {std::pair{noQuery, faults[400]}, std::pair{noField, faults[999]}}) {

@@ -100,15 +100,15 @@ TEST(ResolverTest, AResolverThatHangsCostsNoMoreThanTheLimit)
     EXPECT_TRUE(resolver.waitFor(1));
 }
 
-TEST(ResolverTest, NoMoreThanSixteenHangAtATime)
+TEST(ResolverTest, NoMoreThanSoManyHangAtATime)
 {
     Hanging resolver;
-    for (int i = 0; i < 16; ++i)
+    for (int i = 0; i < 128; ++i)
         EXPECT_EQ(resolveHost("name", 0ms), Addresses{});
-    EXPECT_TRUE(resolver.waitFor(16));
+    EXPECT_TRUE(resolver.waitFor(128));
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(resolveHost("name", 60s), Addresses{});
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 30s) << "the seventeenth waited";
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 30s) << "the next one waited";
 }
 
 TEST(ResolverTest, AnAnswerFreesItsThread)

@@ -11,6 +11,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "Research.h"
+
 namespace Veltrane::Quillmark::Qmdiscoctl {
 namespace {
 
@@ -546,6 +548,38 @@ TEST_F(CtlCommandsTest, ItemsAreATableOfWhatWasReadAndLinesOfWhatWasNot)
                         "h2    /\\x7f  /dev/x  xfs   2.0 KiB  1.0 KiB  h2/now\n"
                         "not read: h1 of h1: broken\n"
                         "not read: text of h1: it is none\n");
+}
+
+TEST_F(CtlCommandsTest, TheReasonStandsBeforeWhatTheResearcherSays)
+{
+    using Lines = std::vector<KeptLog::Kept>;
+    const KeptLog::Kept unknown{"AuthSubIterator::xmlStartElement", "Ignoring Unknown Tag"};
+    const KeptLog::Kept cause{"XmlDocumentInterface::parse", "it breaks off"};
+    const KeptLog::Kept own{"AuthSubIterator::parseDiscovery", "Failed to parse"};
+    const KeptLog::Kept last{"AuthSubIterator::getNextCollectionItemIterator", "Failed"};
+    EXPECT_EQ(reasonOf(Lines{unknown, cause, own, last}), "it breaks off");
+    EXPECT_EQ(reasonOf(Lines{own, last}), "Failed to parse");
+    EXPECT_EQ(reasonOf(Lines{}), "");
+}
+
+TEST_F(CtlCommandsTest, LinesAreKeptOnceAndTheLastOfThem)
+{
+    KeptLog log;
+    const auto write = [&log](int level, const std::string& text) {
+        log.write({level, 400, "Op::eration", text});
+    };
+    write(1, "first (../A:1)");
+    for (int i = 0; i < 100; ++i)
+        write(1, "same (../A:2)");
+    write(4, "progress (../A:3)");
+    EXPECT_EQ(log.take(),
+              (std::vector<KeptLog::Kept>{{"Op::eration", "first"}, {"Op::eration", "same"}}));
+    for (int i = 0; i < 100; ++i)
+        write(1, std::to_string(i) + " (../A:4)");
+    const std::vector<KeptLog::Kept> lines = log.take();
+    ASSERT_EQ(lines.size(), 50u);
+    EXPECT_EQ(lines.back().text, "99");
+    EXPECT_EQ(log.take().size(), 0u);
 }
 
 TEST_F(CtlCommandsTest, AFilterIsHandedOnAndAppliedToWhatArrives)
