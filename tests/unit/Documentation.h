@@ -30,11 +30,20 @@ inline std::vector<std::string> codeOf(const std::string& section)
     return blocks;
 }
 
-/// A block as it is written: without the breaks that are there for reading only.
-inline std::string onOneLine(std::string block)
+/// A block as it is written: without the breaks that are there for reading only. Inside a tag they
+/// stand for a blank.
+inline std::string onOneLine(const std::string& block)
 {
-    std::erase(block, '\n');
-    return block;
+    std::string line;
+    bool inTag = false;
+    for (const char c : block) {
+        if (c != '\n')
+            line += c;
+        else if (inTag)
+            line += ' ';
+        inTag = c == '<' || (inTag && c != '>');
+    }
+    return line;
 }
 
 } // namespace QmTest

@@ -10,6 +10,7 @@
 #include "Capture.h"
 #include "Documentation.h"
 #include "FileSystemDocument.h"
+#include "FileSystemExplorers.h"
 
 namespace Veltrane::Quillmark::Explorers {
 namespace {
@@ -67,6 +68,30 @@ std::string theExample(const std::string& section)
     return blocks.empty() ? std::string() : blocks[0];
 }
 
+/// The texts of the innermost elements, by their names.
+std::vector<std::pair<TlxString, TlxString>> textsOf(const std::string& document)
+{
+    struct Reader : Tlx::XmlDocumentInterface
+    {
+        Reader() : XmlDocumentInterface(nullptr, "Document") {}
+        void xmlStartElement(XmlObjParseContext* context, const XMLCh*,
+                             Tlx::AttributeList&) override
+        {
+            context->clearText();
+        }
+        int xmlEndElement(XmlObjParseContext* context, const XMLCh* name) override
+        {
+            if (const TlxString text = context->text(); text != TlxString())
+                texts.emplace_back(TlxString::fromXmlCh(name), text);
+            context->clearText();
+            return Tlx::XML_INSIDE;
+        }
+        std::vector<std::pair<TlxString, TlxString>> texts;
+    } reader;
+    EXPECT_TRUE(reader.parseBuffer(document));
+    return reader.texts;
+}
+
 struct FilterExamplesTest : testing::Test
 {
     ~FilterExamplesTest() override { EXPECT_EQ(log.texts(1), std::vector<std::string>()); }
@@ -114,6 +139,26 @@ TEST_F(FilterExamplesTest, WhatCanBeFilteredBy)
     TlxQuery told;
     FileSystemSource::describe(told);
     EXPECT_EQ(*description.query, told);
+}
+
+TEST_F(FilterExamplesTest, TheCollectionOfTheDefaultExplorers)
+{
+    const std::string example =
+        QmTest::onOneLine(theExample("The collection of the default explorers"));
+    FileSystem fileSystem{"/", "/dev/sda1", "ext4", "rw,relatime", false, 4096, 0};
+    const Tlx::AutoDereference<FileSystemPush> explorer(new FileSystemPush);
+    std::ostringstream out;
+    writeDocument(out, *explorer, {fileSystem});
+    EXPECT_EQ(out.str(), example);
+
+    FileSystem read;
+    for (const auto& [tag, text] : textsOf(example))
+        takeFileSystemElement(read, tag.toXmlCh().c_str(), text);
+    EXPECT_EQ(read.device, fileSystem.device);
+    EXPECT_EQ(read.type, fileSystem.type);
+    EXPECT_EQ(read.options, fileSystem.options);
+    EXPECT_EQ(read.size, fileSystem.size);
+    EXPECT_EQ(read.used, fileSystem.used);
 }
 
 } // namespace
