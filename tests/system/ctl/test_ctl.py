@@ -1,8 +1,13 @@
 """The command line against a running daemon: what it prints, what it leaves, how it ends."""
 
+import io
 import json
 import os
 import subprocess
+import xml.sax
+from xml.dom import minidom
+from xml.etree import ElementTree
+from xml.sax import saxutils
 
 import pytest
 
@@ -82,6 +87,45 @@ def test_status_counts_what_was_done(ctl, root):
     assert service["role"] == "master"
     assert service["counters"]["bytesWritten"] == 5
     assert service["root"] == str(root)
+
+
+def made_by_other_tools():
+    """One document of items, as tools that know nothing of the service write it."""
+    root = ElementTree.Element("DiscoveredItems")
+    item = ElementTree.SubElement(root, "DISCOVERED", Name="/m\u00e4nner \u65e5\u672c & <co>")
+    data = ElementTree.SubElement(item, "ExplorerData", Name="FileSystems")
+    for name, text in (("Device", "/dev/\u00e9 & <x>"), ("Type", "ext4"), ("Options", "rw"),
+                       ("Size", "4096"), ("Used", "1024"), ("ReadOnly", "1")):
+        ElementTree.SubElement(data, name).text = text
+    ElementTree.SubElement(item, "StatusMsg", Code="3").text = "all's \"well\""
+    plain = ElementTree.tostring(root, encoding="unicode")
+    dom = minidom.parseString(plain)
+    for encoding in ("utf-8", "utf-16", "iso-8859-15", "us-ascii"):
+        # What an encoding lacks becomes a character reference.
+        yield "ElementTree, " + encoding, ElementTree.tostring(root, encoding=encoding)
+    yield "a byte order mark", plain.encode("utf-8-sig")
+    yield "pretty-printed", dom.toprettyxml(indent="\t", newl="\r\n", encoding="utf-8")
+    yield "big-endian", "\ufeff".encode("utf-16-be") + plain.encode("utf-16-be")
+    out = io.StringIO()
+    writer = saxutils.XMLGenerator(out, "utf-8")
+    xml.sax.parseString(plain.encode(), writer)
+    yield "a SAX writer", out.getvalue().encode()
+    dom.documentElement.setAttribute("xmlns:other", "urn:other")
+    dom.insertBefore(dom.createComment(" by hand "), dom.documentElement)
+    dom.insertBefore(dom.createProcessingInstruction("target", "data"), dom.documentElement)
+    device = dom.getElementsByTagName("Device")[0]
+    device.replaceChild(dom.createCDATASection(device.firstChild.data), device.firstChild)
+    yield "comments, instructions, namespaces, CDATA", dom.toxml(encoding="utf-8")
+
+
+@pytest.mark.parametrize("document", [pytest.param(document, id=tool)
+                                      for tool, document in made_by_other_tools()])
+def test_documents_made_by_other_tools_are_read(ctl, document):
+    ctl("put", "cl5", "srv1", "-", data=document)
+    assert json.loads(ctl("items", "--json")) == {"unread": [], "items": [{
+        "host": "srv1", "subject": "cl5", "name": "/m\u00e4nner \u65e5\u672c & <co>",
+        "explorer": "FileSystems", "device": "/dev/\u00e9 & <x>", "type": "ext4", "options": "rw",
+        "readOnly": True, "size": 4096, "used": 1024}]}
 
 
 def test_refresh(ctl):

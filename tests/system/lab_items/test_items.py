@@ -1,8 +1,13 @@
 """What was discovered, read back by the operator's command line on any host."""
 
 import json
+import time
+from concurrent.futures import ThreadPoolExecutor
 
-from lab.stage import frozen, wait_until_pushed
+from lab.stage import frozen, wait_for_text, wait_until_pushed
+
+REQUEST_LIMIT = 30
+SLACK = 10
 
 LOOKUP_FAILED = "Failed to get collection data: 3"  # the master could not open what it pulls
 NOT_THE_LAST = "Failed to get collection data: 2"  # more than one explorer answers to the name
@@ -60,3 +65,21 @@ def test_a_host_that_hangs_is_named(stage):
         rows, unread = items_on(stage.master)
     assert unread["%s/now" % last] == LOOKUP_FAILED
     assert (last, last, "/") in rows, "what it pushed before is there"
+
+
+def test_reading_from_a_master_that_hangs_ends_after_30_seconds(stage):
+    """A slow line gives the time to freeze the master in the middle of a record's pages."""
+    [name] = build(stage, 1)
+    client = stage.lab.host(name)
+    stage.lab.slow(client, "16kbit")
+    before = stage.master.root.log_file.read_text().count("Opening collection file")
+    with ThreadPoolExecutor(1) as pool:
+        asked = pool.submit(items_on, client, "--subject", name)
+        wait_for_text(stage.master, "Opening collection file", before + 1)
+        with frozen(stage, stage.master):
+            began = time.monotonic()
+            rows, unread = asked.result(REQUEST_LIMIT + 3 * SLACK)
+            took = time.monotonic() - began
+    assert rows == set()
+    assert unread[name].startswith("Caught CORBA Exception while reading collection data: TIMEOUT")
+    assert REQUEST_LIMIT - 5 <= took <= REQUEST_LIMIT + SLACK
