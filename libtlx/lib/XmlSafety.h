@@ -3,6 +3,7 @@
 // keeping of parsers.
 
 #include <cstddef>
+#include <exception>
 #include <limits>
 #include <memory>
 #include <string>
@@ -102,9 +103,17 @@ class SafeXmlParser : public Parser
         m_source = &source;
         m_bytesAtEvent = 0;
         m_inRoot = false;
-        source.beforeReads([this] { checkBytes(); });
-        Parser::parse(source);
+        m_refused = nullptr;
+        source.beforeReads([this] { return mayReadOn(); });
+        try {
+            Parser::parse(source);
+        } catch (...) {
+            if (!m_refused) // otherwise it only says that the document breaks off
+                throw;
+        }
         m_source = nullptr;
+        if (m_refused)
+            std::rethrow_exception(m_refused);
     }
 
     void startDocument() override
@@ -237,7 +246,21 @@ class SafeXmlParser : public Parser
     /// What was read until here, but for what is left of the last block, is kept no longer.
     void noteEvent() { m_bytesAtEvent = m_source->bytesRead(); }
 
-    /// Asked before the parser reads on, when it is done with nearly all that it has.
+    /// Asked before the parser reads on, when it is done with nearly all that it has. Thrown from
+    /// there a refusal would make it leave behind the trees that it builds, so the document breaks
+    /// off and the refusal comes afterwards.
+    bool mayReadOn() noexcept
+    {
+        if (m_refused)
+            return false;
+        try {
+            checkBytes();
+        } catch (...) {
+            m_refused = std::current_exception();
+        }
+        return !m_refused;
+    }
+
     void checkBytes() const
     {
         const std::size_t bytes = m_source->bytesRead();
@@ -263,6 +286,7 @@ class SafeXmlParser : public Parser
 
     const XmlSource* m_source = nullptr; ///< of the parse that runs
     std::size_t m_bytesAtEvent = 0;
+    std::exception_ptr m_refused; ///< why the document was broken off
     bool m_inRoot = false;
     unsigned m_depth = 0;
     std::size_t m_nodes = 0;

@@ -37,8 +37,8 @@ class XmlSource::Stream : public xercesc::BinInputStream
 {
   public:
     Stream(std::unique_ptr<xercesc::BinInputStream> stream, std::size_t& bytesRead,
-           const std::function<void()>& watch)
-        : m_stream(std::move(stream)), m_bytesRead(bytesRead), m_watch(watch)
+           const std::function<bool()>& mayGoOn)
+        : m_stream(std::move(stream)), m_bytesRead(bytesRead), m_mayGoOn(mayGoOn)
     {
     }
 
@@ -58,8 +58,8 @@ class XmlSource::Stream : public xercesc::BinInputStream
 
     XMLSize_t readBytes(XMLByte* const buffer, const XMLSize_t wanted) override
     {
-        if (m_watch)
-            m_watch();
+        if (m_mayGoOn && !m_mayGoOn())
+            return 0;
         XMLSize_t got = 0;
         if (m_position < m_head.size()) {
             got = std::min<XMLSize_t>(wanted, m_head.size() - m_position);
@@ -94,7 +94,7 @@ class XmlSource::Stream : public xercesc::BinInputStream
 
     std::unique_ptr<xercesc::BinInputStream> m_stream;
     std::size_t& m_bytesRead;
-    const std::function<void()>& m_watch;
+    const std::function<bool()>& m_mayGoOn;
     std::string m_head;
     std::size_t m_position = 0;
     bool m_ended = false;
@@ -105,7 +105,7 @@ XmlSource::XmlSource(const xercesc::InputSource& source, const std::string& code
     std::unique_ptr<xercesc::BinInputStream> given(source.makeStream());
     if (!given)
         throw std::runtime_error("the document cannot be opened");
-    auto stream = std::make_unique<Stream>(std::move(given), m_bytesRead, m_watch);
+    auto stream = std::make_unique<Stream>(std::move(given), m_bytesRead, m_mayGoOn);
     const std::string& head = stream->gatherHead();
     if (source.getEncoding())
         setEncoding(source.getEncoding());

@@ -26,9 +26,9 @@ class XmlSource : public xercesc::InputSource
     /// The stream; null when it was asked for before.
     xercesc::BinInputStream* makeStream() const override;
 
-    /// Has the function called each time before the parser is given more; what it throws ends the
-    /// parse.
-    void beforeReads(std::function<void()> watch) { m_watch = std::move(watch); }
+    /// Has the function asked each time before the parser is given more; false ends the stream. It
+    /// does not throw: the parser would leave behind what it is building.
+    void beforeReads(std::function<bool()> mayGoOn) { m_mayGoOn = std::move(mayGoOn); }
 
     /// How many bytes were read so far.
     std::size_t bytesRead() const { return m_bytesRead; }
@@ -37,7 +37,7 @@ class XmlSource : public xercesc::InputSource
     class Stream;
     mutable std::unique_ptr<xercesc::BinInputStream> m_stream;
     std::size_t m_bytesRead = 0;
-    std::function<void()> m_watch;
+    std::function<bool()> m_mayGoOn;
 };
 
 } // namespace Veltrane::Quillmark::Tlx

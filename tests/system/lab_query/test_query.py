@@ -4,7 +4,7 @@ import os
 
 import harness
 from giop import DiscoveryQuery
-from lab.stage import wait_for_text, wait_until_registered
+from lab.stage import wait_for_text, wait_until_pushed, wait_until_registered
 from records import ANY, SUCCESS, get, put, query, record, subjects
 
 CANNOT_CONNECT = "Failed to connect to remote discovery service"
@@ -39,6 +39,8 @@ def test_the_master_answers_and_the_client_pages(stage):
 def test_two_clients_see_the_same(stage):
     one, other = stage.build(2).clients
     stage.start_all()
+    for host in (stage.master, one, other):
+        wait_until_pushed(host, stage.master)
     assert put(stage.service(one), "volumes", "a", b"x") == SUCCESS
     names = subjects(stage.service(stage.master))
     assert "volumes" in names
