@@ -56,9 +56,16 @@ std::shared_ptr<OrbCore> acquireCore(bool clientOnly, const std::string& endpoin
 struct AceUse
 {
     AceUse() { ACE::init(); }
-    ~AceUse() { ACE::fini(); }
+    ~AceUse()
+    {
+        if (inUse)
+            ACE::fini();
+    }
     AceUse(const AceUse&) = delete;
     AceUse& operator=(const AceUse&) = delete;
+    /// Set once all is made. An attempt that failed finalises nothing: it may have been made under
+    /// one of ACE's own locks, that of a singleton.
+    bool inUse = false;
 };
 
 /// A reactor and the thread on which its timers run. They go by a clock that nobody sets: a host
@@ -97,10 +104,11 @@ struct Orb::State
         : serviceName(name), core(acquireCore(clientOnly, endpoint)), reactor(handles),
           evictor(evictorEnabled ? std::make_unique<Evictor>() : nullptr)
     {
+        ace.inUse = true;
     }
 
     const std::string serviceName;
-    const AceUse ace;
+    AceUse ace;
     const std::shared_ptr<OrbCore> core;
     ReactorThread reactor;
     const std::unique_ptr<Evictor> evictor;
