@@ -41,6 +41,11 @@ Outcome answer(Session& session, const std::string& text, const Json& document)
     return session.out.write(session.options.json ? toText(document) : text);
 }
 
+std::string orAny(const std::string& pattern)
+{
+    return pattern.empty() ? "*" : pattern;
+}
+
 std::string theService(const Session& session)
 {
     return "the discovery service on " + escaped(session.target.host);

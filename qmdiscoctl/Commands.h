@@ -21,8 +21,8 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-/// One discovery that was read back: its items, and the first thing that went wrong with it (empty:
-/// nothing).
+/// One discovery that was read back: its items, and what was said of it meanwhile, which is the
+/// cause when it was not read to its end (items.isParsed()).
 using EachDiscovery =
     std::function<void(Svc::CollectionItemIterator& items, const std::string& problem)>;
 
@@ -78,6 +78,9 @@ std::string toText(const Json& document);
 
 /// Prints the one or the other, as the options want it.
 Outcome answer(Session& session, const std::string& text, const Json& document);
+
+/// A pattern as it travels: one that was not given fits anything.
+std::string orAny(const std::string& pattern);
 
 /// "the discovery service on HOST".
 std::string theService(const Session& session);

@@ -1,6 +1,7 @@
 #include "Commands.h"
 #include "Names.h"
 #include "Progress.h"
+#include "Records.h"
 #include "Text.h"
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
@@ -28,14 +29,7 @@ const char* meaning(Svc::DiscoveryStatus status)
 
 Remote::Discovery recordOf(const Options& options)
 {
-    Remote::Discovery record;
-    record.queryType = options.queryType;
-    record.subject = options.subject.c_str();
-    record.authority = options.authority.c_str();
-    record.authType = options.type;
-    // Not looked at, but everything travels.
-    record.attributes = {Svc::CT_CONFIGURATION, Svc::CS_LOCALONLY, 0, 0, 0};
-    return record;
+    return recordNamed(options.subject, options.authority, options.type, options.queryType);
 }
 
 /// One get, from the place for the data to the last page.

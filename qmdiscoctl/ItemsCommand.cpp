@@ -75,11 +75,6 @@ class Items
     std::vector<Unread> m_unread;
 };
 
-std::string orAny(const std::string& pattern)
-{
-    return pattern.empty() ? "*" : pattern;
-}
-
 Outcome Items::read(Session& session)
 {
     const Options& options = session.options;

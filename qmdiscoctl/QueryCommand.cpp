@@ -8,11 +8,6 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 
 namespace {
 
-std::string orAny(const std::string& pattern)
-{
-    return pattern.empty() ? "*" : pattern;
-}
-
 std::string tableOf(const std::vector<Record>& all)
 {
     std::vector<std::vector<std::string>> rows{{"SUBJECT", "AUTHORITY", "TYPE", "HOST", "SERVICE"}};

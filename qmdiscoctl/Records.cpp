@@ -20,6 +20,19 @@ void release(Pages<Page>& pages)
 
 } // namespace
 
+Remote::Discovery recordNamed(const std::string& subject, const std::string& authority,
+                              Svc::AuthorityType type, Svc::DiscoveryQuery query)
+{
+    Remote::Discovery record;
+    record.queryType = query;
+    record.subject = subject.c_str();
+    record.authority = authority.c_str();
+    record.authType = type;
+    // Not looked at, but everything travels.
+    record.attributes = {Svc::CT_CONFIGURATION, Svc::CS_LOCALONLY, 0, 0, 0};
+    return record;
+}
+
 std::vector<Record> readList(RecordPages& pages, std::int32_t recordsPerPage)
 {
     // A page holds one record more than its size says.

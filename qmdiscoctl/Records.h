@@ -21,6 +21,10 @@ struct Record
     friend auto operator<=>(const Record&, const Record&) = default;
 };
 
+/// What is asked for when the data of a record is wanted.
+Remote::Discovery recordNamed(const std::string& subject, const std::string& authority,
+                              Svc::AuthorityType type, Svc::DiscoveryQuery query);
+
 /// The whole list in an order of its own: the service's is that of its directory, which tells
 /// nobody anything. Frees the iterator.
 std::vector<Record> readList(RecordPages& pages, std::int32_t recordsPerPage);

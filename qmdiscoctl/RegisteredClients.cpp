@@ -48,13 +48,8 @@ struct Listing
 /// @return what is wrong; empty when nothing is.
 std::string readOne(Service& service, const Record& record, Registered& out)
 {
-    Remote::Discovery wanted;
-    wanted.queryType = Svc::DQ_DISCOVERY_DATA;
-    wanted.subject = record.subject.c_str();
-    wanted.authority = record.authority.c_str();
-    wanted.authType = Svc::AT_REMOTEPULL;
-    // Not looked at, but everything travels.
-    wanted.attributes = {Svc::CT_CONFIGURATION, Svc::CS_LOCALONLY, 0, 0, 0};
+    const Remote::Discovery wanted =
+        recordNamed(record.subject, record.authority, Svc::AT_REMOTEPULL, Svc::DQ_DISCOVERY_DATA);
     std::unique_ptr<DataPages> pages;
     const Svc::DiscoveryStatus status = service.getCollectionData(wanted, "", pages);
     if (status != Svc::DS_SUCCESS)
