@@ -27,6 +27,8 @@ require_preset() {
 # What another clone of this tree has compiled is as good here: the compiler is called with relative
 # paths, and the directory that it works in does not count.
 export CCACHE_BASEDIR="$QM_TOP" CCACHE_NOHASHDIR=1
+# The unit tests' headers are compiled once; the cache asks for this to handle that.
+export CCACHE_SLOPPINESS=pch_defines,time_macros
 # Where the compiler cache may not use its own default place, it lives in the tree.
 if [ -z "${CCACHE_DIR:-}" ] && [ ! -w "${HOME:-/nonexistent}" ]; then
     export CCACHE_DIR="$QM_TOP/.cache/ccache"

@@ -12,7 +12,7 @@
 #include <tlx/ValueConverter.h>
 #include <tlx/Wildcard.h>
 
-#include "../../libtlx/lib/WildcardMatch.h"
+#include "../../libtlx/lib/text/WildcardMatch.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include <tlx/Wildcard.h>
 
-#include "../../../libtlx/lib/WildcardMatch.h"
+#include "../../../../libtlx/lib/text/WildcardMatch.h"
 
 using namespace Veltrane::Quillmark::Tlx;
 

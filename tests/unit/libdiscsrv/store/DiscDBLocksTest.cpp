@@ -8,7 +8,7 @@
 
 #include "Capture.h"
 #include "StorePeer.h"
-#include "libtlx/FileLockPeer.h"
+#include "libtlx/files/FileLockPeer.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
