@@ -10,7 +10,6 @@
 
 #include "DiscDB.h"
 #include "DiscLog.h"
-#include "FileWriting.h"
 #include "RecordFile.h"
 #include "XMLHelper.h"
 
@@ -269,7 +268,7 @@ DiscoveryResult DBDiscovery::persistLocked(const TlxPathname& path, const std::s
 bool DBDiscovery::writeMetadata(int fd, const std::string& xml)
 {
     DISC_TRACE("DBDiscovery::writeMetadata");
-    if (!reserveSpace(fd, xml.size()) || !writeAll(fd, xml.data(), xml.size())) {
+    if (!reserveSpace(fd, xml.size()) || !writeAll(fd, xml)) {
         DISC_LOG(1, "Unable to write metadata");
         return false;
     }

@@ -30,8 +30,7 @@ class OtherDaemon
         m_pid = ::fork();
         if (m_pid == 0) {
             ::close(end[1]);
-            Failure failure;
-            auto held = PidFile::take(root.path(), failure);
+            auto held = PidFile::take(root.path()).value_or(nullptr);
             const char taken = held ? 'y' : 'n';
             if (::write(up[1], &taken, 1) != 1)
                 ::_exit(1);
@@ -77,7 +76,14 @@ class PidFileTest : public testing::Test
   protected:
     PidFileTest() { m_root.makeDirectory("run"); }
 
-    std::unique_ptr<PidFile> take() { return PidFile::take(m_root.path(), m_failure); }
+    std::unique_ptr<PidFile> take()
+    {
+        auto taken = PidFile::take(m_root.path());
+        if (taken)
+            return std::move(*taken);
+        m_failure = taken.error();
+        return nullptr;
+    }
     void expectTaken()
     {
         const auto held = take();
@@ -140,11 +146,10 @@ TEST_F(PidFileTest, ASecondHolderInOneProcessIsRefused)
 {
     const auto held = take();
     ASSERT_TRUE(held);
-    Failure failure;
-    EXPECT_FALSE(PidFile::take(m_root.path(), failure));
+    EXPECT_FALSE(take());
     EXPECT_EQ("another qmdisco is running on " + m_root.path() + " (pid " +
                   std::to_string(::getpid()) + ")",
-              failure.text);
+              m_failure.text);
 }
 
 TEST_F(PidFileTest, ALongerPidLeavesNoRest)

@@ -24,8 +24,9 @@ int detached(const std::function<void(StartReport&)>& daemon)
     std::fflush(nullptr);
     const pid_t started = ::fork();
     if (started == 0) {
-        StartReport report = StartReport::detach();
-        daemon(report);
+        auto report = StartReport::detach();
+        if (report)
+            daemon(*report);
         ::_exit(99); // nobody sees it: the daemon is nobody's child
     }
     int status = -1;
