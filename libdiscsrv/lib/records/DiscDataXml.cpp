@@ -264,9 +264,9 @@ void Discovery::startAuthority(DiscoveryDocContext& context, const XMLCh* name,
     AuthorityType type = AT_ANYANDALL;
     if (!readEnumerator(typeText, AT_REMOTEPULL, type))
         refuseDocument("authority type", typeText);
-    auto* authority = new Authority(authorityName.utf8(), type);
-    setAuthority(authority);
-    context.m_subInterface = authority;
+    auto authority = std::make_unique<Authority>(authorityName.utf8(), type);
+    context.m_subInterface = authority.get();
+    setAuthority(authority.release());
     context.m_subContext = std::make_unique<DescriptionContext>(name, &context);
     context.m_nodes.push_back(DiscoveryDocContext::AuthorityNode);
 }
@@ -282,9 +282,9 @@ void Discovery::startSubject(DiscoveryDocContext& context, const XMLCh* name,
         XmlInterface::xmlStartElement(&context, name, attributes);
         return;
     }
-    auto* subject = new Subject(subjectName.utf8());
-    setSubject(subject);
-    context.m_subInterface = subject;
+    auto subject = std::make_unique<Subject>(subjectName.utf8());
+    context.m_subInterface = subject.get();
+    setSubject(subject.release());
     context.m_subContext = std::make_unique<DescriptionContext>(name, &context);
     context.m_nodes.push_back(DiscoveryDocContext::SubjectNode);
 }
