@@ -68,7 +68,7 @@ class Items
     Json document() const;
 
   private:
-    void take(Svc::CollectionItemIterator& items, const std::string& problem);
+    void take(Svc::CollectionItemIterator& items);
 
     const Svc::FilterParameters m_parameters;
     Tlx::TlxQuery m_filter;
@@ -82,18 +82,16 @@ Outcome Items::read(Session& session)
     const Outcome outcome =
         session.research(Svc::DQ_DISCOVERY_DATA, orAny(options.subject), orAny(options.authority),
                          options.filter.empty() ? nullptr : &m_parameters,
-                         [this](Svc::CollectionItemIterator& items, const std::string& problem) {
-                             take(items, problem);
-                         });
+                         [this](Svc::CollectionItemIterator& items) { take(items); });
     std::sort(m_items.begin(), m_items.end());
     return outcome;
 }
 
-void Items::take(Svc::CollectionItemIterator& items, const std::string& problem)
+void Items::take(Svc::CollectionItemIterator& items)
 {
     const std::string subject = items.getSubject() ? items.getSubject()->getSubject().utf8() : "";
     const std::string host = items.getAuthority() ? items.getAuthority()->getName().utf8() : "";
-    noteUnread(items, problem, m_unread);
+    noteUnread(items, m_unread);
     while (Svc::CollectionItem* next = items.getNextCollectionItem()) {
         const Tlx::AutoDereference<Svc::CollectionItem> held(next);
         const auto* discovered = dynamic_cast<const Svc::DiscoveredItem*>(next);
