@@ -92,7 +92,7 @@ int run(const Options& options)
     const StatusDocument status = readStatusDocument(config.root());
     const Target target = findTarget(options.host, config, status);
     Connector connector(target, status);
-    Research research(target, *log);
+    Research research(target);
 
     const bool outIsTerminal = ::isatty(STDOUT_FILENO) == 1;
     StandardOutput text;
@@ -106,11 +106,14 @@ int run(const Options& options)
         .connect = [&connector](Failure& failure) { return connector.connect(failure); },
         .research = [&](auto query, const auto& subject, const auto& authority, auto* filter,
                         const auto& each) -> Outcome {
-            // Why a service cannot be reached is known here, not there.
+            // The connector knows why a service cannot be reached, the researcher does not.
             Failure failure;
             if (!connector.connect(failure))
                 return failure;
-            return research.read(query, subject, authority, filter, each);
+            Outcome outcome = research.read(query, subject, authority, filter, each);
+            if (!outcome)
+                log->take(); // the command reports what was not read
+            return outcome;
         },
         .out = dataGoesOut ? static_cast<Output&>(data) : text,
         .outIsTerminal = outIsTerminal,

@@ -13,6 +13,7 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <utility>
 
 #include <DiscoverySvc.hh> // the enumerations and DiscoveryResult, shared with the wire
 #include <tlx/Lockable.h>
@@ -173,6 +174,17 @@ class DISCSRV_EXPORT CollectionData
 
     /// Appends length bytes; false on failure.
     virtual bool writeCollection(std::size_t length, const void* buffer) const = 0;
+
+    /// Why the last open failed: the text that the backend logged. Empty after a success, and from
+    /// a backend that only logs. Not virtual: explorers in plug-ins rely on the order of the
+    /// virtual operations.
+    const std::string& getOpenFailure() const { return m_openFailure; }
+
+  protected:
+    void setOpenFailure(std::string why) { m_openFailure = std::move(why); }
+
+  private:
+    std::string m_openFailure;
 };
 
 /// One record. A producer gets it from a backend, sets subject, authority and attributes, opens it

@@ -22,6 +22,7 @@
 #include <ostream>
 #include <string>
 
+#include <tl/expected.hpp>
 #include <xercesc/sax/AttributeList.hpp>
 #include <xercesc/util/XercesDefs.hpp>
 
@@ -154,9 +155,11 @@ class XmlDocumentInterface : public XmlInterface
 
     /// Parses a document from a stream. A failed read counts as the stream's end.
     bool parse(InputSource& source);
+    /// The same, with the failure as a value: the text that was logged.
+    [[nodiscard]] tl::expected<void, TlxString> parseOrExplain(InputSource& source);
 
   private:
-    bool run(const InputSource& source);
+    tl::expected<void, TlxString> run(const InputSource& source);
     std::string m_codePage;
     std::basic_string<XMLCh> m_documentName;
 };

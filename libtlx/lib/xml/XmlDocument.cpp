@@ -3,6 +3,7 @@
 #include <tlx/Xml.h>
 
 #include <mutex>
+#include <sstream>
 #include <stdexcept>
 
 #include <xercesc/framework/MemBufInputSource.hpp>
@@ -80,13 +81,15 @@ class Driver : public xercesc::HandlerBase
     const xercesc::Locator* m_locator = nullptr;
 };
 
-void logFailure(const std::basic_string<XMLCh>& documentName, const XmlFailure& failure)
+/// Logs why a document cannot be parsed, and answers the text.
+TlxString logFailure(const std::basic_string<XMLCh>& documentName, const XmlFailure& failure)
 {
+    std::ostringstream text;
+    text << "Failed to parse the document " << TlxString::fromXmlCh(documentName) << ": line "
+         << failure.line << ", column " << failure.column << ": " << failure.reason;
     TLX_LOG(LoggerFactory::instance().getLogger(LOG_ORIGINATOR_PLATFORM), LOG_LEVEL_FAILURE,
-            "XmlDocumentInterface::parse", SOURCE,
-            "Failed to parse the document " << TlxString::fromXmlCh(documentName) << ": line "
-                                            << failure.line << ", column " << failure.column << ": "
-                                            << failure.reason);
+            "XmlDocumentInterface::parse", SOURCE, text.str());
+    return text.str();
 }
 
 } // namespace
@@ -124,7 +127,7 @@ bool XmlDocumentInterface::parseBuffer(const std::string& text)
             xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(text.data()),
                                               text.size(), xercesc::XMLUni::fgZeroLenString);
             source.setCopyBufToStream(false); // the text outlives the parse
-            parsed = run(source);
+            parsed = run(source).has_value();
         },
         failure);
     if (!ran)
@@ -134,10 +137,15 @@ bool XmlDocumentInterface::parseBuffer(const std::string& text)
 
 bool XmlDocumentInterface::parse(InputSource& source)
 {
+    return run(source).has_value();
+}
+
+tl::expected<void, TlxString> XmlDocumentInterface::parseOrExplain(InputSource& source)
+{
     return run(source);
 }
 
-bool XmlDocumentInterface::run(const InputSource& source)
+tl::expected<void, TlxString> XmlDocumentInterface::run(const InputSource& source)
 {
     XmlFailure failure;
     const bool parsed = guardXml(
@@ -157,8 +165,8 @@ bool XmlDocumentInterface::run(const InputSource& source)
         },
         failure);
     if (!parsed)
-        logFailure(m_documentName, failure);
-    return parsed;
+        return tl::unexpected(logFailure(m_documentName, failure));
+    return {};
 }
 
 } // namespace Veltrane::Quillmark::Tlx

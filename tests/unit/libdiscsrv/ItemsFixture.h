@@ -35,6 +35,7 @@ class TextData : public Disc::CollectionData
         if (onOpen)
             onOpen(mode, arg);
         m_position = 0;
+        setOpenFailure(openFailure);
         return opens;
     }
     std::size_t readCollection(std::size_t length, void* buffer) const override
@@ -52,6 +53,7 @@ class TextData : public Disc::CollectionData
     bool writeCollection(std::size_t, const void*) const override { return false; }
 
     bool opens = true;
+    std::string openFailure;
     std::function<void(Disc::OpenMode, const char*)> onOpen;
 
   private:

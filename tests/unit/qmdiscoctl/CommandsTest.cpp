@@ -11,7 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Research.h"
+#include "KeptLog.h"
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 namespace {
@@ -69,7 +69,7 @@ struct Discovered
     std::string subject;
     std::string authority;
     std::string document = "<DiscoveredItems></DiscoveredItems>";
-    std::string problem = {};
+    std::string problem = {}; ///< what the researcher gives as the reason; empty: none
 
     void hand(const EachDiscovery& each) const
     {
@@ -81,7 +81,25 @@ struct Discovered
         const Tlx::AutoDereference<Svc::AuthSubIterator> all(new Svc::AuthSubIterator(one.get()));
         const Tlx::AutoDereference<Svc::CollectionItemIterator> items(
             all->getNextCollectionItemIterator(nullptr));
-        each(*items, problem);
+        EXPECT_EQ(items->isParsed(), problem.empty());
+        if (items->isParsed())
+            return each(*items);
+        each(*failing(*items));
+    }
+
+  private:
+    /// The same items with the reason of the test.
+    Tlx::AutoDereference<Svc::CollectionItemIterator>
+    failing(Svc::CollectionItemIterator& items) const
+    {
+        auto list = std::make_unique<Svc::CollectionItemList>();
+        while (Svc::CollectionItem* next = items.getNextCollectionItem())
+            list->emplace_back(next);
+        auto* const by = items.getAuthority();
+        return Tlx::AutoDereference<Svc::CollectionItemIterator>(new Svc::CollectionItemIterator(
+            by ? new Svc::Authority(*by) : nullptr, new Svc::Subject(*items.getSubject()),
+            list.release(),
+            Svc::ResearchFailure{Svc::ResearchProblem::NOT_PARSED, problem, subject, authority}));
     }
 };
 
@@ -550,16 +568,17 @@ TEST_F(CtlCommandsTest, ItemsAreATableOfWhatWasReadAndLinesOfWhatWasNot)
                         "not read: text of h1: it is none\n");
 }
 
-TEST_F(CtlCommandsTest, TheReasonStandsBeforeWhatTheResearcherSays)
+TEST_F(CtlCommandsTest, TheReasonIsFitForATerminal)
 {
-    using Lines = std::vector<KeptLog::Kept>;
-    const KeptLog::Kept unknown{"AuthSubIterator::xmlStartElement", "Ignoring Unknown Tag"};
-    const KeptLog::Kept cause{"XmlDocumentInterface::parse", "it breaks off"};
-    const KeptLog::Kept own{"AuthSubIterator::parseDiscovery", "Failed to parse"};
-    const KeptLog::Kept last{"AuthSubIterator::getNextCollectionItemIterator", "Failed"};
-    EXPECT_EQ(reasonOf(Lines{unknown, cause, own, last}), "it breaks off");
-    EXPECT_EQ(reasonOf(Lines{own, last}), "Failed to parse");
-    EXPECT_EQ(reasonOf(Lines{}), "");
+    script.discovered = {{"", "h1", "h1", "no document",
+                          "a\x1b"
+                          "b"}};
+    EXPECT_EQ(run(Command::ITEMS), Outcome());
+    EXPECT_THAT(out.text, HasSubstr("not read: h1 of h1: a\\x1bb\n"));
+    out.text.clear();
+    options.json = true;
+    EXPECT_EQ(run(Command::ITEMS), Outcome());
+    EXPECT_EQ(Json::parse(out.text)["unread"][0]["reason"], "a\\x1bb");
 }
 
 TEST_F(CtlCommandsTest, LinesAreKeptOnceAndTheLastOfThem)

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include "Capture.h"
-#include "FileSystem.h"
 #include "ItemsFixture.h"
 #include "ServiceFixture.h"
 

@@ -1,4 +1,4 @@
-// A file system in an item, written, read back and asked about.
+// A file system in an item: written, read back and matched against filters.
 
 #include "FileSystem.h"
 
@@ -7,11 +7,14 @@
 #include <sstream>
 
 #include "Capture.h"
-#include "ItemsFixture.h"
-#include "ServiceFixture.h"
+#include "libdiscsrv/ItemsFixture.h"
+#include "libdiscsrv/ServiceFixture.h"
 
-namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+namespace Veltrane::Quillmark::Explorers {
 namespace {
+
+using namespace Tlx;
+using namespace Tlx::DiscoverySvc;
 
 using QmTest::LogCapture;
 using QmTest::readItems;
@@ -206,4 +209,4 @@ TEST_F(FileSystemItemTest, DataThatThrowsIsNoneAndALogLine)
 }
 
 } // namespace
-} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc
+} // namespace Veltrane::Quillmark::Explorers
