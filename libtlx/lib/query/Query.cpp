@@ -6,21 +6,13 @@
 
 #include "QueryExpression.h"
 #include "QueryLosses.h"
+#include "QueryParser.h"
+#include "QueryWords.h"
 #include "XmlCharacter.h"
 
 namespace Veltrane::Quillmark::Tlx {
 
 namespace {
-
-bool isLetter(char c)
-{
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
-}
-
-bool isNameChar(char c)
-{
-    return isLetter(c) || (c >= '0' && c <= '9') || c == '-' || c == '.';
-}
 
 TlxString carryable(const TlxString& text)
 {
@@ -217,8 +209,8 @@ std::vector<std::string> TlxQuery::fieldsAsked() const
 
 bool TlxQuery::isFieldName(std::string_view name)
 {
-    return !name.empty() && name.size() <= QUERY_MAX_NAME && isLetter(name[0]) &&
-           std::all_of(name.begin(), name.end(), isNameChar) && !isQueryKeyword(name);
+    return !name.empty() && name.size() <= QUERY_MAX_NAME && isQueryNameStart(name[0]) &&
+           std::all_of(name.begin(), name.end(), isQueryNameCharacter) && !isQueryKeyword(name);
 }
 
 const QueryField* TlxQuery::field(std::string_view name) const

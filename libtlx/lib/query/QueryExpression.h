@@ -1,5 +1,5 @@
 #pragma once
-// A query's expression, as the parser made it.
+// A query's expression, as the parser builds it.
 
 #include <memory>
 #include <string>
@@ -65,13 +65,6 @@ class QueryExpression
 
     std::vector<Step> m_steps;
 };
-
-/// The expression of a text; null for one of white space alone. Null too, with the reason in
-/// mistake, when it is no expression.
-std::shared_ptr<const QueryExpression> parseQuery(std::string_view text, QueryMistake& mistake);
-
-/// Whether a name is one of the language's own words, whatever the case of its letters.
-bool isQueryKeyword(std::string_view name);
 
 std::string queryLowerCase(std::string_view name);
 
