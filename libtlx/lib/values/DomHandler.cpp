@@ -7,7 +7,8 @@
 
 #include <tlx/ValueConverter.h>
 
-#include "XmlSafety.h"
+#include "XmlFailure.h"
+#include "XmlParserLease.h"
 #include "XmlSource.h"
 
 namespace Veltrane::Quillmark::Tlx {
