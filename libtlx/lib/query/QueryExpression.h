@@ -10,10 +10,10 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// What stands on the right of a comparison.
+/// The right side of a comparison.
 struct QueryLiteral
 {
-    TlxString spelling; ///< as texts are compared with it: without quotation marks and escapes
+    TlxString spelling; ///< for comparisons with texts: without quotation marks and escapes
     QueryValue::Kind kind = QueryValue::QV_TEXT;
     QueryNumber number = 0; ///< of a QV_NUMBER
     bool flag = false;      ///< of a QV_FLAG
@@ -30,12 +30,12 @@ enum class QueryOperator
     Like
 };
 
-/// Built in the order of a stack machine (operands first), so that neither the evaluation nor the
-/// end of a long expression recurses. Unchanged once it is built; any thread.
+/// The steps of a stack machine, operands first. So neither the evaluation nor the destruction of a
+/// long expression recurses. Any thread, once the expression is built.
 class QueryExpression
 {
   public:
-    // Building. Fields are names in lower-case letters.
+    // Building. The names of fields are in lower-case letters.
     void compare(std::string field, QueryOperator op, QueryLiteral literal);
     void flag(std::string field);
     void negate();
@@ -68,7 +68,7 @@ class QueryExpression
 
 std::string queryLowerCase(std::string_view name);
 
-/// The length of the longest start of text that an XML document can carry.
+/// The length of the longest beginning of the text that an XML document can carry.
 std::size_t carryableLength(std::string_view text);
 
 } // namespace Veltrane::Quillmark::Tlx

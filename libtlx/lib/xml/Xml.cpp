@@ -11,7 +11,8 @@ XMLCh lower(XMLCh letter)
     return letter >= 'A' && letter <= 'Z' ? static_cast<XMLCh>(letter + ('a' - 'A')) : letter;
 }
 
-/// What a document of XML 1.0, the version written here, cannot carry. Surrogates come in pairs.
+/// Whether a document of XML 1.0, the version that we write, cannot carry the unit. Surrogates come
+/// in pairs.
 bool isNoXmlCharacter(XMLCh c)
 {
     return (c < 0x20 && c != '\t' && c != '\n' && c != '\r') || c == 0xFFFE || c == 0xFFFF;
@@ -95,7 +96,7 @@ void XmlInterface::xmlCharacters(XmlObjParseContext* context, const XMLCh* chars
 
 void XmlInterface::xmlStartElement(XmlObjParseContext* context, const XMLCh*, AttributeList&)
 {
-    // Once for an element, however many objects hand it down to here.
+    // Counts an element once, also when several objects pass it on to here.
     if (context && !context->isSkipping())
         context->skipEnter();
 }

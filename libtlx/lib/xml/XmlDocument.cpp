@@ -21,7 +21,7 @@ namespace {
 
 constexpr const char* SOURCE = "../Xml";
 
-/// Hands the parser's events to a document's object, and keeps from it what is skipped.
+/// Passes the parser's events to a document's object, except for those of skipped elements.
 class Driver : public xercesc::HandlerBase
 {
   public:
@@ -53,14 +53,14 @@ class Driver : public xercesc::HandlerBase
             call([&] { m_object.xmlCharacters(&m_context, chars, length); });
     }
 
-    // Which white space can be ignored is the objects' matter, not the document type's.
+    // The objects decide which white space they ignore, not the document type.
     void ignorableWhitespace(const XMLCh* const chars, const XMLSize_t length) override
     {
         characters(chars, length);
     }
 
   private:
-    /// What an object throws or refuses ends the parse, at the place where the document is.
+    /// Ends the parse at the current place when the object throws or refuses.
     template <class Call>
     void call(const Call& operation) const
     {
@@ -93,7 +93,7 @@ void logFailure(const std::basic_string<XMLCh>& documentName, const XmlFailure& 
 
 void initialiseXml()
 {
-    // Never taken down again: idle parsers of other threads live until those threads end.
+    // Never terminated: idle parsers of other threads live until those threads end.
     static std::once_flag once;
     std::call_once(once, [] { xercesc::XMLPlatformUtils::Initialize(); });
 }
@@ -101,8 +101,8 @@ void initialiseXml()
 XmlDocumentInterface::XmlDocumentInterface(const char* codePage, const char* documentName)
     : m_codePage(codePage ? codePage : ""), m_documentName(TlxString(documentName).toXmlCh())
 {
-    // So that a caller can make an InputSource, which needs the library, right after its document.
-    // A library that does not come up fails the parse.
+    // The caller may now make an InputSource, which needs the library. If the library fails to
+    // start, the parse fails.
     XmlFailure ignored;
     guardXml(initialiseXml, ignored);
 }
