@@ -28,6 +28,8 @@ enum UriCharacterClass : unsigned
     UC_WILDCARD = 16,
 };
 
+// Compat(name-encodings): stores and documents hold names in these two encodings.
+
 /// The display form of a name.
 constexpr unsigned URI_MASK_DISPLAY = UC_READABLE | UC_UNRESERVED; // 10
 /// The form for file names and lookup patterns.

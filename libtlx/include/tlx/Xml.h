@@ -38,6 +38,7 @@ namespace Veltrane::Quillmark::Tlx {
 using xercesc::AttributeList;
 using xercesc::InputSource;
 
+// Compat(end-results): plug-in parsers return these numbers.
 enum XmlEndResult
 {
     XML_COMPLETE = 0,

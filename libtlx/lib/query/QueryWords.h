@@ -1,6 +1,6 @@
 #pragma once
 // The words of the query language. The grammar, the messages and the actions take them from here. A
-// test compares them with docs/filters.md and qmdiscoctl(1).
+// test compares them with docs/filters.md and qmdisco-filters(7).
 //
 // Constants and functions without state: any thread; nothing fails.
 

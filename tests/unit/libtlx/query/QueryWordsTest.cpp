@@ -164,20 +164,25 @@ TEST(QueryWordsTest, TheExamplesInTheDocumentAreFilters)
     EXPECT_GT(examples, 4u);
 }
 
-TEST(QueryWordsTest, TheManualListsComparisonsAndUnits)
+TEST(QueryWordsTest, TheManualHasTheSameWords)
 {
-    std::string comparisons;
+    const std::string manual = textOf(QM_DOCS "/../packaging/qmdisco-filters.7");
     for (const QueryComparisonWord& word : QUERY_COMPARISONS)
-        comparisons += std::string(word.spelling) + " ";
-    EXPECT_THAT(textOf(QM_DOCS "/../packaging/qmdiscoctl.1"),
-                HasSubstr(comparisons + "and " + std::string(QUERY_LIKE)));
+        EXPECT_THAT(manual, HasSubstr("field \" " + std::string(word.spelling) + " \" value"));
+    EXPECT_THAT(manual, HasSubstr("field \" " + std::string(QUERY_LIKE) + " \" pattern"));
     // Units of amounts, in the order of their size.
     std::string units;
     for (const QueryUnit& unit : QUERY_UNITS)
         if (unit.factor > 1)
             units += (units.empty() ? "" : ", ") + std::string(1, unit.letter);
-    units.replace(units.rfind(", "), 2, " and ");
-    EXPECT_THAT(textOf(QM_DOCS "/../packaging/qmdiscoctl.1"), HasSubstr(units));
+    units.replace(units.rfind(", "), 2, " or ");
+    EXPECT_THAT(manual, HasSubstr("directly behind: " + units + ","));
+    // The manual's name of the apostrophe is \(aq.
+    std::string ends;
+    for (const char c : QUERY_WORD_ENDS)
+        if (!isQueryBlank(c))
+            ends += " " + (c == '\'' ? std::string("\\(aq") : std::string(1, c));
+    EXPECT_THAT(manual, HasSubstr("a blank or one of" + ends + ","));
 }
 
 } // namespace
