@@ -2,6 +2,8 @@
 
 #include <tlx/String.h>
 
+#include "HostArgument.h"
+
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
 namespace {
@@ -36,23 +38,6 @@ Tlx::Endpoint localEndpoint(const Tlx::HostConfig& config, const std::string& ho
 }
 
 } // namespace
-
-bool parseHost(const std::string& text, HostArgument& out)
-{
-    Tlx::Endpoint endpoint;
-    if (Tlx::parseEndpoint(text, endpoint) && endpoint.port != 0) {
-        out = {endpoint.address, endpoint.port};
-        return true;
-    }
-    // Without a port: whatever makes an endpoint when one is added, an address as it stands or in
-    // brackets.
-    if (Tlx::parseEndpoint(text + ":1", endpoint) ||
-        Tlx::parseEndpoint("[" + text + "]:1", endpoint)) {
-        out = {endpoint.address, std::nullopt};
-        return true;
-    }
-    return false;
-}
 
 Target findTarget(const std::string& hostArgument, const Tlx::HostConfig& config,
                   const StatusDocument& status)

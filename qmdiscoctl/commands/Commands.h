@@ -9,21 +9,15 @@
 
 #include <nlohmann/json.hpp>
 
-#include <FilterParameters.h>
-#include <Researcher.h>
-
 #include "ExitCode.h"
 #include "Options.h"
 #include "Output.h"
+#include "Research.h"
 #include "StatusDocument.h"
 #include "Target.h"
 #include "Wire.h"
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
-
-/// Takes one discovery that was read back. Where it was not read to its end, items.getFailure() has
-/// the reason.
-using EachDiscovery = std::function<void(Svc::CollectionItemIterator& items)>;
 
 /// What a command is run with.
 struct Session

@@ -9,8 +9,8 @@
 #include <tlx/Query.h>
 
 #include "Help.h"
+#include "HostArgument.h"
 #include "Names.h"
-#include "Target.h"
 #include "Text.h"
 
 namespace Veltrane::Quillmark::Qmdiscoctl {

@@ -1,4 +1,4 @@
-// The command line's options, names and exit codes.
+// The command line's options, hosts and names.
 
 #include "Options.h"
 
@@ -7,8 +7,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "HostArgument.h"
 #include "Names.h"
-#include "Target.h"
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 namespace {
@@ -135,18 +135,7 @@ TEST(CtlNamesTest, NamesAndValuesGoBothWays)
     EXPECT_EQ(toName(static_cast<Svc::DiscoveryStatus>(77)), "77");
 }
 
-TEST(CtlExitCodeTest, EachStatusHasItsOwn)
-{
-    EXPECT_EQ(exitCodeOf(Svc::DS_SUCCESS), 0);
-    EXPECT_EQ(exitCodeOf(Svc::DS_NONE_FOUND), 11);
-    EXPECT_EQ(exitCodeOf(Svc::DS_LOGIC_ERROR), 12);
-    EXPECT_EQ(exitCodeOf(Svc::DS_OPEN_FAILED), 13);
-    EXPECT_EQ(exitCodeOf(Svc::DS_COM_ERROR), 14);
-    EXPECT_EQ(exitCodeOf(Svc::DS_DATA_EXISTS), 15);
-    EXPECT_EQ(exitCodeOf(static_cast<Svc::DiscoveryStatus>(77)), EC_BROKE_OFF);
-}
-
-TEST(CtlTargetTest, AHostMayHaveAPort)
+TEST(CtlHostArgumentTest, AHostMayHaveAPort)
 {
     HostArgument host;
     EXPECT_TRUE(parseHost("backup1", host));
@@ -161,33 +150,6 @@ TEST(CtlTargetTest, AHostMayHaveAPort)
     EXPECT_FALSE(host.port);
     for (const char* text : {"", "a:0", "a:", ":9", "a b", "a:65536", "[a]:1"})
         EXPECT_FALSE(parseHost(text, host)) << text;
-}
-
-TEST(CtlTargetTest, TheServiceIsTheNamedOneTheMastersOrThisHosts)
-{
-    Tlx::HostConfig& config = Tlx::HostConfig::instance();
-    StatusDocument none;
-    config.readText("CLIENT_NAME = here\n", "qm.conf");
-    Target target = findTarget("", config, none);
-    EXPECT_EQ(target.host, "here");
-    EXPECT_TRUE(target.local);
-    EXPECT_EQ(target.endpoint, (Tlx::Endpoint{"127.0.0.1", 14400}));
-
-    config.readText("CLIENT_NAME = here\nSERVER = 192.0.2.7\n", "qm.conf");
-    target = findTarget("", config, none);
-    EXPECT_EQ(target.host, "192.0.2.7");
-    EXPECT_FALSE(target.local);
-    EXPECT_EQ(target.endpoint, (Tlx::Endpoint{"192.0.2.7", 14400}));
-
-    target = findTarget("other:7", config, none);
-    EXPECT_EQ(target.endpoint, (Tlx::Endpoint{"other", 7}));
-
-    StatusDocument running;
-    running.found = true;
-    running.members = {{"endpoint", "127.0.0.1:5000"}};
-    target = findTarget("localhost", config, running);
-    EXPECT_TRUE(target.local);
-    EXPECT_EQ(target.endpoint, (Tlx::Endpoint{"127.0.0.1", 5000}));
 }
 
 } // namespace
