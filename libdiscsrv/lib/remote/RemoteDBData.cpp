@@ -23,7 +23,7 @@ constexpr const char* CANNOT_CONNECT = "Failed to connect to discovery service";
 /// Each of them may occupy a request thread until the master has answered: hosts that name each
 /// other as their master must not take all there are.
 constexpr unsigned MAX_WRITES_BEING_OPENED = 32;
-std::atomic<unsigned> g_writesBeingOpened{0};
+InFlightBound g_writesBeingOpened(MAX_WRITES_BEING_OPENED);
 
 /// Releases another host's iterator when it goes; that host gets rid of an idle one by itself, so a
 /// failure harms nothing.
@@ -136,7 +136,7 @@ bool RemoteCollectionData::openWrite()
     DISC_TRACE("RemotecollectionData::openWrite");
     dropWriter();
     m_spoilt = false;
-    const InFlight inFlight(g_writesBeingOpened, MAX_WRITES_BEING_OPENED);
+    const InFlight inFlight(g_writesBeingOpened);
     if (!inFlight.isAdmitted())
         return failOpen(std::to_string(MAX_WRITES_BEING_OPENED) +
                         " writes are being opened on the master already");

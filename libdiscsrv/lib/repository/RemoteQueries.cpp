@@ -18,7 +18,7 @@ constexpr const char* SERVICE = "DiscoveryService";
 /// Each of them occupies a request thread until the master has answered: hosts that name each other
 /// as their master, or a master that hangs, must not take all there are.
 constexpr unsigned MAX_FORWARDED_QUERIES = 32;
-std::atomic<unsigned> g_forwardedQueries{0};
+InFlightBound g_forwardedQueries(MAX_FORWARDED_QUERIES);
 
 } // namespace
 
@@ -68,7 +68,7 @@ DiscoveryIterator* DiscoveryRepository::queryRemoteDiscoveries(DiscoveryQuery qu
         DISC_LOG(1, "Cannot find master server name, abort connecting to master discovery service");
         return nullptr;
     }
-    const InFlight inFlight(g_forwardedQueries, MAX_FORWARDED_QUERIES);
+    const InFlight inFlight(g_forwardedQueries);
     if (!inFlight.isAdmitted()) {
         DISC_LOG(1, MAX_FORWARDED_QUERIES << " queries are being forwarded already");
         return nullptr;
