@@ -4,6 +4,7 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <DiscoverySvc.hh>
 #include <tl/expected.hpp>
@@ -45,7 +46,20 @@ struct ConnectFailure
         CALL_FAILED, ///< a call threw
     };
     Kind kind = NOT_FOUND;
-    std::string cause; ///< one line for people
+    std::string cause;     ///< one line for people
+    std::string exception; ///< the name of the CORBA exception behind it; empty without one
+};
+
+/// The master, for a process that is told where it is and does not ask the configuration.
+struct MasterAddress
+{
+    std::string host; ///< its name, without regard to case
+    Endpoint endpoint;
+    /// Other names under which records refer to the same service.
+    std::vector<std::string> aliases;
+
+    /// Whether a host's service is this one.
+    bool isMeantBy(const std::string& name) const;
 };
 
 /// The service, or why it cannot be reached. Logs nothing at level 1, except an address that leads
@@ -53,8 +67,11 @@ struct ConnectFailure
 [[nodiscard]] DISCSRV_EXPORT tl::expected<Remote::DiscoveryService_var, ConnectFailure>
 connectToService(Orb* orb, const ServiceAddress& address);
 
+/// The same, but nil on failure, which is logged; otherwise the caller releases it.
+Remote::DiscoveryService_ptr connectToRemoteDS(Orb* orb, const ServiceAddress& address);
+
 /// The same for a host's service where the configuration says, within five seconds each to find the
-/// object and to ask what it is. Nil on failure, which is logged; otherwise the caller releases it.
+/// object and to ask what it is.
 Remote::DiscoveryService_ptr connectToRemoteDS(const TlxHostname& host, Orb* orb,
                                                const char* serviceName);
 

@@ -6,20 +6,16 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-// The researcher asks the master. Here that is the service which the other commands would speak to,
-// where it listens; on its own host also under the name that its records carry.
+// The researcher asks the master. Here that is the target of all commands, where it listens.
+// Records of this host carry its own name, whatever name the target has.
 bool Research::begin()
 {
     if (m_begun)
         return true;
-    Tlx::HostConfig& config = Tlx::HostConfig::instance();
-    const std::string endpoint = toText(m_target.endpoint) + "\n";
-    std::string text =
-        "SERVER = " + m_target.host + "\nENDPOINT." + m_target.host + " = " + endpoint;
+    Svc::MasterAddress master{m_target.host, m_target.endpoint, {}};
     if (m_target.local)
-        text += "ENDPOINT." + config.localHostName() + " = " + endpoint;
-    config.addText(text, "--host");
-    m_begun = Svc::initDiscoveryResearch() != nullptr;
+        master.aliases.push_back(Tlx::HostConfig::instance().localHostName());
+    m_begun = Svc::initDiscoveryResearch(master).has_value();
     return m_begun;
 }
 

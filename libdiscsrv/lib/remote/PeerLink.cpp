@@ -46,7 +46,9 @@ void PeerLink::getMasterServerName(TlxHostname& out) const
     // Compat: readers of the log search for this name.
     DISC_TRACE("RemoteCollectionData::getMasterServerName");
     std::string name;
-    if (!HostConfig::instance().getString(ConfigKey::SERVER, name))
+    if (m_master)
+        name = m_master->host;
+    else if (!HostConfig::instance().getString(ConfigKey::SERVER, name))
         DISC_LOG(1, "Unable to obtain master server name");
     out.setHostname(name);
 }
@@ -55,7 +57,12 @@ Remote::DiscoveryService_ptr PeerLink::connect(const TlxHostname& host,
                                                const char* serviceName) const
 {
     DISC_TRACE("DiscoveryRepository::connectToRemoteDiscoveryService");
-    return connectToRemoteDS(host, orb(), serviceName);
+    ServiceAddress address;
+    address.host = host;
+    address.serviceName = serviceName;
+    if (m_master && m_master->isMeantBy(host.text().utf8()))
+        address.endpoint = m_master->endpoint;
+    return connectToRemoteDS(orb(), address);
 }
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -3,6 +3,8 @@
 // under which name this service is known, how much may be under way, and whether to give up.
 
 #include <atomic>
+#include <optional>
+#include <utility>
 
 #include <tlx/Corba.h>
 #include <tlx/Hostname.h>
@@ -14,6 +16,7 @@
 #include "DiscExport.h"
 #include "HostedService.h"
 #include "InFlight.h"
+#include "ServiceConnection.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
@@ -38,7 +41,12 @@ class DISCSRV_EXPORT PeerLink
     /// The name of this service, under which other hosts find it again; empty without an ORB.
     TlxString ownServiceName() const;
 
-    /// The master's name from the configuration; empty, and logged, when none is set.
+    /// Says where the master is, in place of the configuration. Before the first use of the link.
+    void setMaster(MasterAddress master) { m_master = std::move(master); }
+    /// Whether setMaster was called: then this process is not the master.
+    bool isMasterGiven() const { return m_master.has_value(); }
+    /// The master's name; without setMaster the one in the configuration. Empty, and logged, when
+    /// that has none.
     void getMasterServerName(TlxHostname& out) const;
     /// The service of another host; nil on failure (logged), otherwise the caller releases it.
     Remote::DiscoveryService_ptr connect(const TlxHostname& host, const char* serviceName) const;
@@ -57,6 +65,7 @@ class DISCSRV_EXPORT PeerLink
 
   private:
     AutoDereference<const HostedService> m_service;
+    std::optional<MasterAddress> m_master;
     InFlightBound m_forwardedQueries{MAX_FORWARDED_QUERIES};
     InFlightBound m_writesBeingOpened{MAX_WRITES_BEING_OPENED};
     std::atomic<bool> m_shuttingDown{false};

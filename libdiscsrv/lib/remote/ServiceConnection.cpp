@@ -1,7 +1,10 @@
 #include "ServiceConnection.h"
 
+#include <algorithm>
+
 #include <tlx/Orb.h>
 #include <tlx/Servant.h>
+#include <tlx/String.h>
 
 #include "DiscLog.h"
 
@@ -16,34 +19,47 @@ connectToService(Orb* orb, const ServiceAddress& address)
 {
     using Failure = tl::unexpected<ConnectFailure>;
     if (!orb)
-        return Failure({ConnectFailure::NO_ORB, "this process has no ORB"});
+        return Failure({ConnectFailure::NO_ORB, "this process has no ORB", {}});
     try {
-        std::string cause;
+        LookupFailure failure;
         const CORBA::Object_var object = orb->lookupObject(
             {address.host, address.serviceName, address.endpoint, address.limit, address.elsewhere},
-            cause);
+            failure);
         if (CORBA::is_nil(object))
-            return Failure({ConnectFailure::NOT_FOUND, cause});
+            return Failure({ConnectFailure::NOT_FOUND, failure.cause, failure.exception});
         const OrbCallLimit limited(address.limit); // the object is asked what it is
         Remote::DiscoveryService_var service = Remote::DiscoveryService::_narrow(object);
         if (CORBA::is_nil(service))
             return Failure(
-                {ConnectFailure::NO_SERVICE, "what answers there is no discovery service"});
+                {ConnectFailure::NO_SERVICE, "what answers there is no discovery service", {}});
         return service;
     } catch (const CORBA::Exception& e) {
-        return Failure({ConnectFailure::CALL_FAILED, describeException(e)});
+        return Failure({ConnectFailure::CALL_FAILED, describeException(e), e._name()});
     }
+}
+
+bool MasterAddress::isMeantBy(const std::string& name) const
+{
+    const auto same = [&name](const std::string& other) {
+        return compareIgnoringCase(name, other) == 0;
+    };
+    return same(host) || std::any_of(aliases.begin(), aliases.end(), same);
 }
 
 Remote::DiscoveryService_ptr connectToRemoteDS(const TlxHostname& host, Orb* orb,
                                                const char* serviceName)
 {
-    DISC_TRACE("connectToRemoteDS");
-    DISC_LOG(4, "Host: " << host.text());
-    DISC_LOG(4, "Service: " << serviceName);
     ServiceAddress address;
     address.host = host;
     address.serviceName = serviceName;
+    return connectToRemoteDS(orb, address);
+}
+
+Remote::DiscoveryService_ptr connectToRemoteDS(Orb* orb, const ServiceAddress& address)
+{
+    DISC_TRACE("connectToRemoteDS");
+    DISC_LOG(4, "Host: " << address.host.text());
+    DISC_LOG(4, "Service: " << address.serviceName);
     auto service = connectToService(orb, address);
     if (service)
         return service->_retn();

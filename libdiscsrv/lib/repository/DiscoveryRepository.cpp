@@ -79,7 +79,8 @@ bool DiscoveryRepository::isGenericDS() const
 
 bool DiscoveryRepository::isMaster() const
 {
-    return getRemoteDiscoveryDatabase()->isMaster();
+    // A process that was given its master's address does not look for it in the configuration.
+    return !m_link.isMasterGiven() && getRemoteDiscoveryDatabase()->isMaster();
 }
 
 bool DiscoveryRepository::isGenericDSOnMaster() const

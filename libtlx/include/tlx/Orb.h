@@ -30,6 +30,13 @@ struct AdvertisedObject
     bool elsewhere = false;
 };
 
+/// Why a lookup found nothing.
+struct LookupFailure
+{
+    std::string cause;     ///< one line for people, without the host's name; empty on success
+    std::string exception; ///< the name of the CORBA exception, such as "TRANSIENT"; may be empty
+};
+
 /// Wraps the process's ORB. There is one ORB a process: every Orb shares it by count, the first one
 /// decides how it listens, the last one destroys it. Code sets are UTF-8. Unless said otherwise an
 /// operation may be called from any thread, and a CORBA::SystemException goes to the caller.
@@ -98,8 +105,8 @@ class Orb
     /// The same, but nil (and logged at level 1) where the name leads back to this very process.
     CORBA::Object_ptr lookupObjectElsewhere(const TlxHostname& host, const std::string& name,
                                             std::chrono::milliseconds limit);
-    /// The same, and in failure why it is nil: one line for people, without the host's name.
-    CORBA::Object_ptr lookupObject(const AdvertisedObject& wanted, std::string& failure);
+    /// The same, and in failure why it is nil.
+    CORBA::Object_ptr lookupObject(const AdvertisedObject& wanted, LookupFailure& failure);
 
     /// How many servant operations (tlx/Servant.h) this process is in now: for the status and the
     /// stop.

@@ -220,20 +220,20 @@ void Orb::setOrbRequestTimeout(unsigned seconds)
 CORBA::Object_ptr Orb::lookupObject(const TlxHostname& host, const std::string& name,
                                     std::chrono::milliseconds limit)
 {
-    std::string failure;
+    LookupFailure failure;
     return lookupObject({host, name, std::nullopt, limit, false}, failure);
 }
 
 CORBA::Object_ptr Orb::lookupObjectElsewhere(const TlxHostname& host, const std::string& name,
                                              std::chrono::milliseconds limit)
 {
-    std::string failure;
+    LookupFailure failure;
     return lookupObject({host, name, std::nullopt, limit, true}, failure);
 }
 
-CORBA::Object_ptr Orb::lookupObject(const AdvertisedObject& wanted, std::string& failure)
+CORBA::Object_ptr Orb::lookupObject(const AdvertisedObject& wanted, LookupFailure& failure)
 {
-    failure.clear();
+    failure = {};
     return Tlx::lookupObject(*m_state->core, wanted, failure);
 }
 

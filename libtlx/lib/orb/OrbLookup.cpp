@@ -51,7 +51,7 @@ bool isThere(CORBA::Object_ptr object, Clock::time_point end)
 
 /// The object at one address, when it answers; nil, and why, otherwise.
 CORBA::Object_ptr ask(CORBA::ORB_ptr orb, const Endpoint& endpoint, const std::string& name,
-                      Clock::time_point end, std::string& failure)
+                      Clock::time_point end, LookupFailure& failure)
 {
     const std::string url = "corbaloc:iiop:1.2@" + toText(endpoint) + "/" + name;
     try {
@@ -59,11 +59,11 @@ CORBA::Object_ptr ask(CORBA::ORB_ptr orb, const Endpoint& endpoint, const std::s
         if (!CORBA::is_nil(object) && isThere(object, end))
             return object._retn();
         PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::lookupObject", "Nothing is there: " << url);
-        failure = "there is no object of that name";
+        failure = {"there is no object of that name", {}};
     } catch (const CORBA::Exception& e) {
         PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::lookupObject",
                      "No answer from " << url << ": " << describeException(e));
-        failure = describeException(e);
+        failure = {describeException(e), e._name()};
     }
     return CORBA::Object::_nil();
 }
@@ -91,7 +91,7 @@ void setProcessCallLimit(std::chrono::seconds limit)
 }
 
 CORBA::Object_ptr lookupObject(const OrbCore& core, const AdvertisedObject& wanted,
-                               std::string& failure)
+                               LookupFailure& failure)
 {
     const Clock::time_point end = Clock::now() + wanted.limit;
     Endpoint endpoint = wanted.endpoint
@@ -101,13 +101,13 @@ CORBA::Object_ptr lookupObject(const OrbCore& core, const AdvertisedObject& want
     if (addresses.empty()) {
         PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::lookupObject",
                      "The host has no address: " << endpoint.address);
-        failure = "the name leads to no address";
+        failure = {"the name leads to no address", {}};
     }
     std::size_t untried = addresses.size();
     for (const std::string& address : addresses) {
         if (Clock::now() >= end) {
-            if (failure.empty())
-                failure = "no answer within the time limit";
+            if (failure.cause.empty())
+                failure = {"no answer within the time limit", {}};
             break;
         }
         // An address behind which nothing answers leaves the others their share.
@@ -116,12 +116,12 @@ CORBA::Object_ptr lookupObject(const OrbCore& core, const AdvertisedObject& want
         if (wanted.elsewhere && core.leadsHere(endpoint)) {
             PLATFORM_LOG(LOG_LEVEL_FAILURE, "Orb::lookupObject",
                          wanted.host.text() << " leads back to this service: " << toText(endpoint));
-            failure = "it leads back to this service";
+            failure = {"it leads back to this service", {}};
             break;
         }
         CORBA::Object_var object = ask(core.orb(), endpoint, wanted.name, ownEnd, failure);
         if (!CORBA::is_nil(object)) {
-            failure.clear();
+            failure = {};
             return object._retn();
         }
     }

@@ -12,10 +12,11 @@ namespace Veltrane::Quillmark::Tlx {
 class OrbCore;
 
 struct AdvertisedObject;
+struct LookupFailure;
 
 /// As Orb::lookupObject.
 CORBA::Object_ptr lookupObject(const OrbCore& core, const AdvertisedObject& wanted,
-                               std::string& failure);
+                               LookupFailure& failure);
 
 /// As Orb::setOrbRequestTimeout.
 void setProcessCallLimit(std::chrono::seconds limit);

@@ -71,6 +71,27 @@ TEST(PeerLinkTest, KnowsTheMasterFromTheConfiguration)
     EXPECT_EQ(name.text(), TlxString("master1"));
 }
 
+TEST(PeerLinkTest, AGivenMasterGoesBeforeTheConfiguration)
+{
+    HostConfig::instance().readText("SERVER = master1\n", "qm.conf");
+    PeerLink link;
+    EXPECT_FALSE(link.isMasterGiven());
+    link.setMaster({"backup1", {"127.0.0.1", 99}, {"alias1"}});
+    EXPECT_TRUE(link.isMasterGiven());
+    TlxHostname name;
+    link.getMasterServerName(name);
+    EXPECT_EQ(name.text(), TlxString("backup1"));
+}
+
+TEST(MasterAddressTest, ItsNamesHaveNoCase)
+{
+    const MasterAddress master{"backup1", {"127.0.0.1", 99}, {"alias1", "alias2"}};
+    for (const char* name : {"backup1", "BACKUP1", "Alias2"})
+        EXPECT_TRUE(master.isMeantBy(name)) << name;
+    for (const char* name : {"", "backup", "backup11"})
+        EXPECT_FALSE(master.isMeantBy(name)) << name;
+}
+
 TEST(PeerLinkTest, AnnouncesTheShutdownOfItsOwnServiceOnly)
 {
     PeerLink link;
@@ -145,11 +166,13 @@ TEST_F(ServiceConnectionTest, SaysWhyThereIsNoService)
     ASSERT_FALSE(gone);
     EXPECT_EQ(gone.error().kind, ConnectFailure::NOT_FOUND);
     EXPECT_EQ(gone.error().cause.substr(0, 9), "TRANSIENT");
+    EXPECT_EQ(gone.error().exception, "TRANSIENT");
 
     const auto strange = connectToService(&orb, at("stranger", stranger.endpoint));
     ASSERT_FALSE(strange);
     EXPECT_EQ(strange.error().kind, ConnectFailure::NO_SERVICE);
     EXPECT_EQ(strange.error().cause, "what answers there is no discovery service");
+    EXPECT_EQ(strange.error().exception, "");
     EXPECT_EQ(log.texts(1), Lines{});
 
     const auto self = connectToService(&orb, at("self", orb.getEndpoint()));
@@ -181,6 +204,21 @@ TEST_F(ServiceConnectionTest, TheLinkConnectsWithTheOrbOfItsService)
     const Remote::DiscoveryService_var service =
         link.connect(TlxHostname("peer"), DISCOVERY_SERVICE);
     EXPECT_FALSE(CORBA::is_nil(service));
+}
+
+TEST_F(ServiceConnectionTest, TheLinkReachesAGivenMasterByAllItsNames)
+{
+    HostConfig::instance().readText("ENDPOINT.peer = 127.0.0.1:1\n", "qm.conf");
+    PeerLink link;
+    link.setService(AutoDereference<Hosted>(new Hosted(&orb)).get());
+    MasterAddress master{"master1", {}, {"peer"}};
+    ASSERT_TRUE(parseEndpoint(peer.endpoint, master.endpoint));
+    link.setMaster(master);
+    for (const char* name : {"master1", "peer"}) {
+        const Remote::DiscoveryService_var service =
+            link.connect(TlxHostname(name), DISCOVERY_SERVICE);
+        EXPECT_FALSE(CORBA::is_nil(service)) << name;
+    }
 }
 
 } // namespace
