@@ -56,24 +56,21 @@ class Connector
     {
     }
 
-    std::unique_ptr<Service> connect(Failure& failure)
+    tl::expected<std::unique_ptr<Service>, Failure> connect()
     {
-        if (m_target.endpoint.port == 0) {
-            failure = unreachable(escaped(m_target.host), m_target.endpoint,
-                                  "it is not running, as far as " + escaped(m_status.path) +
-                                      " tells, and the configuration names no port");
-            return nullptr;
-        }
+        if (m_target.endpoint.port == 0)
+            return tl::unexpected(unreachable(escaped(m_target.host), m_target.endpoint,
+                                              "it is not running, as far as " +
+                                                  escaped(m_status.path) +
+                                                  " tells, and the configuration names no port"));
         try {
             m_orb = std::make_unique<Tlx::Orb>(true, "", "qmdiscoctl", false, ORB_HANDLES);
         } catch (const Tlx::OrbError& error) {
-            failure = {EC_FAILURE, escaped(error.what())};
-            return nullptr;
+            return tl::unexpected(Failure{EC_FAILURE, escaped(error.what())});
         }
-        std::unique_ptr<Service> service =
-            Qmdiscoctl::connect(*m_orb, m_target, CONNECT_LIMIT, failure);
+        auto service = Qmdiscoctl::connect(*m_orb, m_target, CONNECT_LIMIT);
         if (service)
-            service->setRequestLimit(REQUEST_LIMIT);
+            (*service)->setRequestLimit(REQUEST_LIMIT);
         return service;
     }
 
@@ -103,13 +100,12 @@ int run(const Options& options)
         .target = target,
         .status = status,
         .localHost = config.localHostName(),
-        .connect = [&connector](Failure& failure) { return connector.connect(failure); },
+        .connect = [&connector] { return connector.connect(); },
         .research = [&](auto query, const auto& subject, const auto& authority, auto* filter,
                         const auto& each) -> Outcome {
             // The connector knows why a service cannot be reached, the researcher does not.
-            Failure failure;
-            if (!connector.connect(failure))
-                return failure;
+            if (const auto connected = connector.connect(); !connected)
+                return connected.error();
             Outcome outcome = research.read(query, subject, authority, filter, each);
             if (!outcome)
                 log->take(); // the command reports what was not read

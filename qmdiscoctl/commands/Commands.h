@@ -26,8 +26,8 @@ struct Session
     const Target& target;
     const StatusDocument& status;
     std::string localHost; ///< this host's own name
-    /// The service, once it has answered; null with the reason otherwise.
-    std::function<std::unique_ptr<Service>(Failure&)> connect;
+    /// The service, once it has answered, or why there is none.
+    std::function<tl::expected<std::unique_ptr<Service>, Failure>()> connect;
     /// Reads discoveries back with the service library's researcher; patterns and filter are what
     /// getAuthSubIterator and getNextCollectionItemIterator take.
     std::function<Outcome(Svc::DiscoveryQuery query, const std::string& subject,

@@ -62,11 +62,10 @@ Outcome Get::run()
             return opened.error();
         file = std::move(*opened);
     }
-    Failure failure;
-    const std::unique_ptr<Service> service = m_session.connect(failure);
+    const auto service = m_session.connect();
     if (!service)
-        return failure;
-    if (Outcome failed = receive(*service, toFile ? *file : m_session.out))
+        return service.error();
+    if (Outcome failed = receive(**service, toFile ? *file : m_session.out))
         return failed;
     if (!toFile)
         return {}; // there is the data, and nothing else

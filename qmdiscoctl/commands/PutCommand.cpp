@@ -79,11 +79,10 @@ Outcome Put::run()
                                      "nothing could read it by that name"};
     if (Outcome failed = m_input.open(m_options.input))
         return failed;
-    Failure failure;
-    const std::unique_ptr<Service> service = m_session.connect(failure);
+    const auto service = m_session.connect();
     if (!service)
-        return failure;
-    if (Outcome failed = send(*service))
+        return service.error();
+    if (Outcome failed = send(**service))
         return failed;
     return answer(m_session,
                   "stored " + bytesText(m_sent) + " as " + escaped(m_options.subject) + " of " +

@@ -33,13 +33,13 @@ Json documentOf(const std::vector<Record>& all)
 Outcome runQuery(Session& session)
 {
     const Options& options = session.options;
-    Failure failure;
-    const std::unique_ptr<Service> service = session.connect(failure);
-    if (!service)
-        return failure;
+    const auto connected = session.connect();
+    if (!connected)
+        return connected.error();
+    Service& service = **connected;
     std::vector<Record> all;
     try {
-        const std::unique_ptr<RecordPages> pages = service->queryDiscoveries(
+        const std::unique_ptr<RecordPages> pages = service.queryDiscoveries(
             options.queryType, options.type, orAny(options.authority), orAny(options.subject));
         if (!pages)
             return Failure{EC_BROKE_OFF, theService(session) + " answered without an iterator"};

@@ -122,17 +122,17 @@ Json documentOf(const Listing& listing)
 
 Outcome runRegisteredClients(Session& session)
 {
-    Failure failure;
-    const std::unique_ptr<Service> service = session.connect(failure);
-    if (!service)
-        return failure;
+    const auto connected = session.connect();
+    if (!connected)
+        return connected.error();
+    Service& service = **connected;
     Listing listing;
     try {
         const std::unique_ptr<RecordPages> pages =
-            service->queryDiscoveries(Svc::DQ_DISCOVERY_DATA, Svc::AT_REMOTEPULL, "*", "*");
+            service.queryDiscoveries(Svc::DQ_DISCOVERY_DATA, Svc::AT_REMOTEPULL, "*", "*");
         if (!pages)
             return Failure{EC_BROKE_OFF, theService(session) + " answered without an iterator"};
-        listing = readAll(*service, *pages);
+        listing = readAll(service, *pages);
     } catch (const CORBA::SystemException& exception) {
         return brokeOff(session, exception);
     }

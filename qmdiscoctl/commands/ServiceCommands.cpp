@@ -45,15 +45,15 @@ bool waitUntilGone(Session& session, Service& service)
 
 Outcome runRefresh(Session& session)
 {
-    Failure failure;
-    const std::unique_ptr<Service> service = session.connect(failure);
-    if (!service)
-        return failure;
+    const auto connected = session.connect();
+    if (!connected)
+        return connected.error();
+    Service& service = **connected;
     const bool all = session.options.all;
     try {
         if (!all)
-            service->restartLocalPushTimer();
-        else if (!service->restartAllPushTimers())
+            service.restartLocalPushTimer();
+        else if (!service.restartAllPushTimers())
             return Failure{EC_FAILURE,
                            theService(session) +
                                " refused: it is not the master's, or a refresh is running"};
@@ -68,13 +68,13 @@ Outcome runRefresh(Session& session)
 
 Outcome runStop(Session& session)
 {
-    Failure failure;
-    const std::unique_ptr<Service> service = session.connect(failure);
-    if (!service)
-        return failure;
+    const auto connected = session.connect();
+    if (!connected)
+        return connected.error();
+    Service& service = **connected;
     const unsigned limit = session.options.waitSeconds;
     try {
-        if (!service->terminate())
+        if (!service.terminate())
             return Failure{EC_FAILURE, theService(session) + " refused to stop; its log tells why"};
     } catch (const CORBA::COMM_FAILURE& exception) {
         // It may have stopped before its answer was out.
@@ -83,7 +83,7 @@ Outcome runStop(Session& session)
     } catch (const CORBA::SystemException& exception) {
         return brokeOff(session, exception);
     }
-    if (limit > 0 && !waitUntilGone(session, *service))
+    if (limit > 0 && !waitUntilGone(session, service))
         return Failure{EC_FAILURE, theService(session) + " was told to stop, but has not within " +
                                        std::to_string(limit) + " s"};
     return answer(session, theService(session) + (limit > 0 ? " has stopped\n" : " is stopping\n"),

@@ -22,17 +22,16 @@ struct Reach
 
 Reach reach(Session& session)
 {
-    Failure failure;
-    const std::unique_ptr<Service> service = session.connect(failure);
+    const auto service = session.connect();
     if (!service)
-        return {failure.text, failure.code, {}};
+        return {service.error().text, service.error().code, {}};
     try {
         // The connection stands by now: this is what a request takes.
         const auto start = session.now();
-        service->ping();
+        (*service)->ping();
         return {{}, EC_OK, session.now() - start};
     } catch (const CORBA::SystemException& exception) {
-        failure = brokeOff(session, exception);
+        const Failure failure = brokeOff(session, exception);
         return {failure.text, failure.code, {}};
     }
 }

@@ -1,3 +1,5 @@
+#include <string_view>
+
 #include <tlx/Servant.h>
 
 #include "Wire.h"
@@ -6,30 +8,41 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 
 namespace {
 
-const char* meaning(const CORBA::SystemException& exception)
+/// What an exception means to a person.
+constexpr struct
 {
-    if (CORBA::TRANSIENT::_downcast(&exception))
-        return "nothing accepts the connection";
-    if (CORBA::TIMEOUT::_downcast(&exception))
-        return "no answer within the time limit";
-    if (CORBA::COMM_FAILURE::_downcast(&exception))
-        return "the connection broke";
-    if (CORBA::OBJECT_NOT_EXIST::_downcast(&exception))
-        return "there is no such object";
-    if (CORBA::NO_PERMISSION::_downcast(&exception))
-        return "not permitted";
-    if (CORBA::MARSHAL::_downcast(&exception))
-        return "a message that cannot be understood, or is too large";
-    if (CORBA::NO_MEMORY::_downcast(&exception) || CORBA::NO_RESOURCES::_downcast(&exception))
-        return "it has no resources left";
-    return "it failed";
+    std::string_view exception;
+    const char* meaning;
+} MEANINGS[] = {
+    {"TRANSIENT", "nothing accepts the connection"},
+    {"TIMEOUT", "no answer within the time limit"},
+    {"COMM_FAILURE", "the connection broke"},
+    {"OBJECT_NOT_EXIST", "there is no such object"},
+    {"NO_PERMISSION", "not permitted"},
+    {"MARSHAL", "a message that cannot be understood, or is too large"},
+    {"NO_MEMORY", "it has no resources left"},
+    {"NO_RESOURCES", "it has no resources left"},
+};
+
+std::string explain(std::string_view exception, const std::string& description)
+{
+    const char* meaning = "it failed";
+    for (const auto& known : MEANINGS)
+        if (known.exception == exception)
+            meaning = known.meaning;
+    return std::string(meaning) + ": " + description;
 }
 
 } // namespace
 
 std::string explain(const CORBA::SystemException& exception)
 {
-    return std::string(meaning(exception)) + ": " + Tlx::describeException(exception);
+    return explain(exception._name(), Tlx::describeException(exception));
+}
+
+std::string explain(const Svc::ConnectFailure& failure)
+{
+    return failure.exception.empty() ? failure.cause : explain(failure.exception, failure.cause);
 }
 
 Failure unreachable(const std::string& host, const Tlx::Endpoint& endpoint,

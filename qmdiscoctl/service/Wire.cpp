@@ -1,18 +1,12 @@
 #include "Wire.h"
 
-#include <algorithm>
-
 #include <tlx/Orb.h>
-#include <tlx/Resolver.h>
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
 namespace {
 
 using std::chrono::seconds;
-using std::chrono::steady_clock;
-
-constexpr const char* SERVICE_NAME = "DiscoveryService";
 
 template <class Interface, class Page>
 class OrbPages : public Pages<Page>
@@ -104,48 +98,20 @@ class OrbService : public Service
     Remote::DiscoveryService_var m_service;
 };
 
-/// The service at one numeric address; null with the reason otherwise.
-Remote::DiscoveryService_var ask(Tlx::Orb& orb, const Tlx::Endpoint& endpoint, std::string& reason)
-{
-    try {
-        const std::string url = "corbaloc:iiop:1.2@" + Tlx::toText(endpoint) + "/" + SERVICE_NAME;
-        CORBA::Object_var object = orb.getOrb()->string_to_object(url.c_str());
-        Remote::DiscoveryService_var service = Remote::DiscoveryService::_narrow(object);
-        if (CORBA::is_nil(service))
-            reason = "what answers there is no discovery service";
-        return service;
-    } catch (const CORBA::SystemException& exception) {
-        reason = explain(exception);
-        return Remote::DiscoveryService::_nil();
-    }
-}
-
 } // namespace
 
-// The library's lookup answers nil without a reason and knows no port but the configured one. Here
-// a person waits who wants to know why, and may have named a port.
-std::unique_ptr<Service> connect(Tlx::Orb& orb, const Target& target, seconds limit,
-                                 Failure& failure)
+tl::expected<std::unique_ptr<Service>, Failure> connect(Tlx::Orb& orb, const Target& target,
+                                                        seconds limit)
 {
-    const auto deadline = steady_clock::now() + limit;
-    Tlx::Endpoint endpoint = target.endpoint;
-    const std::vector<std::string> addresses = Tlx::resolveHost(endpoint.address, limit);
-    if (addresses.empty()) {
-        failure = unreachable(target.host, endpoint, "the name leads to no address");
-        return nullptr;
-    }
-    std::string reason;
-    for (std::size_t i = 0; i < addresses.size(); ++i) {
-        endpoint.address = addresses[i];
-        const auto share = std::chrono::ceil<seconds>(deadline - steady_clock::now()) /
-                           static_cast<long>(addresses.size() - i);
-        orb.setOrbRequestTimeout(static_cast<unsigned>(std::max<seconds::rep>(share.count(), 1)));
-        Remote::DiscoveryService_var service = ask(orb, endpoint, reason);
-        if (!CORBA::is_nil(service))
-            return std::make_unique<OrbService>(orb, service);
-    }
-    failure = unreachable(target.host, endpoint, reason);
-    return nullptr;
+    Svc::ServiceAddress address;
+    address.host = Tlx::TlxHostname(target.host);
+    address.endpoint = target.endpoint;
+    address.limit = limit;
+    address.elsewhere = false; // this process serves nothing, so no address leads back to it
+    const auto service = Svc::connectToService(&orb, address);
+    if (!service)
+        return tl::unexpected(unreachable(target.host, target.endpoint, explain(service.error())));
+    return std::make_unique<OrbService>(orb, *service);
 }
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -1,10 +1,13 @@
 #pragma once
-// The wire contract as the commands see it: one call here is one request to the service. Every call
+// The wire contract as the commands see it. One call here is one request to the service. Every call
 // may throw CORBA::SystemException.
 
 #include <chrono>
 #include <memory>
 #include <string>
+
+#include <ServiceConnection.h>
+#include <tl/expected.hpp>
 
 #include "ExitCode.h"
 #include "Target.h"
@@ -17,7 +20,7 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 
 namespace Remote = Tlx::DiscoverySvc::Remote;
 
-/// An iterator of the service's; an empty page is the end.
+/// An iterator of the service. An empty page is the end.
 template <class Page>
 class Pages
 {
@@ -59,19 +62,21 @@ class Service
     virtual void restartLocalPushTimer() = 0;
     virtual bool restartAllPushTimers() = 0;
 
-    /// Asks for nothing but an answer.
+    /// Asks only whether the service answers.
     virtual void ping() = 0;
     /// How long each request may take from now on.
     virtual void setRequestLimit(std::chrono::seconds limit) = 0;
 };
 
-/// The service of a host, once it has answered; null with the reason in failure otherwise. Takes no
-/// longer than the limit, with the name's resolution (whole seconds; at least one an address).
-std::unique_ptr<Service> connect(Tlx::Orb& orb, const Target& target, std::chrono::seconds limit,
-                                 Failure& failure);
+/// The service of a host, once it has answered, or why there is none. Finding it, the name's
+/// resolution included, takes no longer than the limit, and neither does asking what it is.
+[[nodiscard]] tl::expected<std::unique_ptr<Service>, Failure>
+connect(Tlx::Orb& orb, const Target& target, std::chrono::seconds limit);
 
 /// Why a request failed, for people, with the exception's own name.
 std::string explain(const CORBA::SystemException& exception);
+/// Why there is no connection, in the same words.
+std::string explain(const Svc::ConnectFailure& failure);
 
 /// "cannot reach the discovery service on HOST (ADDRESS:PORT): REASON".
 Failure unreachable(const std::string& host, const Tlx::Endpoint& endpoint,

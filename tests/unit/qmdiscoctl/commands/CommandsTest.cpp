@@ -301,11 +301,9 @@ struct CtlCommandsTest : testing::Test
             .target = target,
             .status = status,
             .localHost = "here",
-            .connect = [this](Failure& failure) -> std::unique_ptr<Service> {
-                if (!reachable) {
-                    failure = unreachable("backup1", target.endpoint, "no");
-                    return nullptr;
-                }
+            .connect = [this]() -> tl::expected<std::unique_ptr<Service>, Failure> {
+                if (!reachable)
+                    return tl::unexpected(unreachable("backup1", target.endpoint, "no"));
                 return std::make_unique<FakeService>(script);
             },
             .research = [this](auto query, const auto& subject, const auto& authority, auto* filter,
