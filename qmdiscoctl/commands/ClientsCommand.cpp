@@ -1,4 +1,4 @@
-// The hosts that discoveries came from: each one tells what can be filtered by.
+// The hosts that discoveries came from. Each one publishes the fields of its filters.
 
 #include <set>
 #include <vector>
@@ -12,7 +12,7 @@ Outcome runClients(Session& session)
 {
     std::set<std::string> clients;
     const auto add = [&clients](Svc::CollectionItemIterator& items) {
-        // What exactly can be filtered by does not matter here, nor whether it can be read.
+        // The authority counts, not the fields, nor whether the record can be read.
         if (items.getAuthority())
             clients.insert(items.getAuthority()->getName().utf8());
     };

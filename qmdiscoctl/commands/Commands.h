@@ -1,5 +1,5 @@
 #pragma once
-// What each command does, apart from where the service and the terminal are.
+// The commands. A session gives them the service, the terminal and the clock.
 
 #include <chrono>
 #include <cstdint>
@@ -19,7 +19,7 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-/// What a command is run with.
+/// What a command works with.
 struct Session
 {
     const Options& options;
@@ -28,8 +28,7 @@ struct Session
     std::string localHost; ///< this host's own name
     /// The service, once it has answered, or why there is none.
     std::function<tl::expected<std::unique_ptr<Service>, Failure>()> connect;
-    /// Reads discoveries back with the service library's researcher; patterns and filter are what
-    /// getAuthSubIterator and getNextCollectionItemIterator take.
+    /// Reads discoveries back, as Research::read.
     std::function<Outcome(Svc::DiscoveryQuery query, const std::string& subject,
                           const std::string& authority, const Svc::FilterParameters* filter,
                           const EachDiscovery& each)>
@@ -39,7 +38,7 @@ struct Session
     bool outIsTerminal = false;
     bool errorsAreTerminal = false;
 
-    // The world outside.
+    // Time and processes, which tests replace.
     std::function<std::chrono::steady_clock::time_point()> now;
     std::function<void(std::chrono::milliseconds)> pause;
     std::function<std::int64_t()> epochSeconds;
@@ -65,20 +64,20 @@ Outcome runStop(Session& session);
 
 using Json = nlohmann::ordered_json;
 
-/// The document as programs get it: ASCII only, so that no name in it means anything to a terminal;
-/// bytes that are no UTF-8 become U+FFFD.
+/// The document for programs. It is ASCII, so that no name in it controls a terminal. Bytes that
+/// are not UTF-8 become U+FFFD.
 std::string toText(const Json& document);
 
-/// Prints the one or the other, as the options want it.
+/// Prints the text, or the document with --json.
 Outcome answer(Session& session, const std::string& text, const Json& document);
 
-/// A pattern as it travels: one that was not given fits anything.
+/// The pattern for the wire: "*" when none was given.
 std::string orAny(const std::string& pattern);
 
 /// "the discovery service on HOST".
 std::string theService(const Session& session);
 
-/// The service broke off. What is known beside the reason may be added, "; " and all.
+/// The service broke off. `more` follows the reason and begins with "; ".
 Failure brokeOff(const Session& session, const CORBA::SystemException& exception,
                  const std::string& more = {});
 

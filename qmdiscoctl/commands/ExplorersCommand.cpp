@@ -8,7 +8,7 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 
 namespace {
 
-/// A member of one explorer as text; "-" in the table when it is not there.
+/// A member of one explorer as text. A missing one shows as "-" in the table.
 std::string cell(const Json& explorer, const char* name)
 {
     const auto member = explorer.find(name);
@@ -40,7 +40,7 @@ std::string tableOf(const Json& explorers)
 
 } // namespace
 
-// The wire contract tells nothing of explorers; what is known stands in the service's status file.
+// The wire contract has no list of explorers. The service's status file has one.
 Outcome runExplorers(Session& session)
 {
     const StatusDocument& status = session.status;
@@ -57,7 +57,7 @@ Outcome runExplorers(Session& session)
                                            escaped(status.path) + " is of one that ended"};
     const auto member = status.members.find("explorers");
     if (member == status.members.end() || !member->is_array())
-        return Failure{EC_FAILURE, escaped(status.path) + " tells nothing of explorers"};
+        return Failure{EC_FAILURE, escaped(status.path) + " has no list of explorers"};
     const std::string next = cell(status.members, "nextPush");
     const std::string count = cell(status.members, "explorersRegistered");
     std::string text = tableOf(*member);

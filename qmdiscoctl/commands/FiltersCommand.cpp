@@ -1,4 +1,4 @@
-// What a filter of items may ask, merged from what every host tells.
+// The fields that a filter of items may use, merged from what every host publishes.
 
 #include <vector>
 

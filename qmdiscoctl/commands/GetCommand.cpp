@@ -8,7 +8,7 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 
 namespace {
 
-/// Large pages: few round trips. The service may answer with shorter ones.
+/// Large pages need few round trips. The service may answer with shorter ones.
 constexpr CORBA::Long PAGE_BYTES = 1 << 20;
 
 const char* meaning(Svc::DiscoveryStatus status)
@@ -19,11 +19,11 @@ const char* meaning(Svc::DiscoveryStatus status)
     case Svc::DS_LOGIC_ERROR:
         return "the names must fit exactly one discovery, and hold no wildcards";
     case Svc::DS_OPEN_FAILED:
-        return "its data cannot be opened; the service's log tells why";
+        return "its data cannot be opened; the service's log has the reason";
     case Svc::DS_COM_ERROR:
         return "it failed to reach the service that has the data";
     default:
-        return "its log tells why";
+        return "its log has the reason";
     }
 }
 
@@ -32,7 +32,7 @@ Remote::Discovery recordOf(const Options& options)
     return recordNamed(options.subject, options.authority, options.type, options.queryType);
 }
 
-/// One get, from the place for the data to the last page.
+/// One get, from opening the output to the last page.
 class Get
 {
   public:
@@ -51,7 +51,7 @@ class Get
 
 Outcome Get::run()
 {
-    // First what can fail here, so that the service is not troubled.
+    // Try first what can fail here, before the service has any work.
     if (isPattern(m_options.subject) || isPattern(m_options.authority))
         return refused(Svc::DS_LOGIC_ERROR);
     const bool toFile = !m_options.output.empty();
@@ -68,7 +68,7 @@ Outcome Get::run()
     if (Outcome failed = receive(**service, toFile ? *file : m_session.out))
         return failed;
     if (!toFile)
-        return {}; // there is the data, and nothing else
+        return {}; // standard output gets the data and nothing else
     if (Outcome failed = file->finish())
         return failed;
     return answer(m_session,
@@ -101,7 +101,7 @@ Outcome Get::receive(Service& service, Output& output)
         try {
             pages->release();
         } catch (const CORBA::SystemException&) {
-            // The service gets rid of an idle iterator by itself.
+            // The service removes an idle iterator by itself.
         }
         return outcome;
     } catch (const CORBA::SystemException& exception) {
@@ -111,7 +111,7 @@ Outcome Get::receive(Service& service, Output& output)
 
 Outcome Get::receivePages(DataPages& pages, Output& output)
 {
-    // Data on the same terminal says by itself how far it has come.
+    // Data on the same terminal shows the progress by itself.
     const bool shown =
         m_session.errorsAreTerminal && !(m_options.output.empty() && m_session.outIsTerminal);
     Progress progress(shown, "get", std::nullopt);

@@ -1,4 +1,4 @@
-// What was discovered, read back from all records that are lists of items and from the pulls that
+// The discovered items, read back from all records that are lists of items and from the pulls that
 // answer.
 
 #include <algorithm>
@@ -31,7 +31,7 @@ struct Item
     }
 };
 
-/// An item of which only the name is understood.
+/// An item whose data this program does not know; it has a host and a name.
 class NamedItemSource : public Tlx::QuerySource
 {
   public:
@@ -96,13 +96,13 @@ void Items::take(Svc::CollectionItemIterator& items)
         const Tlx::AutoDereference<Svc::CollectionItem> held(next);
         const auto* discovered = dynamic_cast<const Svc::DiscoveredItem*>(next);
         if (!discovered)
-            continue; // what can be filtered by is no discovery
+            continue; // a description of filters is no discovered item
         Item item{host, subject, discovered->getName(), discovered->getExplorerName().utf8(), {}};
         Explorers::FileSystem fileSystem;
         if (readFileSystem(*discovered, fileSystem))
             item.fileSystem = fileSystem;
-        // Also what a filter was handed to: not every explorer selects, and on the way through
-        // another host the filter is lost.
+        // Filter here, too: not every explorer selects, and a filter is lost on its way through
+        // another host.
         if (matches(m_filter, item))
             m_items.push_back(std::move(item));
     }

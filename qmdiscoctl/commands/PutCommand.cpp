@@ -11,21 +11,21 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 
 namespace {
 
-/// What travels at a time: large enough that the round trips do not matter, small enough for every
-/// service's limit on messages.
+/// The bytes of one request: enough that round trips do not matter, and few enough for the limit on
+/// messages of every service.
 constexpr std::size_t CHUNK_BYTES = 1u << 20;
 
 const char* meaning(Svc::DiscoveryStatus status)
 {
     switch (status) {
     case Svc::DS_OPEN_FAILED:
-        return "its store cannot take it, or refuses the name; its log tells why";
+        return "its store cannot take it, or refuses the name; its log has the reason";
     case Svc::DS_COM_ERROR:
         return "it failed to reach the service it stores with";
     case Svc::DS_DATA_EXISTS:
         return "one of higher priority is stored";
     default:
-        return "its log tells why";
+        return "its log has the reason";
     }
 }
 
@@ -71,7 +71,7 @@ class Put
 
 Outcome Put::run()
 {
-    // First what can fail here, so that the service is not troubled.
+    // Try first what can fail here, before the service has any work.
     if (isPattern(m_options.subject) || isPattern(m_options.authority))
         return Failure{EC_USAGE, "cannot store " + escaped(m_options.subject) + " of " +
                                      escaped(m_options.authority) +
@@ -95,8 +95,9 @@ Outcome Put::run()
                    {"bytes", m_sent}});
 }
 
-// A writer is closed only after everything was sent: close makes what it got the stored data, so
-// half of it would take the place of a good discovery. The service keeps an unclosed one to itself.
+// Close the writer only after everything was sent. The service stores what it has at the close, so
+// an early one would replace a good discovery by half of the data. An unclosed writer stores
+// nothing.
 Outcome Put::send(Service& service)
 {
     std::unique_ptr<Writer> writer;
@@ -133,12 +134,12 @@ Outcome Put::sendData(Writer& writer)
             return Failure{failed->code, failed->text + sentText()};
         if (count == 0)
             return {};
-        // Lends the buffer to the sequence.
+        // The sequence borrows the buffer.
         const auto length = static_cast<CORBA::ULong>(count);
         const Remote::CollectionDataSeq data(length, length, buffer.data(), false);
         if (!writer.put(data))
             return Failure{EC_BROKE_OFF, theService(m_session) +
-                                             " failed to take the data; its log tells why" +
+                                             " failed to take the data; its log has the reason" +
                                              sentText()};
         m_sent += count;
         progress.add(count);

@@ -47,7 +47,7 @@ Outcome runQuery(Session& session)
     } catch (const CORBA::SystemException& exception) {
         return brokeOff(session, exception);
     }
-    // Only now: half a list could be taken for the whole.
+    // Print only now, so that half a list never looks like the whole.
     return session.out.write(options.json ? toText(documentOf(all)) : tableOf(all));
 }
 

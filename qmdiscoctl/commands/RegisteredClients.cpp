@@ -1,5 +1,5 @@
-// The remote explorers that the master can pull from. It keeps a record of each, whose data tells
-// where the explorer is.
+// The remote explorers that the master can pull from. It keeps a record of each; the record's data
+// says where the explorer is.
 
 #include <algorithm>
 #include <compare>
@@ -31,7 +31,7 @@ struct Registered
     friend auto operator<=>(const Registered&, const Registered&) = default;
 };
 
-/// A record that does not tell where its explorer is.
+/// A record whose data does not say where its explorer is.
 struct Unreadable
 {
     std::string subject;
@@ -64,7 +64,7 @@ std::string readOne(Service& service, const Record& record, Registered& out)
     Tlx::TlxString host;
     Svc::AuthorityType type = Svc::AT_ANYANDALL;
     if (Svc::XMLHelper().parse(document, name, host, out.priority, type) != 0)
-        return "its data does not tell where the explorer is";
+        return "its data does not say where the explorer is";
     out.host = host.utf8();
     out.service = name.utf8();
     out.subject = record.subject;

@@ -11,7 +11,7 @@ using std::chrono::seconds;
 constexpr milliseconds BETWEEN_LOOKS{100};
 constexpr seconds LOOK_LIMIT{1};
 
-/// Whether something still answers there, be it that the service has gone from it already.
+/// Whether something still answers there, even if the service itself has gone.
 bool answers(Service& service)
 {
     try {
@@ -30,7 +30,7 @@ bool answers(Service& service)
 bool waitUntilGone(Session& session, Service& service)
 {
     const auto deadline = session.now() + seconds(session.options.waitSeconds);
-    // Its process may have things to finish when it answers no more; here that can be seen.
+    // The process may still be busy when it answers no more. On this host that can be seen.
     const long pid = session.target.local && session.status.isCurrent() ? session.status.pid : 0;
     service.setRequestLimit(LOOK_LIMIT);
     while (answers(service) || (pid != 0 && session.isRunning(pid))) {
@@ -75,16 +75,18 @@ Outcome runStop(Session& session)
     const unsigned limit = session.options.waitSeconds;
     try {
         if (!service.terminate())
-            return Failure{EC_FAILURE, theService(session) + " refused to stop; its log tells why"};
+            return Failure{EC_FAILURE,
+                           theService(session) + " refused to stop; its log has the reason"};
     } catch (const CORBA::COMM_FAILURE& exception) {
-        // It may have stopped before its answer was out.
+        // It may have stopped before it could answer.
         if (limit == 0)
             return brokeOff(session, exception);
     } catch (const CORBA::SystemException& exception) {
         return brokeOff(session, exception);
     }
     if (limit > 0 && !waitUntilGone(session, service))
-        return Failure{EC_FAILURE, theService(session) + " was told to stop, but has not within " +
+        return Failure{EC_FAILURE, theService(session) +
+                                       " was asked to stop and still runs after " +
                                        std::to_string(limit) + " s"};
     return answer(session, theService(session) + (limit > 0 ? " has stopped\n" : " is stopping\n"),
                   {{"host", session.target.host}, {"stopped", limit > 0}});

@@ -12,7 +12,7 @@ namespace {
 using Rows = std::vector<std::vector<std::string>>;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
-/// What the wire tells.
+/// What a request over the wire shows.
 struct Reach
 {
     std::string reason; ///< why the service cannot be reached; empty when it can
@@ -26,7 +26,7 @@ Reach reach(Session& session)
     if (!service)
         return {service.error().text, service.error().code, {}};
     try {
-        // The connection stands by now: this is what a request takes.
+        // The connection exists by now, so this is the time of one request.
         const auto start = session.now();
         (*service)->ping();
         return {{}, EC_OK, session.now() - start};
@@ -56,11 +56,11 @@ std::string shown(const Json& value)
     return value.dump(-1, ' ', true, Json::error_handler_t::replace);
 }
 
-/// Every member but lists; those of an object as OBJECT.MEMBER.
+/// Every member except lists. A member of an object shows as OBJECT.MEMBER.
 void addMembers(Rows& rows, const Json& members)
 {
     for (const auto& member : members.items()) {
-        if (member.value().is_array()) // has a command of its own
+        if (member.value().is_array()) // another command lists it
             continue;
         if (!member.value().is_object()) {
             rows.push_back({member.key(), shown(member.value())});

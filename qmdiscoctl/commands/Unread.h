@@ -16,7 +16,7 @@ struct Unread
     friend auto operator<=>(const Unread&, const Unread&) = default;
 };
 
-/// Adds a discovery when it was not read to its end.
+/// Adds the discovery when it was not read to its end.
 void noteUnread(const Svc::CollectionItemIterator& items, std::vector<Unread>& unread);
 
 /// A line for each, sorted.

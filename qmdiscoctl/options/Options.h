@@ -27,12 +27,12 @@ struct Options
 {
     Command command = Command::STATUS;
 
-    // Of every command.
+    // Every command has these.
     std::string host; ///< empty: not given
     std::string root; ///< empty: not given
     bool json = false;
 
-    // Of some of them. What is not given has the command's default.
+    // Some commands have these. One that was not given has the command's default.
     std::string subject;
     std::string authority;
     Svc::AuthorityType type = Svc::AT_ANYANDALL;
@@ -48,13 +48,13 @@ struct Options
     unsigned waitSeconds = 30; ///< 0: do not wait
 };
 
-/// What a command line came to.
+/// The result of reading a command line.
 struct ParsedOptions
 {
     Options options;
-    /// Set when nothing is to be run: --help, --version, or a wrong option.
+    /// Set when no command runs: for --help, --version and a wrong option.
     std::optional<ExitCode> end;
-    /// What to tell the person then: on standard output when end is EC_OK, else on standard error.
+    /// The text to print then: on standard output when end is EC_OK, else on standard error.
     std::string text;
 };
 

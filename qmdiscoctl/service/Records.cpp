@@ -14,7 +14,7 @@ void release(Pages<Page>& pages)
     try {
         pages.release();
     } catch (const CORBA::SystemException&) {
-        // The service gets rid of an idle iterator by itself.
+        // The service removes an idle iterator by itself.
     }
 }
 
@@ -28,14 +28,14 @@ Remote::Discovery recordNamed(const std::string& subject, const std::string& aut
     record.subject = subject.c_str();
     record.authority = authority.c_str();
     record.authType = type;
-    // Not looked at, but everything travels.
+    // The service ignores these, but the wire carries every member.
     record.attributes = {Svc::CT_CONFIGURATION, Svc::CS_LOCALONLY, 0, 0, 0};
     return record;
 }
 
 std::vector<Record> readList(RecordPages& pages, std::int32_t recordsPerPage)
 {
-    // A page holds one record more than its size says.
+    // A page holds one record more than its size.
     pages.setPageSize(recordsPerPage - 1);
     std::vector<Record> all;
     for (;;) {

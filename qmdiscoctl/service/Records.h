@@ -1,5 +1,5 @@
 #pragma once
-// What a service is asked by more than one command: lists of records, and their data.
+// The requests that several commands make: lists of records, and their data.
 
 #include <compare>
 #include <cstddef>
@@ -10,7 +10,7 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-/// A record as a list has it: query type and attributes are left unset on the wire.
+/// A record as it stands in a list. The wire leaves query type and attributes unset there.
 struct Record
 {
     std::string subject;
@@ -21,16 +21,16 @@ struct Record
     friend auto operator<=>(const Record&, const Record&) = default;
 };
 
-/// What is asked for when the data of a record is wanted.
+/// The request for the data of a record.
 Remote::Discovery recordNamed(const std::string& subject, const std::string& authority,
                               Svc::AuthorityType type, Svc::DiscoveryQuery query);
 
-/// The whole list in an order of its own: the service's is that of its directory, which tells
-/// nobody anything. Frees the iterator.
+/// The whole list, sorted: the service lists records in the order of its directory, which means
+/// nothing to a person. Frees the iterator.
 std::vector<Record> readList(RecordPages& pages, std::int32_t recordsPerPage);
 
-/// The whole data of a small record, and the iterator freed. False when there is more than the
-/// limit.
+/// Reads the whole data of a small record, and frees the iterator. False when there is more than
+/// the limit.
 bool readData(DataPages& pages, std::size_t limit, std::string& out);
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

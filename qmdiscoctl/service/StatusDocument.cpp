@@ -12,10 +12,10 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 namespace {
 
 constexpr std::size_t MAX_BYTES = 1u << 20;
-/// Far more than the service writes; little enough for the parser's and the printer's stack.
+/// Far deeper than the service writes, and shallow enough for the stack of parser and printer.
 constexpr int MAX_DEPTH = 32;
 
-/// The document in a text, discarded when it is none.
+/// The document in a text; a discarded value when the text is not one.
 nlohmann::ordered_json parse(const std::string& text)
 {
     bool tooDeep = false;
@@ -45,7 +45,7 @@ bool isRunning(long pid)
     const auto stat = Tlx::readWholeFile("/proc/" + std::to_string(pid) + "/stat", MAX_BYTES);
     if (!stat)
         return true; // no /proc to ask
-    // "PID (NAME) STATE ...", and the name may hold anything.
+    // "PID (NAME) STATE ...", and the name may hold any character.
     const std::size_t name = stat->rfind(')');
     const bool ended = name != std::string::npos && name + 2 < stat->size() &&
                        std::string_view("ZX").find((*stat)[name + 2]) != std::string_view::npos;
@@ -68,7 +68,7 @@ StatusDocument readStatusDocument(const Tlx::TlxPathname& root)
     status.found = true;
     nlohmann::ordered_json document = parse(tooLarge ? "" : *text);
     if (!document.is_object()) {
-        status.problem = "is no status of a service";
+        status.problem = "is not the status of a service";
         return status;
     }
     status.members = std::move(document);

@@ -1,6 +1,6 @@
 #pragma once
-// run/status.json under the product root: what the service of this host tells about itself beside
-// the wire contract.
+// run/status.json under the product root: what the service of this host reports about itself,
+// beside the wire contract.
 
 #include <string>
 
@@ -14,26 +14,25 @@ struct StatusDocument
 {
     std::string path;
     bool found = false;
-    /// Why it cannot be used although it is there; empty when it can.
+    /// Why the document cannot be used although it exists; empty when it can.
     std::string problem;
-    /// Everything it says, also what this program has never heard of.
+    /// All of its members, also those that this program does not know.
     nlohmann::ordered_json members = nlohmann::ordered_json::object();
-    /// The process that wrote it; 0 when it does not say.
+    /// The process that wrote it; 0 when the document does not name one.
     long pid = 0;
-    /// Whether that process is gone, so that the document speaks of the past.
+    /// Whether that process is gone. Then the document describes the past.
     bool stale = false;
 
-    /// It is there, can be read, and its process runs.
+    /// Whether the document exists, can be read, and its process runs.
     bool isCurrent() const { return found && problem.empty() && !stale; }
-    /// A member that is a text; empty when it is not there or none.
+    /// A member that is a text; empty when it is missing or of another kind.
     std::string text(const std::string& name) const;
 };
 
-/// Never fails: what is wrong stands in the document.
+/// Does not fail: the result says what is wrong.
 StatusDocument readStatusDocument(const Tlx::TlxPathname& root);
 
-/// Whether a process exists that still does something (one that has ended and waits for its parent
-/// does not).
+/// Whether a process runs. One that has ended and waits for its parent does not.
 bool isRunning(long pid);
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -13,7 +13,7 @@ bool sameName(const std::string& a, const std::string& b)
     return Tlx::compareIgnoringCase(a, b) == 0;
 }
 
-/// An endpoint to listen on, as one to connect to.
+/// Where to connect to a service that listens on an endpoint.
 Tlx::Endpoint reachable(Tlx::Endpoint endpoint)
 {
     if (endpoint.address == "0.0.0.0")

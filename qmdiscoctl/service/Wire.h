@@ -48,7 +48,7 @@ class Service
   public:
     virtual ~Service() = default;
 
-    // Objects are null when the service answered a nil reference.
+    // An object is null when the service answers a nil reference.
     virtual std::unique_ptr<RecordPages> queryDiscoveries(Svc::DiscoveryQuery queryType,
                                                           Svc::AuthorityType type,
                                                           const std::string& authority,

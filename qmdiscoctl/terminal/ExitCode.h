@@ -1,5 +1,5 @@
 #pragma once
-// How the command line ends: part of its interface, --help prints it.
+// How the command line ends. Scripts rely on the codes; --help prints them.
 
 #include <optional>
 #include <string>
@@ -19,7 +19,7 @@ enum ExitCode : int
     EC_USAGE = 2,
     EC_UNREACHABLE = 3,
     EC_BROKE_OFF = 4,
-    // Each status that the service answers has its own: 10 and the status's value.
+    // Each status of the service has a code: 10 plus the status.
     EC_NONE_FOUND = 11,
     EC_LOGIC_ERROR = 12,
     EC_OPEN_FAILED = 13,
@@ -33,7 +33,7 @@ ExitCode exitCodeOf(Svc::DiscoveryStatus status);
 /// The table of exit codes, for people.
 std::string exitCodeTable();
 
-/// Why a command did not do what it was asked to.
+/// Why a command failed.
 struct Failure
 {
     ExitCode code = EC_FAILURE;
@@ -41,7 +41,7 @@ struct Failure
     friend bool operator==(const Failure&, const Failure&) = default;
 };
 
-/// What an operation came to: nothing on success.
+/// The result of an operation: a failure, or nothing.
 using Outcome = std::optional<Failure>;
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -10,7 +10,7 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-/// Level-1 lines, each fit for a terminal. Any thread may log.
+/// Keeps level-1 lines, each fit for a terminal. Any thread may log.
 class KeptLog : public Tlx::LogSink
 {
   public:

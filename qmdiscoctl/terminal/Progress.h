@@ -9,23 +9,23 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-/// One line, no wider than the terminal: with a bar when the total is known, otherwise with the
-/// amount alone.
+/// One line, no wider than the terminal. It has a bar when the total is known, and only the amount
+/// otherwise.
 std::string progressLine(const std::string& what, std::uint64_t done,
                          std::optional<std::uint64_t> total, std::chrono::duration<double> elapsed,
                          std::size_t width);
 
-/// Draws that line over and over on standard error. Shows nothing unless enabled, and nothing of
-/// transfers that are over soon; gone without a trace when it ends. Used by one thread.
+/// Draws that line again and again on standard error. Shows nothing unless enabled, and nothing for
+/// a short transfer. Erases the line at its end. Used by one thread.
 class Progress
 {
   public:
     using Clock = std::chrono::steady_clock;
     using Draw = std::function<void(const std::string&)>;
 
-    /// @param enabled whether there is a person to look at it.
+    /// @param enabled whether a person looks at standard error.
     Progress(bool enabled, std::string what, std::optional<std::uint64_t> total);
-    /// With a clock and a terminal of the caller's (tests).
+    /// With the caller's clock and terminal (tests).
     Progress(std::string what, std::optional<std::uint64_t> total,
              std::function<Clock::time_point()> now, std::size_t width, Draw draw);
     ~Progress();

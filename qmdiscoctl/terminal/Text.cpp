@@ -38,7 +38,7 @@ std::string escape(char32_t c)
     }
 }
 
-/// Widths must not depend on the locale that the program happens to run in.
+/// Widths do not depend on the locale of the process.
 int columnsOf(char32_t c)
 {
     static const locale_t utf8 = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
@@ -114,8 +114,7 @@ std::string shortBytesText(double bytes)
     return fmt::format("{:.1f} {}", value, units[unit]);
 }
 
-/// A name from elsewhere may be as long as it likes: one that is longer than this stands out, and
-/// does not widen every row.
+/// A name may have any length. A longer one than this does not widen its column.
 constexpr std::size_t MAX_COLUMN = 100;
 
 std::string formatTable(const std::vector<std::vector<std::string>>& rows)

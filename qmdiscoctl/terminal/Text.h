@@ -1,5 +1,5 @@
 #pragma once
-// Text from elsewhere, made fit for a terminal.
+// Text from other sources, made fit for a terminal.
 
 #include <string>
 #include <string_view>
@@ -7,10 +7,9 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-/// The text with everything escaped that a terminal or reader could take for something else:
-/// control characters, the characters that turn the direction of writing, line and paragraph
-/// separators
-/// (\n, \x1b, \u202e), bytes that are no UTF-8 (\xff), and the backslash itself (\\).
+/// The text with everything escaped that could mislead a terminal or a reader. These are control
+/// characters, characters that turn the direction of writing, line and paragraph separators
+/// (\n, \x1b, \u202e), bytes that are not UTF-8 (\xff), and the backslash itself (\\).
 std::string escaped(std::string_view text);
 
 /// How many columns the text takes on a terminal.
@@ -23,8 +22,8 @@ std::string bytesText(unsigned long long bytes);
 /// "1023 B", "1.5 KiB", "2.0 MiB": short, not exact.
 std::string shortBytesText(double bytes);
 
-/// Rows as columns, two blanks between them, each cell escaped; an empty cell shows as "-". Every
-/// row has as many cells as the first. A very long cell stands out.
+/// Rows as columns with two blanks between them. Each cell is escaped; an empty cell shows as "-".
+/// Every row has as many cells as the first. A very long cell does not widen its column.
 std::string formatTable(const std::vector<std::vector<std::string>>& rows);
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -420,7 +420,7 @@ TEST_F(CtlCommandsTest, AHalfSentPutIsNeverClosed)
     script.putAnswer = false;
     EXPECT_EQ(run(Command::PUT),
               (Failure{EC_BROKE_OFF, "the discovery service on backup1 failed to take the data; "
-                                     "its log tells why; 0 of 5 bytes were sent, nothing was "
+                                     "its log has the reason; 0 of 5 bytes were sent, nothing was "
                                      "stored"}));
     EXPECT_EQ(script.calls.back(), "put 5");
 }
@@ -673,9 +673,9 @@ TEST_F(CtlCommandsTest, RegisteredClientsAreReadFromTheirRecords)
     // (a control character makes no document)
     EXPECT_EQ(run(Command::CLIENTS), Outcome());
     EXPECT_EQ(out.text, "HOST  SERVICE  SUBJECT  AUTHORITY  TYPE  PRIORITY\n"
-                        "cannot read the record of cl0 of srv\\x1b: its data does not tell where "
+                        "cannot read the record of cl0 of srv\\x1b: its data does not say where "
                         "the explorer is\n"
-                        "cannot read the record of cl1 of srv\\x1b: its data does not tell where "
+                        "cannot read the record of cl1 of srv\\x1b: its data does not say where "
                         "the explorer is\n");
     out.text.clear();
     script.calls.clear();
@@ -702,8 +702,8 @@ TEST_F(CtlCommandsTest, RegisteredClientsAsJsonNameWhatCannotBeRead)
         "type": "extsrc", "priority": 7}], "unreadable": []})"));
 
     for (const auto& [data, reason] : std::vector<std::pair<std::string, std::string>>{
-             {cacheRecord("h1", "many"), "its data does not tell where the explorer is"},
-             {"", "its data does not tell where the explorer is"},
+             {cacheRecord("h1", "many"), "its data does not say where the explorer is"},
+             {"", "its data does not say where the explorer is"},
              {std::string(65537, 'x'), "its data is no such document: it is too long"}}) {
         out.text.clear();
         script.pages = {data};
@@ -750,9 +750,10 @@ TEST_F(CtlCommandsTest, StopWaitsUntilTheServiceIsGone)
     EXPECT_EQ(out.text, "the discovery service on backup1 has stopped\n");
     script.pingsUntilGone = 1 << 20;
     options.waitSeconds = 2;
-    EXPECT_EQ(run(Command::STOP),
-              (Failure{EC_FAILURE, "the discovery service on backup1 was told to stop, but has not "
-                                   "within 2 s"}));
+    EXPECT_EQ(
+        run(Command::STOP),
+        (Failure{EC_FAILURE, "the discovery service on backup1 was asked to stop and still runs "
+                             "after 2 s"}));
     options.waitSeconds = 0;
     out.text.clear();
     EXPECT_EQ(run(Command::STOP), Outcome());
@@ -822,14 +823,14 @@ TEST_F(CtlCommandsTest, ExplorersThatAreNotToldOf)
                                        "/root/run/status.json"}));
     status.found = true;
     EXPECT_EQ(run(Command::EXPLORERS),
-              (Failure{EC_FAILURE, "/root/run/status.json tells nothing of explorers"}));
+              (Failure{EC_FAILURE, "/root/run/status.json has no list of explorers"}));
     status.stale = true;
     EXPECT_EQ(run(Command::EXPLORERS),
               (Failure{EC_UNREACHABLE, "the service of this host is not running: "
                                        "/root/run/status.json is of one that ended"}));
-    status.problem = "is no status of a service";
+    status.problem = "is not the status of a service";
     EXPECT_EQ(run(Command::EXPLORERS),
-              (Failure{EC_FAILURE, "/root/run/status.json is no status of a service"}));
+              (Failure{EC_FAILURE, "/root/run/status.json is not the status of a service"}));
 }
 
 TEST_F(CtlCommandsTest, EveryCommandTellsAServiceThatCannotBeReached)

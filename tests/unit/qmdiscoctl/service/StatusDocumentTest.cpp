@@ -87,7 +87,7 @@ TEST_F(StatusDocumentTest, WhatIsNoDocumentIsSaid)
           R"({"a": )" + deep + "}", R"({"a": ")" + std::string(2 << 20, 'x') + "\"}"}) {
         const StatusDocument status = readAs(text);
         EXPECT_TRUE(status.found);
-        EXPECT_EQ(status.problem, "is no status of a service");
+        EXPECT_EQ(status.problem, "is not the status of a service");
         EXPECT_TRUE(status.members.empty());
         EXPECT_FALSE(status.isCurrent());
     }
