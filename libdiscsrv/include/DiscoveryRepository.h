@@ -19,14 +19,12 @@
 
 #include "DefaultExplorerDataParser.h"
 #include "DiscData.h"
-#include "DiscoveryFramework.h"
 #include "ExplorerWrapper.h"
-
-namespace Veltrane::Quillmark::Tlx {
-class Orb;
-}
+#include "HostedService.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+class PeerLink;
 
 /// What is told to people about one registered explorer.
 struct ExplorerStatus
@@ -56,7 +54,10 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
     using ltdExplorerWrapper = LtdExplorerWrapper;
     using ltdExplorerQuery = LtdExplorerQuery;
 
+    /// Uses the process's link to other hosts.
     DiscoveryRepository();
+    /// @param link outlives this object.
+    explicit DiscoveryRepository(PeerLink& link);
 
     /// A new record in the store that this service writes to: the disk on the master's generic
     /// service, the master anywhere else. Releases what out held; out is empty on failure. Subject,
@@ -148,11 +149,11 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
     /// When the push timer runs next; zero when it is not scheduled.
     TlxObjTime getNextPush() const;
 
-    /// Takes a reference and drops the one held before.
-    void setDiscoveryFramework(const DiscoveryFramework* framework);
+    /// Takes a reference and drops the one held before. Null drops only.
+    void setDiscoveryFramework(const HostedService* framework);
 
-    // What the framework knows. Each asserts that there is one, and answers an empty value, 0 or
-    // null without it.
+    // What the framework knows. Each reports a missing framework as a broken invariant, and then
+    // answers an empty value, 0 or null.
     TlxString getDSName() const;
     TlxString getOrbServiceName() const;
     Orb* getOrb() const;
@@ -168,13 +169,13 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
 
     /// The service is about to end: what takes long is given up from now on, so that nobody waits
     /// for it. Registrations are dropped.
-    void announceShutdown() { m_ending = true; }
+    void announceShutdown();
     /// Ends the timers, stops the explorers and forgets them; once.
     void shutdown();
     /// Waits until the timers are gone; after shutdown.
     void fini();
     /// Announced or begun.
-    bool isShuttingDown() const { return m_ending || m_shuttingDown; }
+    bool isShuttingDown() const;
 
   private:
     class DiscoveryTimerBase;
@@ -192,8 +193,7 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
 
     ExplorerSet m_pushExplorers;
     ExplorerSet m_pullExplorers;
-    AutoDereference<const DiscoveryFramework> m_discoveryFramework;
-    std::atomic<bool> m_ending{false};
+    PeerLink& m_link;
     std::atomic<bool> m_shuttingDown{false};
     AutoDereference<ExplorerPushTimer> m_pushTimer;
     AutoDereference<ExplorerRegisterTimer> m_registerTimer;
@@ -202,12 +202,6 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
     std::map<TlxString, AutoDereference<ExplorerDataParser>> m_explorerParsers;
     AutoDereference<DefaultExplorerDataParser> m_defaultParser;
 };
-
-/// The object that a host's service advertises under a name, as a discovery service; nil on failure
-/// (logged), otherwise the caller releases it. Takes five seconds at most to find it,
-/// and as many to ask it what it is. Does not throw.
-Remote::DiscoveryService_ptr connectToRemoteDS(const TlxHostname& host, Orb* orb,
-                                               const char* serviceName);
 
 /// The repository of this process.
 DISCSRV_EXPORT DiscoveryRepository* getDiscoveryRepository();

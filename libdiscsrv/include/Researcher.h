@@ -27,6 +27,7 @@
 #include "DiscData.h"
 #include "DiscoveredItems.h"
 #include "DiscoveryFramework.h"
+#include "ServiceConnection.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
@@ -169,5 +170,10 @@ class DISCSRV_EXPORT DiscoveryResearcher
 /// be called by a service: it would take the repository's framework away. Null, and logged, when it
 /// cannot be made. Any thread, but the first call is best made before there are others.
 DISCSRV_EXPORT DiscoveryResearcher* initDiscoveryResearch();
+
+/// The same for one master, whatever the configuration says. The failure is one line for a person;
+/// it is logged, too. To be called before any query.
+[[nodiscard]] DISCSRV_EXPORT tl::expected<DiscoveryResearcher*, std::string>
+initDiscoveryResearch(const MasterAddress& master);
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

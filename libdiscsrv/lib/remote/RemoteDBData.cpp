@@ -5,11 +5,12 @@
 #include <tlx/Servant.h>
 
 #include "DiscLog.h"
-#include "DiscoveryRepository.h"
 #include "FetchLimit.h"
 #include "InFlight.h"
 #include "OutOfReach.h"
+#include "PeerLink.h"
 #include "RemoteDB.h"
+#include "ServiceConnection.h"
 #include "ServiceCounters.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -17,13 +18,7 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 constexpr const char* LOG_SOURCE = "../RemoteDB";
-constexpr const char* SERVICE = "DiscoveryService";
 constexpr const char* CANNOT_CONNECT = "Failed to connect to discovery service";
-
-/// Each of them may occupy a request thread until the master has answered: hosts that name each
-/// other as their master must not take all there are.
-constexpr unsigned MAX_WRITES_BEING_OPENED = 32;
-std::atomic<unsigned> g_writesBeingOpened{0};
 
 /// Releases another host's iterator when it goes; that host gets rid of an idle one by itself, so a
 /// failure harms nothing.
@@ -96,7 +91,7 @@ void RemoteCollectionData::dropCache()
 
 void RemoteCollectionData::getMasterServerName(TlxHostname& out) const
 {
-    getDiscoveryRepository()->getMasterServerName(out);
+    getPeerLink().getMasterServerName(out);
 }
 
 Remote::DiscoveryService_ptr RemoteCollectionData::connect() const
@@ -104,7 +99,7 @@ Remote::DiscoveryService_ptr RemoteCollectionData::connect() const
     DISC_TRACE("RemoteCollectionData::connect");
     TlxHostname master;
     getMasterServerName(master);
-    return getDiscoveryRepository()->connectToRemoteDiscoveryService(master, SERVICE);
+    return getPeerLink().connect(master, DISCOVERY_SERVICE);
 }
 
 bool RemoteCollectionData::open(OpenMode mode, const char* arg)
@@ -136,9 +131,9 @@ bool RemoteCollectionData::openWrite()
     DISC_TRACE("RemotecollectionData::openWrite");
     dropWriter();
     m_spoilt = false;
-    const InFlight inFlight(g_writesBeingOpened, MAX_WRITES_BEING_OPENED);
+    const InFlight inFlight(getPeerLink().writesBeingOpened());
     if (!inFlight.isAdmitted())
-        return failOpen(std::to_string(MAX_WRITES_BEING_OPENED) +
+        return failOpen(std::to_string(PeerLink::MAX_WRITES_BEING_OPENED) +
                         " writes are being opened on the master already");
     try {
         const Remote::DiscoveryService_var master = connect();
@@ -162,7 +157,7 @@ bool RemoteCollectionData::openWrite()
         TlxHostname host;
         host.setLocal();
         record.sourceHost = host.c_str();
-        record.sourceServiceName = getDiscoveryRepository()->getOrbServiceName().c_str();
+        record.sourceServiceName = getPeerLink().ownServiceName().c_str();
         m_result = master->putCollection(record, m_writer.out());
     } catch (const CORBA::Exception& e) {
         return failOpen("Caught CORBA Exception while saving collection data: " +
@@ -186,7 +181,7 @@ bool RemoteCollectionData::writeCollection(std::size_t length, const void* buffe
     const auto* bytes = static_cast<const CORBA::Octet*>(buffer);
     try {
         while (length > 0) {
-            if (getDiscoveryRepository()->isShuttingDown()) {
+            if (getPeerLink().isShuttingDown()) {
                 DISC_LOG(1, "The service is shutting down, the write is given up");
                 m_spoilt = true;
                 return false;
@@ -243,8 +238,7 @@ bool RemoteCollectionData::openRead(const char* filter)
         TlxHostname source;
         source.setHostname(TlxString(m_discovery->sourceHost.in()));
         const Remote::DiscoveryService_var service =
-            getDiscoveryRepository()->connectToRemoteDiscoveryService(
-                source, m_discovery->sourceServiceName.in());
+            getPeerLink().connect(source, m_discovery->sourceServiceName.in());
         if (CORBA::is_nil(service))
             return failOpen(CANNOT_CONNECT);
         Remote::CollectionDataIterator_var iterator;
@@ -257,7 +251,7 @@ bool RemoteCollectionData::openRead(const char* filter)
             return failOpen("The service answered with success and no iterator");
         try {
             m_cached = fetch(iterator);
-            if (!m_cached && getDiscoveryRepository()->isShuttingDown())
+            if (!m_cached && getPeerLink().isShuttingDown())
                 released.leave();
         } catch (const CORBA::Exception& e) {
             if (isOutOfReach(e))
@@ -281,7 +275,7 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr iterator)
     for (;;) {
         if (limit.isOver())
             return failOpen("A collection of another host " + limit.text());
-        if (getDiscoveryRepository()->isShuttingDown())
+        if (getPeerLink().isShuttingDown())
             return failOpen("The service is shutting down, the read is given up");
         const Remote::CollectionDataSeq_var page = iterator->getNextPage();
         if (page->length() == 0)

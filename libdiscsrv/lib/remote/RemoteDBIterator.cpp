@@ -4,9 +4,9 @@
 #include <tlx/Servant.h>
 
 #include "DiscLog.h"
-#include "DiscoveryRepository.h"
 #include "FetchLimit.h"
 #include "OutOfReach.h"
+#include "PeerLink.h"
 #include "RemoteDB.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -50,7 +50,7 @@ RemoteDiscoveryIterator::RemoteDiscoveryIterator(AuthorityType type, const std::
     if (!m_failure.empty()) // a list is whole, or none
         m_discoveries = {};
     // The other service gets rid of an idle iterator by itself.
-    if (!answers || getDiscoveryRepository()->isShuttingDown())
+    if (!answers || getPeerLink().isShuttingDown())
         return;
     try {
         iterator->release();
@@ -62,7 +62,7 @@ RemoteDiscoveryIterator::RemoteDiscoveryIterator(AuthorityType type, const std::
 /// False at the end, and when the list cannot be whole.
 bool RemoteDiscoveryIterator::fetchPage(Remote::DiscoveryIterator_ptr iterator)
 {
-    if (getDiscoveryRepository()->isShuttingDown()) {
+    if (getPeerLink().isShuttingDown()) {
         m_failure = "the service is shutting down";
         return false;
     }

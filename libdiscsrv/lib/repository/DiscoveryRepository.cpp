@@ -5,15 +5,14 @@
 #include <ace/Recursive_Thread_Mutex.h>
 #include <ace/Singleton.h>
 
-#include <tlx/HostConfig.h>
-#include <tlx/Orb.h>
-
 #include "CombiningIterator.h"
 #include "DiscDB.h"
 #include "DiscLog.h"
 #include "ExplorerTimers.h"
+#include "PeerLink.h"
 #include "RefreshTask.h"
 #include "RemoteDB.h"
+#include "RemoteQueries.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
@@ -26,46 +25,51 @@ DiscoveryRepository* getDiscoveryRepository()
     return ACE_Singleton<DiscoveryRepository, ACE_Recursive_Thread_Mutex>::instance();
 }
 
-DiscoveryRepository::DiscoveryRepository() = default;
+DiscoveryRepository::DiscoveryRepository() : DiscoveryRepository(getPeerLink()) {}
+DiscoveryRepository::DiscoveryRepository(PeerLink& link) : m_link(link) {}
 DiscoveryRepository::~DiscoveryRepository() = default;
 
-void DiscoveryRepository::setDiscoveryFramework(const DiscoveryFramework* framework)
+void DiscoveryRepository::setDiscoveryFramework(const HostedService* framework)
 {
-    m_discoveryFramework.refObject(framework);
+    m_link.setService(framework);
 }
 
 TlxString DiscoveryRepository::getDSName() const
 {
-    if (!TLX_ASSERT_AS(m_discoveryFramework, "0 != m_discoveryFramework"))
-        return {};
-    return m_discoveryFramework->getName();
+    const HostedService* const service = m_link.service();
+    return service ? TlxString(service->getName()) : TlxString();
 }
 
 DiscoveryServiceType DiscoveryRepository::getDSType() const
 {
-    if (!TLX_ASSERT_AS(m_discoveryFramework, "0 != m_discoveryFramework"))
-        return DST_NO_SERVANT;
-    return m_discoveryFramework->getType();
+    const HostedService* const service = m_link.service();
+    return service ? service->getType() : DST_NO_SERVANT;
 }
 
 TlxString DiscoveryRepository::getOrbServiceName() const
 {
-    const Orb* orb = getOrb();
-    return orb ? TlxString(orb->getServiceName()) : TlxString();
+    return m_link.ownServiceName();
 }
 
 Orb* DiscoveryRepository::getOrb() const
 {
-    if (!TLX_ASSERT_AS(m_discoveryFramework, "0 != m_discoveryFramework"))
-        return nullptr;
-    return m_discoveryFramework->getOrb();
+    return m_link.orb();
 }
 
 PortableServer::POA_ptr DiscoveryRepository::getPOA() const
 {
-    if (!TLX_ASSERT_AS(m_discoveryFramework, "0 != m_discoveryFramework"))
-        return PortableServer::POA::_nil();
-    return m_discoveryFramework->getPOA();
+    const HostedService* const service = m_link.service();
+    return service ? service->getPOA() : PortableServer::POA::_nil();
+}
+
+void DiscoveryRepository::announceShutdown()
+{
+    m_link.announceShutdown();
+}
+
+bool DiscoveryRepository::isShuttingDown() const
+{
+    return m_link.isShuttingDown();
 }
 
 bool DiscoveryRepository::isGenericDS() const
@@ -75,7 +79,8 @@ bool DiscoveryRepository::isGenericDS() const
 
 bool DiscoveryRepository::isMaster() const
 {
-    return getRemoteDiscoveryDatabase()->isMaster();
+    // A process that was given its master's address does not look for it in the configuration.
+    return !m_link.isMasterGiven() && getRemoteDiscoveryDatabase()->isMaster();
 }
 
 bool DiscoveryRepository::isGenericDSOnMaster() const
@@ -90,12 +95,25 @@ bool DiscoveryRepository::stringContainsWildcard(const std::string& text)
 
 void DiscoveryRepository::getMasterServerName(TlxHostname& out) const
 {
-    // Under the name that readers of the log search for.
-    DISC_TRACE("RemoteCollectionData::getMasterServerName");
-    std::string name;
-    if (!HostConfig::instance().getString(ConfigKey::SERVER, name))
-        DISC_LOG(1, "Unable to obtain master server name");
-    out.setHostname(name);
+    m_link.getMasterServerName(out);
+}
+
+Remote::DiscoveryService_ptr
+DiscoveryRepository::connectToRemoteDiscoveryService(const TlxHostname& host,
+                                                     const char* serviceName) const
+{
+    return m_link.connect(host, serviceName);
+}
+
+DiscoveryIterator* DiscoveryRepository::queryRemoteDiscoveries(DiscoveryQuery query,
+                                                               const std::string& subject,
+                                                               const std::string& authority,
+                                                               AuthorityType type)
+{
+    DISC_TRACE("DiscoveryRepository::queryRemoteDiscoveries");
+    TlxHostname master;
+    getMasterServerName(master);
+    return forwardQuery(m_link, master, query, subject, authority, type);
 }
 
 Authority* DiscoveryRepository::getLocalAuthority() const
@@ -112,7 +130,7 @@ DiscoveryIterator* DiscoveryRepository::queryDiscoveries(DiscoveryQuery query,
                                                          AuthorityType type)
 {
     DISC_TRACE("DiscoveryRepository::queryDiscoveries");
-    if (!TLX_ASSERT(m_discoveryFramework))
+    if (!TLX_ASSERT_AS(m_link.hasService(), "m_discoveryFramework"))
         return nullptr;
     if (!isGenericDSOnMaster())
         return queryRemoteDiscoveries(query, subject, authority, type);
@@ -157,6 +175,7 @@ void DiscoveryRepository::shutdown()
     if (!TLX_ASSERT(!m_shuttingDown))
         return;
     m_shuttingDown = true;
+    m_link.announceShutdown();
     DiscoveriesThreadMgr* const threads = getDiscoveriesThreadMgr();
     if (threads->getRunningThreads() > 0)
         threads->wait();

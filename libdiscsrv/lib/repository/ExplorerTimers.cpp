@@ -10,13 +10,13 @@
 
 #include "DiscLog.h"
 #include "ExplorerCall.h"
+#include "ServiceConnection.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
 
 constexpr const char* LOG_SOURCE = "../DiscoveryRepository";
-constexpr const char* SERVICE = "DiscoveryService";
 
 /// A client's name is registered with the service's and this host's, which lead back to it.
 std::string localHost()
@@ -162,7 +162,7 @@ void DiscoveryRepository::ExplorerRegisterTimer::run()
     DISC_LOG(4, "Registering " << explorers.size() << " explorers with master server");
     try {
         const Remote::DiscoveryService_var service =
-            m_repository.connectToRemoteDiscoveryService(master, SERVICE);
+            m_repository.connectToRemoteDiscoveryService(master, DISCOVERY_SERVICE);
         if (CORBA::is_nil(service)) {
             if (m_repository.isShuttingDown())
                 return;
@@ -184,7 +184,7 @@ bool DiscoveryRepository::ExplorerRegisterTimer::registerAll(const ExplorerSet& 
                                                              Remote::DiscoveryService_ptr master)
 {
     const std::string host = localHost();
-    const std::string serviceName = m_framework->getOrb()->getServiceName();
+    const std::string serviceName = m_repository.getOrbServiceName().utf8();
     const LockableGuard lockableGuard(*this);
     if (!TLX_ASSERT(lockableGuard.locked()))
         return false;
@@ -225,7 +225,7 @@ void DiscoveryRepository::startRegisterTimer()
     if (!TLX_ASSERT(lockableGuard.locked()) || m_shuttingDown)
         return;
     const unsigned delay = seededDelay(FIRST_REGISTER_RANGE_SECONDS);
-    m_registerTimer.reset(new ExplorerRegisterTimer(*this, &m_pullExplorers, m_discoveryFramework));
+    m_registerTimer.reset(new ExplorerRegisterTimer(*this, &m_pullExplorers));
     m_registerTimer->schedule(delay);
 }
 

@@ -79,9 +79,8 @@ class DiscoveryRepository::ExplorerPushTimer : public DiscoveryTimerBase
 class DiscoveryRepository::ExplorerRegisterTimer : public DiscoveryTimerBase, public TlxLockable
 {
   public:
-    ExplorerRegisterTimer(DiscoveryRepository& repository, const ExplorerSet* pullExplorers,
-                          const AutoDereference<const DiscoveryFramework>& framework)
-        : DiscoveryTimerBase(repository), m_pullExplorers(pullExplorers), m_framework(framework)
+    ExplorerRegisterTimer(DiscoveryRepository& repository, const ExplorerSet* pullExplorers)
+        : DiscoveryTimerBase(repository), m_pullExplorers(pullExplorers)
     {
     }
 
@@ -94,7 +93,6 @@ class DiscoveryRepository::ExplorerRegisterTimer : public DiscoveryTimerBase, pu
     bool registerAll(const ExplorerSet& explorers, Remote::DiscoveryService_ptr master);
 
     const ExplorerSet* const m_pullExplorers; ///< the repository's own, read under its lock
-    const AutoDereference<const DiscoveryFramework> m_framework;
 };
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

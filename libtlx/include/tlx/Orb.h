@@ -4,16 +4,38 @@
 #include <chrono>
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
 #include <tlx/Corba.h>
 #include <tlx/Evictor.h>
+#include <tlx/HostConfig.h>
 #include <tlx/Hostname.h>
 
 class ACE_Reactor;
 
 namespace Veltrane::Quillmark::Tlx {
+
+/// An object that a host's service advertises.
+struct AdvertisedObject
+{
+    TlxHostname host;
+    std::string name;
+    /// Where the host listens; without one, where the configuration says.
+    std::optional<Endpoint> endpoint;
+    /// For resolving the name, connecting and the first call together.
+    std::chrono::milliseconds limit;
+    /// Whether an address that leads back to this very process is a failure, logged at level 1.
+    bool elsewhere = false;
+};
+
+/// Why a lookup found nothing.
+struct LookupFailure
+{
+    std::string cause;     ///< one line for people, without the host's name; empty on success
+    std::string exception; ///< the name of the CORBA exception, such as "TRANSIENT"; may be empty
+};
 
 /// Wraps the process's ORB. There is one ORB a process: every Orb shares it by count, the first one
 /// decides how it listens, the last one destroys it. Code sets are UTF-8. Unless said otherwise an
@@ -83,6 +105,8 @@ class Orb
     /// The same, but nil (and logged at level 1) where the name leads back to this very process.
     CORBA::Object_ptr lookupObjectElsewhere(const TlxHostname& host, const std::string& name,
                                             std::chrono::milliseconds limit);
+    /// The same, and in failure why it is nil.
+    CORBA::Object_ptr lookupObject(const AdvertisedObject& wanted, LookupFailure& failure);
 
     /// How many servant operations (tlx/Servant.h) this process is in now: for the status and the
     /// stop.

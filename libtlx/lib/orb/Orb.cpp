@@ -220,13 +220,21 @@ void Orb::setOrbRequestTimeout(unsigned seconds)
 CORBA::Object_ptr Orb::lookupObject(const TlxHostname& host, const std::string& name,
                                     std::chrono::milliseconds limit)
 {
-    return Tlx::lookupObject(*m_state->core, host, name, limit, false);
+    LookupFailure failure;
+    return lookupObject({host, name, std::nullopt, limit, false}, failure);
 }
 
 CORBA::Object_ptr Orb::lookupObjectElsewhere(const TlxHostname& host, const std::string& name,
                                              std::chrono::milliseconds limit)
 {
-    return Tlx::lookupObject(*m_state->core, host, name, limit, true);
+    LookupFailure failure;
+    return lookupObject({host, name, std::nullopt, limit, true}, failure);
+}
+
+CORBA::Object_ptr Orb::lookupObject(const AdvertisedObject& wanted, LookupFailure& failure)
+{
+    failure = {};
+    return Tlx::lookupObject(*m_state->core, wanted, failure);
 }
 
 void setAceReactor(ACE_Reactor* reactor)

@@ -49,10 +49,11 @@ class Master
         char text[100] = {};
         EXPECT_GT(::read(told[0], text, sizeof text - 1), 0);
         ::close(told[0]);
+        m_endpoint = text;
         HostConfig::instance().readText(
-            "SERVER = here\nCLIENT_NAME = console\nENDPOINT.here = " + std::string(text) + "\n",
-            "qm.conf");
+            "SERVER = here\nCLIENT_NAME = console\nENDPOINT.here = " + m_endpoint + "\n", "qm.conf");
     }
+    const std::string& endpoint() const { return m_endpoint; }
     ~Master()
     {
         ::close(m_hold[1]);
@@ -81,6 +82,7 @@ class Master
         char byte;
         (void)!::read(hold, &byte, 1);
     }
+    std::string m_endpoint;
     int m_hold[2] = {-1, -1};
     pid_t m_pid = -1;
 };
@@ -166,6 +168,26 @@ TEST(DiscoveryResearcherTest, KeepsTheItemsBeforeABreakOfADocumentOnTheMaster)
     EXPECT_EQ(QmTest::written(*item), "<Discovered Name=\"a\"></Discovered>");
     EXPECT_EQ(items->getNextCollectionItem(), nullptr);
     EXPECT_EQ(log.texts(1).back(), "Failed to parse discovery");
+}
+
+TEST(DiscoveryResearcherTest, AsksTheMasterThatTheCallerNames)
+{
+    if (!QmTest::mayOpenRecords())
+        GTEST_SKIP() << "records are created with permissions 0: needs root";
+    const Master master;
+    // (Nothing listens on port 1.)
+    HostConfig::instance().readText("SERVER = there\nENDPOINT.there = 127.0.0.1:1\n", "qm.conf");
+    // The record's own source is "here".
+    MasterAddress address{"backup1", {}, {"here"}};
+    ASSERT_TRUE(parseEndpoint(master.endpoint(), address.endpoint));
+    ASSERT_TRUE(initDiscoveryResearch(address));
+    EXPECT_FALSE(getDiscoveryRepository()->isMaster());
+    const auto all = researchDiscoveries(DQ_DISCOVERY_DATA, "host1", "*", AT_ANYANDALL);
+    ASSERT_TRUE(all);
+    const AutoDereference<CollectionItemIterator> items(
+        (*all)->getNextCollectionItemIterator(nullptr));
+    ASSERT_TRUE(items);
+    EXPECT_TRUE(items->isParsed());
 }
 
 TEST(DiscoveryResearcherTest, AMasterThatIsNotThereIsNoHandle)
