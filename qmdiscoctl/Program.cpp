@@ -8,12 +8,12 @@
 
 #include <unistd.h>
 
+#include <tlx/File.h>
 #include <tlx/HostConfig.h>
 #include <tlx/Log.h>
 #include <tlx/Orb.h>
 
 #include "Commands.h"
-#include "Descriptor.h"
 #include "KeptLog.h"
 #include "Research.h"
 #include "Text.h"
@@ -31,7 +31,8 @@ constexpr std::size_t ORB_HANDLES = 64;
 
 void tell(const std::string& line)
 {
-    writeAll(STDERR_FILENO, "qmdiscoctl: " + line + "\n");
+    // A failure to report a failure can be reported nowhere.
+    (void)Tlx::writeAll(STDERR_FILENO, "qmdiscoctl: " + line + "\n");
 }
 
 void readConfiguration(const Options& options)
@@ -135,14 +136,15 @@ int run(const Options& options)
 int runProgram(int argc, char** argv)
 {
     try {
-        ensureStandardDescriptors();
+        // A closed standard output is a failure of the command, not an answer that nobody reads.
+        Tlx::fillStandardDescriptors(Tlx::MissingStream::FAILS);
         // A reader that goes away is an error like any other when writing.
         std::signal(SIGPIPE, SIG_IGN);
         const ParsedOptions parsed = parseOptions(argc, argv);
         if (!parsed.end)
             return run(parsed.options);
         if (*parsed.end != EC_OK) {
-            writeAll(STDERR_FILENO, parsed.text);
+            (void)Tlx::writeAll(STDERR_FILENO, parsed.text);
         } else if (const Outcome failed = StandardOutput().write(parsed.text)) {
             tell(failed->text);
             return failed->code;
