@@ -257,7 +257,7 @@ void Discovery::startAuthority(DiscoveryDocContext& context, const XMLCh* name,
     const TlxString authorityName = xmlAttribute(attributes, ATTRIBUTE_NAME);
     const TlxString typeText = xmlAttribute(attributes, ATTRIBUTE_TYPE);
     if (authorityName.empty()) {
-        DISC_LOG_AS("Discovery::xmlStartElement", 1, "Authority name not specified");
+        DISC_LOG(1, "Authority name not specified");
         XmlInterface::xmlStartElement(&context, name, attributes);
         return;
     }
@@ -278,7 +278,7 @@ void Discovery::startSubject(DiscoveryDocContext& context, const XMLCh* name,
         context.m_subContext.reset();
     const TlxString subjectName = xmlAttribute(attributes, ATTRIBUTE_NAME);
     if (subjectName.empty()) {
-        DISC_LOG_AS("Discovery::xmlStartElement", 1, "Subject name not specified");
+        DISC_LOG(1, "Subject name not specified");
         XmlInterface::xmlStartElement(&context, name, attributes);
         return;
     }
@@ -291,7 +291,7 @@ void Discovery::startSubject(DiscoveryDocContext& context, const XMLCh* name,
 
 void Discovery::refuseDocument(const char* what, const TlxString& value)
 {
-    DISC_LOG_AS("Discovery::xmlStartElement", 1, "Unknown " << what << " \"" << value << "\"");
+    DISC_LOG(1, "Unknown " << what << " \"" << value << "\"");
     m_documentRefused = true;
 }
 
@@ -363,13 +363,13 @@ void Discovery::endValue(DiscoveryDocContext& context)
         if (fromText(text, time))
             m_attributes->setDiscoveryTime(time);
         else
-            DISC_LOG_AS("Discovery::xmlEndElement", 1, "Unable to convert discovery time ");
+            DISC_LOG(1, "Unable to convert discovery time ");
         break;
     case DiscoveryDocContext::ExpiresTime:
         if (fromText(text, time))
             m_attributes->setExpiresTime(time);
         else
-            DISC_LOG_AS("Discovery::xmlEndElement", 1, "Unable to convert expires time ");
+            DISC_LOG(1, "Unable to convert expires time ");
         break;
     case DiscoveryDocContext::Signature:
         m_attributes->setSignature(text);
@@ -378,7 +378,7 @@ void Discovery::endValue(DiscoveryDocContext& context)
         if (fromText(text, priority))
             m_attributes->setPriority(priority);
         else
-            DISC_LOG_AS("Discovery::xmlEndElement", 1, "Unable to convert priority ");
+            DISC_LOG(1, "Unable to convert priority ");
     }
 }
 

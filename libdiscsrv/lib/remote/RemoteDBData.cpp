@@ -276,25 +276,23 @@ bool RemoteCollectionData::openRead(const char* filter)
 /// All pages, each as small as the other side makes them: no page size is set.
 bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr iterator)
 {
-    constexpr const char* OPERATION = "RemoteCollectionData::openRead";
     const std::uint64_t bound = HostConfig::instance().number(ConfigKey::REMOTE_MAX_BYTES);
     m_cache.resize(FIRST_CACHE_BYTES);
     const FetchLimit limit;
     for (;;) {
         if (limit.isOver()) {
-            DISC_LOG_AS(OPERATION, 1, "A collection of another host " << limit.text());
+            DISC_LOG(1, "A collection of another host " << limit.text());
             return false;
         }
         if (getDiscoveryRepository()->isShuttingDown()) {
-            DISC_LOG_AS(OPERATION, 1, "The service is shutting down, the read is given up");
+            DISC_LOG(1, "The service is shutting down, the read is given up");
             return false;
         }
         const Remote::CollectionDataSeq_var page = iterator->getNextPage();
         if (page->length() == 0)
             break;
         if (static_cast<std::uint64_t>(m_length) + page->length() > bound) {
-            DISC_LOG_AS(OPERATION, 1,
-                        "A collection of another host may have " << bound << " bytes ("
+            DISC_LOG(1, "A collection of another host may have " << bound << " bytes ("
                                                                  << ConfigKey::REMOTE_MAX_BYTES
                                                                  << "), this one has more");
             return false;
@@ -303,7 +301,7 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr iterator)
             return false;
     }
     if (m_length == 0)
-        DISC_LOG_AS(OPERATION, 1, "Collection data returned has no data");
+        DISC_LOG(1, "Collection data returned has no data");
     return m_length > 0;
 }
 
@@ -313,8 +311,7 @@ bool RemoteCollectionData::append(const Remote::CollectionDataSeq& page)
     if (needed > m_cache.size())
         m_cache.resize(m_cache.size() * 2); // once a page, as it has always been
     if (needed > m_cache.size()) {
-        DISC_LOG_AS("RemoteCollectionData::openRead", 1,
-                    "A page of " << page.length() << " bytes does not fit in a cache of "
+        DISC_LOG(1, "A page of " << page.length() << " bytes does not fit in a cache of "
                                  << m_cache.size() << " with " << m_length << " in use");
         return false;
     }

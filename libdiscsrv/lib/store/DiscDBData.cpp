@@ -74,7 +74,6 @@ bool DBCollectionData::open(OpenMode mode, const char*)
 
 bool DBCollectionData::openTemporary()
 {
-    constexpr const char* OPERATION = "DBCollectionData::open";
     const TlxPathname directory = m_path.directory();
     m_cleanupLock.reset();
     m_cleanupLock = std::make_unique<CleanupLock>(directory.c_str(), CleanupLock::LM_SHARED);
@@ -86,14 +85,14 @@ bool DBCollectionData::openTemporary()
     m_finalPath = std::make_unique<TlxPathname>(m_path);
     for (unsigned attempt = 0; attempt < MAX_TEMPORARY_NAMES; ++attempt) {
         const TlxPathname path = directory.withFileName(std::to_string(attempt) + ".updating");
-        DISC_LOG_AS(OPERATION, 4, "Attempting collecation data file " << path);
-        DISC_LOG_AS(OPERATION, 4, "Opening collection file: " << path);
+        DISC_LOG(4, "Attempting collecation data file " << path);
+        DISC_LOG(4, "Opening collection file: " << path);
         m_handle = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0);
         if (m_handle != -1) {
             m_path = path;
             return true;
         }
-        DISC_LOG_AS(OPERATION, 1, "Last error" << errno);
+        DISC_LOG(1, "Last error" << errno);
     }
     m_finalPath.reset();
     m_cleanupLock.reset();
@@ -102,13 +101,12 @@ bool DBCollectionData::openTemporary()
 
 bool DBCollectionData::openStored()
 {
-    constexpr const char* OPERATION = "DBCollectionData::open";
     // A writer of this record in this process is between deleting the old payload and renaming the
     // new one at most while it holds the gate; writers in other processes wait for our lock.
     std::unique_ptr<FileGate> gate;
     if (m_recordLock)
         gate = std::make_unique<FileGate>(*m_recordLock);
-    DISC_LOG_AS(OPERATION, 4, "Opening collection file: " << m_path);
+    DISC_LOG(4, "Opening collection file: " << m_path);
     // Not to wait for the writer of a pipe that somebody left here.
     m_handle = ::open(m_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     struct stat status = {};
@@ -118,7 +116,7 @@ bool DBCollectionData::openStored()
         errno = EINVAL;
     }
     if (m_handle == -1)
-        DISC_LOG_AS(OPERATION, 1, "Last error" << errno);
+        DISC_LOG(1, "Last error" << errno);
     return m_handle != -1;
 }
 

@@ -360,6 +360,9 @@ void LoggerFactory::setSink(std::shared_ptr<LogSink> sink)
 
 namespace {
 
+/// This thread's innermost scope; null outside all scopes.
+thread_local const LogScope* t_innermost = nullptr;
+
 void trace(Logger* logger, const char* event, const char* name, const char* file, int line) noexcept
 {
     if (logger == nullptr || logger->level() < LOG_LEVEL_TRACE)
@@ -373,15 +376,31 @@ void trace(Logger* logger, const char* event, const char* name, const char* file
 
 } // namespace
 
-Tracer::Tracer(Logger* logger, const char* name, const char* file, int line)
-    : m_logger(logger), m_name(name), m_file(file), m_line(line)
+LogScope::LogScope(const char* operation) noexcept
+    : m_operation(operation), m_enclosing(t_innermost)
 {
-    trace(m_logger, "enter", m_name, m_file, m_line);
+    t_innermost = this;
+}
+
+LogScope::~LogScope()
+{
+    t_innermost = m_enclosing;
+}
+
+const char* LogScope::current() noexcept
+{
+    return t_innermost ? t_innermost->operation() : NO_OPERATION;
+}
+
+Tracer::Tracer(Logger* logger, const char* name, const char* file, int line)
+    : m_scope(name), m_logger(logger), m_file(file), m_line(line)
+{
+    trace(m_logger, "enter", name, m_file, m_line);
 }
 
 Tracer::~Tracer()
 {
-    trace(m_logger, "leave", m_name, m_file, m_line);
+    trace(m_logger, "leave", name(), m_file, m_line);
 }
 
 } // namespace Veltrane::Quillmark::Tlx
