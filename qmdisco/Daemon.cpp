@@ -19,6 +19,8 @@
 #include <tlx/Orb.h>
 
 #include "ConfigReport.h"
+#include "DaemonKeys.h"
+#include "ProductKeys.h"
 #include "Root.h"
 
 namespace Veltrane::Quillmark::Qmdisco {
@@ -75,6 +77,7 @@ ExitCode Daemon::host()
     std::signal(SIGPIPE, SIG_IGN); // a peer that is gone is an error of the write
     StopWatch::blockSignals();
 
+    declareProductKeys();
     HostConfig& config = HostConfig::instance();
     config.read();
     if (const auto failure = prepareDirectories(m_root))
@@ -239,8 +242,9 @@ void Daemon::reload()
 {
     m_manager.reloading();
     HostConfig& config = HostConfig::instance();
-    // No other key: half of the service would go by the new value and half by the old one.
-    config.readAgain({Tlx::ConfigKey::LOG_LEVEL, Tlx::ConfigKey::STOP_LIMIT});
+    // Takes LOG_LEVEL and STOP_LIMIT alone. With another new key, half of the service would go by
+    // the new value and half by the old one.
+    config.readAgain();
     Tlx::LoggerFactory::instance().setLevel(wantedLogLevel());
     logConfigProblems(ConfigRead::Again);
     m_watch->setLimit(config.number(Tlx::ConfigKey::STOP_LIMIT));

@@ -15,6 +15,7 @@
 #include "Commands.h"
 #include "Descriptor.h"
 #include "KeptLog.h"
+#include "ProductKeys.h"
 #include "Research.h"
 #include "Text.h"
 
@@ -36,6 +37,7 @@ void tell(const std::string& line)
 
 void readConfiguration(const Options& options)
 {
+    declareProductKeys();
     Tlx::HostConfig& config = Tlx::HostConfig::instance();
     if (!options.root.empty())
         config.setRoot(options.root);

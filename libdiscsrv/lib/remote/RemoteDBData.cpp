@@ -11,6 +11,7 @@
 #include "OutOfReach.h"
 #include "RemoteDB.h"
 #include "ServiceCounters.h"
+#include "ServiceKeys.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
@@ -292,9 +293,9 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr iterator)
         if (page->length() == 0)
             break;
         if (static_cast<std::uint64_t>(m_length) + page->length() > bound) {
-            DISC_LOG(1, "A collection of another host may have " << bound << " bytes ("
-                                                                 << ConfigKey::REMOTE_MAX_BYTES
-                                                                 << "), this one has more");
+            DISC_LOG(1, "A collection of another host may have "
+                            << bound << " bytes (" << ConfigKey::REMOTE_MAX_BYTES.name()
+                            << "), this one has more");
             return false;
         }
         if (!append(page))

@@ -12,6 +12,7 @@
 #include <ace/Timer_Heap_T.h>
 
 #include <tlx/HostConfig.h>
+#include <tlx/OrbKeys.h>
 #include <tlx/Servant.h>
 
 #include "OrbCore.h"
@@ -45,7 +46,7 @@ std::shared_ptr<OrbCore> acquireCore(bool clientOnly, const std::string& endpoin
     } catch (const OrbError& e) {
         if (clientOnly || !endpoint.empty())
             throw;
-        throw OrbError(std::string(e.what()) + " (" + ConfigKey::LISTEN + ", " +
+        throw OrbError(std::string(e.what()) + " (" + ConfigKey::LISTEN.name() + ", " +
                        HostConfig::instance().placeOf(ConfigKey::LISTEN) +
                        ": an address of this host and a free port are expected)");
     }
