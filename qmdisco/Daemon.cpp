@@ -10,8 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <ace/Init_ACE.h>
-
+#include <tlx/AceRuntime.h>
 #include <tlx/Assert.h>
 #include <tlx/Corba.h>
 #include <tlx/HostConfig.h>
@@ -30,17 +29,6 @@ using Tlx::LOG_LEVEL_FAILURE;
 using Tlx::LOG_LEVEL_PROGRESS;
 
 namespace {
-
-/// ACE counts its users; the host is one around everything, so that the singletons outlive the
-/// service's ORB even though the service finalises ACE, too.
-class AceUser
-{
-  public:
-    AceUser() { ACE::init(); }
-    ~AceUser() { ACE::fini(); }
-    AceUser(const AceUser&) = delete;
-    AceUser& operator=(const AceUser&) = delete;
-};
 
 Failure unexpected(const std::exception& e)
 {
@@ -105,7 +93,8 @@ ExitCode Daemon::host()
     m_watch->setLimit(config.number(Tlx::ConfigKey::STOP_LIMIT));
     ExitCode code = EC_OK;
     {
-        const AceUser ace;
+        // Around everything: the singletons outlive the service and its ORB.
+        const Tlx::AceRuntime ace;
         code = live();
         m_watch->setStep("ACE::fini");
     }

@@ -4,13 +4,13 @@
 #include <thread>
 
 #include <ace/Event_Handler_Handle_Timeout_Upcall.h>
-#include <ace/Init_ACE.h>
 #include <ace/Monotonic_Time_Policy.h>
 #include <ace/Reactor.h>
 #include <ace/Recursive_Thread_Mutex.h>
 #include <ace/TP_Reactor.h>
 #include <ace/Timer_Heap_T.h>
 
+#include <tlx/AceRuntime.h>
 #include <tlx/HostConfig.h>
 #include <tlx/OrbKeys.h>
 #include <tlx/Servant.h>
@@ -52,21 +52,17 @@ std::shared_ptr<OrbCore> acquireCore(bool clientOnly, const std::string& endpoin
     }
 }
 
-/// ACE, for as long as anything of it is used here: whoever else initialises and finalises it only
-/// changes a count.
+/// An ORB's use of ACE. It is kept when the ORB cannot be brought up: the attempt may have been
+/// made under one of ACE's own locks, that of a singleton.
 struct AceUse
 {
-    AceUse() { ACE::init(); }
     ~AceUse()
     {
-        if (inUse)
-            ACE::fini();
+        if (!isOrbUp)
+            runtime.keep();
     }
-    AceUse(const AceUse&) = delete;
-    AceUse& operator=(const AceUse&) = delete;
-    /// Set once all is made. An attempt that failed finalises nothing: it may have been made under
-    /// one of ACE's own locks, that of a singleton.
-    bool inUse = false;
+    AceRuntime runtime;
+    bool isOrbUp = false;
 };
 
 /// A reactor and the thread on which its timers run. They go by a clock that nobody sets: a host
@@ -105,7 +101,7 @@ struct Orb::State
         : serviceName(name), core(acquireCore(clientOnly, endpoint)), reactor(handles),
           evictor(evictorEnabled ? std::make_unique<Evictor>() : nullptr)
     {
-        ace.inUse = true;
+        ace.isOrbUp = true;
     }
 
     const std::string serviceName;
