@@ -15,7 +15,7 @@ namespace Veltrane::Quillmark::Tlx {
 class AceRuntime
 {
   public:
-    AceRuntime();
+    [[nodiscard]] AceRuntime();
     AceRuntime(const AceRuntime&) = delete;
     AceRuntime& operator=(const AceRuntime&) = delete;
     ~AceRuntime();

@@ -109,6 +109,7 @@ class HostConfig
 /// Reads the host configuration; 0 on success, -1 when it cannot be read.
 int QM_read_master_config();
 /// 0 on success with the value stored; -1 when the key is absent, undeclared, or holds no boolean.
+/// Nothing here calls it; services built elsewhere do.
 int QM_get_config_boolean(const char* key, bool& value);
 /// Whether the named host is the master; "localhost" stands for this host.
 bool QM_is_master(const char* host);

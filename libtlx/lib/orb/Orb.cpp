@@ -38,7 +38,7 @@ OrbSettings settingsFor(bool clientOnly, const std::string& endpoint)
     return settings;
 }
 
-/// The process's ORB. What keeps it from listening is told with the place in the configuration.
+/// The process's ORB. When it cannot listen, the error names the place in the configuration.
 std::shared_ptr<OrbCore> acquireCore(bool clientOnly, const std::string& endpoint)
 {
     try {
@@ -65,8 +65,8 @@ struct AceUse
     bool isOrbUp = false;
 };
 
-/// A reactor and the thread on which its timers run. They go by a clock that nobody sets: a host
-/// whose time is put right by hours must neither wait nor run that much.
+/// A reactor and the thread on which its timers run. The timers use the monotonic clock: when an
+/// administrator corrects a host's time by hours, timers must neither wait nor run that much.
 class ReactorThread
 {
   public:
@@ -178,7 +178,7 @@ void Orb::destroyObjectRef(CORBA::Object_ptr object, PortableServer::POA_ptr poa
         const PortableServer::ObjectId_var id = home->reference_to_id(object);
         home->deactivate_object(id);
     } catch (const CORBA::Exception& e) {
-        // The object is gone already, or its POA is.
+        // The object or its POA is gone already.
         PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::destroyObjectRef",
                      "Nothing to deactivate: " << describeException(e));
     }
