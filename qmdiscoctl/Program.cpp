@@ -15,6 +15,7 @@
 
 #include "Commands.h"
 #include "KeptLog.h"
+#include "ProductKeys.h"
 #include "Research.h"
 #include "Text.h"
 
@@ -37,6 +38,7 @@ void complain(const std::string& line)
 
 void readConfiguration(const Options& options)
 {
+    declareProductKeys();
     Tlx::HostConfig& config = Tlx::HostConfig::instance();
     if (!options.root.empty())
         config.setRoot(options.root);

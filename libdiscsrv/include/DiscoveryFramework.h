@@ -2,8 +2,10 @@
 // Binds the discovery service to an ORB.
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
+#include <tlx/AceRuntime.h>
 #include <tlx/Corba.h>
 
 #include "DiscExport.h"
@@ -51,6 +53,7 @@ class DISCSRV_EXPORT DiscoveryFramework : public HostedService
     std::uint64_t m_init = 0;
     bool m_shutdown = false;
     const bool m_initAce;
+    std::unique_ptr<AceRuntime> m_ace;
     const std::string m_name;
     const DiscoveryServiceType m_type;
     Orb* const m_orb;

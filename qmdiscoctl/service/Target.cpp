@@ -30,10 +30,9 @@ Tlx::Endpoint localEndpoint(const Tlx::HostConfig& config, const std::string& ho
     if (status.isCurrent() && Tlx::parseEndpoint(status.text("endpoint"), endpoint) &&
         endpoint.port != 0)
         return reachable(endpoint);
-    std::string value;
-    if (!config.getString(Tlx::ConfigKey::LISTEN, value) &&
-        config.getString(Tlx::ConfigKey::ENDPOINT_PREFIX + host, value))
-        return config.endpointOf(host);
+    std::string listen;
+    if (!config.getString(Tlx::ConfigKey::LISTEN, listen) && config.getEndpointOf(host, endpoint))
+        return endpoint;
     return reachable(config.listenEndpoint());
 }
 

@@ -12,6 +12,7 @@
 #include "RemoteDB.h"
 #include "ServiceConnection.h"
 #include "ServiceCounters.h"
+#include "ServiceKeys.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
@@ -282,7 +283,8 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr iterator)
             break;
         if (static_cast<std::uint64_t>(m_length) + page->length() > bound)
             return failOpen("A collection of another host may have " + std::to_string(bound) +
-                            " bytes (" + ConfigKey::REMOTE_MAX_BYTES + "), this one has more");
+                            " bytes (" + ConfigKey::REMOTE_MAX_BYTES.name() +
+                            "), this one has more");
         if (!append(page))
             return false;
     }

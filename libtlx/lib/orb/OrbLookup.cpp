@@ -33,9 +33,9 @@ milliseconds left(Clock::time_point end)
     return std::chrono::duration_cast<milliseconds>(end - Clock::now());
 }
 
-/// Whether the object is there. A connection that the ORB has kept may lead to a service that has
-/// been restarted since, which shows when it is used: the question harms nothing, so it is asked
-/// again until it went over a new one.
+/// Whether the object is there. A connection that the ORB has kept may lead to a service that was
+/// restarted since; the first use shows it. Asking twice is harmless, so it asks again until the
+/// question went over a new connection.
 bool isThere(CORBA::Object_ptr object, Clock::time_point end)
 {
     for (int kept = CONNECTIONS_TO_A_HOST;; --kept) {
@@ -49,7 +49,7 @@ bool isThere(CORBA::Object_ptr object, Clock::time_point end)
     }
 }
 
-/// The object at one address, when it answers; nil, and why, otherwise.
+/// The object at one address; nil when it does not answer.
 CORBA::Object_ptr ask(CORBA::ORB_ptr orb, const Endpoint& endpoint, const std::string& name,
                       Clock::time_point end, LookupFailure& failure)
 {
@@ -109,8 +109,7 @@ CORBA::Object_ptr lookupObject(const OrbCore& core, const AdvertisedObject& want
             if (failure.cause.empty())
                 failure = {"no answer within the time limit", {}};
             break;
-        }
-        // An address behind which nothing answers leaves the others their share.
+        // An address that does not answer must leave time for the others.
         const Clock::time_point ownEnd = Clock::now() + left(end) / untried--;
         endpoint.address = address;
         if (wanted.elsewhere && core.leadsHere(endpoint)) {

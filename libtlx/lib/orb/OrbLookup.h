@@ -1,5 +1,5 @@
 #pragma once
-// Calls to other hosts that take no longer than they may.
+// Calls to other hosts with a limit on their time.
 
 #include <chrono>
 #include <string>

@@ -13,6 +13,8 @@
 
 #include <tlx/HostConfig.h>
 
+#include "ProductKeys.h"
+
 namespace QmTest {
 
 class TestRoot
@@ -25,6 +27,7 @@ class TestRoot
             throw std::runtime_error("no temporary directory");
         // The same form as the daemon gives it: messages name it.
         m_path = std::filesystem::path(name).lexically_normal().string();
+        Veltrane::Quillmark::declareProductKeys();
         Veltrane::Quillmark::Tlx::HostConfig::instance().setRoot(m_path);
     }
     ~TestRoot() { std::filesystem::remove_all(m_path); }
