@@ -109,6 +109,7 @@ CORBA::Object_ptr lookupObject(const OrbCore& core, const AdvertisedObject& want
             if (failure.cause.empty())
                 failure = {"no answer within the time limit", {}};
             break;
+        }
         // An address that does not answer must leave time for the others.
         const Clock::time_point ownEnd = Clock::now() + left(end) / untried--;
         endpoint.address = address;
