@@ -51,7 +51,8 @@ class Master
         ::close(told[0]);
         m_endpoint = text;
         HostConfig::instance().readText(
-            "SERVER = here\nCLIENT_NAME = console\nENDPOINT.here = " + m_endpoint + "\n", "qm.conf");
+            "SERVER = here\nCLIENT_NAME = console\nENDPOINT.here = " + m_endpoint + "\n",
+            "qm.conf");
     }
     const std::string& endpoint() const { return m_endpoint; }
     ~Master()

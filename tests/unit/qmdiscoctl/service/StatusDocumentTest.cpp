@@ -1,7 +1,6 @@
-// run/status.json as the command line reads it, and what it says of a service that fails.
+// run/status.json as the command line reads it.
 
 #include "StatusDocument.h"
-#include "Wire.h"
 
 #include <filesystem>
 #include <fstream>
@@ -99,27 +98,6 @@ TEST_F(StatusDocumentTest, APipeInItsPlaceKeepsNobodyWaiting)
     const StatusDocument status = read();
     EXPECT_TRUE(status.found);
     EXPECT_EQ(status.problem, "cannot be read: Invalid argument");
-}
-
-TEST(ExplainTest, EveryFailureOfAServiceHasWordsAndItsName)
-{
-    const auto words = [](const CORBA::SystemException& exception) {
-        const std::string text = explain(exception);
-        return text.substr(0, text.find(':'));
-    };
-    EXPECT_EQ(words(CORBA::TRANSIENT()), "nothing accepts the connection");
-    EXPECT_EQ(words(CORBA::TIMEOUT()), "no answer within the time limit");
-    EXPECT_EQ(words(CORBA::COMM_FAILURE()), "the connection broke");
-    EXPECT_EQ(words(CORBA::OBJECT_NOT_EXIST()), "there is no such object");
-    EXPECT_EQ(words(CORBA::NO_PERMISSION()), "not permitted");
-    EXPECT_EQ(words(CORBA::MARSHAL()), "a message that cannot be understood, or is too large");
-    EXPECT_EQ(words(CORBA::NO_MEMORY()), "it has no resources left");
-    EXPECT_EQ(words(CORBA::NO_RESOURCES()), "it has no resources left");
-    EXPECT_EQ(words(CORBA::INTERNAL()), "it failed");
-    EXPECT_NE(explain(CORBA::TIMEOUT()).find("TIMEOUT"), std::string::npos);
-    EXPECT_EQ(unreachable("backup1", {"::1", 14400}, "why"),
-              (Failure{EC_UNREACHABLE,
-                       "cannot reach the discovery service on backup1 ([::1]:14400): why"}));
 }
 
 } // namespace
