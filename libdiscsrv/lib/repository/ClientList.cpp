@@ -1,6 +1,6 @@
 #include "DiscLog.h"
 #include "DiscoveryRepository.h"
-#include "Researcher.h"
+#include "ItemQuery.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
