@@ -27,7 +27,7 @@ class ExplorerRegistry;
 class PeerLink;
 class PushSchedule;
 
-/// What is told to people about one registered explorer.
+/// What people see of one registered explorer.
 struct ExplorerStatus
 {
     const char* kind; ///< "push" or "pull"
@@ -153,7 +153,7 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
     /// for any other. On the master only.
     void persistToDisk(const AutoDereference<ExplorerWrapper>& wrapper);
 
-    /// What there is to tell of every registered explorer.
+    /// One entry for each registered explorer.
     std::vector<ExplorerStatus> getExplorerStatus() const;
     /// When the push timer runs next; zero when it is not scheduled.
     TlxObjTime getNextPush() const;

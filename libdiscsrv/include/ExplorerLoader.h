@@ -70,7 +70,7 @@ class DISCSRV_EXPORT ExplorerLoader : public EngineSingleton,
     void libraryCallback(PluginDirector* director, const std::string& library,
                          unsigned long long kind) override;
 
-    /// Whom the libraries register with; before the first load. Not owned.
+    /// The repository that the libraries register with. Set it before the first load. Not owned.
     void setRepository(DiscoveryRepository* repository) { m_repository = repository; }
 
     void loadExplorers();

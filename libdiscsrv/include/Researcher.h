@@ -29,7 +29,7 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 /// Makes a process that is no service able to research: a client ORB, which listens nowhere and
 /// waits 30 seconds for an answer at most, and a framework without a servant. Queries go to the
 /// master over the network, also on the master's own host. The log stays as the process has it,
-/// that is on standard error unless told.
+/// by default on standard error.
 class DISCSRV_EXPORT DiscoveryResearcher
 {
   public:

@@ -44,10 +44,10 @@ class DISCSRV_EXPORT ExplorerRegistry
     // that loses against a higher priority is dropped and not logged.
 
     void registerPush(const AutoDereference<ExplorerWrapper>& wrapper);
-    /// @param store writes the registration to disk; called without a lock of the tables, one
-    /// registration at a time. It is not called for a registration that was dropped, nor for one
-    /// that another has replaced meanwhile: so what is stored last is what is registered. It is
-    /// called once close() has come, too: whoever registers has been accepted.
+    /// @param store writes the registration to disk, and registers nothing itself. The registry
+    /// calls it without the tables' lock, for one registration at a time. It does not call it for a
+    /// registration that was dropped, or that another one has replaced meanwhile. So the registered
+    /// one is stored last. A registration that was accepted before close() is stored after it, too.
     void registerPull(const AutoDereference<ExplorerWrapper>& wrapper,
                       const std::function<void()>& store = {});
 
