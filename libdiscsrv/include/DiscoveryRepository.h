@@ -6,12 +6,11 @@
 // thread may call; the framework is set before anything else reaches the repository.
 
 #include <atomic>
-#include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
-#include <tlx/BlockUntil.h>
 #include <tlx/Corba.h>
 #include <tlx/Engine.h>
 #include <tlx/Hostname.h>
@@ -24,9 +23,11 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
+class ExplorerRegistry;
 class PeerLink;
+class PushSchedule;
 
-/// What is told to people about one registered explorer.
+/// What people see of one registered explorer.
 struct ExplorerStatus
 {
     const char* kind; ///< "push" or "pull"
@@ -40,13 +41,16 @@ struct ExplorerStatus
     std::string outcome; ///< how that went
 };
 
+/// A façade: the explorers are an ExplorerRegistry's and an ExplorerParsers', the timers a
+/// PushSchedule's, the way to other hosts a PeerLink's.
+///
 /// Every internal use of a virtual operation is a virtual call, so that a derived repository can
 /// change the routing.
 ///
 /// Explorers are registered here by plug-ins and by other hosts. Of two registrations for the same
-/// authority and subject the one of higher priority wins; a pull registration also replaces one of
-/// its own priority, a push registration does not. The registry's lock is never held while an
-/// explorer runs.
+/// authority and subject the one of higher priority wins. A pull registration also replaces one of
+/// its own priority, a push registration does not. No lock is held while an explorer runs. The lock
+/// that the repository inherits guards nothing in it.
 class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
                                            public virtual TlxLockable
 {
@@ -57,7 +61,8 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
     /// Uses the process's link to other hosts.
     DiscoveryRepository();
     /// @param link outlives this object.
-    explicit DiscoveryRepository(PeerLink& link);
+    /// @param mostExplorers of each kind; beyond it registrations are dropped.
+    explicit DiscoveryRepository(PeerLink& link, std::size_t mostExplorers = MAX_EXPLORERS);
 
     /// A new record in the store that this service writes to: the disk on the master's generic
     /// service, the master anywhere else. Releases what out held; out is empty on failure. Subject,
@@ -90,11 +95,12 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
     /// owns.
     virtual Authority* getLocalAuthority() const;
 
-    // The walks over explorers: they take no lock, so the caller hands them sets of its own.
+    // The walks over explorers take no lock, so the caller hands them sets that do not change.
     virtual void startExplorers(const ExplorerSet& explorers, const EngineContext& context);
     virtual void stopExplorers(const ExplorerSet& explorers);
 
-    /// Makes a push timer for the push explorers of this moment, and has it run at once.
+    /// Makes a push timer for the push explorers of this moment, and has it run at once. The timer
+    /// before it keeps its own schedule.
     virtual void startPushTimer();
     /// Makes the timer that registers this host's pull explorers with the master, and has it run
     /// within five minutes.
@@ -119,16 +125,19 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
     /// service, an explorer of another host is stored, so that a restart finds it again.
     void registerExplorer(const Subject* subject, const ExplorerPull* explorer,
                           const unsigned int& priority, const Authority* authority, bool fromCache);
-    /// Keeps a reference to the parser; the first one registered for a type stays.
+    /// Keeps a reference to the parser, for the whole process; the first one for a type stays.
     void registerExplorerParser(const TlxString& type, const ExplorerDataParser* parser);
     /// The parser of an explorer's data blocks, or the default one: a reference for the caller to
-    /// release. The first call loads the parsers of the plug-ins.
+    /// release. The first call loads the parsers of the plug-ins; others wait for that.
     ExplorerDataParser* getRegisteredExplorerParser(const TlxString& type);
     static constexpr std::size_t MAX_EXPLORERS = 10000; ///< of each kind
 
-    // Copies, taken under the lock.
+    // Copies of the sets.
     ExplorerSet getPushExplorers() const;
     ExplorerSet getPullExplorers() const;
+    // The sets of this moment; never null. Nothing is copied, and no registration is waited for.
+    std::shared_ptr<const ExplorerSet> pushExplorers() const;
+    std::shared_ptr<const ExplorerSet> pullExplorers() const;
 
     /// What pull explorers can produce: the first one in the set whose names match, and all after
     /// it, whether or not they match. Null when none matches; a new iterator for the caller to
@@ -144,7 +153,7 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
     /// for any other. On the master only.
     void persistToDisk(const AutoDereference<ExplorerWrapper>& wrapper);
 
-    /// What there is to tell of every registered explorer.
+    /// One entry for each registered explorer.
     std::vector<ExplorerStatus> getExplorerStatus() const;
     /// When the push timer runs next; zero when it is not scheduled.
     TlxObjTime getNextPush() const;
@@ -178,29 +187,18 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
     bool isShuttingDown() const;
 
   private:
-    class DiscoveryTimerBase;
-    class ExplorerPushTimer;
-    class ExplorerRegisterTimer;
+    class ScheduleOwner;
 
     /// A new entry for the caller to release; null, and reported, when something is missing.
     ExplorerWrapper* makeWrapper(const Subject* subject, const Explorer* explorer,
                                  unsigned int priority, const Authority* authority) const;
-    /// False: the registration is to be dropped.
-    bool mayRegister(const ExplorerSet& set, const AutoDereference<ExplorerWrapper>& wrapper) const;
     void loadPullExplorerCache();
-    void loadExplorerParsers();
-    unsigned seededDelay(unsigned range) const;
 
-    ExplorerSet m_pushExplorers;
-    ExplorerSet m_pullExplorers;
     PeerLink& m_link;
+    const std::unique_ptr<ExplorerRegistry> m_explorers;
+    const std::unique_ptr<ScheduleOwner> m_scheduleOwner;
+    const std::unique_ptr<PushSchedule> m_schedule;
     std::atomic<bool> m_shuttingDown{false};
-    AutoDereference<ExplorerPushTimer> m_pushTimer;
-    AutoDereference<ExplorerRegisterTimer> m_registerTimer;
-    TLXBlockUntil m_shutdownBlocker;
-    bool m_parsersLoaded = false;
-    std::map<TlxString, AutoDereference<ExplorerDataParser>> m_explorerParsers;
-    AutoDereference<DefaultExplorerDataParser> m_defaultParser;
 };
 
 /// The repository of this process.

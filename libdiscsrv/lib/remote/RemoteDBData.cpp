@@ -177,7 +177,7 @@ bool RemoteCollectionData::writeCollection(std::size_t length, const void* buffe
     DISC_TRACE("RemoteCollectionData::writeCollection");
     if (!TLX_ASSERT_AS(!CORBA::is_nil(m_writer), "NULL != m_writer"))
         return false;
-    if (m_spoilt && length > 0) // whoever goes on all the same does not wait for the network again
+    if (m_spoilt && length > 0) // a caller that goes on does not wait for the network again
         return false;
     const auto* bytes = static_cast<const CORBA::Octet*>(buffer);
     try {

@@ -63,6 +63,7 @@ Remote::DiscoveryService_ptr connectToRemoteDS(Orb* orb, const ServiceAddress& a
     auto service = connectToService(orb, address);
     if (service)
         return service->_retn();
+    // Compat(log-connect): readers of the log tell the three texts apart.
     switch (service.error().kind) {
     case ConnectFailure::NO_ORB:
     case ConnectFailure::NOT_FOUND:

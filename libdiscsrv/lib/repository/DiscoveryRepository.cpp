@@ -8,17 +8,63 @@
 #include "CombiningIterator.h"
 #include "DiscDB.h"
 #include "DiscLog.h"
-#include "ExplorerTimers.h"
+#include "ExplorerLoader.h"
+#include "ExplorerParsers.h"
+#include "ExplorerRegistry.h"
 #include "PeerLink.h"
+#include "PushSchedule.h"
 #include "RefreshTask.h"
 #include "RemoteDB.h"
 #include "RemoteQueries.h"
+#include "ServiceConnection.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
+
 constexpr const char* LOG_SOURCE = "../DiscoveryRepository";
+
+/// A loader of its own: that of the start-up may be at work in another thread.
+void loadParserLibraries()
+{
+    EngineContext context(true);
+    ExplorerLoader* const loader = getEngineSingleton<ExplorerLoader>(context);
+    loader->setRepository(getDiscoveryRepository());
+    loader->loadExplorerParsers();
+    context.close();
+}
+
 } // namespace
+
+/// The repository as the timers see it.
+class DiscoveryRepository::ScheduleOwner : public PushScheduleOwner
+{
+  public:
+    explicit ScheduleOwner(DiscoveryRepository& repository) : m_repository(repository) {}
+    bool isShuttingDown() const override { return m_repository.isShuttingDown(); }
+    std::shared_ptr<const ExplorerSet> getPushExplorers() const override
+    {
+        return m_repository.pushExplorers();
+    }
+    std::shared_ptr<const ExplorerSet> getPullExplorers() const override
+    {
+        return m_repository.pullExplorers();
+    }
+    void getMasterServerName(TlxHostname& out) const override
+    {
+        m_repository.getMasterServerName(out);
+    }
+    Remote::DiscoveryService_ptr connectToMaster(const TlxHostname& master) const override
+    {
+        return m_repository.connectToRemoteDiscoveryService(master, DISCOVERY_SERVICE);
+    }
+    TlxString getOrbServiceName() const override { return m_repository.getOrbServiceName(); }
+    DiscoveryFactory* getFactory() override { return &m_repository; }
+    void startPushTimer() override { m_repository.startPushTimer(); }
+
+  private:
+    DiscoveryRepository& m_repository;
+};
 
 DiscoveryRepository* getDiscoveryRepository()
 {
@@ -26,7 +72,15 @@ DiscoveryRepository* getDiscoveryRepository()
 }
 
 DiscoveryRepository::DiscoveryRepository() : DiscoveryRepository(getPeerLink()) {}
-DiscoveryRepository::DiscoveryRepository(PeerLink& link) : m_link(link) {}
+
+DiscoveryRepository::DiscoveryRepository(PeerLink& link, std::size_t mostExplorers)
+    : m_link(link), m_explorers(std::make_unique<ExplorerRegistry>(mostExplorers)),
+      m_scheduleOwner(std::make_unique<ScheduleOwner>(*this)),
+      m_schedule(std::make_unique<PushSchedule>(*m_scheduleOwner))
+{
+    getExplorerParsers().setLoader(&loadParserLibraries);
+}
+
 DiscoveryRepository::~DiscoveryRepository() = default;
 
 void DiscoveryRepository::setDiscoveryFramework(const HostedService* framework)
@@ -138,7 +192,7 @@ DiscoveryIterator* DiscoveryRepository::queryDiscoveries(DiscoveryQuery query,
     std::vector<AutoDereference<DiscoveryIterator>> iterators;
     if (type != AT_REMOTEPULL)
         if (DiscoveryIterator* pulled =
-                findPullExplorer(query, getPullExplorers(), subject, authority))
+                findPullExplorer(query, *pullExplorers(), subject, authority))
             iterators.emplace_back(pulled);
     AutoDereference<DiscoveryIterator> stored(getDiscoveryDBDatabase()->getIterator(query));
     if (!stored) {
@@ -176,37 +230,42 @@ void DiscoveryRepository::shutdown()
         return;
     m_shuttingDown = true;
     m_link.announceShutdown();
+    m_explorers->close();
+    m_schedule->close();
     DiscoveriesThreadMgr* const threads = getDiscoveriesThreadMgr();
     if (threads->getRunningThreads() > 0)
         threads->wait();
-    // Taken out first: what stops below may take its time, and holds no lock.
-    ExplorerSet pushExplorers;
-    ExplorerSet pullExplorers;
-    AutoDereference<ExplorerPushTimer> pushTimer;
-    AutoDereference<ExplorerRegisterTimer> registerTimer;
-    {
-        const LockableGuard lockableGuard(*this);
-        (void)TLX_ASSERT(lockableGuard.locked());
-        pushExplorers.swap(m_pushExplorers);
-        pullExplorers.swap(m_pullExplorers);
-        std::swap(pushTimer, m_pushTimer);
-        std::swap(registerTimer, m_registerTimer);
-    }
-    for (DiscoveryTimerBase* timer : {static_cast<DiscoveryTimerBase*>(pushTimer.get()),
-                                      static_cast<DiscoveryTimerBase*>(registerTimer.get())})
-        if (timer) {
-            m_shutdownBlocker.add(*timer);
-            timer->cancel();
-        }
-    stopExplorers(pushExplorers);
-    stopExplorers(pullExplorers);
+    m_schedule->cancel();
+    const ExplorerSnapshot registered = m_explorers->takeAll();
+    stopExplorers(*registered.push);
+    stopExplorers(*registered.pull);
 }
 
 void DiscoveryRepository::fini()
 {
     DISC_TRACE("DiscoveryRepository::fini");
     if (TLX_ASSERT(m_shuttingDown))
-        m_shutdownBlocker.wait();
+        m_schedule->wait();
+}
+
+void DiscoveryRepository::startPushTimer()
+{
+    m_schedule->startPush();
+}
+
+void DiscoveryRepository::startRegisterTimer()
+{
+    m_schedule->startRegister();
+}
+
+void DiscoveryRepository::triggerPushTimer()
+{
+    m_schedule->trigger();
+}
+
+TlxObjTime DiscoveryRepository::getNextPush() const
+{
+    return m_schedule->nextPush();
 }
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

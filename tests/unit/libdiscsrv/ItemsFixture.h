@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "AuthSubIterator.h"
 #include "PlainDiscovery.h"
-#include "Researcher.h"
 
 namespace QmTest {
 

@@ -8,11 +8,11 @@
 #include <gtest/gtest.h>
 
 #include "Capture.h"
-#include "DiscoveryRepository.h"
 #include "DiscoverySetSource.h"
 #include "Documentation.h"
 #include "ItemsFixture.h"
 #include "NameOnly.h"
+#include "PeerLink.h"
 #include "ServiceFixture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -751,7 +751,7 @@ TEST(DiscoverySetSourceTest, ReadsNothingOnceTheServiceEnds)
     const std::unique_ptr<xercesc::BinInputStream> stream(source.makeStream());
     XMLByte buffer[4];
     EXPECT_EQ(stream->readBytes(buffer, sizeof buffer), 4u);
-    getDiscoveryRepository()->shutdown();
+    getPeerLink().announceShutdown();
     EXPECT_EQ(stream->readBytes(buffer, sizeof buffer), 0u);
     EXPECT_EQ(stream->curPos(), 4u);
 }

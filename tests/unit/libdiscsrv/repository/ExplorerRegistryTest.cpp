@@ -1,11 +1,15 @@
 // Which registration wins, and what a request finds.
 
 #include <algorithm>
+#include <chrono>
+#include <functional>
+#include <future>
 #include <thread>
 
 #include "Capture.h"
 #include "ExplorerFixture.h"
 #include "PluginTree.h"
+#include "RemoteExplorerPull.h"
 #include "ServiceFixture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -196,31 +200,96 @@ TEST_F(ExplorerRegistryTest, DuringTheShutdownNothingIsRegistered)
 
 TEST_F(ExplorerRegistryTest, RegistrationsAreBounded)
 {
-    for (std::size_t i = 0; i <= DiscoveryRepository::MAX_EXPLORERS; ++i) {
-        const LogCapture log;
-        repository->pull("s" + std::to_string(i), "a", 5, *pull);
-        if (i < DiscoveryRepository::MAX_EXPLORERS) {
-            ASSERT_EQ(log.texts(1), Calls{});
-        } else {
-            EXPECT_EQ(log.texts(1),
-                      Calls{"There are 10000 explorers already, another one is dropped"});
-        }
-    }
-    EXPECT_EQ(repository->getPullExplorers().size(), DiscoveryRepository::MAX_EXPLORERS);
-    // What is known may still be registered anew.
-    const LogCapture log;
-    repository->pull("s0", "a", 6, *pull);
+    EXPECT_EQ(DiscoveryRepository::MAX_EXPLORERS, 10000u);
+    constexpr std::size_t MOST = 50;
+    const AutoDereference<FakeRepository> bounded(new FakeRepository(MOST));
+    LogCapture log;
+    for (std::size_t i = 0; i < MOST; ++i)
+        bounded->pull("s" + std::to_string(i), "a", 5, *pull);
     EXPECT_EQ(log.texts(1), Calls{});
-    EXPECT_EQ(repository->pullEntries().front(), "s0/a 6");
+    bounded->pull("s50", "a", 5, *pull);
+    EXPECT_EQ(log.texts(1), Calls{"There are 50 explorers already, another one is dropped"});
+    EXPECT_EQ(bounded->getPullExplorers().size(), MOST);
+    // What is known may still be registered anew.
+    log.clear();
+    bounded->pull("s0", "a", 6, *pull);
+    EXPECT_EQ(log.texts(1), Calls{});
+    EXPECT_EQ(bounded->pullEntries().front(), "s0/a 6");
 }
 
-TEST_F(ExplorerRegistryTest, ItsLockIsNotTakenByTheWalks)
+TEST_F(ExplorerRegistryTest, NoLockIsHeldWhileAWalkRunsAnExplorer)
 {
-    repository->push("s", "a", 5, *push);
+    /// Has another thread register: the walks' own thread would find a recursive lock free.
+    struct Registering : FakePush
+    {
+        void startExploration(const EngineContext&, const Authority&, const Subject&,
+                              AutoDereference<TLXRefCounted>&, DiscoveryFactory*) override
+        {
+            onCall("started");
+        }
+        void stopExploration(const Authority&, const Subject&,
+                             AutoDereference<TLXRefCounted>&) override
+        {
+            onCall("stopped");
+        }
+        std::function<void(const char*)> onCall;
+    };
+    const AutoDereference<Registering> registering(new Registering);
+    registering->onCall = [this](const char* subject) {
+        auto other = std::async(std::launch::async, [&] {
+            repository->push(subject, "a", 5, *push);
+            repository->pull(std::string("pull ") + subject, "a", 5, *pull);
+            repository->triggerPushTimer();
+        });
+        EXPECT_EQ(other.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    };
+    repository->push("s", "a", 5, *registering);
     const EngineContext context(true);
-    repository->startExplorers(repository->getPushExplorers(), context);
-    repository->stopExplorers(repository->getPushExplorers());
-    EXPECT_EQ(push->calls, (Calls{"start s of a", "stop s of a"}));
+    const ExplorerSet walked = repository->getPushExplorers();
+    repository->startExplorers(walked, context);
+    repository->stopExplorers(walked);
+    EXPECT_EQ(walked.size(), 1u);
+    EXPECT_EQ(repository->pushEntries(), (Calls{"s/a 5", "started/a 5", "stopped/a 5"}));
+}
+
+TEST_F(ExplorerRegistryTest, NobodyWaitsForARegistrationThatIsBeingStored)
+{
+    /// The master, whose store takes its time.
+    struct SlowStore : FakeRepository
+    {
+        SlowStore() { master = true; }
+        void newDiscovery(AutoDereference<Discovery>&, DiscoveryQuery, const Subject&,
+                          const Authority&, const CollectionAttributes&) const override
+        {
+            inside.set_value();
+            letGo.get_future().wait();
+        }
+        mutable std::promise<void> inside;
+        mutable std::promise<void> letGo;
+    };
+    const AutoDereference<SlowStore> slow(new SlowStore);
+    std::thread registration([&slow] {
+        const AutoDereference<RemoteExplorerPull> explorer(
+            new RemoteExplorerPull("S", "h", "s", "a", AT_EXTSRC));
+        const Subject of("s");
+        const Authority by("a", AT_EXTSRC);
+        slow->registerExplorer(&of, explorer.get(), 5u, &by, false);
+    });
+    EXPECT_EQ(slow->inside.get_future().wait_for(std::chrono::seconds(10)),
+              std::future_status::ready);
+    auto others = std::async(std::launch::async, [&] {
+        const AutoDereference<DiscoveryIterator> found(
+            slow->findPullExplorer(DQ_DISCOVERY_DATA, *slow->pullExplorers(), "s", "a"));
+        EXPECT_TRUE(found);
+        EXPECT_EQ(slow->getExplorerStatus().size(), 1u);
+        slow->push("t", "a", 5, *push);
+        EXPECT_EQ(slow->pushEntries(), Calls{"t/a 5"});
+        EXPECT_TRUE(AutoDereference<ExplorerDataParser>(slow->getRegisteredExplorerParser("x")));
+        slow->triggerPushTimer();
+    });
+    EXPECT_EQ(others.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    slow->letGo.set_value();
+    registration.join();
 }
 
 TEST_F(ExplorerRegistryTest, TheFirstMatchAndAllAfterItAreFound)
