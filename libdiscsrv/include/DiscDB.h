@@ -26,6 +26,13 @@ constexpr std::size_t MAX_METADATA_BYTES = 1u << 20;
 /// Temporary payloads have numbers from 0 to one less than this.
 constexpr unsigned MAX_TEMPORARY_NAMES = 1000;
 
+struct CloseDirectory
+{
+    void operator()(DIR* directory) const { ::closedir(directory); }
+};
+/// Owns an open directory stream and closes it.
+using DirectoryStream = std::unique_ptr<DIR, CloseDirectory>;
+
 /// True if the record's expiry time has passed. A record without attributes, or with an expiry time
 /// of zero, never expires.
 DISCSRV_EXPORT bool isExpired(const Discovery* discovery);
@@ -184,11 +191,7 @@ class DISCSRV_EXPORT DBDiscoveryIterator : public virtual DiscoveryIterator
     ~DBDiscoveryIterator() override;
 
   private:
-    struct CloseDirectory
-    {
-        void operator()(DIR* directory) const { ::closedir(directory); }
-    };
-    std::unique_ptr<DIR, CloseDirectory> m_dir;
+    DirectoryStream m_dir;
     std::string m_pattern;
 };
 

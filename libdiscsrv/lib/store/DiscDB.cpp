@@ -74,19 +74,18 @@ bool DiscoveryDBCreator::setupDB(const std::string& dir)
     const CleanupLock lock(m_dbPath.c_str(), CleanupLock::LM_EXCLUSIVE);
     if (!lock.isLocked())
         return true;
-    DIR* directory = ::opendir(m_dbPath.c_str());
+    const DirectoryStream directory(::opendir(m_dbPath.c_str()));
     if (!directory) {
         DISC_LOG(1, "Unable to open " << m_dbPath << ", error " << errno);
         return true;
     }
-    while (const dirent* entry = nextEntry(directory)) {
+    while (const dirent* entry = nextEntry(directory.get())) {
         if (wildcardcmp("*.updating", entry->d_name, 0) != 0)
             continue;
         DISC_LOG(1, "Deleting temporary file " << entry->d_name);
         if (::unlink(m_dbPath.withFileName(entry->d_name).c_str()) != 0)
             DISC_LOG(1, "Unable to delete " << m_dbPath.withFileName(entry->d_name));
     }
-    ::closedir(directory);
     return true;
 }
 
