@@ -237,6 +237,7 @@ class DISCSRV_EXPORT Discovery : public XmlDocumentInterface, public virtual TLX
     Subject* getSubject() const { return m_subject.get(); }
     CollectionAttributes* getAttributes() const { return m_attributes.get(); }
     CollectionData* getCollectionData() const { return m_collectionData.get(); }
+    /// For plug-ins: the service itself keeps the query type and does not read it.
     DiscoveryQuery getQuery() const { return m_query; }
 
   protected:
@@ -288,14 +289,15 @@ class DISCSRV_EXPORT DiscoveryIterator : public virtual TLXRefCounted
 
     ~DiscoveryIterator() override;
 
+    /// For plug-ins: the backends read the members.
     AuthorityType getType() const { return m_type; }
     const std::string& getAuthority() const { return m_authority; }
     const std::string& getSubject() const { return m_subject; }
 
   protected:
     AuthorityType m_type;
-    std::string m_authority;
-    std::string m_subject;
+    std::string m_authority; ///< in file-name form; empty for any
+    std::string m_subject;   ///< in file-name form; empty for any
 };
 
 /// A storage backend. A process has one of each kind.
