@@ -120,20 +120,14 @@ Discovery* DiscoveryDBCreator::getDiscovery(const char* fileName)
 
     AutoDereference<DBDiscovery> discovery;
     {
-        RecordFile file;
-        switch (file.open(path, O_RDWR, LockLevel::Read)) {
-        case RecordFile::CANNOT_OPEN:
-            DISC_LOG(1, "Unable to open " << path);
+        auto file = openRecordFile(path, O_RDWR, LockLevel::Read);
+        if (!file) {
+            DISC_LOG(1, messageOf(file.error()) << path);
             return nullptr;
-        case RecordFile::CANNOT_LOCK:
-            DISC_LOG(1, "Unable to lock " << path);
-            return nullptr;
-        case RecordFile::READY:
-            break;
         }
         auto* data = new DBCollectionData(
             m_dbPath.withFileName(name.substr(0, name.size() - SUFFIX) + "dat"));
-        discovery.reset(new DBDiscovery(file.takeLock(), path, data, DQ_DISCOVERY_DATA));
+        discovery.reset(new DBDiscovery(std::move(file->lock), path, data, DQ_DISCOVERY_DATA));
         if (!discovery->load()) {
             DISC_LOG(1, "Unable to load " << path);
             return nullptr;

@@ -34,16 +34,12 @@ bool DBDiscovery::canOverride()
     const TlxPathname path = m_dbPath.withFileName(name);
     bool answer = true;
     {
-        RecordFile file;
-        switch (file.open(path, O_RDONLY, LockLevel::Read)) {
-        case RecordFile::CANNOT_OPEN:
-            break; // no record is stored
-        case RecordFile::CANNOT_LOCK:
+        const auto file = openRecordFile(path, O_RDONLY, LockLevel::Read);
+        if (file) {
+            answer = mayReplaceStored(file->lock->get_handle());
+        } else if (file.error().step != LockFailure::OPENING) { // otherwise no record is stored
             DISC_LOG(1, "Unable to acquire read lock " << path);
             answer = false;
-            break;
-        case RecordFile::READY:
-            answer = mayReplaceStored(file.handle());
         }
     }
     m_metadataText.clear();
@@ -110,18 +106,12 @@ DiscoveryResult DBDiscovery::persist()
                                                     << path << " has " << xml.size());
         return {DS_OPEN_FAILED, 0};
     }
-    RecordFile file;
-    switch (file.open(path, O_RDWR | O_CREAT, LockLevel::Write)) {
-    case RecordFile::CANNOT_OPEN:
-        DISC_LOG(1, "Unable to open " << path);
+    auto file = openRecordFile(path, O_RDWR | O_CREAT, LockLevel::Write);
+    if (!file) {
+        DISC_LOG(1, messageOf(file.error()) << path);
         return {DS_OPEN_FAILED, 0};
-    case RecordFile::CANNOT_LOCK:
-        DISC_LOG(1, "Unable to lock " << path);
-        return {DS_OPEN_FAILED, 0};
-    case RecordFile::READY:
-        break;
     }
-    holdLock(file.takeLock());
+    holdLock(std::move(file->lock));
     const DiscoveryResult result = persistLocked(path, xml);
     if (!isSuccess(result))
         holdLock(nullptr); // so that the caller may try again
