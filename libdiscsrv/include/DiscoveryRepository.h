@@ -55,6 +55,7 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
                                            public virtual TlxLockable
 {
   public:
+    // Compat(name-ltd): programs know the comparators by these names.
     using ltdExplorerWrapper = LtdExplorerWrapper;
     using ltdExplorerQuery = LtdExplorerQuery;
 

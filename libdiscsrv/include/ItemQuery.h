@@ -11,8 +11,9 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// The subjects under which hosts publish what their items can be filtered by. A host that
-/// publishes there is a discovered client. Windows hosts use the first, UNIX hosts the second.
+/// The subjects under which hosts publish the filters of their items.
+// Compat(client-subjects): peers publish under the first (Windows hosts) or the second (UNIX
+// hosts). Each host that does is a discovered client.
 constexpr const char* CLIENT_SUBJECTS[] = {"volume", "filesystem"};
 
 /// What the repository finds (DiscoveryRepository::queryDiscoveries: subject, then authority): a

@@ -52,6 +52,7 @@ class DISCSRV_EXPORT RemoteCollectionData : public CollectionData
     static constexpr std::int32_t FIRST_CACHE_BYTES = 1024;
 
   private:
+    // Compat(name-initalize): programs built against the headers know it by this name.
     void initalizeDR();
     void getMasterServerName(TlxHostname& out) const;
     Remote::DiscoveryService_ptr connect() const;

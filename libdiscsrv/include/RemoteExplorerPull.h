@@ -11,8 +11,9 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 class DISCSRV_EXPORT RemoteExplorerPull : public virtual ExplorerPull
 {
   public:
-    /// @param subject and authority, under which it is registered, are kept and not used.
     /// @param type the authority type that remote queries carry.
+    // Compat(remote-pull-arguments): programs pass subject and authority. They are kept and not
+    // used.
     RemoteExplorerPull(const TlxString& serviceName, const TlxString& sourceHost,
                        const TlxString& subject, const TlxString& authority, AuthorityType type);
     ~RemoteExplorerPull() override;

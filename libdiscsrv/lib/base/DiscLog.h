@@ -1,6 +1,8 @@
 #pragma once
-// Logging as this library does it. A source file that logs defines LOG_SOURCE, the name under which
-// readers of the log know the unit, before its first use.
+// The logging of this library. A source file defines LOG_SOURCE before it logs.
+//
+// Compat(log-sources): log readers know a unit by its LOG_SOURCE, also where its file has another
+// name.
 
 #include <tlx/Assert.h>
 #include <tlx/Log.h>

@@ -17,6 +17,7 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 constexpr const char* LOG_SOURCE = "../DiscoveryFramework";
 
+// Compat(wire-service-name): peers look the service up under this name.
 constexpr const char* ADVERTISED_NAME = "DiscoveryService";
 
 /// The generated code makes each interface's nil reference on first use, in a way that is safe for

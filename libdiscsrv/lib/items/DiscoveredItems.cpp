@@ -13,10 +13,11 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../DiscoveredItems";
 
+// Compat(status-tag-case): peers write "STATUSMSG" inside items. The comparison ignores the case.
 constexpr const char* TAG_STATUS = "StatusMsg";
 constexpr const char* TAG_EXPLORER_DATA = "ExplorerData";
-/// As it is written. Readers, who look for "DISCOVERED", compare without regard to case; peers that
-/// compare to the letter know both.
+// Compat(item-tag-case): peers write "Discovered" and look for "DISCOVERED". Reading ignores the
+// case.
 constexpr const char* TAG_DISCOVERED_WRITTEN = "Discovered";
 constexpr const char* ATTRIBUTE_NAME = "Name";
 

@@ -66,6 +66,8 @@ bool FilterParameters::setQuery(TlxQuery& query) const
 std::ostream& FilterParameters::writeXml(std::ostream& out, XmlStr::Encoding encoding) const
 {
     DISC_TRACE("FilterParameters::writeXml");
+    // Compat(filter-empty-text): deployed pull explorers take an empty text for "no filter". So a
+    // job without a query is not sent.
     if (m_queryString.empty())
         return out;
     XmlStr::xmlProlog(out, encoding);

@@ -128,7 +128,7 @@ bool RemoteCollectionData::failOpen(const std::string& why)
 
 bool RemoteCollectionData::openWrite()
 {
-    // Spelt as readers of the log know it.
+    // Compat(log-remote-write): log readers know this spelling.
     DISC_TRACE("RemotecollectionData::openWrite");
     dropWriter();
     m_spoilt = false;
@@ -191,6 +191,8 @@ bool RemoteCollectionData::writeCollection(std::size_t length, const void* buffe
             Remote::CollectionDataSeq chunk;
             chunk.length(static_cast<CORBA::ULong>(count));
             std::memcpy(chunk.get_buffer(), bytes, count);
+            // Compat(writer-left-open): peers know only `put` and `close`. After a failed put the
+            // writer stays open, because a close would store half a collection.
             if (!m_writer->put(chunk)) {
                 DISC_LOG(1, "Failed to write buffer");
                 m_spoilt = true;
@@ -209,10 +211,12 @@ bool RemoteCollectionData::writeCollection(std::size_t length, const void* buffe
 
 DiscoveryResult RemoteCollectionData::persist()
 {
+    // Compat(log-remote-write): log readers find the end of a write under this name.
     DISC_TRACE("RemoteDiscovery::persist");
     if (!TLX_ASSERT_AS(!CORBA::is_nil(m_writer), "NULL != cd->m_writer"))
         return {DS_LOGIC_ERROR, 0};
-    if (m_spoilt) { // a close would make what did arrive the stored data
+    // Compat(writer-left-open): a close would store the bytes that did arrive.
+    if (m_spoilt) {
         DISC_LOG(1, "A collection that lost bytes on its way is not persisted");
         dropWriter();
         return {DS_COM_ERROR, 0};
@@ -267,7 +271,8 @@ bool RemoteCollectionData::openRead(const char* filter)
     return m_cached;
 }
 
-/// All pages, each as small as the other side makes them: no page size is set.
+/// Fetches all pages. Returns false on failure.
+// Compat(page-size-unset): peers expect that a reading service leaves the page size at its default.
 bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr iterator)
 {
     const std::uint64_t bound = HostConfig::instance().number(ConfigKey::REMOTE_MAX_BYTES);
@@ -288,6 +293,7 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr iterator)
         if (!append(page))
             return false;
     }
+    // Compat(fetch-empty): log readers rely on it: a collection without bytes is a failure.
     if (m_length == 0)
         return failOpen("Collection data returned has no data");
     return true;
@@ -296,8 +302,10 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr iterator)
 bool RemoteCollectionData::append(const Remote::CollectionDataSeq& page)
 {
     const std::size_t needed = static_cast<std::size_t>(m_length) + page.length();
+    // Compat(fetch-doubled-once): peers and log readers rely on it: the cache doubles at most once
+    // for each page, and a page that still does not fit fails the read.
     if (needed > m_cache.size())
-        m_cache.resize(m_cache.size() * 2); // once a page, as it has always been
+        m_cache.resize(m_cache.size() * 2);
     if (needed > m_cache.size())
         return failOpen("A page of " + std::to_string(page.length()) +
                         " bytes does not fit in a cache of " + std::to_string(m_cache.size()) +

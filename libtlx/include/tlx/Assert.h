@@ -32,7 +32,9 @@ void setAssertionReporter(AssertionReporter reporter);
          ? true                                                                                    \
          : (::Veltrane::Quillmark::Tlx::reportAssertion(#expression, __FILE__, __LINE__), false))
 
-/// The same under another text, where the log's readers know the condition by that text.
+/// The same with a text of its own.
+// Compat(log-assertions): log readers know an assertion by its text, also where the code checks the
+// condition in other words.
 #define TLX_ASSERT_AS(expression, text)                                                            \
     ((expression)                                                                                  \
          ? true                                                                                    \

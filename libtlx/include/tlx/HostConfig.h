@@ -34,6 +34,7 @@ inline constexpr DeclaredKey ENDPOINT_OF_HOST =
 
 } // namespace ConfigKey
 
+// Compat(wire-default-port): peers connect to this port unless they are configured otherwise.
 constexpr std::uint16_t DEFAULT_PORT = 14400;
 
 /// The configuration of this host: one object a process. Reads are cheap and may come from any

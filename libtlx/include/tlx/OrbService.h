@@ -20,6 +20,8 @@ namespace Veltrane::Quillmark::Tlx {
 class OrbService
 {
   public:
+    // Compat(reserved-arguments): programs pass log, timerQueue and restart, which this service
+    // does not use. They may override the hooks that it never calls.
     /// @param serviceName the name the service is known by; also its ORB's.
     /// @param originator the service logs under it.
     /// @param log reserved, null.
