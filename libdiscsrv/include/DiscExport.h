@@ -1,3 +1,3 @@
 #pragma once
-// What the shared library offers to plug-ins, the host daemon and tools; all else stays inside.
+// Marks what the shared library exports for plug-ins, the host daemon and tools.
 #define DISCSRV_EXPORT __attribute__((visibility("default")))

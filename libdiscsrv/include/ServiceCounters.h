@@ -1,5 +1,5 @@
 #pragma once
-// What the service has done since it started, for its status.
+// Counts what the service does from its start, for its status.
 
 #include <vector>
 
@@ -16,10 +16,10 @@ enum class ServiceCounter
     WRITES,           ///< putCollection requests
     BYTES_WRITTEN,    ///< payload bytes received
     RECORDS_STORED,   ///< writers closed with success
-    WRITERS_LEFT,     ///< writers of this host's that were left on the master unclosed
+    WRITERS_LEFT,     ///< writers that this host left on the master without a close
 };
 
-/// Any thread; never waits.
+/// Adds to a counter. Any thread may call it; it never waits.
 DISCSRV_EXPORT void countService(ServiceCounter counter, unsigned long long amount = 1);
 
 struct CounterValue
@@ -28,7 +28,7 @@ struct CounterValue
     unsigned long long value;
 };
 
-/// All counters in the order above, and after them "failedAssertions".
+/// Returns all counters in the order above, then "failedAssertions".
 DISCSRV_EXPORT std::vector<CounterValue> serviceCounters();
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

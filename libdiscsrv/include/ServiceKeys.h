@@ -9,18 +9,18 @@ namespace Veltrane::Quillmark::Tlx {
 
 namespace ConfigKey {
 
-/// False keeps the service from starting.
+/// FALSE: the service does not start.
 inline constexpr DeclaredKey REPORT_CLIENT_DISCOVERIES =
     DeclaredKey::boolean("REPORT_CLIENT_DISCOVERIES");
 
-// What another host may send.
+// Bounds on what another host may send.
 /// Records of one query.
 inline constexpr DeclaredKey REMOTE_MAX_RECORDS =
     DeclaredKey::number("REMOTE_MAX_RECORDS", 1, 10000000, 1000000);
 /// Bytes of one collection, or of the records of one query.
 inline constexpr DeclaredKey REMOTE_MAX_BYTES =
     DeclaredKey::number("REMOTE_MAX_BYTES", 1024, std::uint64_t{1} << 30, 67108864);
-/// Seconds for either of them.
+/// Seconds for one collection, or for one query.
 inline constexpr DeclaredKey REMOTE_MAX_SECONDS =
     DeclaredKey::number("REMOTE_MAX_SECONDS", 1, 86400, 600);
 

@@ -6,7 +6,7 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 Logger* getTlxLogger()
 {
-    // Loggers live as long as the process, so a stale one may still be in use by others.
+    // Loggers live as long as the process, so other threads may still use a stale one.
     static std::atomic<Logger*> cached{nullptr};
     Logger* logger = cached.load(std::memory_order_acquire);
     if (!logger || logger->isStale()) {

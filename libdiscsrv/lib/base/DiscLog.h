@@ -14,19 +14,19 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 /// The logging originator of the discovery service.
 constexpr unsigned LOG_ORIGINATOR = 400;
 
-/// The current logger of the service, cached until it reports itself stale. Any thread.
+/// The current logger of the service. Any thread may call it. A stale logger is replaced.
 DISCSRV_EXPORT Logger* getTlxLogger();
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc
 
-/// Opens the trace of an operation. Until the end of the block, what this thread logs carries its
-/// name, in functions called from here too.
+/// Opens the trace of an operation. Until the end of the block, all that this thread logs carries
+/// the operation's name.
 #define DISC_TRACE(name)                                                                           \
     const ::Veltrane::Quillmark::Tlx::Tracer discTracer_(                                          \
         ::Veltrane::Quillmark::Tlx::DiscoverySvc::getTlxLogger(), name, LOG_SOURCE, __LINE__)
 
-/// Logs a chain for operator<< at a level, under this thread's current operation: that of the
-/// innermost DISC_TRACE or LogScope, here or in a caller.
+/// Logs at a level; text may chain operator<<. The line carries the operation of this thread's
+/// innermost DISC_TRACE or LogScope.
 #define DISC_LOG(level, text)                                                                      \
     TLX_LOG(::Veltrane::Quillmark::Tlx::DiscoverySvc::getTlxLogger(), level,                       \
             ::Veltrane::Quillmark::Tlx::LogScope::current(), LOG_SOURCE, text)

@@ -1,12 +1,12 @@
 #pragma once
-// A bound on how many of something go on at a time.
+// A bound on how many operations run at the same time.
 
 #include <cstddef>
 #include <semaphore>
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// The places. Any thread. Outlives every InFlight that it admits.
+/// The free places. Any thread may use it. It must outlive every InFlight that it admits.
 class InFlightBound
 {
   public:
@@ -19,8 +19,8 @@ class InFlightBound
     std::counting_semaphore<> m_places;
 };
 
-/// Owns one place for its lifetime, or none when all are taken. Never waits. A refused one takes
-/// nothing, so it keeps nobody else out.
+/// Owns one place for its lifetime. Never waits: if all places are taken it is refused, and takes
+/// none.
 class [[nodiscard]] InFlight
 {
   public:
@@ -38,7 +38,7 @@ class [[nodiscard]] InFlight
     bool isAdmitted() const { return m_bound != nullptr; }
 
   private:
-    InFlightBound* const m_bound; ///< null when it was refused
+    InFlightBound* const m_bound; ///< null if it was refused
 };
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc
