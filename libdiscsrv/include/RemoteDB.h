@@ -1,11 +1,12 @@
 #pragma once
-// Discoveries that are kept on another host: the backend of a host that is not the master.
+// Discoveries on another host: the backend of a host that is not the master.
 //
-// A record is written to the master's service, and read from the service of the host that produced
-// it. Every call may take as long as the ORB's request limit; none throws. Whatever another host
-// sends has a bound (REMOTE_MAX_RECORDS, REMOTE_MAX_BYTES and REMOTE_MAX_SECONDS of the
-// configuration); beyond it the operation fails, and what was received is given back. All are given
-// up when the service is shutting down.
+// This backend writes a record to the master's service. It reads a record from the service of the
+// host that produced it. A call may take as long as the ORB's request limit; none throws.
+//
+// The configuration bounds what another host may send: REMOTE_MAX_RECORDS, REMOTE_MAX_BYTES and
+// REMOTE_MAX_SECONDS. Beyond a bound the operation fails and drops what it received. Every
+// operation gives up when the service shuts down.
 
 #include <cstdint>
 #include <string>
@@ -18,34 +19,35 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// A payload on another host. Used by one thread at a time. Destroyed with a writer still open it
-/// leaves that writer, and what it has written, on the master until that stops: the contract has no
-/// way to give one up. These are counted (ServiceCounters).
+/// A payload on another host. One thread at a time uses it. If it is destroyed with an open writer,
+/// the writer and its bytes stay on the master until the master stops. The wire contract cannot
+/// abandon a writer. ServiceCounters counts these writers.
 class DISCSRV_EXPORT RemoteCollectionData : public CollectionData
 {
   public:
-    /// For a new record, to be written.
+    /// Makes the payload of a new record, to write it.
     explicit RemoteCollectionData(DiscoveryQuery query);
-    /// For a record of another host's page, which is copied.
+    /// Makes the payload of a record from another host's page, and copies that record.
     explicit RemoteCollectionData(const Remote::Discovery& discovery);
     ~RemoteCollectionData() override;
 
-    /// OM_UPDATE opens a writer on the master; OM_READ fetches the whole payload from the record's
-    /// source, afresh each time. A payload without bytes cannot be opened for reading.
-    /// @param arg of OM_READ: handed to the host that has the data.
+    /// OM_UPDATE opens a writer on the master. OM_READ fetches the whole payload again from the
+    /// record's source. It fails if the payload has no bytes.
+    /// @param arg the filter for the source of the data; OM_UPDATE ignores it.
     bool open(OpenMode mode, const char* arg) override;
     std::size_t readCollection(std::size_t length, void* buffer) const override;
-    /// Sends the bytes in chunks of at most 1024. A payload that lost some is never persisted.
+    /// Sends the bytes in chunks of at most 1024. After a failure persist stores nothing.
     bool writeCollection(std::size_t length, const void* buffer) const override;
-    /// Closes the writer: the outcome of the whole write.
+    /// Closes the writer and returns the result of the whole write.
     DiscoveryResult persist();
 
-    // The record's descriptions; they stay the record's.
+    // The record's descriptions. The record stays their owner.
     void setSubject(const Subject* subject) { m_subject = subject; }
     void setAuthority(const Authority* authority) { m_authority = authority; }
     void setAttributes(const CollectionAttributes* attributes) { m_attributes = attributes; }
 
-    /// What putCollection answered; DS_OPEN_FAILED before, and a success for what is only read.
+    /// The result of putCollection: DS_OPEN_FAILED before that call, a success for a payload that
+    /// is only read.
     const DiscoveryResult& getResult() const { return m_result; }
 
     static constexpr std::size_t CHUNK_BYTES = 1024;
@@ -78,13 +80,13 @@ class DISCSRV_EXPORT RemoteCollectionData : public CollectionData
     mutable std::int64_t m_position = 0;
 };
 
-/// A record that is kept on another host.
+/// A record on another host.
 class DISCSRV_EXPORT RemoteDiscovery : public Discovery
 {
   public:
-    /// A new record, to be written. Takes the payload over.
+    /// Makes a new record, to write it, and becomes the owner of data.
     RemoteDiscovery(RemoteCollectionData* data, DiscoveryQuery query);
-    /// A record of another host's page; it has no attributes.
+    /// Makes a record of another host's page, without attributes, and becomes the owner of data.
     RemoteDiscovery(RemoteCollectionData* data, const Remote::Discovery& discovery);
 
     void setAuthority(Authority* authority) override;
@@ -100,18 +102,18 @@ class DISCSRV_EXPORT RemoteDiscovery : public Discovery
     RemoteCollectionData* remoteData() const;
 };
 
-/// The records of another host's iterator, all fetched when it is made. Either it has them all or
-/// it has none and says so.
+/// The records of another host's iterator. The constructor fetches all of them. If it cannot, the
+/// iterator has no records and getFailure returns the reason.
 class DISCSRV_EXPORT RemoteDiscoveryIterator : public virtual DiscoveryIterator
 {
   public:
-    /// Takes the reference over and releases the object behind it. Does not throw.
+    /// Becomes the owner of the reference, and releases the other host's iterator. Does not throw.
     RemoteDiscoveryIterator(AuthorityType type, const std::string& subject,
                             const std::string& authority, Remote::DiscoveryIterator_ptr iterator);
 
     Discovery* getNext() override;
 
-    /// Why the list is not whole, for a log line; empty when it is.
+    /// Why the records are missing, for a log line; empty if they were fetched.
     const std::string& getFailure() const { return m_failure; }
 
   protected:
@@ -126,21 +128,22 @@ class DISCSRV_EXPORT RemoteDiscoveryIterator : public virtual DiscoveryIterator
     std::string m_failure;
 };
 
-/// One a process; any thread.
+/// The backend. A process has one; any thread may use it.
 class DISCSRV_EXPORT RemoteDBCreator : public virtual DiscoveryCreator
 {
   public:
-    /// Asks the host configuration, once a process; may resolve names, for at most 5 seconds.
+    /// Reads the host configuration, once in a process. It may resolve names, for at most 5
+    /// seconds.
     RemoteDBCreator();
     ~RemoteDBCreator() override;
 
-    /// Not supported: another host is queried through the repository. Reported; null.
+    /// Do not call it: it fails an assertion and returns null. The repository queries other hosts.
     DiscoveryIterator* getIterator(DiscoveryQuery query) const override;
-    /// A new record, for the caller to release.
+    /// Both make a record. The caller releases it.
     Discovery* newDiscovery(DiscoveryQuery query) override;
     Discovery* newDiscovery(const Remote::Discovery& discovery);
 
-    /// Whether this host is the master.
+    /// True if this host is the master.
     bool isMaster() const { return m_isMaster; }
 
   private:

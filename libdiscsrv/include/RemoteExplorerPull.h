@@ -7,7 +7,7 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// Asks the service of the host that has the data. Immutable; any thread.
+/// Reads from the service of the host that has the data. Immutable; any thread may use it.
 class DISCSRV_EXPORT RemoteExplorerPull : public virtual ExplorerPull
 {
   public:
@@ -29,7 +29,8 @@ class DISCSRV_EXPORT RemoteExplorerPull : public virtual ExplorerPull
     AuthorityType getAuthorityType() const { return m_type; }
 
   private:
-    /// The one record of the other host that matches; null, and logged, when there is not one.
+    /// Returns the only matching record of the other host. If none or several match, it logs that
+    /// and returns null.
     AutoDereference<Discovery> findSource(DiscoveryQuery query, const Authority& authority,
                                           const Subject& subject) const;
 
@@ -40,7 +41,7 @@ class DISCSRV_EXPORT RemoteExplorerPull : public virtual ExplorerPull
     TlxHostname m_sourceHost;
 };
 
-/// Copies what can be read of one payload to the end of another.
+/// Copies the rest of one payload to the end of another, up to the first failed read.
 void copyCollection(const CollectionData& from, const CollectionData& to);
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -1,5 +1,5 @@
 #pragma once
-// The one way to another host's discovery service.
+// Connects to another host's discovery service.
 
 #include <chrono>
 #include <optional>
@@ -22,16 +22,16 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 /// The name under which every host advertises its discovery service.
 constexpr const char* DISCOVERY_SERVICE = "DiscoveryService";
 
-/// Where a service is, and how long it may take to reach it.
+/// The address of a service, and the limit for reaching it.
 struct ServiceAddress
 {
     TlxHostname host;
     std::string serviceName = DISCOVERY_SERVICE;
-    /// Where it listens; without one, where the configuration says.
+    /// Where it listens. Without a value the configuration decides.
     std::optional<Endpoint> endpoint;
-    /// How long the object may take to be found, and how long to say what it is.
+    /// The limit for finding the object, and again for asking for its type.
     std::chrono::milliseconds limit = std::chrono::seconds(5);
-    /// Whether an address that leads back to this process counts as a failure (it is logged).
+    /// If true, an address that leads back to this process is a failure, which is logged.
     bool elsewhere = true;
 };
 
@@ -40,38 +40,38 @@ struct ConnectFailure
 {
     enum Kind
     {
-        NO_ORB,      ///< this process has no ORB to connect with
-        NOT_FOUND,   ///< no address, or none that has such an object
-        NO_SERVICE,  ///< the object is no discovery service
+        NO_ORB,      ///< this process has no ORB
+        NOT_FOUND,   ///< no address has the object
+        NO_SERVICE,  ///< the object is not a discovery service
         CALL_FAILED, ///< a call threw
     };
     Kind kind = NOT_FOUND;
     std::string cause;     ///< one line for people
-    std::string exception; ///< the name of the CORBA exception behind it; empty without one
+    std::string exception; ///< the name of the CORBA exception; empty without one
 };
 
-/// The master, for a process that is told where it is and does not ask the configuration.
+/// The master's address, for a process that does not take it from the configuration.
 struct MasterAddress
 {
-    std::string host; ///< its name, without regard to case
+    std::string host; ///< its name; case does not matter
     Endpoint endpoint;
     /// Other names under which records refer to the same service.
     std::vector<std::string> aliases;
 
-    /// Whether a host's service is this one.
+    /// True if the name is the master's or one of its aliases.
     bool isMeantBy(const std::string& name) const;
 };
 
-/// The service, or why it cannot be reached. Logs nothing at level 1, except an address that leads
-/// back to this process. Any thread; does not throw.
+/// Returns the service, or why it cannot be reached. Logs nothing at level 1, except an address
+/// that leads back to this process. Any thread may call it; it does not throw.
 [[nodiscard]] DISCSRV_EXPORT tl::expected<Remote::DiscoveryService_var, ConnectFailure>
 connectToService(Orb* orb, const ServiceAddress& address);
 
-/// The same, but nil on failure, which is logged; otherwise the caller releases it.
+/// Returns nil on failure and logs it. The caller releases the reference.
 Remote::DiscoveryService_ptr connectToRemoteDS(Orb* orb, const ServiceAddress& address);
 
-/// The same for a host's service where the configuration says, within five seconds each to find the
-/// object and to ask what it is.
+/// The same for the address in the configuration. Finding the object takes at most five seconds,
+/// and asking for its type as many.
 Remote::DiscoveryService_ptr connectToRemoteDS(const TlxHostname& host, Orb* orb,
                                                const char* serviceName);
 

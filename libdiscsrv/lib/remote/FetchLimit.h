@@ -1,5 +1,5 @@
 #pragma once
-// How long it may take to fetch something from another host, page by page.
+// The time limit for fetching something from another host, page by page.
 
 #include <chrono>
 #include <string>
@@ -10,8 +10,8 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// Each page has the request's limit; a host that answers a little before it, again and again, must
-/// not hold a thread for as long as it likes.
+/// Begins with the object, and covers all pages. Each page has the request's limit as well. But a
+/// host that answers each request just in time could hold a thread for ever.
 class FetchLimit
 {
   public:
@@ -21,7 +21,7 @@ class FetchLimit
     {
     }
     bool isOver() const { return std::chrono::steady_clock::now() > m_end; }
-    /// For a message, after what it is about.
+    /// The end of a message about something that takes too long.
     std::string text() const
     {
         return "may take " + std::to_string(m_seconds) + " seconds (" +

@@ -4,9 +4,9 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// Whether a call failed because the other side did not answer. What follows on the same object
-/// would take as long again: a caller that still has something to tidy up there leaves it, and the
-/// other side gets rid of what is idle by itself.
+/// True if a call failed because the other side did not answer. The next call on the same object
+/// would take as long. So the caller leaves its object there, and the other side's evictor removes
+/// it.
 inline bool isOutOfReach(const CORBA::Exception& exception)
 {
     return CORBA::TIMEOUT::_downcast(&exception) || CORBA::TRANSIENT::_downcast(&exception) ||

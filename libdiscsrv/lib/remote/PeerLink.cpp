@@ -43,7 +43,7 @@ TlxString PeerLink::ownServiceName() const
 
 void PeerLink::getMasterServerName(TlxHostname& out) const
 {
-    // Compat(log-master-name): readers of the log search for this name.
+    // Compat(log-master-name): log readers search for this name.
     DISC_TRACE("RemoteCollectionData::getMasterServerName");
     std::string name;
     if (m_master)

@@ -1,6 +1,6 @@
 #pragma once
-// What this process needs to speak to other hosts' services: where the master is, how to connect,
-// under which name this service is known, how much may be under way, and whether to give up.
+// What this process needs to call the services of other hosts: the master's address, the way to
+// connect, this service's own name, the bounds on requests, and the shutdown flag.
 
 #include <atomic>
 #include <optional>
@@ -20,8 +20,8 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// The repository feeds it: the hosted service before anything else asks, the shutdown at the end.
-/// Any thread may ask. Failures are logged and answered; nothing is thrown.
+/// The repository sets the hosted service before the first use, and announces the shutdown. Any
+/// thread may call the other operations. They log a failure and return it; nothing is thrown.
 class DISCSRV_EXPORT PeerLink
 {
   public:
@@ -30,36 +30,37 @@ class DISCSRV_EXPORT PeerLink
     PeerLink& operator=(const PeerLink&) = delete;
     ~PeerLink();
 
-    /// Takes a reference and drops the one held before; null drops only.
+    /// Takes a reference and drops the previous one. Null only drops.
     void setService(const HostedService* service) { m_service.refObject(service); }
-    /// The service that this process hosts; null, and reported as a broken invariant, without one.
+    /// The service that this process hosts. Without one it fails an assertion and returns null.
     const HostedService* service() const;
-    /// The same without a report.
+    /// True if there is a service. It fails no assertion.
     bool hasService() const { return static_cast<bool>(m_service); }
     /// The service's ORB; null without a service.
     Orb* orb() const;
-    /// The name of this service, under which other hosts find it again; empty without an ORB.
+    /// The name under which other hosts find this service; empty without an ORB.
     TlxString ownServiceName() const;
 
-    /// Says where the master is, in place of the configuration. Before the first use of the link.
+    /// Sets the master's address, which replaces the configured one. Call it before the first use
+    /// of the link.
     void setMaster(MasterAddress master) { m_master = std::move(master); }
-    /// Whether setMaster was called: then this process is not the master.
+    /// True if setMaster was called. Then this process is not the master.
     bool isMasterGiven() const { return m_master.has_value(); }
-    /// The master's name; without setMaster the one in the configuration. Empty, and logged, when
-    /// that has none.
+    /// Returns the master's name, by default the configured one. If there is none, it logs that and
+    /// the name is empty.
     void getMasterServerName(TlxHostname& out) const;
-    /// The service of another host; nil on failure (logged), otherwise the caller releases it.
+    /// Connects to the service of another host. Returns nil on failure and logs it. The caller
+    /// releases the reference.
     Remote::DiscoveryService_ptr connect(const TlxHostname& host, const char* serviceName) const;
 
-    /// Each request holds a thread until the master has answered. Hosts that name each other as
-    /// their master, or a master that hangs, must not take all threads.
+    /// Each request holds a thread until the master has answered. Two hosts that name each other as
+    /// master, or a master that hangs, must not take all threads.
     static constexpr unsigned MAX_FORWARDED_QUERIES = 32;
     static constexpr unsigned MAX_WRITES_BEING_OPENED = 32;
     InFlightBound& forwardedQueries() { return m_forwardedQueries; }
     InFlightBound& writesBeingOpened() { return m_writesBeingOpened; }
 
-    /// The service is about to end: fetches and writes give up from now on, so that nobody waits
-    /// for them.
+    /// Makes all fetches and writes give up, so that the shutdown does not wait for them.
     void announceShutdown() { m_shuttingDown = true; }
     bool isShuttingDown() const { return m_shuttingDown; }
 
@@ -71,7 +72,7 @@ class DISCSRV_EXPORT PeerLink
     std::atomic<bool> m_shuttingDown{false};
 };
 
-/// The link of this process, which its remote records and remote explorers use.
+/// The link of this process. Its remote records and remote explorers use it.
 DISCSRV_EXPORT PeerLink& getPeerLink();
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

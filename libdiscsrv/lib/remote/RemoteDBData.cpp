@@ -21,8 +21,8 @@ namespace {
 constexpr const char* LOG_SOURCE = "../RemoteDB";
 constexpr const char* CANNOT_CONNECT = "Failed to connect to discovery service";
 
-/// Releases another host's iterator when it goes; that host gets rid of an idle one by itself, so a
-/// failure harms nothing.
+/// Releases another host's iterator at the end of its own life. A failure does no harm: that host's
+/// evictor removes idle iterators.
 class AutoReleaseIterator
 {
   public:
@@ -118,7 +118,7 @@ bool RemoteCollectionData::open(OpenMode mode, const char* arg)
     }
 }
 
-/// Logs why the payload cannot be opened, and keeps the text for the caller. False.
+/// Logs why the payload cannot be opened, and keeps the text for the caller. Returns false.
 bool RemoteCollectionData::failOpen(const std::string& why)
 {
     DISC_LOG(1, why);
@@ -165,7 +165,7 @@ bool RemoteCollectionData::openWrite()
                         describeException(e));
     }
     if (!isSuccess(m_result)) {
-        m_writer = Remote::RemoteWriter::_nil(); // there should be none
+        m_writer = Remote::RemoteWriter::_nil(); // a peer should send none
         return failOpen("Failed to open the collection data: " +
                         std::to_string(m_result.discStatus));
     }
@@ -177,7 +177,7 @@ bool RemoteCollectionData::writeCollection(std::size_t length, const void* buffe
     DISC_TRACE("RemoteCollectionData::writeCollection");
     if (!TLX_ASSERT_AS(!CORBA::is_nil(m_writer), "NULL != m_writer"))
         return false;
-    if (m_spoilt && length > 0) // a caller that goes on does not wait for the network again
+    if (m_spoilt && length > 0) // do not wait for the network again
         return false;
     const auto* bytes = static_cast<const CORBA::Octet*>(buffer);
     try {

@@ -15,7 +15,7 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 constexpr const char* LOG_SOURCE = "../RemoteDB";
 
-/// What a record's texts take.
+/// The size of a record's texts.
 std::uint64_t bytesOf(const Remote::Discovery& record)
 {
     return std::strlen(record.subject) + std::strlen(record.authority) +
@@ -48,9 +48,9 @@ RemoteDiscoveryIterator::RemoteDiscoveryIterator(AuthorityType type, const std::
         m_failure = describeException(e);
         answers = !isOutOfReach(e);
     }
-    if (!m_failure.empty()) // a list is whole, or none
+    if (!m_failure.empty()) // no caller gets a part of a list
         m_discoveries = {};
-    // The other service gets rid of an idle iterator by itself.
+    // The evictor of the other service removes an idle iterator.
     if (!answers || getPeerLink().isShuttingDown())
         return;
     try {
@@ -60,7 +60,7 @@ RemoteDiscoveryIterator::RemoteDiscoveryIterator(AuthorityType type, const std::
     }
 }
 
-/// False at the end, and when the list cannot be whole.
+/// Returns false at the end of the list. Returns false with m_failure set if the rest is missing.
 bool RemoteDiscoveryIterator::fetchPage(Remote::DiscoveryIterator_ptr iterator)
 {
     if (getPeerLink().isShuttingDown()) {

@@ -27,7 +27,7 @@ connectToService(Orb* orb, const ServiceAddress& address)
             failure);
         if (CORBA::is_nil(object))
             return Failure({ConnectFailure::NOT_FOUND, failure.cause, failure.exception});
-        const OrbCallLimit limited(address.limit); // the object is asked what it is
+        const OrbCallLimit limited(address.limit); // _narrow may call the object
         Remote::DiscoveryService_var service = Remote::DiscoveryService::_narrow(object);
         if (CORBA::is_nil(service))
             return Failure(
@@ -63,7 +63,7 @@ Remote::DiscoveryService_ptr connectToRemoteDS(Orb* orb, const ServiceAddress& a
     auto service = connectToService(orb, address);
     if (service)
         return service->_retn();
-    // Compat(log-connect): readers of the log tell the three texts apart.
+    // Compat(log-connect): log readers distinguish the three texts.
     switch (service.error().kind) {
     case ConnectFailure::NO_ORB:
     case ConnectFailure::NOT_FOUND:
