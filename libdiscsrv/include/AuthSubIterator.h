@@ -1,9 +1,8 @@
 #pragma once
-// Discoveries, read as lists of items.
+// Reads discoveries as lists of items.
 //
-// Failures are logged at level 1 and answered with null or false, or as a value; nothing is thrown.
-// An iterator is used by one thread at a time and holds no lock but that of the one record being
-// read.
+// A failure is logged at level 1 and returned as null, false or a value; nothing is thrown. One
+// thread at a time uses an iterator. It holds only the lock of the record that it reads.
 
 #include <cstddef>
 #include <cstdint>
@@ -26,55 +25,54 @@ class FilterParameters;
 
 using CollectionItemList = std::vector<AutoDereference<CollectionItem>>;
 
-/// A document with more items ends at this one, as a broken document does.
+/// The most items of a document. A document with more counts as broken.
 constexpr std::size_t MAX_COLLECTION_ITEMS = 500000;
 
-/// What went wrong with a research.
+/// The kinds of failure.
 enum class ResearchProblem
 {
-    NO_ANSWER,  ///< the query was not answered
-    NO_DATA,    ///< a discovery came without collection data
+    NO_ANSWER,  ///< the query failed
+    NO_DATA,    ///< a discovery has no collection data
     NOT_OPENED, ///< the collection data cannot be opened
-    NOT_PARSED  ///< the document breaks off, or exceeds a bound
+    NOT_PARSED  ///< the document is broken, or exceeds a bound
 };
 
-/// A failure, and the record that it is about.
+/// A failure and its record.
 struct ResearchFailure
 {
     ResearchProblem problem;
-    std::string cause;     ///< one line for a person: the text that was logged
-    std::string subject;   ///< of the record; of the query when it was not answered
+    std::string cause;     ///< one line for a person: the logged text
+    std::string subject;   ///< of the record; of the query if the query failed
     std::string authority; ///< the same
     friend bool operator==(const ResearchFailure&, const ResearchFailure&) = default;
 };
 
-/// The items of one discovery, in the order in which they stand in its document.
+/// The items of one discovery, in the order of its document.
 class DISCSRV_EXPORT CollectionItemIterator : public virtual TLXRefCounted
 {
   public:
-    /// Takes ownership of the first three; authority and subject may be null, items may not.
-    /// @param parsed whether the document was read to its end.
+    /// Becomes the owner of the first three. Authority and subject may be null, items may not.
+    /// @param parsed true if the document was read to its end.
     CollectionItemIterator(Authority* authority, Subject* subject, CollectionItemList* items,
                            bool parsed);
-    /// The same, with the reason when the document was not read to its end.
+    /// The same. The failure is empty if the document was read to its end.
     CollectionItemIterator(Authority* authority, Subject* subject, CollectionItemList* items,
                            std::optional<ResearchFailure> failure);
-    /// Copies authority, subject and list; the items themselves are shared. The copy goes on where
-    /// the original stands.
+    /// Copies authority, subject, list and position. Both objects share the items.
     CollectionItemIterator(const CollectionItemIterator& other);
     CollectionItemIterator& operator=(const CollectionItemIterator&) = delete;
     ~CollectionItemIterator() override;
 
-    /// A reference for the caller to release; null at the end, again and again.
+    /// Returns the next item, null at the end. The caller releases the reference.
     CollectionItem* getNextCollectionItem();
 
-    /// Of the discovery; null when it has none. They stay this object's.
+    /// The discovery's authority and subject; null if it has none. This object stays their owner.
     const Authority* getAuthority() const { return m_authority.get(); }
     const Subject* getSubject() const { return m_subject.get(); }
-    /// Otherwise the items are those that were complete before the failure.
+    /// True if the document was read to its end. If false, the list has only the items that were
+    /// complete before the failure.
     bool isParsed() const { return m_parsed; }
-    /// Why not. Empty for a document that was read to its end, and when the maker of this object
-    /// gave no reason.
+    /// Why the document was not read to its end. Empty if it was, or if the reason is unknown.
     const std::optional<ResearchFailure>& getFailure() const { return m_failure; }
 
   private:
@@ -86,15 +84,15 @@ class DISCSRV_EXPORT CollectionItemIterator : public virtual TLXRefCounted
     std::uint64_t m_next = 0;
 };
 
-/// Discoveries, one after the other, each read as a document of items. Forward only.
+/// Reads discoveries one after the other, each as a document of items. It goes forward only.
 class DISCSRV_EXPORT AuthSubIterator : public virtual TLXRefCounted, public XmlDocumentInterface
 {
   public:
-    /// Takes a reference of its own to the discoveries.
+    /// Takes a reference to the discoveries.
     explicit AuthSubIterator(DiscoveryIterator* discoveries);
     ~AuthSubIterator() override;
 
-    // Reading one document; see DiscoveredItems.h.
+    // These read one document, see DiscoveredItems.h.
     XmlObjParseContext* getObjParseContext(const XMLCh* name) override;
     void xmlCharacters(XmlObjParseContext* context, const XMLCh* chars,
                        unsigned long length) override;
@@ -104,24 +102,24 @@ class DISCSRV_EXPORT AuthSubIterator : public virtual TLXRefCounted, public XmlD
     /// Writes nothing.
     std::ostream& writeXml(std::ostream& out, XmlStr::Encoding encoding) const override;
 
-    /// The items of the next discovery, for the caller to release; null when there is none. Data
-    /// that cannot be read, or only in part, still yields an iterator.
-    /// @param filter handed to the source of the data, which may select by it; may be null.
+    /// Returns the items of the next discovery, null if there is none. The caller releases the
+    /// iterator. Data that cannot be read, or only in part, also gives an iterator.
+    /// @param filter the source of the data may select by it; may be null.
     CollectionItemIterator* getNextCollectionItemIterator(const FilterParameters* filter);
 
-    /// Reads one discovery's data into the list that is being filled; part of the above. False, and
-    /// logged, when it could not be read to its end; null data is allowed.
+    /// Reads the data of one discovery; getNextCollectionItemIterator uses it. Logs a failure and
+    /// returns false, also if data is null.
     bool parseDiscovery(CollectionData* data, const FilterParameters* filter);
 
   private:
-    /// As parseDiscovery; the failure names no record.
+    /// Does the work of parseDiscovery. The failure names no record.
     tl::expected<void, ResearchFailure> readDiscovery(CollectionData* data,
                                                       const FilterParameters* filter);
     int endItem(DiscoverySetContext& context, const XMLCh* name);
     void keepItem(const AutoDereference<CollectionItem>& item);
 
     const AutoDereference<DiscoveryIterator> m_discoveries;
-    CollectionItemList* m_items = nullptr; ///< not owned; only while a discovery is being read
+    CollectionItemList* m_items = nullptr; ///< not owned; set while a discovery is read
 };
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -1,10 +1,10 @@
 #pragma once
-// The entries of a collection, as they are read back. AuthSubIterator parses the document around
-// them. docs/formats.md has the document.
+// The items of a collection. AuthSubIterator parses the document around them. docs/formats.md
+// describes the document.
 //
-// Whatever is in an entry was written by an explorer, perhaps of another host. What is not known is
-// logged ("Ignoring Unknown Tag") and skipped with all that is in it. An item is made and parsed by
-// one thread; once it is complete it changes no more, and any thread may read it.
+// An explorer wrote the items, perhaps one of another host. The parser logs an unknown element
+// ("Ignoring Unknown Tag") and skips it with its content. One thread makes and parses an item. A
+// complete item never changes, and any thread may read it.
 
 #include <ostream>
 #include <string>
@@ -22,7 +22,7 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 class DiscoveredDataContext;
 
-/// One entry of a collection.
+/// One item of a collection.
 class DISCSRV_EXPORT CollectionItem : public virtual TLXRefCounted, public XmlDocumentInterface
 {
   public:
@@ -30,33 +30,33 @@ class DISCSRV_EXPORT CollectionItem : public virtual TLXRefCounted, public XmlDo
     ~CollectionItem() override;
 };
 
-/// Something that an explorer discovered.
+/// A thing that an explorer discovered.
 class DISCSRV_EXPORT DiscoveredItem : public virtual CollectionItem
 {
   public:
     explicit DiscoveredItem(std::string name);
 
-    // Reading; the context is one that xmlCreateObject made for this item. A block of explorer data
-    // goes to the parser registered under its "Name", wherever that comes from: what such a parser
-    // throws is logged and costs the item that block.
+    // These read the item with the context that xmlCreateObject made for it. The parser that is
+    // registered under the "Name" of a data block reads the block. If the parser throws, the
+    // exception is logged and the item loses that block.
     void xmlCharacters(XmlObjParseContext* context, const XMLCh* chars,
                        unsigned long length) override;
     void xmlStartElement(XmlObjParseContext* context, const XMLCh* name,
                          AttributeList& attributes) override;
     int xmlEndElement(XmlObjParseContext* context, const XMLCh* name) override;
 
-    /// Writes the item as an element "Discovered", which reads back: readers do not mind the case.
+    /// Writes the item as an element "Discovered".
     std::ostream& writeXml(std::ostream& out, XmlStr::Encoding encoding) const override;
     ~DiscoveredItem() override;
 
-    /// Empty when the element had none.
+    /// Empty if the element had no name.
     const std::string& getName() const { return m_name; }
-    // Null when there is none; each stays this object's.
+    // Both return null if the item lacks that part. The item stays its owner.
     const StatusMsg* getStatusMsg() const { return m_status.get(); }
     const QmkPolicy* getPolicy() const { return m_policy.get(); }
-    /// A reference for the caller to release, or null.
+    /// Returns the data, or null. The caller releases the reference.
     ExplorerData* getExplorerData() const;
-    /// The name of the explorer whose data it is; empty without data.
+    /// The name of the explorer that wrote the data; empty without data.
     const TlxString& getExplorerName() const { return m_explorerName; }
 
   private:
@@ -70,16 +70,16 @@ class DISCSRV_EXPORT DiscoveredItem : public virtual CollectionItem
     AutoDereference<QmkPolicy> m_policy;
     AutoDereference<StatusMsg> m_status;
     AutoDereference<ExplorerData> m_explorerData;
-    AutoDereference<ExplorerDataParser> m_explorerParser; ///< of the block being read
+    AutoDereference<ExplorerDataParser> m_explorerParser; ///< of the current block
     TlxString m_explorerName;
 };
 
-/// What can be asked about discovered items: a query's description and nothing else, to which all
-/// that is read and written is handed on.
+/// The filters that discovered items support: the description of a query. The description reads and
+/// writes itself.
 class DISCSRV_EXPORT FilterItem : public virtual CollectionItem
 {
   public:
-    /// Adopts the caller's reference; null is a filter of which nothing is known.
+    /// Becomes the owner of the caller's reference, which may be null.
     explicit FilterItem(TlxQuery* query);
 
     void xmlCharacters(XmlObjParseContext* context, const XMLCh* chars,
@@ -90,15 +90,15 @@ class DISCSRV_EXPORT FilterItem : public virtual CollectionItem
     std::ostream& writeXml(std::ostream& out, XmlStr::Encoding encoding) const override;
     ~FilterItem() override;
 
-    /// The description, or null; it stays this object's.
+    /// The description, or null. This object stays its owner.
     const TlxQuery* getQuery() const { return m_query.get(); }
 
   private:
     const AutoDereference<TlxQuery> m_query;
 };
 
-/// Make an item from its start tag (the caller gets the creator's reference through item) and
-/// answer the context for its content, which the caller owns.
+/// Both make an item from its start tag, and return the context for its content. The caller
+/// releases the item and becomes the owner of the context.
 DISCSRV_EXPORT XmlObjParseContext* xmlCreateObject(const XMLCh* name, AttributeList& attributes,
                                                    const XmlObjParseContext* parent,
                                                    DiscoveredItem*& item);

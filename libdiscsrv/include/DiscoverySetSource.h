@@ -1,5 +1,5 @@
 #pragma once
-// Collection data as the XML parser reads documents.
+// Lets the XML parser read collection data.
 
 #include <cstddef>
 
@@ -10,22 +10,21 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// The largest document that is read as items. Of a document are kept its items, the names of its
-/// elements, what the parser has not told of yet, and one text at a time, that three times;
-/// tlx/Xml.h has the bounds of all but the items.
+/// The largest document that is read as items. Reading it needs memory for its items, the names of
+/// its elements, the parser's buffer, and three copies of one text. tlx/Xml.h has the other bounds.
 constexpr std::size_t MAX_ITEMS_DOCUMENT_BYTES = 64u << 20;
 
-/// The bytes of open collection data, from where it stands. A failed read is the end; so are
-/// the end of the service, which waits for no document, and MAX_ITEMS_DOCUMENT_BYTES, which is
-/// logged.
+/// The bytes of open collection data, from its current position. A failed read ends the stream, and
+/// so does a shutdown, which waits for no document. At MAX_ITEMS_DOCUMENT_BYTES the stream also
+/// ends, with a log line.
 class DISCSRV_EXPORT DiscoverySetBinInputStream : public xercesc::BinInputStream
 {
   public:
-    /// @param data outlives the stream.
+    /// @param data must outlive the stream.
     explicit DiscoverySetBinInputStream(const CollectionData& data);
     XMLFilePos curPos() const override;
     XMLSize_t readBytes(XMLByte* buffer, XMLSize_t maxToRead) override;
-    /// Null: the document tells its encoding.
+    /// Returns null: the document states its encoding.
     const XMLCh* getContentType() const override;
 
   private:
@@ -33,13 +32,13 @@ class DISCSRV_EXPORT DiscoverySetBinInputStream : public xercesc::BinInputStream
     XMLFilePos m_position = 0;
 };
 
-/// Used by one thread; reads nothing by itself. The XML library must be up (tlx/Xml.h).
+/// One thread uses it. It reads nothing itself. The XML library must be initialised (tlx/Xml.h).
 class DISCSRV_EXPORT DiscoverySetInputSource : public xercesc::InputSource
 {
   public:
-    /// @param data open for reading; outlives this object and its streams.
+    /// @param data is open for reading, and must outlive this object and its streams.
     DiscoverySetInputSource(const CollectionData& data, const char* systemId);
-    /// A new stream, which the caller owns.
+    /// Makes a new stream. The caller becomes its owner.
     xercesc::BinInputStream* makeStream() const override;
 
   private:

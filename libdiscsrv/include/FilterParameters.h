@@ -1,12 +1,13 @@
 #pragma once
-// The filter that travels to a pull explorer, as the text that collection data is opened with.
+// The filter for a pull explorer. It travels as the text that opens the collection data:
 //
 //     <FilterParameters>
 //       <QueryString>size &gt; 10G</QueryString>
 //       <JobExecInfo>backup --level &quot;full now&quot;</JobExecInfo>
 //     </FilterParameters>
 //
-// after an XML declaration and without the white space; "JobExecInfo" only when a job is known.
+// An XML declaration comes first, and the white space between the elements is left out.
+// "JobExecInfo" is written only for a known job.
 
 #include <tlx/JobExecInfo.h>
 #include <tlx/Query.h>
@@ -18,28 +19,28 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// A query string and the job that asks. Used by one thread at a time; once it changes no more, any
-/// number may write it or set queries from it.
+/// A query string and the job that asks. One thread at a time may change it. Any number of threads
+/// may use an object that does not change.
 class DISCSRV_EXPORT FilterParameters : public XmlDocumentInterface
 {
   public:
-    /// @param job may be null; a reference of this object's own is kept.
-    /// @param query null for none.
+    /// @param job may be null. The object takes a reference.
+    /// @param query may be null.
     FilterParameters(const JobExecInfo* job, const char* query);
-    /// Reads the document. One that cannot be read leaves the parameters empty; why is the XML
-    /// reader's log line. No text (empty or null) is no filter, and no failure.
+    /// Reads the document. If that fails, the parameters are empty and the XML reader logs the
+    /// reason. An empty or null text means no filter.
     explicit FilterParameters(const char* xml);
     ~FilterParameters() override;
 
-    /// Hands the job and the query string over; answers whether the string is a query
-    /// (TlxQuery::setQuery).
+    /// Sets the job and the query string of a query. Returns the result of TlxQuery::setQuery: true
+    /// if the string is a query.
     bool setQuery(TlxQuery& query) const;
 
     const TlxString& queryString() const { return m_queryString; }
-    /// Null when there is none; it stays this object's.
+    /// The job, or null. This object stays its owner.
     const JobExecInfo* job() const { return m_job.get(); }
 
-    /// Writes the document; nothing at all when the query string is empty.
+    /// Writes the document. Writes nothing if the query string is empty.
     std::ostream& writeXml(std::ostream& out, XmlStr::Encoding encoding) const override;
 
     XmlObjParseContext* getObjParseContext(const XMLCh* name) override;
@@ -52,7 +53,7 @@ class DISCSRV_EXPORT FilterParameters : public XmlDocumentInterface
     AutoDereference<const JobExecInfo> m_job;
 };
 
-/// Where a parse of the document is.
+/// The state of a parse of the document.
 class DISCSRV_EXPORT FilterParametersContext : public XmlObjParseContext
 {
   public:

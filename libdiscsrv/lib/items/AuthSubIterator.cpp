@@ -112,7 +112,7 @@ tl::expected<void, ResearchFailure> AuthSubIterator::readDiscovery(CollectionDat
     if (!data->open(OM_READ, text.str().c_str())) {
         const std::string cause = "Failed to read collection data";
         DISC_LOG(1, cause);
-        // The backend's own reason says more, where it has one.
+        // The backend's own reason is more exact, but not every backend has one.
         return failure(ResearchProblem::NOT_OPENED,
                        data->getOpenFailure().empty() ? cause : data->getOpenFailure());
     }
@@ -246,7 +246,7 @@ void AuthSubIterator::keepItem(const AutoDereference<CollectionItem>& item)
 {
     if (!TLX_ASSERT(m_items))
         return;
-    if (m_items->size() == MAX_COLLECTION_ITEMS) // which ends the parse, see tlx/Xml.h
+    if (m_items->size() == MAX_COLLECTION_ITEMS) // the exception ends the parse, see tlx/Xml.h
         throw std::length_error("there are more than " + std::to_string(MAX_COLLECTION_ITEMS) +
                                 " items");
     m_items->push_back(item);

@@ -21,12 +21,12 @@ constexpr const char* TAG_EXPLORER_DATA = "ExplorerData";
 constexpr const char* TAG_DISCOVERED_WRITTEN = "Discovered";
 constexpr const char* ATTRIBUTE_NAME = "Name";
 
-/// Runs a call into the parser of a block. False when it threw, which is logged with the parser's
-/// name.
+/// Calls the parser of a block. If the parser throws, it logs the exception with the parser's name
+/// and returns false.
 bool callParser(const ExplorerDataParser& parser, const DiscoveredDataContext& context,
                 const char* operation, const std::function<void()>& call)
 {
-    // The service's own is no foreign code, and is called far more often than any other.
+    // The default parser is not foreign code, and it is called most often.
     if (dynamic_cast<const DefaultExplorerDataParser*>(&parser)) {
         call();
         return true;
@@ -69,7 +69,7 @@ XmlObjParseContext* xmlCreateObject(const XMLCh* name, AttributeList& attributes
     return context.release();
 }
 
-// What can be asked: all of it is the query's.
+// The description of a query.
 
 FilterItem::FilterItem(TlxQuery* query) : m_query(query) {}
 FilterItem::~FilterItem() = default;
@@ -98,7 +98,7 @@ std::ostream& FilterItem::writeXml(std::ostream& out, XmlStr::Encoding encoding)
     return m_query ? m_query->writeXml(out, encoding) : out;
 }
 
-// A discovered item, written.
+// Writing a discovered item.
 
 std::ostream& DiscoveredItem::writeXml(std::ostream& out, XmlStr::Encoding encoding) const
 {
@@ -122,7 +122,7 @@ std::ostream& DiscoveredItem::writeXml(std::ostream& out, XmlStr::Encoding encod
     return XmlStr::appendEnd(out, TAG_DISCOVERED_WRITTEN);
 }
 
-// A discovered item, read.
+// Reading a discovered item.
 
 void DiscoveredItem::xmlStartElement(XmlObjParseContext* context, const XMLCh* name,
                                      AttributeList& attributes)
@@ -195,7 +195,7 @@ void DiscoveredItem::startInBlock(DiscoveredDataContext& context, const XMLCh* n
             !callParser(*m_explorerParser, context, "ExplorerDataParser::xmlStartElement", [&] {
                 m_explorerParser->xmlStartElement(context.m_subContext.get(), name, attributes);
             });
-    if (!context.isSkipping()) // of what is skipped no end will be told
+    if (!context.isSkipping()) // a skipped element gets no call at its end
         ++context.m_depth;
 }
 
@@ -226,8 +226,8 @@ int DiscoveredItem::xmlEndElement(XmlObjParseContext* context, const XMLCh* name
     if (!TLX_ASSERT(ctxt))
         return XML_NOTHING;
     if (ctxt->m_nodes.empty()) {
-        // Also when a block ended early, at an element inside it that has the block's own name: the
-        // item is complete with what the block had until then.
+        // A block that ended early, at an inner element of the block's name, also leads here. The
+        // item is complete then, with the first part of the block.
         if (!TLX_ASSERT(ctxt->isEndTag(name)))
             ctxt->countFault();
         return XML_COMPLETE;
@@ -264,8 +264,8 @@ int DiscoveredItem::xmlEndElement(XmlObjParseContext* context, const XMLCh* name
     return XML_INSIDE;
 }
 
-/// The parser's answer, where it can be one. A block ends at its end tag at the latest, whatever
-/// its parser says: what follows is not the block's.
+/// Returns the parser's result if it is valid here. A block ends at its end tag at the latest,
+/// whatever its parser returns.
 int DiscoveredItem::endInBlock(DiscoveredDataContext& context, const XMLCh* name)
 {
     const bool blockEnds = context.m_depth == 0;
@@ -286,7 +286,7 @@ int DiscoveredItem::endInBlock(DiscoveredDataContext& context, const XMLCh* name
     return result;
 }
 
-/// Keeps the object that is complete now.
+/// Keeps the object that is now complete.
 void DiscoveredItem::takeSub(DiscoveredDataContext& context)
 {
     switch (context.m_nodes.back()) {
@@ -307,7 +307,7 @@ void DiscoveredItem::takeSub(DiscoveredDataContext& context)
 
 void DiscoveredItem::endSub(DiscoveredDataContext& context)
 {
-    context.m_subContext.reset(); // before the parser: the code of both is in one library
+    context.m_subContext.reset(); // before the parser: one library has the code of both
     context.m_subInterface = nullptr;
     context.m_status.reset();
     context.m_policy.reset();

@@ -12,7 +12,7 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 constexpr const char* TAG_DISCOVERED_ITEMS = "DiscoveredItems";
 constexpr const char* TAG_FILTER_DATA = "FilterData";
-/// As it is looked for; it is written as "Discovered".
+/// Reading looks for this tag and ignores the case. Writing uses "Discovered".
 constexpr const char* TAG_DISCOVERED = "DISCOVERED";
 
 /// The whole document.
@@ -37,7 +37,7 @@ class DiscoverySetContext : public XmlObjParseContext
 
     std::deque<std::uint32_t> m_nodes;
     AutoDereference<CollectionItem> m_subInterface;
-    std::unique_ptr<XmlObjParseContext> m_subContext; ///< goes before the object it is for
+    std::unique_ptr<XmlObjParseContext> m_subContext; ///< destroyed before m_subInterface
 };
 
 /// Inside a "DISCOVERED" element.
@@ -54,7 +54,7 @@ class DiscoveredDataContext : public XmlObjParseContext
     using XmlObjParseContext::XmlObjParseContext;
 
     std::deque<std::uint32_t> m_nodes;
-    /// One of the next two, or the item's explorer parser.
+    /// m_status, m_policy or the item's explorer parser.
     XmlInterface* m_subInterface = nullptr;
     AutoDereference<StatusMsg> m_status;
     AutoDereference<QmkPolicy> m_policy;
@@ -62,8 +62,8 @@ class DiscoveredDataContext : public XmlObjParseContext
 
     // The block of explorer data. Its parser may come from a library.
     TlxString m_explorerName;
-    unsigned m_depth = 0;       ///< elements open inside the block
-    bool m_blockFailed = false; ///< the parser threw: the rest of the block is nobody's
+    unsigned m_depth = 0;       ///< open elements inside the block
+    bool m_blockFailed = false; ///< the parser threw, so the rest of the block is skipped
 };
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

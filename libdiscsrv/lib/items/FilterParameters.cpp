@@ -14,10 +14,10 @@ constexpr const char* TAG_DOCUMENT = "FilterParameters";
 constexpr const char* TAG_QUERY_STRING = "QueryString";
 constexpr const char* TAG_JOB = "JobExecInfo";
 
-/// The caller gets the creator's reference.
+/// Makes the job. The caller releases the reference.
 JobExecInfo* jobFromCommandLine(const TlxString& line)
 {
-    // What another host wrote is not given this process's environment to look into.
+    // Another host wrote the line, so it must not read this process's environment.
     constexpr bool WITH_ENVIRONMENT = false;
     ACE_ARGV splitter(line.c_str(), WITH_ENVIRONMENT);
     int count = splitter.argc();
@@ -47,7 +47,7 @@ FilterParameters::FilterParameters(const char* xml) : XmlDocumentInterface(nullp
 {
     if (!xml || !*xml || parseBuffer(xml))
         return;
-    // Half a document is none.
+    // A document that cannot be read to its end gives no filter.
     m_queryString.clear();
     m_job.reset();
 }
@@ -105,7 +105,7 @@ void FilterParameters::xmlStartElement(XmlObjParseContext* context, const XMLCh*
         if (ctxt->m_state != Context::Document)
             return;
     }
-    XmlInterface::xmlStartElement(ctxt, name, attributes); // unknown: skipped whole
+    XmlInterface::xmlStartElement(ctxt, name, attributes); // skips the unknown element
 }
 
 int FilterParameters::xmlEndElement(XmlObjParseContext* context, const XMLCh*)
