@@ -1,9 +1,9 @@
 #pragma once
-// The process-wide repository: where queries are answered from, and where new discoveries go.
+// The repository of a process. It answers queries and makes new discoveries.
 //
-// Only the master's generic service answers from its own storage; any other host asks the master.
-// Failures are logged and answered with null or no effect; no exception leaves an operation. Any
-// thread may call; the framework is set before anything else reaches the repository.
+// Only the master's generic service uses storage of its own. Any other host asks the master. A
+// failed operation logs the reason and returns null or does nothing; nothing is thrown. Any thread
+// may call. The framework is set before the first use.
 
 #include <atomic>
 #include <memory>
@@ -27,7 +27,7 @@ class ExplorerRegistry;
 class PeerLink;
 class PushSchedule;
 
-/// What people see of one registered explorer.
+/// One registered explorer, as people see it.
 struct ExplorerStatus
 {
     const char* kind; ///< "push" or "pull"
@@ -36,21 +36,21 @@ struct ExplorerStatus
     std::string authority;
     AuthorityType type;
     unsigned priority;
-    std::string library; ///< empty for the service's own
-    TlxObjTime last;     ///< of the last push or pull; zero when there was none
-    std::string outcome; ///< how that went
+    std::string library; ///< empty for an explorer of the service itself
+    TlxObjTime last;     ///< time of the last push or pull; zero for none
+    std::string outcome; ///< of that push or pull
 };
 
-/// A façade: the explorers are an ExplorerRegistry's and an ExplorerParsers', the timers a
-/// PushSchedule's, the way to other hosts a PeerLink's.
+/// A façade. ExplorerRegistry and ExplorerParsers keep the explorers, PushSchedule keeps the
+/// timers, and PeerLink connects to other hosts.
 ///
-/// Every internal use of a virtual operation is a virtual call, so that a derived repository can
-/// change the routing.
+/// The repository calls its own virtual operations virtually, so a derived repository can change
+/// the routing.
 ///
-/// Explorers are registered here by plug-ins and by other hosts. Of two registrations for the same
-/// authority and subject the one of higher priority wins. A pull registration also replaces one of
-/// its own priority, a push registration does not. No lock is held while an explorer runs. The lock
-/// that the repository inherits guards nothing in it.
+/// Plug-ins and other hosts register explorers here. If two registrations have the same authority
+/// and subject, the higher priority wins. A pull registration also replaces one of the same
+/// priority; a push registration does not. The repository holds no lock while an explorer runs. It
+/// does not use the lock that it inherits.
 class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
                                            public virtual TlxLockable
 {
@@ -61,136 +61,139 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
 
     /// Uses the process's link to other hosts.
     DiscoveryRepository();
-    /// @param link outlives this object.
-    /// @param mostExplorers of each kind; beyond it registrations are dropped.
+    /// @param link must outlive this object.
+    /// @param mostExplorers the bound for each kind; further registrations are dropped.
     explicit DiscoveryRepository(PeerLink& link, std::size_t mostExplorers = MAX_EXPLORERS);
 
-    /// A new record in the store that this service writes to: the disk on the master's generic
-    /// service, the master anywhere else. Releases what out held; out is empty on failure. Subject,
-    /// authority and attributes are copied.
+    /// Makes a new record: on disk for the master's generic service, on the master for any other
+    /// service. Releases the previous object in out; on failure out is empty. Copies subject,
+    /// authority and attributes.
     virtual void newDiscovery(AutoDereference<Discovery>& out, DiscoveryQuery query,
                               const Subject& subject, const Authority& authority,
                               const CollectionAttributes& attributes) const;
 
-    /// Records that match; "*" or an empty name matches any. A new iterator for the caller to
-    /// release, or null.
+    /// Finds the matching records. "*" or an empty name matches any. Returns a new iterator, which
+    /// the caller releases, or null on failure.
     virtual DiscoveryIterator* queryDiscoveries(DiscoveryQuery query, const std::string& subject,
                                                 const std::string& authority, AuthorityType type);
 
-    /// Whether this host is the master. Found out on first use, which may take 5 seconds.
+    /// True if this host is the master. The first call looks that up, which may take 5 seconds.
     virtual bool isMaster() const;
-    /// Whether this is the generic discovery service.
+    /// True if this is the generic discovery service.
     virtual bool isGenericDS() const;
     virtual bool isGenericDSOnMaster() const;
     virtual DiscoveryServiceType getDSType() const;
 
-    /// The master's name from the configuration; empty (and logged) when none is set.
+    /// Returns the master's name. If the configuration has none, it logs that and the name is
+    /// empty.
     virtual void getMasterServerName(TlxHostname& out) const;
 
     ~DiscoveryRepository() override;
 
-    /// Has the push timer run within a minute. Without a push timer nothing happens.
+    /// Lets the push timer run within a minute. Does nothing without a push timer.
     virtual void triggerPushTimer();
 
-    /// The authority of what this host itself finds out: a new object that the caller
-    /// owns.
+    /// Makes the authority of this host's own discoveries. The caller becomes its owner.
     virtual Authority* getLocalAuthority() const;
 
-    // The walks over explorers take no lock, so the caller hands them sets that do not change.
+    // The walks over explorers take no lock, so the sets must not change during a walk.
     virtual void startExplorers(const ExplorerSet& explorers, const EngineContext& context);
     virtual void stopExplorers(const ExplorerSet& explorers);
 
-    /// Makes a push timer for the push explorers of this moment, and has it run at once. The timer
-    /// before it keeps its own schedule.
+    /// Makes a push timer for the current push explorers, which runs at once. The previous push
+    /// timer keeps its own schedule.
     virtual void startPushTimer();
-    /// Makes the timer that registers this host's pull explorers with the master, and has it run
-    /// within five minutes.
+    /// Makes the timer that registers this host's pull explorers with the master. It runs within
+    /// five minutes.
     virtual void startRegisterTimer();
 
-    /// Asks the master. Null on failure; a new iterator for the caller to release.
+    /// Sends a query to the master. Returns a new iterator, which the caller releases, or null on
+    /// failure.
     virtual DiscoveryIterator* queryRemoteDiscoveries(DiscoveryQuery query,
                                                       const std::string& subject,
                                                       const std::string& authority,
                                                       AuthorityType type);
 
-    /// Whether a name holds a "*".
+    /// True if a name holds a "*".
     static bool stringContainsWildcard(const std::string& text);
 
-    // Registration. Any thread; the explorer gains a reference, subject and authority are copied.
-    // Without an authority (null) it is this host's own. Registrations beyond MAX_EXPLORERS, and
-    // those that come once the service is shutting down, are logged and dropped; one that loses
-    // against a higher priority is dropped and not logged.
+    // Both take a reference to the explorer and copy subject and authority. A null authority stands
+    // for this host's own. A registration beyond MAX_EXPLORERS, or during a shutdown, is logged and
+    // dropped. One that loses against a higher priority is dropped without a log line.
     void registerExplorer(const Subject* subject, const ExplorerPush* explorer,
                           const unsigned int& priority, const Authority* authority);
-    /// @param fromCache whether it was read back from the store; otherwise, on the master's generic
-    /// service, an explorer of another host is stored, so that a restart finds it again.
+    /// @param fromCache true if the registration comes from the store. Otherwise the master's
+    /// generic service stores an explorer of another host, so that it is still registered after a
+    /// restart.
     void registerExplorer(const Subject* subject, const ExplorerPull* explorer,
                           const unsigned int& priority, const Authority* authority, bool fromCache);
-    /// Keeps a reference to the parser, for the whole process; the first one for a type stays.
+    /// Keeps a reference to the parser until the process ends. The first parser for a type stays.
     void registerExplorerParser(const TlxString& type, const ExplorerDataParser* parser);
-    /// The parser of an explorer's data blocks, or the default one: a reference for the caller to
-    /// release. The first call loads the parsers of the plug-ins; others wait for that.
+    /// Returns the parser of an explorer's data blocks, or the default one. The caller releases the
+    /// reference. The first call loads the parsers of the plug-ins; other callers wait for that.
     ExplorerDataParser* getRegisteredExplorerParser(const TlxString& type);
     static constexpr std::size_t MAX_EXPLORERS = 10000; ///< of each kind
 
     // Copies of the sets.
     ExplorerSet getPushExplorers() const;
     ExplorerSet getPullExplorers() const;
-    // The sets of this moment; never null. Nothing is copied, and no registration is waited for.
+    // The current sets; never null. These copy nothing and wait for no registration.
     std::shared_ptr<const ExplorerSet> pushExplorers() const;
     std::shared_ptr<const ExplorerSet> pullExplorers() const;
 
-    /// What pull explorers can produce: the first one in the set whose names match, and all after
-    /// it, whether or not they match. Null when none matches; a new iterator for the caller to
-    /// release. The names may hold wildcards.
+    /// Finds the records that pull explorers can produce. It takes the first explorer in the set
+    /// that matches, and all after it, whether they match or not. Returns a new iterator, which the
+    /// caller releases, or null if none matches. The names may hold wildcards.
     DiscoveryIterator* findPullExplorer(DiscoveryQuery query, const ExplorerSet& pullExplorers,
                                         const std::string& subject, const std::string& authority);
 
-    /// The hosts that were discovered: the names of all authorities that tell what their volumes or
-    /// file systems can be filtered by, each once. What cannot be read is logged and left out.
+    /// Returns the discovered hosts: the authorities that publish filters for volumes or file
+    /// systems. It logs a record that it cannot read, and leaves it out.
     std::set<TlxString> getDiscoveredClientList();
 
-    /// Stores an explorer of another host, so that it is found again after a restart; does nothing
-    /// for any other. On the master only.
+    /// Stores an explorer of another host, so that it is still registered after a restart. Ignores
+    /// any other explorer. Call it on the master only.
     void persistToDisk(const AutoDereference<ExplorerWrapper>& wrapper);
 
     /// One entry for each registered explorer.
     std::vector<ExplorerStatus> getExplorerStatus() const;
-    /// When the push timer runs next; zero when it is not scheduled.
+    /// The time of the next push; zero if none is scheduled.
     TlxObjTime getNextPush() const;
 
-    /// Takes a reference and drops the one held before. Null drops only.
+    /// Takes a reference and drops the previous one. Null only drops.
     void setDiscoveryFramework(const HostedService* framework);
 
-    // What the framework knows. Each reports a missing framework as a broken invariant, and then
-    // answers an empty value, 0 or null.
+    // These ask the framework. Without one each fails an assertion and returns an empty value, 0 or
+    // null.
     TlxString getDSName() const;
     TlxString getOrbServiceName() const;
     Orb* getOrb() const;
-    /// Where servants are activated; not to be released.
+    /// The POA of the servants. Do not release it.
     PortableServer::POA_ptr getPOA() const;
 
-    /// The discovery service of another host; nil on failure, otherwise the caller releases it.
+    /// Connects to the discovery service of another host. Returns nil on failure. The caller
+    /// releases the reference.
     Remote::DiscoveryService_ptr connectToRemoteDiscoveryService(const TlxHostname& host,
                                                                  const char* serviceName) const;
 
-    /// Start-up: loads the explorers, starts them, and starts the timers.
+    /// Loads the explorers, starts them, and starts the timers.
     void loadExplorers();
 
-    /// The service is about to end: what takes long is given up from now on, so that nobody waits
-    /// for it. Registrations are dropped.
+    /// Makes long operations give up, so that the shutdown does not wait for them. New
+    /// registrations are dropped.
     void announceShutdown();
-    /// Ends the timers, stops the explorers and forgets them; once.
+    /// Ends the timers, stops the explorers and removes them. Call it once.
     void shutdown();
-    /// Waits until the timers are gone; after shutdown.
+    /// Waits until the timers are destroyed. Call it after shutdown.
     void fini();
-    /// Announced or begun.
+    /// True after announceShutdown or shutdown.
     bool isShuttingDown() const;
 
   private:
     class ScheduleOwner;
 
-    /// A new entry for the caller to release; null, and reported, when something is missing.
+    /// Makes a new entry, which the caller releases. If a part is missing it fails an assertion and
+    /// returns null.
     ExplorerWrapper* makeWrapper(const Subject* subject, const Explorer* explorer,
                                  unsigned int priority, const Authority* authority) const;
     void loadPullExplorerCache();

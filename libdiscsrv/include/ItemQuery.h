@@ -1,5 +1,5 @@
 #pragma once
-// Asking the repository for discoveries, to read them as items.
+// Queries the repository for discoveries, to read them as items.
 
 #include <string>
 
@@ -16,12 +16,14 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 // hosts). Each host that does is a discovered client.
 constexpr const char* CLIENT_SUBJECTS[] = {"volume", "filesystem"};
 
-/// What the repository finds (DiscoveryRepository::queryDiscoveries: subject, then authority): a
-/// new iterator for the caller to release; null, and logged, on failure. Any thread.
+/// Queries the repository (DiscoveryRepository::queryDiscoveries). Returns a new iterator, which
+/// the caller releases. On failure it logs that and returns null. Any thread may call it.
+/// @param first the subject.
+/// @param second the authority.
 DISCSRV_EXPORT AuthSubIterator* getAuthSubIterator(DiscoveryQuery query, const std::string& first,
                                                    const std::string& second, AuthorityType type);
 
-/// The same, with the failure as a value.
+/// The same. It returns the failure as a value.
 [[nodiscard]] DISCSRV_EXPORT tl::expected<AutoDereference<AuthSubIterator>, ResearchFailure>
 researchDiscoveries(DiscoveryQuery query, const std::string& subject, const std::string& authority,
                     AuthorityType type);

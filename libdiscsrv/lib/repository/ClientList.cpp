@@ -8,8 +8,8 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../Researcher";
 
-/// Adds the hosts that publish what a subject can be filtered by; false when no host does. Ends at
-/// the next record when the service does.
+/// Adds the hosts that publish filters under a subject. Returns false if no host does. Ends at the
+/// next record when the service shuts down.
 bool addClients(const DiscoveryRepository& repository, const char* subject,
                 std::set<TlxString>& clients)
 {

@@ -24,7 +24,7 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../DiscoveryRepository";
 
-/// A loader of its own: that of the start-up may be at work in another thread.
+/// Uses a loader of its own, because another thread may use the start-up's loader now.
 void loadParserLibraries()
 {
     EngineContext context(true);
@@ -36,7 +36,7 @@ void loadParserLibraries()
 
 } // namespace
 
-/// The repository as the timers see it.
+/// Gives the timers the operations of the repository that they need.
 class DiscoveryRepository::ScheduleOwner : public PushScheduleOwner
 {
   public:
@@ -133,7 +133,7 @@ bool DiscoveryRepository::isGenericDS() const
 
 bool DiscoveryRepository::isMaster() const
 {
-    // A process that was given its master's address does not look for it in the configuration.
+    // A process with a given master's address does not ask the configuration.
     return !m_link.isMasterGiven() && getRemoteDiscoveryDatabase()->isMaster();
 }
 

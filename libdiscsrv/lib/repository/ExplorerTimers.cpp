@@ -16,7 +16,7 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../DiscoveryRepository";
 
-/// The master reaches a client's explorers by this name and the service's.
+/// The master reaches a client's explorers by this host name and the service name.
 std::string localHost()
 {
     TlxHostname host;
@@ -64,7 +64,7 @@ bool DiscoveryTimerBase::scheduleLocked(unsigned seconds)
         return false;
     if (m_id != -1)
         reactor->cancel_timer(m_id, nullptr, 1);
-    ++m_generation; // a run that begins now for the old schedule does nothing
+    ++m_generation; // a run of the old schedule that begins now does nothing
     m_id = reactor->schedule_timer(this, reinterpret_cast<const void*>(m_generation),
                                    ACE_Time_Value(static_cast<time_t>(seconds)));
     m_due = TlxObjTime::now() + TlxObjTime(seconds, 0);

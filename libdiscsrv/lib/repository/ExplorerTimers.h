@@ -1,5 +1,5 @@
 #pragma once
-// The timers that keep discoveries fresh. They run on the reactor's thread, one at a time.
+// The timers that refresh discoveries. They run on the reactor's thread, one at a time.
 
 #include <cstdint>
 #include <mutex>
@@ -13,27 +13,27 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-constexpr unsigned PUSH_INTERVAL_SECONDS = 14400; ///< and a pushed record's time to live
+constexpr unsigned PUSH_INTERVAL_SECONDS = 14400; ///< also a pushed record's time to live
 constexpr unsigned TRIGGERED_PUSH_RANGE_SECONDS = 60;
 constexpr unsigned FIRST_REGISTER_RANGE_SECONDS = 300;
 constexpr unsigned REGISTER_RETRY_SECONDS = 300;
 
 /// A timer without a repeat: each run schedules the next one. It has at most one schedule, however
-/// many threads schedule it, and none once it is cancelled. A restart in the middle of a run leaves
-/// one schedule, a stop in the middle of a run leaves none. The reactor holds a reference while the
-/// timer is scheduled or runs.
+/// many
+/// threads schedule it. A cancelled timer has none. This also holds for a restart or a cancel
+/// during a run. The reactor holds a reference while the timer is scheduled or runs.
 class DiscoveryTimerBase : public TLXBlocking, public ACE_Event_Handler
 { // TLXBlocking must be the first base: it is destroyed last, and wakes waiters only then.
   public:
-    /// Replaces the schedule. False once it is cancelled or the service is shutting
-    /// down, and without a reactor.
+    /// Replaces the schedule. Returns false if the timer is cancelled, the service shuts down, or
+    /// there is no reactor.
     bool schedule(unsigned seconds);
-    /// For good. A run in progress goes on.
+    /// Cancels the timer for ever. A run in progress goes on.
     void cancel();
-    /// When it runs next; zero when it is not scheduled.
+    /// The time of the next run; zero if the timer is not scheduled.
     TlxObjTime due() const;
 
-    // The reactor's view.
+    // The reactor calls these.
     int handle_timeout(const ACE_Time_Value& now, const void* generation) override;
     Reference_Count add_reference() override;
     Reference_Count remove_reference() override;
@@ -43,7 +43,7 @@ class DiscoveryTimerBase : public TLXBlocking, public ACE_Event_Handler
     ~DiscoveryTimerBase() override = default;
 
     virtual void run() = 0;
-    /// At the end of a run. Keeps a schedule that another thread made meanwhile.
+    /// Schedules the next run at the end of a run, unless another thread has scheduled it already.
     void scheduleAgain(unsigned seconds);
 
     PushScheduleOwner& m_owner;
@@ -51,18 +51,18 @@ class DiscoveryTimerBase : public TLXBlocking, public ACE_Event_Handler
   private:
     bool scheduleLocked(unsigned seconds);
 
-    mutable std::mutex m_mutex; // held over the reactor's schedule and cancel, never over a run
+    mutable std::mutex m_mutex; // held while the reactor schedules and cancels, never during a run
     std::uintptr_t m_generation = 0;
-    long m_id = -1; ///< the reactor's, -1 when it is not scheduled
+    long m_id = -1; ///< the reactor's id; -1 if the timer is not scheduled
     TlxObjTime m_due;
     bool m_cancelled = false;
 };
 
-/// Has every push explorer push, and itself run again in four hours.
+/// Calls every push explorer, every four hours.
 class ExplorerPushTimer : public DiscoveryTimerBase
 {
   public:
-    /// Keeps the set: what is registered later is not pushed.
+    /// Keeps the set. Explorers that are registered later do not push.
     ExplorerPushTimer(PushScheduleOwner& owner, std::shared_ptr<const ExplorerSet> explorers)
         : DiscoveryTimerBase(owner), m_explorers(std::move(explorers))
     {
@@ -77,8 +77,8 @@ class ExplorerPushTimer : public DiscoveryTimerBase
     const std::shared_ptr<const ExplorerSet> m_explorers;
 };
 
-/// Registers this host's pull explorers, those of the moment of its run, with the master. Tries
-/// again every five minutes until it succeeds; then the push timer starts.
+/// Registers this host's current pull explorers with the master. It tries again every five minutes
+/// until it succeeds. Then it starts the push timer.
 class ExplorerRegisterTimer : public DiscoveryTimerBase, public TlxLockable
 {
   public:
@@ -89,7 +89,8 @@ class ExplorerRegisterTimer : public DiscoveryTimerBase, public TlxLockable
     void run() override;
 
   private:
-    /// False when the service is shutting down. A CORBA exception may leave it.
+    /// Returns false if the service shuts down.
+    /// @throws CORBA::Exception if a call to the master fails.
     bool registerAll(const ExplorerSet& explorers, Remote::DiscoveryService_ptr master);
 };
 

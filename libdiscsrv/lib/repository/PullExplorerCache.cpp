@@ -11,11 +11,11 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 constexpr const char* LOG_SOURCE = "../DiscoveryRepository";
-/// The repository's operation, under which readers of the log know the lines about storing.
+/// The repository's operation. Log readers find the lines about storing under it.
 constexpr const char* OPERATION = "DiscoveryRepository::persistToDisk";
 constexpr const char* TAG_DOCUMENT = "DiscoveredItems";
 constexpr std::size_t READ_CHUNK = 1024;
-/// What is written here has a few hundred bytes.
+/// A document that this file writes has a few hundred bytes.
 constexpr std::size_t MAX_DOCUMENT_BYTES = std::size_t{64} << 10;
 
 template <class Value>
@@ -44,7 +44,7 @@ std::string documentOf(const ExplorerWrapper& wrapper, const RemoteExplorerPull&
     return out.str();
 }
 
-/// False when the payload cannot be read or is too long to be one of these documents.
+/// Returns false if the payload cannot be read, or is too long for such a document.
 bool readDocument(const CollectionData& data, astringstream& document)
 {
     char buffer[READ_CHUNK];
@@ -60,7 +60,7 @@ bool readDocument(const CollectionData& data, astringstream& document)
     }
 }
 
-/// What a stored explorer is made from again.
+/// The contents of a stored registration.
 struct CachedExplorer
 {
     TlxString subject;
@@ -114,7 +114,7 @@ void loadStoredExplorers(DiscoveryIterator& stored, const RegisterStored& regist
     while (Discovery* next = stored.getNext()) {
         CachedExplorer cached;
         {
-            // Let go before it is registered: no registration happens while a record is locked.
+            // Release the record first: no registration happens while a record is locked.
             const AutoDereference<Discovery> discovery(next);
             if (!readCached(*discovery, cached))
                 continue;

@@ -1,5 +1,5 @@
 #pragma once
-// The explorers of other hosts, stored so that a restart of the master finds them again.
+// Stores the explorers of other hosts, so that the master still has them after a restart.
 
 #include <functional>
 
@@ -8,20 +8,20 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// Makes the record that a registration is stored in; empty on failure.
+/// Makes the record for a registration. On failure out is empty.
 using NewDiscovery = std::function<void(AutoDereference<Discovery>& out, DiscoveryQuery query,
                                         const Subject& subject, const Authority& authority,
                                         const CollectionAttributes& attributes)>;
 
-/// Stores the registration of another host's explorer; does nothing for any other. Failures are
-/// logged. Any thread.
+/// Stores the registration of another host's explorer, and ignores any other explorer. Logs
+/// failures. Any thread may call it.
 void storeExplorer(const ExplorerWrapper& wrapper, const NewDiscovery& newDiscovery);
 
-/// Takes one registration that was stored. Called while no record is kept.
+/// Receives one stored registration. It is called while no record is locked.
 using RegisterStored = std::function<void(const Subject& subject, const ExplorerPull& explorer,
                                           unsigned priority, const Authority& authority)>;
 
-/// Reads the records that storeExplorer wrote. A record that cannot be read is skipped.
+/// Reads the records that storeExplorer wrote. It skips a record that it cannot read.
 void loadStoredExplorers(DiscoveryIterator& stored, const RegisterStored& registerStored);
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

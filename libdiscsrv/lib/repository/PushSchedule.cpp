@@ -30,7 +30,8 @@ PushSchedule::~PushSchedule() = default;
 void PushSchedule::startPush()
 {
     DISC_TRACE("DiscoveryRepository::startPushTimer");
-    AutoDereference<ExplorerPushTimer> before; // goes when the lock is free, its explorers with it
+    // Before the guard: the old timer and its explorers are destroyed after the lock is released.
+    AutoDereference<ExplorerPushTimer> before;
     const LockableGuard lockableGuard(m_lock);
     if (!TLX_ASSERT(lockableGuard.locked()) || m_closed)
         return;
@@ -76,7 +77,7 @@ void PushSchedule::close()
 
 void PushSchedule::cancel()
 {
-    // Taken out first: they go when the lock is free.
+    // The timers are destroyed here, after the lock is released.
     AutoDereference<ExplorerPushTimer> push;
     AutoDereference<ExplorerRegisterTimer> registration;
     {

@@ -1,5 +1,5 @@
 #pragma once
-// When explorers push, and when a client registers with its master.
+// Decides when explorers push, and when a client registers with its master.
 
 #include <memory>
 
@@ -18,31 +18,33 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 class ExplorerPushTimer;
 class ExplorerRegisterTimer;
 
-/// What the timers ask for while they run. Any thread; outlives the schedule and its timers.
+/// The operations that the timers call while they run. Any thread may call them. It must outlive
+/// the schedule and its timers.
 class PushScheduleOwner
 {
   public:
     virtual ~PushScheduleOwner() = default;
 
-    /// Whether what takes long is to be given up.
+    /// True if long operations must give up.
     virtual bool isShuttingDown() const = 0;
-    /// Those of this moment; never null.
+    /// The current sets; never null.
     virtual std::shared_ptr<const ExplorerSet> getPushExplorers() const = 0;
     virtual std::shared_ptr<const ExplorerSet> getPullExplorers() const = 0;
-    /// The master's name; empty when there is none.
+    /// The master's name; empty if there is none.
     virtual void getMasterServerName(TlxHostname& out) const = 0;
-    /// The master's service; nil on failure (logged), otherwise the caller releases it.
+    /// Connects to the master's service. Returns nil on failure and logs it. The caller releases
+    /// the reference.
     virtual Remote::DiscoveryService_ptr connectToMaster(const TlxHostname& master) const = 0;
-    /// The name of this service, under which the master finds it again.
+    /// The name under which the master finds this service.
     virtual TlxString getOrbServiceName() const = 0;
-    /// What a push explorer gets its new discoveries from.
+    /// Push explorers get their new discoveries from it.
     virtual DiscoveryFactory* getFactory() = 0;
-    /// The pull explorers are registered with the master: the push timer is to start.
+    /// Called after the pull explorers are registered with the master.
     virtual void startPushTimer() = 0;
 };
 
-/// Owns the push timer and the register timer. Any thread. Without a process-wide reactor nothing
-/// is scheduled.
+/// Owns the push timer and the register timer. Any thread may use it. Without a process-wide
+/// reactor it schedules nothing.
 class PushSchedule
 {
   public:
@@ -51,27 +53,27 @@ class PushSchedule
     PushSchedule& operator=(const PushSchedule&) = delete;
     ~PushSchedule();
 
-    /// Makes a push timer for the push explorers of this moment, and has it run at once. The timer
-    /// before it keeps its own schedule.
+    /// Makes a push timer for the current push explorers, which runs at once. The previous push
+    /// timer keeps its own schedule.
     void startPush();
-    /// Makes the timer that registers the pull explorers with the master, and has it run within
-    /// five minutes.
+    /// Makes the timer that registers the pull explorers with the master. It runs within five
+    /// minutes.
     void startRegister();
-    /// Has the push timer run within a minute; does nothing without one.
+    /// Lets the push timer run within a minute. Does nothing without a push timer.
     void trigger();
-    /// When the push timer runs next; zero when it is not scheduled.
+    /// The time of the next push; zero if none is scheduled.
     TlxObjTime nextPush() const;
 
-    /// Starts nothing from now on.
+    /// Makes startPush and startRegister do nothing from now on.
     void close();
     /// Cancels the timers. A run in progress goes on.
     void cancel();
-    /// Waits until the cancelled timers are gone.
+    /// Waits until the cancelled timers are destroyed.
     void wait();
 
   private:
     PushScheduleOwner& m_owner;
-    TlxLockable m_lock; // held while a timer is replaced and scheduled, never while one runs
+    TlxLockable m_lock; // held while a timer is replaced and scheduled, never during a run
     bool m_closed = false;
     AutoDereference<ExplorerPushTimer> m_push;
     AutoDereference<ExplorerRegisterTimer> m_register;

@@ -42,7 +42,7 @@ void RefreshDiscoveryTask::restart(const TlxString& client) const
     TlxHostname host;
     host.setLocal();
     if (compareIgnoringCase(host.text().utf8(), client.utf8()) == 0) {
-        // This host's explorers push, too, and no service connects to itself.
+        // This host's explorers push as well, but no service connects to itself.
         m_repository.triggerPushTimer();
         return;
     }
@@ -72,7 +72,7 @@ bool DiscoveriesThreadMgr::restartAllPushTimers()
     const ACE_Guard<ACE_Thread_Mutex> guard(m_mutex);
     if (m_refresh.running() > 0 || getDiscoveryRepository()->isShuttingDown())
         return false;
-    m_refresh.wait(); // for the rest of the one before, which has ended
+    m_refresh.wait(); // joins the thread of the previous refresh, which has ended
     return m_refresh.activate(THREAD_FLAGS, 1);
 }
 

@@ -1,6 +1,6 @@
 #pragma once
-// Has every known client push again, on a thread of its own: the clients that do not answer would
-// otherwise hold up a request or a timer.
+// Asks every known client to push again. This runs on a thread of its own, because clients that do
+// not answer would delay a request or a timer.
 
 #include <cstddef>
 
@@ -12,8 +12,8 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// Asks each client in the client list to restart its push timer. A client that cannot be reached
-/// is logged and passed over; the end of the service ends it before the next client.
+/// Asks each client in the client list to restart its push timer. It logs a client that it cannot
+/// reach and goes on. When the service shuts down it ends before the next client.
 class RefreshDiscoveryTask : public TlxTask
 {
   public:
@@ -35,16 +35,16 @@ class DiscoveriesThreadMgr
     DiscoveriesThreadMgr(const DiscoveriesThreadMgr&) = delete;
     DiscoveriesThreadMgr& operator=(const DiscoveriesThreadMgr&) = delete;
 
-    /// Starts a refresh. False when one is running, when no thread can be had, and when the service
-    /// is shutting down.
+    /// Starts a refresh. Returns false if one is running, no thread can be made, or the service
+    /// shuts down.
     bool restartAllPushTimers();
     std::size_t getRunningThreads() const;
-    /// Waits until no thread is left; each looks at the repository's end before each client, so
-    /// this takes one client's time limits at most.
+    /// Waits until no thread is left. During a shutdown this takes at most one client's time
+    /// limits.
     void wait();
 
   private:
-    mutable ACE_Thread_Mutex m_mutex; // held over a start, never over a refresh
+    mutable ACE_Thread_Mutex m_mutex; // held during a start, never during a refresh
     RefreshDiscoveryTask m_refresh;
 };
 

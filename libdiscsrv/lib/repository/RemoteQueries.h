@@ -11,8 +11,8 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 class PeerLink;
 
-/// Asks the master. Null on failure (logged), and when the link's bound on forwarded queries is
-/// reached; otherwise a new iterator for the caller to release. Any thread.
+/// Sends the query to the master. Returns a new iterator, which the caller releases. Returns null
+/// on failure, and if too many queries are being forwarded; it logs both. Any thread may call it.
 DiscoveryIterator* forwardQuery(PeerLink& link, const TlxHostname& master, DiscoveryQuery query,
                                 const std::string& subject, const std::string& authority,
                                 AuthorityType type);

@@ -148,7 +148,7 @@ void DiscoveryRepository::loadExplorers()
     const ExplorerSnapshot registered = m_explorers->snapshot();
     startExplorers(*registered.push, context);
     startExplorers(*registered.pull, context);
-    if (m_shuttingDown) { // the shutdown has stopped them, perhaps before they were started
+    if (m_shuttingDown) { // the shutdown may have stopped them before they were started
         stopExplorers(*registered.push);
         stopExplorers(*registered.pull);
     } else if (isGenericDSOnMaster()) {
