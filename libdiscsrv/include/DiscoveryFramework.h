@@ -17,34 +17,35 @@ namespace Remote {
 class DiscoveryService_i;
 }
 
-/// Constructed, initialised, shut down, finished, in that order, on the host's main thread; the
-/// accessors may be called from any thread in between.
+/// The host's main thread calls the constructor, init, shutdown and fini, in this order. In between
+/// any thread may call the accessors.
 class DISCSRV_EXPORT DiscoveryFramework : public HostedService
 {
   public:
     /// Starts nothing.
-    /// @param name the service's name, and the directory of the on-disk store; empty for the
-    /// default.
-    /// @param orb not owned; outlives this object.
-    /// @param initAce whether init and the last fini initialise and finalise ACE.
+    /// @param name the service's name, which is also the directory of the on-disk store; empty for
+    /// the default.
+    /// @param orb not owned; must outlive this object.
+    /// @param initAce if true, init initialises ACE and the last fini finalises it.
     DiscoveryFramework(const char* name, DiscoveryServiceType type, Orb* orb, bool initAce);
     ~DiscoveryFramework() override;
 
-    /// Brings the service up: servant, store, producers. Calls nest; each needs its fini. True
-    /// unless there is no ORB; a CORBA exception from the activation is logged and thrown on, and
-    /// nothing is initialised then.
+    /// Starts the servant, the store and the explorers. Calls nest, and each needs its fini.
+    /// Returns false without an ORB.
+    /// @throws CORBA::Exception if the activation fails. It logs the exception first, and nothing
+    /// stays initialised.
     bool init();
 
-    /// Tears down what init brought up, requests in progress being finished first; once. True.
+    /// Finishes the requests in progress, then stops what init started. Call it once. Returns true.
     bool shutdown();
 
-    /// After shutdown: waits for what still runs in the background.
+    /// Waits for the rest of the background work. Call it after shutdown.
     void fini();
 
     const std::string& getName() const override { return m_name; }
     DiscoveryServiceType getType() const override { return m_type; }
     Orb* getOrb() const override;
-    /// Nil outside of init and shutdown.
+    /// Nil before init and after shutdown.
     PortableServer::POA_ptr getPOA() const override { return m_rootPOA.in(); }
 
   private:

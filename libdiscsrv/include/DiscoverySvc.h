@@ -1,5 +1,5 @@
 #pragma once
-// The discovery service as the host daemon runs it.
+// The discovery service for the host daemon.
 
 #include <tlx/OrbService.h>
 
@@ -7,7 +7,7 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// The daemon calls the hooks in the order that OrbService tells, on its main thread.
+/// The daemon calls the hooks on its main thread, in the order that OrbService states.
 class DISCSRV_EXPORT DiscoverySvc : public OrbService
 {
   public:
@@ -15,13 +15,13 @@ class DISCSRV_EXPORT DiscoverySvc : public OrbService
     ~DiscoverySvc() override;
 
     void doInit() override;
-    /// 0, or -1 when the framework does not come up; a CORBA exception may leave it. Does not
-    /// block.
+    /// Returns 0, or -1 if the framework does not start. Does not block. It may throw a CORBA
+    /// exception.
     int doRun() override;
     void doStop() override;
     void doExit() override;
-    /// False only when the configuration says REPORT_CLIENT_DISCOVERIES = FALSE: a configuration
-    /// that cannot be read never keeps the service down.
+    /// Returns false only if the configuration has REPORT_CLIENT_DISCOVERIES = FALSE. The service
+    /// starts also without a readable configuration.
     bool doShouldStart() override;
 
   private:

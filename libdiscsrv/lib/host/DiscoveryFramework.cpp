@@ -20,8 +20,8 @@ constexpr const char* LOG_SOURCE = "../DiscoveryFramework";
 // Compat(wire-service-name): peers look the service up under this name.
 constexpr const char* ADVERTISED_NAME = "DiscoveryService";
 
-/// The generated code makes each interface's nil reference on first use, in a way that is safe for
-/// many threads only once it is there.
+/// Makes the nil reference of each interface. The generated code would make it on first use, which
+/// is not safe for several threads.
 void makeNilReferences()
 {
     Remote::DiscoveryService::_nil();
@@ -40,7 +40,7 @@ DiscoveryFramework::DiscoveryFramework(const char* name, DiscoveryServiceType ty
 
 DiscoveryFramework::~DiscoveryFramework()
 {
-    if (m_ace) // fini was never called, and only fini finalises ACE
+    if (m_ace) // fini was not called, and only fini finalises ACE
         m_ace->keep();
 }
 
@@ -75,8 +75,8 @@ bool DiscoveryFramework::init()
         throw;
     }
     getDiscoveryDBDatabase()->init(m_name);
-    // Made now, while nobody else runs: the first asks who the master is, which may take its time,
-    // and the way in which a singleton is found is safe for many threads only once it is there.
+    // Make the singletons now, while no other thread runs. Making one is not safe for several
+    // threads. The first one also looks for the master, which may take some seconds.
     getRemoteDiscoveryDatabase();
     getDiscoveryMemDatbase();
     getDiscoveriesThreadMgr();
@@ -104,7 +104,7 @@ bool DiscoveryFramework::shutdown()
     m_shutdown = true;
     if (m_type == DST_NO_SERVANT)
         return true;
-    // Before anybody waits for the requests in progress: some of them fetch from other hosts.
+    // First, because some requests in progress fetch from other hosts, and the rest waits for them.
     getDiscoveryRepository()->announceShutdown();
     if (m_servant) {
         if (m_orb) {
@@ -120,7 +120,7 @@ bool DiscoveryFramework::shutdown()
         try {
             m_rootPOA->destroy(false, true);
         } catch (const CORBA::SystemException& e) {
-            // The ORB goes with the process anyway; what stands behind the POA must still stop.
+            // The ORB ends with the process anyway, and the rest must still stop.
             DISC_LOG(1, "Unable to destroy the root POA: " << describeException(e));
         }
         m_rootPOA = PortableServer::POA::_nil();
@@ -133,7 +133,7 @@ bool DiscoveryFramework::shutdown()
 void DiscoveryFramework::fini()
 {
     DISC_TRACE("DiscoveryFramework::fini");
-    bool ready = TLX_ASSERT(m_shutdown); // each broken invariant is reported
+    bool ready = TLX_ASSERT(m_shutdown); // report both broken invariants
     ready = TLX_ASSERT(m_init) && ready;
     if (!ready || --m_init != 0)
         return;
