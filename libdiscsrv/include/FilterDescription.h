@@ -1,5 +1,5 @@
 #pragma once
-// What can be asked about the items that were discovered, whoever discovered them.
+// The filters that all discovered items support.
 
 #include <string>
 
@@ -10,20 +10,21 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// The union of all query descriptions that explorers have published as "FilterData" documents
-/// under an authority and a subject. Finding it reads every such record, over the network when this
-/// host is not the master. What cannot be read is logged by the researcher and left out; without
-/// any the query is empty.
+/// The union of the query descriptions that explorers publish as "FilterData" documents under an
+/// authority and a subject. The constructor reads every such record, over the network if this host
+/// is not the master. It logs a record that it cannot read and leaves it out. Without any record
+/// the query is empty.
 class DISCSRV_EXPORT FilterDescription : public TlxQuery
 {
   public:
-    /// @param first the authority, @param second the subject; both may hold wildcards, and an empty
-    /// one is any.
+    /// Both names may hold wildcards; an empty name stands for any.
+    /// @param first the authority.
+    /// @param second the subject.
     FilterDescription(const std::string& first, const std::string& second);
     ~FilterDescription() override;
 };
 
-/// Merges every description among one record's items.
+/// Merges all descriptions among one record's items into the query.
 DISCSRV_EXPORT void mergeDescriptions(TlxQuery& query, CollectionItemIterator& items);
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -1,16 +1,16 @@
 #pragma once
-// Reading discoveries back: which there are, and what was discovered.
+// Reads discoveries: the records, and the items in them.
 //
 //     AutoDereference<AuthSubIterator> all(getAuthSubIterator(query, subject, authority, type));
 //     while (CollectionItemIterator* next = all ? all->getNextCollectionItemIterator(filter) : 0)
 //         ... next->getNextCollectionItem() until it is null
 //
-// The functions and iterators work wherever there is a repository, the daemon included. A process
-// that is no service makes itself one with initDiscoveryResearch() first.
+// The functions and iterators need a repository. The daemon has one. Any other process first calls
+// initDiscoveryResearch().
 //
-// All failures are logged at level 1 and answered with null or false; nothing is thrown. Operations
-// beside the old ones answer the failure as a value, for programs that report it to a person. An
-// iterator is used by one thread at a time and holds no lock but that of the one record being read.
+// A failure is logged at level 1 and returned as null or false; nothing is thrown. Some operations
+// return the failure as a value, for programs that report it to a person. One thread at a time uses
+// an iterator. It holds only the lock of the record that it reads.
 
 #include <string>
 
@@ -26,14 +26,14 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// Makes a process that is no service able to research: a client ORB, which listens nowhere and
-/// waits 30 seconds for an answer at most, and a framework without a servant. Queries go to the
-/// master over the network, also on the master's own host. The log stays as the process has it,
-/// by default on standard error.
+/// Lets a process that is not a service read discoveries. It owns a client ORB, which opens no port
+/// and waits at most 30 seconds for an answer, and a framework without a servant. Queries go to the
+/// master over the network, also on the master's own host. The process decides where it logs; the
+/// default is standard error.
 class DISCSRV_EXPORT DiscoveryResearcher
 {
   public:
-    /// @throws OrbError when there can be no ORB.
+    /// @throws OrbError if no ORB can be made.
     DiscoveryResearcher();
     ~DiscoveryResearcher();
     DiscoveryResearcher(const DiscoveryResearcher&) = delete;
@@ -44,13 +44,14 @@ class DISCSRV_EXPORT DiscoveryResearcher
     AutoDereference<DiscoveryFramework> m_framework;
 };
 
-/// The researcher of this process, made by the first call and gone when the process exits. Never to
-/// be called by a service: it would take the repository's framework away. Null, and logged, when it
-/// cannot be made. Any thread, but the first call is best made before there are others.
+/// Returns the researcher of this process. The first call makes it, and the exit of the process
+/// destroys it. On failure it logs that and returns null. A service must not call it: it would
+/// replace the repository's framework. Any thread may call it, but make the first call before you
+/// start threads.
 DISCSRV_EXPORT DiscoveryResearcher* initDiscoveryResearch();
 
-/// The same for one master, whatever the configuration says. The failure is one line for a person;
-/// it is logged, too. To be called before any query.
+/// The same for a given master, which replaces the configured one. Call it before any query. The
+/// failure is one line for a person; it is logged as well.
 [[nodiscard]] DISCSRV_EXPORT tl::expected<DiscoveryResearcher*, std::string>
 initDiscoveryResearch(const MasterAddress& master);
 

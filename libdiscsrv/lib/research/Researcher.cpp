@@ -1,4 +1,4 @@
-// The process that is no service and reads discoveries all the same.
+// Lets a process that is not a service read discoveries.
 
 #include "Researcher.h"
 
@@ -24,7 +24,7 @@ tl::expected<DiscoveryResearcher*, std::string> theResearcher()
     using Singleton = ACE_Singleton<DiscoveryResearcher, ACE_Recursive_Thread_Mutex>;
     try {
         DiscoveryResearcher* const researcher = Singleton::instance();
-        // At the object manager's turn, the last of all, the ORB's library is finalised already.
+        // The ACE object manager would destroy it too late, after the end of the ORB's library.
         static const int leaves = std::atexit([] { Singleton::close(); });
         if (leaves != 0)
             DISC_LOG(1, "The researcher will not end in order");
@@ -65,7 +65,7 @@ DiscoveryResearcher::~DiscoveryResearcher()
     DISC_TRACE("DiscoveryResearcher::~DiscoveryResearcher");
     m_framework->shutdown();
     m_framework->fini();
-    // The repository, which was there first, goes later than the ORB that the framework knows.
+    // The repository lives longer than the framework's ORB, so it must not keep the framework.
     getDiscoveryRepository()->setDiscoveryFramework(nullptr);
 }
 
