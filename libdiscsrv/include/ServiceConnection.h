@@ -12,15 +12,13 @@
 #include <tlx/Hostname.h>
 
 #include "DiscExport.h"
+#include "ServiceName.h"
 
 namespace Veltrane::Quillmark::Tlx {
 class Orb;
 }
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
-
-/// The name under which every host advertises its discovery service.
-constexpr const char* DISCOVERY_SERVICE = "DiscoveryService";
 
 /// The address of a service, and the limit for reaching it.
 struct ServiceAddress

@@ -11,14 +11,12 @@
 #include "RefreshTask.h"
 #include "RemoteDB.h"
 #include "RemoteWriter_i.h"
+#include "ServiceName.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
 constexpr const char* LOG_SOURCE = "../DiscoveryFramework";
-
-// Compat(wire-service-name): peers look the service up under this name.
-constexpr const char* ADVERTISED_NAME = "DiscoveryService";
 
 /// Makes the nil reference of each interface. The generated code would make it on first use, which
 /// is not safe for several threads.
@@ -92,7 +90,7 @@ void DiscoveryFramework::activateServant()
     makeNilReferences();
     m_servant = new Remote::DiscoveryService_i;
     m_servantReference = m_orb->activateServant(m_servant);
-    m_orb->advertiseObject(ADVERTISED_NAME, m_servantReference);
+    m_orb->advertiseObject(DISCOVERY_SERVICE, m_servantReference);
     m_orb->setPostAdvertised(true);
 }
 
