@@ -1,11 +1,11 @@
-# How our own code is compiled: warnings, sanitizers, coverage, the compiler cache.
+# Compiler options for our own code: warnings, sanitizers, coverage, the compiler cache.
 
 find_program(QM_CCACHE ccache)
 if(QM_CCACHE)
   set(CMAKE_CXX_COMPILER_LAUNCHER "${QM_CCACHE}")
 endif()
 
-# Linked PRIVATE by every target of ours, so that nobody who links us inherits our warnings.
+# Each of our targets links it PRIVATE, so users of our libraries do not inherit our warnings.
 add_library(qm_warnings INTERFACE)
 target_compile_options(qm_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wnon-virtual-dtor -Wold-style-cast -Woverloaded-virtual -Wcast-qual
@@ -14,14 +14,14 @@ if(QM_WERROR)
   target_compile_options(qm_warnings INTERFACE -Werror)
 endif()
 
-# Reports name a source by its place in the tree, not by where it was built.
+# Log lines and reports show the path of a source relative to the tree.
 add_compile_options(-fno-omit-frame-pointer "-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=")
 if(CMAKE_BUILD_TYPE STREQUAL "Release")
   add_compile_options(-fstack-protector-strong)
   add_compile_definitions(_FORTIFY_SOURCE=2)
   add_link_options(-Wl,-z,relro,-z,now)
 else()
-  # Links in a fraction of the time. What is shipped is linked by the system's own linker.
+  # mold links much faster. The system's own linker links the release.
   find_program(QM_MOLD mold)
   if(QM_MOLD)
     add_link_options(-fuse-ld=mold)
@@ -30,26 +30,26 @@ endif()
 if(QM_SANITIZE)
   add_compile_options(-fsanitize=${QM_SANITIZE})
   add_link_options(-fsanitize=${QM_SANITIZE})
-  # Instrumented, even the standard library's own code looks to this warning as if it read what
-  # nobody wrote; the other presets have it.
+  # In instrumented code this warning is often wrong, also for the standard library. The other
+  # presets enable it.
   add_compile_options($<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   if(QM_SANITIZE MATCHES "undefined")
-    # The ORB's and the ACE library's own objects carry no type information for this check.
+    # The objects of the ORB and of ACE have no type information for this check.
     add_compile_options(-fno-sanitize=vptr -fno-sanitize-recover=all)
   endif()
 endif()
 if(QM_FUZZ)
-  # The code under test tells the fuzzer which ways it took; only a harness brings the fuzzer's main.
+  # The code under test reports its branches to the fuzzer. Only a harness links the fuzzer's main.
   add_compile_options(-fsanitize=fuzzer-no-link)
   add_link_options(-fsanitize=fuzzer-no-link)
 endif()
-# Tests are compiled for a short build, and they are not what is measured.
+# Tests are compiled with less optimisation, to shorten the build.
 set(QM_TEST_OPTIONS "")
 if(CMAKE_BUILD_TYPE MATCHES "^Rel")
-  # At -O1 the compiler suspects the standard library of writing out of bounds.
+  # At -O1 these two warnings are wrong for the standard library.
   set(QM_TEST_OPTIONS -O1 -g1 -Wno-array-bounds -Wno-restrict)
 endif()
-# A compiled header is used only where the compiler cache can tell what went into it.
+# With this option the compiler cache sees the contents of a precompiled header.
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   list(APPEND QM_TEST_OPTIONS -fpch-preprocess)
 endif()

@@ -1,4 +1,4 @@
-# Everything we stand on comes from the distribution's packages; scripts/setup installs them.
+# All libraries come from the distribution's packages, which scripts/setup installs.
 
 find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
@@ -25,8 +25,8 @@ if(QM_BENCH)
   find_package(benchmark REQUIRED)
 endif()
 
-# qm_idl_library(TARGET FILE.idl): compiles an interface definition into a static library of stubs and
-# skeletons; the generated header is FILE.hh.
+# qm_idl_library(TARGET FILE.idl) compiles an interface definition into a static library of stubs
+# and skeletons. It generates the header FILE.hh.
 function(qm_idl_library target idl)
   get_filename_component(name "${idl}" NAME_WE)
   set(dir "${CMAKE_CURRENT_BINARY_DIR}/generated")

@@ -1,20 +1,23 @@
-# Rooms: the folders of a library, one subsystem each.
+# Rooms: the folders of a library. Each room is one subsystem.
 #
 # qm_room(LIBRARY ROOM
-#   SOURCES source...     # in the folder of the room, without it
-#   [HEADERS header...]   # the public headers that belong to the room, without their folder
+#   SOURCES source...     # file names inside the room's folder
+#   [HEADERS header...]   # file names of the public headers that belong to the room
 #   [USES room...]        # rooms of the same library, declared before this one
-#   [LINK library...])    # what else the sources need
+#   [LINK library...])    # further libraries that the sources need
 #
-# A room is an object library LIBRARY_ROOM. Its private headers, beside the sources, can be included
-# by the rooms that use it, directly or by way of another room, and by nobody else. A room can use
-# only rooms that were declared before, so there is no circle. scripts/check reads these declarations
-# as well: it holds public headers to the same rule, and the picture in docs/architecture.md.
+# A room is an object library LIBRARY_ROOM. Its private headers are beside its sources. Only rooms
+# that use it, directly or through another room, can include them. A room can use only rooms that
+# were declared before it, so there is no circle. scripts/check reads these declarations as well. It
+# checks the public headers by the same rule, and the picture in docs/architecture.md.
 #
-# The caller sets QM_ROOM_FOLDER (where the rooms stand: "lib/", or empty), QM_ROOM_INCLUDES (the
-# folder of the library's public headers; empty when there are none), QM_ROOM_HEADERS (the part of the
-# path below it), and QM_ROOM_LINK (what every room links). qm_rooms(LIBRARY OUT) answers the names of
-# all rooms of a library.
+# The caller sets these variables:
+#   QM_ROOM_FOLDER    the folder of the rooms: "lib/", or empty
+#   QM_ROOM_INCLUDES  the folder of the library's public headers; empty if there are none
+#   QM_ROOM_HEADERS   the path of the public headers below that folder
+#   QM_ROOM_LINK      the libraries that every room links
+#
+# qm_rooms(LIBRARY OUT) sets OUT to the targets of all rooms of a library.
 function(qm_room library room)
   cmake_parse_arguments(arg "" "" "SOURCES;HEADERS;USES;LINK" ${ARGN})
   set(target "${library}_${room}")

@@ -1,6 +1,6 @@
 #pragma once
-// The keys of the host configuration that the daemon reads. They stand here because the command
-// line has to know them, too: it reports every other key of the file as unknown.
+// The keys of the host configuration that the daemon reads. They are here because the command line
+// needs them as well: it reports unknown keys.
 
 #include <array>
 
@@ -10,15 +10,15 @@ namespace Veltrane::Quillmark {
 
 namespace Tlx::ConfigKey {
 
-/// 0 (nothing) to 9.
+/// From 0 (no line) to 9.
 inline constexpr DeclaredKey LOG_LEVEL =
     DeclaredKey::number("LOG_LEVEL", 0, 9, 1).takenWhileRunning();
 /// The size of one log file.
 inline constexpr DeclaredKey LOG_MAX_BYTES =
     DeclaredKey::number("LOG_MAX_BYTES", 4096, std::uint64_t{1} << 40, 10485760);
-/// How many rotated log files are kept.
+/// The number of rotated log files that are kept.
 inline constexpr DeclaredKey LOG_KEEP = DeclaredKey::number("LOG_KEEP", 0, 100, 5);
-/// Seconds for an orderly stop.
+/// The time limit of an orderly stop, in seconds.
 inline constexpr DeclaredKey STOP_LIMIT =
     DeclaredKey::number("STOP_LIMIT", 1, 3600, 60).takenWhileRunning();
 

@@ -1,5 +1,5 @@
 #pragma once
-// What the daemon says about the host configuration's problems.
+// Reports the problems of the host configuration.
 
 #include <ostream>
 
@@ -7,18 +7,18 @@
 
 namespace Veltrane::Quillmark::Qmdisco {
 
-/// Reads the host configuration and writes one line a problem, "FILE:LINE: ...", or "FILE: OK".
+/// Reads the host configuration. Writes one line for each problem, "FILE:LINE: ...", or "FILE: OK".
 ExitCode checkConfig(std::ostream& out);
 
-/// Whether the configuration is read at the start or again.
+/// The occasion of a read: the start of the daemon, or a reload.
 enum class ConfigRead
 {
     First,
     Again
 };
 
-/// Logs the problems of the configuration as it was read last, one line each at level 1. At the
-/// start an absent file is told at level 4 only: the service itself logs that at level 1.
+/// Logs the problems of the last read, one line each at level 1. At the start it logs an absent
+/// file at level 4, because the service itself logs that at level 1.
 void logConfigProblems(ConfigRead which);
 
 } // namespace Veltrane::Quillmark::Qmdisco

@@ -62,7 +62,7 @@ int Daemon::run()
 ExitCode Daemon::host()
 {
     ::umask(022);
-    std::signal(SIGPIPE, SIG_IGN); // a peer that is gone is an error of the write
+    std::signal(SIGPIPE, SIG_IGN); // if a peer is gone, the write returns an error
     StopWatch::blockSignals();
 
     declareProductKeys();
@@ -70,7 +70,8 @@ ExitCode Daemon::host()
     config.read();
     if (const auto prepared = prepareDirectories(m_root); !prepared)
         return fail(prepared.error());
-    // Before the log is opened: a second daemon must not write into, or rotate, the first one's.
+    // Before the log is opened: a second daemon must not write into the first one's log, or rotate
+    // it.
     auto pidFile = PidFile::take(m_root);
     if (!pidFile)
         return fail(pidFile.error());
@@ -93,7 +94,7 @@ ExitCode Daemon::host()
     m_watch->setLimit(config.number(Tlx::ConfigKey::STOP_LIMIT));
     ExitCode code = EC_OK;
     {
-        // Around everything: the singletons outlive the service and its ORB.
+        // ACE's singletons must outlive the service and its ORB.
         const Tlx::AceRuntime ace;
         code = live();
         m_watch->setStep("ACE::fini");
@@ -115,9 +116,9 @@ ExitCode Daemon::live()
         else if (*wanted)
             code = serve();
     } catch (const std::exception& e) {
-        code = fail(unexpected(e)); // the service still goes before ACE does
+        code = fail(unexpected(e)); // and go on: the service must end before ACE
     }
-    m_watch->askToStop("the host"); // the limit holds for every way down
+    m_watch->askToStop("the host"); // the limit also holds after a failure
     attempt("destruction", [this] { m_service.reset(); });
     return code;
 }
@@ -154,7 +155,7 @@ Result<bool> Daemon::bringUp()
         const std::string text = m_service->getDisplayName() + " is not wanted on this host";
         log(LOG_LEVEL_FAILURE, text);
         tellPerson(text);
-        // A service manager takes an end without this for a failed start.
+        // Without this report the service manager would see a failed start.
         m_manager.ready(text);
         return false;
     }
@@ -163,7 +164,7 @@ Result<bool> Daemon::bringUp()
     if (const auto done = step("doInit", [this] { m_service->doInit(); }); !done)
         return tl::unexpected(done.error());
     if (const auto running = startServing(); !running) {
-        m_watch->askToStop("the host"); // what had come up has to go in time
+        m_watch->askToStop("the host"); // starts the limit for doStop
         attempt("doStop", [this] { m_service->doStop(); });
         return tl::unexpected(running.error());
     }
@@ -192,7 +193,7 @@ ExitCode Daemon::serve()
     attempt("the role", [this] { findRole(); });
     const std::string text = upText();
     log(LOG_LEVEL_FAILURE, text);
-    publish("running"); // last: whoever waits for it finds all else done
+    publish("running"); // last, because scripts wait for it
     m_manager.ready(text);
     {
         const std::lock_guard guard(m_reportMutex);
@@ -213,7 +214,7 @@ ExitCode Daemon::serve()
         publish("running");
     }
 
-    // One way down for all: a signal is the service's own wish from here on.
+    // After a signal, too: so every stop goes the same way.
     m_service->stopByEvent(false);
     const std::string reason = "stopping, asked for by " + m_watch->stopReason();
     log(LOG_LEVEL_FAILURE, m_service->getDisplayName() + " is " + reason);
@@ -223,14 +224,14 @@ ExitCode Daemon::serve()
     for (const auto& [name, hook] : {std::pair{"doStop", &Tlx::OrbService::doStop},
                                      std::pair{"doExit", &Tlx::OrbService::doExit}})
         if (const auto done = step(name, [&] { ((*m_service).*hook)(); }); !done)
-            code = fail({EC_UNEXPECTED, done.error().text}); // and on: the rest is to go in order
+            code = fail({EC_UNEXPECTED, done.error().text}); // and go on with the next hook
     return code;
 }
 
 void Daemon::sayStopped()
 {
     m_status.requestsInProgress = 0;
-    if (!m_status.state.empty()) // it said "running"
+    if (!m_status.state.empty()) // readers have seen "running"
         attempt("status.json", [this] { writeStatus("stopped"); });
     log(LOG_LEVEL_FAILURE, "qmdisco " + m_status.version + " stopped");
 }
@@ -239,8 +240,8 @@ void Daemon::reload()
 {
     m_manager.reloading();
     HostConfig& config = HostConfig::instance();
-    // Takes LOG_LEVEL and STOP_LIMIT alone. With another new key, half of the service would go by
-    // the new value and half by the old one.
+    // Takes only LOG_LEVEL and STOP_LIMIT. Other keys need a restart: a part of the service would
+    // keep the old value.
     config.readAgain();
     Tlx::LoggerFactory::instance().setLevel(wantedLogLevel());
     logConfigProblems(ConfigRead::Again);
@@ -298,7 +299,7 @@ ExitCode Daemon::fail(const Failure& failure, Where where)
 void Daemon::log(int level, const std::string& text, Where where)
 {
     if (!m_logging)
-        return; // there is no log yet; failures are told on standard error
+        return; // there is no log yet; failures go to standard error
     Tlx::LoggerFactory::instance()
         .getLogger(Tlx::LOG_ORIGINATOR_PLATFORM)
         ->log("Daemon::run", level, text + " (../Daemon:" + std::to_string(where.line()) + ")");
@@ -306,7 +307,7 @@ void Daemon::log(int level, const std::string& text, Where where)
 
 void Daemon::stopLimitReached(const std::string& text)
 {
-    // What hangs may hold the log, so the line has a thread and a limit of its own.
+    // The step that hangs may hold the log's lock, so another thread logs the line, with a limit.
     try {
         auto told = std::make_shared<std::promise<void>>();
         auto done = told->get_future();
@@ -316,7 +317,7 @@ void Daemon::stopLimitReached(const std::string& text)
         }).detach();
         done.wait_for(m_hosted.lastLine);
     } catch (const std::exception&) {
-        tellPerson(text); // no thread to be had: standard error at least
+        tellPerson(text); // no thread can be made: write at least to standard error
     }
     const std::unique_lock guard(m_reportMutex, std::try_to_lock);
     if (guard.owns_lock())
@@ -348,7 +349,7 @@ void Daemon::writeStatus(const char* state)
     m_status.logLevel = Tlx::LoggerFactory::instance().level();
     m_status.assertions = Tlx::assertionCount();
     const auto written = m_statusFile.write(m_status);
-    if (!written && !m_statusFailed) // a full disk stays full for a while: one line
+    if (!written && !m_statusFailed) // log only the first failure: a full disk stays full for long
         log(LOG_LEVEL_FAILURE, written.error().text);
     if (written && m_statusFailed)
         log(LOG_LEVEL_FAILURE, "The status is written again");

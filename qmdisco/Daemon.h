@@ -1,5 +1,5 @@
 #pragma once
-// Runs one service on one product root, from the first directory to the orderly stop.
+// Runs one service on one product root, from the start to the orderly stop.
 
 #include <chrono>
 #include <functional>
@@ -21,44 +21,44 @@
 
 namespace Veltrane::Quillmark::Qmdisco {
 
-/// What is hosted, and a few figures that tests change.
+/// The hosted service, and some figures that tests change.
 struct Hosted
 {
     std::function<std::unique_ptr<Tlx::OrbService>(bool foreground)> makeService;
-    /// The service's counters, for the status; called on the main thread.
+    /// Returns the service's counters for the status. The main thread calls it.
     std::function<Counters()> counters;
-    /// Its explorers, likewise; empty for none.
+    /// Returns the service's explorers, in the same way. May be empty.
     std::function<Explorers()> explorers;
     std::chrono::milliseconds statusInterval{2000};
-    /// How long a second of STOP_LIMIT is.
+    /// The length of one second of STOP_LIMIT.
     std::chrono::milliseconds second{1000};
-    /// How long the line about a stop that is late may take to be logged.
+    /// The time limit for logging that a stop is late.
     std::chrono::milliseconds lastLine{2000};
 };
 
-/// The order of a life:
+/// The daemon's life has these steps:
 ///
 ///     configuration, directories, pid file, logging, privilege
 ///     -> the service is made -> doShouldStart -> doPreInit -> doInit -> doRun
-///     -> requests are served, "ready" is told
+///     -> requests are served, "ready" is reported
 ///     -> (until a stop is wanted) signals, status
 ///     -> doStop -> doExit -> the service is destroyed -> ACE is finalised
 ///     -> status "stopped", pid file emptied
 ///
-/// A step that fails ends it with one line and an exit code. When doRun fails, doStop is still
-/// called, so that what had come up goes in order; doExit is not, for it belongs to a start that
-/// succeeded.
+/// If a step fails, the daemon prints one line and ends with an exit code. After a failed doRun it
+/// still calls doStop, which stops in order what did start. It does not call doExit, which belongs
+/// to a start that succeeded.
 ///
-/// All of it, the service's hooks included, runs on the thread that calls run. One object a
-/// process.
+/// The thread that calls run does all steps and calls the service's hooks. A process has one
+/// object.
 class Daemon
 {
   public:
-    /// The host configuration's root must be set.
+    /// Set the root of the host configuration first.
     Daemon(const Options& options, Hosted hosted, StartReport report);
     ~Daemon();
 
-    /// Answers the exit code. Does not throw.
+    /// Returns the exit code. Does not throw.
     int run();
 
   private:
@@ -67,7 +67,7 @@ class Daemon
     ExitCode host();
     ExitCode live();
     [[nodiscard]] Result<> startLogging();
-    /// Answers whether the service is wanted on this host, and then it serves requests.
+    /// Starts the service if this host wants it. Returns true if it serves requests.
     [[nodiscard]] Result<bool> bringUp();
     [[nodiscard]] Result<> startServing();
     ExitCode serve();
@@ -75,26 +75,26 @@ class Daemon
     void reload();
     void findRole();
 
-    /// Does one step under its name; what it throws becomes a failure.
+    /// Does one step under its name. An exception becomes a failure.
     [[nodiscard]] Result<> step(const char* name, const std::function<void()>& work);
-    /// The same for a step whose failure is logged and changes nothing.
+    /// Does one step under its name. It logs a failure and goes on.
     void attempt(const char* name, const std::function<void()>& work,
                  Where where = Where::current());
     ExitCode fail(const Failure& failure, Where where = Where::current());
-    /// To standard error, unless the log has brought it there already.
+    /// Writes a line to standard error, unless the log writes there as well.
     void tellPerson(const std::string& text) const;
     void log(int level, const std::string& text, Where where = Where::current());
     void stopLimitReached(const std::string& text);
 
     int wantedLogLevel() const;
-    /// Gathers the figures and writes them, when something changed.
+    /// Gathers the figures and writes them if something has changed.
     void publish(const char* state);
     void writeStatus(const char* state);
     std::string upText() const;
 
     const Options m_options;
     const Hosted m_hosted;
-    std::mutex m_reportMutex; // the watch may tell while the main thread does
+    std::mutex m_reportMutex; // the watch's thread and the main thread may both report
     StartReport m_report;
     const Tlx::TlxPathname m_root;
     ServiceManager m_manager;
@@ -107,7 +107,7 @@ class Daemon
     std::unique_ptr<Tlx::OrbService> m_service;
 };
 
-/// The whole program: command line, --check-config, detaching, the daemon.
+/// Runs the whole program: command line, --check-config, detaching, the daemon.
 int runProgram(int argc, char** argv, const Hosted& hosted);
 
 } // namespace Veltrane::Quillmark::Qmdisco

@@ -1,5 +1,5 @@
 #pragma once
-// How the daemon ends: part of its interface, --help prints it.
+// The daemon's exit codes. They are a part of its interface, and --help prints them.
 
 #include <string>
 
@@ -24,14 +24,14 @@ enum ExitCode : int
 /// The table of exit codes, for people.
 std::string exitCodeTable();
 
-/// Why the daemon ends otherwise than in order.
+/// Why the daemon cannot go on.
 struct Failure
 {
     ExitCode code = EC_UNEXPECTED;
     std::string text; ///< one line for a person: what, where, why
 };
 
-/// What a step of the daemon answers: its value, or why the daemon cannot go on.
+/// The result of a step: its value, or why the daemon cannot go on.
 template <class T = void>
 using Result = tl::expected<T, Failure>;
 

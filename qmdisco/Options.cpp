@@ -18,7 +18,7 @@ std::string checkRoot(const std::string& text)
     return text.empty() ? "a directory is expected, not an empty name" : "";
 }
 
-/// A message of the parser's as one line.
+/// Returns a message of the parser as one line.
 std::string oneLine(std::string text)
 {
     for (char& c : text)

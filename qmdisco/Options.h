@@ -16,9 +16,9 @@ struct Options
     std::optional<int> logLevel;
 };
 
-/// The options of a command line. When nothing is to be run (--help, --version, a wrong option) it
-/// is the exit code and the text for the person: on standard output with EC_OK, else on standard
-/// error.
+/// Returns the options of a command line. For --help, --version and a wrong option it returns the
+/// exit code and a text for the person. With EC_OK the text goes to standard output, otherwise to
+/// standard error.
 [[nodiscard]] Result<Options> parseOptions(int argc, const char* const* argv);
 
 /// The version of this program, "1.2.3".

@@ -18,9 +18,9 @@ using Tlx::TlxPathname;
 
 namespace {
 
-/// The process that has the lock, 0 when nobody knows it. The kernel is asked first: the file may
-/// still hold the pid of a daemon that was killed. The kernel does not name a holder in another pid
-/// namespace; the file's content does.
+/// Returns the process that holds the lock, 0 if it is unknown. It asks the kernel first, because
+/// the file may still hold the pid of a killed daemon. The kernel does not know a holder in another
+/// pid namespace; then it takes the file's content.
 long holderOf(int fd)
 {
     struct flock asked = {};
@@ -82,7 +82,7 @@ PidFile::PidFile(std::unique_ptr<FileLock> lock, const TlxPathname& path) : m_lo
 
 PidFile::~PidFile()
 {
-    // After a failure the file names a process that is gone. The lock, which counts, goes anyway.
+    // After a failure the file keeps this pid. That does no harm, because only the lock counts.
     [[maybe_unused]] const int ignored = ::ftruncate(m_lock->get_handle(), 0);
 }
 

@@ -1,5 +1,5 @@
 #pragma once
-// run/qmdisco.pid: one daemon a root.
+// run/qmdisco.pid: keeps a second daemon from the same root.
 
 #include <memory>
 #include <string>
@@ -11,26 +11,27 @@
 
 namespace Veltrane::Quillmark::Qmdisco {
 
-/// Holds the root for this process. The write lock on the file counts, not its content: the kernel
-/// removes the lock when the process ends, so a killed daemon blocks nobody. It is a record lock
-/// (tlx/FileLock.h) and not flock(2), which a child would inherit: a program that an explorer
-/// started and that outlives the daemon would keep the root locked.
+/// Holds the root for this process by a write lock on the file; the content does not count. The
+/// kernel removes the lock when the process ends, so a killed daemon blocks nobody. The lock is a
+/// record lock (tlx/FileLock.h), because a child process would inherit a lock of flock(2). Then a
+/// program of an explorer could outlive the daemon and keep the root locked.
 ///
-/// The file is emptied when it is given up, never removed. Otherwise a remover and a newcomer that
-/// has just opened the old file could both hold "the" lock.
+/// The destructor empties the file and never removes it. If it removed the file, a new daemon could
+/// lock the removed file while another one locks a new file.
 class PidFile
 {
   public:
-    /// Takes run/qmdisco.pid under root for this process and writes its pid there. Fails when
-    /// another daemon holds it or the file cannot be opened. Call it after the last fork.
+    /// Locks run/qmdisco.pid under root and writes this process's pid there. Fails if another
+    /// daemon holds the lock, or the file cannot be opened. Call it after the last fork.
     [[nodiscard]] static Result<std::unique_ptr<PidFile>> take(const Tlx::TlxPathname& root);
 
-    /// Empties the file and gives it up.
+    /// Empties the file and releases the lock.
     ~PidFile();
     PidFile(const PidFile&) = delete;
     PidFile& operator=(const PidFile&) = delete;
 
-    /// Why the pid could not be written (a full disk); empty when it was. The root is held anyway.
+    /// Why the pid could not be written (a full disk); empty if it was. The object holds the lock
+    /// in both cases.
     const std::string& writeError() const { return m_writeError; }
 
   private:

@@ -28,8 +28,8 @@ tl::unexpected<Failure> unusable(const std::string& what, const TlxPathname& pat
 TlxPathname absolutePath(const TlxPathname& path)
 {
     std::filesystem::path result = std::filesystem::absolute(path.text());
-    // "DIR", "DIR/" and "./DIR" are the same root: messages and the status show one of them. A ".."
-    // stays: after a symbolic link it means another directory than the text suggests.
+    // "DIR", "DIR/" and "./DIR" are the same root, and messages and the status show it in one form.
+    // A ".." stays, because after a symbolic link it leads to another directory.
     if (std::find(result.begin(), result.end(), "..") == result.end())
         result = result.lexically_normal();
     return result.has_filename() ? result.string() : result.parent_path().string();
@@ -65,7 +65,7 @@ Result<> prepareDirectories(const TlxPathname& root)
 Result<> checkPrivilege(const TlxPathname& storeDirectory)
 {
     const TlxPathname path = storeDirectory.withFileName(".privilege");
-    ::unlink(path.c_str()); // left behind by a daemon that was killed right here
+    ::unlink(path.c_str()); // a daemon that was killed here may have left it
     auto made = Tlx::openFile(path, O_CREAT | O_EXCL | O_RDWR, 0);
     if (!made)
         return unusable("make the file", path, made.error());

@@ -10,7 +10,8 @@ namespace Veltrane::Quillmark::Qmdisco {
 
 namespace {
 
-/// One assignment a line: a line break in a status would begin another one.
+/// Replaces line breaks: each line is one assignment, so a break in a status would begin another
+/// one.
 std::string statusLine(std::string status)
 {
     std::replace(status.begin(), status.end(), '\n', ' ');

@@ -1,5 +1,5 @@
 #pragma once
-// What the daemon tells the service manager (systemd) that started it; nothing when none did.
+// Reports the daemon's state to the service manager (systemd). Does nothing without one.
 
 #include <chrono>
 #include <string>
@@ -16,9 +16,9 @@ class ServiceManager
     void stopping(const std::string& status);
     void failed(const std::string& status);
 
-    /// Tells that the main thread is alive.
+    /// Reports that the main thread is alive.
     void ping();
-    /// How often ping is to be called; zero when nobody waits for it.
+    /// The interval for calls of ping; zero if the service manager expects none.
     std::chrono::milliseconds pingInterval() const { return m_pingInterval; }
 
   private:

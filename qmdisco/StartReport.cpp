@@ -23,7 +23,7 @@ tl::unexpected<Failure> cannot(const char* what)
         Failure{EC_UNEXPECTED, std::string("unexpected failure: ") + what + ": " + why});
 }
 
-/// The part of the process that was started: never returns.
+/// Runs in the process that was started. It waits for the report and never returns.
 [[noreturn]] void waitForDaemon(int fd, pid_t child)
 {
     unsigned char code = EC_UNEXPECTED;
@@ -50,7 +50,7 @@ void toNull(int from, int to)
 
 Result<StartReport> StartReport::detach()
 {
-    std::fflush(nullptr); // buffered output would be written by both
+    std::fflush(nullptr); // otherwise both processes would write the buffered output
     ::close_range(STDERR_FILENO + 1, ~0u, 0);
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC) != 0)
@@ -67,7 +67,8 @@ Result<StartReport> StartReport::detach()
     reading.reset();
     if (::setsid() < 0)
         return cannot("setsid");
-    // The leader of a session could get a controlling terminal by opening one; its child cannot.
+    // The leader of a session could open a terminal and get it as its controlling one. Its child
+    // cannot.
     const pid_t daemon = ::fork();
     if (daemon < 0)
         return cannot("fork");
@@ -87,7 +88,7 @@ void StartReport::tell(int exitCode)
     if (exitCode == EC_OK)
         toNull(STDERR_FILENO, STDERR_FILENO);
     const auto code = static_cast<unsigned char>(exitCode);
-    // Fails when the process that started the daemon is gone. Then nobody wants to know.
+    // It fails if the process that started the daemon is gone. Then nobody waits for the report.
     [[maybe_unused]] const ssize_t ignored = ::write(listener.get(), &code, 1);
 }
 

@@ -1,5 +1,5 @@
 #pragma once
-// How the daemon leaves the terminal, and reports the outcome of its start.
+// Detaches the daemon from the terminal, and reports the result of its start.
 
 #include <utility>
 
@@ -9,28 +9,30 @@
 
 namespace Veltrane::Quillmark::Qmdisco {
 
-/// In the foreground nobody waits for a report. Detached, the process that was started waits for
-/// the daemon's report and ends with the exit code in it, so that a script sees a failed start. The
-/// daemon keeps standard error until then: the line that explains a failure goes there.
+/// In the foreground nobody waits for a report. A detached daemon is a child of the process that
+/// was started. That process waits for the report and ends with the reported exit code, so a script
+/// sees a failed start. Until then the daemon keeps standard error, for the line that explains a
+/// failure.
 class StartReport
 {
   public:
-    /// In the foreground.
+    /// Makes a report for the foreground, which does nothing.
     StartReport() = default;
-    /// Detaches: returns in the daemon only. The calling process waits and ends; a daemon that dies
-    /// without a report makes it end with EC_UNEXPECTED. Call it before any thread is made. It
-    /// closes all descriptors but the standard ones, and the working directory becomes "/".
-    /// Fails when the daemon cannot be split off: in the calling process before the split, later in
-    /// the part that was split off.
+    /// Detaches, and returns only in the daemon. The calling process waits for the report and ends.
+    /// If the daemon dies without a report, it ends with EC_UNEXPECTED. Call it before any thread
+    /// is made. It closes all descriptors except the standard ones, and changes to the directory
+    /// "/".
+    ///
+    /// Returns a failure in the calling process up to the first fork, in the child after it.
     [[nodiscard]] static Result<StartReport> detach();
 
-    /// Reports the exit code of the start, once; later calls do nothing. After success standard
-    /// error leads to /dev/null.
+    /// Reports the exit code of the start. Later calls do nothing. After a success standard error
+    /// goes to /dev/null.
     void tell(int exitCode);
 
   private:
     explicit StartReport(Tlx::FileDescriptor listener) : m_listener(std::move(listener)) {}
-    Tlx::FileDescriptor m_listener; ///< none in the foreground
+    Tlx::FileDescriptor m_listener; ///< closed in the foreground
 };
 
 } // namespace Veltrane::Quillmark::Qmdisco

@@ -15,7 +15,7 @@ namespace Veltrane::Quillmark::Qmdisco {
 
 namespace {
 
-/// A time that may be none.
+/// Returns null for the time 0.
 nlohmann::ordered_json timeOrNull(long long seconds)
 {
     return seconds == 0 ? nlohmann::ordered_json() : nlohmann::ordered_json(toIsoTime(seconds));
@@ -75,7 +75,7 @@ std::string toIsoTime(long long seconds)
     char text[40];
     const std::string_view result(text,
                                   std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &local));
-    // "+0100", where the standard wants "+01:00"
+    // strftime writes "+0100", and the standard wants "+01:00".
     const std::size_t minutes = result.size() - 2;
     return std::string(result.substr(0, minutes)).append(":").append(result.substr(minutes));
 }

@@ -1,5 +1,5 @@
 #pragma once
-// run/status.json: what the wire contract does not tell about the running daemon.
+// run/status.json: figures of the running daemon that the wire contract does not have.
 
 #include <string>
 #include <utility>
@@ -20,20 +20,20 @@ struct ExplorerLine
     std::string name;
     std::string subject;
     std::string authority;
-    int type = 0; ///< the authority's
+    int type = 0; ///< of the authority
     unsigned priority = 0;
-    std::string library; ///< empty for the service's own
-    long long last = 0;  ///< of the last push or pull, seconds since the epoch; 0 for none
-    std::string outcome; ///< how that went
+    std::string library; ///< empty for an explorer of the service itself
+    long long last = 0;  ///< time of the last push or pull, seconds since the epoch; 0 for none
+    std::string outcome; ///< of that push or pull
 };
 
 struct Explorers
 {
     std::vector<ExplorerLine> lines;
-    long long nextPush = 0; ///< seconds since the epoch; 0 when none is due
+    long long nextPush = 0; ///< seconds since the epoch; 0 if none is scheduled
 };
 
-/// More are not written, only counted: the document is read by people.
+/// The most explorers in the document, which people read. It only counts the others.
 constexpr std::size_t MAX_EXPLORER_LINES = 1000;
 
 struct Status
@@ -53,20 +53,20 @@ struct Status
     Explorers explorers;
 };
 
-/// The status as a JSON document; bytes that are no UTF-8 become U+FFFD.
+/// Returns the status as a JSON document. Bytes that are not UTF-8 become U+FFFD.
 std::string toJson(const Status& status);
 
-/// Seconds since the epoch as "2024-02-29T13:05:00+01:00", in the local zone.
+/// Returns seconds since the epoch as "2024-02-29T13:05:00+01:00", in the local zone.
 std::string toIsoTime(long long seconds);
 
-/// Readers see the old document or the new one, never half of one, also after a crash: it is
-/// written beside, synced, and renamed into place. Used by one thread.
+/// Writes a temporary file, syncs it and renames it. So readers always see a whole document, also
+/// after a crash. One thread uses it.
 class StatusFile
 {
   public:
     explicit StatusFile(const Tlx::TlxPathname& path) : m_path(path) {}
 
-    /// Writes the status unless it equals the one written last.
+    /// Writes the status, unless it equals the last one.
     [[nodiscard]] Result<> write(const Status& status);
 
   private:

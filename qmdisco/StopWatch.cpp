@@ -15,10 +15,10 @@ namespace Veltrane::Quillmark::Qmdisco {
 
 namespace {
 
-/// Longer than anybody waits, and short enough to calculate with.
+/// The largest limit. Larger ones could overflow in the calculation of the deadline.
 constexpr std::uint64_t LONGEST_LIMIT = 366u * 24 * 3600;
 
-/// Where the service's wish goes; -1 when nobody listens.
+/// The descriptor for the service's wish; -1 without a watch.
 std::atomic<int> s_event{-1};
 static_assert(std::atomic<int>::is_always_lock_free, "written from signal handlers");
 
@@ -53,7 +53,7 @@ Tlx::FileDescriptor makeEventDescriptor()
 void signalEvent(int fd)
 {
     const std::uint64_t one = 1;
-    // It can fail only when the counter is full, and then the reader is awake anyway.
+    // It can fail only if the counter is full. Then the reader is awake anyway.
     [[maybe_unused]] const ssize_t ignored = ::write(fd, &one, sizeof one);
 }
 
@@ -98,7 +98,7 @@ void StopWatch::askToStop(const std::string& reason)
         m_deadline = Clock::now() + m_second * static_cast<std::int64_t>(m_limit);
     }
     m_wanted.notify_all();
-    signalEvent(m_event.get()); // the thread sets out to wait for the deadline
+    signalEvent(m_event.get()); // makes the thread wait for the deadline
 }
 
 std::string StopWatch::stopReason() const

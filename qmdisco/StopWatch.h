@@ -1,5 +1,5 @@
 #pragma once
-// Takes the signals and the service's own wish to stop, and sees to it that a stop comes to an end.
+// Receives the signals and the service's own wish to stop, and limits the time of a stop.
 
 #include <atomic>
 #include <chrono>
@@ -15,52 +15,53 @@
 
 namespace Veltrane::Quillmark::Qmdisco {
 
-/// A thread of its own waits for SIGTERM, SIGINT, SIGHUP and the service's wish, and wakes the main
-/// thread, which does the work. It is not the main thread that waits for signals, because that one
-/// may be in a hook that hangs: the limit of a stop runs from the moment the stop is asked for,
-/// whatever the main thread is doing, also during the start.
+/// The watch has a thread. It waits for SIGTERM, SIGINT, SIGHUP and the service's wish, and wakes
+/// the main thread, which does the work. The main thread cannot wait for signals itself, because it
+/// may be in a hook that hangs. The limit of a stop begins with the wish, also during the start.
 ///
-/// One object a process.
+/// A process has one object.
 class StopWatch
 {
   public:
-    /// Called, on the watch's thread, when a stop did not end in time; text is one line that names
-    /// the step it waits for. The watch does nothing more after it.
+    /// The watch's thread calls it if a stop does not end in time. The text is one line that names
+    /// the current step. The watch does nothing more after the call.
     using LimitReached = std::function<void(const std::string& text)>;
 
-    /// What the main thread is to do.
+    /// The work for the main thread.
     struct Wish
     {
         bool stop = false;
         bool reload = false;
     };
 
-    /// Blocks the watched signals in the calling thread and those it makes from now on: the process
-    /// calls this before it has any other thread, for a signal goes to whichever thread takes it.
+    /// Blocks the watched signals in the calling thread and the threads that it makes later. Call
+    /// it before the process has other threads, because any thread that does not block a signal may
+    /// receive it.
     static void blockSignals();
 
-    /// @param second how long a second of the limit is (tests shorten it).
-    /// @throws std::system_error when the process is out of descriptors or threads.
+    /// @param second the length of one second of the limit (tests shorten it).
+    /// @throws std::system_error if the process has no free descriptors or threads.
     StopWatch(std::chrono::milliseconds second, LimitReached limitReached);
     ~StopWatch();
     StopWatch(const StopWatch&) = delete;
     StopWatch& operator=(const StopWatch&) = delete;
 
-    /// How long a stop may take; a stop that has begun keeps the limit it began with.
+    /// Sets the limit of a stop. A stop that has begun keeps its limit.
     void setLimit(std::uint64_t seconds);
 
-    /// Names what the main thread is about to do; a literal.
+    /// Names the next step of the main thread.
+    /// @param step a literal.
     void setStep(const char* step) { m_step = step; }
 
-    /// Asks for a stop and starts its limit; the first reason stands.
+    /// Asks for a stop and starts its limit. Only the first call counts.
     void askToStop(const std::string& reason);
     std::string stopReason() const;
 
-    /// The service's way to ask for a stop: async-signal-safe, any thread.
+    /// The service calls it to ask for a stop. Any thread may call it; it is async-signal-safe.
     static void serviceAsksToStop();
 
-    /// Waits until something is wanted or the time is over. A stop stays wanted, a reload is told
-    /// once.
+    /// Waits until there is work or the time is over. It returns a stop in every later call, a
+    /// reload only once.
     Wish wait(std::chrono::milliseconds atMost);
 
   private:
@@ -69,7 +70,7 @@ class StopWatch
     void run();
     void readSignals();
     void readEvent();
-    int millisecondsLeft() const; ///< for poll: -1 when there is no limit now
+    int millisecondsLeft() const; ///< for poll: -1 if no limit runs
 
     const std::chrono::milliseconds m_second;
     const LimitReached m_limitReached;
@@ -78,7 +79,7 @@ class StopWatch
     std::atomic<const char*> m_step{"the start"};
     std::atomic<bool> m_end{false};
 
-    mutable std::mutex m_mutex; // guards what follows; nothing is called under it
+    mutable std::mutex m_mutex; // guards the members below; never held during a call-back
     std::condition_variable m_wanted;
     Wish m_wish;
     std::string m_reason;
@@ -86,7 +87,7 @@ class StopWatch
     std::uint64_t m_limitOfStop = 0;
     std::optional<Clock::time_point> m_deadline;
 
-    std::thread m_thread; ///< last: it runs on all of the above
+    std::thread m_thread; ///< last, because it uses all members above
 };
 
 } // namespace Veltrane::Quillmark::Qmdisco

@@ -1,17 +1,17 @@
-# Sourced by the scripts beside it: what they share.
+# The common functions of the scripts in this folder, which source it.
 # shellcheck shell=bash
 
 QM_TOP="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 QM_PRESETS="dev release asan-ubsan tsan fuzz"
 cd "$QM_TOP" || exit 1
 
-# What is said to the person who started the script goes to stderr: stdout is for results.
+# Messages for the person go to stderr, because stdout is for results.
 say() { printf '== %s\n' "$*" >&2; }
 die() {
     printf '%s: %s\n' "$(basename "$0")" "$*" >&2
     exit 1
 }
-# A wrong command line: exit code 2, as the usual tools have it.
+# Ends after a wrong command line with exit code 2, like most tools.
 usage_error() {
     printf '%s: %s\n' "$(basename "$0")" "$*" >&2
     exit 2
@@ -24,19 +24,19 @@ require_preset() {
     esac
 }
 
-# What another clone of this tree has compiled is as good here: the compiler is called with relative
-# paths, and the directory that it works in does not count.
+# All clones of this tree share the compiler cache: it makes paths relative, and ignores the working
+# directory.
 export CCACHE_BASEDIR="$QM_TOP" CCACHE_NOHASHDIR=1
-# The unit tests' headers are compiled once; the cache asks for this to handle that.
+# The cache needs this for the precompiled headers of the unit tests.
 export CCACHE_SLOPPINESS=pch_defines,time_macros
-# Where the compiler cache may not use its own default place, it lives in the tree.
+# If the compiler cache cannot write to its default folder, it uses one in the tree.
 if [ -z "${CCACHE_DIR:-}" ] && [ ! -w "${HOME:-/nonexistent}" ]; then
     export CCACHE_DIR="$QM_TOP/.cache/ccache"
 fi
 
-# What the sanitizers' runtimes are told, for whatever runs out of a preset's build directory (the
-# build itself included: it runs the test programs to learn their tests). An option that the caller
-# already set stands last and therefore wins.
+# Sets the options of the sanitizers' runtimes, for all programs of a preset's build directory. The
+# build needs them as well: it runs the test programs to list their tests. The caller's options come
+# last and therefore win.
 sanitizer_environment() {
     local supp="$QM_TOP/tests/sanitizers"
     case "$1" in
@@ -51,9 +51,9 @@ sanitizer_environment() {
     esac
 }
 
-# The thread sanitizer's runtime lays its shadow over fixed addresses; a kernel that scatters
-# mappings widely (vm.mmap_rnd_bits above 28) lands on them now and then. Without that scattering it
-# always starts.
+# Runs a command for a preset, in place of this shell. The thread sanitizer's runtime needs fixed
+# addresses. A kernel that places mappings at random (vm.mmap_rnd_bits above 28) sometimes uses
+# these addresses. So the preset tsan runs without that.
 exec_in_preset() {
     local preset="$1"
     shift
