@@ -11,10 +11,11 @@
 #include <FilterParameters.h>
 #include <tlx/HostConfig.h>
 
-#include "Capture.h"
 #include "FileSystemData.h"
 #include "FileSystemDocument.h"
 #include "FileSystemExplorers.h"
+#include "support/Capture.h"
+#include "support/TemporaryDirectory.h"
 
 namespace Veltrane::Quillmark::Explorers {
 namespace {
@@ -23,19 +24,11 @@ using namespace Tlx::DiscoverySvc;
 
 struct MountTableTest : testing::Test
 {
-    MountTableTest()
-    {
-        std::string name = (std::filesystem::temp_directory_path() / "qmtest.XXXXXX").string();
-        EXPECT_NE(::mkdtemp(name.data()), nullptr);
-        directory = name;
-    }
-    ~MountTableTest() override { std::filesystem::remove_all(directory); }
-
     /// The mount points that a table has, with what is left out.
     std::vector<std::string> mounts(const std::string& table, const std::string& excluded)
     {
-        const std::string file = directory / "mountinfo";
-        std::ofstream(file) << table;
+        const std::string file = directory.path("mountinfo");
+        QmTest::writeFile(file, table);
         EXPECT_TRUE(readMountTable(file, Exclusion(excluded), read, error)) << error;
         std::vector<std::string> places;
         for (const FileSystem& each : read)
@@ -43,7 +36,7 @@ struct MountTableTest : testing::Test
         return places;
     }
 
-    std::filesystem::path directory;
+    const QmTest::TemporaryDirectory directory;
     std::vector<FileSystem> read;
     std::string error;
 };

@@ -7,10 +7,10 @@
 #include <DiscoveredItems.h>
 #include <FilterParameters.h>
 
-#include "Capture.h"
-#include "Documentation.h"
 #include "FileSystemDocument.h"
 #include "FileSystemExplorers.h"
+#include "support/Capture.h"
+#include "support/Documentation.h"
 
 namespace Veltrane::Quillmark::Explorers {
 namespace {

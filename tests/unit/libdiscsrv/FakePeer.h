@@ -21,13 +21,11 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <csignal>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -35,6 +33,7 @@
 #include <tlx/Orb.h>
 
 #include "DiscoveryService_i.h"
+#include "support/PeerProcess.h"
 
 namespace QmTest {
 
@@ -289,8 +288,8 @@ class Nameless : public Stranger
 
 } // namespace FakePeerDetail
 
-/// Made before anything of the ORB in this process, which it is forked from.
-class FakePeer
+/// Make it before anything of the ORB in this process.
+class FakePeer : public PeerProcess
 {
   public:
     enum Kind
@@ -298,40 +297,15 @@ class FakePeer
         SERVICE,
         BROKEN,   ///< cannot push
         STRANGER, ///< advertises something else under the service's name
-        NAMELESS  ///< so does this one, which fails when it is asked what it is
+        NAMELESS  ///< advertises an object that fails when it is asked for its type
     };
     explicit FakePeer(Kind kind = SERVICE)
+        : PeerProcess([kind](const std::string&) { return serve(kind); }), endpoint(ask("serve"))
     {
-        int ends[2];
-        EXPECT_EQ(::pipe(ends), 0);
-        m_pid = ::fork();
-        if (m_pid == 0) {
-            ::close(ends[0]);
-            serve(ends[1], kind);
-        }
-        ::close(ends[1]);
-        char text[100] = {};
-        EXPECT_GT(::read(ends[0], text, sizeof text - 1), 0);
-        ::close(ends[0]);
-        endpoint = text;
     }
     ~FakePeer() { kill(); }
-    FakePeer(const FakePeer&) = delete;
-    FakePeer& operator=(const FakePeer&) = delete;
 
-    void kill()
-    {
-        if (m_pid <= 0)
-            return;
-        ::kill(m_pid, SIGKILL);
-        ::waitpid(m_pid, nullptr, 0);
-        m_pid = -1;
-    }
-
-    /// It accepts connections and answers nobody any more.
-    void silence() { ::kill(m_pid, SIGSTOP); }
-
-    std::string endpoint;
+    const std::string endpoint;
 
   private:
     static CORBA::Object_ptr activate(Tlx::Orb& orb, Kind kind)
@@ -347,21 +321,15 @@ class FakePeer
             return orb.activateServant(new FakePeerDetail::Service);
         }
     }
-    [[noreturn]] static void serve(int out, Kind kind)
+    /// The endpoint of the service. The ORB lives as long as the process.
+    static std::string serve(Kind kind)
     {
-        ::alarm(100); // no test takes that long
-        Tlx::Orb orb(false, "127.0.0.1:0", "DiscoveryService", false, 16);
+        static Tlx::Orb orb(false, "127.0.0.1:0", "DiscoveryService", false, 16);
         const CORBA::Object_var object = activate(orb, kind);
         orb.advertiseObject("DiscoveryService", object);
         orb.serveRequests();
-        const std::string text = orb.getEndpoint();
-        (void)!::write(out, text.data(), text.size());
-        ::close(out);
-        for (;;)
-            ::pause();
+        return orb.getEndpoint();
     }
-
-    pid_t m_pid = -1;
 };
 
 } // namespace QmTest

@@ -1,32 +1,17 @@
 #pragma once
 // A store in a temporary directory, and its records.
 
-#include <fstream>
-#include <sstream>
+#include <algorithm>
+#include <filesystem>
 #include <string>
 #include <vector>
-
-#include <dirent.h>
-#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
 #include "ServiceFixture.h"
+#include "support/TemporaryDirectory.h"
 
 namespace QmTest {
-
-inline std::string contentOf(const std::filesystem::path& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
-inline void writeFile(const std::filesystem::path& path, const std::string& content)
-{
-    std::ofstream(path, std::ios::binary) << content;
-}
 
 /// The descriptor under which this process has a file open, -1 for none.
 inline int descriptorOf(const std::filesystem::path& path)
@@ -138,7 +123,5 @@ class Store : public testing::Test
   private:
     TemporaryDirectory m_directory;
 };
-
-using Lines = std::vector<std::string>;
 
 } // namespace QmTest

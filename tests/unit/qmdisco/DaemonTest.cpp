@@ -16,9 +16,9 @@
 #include <tlx/Corba.h>
 #include <tlx/HostConfig.h>
 
-#include "Capture.h"
 #include "FakeService.h"
 #include "TestRoot.h"
+#include "support/Capture.h"
 
 using namespace Veltrane::Quillmark;
 using namespace Veltrane::Quillmark::Qmdisco;

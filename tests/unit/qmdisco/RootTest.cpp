@@ -10,9 +10,9 @@
 
 #include <gtest/gtest.h>
 
-#include "Capture.h"
 #include "ConfigReport.h"
 #include "TestRoot.h"
+#include "support/Capture.h"
 
 using namespace Veltrane::Quillmark;
 using namespace Veltrane::Quillmark::Qmdisco;

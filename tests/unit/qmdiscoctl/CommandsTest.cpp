@@ -6,61 +6,20 @@
 #include <fstream>
 #include <sstream>
 
-#include <stdlib.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "Research.h"
+#include "support/Lines.h"
+#include "support/ListedDiscoveries.h"
+#include "support/TemporaryDirectory.h"
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 namespace {
 
+using QmTest::contentOf;
+using QmTest::Lines;
 using testing::HasSubstr;
-using Lines = std::vector<std::string>;
-
-/// The bytes of a discovery.
-class Bytes : public Svc::CollectionData
-{
-  public:
-    explicit Bytes(std::string text) : m_text(std::move(text)) {}
-    bool open(Svc::OpenMode, const char*) override { return true; }
-    std::size_t readCollection(std::size_t length, void* buffer) const override
-    {
-        const std::size_t count = m_text.copy(static_cast<char*>(buffer), length, m_position);
-        m_position += count;
-        return count;
-    }
-    bool writeCollection(std::size_t, const void*) const override { return false; }
-
-  private:
-    const std::string m_text;
-    mutable std::size_t m_position = 0;
-};
-
-class ReadBack : public Svc::Discovery
-{
-  public:
-    explicit ReadBack(const std::string& text) : Discovery(new Bytes(text), Svc::DQ_DISCOVERY_DATA)
-    {
-    }
-    Svc::DiscoveryResult persist() override { return {Svc::DS_OPEN_FAILED, 0}; }
-    Svc::DiscoveryResult open(Svc::OpenMode, const char*) override { return {Svc::DS_SUCCESS, 0}; }
-};
-
-/// Yields one discovery.
-class One : public Svc::DiscoveryIterator
-{
-  public:
-    explicit One(Svc::Discovery* discovery)
-        : DiscoveryIterator(Svc::AT_ANYANDALL, "*", "*"), m_discovery(discovery)
-    {
-    }
-    Svc::Discovery* getNext() override { return m_discovery.release(); }
-
-  private:
-    Tlx::AutoDereference<Svc::Discovery> m_discovery;
-};
 
 /// A discovery that a researcher reads back.
 struct Discovered
@@ -73,11 +32,13 @@ struct Discovered
 
     void hand(const EachDiscovery& each) const
     {
-        Tlx::AutoDereference<Svc::Discovery> discovery(new ReadBack(document));
+        const Tlx::AutoDereference<Svc::Discovery> discovery(
+            new QmTest::PlainDiscovery(new QmTest::MemoryData(document)));
         discovery->setSubject(new Svc::Subject(subject));
         if (!authority.empty())
             discovery->setAuthority(new Svc::Authority(authority, Svc::AT_EXTSRC));
-        const Tlx::AutoDereference<One> one(new One(discovery.release()));
+        const Tlx::AutoDereference<QmTest::ListedDiscoveries> one(new QmTest::ListedDiscoveries);
+        one->add(discovery);
         const Tlx::AutoDereference<Svc::AuthSubIterator> all(new Svc::AuthSubIterator(one.get()));
         const Tlx::AutoDereference<Svc::CollectionItemIterator> items(
             all->getNextCollectionItemIterator(nullptr));
@@ -265,15 +226,11 @@ struct CtlCommandsTest : testing::Test
 {
     CtlCommandsTest()
     {
-        std::string name = (std::filesystem::temp_directory_path() / "qmtest.XXXXXX").string();
-        EXPECT_NE(::mkdtemp(name.data()), nullptr);
-        directory = name;
         options.subject = "cl5";
         options.authority = "srv1";
         target.host = "backup1";
         target.endpoint = {"192.0.2.7", 14400};
     }
-    ~CtlCommandsTest() override { std::filesystem::remove_all(directory); }
 
     Outcome run(Command command)
     {
@@ -312,16 +269,8 @@ struct CtlCommandsTest : testing::Test
     }
     std::string file(const std::string& content)
     {
-        const std::string name = (directory / "input").string();
-        std::ofstream(name, std::ios::binary) << content;
-        return name;
-    }
-    static std::string contentOf(const std::filesystem::path& path)
-    {
-        std::ifstream stream(path, std::ios::binary);
-        std::ostringstream text;
-        text << stream.rdbuf();
-        return text.str();
+        QmTest::writeFile(directory.path("input"), content);
+        return directory.path("input");
     }
 
     Script script;
@@ -331,7 +280,7 @@ struct CtlCommandsTest : testing::Test
     Kept out;
     bool reachable = true;
     std::chrono::steady_clock::time_point now{};
-    std::filesystem::path directory;
+    QmTest::TemporaryDirectory directory;
 };
 
 TEST_F(CtlCommandsTest, PutSendsTheFileInLargeChunksAndClosesOnce)
@@ -423,7 +372,7 @@ TEST_F(CtlCommandsTest, AServiceThatBreaksOffIsToldWithWhatIsKnown)
 
 TEST_F(CtlCommandsTest, AFileThatCannotBeReadTroublesNoService)
 {
-    options.input = (directory / "none").string();
+    options.input = directory.path("none");
     const Outcome outcome = run(Command::PUT);
     ASSERT_TRUE(outcome);
     EXPECT_EQ(outcome->code, EC_FAILURE);
@@ -435,11 +384,11 @@ TEST_F(CtlCommandsTest, GetAsksForLargePagesAndWritesTheFileAsAWhole)
 {
     script.pages = {"one ", "two"};
     options.filter = "f";
-    options.output = (directory / "out").string();
+    options.output = directory.path("out");
     EXPECT_EQ(run(Command::GET), Outcome());
     EXPECT_EQ(script.calls, (Lines{"get cl5 of srv1 [f]", "pageSize 1048576", "page", "page",
                                    "page", "release"}));
-    EXPECT_EQ(contentOf(directory / "out"), "one two");
+    EXPECT_EQ(contentOf(directory.path("out")), "one two");
     EXPECT_EQ(out.text, "wrote 7 bytes to " + options.output + "\n");
 }
 
@@ -454,15 +403,15 @@ TEST_F(CtlCommandsTest, AGetThatBreaksOffLeavesTheOldFile)
 {
     script.pages = {"new", "more"};
     script.failAfter = 3;
-    options.output = (directory / "out").string();
+    options.output = directory.path("out");
     std::ofstream(options.output) << "old";
     const Outcome outcome = run(Command::GET);
     ASSERT_TRUE(outcome);
     EXPECT_EQ(outcome->code, EC_BROKE_OFF);
     EXPECT_THAT(outcome->text, HasSubstr("; 3 bytes were received"));
-    EXPECT_EQ(contentOf(directory / "out"), "old");
+    EXPECT_EQ(contentOf(directory.path("out")), "old");
     int entries = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(directory))
+    for (const auto& entry : std::filesystem::directory_iterator(directory.path()))
         entries += entry.exists();
     EXPECT_EQ(entries, 1) << "something was left beside the file";
 }

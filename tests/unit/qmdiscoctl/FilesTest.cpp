@@ -6,44 +6,28 @@
 
 #include <csignal>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+
+#include "support/ChildProcess.h"
+#include "support/TemporaryDirectory.h"
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 namespace {
 
 namespace fs = std::filesystem;
+using QmTest::ChildProcess;
+using QmTest::contentOf;
+using QmTest::writeFile;
 
 struct CtlFilesTest : testing::Test
 {
-    CtlFilesTest()
-    {
-        std::string name = (fs::temp_directory_path() / "qmtest.XXXXXX").string();
-        EXPECT_NE(::mkdtemp(name.data()), nullptr);
-        directory = name;
-    }
-    ~CtlFilesTest() override { fs::remove_all(directory); }
-
-    std::string path(const char* name) const { return (directory / name).string(); }
-    static void write(const std::string& file, const std::string& text)
-    {
-        std::ofstream(file, std::ios::binary) << text;
-    }
-    static std::string contentOf(const std::string& file)
-    {
-        std::ifstream stream(file, std::ios::binary);
-        std::ostringstream text;
-        text << stream.rdbuf();
-        return text.str();
-    }
+    std::string path(const char* name) const { return temporary.path(name); }
     std::size_t fileCount() const
     {
         return static_cast<std::size_t>(
@@ -60,12 +44,13 @@ struct CtlFilesTest : testing::Test
         return text;
     }
 
-    fs::path directory;
+    const QmTest::TemporaryDirectory temporary;
+    const fs::path& directory = temporary.path();
 };
 
 TEST_F(CtlFilesTest, AnInputKnowsTheSizeOfAFile)
 {
-    write(path("in"), "1234567");
+    writeFile(path("in"), "1234567");
     Input input;
     EXPECT_EQ(input.open(path("in")), Outcome());
     EXPECT_EQ(input.size(), 7u);
@@ -124,7 +109,7 @@ TEST_F(CtlFilesTest, AFileAppearsWhenItIsFinished)
 
 TEST_F(CtlFilesTest, AFileGivenUpLeavesWhatWasThere)
 {
-    write(path("out"), "old");
+    writeFile(path("out"), "old");
     Failure failure;
     auto output = makeFileOutput(path("out"), failure);
     ASSERT_TRUE(output);
@@ -136,7 +121,7 @@ TEST_F(CtlFilesTest, AFileGivenUpLeavesWhatWasThere)
 
 TEST_F(CtlFilesTest, AReplacedFileKeepsPermissionsAndLinks)
 {
-    write(path("out"), "old");
+    writeFile(path("out"), "old");
     ASSERT_EQ(::chmod(path("out").c_str(), 0640), 0);
     fs::create_symlink("out", path("link"));
     Failure failure;
@@ -164,20 +149,15 @@ TEST_F(CtlFilesTest, WhatCannotBeWrittenIsSaidAtOnce)
 
 TEST_F(CtlFilesTest, ASignalLeavesNoTemporaryFile)
 {
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::alarm(30);
+    ChildProcess child([this] {
         Failure failure;
         const auto output = makeFileOutput(path("out"), failure);
         if (!output || output->write("half"))
-            ::_exit(1);
+            return 1;
         ::raise(SIGTERM);
-        ::_exit(2);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFSIGNALED(status)) << status;
-    EXPECT_EQ(WTERMSIG(status), SIGTERM);
+        return 2;
+    });
+    EXPECT_EQ(child.exitCode(), -SIGTERM);
     EXPECT_EQ(fileCount(), 0u);
 }
 
@@ -202,20 +182,16 @@ TEST_F(CtlFilesTest, ADescriptorThatIsNotReadyIsWaitedFor)
 
 TEST_F(CtlFilesTest, AClosedStandardDescriptorIsFilledWithOneThatFails)
 {
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::alarm(30);
+    ChildProcess child([] {
         ::close(0);
         ::close(1);
         ensureStandardDescriptors();
         char byte;
         const bool good = ::fcntl(0, F_GETFD) >= 0 && ::fcntl(1, F_GETFD) >= 0 &&
                           readFull(0, &byte, 1) == -1 && writeAll(1, "x") == EBADF;
-        ::_exit(good ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+        return good ? 0 : 1;
+    });
+    EXPECT_EQ(child.exitCode(), 0);
 }
 
 } // namespace

@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Capture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {

@@ -7,8 +7,8 @@
 
 #include <gtest/gtest.h>
 
-#include "Capture.h"
 #include "ExplorerFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {

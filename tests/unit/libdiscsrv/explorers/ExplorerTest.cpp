@@ -8,10 +8,11 @@
 #include <gtest/gtest.h>
 
 #include "BoundReference.h"
-#include "Capture.h"
 #include "ExplorerFixture.h"
-#include "NameOnly.h"
 #include "RemoteExplorerPull.h"
+#include "support/Capture.h"
+#include "support/ChildProcess.h"
+#include "support/NameOnly.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
@@ -67,24 +68,19 @@ TEST(ExplorerTest, TheBaseOperationsReturnForObjects)
 
 TEST(ExplorerTest, AReferenceToNothingHaltsInPlace)
 {
-    int ends[2];
-    ASSERT_EQ(::pipe(ends), 0);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::alarm(1); // ends it, unless it came back before
-        haltUnlessBound(&child);
-        (void)!::write(ends[1], "1", 1);
-        haltUnlessBound(nullptr);
-        (void)!::write(ends[1], "2", 1);
-        ::_exit(0);
-    }
-    ::close(ends[1]);
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) << status;
-    char written[4];
-    EXPECT_EQ(::read(ends[0], written, sizeof written), 1) << "it came that far, and no further";
-    ::close(ends[0]);
+    QmTest::ChildProcess bound([] {
+        const int something = 0;
+        haltUnlessBound(&something);
+        return 0;
+    });
+    EXPECT_EQ(bound.exitCode(), 0);
+    QmTest::ChildProcess unbound(
+        [] {
+            haltUnlessBound(nullptr);
+            return 0;
+        },
+        1);
+    EXPECT_EQ(unbound.exitCode(), -SIGALRM);
 }
 
 #ifndef __SANITIZE_ADDRESS__ // (whose companion reports the references themselves)
@@ -100,10 +96,9 @@ TEST(ExplorerTest, TheBaseOperationsHaltForReferencesToNothing)
     const Subject someSubject("s");
     AutoDereference<TLXRefCounted> someState;
     for (int missing = 0; missing < 7; ++missing) {
-        const pid_t child = ::fork();
-        if (child == 0) {
+        QmTest::ChildProcess child([&] {
             ::ualarm(200000, 0);
-            // Volatile, so that nobody sees here what is nothing.
+            // Volatile, so that the compiler does not see the null references.
             const EngineContext* volatile context = missing == 0 ? nullptr : &someContext;
             const Authority* volatile authority =
                 missing == 1 || missing == 4 ? nullptr : &someAuthority;
@@ -114,11 +109,9 @@ TEST(ExplorerTest, TheBaseOperationsHaltForReferencesToNothing)
                 explorer->startExploration(*context, *authority, *subject, *state, nullptr);
             else
                 explorer->stopExploration(*authority, *subject, *state);
-            ::_exit(0);
-        }
-        int status = 0;
-        ASSERT_EQ(::waitpid(child, &status, 0), child);
-        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) << missing;
+            return 0;
+        });
+        EXPECT_EQ(child.exitCode(), -SIGALRM) << missing;
     }
 }
 #endif

@@ -4,17 +4,17 @@
 
 #include <gtest/gtest.h>
 
-#include "Capture.h"
 #include "ItemsFixture.h"
-#include "NameOnly.h"
+#include "support/Capture.h"
+#include "support/NameOnly.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::AssertionCapture;
+using QmTest::Lines;
 using QmTest::LogCapture;
 using QmTest::utf16;
-using Lines = std::vector<std::string>;
 using Contexts = std::vector<XmlObjParseContext*>;
 
 constexpr const char* UNKNOWN = "Ignoring Unknown Tag";

@@ -7,23 +7,23 @@
 
 #include <gtest/gtest.h>
 
-#include "Capture.h"
 #include "DiscoveryRepository.h"
 #include "DiscoverySetSource.h"
-#include "Documentation.h"
 #include "ItemsFixture.h"
-#include "NameOnly.h"
 #include "ServiceFixture.h"
+#include "support/Capture.h"
+#include "support/Documentation.h"
+#include "support/NameOnly.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::AssertionCapture;
+using QmTest::Lines;
 using QmTest::LogCapture;
+using QmTest::MemoryData;
 using QmTest::ReadItems;
 using QmTest::readItems;
-using QmTest::TextData;
-using Lines = std::vector<std::string>;
 
 constexpr const char* UNKNOWN = "Ignoring Unknown Tag";
 
@@ -358,7 +358,7 @@ TEST(DiscoveredItemsTest, TextComesOutWholeWhateverThePieces)
                  "\xF0\x9F\x98\x80</StatusMsg><ExplorerData Name='e'><a>1&amp;2</a></ExplorerData>"
                  "</DISCOVERED>");
     for (const std::size_t piece : {1u, 2u, 3u, 5u, 7u, 511u, 512u, 513u}) {
-        const ReadItems items = readItems(new TextData(text, piece));
+        const ReadItems items = readItems(new MemoryData(text, piece));
         EXPECT_TRUE(items.parsed) << piece;
         EXPECT_EQ(items.all(),
                   Lines{"<Discovered Name=\"\xC3\xA9\"><STATUSMSG Code=\"1\">a\xF0\x9F\x98\x80"
@@ -424,7 +424,7 @@ TEST(DiscoveredItemsTest, DocumentsTellTheirEncoding)
     EXPECT_EQ(readSound("\xEF\xBB\xBF" + plain).all(), expected);
     EXPECT_EQ(readSound(asUtf16(plain, true)).all(), expected);
     EXPECT_EQ(readSound(asUtf16(plain, false)).all(), expected);
-    EXPECT_EQ(readItems(new TextData(asUtf16(plain, false), 1)).all(), expected);
+    EXPECT_EQ(readItems(new MemoryData(asUtf16(plain, false), 1)).all(), expected);
     EXPECT_EQ(readSound("<?xml version='1.0' encoding='ISO-8859-1'?>" +
                         document("<DISCOVERED Name='\xE9'/>"))
                   .all(),
@@ -730,7 +730,7 @@ TEST(DiscoveredItemsTest, ADocumentThatDoesNotEndEndsAtItsBound)
 TEST(DiscoverySetSourceTest, CountsWhatItReads)
 {
     initialiseXml();
-    const TextData data("abcdefgh", 5);
+    const MemoryData data("abcdefgh", 5);
     const DiscoverySetInputSource source(data, "sysid");
     EXPECT_EQ(TlxString::fromXmlCh(source.getSystemId()), TlxString("sysid"));
     const std::unique_ptr<xercesc::BinInputStream> stream(source.makeStream());
@@ -749,7 +749,7 @@ TEST(DiscoverySetSourceTest, CountsWhatItReads)
 TEST(DiscoverySetSourceTest, ReadsNothingOnceTheServiceEnds)
 {
     initialiseXml();
-    const TextData data("abcdefgh");
+    const MemoryData data("abcdefgh");
     const DiscoverySetInputSource source(data, "sysid");
     const std::unique_ptr<xercesc::BinInputStream> stream(source.makeStream());
     XMLByte buffer[4];
@@ -762,7 +762,7 @@ TEST(DiscoverySetSourceTest, ReadsNothingOnceTheServiceEnds)
 TEST(DiscoverySetSourceTest, AFailedReadReadsNothing)
 {
     initialiseXml();
-    const TextData data("a", 1, TextData::ET_MINUS_ONE);
+    const MemoryData data("a", 1, MemoryData::ET_MINUS_ONE);
     const DiscoverySetInputSource source(data, "sysid");
     const std::unique_ptr<xercesc::BinInputStream> stream(source.makeStream());
     XMLByte buffer[16];

@@ -4,8 +4,8 @@
 #include <sstream>
 #include <string>
 
-#include "Capture.h"
 #include "FilterParameters.h"
+#include "support/Capture.h"
 
 using namespace Veltrane::Quillmark::Tlx;
 using namespace Veltrane::Quillmark::Tlx::DiscoverySvc;

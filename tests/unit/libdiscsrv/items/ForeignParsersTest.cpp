@@ -5,18 +5,18 @@
 
 #include <gtest/gtest.h>
 
-#include "Capture.h"
 #include "DiscoveryRepository.h"
 #include "ItemsFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::AssertionCapture;
+using QmTest::Lines;
 using QmTest::LogCapture;
 using QmTest::ReadItems;
 using QmTest::readItems;
-using Lines = std::vector<std::string>;
 
 /// What an event is answered with instead of what is right.
 constexpr int RIGHT = -1;

@@ -8,9 +8,9 @@
 
 #include <gtest/gtest.h>
 
-#include "Capture.h"
-#include "NameOnly.h"
-#include "PlainDiscovery.h"
+#include "support/Capture.h"
+#include "support/NameOnly.h"
+#include "support/PlainDiscovery.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {

@@ -8,14 +8,14 @@
 
 #include <gtest/gtest.h>
 
-#include "Capture.h"
-#include "PlainDiscovery.h"
+#include "support/Capture.h"
+#include "support/PlainDiscovery.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::AssertionCapture;
-using QmTest::NoData;
+using QmTest::MemoryData;
 using QmTest::PlainDiscovery;
 using QmTest::written;
 
@@ -219,7 +219,8 @@ struct Watched : Part
 TEST_F(DiscDataTest, ARecordOwnsItsParts)
 {
     Texts gone;
-    AutoDereference<PlainDiscovery> record(new PlainDiscovery(new Watched<NoData>(gone, "data 1")));
+    AutoDereference<PlainDiscovery> record(
+        new PlainDiscovery(new Watched<MemoryData>(gone, "data 1")));
     EXPECT_EQ(record->getAuthority(), nullptr);
     EXPECT_EQ(record->getSubject(), nullptr);
     EXPECT_EQ(record->getAttributes(), nullptr);
@@ -232,7 +233,7 @@ TEST_F(DiscDataTest, ARecordOwnsItsParts)
                                                                 TlxObjTime(), TlxObjTime(), 1u));
     };
     fill("1");
-    record->setCollectionData(new Watched<NoData>(gone, "data 2"));
+    record->setCollectionData(new Watched<MemoryData>(gone, "data 2"));
     EXPECT_EQ(gone, Texts{"data 1"});
     gone.clear();
     fill("2");

@@ -8,8 +8,8 @@
 
 #include <gtest/gtest.h>
 
-#include "Capture.h"
-#include "PlainDiscovery.h"
+#include "support/Capture.h"
+#include "support/PlainDiscovery.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {

@@ -4,13 +4,13 @@
 
 #include <gtest/gtest.h>
 
-#include "Capture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
+using QmTest::Lines;
 using QmTest::LogCapture;
-using Lines = std::vector<std::string>;
 
 struct XMLHelperTest : testing::Test
 {

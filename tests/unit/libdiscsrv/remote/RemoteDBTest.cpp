@@ -9,22 +9,22 @@
 
 #include <gmock/gmock.h>
 
-#include "Capture.h"
 #include "FakePeer.h"
 #include "RemoteExplorerPull.h"
 #include "ServiceCounters.h"
 #include "ServiceFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::AssertionCapture;
 using QmTest::FakePeer;
+using QmTest::Lines;
 using QmTest::LogCapture;
 using testing::Contains;
 using testing::Not;
 using testing::StartsWith;
-using Lines = std::vector<std::string>;
 
 constexpr const char* NO_MEMORY = "NO_MEMORY (minor 0x00000000, COMPLETED_NO)";
 
@@ -365,7 +365,7 @@ TEST_F(RemoteDBTest, WithoutAMasterOrWithOneThatIsDownAQueryIsNull)
 TEST_F(RemoteDBTest, AtMost32QueriesAreForwardedAtATime)
 {
     constexpr std::size_t MOST = 32;
-    peer.silence();
+    peer.freeze();
     const LogCapture log;
     const auto underWay = [&log] {
         const Lines lines = log.texts(4);

@@ -4,17 +4,19 @@
 
 #include <algorithm>
 
-#include "Capture.h"
+#include <gtest/gtest.h>
+
 #include "ExplorerFixture.h"
 #include "ServiceFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::AssertionCapture;
+using QmTest::Lines;
 using QmTest::LogCapture;
 using QmTest::Service;
-using Lines = std::vector<std::string>;
 
 std::vector<std::string> subjects(DiscoveryIterator* adopted)
 {

@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <thread>
 
-#include "Capture.h"
+#include <gtest/gtest.h>
+
 #include "ExplorerFixture.h"
-#include "PluginTree.h"
 #include "ServiceFixture.h"
+#include "support/Capture.h"
+#include "support/PluginTree.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {

@@ -7,10 +7,12 @@
 #include <optional>
 #include <thread>
 
-#include "Capture.h"
+#include <gtest/gtest.h>
+
 #include "ExplorerFixture.h"
 #include "FakePeer.h"
 #include "ServiceFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {

@@ -6,16 +6,16 @@
 
 #include <sstream>
 
-#include "Capture.h"
 #include "ItemsFixture.h"
 #include "ServiceFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
+using QmTest::Lines;
 using QmTest::LogCapture;
 using QmTest::readItems;
-using Lines = std::vector<std::string>;
 
 FileSystem home()
 {

@@ -4,18 +4,18 @@
 
 #include <gtest/gtest.h>
 
-#include "Capture.h"
 #include "FileSystem.h"
 #include "ItemsFixture.h"
 #include "ServiceFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::AssertionCapture;
+using QmTest::Lines;
 using QmTest::LogCapture;
 using QmTest::Service;
-using Lines = std::vector<std::string>;
 
 std::string filterData(const std::vector<std::vector<QueryField>>& descriptions)
 {

@@ -4,17 +4,19 @@
 
 #include <tlx/OrbService.h>
 
-#include "Capture.h"
+#include <gtest/gtest.h>
+
 #include "RemoteWriter_i.h"
 #include "ServiceFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote {
 namespace {
 
 using QmTest::AssertionCapture;
+using QmTest::Lines;
 using QmTest::LogCapture;
 using QmTest::Service;
-using Lines = std::vector<std::string>;
 
 Remote::Discovery named(const char* subject, const char* authority,
                         DiscoveryQuery query = DQ_DISCOVERY_DATA)

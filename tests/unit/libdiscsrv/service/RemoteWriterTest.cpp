@@ -5,15 +5,17 @@
 #include <fstream>
 #include <sstream>
 
-#include "Capture.h"
+#include <gtest/gtest.h>
+
 #include "ServiceFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote {
 namespace {
 
 using QmTest::AssertionCapture;
+using QmTest::Lines;
 using QmTest::LogCapture;
-using Lines = std::vector<std::string>;
 
 Remote::Discovery incoming(const char* subject, const char* authority)
 {

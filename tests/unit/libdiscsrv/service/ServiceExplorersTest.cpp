@@ -4,11 +4,13 @@
 #include <sstream>
 #include <thread>
 
-#include "Capture.h"
+#include <gtest/gtest.h>
+
 #include "DiscoveryService_i.h"
 #include "ExplorerFixture.h"
 #include "RemoteExplorerPull.h"
 #include "ServiceFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {

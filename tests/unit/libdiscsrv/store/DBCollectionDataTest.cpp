@@ -5,9 +5,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "Capture.h"
+#include <gtest/gtest.h>
+
 #include "RefusedCall.h"
 #include "StoreFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {

@@ -6,9 +6,10 @@
 #include <functional>
 #include <thread>
 
-#include "Capture.h"
+#include <gtest/gtest.h>
+
 #include "StorePeer.h"
-#include "libtlx/files/FileLockPeer.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
@@ -148,7 +149,7 @@ TEST_F(DiscDBLocksTest, AWriterGoesOnWhenTheOtherProcessReleasesItsRecord)
     EXPECT_EQ(peer.ask("write new"), "1");
     peer.tell("persist");
     EXPECT_TRUE(peerWaits());
-    EXPECT_FALSE(peer.answers(0));
+    EXPECT_FALSE(peer.answers(std::chrono::milliseconds::zero()));
     EXPECT_EQ(read(*kept), "old");
     kept.reset();
     EXPECT_EQ(peer.answer(), "0");

@@ -2,9 +2,11 @@
 
 #include "DiscDB.h"
 
-#include "Capture.h"
+#include <gtest/gtest.h>
+
 #include "RefusedCall.h"
 #include "StoreFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {

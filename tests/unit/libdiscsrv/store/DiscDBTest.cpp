@@ -4,8 +4,10 @@
 
 #include <sys/stat.h>
 
-#include "Capture.h"
+#include <gtest/gtest.h>
+
 #include "StoreFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {

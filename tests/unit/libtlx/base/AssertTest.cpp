@@ -10,7 +10,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Capture.h"
+#include "support/Capture.h"
 
 using namespace Veltrane::Quillmark::Tlx;
 using testing::ElementsAre;

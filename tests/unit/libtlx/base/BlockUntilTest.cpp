@@ -9,14 +9,14 @@
 
 #include <tlx/ForeignCode.h>
 
-#include "Capture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx {
 namespace {
 
 using namespace std::chrono_literals;
+using QmTest::Lines;
 using QmTest::LogCapture;
-using Lines = std::vector<std::string>;
 
 struct Thing : TLXBlocking
 {

@@ -17,9 +17,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Capture.h"
+#include "support/Capture.h"
+#include "support/TemporaryDirectory.h"
 
 using namespace Veltrane::Quillmark::Tlx;
+using QmTest::linesOf;
 using testing::ElementsAre;
 using testing::MatchesRegex;
 
@@ -33,16 +35,11 @@ class LogTest : public testing::Test
   protected:
     LogTest()
     {
-        std::string name = testing::TempDir() + "/logtest-XXXXXX";
-        if (::mkdtemp(name.data()) == nullptr)
-            throw std::runtime_error("no temporary directory");
-        m_directory = name;
         m_settings.file = path("qm.log");
         m_settings.toStderr = false;
     }
-    ~LogTest() override { std::filesystem::remove_all(m_directory); }
 
-    std::string path(const std::string& name) const { return m_directory + "/" + name; }
+    std::string path(const std::string& name) const { return m_temporary.path(name); }
 
     void configure()
     {
@@ -50,14 +47,6 @@ class LogTest : public testing::Test
         ASSERT_TRUE(LoggerFactory::instance().configure(m_settings, error)) << error;
     }
 
-    static std::vector<std::string> linesOf(const std::string& file)
-    {
-        std::ifstream stream(file);
-        std::vector<std::string> lines;
-        for (std::string line; std::getline(stream, line);)
-            lines.push_back(line);
-        return lines;
-    }
     /// The lines without the time and the thread id: "LEVEL ORIGINATOR OPERATION TEXT".
     static std::vector<std::string> contentOf(const std::string& file)
     {
@@ -76,7 +65,8 @@ class LogTest : public testing::Test
         return LoggerFactory::instance().getLogger(originator);
     }
 
-    std::string m_directory;
+    const QmTest::TemporaryDirectory m_temporary;
+    const std::string m_directory = m_temporary.path().string();
     LogSettings m_settings;
 };
 

@@ -7,7 +7,7 @@
 
 #include <ace/Thread.h>
 
-#include "Capture.h"
+#include "support/Capture.h"
 
 #include <gtest/gtest.h>
 

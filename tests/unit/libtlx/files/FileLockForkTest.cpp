@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "FileLockPeer.h"
+#include "support/ChildProcess.h"
 
 using namespace Veltrane::Quillmark::Tlx;
 using QmTest::eventually;
@@ -21,19 +22,10 @@ class FileLockForkTest : public testing::Test
   protected:
     FileLockForkTest() { m_peer.open(0, m_file.path()); }
 
-    /// Runs the body in a child; 0 when it answered 0, its answer or what ended it otherwise.
+    /// Runs the body in a child: what it returned, or minus the signal that ended the child.
     static int inChild(const std::function<int()>& body)
     {
-        const pid_t pid = ::fork();
-        if (pid == 0)
-            ::_exit(body());
-        int status = 0;
-        if (!eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; })) {
-            ::kill(pid, SIGKILL);
-            ::waitpid(pid, &status, 0);
-            return -1;
-        }
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+        return QmTest::ChildProcess(body, 30).exitCode();
     }
 
     QmTest::LockedFile m_file;

@@ -13,10 +13,12 @@
 
 #include <gtest/gtest.h>
 
+#include "support/TemporaryDirectory.h"
+
 namespace Veltrane::Quillmark::Tlx {
 namespace {
 
-using Lines = std::vector<std::string>;
+using QmTest::Lines;
 
 HostConfig& config()
 {
@@ -374,15 +376,12 @@ struct HostConfigFileTest : testing::Test
 {
     HostConfigFileTest()
     {
-        std::string name = (std::filesystem::temp_directory_path() / "qmtest.XXXXXX").string();
-        EXPECT_NE(::mkdtemp(name.data()), nullptr);
-        root = name;
         std::filesystem::create_directory(root / "etc");
         config().setRoot(root.string());
     }
-    ~HostConfigFileTest() override { std::filesystem::remove_all(root); }
-    std::string file() const { return (root / "etc" / "qm.conf").string(); }
-    std::filesystem::path root;
+    std::string file() const { return directory.path("etc/qm.conf"); }
+    const QmTest::TemporaryDirectory directory;
+    const std::filesystem::path& root = directory.path();
 };
 
 TEST_F(HostConfigFileTest, IsReadFromTheProductRoot)

@@ -8,7 +8,7 @@
 #include <tlx/Orb.h>
 #include <tlx/Servant.h>
 
-#include "Capture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx {
 namespace {

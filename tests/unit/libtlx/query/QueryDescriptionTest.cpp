@@ -7,8 +7,8 @@
 
 #include <tlx/Query.h>
 
-#include "Capture.h"
-#include "XmlRecorder.h"
+#include "support/Capture.h"
+#include "support/XmlRecorder.h"
 
 using namespace Veltrane::Quillmark::Tlx;
 

@@ -3,7 +3,7 @@
 
 #include <tlx/DomHandler.h>
 
-#include "Capture.h"
+#include "support/Capture.h"
 
 using namespace Veltrane::Quillmark::Tlx;
 

@@ -12,8 +12,9 @@
 #include <tlx/DomHandler.h>
 #include <tlx/Xml.h>
 
-#include "Capture.h"
-#include "XmlRecorder.h"
+#include "support/Capture.h"
+#include "support/TemporaryDirectory.h"
+#include "support/XmlRecorder.h"
 
 using namespace Veltrane::Quillmark::Tlx;
 using QmTest::LogCapture;
@@ -432,15 +433,11 @@ class XmlExternalEntityTest : public testing::Test
   protected:
     XmlExternalEntityTest()
     {
-        std::string name = (std::filesystem::temp_directory_path() / "xml.XXXXXX").string();
-        if (!::mkdtemp(name.data()))
-            throw std::runtime_error("no temporary directory");
-        m_root = name;
-        std::ofstream(m_root + "/secret") << "secret";
-        std::ofstream(m_root + "/doc.dtd") << "<!ENTITY e \"secret\">";
+        QmTest::writeFile(m_directory.path("secret"), "secret");
+        QmTest::writeFile(m_directory.path("doc.dtd"), "<!ENTITY e \"secret\">");
     }
-    ~XmlExternalEntityTest() override { std::filesystem::remove_all(m_root); }
-    std::string m_root;
+    const QmTest::TemporaryDirectory m_directory;
+    const std::string m_root = m_directory.path().string();
 };
 
 TEST_F(XmlExternalEntityTest, AReferenceToOneFailsTheParse)

@@ -6,8 +6,8 @@
 
 #include <tlx/Xml.h>
 
-#include "Capture.h"
-#include "XmlRecorder.h"
+#include "support/Capture.h"
+#include "support/XmlRecorder.h"
 
 using namespace Veltrane::Quillmark::Tlx;
 using QmTest::LogCapture;
