@@ -1,6 +1,5 @@
 #pragma once
-// Discoveries whose collection data is a document of the test's own, and what the researcher makes
-// of it.
+// Documents of the test, and the items that the researcher reads from them.
 
 #include <algorithm>
 #include <memory>
@@ -8,12 +7,15 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "Researcher.h"
+#include "support/Capture.h"
 #include "support/ListedDiscoveries.h"
 
 namespace QmTest {
 
-/// The items of one discovery with the data, which becomes owned.
+/// The items of one discovery. Takes ownership of the data.
 inline Tlx::AutoDereference<Disc::CollectionItemIterator> research(Disc::CollectionData* data)
 {
     const Tlx::AutoDereference<ListedDiscoveries> discoveries(new ListedDiscoveries);
@@ -24,13 +26,13 @@ inline Tlx::AutoDereference<Disc::CollectionItemIterator> research(Disc::Collect
         all->getNextCollectionItemIterator(nullptr));
 }
 
-/// What was read of a document.
+/// The items of a document.
 struct ReadItems
 {
     bool parsed = false;
     std::vector<Tlx::AutoDereference<Disc::CollectionItem>> items;
 
-    /// Item i, written; "?" when there is none.
+    /// Item i as XML, "?" if it does not exist.
     std::string written(std::size_t i, Tlx::XmlStr::Encoding encoding = Tlx::XmlStr::XE_UTF8) const
     {
         return i < items.size() ? QmTest::written(*items[i], encoding) : "?";
@@ -65,6 +67,44 @@ inline ReadItems readItems(Disc::CollectionData* data)
 inline ReadItems readItems(const std::string& document)
 {
     return readItems(new MemoryData(document));
+}
+
+/// The log line about an unknown element.
+constexpr const char* UNKNOWN = "Ignoring Unknown Tag";
+
+inline std::string document(const std::string& items)
+{
+    return "<DiscoveredItems>" + items + "</DiscoveredItems>";
+}
+
+/// The items of a document. Expects no log line and no failed assertion.
+inline ReadItems readSound(const std::string& text)
+{
+    const AssertionCapture assertions;
+    const LogCapture log(Tlx::LOG_LEVEL_FAILURE);
+    ReadItems items = readItems(text);
+    EXPECT_TRUE(items.parsed) << text;
+    EXPECT_EQ(log.texts(1), Lines()) << text;
+    EXPECT_EQ(assertions.texts(), Lines()) << text;
+    return items;
+}
+
+/// The text of an item's explorer data. "?" for an item without data.
+inline std::string dataOf(const ReadItems& items, std::size_t i = 0)
+{
+    const Disc::DiscoveredItem* item = items.discovered(i);
+    const Tlx::AutoDereference<Disc::ExplorerData> data(item ? item->getExplorerData() : nullptr);
+    if (!data)
+        return "?";
+    std::ostringstream out;
+    data->writeXml(out, Tlx::XmlStr::XE_UTF8);
+    return out.str();
+}
+
+/// A document of one item, with this data of the explorer "e".
+inline std::string block(const std::string& inner)
+{
+    return document("<DISCOVERED><ExplorerData Name='e'>" + inner + "</ExplorerData></DISCOVERED>");
 }
 
 } // namespace QmTest
