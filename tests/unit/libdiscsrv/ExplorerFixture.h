@@ -1,5 +1,5 @@
 #pragma once
-// Explorers and repositories of the tests' own.
+// Explorers, a repository and a reactor for tests.
 
 #include <atomic>
 #include <functional>
@@ -24,7 +24,7 @@ namespace Disc = Veltrane::Quillmark::Tlx::DiscoverySvc;
 
 using Calls = std::vector<std::string>;
 
-/// Records what is asked of it, and does what the test says.
+/// Records its calls, and does what the test says.
 class FakePush : public virtual Disc::ExplorerPush
 {
   public:
@@ -35,12 +35,16 @@ class FakePush : public virtual Disc::ExplorerPush
     {
         calls.push_back("start " + subject.getSubject().utf8() + " of " +
                         authority.getName().utf8());
+        if (onStart)
+            onStart();
     }
     void stopExploration(const Disc::Authority& authority, const Disc::Subject& subject,
                          Tlx::AutoDereference<Tlx::TLXRefCounted>&) override
     {
         calls.push_back("stop " + subject.getSubject().utf8() + " of " +
                         authority.getName().utf8());
+        if (onStop)
+            onStop();
     }
     const char* getExplorerName() const override { return m_name.c_str(); }
     bool pushCollection(const Disc::Authority& authority, const Disc::Subject& subject,
@@ -58,6 +62,8 @@ class FakePush : public virtual Disc::ExplorerPush
 
     Calls calls;
     std::vector<Disc::CollectionAttributes> attributes;
+    std::function<void()> onStart;
+    std::function<void()> onStop;
     std::function<void(Disc::DiscoveryFactory*, Disc::DiscoveryResult&)> onPush;
     bool answer = true;
 
@@ -96,7 +102,7 @@ class FakePull : public virtual Disc::ExplorerPull
     ~FakePull() override = default;
 };
 
-/// A repository that is where the test says.
+/// A repository on a master or a client, as the test says.
 class FakeRepository : public Disc::DiscoveryRepository
 {
   public:
@@ -140,7 +146,7 @@ class FakeRepository : public Disc::DiscoveryRepository
     ~FakeRepository() override = default;
 };
 
-/// A reactor without a thread, whose time passes when the test says so.
+/// A reactor without a thread. The test makes its time pass.
 class FakeReactor
 {
   public:

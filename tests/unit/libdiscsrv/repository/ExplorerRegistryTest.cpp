@@ -1,13 +1,17 @@
 // Which registration wins, and what a request finds.
 
 #include <algorithm>
+#include <atomic>
+#include <memory>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "ExplorerFixture.h"
 #include "ServiceFixture.h"
 #include "support/Capture.h"
+#include "support/Eventually.h"
 #include "support/PluginTree.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -15,6 +19,7 @@ namespace {
 
 using QmTest::AssertionCapture;
 using QmTest::Calls;
+using QmTest::eventually;
 using QmTest::FakePull;
 using QmTest::FakePush;
 using QmTest::FakeRepository;
@@ -216,13 +221,28 @@ TEST_F(ExplorerRegistryTest, RegistrationsAreBounded)
     EXPECT_EQ(repository->pullEntries().front(), "s0/a 6");
 }
 
-TEST_F(ExplorerRegistryTest, ItsLockIsNotTakenByTheWalks)
+TEST_F(ExplorerRegistryTest, OtherThreadsRegisterWhileExplorersAreStartedAndStopped)
 {
+    std::vector<std::thread> threads;
+    const auto registerMeanwhile = [&](const std::string& subject) {
+        const auto done = std::make_shared<std::atomic<bool>>(false);
+        threads.emplace_back([this, subject, done] {
+            repository->pull(subject, "a", 5, *pull);
+            *done = true;
+        });
+        EXPECT_TRUE(eventually([&] { return done->load(); })) << "the walk holds a lock";
+    };
+    push->onStart = [&] { registerMeanwhile("during the start"); };
+    push->onStop = [&] { registerMeanwhile("during the stop"); };
     repository->push("s", "a", 5, *push);
     const EngineContext context(true);
     repository->startExplorers(repository->getPushExplorers(), context);
     repository->stopExplorers(repository->getPushExplorers());
+    for (std::thread& thread : threads)
+        thread.join();
     EXPECT_EQ(push->calls, (Calls{"start s of a", "stop s of a"}));
+    EXPECT_EQ(repository->pullEntries(),
+              (Calls{"during%20the%20start/a 5", "during%20the%20stop/a 5"}));
 }
 
 TEST_F(ExplorerRegistryTest, TheFirstMatchAndAllAfterItAreFound)
@@ -323,19 +343,20 @@ TEST_F(ExplorerRegistryTest, ExplorersAreStartedPushesFirstAndStoppedSo)
     repository->fini();
 }
 
-TEST_F(ExplorerRegistryTest, ALoadThatAStopOvertookStopsWhatItStarted)
+TEST_F(ExplorerRegistryTest, ALoadStopsTheExplorersThatItStartsAfterTheShutdown)
 {
     const QmTest::PluginTree tree;
     QmTest::FakeReactor reactor;
+    const AutoDereference<FakePush> later(new FakePush);
+    push->onStart = [this] { std::thread([this] { repository->shutdown(); }).join(); };
     repository->push("s", "a", 1, *push);
-    std::thread stop([this] { repository->shutdown(); });
+    repository->push("t", "a", 1, *later);
     repository->loadExplorers();
-    stop.join();
     repository->fini();
+    // The shutdown stops both. The load starts the second one all the same, and stops it again.
+    EXPECT_EQ(push->calls, (Calls{"start s of a", "stop s of a", "stop s of a"}));
+    EXPECT_EQ(later->calls, (Calls{"stop t of a", "start t of a", "stop t of a"}));
     EXPECT_EQ(reactor.scheduled(), 0);
-    if (!push->calls.empty()) {
-        EXPECT_EQ(push->calls.back(), "stop s of a");
-    }
 }
 
 TEST_F(ExplorerRegistryTest, ANullParserIsReported)

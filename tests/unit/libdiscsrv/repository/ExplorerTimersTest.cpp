@@ -59,6 +59,29 @@ TEST_F(ExplorerTimersTest, APushIsAtOnceAndEveryFourHours)
     EXPECT_EQ(reactor.scheduled(), 1);
 }
 
+TEST_F(ExplorerTimersTest, ASecondStartAddsATimerAndLeavesTheFirstRunning)
+{
+    repository->push("s", "a", 7, *push);
+    repository->startPushTimer();
+    const AutoDereference<FakePush> later(new FakePush("later"));
+    repository->push("t", "a", 7, *later);
+    repository->startPushTimer();
+    EXPECT_EQ(reactor.scheduled(), 2);
+    EXPECT_EQ(reactor.pass(1), 2);
+    EXPECT_EQ(push->calls, (Calls{"push s of a", "push s of a"}));
+    EXPECT_EQ(later->calls, Calls{"push t of a"}) << "only the second timer has its copy";
+    // Both run again. A trigger moves the second one only.
+    EXPECT_EQ(reactor.scheduled(), 2);
+    repository->triggerPushTimer();
+    EXPECT_EQ(reactor.pass(61), 1);
+    EXPECT_EQ(later->calls.size(), 2u);
+    repository->shutdown();
+    EXPECT_EQ(reactor.pass(2 * FOUR_HOURS), 1) << "the first timer, which finds the shutdown";
+    EXPECT_EQ(push->calls.back(), "stop s of a");
+    EXPECT_EQ(reactor.scheduled(), 0);
+    repository->fini();
+}
+
 TEST_F(ExplorerTimersTest, APushCarriesItsAttributesAndTheRepository)
 {
     repository->push("s", "a", 7, *push);
