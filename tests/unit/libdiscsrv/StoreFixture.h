@@ -9,20 +9,10 @@
 #include <gtest/gtest.h>
 
 #include "ServiceFixture.h"
+#include "support/Descriptors.h"
 #include "support/TemporaryDirectory.h"
 
 namespace QmTest {
-
-/// The descriptor under which this process has a file open, -1 for none.
-inline int descriptorOf(const std::filesystem::path& path)
-{
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        std::error_code gone;
-        if (std::filesystem::read_symlink(entry.path(), gone) == path && !gone)
-            return std::stoi(entry.path().filename().string());
-    }
-    return -1;
-}
 
 /// What a record is made from.
 struct RecordOf

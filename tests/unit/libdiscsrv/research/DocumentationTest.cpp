@@ -16,16 +16,9 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::codeOf;
+using QmTest::contentOf;
 using QmTest::Lines;
 using QmTest::LogCapture;
-
-std::string contentOf(const std::filesystem::path& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
 
 TEST(DocumentationTest, TheMetadataDocument)
 {

@@ -9,11 +9,15 @@
 #include "RemoteWriter_i.h"
 #include "ServiceFixture.h"
 #include "support/Capture.h"
+#include "support/Descriptors.h"
+#include "support/Eventually.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote {
 namespace {
 
 using QmTest::AssertionCapture;
+using QmTest::descriptorOf;
+using QmTest::eventually;
 using QmTest::Lines;
 using QmTest::LogCapture;
 using QmTest::Service;
@@ -190,6 +194,7 @@ TEST_F(DiscoveryServiceTest, AnEvictorThatRefusesFailsTheQueryAndLeavesNothingAc
 {
     service.orb->getEvictor().shutdown();
     const LogCapture log;
+    ASSERT_EQ(descriptorOf(service.store()), -1);
     EXPECT_THROW(servant->queryDiscoveries(DQ_DISCOVERY_DATA, AT_ANYANDALL, "*", "*"),
                  CORBA::BAD_INV_ORDER);
     EXPECT_EQ(log.texts(1),
@@ -197,6 +202,8 @@ TEST_F(DiscoveryServiceTest, AnEvictorThatRefusesFailsTheQueryAndLeavesNothingAc
                      "COMPLETED_NO)",
                      "Caught CORBA exception creating object reference to discovery iterator",
                      "BAD_INV_ORDER (minor 0x00000000, COMPLETED_NO)"}));
+    EXPECT_TRUE(eventually([&] { return descriptorOf(service.store()) == -1; }))
+        << "an active iterator keeps the directory open";
 }
 
 TEST_F(DiscoveryServiceTest, AnEvictorThatRefusesFailsTheReadWithAStatus)
@@ -206,6 +213,8 @@ TEST_F(DiscoveryServiceTest, AnEvictorThatRefusesFailsTheReadWithAStatus)
     const LogCapture log;
     EXPECT_EQ(get(named("cl1", "srv1")), DS_COM_ERROR);
     EXPECT_TRUE(CORBA::is_nil(iterator));
+    EXPECT_TRUE(eventually([&] { return descriptorOf(service.store() / "2 srv1 cl1.dat") == -1; }))
+        << "an active iterator keeps the payload open";
     EXPECT_EQ(log.texts(1),
               (Lines{"Caught CORBA exception while add2Evictor, BAD_INV_ORDER (minor 0x00000000, "
                      "COMPLETED_NO)",

@@ -2,18 +2,17 @@
 
 #include "RemoteWriter_i.h"
 
-#include <fstream>
-#include <sstream>
-
 #include <gtest/gtest.h>
 
 #include "ServiceFixture.h"
 #include "support/Capture.h"
+#include "support/TemporaryDirectory.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote {
 namespace {
 
 using QmTest::AssertionCapture;
+using QmTest::contentOf;
 using QmTest::Lines;
 using QmTest::LogCapture;
 
@@ -37,14 +36,6 @@ CollectionDataSeq bytes(const std::string& text)
     for (CORBA::ULong i = 0; i < seq.length(); ++i)
         seq[i] = static_cast<CORBA::Octet>(text[i]);
     return seq;
-}
-
-std::string content(const std::filesystem::path& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
 }
 
 /// What the service's servant does with a writer.
@@ -122,7 +113,7 @@ TEST_F(RemoteWriterTest, StoresWhatItReceives)
     EXPECT_TRUE(reference->put(bytes("one ")));
     EXPECT_TRUE(reference->put(bytes("two")));
     EXPECT_EQ(reference->close().discStatus, DS_SUCCESS);
-    EXPECT_EQ(content(service.store() / "1 srv1 cl5.dat"), "one two");
+    EXPECT_EQ(contentOf(service.store() / "1 srv1 cl5.dat"), "one two");
 }
 
 TEST_F(RemoteWriterTest, TimesArriveAsSeconds)
@@ -151,7 +142,7 @@ TEST_F(RemoteWriterTest, AnEmptyPutIsAWriteOfNothing)
     const RemoteWriter_var reference = activate(*service.orb, writer);
     EXPECT_TRUE(reference->put(CollectionDataSeq()));
     EXPECT_EQ(reference->close().discStatus, DS_SUCCESS);
-    EXPECT_EQ(content(service.store() / "1 srv1 cl5.dat"), "");
+    EXPECT_EQ(contentOf(service.store() / "1 srv1 cl5.dat"), "");
 }
 
 TEST_F(RemoteWriterTest, EveryPutIsOneWriteAndAnswersWhatTheBackendDoes)

@@ -71,10 +71,7 @@ struct ServiceExplorersTest : testing::Test
     }
     std::string stored(const std::string& file) const
     {
-        std::ifstream stream(service.store() / file, std::ios::binary);
-        std::ostringstream text;
-        text << stream.rdbuf();
-        return text.str();
+        return QmTest::contentOf(service.store() / file);
     }
     void registerRemote(const char* subject, CORBA::Short priority) const
     {

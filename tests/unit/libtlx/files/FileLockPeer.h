@@ -2,7 +2,6 @@
 // For tests of file locks: another process, and a file.
 
 #include <cerrno>
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <sstream>
@@ -13,6 +12,7 @@
 
 #include <tlx/FileLock.h>
 
+#include "support/Descriptors.h"
 #include "support/KernelLocks.h"
 #include "support/PeerProcess.h"
 #include "support/TemporaryDirectory.h"
@@ -114,16 +114,5 @@ class LockedFile : public TemporaryDirectory
         return FileLock::open(path(), flags);
     }
 };
-
-/// How many descriptors this process has.
-inline std::size_t descriptorCount()
-{
-    std::size_t count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        (void)entry;
-        ++count;
-    }
-    return count;
-}
 
 } // namespace QmTest
