@@ -24,7 +24,7 @@ using namespace Tlx::DiscoverySvc;
 
 struct MountTableTest : testing::Test
 {
-    /// The mount points that a table has, with what is left out.
+    /// The mount points of a table, without the excluded ones.
     std::vector<std::string> mounts(const std::string& table, const std::string& excluded)
     {
         const std::string file = directory.path("mountinfo");
@@ -54,7 +54,7 @@ TEST_F(MountTableTest, PseudoFileSystemsAreLeftOut)
               (std::vector<std::string>{"/", "/mnt/a b", "/mnt/server", "/var/lib/c"}));
 }
 
-TEST_F(MountTableTest, WhatIsLeftOutIsAList)
+TEST_F(MountTableTest, TheExclusionIsAList)
 {
     EXPECT_EQ(mounts(TABLE, "none").size(), 6u);
     EXPECT_EQ(mounts(TABLE, " pseudo , nfs4,xfs ,").size(), 2u);
@@ -62,7 +62,7 @@ TEST_F(MountTableTest, WhatIsLeftOutIsAList)
               (std::vector<std::string>{"/", "/proc", "/mnt/a b", "/mnt/server", "/var/lib/c"}));
 }
 
-TEST_F(MountTableTest, AFileSystemIsWhatTheTableTells)
+TEST_F(MountTableTest, AFileSystemHasTheValuesOfTheTable)
 {
     mounts(TABLE, "pseudo");
     EXPECT_EQ(read[0].device, "/dev/sda1");
@@ -183,7 +183,7 @@ TEST(FileSystemDataTest, ABlockWithoutDeviceOrTypeIsNotParsed)
     EXPECT_FALSE(block.data->isParsed());
 }
 
-TEST(FileSystemDocumentTest, TellsWhatCanBeAsked)
+TEST(FileSystemDocumentTest, DescribesTheFieldsOfAFilter)
 {
     std::ostringstream out;
     writeFilterDocument(out);
@@ -213,7 +213,7 @@ TEST(FileSystemExplorersTest, WithoutARepositoryAPushFails)
     EXPECT_EQ(pullSubject("cl5"), "cl5/now");
 }
 
-/// Keeps what a pull writes.
+/// Keeps the data that a pull writes.
 struct Pulled : CollectionData
 {
     bool open(OpenMode mode, const char* argument) override
@@ -239,7 +239,7 @@ struct FileSystemPullTest : testing::Test
     {
         Tlx::HostConfig::instance().readText("FILESYSTEM_EXCLUDE = none\n", "qm.conf");
     }
-    /// The items' names of what is pulled with a text.
+    /// The names of the items that a pull with this text yields.
     std::vector<std::string> pull(const std::string& text)
     {
         const Tlx::AutoDereference<FileSystemPull> explorer(new FileSystemPull);
@@ -293,7 +293,7 @@ TEST_F(FileSystemPullTest, ATextThatIsNoFilterFailsThePull)
 {
     EXPECT_EQ(pull("mount = /"), std::vector<std::string>());
     EXPECT_FALSE(answer);
-    // The first line is the XML reader's, with the place.
+    // The XML reader logs the first line, with the place.
     ASSERT_EQ(log.texts(1).size(), 2u);
     EXPECT_EQ(log.texts(1)[1], "The filter is no document of filter parameters with a query");
     log.clear();

@@ -127,7 +127,7 @@ TEST_F(FilterExamplesTest, QueriesAndTheirDescriptions)
     EXPECT_EQ(written(*description.query), QmTest::onOneLine(example));
 }
 
-TEST_F(FilterExamplesTest, WhatCanBeFilteredBy)
+TEST_F(FilterExamplesTest, TheDescriptionOfTheFilterFields)
 {
     const std::string example = QmTest::onOneLine(theExample("What can be filtered by"));
     std::ostringstream out;

@@ -129,7 +129,7 @@ class FakeRepository : public Disc::DiscoveryRepository
         const Disc::Authority by(authority, type);
         registerExplorer(&of, &explorer, priority, &by, true);
     }
-    /// "subject/authority priority" of each entry, in the set's order.
+    /// "subject/authority priority" of each entry, in the order of the set.
     static Calls entries(const Disc::ExplorerSet& set)
     {
         Calls names;
@@ -160,7 +160,7 @@ class FakeReactor
     FakeReactor(const FakeReactor&) = delete;
     FakeReactor& operator=(const FakeReactor&) = delete;
 
-    /// Lets time pass and runs what is due; how many timers ran.
+    /// Lets time pass and runs the timers that are due. Returns how many ran.
     int pass(long seconds)
     {
         s_now += seconds;
@@ -170,7 +170,7 @@ class FakeReactor
             ++count;
         return count;
     }
-    /// How many schedules there are.
+    /// The number of scheduled runs.
     int scheduled()
     {
         int count = 0;

@@ -1,22 +1,30 @@
 #pragma once
-// Another host's service, in a process of its own: it answers as the names in a request say.
+// The service of another host, in a process of its own. The subject of a request selects the
+// answer:
 //
-//     queryDiscoveries    by the subject: "records-N" yields N records, "nil" nil, "throw"
-//     NO_MEMORY,
-//                         "throw-page" fails on the second page, "nameless" a record without a
-//                         subject, "endless" never ends, "vanish" ends the peer on the second
-//                         page, otherwise one record of that subject
-//     getCollectionData   by the subject: "bytes-N" has N bytes in pages of 8, "page-N" one page of
-//                         N bytes, "tail-N-M" N bytes in pages of 8 and one of M, "none"
-//                         DS_NONE_FOUND, "nil" success and nil, "throw" NO_MEMORY, "throw-page"
-//                         fails on the second page
-//     putCollection       by the subject: "refuse" DS_DATA_EXISTS, "throw" NO_MEMORY, "bad-put"
-//                         answers false from the second put on, "throw-put", "throw-close" fail
-//     registerExplorer    by the subject: "throw" NO_MEMORY, "hold" returns once
-//     restartLocalPushTimer
-//                         was called
-//
-// What it was asked is the payload of the subject "log".
+//     queryDiscoveries    "records-N"    N records
+//                         "nil"          a nil iterator
+//                         "throw"        NO_MEMORY
+//                         "throw-page"   the second page fails
+//                         "nameless"     a record without a subject
+//                         "endless"      a list without end
+//                         "vanish"       the peer ends on the second page
+//                         any other      one record of that subject
+//     getCollectionData   "bytes-N"      N bytes in pages of 8
+//                         "page-N"       one page of N bytes
+//                         "tail-N-M"     N bytes in pages of 8 and one page of M bytes
+//                         "none"         DS_NONE_FOUND
+//                         "nil"          success and a nil iterator
+//                         "throw"        NO_MEMORY
+//                         "throw-page"   the second page fails
+//                         "log"          the requests that the peer got
+//     putCollection       "refuse"       DS_DATA_EXISTS
+//                         "throw"        NO_MEMORY
+//                         "bad-put"      put returns false from the second call on
+//                         "throw-put"    put fails
+//                         "throw-close"  close fails
+//     registerExplorer    "throw"        NO_MEMORY
+//                         "hold"         returns after a call of restartLocalPushTimer
 
 #include <algorithm>
 #include <chrono>
@@ -44,7 +52,7 @@ namespace Skeleton = POA_Veltrane::Quillmark::Tlx::DiscoverySvc::Remote;
 
 namespace FakePeerDetail {
 
-inline std::mutex g_mutex; // over what is below
+inline std::mutex g_mutex; // guards the variables below
 inline std::string g_log;
 inline bool g_released = false;
 inline std::condition_variable g_release;
@@ -61,7 +69,7 @@ inline std::string noted()
     return g_log;
 }
 
-/// "PREFIX-N" -> N; -1 for anything else.
+/// N of "PREFIX-N", -1 for any other text.
 inline long countOf(const std::string& name, const std::string& prefix)
 {
     return name.rfind(prefix + "-", 0) == 0 ? std::atol(name.c_str() + prefix.size() + 1) : -1;
@@ -142,7 +150,7 @@ class Data : public Skeleton::CollectionDataIterator
     const std::string m_bytes;
     const std::size_t m_page;
     const bool m_fails;
-    const std::size_t m_tail; ///< so many bytes at the end come as one page
+    const std::size_t m_tail; ///< the number of bytes at the end that are one page
     std::size_t m_sent = 0;
 };
 
@@ -279,7 +287,7 @@ class Stranger : public Skeleton::RemoteWriter
     Disc::DiscoveryResult close() override { return {Disc::DS_SUCCESS, 0}; }
 };
 
-/// An object that is there and cannot say what it is.
+/// An object that fails when it is asked for its type.
 class Nameless : public Stranger
 {
   public:

@@ -37,7 +37,7 @@ struct ReadItems
     {
         return i < items.size() ? QmTest::written(*items[i], encoding) : "?";
     }
-    /// All of them.
+    /// All items as XML.
     std::vector<std::string> all() const
     {
         std::vector<std::string> texts;

@@ -1,5 +1,5 @@
 #pragma once
-// A service of the test's own: a temporary root, this host as its master, an ORB on the loopback.
+// A service in this process: a temporary root, this host as its master, an ORB on the loopback.
 
 #include <filesystem>
 #include <memory>
@@ -22,14 +22,13 @@ namespace QmTest {
 namespace Tlx = Veltrane::Quillmark::Tlx;
 namespace Disc = Veltrane::Quillmark::Tlx::DiscoverySvc;
 
-/// Records are created with permissions 0: without the privilege to open them again nothing here
-/// can run.
+/// Records are created with permissions 0. These tests need the privilege to open them again.
 inline bool mayOpenRecords()
 {
     return ::geteuid() == 0;
 }
 
-/// The repository of this process with a framework behind it. One a process.
+/// The repository of this process, with a framework. Each process can have one.
 class Service
 {
   public:

@@ -14,7 +14,7 @@
 
 namespace QmTest {
 
-/// What a record is made from.
+/// The values of a record.
 struct RecordOf
 {
     std::string subject = "cl5";
@@ -44,7 +44,7 @@ class Store : public testing::Test
     std::string dir() const { return m_directory.path().string(); }
     std::filesystem::path path(const std::string& name) const { return m_directory.path() / name; }
 
-    /// A new record, its attributes set.
+    /// A new record with its attributes.
     static Tlx::AutoDereference<Disc::DBDiscovery> make(const RecordOf& of)
     {
         Tlx::AutoDereference<Disc::DBDiscovery> record(dynamic_cast<Disc::DBDiscovery*>(
@@ -71,7 +71,7 @@ class Store : public testing::Test
         return Tlx::AutoDereference<Disc::DBDiscovery>(dynamic_cast<Disc::DBDiscovery*>(
             Disc::getDiscoveryDBDatabase()->getDiscovery(fileName.c_str())));
     }
-    /// All of a payload; "?" when it cannot be opened.
+    /// The whole payload, "?" if it cannot be opened.
     static std::string read(Disc::Discovery& record)
     {
         if (!isSuccess(record.open(Disc::OM_READ, "")))

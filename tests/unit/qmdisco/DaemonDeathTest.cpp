@@ -31,7 +31,7 @@ class DaemonDeathTest : public QmTest::DaemonFixture
     {
         m_root.write("etc/qm.conf", "STOP_LIMIT = 2\n");
         m_hosted.second = 50ms;
-        // No status is written: its sync could take longer than this short limit.
+        // So no status can be written. Its sync could take longer than this short limit.
         m_root.makeDirectory("run/status.json.tmp");
     }
     void runAndEnd()

@@ -47,7 +47,7 @@ TEST_F(DaemonTest, ThePidFileHoldsThePidWhileTheServiceLives)
 
 TEST_F(DaemonTest, AServiceThatIsNotWantedEndsWell)
 {
-    // As the discovery service decides it.
+    // The discovery service decides it in the same way.
     m_root.write("etc/qm.conf", "REPORT_CLIENT_DISCOVERIES = FALSE\n");
     m_script.in["doShouldStart"] = [this] {
         bool report = true;
@@ -59,7 +59,7 @@ TEST_F(DaemonTest, AServiceThatIsNotWantedEndsWell)
     EXPECT_THAT(m_script.calls, ElementsAre("doShouldStart", "destroyed"));
 }
 
-TEST_F(DaemonTest, InTheBackgroundAServiceThatIsNotWantedIsTold)
+TEST_F(DaemonTest, InTheBackgroundAnUnwantedServiceIsReportedOnStandardError)
 {
     m_options.foreground = false;
     m_script.wanted = false;
@@ -131,7 +131,7 @@ TEST_F(DaemonTest, SigtermStopsInOrder)
 {
     m_script.stopsAtOnce = false;
     m_script.in["doRun"] = [] { ::kill(::getpid(), SIGTERM); };
-    // A second one while it stops breaks nothing.
+    // A second signal during the stop does no harm.
     m_script.in["doStop"] = [] { ::kill(::getpid(), SIGTERM); };
     EXPECT_EQ(EC_OK, run());
     EXPECT_THAT(failures(), Contains("Fake Service is stopping, asked for by SIGTERM"));

@@ -1,4 +1,4 @@
-// The command line: what is taken, what is refused, and with which words.
+// The command line: the options that are accepted, and the messages about the others.
 
 #include "Options.h"
 
@@ -26,7 +26,7 @@ void expectUsage(std::vector<const char*> arguments, const std::string& message)
     EXPECT_EQ("qmdisco: " + message + " (\"qmdisco --help\" shows the options)\n", parsed.text);
 }
 
-TEST(Options, NoneAreNeeded)
+TEST(Options, NoOptionIsNeeded)
 {
     const ParsedOptions parsed = parse({});
     EXPECT_FALSE(parsed.end);
@@ -97,7 +97,7 @@ TEST(Options, AMessageIsOneLineWhateverTheArgumentHolds)
     EXPECT_EQ(parsed.text.size() - 1, parsed.text.find('\n'));
 }
 
-TEST(Options, VersionIsTold)
+TEST(Options, TheVersionIsPrinted)
 {
     const ParsedOptions parsed = parse({"--version"});
     EXPECT_EQ(EC_OK, parsed.end);
@@ -105,7 +105,7 @@ TEST(Options, VersionIsTold)
     EXPECT_NE("", std::string(version()));
 }
 
-TEST(Options, HelpTellsOptionsAndExitCodes)
+TEST(Options, HelpListsOptionsAndExitCodes)
 {
     for (const char* option : {"--help", "-h"}) {
         const ParsedOptions parsed = parse({option});

@@ -1,4 +1,4 @@
-// One daemon a root: the pid file between two processes.
+// The pid file keeps a second daemon away from a root.
 
 #include "PidFile.h"
 
@@ -94,7 +94,7 @@ TEST_F(PidFileTest, TheHolderIsNamedWhateverTheFileSays)
     }
 }
 
-TEST_F(PidFileTest, AKilledProcessIsInNobodysWay)
+TEST_F(PidFileTest, AKilledProcessLeavesThePidFileFree)
 {
     OtherDaemon other(m_root);
     ASSERT_TRUE(other.holds());

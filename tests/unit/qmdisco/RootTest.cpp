@@ -1,5 +1,5 @@
-// The directories under the root, the privilege that the store needs, and the configuration's
-// report.
+// The directories under the root, the privilege that the store needs, and the report on the
+// configuration.
 
 #include "Root.h"
 

@@ -1,4 +1,4 @@
-// Detaching: what the process that was started ends with, and what the daemon keeps.
+// Detaching: the exit code of the started process, and what the daemon keeps open.
 
 #include "StartReport.h"
 
@@ -81,7 +81,7 @@ TEST(StartReport, ARunningDaemonHoldsNothingOfItsStarter)
     EXPECT_EQ("", testing::internal::GetCapturedStderr());
 }
 
-TEST(StartReport, InTheForegroundNobodyIsTold)
+TEST(StartReport, InTheForegroundAReportDoesNothing)
 {
     StartReport report;
     report.tell(EC_UNEXPECTED); // neither ends nor writes

@@ -21,7 +21,7 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 /// A discovery that a researcher reads back.
 struct Discovered
 {
-    std::string in; ///< the subject asked for; empty: any
+    std::string in; ///< yielded for this subject only; empty: for any
     std::string subject;
     std::string authority;
     std::string document = "<DiscoveredItems></DiscoveredItems>";
@@ -63,7 +63,7 @@ struct Script
     int records = 0;
     bool putAnswer = true;
     bool boolean = true;
-    int failAfter = -1; ///< calls until a COMM_FAILURE; -1 for never
+    int failAfter = -1; ///< the number of calls before a COMM_FAILURE, -1 for no failure
     int pingsUntilGone = 0;
     std::vector<Discovered> discovered;
     Outcome researchFails;

@@ -1,4 +1,4 @@
-// Where the data of a put comes from, and where that of a get goes.
+// The input of a put and the output of a get.
 
 #include "Descriptor.h"
 #include "Input.h"
@@ -33,7 +33,7 @@ struct CtlFilesTest : testing::Test
         return static_cast<std::size_t>(
             std::distance(fs::directory_iterator(directory), fs::directory_iterator()));
     }
-    /// All that an input holds, read in small pieces.
+    /// The whole input, read in small pieces.
     static std::string allOf(Input& input)
     {
         std::string text;

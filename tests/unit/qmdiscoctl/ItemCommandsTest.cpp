@@ -110,7 +110,7 @@ TEST_F(ItemCommandsTest, AFilterIsHandedOnAndAppliedToWhatArrives)
               (Json{{"items", Json::array({expected})}, {"unread", Json::array()}}));
 
     out.text.clear();
-    options.filter = "mount = \"/\" and not size > 0"; // of the item that is no file system
+    options.filter = "mount = \"/\" and not size > 0"; // matches the item that is no file system
     EXPECT_EQ(run(Command::ITEMS), Outcome());
     const Json items = Json::parse(out.text)["items"];
     ASSERT_EQ(items.size(), 1u);
@@ -161,7 +161,7 @@ TEST_F(ItemCommandsTest, RegisteredClientsAreReadFromTheirRecords)
     options.registered = true;
     script.records = 2;
     script.pages = {cacheRecord("h1\x1b").substr(0, 20), cacheRecord("h1\x1b").substr(20)};
-    // (a control character makes no document)
+    // A document with a control character is not well-formed.
     EXPECT_EQ(run(Command::CLIENTS), Outcome());
     EXPECT_EQ(out.text, "HOST  SERVICE  SUBJECT  AUTHORITY  TYPE  PRIORITY\n"
                         "cannot read the record of cl0 of srv\\x1b: its data does not tell where "

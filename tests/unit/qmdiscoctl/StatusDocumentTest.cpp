@@ -1,4 +1,4 @@
-// run/status.json as the command line reads it, and what it says of a service that fails.
+// run/status.json as the command line reads it, and its words for a service that fails.
 
 #include "StatusDocument.h"
 #include "Wire.h"
@@ -72,7 +72,7 @@ TEST_F(StatusDocumentTest, NoDocumentIsNoProblem)
     EXPECT_FALSE(read().found);
 }
 
-TEST_F(StatusDocumentTest, WhatIsNoDocumentIsSaid)
+TEST_F(StatusDocumentTest, AWrongDocumentIsReported)
 {
     const std::string deep = std::string(100000, '[') + std::string(100000, ']');
     for (const std::string& text :
@@ -86,7 +86,7 @@ TEST_F(StatusDocumentTest, WhatIsNoDocumentIsSaid)
     }
 }
 
-TEST_F(StatusDocumentTest, APipeInItsPlaceKeepsNobodyWaiting)
+TEST_F(StatusDocumentTest, APipeInItsPlaceIsNotWaitedFor)
 {
     ASSERT_EQ(::mkfifo((root / "run" / "status.json").c_str(), 0600), 0);
     const StatusDocument status = read();

@@ -1,4 +1,4 @@
-// What the service counts.
+// The counters of the service.
 
 #include "ServiceCounters.h"
 

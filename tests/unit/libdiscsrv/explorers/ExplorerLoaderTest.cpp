@@ -119,7 +119,7 @@ TEST_F(ExplorerLoaderTest, ADefaultLibraryWithoutTheEntryIsNotLogged)
     EXPECT_EQ(own(log), Lines{});
 }
 
-TEST_F(ExplorerLoaderTest, HostilePluginsKeepNobodyElseOut)
+TEST_F(ExplorerLoaderTest, OtherPluginsLoadBesideHostileOnes)
 {
     tree.addPlugin("throwing", "a");
     tree.addPlugin("throwing_odd", "b");

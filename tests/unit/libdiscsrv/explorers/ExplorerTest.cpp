@@ -83,7 +83,7 @@ TEST(ExplorerTest, AReferenceToNothingHaltsInPlace)
     EXPECT_EQ(unbound.exitCode(), -SIGALRM);
 }
 
-#ifndef __SANITIZE_ADDRESS__ // (whose companion reports the references themselves)
+#ifndef __SANITIZE_ADDRESS__ // (its companion for undefined behaviour reports null references)
 TEST(ExplorerTest, TheBaseOperationsHaltForReferencesToNothing)
 {
     struct Plain : virtual Explorer
@@ -142,7 +142,7 @@ struct Document : XmlDocumentInterface
     void xmlStartElement(XmlObjParseContext* context, const XMLCh* name,
                          AttributeList& attributes) override
     {
-        if (depth++ > 0) // the element itself is its owner's
+        if (depth++ > 0) // the owner of the parser handles the element itself
             parser->xmlStartElement(context, name, attributes);
     }
     int xmlEndElement(XmlObjParseContext* context, const XMLCh* name) override
@@ -154,7 +154,7 @@ struct Document : XmlDocumentInterface
             data.reset(parser->getExplorerData(context));
         return result;
     }
-    /// The inner XML that is kept of a block.
+    /// The inner XML that the parser keeps of a block.
     static std::string kept(const std::string& block)
     {
         Document document;

@@ -1,4 +1,4 @@
-// Calls that break the order of a parse of items: each is reported, and does no harm.
+// Calls in a wrong order during a parse of items. Each is reported and does no harm.
 
 #include "DiscoveredItemsContexts.h"
 
@@ -19,7 +19,7 @@ using Contexts = std::vector<XmlObjParseContext*>;
 
 constexpr const char* UNKNOWN = "Ignoring Unknown Tag";
 
-/// Answers what the test says.
+/// Returns the results that the test sets.
 class OddItem : public virtual CollectionItem
 {
   public:
@@ -112,7 +112,7 @@ TEST_F(DiscoveredItemsContextsTest, AnEndUnderAnotherName)
     EXPECT_EQ(assertions.texts().size(), 2u);
 }
 
-TEST_F(DiscoveredItemsContextsTest, AnElementThatIsBeingSkippedGoesToNobody)
+TEST_F(DiscoveredItemsContextsTest, SkippedElementsReachNoParser)
 {
     document.skipEnter();
     start(*all, &document, "DiscoveredItems");

@@ -58,7 +58,7 @@ TEST(DiscoveredItemsTest, AnItemHoldsWhatItsElementsSay)
     EXPECT_EQ(item->getExplorerName(), TlxString("FileSystems"));
     const AutoDereference<ExplorerData> data(item->getExplorerData());
     ASSERT_TRUE(data);
-    EXPECT_EQ(data->referenceCount(), 2u); // the item's and this one
+    EXPECT_EQ(data->referenceCount(), 2u); // the reference of the item and this one
     EXPECT_TRUE(data->isParsed());
     EXPECT_EQ(dataOf(items), "<Type>ext4</Type><Size>1</Size>");
 }
@@ -150,7 +150,7 @@ TEST(DiscoveredItemsTest, TheDocumentedExampleReadsAndIsWrittenAsDocumented)
     EXPECT_EQ(readSound(document(oneLine)).all(), Lines{oneLine});
 }
 
-// What is not known.
+// Unknown elements.
 
 TEST(DiscoveredItemsTest, AnUnknownElementInAnItemIsLoggedOnceAndSkippedWhole)
 {
@@ -216,7 +216,7 @@ TEST(DiscoveredItemsTest, ElementsInsideAStatusMessageOrAPolicyAreUnknown)
                     "Type=\"\" Active=\"0\" Retention=\"0\"></QMKPolicy></Discovered>"});
 }
 
-// What can be filtered by.
+// Filter data.
 
 TEST(DiscoveredItemsTest, AFilterDescriptionBecomesAFilterItem)
 {
@@ -273,7 +273,7 @@ TEST(DiscoveredItemsTest, AFilterItemWithoutADescriptionIsReportedAndDoesNothing
     EXPECT_EQ(assertions.texts(), Lines(3, "m_query"));
 }
 
-// The default parser's blocks.
+// Blocks that the default parser reads.
 
 TEST(DiscoveredItemsTest, AnEmptyBlockIsAnEmptyText)
 {
@@ -303,8 +303,8 @@ TEST(DiscoveredItemsTest, AnInnerBlockOfTheSameNameEndsTheBlockEarly)
     const ReadItems items = readItems(
         document("<DISCOVERED Name='a'><ExplorerData Name='e'>1<ExplorerData>2</ExplorerData>3"
                  "</ExplorerData></DISCOVERED><DISCOVERED Name='b'/>"));
-    // The rest of the document is out of step: the outer end is taken for the item's, the item's
-    // for the document's.
+    // After that the parse is one element ahead: it takes the outer end for the end of the item,
+    // and the end of the item for the end of the document.
     EXPECT_TRUE(items.parsed);
     EXPECT_EQ(items.all(), Lines{"<Discovered Name=\"a\"><ExplorerData Name=\"e\">1<ExplorerData>2"
                                  "</ExplorerData></Discovered>"});

@@ -153,7 +153,7 @@ TEST(ItemsLimitsTest, AThousandUnknownElementsAreSkippedOneMoreEndsTheDocument)
 {
     const std::string item = "<DISCOVERED Name='a'/>";
     const std::string written = "<Discovered Name=\"a\"></Discovered>";
-    for (int twice = 0; twice < 2; ++twice) { // counted anew
+    for (int twice = 0; twice < 2; ++twice) { // each document has a count of its own
         const LogCapture log(LOG_LEVEL_FAILURE);
         const ReadItems items = readItems(document(item + repeated(1000, "<x/>") + item));
         EXPECT_TRUE(items.parsed);
@@ -207,7 +207,7 @@ TEST(ItemsLimitsTest, RefusedDescriptionsCountWithTheUnknownElements)
          {std::pair{noQuery, faults[400]}, std::pair{noField, faults[999]}}) {
         Lines all = faults;
         all.push_back(line);
-        // The description without its field is complete all the same.
+        // The description is complete even without its field.
         expectEndAtFault(filterData(text + fault), all,
                          Lines(fault == noField ? 301 : 300, written[0]));
     }
@@ -215,7 +215,7 @@ TEST(ItemsLimitsTest, RefusedDescriptionsCountWithTheUnknownElements)
 
 TEST(ItemsLimitsTest, BlocksThatEndEarlyCountAsFaults)
 {
-    // Each is followed by the document's element again, without which no other would be an item.
+    // The element of the document follows each of them. Otherwise the next one would be no item.
     const std::string early = "<DISCOVERED><ExplorerData><ExplorerData></ExplorerData>"
                               "</ExplorerData></DISCOVERED><DiscoveredItems/>";
     const AssertionCapture assertions;
@@ -234,7 +234,7 @@ TEST(ItemsLimitsTest, ABlockOfSixteenMebibytesIsKeptOneByteMoreEndsTheDocument)
         EXPECT_TRUE(items.parsed);
         EXPECT_TRUE(dataOf(items) == "<a>" + text + "</a>");
     }
-    // Also when it is shorter as it is read than as it is kept.
+    // The bound holds for the kept text, which may be longer than the text in the document.
     for (const std::string& inner : {"<a>" + text + "</a>x", "<a>x" + text + "</a>",
                                      "<a>" + text + "<b/></a>", std::string(3u << 20, '"')}) {
         const LogCapture log(LOG_LEVEL_FAILURE);
@@ -270,7 +270,7 @@ class EndlessData : public CollectionData
 
   private:
     const std::string START = "<DiscoveredItems><DISCOVERED Name='a'/>";
-    const std::string COMMENT = "<!--" + std::string(1000, ' ') + "-->"; // which nobody keeps
+    const std::string COMMENT = "<!--" + std::string(1000, ' ') + "-->"; // comments are not kept
     mutable std::size_t m_read = 0;
 };
 

@@ -1,4 +1,4 @@
-// Several iterators as one.
+// One iterator over several others.
 
 #include "CombiningIterator.h"
 

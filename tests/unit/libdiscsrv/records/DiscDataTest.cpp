@@ -174,7 +174,7 @@ TEST_F(DiscDataTest, ARecordLivesAQuarterLongerThanItsTimeToLive)
     setNow(TlxObjTime(1000, 500));
     EXPECT_EQ(expiresAfter(TlxObjTime(100)), TlxObjTime(1125, 500));
     EXPECT_EQ(expiresAfter(TlxObjTime(1)), TlxObjTime(1001, 250500));
-    // A quarter is cut to whole microseconds.
+    // Fractions of a microsecond are cut off.
     EXPECT_EQ(expiresAfter(TlxObjTime(0, 3)), TlxObjTime(1000, 503));
     EXPECT_EQ(expiresAfter(TlxObjTime(3, 3)), TlxObjTime(1003, 750503));
     setNow(TlxObjTime(1000, 999999));
@@ -200,7 +200,7 @@ TEST_F(DiscDataTest, AttributesKeepWhatTheyAreGiven)
     EXPECT_TRUE(attributes.getSignature().empty());
 }
 
-/// Tells in which order the parts of a record go.
+/// Notes when it is destroyed.
 template <class Part>
 struct Watched : Part
 {
@@ -239,7 +239,7 @@ TEST_F(DiscDataTest, ARecordOwnsItsParts)
     fill("2");
     EXPECT_EQ(gone, (Texts{"authority 1", "subject 1", "attributes 1"}));
     gone.clear();
-    // What is held already stays.
+    // A reference that is held stays valid.
     record->setSubject(record->getSubject());
     EXPECT_EQ(gone, Texts{});
     record.reset();

@@ -1,4 +1,4 @@
-// Single values out of small documents.
+// Reading single values from small documents.
 
 #include "XMLHelper.h"
 
@@ -57,7 +57,7 @@ TEST_F(XMLHelperTest, StopsAtTheFirstFailure)
     EXPECT_EQ(type, AT_EXTSRC);
 }
 
-TEST_F(XMLHelperTest, AnOriginThatIsNoTypeIsRefused)
+TEST_F(XMLHelperTest, AnUnknownOriginTypeIsRefused)
 {
     for (const char* origin : {"5", "-1", "x", ""}) {
         EXPECT_EQ(parse("<D><ServiceName>DS</ServiceName><SourceHost>x</SourceHost>"

@@ -150,7 +150,7 @@ TEST_F(RemoteDBTest, ACollectionIsReadWhole)
     EXPECT_EQ(record->getCollectionData()->readCollection(4096, buffer.data()), 3000u);
     EXPECT_EQ(record->getCollectionData()->readCollection(4096, buffer.data()), 0u);
     EXPECT_EQ(asked(), "get bytes-3000 [f];release;") << "no page size is set";
-    // Once more is afresh, not twice as much.
+    // A second open starts again at the begin.
     EXPECT_EQ(record->open(OM_READ, "").discStatus, DS_SUCCESS);
     EXPECT_EQ(read(*record, 7).size(), 3000u);
 }
@@ -166,7 +166,7 @@ TEST_F(RemoteDBTest, APageThatStillDoesNotFitEndsTheRead)
 
 TEST_F(RemoteDBTest, TheCacheGrowsFrom1024To2048To4096)
 {
-    // A page that needs more than the next doubling tells how large the cache was.
+    // A page that needs more than the next doubling shows how large the cache was.
     LogCapture log;
     const auto fits = [&log](std::size_t head, std::size_t size) {
         const std::string names = "tail-" + std::to_string(head) + "-";
@@ -259,7 +259,7 @@ TEST_F(RemoteDBTest, AListIsWholeOrAFailure)
                                                "(REMOTE_MAX_RECORDS), this one yields more"});
 }
 
-TEST_F(RemoteDBTest, NothingIsTidiedUpOnAMasterThatIsGone)
+TEST_F(RemoteDBTest, AMasterThatIsGoneGetsNoRelease)
 {
     const LogCapture log;
     EXPECT_FALSE(query("vanish"));
@@ -308,7 +308,7 @@ TEST_F(RemoteDBTest, AtMost32QueriesAreForwardedAtATime)
     EXPECT_EQ(log.texts(1), Lines{"32 queries are being forwarded already"});
     EXPECT_EQ(answered, 0);
     EXPECT_EQ(underWay(), MOST);
-    peer.kill(); // which answers them all
+    peer.kill(); // then it answers all of them
     for (std::thread& each : queries)
         each.join();
     EXPECT_FALSE(query("x"));

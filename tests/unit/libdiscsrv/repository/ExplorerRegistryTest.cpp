@@ -1,4 +1,4 @@
-// Which registration wins, and what a request finds.
+// The registry of explorers: which registration wins, and which explorers a request finds.
 
 #include <algorithm>
 #include <atomic>
@@ -29,7 +29,7 @@ struct ExplorerRegistryTest : testing::Test
 {
     ExplorerRegistryTest() { HostConfig::instance().readText("CLIENT_NAME = here\n", "qm.conf"); }
 
-    /// The subjects of what a request finds, "none" for no iterator.
+    /// The subjects that a request finds, "none" if it gets no iterator.
     Calls found(const std::string& subject, const std::string& authority) const
     {
         const AutoDereference<DiscoveryIterator> iterator(repository->findPullExplorer(
@@ -105,7 +105,8 @@ TEST_F(ExplorerRegistryTest, APullOfTheSameOrAHigherPriorityReplacesAPull)
 
 TEST_F(ExplorerRegistryTest, ARegistrationThatWinsIsNotLostWhereTheOrderIsNotStrict)
 {
-    // A search for (m, a) goes past (a, b) on one side, its insertion on the other.
+    // The order is not strict: a search for (m, a) and its insertion take different sides of (a,
+    // b).
     repository->pull("a", "b", 1, *pull);
     repository->pull("m", "a", 1, *pull);
     const AutoDereference<FakePull> newer(new FakePull);
@@ -148,7 +149,7 @@ TEST_F(ExplorerRegistryTest, WhatLeavesTheSetsGoesWhenTheLockIsFree)
         explicit Last(DiscoveryRepository& of) : repository(of) {}
         ~Last() override
         {
-            // From another thread, as an explorer that joins one of its own does.
+            // In another thread, like an explorer that joins a thread of its own.
             std::thread([this] { repository.getPushExplorers(); }).join();
         }
         DiscoveryRepository& repository;
@@ -214,7 +215,7 @@ TEST_F(ExplorerRegistryTest, RegistrationsAreBounded)
         }
     }
     EXPECT_EQ(repository->getPullExplorers().size(), DiscoveryRepository::MAX_EXPLORERS);
-    // What is known may still be registered anew.
+    // A known explorer may register again.
     const LogCapture log;
     repository->pull("s0", "a", 6, *pull);
     EXPECT_EQ(log.texts(1), Calls{});
@@ -353,7 +354,7 @@ TEST_F(ExplorerRegistryTest, ALoadStopsTheExplorersThatItStartsAfterTheShutdown)
     repository->push("t", "a", 1, *later);
     repository->loadExplorers();
     repository->fini();
-    // The shutdown stops both. The load starts the second one all the same, and stops it again.
+    // The shutdown stops both. The load starts the second one even so, and stops it again.
     EXPECT_EQ(push->calls, (Calls{"start s of a", "stop s of a", "stop s of a"}));
     EXPECT_EQ(later->calls, (Calls{"stop t of a", "start t of a", "stop t of a"}));
     EXPECT_EQ(reactor.scheduled(), 0);
@@ -366,7 +367,7 @@ TEST_F(ExplorerRegistryTest, ANullParserIsReported)
     EXPECT_EQ(assertions.texts(), Calls{"NULL != parser"});
 }
 
-TEST_F(ExplorerRegistryTest, TheStatusTellsOfEveryExplorer)
+TEST_F(ExplorerRegistryTest, TheStatusListsEveryExplorer)
 {
     repository->push("s", "a", 5, *push);
     repository->pull("t", "a", 6, *pull, AT_EXTSRC);
@@ -415,7 +416,7 @@ TEST_F(ExplorerOrderTest, AGreaterAuthorityFallsThroughToTheSubjects)
     EXPECT_FALSE(before(entry("b", AT_QMKCLIENT, "a"), entry("a", AT_QMKCLIENT, "a")));
 }
 
-TEST_F(ExplorerOrderTest, RemotePullsAreToldApartBySubjectAlone)
+TEST_F(ExplorerOrderTest, OnlyTheSubjectDistinguishesRemotePulls)
 {
     EXPECT_FALSE(before(entry("a", AT_REMOTEPULL, "z"), entry("b", AT_REMOTEPULL, "a")));
     EXPECT_TRUE(before(entry("b", AT_REMOTEPULL, "a"), entry("a", AT_REMOTEPULL, "z")));

@@ -1,4 +1,4 @@
-// The timers, driven by a reactor whose time the test makes.
+// The timers, on a reactor whose time the test makes pass.
 
 #include "ExplorerTimers.h"
 
@@ -32,7 +32,7 @@ struct ExplorerTimersTest : testing::Test
     ExplorerTimersTest() { HostConfig::instance().readText("CLIENT_NAME = here\n", "qm.conf"); }
     ~ExplorerTimersTest() override { TlxObjTime::setClock({}); }
 
-    /// What rand() % range is after the seed.
+    /// The value of rand() % range after the seed.
     static unsigned delayOf(unsigned seed, unsigned range)
     {
         std::srand(seed);
@@ -120,7 +120,7 @@ TEST_F(ExplorerTimersTest, AFailedPushStopsNeitherTheOthersNorTheNextCycle)
     EXPECT_EQ(status[1].outcome, "pushed");
 }
 
-TEST_F(ExplorerTimersTest, APushThatSaysItFailedIsShown)
+TEST_F(ExplorerTimersTest, AFailedPushIsShownInTheStatus)
 {
     repository->push("s", "a", 1, *push);
     push->onPush = [](DiscoveryFactory*, DiscoveryResult& result) {
@@ -133,7 +133,7 @@ TEST_F(ExplorerTimersTest, APushThatSaysItFailedIsShown)
     EXPECT_EQ(reactor.scheduled(), 1);
 }
 
-/// A repository whose part in a timer's run fails.
+/// A repository that throws during the run of a timer.
 struct ThrowingRepository : FakeRepository
 {
     void getMasterServerName(TlxHostname&) const override { throw std::runtime_error("broken"); }
@@ -284,7 +284,7 @@ TEST_F(ExplorerTimersTest, AMasterThatCannotBeReachedIsTriedAgain)
 {
     repository->masterName = "master1";
     repository->startRegisterTimer();
-    const AssertionCapture assertions; // there is no ORB here to reach anybody with
+    const AssertionCapture assertions; // there is no ORB here, so no host can be reached
     const LogCapture log;
     EXPECT_EQ(reactor.pass(301), 1);
     EXPECT_EQ(log.texts(4)[0], "Registering 0 explorers with master server");
@@ -326,7 +326,7 @@ TEST_F(ExplorerTimersTest, RestartsAndAStopAtTheSameMomentLeaveNoSchedule)
 /// A client whose master, "peer", is another process.
 struct RegisterTimerTest : testing::Test
 {
-    /// Whose way to the master the test sees, before it is taken.
+    /// Calls the test before it connects to the master.
     struct Repository : FakeRepository
     {
         void getMasterServerName(TlxHostname& out) const override
@@ -353,7 +353,7 @@ struct RegisterTimerTest : testing::Test
             repository->shutdown();
         repository->fini();
     }
-    /// What the peer was asked.
+    /// The requests that the peer got.
     std::string asked() const
     {
         const Remote::DiscoveryService_var service = repository->connectToRemoteDiscoveryService(

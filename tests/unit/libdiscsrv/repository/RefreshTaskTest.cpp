@@ -1,4 +1,4 @@
-// A master that has its clients push again: clients that do, that cannot, that are gone or silent.
+// A master asks its clients to push again. Some do, some cannot, some are gone or silent.
 
 #include "RefreshTask.h"
 
@@ -31,7 +31,7 @@ struct RefreshTaskTest : testing::Test
         EXPECT_EQ(QmTest::Service::put("filesystem", name, "<FilterData></FilterData>").discStatus,
                   DS_SUCCESS);
     }
-    /// The lines of the refresh itself, both levels.
+    /// The lines that the refresh logs, with their levels.
     static Lines told(const LogCapture& log)
     {
         Lines lines;
@@ -113,7 +113,7 @@ TEST_F(RefreshTaskTest, TheListOfClientsEndsWithTheService)
     const LogCapture log;
     RefreshDiscoveryTask(*getDiscoveryRepository()).svc();
     EXPECT_EQ(told(log), Lines{});
-    const AssertionCapture expected; // the fixture's stop is the second
+    const AssertionCapture expected; // because the fixture stops the service once more
     service.stop();
 }
 

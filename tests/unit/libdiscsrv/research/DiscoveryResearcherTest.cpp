@@ -141,9 +141,9 @@ TEST(DiscoveryResearcherTest, KeepsTheItemsBeforeABreakOfADocumentOnTheMaster)
     EXPECT_EQ(log.texts(1).back(), "Failed to parse discovery");
 }
 
-TEST(DiscoveryResearcherTest, AMasterThatIsNotThereIsNoHandle)
+TEST(DiscoveryResearcherTest, WithoutAMasterThereIsNoHandle)
 {
-    // (Nothing listens on port 1.)
+    // Nothing listens on port 1.
     HostConfig::instance().readText("SERVER = there\nENDPOINT.there = 127.0.0.1:1\n", "qm.conf");
     ASSERT_NE(initDiscoveryResearch(), nullptr);
     const LogCapture log(LOG_LEVEL_FAILURE);
@@ -167,7 +167,7 @@ TEST(DiscoveryResearcherTest, WritesNoLogFileAndMakesNoStore)
 [[noreturn]] void researchWithoutAnOrbAndExit()
 {
     ::alarm(60);
-    ::setenv("ORBgiopMaxMsgSize", "none", 1); // which the ORB's library does not bear
+    ::setenv("ORBgiopMaxMsgSize", "none", 1); // the ORB's library cannot cope with that
     std::exit(initDiscoveryResearch() ? 1 : 17);
 }
 

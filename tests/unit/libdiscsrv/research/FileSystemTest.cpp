@@ -1,4 +1,4 @@
-// A file system in an item, written, read back and asked about.
+// A file system in an item: how it is written, read back and filtered.
 
 #include "FileSystem.h"
 
@@ -53,7 +53,7 @@ TEST(FileSystemSourceTest, EveryFieldCanBeAskedAbout)
     EXPECT_FALSE(matches(home(), "colour = red"));
 }
 
-TEST(FileSystemSourceTest, SizesThatNobodyToldAreMissing)
+TEST(FileSystemSourceTest, UnknownSizesAreMissing)
 {
     EXPECT_FALSE(matches(share(), "size >= 0 or size < 0 or size != 0"));
     EXPECT_FALSE(matches(share(), "used >= 0"));
@@ -79,7 +79,7 @@ TEST(FileSystemSourceTest, PercentAreWholeAndRoundedDown)
     EXPECT_FALSE(full(5, 0, "0"));
 }
 
-TEST(FileSystemSourceTest, WhatCanBeAskedIsDescribedFieldByField)
+TEST(FileSystemSourceTest, EachFieldIsDescribed)
 {
     TlxQuery query;
     FileSystemSource::describe(query);
@@ -98,7 +98,7 @@ TEST(FileSystemSourceTest, WhatCanBeAskedIsDescribedFieldByField)
                      "options text", "size bytes", "used bytes", "full number", "readonly flag"}));
 }
 
-// In an item.
+// A file system in an item.
 
 std::string document(const std::string& item)
 {
@@ -115,7 +115,7 @@ std::string block(const FileSystem& fileSystem)
 class FileSystemItemTest : public testing::Test
 {
   protected:
-    /// The only item's file system; nothing when it has none.
+    /// The file system of the only item, null if it has none.
     std::optional<FileSystem> read(const std::string& item)
     {
         const auto items = readItems(document(item));
@@ -158,7 +158,7 @@ TEST_F(FileSystemItemTest, WhatItDoesNotKnowIsSkipped)
     EXPECT_EQ(back->used, 5u);
 }
 
-TEST_F(FileSystemItemTest, AnItemOfAnotherKindHasNone)
+TEST_F(FileSystemItemTest, AnItemOfAnotherKindHasNoFileSystem)
 {
     EXPECT_FALSE(read("<DISCOVERED Name='/x'/>"));
     EXPECT_FALSE(read("<DISCOVERED Name='/x'><ExplorerData Name='Other'>" + block(home()) +
@@ -167,7 +167,7 @@ TEST_F(FileSystemItemTest, AnItemOfAnotherKindHasNone)
                       "</ExplorerData></DISCOVERED>"));
 }
 
-/// Data of a plug-in that fails when it is to write itself.
+/// Data of a plug-in that fails to write itself.
 class ThrowingData : public virtual ExplorerData
 {
   public:
@@ -195,7 +195,7 @@ class ThrowingParser : public virtual ExplorerDataParser
     const char* getExplorerParserName() const override { return FILE_SYSTEMS_EXPLORER; }
 };
 
-TEST_F(FileSystemItemTest, DataThatThrowsIsNoneAndALogLine)
+TEST_F(FileSystemItemTest, DataThatThrowsYieldsNoFileSystemAndALogLine)
 {
     const AutoDereference<ExplorerDataParser> parser(new ThrowingParser);
     getDiscoveryRepository()->registerExplorerParser(FILE_SYSTEMS_EXPLORER, parser.get());

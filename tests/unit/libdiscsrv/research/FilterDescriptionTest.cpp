@@ -1,4 +1,4 @@
-// What can be asked about, gathered from all hosts.
+// The filter descriptions of all hosts, merged.
 
 #include "FilterDescription.h"
 
@@ -78,7 +78,7 @@ TEST_F(FilterDescriptionTest, TheFirstNameIsTheAuthorityTheSecondTheSubject)
     EXPECT_EQ(FilterDescription("", "filesystem").fields().size(), 2u);
 }
 
-TEST_F(FilterDescriptionTest, WhatIsNoDescriptionIsLeftOut)
+TEST_F(FilterDescriptionTest, OtherDataIsLeftOut)
 {
     Service::put("filesystem", "unix1", "no XML");
     Service::put("filesystem", "unix2",

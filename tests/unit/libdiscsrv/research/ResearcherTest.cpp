@@ -99,7 +99,7 @@ TEST(CollectionItemIteratorTest, ACopyOfOneWithoutAuthorityAndSubjectHasNone)
     EXPECT_TRUE(copy->isParsed());
 }
 
-// One discovery after the other.
+// A walk over discoveries.
 
 TEST(AuthSubIteratorTest, EachDiscoveryYieldsItsItems)
 {
@@ -145,7 +145,7 @@ TEST(AuthSubIteratorTest, WithoutDiscoveriesThereIsNothing)
     EXPECT_EQ(none->getNextCollectionItemIterator(nullptr), nullptr);
 }
 
-TEST(AuthSubIteratorTest, ADiscoveryWithoutAuthorityAndSubjectIsReadAllTheSame)
+TEST(AuthSubIteratorTest, ADiscoveryWithoutAuthorityAndSubjectIsReadToo)
 {
     const AutoDereference<ListedDiscoveries> discoveries(new ListedDiscoveries);
     discoveries->add(AutoDereference<Discovery>(new PlainDiscovery(new MemoryData(TWO_ITEMS))));
@@ -231,7 +231,7 @@ TEST(AuthSubIteratorTest, DataThatDoesNotOpenIsNotParsed)
     EXPECT_EQ(log.texts(1), (Lines{"Failed to read collection data", "Failed to parse discovery"}));
 }
 
-/// What data is opened with when it is read with a filter.
+/// The argument of the open when data is read with a filter.
 std::string openArgument(const FilterParameters* filter)
 {
     std::string opened = "not opened";
@@ -271,7 +271,7 @@ TEST(AuthSubIteratorTest, AFailedReadIsTheEnd)
     }
 }
 
-/// Data during whose second read the service ends.
+/// Data that shuts the service down during its second read.
 class LastData : public MemoryData
 {
   public:
@@ -289,7 +289,7 @@ class LastData : public MemoryData
 
 TEST(AuthSubIteratorTest, ADocumentEndsWithTheService)
 {
-    // Longer than what is read to learn of the document's encoding.
+    // Longer than the part that the parser reads to find the encoding.
     std::string text = "<DiscoveredItems><DISCOVERED Name='a'/>";
     for (int i = 0; i < 200; ++i)
         text += "<!-- " + std::string(1000, 'x') + " -->";
@@ -313,7 +313,7 @@ TEST(AuthSubIteratorTest, WritesNothing)
     EXPECT_EQ(out.str(), "");
 }
 
-// Out of the repository.
+// Items that the repository finds.
 
 class ResearchTest : public testing::Test
 {
@@ -408,7 +408,7 @@ TEST_F(ResearchTest, TheClientsAreTheAuthoritiesOfVolumesAndOfFileSystemsEachOnc
               (Clients{"unix1", "unix2", "windows1"}));
 }
 
-TEST_F(ResearchTest, WithoutClientsTwoLinesTell)
+TEST_F(ResearchTest, WithoutClientsTwoLinesAreLogged)
 {
     const LogCapture log;
     EXPECT_EQ(getDiscoveryRepository()->getDiscoveredClientList(), Clients());
@@ -421,7 +421,7 @@ TEST_F(ResearchTest, WithoutClientsTwoLinesTell)
     EXPECT_EQ(told, (Lines{"No windows clients found", "No unix clients found"}));
 }
 
-TEST_F(ResearchTest, WithOneKindOfClientOneLineTellsOfTheOther)
+TEST_F(ResearchTest, WithOneKindOfClientTheMissingOneIsLogged)
 {
     Service::put("filesystem", "unix1", "<FilterData/>");
     const LogCapture log;
@@ -441,13 +441,13 @@ TEST_F(ResearchTest, TheListOfClientsEndsAtTheNextRecordWhenTheServiceDoes)
     explorer->onPull = [] { getDiscoveryRepository()->shutdown(); };
     EXPECT_EQ(getDiscoveryRepository()->getDiscoveredClientList().size(), 1u);
     EXPECT_EQ(explorer->calls.size(), 1u);
-    const AssertionCapture expected; // the fixture's stop is the second
+    const AssertionCapture expected; // because the fixture stops the service once more
     m_service.stop();
 }
 
 TEST_F(ResearchTest, TenThousandRecordsAreRead)
 {
-    // Written past the service, whose syncs are another test's matter.
+    // Written without the service, because its syncs would take long.
     const auto store = [this](const std::string& host, const std::string& subject,
                               const std::string& payload) {
         const AutoDereference<PlainDiscovery> record(new PlainDiscovery);

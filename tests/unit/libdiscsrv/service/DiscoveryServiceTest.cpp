@@ -36,8 +36,8 @@ Remote::Discovery named(const char* subject, const char* authority,
     return discovery;
 }
 
-/// Without a repository behind it: whatever reaches the repository's framework is reported.
-TEST(DiscoveryServiceAloneTest, AWildcardIsALogicErrorAndAsksNobody)
+/// The servant has no framework here. A call that reaches it fails an assertion.
+TEST(DiscoveryServiceAloneTest, AWildcardIsALogicErrorWithoutAQuery)
 {
     PortableServer::Servant_var<DiscoveryService_i> servant(new DiscoveryService_i);
     const AssertionCapture assertions;
@@ -151,7 +151,7 @@ TEST_F(DiscoveryServiceTest, APayloadIsReadThroughAnIteratorOfItsOwn)
     EXPECT_THROW(iterator->getNextPage(), CORBA::SystemException);
 }
 
-TEST_F(DiscoveryServiceTest, ARecordFromAPageIsAnsweredThoughItTellsNoQueryType)
+TEST_F(DiscoveryServiceTest, ARecordFromAPageIsReadWithoutAQueryType)
 {
     Service::put("cl1", "srv1", "the payload");
     EXPECT_EQ(get(named("cl1", "srv1", DQ_UNDEFINED)), DS_SUCCESS);
@@ -235,7 +235,7 @@ TEST_F(DiscoveryServiceTest, AWriterThatCannotBeActivatedIsACommunicationError)
     ASSERT_EQ(lines.size(), 3u);
     EXPECT_EQ(lines[0], "Caught CORBA exception creating object reference to remote writer");
     EXPECT_EQ(lines[1].substr(0, 17), "OBJECT_NOT_EXIST ");
-    // The payload that was begun goes with the writer.
+    // The writer deletes the payload that it has begun.
     EXPECT_EQ(lines[2], "Deleted file: " + (service.store() / "0.updating").string());
 }
 

@@ -140,7 +140,7 @@ TEST_F(IteratorServantsTest, APageThatGrowsLargeIsShorterThanAskedFor)
     EXPECT_EQ(sum, 100u);
 }
 
-TEST_F(IteratorServantsTest, APageTellsNamesTypeAndSource)
+TEST_F(IteratorServantsTest, APageHasNamesTypeAndSource)
 {
     const auto servant = over(new Records(1));
     DiscoverySeq_var page = servant->getNextPage();
@@ -152,7 +152,7 @@ TEST_F(IteratorServantsTest, APageTellsNamesTypeAndSource)
     EXPECT_EQ(row.authType, AT_QMKSERVER);
     EXPECT_STREQ(row.sourceHost, "here");
     EXPECT_STREQ(row.sourceServiceName, "DiscoveryService");
-    // What a page leaves unset travels as zeros.
+    // Members that a page leaves unset are zeros on the wire.
     EXPECT_EQ(row.queryType, DQ_UNDEFINED);
     EXPECT_EQ(row.attributes.colType, CT_CONFIGURATION);
     EXPECT_EQ(row.attributes.colStorage, CS_LOCALONLY);

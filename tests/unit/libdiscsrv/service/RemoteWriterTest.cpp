@@ -38,7 +38,7 @@ CollectionDataSeq bytes(const std::string& text)
     return seq;
 }
 
-/// What the service's servant does with a writer.
+/// Activates a writer as the service does.
 RemoteWriter_ptr activate(Orb& orb, RemoteWriter_i* writer)
 {
     CORBA::Object_var reference = orb.activateServant(writer);
@@ -47,7 +47,7 @@ RemoteWriter_ptr activate(Orb& orb, RemoteWriter_i* writer)
     return narrowed._retn();
 }
 
-/// A payload that tells what was written into it, and answers what the test says.
+/// A payload that records what is written, and returns what the test says.
 struct RecordingData : CollectionData
 {
     bool open(OpenMode, const char*) override { return true; }
@@ -71,7 +71,7 @@ struct RecordingDiscovery : Tlx::DiscoverySvc::Discovery
     DiscoveryResult open(OpenMode, const char*) override { return {DS_SUCCESS, 0}; }
 };
 
-/// A repository whose records are the test's.
+/// A repository that hands out the records of the test.
 struct RecordingRepository : DiscoveryRepository
 {
     void newDiscovery(AutoDereference<Tlx::DiscoverySvc::Discovery>& out, DiscoveryQuery,
@@ -172,7 +172,7 @@ TEST_F(RemoteWriterTest, ASecondCloseThatSlipsInDropsNothingTwice)
 {
     auto* writer = new RemoteWriter_i(incoming("cl5", "srv1"));
     const PortableServer::ServantBase_var held = writer;
-    writer->_add_ref(); // the one that close drops
+    writer->_add_ref(); // the reference that close drops
     EXPECT_EQ(writer->open().discStatus, DS_SUCCESS);
     EXPECT_EQ(writer->close().discStatus, DS_SUCCESS);
     EXPECT_EQ(writer->_refcount_value(), 1);
@@ -223,12 +223,12 @@ TEST_F(RemoteWriterTest, AnEmptyNameIsRefusedAndLeavesNothingBehind)
     EXPECT_FALSE(std::filesystem::exists(service.store() / "0.updating"));
 }
 
-TEST_F(RemoteWriterTest, AFailedPersistIsToldByClose)
+TEST_F(RemoteWriterTest, CloseReturnsTheFailureOfThePersist)
 {
     auto* writer = new RemoteWriter_i(incoming("cl5", "srv1"));
     EXPECT_EQ(writer->open().discStatus, DS_SUCCESS);
     const RemoteWriter_var reference = activate(*service.orb, writer);
-    // Meanwhile somebody stores the same record with a higher priority.
+    // Meanwhile another writer stores the same record with a higher priority.
     Remote::Discovery higher = incoming("cl5", "srv1");
     higher.attributes.priority = 8;
     auto* other = new RemoteWriter_i(higher);

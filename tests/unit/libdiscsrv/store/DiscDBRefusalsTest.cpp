@@ -1,4 +1,4 @@
-// The store on a machine whose kernel refuses what it asks for.
+// The store on a machine whose kernel refuses system calls.
 
 #include "DiscDB.h"
 
@@ -59,7 +59,7 @@ TEST_F(DiscDBRefusalsTest, WithoutAWriteLockARecordIsNotStored)
     });
 }
 
-TEST_F(DiscDBRefusalsTest, AFileThatCannotBeCutIsNoSuccess)
+TEST_F(DiscDBRefusalsTest, AFileThatCannotBeCutFailsThePersist)
 {
     QM_IN_CHILD([this] {
         const auto record = make({});
@@ -90,7 +90,7 @@ TEST_F(DiscDBRefusalsTest, AnExpiredRecordWhoseLockCannotBeChangedStays)
     });
 }
 
-TEST_F(DiscDBRefusalsTest, ARecordOfTheParentsIsNoneInAChild)
+TEST_F(DiscDBRefusalsTest, AChildCannotUseARecordOfItsParent)
 {
     put({});
     const auto record = find(METADATA);

@@ -42,7 +42,7 @@ class SteppedProcess
         CANNOT_TRACE
     };
 
-    /// Forks, prepares unobserved, and steps through the work.
+    /// Forks, prepares without stops, and steps through the work.
     static Outcome run(const std::function<void()>& prepare, const std::function<bool()>& work,
                        Crash crash = {0, 0})
     {
@@ -134,7 +134,7 @@ class SteppedProcess
     /// Steps on until the outcome is known. The caller's object ends the child.
     Outcome follow(ChildProcess& child)
     {
-        long signal = 0; // the child's own, handed on to it
+        long signal = 0; // a signal for the child, to be delivered
         for (;;) {
             if (::ptrace(PTRACE_SYSCALL, m_child, nullptr, signal) != 0)
                 return CANNOT_TRACE;
@@ -185,7 +185,7 @@ class SteppedProcess
         return "/proc/" + std::to_string(m_child) + "/" + kind + "/" + std::to_string(fd);
     }
 
-    /// Does the first part of a write(2) in the child's place.
+    /// Does the first part of the write(2) that the child is about to do.
     void tear(const __uint64_t* arguments) const
     {
         std::ifstream description(entry("fdinfo", arguments[0]));
@@ -194,7 +194,7 @@ class SteppedProcess
         description >> word >> position;
         std::string bytes(arguments[2] * m_crash.eighths / 8, '\0');
         const iovec here{bytes.data(), bytes.size()};
-        // (The address is the child's: a number to this process.)
+        // The address belongs to the child. For this process it is a number.
         iovec there{};
         there.iov_base = reinterpret_cast<void*>(arguments[1]); // NOLINT
         there.iov_len = bytes.size();

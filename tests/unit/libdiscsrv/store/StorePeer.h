@@ -19,8 +19,7 @@
 
 namespace QmTest {
 
-/// A record whose payload tells which put it is from, as its metadata does by the time of
-/// discovery.
+/// The payload of a tagged record. Its time of discovery is the tag too.
 inline std::string taggedPayload(long tag)
 {
     return std::string(20000, static_cast<char>('a' + tag % 26)) + std::to_string(tag);
@@ -39,7 +38,7 @@ inline Disc::DiscoveryStatus putTagged(const std::string& subject, long tag)
     if (!isSuccess(opened))
         return opened.discStatus;
     const std::string payload = taggedPayload(tag);
-    const std::size_t half = payload.size() / 2; // so that there is a moment between
+    const std::size_t half = payload.size() / 2; // two writes, so that a reader can come between
     if (!record->getCollectionData()->writeCollection(half, payload.data()) ||
         !record->getCollectionData()->writeCollection(payload.size() - half, payload.data() + half))
         return Disc::DS_OPEN_FAILED;
@@ -48,8 +47,8 @@ inline Disc::DiscoveryStatus putTagged(const std::string& subject, long tag)
 
 struct TaggedRecord
 {
-    long metadata = -1; ///< the metadata's tag
-    long payload = -2;  ///< the payload's, when it is whole
+    long metadata = -1; ///< the tag of the metadata
+    long payload = -2;  ///< the tag of the payload, if that is whole
 };
 
 inline TaggedRecord findTagged(const std::string& file)
@@ -77,7 +76,7 @@ inline TaggedRecord findTagged(const std::string& file)
     return found;
 }
 
-/// Performs commands on a store. Commands, with what they answer:
+/// Performs commands on a store. The commands and their answers:
 ///
 ///     init DIR                    "done", and "left N" temporary payloads
 ///     begin SUBJECT PRIORITY      the status of open(OM_UPDATE)
@@ -153,7 +152,7 @@ class StoreCommands
             failed += putTagged("cl5", first + i) != Disc::DS_SUCCESS;
         return failed;
     }
-    /// With no writer in its own process, what it finds must be of one put.
+    /// How many lookups find metadata and payload of different puts. This process must not write.
     static int watch(const std::string& arguments)
     {
         std::istringstream words(arguments);

@@ -185,7 +185,7 @@ TEST_F(LogTest, anOriginatorHasOneLoggerUntilItIsStale)
     EXPECT_NE(first, second);
     EXPECT_FALSE(second->isStale());
     EXPECT_EQ(second, logger(400));
-    // Somebody may still hold the old one.
+    // The old logger stays usable for those who hold it.
     first->log("op", 1, "from the stale one");
     EXPECT_THAT(contentOf(m_settings.file), ElementsAre("1 400 op from the stale one"));
 }
@@ -261,7 +261,7 @@ TEST_F(LogTest, aFileThatWasThereIsContinuedWithItsTornLineEnded)
     EXPECT_EQ(0640u, status.st_mode & 07777u);
 }
 
-/// A limit on the size of files stands for the full disk: writes fail with EFBIG.
+/// Plays a full disk: with a limit on the size of files, writes fail with EFBIG.
 void limitFileSize(rlim_t bytes)
 {
     rlimit limit = {};
@@ -274,7 +274,7 @@ TEST_F(LogTest, aFullDiskIsNotedOnceAndWritingGoesOnWhenThereIsRoom)
 {
     ::signal(SIGXFSZ, SIG_IGN);
     configure();
-    // Longer than what the capture of standard error, a file too, has to take.
+    // The captured standard error is a file too. It must stay below the limit.
     logger()->log("op", 1, "before" + std::string(1000, '.'));
     const auto size = std::filesystem::file_size(m_settings.file);
 
@@ -317,12 +317,12 @@ TEST_F(LogTest, aDirectoryThatGoesAwayDuringRotationIsSurvived)
     std::filesystem::rename(m_directory + ".away", m_directory);
     logger()->log("op", 1, "back");
     EXPECT_EQ("1 400 op back", contentOf(m_settings.file).back());
-    // The first line filled the file: the count went into it before the next rotation.
+    // The first line filled the file. The count was written to it before the next rotation.
     EXPECT_THAT(contentOf(path("qm.1.log")),
                 ElementsAre("1 1 Logger::log 2 lines could not be written to this file"));
 }
 
-/// Counts calls, and notices two at a time.
+/// Counts its calls, and notes whether two ran at the same time.
 struct CountingSink : LogSink
 {
     void write(const Line&) override

@@ -1,4 +1,4 @@
-// A forked child owns nothing of its parent's locks, and does not disturb them.
+// A forked child has none of the locks of its parent, and does not disturb them.
 
 #include <tlx/FileLock.h>
 
@@ -32,14 +32,14 @@ class FileLockForkTest : public testing::Test
     QmTest::Peer m_peer;
 };
 
-/// Answers the line number of the first check that fails in the child.
+/// Makes the child return the line number of the first check that fails.
 #define CHILD_CHECK(condition)                                                                     \
     do {                                                                                           \
         if (!(condition))                                                                          \
             return __LINE__ % 250 + 1;                                                             \
     } while (false)
 
-TEST_F(FileLockForkTest, aChildOwnsNothing)
+TEST_F(FileLockForkTest, aChildHasNoLocks)
 {
     auto lock = m_file.open();
     ASSERT_EQ(0, lock->acquire_write());
@@ -64,7 +64,7 @@ TEST_F(FileLockForkTest, aChildOwnsNothing)
     EXPECT_EQ(LockLevel::Write, lock->level());
 }
 
-TEST_F(FileLockForkTest, aChildThatClosesWhatItInheritedDisturbsNobody)
+TEST_F(FileLockForkTest, aChildMayCloseInheritedLocks)
 {
     auto lock = m_file.open();
     ASSERT_EQ(0, lock->acquire_write());

@@ -99,7 +99,7 @@ TEST_F(PathnameDirectoryTest, AFileInTheWayIsAnError)
     EXPECT_EQ(TlxPathname(at("file/below")).createDirectories(0755), ENOTDIR);
 }
 
-TEST_F(PathnameDirectoryTest, APathThatIsNoneIsAnError)
+TEST_F(PathnameDirectoryTest, AnUnusablePathIsAnError)
 {
     EXPECT_EQ(TlxPathname("").createDirectories(0755), ENOENT);
     EXPECT_EQ(TlxPathname(at(std::string("x\0y", 3))).createDirectories(0755), EINVAL);

@@ -33,14 +33,14 @@ Lines problems()
     return lines;
 }
 
-/// What is wrong with one line; empty when nothing is.
+/// The problems of a text.
 Lines problemsOf(const std::string& text)
 {
     config().readText(text, "qm.conf");
     return problems();
 }
 
-// First: nothing takes a root that was set away again.
+// This test comes first, because a root that was set cannot be unset.
 TEST(HostConfigRootTest, IsTheEnvironmentsOrTheProductsOwn)
 {
     ASSERT_EQ(::unsetenv("QUILLMARK_ROOT"), 0);
@@ -94,7 +94,7 @@ TEST(EndpointTest, AHostNameHasALimit)
     EXPECT_EQ(endpoint.address.size(), 255u);
 }
 
-TEST(HostConfigTest, AProblemIsToldWithItsLineIfItHasOne)
+TEST(HostConfigTest, AProblemIsReportedWithItsLineIfItHasOne)
 {
     EXPECT_EQ((HostConfig::Problem{"a/qm.conf", 3, "wrong"}).toText(), "a/qm.conf:3: wrong");
     EXPECT_EQ((HostConfig::Problem{"a/qm.conf", 0, "wrong"}).toText(), "a/qm.conf: wrong");
@@ -164,7 +164,7 @@ TEST(HostConfigTest, TheLastLineWithAKeyCounts)
     std::string server;
     EXPECT_TRUE(config().getString(ConfigKey::SERVER, server));
     EXPECT_EQ(server, "two");
-    // Also when it counts for nothing.
+    // A line without effect is checked too.
     EXPECT_EQ(problemsOf("LOG_LEVEL = 4\nLOG_LEVEL = x\n"),
               Lines{"qm.conf:2: LOG_LEVEL: 'x' is not a number, expected 0 to 9"});
     EXPECT_EQ(config().number(ConfigKey::LOG_LEVEL), 1u);
@@ -399,7 +399,7 @@ TEST_F(HostConfigFileTest, IsReadFromTheProductRoot)
     EXPECT_EQ(problems(), Lines{});
 }
 
-TEST_F(HostConfigFileTest, WhatCannotBeReadConfiguresNothingAndIsToldOnce)
+TEST_F(HostConfigFileTest, AFileThatCannotBeReadConfiguresNothingAndIsReportedOnce)
 {
     config().readText("LOG_LEVEL = 6\n", "before");
     EXPECT_FALSE(config().read());
@@ -441,7 +441,7 @@ TEST_F(HostConfigFileTest, APermissionThatLacksIsNamed)
 TEST_F(HostConfigFileTest, AHugeFileIsRefused)
 {
     std::ofstream(file()) << "LOG_LEVEL = 6\n";
-    // With a hole in it: nothing of that size is written.
+    // The file has a hole, so it takes no space.
     std::filesystem::resize_file(file(), std::uintmax_t{1} << 40);
     EXPECT_FALSE(config().read());
     EXPECT_EQ(problems(), Lines{file() + ": cannot be read: it is larger than 1048576 bytes"});

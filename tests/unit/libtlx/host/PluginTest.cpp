@@ -50,7 +50,7 @@ TEST_F(PluginTest, ALibrarysFunctionIsResolvedAndCalled)
     int argument = 0;
     EXPECT_TRUE(resolver.function.call(&argument));
     EXPECT_EQ(tree.calls(), Lines{"good RegisterExplorers 1"});
-    // Named before it is entered: should it never come back, this is the last line.
+    // Logged before the call. If the library never returns, this is the last line.
     EXPECT_EQ(log.texts(1), (Lines{"Loading " + path, "Entering " + path + ": RegisterExplorers"}));
     log.clear();
     EXPECT_TRUE(load(path));
@@ -95,7 +95,7 @@ TEST_F(PluginTest, WhatAFunctionThrowsIsLoggedWithThePath)
               odd + ": RegisterExplorers failed: it threw something that is no exception");
 }
 
-TEST_F(PluginTest, WhatIsNoLibraryIsLoggedWithThePath)
+TEST_F(PluginTest, AFileThatIsNoLibraryIsLoggedWithThePath)
 {
     const std::string text = (tree.plugins() / "text.so").string();
     QmTest::writeFile(text, "no library at all, but long enough to look like one might be here\n");
@@ -211,7 +211,7 @@ TEST_F(PluginTest, WithoutADirectoryThereAreNoPlugins)
               Lines{"Unable to read " + (tree.plugins()).string() + ": Not a directory"});
 }
 
-// Objects of a context.
+// The objects of a context.
 
 struct Thing : EngineSingleton
 {

@@ -1,4 +1,4 @@
-// The ORB wrapper, on this machine's loopback.
+// The ORB wrapper, on the loopback.
 
 #include <tlx/Orb.h>
 
@@ -37,7 +37,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-/// Answers the operations that every object has.
+/// A servant with the operations that every object has.
 class PlainServant : public virtual PortableServer::ServantBase
 {
   public:
@@ -110,7 +110,7 @@ struct OrbTest : testing::Test
     }
 };
 
-TEST_F(OrbTest, TakesAFreePortAndTellsIt)
+TEST_F(OrbTest, TakesAFreePortAndReportsIt)
 {
     const Orb orb(false, "127.0.0.1:0", "S", false, 16);
     EXPECT_THAT(orb.getEndpoint(), StartsWith("127.0.0.1:"));
@@ -154,7 +154,7 @@ TEST_F(OrbTest, NeverPublishesTheAnyAddress)
     EXPECT_THAT(orb.getEndpoint(), testing::Not(StartsWith(":")));
 }
 
-TEST_F(OrbTest, SaysWhyAPortCannotBeHad)
+TEST_F(OrbTest, ReportsWhyAPortCannotBeUsed)
 {
     const SilentPeer other;
     const std::string endpoint = "127.0.0.1:" + std::to_string(other.port());
@@ -167,7 +167,7 @@ TEST_F(OrbTest, SaysWhyAPortCannotBeHad)
     }
 }
 
-TEST_F(OrbTest, SaysWhatAnEndpointShouldBe)
+TEST_F(OrbTest, AWrongEndpointIsReportedWithTheExpectedForm)
 {
     try {
         const Orb orb(false, "nonsense", "S", false, 16);
@@ -395,7 +395,8 @@ struct Flag : ACE_Event_Handler
         const std::lock_guard guard(mutex);
         fired = true;
         thread = std::this_thread::get_id();
-        changed.notify_all(); // under the mutex: whoever waits destroys this object next
+        changed
+            .notify_all(); // under the mutex, because the waiting thread destroys this object next
         return 0;
     }
     bool wait()

@@ -1,4 +1,4 @@
-// What can be asked: the fields of a description, and their merge.
+// The fields of a description, and their merge.
 
 #include <tlx/Query.h>
 
@@ -157,7 +157,7 @@ TEST(QueryMergeTest, WhatIsTooMuchIsLeftOutWithOneLine)
         ASSERT_TRUE(other.addField({"b" + std::to_string(i)}));
     }
     query.merge(other);
-    query.merge(other); // tells of it once
+    query.merge(other); // logs it once
     EXPECT_EQ(query.fields().size(), QUERY_MAX_FIELDS);
     EXPECT_NE(query.field("b55"), nullptr);
     EXPECT_EQ(query.field("b56"), nullptr);

@@ -128,7 +128,7 @@ TEST(QueryMistakeTest, ControlCharactersAreShownAsNumbers)
     EXPECT_EQ(mistake("fstype = \"\\ \""), expected + "a blank");
 }
 
-TEST(QueryMistakeTest, NumbersThatAreNoneAreRefused)
+TEST(QueryMistakeTest, MalformedNumbersAreRefused)
 {
     const std::string expected = "expected a number, as 10, 1.5G or 90% (a text that begins so "
                                  "stands in quotation marks), found ";

@@ -40,7 +40,7 @@ struct Comparison
 {
     std::string name;
     std::string op;
-    bool less, equal, greater; ///< the answers for an item that is so, seen from the literal
+    bool less, equal, greater; ///< the results for an item that is less than the literal, and so on
 };
 
 class QueryOperatorTest : public ::testing::TestWithParam<Comparison>
@@ -131,7 +131,7 @@ TEST(QueryTest, LikeComparesTextsWithAPattern)
     EXPECT_FALSE(matches("nowhere like *"));
     EXPECT_FALSE(matches("size like *"));
     EXPECT_FALSE(matches("readonly like *"));
-    EXPECT_FALSE(matches("mount = /home/*")); // patterns are for like
+    EXPECT_FALSE(matches("mount = /home/*")); // only like knows patterns
 }
 
 TEST(QueryTest, AFieldByItselfIsAFlagThatIsTrue)

@@ -80,7 +80,7 @@ TEST(QueryXmlTest, TextInPiecesComesOutWhole)
 {
     TlxQuery query = described(DISK);
     ASSERT_TRUE(query.setQuery("fstype = \"\xC3\xA9<\""));
-    QueryHolder holder; // brings the XML library up, which a source needs
+    QueryHolder holder; // it initialises the XML library for the source
     QmTest::PiecewiseSource source("<Holder>" + written(query) + "</Holder>", 1);
     ASSERT_TRUE(holder.parse(source));
     ASSERT_TRUE(holder.m_query);
@@ -236,7 +236,7 @@ TEST(QueryXmlTest, RepeatedValuesAreOneValue)
     EXPECT_EQ(log.texts(1), std::vector<std::string>{});
 }
 
-/// Notes what a description holds besides.
+/// Keeps the other elements of a description.
 class Extended : public TlxQuery
 {
   public:

@@ -11,7 +11,7 @@ using namespace Veltrane::Quillmark::Tlx;
 
 namespace {
 
-/// A document that hands its "STATUSMSG" elements on, as documents do.
+/// A document that contains "STATUSMSG" elements.
 class Holder : public XmlDocumentInterface
 {
   public:

@@ -39,7 +39,7 @@ TEST(XmlBoundsTest, TheBytesBeforeTheDocumentsElementAreBounded)
     expectRefused(repeated(XML_MAX_PROLOG_BYTES / 8 + BLOCK, "<!--c-->") + "<Doc/>", reason);
     EXPECT_EQ(domParse(model(XML_MAX_PROLOG_BYTES)), 0);
     EXPECT_EQ(domParse(model(XML_MAX_PROLOG_BYTES + BLOCK)), 1);
-    // What comes after its start tag is another matter.
+    // The bound ends at its start tag.
     EXPECT_TRUE(
         document.parseBuffer("<Doc>" + std::string(2 * XML_MAX_PROLOG_BYTES, 'x') + "</Doc>"));
 }
@@ -71,7 +71,7 @@ TEST(XmlBoundsTest, ManySmallThingsAndLongTextsAreNotGathered)
         EXPECT_TRUE(document.parseBuffer(
             "<Doc>" + repeated((XML_MAX_PIECE_BYTES + BLOCK) / text.size(), text) + "</Doc>"))
             << text;
-    // The longest way to write a character; of two units each.
+    // The longest notation of a character. Each has two units.
     const std::size_t characters = 2 * XML_MAX_PIECE_BYTES / 10;
     EXPECT_TRUE(document.parseBuffer("<Doc>" + repeated(characters, "&#1114109;") + "</Doc>"));
     EXPECT_TRUE(document.m_text == repeated(characters, "\xF4\x8F\xBF\xBD"));
@@ -90,11 +90,11 @@ TEST(XmlBoundsTest, TheNumberOfDifferentNamesOfElementsIsBounded)
     const std::string reason = "there are more than 100000 different names of elements";
     TextReader document;
     EXPECT_TRUE(document.parseBuffer(elements(100000)));
-    EXPECT_TRUE(document.parseBuffer(elements(100000))); // counted anew
+    EXPECT_TRUE(document.parseBuffer(elements(100000))); // each document has a count of its own
     expectRefused(elements(100001), reason);
     const auto declared = [](std::size_t count) {
         std::string text = "<!DOCTYPE Doc [<!ELEMENT e (e";
-        for (std::size_t i = 2; i < count - 1; ++i) // and Doc and z
+        for (std::size_t i = 2; i < count - 1; ++i) // beside Doc and z
             text += "|e" + std::to_string(i);
         return text + ")><!ELEMENT z ANY>]><Doc/>";
     };

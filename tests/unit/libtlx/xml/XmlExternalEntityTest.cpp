@@ -60,7 +60,7 @@ TEST_F(XmlExternalEntityTest, ADocumentTypeFromOutsideIsNotRead)
     XmlRecorder document;
     EXPECT_TRUE(document.parseBuffer(type + "<Doc>t</Doc>"));
     EXPECT_EQ(document.m_events, "<Doc>t</Doc>");
-    // So what it declares is not known; without a reading of it that is no error, and no text.
+    // The entities that it declares stay unknown. That is no error, and adds no text.
     XmlRecorder other;
     LogCapture log;
     other.parseBuffer(type + "<Doc>&e;</Doc>");

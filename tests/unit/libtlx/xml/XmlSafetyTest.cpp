@@ -92,7 +92,7 @@ TEST(XmlSafetyTest, DepthIsBounded)
               "Failed to parse the document Doc: line 1, column 773: elements are nested deeper "
               "than 256");
     EXPECT_EQ(domParse(nested(XML_MAX_DEPTH, "<b/>")), 1);
-    // Also inside what is skipped.
+    // The bound holds inside skipped elements too.
     EXPECT_NE(refusalOf("<unknown>" + nested(100000)), "");
     EXPECT_EQ(domParse(nested(100000)), 1);
 }
@@ -135,13 +135,13 @@ TEST(XmlSafetyTest, EntityExpansionIsBounded)
         EXPECT_THAT(refusalOf(bomb(use)), StartsWith("Failed to parse the document Doc: line 1, "));
         EXPECT_EQ(domParse(bomb(use)), 1) << use;
     }
-    // The bound is the document's, not the single entity's.
+    // The bound is for the whole document, not for one entity.
     std::string many = "<!DOCTYPE Doc [<!ENTITY e \"x\">]><Doc>";
     for (unsigned i = 0; i < XML_MAX_ENTITY_EXPANSIONS; ++i)
         many += "&e;";
     XmlRecorder document;
     EXPECT_TRUE(document.parseBuffer(many + "</Doc>"));
-    EXPECT_TRUE(document.parseBuffer(many + "</Doc>")); // counted anew
+    EXPECT_TRUE(document.parseBuffer(many + "</Doc>")); // each document has a count of its own
     EXPECT_NE(refusalOf(many + "&e;</Doc>"), "");
     EXPECT_EQ(domParse(many + "</Doc>"), 0);
     EXPECT_EQ(domParse(many + "&e;</Doc>"), 1);
@@ -203,7 +203,7 @@ TEST(XmlSafetyTest, ATreeHasABoundedNumberOfNodes)
         return text + "</Doc>";
     };
     EXPECT_EQ(domParse(elements(10000)), 0);
-    EXPECT_EQ(domParse(elements(10000)), 0); // counted anew
+    EXPECT_EQ(domParse(elements(10000)), 0); // each document has a count of its own
     EXPECT_EQ(domParse(elements(10001)), 1);
     std::string attributes = "<Doc";
     std::string entities = "<!DOCTYPE Doc [";
