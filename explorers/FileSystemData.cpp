@@ -28,14 +28,14 @@ bool FileSystemData::isParsed() const
 
 std::ostream& FileSystemData::writeXml(std::ostream& out, Tlx::XmlStr::Encoding encoding) const
 {
-    return Tlx::DiscoverySvc::writeFileSystem(out, fileSystem, encoding);
+    return writeFileSystem(out, fileSystem, encoding);
 }
 
 void FileSystemParser::xmlStartElement(XmlObjParseContext* context, const XMLCh* name,
                                        Tlx::AttributeList& attributes)
 {
     context->clearText();
-    if (!Tlx::DiscoverySvc::isFileSystemElement(name))
+    if (!isFileSystemElement(name))
         XmlInterface::xmlStartElement(context, name, attributes); // skipped whole
 }
 
@@ -46,7 +46,7 @@ int FileSystemParser::xmlEndElement(XmlObjParseContext* context, const XMLCh* na
     auto* ctxt = dynamic_cast<FileSystemContext*>(context);
     if (!ctxt)
         return Tlx::XML_INSIDE;
-    Tlx::DiscoverySvc::takeFileSystemElement(ctxt->data->fileSystem, name, ctxt->text());
+    takeFileSystemElement(ctxt->data->fileSystem, name, ctxt->text());
     ctxt->clearText();
     return Tlx::XML_INSIDE;
 }
@@ -70,7 +70,7 @@ Tlx::DiscoverySvc::ExplorerData* FileSystemParser::getExplorerData(XmlObjParseCo
 
 const char* FileSystemParser::getExplorerParserName() const
 {
-    return Tlx::DiscoverySvc::FILE_SYSTEMS_EXPLORER;
+    return FILE_SYSTEMS_EXPLORER;
 }
 
 } // namespace Veltrane::Quillmark::Explorers

@@ -35,7 +35,7 @@ std::ostream& writeFilterDocument(std::ostream& out)
 {
     constexpr XmlStr::Encoding ENCODING = XmlStr::XE_UTF8;
     const Tlx::AutoDereference<Tlx::TlxQuery> query(new Tlx::TlxQuery(0));
-    Tlx::DiscoverySvc::FileSystemSource::describe(*query);
+    FileSystemSource::describe(*query);
     XmlStr::xmlProlog(out, ENCODING);
     XmlStr::appendStart(out, TAG_FILTERS);
     query->writeXml(out, ENCODING);

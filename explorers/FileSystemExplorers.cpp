@@ -20,21 +20,22 @@ constexpr unsigned LOG_ORIGINATOR = 400; // the service's
 constexpr const char* MOUNT_TABLE = "/proc/self/mountinfo";
 constexpr const char* LEFT_OUT = "pseudo";
 
-void logFailure(const char* operation, const std::string& text)
+/// Under the current operation.
+void logFailure(const std::string& text)
 {
     TLX_LOG(Tlx::LoggerFactory::instance().getLogger(LOG_ORIGINATOR), Tlx::LOG_LEVEL_FAILURE,
-            operation, LOG_SOURCE, text);
+            Tlx::LogScope::current(), LOG_SOURCE, text);
 }
 
 /// What is mounted now. False, and logged, when the mount table cannot be read.
-bool readFileSystems(const char* operation, std::vector<FileSystem>& fileSystems)
+bool readFileSystems(std::vector<FileSystem>& fileSystems)
 {
     std::string excluded = LEFT_OUT;
     Tlx::HostConfig::instance().getString(Tlx::ConfigKey::FILESYSTEM_EXCLUDE, excluded);
     std::string error;
     if (readMountTable(MOUNT_TABLE, Exclusion(excluded), fileSystems, error))
         return true;
-    logFailure(operation, error);
+    logFailure(error);
     return false;
 }
 
@@ -59,17 +60,17 @@ bool store(DiscoveryRepository& repository, DiscoveryQuery query, const Authorit
 }
 
 /// The query of filter parameters. False, and logged in one line, when there is none in them.
-bool readFilter(const char* operation, const char* text, Tlx::TlxQuery& filter)
+bool readFilter(const char* text, Tlx::TlxQuery& filter)
 {
     const FilterParameters parameters(text);
     // Parameters without a query are never written.
     if (parameters.queryString().empty()) {
-        logFailure(operation, "The filter is no document of filter parameters with a query");
+        logFailure("The filter is no document of filter parameters with a query");
         return false;
     }
     if (parameters.setQuery(filter))
         return true;
-    logFailure(operation, "The filter cannot be read: " + filter.mistake().toText());
+    logFailure("The filter cannot be read: " + filter.mistake().toText());
     return false;
 }
 
@@ -90,10 +91,11 @@ bool FileSystemPush::pushCollection(const Authority& authority, const Subject& s
                                     Tlx::AutoDereference<Tlx::TLXRefCounted>&,
                                     DiscoveryFactory* factory, DiscoveryResult& result)
 {
+    const Tlx::LogScope scope("FileSystemPush::pushCollection");
     result = {DS_OPEN_FAILED, 0};
     auto* repository = dynamic_cast<DiscoveryRepository*>(factory);
     std::vector<FileSystem> fileSystems;
-    if (!repository || !readFileSystems("FileSystemPush::pushCollection", fileSystems))
+    if (!repository || !readFileSystems(fileSystems))
         return false;
     std::ostringstream document;
     writeDocument(document, *this, fileSystems);
@@ -130,11 +132,10 @@ bool FileSystemPull::collectionRequested(DiscoveryQuery, const Authority& author
                                          Tlx::AutoDereference<Tlx::TLXRefCounted>&,
                                          const char* text, CollectionData* data)
 {
-    constexpr const char* OPERATION = "FileSystemPull::collectionRequested";
+    const Tlx::LogScope scope("FileSystemPull::collectionRequested");
     const Tlx::AutoDereference<Tlx::TlxQuery> filter(new Tlx::TlxQuery(0));
     std::vector<FileSystem> fileSystems;
-    if ((*text && !readFilter(OPERATION, text, *filter)) ||
-        !readFileSystems(OPERATION, fileSystems))
+    if ((*text && !readFilter(text, *filter)) || !readFileSystems(fileSystems))
         return false;
     const std::string host = authority.getName().utf8();
     std::erase_if(fileSystems, [&](const FileSystem& fileSystem) {

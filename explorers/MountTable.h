@@ -8,8 +8,6 @@
 
 namespace Veltrane::Quillmark::Explorers {
 
-using Tlx::DiscoverySvc::FileSystem;
-
 /// Which file systems are left out.
 class Exclusion
 {

@@ -23,7 +23,7 @@ void RegisterExplorers(DiscoveryRepository* repository)
     repository->registerExplorer(&stored, push.get(), PRIORITY_OF_OURS, nullptr);
 
     // All hosts tell it under the same subject: that is where readers look for it.
-    const Subject filters(FILE_SYSTEM_FILTERS_SUBJECT);
+    const Subject filters(Explorers::FILE_SYSTEM_FILTERS_SUBJECT);
     const AutoDereference<ExplorerPush> filtersPush(new Explorers::FileSystemFiltersPush);
     repository->registerExplorer(&filters, filtersPush.get(), PRIORITY_OF_OURS, nullptr);
 

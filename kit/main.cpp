@@ -9,6 +9,7 @@
 
 #include <DiscDB.h>
 #include <tlx/Assert.h>
+#include <tlx/File.h>
 #include <tlx/HostConfig.h>
 #include <tlx/Plugin.h>
 
@@ -27,9 +28,9 @@ constexpr const char* USAGE =
     "Loads libraries of explorers and puts every explorer that they register through the battery\n"
     "that every explorer has to pass, on a store of its own. Exit code 0: all of it held.\n";
 
-int check(int count, char** libraries, const std::filesystem::path& root)
+int check(int count, char** libraries, const Tlx::TlxPathname& root)
 {
-    Tlx::HostConfig::instance().setRoot(root.string());
+    Tlx::HostConfig::instance().setRoot(root);
     Tlx::HostConfig::instance().readText("SERVER = localhost\nCLIENT_NAME = checked\n", "qm.conf");
     Tlx::setKitVersion({"QmExplorerKitVersion", QM_EXPLORER_KIT_VERSION});
     Tlx::DiscoverySvc::getDiscoveryDBDatabase()->init("");
@@ -55,14 +56,11 @@ int main(int argc, char** argv)
                    stderr);
         return EXIT_CANNOT_RUN;
     }
-    std::string root = (std::filesystem::temp_directory_path() / "qmcheck.XXXXXX").string();
-    if (!::mkdtemp(root.data())) {
-        std::fprintf(stderr, "qm-explorer-check: cannot make %s: %s\n", root.c_str(),
-                     std::strerror(errno));
+    const auto root = Tlx::TemporaryDirectory::make("qmcheck.");
+    if (!root) {
+        std::fprintf(stderr, "qm-explorer-check: cannot make a temporary directory: %s\n",
+                     root.error().message().c_str());
         return EXIT_FAILED;
     }
-    const int code = check(argc - 1, argv + 1, root);
-    std::error_code error;
-    std::filesystem::remove_all(root, error);
-    return code;
+    return check(argc - 1, argv + 1, root->path());
 }

@@ -77,20 +77,20 @@ ExitCode Daemon::host()
 
     HostConfig& config = HostConfig::instance();
     config.read();
-    if (const auto failure = prepareDirectories(m_root))
-        return fail(*failure);
+    if (const auto prepared = prepareDirectories(m_root); !prepared)
+        return fail(prepared.error());
     // Before the log is opened: a second daemon must not write into, or rotate, the first one's.
-    Failure notTaken;
-    m_pidFile = PidFile::take(m_root, notTaken);
-    if (!m_pidFile)
-        return fail(notTaken);
-    if (const auto failure = startLogging())
-        return fail(*failure);
+    auto pidFile = PidFile::take(m_root);
+    if (!pidFile)
+        return fail(pidFile.error());
+    m_pidFile = std::move(*pidFile);
+    if (const auto started = startLogging(); !started)
+        return fail(started.error());
     if (!m_pidFile->writeError().empty())
         log(LOG_LEVEL_FAILURE, m_pidFile->writeError());
     logConfigProblems(ConfigRead::First);
-    if (const auto failure = checkPrivilege(storeDirectory(m_root)))
-        return fail(*failure);
+    if (const auto allowed = checkPrivilege(storeDirectory(m_root)); !allowed)
+        return fail(allowed.error());
 
     m_status.version = version();
     m_status.pid = ::getpid();
@@ -117,10 +117,10 @@ ExitCode Daemon::live()
 {
     ExitCode code = EC_OK;
     try {
-        bool wanted = true;
-        if (const auto failure = bringUp(wanted))
-            code = fail(*failure);
-        else if (wanted)
+        const auto wanted = bringUp();
+        if (!wanted)
+            code = fail(wanted.error());
+        else if (*wanted)
             code = serve();
     } catch (const std::exception& e) {
         code = fail(unexpected(e)); // the service still goes before ACE does
@@ -130,7 +130,7 @@ ExitCode Daemon::live()
     return code;
 }
 
-std::optional<Failure> Daemon::startLogging()
+Result<> Daemon::startLogging()
 {
     const HostConfig& config = HostConfig::instance();
     Tlx::LogSettings settings;
@@ -141,50 +141,58 @@ std::optional<Failure> Daemon::startLogging()
     settings.level = wantedLogLevel();
     std::string error;
     if (!Tlx::LoggerFactory::instance().configure(settings, error))
-        return Failure{EC_ROOT_UNUSABLE, error};
+        return tl::unexpected(Failure{EC_ROOT_UNUSABLE, error});
     m_logging = true;
     return {};
 }
 
-std::optional<Failure> Daemon::bringUp(bool& wanted)
+Result<bool> Daemon::bringUp()
 {
-    if (auto failure = step("construction", [this] {
-            m_service = m_hosted.makeService(m_options.foreground);
-            m_service->setStopHandler(&StopWatch::serviceAsksToStop);
-        }))
-        return failure;
-    if (auto failure = step("doShouldStart", [&] { wanted = m_service->doShouldStart(); }))
-        return failure;
+    const auto constructed = step("construction", [this] {
+        m_service = m_hosted.makeService(m_options.foreground);
+        m_service->setStopHandler(&StopWatch::serviceAsksToStop);
+    });
+    if (!constructed)
+        return tl::unexpected(constructed.error());
+    bool wanted = true;
+    if (const auto asked = step("doShouldStart", [&] { wanted = m_service->doShouldStart(); });
+        !asked)
+        return tl::unexpected(asked.error());
     if (!wanted) {
         const std::string text = m_service->getDisplayName() + " is not wanted on this host";
         log(LOG_LEVEL_FAILURE, text);
         tellPerson(text);
         // A service manager takes an end without this for a failed start.
         m_manager.ready(text);
-        return {};
+        return false;
     }
-    if (auto failure = step("doPreInit", [this] { m_service->doPreInit(); }))
-        return failure;
-    if (auto failure = step("doInit", [this] { m_service->doInit(); }))
-        return failure;
-    int answer = -1;
-    auto failure = step("doRun", [&] { answer = m_service->doRun(); });
-    if (!failure && answer != 0)
-        failure = Failure{EC_SERVICE_FAILED, m_service->getDisplayName() +
-                                                 " did not come up: doRun answered " +
-                                                 std::to_string(answer)};
-    if (!failure)
-        failure = step("serveRequests", [this] {
-            if (Tlx::Orb* const orb = m_service->getOrb()) {
-                m_status.endpoint = orb->getEndpoint();
-                orb->serveRequests();
-            }
-        });
-    if (failure) {
+    if (const auto done = step("doPreInit", [this] { m_service->doPreInit(); }); !done)
+        return tl::unexpected(done.error());
+    if (const auto done = step("doInit", [this] { m_service->doInit(); }); !done)
+        return tl::unexpected(done.error());
+    if (const auto running = startServing(); !running) {
         m_watch->askToStop("the host"); // what had come up has to go in time
         attempt("doStop", [this] { m_service->doStop(); });
+        return tl::unexpected(running.error());
     }
-    return failure;
+    return true;
+}
+
+Result<> Daemon::startServing()
+{
+    int answer = -1;
+    if (auto ran = step("doRun", [&] { answer = m_service->doRun(); }); !ran)
+        return ran;
+    if (answer != 0)
+        return tl::unexpected(Failure{EC_SERVICE_FAILED, m_service->getDisplayName() +
+                                                             " did not come up: doRun answered " +
+                                                             std::to_string(answer)});
+    return step("serveRequests", [this] {
+        if (Tlx::Orb* const orb = m_service->getOrb()) {
+            m_status.endpoint = orb->getEndpoint();
+            orb->serveRequests();
+        }
+    });
 }
 
 ExitCode Daemon::serve()
@@ -222,8 +230,8 @@ ExitCode Daemon::serve()
     ExitCode code = EC_OK;
     for (const auto& [name, hook] : {std::pair{"doStop", &Tlx::OrbService::doStop},
                                      std::pair{"doExit", &Tlx::OrbService::doExit}})
-        if (const auto failure = step(name, [&] { ((*m_service).*hook)(); }))
-            code = fail({EC_UNEXPECTED, failure->text}); // and on: the rest is to go in order
+        if (const auto done = step(name, [&] { ((*m_service).*hook)(); }); !done)
+            code = fail({EC_UNEXPECTED, done.error().text}); // and on: the rest is to go in order
     return code;
 }
 
@@ -254,17 +262,17 @@ void Daemon::findRole()
     m_status.role = HostConfig::instance().isMaster() ? "master" : "client";
 }
 
-std::optional<Failure> Daemon::step(const char* name, const std::function<void()>& work)
+Result<> Daemon::step(const char* name, const std::function<void()>& work)
 {
     m_watch->setStep(name);
     const auto failure = [name](ExitCode code, const std::string& text) {
-        return Failure{code, std::string(name) + " failed: " + text};
+        return tl::unexpected(Failure{code, std::string(name) + " failed: " + text});
     };
     try {
         work();
         return {};
     } catch (const Tlx::OrbError& e) {
-        return Failure{EC_CANNOT_LISTEN, e.what()};
+        return tl::unexpected(Failure{EC_CANNOT_LISTEN, e.what()});
     } catch (const CORBA::Exception& e) {
         return failure(EC_SERVICE_FAILED, std::string("CORBA exception ") + e._name());
     } catch (const std::exception& e) {
@@ -274,8 +282,8 @@ std::optional<Failure> Daemon::step(const char* name, const std::function<void()
 
 void Daemon::attempt(const char* name, const std::function<void()>& work, Where where)
 {
-    if (const auto failure = step(name, work))
-        log(LOG_LEVEL_FAILURE, failure->text, where);
+    if (const auto done = step(name, work); !done)
+        log(LOG_LEVEL_FAILURE, done.error().text, where);
 }
 
 void Daemon::tellPerson(const std::string& text) const
@@ -346,13 +354,12 @@ void Daemon::writeStatus(const char* state)
     m_status.state = state;
     m_status.logLevel = Tlx::LoggerFactory::instance().level();
     m_status.assertions = Tlx::assertionCount();
-    std::string error;
-    const bool written = m_statusFile.write(m_status, error);
+    const auto written = m_statusFile.write(m_status);
     if (!written && !m_statusFailed) // a full disk stays full for a while: one line
-        log(LOG_LEVEL_FAILURE, error);
+        log(LOG_LEVEL_FAILURE, written.error().text);
     if (written && m_statusFailed)
         log(LOG_LEVEL_FAILURE, "The status is written again");
-    m_statusFailed = !written;
+    m_statusFailed = !written.has_value();
 }
 
 std::string Daemon::upText() const

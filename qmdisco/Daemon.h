@@ -5,7 +5,6 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <source_location>
 #include <string>
 
@@ -67,15 +66,17 @@ class Daemon
 
     ExitCode host();
     ExitCode live();
-    std::optional<Failure> startLogging();
-    std::optional<Failure> bringUp(bool& wanted);
+    [[nodiscard]] Result<> startLogging();
+    /// Answers whether the service is wanted on this host, and then it serves requests.
+    [[nodiscard]] Result<bool> bringUp();
+    [[nodiscard]] Result<> startServing();
     ExitCode serve();
     void sayStopped();
     void reload();
     void findRole();
 
     /// Does one step under its name; what it throws becomes a failure.
-    std::optional<Failure> step(const char* name, const std::function<void()>& work);
+    [[nodiscard]] Result<> step(const char* name, const std::function<void()>& work);
     /// The same for a step whose failure is logged and changes nothing.
     void attempt(const char* name, const std::function<void()>& work,
                  Where where = Where::current());

@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include <tl/expected.hpp>
+
 namespace Veltrane::Quillmark::Qmdisco {
 
 enum ExitCode : int
@@ -28,5 +30,9 @@ struct Failure
     ExitCode code = EC_UNEXPECTED;
     std::string text; ///< one line for a person: what, where, why
 };
+
+/// What a step of the daemon answers: its value, or why the daemon cannot go on.
+template <class T = void>
+using Result = tl::expected<T, Failure>;
 
 } // namespace Veltrane::Quillmark::Qmdisco

@@ -36,10 +36,9 @@ const char* version()
     return QM_VERSION;
 }
 
-ParsedOptions parseOptions(int argc, const char* const* argv)
+Result<Options> parseOptions(int argc, const char* const* argv)
 {
-    ParsedOptions parsed;
-    Options& options = parsed.options;
+    Options options;
     int logLevel = 0;
 
     CLI::App app("Runs the discovery service of this host.", "qmdisco");
@@ -67,19 +66,16 @@ ParsedOptions parseOptions(int argc, const char* const* argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
-        parsed.end = EC_OK;
-        parsed.text = app.help();
+        return tl::unexpected(Failure{EC_OK, app.help()});
     } catch (const CLI::CallForVersion& wanted) {
-        parsed.end = EC_OK;
-        parsed.text = std::string(wanted.what()) + "\n";
+        return tl::unexpected(Failure{EC_OK, std::string(wanted.what()) + "\n"});
     } catch (const CLI::ParseError& error) {
-        parsed.end = EC_USAGE;
-        parsed.text =
-            "qmdisco: " + oneLine(error.what()) + " (\"qmdisco --help\" shows the options)\n";
+        return tl::unexpected(Failure{EC_USAGE, "qmdisco: " + oneLine(error.what()) +
+                                                    " (\"qmdisco --help\" shows the options)\n"});
     }
-    if (!parsed.end && level->count() > 0)
+    if (level->count() > 0)
         options.logLevel = logLevel;
-    return parsed;
+    return options;
 }
 
 } // namespace Veltrane::Quillmark::Qmdisco

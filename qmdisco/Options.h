@@ -16,17 +16,10 @@ struct Options
     std::optional<int> logLevel;
 };
 
-/// What a command line came to.
-struct ParsedOptions
-{
-    Options options;
-    /// Set when nothing is to be run: --help, --version, or a wrong option.
-    std::optional<ExitCode> end;
-    /// What to tell the person then: on standard output when end is EC_OK, else on standard error.
-    std::string text;
-};
-
-ParsedOptions parseOptions(int argc, const char* const* argv);
+/// The options of a command line. When nothing is to be run (--help, --version, a wrong option) it
+/// is the exit code and the text for the person: on standard output with EC_OK, else on standard
+/// error.
+[[nodiscard]] Result<Options> parseOptions(int argc, const char* const* argv);
 
 /// The version of this program, "1.2.3".
 const char* version();

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -12,13 +11,16 @@
 namespace Veltrane::Quillmark::Qmdisco {
 
 using Tlx::FileLock;
+using Tlx::LockFailure;
+using Tlx::LockLevel;
+using Tlx::LockWait;
 using Tlx::TlxPathname;
 
 namespace {
 
-/// The process that has the lock: asked of the kernel, for the file may still hold the pid of a
-/// daemon that was killed; the file's content is the answer for a holder that the kernel does not
-/// name (one in another pid namespace). 0 when neither knows.
+/// The process that has the lock, 0 when nobody knows it. The kernel is asked first: the file may
+/// still hold the pid of a daemon that was killed. The kernel does not name a holder in another pid
+/// namespace; the file's content does.
 long holderOf(int fd)
 {
     struct flock asked = {};
@@ -34,41 +36,38 @@ long holderOf(int fd)
     return pid > 0 ? pid : 0;
 }
 
-Failure cannot(const char* what, const TlxPathname& path, int error)
+Failure cannot(const char* what, const TlxPathname& path, const std::error_code& error)
 {
     return {EC_ROOT_UNUSABLE,
-            std::string("cannot ") + what + " " + path.text() + ": " + std::strerror(error)};
+            std::string("cannot ") + what + " " + path.text() + ": " + error.message()};
+}
+
+Failure notTaken(const TlxPathname& root, const TlxPathname& path, const LockFailure& why)
+{
+    switch (why.step) {
+    case LockFailure::OPENING:
+        return cannot("open", path, why.error);
+    case LockFailure::REPLACED:
+        return {EC_ROOT_UNUSABLE, "cannot lock " + path.text() + ": it is removed again and again"};
+    case LockFailure::LOCKING:
+        break;
+    }
+    if (why.error != std::errc::device_or_resource_busy)
+        return cannot("lock", path, why.error);
+    const long holder = holderOf(why.file->get_handle());
+    return {EC_ALREADY_RUNNING, "another qmdisco is running on " + root.text() +
+                                    (holder ? " (pid " + std::to_string(holder) + ")" : "")};
 }
 
 } // namespace
 
-std::unique_ptr<PidFile> PidFile::take(const TlxPathname& root, Failure& failure)
+Result<std::unique_ptr<PidFile>> PidFile::take(const TlxPathname& root)
 {
     const TlxPathname path = runDirectory(root).withFileName("qmdisco.pid");
-    // Somebody may remove the file by hand between our opening and locking it; a few tries settle
-    // it.
-    for (int attempt = 0; attempt < 10; ++attempt) {
-        auto lock = FileLock::open(path.text(), O_RDWR | O_CREAT, 0644);
-        if (!lock) {
-            failure = cannot("open", path, errno);
-            return nullptr;
-        }
-        if (lock->tryacquire_write() != 0) {
-            if (errno != EBUSY) {
-                failure = cannot("lock", path, errno);
-                return nullptr;
-            }
-            const long holder = holderOf(lock->get_handle());
-            failure = {EC_ALREADY_RUNNING,
-                       "another qmdisco is running on " + root.text() +
-                           (holder ? " (pid " + std::to_string(holder) + ")" : "")};
-            return nullptr;
-        }
-        if (lock->isStillAt(path.text()))
-            return std::unique_ptr<PidFile>(new PidFile(std::move(lock), path));
-    }
-    failure = {EC_ROOT_UNUSABLE, "cannot lock " + path.text() + ": it is removed again and again"};
-    return nullptr;
+    auto file = Tlx::openLocked(path, O_RDWR | O_CREAT, 0644, LockLevel::Write, LockWait::TRY);
+    if (!file)
+        return tl::unexpected(notTaken(root, path, file.error()));
+    return std::unique_ptr<PidFile>(new PidFile(std::move(file->lock), path));
 }
 
 PidFile::PidFile(std::unique_ptr<FileLock> lock, const TlxPathname& path) : m_lock(std::move(lock))
@@ -78,13 +77,12 @@ PidFile::PidFile(std::unique_ptr<FileLock> lock, const TlxPathname& path) : m_lo
     const bool emptied = ::ftruncate(fd, 0) == 0;
     const ssize_t written = emptied ? ::pwrite(fd, text.data(), text.size(), 0) : -1;
     if (written != static_cast<ssize_t>(text.size()))
-        m_writeError = cannot("write", path, written < 0 ? errno : ENOSPC).text;
+        m_writeError = cannot("write", path, Tlx::systemError(written < 0 ? errno : ENOSPC)).text;
 }
 
 PidFile::~PidFile()
 {
-    // A failure leaves the pid of a process that is gone; the lock, which counts, goes all the
-    // same.
+    // After a failure the file names a process that is gone. The lock, which counts, goes anyway.
     [[maybe_unused]] const int ignored = ::ftruncate(m_lock->get_handle(), 0);
 }
 

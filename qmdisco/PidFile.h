@@ -11,21 +11,19 @@
 
 namespace Veltrane::Quillmark::Qmdisco {
 
-/// Holds the root for this process. What counts is the write lock on the file, not its content: the
-/// kernel takes the lock away with the process, however that ends, so a killed daemon is in
-/// nobody's way. It is a record lock (through the one table of them) and not flock(2), because it
-/// must not pass to a child: a program that an explorer started and that outlives the daemon would
-/// keep the root locked.
+/// Holds the root for this process. The write lock on the file counts, not its content: the kernel
+/// removes the lock when the process ends, so a killed daemon blocks nobody. It is a record lock
+/// (tlx/FileLock.h) and not flock(2), which a child would inherit: a program that an explorer
+/// started and that outlives the daemon would keep the root locked.
 ///
-/// The file is emptied when it is given up, never removed: a remover and a newcomer that has just
-/// opened the old file could otherwise both hold "the" lock.
+/// The file is emptied when it is given up, never removed. Otherwise a remover and a newcomer that
+/// has just opened the old file could both hold "the" lock.
 class PidFile
 {
   public:
-    /// Takes run/qmdisco.pid under root for this process and writes its pid there. Null, with
-    /// failure filled, when another daemon holds it or the file cannot be opened. After the last
-    /// fork.
-    static std::unique_ptr<PidFile> take(const Tlx::TlxPathname& root, Failure& failure);
+    /// Takes run/qmdisco.pid under root for this process and writes its pid there. Fails when
+    /// another daemon holds it or the file cannot be opened. Call it after the last fork.
+    [[nodiscard]] static Result<std::unique_ptr<PidFile>> take(const Tlx::TlxPathname& root);
 
     /// Empties the file and gives it up.
     ~PidFile();

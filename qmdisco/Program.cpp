@@ -2,6 +2,7 @@
 #include <exception>
 #include <iostream>
 
+#include <tlx/File.h>
 #include <tlx/HostConfig.h>
 
 #include "ConfigReport.h"
@@ -13,21 +14,25 @@ namespace Veltrane::Quillmark::Qmdisco {
 int runProgram(int argc, char** argv, const Hosted& hosted)
 {
     try {
-        ensureStandardDescriptors();
-        const ParsedOptions parsed = parseOptions(argc, argv);
-        if (parsed.end) {
-            std::fputs(parsed.text.c_str(), *parsed.end == EC_OK ? stdout : stderr);
-            return *parsed.end;
+        Tlx::fillStandardDescriptors(Tlx::MissingStream::DISCARDS);
+        const auto parsed = parseOptions(argc, argv);
+        if (!parsed) {
+            std::fputs(parsed.error().text.c_str(), parsed.error().code == EC_OK ? stdout : stderr);
+            return parsed.error().code;
         }
-        const Options& options = parsed.options;
+        const Options& options = *parsed;
         Tlx::HostConfig& config = Tlx::HostConfig::instance();
         config.setRoot(absolutePath(options.root.empty() ? config.root() : options.root));
         if (options.checkConfig)
             return checkConfig(std::cout);
-        StartReport report;
+        Result<StartReport> report;
         if (!options.foreground)
             report = StartReport::detach();
-        return Daemon(options, hosted, std::move(report)).run();
+        if (!report) {
+            std::fprintf(stderr, "qmdisco: %s\n", report.error().text.c_str());
+            return report.error().code;
+        }
+        return Daemon(options, hosted, std::move(*report)).run();
     } catch (const std::exception& e) {
         std::fprintf(stderr, "qmdisco: unexpected failure: %s\n", e.what());
         return EC_UNEXPECTED;

@@ -2,11 +2,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 
 #include <fcntl.h>
 #include <unistd.h>
+
+#include <tlx/File.h>
 
 namespace Veltrane::Quillmark::Qmdisco {
 
@@ -14,10 +15,12 @@ using Tlx::TlxPathname;
 
 namespace {
 
-Failure unusable(const std::string& what, const TlxPathname& path, int error)
+tl::unexpected<Failure> unusable(const std::string& what, const TlxPathname& path,
+                                 const std::error_code& error)
 {
-    return {EC_ROOT_UNUSABLE, "cannot " + what + " " + path.text() + ": " + std::strerror(error) +
-                                  "; a root that qmdisco can write is expected (--root DIR)"};
+    return tl::unexpected(
+        Failure{EC_ROOT_UNUSABLE, "cannot " + what + " " + path.text() + ": " + error.message() +
+                                      "; a root that qmdisco can write is expected (--root DIR)"});
 }
 
 } // namespace
@@ -47,36 +50,34 @@ TlxPathname storeDirectory(const TlxPathname& root)
     return root.withFileName("db").withFileName("discovery");
 }
 
-std::optional<Failure> prepareDirectories(const TlxPathname& root)
+Result<> prepareDirectories(const TlxPathname& root)
 {
     for (const TlxPathname& path : {runDirectory(root), logDirectory(root), storeDirectory(root)}) {
         if (const int error = path.createDirectories(0755))
-            return unusable("make the directory", path, error);
+            return unusable("make the directory", path, Tlx::systemError(error));
         std::error_code error;
         if (!std::filesystem::is_directory(path.text(), error))
-            return unusable("use", path, error ? error.value() : ENOTDIR);
+            return unusable("use", path, error ? error : Tlx::systemError(ENOTDIR));
     }
     return {};
 }
 
-std::optional<Failure> checkPrivilege(const TlxPathname& storeDirectory)
+Result<> checkPrivilege(const TlxPathname& storeDirectory)
 {
     const TlxPathname path = storeDirectory.withFileName(".privilege");
     ::unlink(path.c_str()); // left behind by a daemon that was killed right here
-    const int made = ::open(path.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0);
-    if (made < 0)
-        return unusable("make the file", path, errno);
-    ::close(made);
-    const int reopened = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
-    const int error = errno;
-    if (reopened >= 0)
-        ::close(reopened);
+    auto made = Tlx::openFile(path, O_CREAT | O_EXCL | O_RDWR, 0);
+    if (!made)
+        return unusable("make the file", path, made.error());
+    made->reset();
+    const auto reopened = Tlx::openFile(path, O_RDWR);
     ::unlink(path.c_str());
-    if (reopened >= 0)
+    if (reopened)
         return {};
-    return Failure{EC_NO_PRIVILEGE, "cannot reopen a file with permissions 0 in " +
-                                        storeDirectory.text() + ": " + std::strerror(error) +
-                                        "; run qmdisco as root or with CAP_DAC_OVERRIDE"};
+    return tl::unexpected(
+        Failure{EC_NO_PRIVILEGE, "cannot reopen a file with permissions 0 in " +
+                                     storeDirectory.text() + ": " + reopened.error().message() +
+                                     "; run qmdisco as root or with CAP_DAC_OVERRIDE"});
 }
 
 } // namespace Veltrane::Quillmark::Qmdisco

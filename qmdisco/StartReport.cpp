@@ -2,7 +2,7 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <system_error>
+#include <string>
 #include <utility>
 
 #include <fcntl.h>
@@ -10,15 +10,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "ExitCode.h"
-
 namespace Veltrane::Quillmark::Qmdisco {
+
+using Tlx::FileDescriptor;
 
 namespace {
 
-[[noreturn]] void fail(const char* what)
+tl::unexpected<Failure> cannot(const char* what)
 {
-    throw std::system_error(errno, std::generic_category(), what);
+    const std::string why = Tlx::systemError(errno).message();
+    return tl::unexpected(
+        Failure{EC_UNEXPECTED, std::string("unexpected failure: ") + what + ": " + why});
 }
 
 /// The part of the process that was started: never returns.
@@ -39,79 +41,54 @@ namespace {
 
 void toNull(int from, int to)
 {
-    const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-    if (fd < 0)
-        return;
-    for (int target = from; target <= to; ++target)
-        ::dup2(fd, target);
-    ::close(fd);
+    const auto null = Tlx::openFile("/dev/null", O_RDWR);
+    for (int target = from; null && target <= to; ++target)
+        ::dup2(null->get(), target);
 }
 
 } // namespace
 
-void ensureStandardDescriptors()
-{
-    int fd = 0;
-    while ((fd = ::open("/dev/null", O_RDWR)) >= 0 && fd <= STDERR_FILENO) {
-    }
-    if (fd >= 0)
-        ::close(fd);
-}
-
-StartReport StartReport::detach()
+Result<StartReport> StartReport::detach()
 {
     std::fflush(nullptr); // buffered output would be written by both
     ::close_range(STDERR_FILENO + 1, ~0u, 0);
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC) != 0)
-        fail("pipe");
+        return cannot("pipe");
+    FileDescriptor reading(ends[0]);
+    FileDescriptor writing(ends[1]);
     const pid_t child = ::fork();
     if (child < 0)
-        fail("fork");
+        return cannot("fork");
     if (child > 0) {
-        ::close(ends[1]);
-        waitForDaemon(ends[0], child);
+        writing.reset();
+        waitForDaemon(reading.get(), child);
     }
-    ::close(ends[0]);
+    reading.reset();
     if (::setsid() < 0)
-        fail("setsid");
+        return cannot("setsid");
     // The leader of a session could get a controlling terminal by opening one; its child cannot.
     const pid_t daemon = ::fork();
     if (daemon < 0)
-        fail("fork");
+        return cannot("fork");
     if (daemon > 0)
         ::_exit(EC_OK);
     if (::chdir("/") != 0)
-        fail("chdir");
+        return cannot("chdir");
     toNull(STDIN_FILENO, STDOUT_FILENO);
-    return StartReport(ends[1]);
-}
-
-StartReport::StartReport(StartReport&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
-
-StartReport& StartReport::operator=(StartReport&& other) noexcept
-{
-    std::swap(m_fd, other.m_fd);
-    return *this;
-}
-
-StartReport::~StartReport()
-{
-    if (m_fd >= 0)
-        ::close(m_fd);
+    return StartReport(std::move(writing));
 }
 
 void StartReport::tell(int exitCode)
 {
-    const int fd = std::exchange(m_fd, -1);
-    if (fd < 0)
+    const FileDescriptor listener = std::move(m_listener);
+    if (!listener.isOpen())
         return;
     if (exitCode == EC_OK)
         toNull(STDERR_FILENO, STDERR_FILENO);
     const auto code = static_cast<unsigned char>(exitCode);
-    // Fails when whoever started the daemon is gone; then nobody wants to know.
-    [[maybe_unused]] const ssize_t ignored = ::write(fd, &code, 1);
-    ::close(fd);
+    // Fails when the process that started the daemon is gone. Then nobody wants to know.
+    [[maybe_unused]] const ssize_t ignored = ::write(listener.get(), &code, 1);
 }
 
 } // namespace Veltrane::Quillmark::Qmdisco

@@ -1,10 +1,16 @@
 #pragma once
-// How the daemon leaves the terminal, and tells whoever started it how the start went.
+// How the daemon leaves the terminal, and reports the outcome of its start.
+
+#include <utility>
+
+#include <tlx/File.h>
+
+#include "ExitCode.h"
 
 namespace Veltrane::Quillmark::Qmdisco {
 
-/// In the foreground there is nobody to tell. Detached, the process that was started waits for the
-/// daemon's word and ends with the exit code it was told, so that a script sees a failed start. The
+/// In the foreground nobody waits for a report. Detached, the process that was started waits for
+/// the daemon's report and ends with the exit code in it, so that a script sees a failed start. The
 /// daemon keeps standard error until then: the line that explains a failure goes there.
 class StartReport
 {
@@ -12,26 +18,19 @@ class StartReport
     /// In the foreground.
     StartReport() = default;
     /// Detaches: returns in the daemon only. The calling process waits and ends; a daemon that dies
-    /// without a word makes it end with EC_UNEXPECTED. Before any thread is made; descriptors
-    /// beyond the standard ones are closed, and the working directory becomes "/".
-    /// @throws std::system_error when the daemon cannot be split off.
-    static StartReport detach();
+    /// without a report makes it end with EC_UNEXPECTED. Call it before any thread is made. It
+    /// closes all descriptors but the standard ones, and the working directory becomes "/".
+    /// Fails when the daemon cannot be split off: in the calling process before the split, later in
+    /// the part that was split off.
+    [[nodiscard]] static Result<StartReport> detach();
 
-    StartReport(StartReport&& other) noexcept;
-    StartReport& operator=(StartReport&& other) noexcept;
-    ~StartReport();
-
-    /// Tells the exit code of the start, once; later calls do nothing. After success standard error
-    /// is closed, too.
+    /// Reports the exit code of the start, once; later calls do nothing. After success standard
+    /// error leads to /dev/null.
     void tell(int exitCode);
 
   private:
-    explicit StartReport(int fd) : m_fd(fd) {}
-    int m_fd = -1;
+    explicit StartReport(Tlx::FileDescriptor listener) : m_listener(std::move(listener)) {}
+    Tlx::FileDescriptor m_listener; ///< none in the foreground
 };
-
-/// Fills gaps among descriptors 0 to 2: the next file opened would become "standard error" and
-/// receive its lines.
-void ensureStandardDescriptors();
 
 } // namespace Veltrane::Quillmark::Qmdisco

@@ -1,7 +1,6 @@
 #include "StatusFile.h"
 
 #include <cerrno>
-#include <cstring>
 #include <ctime>
 #include <string_view>
 
@@ -10,35 +9,11 @@
 
 #include <nlohmann/json.hpp>
 
+#include <tlx/File.h>
+
 namespace Veltrane::Quillmark::Qmdisco {
 
 namespace {
-
-bool writeAll(int fd, const std::string& text)
-{
-    std::size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-        if (n > 0)
-            done += static_cast<std::size_t>(n);
-        else if (n == 0 || errno != EINTR)
-            return false;
-    }
-    return true;
-}
-
-/// Makes the new name last: a rename is in the directory, which has a sync of its own.
-bool syncDirectory(const Tlx::TlxPathname& directory)
-{
-    const int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0)
-        return false;
-    const bool synced = ::fsync(fd) == 0;
-    const int error = errno;
-    ::close(fd);
-    errno = error;
-    return synced;
-}
 
 /// A time that may be none.
 nlohmann::ordered_json timeOrNull(long long seconds)
@@ -105,46 +80,46 @@ std::string toIsoTime(long long seconds)
     return std::string(result.substr(0, minutes)).append(":").append(result.substr(minutes));
 }
 
-bool StatusFile::write(const Status& status, std::string& error)
+Result<> StatusFile::write(const Status& status)
 {
     std::string text = toJson(status);
     if (text == m_written)
-        return true;
-    if (!replace(text, error)) {
-        m_written.clear();
-        return false;
-    }
-    m_written = std::move(text);
-    return true;
+        return {};
+    m_written.clear();
+    auto replaced = replace(text);
+    if (replaced)
+        m_written = std::move(text);
+    return replaced;
 }
 
-bool StatusFile::replace(const std::string& text, std::string& error) const
+Result<> StatusFile::replace(const std::string& text) const
 {
-    const std::string temporary = m_path.text() + ".tmp";
-    const auto failed = [&error](const char* what, const std::string& path) {
-        error = std::string("cannot ") + what + " " + path + ": " + std::strerror(errno);
-        return false;
+    const Tlx::TlxPathname temporary(m_path.text() + ".tmp");
+    const auto cannot = [](const char* what, const Tlx::TlxPathname& path,
+                           const std::error_code& error) {
+        return tl::unexpected(Failure{EC_UNEXPECTED, std::string("cannot ") + what + " " +
+                                                         path.text() + ": " + error.message()});
     };
-    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0)
-        return failed("open", temporary);
-    const bool written = writeAll(fd, text) && ::fsync(fd) == 0;
-    if (!written)
-        failed("write", temporary);
-    if (::close(fd) != 0 || !written) {
-        if (written)
-            failed("close", temporary);
+    auto file = Tlx::openFile(temporary, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (!file)
+        return cannot("open", temporary, file.error());
+    auto written = Tlx::writeAll(file->get(), text);
+    if (written && ::fsync(file->get()) != 0)
+        written = tl::unexpected(Tlx::systemError(errno));
+    const auto closed = file->close();
+    if (!written || !closed) {
         ::unlink(temporary.c_str());
-        return false;
+        return written ? cannot("close", temporary, closed.error())
+                       : cannot("write", temporary, written.error());
     }
     if (::rename(temporary.c_str(), m_path.c_str()) != 0) {
-        failed("replace", m_path.text());
+        const std::error_code error = Tlx::systemError(errno);
         ::unlink(temporary.c_str());
-        return false;
+        return cannot("replace", m_path, error);
     }
-    if (!syncDirectory(m_path.directory()))
-        return failed("sync", m_path.directory().text());
-    return true;
+    if (const auto synced = Tlx::syncDirectory(m_path.directory()); !synced)
+        return cannot("sync", m_path.directory(), synced.error());
+    return {};
 }
 
 } // namespace Veltrane::Quillmark::Qmdisco

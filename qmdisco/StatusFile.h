@@ -7,6 +7,8 @@
 
 #include <tlx/Pathname.h>
 
+#include "ExitCode.h"
+
 namespace Veltrane::Quillmark::Qmdisco {
 
 using Counters = std::vector<std::pair<std::string, unsigned long long>>;
@@ -64,12 +66,11 @@ class StatusFile
   public:
     explicit StatusFile(const Tlx::TlxPathname& path) : m_path(path) {}
 
-    /// Writes the status unless it equals the one written last. False when that failed, with the
-    /// reason in error.
-    bool write(const Status& status, std::string& error);
+    /// Writes the status unless it equals the one written last.
+    [[nodiscard]] Result<> write(const Status& status);
 
   private:
-    bool replace(const std::string& text, std::string& error) const;
+    [[nodiscard]] Result<> replace(const std::string& text) const;
 
     const Tlx::TlxPathname m_path;
     std::string m_written;

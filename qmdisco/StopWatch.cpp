@@ -32,24 +32,22 @@ sigset_t watchedSignals()
     return signals;
 }
 
-int makeSignalDescriptor()
+Tlx::FileDescriptor opened(int descriptor, const char* what)
 {
-    const sigset_t signals = watchedSignals();
-    const int fd = ::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
-    if (fd < 0)
-        throw std::system_error(errno, std::generic_category(), "signalfd");
-    return fd;
+    if (descriptor < 0)
+        throw std::system_error(errno, std::generic_category(), what);
+    return Tlx::FileDescriptor(descriptor);
 }
 
-int makeEventDescriptor(int toCloseOnFailure)
+Tlx::FileDescriptor makeSignalDescriptor()
 {
-    const int fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (fd < 0) {
-        const int error = errno;
-        ::close(toCloseOnFailure);
-        throw std::system_error(error, std::generic_category(), "eventfd");
-    }
-    return fd;
+    const sigset_t signals = watchedSignals();
+    return opened(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK), "signalfd");
+}
+
+Tlx::FileDescriptor makeEventDescriptor()
+{
+    return opened(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd");
 }
 
 void signalEvent(int fd)
@@ -69,26 +67,17 @@ void StopWatch::blockSignals()
 
 StopWatch::StopWatch(std::chrono::milliseconds second, LimitReached limitReached)
     : m_second(second), m_limitReached(std::move(limitReached)), m_signals(makeSignalDescriptor()),
-      m_event(makeEventDescriptor(m_signals))
+      m_event(makeEventDescriptor()), m_thread([this] { run(); })
 {
-    try {
-        m_thread = std::thread([this] { run(); });
-    } catch (...) {
-        ::close(m_signals);
-        ::close(m_event);
-        throw;
-    }
-    s_event = m_event;
+    s_event = m_event.get();
 }
 
 StopWatch::~StopWatch()
 {
     s_event = -1;
     m_end = true;
-    signalEvent(m_event);
+    signalEvent(m_event.get());
     m_thread.join();
-    ::close(m_signals);
-    ::close(m_event);
 }
 
 void StopWatch::setLimit(std::uint64_t seconds)
@@ -109,7 +98,7 @@ void StopWatch::askToStop(const std::string& reason)
         m_deadline = Clock::now() + m_second * static_cast<std::int64_t>(m_limit);
     }
     m_wanted.notify_all();
-    signalEvent(m_event); // the thread sets out to wait for the deadline
+    signalEvent(m_event.get()); // the thread sets out to wait for the deadline
 }
 
 std::string StopWatch::stopReason() const
@@ -160,7 +149,7 @@ void StopWatch::run()
                            ", waiting for: " + m_step.load());
             return;
         }
-        pollfd watched[] = {{m_signals, POLLIN, 0}, {m_event, POLLIN, 0}};
+        pollfd watched[] = {{m_signals.get(), POLLIN, 0}, {m_event.get(), POLLIN, 0}};
         if (::poll(watched, std::size(watched), left) <= 0)
             continue;
         if (watched[0].revents)
@@ -173,7 +162,7 @@ void StopWatch::run()
 void StopWatch::readSignals()
 {
     signalfd_siginfo info;
-    while (::read(m_signals, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+    while (::read(m_signals.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
         if (info.ssi_signo == static_cast<unsigned>(SIGHUP)) {
             {
                 const std::lock_guard guard(m_mutex);
@@ -189,7 +178,7 @@ void StopWatch::readSignals()
 void StopWatch::readEvent()
 {
     std::uint64_t count = 0;
-    if (::read(m_event, &count, sizeof count) != static_cast<ssize_t>(sizeof count) || m_end)
+    if (::read(m_event.get(), &count, sizeof count) != static_cast<ssize_t>(sizeof count) || m_end)
         return;
     askToStop("the service");
 }

@@ -11,6 +11,8 @@
 #include <string>
 #include <thread>
 
+#include <tlx/File.h>
+
 namespace Veltrane::Quillmark::Qmdisco {
 
 /// A thread of its own waits for SIGTERM, SIGINT, SIGHUP and the service's wish, and wakes the main
@@ -71,8 +73,8 @@ class StopWatch
 
     const std::chrono::milliseconds m_second;
     const LimitReached m_limitReached;
-    const int m_signals;
-    const int m_event;
+    const Tlx::FileDescriptor m_signals;
+    const Tlx::FileDescriptor m_event;
     std::atomic<const char*> m_step{"the start"};
     std::atomic<bool> m_end{false};
 
@@ -84,7 +86,7 @@ class StopWatch
     std::uint64_t m_limitOfStop = 0;
     std::optional<Clock::time_point> m_deadline;
 
-    std::thread m_thread;
+    std::thread m_thread; ///< last: it runs on all of the above
 };
 
 } // namespace Veltrane::Quillmark::Qmdisco

@@ -11,7 +11,7 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 Outcome runClients(Session& session)
 {
     std::set<std::string> clients;
-    const auto add = [&clients](Svc::CollectionItemIterator& items, const std::string&) {
+    const auto add = [&clients](Svc::CollectionItemIterator& items) {
         // What exactly can be filtered by does not matter here, nor whether it can be read.
         if (items.getAuthority())
             clients.insert(items.getAuthority()->getName().utf8());

@@ -21,10 +21,9 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-/// One discovery that was read back: its items, and what was said of it meanwhile, which is the
-/// cause when it was not read to its end (items.isParsed()).
-using EachDiscovery =
-    std::function<void(Svc::CollectionItemIterator& items, const std::string& problem)>;
+/// Takes one discovery that was read back. Where it was not read to its end, items.getFailure() has
+/// the reason.
+using EachDiscovery = std::function<void(Svc::CollectionItemIterator& items)>;
 
 /// What a command is run with.
 struct Session

@@ -9,9 +9,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <tlx/File.h>
 #include <tlx/Pathname.h>
 
-#include "Descriptor.h"
 #include "Output.h"
 #include "Text.h"
 
@@ -19,10 +19,13 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 
 namespace {
 
-Failure cannot(const char* what, const std::string& path, int error)
+using Tlx::FileDescriptor;
+using Tlx::systemError;
+
+Failure cannot(const char* what, const std::string& path, const std::error_code& error)
 {
     return {EC_FAILURE,
-            std::string("cannot ") + what + " " + escaped(path) + ": " + std::strerror(error)};
+            std::string("cannot ") + what + " " + escaped(path) + ": " + error.message()};
 }
 
 /// Removes the temporary file when a signal ends the program. There is one file at a time; a
@@ -40,7 +43,7 @@ class SignalCleanup
             action.sa_handler = &removeAndEnd;
             sigemptyset(&action.sa_mask);
             ::sigaction(SIGNALS[i], nullptr, &m_before[i]);
-            // Who told us to ignore a signal (nohup) means it.
+            // A caller that had a signal ignored (nohup) wants that.
             if (m_before[i].sa_handler != SIG_IGN)
                 ::sigaction(SIGNALS[i], &action, nullptr);
         }
@@ -75,86 +78,78 @@ char SignalCleanup::s_path[PATH_MAX];
 class DirectOutput : public Output
 {
   public:
-    DirectOutput(std::string path, int fd) : m_path(std::move(path)), m_fd(fd) {}
-    ~DirectOutput() override
+    DirectOutput(std::string path, FileDescriptor file)
+        : m_path(std::move(path)), m_file(std::move(file))
     {
-        if (m_fd >= 0)
-            ::close(m_fd);
     }
     Outcome write(std::string_view bytes) override
     {
-        if (const int error = writeAll(m_fd, bytes))
-            return cannot("write", m_path, error);
+        if (const auto written = Tlx::writeAll(m_file.get(), bytes); !written)
+            return cannot("write", m_path, written.error());
         return {};
     }
     Outcome finish() override
     {
-        const int fd = m_fd;
-        m_fd = -1;
-        if (::close(fd) != 0)
-            return cannot("close", m_path, errno);
+        if (const auto closed = m_file.close(); !closed)
+            return cannot("close", m_path, closed.error());
         return {};
     }
 
   private:
     const std::string m_path;
-    int m_fd;
+    FileDescriptor m_file;
 };
 
 class FileOutput : public Output
 {
   public:
-    FileOutput(std::string path, std::string temporary, int fd)
-        : m_path(std::move(path)), m_temporary(std::move(temporary)), m_cleanup(m_temporary),
-          m_fd(fd)
+    FileOutput(std::string path, Tlx::TemporaryFile temporary)
+        : m_path(std::move(path)), m_temporary(std::move(temporary)),
+          m_cleanup(m_temporary.path.text())
     {
     }
     ~FileOutput() override
     {
-        if (m_fd >= 0)
-            ::close(m_fd);
+        m_temporary.descriptor.reset();
         if (!m_finished)
-            ::unlink(m_temporary.c_str());
+            ::unlink(m_temporary.path.c_str());
     }
+    /// Answers false with errno set.
+    bool setMode(mode_t mode) { return ::fchmod(m_temporary.descriptor.get(), mode) == 0; }
+
     Outcome write(std::string_view bytes) override
     {
-        if (const int error = writeAll(m_fd, bytes))
-            return cannot("write", m_path, error);
+        if (const auto written = Tlx::writeAll(m_temporary.descriptor.get(), bytes); !written)
+            return cannot("write", m_path, written.error());
         return {};
     }
     Outcome finish() override
     {
-        if (::fsync(m_fd) != 0)
-            return cannot("write", m_path, errno);
-        const int fd = m_fd;
-        m_fd = -1;
-        if (::close(fd) != 0)
-            return cannot("write", m_path, errno);
-        if (::rename(m_temporary.c_str(), m_path.c_str()) != 0)
-            return cannot("replace", m_path, errno);
+        if (::fsync(m_temporary.descriptor.get()) != 0)
+            return cannot("write", m_path, systemError(errno));
+        if (const auto closed = m_temporary.descriptor.close(); !closed)
+            return cannot("write", m_path, closed.error());
+        if (::rename(m_temporary.path.c_str(), m_path.c_str()) != 0)
+            return cannot("replace", m_path, systemError(errno));
         m_finished = true;
         return syncDirectory();
     }
 
   private:
-    /// The new name is in the directory, which has a sync of its own.
     Outcome syncDirectory() const
     {
-        const std::string directory = Tlx::TlxPathname(m_path).directory().text();
-        const int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (fd < 0)
-            return errno == EACCES ? Outcome() : cannot("open", directory, errno);
-        const int error = ::fsync(fd) == 0 ? 0 : errno;
-        ::close(fd);
-        if (error != 0 && error != EINVAL) // some file systems know no sync of a directory
-            return cannot("sync", directory, error);
-        return {};
+        const Tlx::TlxPathname directory = Tlx::TlxPathname(m_path).directory();
+        const auto synced = Tlx::syncDirectory(directory);
+        // A directory may be writable and not readable; some file systems sync no directory.
+        if (synced || synced.error() == std::errc::permission_denied ||
+            synced.error() == std::errc::invalid_argument)
+            return {};
+        return cannot("sync", directory.text(), synced.error());
     }
 
     const std::string m_path;
-    const std::string m_temporary;
+    Tlx::TemporaryFile m_temporary;
     const SignalCleanup m_cleanup;
-    int m_fd;
     bool m_finished = false;
 };
 
@@ -168,21 +163,20 @@ mode_t usualMode()
 
 } // namespace
 
-std::unique_ptr<Output> makeFileOutput(const std::string& name, Failure& failure)
+tl::expected<std::unique_ptr<Output>, Failure> makeFileOutput(const std::string& name)
 {
+    const auto refuse = [&name](const char* what, const std::error_code& error) {
+        return tl::unexpected(cannot(what, name, error));
+    };
     struct stat about = {};
     const bool exists = ::stat(name.c_str(), &about) == 0;
-    if (exists && S_ISDIR(about.st_mode)) {
-        failure = cannot("write", name, EISDIR);
-        return nullptr;
-    }
+    if (exists && S_ISDIR(about.st_mode))
+        return refuse("write", systemError(EISDIR));
     if (exists && !S_ISREG(about.st_mode)) {
-        const int fd = ::open(name.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY);
-        if (fd < 0) {
-            failure = cannot("open", name, errno);
-            return nullptr;
-        }
-        return std::make_unique<DirectOutput>(name, fd);
+        auto file = Tlx::openFile(name, O_WRONLY | O_NOCTTY);
+        if (!file)
+            return refuse("open", file.error());
+        return std::make_unique<DirectOutput>(name, std::move(*file));
     }
     std::string path = name;
     if (exists) {
@@ -191,18 +185,13 @@ std::unique_ptr<Output> makeFileOutput(const std::string& name, Failure& failure
         if (real)
             path = real.get();
     }
-    std::string temporary =
-        Tlx::TlxPathname(path).directory().withFileName(".qmdiscoctl-XXXXXX").text();
-    const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
-    if (fd < 0) {
-        failure = cannot("write", name, errno);
-        return nullptr;
-    }
-    auto output = std::make_unique<FileOutput>(path, temporary, fd);
-    if (::fchmod(fd, exists ? about.st_mode & 07777 : usualMode()) != 0) {
-        failure = cannot("set the permissions of", name, errno);
-        return nullptr;
-    }
+    auto temporary =
+        Tlx::makeTemporaryFile(Tlx::TlxPathname(path).directory().withFileName(".qmdiscoctl-"));
+    if (!temporary)
+        return refuse("write", temporary.error());
+    auto output = std::make_unique<FileOutput>(path, std::move(*temporary));
+    if (!output->setMode(exists ? about.st_mode & 07777 : usualMode()))
+        return refuse("set the permissions of", systemError(errno));
     return output;
 }
 

@@ -50,8 +50,8 @@ Outcome runFilters(Session& session)
 {
     Tlx::TlxQuery query;
     std::vector<Unread> unread;
-    const auto add = [&](Svc::CollectionItemIterator& items, const std::string& problem) {
-        noteUnread(items, problem, unread);
+    const auto add = [&](Svc::CollectionItemIterator& items) {
+        noteUnread(items, unread);
         Svc::mergeDescriptions(query, items);
     };
     for (const char* subject : Svc::CLIENT_SUBJECTS)

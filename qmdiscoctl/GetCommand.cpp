@@ -54,12 +54,15 @@ Outcome Get::run()
     // First what can fail here, so that the service is not troubled.
     if (isPattern(m_options.subject) || isPattern(m_options.authority))
         return refused(Svc::DS_LOGIC_ERROR);
-    Failure failure;
     const bool toFile = !m_options.output.empty();
-    const std::unique_ptr<Output> file =
-        toFile ? makeFileOutput(m_options.output, failure) : nullptr;
-    if (toFile && !file)
-        return failure;
+    std::unique_ptr<Output> file;
+    if (toFile) {
+        auto opened = makeFileOutput(m_options.output);
+        if (!opened)
+            return opened.error();
+        file = std::move(*opened);
+    }
+    Failure failure;
     const std::unique_ptr<Service> service = m_session.connect(failure);
     if (!service)
         return failure;

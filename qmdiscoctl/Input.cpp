@@ -1,44 +1,40 @@
 #include "Input.h"
 
 #include <cerrno>
-#include <cstring>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "Descriptor.h"
 #include "Text.h"
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-Input::~Input()
+Failure Input::cannot(const char* what, const std::error_code& error) const
 {
-    if (m_owned)
-        ::close(m_fd);
-}
-
-Failure Input::cannot(const char* what) const
-{
-    return {EC_FAILURE, std::string("cannot ") + what + " " + m_name + ": " + std::strerror(errno)};
+    return {EC_FAILURE, std::string("cannot ") + what + " " + m_name + ": " + error.message()};
 }
 
 Outcome Input::open(const std::string& name)
 {
     const bool standard = name == "-";
     m_name = standard ? "standard input" : escaped(name);
-    m_fd = standard ? STDIN_FILENO : ::open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
-    m_owned = !standard && m_fd >= 0;
-    struct stat about = {};
-    if (m_fd < 0 || ::fstat(m_fd, &about) != 0)
-        return cannot("open");
-    if (S_ISDIR(about.st_mode)) {
-        errno = EISDIR;
-        return cannot("read");
+    m_read = STDIN_FILENO;
+    if (!standard) {
+        auto file = Tlx::openFile(name, O_RDONLY | O_NOCTTY);
+        if (!file)
+            return cannot("open", file.error());
+        m_file = std::move(*file);
+        m_read = m_file.get();
     }
+    struct stat about = {};
+    if (::fstat(m_read, &about) != 0)
+        return cannot("open", Tlx::systemError(errno));
+    if (S_ISDIR(about.st_mode))
+        return cannot("read", Tlx::systemError(EISDIR));
     // What the kernel makes while it is read (in /proc, say) has size 0.
     if (S_ISREG(about.st_mode) && about.st_size > 0) {
-        const off_t done = ::lseek(m_fd, 0, SEEK_CUR);
+        const off_t done = ::lseek(m_read, 0, SEEK_CUR);
         if (done >= 0 && done <= about.st_size)
             m_size = static_cast<std::uint64_t>(about.st_size - done);
     }
@@ -47,10 +43,10 @@ Outcome Input::open(const std::string& name)
 
 Outcome Input::read(std::vector<unsigned char>& buffer, std::size_t& count)
 {
-    const long got = readFull(m_fd, reinterpret_cast<char*>(buffer.data()), buffer.size());
-    if (got < 0)
-        return cannot("read");
-    count = static_cast<std::size_t>(got);
+    const auto got = Tlx::readFull(m_read, reinterpret_cast<char*>(buffer.data()), buffer.size());
+    if (!got)
+        return cannot("read", got.error());
+    count = *got;
     return {};
 }
 

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include <tlx/File.h>
+
 #include "ExitCode.h"
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
@@ -14,11 +16,6 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 class Input
 {
   public:
-    Input() = default;
-    ~Input();
-    Input(const Input&) = delete;
-    Input& operator=(const Input&) = delete;
-
     Outcome open(const std::string& name);
     /// How much there is to read, where that is known.
     std::optional<std::uint64_t> size() const { return m_size; }
@@ -26,11 +23,11 @@ class Input
     Outcome read(std::vector<unsigned char>& buffer, std::size_t& count);
 
   private:
-    Failure cannot(const char* what) const;
+    Failure cannot(const char* what, const std::error_code& error) const;
 
     std::string m_name;
-    int m_fd = -1;
-    bool m_owned = false;
+    Tlx::FileDescriptor m_file; ///< none for standard input
+    int m_read = -1;            ///< where the data comes from
     std::optional<std::uint64_t> m_size;
 };
 

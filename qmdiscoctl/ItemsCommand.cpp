@@ -23,7 +23,7 @@ struct Item
     std::string subject;
     std::string name;
     std::string explorer;
-    std::optional<Svc::FileSystem> fileSystem;
+    std::optional<Explorers::FileSystem> fileSystem;
 
     friend bool operator<(const Item& a, const Item& b)
     {
@@ -51,8 +51,9 @@ class NamedItemSource : public Tlx::QuerySource
 
 bool matches(const Tlx::TlxQuery& filter, const Item& item)
 {
-    return item.fileSystem ? filter.matches(Svc::FileSystemSource(item.host, *item.fileSystem))
-                           : filter.matches(NamedItemSource(item));
+    return item.fileSystem
+               ? filter.matches(Explorers::FileSystemSource(item.host, *item.fileSystem))
+               : filter.matches(NamedItemSource(item));
 }
 
 class Items
@@ -67,7 +68,7 @@ class Items
     Json document() const;
 
   private:
-    void take(Svc::CollectionItemIterator& items, const std::string& problem);
+    void take(Svc::CollectionItemIterator& items);
 
     const Svc::FilterParameters m_parameters;
     Tlx::TlxQuery m_filter;
@@ -81,25 +82,23 @@ Outcome Items::read(Session& session)
     const Outcome outcome =
         session.research(Svc::DQ_DISCOVERY_DATA, orAny(options.subject), orAny(options.authority),
                          options.filter.empty() ? nullptr : &m_parameters,
-                         [this](Svc::CollectionItemIterator& items, const std::string& problem) {
-                             take(items, problem);
-                         });
+                         [this](Svc::CollectionItemIterator& items) { take(items); });
     std::sort(m_items.begin(), m_items.end());
     return outcome;
 }
 
-void Items::take(Svc::CollectionItemIterator& items, const std::string& problem)
+void Items::take(Svc::CollectionItemIterator& items)
 {
     const std::string subject = items.getSubject() ? items.getSubject()->getSubject().utf8() : "";
     const std::string host = items.getAuthority() ? items.getAuthority()->getName().utf8() : "";
-    noteUnread(items, problem, m_unread);
+    noteUnread(items, m_unread);
     while (Svc::CollectionItem* next = items.getNextCollectionItem()) {
         const Tlx::AutoDereference<Svc::CollectionItem> held(next);
         const auto* discovered = dynamic_cast<const Svc::DiscoveredItem*>(next);
         if (!discovered)
             continue; // what can be filtered by is no discovery
         Item item{host, subject, discovered->getName(), discovered->getExplorerName().utf8(), {}};
-        Svc::FileSystem fileSystem;
+        Explorers::FileSystem fileSystem;
         if (readFileSystem(*discovered, fileSystem))
             item.fileSystem = fileSystem;
         // Also what a filter was handed to: not every explorer selects, and on the way through
@@ -119,7 +118,7 @@ std::string Items::text() const
     std::vector<std::vector<std::string>> rows{
         {"HOST", "MOUNT", "DEVICE", "TYPE", "SIZE", "USED", "RECORD"}};
     for (const Item& item : m_items) {
-        const Svc::FileSystem fileSystem = item.fileSystem.value_or(Svc::FileSystem());
+        const Explorers::FileSystem fileSystem = item.fileSystem.value_or(Explorers::FileSystem());
         rows.push_back({item.host, item.name, fileSystem.device, fileSystem.type,
                         sizeText(fileSystem.size), sizeText(fileSystem.used), item.subject});
     }

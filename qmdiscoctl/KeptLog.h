@@ -1,5 +1,5 @@
 #pragma once
-// What the libraries log, kept: of interest only when something fails.
+// What the libraries log. The program prints it after a failure, as details for a person.
 
 #include <deque>
 #include <mutex>
@@ -21,8 +21,8 @@ class KeptLog : public Tlx::LogSink
         friend bool operator==(const Kept&, const Kept&) = default;
     };
     void write(const Line& line) override;
-    /// Those since the last call; of one after another that are the same, one; the last ones when
-    /// they were too many.
+    /// The lines since the last call. Consecutive duplicates are collapsed; only the newest
+    /// MAX_LINES are kept.
     std::vector<Kept> take();
 
   private:

@@ -1,12 +1,8 @@
 #include "Output.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
-
 #include <unistd.h>
 
-#include "Descriptor.h"
+#include <tlx/File.h>
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
@@ -27,9 +23,8 @@ bool isHarmless(char before, char c)
 
 Outcome StandardOutput::write(std::string_view bytes)
 {
-    if (const int error = writeAll(STDOUT_FILENO, bytes))
-        return Failure{EC_FAILURE,
-                       std::string("cannot write to standard output: ") + std::strerror(error)};
+    if (const auto written = Tlx::writeAll(STDOUT_FILENO, bytes); !written)
+        return Failure{EC_FAILURE, "cannot write to standard output: " + written.error().message()};
     return {};
 }
 

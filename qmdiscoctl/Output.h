@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include <tl/expected.hpp>
+
 #include "ExitCode.h"
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
@@ -39,11 +41,11 @@ class StandardDataOutput : public StandardOutput
     char m_last = '\0';
 };
 
-/// A file that appears under its name complete or not at all: written beside, synced, and renamed
-/// into place by finish; without it nothing stays behind, also when a signal ends the program. A
-/// file that is there keeps its permissions, a symbolic link goes on leading to it. What is no
-/// regular file (a device, a pipe) is written to directly. Null, with the reason in failure, when
-/// that cannot be.
-std::unique_ptr<Output> makeFileOutput(const std::string& name, Failure& failure);
+/// A file that appears under its name complete or not at all. It is written beside, synced, and
+/// renamed into place by finish. Without finish nothing stays behind, also when a signal ends the
+/// program. An existing file keeps its permissions, and a symbolic link still leads to it. A device
+/// or pipe is written to directly.
+[[nodiscard]] tl::expected<std::unique_ptr<Output>, Failure>
+makeFileOutput(const std::string& name);
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -8,12 +8,12 @@
 
 #include <unistd.h>
 
+#include <tlx/File.h>
 #include <tlx/HostConfig.h>
 #include <tlx/Log.h>
 #include <tlx/Orb.h>
 
 #include "Commands.h"
-#include "Descriptor.h"
 #include "KeptLog.h"
 #include "Research.h"
 #include "Text.h"
@@ -31,7 +31,8 @@ constexpr std::size_t ORB_HANDLES = 64;
 
 void tell(const std::string& line)
 {
-    writeAll(STDERR_FILENO, "qmdiscoctl: " + line + "\n");
+    // A failure to report a failure can be reported nowhere.
+    (void)Tlx::writeAll(STDERR_FILENO, "qmdiscoctl: " + line + "\n");
 }
 
 void readConfiguration(const Options& options)
@@ -91,7 +92,7 @@ int run(const Options& options)
     const StatusDocument status = readStatusDocument(config.root());
     const Target target = findTarget(options.host, config, status);
     Connector connector(target, status);
-    Research research(target, *log);
+    Research research(target);
 
     const bool outIsTerminal = ::isatty(STDOUT_FILENO) == 1;
     StandardOutput text;
@@ -105,11 +106,14 @@ int run(const Options& options)
         .connect = [&connector](Failure& failure) { return connector.connect(failure); },
         .research = [&](auto query, const auto& subject, const auto& authority, auto* filter,
                         const auto& each) -> Outcome {
-            // Why a service cannot be reached is known here, not there.
+            // The connector knows why a service cannot be reached, the researcher does not.
             Failure failure;
             if (!connector.connect(failure))
                 return failure;
-            return research.read(query, subject, authority, filter, each);
+            Outcome outcome = research.read(query, subject, authority, filter, each);
+            if (!outcome)
+                log->take(); // the command reports what was not read
+            return outcome;
         },
         .out = dataGoesOut ? static_cast<Output&>(data) : text,
         .outIsTerminal = outIsTerminal,
@@ -135,14 +139,15 @@ int run(const Options& options)
 int runProgram(int argc, char** argv)
 {
     try {
-        ensureStandardDescriptors();
+        // A closed standard output is a failure of the command, not an answer that nobody reads.
+        Tlx::fillStandardDescriptors(Tlx::MissingStream::FAILS);
         // A reader that goes away is an error like any other when writing.
         std::signal(SIGPIPE, SIG_IGN);
         const ParsedOptions parsed = parseOptions(argc, argv);
         if (!parsed.end)
             return run(parsed.options);
         if (*parsed.end != EC_OK) {
-            writeAll(STDERR_FILENO, parsed.text);
+            (void)Tlx::writeAll(STDERR_FILENO, parsed.text);
         } else if (const Outcome failed = StandardOutput().write(parsed.text)) {
             tell(failed->text);
             return failed->code;

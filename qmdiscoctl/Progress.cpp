@@ -5,7 +5,8 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "Descriptor.h"
+#include <tlx/File.h>
+
 #include "Text.h"
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
@@ -64,8 +65,9 @@ std::string progressLine(const std::string& what, std::uint64_t done,
 
 Progress::Progress(bool enabled, std::string what, std::optional<std::uint64_t> total)
     : Progress(std::move(what), total, &Clock::now, enabled ? terminalWidth() : 0,
-               enabled ? Draw([](const std::string& text) { writeAll(STDERR_FILENO, text); })
-                       : Draw())
+               enabled
+                   ? Draw([](const std::string& text) { (void)Tlx::writeAll(STDERR_FILENO, text); })
+                   : Draw())
 {
 }
 

@@ -6,19 +6,6 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-std::string reasonOf(const std::vector<KeptLog::Kept>& lines)
-{
-    std::string reason;
-    for (const KeptLog::Kept& line : lines) {
-        const bool own = line.operation == "AuthSubIterator::parseDiscovery";
-        if (!own || reason.empty())
-            reason = line.text;
-        if (own)
-            break;
-    }
-    return reason;
-}
-
 // The researcher asks the master. Here that is the service which the other commands would speak to,
 // where it listens; on its own host also under the name that its records carry.
 bool Research::begin()
@@ -42,18 +29,16 @@ Outcome Research::read(Svc::DiscoveryQuery query, const std::string& subject,
 {
     if (!begin())
         return Failure{EC_FAILURE, "discoveries cannot be read back by this process"};
-    const Tlx::AutoDereference<Svc::AuthSubIterator> all(
-        Svc::getAuthSubIterator(query, subject, authority, Svc::AT_ANYANDALL));
+    const auto all = Svc::researchDiscoveries(query, subject, authority, Svc::AT_ANYANDALL);
     if (!all)
         return Failure{EC_BROKE_OFF, "the discovery service on " + escaped(m_target.host) +
                                          " did not answer the query"};
     for (;;) {
-        m_log.take();
         const Tlx::AutoDereference<Svc::CollectionItemIterator> items(
-            all->getNextCollectionItemIterator(filter));
+            (*all)->getNextCollectionItemIterator(filter));
         if (!items)
             return {};
-        each(*items, reasonOf(m_log.take()));
+        each(*items);
     }
 }
 

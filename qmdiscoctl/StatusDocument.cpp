@@ -1,15 +1,11 @@
 #include "StatusDocument.h"
 
-#include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <limits>
 #include <string_view>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <tlx/File.h>
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
@@ -18,29 +14,6 @@ namespace {
 constexpr std::size_t MAX_BYTES = 1u << 20;
 /// Far more than the service writes; little enough for the parser's and the printer's stack.
 constexpr int MAX_DEPTH = 32;
-
-/// Reads at most MAX_BYTES and one more. 0 on success, else errno.
-int readFile(const std::string& path, std::string& out)
-{
-    // Not blocking: somebody may have put a pipe there.
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-    if (fd < 0)
-        return errno;
-    struct stat about = {};
-    int error = ::fstat(fd, &about) != 0 ? errno : S_ISREG(about.st_mode) ? 0 : EINVAL;
-    std::array<char, 16384> buffer;
-    while (error == 0 && out.size() <= MAX_BYTES) {
-        const ssize_t count = ::read(fd, buffer.data(), buffer.size());
-        if (count == 0)
-            break;
-        if (count > 0)
-            out.append(buffer.data(), static_cast<std::size_t>(count));
-        else if (errno != EINTR)
-            error = errno;
-    }
-    ::close(fd);
-    return error;
-}
 
 /// The document in a text, discarded when it is none.
 nlohmann::ordered_json parse(const std::string& text)
@@ -69,13 +42,13 @@ bool isRunning(long pid)
         return false;
     if (::kill(static_cast<pid_t>(pid), 0) != 0)
         return errno == EPERM;
-    std::string stat;
-    if (readFile("/proc/" + std::to_string(pid) + "/stat", stat) != 0)
+    const auto stat = Tlx::readWholeFile("/proc/" + std::to_string(pid) + "/stat", MAX_BYTES);
+    if (!stat)
         return true; // no /proc to ask
     // "PID (NAME) STATE ...", and the name may hold anything.
-    const std::size_t name = stat.rfind(')');
-    const bool ended = name != std::string::npos && name + 2 < stat.size() &&
-                       std::string_view("ZX").find(stat[name + 2]) != std::string_view::npos;
+    const std::size_t name = stat->rfind(')');
+    const bool ended = name != std::string::npos && name + 2 < stat->size() &&
+                       std::string_view("ZX").find((*stat)[name + 2]) != std::string_view::npos;
     return !ended;
 }
 
@@ -83,16 +56,18 @@ StatusDocument readStatusDocument(const Tlx::TlxPathname& root)
 {
     StatusDocument status;
     status.path = root.withFileName("run").withFileName("status.json").text();
-    std::string text;
-    if (const int error = readFile(status.path, text); error != 0) {
-        status.found = error != ENOENT && error != ENOTDIR;
+    const auto text = Tlx::readWholeFile(status.path, MAX_BYTES);
+    const bool tooLarge = !text && text.error() == std::errc::file_too_large;
+    if (!text && !tooLarge) {
+        status.found = text.error() != std::errc::no_such_file_or_directory &&
+                       text.error() != std::errc::not_a_directory;
         if (status.found)
-            status.problem = std::string("cannot be read: ") + std::strerror(error);
+            status.problem = "cannot be read: " + text.error().message();
         return status;
     }
     status.found = true;
-    nlohmann::ordered_json document = parse(text);
-    if (text.size() > MAX_BYTES || !document.is_object()) {
+    nlohmann::ordered_json document = parse(tooLarge ? "" : *text);
+    if (!document.is_object()) {
         status.problem = "is no status of a service";
         return status;
     }

@@ -7,13 +7,10 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-void noteUnread(const Svc::CollectionItemIterator& items, const std::string& problem,
-                std::vector<Unread>& unread)
+void noteUnread(const Svc::CollectionItemIterator& items, std::vector<Unread>& unread)
 {
-    if (items.isParsed())
-        return;
-    unread.push_back({items.getSubject() ? items.getSubject()->getSubject().utf8() : "",
-                      items.getAuthority() ? items.getAuthority()->getName().utf8() : "", problem});
+    if (const auto& failure = items.getFailure())
+        unread.push_back({failure->subject, failure->authority, escaped(failure->cause)});
 }
 
 std::string textOf(std::vector<Unread> unread)

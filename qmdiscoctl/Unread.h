@@ -1,5 +1,5 @@
 #pragma once
-// The discoveries that a command was to read back and could not, or not to their ends.
+// The discoveries that a command could not read back, or not to their ends.
 
 #include <string>
 #include <vector>
@@ -12,13 +12,12 @@ struct Unread
 {
     std::string subject;
     std::string authority;
-    std::string reason;
+    std::string reason; ///< fit for a terminal
     friend auto operator<=>(const Unread&, const Unread&) = default;
 };
 
 /// Adds a discovery when it was not read to its end.
-void noteUnread(const Svc::CollectionItemIterator& items, const std::string& problem,
-                std::vector<Unread>& unread);
+void noteUnread(const Svc::CollectionItemIterator& items, std::vector<Unread>& unread);
 
 /// A line for each, sorted.
 std::string textOf(std::vector<Unread> unread);

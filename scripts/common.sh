@@ -2,7 +2,7 @@
 # shellcheck shell=bash
 
 QM_TOP="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
-QM_PRESETS="dev release asan-ubsan tsan coverage fuzz"
+QM_PRESETS="dev release asan-ubsan tsan fuzz"
 cd "$QM_TOP" || exit 1
 
 # What is said to the person who started the script goes to stderr: stdout is for results.

@@ -94,7 +94,7 @@ class DISCSRV_EXPORT DBCollectionData : public CollectionData
     bool openStored();
 
     TlxPathname m_path;
-    int m_handle = -1;
+    FileDescriptor m_file;
     std::unique_ptr<TlxPathname> m_finalPath;
     OpenMode m_mode = OM_READ;
     std::unique_ptr<CleanupLock> m_cleanupLock;

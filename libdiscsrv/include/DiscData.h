@@ -10,8 +10,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <ostream>
 #include <string>
+#include <utility>
 
 #include <DiscoverySvc.hh> // the enumerations and DiscoveryResult, shared with the wire
 #include <tlx/Lockable.h>
@@ -153,10 +155,13 @@ class DISCSRV_EXPORT CollectionAttributes : public XmlInterface
 };
 
 /// The payload of one discovery, a stream of bytes. Opening it again gives up what was open and
-/// starts afresh.
+/// starts afresh. It owns open files and connections, so it cannot be copied.
 class DISCSRV_EXPORT CollectionData
 {
   public:
+    CollectionData() = default;
+    CollectionData(const CollectionData&) = delete;
+    CollectionData& operator=(const CollectionData&) = delete;
     virtual ~CollectionData();
 
     /// OM_READ opens the payload for reading, OM_UPDATE prepares a new one. What arg says is the
@@ -169,16 +174,32 @@ class DISCSRV_EXPORT CollectionData
 
     /// Appends length bytes; false on failure.
     virtual bool writeCollection(std::size_t length, const void* buffer) const = 0;
+
+    /// Why the last open failed: the text that the backend logged. Empty after a success, and from
+    /// a backend that only logs. Not virtual: explorers in plug-ins rely on the order of the
+    /// virtual operations.
+    const std::string& getOpenFailure() const { return m_openFailure; }
+
+  protected:
+    void setOpenFailure(std::string why) { m_openFailure = std::move(why); }
+
+  private:
+    std::string m_openFailure;
 };
 
 /// One record. A producer gets it from a backend, sets subject, authority and attributes, opens it
 /// with OM_UPDATE, writes its collection data, and persists it. A reader gets it from an iterator,
 /// opens it with OM_READ and reads its collection data until 0.
+///
+/// A record owns its authority, subject, attributes and collection data. It is shared by reference
+/// counts and cannot be copied.
 class DISCSRV_EXPORT Discovery : public XmlDocumentInterface, public virtual TLXRefCounted
 {
   public:
-    /// Takes ownership of data.
+    /// Takes ownership of data, which may be null.
     Discovery(CollectionData* data, DiscoveryQuery query);
+    Discovery(const Discovery&) = delete;
+    Discovery& operator=(const Discovery&) = delete;
 
     XmlObjParseContext* getObjParseContext(const XMLCh* name) override;
 
@@ -189,10 +210,12 @@ class DISCSRV_EXPORT Discovery : public XmlDocumentInterface, public virtual TLX
     /// a stored record of higher priority forbids the update.
     virtual DiscoveryResult open(OpenMode mode, const char* arg) = 0;
 
-    /// Each takes ownership and deletes what it replaces.
+    /// Each takes ownership of its argument, which may be null, and deletes the object that it
+    /// replaces. Setting the object that the record holds already changes nothing.
     virtual void setAuthority(Authority* authority);
     virtual void setSubject(Subject* subject);
     virtual void setAttributes(CollectionAttributes* attributes);
+    /// For plug-ins: the service hands the collection data to the constructor.
     virtual void setCollectionData(CollectionData* data);
 
     void xmlCharacters(XmlObjParseContext* context, const XMLCh* chars,
@@ -204,11 +227,12 @@ class DISCSRV_EXPORT Discovery : public XmlDocumentInterface, public virtual TLX
 
     ~Discovery() override;
 
-    /// What is held, null when nothing is; it stays this object's.
-    Authority* getAuthority() const { return m_authority; }
-    Subject* getSubject() const { return m_subject; }
-    CollectionAttributes* getAttributes() const { return m_attributes; }
-    CollectionData* getCollectionData() const { return m_collectionData; }
+    /// Each returns a part of the record, null when the record lacks it. The record stays its
+    /// owner.
+    Authority* getAuthority() const { return m_authority.get(); }
+    Subject* getSubject() const { return m_subject.get(); }
+    CollectionAttributes* getAttributes() const { return m_attributes.get(); }
+    CollectionData* getCollectionData() const { return m_collectionData.get(); }
     DiscoveryQuery getQuery() const { return m_query; }
 
   protected:
@@ -227,18 +251,22 @@ class DISCSRV_EXPORT Discovery : public XmlDocumentInterface, public virtual TLX
     void endValue(class DiscoveryDocContext& context);
     void refuseDocument(const char* what, const TlxString& value);
 
-    Authority* m_authority = nullptr;
-    Subject* m_subject = nullptr;
-    CollectionAttributes* m_attributes = nullptr;
-    CollectionData* m_collectionData;
+    // Destroyed from the last to the first: the collection data goes before what describes it.
+    std::unique_ptr<Authority> m_authority;
+    std::unique_ptr<Subject> m_subject;
+    std::unique_ptr<CollectionAttributes> m_attributes;
+    std::unique_ptr<CollectionData> m_collectionData;
     DiscoveryQuery m_query;
     bool m_documentRefused = false;
 };
 
-/// A query over discoveries.
+/// A query over discoveries. It has a position, so it cannot be copied.
 class DISCSRV_EXPORT DiscoveryIterator : public virtual TLXRefCounted
 {
   public:
+    DiscoveryIterator(const DiscoveryIterator&) = delete;
+    DiscoveryIterator& operator=(const DiscoveryIterator&) = delete;
+
     /// The names are taken as they are, in their file-name form or as wildcard patterns over it;
     /// empty for any. AT_ANYANDALL is any type.
     DiscoveryIterator(AuthorityType type, std::string authority, std::string subject);
@@ -266,10 +294,13 @@ class DISCSRV_EXPORT DiscoveryIterator : public virtual TLXRefCounted
     std::string m_subject;
 };
 
-/// A storage backend.
+/// A storage backend. A process has one of each kind.
 class DISCSRV_EXPORT DiscoveryCreator : protected virtual TlxLockable
 {
   public:
+    DiscoveryCreator() = default;
+    DiscoveryCreator(const DiscoveryCreator&) = delete;
+    DiscoveryCreator& operator=(const DiscoveryCreator&) = delete;
     ~DiscoveryCreator() override;
     /// Each answers a new object, a reference for the caller to release.
     virtual DiscoveryIterator* getIterator(DiscoveryQuery query) const = 0;

@@ -11,44 +11,50 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// One registration: an explorer, what it reports on, and its priority. Immutable but for the
-/// explorer's context and the outcome of its last call; any thread.
+/// One registration: an explorer, the subject and authority of its records, and its priority. Only
+/// the explorer's context and the outcome of its last call change. Any thread may use it. Other
+/// objects refer to a registration by its address, so it cannot be copied.
 class DISCSRV_EXPORT ExplorerWrapper : public virtual TLXRefCounted
 {
   public:
-    /// Takes a reference to the explorer, and copies of subject and authority. None is null.
+    /// Takes a reference to the explorer and copies subject and authority. No pointer may be null.
     ExplorerWrapper(const Explorer* explorer, const unsigned int& priority, const Subject* subject,
                     const Authority* authority);
+    ExplorerWrapper(const ExplorerWrapper&) = delete;
+    ExplorerWrapper& operator=(const ExplorerWrapper&) = delete;
     ~ExplorerWrapper() override;
 
     Explorer* getExplorer() const { return m_explorer.get(); }
     unsigned int getPriority() const { return m_priority; } ///< a higher number wins
-    const Authority* getAuthority() const { return m_authority; }
-    const Subject* getSubject() const { return m_subject; }
-    /// The explorer's own state, handed to its calls.
+    /// Authority and subject are never null. They live as long as the registration.
+    const Authority* getAuthority() const { return &m_authority; }
+    const Subject* getSubject() const { return &m_subject; }
+    /// The explorer's own state, which every call to the explorer receives.
     AutoDereference<TLXRefCounted>& getExplorerContext() const { return m_explorerContext; }
 
-    /// The path of the library whose entry point registered it; empty for the service's own.
+    /// The path of the library whose entry point registered the explorer; empty for an explorer of
+    /// the service itself.
     const std::string& getLibrary() const { return m_library; }
-    /// The explorer's name, "?" when it told none.
+    /// The explorer's name; "?" when the explorer returned null or threw.
     const std::string& getName() const { return m_name; }
-    /// For a log line: the explorer's name, and the library's.
+    /// The explorer's name and its library, for a log line.
     std::string describe() const;
 
-    /// How the last push or pull went.
+    /// How the last push or pull ended.
     struct Outcome
     {
-        TlxObjTime time; ///< zero: there was none
+        TlxObjTime time; ///< zero before the first push or pull
         std::string text;
     };
     Outcome lastOutcome() const;
-    void setLastOutcome(const std::string& text) const; ///< as of now
+    /// Stores the text with the current time.
+    void setLastOutcome(const std::string& text) const;
 
   private:
     const AutoDereference<Explorer> m_explorer;
     const unsigned int m_priority;
-    const Authority* const m_authority; ///< owned
-    const Subject* const m_subject;     ///< owned
+    const Authority m_authority;
+    const Subject m_subject;
     mutable AutoDereference<TLXRefCounted> m_explorerContext;
     const std::string m_name;
     const std::string m_library;
@@ -56,10 +62,13 @@ class DISCSRV_EXPORT ExplorerWrapper : public virtual TLXRefCounted
     mutable Outcome m_outcome;
 };
 
-/// The order of the registry's sets. Authorities first, unless one of them is a remote pull's:
-/// then, and when the authority is not less, the subjects alone decide. So an authority that is
-/// greater falls through to the subjects, which makes this no strict order; the sets' contents
-/// depend on it.
+/// The order of the registry's sets. A lesser authority comes first, unless one of the two
+/// authorities is of type AT_REMOTEPULL. In all other cases the lesser subject comes first.
+///
+/// This comparator is not a strict weak ordering: a greater authority falls through to the
+/// subjects. So `insert` may hit an equal element that `find` missed.
+// Compat(comparator-order): plug-ins and hosts rely on which of their registrations replaces
+// another one, and that follows from this comparator.
 struct DISCSRV_EXPORT LtdExplorerWrapper
 {
     bool operator()(const AutoDereference<ExplorerWrapper>& a,
@@ -68,7 +77,7 @@ struct DISCSRV_EXPORT LtdExplorerWrapper
 
 using ExplorerSet = std::set<AutoDereference<ExplorerWrapper>, LtdExplorerWrapper>;
 
-/// What a request asks for; both names may hold wildcards.
+/// The authority and subject that a request asks for. Both names may hold wildcards.
 class ExplorerIdentity : public virtual TLXRefCounted
 {
   public:
@@ -84,7 +93,7 @@ class ExplorerIdentity : public virtual TLXRefCounted
     const TlxString m_subject;
 };
 
-/// One pull explorer among those that answer a request.
+/// One of the pull explorers that answer a request.
 class ExplorerQuery : public virtual TLXRefCounted
 {
   public:
@@ -95,7 +104,8 @@ class ExplorerQuery : public virtual TLXRefCounted
     const AutoDereference<ExplorerWrapper> m_wrapper;
 };
 
-/// The same order without the exception for remote pulls.
+/// The order of LtdExplorerWrapper without the exception for AT_REMOTEPULL.
+// Compat(comparator-order): see LtdExplorerWrapper.
 struct DISCSRV_EXPORT LtdExplorerQuery
 {
     bool operator()(const AutoDereference<ExplorerQuery>& a,

@@ -55,6 +55,7 @@ class DISCSRV_EXPORT RemoteCollectionData : public CollectionData
     void initalizeDR();
     void getMasterServerName(TlxHostname& out) const;
     Remote::DiscoveryService_ptr connect() const;
+    bool failOpen(const std::string& why);
     bool openWrite();
     bool openRead(const char* filter);
     bool fetch(Remote::CollectionDataIterator_ptr iterator);

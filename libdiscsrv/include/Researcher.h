@@ -8,15 +8,18 @@
 // The functions and iterators work wherever there is a repository, the daemon included. A process
 // that is no service makes itself one with initDiscoveryResearch() first.
 //
-// All failures are logged at level 1 and answered with null or false; nothing is thrown. An
+// All failures are logged at level 1 and answered with null or false; nothing is thrown. Operations
+// beside the old ones answer the failure as a value, for programs that report it to a person. An
 // iterator is used by one thread at a time and holds no lock but that of the one record being read.
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include <tl/expected.hpp>
 #include <tlx/Orb.h>
 #include <tlx/RefCounted.h>
 #include <tlx/Xml.h>
@@ -35,6 +38,25 @@ using CollectionItemList = std::vector<AutoDereference<CollectionItem>>;
 /// A document with more items ends at this one, as a broken document does.
 constexpr std::size_t MAX_COLLECTION_ITEMS = 500000;
 
+/// What went wrong with a research.
+enum class ResearchProblem
+{
+    NO_ANSWER,  ///< the query was not answered
+    NO_DATA,    ///< a discovery came without collection data
+    NOT_OPENED, ///< the collection data cannot be opened
+    NOT_PARSED  ///< the document breaks off, or exceeds a bound
+};
+
+/// A failure, and the record that it is about.
+struct ResearchFailure
+{
+    ResearchProblem problem;
+    std::string cause;     ///< one line for a person: the text that was logged
+    std::string subject;   ///< of the record; of the query when it was not answered
+    std::string authority; ///< the same
+    friend bool operator==(const ResearchFailure&, const ResearchFailure&) = default;
+};
+
 /// The items of one discovery, in the order in which they stand in its document.
 class DISCSRV_EXPORT CollectionItemIterator : public virtual TLXRefCounted
 {
@@ -43,6 +65,9 @@ class DISCSRV_EXPORT CollectionItemIterator : public virtual TLXRefCounted
     /// @param parsed whether the document was read to its end.
     CollectionItemIterator(Authority* authority, Subject* subject, CollectionItemList* items,
                            bool parsed);
+    /// The same, with the reason when the document was not read to its end.
+    CollectionItemIterator(Authority* authority, Subject* subject, CollectionItemList* items,
+                           std::optional<ResearchFailure> failure);
     /// Copies authority, subject and list; the items themselves are shared. The copy goes on where
     /// the original stands.
     CollectionItemIterator(const CollectionItemIterator& other);
@@ -57,12 +82,16 @@ class DISCSRV_EXPORT CollectionItemIterator : public virtual TLXRefCounted
     const Subject* getSubject() const { return m_subject.get(); }
     /// Otherwise the items are those that were complete before the failure.
     bool isParsed() const { return m_parsed; }
+    /// Why not. Empty for a document that was read to its end, and when the maker of this object
+    /// gave no reason.
+    const std::optional<ResearchFailure>& getFailure() const { return m_failure; }
 
   private:
     const std::unique_ptr<const Authority> m_authority;
     const std::unique_ptr<const Subject> m_subject;
     const std::unique_ptr<const CollectionItemList> m_items;
     const bool m_parsed;
+    const std::optional<ResearchFailure> m_failure;
     std::uint64_t m_next = 0;
 };
 
@@ -94,6 +123,9 @@ class DISCSRV_EXPORT AuthSubIterator : public virtual TLXRefCounted, public XmlD
     bool parseDiscovery(CollectionData* data, const FilterParameters* filter);
 
   private:
+    /// As parseDiscovery; the failure names no record.
+    tl::expected<void, ResearchFailure> readDiscovery(CollectionData* data,
+                                                      const FilterParameters* filter);
     int endItem(DiscoverySetContext& context, const XMLCh* name);
     void keepItem(const AutoDereference<CollectionItem>& item);
 
@@ -109,6 +141,11 @@ constexpr const char* CLIENT_SUBJECTS[] = {"volume", "filesystem"};
 /// new iterator for the caller to release; null, and logged, on failure. Any thread.
 DISCSRV_EXPORT AuthSubIterator* getAuthSubIterator(DiscoveryQuery query, const std::string& first,
                                                    const std::string& second, AuthorityType type);
+
+/// The same, with the failure as a value.
+[[nodiscard]] DISCSRV_EXPORT tl::expected<AutoDereference<AuthSubIterator>, ResearchFailure>
+researchDiscoveries(DiscoveryQuery query, const std::string& subject, const std::string& authority,
+                    AuthorityType type);
 
 /// Makes a process that is no service able to research: a client ORB, which listens nowhere and
 /// waits 30 seconds for an answer at most, and a framework without a servant. Queries go to the

@@ -17,15 +17,14 @@ DISCSRV_EXPORT Logger* getTlxLogger();
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc
 
-/// Opens the trace of an operation; the messages below log under its name.
+/// Opens the trace of an operation. Until the end of the block, what this thread logs carries its
+/// name, in functions called from here too.
 #define DISC_TRACE(name)                                                                           \
-    const ::Veltrane::Quillmark::Tlx::Tracer tracer(                                               \
+    const ::Veltrane::Quillmark::Tlx::Tracer discTracer_(                                          \
         ::Veltrane::Quillmark::Tlx::DiscoverySvc::getTlxLogger(), name, LOG_SOURCE, __LINE__)
 
-/// Logs a chain for operator<< at a level, under the operation traced here.
-#define DISC_LOG(level, text) DISC_LOG_AS(tracer.name(), level, text)
-
-/// The same under another operation's name.
-#define DISC_LOG_AS(operation, level, text)                                                        \
-    TLX_LOG(::Veltrane::Quillmark::Tlx::DiscoverySvc::getTlxLogger(), level, operation,            \
-            LOG_SOURCE, text)
+/// Logs a chain for operator<< at a level, under this thread's current operation: that of the
+/// innermost DISC_TRACE or LogScope, here or in a caller.
+#define DISC_LOG(level, text)                                                                      \
+    TLX_LOG(::Veltrane::Quillmark::Tlx::DiscoverySvc::getTlxLogger(), level,                       \
+            ::Veltrane::Quillmark::Tlx::LogScope::current(), LOG_SOURCE, text)

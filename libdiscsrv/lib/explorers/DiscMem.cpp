@@ -103,8 +103,7 @@ bool MemCollectionData::pull(ExplorerPull& explorer, const char* text)
     const ExplorerWrapper& wrapper = m_explorerQuery->getWrapper();
     const InFlight inFlight(g_pulls, MAX_PULLS);
     if (!inFlight.isAdmitted()) {
-        DISC_LOG_AS("MemCollectionData::getNext", 1,
-                    wrapper.describe()
+        DISC_LOG(1, wrapper.describe()
                         << " is not asked: " << MAX_PULLS << " explorers are being asked already");
         return false;
     }

@@ -13,10 +13,11 @@ constexpr const char* LOG_SOURCE = "../Explorer";
 bool callExplorer(const ExplorerWrapper& wrapper, const char* operation,
                   const std::function<void()>& call)
 {
+    const LogScope scope(operation);
     const std::string what = wrapper.describe() + ", " + operation + " for " +
                              wrapper.getSubject()->getSubject().utf8() + " of " +
                              wrapper.getAuthority()->getName().utf8();
-    DISC_LOG_AS(operation, 4, "Entering " << what);
+    DISC_LOG(4, "Entering " << what);
     return callForeignCode(operation, what, call);
 }
 

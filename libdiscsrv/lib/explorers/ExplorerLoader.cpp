@@ -99,30 +99,29 @@ void ExplorerLoader::loadDefault(const Load& load)
         return;
     if (!found)
         return;
-    DISC_LOG_AS(load.operation, 4, load.found);
+    DISC_LOG(4, load.found);
     if (load.called.call(getDiscoveryRepository()))
-        DISC_LOG_AS(load.operation, 4, load.completed);
+        DISC_LOG(4, load.completed);
 }
 
 namespace {
 
 /// Resolves one entry point in a plug-in library, keeps its resolver and calls it.
 template <class Interface>
-void registerFrom(const char* operation, PluginDirector& director, const std::string& library,
+void registerFrom(PluginDirector& director, const std::string& library,
                   std::list<std::unique_ptr<Interface>>& interfaces, const char* missing,
                   const char* what)
 {
     auto resolver = std::make_unique<Interface>();
     std::string resolvedName;
     if (!director.loadPluginInterface(library, *resolver, resolvedName)) {
-        DISC_LOG_AS(operation, 4, "Did not found the " << missing << " on plugin " << library);
+        DISC_LOG(4, "Did not found the " << missing << " on plugin " << library);
         return;
     }
     const Interface& found = *interfaces.emplace_back(std::move(resolver));
-    DISC_LOG_AS(operation, 4, "Beginning registration of " << what << " in " << resolvedName);
+    DISC_LOG(4, "Beginning registration of " << what << " in " << resolvedName);
     if (found.call(getDiscoveryRepository()))
-        DISC_LOG_AS(operation, 4,
-                    "Registration of " << what << " in " << resolvedName << " completed");
+        DISC_LOG(4, "Registration of " << what << " in " << resolvedName << " completed");
 }
 
 } // namespace
@@ -133,14 +132,14 @@ void ExplorerLoader::libraryCallback(PluginDirector* director, const std::string
     DISC_TRACE("ExplorerLoader::libraryCallback");
     switch (kind) {
     case EXPLORERS:
-        return registerFrom(tracer.name(), *director, library, m_explorerInterfaces,
-                            "explorer interface", "explorers");
+        return registerFrom(*director, library, m_explorerInterfaces, "explorer interface",
+                            "explorers");
     case PARSERS:
-        return registerFrom(tracer.name(), *director, library, m_parserInterfaces,
-                            "explorer parser interface", "explorer parser");
+        return registerFrom(*director, library, m_parserInterfaces, "explorer parser interface",
+                            "explorer parser");
     case FILTER_DATA:
-        return registerFrom(tracer.name(), *director, library, m_filterDataInterfaces,
-                            "filter data interface", "explorer filter data");
+        return registerFrom(*director, library, m_filterDataInterfaces, "filter data interface",
+                            "explorer filter data");
     default:
         TLX_SHOULD_NOT_GET_HERE();
     }

@@ -12,14 +12,14 @@ bool isLess(const Name& a, const Name& b)
     return !(a == b) && !(a > b);
 }
 
-/// An explorer is somebody else's code: its name may be null, or an exception.
+/// An explorer is foreign code: getExplorerName may return null or throw.
 std::string nameOf(const Explorer& explorer)
 {
     try {
         const char* name = explorer.getExplorerName();
         return name ? name : "?";
     } catch (...) {
-        return "?"; // it will be told of when it is called for more than its name
+        return "?"; // the next guarded call logs what the explorer throws
     }
 }
 
@@ -28,16 +28,12 @@ std::string nameOf(const Explorer& explorer)
 ExplorerWrapper::ExplorerWrapper(const Explorer* explorer, const unsigned int& priority,
                                  const Subject* subject, const Authority* authority)
     : m_explorer(AutoDereference<Explorer>::share(const_cast<Explorer*>(explorer))),
-      m_priority(priority), m_authority(new Authority(*authority)),
-      m_subject(new Subject(*subject)), m_name(nameOf(*explorer)), m_library(currentLibrary())
+      m_priority(priority), m_authority(*authority), m_subject(*subject), m_name(nameOf(*explorer)),
+      m_library(currentLibrary())
 {
 }
 
-ExplorerWrapper::~ExplorerWrapper()
-{
-    delete m_subject;
-    delete m_authority;
-}
+ExplorerWrapper::~ExplorerWrapper() = default;
 
 std::string ExplorerWrapper::describe() const
 {

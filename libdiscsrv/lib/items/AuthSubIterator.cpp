@@ -14,6 +14,7 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
 constexpr const char* LOG_SOURCE = "../Researcher";
+constexpr const char* NO_HANDLE = "Failed to get a handle to discoveries";
 } // namespace
 
 AuthSubIterator* getAuthSubIterator(DiscoveryQuery query, const std::string& first,
@@ -23,10 +24,21 @@ AuthSubIterator* getAuthSubIterator(DiscoveryQuery query, const std::string& fir
     const AutoDereference<DiscoveryIterator> discoveries(
         getDiscoveryRepository()->queryDiscoveries(query, first, second, type));
     if (!discoveries) {
-        DISC_LOG(1, "Failed to get a handle to discoveries");
+        DISC_LOG(1, NO_HANDLE);
         return nullptr;
     }
     return new AuthSubIterator(discoveries.get());
+}
+
+tl::expected<AutoDereference<AuthSubIterator>, ResearchFailure>
+researchDiscoveries(DiscoveryQuery query, const std::string& subject, const std::string& authority,
+                    AuthorityType type)
+{
+    AutoDereference<AuthSubIterator> found(getAuthSubIterator(query, subject, authority, type));
+    if (!found)
+        return tl::unexpected(
+            ResearchFailure{ResearchProblem::NO_ANSWER, NO_HANDLE, subject, authority});
+    return found;
 }
 
 // The items of one discovery.
@@ -37,12 +49,20 @@ CollectionItemIterator::CollectionItemIterator(Authority* authority, Subject* su
 {
 }
 
+CollectionItemIterator::CollectionItemIterator(Authority* authority, Subject* subject,
+                                               CollectionItemList* items,
+                                               std::optional<ResearchFailure> failure)
+    : m_authority(authority), m_subject(subject), m_items(items), m_parsed(!failure),
+      m_failure(std::move(failure))
+{
+}
+
 CollectionItemIterator::CollectionItemIterator(const CollectionItemIterator& other)
     : TLXRefCounted(other),
       m_authority(other.m_authority ? new Authority(*other.m_authority) : nullptr),
       m_subject(other.m_subject ? new Subject(*other.m_subject) : nullptr),
       m_items(new CollectionItemList(*other.m_items)), m_parsed(other.m_parsed),
-      m_next(other.m_next)
+      m_failure(other.m_failure), m_next(other.m_next)
 {
 }
 
@@ -81,34 +101,53 @@ AuthSubIterator::getNextCollectionItemIterator(const FilterParameters* filter)
         subject = std::make_unique<Subject>(*discovery->getSubject());
     auto items = std::make_unique<CollectionItemList>();
     m_items = items.get();
-    const bool parsed = parseDiscovery(discovery->getCollectionData(), filter);
+    const auto read = readDiscovery(discovery->getCollectionData(), filter);
     m_items = nullptr;
-    if (!parsed)
+    std::optional<ResearchFailure> failure;
+    if (!read) {
         DISC_LOG(1, "Failed to parse discovery");
+        failure = read.error();
+        failure->subject = subject ? subject->getSubject().utf8() : "";
+        failure->authority = authority ? authority->getName().utf8() : "";
+    }
     return new CollectionItemIterator(authority.release(), subject.release(), items.release(),
-                                      parsed);
+                                      std::move(failure));
 }
 
 bool AuthSubIterator::parseDiscovery(CollectionData* data, const FilterParameters* filter)
 {
+    return readDiscovery(data, filter).has_value();
+}
+
+tl::expected<void, ResearchFailure> AuthSubIterator::readDiscovery(CollectionData* data,
+                                                                   const FilterParameters* filter)
+{
     DISC_TRACE("AuthSubIterator::parseDiscovery");
+    const auto failure = [](ResearchProblem problem, const std::string& cause) {
+        return tl::unexpected(ResearchFailure{problem, cause, {}, {}});
+    };
     if (!data) {
-        DISC_LOG(1, "Invalid collection data pointer");
-        return false;
+        const char* const cause = "Invalid collection data pointer";
+        DISC_LOG(1, cause);
+        return failure(ResearchProblem::NO_DATA, cause);
     }
     std::ostringstream text;
     if (filter)
         filter->writeXml(text, XmlStr::XE_UTF8);
     if (!data->open(OM_READ, text.str().c_str())) {
-        DISC_LOG(1, "Failed to read collection data");
-        return false;
+        const std::string cause = "Failed to read collection data";
+        DISC_LOG(1, cause);
+        // The backend's own reason says more, where it has one.
+        return failure(ResearchProblem::NOT_OPENED,
+                       data->getOpenFailure().empty() ? cause : data->getOpenFailure());
     }
     DiscoverySetInputSource source(*data, "sysid");
-    if (!parse(source)) {
+    const auto parsed = parseOrExplain(source);
+    if (!parsed) {
         DISC_LOG(1, "Failed to parse the discovery stream");
-        return false;
+        return failure(ResearchProblem::NOT_PARSED, parsed.error().utf8());
     }
-    return true;
+    return {};
 }
 
 // Reading one document.

@@ -114,7 +114,7 @@ std::ostream& DiscoveredItem::writeXml(std::ostream& out, XmlStr::Encoding encod
         out << '<' << TAG_EXPLORER_DATA;
         XmlStr::appendAttribute(out, ATTRIBUTE_NAME, m_explorerName, encoding);
         out << '>';
-        callForeignCode(tracer.name(), "The data of " + m_explorerName.utf8(),
+        callForeignCode(LogScope::current(), "The data of " + m_explorerName.utf8(),
                         [&] { m_explorerData->writeXml(out, encoding); });
         XmlStr::appendEnd(out, TAG_EXPLORER_DATA);
     }

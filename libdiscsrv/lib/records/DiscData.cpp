@@ -122,22 +122,16 @@ Discovery::Discovery(CollectionData* data, DiscoveryQuery query)
 {
 }
 
-Discovery::~Discovery()
-{
-    delete m_collectionData;
-    delete m_attributes;
-    delete m_subject;
-    delete m_authority;
-}
+Discovery::~Discovery() = default;
 
 namespace {
 
-/// Replaces what an owning pointer holds; setting what is held already changes nothing.
+/// Setting the object that is held already must not delete it.
 template <class T>
-void replace(T*& held, T* object)
+void replace(std::unique_ptr<T>& held, T* object)
 {
-    if (held != object)
-        delete std::exchange(held, object);
+    if (held.get() != object)
+        held.reset(object);
 }
 
 } // namespace

@@ -257,16 +257,16 @@ void Discovery::startAuthority(DiscoveryDocContext& context, const XMLCh* name,
     const TlxString authorityName = xmlAttribute(attributes, ATTRIBUTE_NAME);
     const TlxString typeText = xmlAttribute(attributes, ATTRIBUTE_TYPE);
     if (authorityName.empty()) {
-        DISC_LOG_AS("Discovery::xmlStartElement", 1, "Authority name not specified");
+        DISC_LOG(1, "Authority name not specified");
         XmlInterface::xmlStartElement(&context, name, attributes);
         return;
     }
     AuthorityType type = AT_ANYANDALL;
     if (!readEnumerator(typeText, AT_REMOTEPULL, type))
         refuseDocument("authority type", typeText);
-    auto* authority = new Authority(authorityName.utf8(), type);
-    setAuthority(authority);
-    context.m_subInterface = authority;
+    auto authority = std::make_unique<Authority>(authorityName.utf8(), type);
+    context.m_subInterface = authority.get();
+    setAuthority(authority.release());
     context.m_subContext = std::make_unique<DescriptionContext>(name, &context);
     context.m_nodes.push_back(DiscoveryDocContext::AuthorityNode);
 }
@@ -278,20 +278,20 @@ void Discovery::startSubject(DiscoveryDocContext& context, const XMLCh* name,
         context.m_subContext.reset();
     const TlxString subjectName = xmlAttribute(attributes, ATTRIBUTE_NAME);
     if (subjectName.empty()) {
-        DISC_LOG_AS("Discovery::xmlStartElement", 1, "Subject name not specified");
+        DISC_LOG(1, "Subject name not specified");
         XmlInterface::xmlStartElement(&context, name, attributes);
         return;
     }
-    auto* subject = new Subject(subjectName.utf8());
-    setSubject(subject);
-    context.m_subInterface = subject;
+    auto subject = std::make_unique<Subject>(subjectName.utf8());
+    context.m_subInterface = subject.get();
+    setSubject(subject.release());
     context.m_subContext = std::make_unique<DescriptionContext>(name, &context);
     context.m_nodes.push_back(DiscoveryDocContext::SubjectNode);
 }
 
 void Discovery::refuseDocument(const char* what, const TlxString& value)
 {
-    DISC_LOG_AS("Discovery::xmlStartElement", 1, "Unknown " << what << " \"" << value << "\"");
+    DISC_LOG(1, "Unknown " << what << " \"" << value << "\"");
     m_documentRefused = true;
 }
 
@@ -363,13 +363,13 @@ void Discovery::endValue(DiscoveryDocContext& context)
         if (fromText(text, time))
             m_attributes->setDiscoveryTime(time);
         else
-            DISC_LOG_AS("Discovery::xmlEndElement", 1, "Unable to convert discovery time ");
+            DISC_LOG(1, "Unable to convert discovery time ");
         break;
     case DiscoveryDocContext::ExpiresTime:
         if (fromText(text, time))
             m_attributes->setExpiresTime(time);
         else
-            DISC_LOG_AS("Discovery::xmlEndElement", 1, "Unable to convert expires time ");
+            DISC_LOG(1, "Unable to convert expires time ");
         break;
     case DiscoveryDocContext::Signature:
         m_attributes->setSignature(text);
@@ -378,7 +378,7 @@ void Discovery::endValue(DiscoveryDocContext& context)
         if (fromText(text, priority))
             m_attributes->setPriority(priority);
         else
-            DISC_LOG_AS("Discovery::xmlEndElement", 1, "Unable to convert priority ");
+            DISC_LOG(1, "Unable to convert priority ");
     }
 }
 

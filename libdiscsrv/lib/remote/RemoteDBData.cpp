@@ -18,6 +18,7 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../RemoteDB";
 constexpr const char* SERVICE = "DiscoveryService";
+constexpr const char* CANNOT_CONNECT = "Failed to connect to discovery service";
 
 /// Each of them may occupy a request thread until the master has answered: hosts that name each
 /// other as their master must not take all there are.
@@ -109,6 +110,7 @@ Remote::DiscoveryService_ptr RemoteCollectionData::connect() const
 bool RemoteCollectionData::open(OpenMode mode, const char* arg)
 {
     DISC_TRACE("RemoteCollectionData::open");
+    setOpenFailure("");
     switch (mode) {
     case OM_READ:
         return openRead(arg);
@@ -120,6 +122,14 @@ bool RemoteCollectionData::open(OpenMode mode, const char* arg)
     }
 }
 
+/// Logs why the payload cannot be opened, and keeps the text for the caller. False.
+bool RemoteCollectionData::failOpen(const std::string& why)
+{
+    DISC_LOG(1, why);
+    setOpenFailure(why);
+    return false;
+}
+
 bool RemoteCollectionData::openWrite()
 {
     // Spelt as readers of the log know it.
@@ -127,16 +137,13 @@ bool RemoteCollectionData::openWrite()
     dropWriter();
     m_spoilt = false;
     const InFlight inFlight(g_writesBeingOpened, MAX_WRITES_BEING_OPENED);
-    if (!inFlight.isAdmitted()) {
-        DISC_LOG(1, MAX_WRITES_BEING_OPENED << " writes are being opened on the master already");
-        return false;
-    }
+    if (!inFlight.isAdmitted())
+        return failOpen(std::to_string(MAX_WRITES_BEING_OPENED) +
+                        " writes are being opened on the master already");
     try {
         const Remote::DiscoveryService_var master = connect();
-        if (CORBA::is_nil(master)) {
-            DISC_LOG(1, "Failed to connect to discovery service");
-            return false;
-        }
+        if (CORBA::is_nil(master))
+            return failOpen(CANNOT_CONNECT);
         bool ready = TLX_ASSERT_AS(m_subject, "NULL != m_subject");
         ready = TLX_ASSERT_AS(m_authority, "NULL != m_authority") && ready;
         if (!ready)
@@ -158,14 +165,13 @@ bool RemoteCollectionData::openWrite()
         record.sourceServiceName = getDiscoveryRepository()->getOrbServiceName().c_str();
         m_result = master->putCollection(record, m_writer.out());
     } catch (const CORBA::Exception& e) {
-        DISC_LOG(1,
-                 "Caught CORBA Exception while saving collection data: " << describeException(e));
-        return false;
+        return failOpen("Caught CORBA Exception while saving collection data: " +
+                        describeException(e));
     }
     if (!isSuccess(m_result)) {
-        DISC_LOG(1, "Failed to open the collection data: " << m_result.discStatus);
         m_writer = Remote::RemoteWriter::_nil(); // there should be none
-        return false;
+        return failOpen("Failed to open the collection data: " +
+                        std::to_string(m_result.discStatus));
     }
     return true;
 }
@@ -239,22 +245,16 @@ bool RemoteCollectionData::openRead(const char* filter)
         const Remote::DiscoveryService_var service =
             getDiscoveryRepository()->connectToRemoteDiscoveryService(
                 source, m_discovery->sourceServiceName.in());
-        if (CORBA::is_nil(service)) {
-            DISC_LOG(1, "Failed to connect to discovery service");
-            return false;
-        }
+        if (CORBA::is_nil(service))
+            return failOpen(CANNOT_CONNECT);
         Remote::CollectionDataIterator_var iterator;
         const DiscoveryStatus status =
             service->getCollectionData(m_discovery.in(), filter ? filter : "", iterator.out());
         AutoReleaseIterator released(iterator);
-        if (status != DS_SUCCESS) {
-            DISC_LOG(1, "Failed to get collection data: " << status);
-            return false;
-        }
-        if (CORBA::is_nil(iterator)) {
-            DISC_LOG(1, "The service answered with success and no iterator");
-            return false;
-        }
+        if (status != DS_SUCCESS)
+            return failOpen("Failed to get collection data: " + std::to_string(status));
+        if (CORBA::is_nil(iterator))
+            return failOpen("The service answered with success and no iterator");
         try {
             m_cached = fetch(iterator);
             if (!m_cached && getDiscoveryRepository()->isShuttingDown())
@@ -265,8 +265,7 @@ bool RemoteCollectionData::openRead(const char* filter)
             throw;
         }
     } catch (const CORBA::Exception& e) {
-        DISC_LOG(1,
-                 "Caught CORBA Exception while reading collection data: " << describeException(e));
+        failOpen("Caught CORBA Exception while reading collection data: " + describeException(e));
     }
     if (!m_cached)
         dropCache();
@@ -276,35 +275,26 @@ bool RemoteCollectionData::openRead(const char* filter)
 /// All pages, each as small as the other side makes them: no page size is set.
 bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr iterator)
 {
-    constexpr const char* OPERATION = "RemoteCollectionData::openRead";
     const std::uint64_t bound = HostConfig::instance().number(ConfigKey::REMOTE_MAX_BYTES);
     m_cache.resize(FIRST_CACHE_BYTES);
     const FetchLimit limit;
     for (;;) {
-        if (limit.isOver()) {
-            DISC_LOG_AS(OPERATION, 1, "A collection of another host " << limit.text());
-            return false;
-        }
-        if (getDiscoveryRepository()->isShuttingDown()) {
-            DISC_LOG_AS(OPERATION, 1, "The service is shutting down, the read is given up");
-            return false;
-        }
+        if (limit.isOver())
+            return failOpen("A collection of another host " + limit.text());
+        if (getDiscoveryRepository()->isShuttingDown())
+            return failOpen("The service is shutting down, the read is given up");
         const Remote::CollectionDataSeq_var page = iterator->getNextPage();
         if (page->length() == 0)
             break;
-        if (static_cast<std::uint64_t>(m_length) + page->length() > bound) {
-            DISC_LOG_AS(OPERATION, 1,
-                        "A collection of another host may have " << bound << " bytes ("
-                                                                 << ConfigKey::REMOTE_MAX_BYTES
-                                                                 << "), this one has more");
-            return false;
-        }
+        if (static_cast<std::uint64_t>(m_length) + page->length() > bound)
+            return failOpen("A collection of another host may have " + std::to_string(bound) +
+                            " bytes (" + ConfigKey::REMOTE_MAX_BYTES + "), this one has more");
         if (!append(page))
             return false;
     }
     if (m_length == 0)
-        DISC_LOG_AS(OPERATION, 1, "Collection data returned has no data");
-    return m_length > 0;
+        return failOpen("Collection data returned has no data");
+    return true;
 }
 
 bool RemoteCollectionData::append(const Remote::CollectionDataSeq& page)
@@ -312,12 +302,10 @@ bool RemoteCollectionData::append(const Remote::CollectionDataSeq& page)
     const std::size_t needed = static_cast<std::size_t>(m_length) + page.length();
     if (needed > m_cache.size())
         m_cache.resize(m_cache.size() * 2); // once a page, as it has always been
-    if (needed > m_cache.size()) {
-        DISC_LOG_AS("RemoteCollectionData::openRead", 1,
-                    "A page of " << page.length() << " bytes does not fit in a cache of "
-                                 << m_cache.size() << " with " << m_length << " in use");
-        return false;
-    }
+    if (needed > m_cache.size())
+        return failOpen("A page of " + std::to_string(page.length()) +
+                        " bytes does not fit in a cache of " + std::to_string(m_cache.size()) +
+                        " with " + std::to_string(m_length) + " in use");
     std::memcpy(m_cache.data() + m_length, page.get_buffer(), page.length());
     m_length += static_cast<std::int32_t>(page.length());
     return true;

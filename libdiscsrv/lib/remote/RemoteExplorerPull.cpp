@@ -59,12 +59,11 @@ AutoDereference<Discovery> RemoteExplorerPull::findSource(DiscoveryQuery query,
                                                           const Authority& authority,
                                                           const Subject& subject) const
 {
-    constexpr const char* OPERATION = "RemotePullExplorer::collectionRequested";
     const Remote::DiscoveryService_var service =
         getDiscoveryRepository()->connectToRemoteDiscoveryService(m_sourceHost,
                                                                   m_serviceName.c_str());
     if (CORBA::is_nil(service)) {
-        DISC_LOG_AS(OPERATION, 1, "Failed to connect to discovery service");
+        DISC_LOG(1, "Failed to connect to discovery service");
         return {};
     }
     const std::string authorityName = authority.getName().utf8();
@@ -81,18 +80,17 @@ AutoDereference<Discovery> RemoteExplorerPull::findSource(DiscoveryQuery query,
         failure = describeException(e);
     }
     if (!failure.empty()) {
-        DISC_LOG_AS(OPERATION, 1,
-                    "Caught CORBA Exception while querying for discoveries: " << failure);
+        DISC_LOG(1, "Caught CORBA Exception while querying for discoveries: " << failure);
         return {};
     }
     AutoDereference<Discovery> first(iterator->getNext());
     if (!first) {
-        DISC_LOG_AS(OPERATION, 1, "No records found!");
+        DISC_LOG(1, "No records found!");
         return {};
     }
     const AutoDereference<Discovery> second(iterator->getNext());
     if (second) {
-        DISC_LOG_AS(OPERATION, 1, "Too many records found");
+        DISC_LOG(1, "Too many records found");
         return {};
     }
     return first;

@@ -61,6 +61,7 @@ void DiscoveryRepository::DiscoveryTimerBase::scheduleAgain(unsigned seconds)
 
 bool DiscoveryRepository::DiscoveryTimerBase::scheduleLocked(unsigned seconds)
 {
+    const LogScope scope("DiscoveryTimerBase::schedule");
     ACE_Reactor* reactor = getAceReactor();
     if (m_cancelled || !reactor || m_repository.isShuttingDown())
         return false;
@@ -71,7 +72,7 @@ bool DiscoveryRepository::DiscoveryTimerBase::scheduleLocked(unsigned seconds)
                                    ACE_Time_Value(static_cast<time_t>(seconds)));
     m_due = TlxObjTime::now() + TlxObjTime(seconds, 0);
     if (m_id == -1)
-        DISC_LOG_AS("DiscoveryTimerBase::schedule", 1, "Unable to schedule a timer");
+        DISC_LOG(1, "Unable to schedule a timer");
     return m_id != -1;
 }
 
@@ -95,6 +96,7 @@ TlxObjTime DiscoveryRepository::DiscoveryTimerBase::due() const
 int DiscoveryRepository::DiscoveryTimerBase::handle_timeout(const ACE_Time_Value&,
                                                             const void* generation)
 {
+    const LogScope scope("DiscoveryTimerBase::handle_timeout");
     {
         const std::lock_guard guard(m_mutex);
         if (reinterpret_cast<std::uintptr_t>(generation) != m_generation)
@@ -104,7 +106,7 @@ int DiscoveryRepository::DiscoveryTimerBase::handle_timeout(const ACE_Time_Value
     try {
         run();
     } catch (const std::exception& e) { // the reactor's thread serves every timer
-        DISC_LOG_AS("DiscoveryTimerBase::handle_timeout", 1, "A timer failed: " << e.what());
+        DISC_LOG(1, "A timer failed: " << e.what());
         scheduleAgain(REGISTER_RETRY_SECONDS);
     }
     return 0;

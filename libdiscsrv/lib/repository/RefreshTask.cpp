@@ -39,7 +39,6 @@ int RefreshDiscoveryTask::svc()
 
 void RefreshDiscoveryTask::restart(const TlxString& client) const
 {
-    constexpr const char* operation = "RefreshDiscoveryTask::svc";
     TlxHostname host;
     host.setLocal();
     if (compareIgnoringCase(host.text().utf8(), client.utf8()) == 0) {
@@ -52,12 +51,12 @@ void RefreshDiscoveryTask::restart(const TlxString& client) const
         const Remote::DiscoveryService_var service =
             m_repository.connectToRemoteDiscoveryService(host, SERVICE);
         if (CORBA::is_nil(service))
-            DISC_LOG_AS(operation, 1, "Failed to connect to client discovery service");
+            DISC_LOG(1, "Failed to connect to client discovery service");
         else
             service->restartLocalPushTimer();
     } catch (const CORBA::Exception& e) {
-        DISC_LOG_AS(operation, 1, "Caught CORBA exception connecting to remote service");
-        DISC_LOG_AS(operation, 1, describeException(e));
+        DISC_LOG(1, "Caught CORBA exception connecting to remote service");
+        DISC_LOG(1, describeException(e));
     }
 }
 

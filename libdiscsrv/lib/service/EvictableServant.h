@@ -15,14 +15,13 @@ constexpr long ITERATOR_TIMEOUT_SECONDS = 300;
 /// memory; a page that is shorter than asked for is legal.
 constexpr std::size_t MAX_PAGE_BYTES = 1u << 20;
 
-/// Base of a servant that the evictor watches.
-template <class Skeleton, class Interface>
+/// Base of a servant that the evictor watches. The second parameter names the interface that the
+/// servant implements, for the reader only.
+template <class Skeleton, class /*Interface*/>
 class EvictableServant : public SerialServant<Skeleton>,
                          public virtual PortableServer::RefCountServantBase
 {
   public:
-    using Reference = typename Interface::_ptr_type;
-
     /// The id under which the servant was activated; empty until then.
     PortableServer::ObjectId_var m_objectId;
 };

@@ -28,12 +28,12 @@ constexpr const char* LOG_SOURCE = "../DiscDB";
 constexpr std::size_t MAX_PATTERN_BYTES = 1024;
 
 /// The next entry of a directory; null at its end, and when it cannot be read (logged).
-const dirent* nextEntry(DIR* directory, const char* operation)
+const dirent* nextEntry(DIR* directory)
 {
     errno = 0;
     const dirent* const entry = ::readdir(directory);
     if (!entry && errno != 0)
-        DISC_LOG_AS(operation, 1, "Unable to read the directory, error " << errno);
+        DISC_LOG(1, "Unable to read the directory, error " << errno);
     return entry;
 }
 
@@ -79,7 +79,7 @@ bool DiscoveryDBCreator::setupDB(const std::string& dir)
         DISC_LOG(1, "Unable to open " << m_dbPath << ", error " << errno);
         return true;
     }
-    while (const dirent* entry = nextEntry(directory, tracer.name())) {
+    while (const dirent* entry = nextEntry(directory)) {
         if (wildcardcmp("*.updating", entry->d_name, 0) != 0)
             continue;
         DISC_LOG(1, "Deleting temporary file " << entry->d_name);
@@ -188,7 +188,7 @@ Discovery* DBDiscoveryIterator::getNext()
     }
     if (m_pattern.size() > MAX_PATTERN_BYTES)
         return nullptr;
-    while (const dirent* entry = nextEntry(m_dir, tracer.name())) {
+    while (const dirent* entry = nextEntry(m_dir)) {
         if (wildcardcmp(m_pattern.c_str(), entry->d_name, 0) != 0)
             continue;
         AutoDereference<Discovery> discovery(getDiscoveryDBDatabase()->getDiscovery(entry->d_name));

@@ -6,11 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <ace/OS_NS_unistd.h>
-
 #include "DiscDB.h"
 #include "DiscLog.h"
-#include "FileWriting.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
@@ -43,17 +40,15 @@ DBCollectionData::DBCollectionData(const TlxPathname& path) : m_path(path) {}
 DBCollectionData::~DBCollectionData()
 {
     DISC_TRACE("DBCollectionData::~DBCollectionData");
-    if (m_handle == -1)
+    if (!m_file.isOpen())
         return;
     switch (m_mode) {
     case OM_UPDATE:
         cleanup();
         break;
     case OM_READ:
-        ::close(m_handle);
         break;
     default:
-        ::close(m_handle);
         TLX_SHOULD_NOT_GET_HERE();
     }
 }
@@ -61,12 +56,9 @@ DBCollectionData::~DBCollectionData()
 bool DBCollectionData::open(OpenMode mode, const char*)
 {
     DISC_TRACE("DBCollectionData::open");
-    if (m_handle != -1 && m_mode == OM_UPDATE) {
+    if (m_file.isOpen() && m_mode == OM_UPDATE)
         cleanup();
-    } else if (m_handle != -1) {
-        ::close(m_handle);
-        m_handle = -1;
-    }
+    m_file.reset();
     m_mode = mode;
     m_spoilt = false;
     return mode == OM_UPDATE ? openTemporary() : openStored();
@@ -74,7 +66,6 @@ bool DBCollectionData::open(OpenMode mode, const char*)
 
 bool DBCollectionData::openTemporary()
 {
-    constexpr const char* OPERATION = "DBCollectionData::open";
     const TlxPathname directory = m_path.directory();
     m_cleanupLock.reset();
     m_cleanupLock = std::make_unique<CleanupLock>(directory.c_str(), CleanupLock::LM_SHARED);
@@ -86,14 +77,15 @@ bool DBCollectionData::openTemporary()
     m_finalPath = std::make_unique<TlxPathname>(m_path);
     for (unsigned attempt = 0; attempt < MAX_TEMPORARY_NAMES; ++attempt) {
         const TlxPathname path = directory.withFileName(std::to_string(attempt) + ".updating");
-        DISC_LOG_AS(OPERATION, 4, "Attempting collecation data file " << path);
-        DISC_LOG_AS(OPERATION, 4, "Opening collection file: " << path);
-        m_handle = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0);
-        if (m_handle != -1) {
+        DISC_LOG(4, "Attempting collecation data file " << path);
+        DISC_LOG(4, "Opening collection file: " << path);
+        auto file = openFile(path, O_WRONLY | O_CREAT | O_EXCL, 0);
+        if (file) {
+            m_file = std::move(*file);
             m_path = path;
             return true;
         }
-        DISC_LOG_AS(OPERATION, 1, "Last error" << errno);
+        DISC_LOG(1, "Last error" << file.error().value());
     }
     m_finalPath.reset();
     m_cleanupLock.reset();
@@ -102,32 +94,31 @@ bool DBCollectionData::openTemporary()
 
 bool DBCollectionData::openStored()
 {
-    constexpr const char* OPERATION = "DBCollectionData::open";
     // A writer of this record in this process is between deleting the old payload and renaming the
     // new one at most while it holds the gate; writers in other processes wait for our lock.
     std::unique_ptr<FileGate> gate;
     if (m_recordLock)
         gate = std::make_unique<FileGate>(*m_recordLock);
-    DISC_LOG_AS(OPERATION, 4, "Opening collection file: " << m_path);
+    DISC_LOG(4, "Opening collection file: " << m_path);
     // Not to wait for the writer of a pipe that somebody left here.
-    m_handle = ::open(m_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    auto file = openFile(m_path, O_RDONLY | O_NONBLOCK);
     struct stat status = {};
-    if (m_handle != -1 && (::fstat(m_handle, &status) != 0 || !S_ISREG(status.st_mode))) {
-        ::close(m_handle);
-        m_handle = -1;
-        errno = EINVAL;
+    if (file && (::fstat(file->get(), &status) != 0 || !S_ISREG(status.st_mode)))
+        file = tl::unexpected(systemError(EINVAL));
+    if (!file) {
+        DISC_LOG(1, "Last error" << file.error().value());
+        return false;
     }
-    if (m_handle == -1)
-        DISC_LOG_AS(OPERATION, 1, "Last error" << errno);
-    return m_handle != -1;
+    m_file = std::move(*file);
+    return true;
 }
 
 std::size_t DBCollectionData::readCollection(std::size_t length, void* buffer) const
 {
     DISC_TRACE("DBCollectionData::readCollection");
-    if (!TLX_ASSERT_AS(m_handle != -1, "ACE_INVALID_HANDLE != m_handle"))
+    if (!TLX_ASSERT_AS(m_file.isOpen(), "ACE_INVALID_HANDLE != m_handle"))
         return static_cast<std::size_t>(-1);
-    const ssize_t count = ::read(m_handle, buffer, length);
+    const ssize_t count = ::read(m_file.get(), buffer, length);
     if (count < 0)
         DISC_LOG(1, "Unable to read " << m_path << ", error " << errno);
     return static_cast<std::size_t>(count);
@@ -136,13 +127,15 @@ std::size_t DBCollectionData::readCollection(std::size_t length, void* buffer) c
 bool DBCollectionData::writeCollection(std::size_t length, const void* buffer) const
 {
     DISC_TRACE("DBCollectionData::writeCollection");
-    if (!TLX_ASSERT_AS(m_handle != -1, "ACE_INVALID_HANDLE != m_handle"))
+    if (!TLX_ASSERT_AS(m_file.isOpen(), "ACE_INVALID_HANDLE != m_handle"))
         return false;
-    if (writeAll(m_handle, buffer, length))
+    const auto written = writeAll(m_file.get(), {static_cast<const char*>(buffer), length});
+    if (written)
         return true;
-    DISC_LOG(1, "Unable to write " << m_path << ", error " << errno);
-    // Nothing will come of it, and its writer may leave it open: the disk could stay full of it.
-    (void)!::ftruncate(m_handle, 0);
+    DISC_LOG(1, "Unable to write " << m_path << ", error " << written.error().value());
+    // The payload is lost. Its writer may leave it open: empty, it does not fill the disk
+    // meanwhile.
+    (void)!::ftruncate(m_file.get(), 0);
     m_spoilt = true;
     return false;
 }
@@ -154,21 +147,20 @@ bool DBCollectionData::persist(const TlxPathname& target)
         cleanup(); // deleted while the lock that protects it is held
         return false;
     }
-    if (m_handle == -1)
+    if (!m_file.isOpen())
         open(OM_UPDATE, "");
     const std::unique_ptr<CleanupLock> cleanupLock = std::move(m_cleanupLock);
-    if (!TLX_ASSERT_AS(m_handle != -1, "ACE_INVALID_HANDLE != m_handle"))
+    if (!TLX_ASSERT_AS(m_file.isOpen(), "ACE_INVALID_HANDLE != m_handle"))
         return false;
     // What is open for reading is a stored payload, and not to be moved about.
     if (!TLX_ASSERT(m_mode == OM_UPDATE))
         return false;
     m_spoilt = true; // until all of it succeeded
     // Otherwise a power cut could leave the name on a file without its bytes.
-    const bool synced = ::fsync(m_handle) == 0;
+    const bool synced = ::fsync(m_file.get()) == 0;
     if (!synced)
         DISC_LOG(1, "Unable to sync " << m_path << ", error " << errno);
-    (void)TLX_ASSERT(0 == ACE_OS::close(m_handle));
-    m_handle = -1;
+    (void)TLX_ASSERT_AS(m_file.close(), "0 == ACE_OS::close(m_handle)");
     if (!synced)
         return false;
 
@@ -184,8 +176,8 @@ bool DBCollectionData::persist(const TlxPathname& target)
     m_finalPath.reset();
     m_path = target;
     // The names of both of the record's files are in this directory.
-    if (!syncDirectory(target.directory())) {
-        DISC_LOG(1, "Unable to sync " << target.directory() << ", error " << errno);
+    if (const auto named = syncDirectory(target.directory()); !named) {
+        DISC_LOG(1, "Unable to sync " << target.directory() << ", error " << named.error().value());
         return false;
     }
     m_spoilt = false;
@@ -195,9 +187,8 @@ bool DBCollectionData::persist(const TlxPathname& target)
 bool DBCollectionData::cleanup()
 {
     DISC_TRACE("DBCollectionData::cleanup");
-    if (m_handle != -1) {
-        (void)TLX_ASSERT(0 == ACE_OS::close(m_handle));
-        m_handle = -1;
+    if (m_file.isOpen()) {
+        (void)TLX_ASSERT_AS(m_file.close(), "0 == ACE_OS::close(m_handle)");
         // What is open for reading is the stored payload.
         if (m_mode == OM_UPDATE) {
             if (::unlink(m_path.c_str()) == 0)

@@ -10,7 +10,6 @@
 
 #include "DiscDB.h"
 #include "DiscLog.h"
-#include "FileWriting.h"
 #include "RecordFile.h"
 #include "XMLHelper.h"
 
@@ -233,13 +232,12 @@ DiscoveryResult DBDiscovery::persist()
 
 DiscoveryResult DBDiscovery::persistLocked(const TlxPathname& path, const std::string& xml)
 {
-    constexpr const char* OPERATION = "DBDiscovery::persist";
     const int fd = m_fileLock->get_handle();
     // Another writer may have come between the first look and the write lock.
     const bool replaceable = mayReplaceStored(fd);
     m_metadataText.clear();
     if (!replaceable) {
-        DISC_LOG_AS(OPERATION, 1, "Cannot persist, data with higher priority already exists.");
+        DISC_LOG(1, "Cannot persist, data with higher priority already exists.");
         return {DS_DATA_EXISTS, 0};
     }
 
@@ -247,7 +245,7 @@ DiscoveryResult DBDiscovery::persistLocked(const TlxPathname& path, const std::s
     const bool isNew = ::fstat(fd, &before) == 0 && before.st_size == 0;
     const bool written = ::lseek(fd, 0, SEEK_SET) == 0 && writeMetadata(fd, xml);
     if (!written) {
-        DISC_LOG_AS(OPERATION, 1, "Metadata update to " << path << " failed");
+        DISC_LOG(1, "Metadata update to " << path << " failed");
         // Nothing was stored here; an empty or half-written file would only be in the way.
         if (isNew)
             (void)::unlink(path.c_str());
@@ -257,11 +255,11 @@ DiscoveryResult DBDiscovery::persistLocked(const TlxPathname& path, const std::s
     auto* data = dynamic_cast<DBCollectionData*>(getCollectionData());
     if (!TLX_ASSERT_AS(data, "collection") ||
         !data->persist(m_dbPath.withFileName(generatecollectionBaseFileName()))) {
-        DISC_LOG_AS(OPERATION, 1, "Collection data update failed");
+        DISC_LOG(1, "Collection data update failed");
         return {DS_OPEN_FAILED, 0};
     }
     if (::fsync(fd) != 0) {
-        DISC_LOG_AS(OPERATION, 1, "Unable to sync " << path << ", error " << errno);
+        DISC_LOG(1, "Unable to sync " << path << ", error " << errno);
         return {DS_OPEN_FAILED, 0};
     }
     return {DS_SUCCESS, 0};
@@ -270,7 +268,7 @@ DiscoveryResult DBDiscovery::persistLocked(const TlxPathname& path, const std::s
 bool DBDiscovery::writeMetadata(int fd, const std::string& xml)
 {
     DISC_TRACE("DBDiscovery::writeMetadata");
-    if (!reserveSpace(fd, xml.size()) || !writeAll(fd, xml.data(), xml.size())) {
+    if (!reserveSpace(fd, xml.size()) || !writeAll(fd, xml)) {
         DISC_LOG(1, "Unable to write metadata");
         return false;
     }
@@ -372,7 +370,7 @@ bool DBDiscovery::removeFiles()
         return false;
     const bool removed = ::unlink(m_metadataPath.c_str()) == 0;
     if (!removed)
-        DISC_LOG_AS("DBDiscovery::expire", 1, "Unable to delete " << m_metadataPath);
+        DISC_LOG(1, "Unable to delete " << m_metadataPath);
     return removed;
 }
 

@@ -1,9 +1,5 @@
 #pragma once
 // Opening a record's metadata file so that what is read or written through it is the record.
-//
-// Between opening a path and locking the file another process, or another thread of this one, may
-// have removed the file or put a new one in its place. So the file is opened, locked and gated, and
-// then compared with what stands at the path; when they differ, all begins anew.
 
 #include <memory>
 #include <optional>
@@ -25,16 +21,15 @@ class RecordFile
         CANNOT_LOCK
     };
 
-    /// Waits for other processes' locks.
+    /// Waits for other processes' locks. On failure errno has the reason.
     /// @param flags as open(2) takes them.
     Outcome open(const TlxPathname& path, int flags, LockLevel level);
 
-    int handle() const { return m_lock->get_handle(); }
-    std::unique_ptr<FileLock> takeLock() { return std::move(m_lock); }
+    int handle() const { return m_file->lock->get_handle(); }
+    std::unique_ptr<FileLock> takeLock() { return std::move(m_file->lock); }
 
   private:
-    std::unique_ptr<FileLock> m_lock;
-    std::optional<FileGate> m_gate; // goes before the lock
+    std::optional<LockedFile> m_file;
 };
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -1,5 +1,5 @@
 #pragma once
-// Single values out of small XML documents.
+// Reads single values from small XML documents.
 
 #include <cstdint>
 #include <memory>
@@ -11,7 +11,7 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// Where a value goes and of which type it is. Points to the caller's variable.
+/// The variable that receives a value, and so the value's type. Points to the caller's variable.
 class DataDescription
 {
   public:
@@ -20,15 +20,16 @@ class DataDescription
     DataDescription(std::int32_t& target) : m_target(&target) {}
     DataDescription(TlxObjTime& target) : m_target(&target) {}
 
-    /// Converts text into the target; false (and the target unchanged) when it is no such value.
+    /// Converts the text into the target. @return false, with the target unchanged, when the text
+    /// is no value of the target's type.
     bool store(const TlxString& text) const;
 
   private:
     std::variant<TlxString*, std::uint32_t*, std::int32_t*, TlxObjTime*> m_target;
 };
 
-/// A parsed document to be asked for values by element name. Safe against hostile documents as
-/// Xml.h says. Used by one thread.
+/// A parsed document that gives values by element name. Safe with hostile documents (see Xml.h).
+/// One thread uses it.
 class TlxDOMHandler
 {
   public:
@@ -38,13 +39,14 @@ class TlxDOMHandler
     TlxDOMHandler(const TlxDOMHandler&) = delete;
     TlxDOMHandler& operator=(const TlxDOMHandler&) = delete;
 
-    /// 0 on success, a positive number when the text is not a well-formed document. Logs nothing:
-    /// the caller knows what the text was meant to be.
+    /// 0 on success, a positive number when the text is not a well-formed document. Logs nothing,
+    /// because only the caller knows what the text should have been.
     int parse();
 
-    /// Finds the first element of that name in document order and converts the text inside it.
-    /// 0 on success; 1 when there is no such element (or no parsed document), 2 when its text is
-    /// not of the target's type. The target changes only on success.
+    /// Converts the text of the first element of that name, in document order. The target changes
+    /// only on success.
+    /// @return 0 on success; 1 without such an element or without a parsed document; 2 when the
+    /// text is no value of the target's type.
     int getValue(const char* elementName, const DataDescription& target) const;
 
   private:

@@ -28,6 +28,8 @@
 
 #include <sys/types.h>
 
+#include <tlx/File.h>
+
 namespace Veltrane::Quillmark::Tlx {
 
 namespace FileLockDetail {
@@ -112,12 +114,52 @@ class FileGate
 {
   public:
     explicit FileGate(const FileLock& lock);
-    FileGate(const FileGate&) = delete;
-    FileGate& operator=(const FileGate&) = delete;
+    FileGate(FileGate&&) = default;
+    FileGate& operator=(FileGate&&) = delete;
 
   private:
     std::shared_ptr<FileLockDetail::File> m_file;
     std::unique_lock<std::recursive_mutex> m_lock;
 };
+
+/// A file that is open, locked and gated, and still at its path. Destroy the gate and keep the lock
+/// to let other threads of this process at the content.
+struct LockedFile
+{
+    std::unique_ptr<FileLock> lock;
+    FileGate gate; ///< goes before the lock
+};
+
+/// Why openLocked failed.
+struct LockFailure
+{
+    enum Step
+    {
+        OPENING,
+        LOCKING,
+        REPLACED ///< each time the file was locked, another one stood at its path, or none
+    };
+    Step step;
+    std::error_code error;
+    /// The open file when LOCKING failed, so that the kernel can be asked who holds the lock.
+    std::unique_ptr<FileLock> file = nullptr;
+};
+
+/// Whether openLocked waits until no other process holds a conflicting lock, or fails with EBUSY.
+enum class LockWait
+{
+    WAIT,
+    TRY
+};
+
+/// Somebody removed or replaced the file this many times in a row between its opening and its
+/// locking: openLocked gives up.
+constexpr int LOCK_MAX_ATTEMPTS = 100;
+
+/// Opens a file, locks it, and takes its gate. Then compares it with what stands at the path: the
+/// file may have been removed or replaced before it was locked. When they differ all begins anew.
+/// @param flags, mode as FileLock::open takes them.
+[[nodiscard]] tl::expected<LockedFile, LockFailure>
+openLocked(const TlxPathname& path, int flags, mode_t mode, LockLevel level, LockWait wait);
 
 } // namespace Veltrane::Quillmark::Tlx

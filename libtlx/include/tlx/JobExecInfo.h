@@ -1,5 +1,5 @@
 #pragma once
-// The job on whose behalf something is asked.
+// The job that asks for something.
 
 #include <string>
 #include <vector>
@@ -11,20 +11,20 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// A job, told by the arguments that it was started with. Reference-counted; may be shared once
-/// nobody changes it any more. Nothing fails.
+/// A job, described by the arguments that it was started with. Reference-counted. Share it only
+/// when nobody changes it any more. No operation fails.
 class JobExecInfo : public virtual TLXRefCounted
 {
   public:
     JobExecInfo() = default;
     explicit JobExecInfo(std::vector<std::string> arguments);
 
-    /// The arguments as one line, from which ACE_ARGV makes the same arguments again (when it is
-    /// told to leave environment variables alone). An argument's text ends at a NUL.
+    /// The arguments as one line. ACE_ARGV makes the same arguments from it, unless it replaces
+    /// environment variables. An argument ends at its first NUL.
     TlxString getCommandLine() const;
 
-    /// Consumes every argument that is left in the shifter. @param append whether they follow those
-    /// held; otherwise they take their place.
+    /// Takes all arguments that are left in the shifter. @param append true to add them to the
+    /// arguments of this job, false to replace those.
     void setValue(ACE_Arg_Shifter& arguments, bool append);
 
     const std::vector<std::string>& arguments() const { return m_arguments; }

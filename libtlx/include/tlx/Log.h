@@ -98,8 +98,36 @@ class LoggerFactory
     State* const m_state;
 };
 
-/// Marks the operation a thread is in: writes "enter" and "leave" lines at level 6, and lends its
-/// name to the messages logged inside. Lives on the stack; name and file are literals.
+/// Names the operation that this thread is in, and writes no line. Each thread has a stack of
+/// scopes: the innermost one names the messages, and its end brings the enclosing one back, also
+/// when an exception ends it. A scope lives on the stack of one thread; its name is a literal.
+class LogScope
+{
+  public:
+    explicit LogScope(const char* operation) noexcept;
+    LogScope(const LogScope&) = delete;
+    LogScope& operator=(const LogScope&) = delete;
+    ~LogScope();
+
+    // On the heap a scope could outlive the enclosing one.
+    static void* operator new(std::size_t) = delete;
+    static void* operator new[](std::size_t) = delete;
+
+    const char* operation() const { return m_operation; }
+
+    /// The operation of this thread's innermost scope; NO_OPERATION outside all scopes.
+    static const char* current() noexcept;
+
+    /// The operation of messages that a thread logs outside all scopes.
+    static constexpr const char* NO_OPERATION = "-";
+
+  private:
+    const char* const m_operation;
+    const LogScope* const m_enclosing;
+};
+
+/// A scope that also writes "enter" and "leave" lines at level 6. File and line are those of the
+/// operation's beginning; file is a literal.
 class Tracer
 {
   public:
@@ -107,11 +135,11 @@ class Tracer
     Tracer(const Tracer&) = delete;
     Tracer& operator=(const Tracer&) = delete;
     ~Tracer();
-    const char* name() const { return m_name; }
+    const char* name() const { return m_scope.operation(); }
 
   private:
+    const LogScope m_scope;
     Logger* const m_logger;
-    const char* const m_name;
     const char* const m_file;
     const int m_line;
 };

@@ -8,24 +8,23 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// Seconds and microseconds: a point in time (since the epoch) or a duration. Always normalised:
-/// 0 <= microseconds < 1,000,000. Sums saturate at the largest or smallest representable value
-/// instead of wrapping round, because times arrive from other hosts. Value type.
+/// A point in time (since the epoch) or a duration, in seconds and microseconds. Always normalised:
+/// 0 <= microseconds < 1,000,000. A sum beyond the range becomes the largest or smallest value:
+/// times arrive from other hosts and must not wrap round. Value type.
 class TlxObjTime
 {
   public:
     constexpr TlxObjTime() = default;
     explicit TlxObjTime(std::int64_t seconds, std::int64_t microseconds = 0);
 
-    /// From an unsigned count of seconds, as the wire carries it; beyond the signed range it is
-    /// max().
+    /// From the unsigned seconds of the wire. A number beyond the signed range becomes max().
     static TlxObjTime fromUnsignedSeconds(std::uint64_t seconds);
 
-    /// The time of day, from the clock below.
+    /// The current time, from the clock that setClock sets.
     static TlxObjTime now();
 
-    /// Replaces the clock behind now() (tests); an empty function brings the system's back. The
-    /// function may be called from any thread.
+    /// Replaces the clock of now(), for tests. An empty function restores the system's clock. Any
+    /// thread may call the function.
     static void setClock(std::function<TlxObjTime()> clock);
 
     static constexpr TlxObjTime max()

@@ -6,7 +6,7 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// A path as text; value type, never touches the file system except in createDirectories.
+/// A path as text. Value type. Only createDirectories touches the file system.
 class TlxPathname
 {
   public:
@@ -14,10 +14,10 @@ class TlxPathname
     TlxPathname(std::string path) : m_path(std::move(path)) {}
     TlxPathname(const char* path) : m_path(path ? path : "") {}
 
-    /// This path with one more component, joined by exactly one "/".
+    /// This path and one more component, with exactly one "/" between them.
     TlxPathname withFileName(const std::string& name) const;
 
-    /// The directory part: all before the last "/", "." for a bare file name, "/" for a file in the
+    /// The directory: the text before the last "/". "." for a bare file name, "/" for a file in the
     /// root.
     TlxPathname directory() const;
 
@@ -28,8 +28,8 @@ class TlxPathname
     const char* c_str() const { return m_path.c_str(); }
     const std::string& text() const { return m_path; }
 
-    /// Makes the directory and all above it with the given permissions; 0 on success (also when it
-    /// was there), else errno.
+    /// Makes the directory and all directories above it, with these permissions. @return 0 on
+    /// success, also when the directory exists already; otherwise an errno.
     int createDirectories(unsigned int mode) const;
 
     friend bool operator==(const TlxPathname&, const TlxPathname&) = default;

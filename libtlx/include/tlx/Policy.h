@@ -1,5 +1,5 @@
 #pragma once
-// A backup policy's record that can travel inside other documents.
+// The record of a backup policy. Other documents may contain it.
 
 #include <cstdint>
 
@@ -8,23 +8,23 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// What a host tells about a policy that covers what it discovered. As XML:
+/// A policy that covers what a host discovered, as the host reports it. As XML:
 ///
 ///     <QMKPolicy Name="nightly" Type="filesystem" Active="1" Retention="30">text</QMKPolicy>
 ///
-/// Reference-counted; unchanged once it is shared.
+/// Reference-counted. Share it only when nobody changes it any more.
 class QmkPolicy : public virtual TLXRefCounted, public XmlInterface
 {
   public:
-    /// The element's name; readers compare it by cmptag.
+    /// The element's name. Readers compare it by cmptag.
     static constexpr const char* TAG = "QMKPolicy";
 
     struct Values
     {
         TlxString name;
-        TlxString type;              ///< what kind of data it is about
-        bool active = false;         ///< whether it is run at all
-        std::uint32_t retention = 0; ///< days for which a copy is kept; 0 for ever
+        TlxString type;              ///< the kind of data that it covers
+        bool active = false;         ///< whether it runs at all
+        std::uint32_t retention = 0; ///< days for which a copy is kept; 0 keeps it for ever
         TlxString comment;           ///< for people
         friend bool operator==(const Values&, const Values&) = default;
     };
@@ -44,9 +44,10 @@ class QmkPolicy : public virtual TLXRefCounted, public XmlInterface
     Values m_values;
 };
 
-/// Makes a QmkPolicy from its start tag (the caller gets the creator's reference through policy)
-/// and answers the context for its content, which the caller owns. Texts that are absent are empty;
-/// an "Active" that is not 1 is inactive, a "Retention" that is no number is 0.
+/// Makes a QmkPolicy from its start tag. Missing texts are empty. A policy is active only when
+/// "Active" is 1. A "Retention" that is no number counts as 0.
+/// @param policy receives the policy, with the creator's reference.
+/// @return the context for its content. The caller owns it.
 XmlObjParseContext* xmlCreateObject(const XMLCh* name, AttributeList& attributes,
                                     const XmlObjParseContext* parent, QmkPolicy*& policy);
 

@@ -1,11 +1,11 @@
 #pragma once
 // Queries: what somebody asks about discovered items, and what can be asked.
 //
-// A TlxQuery holds either or both of
+// A TlxQuery holds one of these, or both:
 //
-//   - an expression that a person wrote, as
+//   - an expression that a person wrote, such as
 //         fstype = "ext4" and size > 10G and not readonly
-//     which matches reads as a question about one item (the language: docs/filters.md);
+//     An item matches it or not. docs/filters.md explains the language.
 //   - a description: the fields that an expression may ask about.
 //
 // As XML, without the white space:
@@ -18,11 +18,11 @@
 //       </Field>
 //     </QueryDescription>
 //
-// "Query", "Description" and "Value" are there when there is something to tell. What is written
-// reads back equal.
+// "Query", "Description" and "Value" are left out when they would be empty. A query that is written
+// and read again is equal to the first one.
 //
-// Nothing here throws. One object is used by one thread at a time; once it changes no more, any
-// number of threads may ask it.
+// Nothing here throws. One thread at a time uses an object. Once nobody changes it any more, any
+// number of threads may read it.
 
 #include <cstddef>
 #include <cstdint>
@@ -38,20 +38,20 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// An expression's text has at most so many bytes.
+/// Bytes of an expression's text, at most.
 constexpr std::size_t QUERY_MAX_LENGTH = 65536;
 /// Parentheses and "not" inside one another, at most.
 constexpr std::size_t QUERY_MAX_DEPTH = 100;
-/// A description tells of at most so many fields,
+/// Fields of a description, at most.
 constexpr std::size_t QUERY_MAX_FIELDS = 256;
-/// of each at most so many values,
+/// Listed values of a field, at most.
 constexpr std::size_t QUERY_MAX_VALUES = 256;
-/// in a name of at most so many bytes,
+/// Bytes of a field's name, at most.
 constexpr std::size_t QUERY_MAX_NAME = 64;
-/// a description and values of at most so many bytes each.
+/// Bytes of a field's description and of each of its values, at most.
 constexpr std::size_t QUERY_MAX_TEXT = 1024;
 
-/// Numbers of expressions and fields. Every unsigned 64-bit integer is one, exactly.
+/// Numbers of expressions and fields. The type holds every unsigned 64-bit integer exactly.
 using QueryNumber = long double;
 
 enum QueryFieldType
@@ -68,16 +68,16 @@ const char* toText(QueryFieldType type);
 /// A field that can be asked about.
 struct QueryField
 {
-    TlxString name = {}; ///< see TlxQuery::addField; the case of its letters does not matter
+    TlxString name = {}; ///< see TlxQuery::isFieldName; in any case of its letters
     QueryFieldType type = QF_TEXT;
     TlxString description = {}; ///< for people
-    /// The values it takes, where they can be listed; empty: any.
+    /// The values that it takes. Empty when it takes any value.
     std::vector<TlxString> values = {};
 
     friend bool operator==(const QueryField&, const QueryField&) = default;
 };
 
-/// What an item has in a field.
+/// The value of an item's field.
 class QueryValue
 {
   public:
@@ -96,7 +96,7 @@ class QueryValue
     static QueryValue flag(bool flag);
 
     Kind kind() const { return m_kind; }
-    /// The value of its kind; empty, 0 or false for another.
+    /// The value, if it is of that kind; otherwise empty, 0 or false.
     const TlxString& asText() const { return m_text; }
     QueryNumber asNumber() const { return m_number; }
     bool asFlag() const { return m_flag; }
@@ -123,7 +123,8 @@ struct QueryMistake
     std::size_t column = 0; ///< in characters, from 1; 0 when there is no mistake
     std::string text = {};
 
-    /// "column 8: expected a value, found the end of the text"; empty when there is no mistake.
+    /// For instance "column 8: expected a value, found the end of the text"; empty when there is no
+    /// mistake.
     std::string toText() const;
     friend bool operator==(const QueryMistake&, const QueryMistake&) = default;
 };
@@ -131,7 +132,7 @@ struct QueryMistake
 class QueryExpression;
 class QueryLosses;
 
-/// Reference-counted; may be shared once nobody changes it any more.
+/// Reference-counted. Share it only when nobody changes it any more.
 class TlxQuery : public virtual TLXRefCounted, public XmlInterface
 {
   public:
@@ -146,99 +147,104 @@ class TlxQuery : public virtual TLXRefCounted, public XmlInterface
 
     // Asking.
 
-    /// Takes an expression in place of the one held. A text of nothing but white space asks for
-    /// nothing in particular. False, with the reason in mistake and everything else kept as it was,
-    /// when the text is no expression.
+    /// Replaces the expression. A text of white space alone removes it, so that every item matches.
+    /// @return false when the text is no expression. Then mistake has the reason, and the query
+    /// keeps its old expression.
     bool setQuery(const TlxString& text);
-    /// The expression as it was written; empty when there is none.
+    /// The expression as a person wrote it; empty without an expression.
     const TlxString& query() const { return m_query; }
-    /// Of the last setQuery.
+    /// The mistake that the last setQuery found.
     const QueryMistake& mistake() const { return m_mistake; }
 
-    /// Whether an item is what was asked for; without an expression every one is. Takes a number of
-    /// steps in proportion to the expression's length (and to the length of the texts that "like"
-    /// looks at).
+    /// Whether the item matches the expression. Without an expression every item matches. The time
+    /// grows in proportion to the expression's length, and to the length of the texts that "like"
+    /// compares.
     ///
-    /// The item's value decides how it is compared: a text with the literal's own spelling, by its
-    /// bytes; a number with a number; a flag with true or false, for equality alone. Every other
-    /// comparison is false, "!=" as well, as is every comparison of a missing field; "not" turns
-    /// that into true. "like" compares texts with a pattern (tlx/Wildcard.h). A field by itself is
-    /// true when the item has it as a flag that is true.
+    /// The item's value decides the comparison:
+    ///   - a text compares with the literal as it is spelled, byte by byte;
+    ///   - a number compares with numbers only;
+    ///   - a flag compares with true and false only, by "=" and "!=";
+    ///   - "like" compares a text with a pattern (tlx/Wildcard.h).
+    /// Every other comparison is false, also by "!=". So is every comparison of a missing field.
+    /// "not" turns that into true. A field without a comparison is true when it is a true flag.
     bool matches(const QuerySource& item) const;
 
-    /// The fields that the expression asks about: in lower-case letters, sorted, each once.
+    /// The fields that the expression asks about, in lower-case letters, sorted, each once.
     std::vector<std::string> fieldsAsked() const;
 
-    /// The job that asks; null when unknown. A reference of this object's own is kept.
+    /// Sets the job that asks; null for an unknown one. The query keeps a reference of its own.
     void setJob(const JobExecInfo* job) { m_job.refObject(job); }
     const JobExecInfo* job() const { return m_job.get(); }
 
     // Describing.
 
     /// Whether a text can be a field's name: a letter or "_", then letters, digits, "_", "-" and
-    /// ".", all of ASCII, and none of the language's own words.
+    /// ".", all of ASCII. A keyword of the language is no name.
     static bool isFieldName(std::string_view name);
 
-    /// Adds a field that can be asked about. One that is there already, whatever the case of its
-    /// letters, takes in what the new one tells:
-    ///   - types that differ make a number of bytes and numbers, a text of all else (every value
-    ///     can be spelled);
-    ///   - the first name and the first description that is not empty stay;
-    ///   - the values are those of both; when one of them takes any, or together they are too many,
-    ///     any.
-    /// Characters that XML cannot carry become U+FFFD. False, with nothing changed, when the name
-    /// is no name or one of the bounds above would be exceeded.
+    /// Adds a field that can be asked about. A field of that name, in any case of its letters, is
+    /// merged with the new one:
+    ///   - Bytes and numbers become numbers. Other types that differ become texts, because every
+    ///     value can be spelled.
+    ///   - The first name stays, and the first description that is not empty.
+    ///   - The field takes the values of both. It takes any value when one of them does, or when
+    ///     they list too many together.
+    /// Characters that XML cannot carry become U+FFFD.
+    /// @return false, with nothing changed, when isFieldName refuses the name or a bound above
+    /// would be exceeded.
     bool addField(const QueryField& field);
-    /// The same. @param refused why it was not added; empty when it was.
+    /// The same. @param refused why the field was not added; empty when it was.
     bool addField(const QueryField& field, std::string& refused);
-    /// In the order in which they came.
+    /// The fields, in the order in which they were added.
     const std::vector<QueryField>& fields() const { return m_fields; }
-    /// The field of that name, whatever the case of its letters; null when there is none.
+    /// The field of that name, in any case of its letters; null when it is unknown.
     const QueryField* field(std::string_view name) const;
 
-    /// Adds what can be asked with the other one; its expression and job are its own. Fields above
-    /// QUERY_MAX_FIELDS are left out, the first time with a level-1 line.
+    /// Adds the fields of another query, not its expression and job. Leaves out the fields above
+    /// QUERY_MAX_FIELDS; the first merge that does so logs a line at level 1.
     void merge(const TlxQuery& other);
 
-    /// Neither an expression nor a description.
+    /// Whether there is neither an expression nor a description.
     bool isEmpty() const { return m_query.empty() && m_fields.empty(); }
-    /// The same expression, to the letter, and the same fields in the same order.
+    /// Equal queries have the same expression, letter by letter, and the same fields in the same
+    /// order.
     friend bool operator==(const TlxQuery& a, const TlxQuery& b)
     {
         return a.m_query == b.m_query && a.m_fields == b.m_fields;
     }
 
-    // XML. The context is one that xmlCreateObject made.
+    // XML. Pass a context that xmlCreateObject made.
 
     void xmlCharacters(XmlObjParseContext* context, const XMLCh* chars,
                        unsigned long length) override;
     void xmlStartElement(XmlObjParseContext* context, const XMLCh* name,
                          AttributeList& attributes) override;
-    /// XML_NOTHING for a description whose expression is none: whoever asked this must not be
-    /// answered as if nothing had been asked. A field that addField refuses is left out; one that
-    /// lists more than QUERY_MAX_VALUES different values takes any. One level-1 line a description
-    /// tells how many there were.
+    /// XML_NOTHING for a description with a wrong expression, because an answer to no question at
+    /// all would mislead the person who asked. Leaves out a field that addField refuses. A field
+    /// that lists more than QUERY_MAX_VALUES different values takes any value. Logs one line at
+    /// level 1 for each description that lost something, with the numbers.
     int xmlEndElement(XmlObjParseContext* context, const XMLCh* name) override;
     std::ostream& writeXml(std::ostream& out, XmlStr::Encoding encoding) const override;
 
-    /// An element inside the description that this class does not know, before it is skipped with
-    /// all that is in it. Does nothing here; for classes that have more to tell.
+    /// Called for an unknown element inside the description, before the element is skipped with its
+    /// content. Does nothing here. A derived class may read more elements with it.
     virtual void userOperation(const XMLCh* name, AttributeList& attributes);
 
   private:
-    bool addTold(const QueryField& told, std::string& refused);
+    bool addCarryable(const QueryField& added, std::string& refused);
     void addFields(const std::vector<QueryField>& fields, QueryLosses& losses);
 
     TlxString m_query;
     std::shared_ptr<const QueryExpression> m_expression;
     QueryMistake m_mistake;
     std::vector<QueryField> m_fields;
-    bool m_mergedWhole = true; ///< every merge until now left nothing out
+    bool m_mergedWhole = true; ///< no merge has left anything out so far
     AutoDereference<const JobExecInfo> m_job;
 };
 
-/// Makes a TlxQuery from its start tag (the caller gets the creator's reference through query) and
-/// answers the context for its content, which the caller owns.
+/// Makes a TlxQuery from its start tag.
+/// @param query receives the query, with the creator's reference.
+/// @return the context for its content. The caller owns it.
 XmlObjParseContext* xmlCreateObject(const XMLCh* name, AttributeList& attributes,
                                     const XmlObjParseContext* parent, TlxQuery*& query);
 

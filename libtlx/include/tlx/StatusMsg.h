@@ -1,5 +1,5 @@
 #pragma once
-// A status message that can travel inside other documents.
+// A status message. Other documents may contain it.
 
 #include <cstdint>
 
@@ -8,8 +8,8 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// A numbered message. As XML: <STATUSMSG Code="17">text</STATUSMSG>. Reference-counted; unchanged
-/// once it is shared.
+/// A numbered message. As XML: <STATUSMSG Code="17">text</STATUSMSG>. Reference-counted. Share it
+/// only when nobody changes it any more.
 class StatusMsg : public virtual TLXRefCounted, public XmlInterface
 {
   public:
@@ -34,8 +34,9 @@ class StatusMsg : public virtual TLXRefCounted, public XmlInterface
     TlxString m_text;
 };
 
-/// Makes a StatusMsg from its start tag (the caller gets the creator's reference through message)
-/// and answers the context for its content, which the caller owns. A "Code" that is no number is 0.
+/// Makes a StatusMsg from its start tag. A "Code" that is no number counts as 0.
+/// @param message receives the message, with the creator's reference.
+/// @return the context for its content. The caller owns it.
 XmlObjParseContext* xmlCreateObject(const XMLCh* name, AttributeList& attributes,
                                     const XmlObjParseContext* parent, StatusMsg*& message);
 

@@ -1,5 +1,5 @@
 #pragma once
-// Text. Inside the system every text is UTF-8; other encodings exist only at its edges.
+// Texts. Inside the system every text is UTF-8. Other encodings exist only at its edges.
 
 #include <compare>
 #include <ostream>
@@ -10,26 +10,25 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// A text, held as UTF-8. Bytes that are not valid UTF-8 are kept as they came (a name may hold
-/// them; the percent-encoding of Uri.h makes them harmless); only the conversion to XMLCh replaces
-/// them, by U+FFFD. A value type: copies are independent; one object is used by one thread at a
-/// time. No operation fails.
+/// A text in UTF-8. Keeps bytes that are not valid UTF-8: a name may hold them, and the
+/// percent-encoding of Uri.h makes them harmless. Only the conversion to XMLCh replaces them, by
+/// U+FFFD. Value type; one thread at a time uses an object. No operation fails.
 class TlxString
 {
   public:
     TlxString() = default;
-    /// From narrow text in the default narrow code page. That code page is UTF-8 on every host: the
-    /// ORB's native code set is UTF-8 too, so what arrives over the wire is imported unchanged,
-    /// whatever locale the process runs in.
+    /// From narrow text. The narrow code page is UTF-8 on every host, in every locale. The ORB's
+    /// native code set is UTF-8, too, so texts arrive from the wire unchanged.
     TlxString(std::string narrow) : m_utf8(std::move(narrow)) {}
     TlxString(std::string_view narrow) : m_utf8(narrow) {}
     TlxString(const char* narrow) : m_utf8(narrow ? narrow : "") {}
 
-    /// From the parser's UTF-16 text; unpaired surrogates become U+FFFD. A null pointer is empty.
+    /// From the parser's UTF-16 text. Unpaired surrogates become U+FFFD. A null pointer makes an
+    /// empty text.
     static TlxString fromXmlCh(const XMLCh* text);
     static TlxString fromXmlCh(std::basic_string_view<XMLCh> text);
 
-    /// As the parser's UTF-16 text; bytes that are no UTF-8 become U+FFFD.
+    /// As the parser's UTF-16 text. Bytes that are no UTF-8 become U+FFFD.
     std::basic_string<XMLCh> toXmlCh() const;
 
     const std::string& utf8() const { return m_utf8; }
@@ -50,12 +49,12 @@ class TlxString
     std::string m_utf8;
 };
 
-/// The length in bytes (1 to 4) of the well-formed UTF-8 character at the start of text, 0 when
-/// there is none (text empty, or its first byte begins no valid character). The code point goes to
-/// codePoint when that is given.
+/// The first character of a text in UTF-8. @param codePoint receives its code point; may be null.
+/// @return its length in bytes (1 to 4); 0 for an empty text and when the first byte begins no
+/// valid character.
 std::size_t utf8Character(std::string_view text, char32_t* codePoint = nullptr);
 
-/// Case-insensitive comparison as strcasecmp does it (letters of ASCII only).
+/// Compares without regard to case, like strcasecmp: only letters of ASCII have case.
 int compareIgnoringCase(const TlxString& a, const TlxString& b);
 
 } // namespace Veltrane::Quillmark::Tlx

@@ -1,5 +1,5 @@
 #pragma once
-// Text to value and back, for what stands in metadata documents.
+// Converts the texts of metadata documents to values, and values to texts.
 
 #include <cstdint>
 #include <string>
@@ -9,11 +9,11 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// A time as decimal seconds, a dot and six digits of microseconds: "1700000000.250000".
+/// A time as decimal seconds, a point and six digits of microseconds: "1700000000.250000".
 std::string toText(const TlxObjTime& time);
 
-/// The whole text, without white space around it, must be the value; otherwise the answer is false
-/// and out keeps what it held. Numbers are decimal; a number out of the type's range is no value.
+/// Converts the whole text, except for white space around it. Numbers are decimal.
+/// @return false, with out unchanged, when the text is no value or the type cannot hold it.
 bool fromText(const TlxString& text, TlxObjTime& out);
 bool fromText(const TlxString& text, std::uint32_t& out);
 bool fromText(const TlxString& text, std::int32_t& out);

@@ -1,27 +1,28 @@
 #pragma once
 // Objects that read themselves from XML events and write themselves as XML.
 //
-// The parser (SAX1) reports events; an XmlInterface receives them together with a context that
-// holds the state of this one parse. An object that contains others hands events of an inner
-// element on to the inner object with a context of its own. The end of an element answers who goes
-// on:
+// The parser (SAX1) reports events. An XmlInterface receives them, together with a context that
+// holds the state of this parse. An object that contains other objects passes them the events of
+// their elements, each with a context of its own. xmlEndElement answers who receives the next
+// event:
 //
 //     XML_COMPLETE (0)  the element and its object are complete
 //     XML_INSIDE   (1)  more events belong to the element
-//     XML_NOTHING  (2)  the element is over, but yields nothing
+//     XML_NOTHING  (2)  the element is over, but yields no object
 //
-// An element that nobody knows is passed to XmlInterface::xmlStartElement, which skips it: until
-// its end no event of it, nor of anything inside it, reaches any object.
+// An object passes an unknown element to XmlInterface::xmlStartElement, which skips it: no object
+// receives an event of this element or of its content.
 //
-// Every document is somebody else's input. Parsing reads no external entity and no DTD from
-// outside, bounds entity expansion, depth and what is kept at a time, and answers a hostile
-// document with false and a level-1 line; nothing is thrown out of it.
+// Every document is input from outside. The parser reads no external entity and no external DTD. It
+// bounds entity expansion, depth, and what it keeps at a time. For a hostile document it answers
+// false and logs a line at level 1. It lets no exception out.
 
 #include <cstddef>
 #include <memory>
 #include <ostream>
 #include <string>
 
+#include <tl/expected.hpp>
 #include <xercesc/sax/AttributeList.hpp>
 #include <xercesc/util/XercesDefs.hpp>
 
@@ -37,6 +38,7 @@ namespace Veltrane::Quillmark::Tlx {
 using xercesc::AttributeList;
 using xercesc::InputSource;
 
+// Compat(end-results): plug-in parsers return these numbers.
 enum XmlEndResult
 {
     XML_COMPLETE = 0,
@@ -44,67 +46,67 @@ enum XmlEndResult
     XML_NOTHING = 2
 };
 
-/// Elements nested deeper than this make a document unparsable.
+/// Elements inside one another, at most.
 constexpr unsigned XML_MAX_DEPTH = 256;
 /// Entity references expanded in one document, at most.
 constexpr unsigned XML_MAX_ENTITY_EXPANSIONS = 1000;
-/// Bytes before the document's element, with its start tag. The parser keeps what a document type
-/// declares in trees that take more than a hundred times the space.
+/// Bytes before the document's element and of its start tag, at most. The parser keeps the
+/// declarations of a document type in trees that take more than a hundred times their space.
 constexpr std::size_t XML_MAX_PROLOG_BYTES = 1u << 20;
-/// Bytes of one start tag, comment or other thing that the parser gathers before it tells of it. Of
-/// text it tells every 2^20 characters, which as references have up to ten bytes each. (As the
-/// parser reads in blocks, of this bound and the one above it a block more may pass.)
+/// Bytes of one start tag, comment or other thing that the parser gathers before it reports it, at
+/// most. It reports text every 2^20 characters, which may be references of up to ten bytes each.
+/// The parser reads in blocks, so a block more than this bound and the one above may pass.
 constexpr std::size_t XML_MAX_PIECE_BYTES = 12u << 20;
-/// Different names of elements in one document; the parser keeps each. What a document type
-/// declares counts apart.
+/// Different names of elements in one document, at most, because the parser keeps each. The names
+/// that a document type declares count in addition.
 constexpr std::size_t XML_MAX_ELEMENT_NAMES = 100000;
-/// Characters (UTF-16 units) that one context collects as text.
+/// Characters (UTF-16 units) that one context collects as text, at most.
 constexpr std::size_t XML_MAX_TEXT = 16u << 20;
-/// Elements of one document that are unknown or refused, where each of them is logged.
+/// Unknown or refused elements in one document, at most, where each of them is logged.
 constexpr unsigned XML_MAX_FAULTS = 1000;
 
-/// The state of parsing one element: its name, the text collected since it was last cleared, and
-/// what all contexts of one parse share with their parents: whether an unknown element is being
-/// skipped, and whether the parse is to end. Used by one thread.
+/// The state of parsing one element: its name, and the text collected since the last clearText. All
+/// contexts of one parse share two more things: whether the parser is skipping an unknown element,
+/// and whether the parse is to end. One thread uses it.
 class XmlObjParseContext
 {
   public:
     /// @param parent the context of the enclosing element; null at the root. It must outlive this
-    /// one.
+    /// context.
     explicit XmlObjParseContext(const XMLCh* elementName,
                                 const XmlObjParseContext* parent = nullptr);
     XmlObjParseContext(const XmlObjParseContext&) = delete;
     XmlObjParseContext& operator=(const XmlObjParseContext&) = delete;
     virtual ~XmlObjParseContext();
 
-    /// Whether name is, to the letter, the name of the element that this context was made for.
+    /// Whether name is the name of this context's element, letter by letter.
     bool isEndTag(const XMLCh* name) const;
 
-    /// Whether an element's name is tag, whatever the case of its letters.
+    /// Whether an element's name is tag, in any case of its letters.
     static bool cmptag(const XMLCh* name, const char* tag);
-    /// Whether an element's name is tag to the letter.
+    /// Whether an element's name is tag, letter by letter.
     static bool isTag(const XMLCh* name, const char* tag);
 
-    /// The text collected so far. It can be written again: the control characters that only XML 1.1
-    /// lets in have become U+FFFD.
+    /// The text collected so far. Control characters that only XML 1.1 allows have become U+FFFD,
+    /// so that the text can be written again.
     TlxString text() const;
-    /// What would exceed XML_MAX_TEXT is not appended, and ends the parse.
+    /// Appends to the text. A text that would exceed XML_MAX_TEXT ends the parse instead.
     void appendText(const XMLCh* chars, std::size_t length);
     void clearText();
 
-    /// Skipping: begun by the default start-element handling; the parser's driver counts the nested
-    /// elements. While an element is skipped the driver calls no object.
+    /// XmlInterface::xmlStartElement begins the skipping of an element. Then the parser's driver
+    /// counts the elements inside it, and calls no object until its end.
     bool isSkipping() const { return m_parse->skipDepth > 0; }
     void skipEnter() const { ++m_parse->skipDepth; }
     void skipLeave() const { --m_parse->skipDepth; }
 
-    /// Has the driver end the parse after the present event, as a break of the document would; the
-    /// first reason is the one that is logged.
+    /// Ends the parse after the current event, as a malformed document would. Only the first reason
+    /// is logged.
     void refuse(const TlxString& reason) const;
-    /// Why the parse is to end; empty when it is not.
+    /// Why the parse is to end; empty while it goes on.
     const TlxString& refusal() const { return m_parse->refusal; }
-    /// To be called with every line that is logged about an element that is unknown or refused:
-    /// more than XML_MAX_FAULTS end the parse, so that no document can fill the log.
+    /// Call it with every log line about an unknown or refused element. More than XML_MAX_FAULTS
+    /// calls end the parse, so that no document can fill the log.
     void countFault() const;
 
   private:
@@ -119,12 +121,12 @@ class XmlObjParseContext
     std::shared_ptr<Parse> m_parse;
 };
 
-/// Something that can be read from XML events and written as XML. The base collects text, skips
-/// unknown elements and writes nothing.
+/// An object that reads itself from XML events and writes itself as XML. The base collects text,
+/// skips all elements and writes nothing.
 class XmlInterface
 {
   public:
-    /// Text of the current element; may come in several calls.
+    /// Text of the current element. One text may come in several calls.
     virtual void xmlCharacters(XmlObjParseContext* context, const XMLCh* chars,
                                unsigned long length);
     virtual void xmlStartElement(XmlObjParseContext* context, const XMLCh* name,
@@ -139,33 +141,35 @@ class XmlInterface
 class XmlDocumentInterface : public XmlInterface
 {
   public:
-    /// @param codePage the encoding of documents without a declaration; null for UTF-8.
-    /// @param documentName the root element's name, handed to getObjParseContext.
+    /// @param codePage the encoding of documents that declare none; null for UTF-8.
+    /// @param documentName the root element's name, for getObjParseContext.
     XmlDocumentInterface(const char* codePage, const char* documentName);
     ~XmlDocumentInterface() override;
 
-    /// The context for the root element of a parse; the caller owns it. The base makes a plain one.
+    /// Makes the context for the root element. The caller owns it. The base makes a plain context.
     virtual XmlObjParseContext* getObjParseContext(const XMLCh* name);
 
-    /// Parses a document from memory, calling this object's operations. False when the text is not
-    /// a well-formed document or exceeds a bound (the reason is logged at level 1); what the events
-    /// did until then stays done.
+    /// Parses a document from memory and calls this object's operations.
+    /// @return false when the text is not a well-formed document or exceeds a bound. Logs the
+    /// reason at level 1. The effects of the events until then stay.
     bool parseBuffer(const std::string& text);
 
-    /// The same from a stream. A stream whose read fails counts as ended.
+    /// Parses a document from a stream. A failed read counts as the stream's end.
     bool parse(InputSource& source);
+    /// The same, with the failure as a value: the text that was logged.
+    [[nodiscard]] tl::expected<void, TlxString> parseOrExplain(InputSource& source);
 
   private:
-    bool run(const InputSource& source);
+    tl::expected<void, TlxString> run(const InputSource& source);
     std::string m_codePage;
     std::basic_string<XMLCh> m_documentName;
 };
 
-/// An attribute's value; empty when it is absent.
+/// An attribute's value; empty without that attribute.
 TlxString xmlAttribute(AttributeList& attributes, const char* name);
 
-/// Brings the XML library up for this process; every operation here does so by itself. Safe to call
-/// from any thread, any number of times.
+/// Starts the XML library in this process. Every operation here calls it by itself. Any thread may
+/// call it, any number of times.
 void initialiseXml();
 
 } // namespace Veltrane::Quillmark::Tlx

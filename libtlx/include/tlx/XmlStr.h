@@ -9,14 +9,14 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// A text, to be written as XML character data or as an attribute's value: operator<< escapes
-/// "&", "<", ">", the double and the single quotation mark, writes a carriage return as a character
-/// reference, and replaces what XML 1.0 cannot carry (other control characters, invalid UTF-8) by
-/// U+FFFD. A character that the encoding lacks is written as a character reference.
+/// A text that operator<< writes as XML character data. It escapes "&", "<", ">" and both quotation
+/// marks. It writes a character reference for a carriage return and for each character that the
+/// encoding lacks. It writes U+FFFD for what XML 1.0 cannot carry: other control characters and
+/// invalid UTF-8.
 class XmlStr
 {
   public:
-    /// The encodings a document may be written in. The zero value is the default everywhere.
+    /// The encodings of documents that we write. The zero value is the default everywhere.
     enum Encoding
     {
         XE_UTF8 = 0,
@@ -31,7 +31,7 @@ class XmlStr
 
     friend std::ostream& operator<<(std::ostream& out, const XmlStr& text);
 
-    /// The XML declaration of version 1.0 for the encoding; no line break after it.
+    /// The XML declaration of version 1.0 with the encoding, without a line break.
     static std::ostream& xmlProlog(std::ostream& out, Encoding encoding);
     /// "<name>"
     static std::ostream& appendStart(std::ostream& out, std::string_view name);

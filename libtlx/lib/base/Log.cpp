@@ -20,6 +20,8 @@
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/sinks/stdout_sinks.h>
 
+#include <tlx/FileDescriptor.h>
+
 namespace Veltrane::Quillmark::Tlx {
 
 namespace {
@@ -108,24 +110,19 @@ std::string lineText(const LogSink::Line& line)
 /// rotation renames it. Throws.
 void prepareLogFile(const std::string& file)
 {
-    const int fd =
+    const FileDescriptor opened(
         ::open(file.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK,
-               LOG_FILE_MODE);
-    if (fd < 0)
+               LOG_FILE_MODE));
+    if (!opened.isOpen())
         throwCannotOpen(file, std::strerror(errno));
+    const int fd = opened.get();
     struct stat status = {};
-    const bool regular = ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
-    char last = '\n';
-    bool ended = true;
-    if (regular && status.st_size > 0 && ::pread(fd, &last, 1, status.st_size - 1) == 1 &&
-        last != '\n')
-        ended = ::write(fd, "\n", 1) == 1;
-    const int writeError = errno;
-    ::close(fd);
-    if (!regular)
+    if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))
         throwCannotOpen(file, "not a regular file");
-    if (!ended)
-        throwCannotOpen(file, std::strerror(writeError));
+    char last = '\n';
+    if (status.st_size > 0 && ::pread(fd, &last, 1, status.st_size - 1) == 1 && last != '\n')
+        if (::write(fd, "\n", 1) != 1)
+            throwCannotOpen(file, std::strerror(errno));
 }
 
 /// A log file that was there before keeps no wider permissions, and no child inherits it.
@@ -360,6 +357,9 @@ void LoggerFactory::setSink(std::shared_ptr<LogSink> sink)
 
 namespace {
 
+/// This thread's innermost scope; null outside all scopes.
+thread_local const LogScope* t_innermost = nullptr;
+
 void trace(Logger* logger, const char* event, const char* name, const char* file, int line) noexcept
 {
     if (logger == nullptr || logger->level() < LOG_LEVEL_TRACE)
@@ -373,15 +373,31 @@ void trace(Logger* logger, const char* event, const char* name, const char* file
 
 } // namespace
 
-Tracer::Tracer(Logger* logger, const char* name, const char* file, int line)
-    : m_logger(logger), m_name(name), m_file(file), m_line(line)
+LogScope::LogScope(const char* operation) noexcept
+    : m_operation(operation), m_enclosing(t_innermost)
 {
-    trace(m_logger, "enter", m_name, m_file, m_line);
+    t_innermost = this;
+}
+
+LogScope::~LogScope()
+{
+    t_innermost = m_enclosing;
+}
+
+const char* LogScope::current() noexcept
+{
+    return t_innermost ? t_innermost->operation() : NO_OPERATION;
+}
+
+Tracer::Tracer(Logger* logger, const char* name, const char* file, int line)
+    : m_scope(name), m_logger(logger), m_file(file), m_line(line)
+{
+    trace(m_logger, "enter", name, m_file, m_line);
 }
 
 Tracer::~Tracer()
 {
-    trace(m_logger, "leave", m_name, m_file, m_line);
+    trace(m_logger, "leave", name(), m_file, m_line);
 }
 
 } // namespace Veltrane::Quillmark::Tlx

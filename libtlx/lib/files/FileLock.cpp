@@ -32,24 +32,26 @@ std::unique_ptr<FileLock> FileLock::open(const std::string& path, int flags, mod
     std::unique_ptr<FileLock> lock(new FileLock(nullptr, -1, table.pid));
     // Not waiting for a writer, should somebody have put a pipe in the file's place; on a regular
     // file the flag does nothing.
-    int fd = -1;
-    do {
-        fd = ::open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode);
-    } while (fd < 0 && errno == EINTR);
-    if (fd < 0)
+    auto file = openFile(path, flags | O_NONBLOCK | O_NOCTTY, mode);
+    if (!file) {
+        errno = file.error().value();
         return nullptr;
+    }
     struct stat status = {};
-    if (::fstat(fd, &status) != 0)
-        return nullptr; // left open: whose locks closing it would drop is not known
+    if (::fstat(file->get(), &status) != 0) {
+        // Left open: closing it could drop the locks of a file that is not known.
+        (void)file->release();
+        return nullptr;
+    }
     if (!S_ISREG(status.st_mode)) {
-        ::close(fd);
+        file->reset();
         errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
         return nullptr;
     }
     Guard guard(table.mutex);
     lock->m_file = table.fileOf(status);
-    lock->m_file->open.push_back(FileLockDetail::describe(fd));
-    lock->m_fd = fd;
+    lock->m_file->open.push_back(FileLockDetail::describe(file->get()));
+    lock->m_fd = file->release(); // from here on the table closes it
     return lock;
 }
 
@@ -181,6 +183,29 @@ FileGate::FileGate(const FileLock& lock)
         return;
     m_file = lock.m_file;
     m_lock = std::unique_lock(m_file->gate);
+}
+
+tl::expected<LockedFile, LockFailure> openLocked(const TlxPathname& path, int flags, mode_t mode,
+                                                 LockLevel level, LockWait wait)
+{
+    using Change = int (FileLock::*)();
+    const bool writes = level == LockLevel::Write;
+    const Change acquire = writes ? &FileLock::acquire_write : &FileLock::acquire_read;
+    const Change tryAcquire = writes ? &FileLock::tryacquire_write : &FileLock::tryacquire_read;
+    for (int attempt = 0; attempt < LOCK_MAX_ATTEMPTS; ++attempt) {
+        auto lock = FileLock::open(path.text(), flags, mode);
+        if (!lock)
+            return tl::unexpected(LockFailure{LockFailure::OPENING, systemError(errno)});
+        if (((*lock).*(wait == LockWait::WAIT ? acquire : tryAcquire))() != 0) {
+            const std::error_code error = systemError(errno);
+            return tl::unexpected(LockFailure{LockFailure::LOCKING, error, std::move(lock)});
+        }
+        // Compared inside the gate: another thread of this process may be removing the file.
+        FileGate gate(*lock);
+        if (lock->isStillAt(path.text()))
+            return LockedFile{std::move(lock), std::move(gate)};
+    }
+    return tl::unexpected(LockFailure{LockFailure::REPLACED, systemError(EAGAIN)});
 }
 
 } // namespace Veltrane::Quillmark::Tlx

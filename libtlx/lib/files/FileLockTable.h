@@ -37,6 +37,8 @@ namespace Veltrane::Quillmark::Tlx::FileLockDetail {
 
 using Guard = std::unique_lock<std::mutex>;
 
+/// Not an owner: closing a descriptor drops the locks of its file, so the table alone decides when
+/// (File::settle).
 struct Descriptor
 {
     int fd;

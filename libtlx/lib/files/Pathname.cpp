@@ -13,15 +13,15 @@ bool isDirectory(const std::string& path)
     return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-/// 0 or errno.
+/// @return 0 or an errno.
 int makeDirectory(const std::string& path, mode_t mode)
 {
     if (::mkdir(path.c_str(), mode) == 0)
-        // The permissions asked for hold whatever mask the process was started with.
+        // Sets the permissions exactly: mkdir subtracts the process's mask from them.
         return ::chmod(path.c_str(), mode) == 0 ? 0 : errno;
     const int error = errno;
-    // Another error than EEXIST is no failure either when the directory is there: a read-only or
-    // protected file system answers EROFS or EACCES first.
+    // Any error is fine when the directory exists: a read-only or protected file system may answer
+    // EROFS or EACCES instead of EEXIST.
     if (isDirectory(path))
         return 0;
     return error == EEXIST ? ENOTDIR : error;
@@ -34,7 +34,7 @@ TlxPathname TlxPathname::withFileName(const std::string& name) const
     const auto nameStart = name.find_first_not_of('/');
     if (nameStart == std::string::npos)
         return *this;
-    // Nothing stands for no directory at all, not for the root.
+    // An empty path means no directory, not the root.
     if (m_path.empty())
         return TlxPathname(name.substr(nameStart));
     const auto last = m_path.find_last_not_of('/');
@@ -62,7 +62,7 @@ int TlxPathname::createDirectories(unsigned int mode) const
     if (m_path.empty())
         return ENOENT;
     if (m_path.find('\0') != std::string::npos)
-        return EINVAL; // the system would see a shorter path than the caller wrote
+        return EINVAL; // the system would see a shorter path than the caller meant
     if (isDirectory(m_path))
         return 0;
     for (auto end = m_path.find('/', 1); end != std::string::npos;

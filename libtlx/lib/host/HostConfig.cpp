@@ -9,10 +9,9 @@
 #include <mutex>
 #include <optional>
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <tlx/File.h>
 #include <tlx/Resolver.h>
 
 #include "ConfigText.h"
@@ -29,41 +28,20 @@ bool sameName(const std::string& a, const std::string& b)
     return compareIgnoringCase(a, b) == 0;
 }
 
-std::string errorText(int error)
-{
-    char buffer[256];
-    return ::strerror_r(error, buffer, sizeof buffer);
-}
-
 // Reads a whole file; what was wrong otherwise.
 std::string readFile(const std::string& path, std::string& out)
 {
-    // Not blocking: somebody may have put a pipe there.
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-    if (fd < 0)
-        return "cannot be read: " + errorText(errno);
-    const std::unique_ptr<const int, void (*)(const int*)> closer(
-        &fd, [](const int* f) { ::close(*f); });
-    struct stat status;
-    if (::fstat(fd, &status) != 0)
-        return "cannot be read: " + errorText(errno);
-    if (!S_ISREG(status.st_mode))
-        return "cannot be read: it is not a regular file";
-    std::string content;
-    char buffer[16384];
-    while (content.size() <= CONFIG_MAX_BYTES) {
-        const ssize_t count = ::read(fd, buffer, sizeof buffer);
-        if (count == 0) {
-            out = std::move(content);
-            return {};
-        }
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            return "cannot be read: " + errorText(errno);
-        content.append(buffer, static_cast<std::size_t>(count));
+    auto content = readWholeFile(path, CONFIG_MAX_BYTES);
+    if (content) {
+        out = std::move(*content);
+        return {};
     }
-    return "cannot be read: it is larger than " + std::to_string(CONFIG_MAX_BYTES) + " bytes";
+    const std::error_code error = content.error();
+    return "cannot be read: " +
+           (error == std::errc::invalid_argument ? "it is not a regular file"
+            : error == std::errc::file_too_large
+                ? "it is larger than " + std::to_string(CONFIG_MAX_BYTES) + " bytes"
+                : error.message());
 }
 
 // One read of the configuration. Never changes but for the answer that is found out late.

@@ -19,6 +19,7 @@
 #include <omniORB4/internal/GIOP_S.h>
 #include <omniORB4/omniInterceptors.h>
 
+#include <tlx/File.h>
 #include <tlx/HostConfig.h>
 #include <tlx/Orb.h>
 #include <tlx/Resolver.h>
@@ -94,15 +95,13 @@ std::string whyNotBound(const std::string& text)
             ::getaddrinfo(node, std::to_string(endpoint.port).c_str(), &hints, &found))
         return ::gai_strerror(error);
     int error = 0;
-    const int fd = ::socket(found->ai_family, found->ai_socktype | SOCK_CLOEXEC, 0);
+    const FileDescriptor bound(::socket(found->ai_family, found->ai_socktype | SOCK_CLOEXEC, 0));
     const int on = 1;
-    if (fd == -1)
+    if (!bound.isOpen() ||
+        ::setsockopt(bound.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+        ::bind(bound.get(), found->ai_addr, found->ai_addrlen) != 0 ||
+        ::listen(bound.get(), 1) != 0)
         error = errno;
-    else if (::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
-             ::bind(fd, found->ai_addr, found->ai_addrlen) != 0 || ::listen(fd, 1) != 0)
-        error = errno;
-    if (fd != -1)
-        ::close(fd);
     ::freeaddrinfo(found);
     return error ? std::strerror(error) : "";
 }

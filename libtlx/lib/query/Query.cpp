@@ -6,21 +6,13 @@
 
 #include "QueryExpression.h"
 #include "QueryLosses.h"
+#include "QueryParser.h"
+#include "QueryWords.h"
 #include "XmlCharacter.h"
 
 namespace Veltrane::Quillmark::Tlx {
 
 namespace {
-
-bool isLetter(char c)
-{
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
-}
-
-bool isNameChar(char c)
-{
-    return isLetter(c) || (c >= '0' && c <= '9') || c == '-' || c == '.';
-}
 
 TlxString carryable(const TlxString& text)
 {
@@ -37,7 +29,7 @@ TlxString carryable(const TlxString& text)
     return result;
 }
 
-/// What XML can carry of a field, each value once.
+/// The field as XML can carry it, each value once.
 QueryField carryable(const QueryField& field)
 {
     QueryField result{field.name, field.type, carryable(field.description), {}};
@@ -51,7 +43,8 @@ QueryField carryable(const QueryField& field)
     return result;
 }
 
-/// Another host may tell of many fields: most that differ do so at an end.
+/// Fast for different names, because other hosts may send many fields: most names differ in length
+/// or in the last letter.
 bool isSameName(const TlxString& a, const TlxString& b)
 {
     return a.size() == b.size() &&
@@ -59,7 +52,7 @@ bool isSameName(const TlxString& a, const TlxString& b)
            compareIgnoringCase(a, b) == 0;
 }
 
-/// Why a field cannot be told; empty when it can.
+/// Why a field cannot be added; empty when it can.
 std::string problemOf(const QueryField& field)
 {
     const std::string bytes = " bytes";
@@ -87,7 +80,7 @@ QueryFieldType mergedType(QueryFieldType a, QueryFieldType b)
     return isNumeric(a) && isNumeric(b) ? QF_NUMBER : QF_TEXT;
 }
 
-/// Hosts mostly tell the same values in the same order: then nothing is looked up and none copied.
+/// Most hosts list the same values in the same order. Then this copies nothing.
 void mergeValues(std::vector<TlxString>& values, const std::vector<TlxString>& others)
 {
     if (values.empty() || others.empty()) {
@@ -217,8 +210,8 @@ std::vector<std::string> TlxQuery::fieldsAsked() const
 
 bool TlxQuery::isFieldName(std::string_view name)
 {
-    return !name.empty() && name.size() <= QUERY_MAX_NAME && isLetter(name[0]) &&
-           std::all_of(name.begin(), name.end(), isNameChar) && !isQueryKeyword(name);
+    return !name.empty() && name.size() <= QUERY_MAX_NAME && isQueryNameStart(name[0]) &&
+           std::all_of(name.begin(), name.end(), isQueryNameCharacter) && !isQueryKeyword(name);
 }
 
 const QueryField* TlxQuery::field(std::string_view name) const
@@ -237,25 +230,25 @@ bool TlxQuery::addField(const QueryField& field)
 
 bool TlxQuery::addField(const QueryField& field, std::string& refused)
 {
-    return addTold(carryable(field), refused);
+    return addCarryable(carryable(field), refused);
 }
 
-/// Of a field that XML can carry, each value once, as all fields of a query are.
-bool TlxQuery::addTold(const QueryField& told, std::string& refused)
+/// Adds a field that carryable made. All fields of a query are such fields.
+bool TlxQuery::addCarryable(const QueryField& added, std::string& refused)
 {
-    refused = problemOf(told);
+    refused = problemOf(added);
     const auto known =
         std::find_if(m_fields.begin(), m_fields.end(), [&](const QueryField& candidate) {
-            return isSameName(candidate.name, told.name);
+            return isSameName(candidate.name, added.name);
         });
     if (refused.empty() && known == m_fields.end() && m_fields.size() >= QUERY_MAX_FIELDS)
         refused = "there are more than " + std::to_string(QUERY_MAX_FIELDS) + " fields";
     if (!refused.empty())
         return false;
     if (known == m_fields.end())
-        m_fields.push_back(told);
+        m_fields.push_back(added);
     else
-        mergeField(*known, told);
+        mergeField(*known, added);
     return true;
 }
 
@@ -263,7 +256,7 @@ void TlxQuery::addFields(const std::vector<QueryField>& fields, QueryLosses& los
 {
     for (const QueryField& field : fields) {
         std::string refused;
-        if (!addTold(field, refused))
+        if (!addCarryable(field, refused))
             losses.addField(field, refused);
     }
 }
@@ -276,7 +269,7 @@ void TlxQuery::merge(const TlxQuery& other)
     addFields(other.m_fields, losses);
     if (!losses.any())
         return;
-    if (m_mergedWhole) // one line, however many descriptions other hosts wrote
+    if (m_mergedWhole) // one line for any number of descriptions
         losses.log("TlxQuery::merge");
     m_mergedWhole = false;
 }

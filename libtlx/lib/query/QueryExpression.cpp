@@ -29,7 +29,7 @@ bool holds(QueryOperator op, std::partial_ordering order)
     case QueryOperator::Like:
         break;
     }
-    return false; // patterns are for texts
+    return false; // only texts have patterns
 }
 
 bool isEquality(QueryOperator op)

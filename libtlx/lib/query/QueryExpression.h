@@ -1,5 +1,5 @@
 #pragma once
-// A query's expression, as the parser made it.
+// A query's expression, as the parser builds it.
 
 #include <memory>
 #include <string>
@@ -10,10 +10,10 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// What stands on the right of a comparison.
+/// The right side of a comparison.
 struct QueryLiteral
 {
-    TlxString spelling; ///< as texts are compared with it: without quotation marks and escapes
+    TlxString spelling; ///< for comparisons with texts: without quotation marks and escapes
     QueryValue::Kind kind = QueryValue::QV_TEXT;
     QueryNumber number = 0; ///< of a QV_NUMBER
     bool flag = false;      ///< of a QV_FLAG
@@ -30,12 +30,12 @@ enum class QueryOperator
     Like
 };
 
-/// Built in the order of a stack machine (operands first), so that neither the evaluation nor the
-/// end of a long expression recurses. Unchanged once it is built; any thread.
+/// The steps of a stack machine, operands first. So neither the evaluation nor the destruction of a
+/// long expression recurses. Any thread, once the expression is built.
 class QueryExpression
 {
   public:
-    // Building. Fields are names in lower-case letters.
+    // Building. The names of fields are in lower-case letters.
     void compare(std::string field, QueryOperator op, QueryLiteral literal);
     void flag(std::string field);
     void negate();
@@ -66,16 +66,9 @@ class QueryExpression
     std::vector<Step> m_steps;
 };
 
-/// The expression of a text; null for one of white space alone. Null too, with the reason in
-/// mistake, when it is no expression.
-std::shared_ptr<const QueryExpression> parseQuery(std::string_view text, QueryMistake& mistake);
-
-/// Whether a name is one of the language's own words, whatever the case of its letters.
-bool isQueryKeyword(std::string_view name);
-
 std::string queryLowerCase(std::string_view name);
 
-/// The length of the longest start of text that an XML document can carry.
+/// The length of the longest beginning of the text that an XML document can carry.
 std::size_t carryableLength(std::string_view text);
 
 } // namespace Veltrane::Quillmark::Tlx

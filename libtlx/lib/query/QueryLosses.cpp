@@ -8,7 +8,7 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../Query";
 
-/// A name for a log line: what another host wrote is shown to some length, on one line.
+/// The beginning of a name, on one line, because another host wrote it.
 std::string shown(const TlxString& name)
 {
     constexpr std::size_t SHOWN = 64;

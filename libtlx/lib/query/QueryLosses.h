@@ -1,5 +1,5 @@
 #pragma once
-// What a description told and a query did not take, for the one line that tells of it.
+// What a query left out of a description, for one log line.
 
 #include <cstddef>
 #include <string>
@@ -8,16 +8,16 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// Counts; another host may lose as much as it likes. One thread.
+/// Counts losses and keeps the first one of each kind, so any number of them fits. One thread.
 class QueryLosses
 {
   public:
-    /// A field that is left out, and why.
+    /// A field that was left out. @param refused why.
     void addField(const QueryField& field, const std::string& refused);
-    /// A field whose values are too many to be listed, so that it takes any.
+    /// A field with too many values, which therefore takes any value.
     void addOpened(const QueryField& field);
     bool any() const { return m_fields + m_opened > 0; }
-    /// A line, when something was lost.
+    /// Logs a line if anything was lost.
     void log(const char* operation) const;
 
   private:

@@ -22,7 +22,7 @@ constexpr const char* TAG_VALUE = "Value";
 constexpr const char* ATTRIBUTE_NAME = "Name";
 constexpr const char* ATTRIBUTE_TYPE = "Type";
 
-/// What was read so far: it becomes the query's at the end of its element.
+/// What was read so far. The query takes it at the end of its element.
 class QueryContext : public XmlObjParseContext
 {
   public:
@@ -40,12 +40,12 @@ class QueryContext : public XmlObjParseContext
     Node m_node = Root;
     TlxString m_query;
     QueryField m_field;           ///< being read
-    std::set<TlxString> m_values; ///< those of m_field, however often it tells them
-    TlxQuery m_described;         ///< each field is merged as it ends: memory ends with its bounds
+    std::set<TlxString> m_values; ///< the different values of m_field
+    TlxQuery m_described;         ///< takes each field at its end, so its bounds limit the memory
     QueryLosses m_losses;
 };
 
-/// A type that somebody will invent one day is a text for us: every value can be spelled.
+/// A type that is not known here counts as text, because every value can be spelled.
 QueryFieldType typeFromText(const TlxString& text)
 {
     for (const QueryFieldType type : {QF_NUMBER, QF_BYTES, QF_FLAG})
@@ -54,7 +54,7 @@ QueryFieldType typeFromText(const TlxString& text)
     return QF_TEXT;
 }
 
-/// Begins a child that the element may have; false when it is unknown there.
+/// Begins a child element. @return false when the element has no such child.
 bool startNode(QueryContext& context, const XMLCh* name, AttributeList& attributes)
 {
     const auto is = [name](const char* tag) { return XmlObjParseContext::cmptag(name, tag); };
@@ -82,7 +82,8 @@ bool startNode(QueryContext& context, const XMLCh* name, AttributeList& attribut
     }
 }
 
-/// A list of which a part is missing would be none: who asks for the rest would be refused.
+/// Too many values become "any value". Part of a list would be wrong: a filter for a value that is
+/// missing from it would look like a mistake.
 void endField(QueryContext& context)
 {
     QueryField& field = context.m_field;
@@ -96,7 +97,7 @@ void endField(QueryContext& context)
         context.m_losses.addOpened(field);
 }
 
-/// Takes what a child told; the element around it goes on.
+/// Takes the content of a child element. The element around it goes on.
 void endNode(QueryContext& context)
 {
     switch (context.m_node) {
@@ -113,7 +114,7 @@ void endNode(QueryContext& context)
         context.m_node = QueryContext::Field;
         break;
     case QueryContext::Value:
-        // One above the bound is kept, which tells that there are more.
+        // One value above the bound is kept: it shows that there are too many.
         if (context.m_values.size() <= QUERY_MAX_VALUES &&
             context.m_values.insert(context.text()).second)
             context.m_field.values.push_back(context.text());
@@ -183,13 +184,13 @@ void TlxQuery::xmlStartElement(XmlObjParseContext* context, const XMLCh* name,
         XmlInterface::xmlStartElement(ctxt, name, attributes);
         return;
     }
-    // The text around an element that is skipped belongs together.
+    // The text before and after a skipped element belongs together.
     if (startNode(*ctxt, name, attributes)) {
         ctxt->clearText();
         return;
     }
     userOperation(name, attributes);
-    XmlInterface::xmlStartElement(ctxt, name, attributes); // skipped whole
+    XmlInterface::xmlStartElement(ctxt, name, attributes); // skips it with its content
 }
 
 int TlxQuery::xmlEndElement(XmlObjParseContext* context, const XMLCh* name)
@@ -211,7 +212,7 @@ int TlxQuery::xmlEndElement(XmlObjParseContext* context, const XMLCh* name)
     }
     addFields(ctxt->m_described.fields(), ctxt->m_losses);
     if (ctxt->m_losses.any()) {
-        // One line, whatever another host wrote.
+        // One line for any number of losses.
         ctxt->m_losses.log("TlxQuery::xmlEndElement");
         ctxt->countFault();
     }

@@ -16,7 +16,7 @@ constexpr std::int64_t MIN_SECONDS = std::numeric_limits<std::int64_t>::min();
 
 struct Clock
 {
-    /// Tells without a lock that nothing was installed, which is every call outside tests.
+    /// False spares now() the lock. Only tests install a clock.
     std::atomic<bool> installed{false};
     std::mutex mutex;
     std::shared_ptr<const std::function<TlxObjTime()>> function;
@@ -69,7 +69,7 @@ TlxObjTime TlxObjTime::now()
         std::lock_guard guard(source.mutex);
         function = source.function;
     }
-    // Called without the lock, so that a clock may itself look at the clock's settings.
+    // Called without the lock, so that a clock may itself call now() or setClock().
     return function ? (*function)() : systemTime();
 }
 
@@ -91,7 +91,7 @@ TlxObjTime operator+(const TlxObjTime& a, const TlxObjTime& b)
     std::int64_t microseconds = std::int64_t{a.m_microseconds} + b.m_microseconds;
     if (microseconds >= MICROSECONDS) {
         microseconds -= MICROSECONDS;
-        // Carried into the one that has room; when neither has, the sum overflows anyway.
+        // Carries into the number that has room. Without room in either, the sum overflows anyway.
         if (first < MAX_SECONDS)
             ++first;
         else if (second < MAX_SECONDS)

@@ -63,8 +63,8 @@ TlxString TlxString::fromXmlCh(const XMLCh* text)
     return text ? fromXmlCh(std::basic_string_view<XMLCh>(text)) : TlxString();
 }
 
-// The XML library's own transcoders refuse the whole text when one unit is bad; a text of ours must
-// come through with that unit replaced.
+// The XML library's transcoders refuse the whole text because of one bad unit. Here only that unit
+// is replaced.
 TlxString TlxString::fromXmlCh(std::basic_string_view<XMLCh> text)
 {
     std::string utf8;

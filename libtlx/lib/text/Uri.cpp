@@ -13,9 +13,9 @@ struct Range
     char32_t last;
 };
 
-/// Characters beyond ASCII that the display form encodes, in ascending order: two names that look
-/// alike on a screen or in a log must not differ by one of these. The last two code points of every
-/// plane are left out here and tested by a rule.
+/// Characters beyond ASCII that the display form encodes, in ascending order. Without that, two
+/// names could differ by one of them and look alike on a screen or in a log. The last two code
+/// points of every plane are not in the list; isReadableBeyondAscii has a rule for them.
 constexpr Range UNREADABLE[] = {
     {0x80, 0xA0},       // C1 controls, no-break space
     {0xAD, 0xAD},       // soft hyphen
@@ -67,7 +67,7 @@ bool isOneOf(char c, std::string_view set)
     return set.find(c) != std::string_view::npos;
 }
 
-/// Whether mask leaves an ASCII character.
+/// Whether the mask leaves an ASCII character unchanged.
 bool leavesAscii(char c, unsigned mask)
 {
     if ((mask & UC_UNRESERVED) && (isLetter(c) || isDigit(c) || isOneOf(c, "-._~")))
@@ -77,7 +77,7 @@ bool leavesAscii(char c, unsigned mask)
     return (mask & UC_READABLE) && isOneOf(c, "!#$&'()*+,/:;=?@[]");
 }
 
-/// The value of a hexadecimal digit, -1 when it is none.
+/// The value of a hexadecimal digit; -1 for another character.
 int hexValue(char c)
 {
     if (isDigit(c))
@@ -100,7 +100,7 @@ void appendEncoded(std::string& out, std::string_view bytes)
     }
 }
 
-/// The position of the authority in a URI, npos when it has none.
+/// The position of the authority in a URI; npos without an authority.
 std::size_t authorityStart(std::string_view text)
 {
     if (text.starts_with("//"))

@@ -8,7 +8,7 @@ namespace Veltrane::Quillmark::Tlx {
 
 namespace {
 
-/// The character at a position: bytes that are no valid UTF-8 count one by one.
+/// The character at a position. A byte that is no valid UTF-8 counts as a character.
 std::string_view characterAt(std::string_view text, std::size_t position)
 {
     const std::string_view rest = text.substr(position);
@@ -18,16 +18,16 @@ std::string_view characterAt(std::string_view text, std::size_t position)
 
 } // namespace
 
-// Only the last "*" ever needs another try: whatever an earlier one could take, the last one can
-// take as well. So there is one place to go back to, no recursion, and no pattern that takes more
-// steps than the product of the lengths.
+// Only the last "*" ever needs another try, because it can take all that an earlier one could take.
+// So one place to go back to is enough: there is no recursion, and no pattern takes more steps than
+// the product of the lengths.
 bool wildcardMatch(std::string_view pattern, std::string_view text, std::uint64_t& steps)
 {
     constexpr std::size_t none = std::string_view::npos;
     std::size_t inPattern = 0;
     std::size_t inText = 0;
     std::size_t afterStar = none; // the pattern's position after its last "*"
-    std::size_t resumeInText = 0; // where that "*" ends, as tried last
+    std::size_t resumeInText = 0; // where that "*" ended in the last try
 
     while (inText < text.size()) {
         ++steps;
@@ -48,7 +48,7 @@ bool wildcardMatch(std::string_view pattern, std::string_view text, std::uint64_
         if (afterStar == none)
             return false;
         if (afterStar == pattern.size())
-            return true; // the pattern ends in "*", which takes all the rest
+            return true; // the "*" at the pattern's end takes the rest
         resumeInText += characterAt(text, resumeInText).size();
         inText = resumeInText;
         inPattern = afterStar;

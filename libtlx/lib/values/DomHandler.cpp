@@ -7,15 +7,16 @@
 
 #include <tlx/ValueConverter.h>
 
-#include "XmlSafety.h"
+#include "XmlFailure.h"
+#include "XmlParserLease.h"
 #include "XmlSource.h"
 
 namespace Veltrane::Quillmark::Tlx {
 
 namespace {
 
-/// Elements, attributes and entities of a document. Small documents are read here, and the
-/// library's tree takes a time that grows with the square of the number of different names.
+/// Elements, attributes and entities of a document, at most. Documents here are small, and the time
+/// to build the library's tree grows with the square of the number of different names.
 constexpr std::size_t LARGEST_DOCUMENT = 10000;
 
 } // namespace

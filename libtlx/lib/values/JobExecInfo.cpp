@@ -11,12 +11,12 @@ bool isBlank(char c)
     return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-/// Which quotation mark a character needs around it; 0 for none.
+/// The quotation mark that a character needs around it; 0 when it needs no mark.
 char quoteFor(char c, bool first)
 {
     if (c == '"')
         return '\'';
-    // At the start of a line the splitter takes "#" for a comment.
+    // ACE_ARGV takes a "#" at the start of a line for a comment.
     return isBlank(c) || c == '\'' || (first && c == '#') ? '"' : '\0';
 }
 
@@ -28,7 +28,8 @@ bool needsQuotes(const std::string& argument)
     return argument.empty();
 }
 
-/// Quotes what needs it and nothing else: never a backslash, which might swallow the closing mark.
+/// Quotes only the characters that need it. So no backslash stands inside of marks, where it could
+/// swallow the closing mark.
 void appendInPieces(std::string& line, const std::string& argument)
 {
     char open = '\0';
@@ -47,7 +48,8 @@ void appendInPieces(std::string& line, const std::string& argument)
         line += open;
 }
 
-/// As people would, where it can be: the splitter knows no escape outside of quotation marks.
+/// Quotes an argument as people would, where that is possible: ACE_ARGV knows no escape outside of
+/// quotation marks.
 void appendQuoted(std::string& line, const std::string& argument)
 {
     const auto has = [&](char c) { return argument.find(c) != std::string::npos; };

@@ -33,7 +33,7 @@ bool parseNumber(std::string_view text, Number& out)
     return true;
 }
 
-/// One to six digits after the dot, the first being tenths.
+/// One to six digits after the point. The first one counts tenths.
 bool parseFraction(std::string_view digits, std::uint64_t& out)
 {
     if (digits.empty() || digits.size() > FRACTION_DIGITS)
@@ -49,16 +49,16 @@ bool parseFraction(std::string_view digits, std::uint64_t& out)
 
 } // namespace
 
-// A time before the epoch is written as the negative decimal number it is (a second and a half
-// before it is "-1.500000"), although the value counts its microseconds upwards from -2 seconds:
-// whoever reads the document reads a number.
+// Writes a time before the epoch as a negative decimal number, because readers of the document
+// expect a number. A second and a half before the epoch is "-1.500000", although the value counts
+// its microseconds upwards from -2 seconds.
 std::string toText(const TlxObjTime& time)
 {
     const bool negative = time.seconds() < 0;
     auto seconds = static_cast<std::uint64_t>(time.seconds());
     auto microseconds = static_cast<std::uint64_t>(time.microseconds());
     if (negative) {
-        seconds = 0 - seconds; // in unsigned arithmetic, which the smallest value needs
+        seconds = 0 - seconds; // unsigned, because the smallest value has no positive one
         if (microseconds > 0) {
             --seconds;
             microseconds = MICROSECONDS - microseconds;
@@ -94,7 +94,7 @@ bool fromText(const TlxString& text, TlxObjTime& out)
         return true;
     }
     if (seconds > largest) {
-        // Only the smallest time of all is so far away.
+        // Only the smallest of all times is so far away.
         if (seconds != largest + 1 || microseconds != 0)
             return false;
         out = TlxObjTime(std::numeric_limits<std::int64_t>::min());

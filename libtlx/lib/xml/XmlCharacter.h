@@ -3,7 +3,8 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// What XML 1.0 can carry (its production "Char"). Surrogates are no characters of UTF-8.
+/// Whether XML 1.0 can carry a character (its production "Char"). Surrogates need no test: they are
+/// no characters of UTF-8.
 inline bool isXmlCharacter(char32_t codePoint)
 {
     if (codePoint < 0x20)

@@ -11,12 +11,12 @@ namespace Veltrane::Quillmark::Tlx {
 
 namespace {
 
-/// Holds the declaration of any document that has one.
+/// Long enough for the XML declaration of any document.
 constexpr std::size_t HEAD_BYTES = 512;
 
-/// Whether the document itself tells its encoding: by a byte order mark, by characters of more than
+/// Whether the document itself shows its encoding: by a byte order mark, by characters of more than
 /// one byte, or in its declaration.
-bool tellsEncoding(std::string_view head)
+bool showsEncoding(std::string_view head)
 {
     if (head.starts_with("\xEF\xBB\xBF") || head.starts_with("\xFE\xFF") ||
         head.starts_with("\xFF\xFE"))
@@ -75,7 +75,7 @@ class XmlSource::Stream : public xercesc::BinInputStream
     const XMLCh* getContentType() const override { return nullptr; }
 
   private:
-    /// A read that fails, in whatever way, ends the stream; after the end nothing is read.
+    /// Reads from the caller's stream. A failed read, of any kind, ends the stream for good.
     XMLSize_t readOn(XMLByte* buffer, XMLSize_t wanted)
     {
         XMLSize_t got = 0;
@@ -87,7 +87,7 @@ class XmlSource::Stream : public xercesc::BinInputStream
             }
         }
         if (got > wanted)
-            got = 0; // an error's -1
+            got = 0; // -1 for an error
         m_ended = got == 0;
         return got;
     }
@@ -109,7 +109,7 @@ XmlSource::XmlSource(const xercesc::InputSource& source, const std::string& code
     const std::string& head = stream->gatherHead();
     if (source.getEncoding())
         setEncoding(source.getEncoding());
-    else if (!codePage.empty() && !tellsEncoding(head))
+    else if (!codePage.empty() && !showsEncoding(head))
         setEncoding(TlxString(codePage).toXmlCh().c_str());
     m_stream = std::move(stream);
 }

@@ -1,5 +1,5 @@
 #pragma once
-// What the parser is really given to read: the caller's source, made well-behaved.
+// The source that the parser reads: the caller's source, made well-behaved.
 
 #include <cstddef>
 #include <functional>
@@ -12,25 +12,26 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// Stands between the parser and a source whose stream may give a byte a read, fail, or hold a
-/// document in an encoding that only the caller knows. The parser guesses the encoding from its
-/// first read alone, so the head of the document is gathered here beforehand. Serves one parse.
+/// Stands between the parser and the caller's source. That source's stream may give one byte per
+/// read, fail, or hold a document in an encoding that only the caller knows. The parser guesses the
+/// encoding from its first read alone, so this class gathers the document's head before it. Serves
+/// one parse.
 class XmlSource : public xercesc::InputSource
 {
   public:
-    /// @param codePage the encoding of a document that does not tell its own; empty for UTF-8.
     /// Throws std::runtime_error when the source gives no stream.
+    /// @param codePage the encoding of a document that declares none; empty for UTF-8.
     XmlSource(const xercesc::InputSource& source, const std::string& codePage);
     ~XmlSource() override;
 
-    /// The stream; null when it was asked for before.
+    /// The stream; null after the first call.
     xercesc::BinInputStream* makeStream() const override;
 
-    /// Has the function asked each time before the parser is given more; false ends the stream. It
-    /// does not throw: the parser would leave behind what it is building.
+    /// Calls the function before each read of the parser. Its answer false ends the stream. It must
+    /// not throw, because the parser would leak what it is building.
     void beforeReads(std::function<bool()> mayGoOn) { m_mayGoOn = std::move(mayGoOn); }
 
-    /// How many bytes were read so far.
+    /// Bytes that the parser has read so far.
     std::size_t bytesRead() const { return m_bytesRead; }
 
   private:

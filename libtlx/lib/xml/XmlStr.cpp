@@ -10,12 +10,12 @@ constexpr char32_t REPLACEMENT = 0xFFFD;
 
 void writeReference(std::ostream& out, char32_t codePoint)
 {
-    // Not through <<, which would obey a base or a width that the caller set on the stream.
+    // Not with <<, which would obey a base or a width that the caller set on the stream.
     const std::string digits = std::to_string(static_cast<unsigned long>(codePoint));
     out.write("&#", 2).write(digits.data(), static_cast<std::streamsize>(digits.size())).put(';');
 }
 
-/// What stands for a markup character, null for all others.
+/// The entity for a markup character; null for another character.
 const char* predefinedEntity(char32_t codePoint)
 {
     switch (codePoint) {
@@ -45,8 +45,8 @@ void writeCharacter(std::ostream& out, char32_t codePoint, std::string_view utf8
         writeReference(out, codePoint);
 }
 
-/// @param inAttribute whether tabs and line feeds become references, too: a reader turns them into
-/// blanks in an attribute's value.
+/// @param inAttribute whether tabs and line feeds become references, too. Readers turn bare ones
+/// into blanks in an attribute's value.
 void writeEscaped(std::ostream& out, std::string_view text, XmlStr::Encoding encoding,
                   bool inAttribute)
 {

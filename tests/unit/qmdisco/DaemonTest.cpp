@@ -162,8 +162,8 @@ TEST_F(DaemonTest, ABrokenPipeDoesNotEndIt)
 TEST_F(DaemonTest, ASecondDaemonIsRefusedAndTouchesNothing)
 {
     m_root.makeDirectory("run");
-    Failure ignored;
-    const auto held = PidFile::take(m_root.path(), ignored);
+    const auto held = PidFile::take(m_root.path());
+    ASSERT_TRUE(held) << held.error().text;
     testing::internal::CaptureStderr();
     EXPECT_EQ(EC_ALREADY_RUNNING, run());
     EXPECT_EQ("qmdisco: another qmdisco is running on " + m_root.path() + " (pid " + pidText() +

@@ -13,7 +13,7 @@ using testing::StartsWith;
 
 namespace {
 
-ParsedOptions parse(std::vector<const char*> arguments)
+Result<Options> parse(std::vector<const char*> arguments)
 {
     arguments.insert(arguments.begin(), "qmdisco");
     return parseOptions(static_cast<int>(arguments.size()), arguments.data());
@@ -21,38 +21,40 @@ ParsedOptions parse(std::vector<const char*> arguments)
 
 void expectUsage(std::vector<const char*> arguments, const std::string& message)
 {
-    const ParsedOptions parsed = parse(std::move(arguments));
-    EXPECT_EQ(EC_USAGE, parsed.end);
-    EXPECT_EQ("qmdisco: " + message + " (\"qmdisco --help\" shows the options)\n", parsed.text);
+    const auto parsed = parse(std::move(arguments));
+    ASSERT_FALSE(parsed);
+    EXPECT_EQ(EC_USAGE, parsed.error().code);
+    EXPECT_EQ("qmdisco: " + message + " (\"qmdisco --help\" shows the options)\n",
+              parsed.error().text);
 }
 
 TEST(Options, NoOptionIsNeeded)
 {
-    const ParsedOptions parsed = parse({});
-    EXPECT_FALSE(parsed.end);
-    EXPECT_FALSE(parsed.options.foreground);
-    EXPECT_FALSE(parsed.options.checkConfig);
-    EXPECT_EQ("", parsed.options.root);
-    EXPECT_EQ(std::nullopt, parsed.options.logLevel);
+    const auto parsed = parse({});
+    ASSERT_TRUE(parsed) << parsed.error().text;
+    EXPECT_FALSE(parsed->foreground);
+    EXPECT_FALSE(parsed->checkConfig);
+    EXPECT_EQ("", parsed->root);
+    EXPECT_EQ(std::nullopt, parsed->logLevel);
 }
 
 TEST(Options, AllAreTaken)
 {
-    const ParsedOptions parsed =
+    const auto parsed =
         parse({"--foreground", "--root", "/some/where", "--check-config", "--log-level", "9"});
-    EXPECT_FALSE(parsed.end);
-    EXPECT_TRUE(parsed.options.foreground);
-    EXPECT_TRUE(parsed.options.checkConfig);
-    EXPECT_EQ("/some/where", parsed.options.root);
-    EXPECT_EQ(9, parsed.options.logLevel);
+    ASSERT_TRUE(parsed) << parsed.error().text;
+    EXPECT_TRUE(parsed->foreground);
+    EXPECT_TRUE(parsed->checkConfig);
+    EXPECT_EQ("/some/where", parsed->root);
+    EXPECT_EQ(9, parsed->logLevel);
 }
 
 TEST(Options, ValuesMayFollowAnEqualsSign)
 {
-    const ParsedOptions parsed = parse({"--root=/r", "--log-level=0"});
-    EXPECT_FALSE(parsed.end);
-    EXPECT_EQ("/r", parsed.options.root);
-    EXPECT_EQ(0, parsed.options.logLevel);
+    const auto parsed = parse({"--root=/r", "--log-level=0"});
+    ASSERT_TRUE(parsed) << parsed.error().text;
+    EXPECT_EQ("/r", parsed->root);
+    EXPECT_EQ(0, parsed->logLevel);
 }
 
 TEST(Options, RefusesAnUnknownOption)
@@ -84,36 +86,40 @@ TEST(Options, RefusesAMissingValue)
 
 TEST(Options, RefusesAnOptionGivenTwice)
 {
-    const ParsedOptions parsed = parse({"--root", "/a", "--root", "/b"});
-    EXPECT_EQ(EC_USAGE, parsed.end);
-    EXPECT_THAT(parsed.text, StartsWith("qmdisco: --root: "));
-    EXPECT_EQ(parsed.text.size() - 1, parsed.text.find('\n'));
+    const auto parsed = parse({"--root", "/a", "--root", "/b"});
+    ASSERT_FALSE(parsed);
+    EXPECT_EQ(EC_USAGE, parsed.error().code);
+    EXPECT_THAT(parsed.error().text, StartsWith("qmdisco: --root: "));
+    EXPECT_EQ(parsed.error().text.size() - 1, parsed.error().text.find('\n'));
 }
 
 TEST(Options, AMessageIsOneLineWhateverTheArgumentHolds)
 {
-    const ParsedOptions parsed = parse({"--log-level", "a\nb"});
-    EXPECT_EQ(EC_USAGE, parsed.end);
-    EXPECT_EQ(parsed.text.size() - 1, parsed.text.find('\n'));
+    const auto parsed = parse({"--log-level", "a\nb"});
+    ASSERT_FALSE(parsed);
+    EXPECT_EQ(EC_USAGE, parsed.error().code);
+    EXPECT_EQ(parsed.error().text.size() - 1, parsed.error().text.find('\n'));
 }
 
 TEST(Options, TheVersionIsPrinted)
 {
-    const ParsedOptions parsed = parse({"--version"});
-    EXPECT_EQ(EC_OK, parsed.end);
-    EXPECT_EQ(std::string("qmdisco ") + version() + "\n", parsed.text);
+    const auto parsed = parse({"--version"});
+    ASSERT_FALSE(parsed);
+    EXPECT_EQ(EC_OK, parsed.error().code);
+    EXPECT_EQ(std::string("qmdisco ") + version() + "\n", parsed.error().text);
     EXPECT_NE("", std::string(version()));
 }
 
 TEST(Options, HelpListsOptionsAndExitCodes)
 {
     for (const char* option : {"--help", "-h"}) {
-        const ParsedOptions parsed = parse({option});
-        EXPECT_EQ(EC_OK, parsed.end);
+        const auto parsed = parse({option});
+        ASSERT_FALSE(parsed);
+        EXPECT_EQ(EC_OK, parsed.error().code);
         for (const char* text :
              {"--foreground", "--root DIR", "--check-config", "--log-level N", "--version"})
-            EXPECT_THAT(parsed.text, HasSubstr(text));
-        EXPECT_THAT(parsed.text, HasSubstr(exitCodeTable()));
+            EXPECT_THAT(parsed.error().text, HasSubstr(text));
+        EXPECT_THAT(parsed.error().text, HasSubstr(exitCodeTable()));
     }
 }
 

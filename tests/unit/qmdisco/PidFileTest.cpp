@@ -26,9 +26,11 @@ class OtherDaemon : public QmTest::PeerProcess
     explicit OtherDaemon(const TestRoot& root)
         : PeerProcess([path = root.path(),
                        held = std::make_shared<std::unique_ptr<PidFile>>()](const std::string&) {
-              Failure failure;
-              *held = PidFile::take(path, failure);
-              return std::string(*held ? "holds" : failure.text);
+              auto taken = PidFile::take(path);
+              if (!taken)
+                  return taken.error().text;
+              *held = std::move(*taken);
+              return std::string("holds");
           }),
           m_holds(ask("take") == "holds")
     {
@@ -44,7 +46,14 @@ class PidFileTest : public testing::Test
   protected:
     PidFileTest() { m_root.makeDirectory("run"); }
 
-    std::unique_ptr<PidFile> take() { return PidFile::take(m_root.path(), m_failure); }
+    std::unique_ptr<PidFile> take()
+    {
+        auto taken = PidFile::take(m_root.path());
+        if (taken)
+            return std::move(*taken);
+        m_failure = taken.error();
+        return nullptr;
+    }
     void expectTaken()
     {
         const auto held = take();
@@ -108,11 +117,10 @@ TEST_F(PidFileTest, ASecondHolderInOneProcessIsRefused)
 {
     const auto held = take();
     ASSERT_TRUE(held);
-    Failure failure;
-    EXPECT_FALSE(PidFile::take(m_root.path(), failure));
+    EXPECT_FALSE(take());
     EXPECT_EQ("another qmdisco is running on " + m_root.path() + " (pid " +
                   std::to_string(::getpid()) + ")",
-              failure.text);
+              m_failure.text);
 }
 
 TEST_F(PidFileTest, ALongerPidLeavesNoRest)

@@ -32,32 +32,32 @@ class RootTest : public testing::Test
 TEST_F(RootTest, MissingDirectoriesAreMade)
 {
     const std::string root = m_root.path("a/b");
-    EXPECT_FALSE(prepareDirectories(root));
+    EXPECT_TRUE(prepareDirectories(root));
     for (const char* name : {"a/b/run", "a/b/logs", "a/b/db/discovery"})
         EXPECT_TRUE(std::filesystem::is_directory(m_root.path(name))) << name;
-    EXPECT_FALSE(prepareDirectories(root)) << "they may be there";
+    EXPECT_TRUE(prepareDirectories(root)) << "they may be there";
 }
 
 TEST_F(RootTest, AFileInTheWayIsNamed)
 {
     m_root.write("logs", "");
-    const auto failure = prepareDirectories(m_root.path());
-    ASSERT_TRUE(failure);
-    EXPECT_EQ(EC_ROOT_UNUSABLE, failure->code);
+    const auto prepared = prepareDirectories(m_root.path());
+    ASSERT_FALSE(prepared);
+    EXPECT_EQ(EC_ROOT_UNUSABLE, prepared.error().code);
     EXPECT_EQ("cannot make the directory " + m_root.path("logs") +
                   ": Not a directory; a root that qmdisco can write is expected (--root DIR)",
-              failure->text);
+              prepared.error().text);
 }
 
 TEST_F(RootTest, ARootThatIsAFileIsNamed)
 {
     m_root.write("file", "");
-    const auto failure = prepareDirectories(m_root.path("file"));
-    ASSERT_TRUE(failure);
-    EXPECT_EQ(EC_ROOT_UNUSABLE, failure->code);
+    const auto prepared = prepareDirectories(m_root.path("file"));
+    ASSERT_FALSE(prepared);
+    EXPECT_EQ(EC_ROOT_UNUSABLE, prepared.error().code);
     EXPECT_EQ("cannot make the directory " + m_root.path("file/run") +
                   ": Not a directory; a root that qmdisco can write is expected (--root DIR)",
-              failure->text);
+              prepared.error().text);
 }
 
 TEST_F(RootTest, PathsAreMadeAbsolute)
@@ -74,10 +74,10 @@ TEST_F(RootTest, PathsAreMadeAbsolute)
 
 TEST_F(RootTest, WithThePrivilegeNothingStaysBehind)
 {
-    EXPECT_FALSE(checkPrivilege(m_root.path()));
+    EXPECT_TRUE(checkPrivilege(m_root.path()));
     EXPECT_TRUE(std::filesystem::is_empty(m_root.path()));
     m_root.write(".privilege", "left by a daemon that was killed");
-    EXPECT_FALSE(checkPrivilege(m_root.path()));
+    EXPECT_TRUE(checkPrivilege(m_root.path()));
     EXPECT_TRUE(std::filesystem::is_empty(m_root.path()));
 }
 
@@ -88,9 +88,9 @@ TEST_F(RootTest, WithThePrivilegeNothingStaysBehind)
     if (::chown(directory.c_str(), NOBODY, NOBODY) != 0 || ::setgid(NOBODY) != 0 ||
         ::setuid(NOBODY) != 0)
         ::_exit(1);
-    const auto failure = checkPrivilege(directory);
-    std::fprintf(stderr, "%s\n", failure ? failure->text.c_str() : "no failure");
-    ::_exit(failure ? failure->code : EC_OK);
+    const auto allowed = checkPrivilege(directory);
+    std::fprintf(stderr, "%s\n", allowed ? "no failure" : allowed.error().text.c_str());
+    ::_exit(allowed ? EC_OK : allowed.error().code);
 }
 
 TEST_F(RootTest, WithoutThePrivilegeTheDirectoryIsNamed)
@@ -103,13 +103,13 @@ TEST_F(RootTest, WithoutThePrivilegeTheDirectoryIsNamed)
 
 TEST_F(RootTest, AStoreThatCannotBeWrittenIsNamed)
 {
-    const auto failure = checkPrivilege(m_root.path("absent"));
-    ASSERT_TRUE(failure);
-    EXPECT_EQ(EC_ROOT_UNUSABLE, failure->code);
+    const auto allowed = checkPrivilege(m_root.path("absent"));
+    ASSERT_FALSE(allowed);
+    EXPECT_EQ(EC_ROOT_UNUSABLE, allowed.error().code);
     EXPECT_EQ("cannot make the file " + m_root.path("absent/.privilege") +
                   ": No such file or directory; a root that qmdisco can write is expected (--root "
                   "DIR)",
-              failure->text);
+              allowed.error().text);
 }
 
 TEST_F(RootTest, AGoodConfigurationIsOk)

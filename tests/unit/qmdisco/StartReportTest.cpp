@@ -22,8 +22,9 @@ namespace {
 int detached(const std::function<void(StartReport&)>& daemon)
 {
     QmTest::ChildProcess started([&daemon] {
-        StartReport report = StartReport::detach();
-        daemon(report);
+        auto report = StartReport::detach();
+        if (report)
+            daemon(*report);
         return 99; // of the daemon, for which nobody waits
     });
     return started.exitCode();

@@ -49,13 +49,20 @@ class StatusFileTest : public testing::Test
 {
   protected:
     TestRoot m_root;
+    bool write(const Status& status)
+    {
+        const auto written = m_file.write(status);
+        m_error = written ? "" : written.error().text;
+        return written.has_value();
+    }
+
     StatusFile m_file{m_root.path("status.json")};
-    std::string m_error;
+    std::string m_error; ///< of the last write
 };
 
 TEST_F(StatusFileTest, HasEveryMember)
 {
-    ASSERT_TRUE(m_file.write(sample(), m_error)) << m_error;
+    ASSERT_TRUE(write(sample())) << m_error;
     EXPECT_EQ(R"({
   "version": "1.2.3",
   "pid": 4711,
@@ -125,23 +132,23 @@ TEST_F(StatusFileTest, IsJsonWhateverTheNamesHold)
 
 TEST_F(StatusFileTest, IsWrittenOnlyWhenSomethingChanged)
 {
-    ASSERT_TRUE(m_file.write(sample(), m_error));
+    ASSERT_TRUE(write(sample()));
     struct stat first = {};
     struct stat second = {};
     ASSERT_EQ(0, ::stat(m_root.path("status.json").c_str(), &first));
-    ASSERT_TRUE(m_file.write(sample(), m_error));
+    ASSERT_TRUE(write(sample()));
     ASSERT_EQ(0, ::stat(m_root.path("status.json").c_str(), &second));
     EXPECT_EQ(first.st_ino, second.st_ino);
     EXPECT_EQ(first.st_mtim.tv_nsec, second.st_mtim.tv_nsec);
     Status changed = sample();
     changed.counters[0].second = 6;
-    ASSERT_TRUE(m_file.write(changed, m_error));
+    ASSERT_TRUE(write(changed));
     EXPECT_EQ(6, nlohmann::json::parse(m_root.read("status.json"))["counters"]["puts"]);
 }
 
 TEST_F(StatusFileTest, AReaderNeverSeesHalfOfIt)
 {
-    ASSERT_TRUE(m_file.write(sample(), m_error));
+    ASSERT_TRUE(write(sample()));
     std::atomic<bool> done{false};
     unsigned bad = 0;
     std::thread reader([&] {
@@ -153,7 +160,7 @@ TEST_F(StatusFileTest, AReaderNeverSeesHalfOfIt)
     for (int i = 0; i < 200; ++i) {
         // The lengths differ much, so that a write in place would show.
         status.host = std::string(i % 2 ? 20000 : 1, 'h');
-        EXPECT_TRUE(m_file.write(status, m_error)) << m_error;
+        EXPECT_TRUE(write(status)) << m_error;
     }
     done = true;
     reader.join();
@@ -162,32 +169,32 @@ TEST_F(StatusFileTest, AReaderNeverSeesHalfOfIt)
 
 TEST_F(StatusFileTest, AFullDiskLeavesTheOldOne)
 {
-    ASSERT_TRUE(m_file.write(sample(), m_error));
+    ASSERT_TRUE(write(sample()));
     const std::string before = m_root.read("status.json");
     std::signal(SIGXFSZ, SIG_IGN);
     const rlimit little{20, RLIM_INFINITY};
     ASSERT_EQ(0, ::setrlimit(RLIMIT_FSIZE, &little));
     Status changed = sample();
     changed.state = "stopping";
-    EXPECT_FALSE(m_file.write(changed, m_error));
+    EXPECT_FALSE(write(changed));
     const rlimit everything{RLIM_INFINITY, RLIM_INFINITY};
     ASSERT_EQ(0, ::setrlimit(RLIMIT_FSIZE, &everything));
     EXPECT_EQ("cannot write " + m_root.path("status.json.tmp") + ": File too large", m_error);
     EXPECT_EQ(before, m_root.read("status.json"));
     EXPECT_FALSE(m_root.exists("status.json.tmp"));
     // A failed write is tried again, even if the status did not change.
-    EXPECT_TRUE(m_file.write(changed, m_error));
+    EXPECT_TRUE(write(changed));
     EXPECT_EQ("stopping", nlohmann::json::parse(m_root.read("status.json"))["state"]);
 }
 
 TEST_F(StatusFileTest, WhatCannotBeOpenedOrReplacedIsNamed)
 {
     m_root.makeDirectory("status.json/not empty");
-    EXPECT_FALSE(m_file.write(sample(), m_error));
+    EXPECT_FALSE(write(sample()));
     EXPECT_EQ("cannot replace " + m_root.path("status.json") + ": Is a directory", m_error);
     EXPECT_FALSE(m_root.exists("status.json.tmp"));
     m_root.makeDirectory("status.json.tmp");
-    EXPECT_FALSE(m_file.write(sample(), m_error));
+    EXPECT_FALSE(write(sample()));
     EXPECT_EQ("cannot open " + m_root.path("status.json.tmp") + ": Is a directory", m_error);
 }
 

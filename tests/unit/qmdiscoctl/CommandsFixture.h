@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 
 #include "Commands.h"
-#include "Research.h"
 #include "support/Lines.h"
 #include "support/ListedDiscoveries.h"
 #include "support/TemporaryDirectory.h"
@@ -25,7 +24,7 @@ struct Discovered
     std::string subject;
     std::string authority;
     std::string document = "<DiscoveredItems></DiscoveredItems>";
-    std::string problem = {};
+    std::string problem = {}; ///< the reason that the researcher gives; empty: none
 
     void hand(const EachDiscovery& each) const
     {
@@ -39,7 +38,25 @@ struct Discovered
         const Tlx::AutoDereference<Svc::AuthSubIterator> all(new Svc::AuthSubIterator(one.get()));
         const Tlx::AutoDereference<Svc::CollectionItemIterator> items(
             all->getNextCollectionItemIterator(nullptr));
-        each(*items, problem);
+        EXPECT_EQ(items->isParsed(), problem.empty());
+        if (items->isParsed())
+            return each(*items);
+        each(*failing(*items));
+    }
+
+  private:
+    /// The same items with the reason of the test.
+    Tlx::AutoDereference<Svc::CollectionItemIterator>
+    failing(Svc::CollectionItemIterator& items) const
+    {
+        auto list = std::make_unique<Svc::CollectionItemList>();
+        while (Svc::CollectionItem* next = items.getNextCollectionItem())
+            list->emplace_back(next);
+        auto* const by = items.getAuthority();
+        return Tlx::AutoDereference<Svc::CollectionItemIterator>(new Svc::CollectionItemIterator(
+            by ? new Svc::Authority(*by) : nullptr, new Svc::Subject(*items.getSubject()),
+            list.release(),
+            Svc::ResearchFailure{Svc::ResearchProblem::NOT_PARSED, problem, subject, authority}));
     }
 };
 

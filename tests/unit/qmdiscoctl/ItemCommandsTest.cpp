@@ -2,9 +2,11 @@
 
 #include "Commands.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "CommandsFixture.h"
+#include "KeptLog.h"
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 namespace {
@@ -58,16 +60,17 @@ TEST_F(ItemCommandsTest, ItemsAreATableOfWhatWasReadAndLinesOfWhatWasNot)
                         "not read: text of h1: it is none\n");
 }
 
-TEST(KeptLogTest, TheReasonIsTheLineBeforeThoseOfTheResearcher)
+TEST_F(ItemCommandsTest, TheReasonIsFitForATerminal)
 {
-    using Lines = std::vector<KeptLog::Kept>;
-    const KeptLog::Kept unknown{"AuthSubIterator::xmlStartElement", "Ignoring Unknown Tag"};
-    const KeptLog::Kept cause{"XmlDocumentInterface::parse", "it breaks off"};
-    const KeptLog::Kept own{"AuthSubIterator::parseDiscovery", "Failed to parse"};
-    const KeptLog::Kept last{"AuthSubIterator::getNextCollectionItemIterator", "Failed"};
-    EXPECT_EQ(reasonOf(Lines{unknown, cause, own, last}), "it breaks off");
-    EXPECT_EQ(reasonOf(Lines{own, last}), "Failed to parse");
-    EXPECT_EQ(reasonOf(Lines{}), "");
+    script.discovered = {{"", "h1", "h1", "no document",
+                          "a\x1b"
+                          "b"}};
+    EXPECT_EQ(run(Command::ITEMS), Outcome());
+    EXPECT_THAT(out.text, testing::HasSubstr("not read: h1 of h1: a\\x1bb\n"));
+    out.text.clear();
+    options.json = true;
+    EXPECT_EQ(run(Command::ITEMS), Outcome());
+    EXPECT_EQ(Json::parse(out.text)["unread"][0]["reason"], "a\\x1bb");
 }
 
 TEST(KeptLogTest, RepeatedLinesAreKeptOnceAndOnlyTheNewestStay)

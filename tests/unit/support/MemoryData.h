@@ -34,6 +34,7 @@ class MemoryData : public Disc::CollectionData
         if (onOpen)
             onOpen(mode, argument);
         m_position = 0;
+        setOpenFailure(openFailure);
         return opens;
     }
     std::size_t readCollection(std::size_t length, void* buffer) const override
@@ -51,7 +52,8 @@ class MemoryData : public Disc::CollectionData
     }
     bool writeCollection(std::size_t, const void*) const override { return true; }
 
-    bool opens = true; ///< what open() returns
+    bool opens = true;       ///< what open() returns
+    std::string openFailure; ///< the reason that open() gives
     std::function<void(Disc::OpenMode, const char*)> onOpen;
     mutable std::size_t largestRead = 0; ///< the most bytes that one read asked for
 

@@ -1,12 +1,12 @@
 #pragma once
 // A directory that lives as long as the object, and the files in it.
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <stdexcept>
 #include <string>
+
+#include <tlx/File.h>
 
 #include "support/Lines.h"
 
@@ -33,31 +33,20 @@ inline void writeFile(const std::filesystem::path& path, const std::string& cont
     std::ofstream(path, std::ios::binary) << content;
 }
 
-/// The constructor makes the directory and throws on failure. The destructor removes it with all
-/// that it contains. Threads may share the object.
+/// A directory as the product makes one, with paths as the tests use them. The constructor throws
+/// on failure. The destructor removes the directory with all that it contains. Threads may share
+/// it.
 class TemporaryDirectory
 {
   public:
-    TemporaryDirectory()
-    {
-        std::string name = (std::filesystem::temp_directory_path() / "qmtest.XXXXXX").string();
-        if (::mkdtemp(name.data()) == nullptr)
-            throw std::runtime_error("no temporary directory");
-        m_path = std::filesystem::path(name).lexically_normal();
-    }
-    ~TemporaryDirectory()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_path, ignored);
-    }
-    TemporaryDirectory(const TemporaryDirectory&) = delete;
-    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-
     const std::filesystem::path& path() const { return m_path; }
     std::string path(const std::string& name) const { return (m_path / name).string(); }
 
   private:
-    std::filesystem::path m_path;
+    const Veltrane::Quillmark::Tlx::TemporaryDirectory m_directory =
+        Veltrane::Quillmark::Tlx::TemporaryDirectory::make("qmtest.").value();
+    const std::filesystem::path m_path =
+        std::filesystem::path(m_directory.path().text()).lexically_normal();
 };
 
 } // namespace QmTest

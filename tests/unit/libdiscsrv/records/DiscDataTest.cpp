@@ -3,6 +3,7 @@
 #include "DiscData.h"
 
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -200,7 +201,13 @@ TEST_F(DiscDataTest, AttributesKeepWhatTheyAreGiven)
     EXPECT_TRUE(attributes.getSignature().empty());
 }
 
-/// Notes when it is destroyed.
+// Objects with identity are not copied by accident.
+static_assert(!std::is_copy_constructible_v<PlainDiscovery>);
+static_assert(!std::is_copy_assignable_v<PlainDiscovery>);
+static_assert(!std::is_copy_constructible_v<QmTest::MemoryData>);
+static_assert(!std::is_copy_constructible_v<PlainIterator>);
+
+/// Logs the order in which the parts of a record are destroyed.
 template <class Part>
 struct Watched : Part
 {

@@ -137,9 +137,12 @@ TEST_F(RemoteDBTest, AMasterThatIsDownFailsTheWrite)
 {
     peer.kill();
     const LogCapture log;
-    EXPECT_EQ(made("cl5")->open(OM_UPDATE, "").discStatus, DS_OPEN_FAILED);
+    const auto record = made("cl5");
+    EXPECT_EQ(record->open(OM_UPDATE, "").discStatus, DS_OPEN_FAILED);
     EXPECT_EQ(log.texts(1), (Lines{"Failed to connect to remote discovery service",
                                    "Failed to connect to discovery service"}));
+    EXPECT_EQ(record->getCollectionData()->getOpenFailure(),
+              "Failed to connect to discovery service");
 }
 
 TEST_F(RemoteDBTest, ACollectionIsReadWhole)
@@ -150,6 +153,7 @@ TEST_F(RemoteDBTest, ACollectionIsReadWhole)
     EXPECT_EQ(record->getCollectionData()->readCollection(4096, buffer.data()), 3000u);
     EXPECT_EQ(record->getCollectionData()->readCollection(4096, buffer.data()), 0u);
     EXPECT_EQ(asked(), "get bytes-3000 [f];release;") << "no page size is set";
+    EXPECT_EQ(record->getCollectionData()->getOpenFailure(), "");
     // A second open starts again at the begin.
     EXPECT_EQ(record->open(OM_READ, "").discStatus, DS_SUCCESS);
     EXPECT_EQ(read(*record, 7).size(), 3000u);
@@ -192,7 +196,9 @@ TEST_F(RemoteDBTest, AReadThatYieldsNothingFails)
     LogCapture log;
     const auto failure = [&log](const std::string& subject) {
         log.clear();
-        EXPECT_EQ(found(subject)->open(OM_READ, "").discStatus, DS_OPEN_FAILED);
+        const auto record = found(subject);
+        EXPECT_EQ(record->open(OM_READ, "").discStatus, DS_OPEN_FAILED);
+        EXPECT_EQ(Lines{record->getCollectionData()->getOpenFailure()}, log.texts(1));
         return log.texts(1);
     };
     EXPECT_EQ(failure("bytes-0"), Lines{"Collection data returned has no data"});

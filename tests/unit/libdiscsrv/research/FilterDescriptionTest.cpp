@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include "FileSystem.h"
 #include "ItemsFixture.h"
 #include "ServiceFixture.h"
 #include "support/Capture.h"

@@ -170,6 +170,11 @@ TEST(AuthSubIteratorTest, DataThatIsNoXmlYieldsAnIteratorThatIsNotParsedAndNoIte
     ASSERT_EQ(lines.size(), 3u);
     EXPECT_TRUE(lines[0].text.starts_with("Failed to parse the document DiscoveredItems: line 1, "))
         << lines[0].text;
+    ASSERT_TRUE(items->getFailure());
+    EXPECT_EQ(items->getFailure()->problem, ResearchProblem::NOT_PARSED);
+    EXPECT_EQ(items->getFailure()->cause, lines[0].text);
+    EXPECT_EQ(items->getFailure()->subject, "subject1");
+    EXPECT_EQ(items->getFailure()->authority, "host1");
     EXPECT_EQ(lines[1].text, "Failed to parse the discovery stream");
     EXPECT_EQ(lines[1].operation, "AuthSubIterator::parseDiscovery");
     EXPECT_EQ(lines[2].text, "Failed to parse discovery");
@@ -204,7 +209,9 @@ TEST(AuthSubIteratorTest, OneBrokenDiscoveryDoesNotHideTheNext)
     ASSERT_TRUE(broken && whole);
     EXPECT_FALSE(broken->isParsed());
     EXPECT_EQ(names(*broken), Lines());
+    EXPECT_TRUE(broken->getFailure());
     EXPECT_TRUE(whole->isParsed());
+    EXPECT_FALSE(whole->getFailure());
     EXPECT_EQ(names(*whole), (Lines{"a", "b"}));
 }
 
@@ -217,6 +224,9 @@ TEST(AuthSubIteratorTest, WithoutDataTheDiscoveryIsNotParsed)
     EXPECT_EQ(names(*items), Lines());
     EXPECT_EQ(log.texts(1),
               (Lines{"Invalid collection data pointer", "Failed to parse discovery"}));
+    EXPECT_EQ(items->getFailure(),
+              (ResearchFailure{ResearchProblem::NO_DATA, "Invalid collection data pointer",
+                               "subject1", "host1"}));
 }
 
 TEST(AuthSubIteratorTest, DataThatDoesNotOpenIsNotParsed)
@@ -229,6 +239,30 @@ TEST(AuthSubIteratorTest, DataThatDoesNotOpenIsNotParsed)
     EXPECT_FALSE(items->isParsed());
     EXPECT_EQ(names(*items), Lines());
     EXPECT_EQ(log.texts(1), (Lines{"Failed to read collection data", "Failed to parse discovery"}));
+    EXPECT_EQ(items->getFailure(),
+              (ResearchFailure{ResearchProblem::NOT_OPENED, "Failed to read collection data",
+                               "subject1", "host1"}));
+}
+
+TEST(AuthSubIteratorTest, TheBackendsReasonGoesBeforeOurOwn)
+{
+    auto* const data = new TextData(TWO_ITEMS);
+    data->opens = false;
+    data->openFailure = "the disk is on fire";
+    const auto items = research(data);
+    ASSERT_TRUE(items && items->getFailure());
+    EXPECT_EQ(items->getFailure()->problem, ResearchProblem::NOT_OPENED);
+    EXPECT_EQ(items->getFailure()->cause, "the disk is on fire");
+}
+
+TEST(CollectionItemIteratorTest, ACopyKeepsTheFailure)
+{
+    const ResearchFailure failure{ResearchProblem::NOT_PARSED, "cause", "subject1", "host1"};
+    const AutoDereference<CollectionItemIterator> original(
+        new CollectionItemIterator(nullptr, nullptr, new CollectionItemList, failure));
+    const AutoDereference<CollectionItemIterator> copy(new CollectionItemIterator(*original));
+    EXPECT_FALSE(copy->isParsed());
+    EXPECT_EQ(copy->getFailure(), failure);
 }
 
 /// The argument of the open when data is read with a filter.
@@ -391,6 +425,11 @@ TEST(ResearchAloneTest, WithoutAnAnswerThereIsNoIterator)
     EXPECT_EQ(getAuthSubIterator(DQ_DISCOVERY_DATA, "*", "*", AT_ANYANDALL), nullptr);
     EXPECT_EQ(log.texts(1), Lines{"Failed to get a handle to discoveries"});
     EXPECT_EQ(log.lines().back().operation, "getAuthSubIterator");
+    const auto found = researchDiscoveries(DQ_DISCOVERY_DATA, "s*", "a*", AT_ANYANDALL);
+    ASSERT_FALSE(found);
+    EXPECT_EQ(found.error(),
+              (ResearchFailure{ResearchProblem::NO_ANSWER, "Failed to get a handle to discoveries",
+                               "s*", "a*"}));
 }
 
 // The list of clients.

@@ -283,7 +283,9 @@ TEST(XmlTest, AReadThatFailsIsTheEnd)
         LogCapture log;
         XmlRecorder cut;
         PiecewiseSource part("<Doc>" + std::string(2000, 'x'), 100, end);
-        EXPECT_FALSE(cut.parse(part)) << end;
+        const auto parsed = cut.parseOrExplain(part);
+        ASSERT_FALSE(parsed) << end;
+        EXPECT_EQ(log.texts(1), std::vector<std::string>{parsed.error().utf8()}) << end;
         EXPECT_EQ(log.lines().size(), 1u) << end;
     }
 }

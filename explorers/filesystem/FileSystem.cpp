@@ -6,7 +6,16 @@
 #include <tlx/ForeignCode.h>
 #include <tlx/ValueConverter.h>
 
-namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+namespace Veltrane::Quillmark::Explorers {
+
+using Tlx::AttributeList;
+using Tlx::AutoDereference;
+using Tlx::QueryNumber;
+using Tlx::QueryValue;
+using Tlx::TlxQuery;
+using Tlx::TlxString;
+using Tlx::XmlObjParseContext;
+using Tlx::XmlStr;
 
 namespace {
 
@@ -23,12 +32,12 @@ void writeElement(std::ostream& out, const char* name, const std::string& text,
 void takeNumber(const TlxString& text, std::optional<std::uint64_t>& into)
 {
     std::uint64_t number = 0;
-    if (fromText(text, number))
+    if (Tlx::fromText(text, number))
         into = number;
 }
 
 /// A block's inner XML, with an element around it.
-class Block : public XmlDocumentInterface
+class Block : public Tlx::XmlDocumentInterface
 {
   public:
     Block() : XmlDocumentInterface(nullptr, TAG_BLOCK) {}
@@ -46,9 +55,9 @@ class Block : public XmlDocumentInterface
     int xmlEndElement(XmlObjParseContext* context, const XMLCh* name) override
     {
         if (--m_depth == 0)
-            return XML_COMPLETE;
+            return Tlx::XML_COMPLETE;
         takeFileSystemElement(m_fileSystem, name, context->text());
-        return XML_INSIDE;
+        return Tlx::XML_INSIDE;
     }
 
     FileSystem m_fileSystem;
@@ -69,7 +78,7 @@ QueryValue percentUsed(const FileSystem& fileSystem)
         return {};
     const QueryNumber share = static_cast<QueryNumber>(*fileSystem.used) * 100 /
                               static_cast<QueryNumber>(*fileSystem.size);
-    // What another host told may be anything.
+    // Another host may report anything.
     constexpr std::uint64_t MOST = std::numeric_limits<std::uint64_t>::max();
     return QueryValue::number(
         share < static_cast<QueryNumber>(MOST) ? static_cast<std::uint64_t>(share) : MOST);
@@ -79,38 +88,38 @@ QueryValue percentUsed(const FileSystem& fileSystem)
 struct Field
 {
     const char* name;
-    QueryFieldType type;
+    Tlx::QueryFieldType type;
     const char* description;
     QueryValue (*value)(const std::string& host, const FileSystem& fileSystem);
 };
 
 constexpr Field FIELDS[] = {
-    {"host", QF_TEXT, "the host that has it",
+    {"host", Tlx::QF_TEXT, "the host that has it",
      [](const std::string& host, const FileSystem&) { return QueryValue::text(host); }},
-    {"mount", QF_TEXT, "where it is mounted",
+    {"mount", Tlx::QF_TEXT, "where it is mounted",
      [](const std::string&, const FileSystem& fs) { return QueryValue::text(fs.mount); }},
-    {"device", QF_TEXT, "the device, or what a network server exports",
+    {"device", Tlx::QF_TEXT, "the device, or what a network server exports",
      [](const std::string&, const FileSystem& fs) { return QueryValue::text(fs.device); }},
-    {"fstype", QF_TEXT, "the type of the file system, as ext4",
+    {"fstype", Tlx::QF_TEXT, "the type of the file system, as ext4",
      [](const std::string&, const FileSystem& fs) { return QueryValue::text(fs.type); }},
-    {"type", QF_TEXT, "the same as fstype",
+    {"type", Tlx::QF_TEXT, "the same as fstype",
      [](const std::string&, const FileSystem& fs) { return QueryValue::text(fs.type); }},
-    {"options", QF_TEXT, "what it is mounted with, commas between them",
+    {"options", Tlx::QF_TEXT, "what it is mounted with, commas between them",
      [](const std::string&, const FileSystem& fs) { return QueryValue::text(fs.options); }},
-    {"size", QF_BYTES, "how much it can hold; missing for network file systems",
+    {"size", Tlx::QF_BYTES, "how much it can hold; missing for network file systems",
      [](const std::string&, const FileSystem& fs) { return numberOf(fs.size); }},
-    {"used", QF_BYTES, "how much it holds; missing for network file systems",
+    {"used", Tlx::QF_BYTES, "how much it holds; missing for network file systems",
      [](const std::string&, const FileSystem& fs) { return numberOf(fs.used); }},
-    {"full", QF_NUMBER, "how much it holds in percent; missing for network file systems",
+    {"full", Tlx::QF_NUMBER, "how much it holds in percent; missing for network file systems",
      [](const std::string&, const FileSystem& fs) { return percentUsed(fs); }},
-    {"readonly", QF_FLAG, "whether it cannot be written",
+    {"readonly", Tlx::QF_FLAG, "whether it cannot be written",
      [](const std::string&, const FileSystem& fs) { return QueryValue::flag(fs.readOnly); }},
 };
 
 } // namespace
 
-// Elements without attributes: the service's own parser keeps a block with attributes in a form
-// that is no XML.
+// Elements without attributes: the service's default parser keeps attributes in a form that is not
+// XML.
 std::ostream& writeFileSystem(std::ostream& out, const FileSystem& fileSystem,
                               XmlStr::Encoding encoding)
 {
@@ -151,17 +160,17 @@ void takeFileSystemElement(FileSystem& fileSystem, const XMLCh* name, const TlxS
         fileSystem.readOnly = text == TlxString("1");
 }
 
-bool readFileSystem(const DiscoveredItem& item, FileSystem& fileSystem)
+bool readFileSystem(const Tlx::DiscoverySvc::DiscoveredItem& item, FileSystem& fileSystem)
 {
-    const AutoDereference<ExplorerData> data(item.getExplorerData());
+    const AutoDereference<Tlx::DiscoverySvc::ExplorerData> data(item.getExplorerData());
     if (!data || item.getExplorerName() != TlxString(FILE_SYSTEMS_EXPLORER))
         return false;
-    // The block may have been read by the explorer's own parser, which is in a plug-in, or by the
-    // default one: what both have in common is that they write it again.
+    // The explorer's own parser, which is in a plug-in, or the default one has read the block. Both
+    // can write it again as XML.
     std::ostringstream xml;
     XmlStr::appendStart(xml, TAG_BLOCK);
-    const bool wrote = callForeignCode("readFileSystem", "the explorer data of FileSystems",
-                                       [&] { data->writeXml(xml, XmlStr::XE_UTF8); });
+    const bool wrote = Tlx::callForeignCode("readFileSystem", "the explorer data of FileSystems",
+                                            [&] { data->writeXml(xml, XmlStr::XE_UTF8); });
     XmlStr::appendEnd(xml, TAG_BLOCK);
     Block block;
     if (!wrote || !block.parseBuffer(xml.str()) || block.m_fileSystem.device.empty() ||
@@ -188,4 +197,4 @@ void FileSystemSource::describe(TlxQuery& query)
         query.addField({field.name, field.type, field.description, {}});
 }
 
-} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc
+} // namespace Veltrane::Quillmark::Explorers

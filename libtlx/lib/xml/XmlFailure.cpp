@@ -1,21 +1,13 @@
-#include "XmlSafety.h"
+#include "XmlFailure.h"
 
 #include <exception>
-#include <mutex>
 
 #include <xercesc/dom/DOMException.hpp>
+#include <xercesc/sax/SAXParseException.hpp>
 #include <xercesc/util/OutOfMemoryException.hpp>
-#include <xercesc/util/PlatformUtils.hpp>
 #include <xercesc/util/XMLException.hpp>
 
 namespace Veltrane::Quillmark::Tlx {
-
-void initialiseXml()
-{
-    // Never taken down again: idle parsers of other threads live until those threads end.
-    static std::once_flag once;
-    std::call_once(once, [] { xercesc::XMLPlatformUtils::Initialize(); });
-}
 
 XmlFailure currentFailure()
 {

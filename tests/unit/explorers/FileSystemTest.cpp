@@ -6,12 +6,15 @@
 
 #include <sstream>
 
-#include "ItemsFixture.h"
-#include "ServiceFixture.h"
+#include "libdiscsrv/ItemsFixture.h"
+#include "libdiscsrv/ServiceFixture.h"
 #include "support/Capture.h"
 
-namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+namespace Veltrane::Quillmark::Explorers {
 namespace {
+
+using namespace Tlx;
+using namespace Tlx::DiscoverySvc;
 
 using QmTest::Lines;
 using QmTest::LogCapture;
@@ -206,4 +209,4 @@ TEST_F(FileSystemItemTest, DataThatThrowsYieldsNoFileSystemAndALogLine)
 }
 
 } // namespace
-} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc
+} // namespace Veltrane::Quillmark::Explorers

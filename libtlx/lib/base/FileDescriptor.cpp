@@ -1,0 +1,43 @@
+#include <tlx/FileDescriptor.h>
+
+#include <cerrno>
+#include <utility>
+
+#include <unistd.h>
+
+namespace Veltrane::Quillmark::Tlx {
+
+FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept
+{
+    if (this != &other) {
+        reset();
+        m_descriptor = other.release();
+    }
+    return *this;
+}
+
+FileResult<> FileDescriptor::close()
+{
+    if (!isOpen())
+        return {};
+    // Not repeated after EINTR: the kernel has closed it, and its number may be in use again.
+    if (::close(release()) != 0)
+        return tl::unexpected(systemError(errno));
+    return {};
+}
+
+void FileDescriptor::reset() noexcept
+{
+    if (!isOpen())
+        return;
+    const int error = errno;
+    ::close(release());
+    errno = error;
+}
+
+int FileDescriptor::release() noexcept
+{
+    return std::exchange(m_descriptor, -1);
+}
+
+} // namespace Veltrane::Quillmark::Tlx

@@ -1,0 +1,177 @@
+#include <tlx/File.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <utility>
+
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace Veltrane::Quillmark::Tlx {
+
+namespace {
+
+tl::unexpected<std::error_code> lastError()
+{
+    return tl::unexpected(systemError(errno));
+}
+
+/// Repeats a system call that a signal interrupted.
+template <class Call>
+auto uninterrupted(Call call)
+{
+    auto answer = call();
+    while (answer < 0 && errno == EINTR)
+        answer = call();
+    return answer;
+}
+
+/// Whether a read or write is worth another try after errno. Waits for a descriptor that the
+/// process was given as a non-blocking one.
+bool mayTryAgain(int descriptor, short event)
+{
+    if (errno == EINTR)
+        return true;
+    if (errno != EAGAIN)
+        return false;
+    pollfd waiting = {descriptor, event, 0};
+    return ::poll(&waiting, 1, -1) >= 0 || errno == EINTR;
+}
+
+} // namespace
+
+FileResult<FileDescriptor> openFile(const TlxPathname& path, int flags, mode_t mode)
+{
+    FileDescriptor file(
+        uninterrupted([&] { return ::open(path.c_str(), flags | O_CLOEXEC, mode); }));
+    if (!file.isOpen())
+        return lastError();
+    return file;
+}
+
+FileResult<> writeAll(int descriptor, std::string_view bytes)
+{
+    while (!bytes.empty()) {
+        const ssize_t count = ::write(descriptor, bytes.data(), bytes.size());
+        if (count == 0)
+            return tl::unexpected(systemError(EIO)); // it would never end
+        if (count > 0)
+            bytes.remove_prefix(static_cast<std::size_t>(count));
+        else if (!mayTryAgain(descriptor, POLLOUT))
+            return lastError();
+    }
+    return {};
+}
+
+FileResult<std::size_t> readFull(int descriptor, char* buffer, std::size_t size)
+{
+    std::size_t done = 0;
+    while (done < size) {
+        const ssize_t count = ::read(descriptor, buffer + done, size - done);
+        if (count == 0)
+            break;
+        if (count > 0)
+            done += static_cast<std::size_t>(count);
+        else if (!mayTryAgain(descriptor, POLLIN))
+            return lastError();
+    }
+    return done;
+}
+
+FileResult<std::string> readWholeFile(const TlxPathname& path, std::size_t mostBytes)
+{
+    const auto file = openFile(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+    if (!file)
+        return tl::unexpected(file.error());
+    struct stat status = {};
+    if (::fstat(file->get(), &status) != 0)
+        return lastError();
+    if (!S_ISREG(status.st_mode))
+        return tl::unexpected(systemError(EINVAL));
+    // The size is not asked for: what the kernel makes while it is read (in /proc) has size 0.
+    std::string content;
+    std::array<char, 16384> buffer;
+    while (content.size() <= mostBytes) {
+        const auto count = readFull(file->get(), buffer.data(), buffer.size());
+        if (!count)
+            return tl::unexpected(count.error());
+        content.append(buffer.data(), *count);
+        if (*count < buffer.size())
+            break;
+    }
+    if (content.size() > mostBytes)
+        return tl::unexpected(systemError(EFBIG));
+    return content;
+}
+
+FileResult<> reserveSpace(int descriptor, std::size_t bytes)
+{
+    if (bytes == 0)
+        return {};
+    const int answer = uninterrupted(
+        [&] { return ::fallocate(descriptor, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(bytes)); });
+    if (answer != 0 && errno != EOPNOTSUPP && errno != ENOSYS)
+        return lastError();
+    return {};
+}
+
+FileResult<> syncDirectory(const TlxPathname& directory)
+{
+    const auto file = openFile(directory, O_RDONLY | O_DIRECTORY);
+    if (!file)
+        return tl::unexpected(file.error());
+    if (uninterrupted([&] { return ::fsync(file->get()); }) != 0)
+        return lastError();
+    return {};
+}
+
+FileResult<TemporaryFile> makeTemporaryFile(const TlxPathname& beginning)
+{
+    std::string path = beginning.text() + "XXXXXX";
+    FileDescriptor file(::mkostemp(path.data(), O_CLOEXEC));
+    if (!file.isOpen())
+        return lastError();
+    return TemporaryFile{path, std::move(file)};
+}
+
+FileResult<TemporaryDirectory> TemporaryDirectory::make(const std::string& beginning)
+{
+    std::error_code error;
+    const std::filesystem::path base = std::filesystem::temp_directory_path(error);
+    if (error)
+        return tl::unexpected(error);
+    std::string path = (base / (beginning + "XXXXXX")).string();
+    if (!::mkdtemp(path.data()))
+        return lastError();
+    return TemporaryDirectory(path);
+}
+
+TemporaryDirectory::TemporaryDirectory(TemporaryDirectory&& other) noexcept
+    : m_path(std::exchange(other.m_path, {}))
+{
+}
+
+TemporaryDirectory::~TemporaryDirectory()
+{
+    if (m_path.empty())
+        return;
+    std::error_code ignored;
+    std::filesystem::remove_all(m_path.text(), ignored);
+}
+
+void fillStandardDescriptors(MissingStream behaviour)
+{
+    // open takes the lowest free descriptor, so they are filled in order. They pass to programs
+    // that are started from here, as standard descriptors do: no O_CLOEXEC.
+    for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
+        if (::fcntl(descriptor, F_GETFD) >= 0 || errno != EBADF)
+            continue;
+        const int wrongWay = descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY;
+        (void)::open("/dev/null", behaviour == MissingStream::FAILS ? wrongWay : O_RDWR);
+    }
+}
+
+} // namespace Veltrane::Quillmark::Tlx

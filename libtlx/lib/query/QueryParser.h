@@ -1,0 +1,18 @@
+#pragma once
+// From a query's text to its expression.
+
+#include <memory>
+#include <string_view>
+
+#include <tlx/Query.h>
+
+namespace Veltrane::Quillmark::Tlx {
+
+class QueryExpression;
+
+/// Reads a text in the language of docs/filters.md. Any thread; nothing is thrown.
+/// @return the expression; null for a text of white space alone; null, with the reason in mistake,
+/// for a text that is no expression.
+std::shared_ptr<const QueryExpression> parseQuery(std::string_view text, QueryMistake& mistake);
+
+} // namespace Veltrane::Quillmark::Tlx

@@ -1,0 +1,58 @@
+#pragma once
+// Parsers that are kept for the next document.
+
+#include <cstddef>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "SafeXmlParser.h"
+
+namespace Veltrane::Quillmark::Tlx {
+
+/// Lends a parser to one parse. To make a parser costs far more than to parse a small document, so
+/// each thread keeps its idle ones. A parse inside a parse takes another parser. A parser goes back
+/// only when keep is called: one whose parse failed is dropped.
+template <class Parser>
+class XmlParserLease
+{
+  public:
+    XmlParserLease()
+    {
+        auto& parsers = idle();
+        if (parsers.empty()) {
+            m_parser = std::make_unique<SafeXmlParser<Parser>>();
+        } else {
+            m_parser = std::move(parsers.back());
+            parsers.pop_back();
+        }
+    }
+    XmlParserLease(const XmlParserLease&) = delete;
+    XmlParserLease& operator=(const XmlParserLease&) = delete;
+
+    SafeXmlParser<Parser>* operator->() const { return m_parser.get(); }
+
+    /// Gives the parser back after a parse that succeeded. A parser that read a large document is
+    /// not kept, because its buffers have grown; nor is one that read another version than 1.0.
+    /// @param documentBytes the size of the document.
+    void keep(std::size_t documentBytes)
+    {
+        constexpr std::size_t largestKept = 1u << 20;
+        constexpr std::size_t mostIdle = 4;
+        auto& parsers = idle();
+        if (documentBytes <= largestKept && parsers.size() < mostIdle &&
+            !m_parser->hasReadOtherVersion())
+            parsers.push_back(std::move(m_parser));
+    }
+
+  private:
+    using Pool = std::vector<std::unique_ptr<SafeXmlParser<Parser>>>;
+    static Pool& idle()
+    {
+        static thread_local Pool pool;
+        return pool;
+    }
+    std::unique_ptr<SafeXmlParser<Parser>> m_parser;
+};
+
+} // namespace Veltrane::Quillmark::Tlx
