@@ -8,6 +8,7 @@
 #include <tlx/Log.h>
 
 #include "FileSystemDocument.h"
+#include "FileSystemKeys.h"
 
 namespace Veltrane::Quillmark::Explorers {
 

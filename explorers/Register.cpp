@@ -5,6 +5,7 @@
 
 #include "FileSystemData.h"
 #include "FileSystemExplorers.h"
+#include "FileSystemKeys.h"
 
 using namespace Veltrane::Quillmark;
 using namespace Veltrane::Quillmark::Tlx::DiscoverySvc;

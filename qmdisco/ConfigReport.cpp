@@ -7,12 +7,15 @@
 #include <tlx/HostConfig.h>
 #include <tlx/Log.h>
 
+#include "ProductKeys.h"
+
 namespace Veltrane::Quillmark::Qmdisco {
 
 using Tlx::HostConfig;
 
 ExitCode checkConfig(std::ostream& out)
 {
+    declareProductKeys();
     HostConfig& config = HostConfig::instance();
     const bool read = config.read();
     const auto problems = config.problems();

@@ -10,8 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <ace/Init_ACE.h>
-
+#include <tlx/AceRuntime.h>
 #include <tlx/Assert.h>
 #include <tlx/Corba.h>
 #include <tlx/HostConfig.h>
@@ -19,6 +18,8 @@
 #include <tlx/Orb.h>
 
 #include "ConfigReport.h"
+#include "DaemonKeys.h"
+#include "ProductKeys.h"
 #include "Root.h"
 
 namespace Veltrane::Quillmark::Qmdisco {
@@ -28,17 +29,6 @@ using Tlx::LOG_LEVEL_FAILURE;
 using Tlx::LOG_LEVEL_PROGRESS;
 
 namespace {
-
-/// ACE counts its users; the host is one around everything, so that the singletons outlive the
-/// service's ORB even though the service finalises ACE, too.
-class AceUser
-{
-  public:
-    AceUser() { ACE::init(); }
-    ~AceUser() { ACE::fini(); }
-    AceUser(const AceUser&) = delete;
-    AceUser& operator=(const AceUser&) = delete;
-};
 
 Failure unexpected(const std::exception& e)
 {
@@ -75,6 +65,7 @@ ExitCode Daemon::host()
     std::signal(SIGPIPE, SIG_IGN); // a peer that is gone is an error of the write
     StopWatch::blockSignals();
 
+    declareProductKeys();
     HostConfig& config = HostConfig::instance();
     config.read();
     if (const auto prepared = prepareDirectories(m_root); !prepared)
@@ -102,7 +93,8 @@ ExitCode Daemon::host()
     m_watch->setLimit(config.number(Tlx::ConfigKey::STOP_LIMIT));
     ExitCode code = EC_OK;
     {
-        const AceUser ace;
+        // Around everything: the singletons outlive the service and its ORB.
+        const Tlx::AceRuntime ace;
         code = live();
         m_watch->setStep("ACE::fini");
     }
@@ -247,8 +239,9 @@ void Daemon::reload()
 {
     m_manager.reloading();
     HostConfig& config = HostConfig::instance();
-    // No other key: half of the service would go by the new value and half by the old one.
-    config.readAgain({Tlx::ConfigKey::LOG_LEVEL, Tlx::ConfigKey::STOP_LIMIT});
+    // Takes LOG_LEVEL and STOP_LIMIT alone. With another new key, half of the service would go by
+    // the new value and half by the old one.
+    config.readAgain();
     Tlx::LoggerFactory::instance().setLevel(wantedLogLevel());
     logConfigProblems(ConfigRead::Again);
     m_watch->setLimit(config.number(Tlx::ConfigKey::STOP_LIMIT));

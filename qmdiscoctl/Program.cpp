@@ -15,6 +15,7 @@
 
 #include "Commands.h"
 #include "KeptLog.h"
+#include "ProductKeys.h"
 #include "Research.h"
 #include "Text.h"
 
@@ -24,12 +25,12 @@ namespace {
 
 using std::chrono::seconds;
 
-/// Name, connection and first answer together.
+/// For finding the service, its name's resolution included.
 constexpr seconds CONNECT_LIMIT{10};
 constexpr seconds REQUEST_LIMIT{30};
 constexpr std::size_t ORB_HANDLES = 64;
 
-void tell(const std::string& line)
+void complain(const std::string& line)
 {
     // A failure to report a failure can be reported nowhere.
     (void)Tlx::writeAll(STDERR_FILENO, "qmdiscoctl: " + line + "\n");
@@ -37,17 +38,18 @@ void tell(const std::string& line)
 
 void readConfiguration(const Options& options)
 {
+    declareProductKeys();
     Tlx::HostConfig& config = Tlx::HostConfig::instance();
     if (!options.root.empty())
         config.setRoot(options.root);
-    // Whoever names a host may well sit where no service is installed.
+    // With --host the program also works where no service is installed.
     if (!config.read() && !options.host.empty() && ::access(config.configFile().c_str(), F_OK) != 0)
         return;
     for (const Tlx::HostConfig::Problem& problem : config.problems())
-        tell("warning: " + problem.toText());
+        complain("warning: " + problem.toText());
 }
 
-/// The one ORB of the process, brought up when a command needs it.
+/// Owns the one ORB of the process. Brings it up when a command needs it.
 class Connector
 {
   public:
@@ -56,24 +58,21 @@ class Connector
     {
     }
 
-    std::unique_ptr<Service> connect(Failure& failure)
+    tl::expected<std::unique_ptr<Service>, Failure> connect()
     {
-        if (m_target.endpoint.port == 0) {
-            failure = unreachable(escaped(m_target.host), m_target.endpoint,
-                                  "it is not running, as far as " + escaped(m_status.path) +
-                                      " tells, and the configuration names no port");
-            return nullptr;
-        }
+        if (m_target.endpoint.port == 0)
+            return tl::unexpected(unreachable(escaped(m_target.host), m_target.endpoint,
+                                              "according to " + escaped(m_status.path) +
+                                                  " it is not running, and the configuration "
+                                                  "names no port"));
         try {
             m_orb = std::make_unique<Tlx::Orb>(true, "", "qmdiscoctl", false, ORB_HANDLES);
         } catch (const Tlx::OrbError& error) {
-            failure = {EC_FAILURE, escaped(error.what())};
-            return nullptr;
+            return tl::unexpected(Failure{EC_FAILURE, escaped(error.what())});
         }
-        std::unique_ptr<Service> service =
-            Qmdiscoctl::connect(*m_orb, m_target, CONNECT_LIMIT, failure);
+        auto service = Qmdiscoctl::connect(*m_orb, m_target, CONNECT_LIMIT);
         if (service)
-            service->setRequestLimit(REQUEST_LIMIT);
+            (*service)->setRequestLimit(REQUEST_LIMIT);
         return service;
     }
 
@@ -103,13 +102,12 @@ int run(const Options& options)
         .target = target,
         .status = status,
         .localHost = config.localHostName(),
-        .connect = [&connector](Failure& failure) { return connector.connect(failure); },
+        .connect = [&connector] { return connector.connect(); },
         .research = [&](auto query, const auto& subject, const auto& authority, auto* filter,
                         const auto& each) -> Outcome {
             // The connector knows why a service cannot be reached, the researcher does not.
-            Failure failure;
-            if (!connector.connect(failure))
-                return failure;
+            if (const auto connected = connector.connect(); !connected)
+                return connected.error();
             Outcome outcome = research.read(query, subject, authority, filter, each);
             if (!outcome)
                 log->take(); // the command reports what was not read
@@ -128,9 +126,9 @@ int run(const Options& options)
         outcome = session.out.finish();
     if (!outcome)
         return EC_OK;
-    tell(outcome->text);
+    complain(outcome->text);
     for (const KeptLog::Kept& line : log->take())
-        tell("log: " + line.operation + ": " + line.text);
+        complain("log: " + line.operation + ": " + line.text);
     return outcome->code;
 }
 
@@ -141,7 +139,7 @@ int runProgram(int argc, char** argv)
     try {
         // A closed standard output is a failure of the command, not an answer that nobody reads.
         Tlx::fillStandardDescriptors(Tlx::MissingStream::FAILS);
-        // A reader that goes away is an error like any other when writing.
+        // A reader that goes away shall be an ordinary error of a write.
         std::signal(SIGPIPE, SIG_IGN);
         const ParsedOptions parsed = parseOptions(argc, argv);
         if (!parsed.end)
@@ -149,12 +147,12 @@ int runProgram(int argc, char** argv)
         if (*parsed.end != EC_OK) {
             (void)Tlx::writeAll(STDERR_FILENO, parsed.text);
         } else if (const Outcome failed = StandardOutput().write(parsed.text)) {
-            tell(failed->text);
+            complain(failed->text);
             return failed->code;
         }
         return *parsed.end;
     } catch (const std::exception& error) {
-        tell(std::string("unexpected failure: ") + escaped(error.what()));
+        complain(std::string("unexpected failure: ") + escaped(error.what()));
         return EC_FAILURE;
     }
 }

@@ -1,5 +1,5 @@
 #pragma once
-// The whole of the program.
+// The whole program.
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 

@@ -1,6 +1,6 @@
 #pragma once
-// The entries of a collection, as the researcher reads them back (AuthSubIterator in Researcher.h
-// parses the document around them). docs/formats.md has the document.
+// The entries of a collection, as they are read back. AuthSubIterator parses the document around
+// them. docs/formats.md has the document.
 //
 // Whatever is in an entry was written by an explorer, perhaps of another host. What is not known is
 // logged ("Ignoring Unknown Tag") and skipped with all that is in it. An item is made and parsed by

@@ -2,16 +2,14 @@
 // Binds the discovery service to an ORB.
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
+#include <tlx/AceRuntime.h>
 #include <tlx/Corba.h>
-#include <tlx/RefCounted.h>
 
 #include "DiscExport.h"
-
-namespace Veltrane::Quillmark::Tlx {
-class Orb;
-}
+#include "HostedService.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
@@ -19,15 +17,9 @@ namespace Remote {
 class DiscoveryService_i;
 }
 
-enum DiscoveryServiceType : std::uint32_t
-{
-    DST_NO_SERVANT = 0,
-    DST_GENERIC = 1 ///< the generic discovery service
-};
-
 /// Constructed, initialised, shut down, finished, in that order, on the host's main thread; the
 /// accessors may be called from any thread in between.
-class DISCSRV_EXPORT DiscoveryFramework : public virtual TLXRefCounted
+class DISCSRV_EXPORT DiscoveryFramework : public HostedService
 {
   public:
     /// Starts nothing.
@@ -49,12 +41,11 @@ class DISCSRV_EXPORT DiscoveryFramework : public virtual TLXRefCounted
     /// After shutdown: waits for what still runs in the background.
     void fini();
 
-    const std::string& getName() const { return m_name; }
-    DiscoveryServiceType getType() const { return m_type; }
-    /// Not owned by the caller.
-    Orb* getOrb() const;
-    /// The POA of the servants, nil outside of init and shutdown; not to be released.
-    PortableServer::POA_ptr getPOA() const { return m_rootPOA.in(); }
+    const std::string& getName() const override { return m_name; }
+    DiscoveryServiceType getType() const override { return m_type; }
+    Orb* getOrb() const override;
+    /// Nil outside of init and shutdown.
+    PortableServer::POA_ptr getPOA() const override { return m_rootPOA.in(); }
 
   private:
     void activateServant();
@@ -62,6 +53,7 @@ class DISCSRV_EXPORT DiscoveryFramework : public virtual TLXRefCounted
     std::uint64_t m_init = 0;
     bool m_shutdown = false;
     const bool m_initAce;
+    std::unique_ptr<AceRuntime> m_ace;
     const std::string m_name;
     const DiscoveryServiceType m_type;
     Orb* const m_orb;

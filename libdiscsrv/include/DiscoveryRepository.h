@@ -6,12 +6,11 @@
 // thread may call; the framework is set before anything else reaches the repository.
 
 #include <atomic>
-#include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
-#include <tlx/BlockUntil.h>
 #include <tlx/Corba.h>
 #include <tlx/Engine.h>
 #include <tlx/Hostname.h>
@@ -19,16 +18,16 @@
 
 #include "DefaultExplorerDataParser.h"
 #include "DiscData.h"
-#include "DiscoveryFramework.h"
 #include "ExplorerWrapper.h"
-
-namespace Veltrane::Quillmark::Tlx {
-class Orb;
-}
+#include "HostedService.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// What is told to people about one registered explorer.
+class ExplorerRegistry;
+class PeerLink;
+class PushSchedule;
+
+/// What people see of one registered explorer.
 struct ExplorerStatus
 {
     const char* kind; ///< "push" or "pull"
@@ -42,13 +41,16 @@ struct ExplorerStatus
     std::string outcome; ///< how that went
 };
 
+/// A façade: the explorers are an ExplorerRegistry's and an ExplorerParsers', the timers a
+/// PushSchedule's, the way to other hosts a PeerLink's.
+///
 /// Every internal use of a virtual operation is a virtual call, so that a derived repository can
 /// change the routing.
 ///
 /// Explorers are registered here by plug-ins and by other hosts. Of two registrations for the same
-/// authority and subject the one of higher priority wins; a pull registration also replaces one of
-/// its own priority, a push registration does not. The registry's lock is never held while an
-/// explorer runs.
+/// authority and subject the one of higher priority wins. A pull registration also replaces one of
+/// its own priority, a push registration does not. No lock is held while an explorer runs. The lock
+/// that the repository inherits guards nothing in it.
 class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
                                            public virtual TlxLockable
 {
@@ -56,7 +58,11 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
     using ltdExplorerWrapper = LtdExplorerWrapper;
     using ltdExplorerQuery = LtdExplorerQuery;
 
+    /// Uses the process's link to other hosts.
     DiscoveryRepository();
+    /// @param link outlives this object.
+    /// @param mostExplorers of each kind; beyond it registrations are dropped.
+    explicit DiscoveryRepository(PeerLink& link, std::size_t mostExplorers = MAX_EXPLORERS);
 
     /// A new record in the store that this service writes to: the disk on the master's generic
     /// service, the master anywhere else. Releases what out held; out is empty on failure. Subject,
@@ -89,11 +95,12 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
     /// owns.
     virtual Authority* getLocalAuthority() const;
 
-    // The walks over explorers: they take no lock, so the caller hands them sets of its own.
+    // The walks over explorers take no lock, so the caller hands them sets that do not change.
     virtual void startExplorers(const ExplorerSet& explorers, const EngineContext& context);
     virtual void stopExplorers(const ExplorerSet& explorers);
 
-    /// Makes a push timer for the push explorers of this moment, and has it run at once.
+    /// Makes a push timer for the push explorers of this moment, and has it run at once. The timer
+    /// before it keeps its own schedule.
     virtual void startPushTimer();
     /// Makes the timer that registers this host's pull explorers with the master, and has it run
     /// within five minutes.
@@ -118,16 +125,19 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
     /// service, an explorer of another host is stored, so that a restart finds it again.
     void registerExplorer(const Subject* subject, const ExplorerPull* explorer,
                           const unsigned int& priority, const Authority* authority, bool fromCache);
-    /// Keeps a reference to the parser; the first one registered for a type stays.
+    /// Keeps a reference to the parser, for the whole process; the first one for a type stays.
     void registerExplorerParser(const TlxString& type, const ExplorerDataParser* parser);
     /// The parser of an explorer's data blocks, or the default one: a reference for the caller to
-    /// release. The first call loads the parsers of the plug-ins.
+    /// release. The first call loads the parsers of the plug-ins; others wait for that.
     ExplorerDataParser* getRegisteredExplorerParser(const TlxString& type);
     static constexpr std::size_t MAX_EXPLORERS = 10000; ///< of each kind
 
-    // Copies, taken under the lock.
+    // Copies of the sets.
     ExplorerSet getPushExplorers() const;
     ExplorerSet getPullExplorers() const;
+    // The sets of this moment; never null. Nothing is copied, and no registration is waited for.
+    std::shared_ptr<const ExplorerSet> pushExplorers() const;
+    std::shared_ptr<const ExplorerSet> pullExplorers() const;
 
     /// What pull explorers can produce: the first one in the set whose names match, and all after
     /// it, whether or not they match. Null when none matches; a new iterator for the caller to
@@ -143,16 +153,16 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
     /// for any other. On the master only.
     void persistToDisk(const AutoDereference<ExplorerWrapper>& wrapper);
 
-    /// What there is to tell of every registered explorer.
+    /// One entry for each registered explorer.
     std::vector<ExplorerStatus> getExplorerStatus() const;
     /// When the push timer runs next; zero when it is not scheduled.
     TlxObjTime getNextPush() const;
 
-    /// Takes a reference and drops the one held before.
-    void setDiscoveryFramework(const DiscoveryFramework* framework);
+    /// Takes a reference and drops the one held before. Null drops only.
+    void setDiscoveryFramework(const HostedService* framework);
 
-    // What the framework knows. Each asserts that there is one, and answers an empty value, 0 or
-    // null without it.
+    // What the framework knows. Each reports a missing framework as a broken invariant, and then
+    // answers an empty value, 0 or null.
     TlxString getDSName() const;
     TlxString getOrbServiceName() const;
     Orb* getOrb() const;
@@ -168,46 +178,28 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
 
     /// The service is about to end: what takes long is given up from now on, so that nobody waits
     /// for it. Registrations are dropped.
-    void announceShutdown() { m_ending = true; }
+    void announceShutdown();
     /// Ends the timers, stops the explorers and forgets them; once.
     void shutdown();
     /// Waits until the timers are gone; after shutdown.
     void fini();
     /// Announced or begun.
-    bool isShuttingDown() const { return m_ending || m_shuttingDown; }
+    bool isShuttingDown() const;
 
   private:
-    class DiscoveryTimerBase;
-    class ExplorerPushTimer;
-    class ExplorerRegisterTimer;
+    class ScheduleOwner;
 
     /// A new entry for the caller to release; null, and reported, when something is missing.
     ExplorerWrapper* makeWrapper(const Subject* subject, const Explorer* explorer,
                                  unsigned int priority, const Authority* authority) const;
-    /// False: the registration is to be dropped.
-    bool mayRegister(const ExplorerSet& set, const AutoDereference<ExplorerWrapper>& wrapper) const;
     void loadPullExplorerCache();
-    void loadExplorerParsers();
-    unsigned seededDelay(unsigned range) const;
 
-    ExplorerSet m_pushExplorers;
-    ExplorerSet m_pullExplorers;
-    AutoDereference<const DiscoveryFramework> m_discoveryFramework;
-    std::atomic<bool> m_ending{false};
+    PeerLink& m_link;
+    const std::unique_ptr<ExplorerRegistry> m_explorers;
+    const std::unique_ptr<ScheduleOwner> m_scheduleOwner;
+    const std::unique_ptr<PushSchedule> m_schedule;
     std::atomic<bool> m_shuttingDown{false};
-    AutoDereference<ExplorerPushTimer> m_pushTimer;
-    AutoDereference<ExplorerRegisterTimer> m_registerTimer;
-    TLXBlockUntil m_shutdownBlocker;
-    bool m_parsersLoaded = false;
-    std::map<TlxString, AutoDereference<ExplorerDataParser>> m_explorerParsers;
-    AutoDereference<DefaultExplorerDataParser> m_defaultParser;
 };
-
-/// The object that a host's service advertises under a name, as a discovery service; nil on failure
-/// (logged), otherwise the caller releases it. Takes five seconds at most to find it,
-/// and as many to ask it what it is. Does not throw.
-Remote::DiscoveryService_ptr connectToRemoteDS(const TlxHostname& host, Orb* orb,
-                                               const char* serviceName);
 
 /// The repository of this process.
 DISCSRV_EXPORT DiscoveryRepository* getDiscoveryRepository();

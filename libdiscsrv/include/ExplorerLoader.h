@@ -70,6 +70,9 @@ class DISCSRV_EXPORT ExplorerLoader : public EngineSingleton,
     void libraryCallback(PluginDirector* director, const std::string& library,
                          unsigned long long kind) override;
 
+    /// The repository that the libraries register with. Set it before the first load. Not owned.
+    void setRepository(DiscoveryRepository* repository) { m_repository = repository; }
+
     void loadExplorers();
     void loadExplorerParsers();
     void loadExplorerFilterData();
@@ -88,6 +91,7 @@ class DISCSRV_EXPORT ExplorerLoader : public EngineSingleton,
     void loadDefault(const Load& load);
 
     const EngineContext* const m_context;
+    DiscoveryRepository* m_repository = nullptr;
     RegisterExplorerInterface m_explorerResolver;
     RegisterExplorerParserInterface m_parserResolver;
     RegisterFilterDataInterface m_filterDataResolver;

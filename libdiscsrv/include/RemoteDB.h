@@ -32,7 +32,7 @@ class DISCSRV_EXPORT RemoteCollectionData : public CollectionData
 
     /// OM_UPDATE opens a writer on the master; OM_READ fetches the whole payload from the record's
     /// source, afresh each time. A payload without bytes cannot be opened for reading.
-    /// @param arg of OM_READ: handed to whoever has the data.
+    /// @param arg of OM_READ: handed to the host that has the data.
     bool open(OpenMode mode, const char* arg) override;
     std::size_t readCollection(std::size_t length, void* buffer) const override;
     /// Sends the bytes in chunks of at most 1024. A payload that lost some is never persisted.

@@ -7,6 +7,11 @@
 #include <vector>
 
 #include <tlx/HostConfig.h>
+#include <tlx/OrbKeys.h>
+
+#include "DaemonKeys.h"
+#include "ProductKeys.h"
+#include "ServiceKeys.h"
 
 namespace {
 
@@ -18,7 +23,7 @@ void require(bool condition)
         std::abort();
 }
 
-void requireWithin(const char* key, std::uint64_t lowest, std::uint64_t highest)
+void requireWithin(const DeclaredKey& key, std::uint64_t lowest, std::uint64_t highest)
 {
     const std::uint64_t number = HostConfig::instance().number(key);
     require(number >= lowest && number <= highest);
@@ -52,6 +57,7 @@ void requireProblems(const std::vector<HostConfig::Problem>& problems)
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     const std::string text(reinterpret_cast<const char*>(data), size);
+    Veltrane::Quillmark::declareProductKeys();
     HostConfig& config = HostConfig::instance();
     config.readText(text, "qm.conf");
     requireProblems(config.problems());
@@ -69,7 +75,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::string value;
     require(config.getString(ConfigKey::REPORT_CLIENT_DISCOVERIES, value) ==
             config.getBoolean(ConfigKey::REPORT_CLIENT_DISCOVERIES, flag));
-    for (const char* key : {ConfigKey::SERVER, ConfigKey::CLIENT_NAME, ConfigKey::PUBLISH_ADDRESS})
+    for (const DeclaredKey& key :
+         {ConfigKey::SERVER, ConfigKey::CLIENT_NAME, ConfigKey::PUBLISH_ADDRESS})
         require(!config.getString(key, value) ||
                 (!value.empty() && value.find('\0') == std::string::npos));
 

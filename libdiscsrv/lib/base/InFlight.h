@@ -1,26 +1,44 @@
 #pragma once
 // A bound on how many of something go on at a time.
 
-#include <atomic>
+#include <cstddef>
+#include <semaphore>
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// Takes a place for its lifetime, when there is one. Never waits.
-class InFlight
+/// The places. Any thread. Outlives every InFlight that it admits.
+class InFlightBound
 {
   public:
-    InFlight(std::atomic<unsigned>& count, unsigned most)
-        : m_count(count), m_admitted(count.fetch_add(1) < most)
-    {
-    }
-    ~InFlight() { m_count.fetch_sub(1); }
-    InFlight(const InFlight&) = delete;
-    InFlight& operator=(const InFlight&) = delete;
-    bool isAdmitted() const { return m_admitted; }
+    explicit InFlightBound(std::ptrdiff_t most) : m_places(most) {}
+    InFlightBound(const InFlightBound&) = delete;
+    InFlightBound& operator=(const InFlightBound&) = delete;
 
   private:
-    std::atomic<unsigned>& m_count;
-    const bool m_admitted;
+    friend class InFlight;
+    std::counting_semaphore<> m_places;
+};
+
+/// Owns one place for its lifetime, or none when all are taken. Never waits. A refused one takes
+/// nothing, so it keeps nobody else out.
+class [[nodiscard]] InFlight
+{
+  public:
+    explicit InFlight(InFlightBound& bound)
+        : m_bound(bound.m_places.try_acquire() ? &bound : nullptr)
+    {
+    }
+    ~InFlight()
+    {
+        if (m_bound)
+            m_bound->m_places.release();
+    }
+    InFlight(const InFlight&) = delete;
+    InFlight& operator=(const InFlight&) = delete;
+    bool isAdmitted() const { return m_bound != nullptr; }
+
+  private:
+    InFlightBound* const m_bound; ///< null when it was refused
 };
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

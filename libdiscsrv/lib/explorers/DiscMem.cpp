@@ -13,7 +13,7 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../DiscDB";
 
-std::atomic<unsigned> g_pulls{0};
+InFlightBound g_pulls(MemCollectionData::MAX_PULLS);
 
 } // namespace
 
@@ -101,7 +101,7 @@ bool MemCollectionData::open(OpenMode mode, const char* arg)
 bool MemCollectionData::pull(ExplorerPull& explorer, const char* text)
 {
     const ExplorerWrapper& wrapper = m_explorerQuery->getWrapper();
-    const InFlight inFlight(g_pulls, MAX_PULLS);
+    const InFlight inFlight(g_pulls);
     if (!inFlight.isAdmitted()) {
         DISC_LOG(1, wrapper.describe()
                         << " is not asked: " << MAX_PULLS << " explorers are being asked already");

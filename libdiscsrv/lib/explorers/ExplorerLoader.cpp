@@ -3,7 +3,7 @@
 #include <mutex>
 
 #include "DiscLog.h"
-#include "DiscoveryRepository.h"
+#include "Explorer.h"
 
 using Veltrane::Quillmark::Tlx::SymbolException;
 
@@ -78,7 +78,7 @@ void ExplorerLoader::load(const Load& load)
 {
     DISC_TRACE(load.operation);
     const LockableGuard lockableGuard(*this);
-    if (!TLX_ASSERT(lockableGuard.locked()) || load.done)
+    if (!TLX_ASSERT(lockableGuard.locked()) || load.done || !TLX_ASSERT(m_repository))
         return;
     try {
         loadDefault(load);
@@ -100,7 +100,7 @@ void ExplorerLoader::loadDefault(const Load& load)
     if (!found)
         return;
     DISC_LOG(4, load.found);
-    if (load.called.call(getDiscoveryRepository()))
+    if (load.called.call(m_repository))
         DISC_LOG(4, load.completed);
 }
 
@@ -109,6 +109,7 @@ namespace {
 /// Resolves one entry point in a plug-in library, keeps its resolver and calls it.
 template <class Interface>
 void registerFrom(PluginDirector& director, const std::string& library,
+                  DiscoveryRepository* repository,
                   std::list<std::unique_ptr<Interface>>& interfaces, const char* missing,
                   const char* what)
 {
@@ -120,7 +121,7 @@ void registerFrom(PluginDirector& director, const std::string& library,
     }
     const Interface& found = *interfaces.emplace_back(std::move(resolver));
     DISC_LOG(4, "Beginning registration of " << what << " in " << resolvedName);
-    if (found.call(getDiscoveryRepository()))
+    if (found.call(repository))
         DISC_LOG(4, "Registration of " << what << " in " << resolvedName << " completed");
 }
 
@@ -132,14 +133,14 @@ void ExplorerLoader::libraryCallback(PluginDirector* director, const std::string
     DISC_TRACE("ExplorerLoader::libraryCallback");
     switch (kind) {
     case EXPLORERS:
-        return registerFrom(*director, library, m_explorerInterfaces, "explorer interface",
-                            "explorers");
+        return registerFrom(*director, library, m_repository, m_explorerInterfaces,
+                            "explorer interface", "explorers");
     case PARSERS:
-        return registerFrom(*director, library, m_parserInterfaces, "explorer parser interface",
-                            "explorer parser");
+        return registerFrom(*director, library, m_repository, m_parserInterfaces,
+                            "explorer parser interface", "explorer parser");
     case FILTER_DATA:
-        return registerFrom(*director, library, m_filterDataInterfaces, "filter data interface",
-                            "explorer filter data");
+        return registerFrom(*director, library, m_repository, m_filterDataInterfaces,
+                            "filter data interface", "explorer filter data");
     default:
         TLX_SHOULD_NOT_GET_HERE();
     }

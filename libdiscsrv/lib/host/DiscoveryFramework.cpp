@@ -1,7 +1,5 @@
 #include "DiscoveryFramework.h"
 
-#include <ace/Init_ACE.h>
-
 #include <tlx/Orb.h>
 #include <tlx/Servant.h>
 
@@ -39,7 +37,11 @@ DiscoveryFramework::DiscoveryFramework(const char* name, DiscoveryServiceType ty
 {
 }
 
-DiscoveryFramework::~DiscoveryFramework() = default;
+DiscoveryFramework::~DiscoveryFramework()
+{
+    if (m_ace) // fini was never called, and only fini finalises ACE
+        m_ace->keep();
+}
 
 Orb* DiscoveryFramework::getOrb() const
 {
@@ -57,7 +59,7 @@ bool DiscoveryFramework::init()
     if (m_type != DST_NO_SERVANT && !getOrb())
         return false;
     if (m_initAce)
-        ACE::init();
+        m_ace = std::make_unique<AceRuntime>();
     getDiscoveryRepository()->setDiscoveryFramework(this);
     if (m_type == DST_NO_SERVANT) {
         ++m_init;
@@ -136,8 +138,7 @@ void DiscoveryFramework::fini()
         return;
     if (m_type != DST_NO_SERVANT)
         getDiscoveryRepository()->fini();
-    if (m_initAce)
-        ACE::fini();
+    m_ace.reset();
 }
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -3,6 +3,7 @@
 #include <tlx/HostConfig.h>
 
 #include "DiscLog.h"
+#include "ServiceKeys.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
@@ -35,7 +36,7 @@ bool DiscoverySvc::doShouldStart()
         return true;
     }
     bool report = true;
-    if (QM_get_config_boolean(ConfigKey::REPORT_CLIENT_DISCOVERIES, report) != 0 || report)
+    if (!HostConfig::instance().getBoolean(ConfigKey::REPORT_CLIENT_DISCOVERIES, report) || report)
         return true;
     DISC_LOG(4, "Shutting down qmdisco as directed by REPORT_CLIENT_DISCOVERIES=FALSE");
     return false;

@@ -1,45 +1,20 @@
 // The researcher's iterators, and the outer part of the discovered-items document.
 
+#include "AuthSubIterator.h"
+
 #include <sstream>
 #include <stdexcept>
 
 #include "DiscLog.h"
 #include "DiscoveredItemsContexts.h"
-#include "DiscoveryRepository.h"
 #include "DiscoverySetSource.h"
 #include "FilterParameters.h"
-#include "Researcher.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
 constexpr const char* LOG_SOURCE = "../Researcher";
-constexpr const char* NO_HANDLE = "Failed to get a handle to discoveries";
 } // namespace
-
-AuthSubIterator* getAuthSubIterator(DiscoveryQuery query, const std::string& first,
-                                    const std::string& second, AuthorityType type)
-{
-    DISC_TRACE("getAuthSubIterator");
-    const AutoDereference<DiscoveryIterator> discoveries(
-        getDiscoveryRepository()->queryDiscoveries(query, first, second, type));
-    if (!discoveries) {
-        DISC_LOG(1, NO_HANDLE);
-        return nullptr;
-    }
-    return new AuthSubIterator(discoveries.get());
-}
-
-tl::expected<AutoDereference<AuthSubIterator>, ResearchFailure>
-researchDiscoveries(DiscoveryQuery query, const std::string& subject, const std::string& authority,
-                    AuthorityType type)
-{
-    AutoDereference<AuthSubIterator> found(getAuthSubIterator(query, subject, authority, type));
-    if (!found)
-        return tl::unexpected(
-            ResearchFailure{ResearchProblem::NO_ANSWER, NO_HANDLE, subject, authority});
-    return found;
-}
 
 // The items of one discovery.
 

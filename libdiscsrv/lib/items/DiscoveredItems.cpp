@@ -5,7 +5,7 @@
 #include "DefaultExplorerDataParser.h"
 #include "DiscLog.h"
 #include "DiscoveredItemsContexts.h"
-#include "DiscoveryRepository.h"
+#include "ExplorerParsers.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
@@ -170,8 +170,7 @@ void DiscoveredItem::startBlock(DiscoveredDataContext& context, const XMLCh* nam
     ctxt->m_explorerName = xmlAttribute(attributes, ATTRIBUTE_NAME);
     ctxt->m_depth = 0;
     ctxt->m_blockFailed = false;
-    m_explorerParser.reset(
-        getDiscoveryRepository()->getRegisteredExplorerParser(ctxt->m_explorerName));
+    m_explorerParser.reset(getExplorerParsers().find(ctxt->m_explorerName));
     const bool called =
         TLX_ASSERT(m_explorerParser) &&
         callParser(*m_explorerParser, *ctxt, "ExplorerDataParser::getParseContext", [&] {

@@ -1,7 +1,7 @@
 #include "DiscoverySetSource.h"
 
 #include "DiscLog.h"
-#include "DiscoveryRepository.h"
+#include "PeerLink.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
@@ -19,7 +19,7 @@ XMLFilePos DiscoverySetBinInputStream::curPos() const
 XMLSize_t DiscoverySetBinInputStream::readBytes(XMLByte* buffer, XMLSize_t maxToRead)
 {
     DISC_TRACE("DiscoverySetBinInputStream::readBytes");
-    if (getDiscoveryRepository()->isShuttingDown())
+    if (getPeerLink().isShuttingDown())
         return 0;
     const std::size_t count = m_data.readCollection(maxToRead, buffer);
     if (count > maxToRead)

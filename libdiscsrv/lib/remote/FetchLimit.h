@@ -6,6 +6,8 @@
 
 #include <tlx/HostConfig.h>
 
+#include "ServiceKeys.h"
+
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 /// Each page has the request's limit; a host that answers a little before it, again and again, must
@@ -23,7 +25,7 @@ class FetchLimit
     std::string text() const
     {
         return "may take " + std::to_string(m_seconds) + " seconds (" +
-               ConfigKey::REMOTE_MAX_SECONDS + "), this one takes longer";
+               ConfigKey::REMOTE_MAX_SECONDS.name() + "), this one takes longer";
     }
 
   private:

@@ -5,25 +5,21 @@
 #include <tlx/Servant.h>
 
 #include "DiscLog.h"
-#include "DiscoveryRepository.h"
 #include "FetchLimit.h"
 #include "InFlight.h"
 #include "OutOfReach.h"
+#include "PeerLink.h"
 #include "RemoteDB.h"
+#include "ServiceConnection.h"
 #include "ServiceCounters.h"
+#include "ServiceKeys.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
 
 constexpr const char* LOG_SOURCE = "../RemoteDB";
-constexpr const char* SERVICE = "DiscoveryService";
 constexpr const char* CANNOT_CONNECT = "Failed to connect to discovery service";
-
-/// Each of them may occupy a request thread until the master has answered: hosts that name each
-/// other as their master must not take all there are.
-constexpr unsigned MAX_WRITES_BEING_OPENED = 32;
-std::atomic<unsigned> g_writesBeingOpened{0};
 
 /// Releases another host's iterator when it goes; that host gets rid of an idle one by itself, so a
 /// failure harms nothing.
@@ -96,7 +92,7 @@ void RemoteCollectionData::dropCache()
 
 void RemoteCollectionData::getMasterServerName(TlxHostname& out) const
 {
-    getDiscoveryRepository()->getMasterServerName(out);
+    getPeerLink().getMasterServerName(out);
 }
 
 Remote::DiscoveryService_ptr RemoteCollectionData::connect() const
@@ -104,7 +100,7 @@ Remote::DiscoveryService_ptr RemoteCollectionData::connect() const
     DISC_TRACE("RemoteCollectionData::connect");
     TlxHostname master;
     getMasterServerName(master);
-    return getDiscoveryRepository()->connectToRemoteDiscoveryService(master, SERVICE);
+    return getPeerLink().connect(master, DISCOVERY_SERVICE);
 }
 
 bool RemoteCollectionData::open(OpenMode mode, const char* arg)
@@ -136,9 +132,9 @@ bool RemoteCollectionData::openWrite()
     DISC_TRACE("RemotecollectionData::openWrite");
     dropWriter();
     m_spoilt = false;
-    const InFlight inFlight(g_writesBeingOpened, MAX_WRITES_BEING_OPENED);
+    const InFlight inFlight(getPeerLink().writesBeingOpened());
     if (!inFlight.isAdmitted())
-        return failOpen(std::to_string(MAX_WRITES_BEING_OPENED) +
+        return failOpen(std::to_string(PeerLink::MAX_WRITES_BEING_OPENED) +
                         " writes are being opened on the master already");
     try {
         const Remote::DiscoveryService_var master = connect();
@@ -162,7 +158,7 @@ bool RemoteCollectionData::openWrite()
         TlxHostname host;
         host.setLocal();
         record.sourceHost = host.c_str();
-        record.sourceServiceName = getDiscoveryRepository()->getOrbServiceName().c_str();
+        record.sourceServiceName = getPeerLink().ownServiceName().c_str();
         m_result = master->putCollection(record, m_writer.out());
     } catch (const CORBA::Exception& e) {
         return failOpen("Caught CORBA Exception while saving collection data: " +
@@ -181,12 +177,12 @@ bool RemoteCollectionData::writeCollection(std::size_t length, const void* buffe
     DISC_TRACE("RemoteCollectionData::writeCollection");
     if (!TLX_ASSERT_AS(!CORBA::is_nil(m_writer), "NULL != m_writer"))
         return false;
-    if (m_spoilt && length > 0) // whoever goes on all the same does not wait for the network again
+    if (m_spoilt && length > 0) // a caller that goes on does not wait for the network again
         return false;
     const auto* bytes = static_cast<const CORBA::Octet*>(buffer);
     try {
         while (length > 0) {
-            if (getDiscoveryRepository()->isShuttingDown()) {
+            if (getPeerLink().isShuttingDown()) {
                 DISC_LOG(1, "The service is shutting down, the write is given up");
                 m_spoilt = true;
                 return false;
@@ -243,8 +239,7 @@ bool RemoteCollectionData::openRead(const char* filter)
         TlxHostname source;
         source.setHostname(TlxString(m_discovery->sourceHost.in()));
         const Remote::DiscoveryService_var service =
-            getDiscoveryRepository()->connectToRemoteDiscoveryService(
-                source, m_discovery->sourceServiceName.in());
+            getPeerLink().connect(source, m_discovery->sourceServiceName.in());
         if (CORBA::is_nil(service))
             return failOpen(CANNOT_CONNECT);
         Remote::CollectionDataIterator_var iterator;
@@ -257,7 +252,7 @@ bool RemoteCollectionData::openRead(const char* filter)
             return failOpen("The service answered with success and no iterator");
         try {
             m_cached = fetch(iterator);
-            if (!m_cached && getDiscoveryRepository()->isShuttingDown())
+            if (!m_cached && getPeerLink().isShuttingDown())
                 released.leave();
         } catch (const CORBA::Exception& e) {
             if (isOutOfReach(e))
@@ -281,14 +276,15 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr iterator)
     for (;;) {
         if (limit.isOver())
             return failOpen("A collection of another host " + limit.text());
-        if (getDiscoveryRepository()->isShuttingDown())
+        if (getPeerLink().isShuttingDown())
             return failOpen("The service is shutting down, the read is given up");
         const Remote::CollectionDataSeq_var page = iterator->getNextPage();
         if (page->length() == 0)
             break;
         if (static_cast<std::uint64_t>(m_length) + page->length() > bound)
             return failOpen("A collection of another host may have " + std::to_string(bound) +
-                            " bytes (" + ConfigKey::REMOTE_MAX_BYTES + "), this one has more");
+                            " bytes (" + ConfigKey::REMOTE_MAX_BYTES.name() +
+                            "), this one has more");
         if (!append(page))
             return false;
     }

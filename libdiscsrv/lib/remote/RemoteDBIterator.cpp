@@ -4,10 +4,11 @@
 #include <tlx/Servant.h>
 
 #include "DiscLog.h"
-#include "DiscoveryRepository.h"
 #include "FetchLimit.h"
 #include "OutOfReach.h"
+#include "PeerLink.h"
 #include "RemoteDB.h"
+#include "ServiceKeys.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
@@ -50,7 +51,7 @@ RemoteDiscoveryIterator::RemoteDiscoveryIterator(AuthorityType type, const std::
     if (!m_failure.empty()) // a list is whole, or none
         m_discoveries = {};
     // The other service gets rid of an idle iterator by itself.
-    if (!answers || getDiscoveryRepository()->isShuttingDown())
+    if (!answers || getPeerLink().isShuttingDown())
         return;
     try {
         iterator->release();
@@ -62,7 +63,7 @@ RemoteDiscoveryIterator::RemoteDiscoveryIterator(AuthorityType type, const std::
 /// False at the end, and when the list cannot be whole.
 bool RemoteDiscoveryIterator::fetchPage(Remote::DiscoveryIterator_ptr iterator)
 {
-    if (getDiscoveryRepository()->isShuttingDown()) {
+    if (getPeerLink().isShuttingDown()) {
         m_failure = "the service is shutting down";
         return false;
     }
@@ -71,7 +72,7 @@ bool RemoteDiscoveryIterator::fetchPage(Remote::DiscoveryIterator_ptr iterator)
     const std::uint64_t byteBound = HostConfig::instance().number(ConfigKey::REMOTE_MAX_BYTES);
     if (m_discoveries.size() + page->length() > bound) {
         m_failure = "a query may yield " + std::to_string(bound) + " records (" +
-                    ConfigKey::REMOTE_MAX_RECORDS + "), this one yields more";
+                    ConfigKey::REMOTE_MAX_RECORDS.name() + "), this one yields more";
         return false;
     }
     for (CORBA::ULong i = 0; i < page->length(); ++i) {
@@ -83,7 +84,7 @@ bool RemoteDiscoveryIterator::fetchPage(Remote::DiscoveryIterator_ptr iterator)
         m_bytes += bytesOf(record);
         if (m_bytes > byteBound) {
             m_failure = "a query may yield " + std::to_string(byteBound) + " bytes (" +
-                        ConfigKey::REMOTE_MAX_BYTES + "), this one yields more";
+                        ConfigKey::REMOTE_MAX_BYTES.name() + "), this one yields more";
             return false;
         }
         m_discoveries.emplace_back(new Remote::Discovery(record));

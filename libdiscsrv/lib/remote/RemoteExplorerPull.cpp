@@ -4,7 +4,7 @@
 
 #include "BoundReference.h"
 #include "DiscLog.h"
-#include "DiscoveryRepository.h"
+#include "PeerLink.h"
 #include "RemoteDB.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -60,8 +60,7 @@ AutoDereference<Discovery> RemoteExplorerPull::findSource(DiscoveryQuery query,
                                                           const Subject& subject) const
 {
     const Remote::DiscoveryService_var service =
-        getDiscoveryRepository()->connectToRemoteDiscoveryService(m_sourceHost,
-                                                                  m_serviceName.c_str());
+        getPeerLink().connect(m_sourceHost, m_serviceName.c_str());
     if (CORBA::is_nil(service)) {
         DISC_LOG(1, "Failed to connect to discovery service");
         return {};

@@ -1,6 +1,6 @@
 #include "DiscLog.h"
 #include "DiscoveryRepository.h"
-#include "Researcher.h"
+#include "ItemQuery.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
@@ -8,7 +8,7 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../Researcher";
 
-/// Adds who tells what of a subject can be filtered by; false when nobody does. Comes to an end at
+/// Adds the hosts that publish what a subject can be filtered by; false when no host does. Ends at
 /// the next record when the service does.
 bool addClients(const DiscoveryRepository& repository, const char* subject,
                 std::set<TlxString>& clients)

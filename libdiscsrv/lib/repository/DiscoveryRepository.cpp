@@ -5,67 +5,125 @@
 #include <ace/Recursive_Thread_Mutex.h>
 #include <ace/Singleton.h>
 
-#include <tlx/HostConfig.h>
-#include <tlx/Orb.h>
-
 #include "CombiningIterator.h"
 #include "DiscDB.h"
 #include "DiscLog.h"
-#include "ExplorerTimers.h"
+#include "ExplorerLoader.h"
+#include "ExplorerParsers.h"
+#include "ExplorerRegistry.h"
+#include "PeerLink.h"
+#include "PushSchedule.h"
 #include "RefreshTask.h"
 #include "RemoteDB.h"
+#include "RemoteQueries.h"
+#include "ServiceConnection.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
+
 constexpr const char* LOG_SOURCE = "../DiscoveryRepository";
+
+/// A loader of its own: that of the start-up may be at work in another thread.
+void loadParserLibraries()
+{
+    EngineContext context(true);
+    ExplorerLoader* const loader = getEngineSingleton<ExplorerLoader>(context);
+    loader->setRepository(getDiscoveryRepository());
+    loader->loadExplorerParsers();
+    context.close();
+}
+
 } // namespace
+
+/// The repository as the timers see it.
+class DiscoveryRepository::ScheduleOwner : public PushScheduleOwner
+{
+  public:
+    explicit ScheduleOwner(DiscoveryRepository& repository) : m_repository(repository) {}
+    bool isShuttingDown() const override { return m_repository.isShuttingDown(); }
+    std::shared_ptr<const ExplorerSet> getPushExplorers() const override
+    {
+        return m_repository.pushExplorers();
+    }
+    std::shared_ptr<const ExplorerSet> getPullExplorers() const override
+    {
+        return m_repository.pullExplorers();
+    }
+    void getMasterServerName(TlxHostname& out) const override
+    {
+        m_repository.getMasterServerName(out);
+    }
+    Remote::DiscoveryService_ptr connectToMaster(const TlxHostname& master) const override
+    {
+        return m_repository.connectToRemoteDiscoveryService(master, DISCOVERY_SERVICE);
+    }
+    TlxString getOrbServiceName() const override { return m_repository.getOrbServiceName(); }
+    DiscoveryFactory* getFactory() override { return &m_repository; }
+    void startPushTimer() override { m_repository.startPushTimer(); }
+
+  private:
+    DiscoveryRepository& m_repository;
+};
 
 DiscoveryRepository* getDiscoveryRepository()
 {
     return ACE_Singleton<DiscoveryRepository, ACE_Recursive_Thread_Mutex>::instance();
 }
 
-DiscoveryRepository::DiscoveryRepository() = default;
+DiscoveryRepository::DiscoveryRepository() : DiscoveryRepository(getPeerLink()) {}
+
+DiscoveryRepository::DiscoveryRepository(PeerLink& link, std::size_t mostExplorers)
+    : m_link(link), m_explorers(std::make_unique<ExplorerRegistry>(mostExplorers)),
+      m_scheduleOwner(std::make_unique<ScheduleOwner>(*this)),
+      m_schedule(std::make_unique<PushSchedule>(*m_scheduleOwner))
+{
+    getExplorerParsers().setLoader(&loadParserLibraries);
+}
+
 DiscoveryRepository::~DiscoveryRepository() = default;
 
-void DiscoveryRepository::setDiscoveryFramework(const DiscoveryFramework* framework)
+void DiscoveryRepository::setDiscoveryFramework(const HostedService* framework)
 {
-    m_discoveryFramework.refObject(framework);
+    m_link.setService(framework);
 }
 
 TlxString DiscoveryRepository::getDSName() const
 {
-    if (!TLX_ASSERT_AS(m_discoveryFramework, "0 != m_discoveryFramework"))
-        return {};
-    return m_discoveryFramework->getName();
+    const HostedService* const service = m_link.service();
+    return service ? TlxString(service->getName()) : TlxString();
 }
 
 DiscoveryServiceType DiscoveryRepository::getDSType() const
 {
-    if (!TLX_ASSERT_AS(m_discoveryFramework, "0 != m_discoveryFramework"))
-        return DST_NO_SERVANT;
-    return m_discoveryFramework->getType();
+    const HostedService* const service = m_link.service();
+    return service ? service->getType() : DST_NO_SERVANT;
 }
 
 TlxString DiscoveryRepository::getOrbServiceName() const
 {
-    const Orb* orb = getOrb();
-    return orb ? TlxString(orb->getServiceName()) : TlxString();
+    return m_link.ownServiceName();
 }
 
 Orb* DiscoveryRepository::getOrb() const
 {
-    if (!TLX_ASSERT_AS(m_discoveryFramework, "0 != m_discoveryFramework"))
-        return nullptr;
-    return m_discoveryFramework->getOrb();
+    return m_link.orb();
 }
 
 PortableServer::POA_ptr DiscoveryRepository::getPOA() const
 {
-    if (!TLX_ASSERT_AS(m_discoveryFramework, "0 != m_discoveryFramework"))
-        return PortableServer::POA::_nil();
-    return m_discoveryFramework->getPOA();
+    const HostedService* const service = m_link.service();
+    return service ? service->getPOA() : PortableServer::POA::_nil();
+}
+
+void DiscoveryRepository::announceShutdown()
+{
+    m_link.announceShutdown();
+}
+
+bool DiscoveryRepository::isShuttingDown() const
+{
+    return m_link.isShuttingDown();
 }
 
 bool DiscoveryRepository::isGenericDS() const
@@ -75,7 +133,8 @@ bool DiscoveryRepository::isGenericDS() const
 
 bool DiscoveryRepository::isMaster() const
 {
-    return getRemoteDiscoveryDatabase()->isMaster();
+    // A process that was given its master's address does not look for it in the configuration.
+    return !m_link.isMasterGiven() && getRemoteDiscoveryDatabase()->isMaster();
 }
 
 bool DiscoveryRepository::isGenericDSOnMaster() const
@@ -90,12 +149,25 @@ bool DiscoveryRepository::stringContainsWildcard(const std::string& text)
 
 void DiscoveryRepository::getMasterServerName(TlxHostname& out) const
 {
-    // Under the name that readers of the log search for.
-    DISC_TRACE("RemoteCollectionData::getMasterServerName");
-    std::string name;
-    if (!HostConfig::instance().getString(ConfigKey::SERVER, name))
-        DISC_LOG(1, "Unable to obtain master server name");
-    out.setHostname(name);
+    m_link.getMasterServerName(out);
+}
+
+Remote::DiscoveryService_ptr
+DiscoveryRepository::connectToRemoteDiscoveryService(const TlxHostname& host,
+                                                     const char* serviceName) const
+{
+    return m_link.connect(host, serviceName);
+}
+
+DiscoveryIterator* DiscoveryRepository::queryRemoteDiscoveries(DiscoveryQuery query,
+                                                               const std::string& subject,
+                                                               const std::string& authority,
+                                                               AuthorityType type)
+{
+    DISC_TRACE("DiscoveryRepository::queryRemoteDiscoveries");
+    TlxHostname master;
+    getMasterServerName(master);
+    return forwardQuery(m_link, master, query, subject, authority, type);
 }
 
 Authority* DiscoveryRepository::getLocalAuthority() const
@@ -112,7 +184,7 @@ DiscoveryIterator* DiscoveryRepository::queryDiscoveries(DiscoveryQuery query,
                                                          AuthorityType type)
 {
     DISC_TRACE("DiscoveryRepository::queryDiscoveries");
-    if (!TLX_ASSERT(m_discoveryFramework))
+    if (!TLX_ASSERT_AS(m_link.hasService(), "m_discoveryFramework"))
         return nullptr;
     if (!isGenericDSOnMaster())
         return queryRemoteDiscoveries(query, subject, authority, type);
@@ -120,7 +192,7 @@ DiscoveryIterator* DiscoveryRepository::queryDiscoveries(DiscoveryQuery query,
     std::vector<AutoDereference<DiscoveryIterator>> iterators;
     if (type != AT_REMOTEPULL)
         if (DiscoveryIterator* pulled =
-                findPullExplorer(query, getPullExplorers(), subject, authority))
+                findPullExplorer(query, *pullExplorers(), subject, authority))
             iterators.emplace_back(pulled);
     AutoDereference<DiscoveryIterator> stored(getDiscoveryDBDatabase()->getIterator(query));
     if (!stored) {
@@ -157,37 +229,43 @@ void DiscoveryRepository::shutdown()
     if (!TLX_ASSERT(!m_shuttingDown))
         return;
     m_shuttingDown = true;
+    m_link.announceShutdown();
+    m_explorers->close();
+    m_schedule->close();
     DiscoveriesThreadMgr* const threads = getDiscoveriesThreadMgr();
     if (threads->getRunningThreads() > 0)
         threads->wait();
-    // Taken out first: what stops below may take its time, and holds no lock.
-    ExplorerSet pushExplorers;
-    ExplorerSet pullExplorers;
-    AutoDereference<ExplorerPushTimer> pushTimer;
-    AutoDereference<ExplorerRegisterTimer> registerTimer;
-    {
-        const LockableGuard lockableGuard(*this);
-        (void)TLX_ASSERT(lockableGuard.locked());
-        pushExplorers.swap(m_pushExplorers);
-        pullExplorers.swap(m_pullExplorers);
-        std::swap(pushTimer, m_pushTimer);
-        std::swap(registerTimer, m_registerTimer);
-    }
-    for (DiscoveryTimerBase* timer : {static_cast<DiscoveryTimerBase*>(pushTimer.get()),
-                                      static_cast<DiscoveryTimerBase*>(registerTimer.get())})
-        if (timer) {
-            m_shutdownBlocker.add(*timer);
-            timer->cancel();
-        }
-    stopExplorers(pushExplorers);
-    stopExplorers(pullExplorers);
+    m_schedule->cancel();
+    const ExplorerSnapshot registered = m_explorers->takeAll();
+    stopExplorers(*registered.push);
+    stopExplorers(*registered.pull);
 }
 
 void DiscoveryRepository::fini()
 {
     DISC_TRACE("DiscoveryRepository::fini");
     if (TLX_ASSERT(m_shuttingDown))
-        m_shutdownBlocker.wait();
+        m_schedule->wait();
+}
+
+void DiscoveryRepository::startPushTimer()
+{
+    m_schedule->startPush();
+}
+
+void DiscoveryRepository::startRegisterTimer()
+{
+    m_schedule->startRegister();
+}
+
+void DiscoveryRepository::triggerPushTimer()
+{
+    m_schedule->trigger();
+}
+
+TlxObjTime DiscoveryRepository::getNextPush() const
+{
+    return m_schedule->nextPush();
 }
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -1,6 +1,5 @@
 #include "ExplorerTimers.h"
 
-#include <cstdlib>
 #include <exception>
 
 #include <ace/Reactor.h>
@@ -16,9 +15,8 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 constexpr const char* LOG_SOURCE = "../DiscoveryRepository";
-constexpr const char* SERVICE = "DiscoveryService";
 
-/// A client's name is registered with the service's and this host's, which lead back to it.
+/// The master reaches a client's explorers by this name and the service's.
 std::string localHost()
 {
     TlxHostname host;
@@ -28,46 +26,45 @@ std::string localHost()
 
 } // namespace
 
-DiscoveryRepository::DiscoveryTimerBase::DiscoveryTimerBase(DiscoveryRepository& repository)
-    : m_repository(repository)
+DiscoveryTimerBase::DiscoveryTimerBase(PushScheduleOwner& owner) : m_owner(owner)
 {
     reference_counting_policy().value(Reference_Counting_Policy::ENABLED);
 }
 
-ACE_Event_Handler::Reference_Count DiscoveryRepository::DiscoveryTimerBase::add_reference()
+ACE_Event_Handler::Reference_Count DiscoveryTimerBase::add_reference()
 {
     referenceObject();
     return 1;
 }
 
-ACE_Event_Handler::Reference_Count DiscoveryRepository::DiscoveryTimerBase::remove_reference()
+ACE_Event_Handler::Reference_Count DiscoveryTimerBase::remove_reference()
 {
     dereferenceObject();
     return 1;
 }
 
-bool DiscoveryRepository::DiscoveryTimerBase::schedule(unsigned seconds)
+bool DiscoveryTimerBase::schedule(unsigned seconds)
 {
     const std::lock_guard guard(m_mutex);
     return scheduleLocked(seconds);
 }
 
-void DiscoveryRepository::DiscoveryTimerBase::scheduleAgain(unsigned seconds)
+void DiscoveryTimerBase::scheduleAgain(unsigned seconds)
 {
     const std::lock_guard guard(m_mutex);
     if (m_id == -1)
         scheduleLocked(seconds);
 }
 
-bool DiscoveryRepository::DiscoveryTimerBase::scheduleLocked(unsigned seconds)
+bool DiscoveryTimerBase::scheduleLocked(unsigned seconds)
 {
     const LogScope scope("DiscoveryTimerBase::schedule");
     ACE_Reactor* reactor = getAceReactor();
-    if (m_cancelled || !reactor || m_repository.isShuttingDown())
+    if (m_cancelled || !reactor || m_owner.isShuttingDown())
         return false;
     if (m_id != -1)
         reactor->cancel_timer(m_id, nullptr, 1);
-    ++m_generation; // a run that the reactor is about to begin for the old schedule is none
+    ++m_generation; // a run that begins now for the old schedule does nothing
     m_id = reactor->schedule_timer(this, reinterpret_cast<const void*>(m_generation),
                                    ACE_Time_Value(static_cast<time_t>(seconds)));
     m_due = TlxObjTime::now() + TlxObjTime(seconds, 0);
@@ -76,7 +73,7 @@ bool DiscoveryRepository::DiscoveryTimerBase::scheduleLocked(unsigned seconds)
     return m_id != -1;
 }
 
-void DiscoveryRepository::DiscoveryTimerBase::cancel()
+void DiscoveryTimerBase::cancel()
 {
     const std::lock_guard guard(m_mutex);
     m_cancelled = true;
@@ -87,14 +84,13 @@ void DiscoveryRepository::DiscoveryTimerBase::cancel()
     ++m_generation;
 }
 
-TlxObjTime DiscoveryRepository::DiscoveryTimerBase::due() const
+TlxObjTime DiscoveryTimerBase::due() const
 {
     const std::lock_guard guard(m_mutex);
     return m_id == -1 ? TlxObjTime() : m_due;
 }
 
-int DiscoveryRepository::DiscoveryTimerBase::handle_timeout(const ACE_Time_Value&,
-                                                            const void* generation)
+int DiscoveryTimerBase::handle_timeout(const ACE_Time_Value&, const void* generation)
 {
     const LogScope scope("DiscoveryTimerBase::handle_timeout");
     {
@@ -112,18 +108,18 @@ int DiscoveryRepository::DiscoveryTimerBase::handle_timeout(const ACE_Time_Value
     return 0;
 }
 
-void DiscoveryRepository::ExplorerPushTimer::run()
+void ExplorerPushTimer::run()
 {
     DISC_TRACE("DiscoveryRepository::ExplorerPushTimer");
-    for (const AutoDereference<ExplorerWrapper>& wrapper : m_explorers) {
-        if (m_repository.isShuttingDown())
+    for (const AutoDereference<ExplorerWrapper>& wrapper : *m_explorers) {
+        if (m_owner.isShuttingDown())
             return;
         push(*wrapper);
     }
     scheduleAgain(PUSH_INTERVAL_SECONDS);
 }
 
-void DiscoveryRepository::ExplorerPushTimer::push(const ExplorerWrapper& wrapper) const
+void ExplorerPushTimer::push(const ExplorerWrapper& wrapper) const
 {
     auto* exp = dynamic_cast<ExplorerPush*>(wrapper.getExplorer());
     if (!TLX_ASSERT_AS(exp, "NULL != exp"))
@@ -135,7 +131,7 @@ void DiscoveryRepository::ExplorerPushTimer::push(const ExplorerWrapper& wrapper
     bool answer = false;
     const bool returned = callExplorer(wrapper, "pushCollection", [&] {
         answer = exp->pushCollection(*wrapper.getAuthority(), *wrapper.getSubject(), attributes,
-                                     wrapper.getExplorerContext(), &m_repository, result);
+                                     wrapper.getExplorerContext(), m_owner.getFactory(), result);
     });
     wrapper.setLastOutcome(!returned ? "it failed; the log tells why"
                            : answer && isSuccess(result)
@@ -144,32 +140,26 @@ void DiscoveryRepository::ExplorerPushTimer::push(const ExplorerWrapper& wrapper
                                      std::to_string(static_cast<int>(result.discStatus)) + ")");
 }
 
-void DiscoveryRepository::ExplorerRegisterTimer::run()
+void ExplorerRegisterTimer::run()
 {
     DISC_TRACE("DiscoveryRepository::ExplorerRegisterTimer::handle_timeout");
     TlxHostname master;
-    m_repository.getMasterServerName(master);
+    m_owner.getMasterServerName(master);
     if (master.empty()) {
         DISC_LOG(1, "Cannot find master server name, cannot register explorers");
         return scheduleAgain(REGISTER_RETRY_SECONDS);
     }
-    ExplorerSet explorers;
-    {
-        const LockableGuard lockableGuard(m_repository);
-        if (TLX_ASSERT(lockableGuard.locked()))
-            explorers = *m_pullExplorers;
-    }
-    DISC_LOG(4, "Registering " << explorers.size() << " explorers with master server");
+    const std::shared_ptr<const ExplorerSet> explorers = m_owner.getPullExplorers();
+    DISC_LOG(4, "Registering " << explorers->size() << " explorers with master server");
     try {
-        const Remote::DiscoveryService_var service =
-            m_repository.connectToRemoteDiscoveryService(master, SERVICE);
+        const Remote::DiscoveryService_var service = m_owner.connectToMaster(master);
         if (CORBA::is_nil(service)) {
-            if (m_repository.isShuttingDown())
+            if (m_owner.isShuttingDown())
                 return;
             DISC_LOG(1, "Failed to connect to discovery service on the master, retrying later");
             return scheduleAgain(REGISTER_RETRY_SECONDS);
         }
-        if (!registerAll(explorers, service))
+        if (!registerAll(*explorers, service))
             return;
     } catch (const CORBA::Exception& e) {
         DISC_LOG(1, "Caught CORBA exception registering explorers with master, retrying later");
@@ -177,19 +167,19 @@ void DiscoveryRepository::ExplorerRegisterTimer::run()
         return scheduleAgain(REGISTER_RETRY_SECONDS);
     }
     DISC_LOG(4, "Successfully registered explorers with master");
-    m_repository.startPushTimer();
+    m_owner.startPushTimer();
 }
 
-bool DiscoveryRepository::ExplorerRegisterTimer::registerAll(const ExplorerSet& explorers,
-                                                             Remote::DiscoveryService_ptr master)
+bool ExplorerRegisterTimer::registerAll(const ExplorerSet& explorers,
+                                        Remote::DiscoveryService_ptr master)
 {
     const std::string host = localHost();
-    const std::string serviceName = m_framework->getOrb()->getServiceName();
+    const std::string serviceName = m_owner.getOrbServiceName().utf8();
     const LockableGuard lockableGuard(*this);
     if (!TLX_ASSERT(lockableGuard.locked()))
         return false;
     for (const AutoDereference<ExplorerWrapper>& wrapper : explorers) {
-        if (m_repository.isShuttingDown())
+        if (m_owner.isShuttingDown())
             return false;
         master->registerExplorer(
             serviceName.c_str(), host.c_str(), wrapper->getSubject()->getSubject().c_str(),
@@ -197,53 +187,6 @@ bool DiscoveryRepository::ExplorerRegisterTimer::registerAll(const ExplorerSet& 
             static_cast<CORBA::Short>(wrapper->getPriority()));
     }
     return true;
-}
-
-/// The host's delays are the same at every start: the seed is the number its name begins with.
-unsigned DiscoveryRepository::seededDelay(unsigned range) const
-{
-    std::srand(static_cast<unsigned>(std::strtol(localHost().c_str(), nullptr, 10)));
-    return static_cast<unsigned>(std::rand()) % range;
-}
-
-void DiscoveryRepository::startPushTimer()
-{
-    DISC_TRACE("DiscoveryRepository::startPushTimer");
-    AutoDereference<ExplorerPushTimer> before; // goes when the lock is free, its explorers with it
-    const LockableGuard lockableGuard(*this);
-    if (!TLX_ASSERT(lockableGuard.locked()) || m_shuttingDown)
-        return;
-    std::swap(before, m_pushTimer);
-    m_pushTimer.reset(new ExplorerPushTimer(*this, m_pushExplorers));
-    m_pushTimer->schedule(0);
-}
-
-void DiscoveryRepository::startRegisterTimer()
-{
-    DISC_TRACE("DiscoveryRepository::startRegisterTimer");
-    const LockableGuard lockableGuard(*this);
-    if (!TLX_ASSERT(lockableGuard.locked()) || m_shuttingDown)
-        return;
-    const unsigned delay = seededDelay(FIRST_REGISTER_RANGE_SECONDS);
-    m_registerTimer.reset(new ExplorerRegisterTimer(*this, &m_pullExplorers, m_discoveryFramework));
-    m_registerTimer->schedule(delay);
-}
-
-void DiscoveryRepository::triggerPushTimer()
-{
-    DISC_TRACE("DiscoveryRepository::triggerPushTimer");
-    const LockableGuard lockableGuard(*this);
-    if (!TLX_ASSERT(lockableGuard.locked()) || !m_pushTimer)
-        return;
-    const unsigned delay = seededDelay(TRIGGERED_PUSH_RANGE_SECONDS);
-    DISC_LOG(4, "triggering push in " << delay << " seconds");
-    m_pushTimer->schedule(delay);
-}
-
-TlxObjTime DiscoveryRepository::getNextPush() const
-{
-    const LockableGuard lockableGuard(*this);
-    return m_pushTimer ? m_pushTimer->due() : TlxObjTime();
 }
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -1,12 +1,15 @@
 #pragma once
-// What keeps discoveries fresh, on the reactor's thread, one at a time.
+// The timers that keep discoveries fresh. They run on the reactor's thread, one at a time.
 
 #include <cstdint>
 #include <mutex>
 
 #include <ace/Event_Handler.h>
 
-#include "DiscoveryRepository.h"
+#include <tlx/BlockUntil.h>
+#include <tlx/Lockable.h>
+
+#include "PushSchedule.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
@@ -16,13 +19,13 @@ constexpr unsigned FIRST_REGISTER_RANGE_SECONDS = 300;
 constexpr unsigned REGISTER_RETRY_SECONDS = 300;
 
 /// A timer without a repeat: each run schedules the next one. It has at most one schedule, however
-/// many threads schedule it, and none once it is cancelled: a restart in the middle of a run leaves
-/// one, a stop in the middle of a run none. While it is scheduled or runs the reactor holds a
-/// reference.
-class DiscoveryRepository::DiscoveryTimerBase : public TLXBlocking, public ACE_Event_Handler
-{ // (whoever waits for the end of the first base finds the second one gone)
+/// many threads schedule it, and none once it is cancelled. A restart in the middle of a run leaves
+/// one schedule, a stop in the middle of a run leaves none. The reactor holds a reference while the
+/// timer is scheduled or runs.
+class DiscoveryTimerBase : public TLXBlocking, public ACE_Event_Handler
+{ // TLXBlocking must be the first base: it is destroyed last, and wakes waiters only then.
   public:
-    /// In place of the schedule there was. False once it is cancelled or the service is shutting
+    /// Replaces the schedule. False once it is cancelled or the service is shutting
     /// down, and without a reactor.
     bool schedule(unsigned seconds);
     /// For good. A run in progress goes on.
@@ -36,14 +39,14 @@ class DiscoveryRepository::DiscoveryTimerBase : public TLXBlocking, public ACE_E
     Reference_Count remove_reference() override;
 
   protected:
-    explicit DiscoveryTimerBase(DiscoveryRepository& repository);
+    explicit DiscoveryTimerBase(PushScheduleOwner& owner);
     ~DiscoveryTimerBase() override = default;
 
     virtual void run() = 0;
-    /// At the end of a run. A schedule that somebody made meanwhile stays.
+    /// At the end of a run. Keeps a schedule that another thread made meanwhile.
     void scheduleAgain(unsigned seconds);
 
-    DiscoveryRepository& m_repository;
+    PushScheduleOwner& m_owner;
 
   private:
     bool scheduleLocked(unsigned seconds);
@@ -56,12 +59,12 @@ class DiscoveryRepository::DiscoveryTimerBase : public TLXBlocking, public ACE_E
 };
 
 /// Has every push explorer push, and itself run again in four hours.
-class DiscoveryRepository::ExplorerPushTimer : public DiscoveryTimerBase
+class ExplorerPushTimer : public DiscoveryTimerBase
 {
   public:
-    /// Keeps the copy of the set: what is registered later is not pushed.
-    ExplorerPushTimer(DiscoveryRepository& repository, ExplorerSet explorers)
-        : DiscoveryTimerBase(repository), m_explorers(std::move(explorers))
+    /// Keeps the set: what is registered later is not pushed.
+    ExplorerPushTimer(PushScheduleOwner& owner, std::shared_ptr<const ExplorerSet> explorers)
+        : DiscoveryTimerBase(owner), m_explorers(std::move(explorers))
     {
     }
 
@@ -71,19 +74,15 @@ class DiscoveryRepository::ExplorerPushTimer : public DiscoveryTimerBase
 
   private:
     void push(const ExplorerWrapper& wrapper) const;
-    const ExplorerSet m_explorers;
+    const std::shared_ptr<const ExplorerSet> m_explorers;
 };
 
-/// Registers this host's pull explorers with the master, and tries again every five minutes until
-/// it succeeds; then the push timer starts.
-class DiscoveryRepository::ExplorerRegisterTimer : public DiscoveryTimerBase, public TlxLockable
+/// Registers this host's pull explorers, those of the moment of its run, with the master. Tries
+/// again every five minutes until it succeeds; then the push timer starts.
+class ExplorerRegisterTimer : public DiscoveryTimerBase, public TlxLockable
 {
   public:
-    ExplorerRegisterTimer(DiscoveryRepository& repository, const ExplorerSet* pullExplorers,
-                          const AutoDereference<const DiscoveryFramework>& framework)
-        : DiscoveryTimerBase(repository), m_pullExplorers(pullExplorers), m_framework(framework)
-    {
-    }
+    explicit ExplorerRegisterTimer(PushScheduleOwner& owner) : DiscoveryTimerBase(owner) {}
 
   protected:
     ~ExplorerRegisterTimer() override = default;
@@ -92,9 +91,6 @@ class DiscoveryRepository::ExplorerRegisterTimer : public DiscoveryTimerBase, pu
   private:
     /// False when the service is shutting down. A CORBA exception may leave it.
     bool registerAll(const ExplorerSet& explorers, Remote::DiscoveryService_ptr master);
-
-    const ExplorerSet* const m_pullExplorers; ///< the repository's own, read under its lock
-    const AutoDereference<const DiscoveryFramework> m_framework;
 };
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

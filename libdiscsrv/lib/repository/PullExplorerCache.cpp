@@ -1,9 +1,8 @@
-// The explorers of other hosts, stored so that a restart of the master finds them again.
+#include "PullExplorerCache.h"
 
 #include <sstream>
 
 #include "DiscLog.h"
-#include "DiscoveryRepository.h"
 #include "RemoteExplorerPull.h"
 #include "XMLHelper.h"
 
@@ -12,6 +11,8 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 constexpr const char* LOG_SOURCE = "../DiscoveryRepository";
+/// The repository's operation, under which readers of the log know the lines about storing.
+constexpr const char* OPERATION = "DiscoveryRepository::persistToDisk";
 constexpr const char* TAG_DOCUMENT = "DiscoveredItems";
 constexpr std::size_t READ_CHUNK = 1024;
 /// What is written here has a few hundred bytes.
@@ -84,42 +85,34 @@ bool readCached(Discovery& discovery, CachedExplorer& cached)
 
 } // namespace
 
-void DiscoveryRepository::persistToDisk(const AutoDereference<ExplorerWrapper>& wrapper)
+void storeExplorer(const ExplorerWrapper& wrapper, const NewDiscovery& newDiscovery)
 {
-    DISC_TRACE("DiscoveryRepository::persistToDisk");
-    if (!TLX_ASSERT_AS(isGenericDSOnMaster(), "isGenericDSOnMaster()"))
-        return;
-    const auto* explorer = dynamic_cast<const RemoteExplorerPull*>(wrapper->getExplorer());
+    const LogScope scope(OPERATION);
+    const auto* explorer = dynamic_cast<const RemoteExplorerPull*>(wrapper.getExplorer());
     if (!explorer)
         return;
-    const Subject subject(wrapper->getSubject()->getSubject().utf8());
-    const Authority authority(wrapper->getAuthority()->getName().utf8(), AT_REMOTEPULL);
+    const Subject subject(wrapper.getSubject()->getSubject().utf8());
+    const Authority authority(wrapper.getAuthority()->getName().utf8(), AT_REMOTEPULL);
     const CollectionAttributes attributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY, TlxObjTime(),
-                                          TlxObjTime(), wrapper->getPriority());
+                                          TlxObjTime(), wrapper.getPriority());
     AutoDereference<Discovery> discovery;
     newDiscovery(discovery, DQ_UNDEFINED, subject, authority, attributes);
     if (!discovery || !isSuccess(discovery->open(OM_UPDATE, ""))) {
         DISC_LOG(1, "Failed to open collection");
         return;
     }
-    const std::string document = documentOf(*wrapper, *explorer);
+    const std::string document = documentOf(wrapper, *explorer);
     discovery->getCollectionData()->writeCollection(document.size(), document.data());
     if (!isSuccess(discovery->persist()))
         DISC_LOG(1, "Failed to persist discovery record.");
 }
 
-void DiscoveryRepository::loadPullExplorerCache()
+void loadStoredExplorers(DiscoveryIterator& stored, const RegisterStored& registerStored)
 {
-    DISC_TRACE("DiscoveryRepository::loadPullExplorerCache");
-    const AutoDereference<DiscoveryIterator> stored(
-        queryDiscoveries(DQ_DISCOVERY_DATA, "*", "*", AT_REMOTEPULL));
-    if (!stored)
-        return;
-    while (Discovery* next = stored->getNext()) {
+    while (Discovery* next = stored.getNext()) {
         CachedExplorer cached;
         {
-            // Let go before it is registered: whoever registers takes the repository's lock first
-            // and a record's after it.
+            // Let go before it is registered: no registration happens while a record is locked.
             const AutoDereference<Discovery> discovery(next);
             if (!readCached(*discovery, cached))
                 continue;
@@ -127,9 +120,8 @@ void DiscoveryRepository::loadPullExplorerCache()
         const AutoDereference<RemoteExplorerPull> explorer(
             new RemoteExplorerPull(cached.serviceName, cached.sourceHost, cached.subject,
                                    cached.authority, cached.originType));
-        const Authority authority(cached.authority.utf8(), cached.originType);
-        const Subject subject(cached.subject.utf8());
-        registerExplorer(&subject, explorer.get(), cached.priority, &authority, true);
+        registerStored(Subject(cached.subject.utf8()), *explorer, cached.priority,
+                       Authority(cached.authority.utf8(), cached.originType));
     }
 }
 

@@ -8,12 +8,12 @@
 #include <tlx/Servant.h>
 
 #include "DiscLog.h"
+#include "ServiceConnection.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
 constexpr const char* LOG_SOURCE = "../DiscoveryRepository";
-constexpr const char* SERVICE = "DiscoveryService";
 constexpr long THREAD_FLAGS = THR_NEW_LWP | THR_JOINABLE;
 static_assert(THREAD_FLAGS == 0x10002);
 } // namespace
@@ -49,7 +49,7 @@ void RefreshDiscoveryTask::restart(const TlxString& client) const
     host.setHostname(client);
     try {
         const Remote::DiscoveryService_var service =
-            m_repository.connectToRemoteDiscoveryService(host, SERVICE);
+            m_repository.connectToRemoteDiscoveryService(host, DISCOVERY_SERVICE);
         if (CORBA::is_nil(service))
             DISC_LOG(1, "Failed to connect to client discovery service");
         else

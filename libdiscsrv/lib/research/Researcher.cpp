@@ -9,18 +9,18 @@
 
 #include "DiscLog.h"
 #include "DiscoveryRepository.h"
+#include "PeerLink.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
 constexpr const char* LOG_SOURCE = "../Researcher";
+constexpr const char* OPERATION = "initDiscoveryResearch";
 constexpr unsigned REQUEST_TIMEOUT_SECONDS = 30;
 constexpr std::size_t REACTOR_HANDLES = 1024;
-} // namespace
 
-DiscoveryResearcher* initDiscoveryResearch()
+tl::expected<DiscoveryResearcher*, std::string> theResearcher()
 {
-    DISC_TRACE("initDiscoveryResearch");
     using Singleton = ACE_Singleton<DiscoveryResearcher, ACE_Recursive_Thread_Mutex>;
     try {
         DiscoveryResearcher* const researcher = Singleton::instance();
@@ -30,9 +30,25 @@ DiscoveryResearcher* initDiscoveryResearch()
             DISC_LOG(1, "The researcher will not end in order");
         return researcher;
     } catch (const OrbError& e) {
-        DISC_LOG(1, "Failed to make the researcher: " << e.what());
-        return nullptr;
+        const std::string failure = std::string("Failed to make the researcher: ") + e.what();
+        DISC_LOG(1, failure);
+        return tl::unexpected(failure);
     }
+}
+
+} // namespace
+
+DiscoveryResearcher* initDiscoveryResearch()
+{
+    DISC_TRACE(OPERATION);
+    return theResearcher().value_or(nullptr);
+}
+
+tl::expected<DiscoveryResearcher*, std::string> initDiscoveryResearch(const MasterAddress& master)
+{
+    DISC_TRACE(OPERATION);
+    getPeerLink().setMaster(master);
+    return theResearcher();
 }
 
 DiscoveryResearcher::DiscoveryResearcher()

@@ -78,7 +78,7 @@ AutoDereference<Tlx::DiscoverySvc::Discovery> findOne(DiscoveryQuery query, Auth
     const AutoDereference<Tlx::DiscoverySvc::DiscoveryIterator> matches(
         repository->isGenericDSOnMaster()
             ? repository->queryDiscoveries(query, subject.utf8(), authority.utf8(), type)
-            : repository->findPullExplorer(query, repository->getPullExplorers(), subject.utf8(),
+            : repository->findPullExplorer(query, *repository->pullExplorers(), subject.utf8(),
                                            authority.utf8()));
     status = DS_NONE_FOUND;
     if (!matches) {

@@ -1,7 +1,6 @@
 #pragma once
-// Waiting until objects that others still hold have gone.
+// Waiting for the end of objects that others still hold.
 
-#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <mutex>
@@ -13,7 +12,7 @@ namespace Veltrane::Quillmark::Tlx {
 
 class TLXBlockUntil;
 
-/// Base of a shared object whose end can be waited for.
+/// Base of a shared object. A TLXBlockUntil can wait for its end.
 class TLXBlocking : public virtual TLXRefCounted
 {
   protected:
@@ -22,11 +21,11 @@ class TLXBlocking : public virtual TLXRefCounted
   private:
     friend class TLXBlockUntil;
     std::mutex m_mutex;
-    std::vector<std::shared_ptr<void>> m_held; ///< each lets a waiter go on when it goes
+    std::vector<std::shared_ptr<void>> m_held; ///< one a waiter; its end wakes the waiter
 };
 
-/// Waits until every object added has been destroyed. Any thread; may go while objects that were
-/// added live on.
+/// Waits until every added object is destroyed. Any thread. The waiter may go while objects live
+/// on.
 class TLXBlockUntil
 {
   public:
@@ -35,12 +34,10 @@ class TLXBlockUntil
     TLXBlockUntil& operator=(const TLXBlockUntil&) = delete;
     ~TLXBlockUntil();
 
-    /// The caller holds a reference for the length of the call.
+    /// The caller holds a reference during the call.
     void add(TLXBlocking& object);
     /// Waits without a limit.
     void wait() const;
-    /// False when objects are left after the limit.
-    bool waitFor(std::chrono::milliseconds limit) const;
     std::size_t left() const;
 
   private:

@@ -1,8 +1,8 @@
 #pragma once
-// Objects that exist once for the length of a piece of work.
+// Objects that exist once during a piece of work.
 //
-// A piece of work (the start-up, say) opens an EngineContext; what it needs once, it asks the
-// context for. When the context is closed, its objects go, the last one made first.
+// A piece of work, for instance the start-up, opens an EngineContext and asks it for the objects
+// that it needs once. Closing the context deletes its objects, the last one made first.
 
 #include <memory>
 #include <mutex>
@@ -12,8 +12,8 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// Base of the objects that a context keeps, one of a kind. A kind T has
-/// `static T* instance(const EngineContext&)`, which makes a new one and gives it to the context.
+/// Base of the objects that a context keeps, one of each kind. A kind T has
+/// `static T* instance(const EngineContext&)`, which makes an object for the context to own.
 class EngineSingleton
 {
   public:
@@ -21,23 +21,22 @@ class EngineSingleton
     EngineSingleton(const EngineSingleton&) = delete;
     EngineSingleton& operator=(const EngineSingleton&) = delete;
     virtual ~EngineSingleton() = default;
-    /// The context is being closed; the object is deleted next. The base does nothing.
+    /// The context calls it before it deletes the object. The base does nothing.
     virtual void closeObject();
 };
 
-/// Keeps the objects of one piece of work. Any thread, but none may use it once close was called.
+/// Owns the objects of one piece of work. Any thread may use it until close is called.
 class EngineContext
 {
   public:
-    /// @param open whether objects may be made; a context made closed stays so.
+    /// @param open whether objects may be made. A context that is made closed stays closed.
     explicit EngineContext(bool open);
     EngineContext(const EngineContext&) = delete;
     EngineContext& operator=(const EngineContext&) = delete;
     /// Closes it.
     ~EngineContext();
 
-    /// Lets go of every object, in the reverse order of their making. Calling it again does
-    /// nothing.
+    /// Deletes every object, in the reverse order of their making. A second call does nothing.
     void close();
 
   private:
@@ -47,13 +46,13 @@ class EngineContext
     using Make = EngineSingleton* (*)(const EngineContext&);
     EngineSingleton* find(std::type_index kind, Make make) const;
 
-    mutable std::recursive_mutex m_mutex; // an object may ask for another while it is made
+    mutable std::recursive_mutex m_mutex; // an object may ask for another one while it is made
     bool m_open;
     mutable std::vector<std::pair<std::type_index, std::unique_ptr<EngineSingleton>>> m_objects;
 };
 
-/// The context's object of a kind, made on first use; null when the context is closed. The context
-/// owns it.
+/// The context's object of a kind. The first call makes it, and the context owns it. Null when the
+/// context is closed.
 template <class T>
 T* getEngineSingleton(const EngineContext& context)
 {

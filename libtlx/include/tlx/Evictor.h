@@ -1,5 +1,5 @@
 #pragma once
-// Deactivates objects whose client has gone.
+// Deactivates objects whose clients are gone.
 
 #include <chrono>
 #include <cstddef>
@@ -11,38 +11,40 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// Watches activated objects and deactivates those that no request has reached for their time-out.
-/// A request in progress is never evicted, and counts as activity until its end. Has a thread of
-/// its own, started with the first object. All operations may be called from any thread, from
-/// inside a request of the object concerned too.
+/// Watches activated objects, and deactivates each one that no request has reached for its
+/// time-out. A request in progress counts as activity until its end; its object is never evicted.
+/// The evictor has its own thread, which starts with the first object. Any thread may call all
+/// operations, also from inside a request of the object.
 class Evictor
 {
   public:
     using Clock = std::function<std::chrono::steady_clock::time_point()>;
 
-    /// @param clock for tests; with one given no thread is started and evictIdle is called by hand.
+    /// @param clock for tests: with a clock the evictor starts no thread, and the test calls
+    /// evictIdle.
     explicit Evictor(Clock clock = {});
     ~Evictor();
     Evictor(const Evictor&) = delete;
     Evictor& operator=(const Evictor&) = delete;
 
-    /// Starts watching an object of poa. The servant must be a StatefulServant for its requests to
-    /// count as activity; otherwise its time runs from now. The evictor keeps a reference to poa.
-    /// Adding an id that is watched restarts its time.
-    /// @param parent kept for nothing yet; pass an empty id.
-    /// @throws CORBA::BAD_INV_ORDER after shutdown; whatever the POA throws.
+    /// Starts watching an object of poa. Requests count as activity only when the servant is a
+    /// StatefulServant; otherwise the time runs from now. The evictor keeps a reference to poa.
+    /// Adding a watched id again restarts its time.
+    /// @param parent unused; pass an empty id.
+    /// @throws CORBA::BAD_INV_ORDER after shutdown, and the POA's exceptions.
     void addObject(const TlxObjTime& timeout, PortableServer::POA_ptr poa,
                    const PortableServer::ObjectId& id, const PortableServer::ObjectId& parent);
 
-    /// Stops watching an object; nothing happens when it is not watched.
-    /// @param deactivate also deactivate it, so that later calls fail with OBJECT_NOT_EXIST.
-    /// @param quiet do not log an object that the POA no longer knows.
+    /// Stops watching an object. Does nothing when it is not watched.
+    /// @param deactivate also deactivates it, so that later calls fail with OBJECT_NOT_EXIST.
+    /// @param quiet does not log an object that the POA no longer knows.
     void removeObject(const PortableServer::ObjectId& id, bool deactivate, bool quiet);
 
-    /// Deactivates everything that is watched and ends the thread. Later calls do nothing.
+    /// Deactivates all watched objects and ends the thread. Later calls do nothing.
     void shutdown();
 
-    /// Deactivates what is idle now; answers how many. Called by the thread; tests call it by hand.
+    /// Deactivates the objects that are idle now, and answers how many. The thread calls it; tests
+    /// do, too.
     std::size_t evictIdle();
 
     std::size_t watched() const;

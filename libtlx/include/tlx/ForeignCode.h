@@ -1,9 +1,9 @@
 #pragma once
-// Calls into code that somebody else wrote and this process loaded.
+// Calls into code of plug-ins.
 //
-// Such code may throw anything, and may never come back. What it throws becomes a log line that
-// names it; while it does not come back it is named in the log again and again. (What crashes the
-// process cannot be caught.)
+// Such code may throw anything, and may never return. An exception becomes a log line that names
+// the code. While a call does not return, the log names it again and again. A crash cannot be
+// caught.
 
 #include <chrono>
 #include <functional>
@@ -11,14 +11,15 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// Runs a call. False when it threw; then "WHAT failed: REASON" was logged at level 1 under the
-/// operation. While it runs, "WHAT has not come back for N seconds" is logged at level 1, first
-/// after the limit set below and then each time that twice as much has passed.
+/// Runs a call. When it throws, it logs "WHAT failed: REASON" at level 1 under the operation and
+/// answers false. While the call runs, it logs "WHAT has not come back for N seconds" at level 1:
+/// first after the limit set below, then each time that twice as much has passed.
 /// @param what names the code for a person: the library, the explorer, the operation.
 bool callForeignCode(const char* operation, const std::string& what,
                      const std::function<void()>& call) noexcept;
 
-/// After how long a call that has not come back is named first; 30 seconds unless told. For tests.
+/// Sets after how long the log first names a call that has not returned (tests). The default is 30
+/// seconds.
 void setForeignCodePatience(std::chrono::milliseconds patience);
 
 } // namespace Veltrane::Quillmark::Tlx

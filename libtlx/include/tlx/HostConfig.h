@@ -1,49 +1,38 @@
 #pragma once
 // The host configuration: etc/qm.conf under the product root.
 //
-// One "KEY = value" a line, "#" begins a comment line, blank lines count for nothing, a later line
-// with the same key replaces an earlier one. Nothing in the file keeps a service down: what cannot
-// be read or understood is reported with file, line and expectation, and the default holds.
+// Each line is "KEY = value". A line that begins with "#" is a comment, and blank lines are
+// skipped. A later line with the same key replaces an earlier one. No mistake in the file keeps a
+// service down: a problem is reported with file, line and expectation, and the default holds.
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include <tlx/ConfigKey.h>
+#include <tlx/Endpoint.h>
 #include <tlx/Pathname.h>
 #include <tlx/String.h>
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// The keys that exist; docs/operations.md describes each.
+// The keys that the platform library reads itself. Other components declare theirs beside their
+// code; docs/operations.md describes all of them.
 namespace ConfigKey {
-constexpr const char* SERVER = "SERVER";                   ///< the master's name
-constexpr const char* CLIENT_NAME = "CLIENT_NAME";         ///< this host's name
-constexpr const char* LISTEN = "LISTEN";                   ///< ADDRESS:PORT
-constexpr const char* PUBLISH_ADDRESS = "PUBLISH_ADDRESS"; ///< address inside references
-constexpr const char* REPORT_CLIENT_DISCOVERIES = "REPORT_CLIENT_DISCOVERIES"; ///< boolean
-constexpr const char* LOG_LEVEL = "LOG_LEVEL";                                 ///< 0..9
-constexpr const char* LOG_MAX_BYTES = "LOG_MAX_BYTES";           ///< size of one log file
-constexpr const char* LOG_KEEP = "LOG_KEEP";                     ///< rotated log files kept
-constexpr const char* STOP_LIMIT = "STOP_LIMIT";                 ///< seconds for an orderly stop
-constexpr const char* MAX_MESSAGE_BYTES = "MAX_MESSAGE_BYTES";   ///< largest GIOP message accepted
-constexpr const char* REMOTE_MAX_RECORDS = "REMOTE_MAX_RECORDS"; ///< of one query elsewhere
-constexpr const char* REMOTE_MAX_BYTES = "REMOTE_MAX_BYTES";     ///< of one collection elsewhere
-constexpr const char* REMOTE_MAX_SECONDS = "REMOTE_MAX_SECONDS"; ///< for either of them
-constexpr const char* FILESYSTEM_PULL = "FILESYSTEM_PULL";       ///< boolean
-constexpr const char* FILESYSTEM_EXCLUDE = "FILESYSTEM_EXCLUDE"; ///< TYPE[,TYPE...]
-constexpr const char* ENDPOINT_PREFIX = "ENDPOINT.";             ///< ENDPOINT.<host> = ADDRESS:PORT
-} // namespace ConfigKey
 
-/// An address and a port. Written "ADDRESS:PORT", an IPv6 address in square brackets.
-struct Endpoint
-{
-    std::string address;
-    std::uint16_t port = 0;
-    friend bool operator==(const Endpoint&, const Endpoint&) = default;
-};
-/// False (and out unchanged) when text is no endpoint.
-bool parseEndpoint(const std::string& text, Endpoint& out);
-std::string toText(const Endpoint& endpoint);
+/// The master's name.
+inline constexpr DeclaredKey SERVER = DeclaredKey::host("SERVER", "backup1.example.com");
+/// This host's name.
+inline constexpr DeclaredKey CLIENT_NAME = DeclaredKey::host("CLIENT_NAME", "client7.example.com");
+/// Where this host's service listens.
+inline constexpr DeclaredKey LISTEN = DeclaredKey::listenEndpoint("LISTEN", "0.0.0.0:14400");
+/// The address inside references.
+inline constexpr DeclaredKey PUBLISH_ADDRESS = DeclaredKey::host("PUBLISH_ADDRESS", "192.0.2.7");
+/// Where the service of another host listens.
+inline constexpr DeclaredKey ENDPOINT_OF_HOST =
+    DeclaredKey::endpointOfHost("ENDPOINT.", "192.0.2.7:14400", "ENDPOINT.backup1");
+
+} // namespace ConfigKey
 
 constexpr std::uint16_t DEFAULT_PORT = 14400;
 
@@ -69,34 +58,42 @@ class HostConfig
     void setRoot(const TlxPathname& root);
     TlxPathname configFile() const; ///< ROOT/etc/qm.conf
 
+    /// Adds the keys of a component. The next read checks their lines, and reports a line whose key
+    /// nobody has declared. The keys of this header are always declared. Declaring a table again
+    /// changes nothing.
+    void declare(ConfigKeyTable keys);
+    std::vector<const DeclaredKey*> declaredKeys() const;
+
     /// Reads the file anew. False when it cannot be read; then nothing is configured and every key
     /// has its default. Problems found are kept until the next read.
     bool read();
-    /// Reads the file anew, but takes from it these keys alone; every other key keeps its value.
-    /// For a process that goes on with what it was started with. False, and nothing changed but the
-    /// problems, when the file cannot be read.
-    bool readAgain(const std::vector<std::string>& keys);
+    /// Reads the file anew for a running process: takes the declared keys that are taken while
+    /// running, and every other key keeps its value. False when the file cannot be read; then only
+    /// the problems change.
+    bool readAgain();
     /// Takes the text in place of the file's (tests, fuzzing); name stands in the problems.
     void readText(const std::string& text, const std::string& name);
-    /// Takes the text's lines as if they stood at the end of the file, until the next read. For a
-    /// program whose command line goes before the file.
+    /// Takes the text's lines as if they stood at the end of the file, until the next read. A
+    /// program uses it when its command line overrides the file.
     void addText(const std::string& text, const std::string& name);
     std::vector<Problem> problems() const;
 
     /// False (and out unchanged) when the key is absent or its value was refused.
-    bool getString(const std::string& key, std::string& out) const;
-    bool getBoolean(const std::string& key, bool& out) const;
-    bool getNumber(const std::string& key, std::uint64_t& out) const;
+    bool getString(const DeclaredKey& key, std::string& out) const;
+    bool getBoolean(const DeclaredKey& key, bool& out) const;
+    bool getNumber(const DeclaredKey& key, std::uint64_t& out) const;
     /// Where a key's value stands, for a message: "FILE:LINE"; without a value "not set in FILE".
-    std::string placeOf(const std::string& key) const;
+    std::string placeOf(const DeclaredKey& key) const;
 
     // Values with their defaults filled in.
+    std::uint64_t number(const DeclaredKey& key) const;
     std::string localHostName() const;
     Endpoint listenEndpoint() const;
     /// Where the service of a host listens: ENDPOINT.<host>, otherwise the host at the default
     /// port. Host names compare without regard to case.
     Endpoint endpointOf(const std::string& host) const;
-    std::uint64_t number(const std::string& key) const; ///< the key's default when it is not set
+    /// False (and out unchanged) when the file names no endpoint of the host.
+    bool getEndpointOf(const std::string& host, Endpoint& out) const;
 
     /// Whether this host is the master: exactly when SERVER names it, by its own name, an alias or
     /// a local address. May resolve names, for at most 5 seconds. Without SERVER: false.
@@ -111,7 +108,8 @@ class HostConfig
 
 /// Reads the host configuration; 0 on success, -1 when it cannot be read.
 int QM_read_master_config();
-/// 0 on success with the value stored; -1 when the key is absent or holds no boolean.
+/// 0 on success with the value stored; -1 when the key is absent, undeclared, or holds no boolean.
+/// Nothing here calls it; services built elsewhere do.
 int QM_get_config_boolean(const char* key, bool& value);
 /// Whether the named host is the master; "localhost" stands for this host.
 bool QM_is_master(const char* host);

@@ -5,14 +5,14 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// A host's name as text; value type. Never resolves: that is Resolver.h.
+/// A host's name as text; a value type. It never resolves the name: Resolver.h does.
 class TlxHostname
 {
   public:
     TlxHostname() = default;
     explicit TlxHostname(const TlxString& name) { setHostname(name); }
 
-    /// Takes the name as it is, without blanks around it.
+    /// Takes the name, without blanks around it.
     void setHostname(const TlxString& name);
 
     /// This host's own name: CLIENT_NAME of the host configuration, otherwise the system's.
@@ -22,7 +22,7 @@ class TlxHostname
     const char* c_str() const { return m_name.c_str(); }
     bool empty() const { return m_name.empty(); }
 
-    /// Host names are the same whatever the case of their letters.
+    /// Compares without regard to case.
     friend bool operator==(const TlxHostname& a, const TlxHostname& b)
     {
         return compareIgnoringCase(a.m_name, b.m_name) == 0;

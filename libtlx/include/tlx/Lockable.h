@@ -5,8 +5,8 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// Base of objects that guard their state with one recursive lock. The lock is taken through
-/// LockableGuard only.
+/// Base of objects that guard their state with one recursive lock. Only LockableGuard takes the
+/// lock.
 class TlxLockable
 {
   public:
@@ -20,12 +20,12 @@ class TlxLockable
     mutable ACE_Recursive_Thread_Mutex m_lockableMutex;
 };
 
-/// Holds a TlxLockable's lock for the length of a scope; waits for it. locked() is false only when
-/// the system refused the lock; callers assert it.
+/// Waits for a TlxLockable's lock and holds it for the length of a scope. locked() is false only
+/// when the system refused the lock; callers assert it.
 class LockableGuard
 {
   public:
-    explicit LockableGuard(const TlxLockable& lockable)
+    [[nodiscard]] explicit LockableGuard(const TlxLockable& lockable)
         : m_mutex(lockable.m_lockableMutex), m_locked(m_mutex.acquire() == 0)
     {
     }

@@ -1,8 +1,8 @@
 #pragma once
 // Logging: who may write, at which level, and where it goes.
 //
-// Level 1 is failures and notable events, level 4 progress, level 6 the tracer's enter and leave
-// lines. The process has one level, 1 unless told.
+// Level 1 is for failures and notable events, level 4 for progress, level 6 for the tracer's enter
+// and leave lines. The process has one level; the default is 1.
 
 #include <cstddef>
 #include <memory>
@@ -15,11 +15,11 @@ constexpr int LOG_LEVEL_FAILURE = 1;
 constexpr int LOG_LEVEL_PROGRESS = 4;
 constexpr int LOG_LEVEL_TRACE = 6;
 
-/// The originator of lines that no service wrote: the platform library's own.
+/// The originator of the platform library's own lines.
 constexpr unsigned LOG_ORIGINATOR_PLATFORM = 1;
 
-/// Where finished lines go. write is called from any thread, one call at a time, and does not
-/// throw.
+/// Receives formatted lines. The logger calls write from any thread, one call at a time. write does
+/// not throw.
 class LogSink
 {
   public:
@@ -34,19 +34,19 @@ class LogSink
     virtual void write(const Line& line) = 0;
 };
 
-/// Writes lines on behalf of one originator. Loggers are made by the factory and live as long as
-/// the process, so a plain pointer to one is always good; all operations may be called from any
-/// thread.
+/// Writes lines on behalf of one originator. The factory makes loggers, and they live as long as
+/// the process: a plain pointer to one stays valid. Any thread may call all operations.
 class Logger
 {
   public:
     explicit Logger(unsigned originator) : m_originator(originator) {}
     virtual ~Logger() = default;
 
-    /// True once the factory was configured anew; whoever caches a logger then asks for another.
+    /// True once the factory was configured anew. A caller that caches loggers then asks for a new
+    /// one.
     virtual bool isStale() const = 0;
 
-    /// Messages above this level are not wanted: test it before building one.
+    /// The logger drops messages above this level: test it before building one.
     virtual int level() const = 0;
 
     virtual void log(const char* operation, int level, const std::string& text) = 0;
@@ -70,7 +70,7 @@ struct LogSettings
     int level = LOG_LEVEL_FAILURE;
 };
 
-/// The process's logging. Before configure lines go to standard error at level 1.
+/// The process's logging. Until configure is called, lines go to standard error at level 1.
 class LoggerFactory
 {
   public:
@@ -79,15 +79,15 @@ class LoggerFactory
     /// The current logger of an originator.
     Logger* getLogger(unsigned originator);
 
-    /// Changes where lines go; loggers handed out before become stale. False (with the reason in
-    /// error, and nothing changed) when the file cannot be opened.
-    bool configure(const LogSettings& settings, std::string& error);
+    /// Changes where lines go. Loggers handed out before become stale. When the file cannot be
+    /// opened it answers false, puts the reason into error and changes nothing.
+    [[nodiscard]] bool configure(const LogSettings& settings, std::string& error);
 
-    /// Sets the level of this process, effective at once in every logger.
+    /// Sets the level of this process. Every logger uses it at once.
     void setLevel(int level);
     int level() const;
 
-    /// Sends lines to a sink of the caller's instead (tests); null brings the settings' back.
+    /// Sends lines to the caller's sink instead (tests); null restores the configured one.
     void setSink(std::shared_ptr<LogSink> sink);
 
   private:
@@ -104,7 +104,7 @@ class LoggerFactory
 class LogScope
 {
   public:
-    explicit LogScope(const char* operation) noexcept;
+    [[nodiscard]] explicit LogScope(const char* operation) noexcept;
     LogScope(const LogScope&) = delete;
     LogScope& operator=(const LogScope&) = delete;
     ~LogScope();
@@ -131,7 +131,7 @@ class LogScope
 class Tracer
 {
   public:
-    Tracer(Logger* logger, const char* name, const char* file, int line);
+    [[nodiscard]] Tracer(Logger* logger, const char* name, const char* file, int line);
     Tracer(const Tracer&) = delete;
     Tracer& operator=(const Tracer&) = delete;
     ~Tracer();

@@ -10,8 +10,8 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// Base of a service that a host daemon runs. The daemon constructs it and calls the hooks in
-/// order, all on its main thread:
+/// Base of a service that a host daemon runs. The daemon constructs it and calls these hooks in
+/// order on its main thread:
 ///
 ///     doShouldStart -> doPreInit -> doInit -> doRun -> (until a stop is asked for)
 ///     -> doStop -> doExit -> destruction
@@ -21,9 +21,9 @@ class OrbService
 {
   public:
     /// @param serviceName the name the service is known by; also its ORB's.
-    /// @param originator under which it logs.
+    /// @param originator the service logs under it.
     /// @param log reserved, null.
-    /// @param foreground whether a person is watching: handed on to isForeground().
+    /// @param foreground whether a person is watching; isForeground() answers it.
     /// @param displayName for messages to people.
     /// @param clientOnly true: the ORB opens no port.
     /// @param reactorHandles size of the ORB's reactor.
@@ -35,7 +35,8 @@ class OrbService
     OrbService& operator=(const OrbService&) = delete;
     virtual ~OrbService();
 
-    // Notification hooks: a service may tell its host that something happened, and ask for it.
+    // Notification hooks: a service notes that something happened, and its host asks. Nothing here
+    // calls them; services and hosts built elsewhere rely on them.
     virtual void notify();
     virtual bool getNotified() const;
     virtual bool getNotified(bool reset);
@@ -52,22 +53,23 @@ class OrbService
     virtual void doExit();
     /// False: the service is not wanted on this host.
     virtual bool doShouldStart();
+    /// Nothing here calls it; hosts built elsewhere do. So with isUTF8CharCodeSetEnabled.
     virtual void doDump();
     virtual void doReconfig();
     virtual bool isUTF8CharCodeSetEnabled() const;
 
-    /// The service that this process runs; null when none exists. The object stays alive for as
-    /// long as the caller's request can run.
+    /// The service that this process runs; null when it runs none. The object stays alive while the
+    /// caller's request can run.
     static OrbService* Instance();
 
-    /// Asks the host to stop the service, and returns at once; the host's main thread does the
-    /// rest. Any thread, and async-signal-safe.
+    /// Asks the host to stop the service, and returns at once. The host's main thread stops it. Any
+    /// thread, and async-signal-safe.
     /// @param restart reserved, false.
     void stopByEvent(bool restart);
     bool isStopRequested() const;
 
-    /// Called (from any thread) when a stop is asked for; the host sets it before the hooks run.
-    /// Must be async-signal-safe: it only wakes the main thread.
+    /// Sets the function that stopByEvent calls, on any thread. The host sets it before the hooks
+    /// run. It must be async-signal-safe: it only wakes the main thread.
     void setStopHandler(void (*handler)());
 
     const std::string& getServiceName() const { return m_serviceName; }
@@ -76,8 +78,8 @@ class OrbService
     bool isForeground() const { return m_foreground; }
 
   protected:
-    /// Whether the service lets several of its kind run on one host, and whether its ORB has an
-    /// evictor; a derived constructor sets them.
+    /// Whether several such services may run on one host, and whether the ORB has an evictor. A
+    /// derived constructor sets them.
     bool m_allowSeveral = true;
     bool m_evictorEnabled = false;
 

@@ -1,13 +1,13 @@
 #pragma once
 // Libraries that are loaded at run time, and the functions they export.
 //
-// Libraries lie under the product root: `lib/` holds those that are known by a base name,
-// `lib/plugins/` the plug-ins, which are walked in the order of their names. A library is never
-// closed: what it made may be in use until the process ends.
+// Libraries lie under the product root. `lib/` holds those that the code names by a base name;
+// `lib/plugins/` holds the plug-ins, which are visited in the order of their names. A library is
+// never closed: objects that it made may be in use until the process ends.
 //
-// What a library throws, while it is loaded or in a function of it, becomes a log line with its
-// path and goes no further; while it does not come back it is named in the log. A library that is
-// broken, or made for another version of the kit, is logged and counts as absent.
+// A library may throw while it is loaded or in one of its functions: that becomes a log line with
+// its path. While such a call does not return, the log names it. A library that is broken, or made
+// for another version of the kit, is logged and counts as absent.
 
 #include <exception>
 #include <list>
@@ -19,12 +19,12 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// A function that a library has under the name of a symbol, and that takes one pointer.
+/// A function that a library exports under a symbol. It takes one pointer.
 class LibraryFunction
 {
   public:
     /// @param symbol a literal.
-    /// @param required whether a library without it is no use.
+    /// @param required whether a library is of no use without the function.
     LibraryFunction(const char* symbol, bool required) : m_symbol(symbol), m_required(required) {}
 
     const char* symbol() const { return m_symbol; }
@@ -32,7 +32,7 @@ class LibraryFunction
     /// Null until it is resolved.
     bool isResolved() const { return m_address != nullptr; }
 
-    /// Calls it, guarded; does nothing when it is not resolved. False when it threw.
+    /// Calls the function, guarded. Does nothing when it is not resolved. False when it threw.
     bool call(void* argument) const;
 
     void resolve(const std::string& library, void* address);
@@ -44,7 +44,7 @@ class LibraryFunction
     void* m_address = nullptr;
 };
 
-/// The functions that somebody wants from a library. Used by one thread at a time.
+/// The functions that a caller wants from a library. Used by one thread at a time.
 class SymbolResolver
 {
   public:
@@ -52,11 +52,11 @@ class SymbolResolver
     SymbolResolver(const SymbolResolver&) = delete;
     SymbolResolver& operator=(const SymbolResolver&) = delete;
     virtual ~SymbolResolver() = default;
-    /// They belong to the resolver.
+    /// The resolver owns the functions.
     virtual std::vector<LibraryFunction*> functions() = 0;
 };
 
-/// A symbol that should be there is not.
+/// A library lacks a symbol that it must have.
 class SymbolException : public std::exception
 {
   public:
@@ -72,17 +72,17 @@ class SymbolException : public std::exception
     const std::string m_text;
 };
 
-/// A number by which a library tells for which version of a kit it was built.
+/// A number in a library that states the version of the kit for which it was built.
 struct KitVersion
 {
-    const char* symbol; ///< of an `unsigned`; a library without it is not asked further
+    const char* symbol; ///< of an `unsigned`; a library without it is not checked
     unsigned version;   ///< that of this process
 };
 
-/// Libraries built for another version are refused from now on. Set once, before any is loaded.
+/// From now on libraries built for another version are refused. Call it once, before any is loaded.
 void setKitVersion(const KitVersion& version);
 
-/// The path of the library whose function this thread is in; empty outside of any.
+/// The path of the library whose function this thread is in; empty outside such functions.
 const std::string& currentLibrary();
 
 /// Finds libraries by their base names.
@@ -92,19 +92,20 @@ class RuntimeLoader : public EngineSingleton
     static RuntimeLoader* instance(const EngineContext& context);
 
     /// Loads "NAME.so", otherwise "NAME.so.VERSION", from the first directory that has it, and
-    /// resolves what the resolver wants.
+    /// resolves the resolver's functions.
     /// @param found set to whether the library exists.
     /// @param searchPath null for the product's lib/.
-    /// @param global whether its symbols serve libraries loaded later.
-    /// @return whether it was loaded and has every required symbol. An absent library and an
-    /// absent symbol are not logged, anything else is.
-    bool loadInterface(const std::string& libraryName, SymbolResolver& resolver, bool& found,
-                       const std::list<TlxPathname>* searchPath, bool global, int version);
+    /// @param global whether libraries loaded later may use its symbols.
+    /// @return whether it was loaded and has every required symbol. Failures are logged, except an
+    /// absent library and an absent symbol.
+    [[nodiscard]] bool loadInterface(const std::string& libraryName, SymbolResolver& resolver,
+                                     bool& found, const std::list<TlxPathname>* searchPath,
+                                     bool global, int version);
 };
 
 class PluginDirector;
 
-/// What is told of each plug-in library.
+/// Receives each plug-in library of a walk.
 class LibraryIterationCallback
 {
   public:
@@ -121,15 +122,15 @@ class PluginDirector : public EngineSingleton
   public:
     static PluginDirector* instance(const EngineContext& context);
 
-    /// Calls back for each plug-in library, in the order of their names. What the callback throws
-    /// is logged with the library's path, and the walk goes on.
+    /// Calls back for each plug-in library, in the order of their names. When the callback throws,
+    /// that is logged with the library's path, and the walk goes on.
     void iteratePluginLibraries(LibraryIterationCallback& callback, unsigned long long cookie);
 
-    /// Loads a plug-in library and resolves what the resolver wants from it; false when a required
-    /// symbol is not there, or it cannot be loaded (logged).
+    /// Loads a plug-in library and resolves the resolver's functions. False when it lacks a
+    /// required symbol, or cannot be loaded (logged).
     /// @param resolvedName the library's path.
-    bool loadPluginInterface(const std::string& library, SymbolResolver& resolver,
-                             std::string& resolvedName);
+    [[nodiscard]] bool loadPluginInterface(const std::string& library, SymbolResolver& resolver,
+                                           std::string& resolvedName);
 };
 
 } // namespace Veltrane::Quillmark::Tlx

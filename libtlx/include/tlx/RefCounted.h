@@ -1,32 +1,31 @@
 #pragma once
 // Intrusive reference counting.
 //
-// Records, iterators, explorers and servants outlive the call that made them by an unknown time and
-// are shared by threads that know nothing of each other, so the count lives in the object. An
-// object is born with the one reference of its creator; whoever holds an AutoDereference holds one
-// more.
+// Records, iterators, explorers and servants outlive the call that made them by an unknown time.
+// Threads share them and know nothing of each other, so the count lives in the object. A new object
+// has one reference, its creator's. Each AutoDereference holds one more.
 
 #include <atomic>
 #include <utility>
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// Base of every shared object; always inherited virtually, so that an object has one count however
-/// many bases brought it. All operations may be called from any thread.
+/// Base of every shared object. Classes inherit it virtually, so that an object with several such
+/// bases has one count. Any thread may call all operations.
 class TLXRefCounted
 {
   public:
     /// Takes one more reference.
     void referenceObject() const noexcept { m_references.fetch_add(1, std::memory_order_relaxed); }
 
-    /// Gives one reference back; the last one deletes the object.
+    /// Releases one reference. Releasing the last one deletes the object.
     void dereferenceObject() const noexcept
     {
         if (m_references.fetch_sub(1, std::memory_order_acq_rel) == 1)
             delete this;
     }
 
-    /// The number of references now held: for tests and log lines, never for decisions.
+    /// The number of references that are held now. Tests use it; no code decides by it.
     unsigned long referenceCount() const noexcept
     {
         return m_references.load(std::memory_order_relaxed);
@@ -43,9 +42,9 @@ class TLXRefCounted
     mutable std::atomic<unsigned long> m_references;
 };
 
-/// Holds one reference to a T and gives it back when it goes. Built from a pointer it *adopts* the
-/// caller's reference; sharing an object that somebody else keeps is the named operation refObject.
-/// One holder is used by one thread at a time; the object may be held from many.
+/// Holds one reference to a T and releases it at its end. A holder built from a pointer *adopts*
+/// the caller's reference. To share an object that another holder keeps, use refObject. One thread
+/// at a time uses a holder; many threads may hold the same object.
 template <class T>
 class AutoDereference
 {
@@ -77,7 +76,7 @@ class AutoDereference
         return *this;
     }
 
-    /// A holder with a reference of its own to an object that somebody else keeps.
+    /// A holder with a new reference to an object that another holder keeps.
     static AutoDereference share(T* object) noexcept
     {
         AutoDereference holder;
@@ -85,7 +84,7 @@ class AutoDereference
         return holder;
     }
 
-    /// Drops what is held and takes a new reference to object (null is allowed).
+    /// Releases the held reference and takes a new one to object (null is allowed).
     void refObject(T* object) noexcept
     {
         if (object)
@@ -93,7 +92,7 @@ class AutoDereference
         reset(object);
     }
 
-    /// Drops what is held and adopts the caller's reference.
+    /// Releases the held reference and adopts the caller's.
     void reset(T* adopted = nullptr) noexcept
     {
         T* old = std::exchange(m_object, adopted);
@@ -101,7 +100,7 @@ class AutoDereference
             old->dereferenceObject();
     }
 
-    /// Hands the held reference to the caller, who now has to give it back.
+    /// Hands the held reference to the caller, who must release it.
     [[nodiscard]] T* release() noexcept { return std::exchange(m_object, nullptr); }
 
     T* get() const noexcept { return m_object; }

@@ -1,5 +1,5 @@
 #pragma once
-// What servants of this system share.
+// The common parts of this system's servants.
 
 #include <chrono>
 #include <cstdint>
@@ -11,14 +11,14 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// When an object was last reached by a request, and how many requests are inside it now. Any
+/// Notes when the last request reached an object, and how many requests are inside it now. Any
 /// thread.
 class ServantActivity
 {
   public:
     void begin();
     void end();
-    /// Whether no request is inside, and none has been since the given moment.
+    /// Whether no request has been inside since the given moment.
     bool idleSince(std::chrono::steady_clock::time_point moment) const;
     std::chrono::steady_clock::time_point lastUse() const;
     bool busy() const;
@@ -29,7 +29,7 @@ class ServantActivity
     std::chrono::steady_clock::time_point m_lastUse = std::chrono::steady_clock::now();
 };
 
-/// Mix-in of servants that keep state between calls; gives the evictor what it looks at.
+/// Mix-in of servants that keep state between calls. The evictor looks at their activity.
 class StatefulServant
 {
   public:
@@ -41,8 +41,8 @@ class StatefulServant
     std::mutex m_requestMutex;
 };
 
-/// A servant whose requests from the wire are served one at a time, and whose activity is known.
-/// Two calls at once on one iterator, or a release beside a read, never meet inside it.
+/// A servant that serves its requests from the wire one at a time and notes its activity. Two calls
+/// on one iterator, or a release beside a read, never run inside it at once.
 ///
 /// Skeleton is the generated POA_... class.
 template <class Skeleton>
@@ -68,10 +68,10 @@ class SerialServant : public virtual Skeleton, public StatefulServant
 std::string describeException(const CORBA::SystemException& exception);
 std::string describeException(const CORBA::Exception& exception);
 
-/// Reports what escaped a servant operation, then ends the process.
+/// Logs the exception that escaped from a servant operation, then ends the process.
 [[noreturn]] void endAfterForeignException(const char* operation) noexcept;
 
-/// Counts a servant operation as in progress for as long as it lives.
+/// Counts a servant operation as in progress while this object lives.
 class ServantOperationMark
 {
   public:
@@ -81,9 +81,9 @@ class ServantOperationMark
     ServantOperationMark& operator=(const ServantOperationMark&) = delete;
 };
 
-/// Runs the body of a servant operation. Only CORBA system exceptions may leave one: anything else
-/// means that the state behind the service can no longer be trusted, so the process ends, with a
-/// level-1 line that names the operation.
+/// Runs the body of a servant operation. Only CORBA system exceptions may leave it. After any other
+/// exception the state behind the service cannot be trusted: the process ends, and a level-1 line
+/// names the operation.
 template <class Body>
 auto servantOperation(const char* operation, Body&& body) -> decltype(body())
 {

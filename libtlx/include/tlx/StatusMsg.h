@@ -27,8 +27,6 @@ class StatusMsg : public virtual TLXRefCounted, public XmlInterface
     int xmlEndElement(XmlObjParseContext* context, const XMLCh* name) override;
     std::ostream& writeXml(std::ostream& out, XmlStr::Encoding encoding) const override;
 
-    void setCode(std::int32_t code) { m_code = code; }
-
   private:
     std::int32_t m_code = 0;
     TlxString m_text;

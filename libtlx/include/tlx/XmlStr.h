@@ -16,11 +16,11 @@ namespace Veltrane::Quillmark::Tlx {
 class XmlStr
 {
   public:
-    /// The encodings of documents that we write. The zero value is the default everywhere.
+    /// The encodings a document may be written in; plug-ins are compiled with these values. The
+    /// zero value is the default everywhere.
     enum Encoding
     {
         XE_UTF8 = 0,
-        XE_LATIN1 = 1,
         XE_ASCII = 2
     };
 

@@ -13,7 +13,7 @@ namespace {
 
 std::atomic<unsigned long> g_failed{0};
 
-/// The reporter in use, replaced as a whole so that one that is being called stays alive.
+/// The reporter in use. It is replaced as a whole: a reporter that is being called stays alive.
 struct Installed
 {
     std::mutex mutex;
@@ -22,7 +22,7 @@ struct Installed
 
 Installed& installed()
 {
-    // Never destroyed: destructors of static objects still assert.
+    // Never destroyed: destructors of static objects may still assert.
     static auto* const theInstalled = new Installed;
     return *theInstalled;
 }
@@ -48,7 +48,7 @@ void reportAssertion(const char* expression, const char* file, int line) noexcep
                   std::string("Assertion failed: ") + expression + " (" + file + ":" +
                       std::to_string(line) + ")");
     } catch (...) {
-        // The count has it; a report must not become a failure of its own.
+        // The failure is counted already. A report must not become a failure of its own.
     }
 }
 

@@ -20,7 +20,7 @@ void TLXBlockUntil::add(TLXBlocking& object)
         const std::lock_guard guard(m_state->mutex);
         ++m_state->left;
     }
-    // Goes with the object, however many waiters there are.
+    // The object owns the token: its end counts the object as gone.
     const std::shared_ptr<void> token(nullptr, [state = m_state](void*) {
         {
             const std::lock_guard guard(state->mutex);
@@ -36,12 +36,6 @@ void TLXBlockUntil::wait() const
 {
     std::unique_lock guard(m_state->mutex);
     m_state->gone.wait(guard, [&] { return m_state->left == 0; });
-}
-
-bool TLXBlockUntil::waitFor(std::chrono::milliseconds limit) const
-{
-    std::unique_lock guard(m_state->mutex);
-    return m_state->gone.wait_for(guard, limit, [&] { return m_state->left == 0; });
 }
 
 std::size_t TLXBlockUntil::left() const

@@ -66,8 +66,9 @@ bool isControl(std::string_view sequence)
     }
 }
 
-/// Messages carry names that strangers chose. Written as they are, a line break in one would forge
-/// a log line, and bytes that are no UTF-8 would stop a reader of the file; so both are escaped.
+/// Escapes line breaks, other controls and invalid UTF-8. Messages carry names that strangers
+/// chose: a line break in one would forge a log line, and invalid UTF-8 would stop a reader of the
+/// file.
 void appendEscaped(std::string& line, std::string_view text)
 {
     while (!text.empty()) {
@@ -88,7 +89,7 @@ void appendEscaped(std::string& line, std::string_view text)
     }
 }
 
-/// Everything of a line but its time, which the sinks put in front.
+/// A line without its time. The sinks put the time in front.
 std::string lineText(const LogSink::Line& line)
 {
     std::string text = fmt::format("{} {} {} ", line.level, line.originator, ::syscall(SYS_gettid));
@@ -104,10 +105,10 @@ std::string lineText(const LogSink::Line& line)
     throw std::runtime_error("Cannot open log file " + file + ": " + reason);
 }
 
-/// Runs before every opening of the log file. Creates it with its own permissions, so that it is
-/// never readable for everybody, not even for a moment; ends a line that a crash or a full disk
-/// tore, so that the next one starts where a line starts; refuses what is no file, because
-/// rotation renames it. Throws.
+/// Runs before every opening of the log file; throws when it cannot be used. It creates the file
+/// with its final permissions, so that no moment leaves it readable for everybody. It ends a line
+/// that a crash or a full disk tore. It refuses anything but a regular file, because rotation
+/// renames it.
 void prepareLogFile(const std::string& file)
 {
     const FileDescriptor opened(
@@ -125,7 +126,7 @@ void prepareLogFile(const std::string& file)
             throwCannotOpen(file, std::strerror(errno));
 }
 
-/// A log file that was there before keeps no wider permissions, and no child inherits it.
+/// Takes wider permissions from an older log file, and keeps child processes from inheriting it.
 void adoptLogFile(std::FILE* stream)
 {
     const int fd = ::fileno(stream);
@@ -138,7 +139,7 @@ std::unique_ptr<spdlog::formatter> makeFormatter()
     return std::make_unique<spdlog::pattern_formatter>("%Y-%m-%dT%H:%M:%S.%e%z %v");
 }
 
-/// A finished line, with the one time that it has everywhere.
+/// A formatted line. All sinks share its timestamp.
 struct TimedText
 {
     std::string text;
@@ -150,8 +151,8 @@ struct TimedText
     }
 };
 
-/// The rotated file. A sink that failed is thrown away, because it may have lost its stream; the
-/// next line opens a new one. So lines are missing only while the disk is full.
+/// The rotated file. A sink that failed is thrown away, because it may have lost its stream. The
+/// next line opens a new one, so lines are missing only while the disk is full.
 class FileOutput
 {
   public:
@@ -236,7 +237,7 @@ class SettingsSink : public LogSink
     std::unique_ptr<FileOutput> m_file;
 };
 
-/// True while this thread is inside a sink: a sink that logs would wait for itself.
+/// True while this thread is inside a sink. A sink that logs would wait for itself.
 thread_local bool t_inSink = false;
 
 } // namespace
@@ -265,13 +266,13 @@ struct LoggerFactory::State
     std::mutex loggersMutex;
     /// The current logger of each originator.
     std::map<unsigned, FactoryLogger*> loggers;
-    /// Every logger that was ever handed out: somebody may still hold a stale one.
+    /// Every logger that was ever handed out: callers may still hold stale ones.
     std::vector<std::unique_ptr<FactoryLogger>> all;
 
     /// Held while a line is written.
     std::mutex sinkMutex;
     std::shared_ptr<LogSink> configured = std::make_shared<SettingsSink>(LogSettings{});
-    /// The caller's own, in use instead of the configured one when set.
+    /// Replaces the configured sink when it is set.
     std::shared_ptr<LogSink> replacement;
 };
 
@@ -290,7 +291,7 @@ void FactoryLogger::log(const char* operation, int messageLevel, const std::stri
         LogSink& sink = m_state.replacement ? *m_state.replacement : *m_state.configured;
         sink.write({messageLevel, originator(), operation, text});
     } catch (...) {
-        // Out of memory, or a sink that broke its promise: a line less, never an end.
+        // Memory ran out, or a sink threw all the same. This line is lost and the process goes on.
     }
     t_inSink = false;
 }
@@ -317,10 +318,10 @@ Logger* LoggerFactory::getLogger(unsigned originator)
 
 bool LoggerFactory::configure(const LogSettings& settings, std::string& error)
 {
-    std::shared_ptr<LogSink> sink; // after the swap the old one, which goes when the mutex is free
+    std::shared_ptr<LogSink> sink; // after the swap the old one: it goes when the mutex is free
     {
-        // Made under the mutex: the file may be the one in use, and must not be looked at while
-        // somebody is in the middle of a line.
+        // Made under the mutex: the file may be the one in use, and no thread may be in the middle
+        // of a line while it is prepared.
         std::lock_guard guard(m_state->sinkMutex);
         try {
             sink = std::make_shared<SettingsSink>(settings);
@@ -350,7 +351,7 @@ int LoggerFactory::level() const
 
 void LoggerFactory::setSink(std::shared_ptr<LogSink> sink)
 {
-    // The one that goes is destroyed after the mutex is free: its destructor may log.
+    // The old sink is destroyed after the mutex is free: its destructor may log.
     std::lock_guard guard(m_state->sinkMutex);
     m_state->replacement.swap(sink);
 }
@@ -367,7 +368,7 @@ void trace(Logger* logger, const char* event, const char* name, const char* file
     try {
         logger->log(name, LOG_LEVEL_TRACE, fmt::format("{} ({}:{})", event, file, line));
     } catch (...) {
-        // A trace line less.
+        // This trace line is lost.
     }
 }
 

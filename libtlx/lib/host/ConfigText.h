@@ -1,21 +1,40 @@
 #pragma once
-// The text of the host configuration: what its lines say, and which of them are wrong.
+// The text of the host configuration: its lines, and what is wrong with them.
 
-#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
 
+#include <tlx/ConfigKey.h>
 #include <tlx/HostConfig.h>
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// What a configuration text holds. Only known keys with good values; the host part of an ENDPOINT
-/// key is in lower case.
+/// The keys that components have declared.
+class DeclaredKeys
+{
+  public:
+    /// A key that was declared before stays as it was.
+    void add(ConfigKeyTable table);
+    /// The key, or the family, of a key in the file; null when nobody has declared it.
+    const DeclaredKey* find(const std::string& written) const;
+    const std::vector<const DeclaredKey*>& all() const { return m_keys; }
+
+  private:
+    std::vector<const DeclaredKey*> m_keys;
+};
+
+/// The values of a configuration text by the name under which each is kept. A declared key is here
+/// only with a good value; an undeclared one with the value that it has, because its component may
+/// declare it later.
 struct ConfigText
 {
-    std::map<std::string, std::string> values;
-    std::map<std::string, std::string> places; ///< of each value: "FILE:LINE"
+    struct Value
+    {
+        std::string text;
+        std::string place; ///< "FILE:LINE"
+    };
+    std::map<std::string, Value> values;
     std::vector<HostConfig::Problem> problems;
 };
 
@@ -25,23 +44,7 @@ constexpr std::size_t CONFIG_MAX_LINE = 4096;
 constexpr std::size_t CONFIG_MAX_PROBLEMS = 100;
 
 /// Takes any bytes. name stands in the problems.
-ConfigText parseConfigText(const std::string& text, const std::string& name);
-
-/// A number key's bounds and default; null when the key holds no number.
-struct NumberKey
-{
-    const char* key;
-    std::uint64_t lowest;
-    std::uint64_t highest;
-    std::uint64_t standard;
-};
-const NumberKey* findNumberKey(const std::string& key);
-
-/// False (and out unchanged) when the text is none.
-bool parseBoolean(const std::string& text, bool& out);
-bool parseNumber(const std::string& text, std::uint64_t& out);
-
-/// The key under which a host's ENDPOINT is kept.
-std::string endpointKey(const std::string& host);
+ConfigText parseConfigText(const std::string& text, const std::string& name,
+                           const DeclaredKeys& keys);
 
 } // namespace Veltrane::Quillmark::Tlx

@@ -25,9 +25,8 @@ struct Running
     std::chrono::milliseconds patience;
 };
 
-/// Names the calls that do not come back. Its thread is there while any call is, and a little
-/// longer; it is never joined, because a call that hangs may outlive the main thread's last
-/// statement.
+/// Names the calls that do not return. Its thread lives while a call runs, and a little longer.
+/// Nobody joins it, because a call that hangs may outlive the main function.
 class Watch
 {
   public:
@@ -53,7 +52,7 @@ class Watch
                 std::thread([this] { watch(); }).detach();
                 m_watching = true;
             } catch (const std::system_error&) {
-                // No thread to be had now; the next call tries again.
+                // The system refused a thread. The next call tries again.
             }
         }
         return m_running.begin();
@@ -81,7 +80,7 @@ class Watch
                 }
                 next = std::min<Clock::duration>(next, each.begin + each.patience - now);
             }
-            // Nobody wakes it: a call that ends in time costs no more than its entry in the list.
+            // No call wakes the thread: a call that ends in time costs only its entry in the list.
             m_asleep.wait_for(guard, std::max<Clock::duration>(next, std::chrono::milliseconds(1)));
         }
         m_watching = false;
@@ -102,7 +101,7 @@ class Watch
     bool m_watching = false;
 };
 
-/// Lists a call for as long as it runs.
+/// Keeps a call in the list while it runs.
 class Watched
 {
   public:

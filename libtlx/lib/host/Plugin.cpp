@@ -22,7 +22,7 @@ KitVersion g_kit{nullptr, 0};
 
 thread_local std::string t_library;
 
-/// The library this thread is in, for the length of a scope; they nest.
+/// Notes for the length of a scope which library this thread is in. Scopes nest.
 class InLibrary
 {
   public:
@@ -35,7 +35,7 @@ class InLibrary
     std::string m_before;
 };
 
-/// A symbol of the library itself: what only its dependencies have is not found.
+/// Finds a symbol of the library itself, and none of its dependencies.
 void* findIn(void* handle, const char* symbol)
 {
     void* const address = ::dlsym(handle, symbol);
@@ -61,14 +61,14 @@ bool fitsKit(void* handle, const std::string& path)
     return false;
 }
 
-/// Loads a library for good. Null, and logged, when that fails.
+/// Loads a library for the rest of the process. Logs a failure and answers null.
 void* loadLibrary(const std::string& path, bool global)
 {
     void* handle = nullptr;
-    // Its constructors run here, and may do what they like.
+    // The library's constructors run here: foreign code.
     callForeignCode("loadLibrary", "Loading " + path, [&] {
         const InLibrary inside(path);
-        // One that is here already is not loaded again, so it is not announced again.
+        // A library that is loaded already is not announced again.
         handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_NOLOAD);
         if (handle)
             return;

@@ -21,7 +21,8 @@ namespace {
 using Addresses = std::vector<std::string>;
 using Resolve = std::function<Addresses(const std::string&)>;
 
-/// Questions at a time: more than all the calls to other hosts that a service makes at once.
+/// How many questions may wait at a time. It exceeds the number of calls to other hosts that a
+/// service makes at once.
 constexpr int MAX_BACKGROUND = 128;
 constexpr std::chrono::milliseconds LONGEST_WAIT = std::chrono::hours(24);
 
@@ -33,7 +34,7 @@ struct Replacement
     Resolve resolve;
 };
 
-// Never destroyed: a resolver that hangs may outlive the main thread's last statement.
+// Never destroyed: a resolver that hangs may outlive the main function.
 Replacement& replacement()
 {
     static Replacement* const instance = new Replacement;
@@ -62,7 +63,7 @@ Addresses systemAddresses(const std::string& host, int flags)
     return result;
 }
 
-// What the caller and the background thread share; the last of them lets it go.
+// Shared by the caller and the background thread; the last of them frees it.
 struct Question
 {
     std::mutex mutex;
@@ -78,7 +79,7 @@ void answer(const std::shared_ptr<Question>& question, const std::string& host,
     try {
         addresses = resolve ? resolve(host) : systemAddresses(host, 0);
     } catch (...) {
-        addresses.clear(); // no address, like any other failure
+        addresses.clear(); // as after any other failure
     }
     {
         std::lock_guard guard(question->mutex);
@@ -89,7 +90,7 @@ void answer(const std::shared_ptr<Question>& question, const std::string& host,
     --g_background;
 }
 
-// An address as 16 bytes, IPv4 mapped into IPv6; false when the text is none.
+// An address as 16 bytes, IPv4 mapped into IPv6. False when the text is no address.
 bool toBytes(const std::string& text, in6_addr& out)
 {
     if (text.find('\0') != std::string::npos) // inet_pton would read no further
@@ -139,13 +140,13 @@ std::vector<std::string> resolveHost(const std::string& host, std::chrono::milli
             return {};
         }
         std::unique_lock guard(question->mutex);
-        // A limit beyond all reason would overflow the clock.
+        // A huge limit would overflow the clock.
         question->answered.wait_for(guard,
                                     std::clamp(limit, std::chrono::milliseconds(0), LONGEST_WAIT),
                                     [&] { return question->done; });
         return question->addresses;
     } catch (const std::exception&) {
-        return {}; // no memory: no address
+        return {}; // memory ran out
     }
 }
 

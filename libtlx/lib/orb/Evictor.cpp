@@ -20,7 +20,7 @@ constexpr const char* LOG_SOURCE = "../Evictor";
 using TimePoint = std::chrono::steady_clock::time_point;
 using Duration = std::chrono::steady_clock::duration;
 
-/// An object id as something that can be compared.
+/// An object id in a form that can be compared.
 std::string keyOf(const PortableServer::ObjectId& id)
 {
     return {reinterpret_cast<const char*>(id.get_buffer()), id.length()};
@@ -40,7 +40,7 @@ struct Watched
     PortableServer::ObjectId id;
     Duration timeout{};
     TimePoint added;
-    std::shared_ptr<ServantActivity> activity; ///< null for a servant that tells nothing
+    std::shared_ptr<ServantActivity> activity; ///< null for a servant that notes none
 
     TimePoint due() const
     {
@@ -52,7 +52,7 @@ struct Watched
     }
 };
 
-/// Never called with the evictor's mutex held: the POA takes locks of its own.
+/// Call it without the evictor's mutex: the POA takes locks of its own.
 void deactivate(const Watched& object, bool quiet)
 {
     try {
@@ -78,7 +78,7 @@ struct Evictor::State
 
     TimePoint now() const { return clock ? clock() : std::chrono::steady_clock::now(); }
 
-    /// When the thread should look again; what is busy is looked at after its time-out once more.
+    /// When the thread looks again. It looks at a busy object again after that object's time-out.
     TimePoint nextLook() const
     {
         TimePoint next = now() + std::chrono::hours(1);
@@ -86,7 +86,7 @@ struct Evictor::State
             const TimePoint due = object.due();
             next = std::min(next, due > now() ? due : now() + object.timeout);
         }
-        // Not to spin over an object that stays busy with a tiny time-out.
+        // Otherwise the thread would spin over a busy object with a tiny time-out.
         return std::max(next, now() + std::chrono::milliseconds(10));
     }
 };
@@ -185,7 +185,7 @@ std::size_t Evictor::evictIdle()
             }
         }
     }
-    // A request that slips in now is finished before its servant goes: the POA sees to that.
+    // The POA lets a request that arrives now finish before the servant goes.
     for (const Watched& object : idle) {
         deactivate(object, false);
         PLATFORM_LOG(4, "Evictor::evictIdle", "Evicted an object that was left idle");

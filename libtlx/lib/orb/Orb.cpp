@@ -4,14 +4,15 @@
 #include <thread>
 
 #include <ace/Event_Handler_Handle_Timeout_Upcall.h>
-#include <ace/Init_ACE.h>
 #include <ace/Monotonic_Time_Policy.h>
 #include <ace/Reactor.h>
 #include <ace/Recursive_Thread_Mutex.h>
 #include <ace/TP_Reactor.h>
 #include <ace/Timer_Heap_T.h>
 
+#include <tlx/AceRuntime.h>
 #include <tlx/HostConfig.h>
+#include <tlx/OrbKeys.h>
 #include <tlx/Servant.h>
 
 #include "OrbCore.h"
@@ -37,7 +38,7 @@ OrbSettings settingsFor(bool clientOnly, const std::string& endpoint)
     return settings;
 }
 
-/// The process's ORB. What keeps it from listening is told with the place in the configuration.
+/// The process's ORB. When it cannot listen, the error names the place in the configuration.
 std::shared_ptr<OrbCore> acquireCore(bool clientOnly, const std::string& endpoint)
 {
     try {
@@ -45,31 +46,27 @@ std::shared_ptr<OrbCore> acquireCore(bool clientOnly, const std::string& endpoin
     } catch (const OrbError& e) {
         if (clientOnly || !endpoint.empty())
             throw;
-        throw OrbError(std::string(e.what()) + " (" + ConfigKey::LISTEN + ", " +
+        throw OrbError(std::string(e.what()) + " (" + ConfigKey::LISTEN.name() + ", " +
                        HostConfig::instance().placeOf(ConfigKey::LISTEN) +
                        ": an address of this host and a free port are expected)");
     }
 }
 
-/// ACE, for as long as anything of it is used here: whoever else initialises and finalises it only
-/// changes a count.
+/// An ORB's use of ACE. It is kept when the ORB cannot be brought up: the attempt may have been
+/// made under one of ACE's own locks, that of a singleton.
 struct AceUse
 {
-    AceUse() { ACE::init(); }
     ~AceUse()
     {
-        if (inUse)
-            ACE::fini();
+        if (!isOrbUp)
+            runtime.keep();
     }
-    AceUse(const AceUse&) = delete;
-    AceUse& operator=(const AceUse&) = delete;
-    /// Set once all is made. An attempt that failed finalises nothing: it may have been made under
-    /// one of ACE's own locks, that of a singleton.
-    bool inUse = false;
+    AceRuntime runtime;
+    bool isOrbUp = false;
 };
 
-/// A reactor and the thread on which its timers run. They go by a clock that nobody sets: a host
-/// whose time is put right by hours must neither wait nor run that much.
+/// A reactor and the thread on which its timers run. The timers use the monotonic clock: when an
+/// administrator corrects a host's time by hours, timers must neither wait nor run that much.
 class ReactorThread
 {
   public:
@@ -104,7 +101,7 @@ struct Orb::State
         : serviceName(name), core(acquireCore(clientOnly, endpoint)), reactor(handles),
           evictor(evictorEnabled ? std::make_unique<Evictor>() : nullptr)
     {
-        ace.inUse = true;
+        ace.isOrbUp = true;
     }
 
     const std::string serviceName;
@@ -181,7 +178,7 @@ void Orb::destroyObjectRef(CORBA::Object_ptr object, PortableServer::POA_ptr poa
         const PortableServer::ObjectId_var id = home->reference_to_id(object);
         home->deactivate_object(id);
     } catch (const CORBA::Exception& e) {
-        // The object is gone already, or its POA is.
+        // The object or its POA is gone already.
         PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::destroyObjectRef",
                      "Nothing to deactivate: " << describeException(e));
     }
@@ -220,13 +217,21 @@ void Orb::setOrbRequestTimeout(unsigned seconds)
 CORBA::Object_ptr Orb::lookupObject(const TlxHostname& host, const std::string& name,
                                     std::chrono::milliseconds limit)
 {
-    return Tlx::lookupObject(*m_state->core, host, name, limit, false);
+    LookupFailure failure;
+    return lookupObject({host, name, std::nullopt, limit, false}, failure);
 }
 
 CORBA::Object_ptr Orb::lookupObjectElsewhere(const TlxHostname& host, const std::string& name,
                                              std::chrono::milliseconds limit)
 {
-    return Tlx::lookupObject(*m_state->core, host, name, limit, true);
+    LookupFailure failure;
+    return lookupObject({host, name, std::nullopt, limit, true}, failure);
+}
+
+CORBA::Object_ptr Orb::lookupObject(const AdvertisedObject& wanted, LookupFailure& failure)
+{
+    failure = {};
+    return Tlx::lookupObject(*m_state->core, wanted, failure);
 }
 
 void setAceReactor(ACE_Reactor* reactor)

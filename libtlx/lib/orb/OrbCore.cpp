@@ -10,7 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-// What GIOP_S.h needs and does not include.
+// GIOP_S.h needs this header and does not include it.
 #include <omniORB4/IOP_S.h>
 #include <omniORB4/callDescriptor.h>
 #include <omniORB4/internal/giopStrand.h>
@@ -33,7 +33,7 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../Orb";
 
-/// Stands in for an object under its advertised name: whoever asks is sent to the object itself.
+/// Stands in for an object under its advertised name, and forwards callers to the object itself.
 class Forwarder : public virtual PortableServer::ServantBase
 {
   public:
@@ -56,7 +56,7 @@ bool isAnyAddress(const std::string& address)
     return address.empty() || address == "0.0.0.0" || address == "::" || address == "*";
 }
 
-/// The ORB's form of an endpoint. The ORB listens on all addresses when it is given none.
+/// The ORB's form of an endpoint. Without an address the ORB listens on all of them.
 std::string toUri(const std::string& text)
 {
     Endpoint endpoint;
@@ -69,8 +69,8 @@ std::string toUri(const std::string& text)
     return "giop:tcp:" + toText(endpoint);
 }
 
-/// The ORB's rule for the address inside references: a given one with whatever port it listens at,
-/// otherwise an address of this machine that is no loopback, if there is one.
+/// The ORB's rule for the address inside references: the given one with the port that it listens
+/// at, otherwise, if possible, an address of this machine that is no loopback address.
 std::string toPublish(const std::string& address)
 {
     if (address.empty())
@@ -79,8 +79,8 @@ std::string toPublish(const std::string& address)
     return "giop:tcp:" + (v6 ? "[" + address + "]" : address) + ":";
 }
 
-/// Why a socket cannot be bound here, as the system says it; empty when it can. The ORB only tells
-/// that it could not.
+/// The system's reason why a socket cannot be bound here; empty when it can. The ORB reports only
+/// that it failed.
 std::string whyNotBound(const std::string& text)
 {
     Endpoint endpoint;
@@ -127,7 +127,7 @@ std::string endpointOf(CORBA::Object_ptr reference)
 }
 
 /// An object key that begins with a zero byte belongs to an object adapter that is not in use here.
-/// The ORB, left to itself, answers a request for one over and over, as long as its sender stays.
+/// Without this, the ORB answers a request for one over and over while its sender stays connected.
 CORBA::Boolean refuseForeignKey(omni::omniInterceptors::serverReceiveRequest_T::info_T& info)
 {
     if (info.giop_s.keysize() > 0 && info.giop_s.key()[0] == 0)
@@ -178,7 +178,7 @@ void OrbCore::start(const OrbSettings& settings)
     const std::string listen = settings.clientOnly ? "" : toUri(settings.listen);
     const std::string publish = toPublish(settings.publish);
     const std::string maxMessage = std::to_string(settings.maxMessageBytes);
-    // Every option that a configuration file of the ORB could set differently for this process.
+    // All options that the ORB's own configuration file could otherwise change for this process.
     const std::string connections = std::to_string(CONNECTIONS_TO_A_HOST);
     const std::array<std::array<const char*, 2>, 8> server{{
         {"endPoint", listen.c_str()},
@@ -192,7 +192,7 @@ void OrbCore::start(const OrbSettings& settings)
     }};
     const char* options[server.size() + 1][2] = {};
     std::size_t count = 0;
-    // Without an endpoint of its own a client listens nowhere, as it never makes a POA.
+    // A client gets no endpoint. It makes no POA, so it listens nowhere.
     for (std::size_t i = settings.clientOnly ? 2 : 0; i < server.size(); ++i, ++count) {
         options[count][0] = server[i][0];
         options[count][1] = server[i][1];
@@ -226,7 +226,7 @@ void OrbCore::openServer()
 
 OrbCore::~OrbCore()
 {
-    const std::lock_guard guard(sharedMutex); // the next ORB comes up only when this one is down
+    const std::lock_guard guard(sharedMutex); // the next ORB comes up after this one is down
     try {
         m_orb->destroy();
     } catch (const CORBA::Exception& e) {
@@ -242,7 +242,7 @@ bool OrbCore::leadsHere(const Endpoint& endpoint) const
         return false;
     if (isAnyAddress(m_listenAddress) && isLocalAddress(endpoint.address))
         return true;
-    // Behind an address translation the published address leads here though no interface has it.
+    // Behind an address translation the published address leads here, and no interface has it.
     for (const std::string& name : {m_listenAddress, own.address}) {
         const auto addresses = resolveHost(name, std::chrono::seconds(1));
         if (std::find(addresses.begin(), addresses.end(), endpoint.address) != addresses.end())
@@ -264,8 +264,8 @@ void OrbCore::advertise(const std::string& name, CORBA::Object_ptr object)
         throw CORBA::OBJ_ADAPTER();
     const PortableServer::ObjectId_var id = PortableServer::string_to_ObjectId(name.c_str());
     try {
-        m_namePOA->deactivate_object(id); // a name leads to the object advertised last
-    } catch (const PortableServer::POA::ObjectNotActive&) { // the usual case
+        m_namePOA->deactivate_object(id); // a name leads to the object that was advertised last
+    } catch (const PortableServer::POA::ObjectNotActive&) { // the name is new
     }
     PortableServer::Servant_var<Forwarder> servant(new Forwarder(object));
     m_namePOA->activate_object_with_id(id, servant.in());

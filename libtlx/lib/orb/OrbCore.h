@@ -1,6 +1,6 @@
 #pragma once
-// The one ORB of the process, shared by count. The only file, with its source and OrbLookup.cpp,
-// that knows the ORB's own interfaces beside the standard mapping.
+// The one ORB of the process, shared by count. Only this file, its source and OrbLookup.cpp use the
+// ORB's own interfaces; all others use the standard mapping.
 
 #include <memory>
 #include <string>
@@ -14,30 +14,30 @@ namespace Veltrane::Quillmark::Tlx {
 struct OrbSettings
 {
     bool clientOnly = true;
-    std::string listen;  ///< "ADDRESS:PORT"; an address of all zeros for all of them
-    std::string publish; ///< the address that references carry; empty for the ORB's choice
+    std::string listen;  ///< "ADDRESS:PORT"; an address of zeros means all addresses
+    std::string publish; ///< the address that references carry; when empty the ORB chooses
     unsigned long maxMessageBytes = 0;
 };
 
-/// Calls under way to one other host at a time, each on a connection of its own; more wait. Higher
-/// than what one service asks another for at once (queries and pulls are bounded), so that slow
-/// ones hold up nothing else.
+/// How many calls to one other host may run at a time, each on its own connection; more wait. It
+/// exceeds what one service asks another at once (queries and pulls are bounded), so that slow
+/// calls hold up no others.
 constexpr int CONNECTIONS_TO_A_HOST = 100;
 
-/// Brings the ORB up, and takes it down. Any thread may use it in between.
+/// Brings the ORB up and takes it down. Any thread may use it in between.
 class OrbCore
 {
   public:
-    /// The process's ORB, brought up with these settings when there is none. OrbError on failure.
+    /// The process's ORB. The first caller brings it up with its settings. OrbError on failure.
     static std::shared_ptr<OrbCore> acquire(const OrbSettings& settings);
     ~OrbCore();
 
     CORBA::ORB_ptr orb() const { return m_orb.in(); }
-    /// OBJ_ADAPTER for a client.
+    /// A client gets the exception OBJ_ADAPTER.
     PortableServer::POA_ptr rootPOA() const;
     const std::string& endpoint() const { return m_endpoint; }
-    /// Whether a numeric address and port lead to this very process: where it listens, or what
-    /// its references publish.
+    /// Whether a numeric address and port lead to this process: it listens there, or its references
+    /// publish them.
     bool leadsHere(const Endpoint& endpoint) const;
 
     void advertise(const std::string& name, CORBA::Object_ptr object);
@@ -56,7 +56,7 @@ class OrbCore
     PortableServer::POAManager_var m_rootManager;
     PortableServer::POAManager_var m_nameManager;
     std::string m_endpoint;
-    std::string m_listenAddress; ///< as it was told; empty for a client
+    std::string m_listenAddress; ///< as in the settings; empty for a client
 };
 
 } // namespace Veltrane::Quillmark::Tlx

@@ -33,9 +33,9 @@ milliseconds left(Clock::time_point end)
     return std::chrono::duration_cast<milliseconds>(end - Clock::now());
 }
 
-/// Whether the object is there. A connection that the ORB has kept may lead to a service that has
-/// been restarted since, which shows when it is used: the question harms nothing, so it is asked
-/// again until it went over a new one.
+/// Whether the object is there. A connection that the ORB has kept may lead to a service that was
+/// restarted since; the first use shows it. Asking twice is harmless, so it asks again until the
+/// question went over a new connection.
 bool isThere(CORBA::Object_ptr object, Clock::time_point end)
 {
     for (int kept = CONNECTIONS_TO_A_HOST;; --kept) {
@@ -49,9 +49,9 @@ bool isThere(CORBA::Object_ptr object, Clock::time_point end)
     }
 }
 
-/// The object at one address, when it answers.
+/// The object at one address; nil when it does not answer.
 CORBA::Object_ptr ask(CORBA::ORB_ptr orb, const Endpoint& endpoint, const std::string& name,
-                      Clock::time_point end)
+                      Clock::time_point end, LookupFailure& failure)
 {
     const std::string url = "corbaloc:iiop:1.2@" + toText(endpoint) + "/" + name;
     try {
@@ -59,9 +59,11 @@ CORBA::Object_ptr ask(CORBA::ORB_ptr orb, const Endpoint& endpoint, const std::s
         if (!CORBA::is_nil(object) && isThere(object, end))
             return object._retn();
         PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::lookupObject", "Nothing is there: " << url);
+        failure = {"there is no object of that name", {}};
     } catch (const CORBA::Exception& e) {
         PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::lookupObject",
                      "No answer from " << url << ": " << describeException(e));
+        failure = {describeException(e), e._name()};
     }
     return CORBA::Object::_nil();
 }
@@ -88,30 +90,40 @@ void setProcessCallLimit(std::chrono::seconds limit)
     omniORB::setClientCallTimeout(toOrbMilliseconds(limit));
 }
 
-CORBA::Object_ptr lookupObject(const OrbCore& core, const TlxHostname& host,
-                               const std::string& name, milliseconds limit, bool elsewhere)
+CORBA::Object_ptr lookupObject(const OrbCore& core, const AdvertisedObject& wanted,
+                               LookupFailure& failure)
 {
-    const Clock::time_point end = Clock::now() + limit;
-    Endpoint endpoint = HostConfig::instance().endpointOf(host.text().utf8());
-    const auto addresses = resolveHost(endpoint.address, limit);
-    if (addresses.empty())
+    const Clock::time_point end = Clock::now() + wanted.limit;
+    Endpoint endpoint = wanted.endpoint
+                            ? *wanted.endpoint
+                            : HostConfig::instance().endpointOf(wanted.host.text().utf8());
+    const auto addresses = resolveHost(endpoint.address, wanted.limit);
+    if (addresses.empty()) {
         PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::lookupObject",
                      "The host has no address: " << endpoint.address);
+        failure = {"the name leads to no address", {}};
+    }
     std::size_t untried = addresses.size();
     for (const std::string& address : addresses) {
-        if (Clock::now() >= end)
-            break;
-        // An address behind which nothing answers leaves the others their share.
-        const Clock::time_point ownEnd = Clock::now() + left(end) / untried--;
-        endpoint.address = address;
-        if (elsewhere && core.leadsHere(endpoint)) {
-            PLATFORM_LOG(LOG_LEVEL_FAILURE, "Orb::lookupObject",
-                         host.text() << " leads back to this service: " << toText(endpoint));
+        if (Clock::now() >= end) {
+            if (failure.cause.empty())
+                failure = {"no answer within the time limit", {}};
             break;
         }
-        CORBA::Object_var object = ask(core.orb(), endpoint, name, ownEnd);
-        if (!CORBA::is_nil(object))
+        // An address that does not answer must leave time for the others.
+        const Clock::time_point ownEnd = Clock::now() + left(end) / untried--;
+        endpoint.address = address;
+        if (wanted.elsewhere && core.leadsHere(endpoint)) {
+            PLATFORM_LOG(LOG_LEVEL_FAILURE, "Orb::lookupObject",
+                         wanted.host.text() << " leads back to this service: " << toText(endpoint));
+            failure = {"it leads back to this service", {}};
+            break;
+        }
+        CORBA::Object_var object = ask(core.orb(), endpoint, wanted.name, ownEnd, failure);
+        if (!CORBA::is_nil(object)) {
+            failure = {};
             return object._retn();
+        }
     }
     return CORBA::Object::_nil();
 }

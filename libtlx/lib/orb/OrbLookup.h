@@ -1,5 +1,5 @@
 #pragma once
-// Calls to other hosts that take no longer than they may.
+// Calls to other hosts with a limit on their time.
 
 #include <chrono>
 #include <string>
@@ -11,10 +11,12 @@ namespace Veltrane::Quillmark::Tlx {
 
 class OrbCore;
 
-/// As Orb::lookupObject, or as Orb::lookupObjectElsewhere.
-CORBA::Object_ptr lookupObject(const OrbCore& core, const TlxHostname& host,
-                               const std::string& name, std::chrono::milliseconds limit,
-                               bool elsewhere);
+struct AdvertisedObject;
+struct LookupFailure;
+
+/// As Orb::lookupObject.
+CORBA::Object_ptr lookupObject(const OrbCore& core, const AdvertisedObject& wanted,
+                               LookupFailure& failure);
 
 /// As Orb::setOrbRequestTimeout.
 void setProcessCallLimit(std::chrono::seconds limit);

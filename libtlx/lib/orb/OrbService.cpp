@@ -14,7 +14,7 @@ struct OrbService::State
     std::mutex mutex;
     std::unique_ptr<Orb> orb;
     std::atomic<bool> notified{false};
-    // Touched by signal handlers: nothing here may take a lock.
+    // Signal handlers use these members: nothing here may take a lock.
     std::atomic<bool> stopRequested{false};
     std::atomic<void (*)()> stopHandler{nullptr};
     static_assert(std::atomic<void (*)()>::is_always_lock_free);
@@ -32,7 +32,7 @@ OrbService::OrbService(const char* serviceName, unsigned originator, void*, bool
 
 OrbService::~OrbService()
 {
-    m_state->orb.reset(); // requests end before they could miss the service
+    m_state->orb.reset(); // first: requests still use the service
     OrbService* self = this;
     theService.compare_exchange_strong(self, nullptr);
 }

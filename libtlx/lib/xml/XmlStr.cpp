@@ -37,9 +37,7 @@ const char* predefinedEntity(char32_t codePoint)
 void writeCharacter(std::ostream& out, char32_t codePoint, std::string_view utf8,
                     XmlStr::Encoding encoding)
 {
-    if (encoding == XmlStr::XE_LATIN1 && codePoint >= 0x80 && codePoint <= 0xFF)
-        out.put(static_cast<char>(codePoint));
-    else if (encoding == XmlStr::XE_UTF8 || codePoint < 0x80)
+    if (encoding == XmlStr::XE_UTF8 || codePoint < 0x80)
         out.write(utf8.data(), static_cast<std::streamsize>(utf8.size()));
     else
         writeReference(out, codePoint);
@@ -77,9 +75,7 @@ std::ostream& operator<<(std::ostream& out, const XmlStr& text)
 
 std::ostream& XmlStr::xmlProlog(std::ostream& out, Encoding encoding)
 {
-    const char* const name = encoding == XE_LATIN1  ? "ISO-8859-1"
-                             : encoding == XE_ASCII ? "US-ASCII"
-                                                    : "UTF-8";
+    const char* const name = encoding == XE_ASCII ? "US-ASCII" : "UTF-8";
     return out << "<?xml version=\"1.0\" encoding=\"" << name << "\"?>";
 }
 

@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Researcher.h"
+#include "AuthSubIterator.h"
 #include "support/Capture.h"
 #include "support/ListedDiscoveries.h"
 

@@ -6,6 +6,7 @@
 
 #include <tlx/HostConfig.h>
 
+#include "ProductKeys.h"
 #include "support/TemporaryDirectory.h"
 
 namespace QmTest {
@@ -13,7 +14,11 @@ namespace QmTest {
 class TestRoot
 {
   public:
-    TestRoot() { Veltrane::Quillmark::Tlx::HostConfig::instance().setRoot(path()); }
+    TestRoot()
+    {
+        Veltrane::Quillmark::declareProductKeys();
+        Veltrane::Quillmark::Tlx::HostConfig::instance().setRoot(path());
+    }
 
     /// In the form in which the daemon's messages name it.
     std::string path() const { return m_directory.path().string(); }

@@ -8,6 +8,7 @@
 #include <string>
 #include <utility>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -88,6 +89,12 @@ class PeerProcess
         Ends ends;
         if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0)
             throw std::runtime_error("no socket pair");
+        // The low numbers stay free. The reactor of a small ORB takes no descriptor above its size.
+        for (int& end : ends) {
+            const int high = ::fcntl(end, F_DUPFD_CLOEXEC, 100);
+            ::close(end);
+            end = high;
+        }
         return ends;
     }
     static int serve(const Ends& ends, Perform perform)

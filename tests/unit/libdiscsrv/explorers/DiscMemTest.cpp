@@ -3,7 +3,13 @@
 #include "DiscMem.h"
 
 #include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <future>
+#include <mutex>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -135,41 +141,93 @@ TEST_F(DiscMemTest, EveryQueryIsOneRecordInTheSetsOrder)
     EXPECT_EQ(iterator->getNext(), nullptr);
 }
 
+/// Whose calls stay in the explorer until the test lets them out.
+struct SlowPull : FakePull // it keeps no list of calls: many threads are in it
+{
+    using FakePull::FakePull;
+    bool collectionRequested(DiscoveryQuery, const Authority&, const Subject&,
+                             AutoDereference<TLXRefCounted>&, const char*, CollectionData*) override
+    {
+        ++inside;
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [this] { return leaving > 0; });
+        --leaving;
+        return true;
+    }
+    void letGo(unsigned count)
+    {
+        const std::lock_guard lock(mutex);
+        leaving = count;
+        changed.notify_all();
+    }
+    std::atomic<unsigned> inside{0};
+    std::mutex mutex;
+    std::condition_variable changed;
+    unsigned leaving = 0; ///< how many may go
+};
+
 TEST_F(DiscMemTest, PullsInFlightAreBounded)
 {
-    std::atomic<unsigned> inside{0};
-    std::atomic<bool> goOn{false};
-    pull->onPull = [&] {
-        ++inside;
-        while (!goOn)
-            std::this_thread::yield();
-    };
-    struct Slow : FakePull // no list of calls: many threads are in it
-    {
-        using FakePull::FakePull;
-        bool collectionRequested(DiscoveryQuery, const Authority&, const Subject&,
-                                 AutoDereference<TLXRefCounted>&, const char*,
-                                 CollectionData*) override
-        {
-            onPull();
-            return true;
-        }
-    };
-    const AutoDereference<Slow> slow(new Slow);
-    slow->onPull = pull->onPull;
+    const AutoDereference<SlowPull> slow(new SlowPull);
     std::vector<std::thread> threads;
     for (unsigned i = 0; i < MemCollectionData::MAX_PULLS; ++i)
         threads.emplace_back([&] { EXPECT_TRUE(isSuccess(record(*slow)->open(OM_READ, ""))); });
-    while (inside < MemCollectionData::MAX_PULLS)
+    while (slow->inside < MemCollectionData::MAX_PULLS)
         std::this_thread::yield();
     const LogCapture log;
     EXPECT_EQ(record(*pull)->open(OM_READ, "").discStatus, DS_OPEN_FAILED);
     EXPECT_EQ(log.texts(1),
               Calls{"Explorer pull is not asked: 32 explorers are being asked already"});
-    goOn = true;
+    slow->letGo(MemCollectionData::MAX_PULLS);
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(record(*pull)->open(OM_READ, "").discStatus, DS_SUCCESS);
+}
+
+/// Runs once, in the middle of the refusal's log line.
+struct OnRefusal : LogSink
+{
+    void write(const Line& line) override
+    {
+        if (line.text.find("are being asked already") != std::string::npos && onRefusal)
+            std::exchange(onRefusal, {})();
+    }
+    std::function<void()> onRefusal;
+};
+
+TEST_F(DiscMemTest, ARefusedPullThatIsStillLoggingKeepsNobodyOut)
+{
+    const AutoDereference<SlowPull> slow(new SlowPull);
+    std::vector<std::thread> threads;
+    std::atomic<unsigned> over{0};
+    for (unsigned i = 0; i < MemCollectionData::MAX_PULLS; ++i)
+        threads.emplace_back([&] {
+            EXPECT_TRUE(isSuccess(record(*slow)->open(OM_READ, "")));
+            ++over;
+        });
+    while (slow->inside < MemCollectionData::MAX_PULLS)
+        std::this_thread::yield();
+    std::future<DiscoveryResult> next;
+    std::future_status answered = std::future_status::deferred;
+    const auto sink = std::make_shared<OnRefusal>();
+    sink->onRefusal = [&] {
+        slow->letGo(1);
+        while (over == 0)
+            std::this_thread::yield();
+        // On a thread of its own, and with a limit: one that is refused waits for the sink.
+        next = std::async(std::launch::async, [&] { return record(*pull)->open(OM_READ, ""); });
+        answered = next.wait_for(std::chrono::seconds(5));
+    };
+    LoggerFactory::instance().setLevel(LOG_LEVEL_FAILURE);
+    LoggerFactory::instance().setSink(sink);
+    EXPECT_EQ(record(*pull)->open(OM_READ, "").discStatus, DS_OPEN_FAILED);
+    LoggerFactory::instance().setSink(nullptr);
+    EXPECT_EQ(answered, std::future_status::ready) << "while the refused one was logging";
+    ASSERT_TRUE(next.valid());
+    EXPECT_TRUE(isSuccess(next.get()));
+    slow->letGo(MemCollectionData::MAX_PULLS);
+    for (std::thread& thread : threads)
+        thread.join();
 }
 
 } // namespace

@@ -17,7 +17,12 @@ using QmTest::LogCapture;
 
 struct ExplorerLoaderTest : testing::Test
 {
-    ExplorerLoader& loader() const { return *getEngineSingleton<ExplorerLoader>(context); }
+    ExplorerLoader& loader() const
+    {
+        ExplorerLoader& loader = *getEngineSingleton<ExplorerLoader>(context);
+        loader.setRepository(getDiscoveryRepository());
+        return loader;
+    }
     /// The lines of the loader itself, "LEVEL TEXT".
     static Lines own(const LogCapture& log)
     {

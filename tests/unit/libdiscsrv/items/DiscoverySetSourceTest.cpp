@@ -4,8 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include "DiscoveryRepository.h"
 #include "ItemsFixture.h"
+#include "PeerLink.h"
 #include "support/MemoryData.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -40,7 +40,7 @@ TEST(DiscoverySetSourceTest, ReadsNothingOnceTheServiceEnds)
     const std::unique_ptr<xercesc::BinInputStream> stream(source.makeStream());
     XMLByte buffer[4];
     EXPECT_EQ(stream->readBytes(buffer, sizeof buffer), 4u);
-    getDiscoveryRepository()->shutdown();
+    getPeerLink().announceShutdown();
     EXPECT_EQ(stream->readBytes(buffer, sizeof buffer), 0u);
     EXPECT_EQ(stream->curPos(), 4u);
 }

@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "DiscoveryRepository.h"
+#include "ExplorerParsers.h"
 #include "ItemsFixture.h"
 #include "support/Capture.h"
 
@@ -98,7 +98,7 @@ class FakeParser : public virtual ExplorerDataParser
 
 struct ForeignParsersTest : testing::Test
 {
-    ForeignParsersTest() { getDiscoveryRepository()->registerExplorerParser("fake", parser.get()); }
+    ForeignParsersTest() { getExplorerParsers().add("fake", parser.get()); }
     /// A document with a block for the parser, and an item after it.
     static std::string around(const std::string& inner)
     {

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
+#include <future>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -9,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "ExplorerFixture.h"
+#include "RemoteExplorerPull.h"
 #include "ServiceFixture.h"
 #include "support/Capture.h"
 #include "support/Eventually.h"
@@ -204,46 +207,90 @@ TEST_F(ExplorerRegistryTest, DuringTheShutdownNothingIsRegistered)
 
 TEST_F(ExplorerRegistryTest, RegistrationsAreBounded)
 {
-    for (std::size_t i = 0; i <= DiscoveryRepository::MAX_EXPLORERS; ++i) {
-        const LogCapture log;
-        repository->pull("s" + std::to_string(i), "a", 5, *pull);
-        if (i < DiscoveryRepository::MAX_EXPLORERS) {
-            ASSERT_EQ(log.texts(1), Calls{});
-        } else {
-            EXPECT_EQ(log.texts(1),
-                      Calls{"There are 10000 explorers already, another one is dropped"});
-        }
-    }
-    EXPECT_EQ(repository->getPullExplorers().size(), DiscoveryRepository::MAX_EXPLORERS);
-    // A known explorer may register again.
-    const LogCapture log;
-    repository->pull("s0", "a", 6, *pull);
+    EXPECT_EQ(DiscoveryRepository::MAX_EXPLORERS, 10000u);
+    constexpr std::size_t MOST = 50;
+    const AutoDereference<FakeRepository> bounded(new FakeRepository(MOST));
+    LogCapture log;
+    for (std::size_t i = 0; i < MOST; ++i)
+        bounded->pull("s" + std::to_string(i), "a", 5, *pull);
     EXPECT_EQ(log.texts(1), Calls{});
-    EXPECT_EQ(repository->pullEntries().front(), "s0/a 6");
+    bounded->pull("s50", "a", 5, *pull);
+    EXPECT_EQ(log.texts(1), Calls{"There are 50 explorers already, another one is dropped"});
+    EXPECT_EQ(bounded->getPullExplorers().size(), MOST);
+    // A known explorer may register again.
+    log.clear();
+    bounded->pull("s0", "a", 6, *pull);
+    EXPECT_EQ(log.texts(1), Calls{});
+    EXPECT_EQ(bounded->pullEntries().front(), "s0/a 6");
 }
 
-TEST_F(ExplorerRegistryTest, OtherThreadsRegisterWhileExplorersAreStartedAndStopped)
+TEST_F(ExplorerRegistryTest, NoLockIsHeldWhileAWalkRunsAnExplorer)
 {
+    // Another thread registers: a recursive lock would let the thread of the walk pass.
     std::vector<std::thread> threads;
     const auto registerMeanwhile = [&](const std::string& subject) {
         const auto done = std::make_shared<std::atomic<bool>>(false);
         threads.emplace_back([this, subject, done] {
-            repository->pull(subject, "a", 5, *pull);
+            repository->push(subject, "a", 5, *AutoDereference<FakePush>(new FakePush));
+            repository->pull("pull " + subject, "a", 5, *pull);
+            repository->triggerPushTimer();
             *done = true;
         });
         EXPECT_TRUE(eventually([&] { return done->load(); })) << "the walk holds a lock";
     };
-    push->onStart = [&] { registerMeanwhile("during the start"); };
-    push->onStop = [&] { registerMeanwhile("during the stop"); };
+    push->onStart = [&] { registerMeanwhile("started"); };
+    push->onStop = [&] { registerMeanwhile("stopped"); };
     repository->push("s", "a", 5, *push);
     const EngineContext context(true);
-    repository->startExplorers(repository->getPushExplorers(), context);
-    repository->stopExplorers(repository->getPushExplorers());
+    const ExplorerSet walked = repository->getPushExplorers();
+    repository->startExplorers(walked, context);
+    repository->stopExplorers(walked);
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(push->calls, (Calls{"start s of a", "stop s of a"}));
-    EXPECT_EQ(repository->pullEntries(),
-              (Calls{"during%20the%20start/a 5", "during%20the%20stop/a 5"}));
+    EXPECT_EQ(walked.size(), 1u);
+    EXPECT_EQ(repository->pushEntries(), (Calls{"s/a 5", "started/a 5", "stopped/a 5"}));
+    EXPECT_EQ(repository->pullEntries(), (Calls{"pull%20started/a 5", "pull%20stopped/a 5"}));
+}
+
+TEST_F(ExplorerRegistryTest, OtherCallsDoNotWaitForARegistrationThatIsBeingStored)
+{
+    /// A master with a slow store.
+    struct SlowStore : FakeRepository
+    {
+        SlowStore() { master = true; }
+        void newDiscovery(AutoDereference<Discovery>&, DiscoveryQuery, const Subject&,
+                          const Authority&, const CollectionAttributes&) const override
+        {
+            inside.set_value();
+            letGo.get_future().wait();
+        }
+        mutable std::promise<void> inside;
+        mutable std::promise<void> letGo;
+    };
+    const AutoDereference<SlowStore> slow(new SlowStore);
+    std::thread registration([&slow] {
+        const AutoDereference<RemoteExplorerPull> explorer(
+            new RemoteExplorerPull("S", "h", "s", "a", AT_EXTSRC));
+        const Subject of("s");
+        const Authority by("a", AT_EXTSRC);
+        slow->registerExplorer(&of, explorer.get(), 5u, &by, false);
+    });
+    EXPECT_EQ(slow->inside.get_future().wait_for(std::chrono::seconds(10)),
+              std::future_status::ready);
+    auto others = std::async(std::launch::async, [&] {
+        const AutoDereference<DiscoveryIterator> found(
+            slow->findPullExplorer(DQ_DISCOVERY_DATA, *slow->pullExplorers(), "s", "a"));
+        EXPECT_TRUE(found);
+        EXPECT_EQ(slow->getExplorerStatus().size(), 1u);
+        slow->push("t", "a", 5, *push);
+        EXPECT_EQ(slow->pushEntries(), Calls{"t/a 5"});
+        EXPECT_TRUE(AutoDereference<ExplorerDataParser>(slow->getRegisteredExplorerParser("x")));
+        slow->triggerPushTimer();
+    });
+    EXPECT_EQ(others.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    slow->letGo.set_value();
+    registration.join();
 }
 
 TEST_F(ExplorerRegistryTest, TheFirstMatchAndAllAfterItAreFound)

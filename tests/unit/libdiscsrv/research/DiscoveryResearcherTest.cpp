@@ -34,12 +34,14 @@ class Master : public QmTest::PeerProcess
     Master()
         : PeerProcess([service = std::make_shared<std::unique_ptr<Service>>()](const std::string&) {
               return serve(*service);
-          })
+          }),
+          m_endpoint(ask("serve"))
     {
         HostConfig::instance().readText(
-            "SERVER = here\nCLIENT_NAME = console\nENDPOINT.here = " + ask("serve") + "\n",
+            "SERVER = here\nCLIENT_NAME = console\nENDPOINT.here = " + m_endpoint + "\n",
             "qm.conf");
     }
+    const std::string& endpoint() const { return m_endpoint; }
     ~Master() { EXPECT_EQ(stop(), 0); }
 
   private:
@@ -56,6 +58,8 @@ class Master : public QmTest::PeerProcess
         Service::put("broken", "host1", "<DiscoveredItems><DISCOVERED Name='a'/><DISC");
         return service->orb->getEndpoint();
     }
+
+    const std::string m_endpoint;
 };
 
 /// How many sockets of this process wait for somebody to connect.
@@ -139,6 +143,26 @@ TEST(DiscoveryResearcherTest, KeepsTheItemsBeforeABreakOfADocumentOnTheMaster)
     EXPECT_EQ(QmTest::written(*item), "<Discovered Name=\"a\"></Discovered>");
     EXPECT_EQ(items->getNextCollectionItem(), nullptr);
     EXPECT_EQ(log.texts(1).back(), "Failed to parse discovery");
+}
+
+TEST(DiscoveryResearcherTest, AsksTheMasterThatTheCallerNames)
+{
+    if (!QmTest::mayOpenRecords())
+        GTEST_SKIP() << "records are created with permissions 0: needs root";
+    const Master master;
+    // Nothing listens on port 1.
+    HostConfig::instance().readText("SERVER = there\nENDPOINT.there = 127.0.0.1:1\n", "qm.conf");
+    // The source of the record is "here".
+    MasterAddress address{"backup1", {}, {"here"}};
+    ASSERT_TRUE(parseEndpoint(master.endpoint(), address.endpoint));
+    ASSERT_TRUE(initDiscoveryResearch(address));
+    EXPECT_FALSE(getDiscoveryRepository()->isMaster());
+    const auto all = researchDiscoveries(DQ_DISCOVERY_DATA, "host1", "*", AT_ANYANDALL);
+    ASSERT_TRUE(all);
+    const AutoDereference<CollectionItemIterator> items(
+        (*all)->getNextCollectionItemIterator(nullptr));
+    ASSERT_TRUE(items);
+    EXPECT_TRUE(items->isParsed());
 }
 
 TEST(DiscoveryResearcherTest, WithoutAMasterThereIsNoHandle)

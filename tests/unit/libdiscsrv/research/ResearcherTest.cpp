@@ -246,7 +246,7 @@ TEST(AuthSubIteratorTest, DataThatDoesNotOpenIsNotParsed)
 
 TEST(AuthSubIteratorTest, TheBackendsReasonGoesBeforeOurOwn)
 {
-    auto* const data = new TextData(TWO_ITEMS);
+    auto* const data = new MemoryData(TWO_ITEMS);
     data->opens = false;
     data->openFailure = "the disk is on fire";
     const auto items = research(data);

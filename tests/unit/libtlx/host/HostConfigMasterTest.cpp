@@ -2,6 +2,7 @@
 
 #include <tlx/HostConfig.h>
 
+#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
@@ -163,6 +164,8 @@ TEST_F(MasterTest, LocalhostStandsForThisHost)
 
 TEST_F(MasterTest, TheBooleanLookupAnswersAsItsCallersExpect)
 {
+    static constexpr std::array KEYS{DeclaredKey::boolean("REPORT_CLIENT_DISCOVERIES")};
+    config().declare(KEYS);
     bool flag = false;
     master("");
     EXPECT_EQ(QM_get_config_boolean("REPORT_CLIENT_DISCOVERIES", flag), -1);

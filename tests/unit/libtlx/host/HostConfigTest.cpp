@@ -2,6 +2,7 @@
 
 #include <tlx/HostConfig.h>
 
+#include <array>
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
@@ -16,13 +17,33 @@
 #include "support/TemporaryDirectory.h"
 
 namespace Veltrane::Quillmark::Tlx {
+
+namespace ConfigKey {
+namespace {
+
+// Keys as a component would declare them.
+constexpr DeclaredKey LOG_LEVEL = DeclaredKey::number("LOG_LEVEL", 0, 9, 1).takenWhileRunning();
+constexpr DeclaredKey LOG_KEEP = DeclaredKey::number("LOG_KEEP", 1, 100, 5);
+constexpr DeclaredKey REPORT_CLIENT_DISCOVERIES = DeclaredKey::boolean("REPORT_CLIENT_DISCOVERIES");
+constexpr DeclaredKey COLOUR = DeclaredKey::text(
+    "COLOUR", [](const std::string& value) { return value == "red" || value == "blue"; },
+    "is no colour, expected for instance red");
+
+} // namespace
+} // namespace ConfigKey
+
 namespace {
 
 using QmTest::Lines;
 
+constexpr std::array KEYS{ConfigKey::LOG_LEVEL, ConfigKey::LOG_KEEP,
+                          ConfigKey::REPORT_CLIENT_DISCOVERIES, ConfigKey::COLOUR};
+
 HostConfig& config()
 {
-    return HostConfig::instance();
+    HostConfig& theConfig = HostConfig::instance();
+    theConfig.declare(KEYS);
+    return theConfig;
 }
 
 Lines problems()
@@ -87,10 +108,11 @@ TEST(EndpointTest, ANulByteEndsNoAddress)
 
 TEST(EndpointTest, AHostNameHasALimit)
 {
+    const std::string longest(255, 'a');
     Endpoint endpoint;
-    EXPECT_TRUE(parseEndpoint(std::string(255, 'a') + ":1", endpoint));
+    EXPECT_TRUE(parseEndpoint(longest + ":1", endpoint));
     EXPECT_EQ(endpoint.address.size(), 255u);
-    EXPECT_FALSE(parseEndpoint(std::string(256, 'a') + ":1", endpoint));
+    EXPECT_FALSE(parseEndpoint(longest + "a:1", endpoint));
     EXPECT_EQ(endpoint.address.size(), 255u);
 }
 
@@ -115,11 +137,8 @@ TEST(HostConfigTest, WithoutATextEveryKeyHasItsDefault)
     EXPECT_EQ(config().listenEndpoint(), (Endpoint{"0.0.0.0", 14400}));
     EXPECT_EQ(config().endpointOf("other"), (Endpoint{"other", 14400}));
     EXPECT_EQ(config().number(ConfigKey::LOG_LEVEL), 1u);
-    EXPECT_EQ(config().number(ConfigKey::LOG_MAX_BYTES), 10485760u);
     EXPECT_EQ(config().number(ConfigKey::LOG_KEEP), 5u);
-    EXPECT_EQ(config().number(ConfigKey::STOP_LIMIT), 60u);
-    EXPECT_EQ(config().number(ConfigKey::MAX_MESSAGE_BYTES), 67108864u);
-    EXPECT_EQ(config().number("NONE"), 0u);
+    EXPECT_EQ(config().number(ConfigKey::REPORT_CLIENT_DISCOVERIES), 0u) << "no number";
     EXPECT_FALSE(config().isMaster());
     char name[256] = "";
     ASSERT_EQ(::gethostname(name, sizeof name - 1), 0);
@@ -142,9 +161,11 @@ TEST(HostConfigTest, ReadsKeysCommentsAndBlankLines)
     EXPECT_TRUE(config().getBoolean(ConfigKey::REPORT_CLIENT_DISCOVERIES, report));
     EXPECT_FALSE(report);
     EXPECT_EQ(config().endpointOf("BACKUP1"), (Endpoint{"192.0.2.7", 99}));
-    std::string endpoint;
-    EXPECT_TRUE(config().getString("ENDPOINT.bAckup1", endpoint));
-    EXPECT_EQ(endpoint, "192.0.2.7:99");
+    Endpoint endpoint;
+    EXPECT_TRUE(config().getEndpointOf("bAckup1", endpoint));
+    EXPECT_EQ(endpoint, (Endpoint{"192.0.2.7", 99}));
+    EXPECT_FALSE(config().getEndpointOf("backup2", endpoint));
+    EXPECT_EQ(endpoint, (Endpoint{"192.0.2.7", 99}));
 }
 
 TEST(HostConfigTest, BooleansHaveFourWordsEach)
@@ -197,13 +218,14 @@ TEST(HostConfigTest, EachProblemNamesFileLineAndExpectation)
     EXPECT_EQ(problemsOf("LOG_LEVEL = 10"),
               Lines{"qm.conf:1: LOG_LEVEL: '10' is out of range, expected 0 to 9"});
     EXPECT_EQ(problemsOf("LOG_KEEP = 99999999999999999999999"),
-              Lines{"qm.conf:1: LOG_KEEP: '99999999999999999999999' is not a number, expected 0 "
+              Lines{"qm.conf:1: LOG_KEEP: '99999999999999999999999' is not a number, expected 1 "
                     "to 100"});
-    EXPECT_EQ(problemsOf("STOP_LIMIT = 0"),
-              Lines{"qm.conf:1: STOP_LIMIT: '0' is out of range, expected 1 to 3600"});
-    EXPECT_EQ(problemsOf("MAX_MESSAGE_BYTES = -1"),
-              Lines{"qm.conf:1: MAX_MESSAGE_BYTES: '-1' is not a number, expected 65536 to "
-                    "1073741824"});
+    EXPECT_EQ(problemsOf("LOG_KEEP = 0"),
+              Lines{"qm.conf:1: LOG_KEEP: '0' is out of range, expected 1 to 100"});
+    EXPECT_EQ(problemsOf("LOG_KEEP = -1"),
+              Lines{"qm.conf:1: LOG_KEEP: '-1' is not a number, expected 1 to 100"});
+    EXPECT_EQ(problemsOf("COLOUR = green"),
+              Lines{"qm.conf:1: COLOUR: 'green' is no colour, expected for instance red"});
     EXPECT_EQ(problemsOf("REPORT_CLIENT_DISCOVERIES = maybe"),
               Lines{"qm.conf:1: REPORT_CLIENT_DISCOVERIES: 'maybe' is not a boolean, expected TRUE "
                     "or FALSE"});
@@ -230,37 +252,6 @@ TEST(HostConfigTest, WhatIsNoTextIsAProblemOfItsLineOnly)
     EXPECT_EQ(config().number(ConfigKey::LOG_LEVEL), 5u);
 }
 
-TEST(HostConfigTest, EveryNumberHasItsBounds)
-{
-    struct Bounds
-    {
-        const char* key;
-        std::uint64_t lowest;
-        std::uint64_t highest;
-    };
-    for (const Bounds& bounds :
-         {Bounds{"LOG_LEVEL", 0, 9}, Bounds{"LOG_MAX_BYTES", 4096, 1ULL << 40},
-          Bounds{"LOG_KEEP", 0, 100}, Bounds{"STOP_LIMIT", 1, 3600},
-          Bounds{"REMOTE_MAX_RECORDS", 1, 10000000}, Bounds{"REMOTE_MAX_BYTES", 1024, 1ULL << 30},
-          Bounds{"REMOTE_MAX_SECONDS", 1, 86400}, Bounds{"MAX_MESSAGE_BYTES", 65536, 1ULL << 30}}) {
-        const std::string key = bounds.key;
-        for (const std::uint64_t good : {bounds.lowest, bounds.highest}) {
-            EXPECT_EQ(problemsOf(key + " = " + std::to_string(good)), Lines{});
-            EXPECT_EQ(config().number(key), good) << key;
-        }
-        const std::string expected = " is out of range, expected " + std::to_string(bounds.lowest) +
-                                     " to " + std::to_string(bounds.highest);
-        const std::string above = std::to_string(bounds.highest + 1);
-        EXPECT_EQ(problemsOf(key + " = " + above),
-                  Lines{"qm.conf:1: " + key + ": '" + above + "'" + expected});
-        if (bounds.lowest == 0)
-            continue;
-        const std::string below = std::to_string(bounds.lowest - 1);
-        EXPECT_EQ(problemsOf(key + " = " + below),
-                  Lines{"qm.conf:1: " + key + ": '" + below + "'" + expected});
-    }
-}
-
 TEST(HostConfigTest, AWrongValueIsNoValue)
 {
     const std::string text = "SERVER = a b\nCLIENT_NAME = -x\nLISTEN = x\nPUBLISH_ADDRESS = [::1]\n"
@@ -268,10 +259,11 @@ TEST(HostConfigTest, AWrongValueIsNoValue)
     EXPECT_EQ(problemsOf(text).size(), 6u);
     std::string value = "before";
     bool flag = true;
-    for (const char* key : {"SERVER", "CLIENT_NAME", "LISTEN", "PUBLISH_ADDRESS",
-                            "REPORT_CLIENT_DISCOVERIES", "ENDPOINT.m"})
-        EXPECT_FALSE(config().getString(key, value)) << key;
-    EXPECT_FALSE(config().getBoolean("REPORT_CLIENT_DISCOVERIES", flag));
+    for (const DeclaredKey& key :
+         {ConfigKey::SERVER, ConfigKey::CLIENT_NAME, ConfigKey::LISTEN, ConfigKey::PUBLISH_ADDRESS,
+          ConfigKey::REPORT_CLIENT_DISCOVERIES, ConfigKey::ENDPOINT_OF_HOST})
+        EXPECT_FALSE(config().getString(key, value)) << key.name();
+    EXPECT_FALSE(config().getBoolean(ConfigKey::REPORT_CLIENT_DISCOVERIES, flag));
     EXPECT_EQ(value, "before");
     EXPECT_TRUE(flag);
     EXPECT_EQ(config().listenEndpoint(), (Endpoint{"0.0.0.0", 14400}));
@@ -372,6 +364,41 @@ TEST(HostConfigTest, AHugeTextIsIgnored)
     EXPECT_FALSE(config().getString(ConfigKey::SERVER, server));
 }
 
+TEST(HostConfigTest, AKeyIsUnknownUntilAComponentDeclaresItAndItsValueCountsAllTheSame)
+{
+    static constexpr std::array LATER{DeclaredKey::number("LATER", 1, 9, 4),
+                                      DeclaredKey::number("LATER_TOO", 1, 9, 4)};
+    EXPECT_EQ(problemsOf("LATER = 7\nLATER_TOO = 10\n"),
+              (Lines{"qm.conf:1: unknown key 'LATER'", "qm.conf:2: unknown key 'LATER_TOO'"}));
+    EXPECT_EQ(config().number(LATER[0]), 7u);
+    EXPECT_EQ(config().placeOf(LATER[0]), "qm.conf:1");
+    EXPECT_EQ(config().number(LATER[1]), 4u) << "out of range";
+    bool flag = true;
+    config().readText("LATER = 1\n", "qm.conf");
+    EXPECT_EQ(QM_get_config_boolean("LATER", flag), -1) << "undeclared";
+    config().declare(LATER);
+    EXPECT_EQ(problemsOf("LATER = 7\nLATER_TOO = 10\n"),
+              Lines{"qm.conf:2: LATER_TOO: '10' is out of range, expected 1 to 9"});
+    EXPECT_EQ(config().number(LATER[0]), 7u);
+    EXPECT_EQ(config().number(LATER[1]), 4u);
+    flag = false;
+    config().readText("LATER = 1\n", "qm.conf");
+    EXPECT_EQ(QM_get_config_boolean("LATER", flag), 0);
+    EXPECT_TRUE(flag);
+}
+
+TEST(HostConfigTest, ATableCountsOnceHoweverOftenItIsDeclared)
+{
+    const std::size_t before = config().declaredKeys().size();
+    config().declare(KEYS);
+    EXPECT_EQ(config().declaredKeys().size(), before);
+    // A second declaration of the same name changes nothing.
+    static constexpr std::array OTHER{DeclaredKey::boolean("LOG_LEVEL")};
+    config().declare(OTHER);
+    EXPECT_EQ(config().declaredKeys().size(), before);
+    EXPECT_EQ(problemsOf("LOG_LEVEL = 9"), Lines{});
+}
+
 struct HostConfigFileTest : testing::Test
 {
     HostConfigFileTest()
@@ -413,6 +440,31 @@ TEST_F(HostConfigFileTest, AFileThatCannotBeReadConfiguresNothingAndIsReportedOn
     ASSERT_EQ(::mkfifo(file().c_str(), 0600), 0);
     EXPECT_FALSE(config().read());
     EXPECT_EQ(problems(), Lines{file() + ": cannot be read: it is not a regular file"});
+}
+
+TEST_F(HostConfigFileTest, ARunningProcessTakesOnlyTheKeysThatSayIt)
+{
+    std::ofstream(file()) << "LOG_LEVEL = 6\nLOG_KEEP = 6\nSERVER = one\n";
+    EXPECT_TRUE(config().read());
+    std::ofstream(file()) << "\nLOG_LEVEL = 7\nLOG_KEEP = 7\nSERVER = two\nx\n";
+    EXPECT_TRUE(config().readAgain());
+    EXPECT_EQ(config().number(ConfigKey::LOG_LEVEL), 7u);
+    EXPECT_EQ(config().placeOf(ConfigKey::LOG_LEVEL), file() + ":2");
+    EXPECT_EQ(config().number(ConfigKey::LOG_KEEP), 6u);
+    std::string server;
+    EXPECT_TRUE(config().getString(ConfigKey::SERVER, server));
+    EXPECT_EQ(server, "one");
+    EXPECT_EQ(problems(), Lines{file() + ":5: 'x' is not KEY = value"});
+    // A key that the file has no more goes back to its default.
+    std::ofstream(file()) << "\n";
+    EXPECT_TRUE(config().readAgain());
+    EXPECT_EQ(config().number(ConfigKey::LOG_LEVEL), 1u);
+    EXPECT_EQ(config().number(ConfigKey::LOG_KEEP), 6u);
+    EXPECT_EQ(problems(), Lines{});
+    std::filesystem::remove(file());
+    EXPECT_FALSE(config().readAgain());
+    EXPECT_EQ(config().number(ConfigKey::LOG_KEEP), 6u);
+    EXPECT_EQ(problems(), Lines{file() + ": cannot be read: No such file or directory"});
 }
 
 TEST_F(HostConfigFileTest, WithoutADirectoryThereIsNoFile)

@@ -196,7 +196,7 @@ TEST_F(OrbTest, AClientOpensNoPortAndServesNothing)
     EXPECT_FALSE(orb.isEvictorEnabled());
     EXPECT_THROW(orb.getEvictor(), CORBA::BAD_INV_ORDER);
     PortableServer::Servant_var<PlainServant> servant(new PlainServant);
-    EXPECT_THROW(orb.activateServant(servant.in()), CORBA::OBJ_ADAPTER);
+    EXPECT_THROW((void)orb.activateServant(servant.in()), CORBA::OBJ_ADAPTER);
     orb.serveRequests();
     orb.holdRequests();
 }
@@ -383,7 +383,7 @@ TEST_F(OrbTest, CopesWithARootPoaThatItsServiceDestroyed)
     const PortableServer::POA_var poa = PortableServer::POA::_narrow(root);
     poa->destroy(false, true);
     orb.destroyObjectRef(object, PortableServer::POA::_nil());
-    EXPECT_THROW(orb.activateServant(servant.in()), CORBA::SystemException);
+    EXPECT_THROW((void)orb.activateServant(servant.in()), CORBA::SystemException);
     orb.holdRequests();
     orb.serveRequests();
 }

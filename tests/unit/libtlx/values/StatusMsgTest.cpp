@@ -133,11 +133,4 @@ TEST(StatusMsgTest, WithoutAContextNothingHappens)
     EXPECT_EQ(message->text(), TlxString("kept"));
 }
 
-TEST(StatusMsgTest, TheCodeCanBeSet)
-{
-    const AutoDereference<StatusMsg> message(new StatusMsg(1, "t"));
-    message->setCode(9);
-    EXPECT_EQ(message->code(), 9);
-}
-
 } // namespace

@@ -1,0 +1,7 @@
+#include "HostedService.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+HostedService::~HostedService() = default;
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -1,0 +1,105 @@
+#pragma once
+// The registered explorers: which registration wins, and who is registered now.
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <vector>
+
+#include <tlx/Lockable.h>
+
+#include "DiscExport.h"
+#include "ExplorerWrapper.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+/// The explorers of one moment. No pointer is null, and no set ever changes.
+struct ExplorerSnapshot
+{
+    std::shared_ptr<const ExplorerSet> push;
+    std::shared_ptr<const ExplorerSet> pull;
+};
+
+/// Owns both sets. Of two registrations for the same authority and subject the one of higher
+/// priority wins. A pull registration also replaces one of its own priority, a push registration
+/// does not. Any thread.
+///
+/// A reader takes a snapshot: it copies no set and waits for no registration. A registration
+/// changes the tables under their lock and publishes the next snapshot. What it stores afterwards
+/// it stores without that lock.
+class DISCSRV_EXPORT ExplorerRegistry
+{
+  public:
+    /// @param most how many explorers of each kind there may be.
+    explicit ExplorerRegistry(std::size_t most);
+    ~ExplorerRegistry();
+    ExplorerRegistry(const ExplorerRegistry&) = delete;
+    ExplorerRegistry& operator=(const ExplorerRegistry&) = delete;
+
+    ExplorerSnapshot snapshot() const;
+
+    // A registration beyond the bound, and one that comes after close(), is logged and dropped. One
+    // that loses against a higher priority is dropped and not logged.
+
+    void registerPush(const AutoDereference<ExplorerWrapper>& wrapper);
+    /// @param store writes the registration to disk, and registers nothing itself. The registry
+    /// calls it without the tables' lock, for one registration at a time. It does not call it for a
+    /// registration that was dropped, or that another one has replaced meanwhile. So the registered
+    /// one is stored last. A registration that was accepted before close() is stored after it, too.
+    void registerPull(const AutoDereference<ExplorerWrapper>& wrapper,
+                      const std::function<void()>& store = {});
+
+    /// Drops registrations from now on.
+    void close();
+    /// What was registered; nothing is registered any more.
+    ExplorerSnapshot takeAll();
+
+    /// Publishes the changes of a scope at its end, all at once: a load of thousands would
+    /// otherwise copy the sets thousands of times. Readers see the snapshot before until then.
+    class DISCSRV_EXPORT Batch
+    {
+      public:
+        explicit Batch(ExplorerRegistry& registry);
+        ~Batch();
+        Batch(const Batch&) = delete;
+        Batch& operator=(const Batch&) = delete;
+
+      private:
+        ExplorerRegistry& m_registry;
+    };
+
+  private:
+    using Removed = std::vector<AutoDereference<ExplorerWrapper>>;
+    using Published = ExplorerSnapshot; ///< one that was replaced; to be dropped without a lock
+    enum class Refusal
+    {
+        NONE,
+        CLOSED,
+        FULL
+    };
+
+    Refusal refusal(const ExplorerSet& set, const AutoDereference<ExplorerWrapper>& wrapper) const;
+    void logRefusal(Refusal refusal) const;
+    void forget(const Removed& removed);
+    Published publish();
+
+    const std::size_t m_most;
+
+    TlxLockable m_tables; // for one change; no call leaves the registry under it
+    ExplorerSet m_push;
+    ExplorerSet m_pull;
+    std::set<const ExplorerWrapper*> m_unstored; ///< accepted, and still to be stored
+    bool m_pushChanged = false;                  ///< since the last snapshot
+    bool m_pullChanged = false;
+    bool m_closed = false;
+    unsigned m_batches = 0;
+
+    mutable std::mutex m_publishedMutex; // a leaf, for the two pointers
+    ExplorerSnapshot m_published;
+
+    std::mutex m_storing; // held while one registration is stored; only registrations take it
+};
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

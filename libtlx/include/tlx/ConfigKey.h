@@ -1,0 +1,114 @@
+#pragma once
+// The keys of the host configuration, declared by the components that read them.
+//
+// A component declares each of its keys once, in a header beside its code: a constant in the
+// namespace ConfigKey, and a table of these constants. It reads a value with the constant. The
+// programs hand all tables to HostConfig, which then checks every line of the file.
+//
+//     namespace ConfigKey {
+//     inline constexpr DeclaredKey STOP_LIMIT =
+//         DeclaredKey::number("STOP_LIMIT", 1, 3600, 60).takenWhileRunning();
+//     }
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace Veltrane::Quillmark::Tlx {
+
+/// One key: its name, the values that it takes, and its default when it is a number. The texts are
+/// literals.
+class DeclaredKey
+{
+  public:
+    /// A host name or an address. The example stands in messages, as in all of these.
+    static constexpr DeclaredKey host(const char* name, const char* example)
+    {
+        return {name, Kind::Host, example};
+    }
+    /// ADDRESS:PORT, where a service listens. Port 0 means any free port.
+    static constexpr DeclaredKey listenEndpoint(const char* name, const char* example)
+    {
+        return {name, Kind::ListenEndpoint, example};
+    }
+    /// A family of keys: the name ends with a dot, and a host's name follows. The value is
+    /// ADDRESS:PORT.
+    static constexpr DeclaredKey endpointOfHost(const char* name, const char* example,
+                                                const char* hostExample)
+    {
+        DeclaredKey key{name, Kind::EndpointOfHost, example};
+        key.m_hostExample = hostExample;
+        return key;
+    }
+    static constexpr DeclaredKey boolean(const char* name) { return {name, Kind::Boolean, ""}; }
+    static constexpr DeclaredKey number(const char* name, std::uint64_t lowest,
+                                        std::uint64_t highest, std::uint64_t standard)
+    {
+        DeclaredKey key{name, Kind::Number, ""};
+        key.m_lowest = lowest;
+        key.m_highest = highest;
+        key.m_standard = standard;
+        return key;
+    }
+    /// A text that `accepts` answers true for. A message about another one goes on with `complaint`
+    /// after the value: "is no list of types, expected for instance pseudo,nfs4".
+    using Accepts = bool (*)(const std::string& value);
+    static constexpr DeclaredKey text(const char* name, Accepts accepts, const char* complaint)
+    {
+        DeclaredKey key{name, Kind::Text, complaint};
+        key.m_accepts = accepts;
+        return key;
+    }
+
+    /// The same key, whose new value takes effect in a running process.
+    constexpr DeclaredKey takenWhileRunning() const
+    {
+        DeclaredKey key = *this;
+        key.m_takenWhileRunning = true;
+        return key;
+    }
+
+    constexpr const char* name() const { return m_name; }
+    constexpr bool isTakenWhileRunning() const { return m_takenWhileRunning; }
+    /// The default of a number; 0 for other kinds.
+    constexpr std::uint64_t standard() const { return m_standard; }
+
+    /// Whether a key of the file is this one, or one of this family.
+    bool covers(std::string_view written) const;
+    /// The name under which a value is kept: a family's host is in lower case.
+    std::string keptName(const std::string& written) const;
+    /// What is wrong with a value; empty when nothing is.
+    std::string complaintAbout(const std::string& written, const std::string& value) const;
+
+  private:
+    enum class Kind
+    {
+        Host,
+        ListenEndpoint,
+        EndpointOfHost,
+        Boolean,
+        Number,
+        Text
+    };
+    constexpr DeclaredKey(const char* name, Kind kind, const char* example)
+        : m_name(name), m_kind(kind), m_example(example)
+    {
+    }
+    std::string hostOf(const std::string& written) const;
+
+    const char* m_name;
+    Kind m_kind;
+    const char* m_example; ///< of Kind::Text: the complaint
+    const char* m_hostExample = "";
+    std::uint64_t m_lowest = 0;
+    std::uint64_t m_highest = 0;
+    std::uint64_t m_standard = 0;
+    Accepts m_accepts = nullptr;
+    bool m_takenWhileRunning = false;
+};
+
+/// The keys of one component; it lives as long as the process.
+using ConfigKeyTable = std::span<const DeclaredKey>;
+
+} // namespace Veltrane::Quillmark::Tlx

@@ -1,0 +1,139 @@
+#include <tlx/ConfigKey.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+
+#include <tlx/Assert.h>
+#include <tlx/Endpoint.h>
+#include <tlx/String.h>
+
+#include "ConfigValue.h"
+
+namespace Veltrane::Quillmark::Tlx {
+
+namespace {
+
+constexpr std::size_t MAX_SHOWN = 80;
+
+/// ASCII only, whatever the locale: the file reads the same on every host.
+std::string lowered(std::string text)
+{
+    std::transform(text.begin(), text.end(), text.begin(), [](char c) {
+        return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    });
+    return text;
+}
+
+std::string complaintAboutHost(const std::string& value, const char* example)
+{
+    return isHost(value)
+               ? std::string()
+               : quotedValue(value) + " is not a host name, expected for instance " + example;
+}
+
+std::string complaintAboutEndpoint(const std::string& value, bool anyPort, const char* example)
+{
+    Endpoint endpoint;
+    if (!parseEndpoint(value, endpoint))
+        return quotedValue(value) + " is not ADDRESS:PORT, expected for instance " + example;
+    if (!anyPort && endpoint.port == 0)
+        return quotedValue(value) + " has port 0, expected 1 to 65535";
+    return {};
+}
+
+std::string complaintAboutBoolean(const std::string& value)
+{
+    bool flag = false;
+    return parseBoolean(value, flag)
+               ? std::string()
+               : quotedValue(value) + " is not a boolean, expected TRUE or FALSE";
+}
+
+std::string complaintAboutNumber(const std::string& value, std::uint64_t lowest,
+                                 std::uint64_t highest)
+{
+    std::uint64_t number = 0;
+    const bool isNumber = parseNumber(value, number);
+    if (isNumber && number >= lowest && number <= highest)
+        return {};
+    return quotedValue(value) + (isNumber ? " is out of range" : " is not a number") +
+           ", expected " + std::to_string(lowest) + " to " + std::to_string(highest);
+}
+
+} // namespace
+
+bool DeclaredKey::covers(std::string_view written) const
+{
+    return m_kind == Kind::EndpointOfHost ? written.starts_with(m_name) : written == m_name;
+}
+
+/// The host in the name of a family's key.
+std::string DeclaredKey::hostOf(const std::string& written) const
+{
+    return written.substr(std::strlen(m_name));
+}
+
+std::string DeclaredKey::keptName(const std::string& written) const
+{
+    return m_kind == Kind::EndpointOfHost ? m_name + lowered(hostOf(written)) : written;
+}
+
+std::string DeclaredKey::complaintAbout(const std::string& written, const std::string& value) const
+{
+    switch (m_kind) {
+    case Kind::Host:
+        return complaintAboutHost(value, m_example);
+    case Kind::ListenEndpoint:
+        return complaintAboutEndpoint(value, true, m_example);
+    case Kind::EndpointOfHost: {
+        const std::string aboutHost = complaintAboutHost(hostOf(written), m_hostExample);
+        return aboutHost.empty() ? complaintAboutEndpoint(value, false, m_example) : aboutHost;
+    }
+    case Kind::Boolean:
+        return complaintAboutBoolean(value);
+    case Kind::Number:
+        return complaintAboutNumber(value, m_lowest, m_highest);
+    case Kind::Text:
+        return m_accepts(value) ? std::string() : quotedValue(value) + " " + m_example;
+    }
+    TLX_SHOULD_NOT_GET_HERE();
+    return {};
+}
+
+bool parseBoolean(const std::string& text, bool& out)
+{
+    const std::string word = lowered(text);
+    if (word == "true" || word == "yes" || word == "1" || word == "on") {
+        out = true;
+        return true;
+    }
+    if (word == "false" || word == "no" || word == "0" || word == "off") {
+        out = false;
+        return true;
+    }
+    return false;
+}
+
+bool parseNumber(const std::string& text, std::uint64_t& out)
+{
+    std::uint64_t number = 0;
+    const char* const end = text.data() + text.size();
+    const auto parsed = std::from_chars(text.data(), end, number);
+    if (text.empty() || parsed.ec != std::errc() || parsed.ptr != end)
+        return false;
+    out = number;
+    return true;
+}
+
+std::string quotedValue(std::string_view text)
+{
+    if (text.size() <= MAX_SHOWN)
+        return "'" + std::string(text) + "'";
+    std::size_t end = 0;
+    while (end < MAX_SHOWN)
+        end += std::max<std::size_t>(1, utf8Character(text.substr(end)));
+    return "'" + std::string(text.substr(0, end)) + "...'";
+}
+
+} // namespace Veltrane::Quillmark::Tlx

@@ -1,0 +1,134 @@
+#include "ConfigReading.h"
+
+#include <algorithm>
+#include <chrono>
+
+#include <unistd.h>
+
+#include <tlx/Resolver.h>
+#include <tlx/String.h>
+
+namespace Veltrane::Quillmark::Tlx {
+
+namespace {
+
+constexpr std::chrono::milliseconds RESOLVE_LIMIT{5000};
+
+bool sameName(const std::string& a, const std::string& b)
+{
+    return compareIgnoringCase(a, b) == 0;
+}
+
+} // namespace
+
+ConfigReading::ConfigReading(ConfigText text, std::optional<bool> master)
+    : m_text(std::move(text)), m_master(master)
+{
+}
+
+const ConfigText::Value* ConfigReading::find(const DeclaredKey& key,
+                                             const std::string& written) const
+{
+    const auto found = m_text.values.find(key.keptName(written));
+    // Nobody may have declared the key when the text was read, so the value may be unchecked.
+    if (found == m_text.values.end() || !key.complaintAbout(written, found->second.text).empty())
+        return nullptr;
+    return &found->second;
+}
+
+bool ConfigReading::find(const DeclaredKey& key, std::string& out) const
+{
+    const ConfigText::Value* const value = find(key, key.name());
+    if (value)
+        out = value->text;
+    return value != nullptr;
+}
+
+/// Empty when the key is absent.
+std::string ConfigReading::valueOf(const DeclaredKey& key) const
+{
+    std::string value;
+    find(key, value);
+    return value;
+}
+
+std::string ConfigReading::localHostName() const
+{
+    std::string name;
+    if (find(ConfigKey::CLIENT_NAME, name))
+        return name;
+    char buffer[256] = "";
+    if (::gethostname(buffer, sizeof buffer - 1) != 0 || buffer[0] == '\0')
+        return "localhost";
+    return buffer;
+}
+
+Endpoint ConfigReading::listenEndpoint() const
+{
+    Endpoint endpoint{"0.0.0.0", DEFAULT_PORT};
+    parseEndpoint(valueOf(ConfigKey::LISTEN), endpoint);
+    return endpoint;
+}
+
+bool ConfigReading::getEndpointOf(const std::string& host, Endpoint& out) const
+{
+    const DeclaredKey& key = ConfigKey::ENDPOINT_OF_HOST;
+    const ConfigText::Value* const value = find(key, key.name() + host);
+    return value && parseEndpoint(value->text, out);
+}
+
+bool ConfigReading::isMaster()
+{
+    const std::lock_guard guard(m_masterMutex);
+    if (!m_master)
+        m_master = findOutMaster();
+    return *m_master;
+}
+
+std::optional<bool> ConfigReading::knownMaster()
+{
+    const std::lock_guard guard(m_masterMutex);
+    return m_master;
+}
+
+/// Whether requests to an endpoint reach this host's own service. Several hosts may run on one
+/// machine: then only the port tells them apart.
+bool ConfigReading::isOwnEndpoint(const Endpoint& endpoint) const
+{
+    const Endpoint own = listenEndpoint();
+    if (endpoint.port != own.port)
+        return false;
+    if (sameName(endpoint.address, own.address) ||
+        sameName(endpoint.address, valueOf(ConfigKey::PUBLISH_ADDRESS)))
+        return true;
+    // Compares addresses: one may be a name, and an IPv6 address can be written in many ways.
+    const auto start = std::chrono::steady_clock::now();
+    const auto wanted = resolveHost(endpoint.address, RESOLVE_LIMIT);
+    const auto spent = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - start);
+    // Both names share one limit.
+    const auto listening = resolveHost(own.address, RESOLVE_LIMIT - spent);
+    const auto listensAt = [&](const std::string& address) {
+        return std::find(listening.begin(), listening.end(), address) != listening.end();
+    };
+    const bool everywhere = listensAt("0.0.0.0") || listensAt("::");
+    return std::any_of(wanted.begin(), wanted.end(), [&](const std::string& address) {
+        return everywhere ? isLocalAddress(address) : listensAt(address);
+    });
+}
+
+bool ConfigReading::findOutMaster() const
+{
+    std::string server;
+    if (!find(ConfigKey::SERVER, server))
+        return false;
+    if (sameName(server, localHostName()))
+        return true;
+    Endpoint endpoint;
+    if (getEndpointOf(server, endpoint))
+        return isOwnEndpoint(endpoint);
+    const auto addresses = resolveHost(server, RESOLVE_LIMIT);
+    return std::any_of(addresses.begin(), addresses.end(), isLocalAddress);
+}
+
+} // namespace Veltrane::Quillmark::Tlx

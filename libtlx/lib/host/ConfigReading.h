@@ -1,0 +1,45 @@
+#pragma once
+// One reading of the host configuration, and what follows from its values.
+
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "ConfigText.h"
+
+namespace Veltrane::Quillmark::Tlx {
+
+/// Shared by threads. It changes in one way only: isMaster remembers its answer.
+class ConfigReading
+{
+  public:
+    ConfigReading() = default;
+    explicit ConfigReading(ConfigText text, std::optional<bool> master = std::nullopt);
+
+    const ConfigText& text() const { return m_text; }
+
+    /// The value of a key as it is written in a file; null when it is absent or refused.
+    const ConfigText::Value* find(const DeclaredKey& key, const std::string& written) const;
+    /// False (and out unchanged) when the key is absent or its value was refused.
+    bool find(const DeclaredKey& key, std::string& out) const;
+    bool getEndpointOf(const std::string& host, Endpoint& out) const;
+    std::string localHostName() const;
+    Endpoint listenEndpoint() const;
+
+    /// Resolves names at the first call. Later callers, and those who come meanwhile, get its
+    /// answer.
+    bool isMaster();
+    /// The answer of isMaster; without a value when nobody has asked.
+    std::optional<bool> knownMaster();
+
+  private:
+    std::string valueOf(const DeclaredKey& key) const;
+    bool isOwnEndpoint(const Endpoint& endpoint) const;
+    bool findOutMaster() const;
+
+    const ConfigText m_text;
+    std::mutex m_masterMutex;
+    std::optional<bool> m_master;
+};
+
+} // namespace Veltrane::Quillmark::Tlx

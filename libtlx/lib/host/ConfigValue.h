@@ -1,0 +1,17 @@
+#pragma once
+// Values of the host configuration as text.
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace Veltrane::Quillmark::Tlx {
+
+/// False (and out unchanged) when the text is no boolean, or no number.
+bool parseBoolean(const std::string& text, bool& out);
+bool parseNumber(const std::string& text, std::uint64_t& out);
+
+/// A value for a message: in quotes, and cut at a character's end when it is long.
+std::string quotedValue(std::string_view text);
+
+} // namespace Veltrane::Quillmark::Tlx

@@ -1,0 +1,83 @@
+#include <tlx/Endpoint.h>
+
+#include <algorithm>
+
+#include <arpa/inet.h>
+
+#include "ConfigValue.h"
+
+namespace Veltrane::Quillmark::Tlx {
+
+namespace {
+
+constexpr std::size_t MAX_HOST_NAME = 255;
+constexpr std::uint64_t MAX_PORT = 65535;
+
+bool isNumericV4(const std::string& text)
+{
+    in_addr address;
+    return ::inet_pton(AF_INET, text.c_str(), &address) == 1;
+}
+
+bool isNumericV6(const std::string& text)
+{
+    in6_addr address;
+    // inet_pton stops at a NUL byte and would accept what stands before it.
+    return text.find('\0') == std::string::npos &&
+           ::inet_pton(AF_INET6, text.c_str(), &address) == 1;
+}
+
+bool isHostNameCharacter(char c)
+{
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+           c == '.' || c == '_' || (static_cast<unsigned char>(c) & 0x80) != 0;
+}
+
+/// A host name or an IPv4 address. A text of digits and dots must be an address.
+bool isHostName(const std::string& text)
+{
+    if (text.empty() || text.size() > MAX_HOST_NAME || text.front() == '.' || text.front() == '-')
+        return false;
+    if (!std::all_of(text.begin(), text.end(), isHostNameCharacter))
+        return false;
+    if (text.find_first_not_of("0123456789.") == std::string::npos)
+        return isNumericV4(text);
+    return true;
+}
+
+} // namespace
+
+bool isHost(const std::string& text)
+{
+    return isHostName(text) || isNumericV6(text);
+}
+
+bool parseEndpoint(const std::string& text, Endpoint& out)
+{
+    const auto colon = text.rfind(':');
+    if (colon == std::string::npos)
+        return false;
+    std::string address = text.substr(0, colon);
+    std::uint64_t port = 0;
+    if (!parseNumber(text.substr(colon + 1), port) || port > MAX_PORT)
+        return false;
+    if (address.size() > 2 && address.front() == '[' && address.back() == ']') {
+        address = address.substr(1, address.size() - 2);
+        if (!isNumericV6(address))
+            return false;
+    } else if (!isHostName(address)) {
+        return false;
+    }
+    out.address = address;
+    out.port = static_cast<std::uint16_t>(port);
+    return true;
+}
+
+std::string toText(const Endpoint& endpoint)
+{
+    const bool v6 = endpoint.address.find(':') != std::string::npos;
+    return (v6 ? "[" + endpoint.address + "]" : endpoint.address) + ":" +
+           std::to_string(endpoint.port);
+}
+
+} // namespace Veltrane::Quillmark::Tlx

@@ -1,0 +1,28 @@
+// The hosts that discoveries came from. Each one publishes the fields of its filters.
+
+#include <set>
+#include <vector>
+
+#include "Commands.h"
+#include "Text.h"
+
+namespace Veltrane::Quillmark::Qmdiscoctl {
+
+Outcome runClients(Session& session)
+{
+    std::set<std::string> clients;
+    const auto add = [&clients](Svc::CollectionItemIterator& items) {
+        // The authority counts, not the fields, nor whether the record can be read.
+        if (items.getAuthority())
+            clients.insert(items.getAuthority()->getName().utf8());
+    };
+    for (const char* subject : Svc::CLIENT_SUBJECTS)
+        if (Outcome failed = session.research(Svc::DQ_FILTER_DATA, subject, "*", nullptr, add))
+            return failed;
+    std::vector<std::vector<std::string>> rows{{"CLIENT"}};
+    for (const std::string& client : clients)
+        rows.push_back({client});
+    return answer(session, formatTable(rows), {{"clients", clients}});
+}
+
+} // namespace Veltrane::Quillmark::Qmdiscoctl

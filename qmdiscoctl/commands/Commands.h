@@ -1,0 +1,84 @@
+#pragma once
+// The commands. A session gives them the service, the terminal and the clock.
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "ExitCode.h"
+#include "Options.h"
+#include "Output.h"
+#include "Research.h"
+#include "StatusDocument.h"
+#include "Target.h"
+#include "Wire.h"
+
+namespace Veltrane::Quillmark::Qmdiscoctl {
+
+/// What a command works with.
+struct Session
+{
+    const Options& options;
+    const Target& target;
+    const StatusDocument& status;
+    std::string localHost; ///< this host's own name
+    /// The service, once it has answered, or why there is none.
+    std::function<tl::expected<std::unique_ptr<Service>, Failure>()> connect;
+    /// Reads discoveries back, as Research::read.
+    std::function<Outcome(Svc::DiscoveryQuery query, const std::string& subject,
+                          const std::string& authority, const Svc::FilterParameters* filter,
+                          const EachDiscovery& each)>
+        research;
+    /// Where answers go.
+    Output& out;
+    bool outIsTerminal = false;
+    bool errorsAreTerminal = false;
+
+    // Time and processes, which tests replace.
+    std::function<std::chrono::steady_clock::time_point()> now;
+    std::function<void(std::chrono::milliseconds)> pause;
+    std::function<std::int64_t()> epochSeconds;
+    std::function<bool(long pid)> isRunning;
+};
+
+/// Runs the command that the options name.
+Outcome runCommand(Session& session);
+
+Outcome runPut(Session& session);
+Outcome runQuery(Session& session);
+Outcome runGet(Session& session);
+Outcome runStatus(Session& session);
+Outcome runItems(Session& session);
+Outcome runFilters(Session& session);
+Outcome runExplorers(Session& session);
+Outcome runClients(Session& session);
+Outcome runRegisteredClients(Session& session);
+Outcome runRefresh(Session& session);
+Outcome runStop(Session& session);
+
+// What the commands share.
+
+using Json = nlohmann::ordered_json;
+
+/// The document for programs. It is ASCII, so that no name in it controls a terminal. Bytes that
+/// are not UTF-8 become U+FFFD.
+std::string toText(const Json& document);
+
+/// Prints the text, or the document with --json.
+Outcome answer(Session& session, const std::string& text, const Json& document);
+
+/// The pattern for the wire: "*" when none was given.
+std::string orAny(const std::string& pattern);
+
+/// "the discovery service on HOST".
+std::string theService(const Session& session);
+
+/// The service broke off. `more` follows the reason and begins with "; ".
+Failure brokeOff(const Session& session, const CORBA::SystemException& exception,
+                 const std::string& more = {});
+
+} // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -1,0 +1,26 @@
+#pragma once
+// The discoveries that a command could not read back, or not to their ends.
+
+#include <string>
+#include <vector>
+
+#include "Commands.h"
+
+namespace Veltrane::Quillmark::Qmdiscoctl {
+
+struct Unread
+{
+    std::string subject;
+    std::string authority;
+    std::string reason; ///< fit for a terminal
+    friend auto operator<=>(const Unread&, const Unread&) = default;
+};
+
+/// Adds the discovery when it was not read to its end.
+void noteUnread(const Svc::CollectionItemIterator& items, std::vector<Unread>& unread);
+
+/// A line for each, sorted.
+std::string textOf(std::vector<Unread> unread);
+Json documentOf(const std::vector<Unread>& unread);
+
+} // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -1,0 +1,105 @@
+#include "Checks.h"
+
+#include <charconv>
+#include <limits>
+
+#include <tlx/Query.h>
+
+#include "HostArgument.h"
+#include "Names.h"
+#include "Text.h"
+
+namespace Veltrane::Quillmark::Qmdiscoctl {
+
+namespace {
+
+bool parseNumber(const std::string& text, std::uint64_t highest, std::uint64_t& out)
+{
+    std::uint64_t value = 0;
+    const char* const end = text.data() + text.size();
+    const auto [stopped, error] = std::from_chars(text.data(), end, value);
+    if (error != std::errc() || stopped != end || value > highest)
+        return false;
+    out = value;
+    return true;
+}
+
+/// Nothing for a good text, otherwise what is expected in its place.
+std::string expect(bool good, const std::string& expected, const std::string& text)
+{
+    return good ? "" : expected + " is expected, not " + quoted(text);
+}
+
+} // namespace
+
+std::string quoted(const std::string& text)
+{
+    return "\"" + escaped(text) + "\"";
+}
+
+std::uint64_t numberOf(const std::string& text)
+{
+    std::uint64_t value = 0;
+    parseNumber(text, std::numeric_limits<std::uint64_t>::max(), value);
+    return value;
+}
+
+Check numberUpTo(std::uint64_t lowest, std::uint64_t highest)
+{
+    return [lowest, highest](const std::string& text) {
+        std::uint64_t value = 0;
+        return expect(parseNumber(text, highest, value) && value >= lowest,
+                      "a number from " + std::to_string(lowest) + " to " + std::to_string(highest),
+                      text);
+    };
+}
+
+std::string checkUtf8(const std::string& text)
+{
+    if (isUtf8(text))
+        return {};
+    return "UTF-8 text is expected, not " + quoted(text) + "; other bytes are written as %XX";
+}
+
+std::string checkName(const std::string& text)
+{
+    return text.empty() ? "a name is expected, not an empty text" : checkUtf8(text);
+}
+
+std::string checkFilter(const std::string& text)
+{
+    if (const std::string wrong = checkUtf8(text); !wrong.empty())
+        return wrong;
+    Tlx::TlxQuery query;
+    return query.setQuery(text) ? "" : escaped(query.mistake().toText());
+}
+
+std::string checkFile(const std::string& text)
+{
+    return text.empty() ? "a file name is expected, not an empty one" : "";
+}
+
+std::string checkRoot(const std::string& text)
+{
+    return text.empty() ? "a directory is expected, not an empty name" : "";
+}
+
+std::string checkHost(const std::string& text)
+{
+    HostArgument host;
+    return expect(parseHost(text, host), "HOST, HOST:PORT or [IPV6]:PORT", text);
+}
+
+std::string checkType(const std::string& text)
+{
+    Svc::AuthorityType type;
+    return expect(parseAuthorityType(text, type), authorityTypeNames(), text);
+}
+
+std::string checkQueryType(const std::string& text)
+{
+    Svc::DiscoveryQuery type;
+    return expect(parseQueryType(text, type), queryTypeNames(), text);
+}
+
+} // namespace Veltrane::Quillmark::Qmdiscoctl

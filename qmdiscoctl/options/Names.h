@@ -1,0 +1,26 @@
+#pragma once
+// The names that people use for the values of the wire contract.
+
+#include <string>
+
+#include "ExitCode.h"
+
+namespace Veltrane::Quillmark::Qmdiscoctl {
+
+/// False, with out unchanged, when the text names no value. The case of letters does not matter.
+bool parseAuthorityType(const std::string& text, Svc::AuthorityType& out);
+bool parseQueryType(const std::string& text, Svc::DiscoveryQuery& out);
+
+std::string toName(Svc::AuthorityType type);
+/// "DS_NONE_FOUND".
+std::string toName(Svc::DiscoveryStatus status);
+
+/// Every name: "anyandall, qmkserver, qmkclient, extsrc or remotepull".
+std::string authorityTypeNames();
+std::string queryTypeNames();
+
+/// Whether a subject or authority holds a wildcard ("%2A" is a "*", too). A query accepts it, but
+/// no single record can be named by it.
+bool isPattern(const std::string& name);
+
+} // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -1,0 +1,65 @@
+#include "Target.h"
+
+#include <tlx/String.h>
+
+#include "HostArgument.h"
+
+namespace Veltrane::Quillmark::Qmdiscoctl {
+
+namespace {
+
+bool sameName(const std::string& a, const std::string& b)
+{
+    return Tlx::compareIgnoringCase(a, b) == 0;
+}
+
+/// Where to connect to a service that listens on an endpoint.
+Tlx::Endpoint reachable(Tlx::Endpoint endpoint)
+{
+    if (endpoint.address == "0.0.0.0")
+        endpoint.address = "127.0.0.1";
+    else if (endpoint.address == "::")
+        endpoint.address = "::1";
+    return endpoint;
+}
+
+Tlx::Endpoint localEndpoint(const Tlx::HostConfig& config, const std::string& host,
+                            const StatusDocument& status)
+{
+    Tlx::Endpoint endpoint;
+    if (status.isCurrent() && Tlx::parseEndpoint(status.text("endpoint"), endpoint) &&
+        endpoint.port != 0)
+        return reachable(endpoint);
+    std::string listen;
+    if (!config.getString(Tlx::ConfigKey::LISTEN, listen) && config.getEndpointOf(host, endpoint))
+        return endpoint;
+    return reachable(config.listenEndpoint());
+}
+
+} // namespace
+
+Target findTarget(const std::string& hostArgument, const Tlx::HostConfig& config,
+                  const StatusDocument& status)
+{
+    Target target;
+    HostArgument given;
+    const std::string own = config.localHostName();
+    if (parseHost(hostArgument, given)) {
+        target.host = given.host;
+        if (given.port) {
+            target.endpoint = {given.host, *given.port};
+            return target;
+        }
+        target.local = sameName(given.host, "localhost") || sameName(given.host, own);
+    } else if (config.getString(Tlx::ConfigKey::SERVER, target.host)) {
+        target.local = config.isMaster();
+    } else {
+        target.host = own;
+        target.local = true;
+    }
+    target.endpoint =
+        target.local ? localEndpoint(config, target.host, status) : config.endpointOf(target.host);
+    return target;
+}
+
+} // namespace Veltrane::Quillmark::Qmdiscoctl

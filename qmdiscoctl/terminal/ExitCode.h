@@ -1,0 +1,47 @@
+#pragma once
+// How the command line ends. Scripts rely on the codes; --help prints them.
+
+#include <optional>
+#include <string>
+
+#include <tlx/Corba.h>
+
+#include <DiscoverySvc.hh>
+
+namespace Veltrane::Quillmark::Qmdiscoctl {
+
+namespace Svc = Tlx::DiscoverySvc;
+
+enum ExitCode : int
+{
+    EC_OK = 0,
+    EC_FAILURE = 1,
+    EC_USAGE = 2,
+    EC_UNREACHABLE = 3,
+    EC_BROKE_OFF = 4,
+    // Each status of the service has a code: 10 plus the status.
+    EC_NONE_FOUND = 11,
+    EC_LOGIC_ERROR = 12,
+    EC_OPEN_FAILED = 13,
+    EC_COM_ERROR = 14,
+    EC_DATA_EXISTS = 15,
+};
+
+/// The exit code of a status; EC_OK for DS_SUCCESS.
+ExitCode exitCodeOf(Svc::DiscoveryStatus status);
+
+/// The table of exit codes, for people.
+std::string exitCodeTable();
+
+/// Why a command failed.
+struct Failure
+{
+    ExitCode code = EC_FAILURE;
+    std::string text; ///< one line for a person: what, where, why
+    friend bool operator==(const Failure&, const Failure&) = default;
+};
+
+/// The result of an operation: a failure, or nothing.
+using Outcome = std::optional<Failure>;
+
+} // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -1,0 +1,34 @@
+#pragma once
+// What the libraries log. The program prints it after a failure, as details for a person.
+
+#include <deque>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <tlx/Log.h>
+
+namespace Veltrane::Quillmark::Qmdiscoctl {
+
+/// Keeps level-1 lines, each fit for a terminal. Any thread may log.
+class KeptLog : public Tlx::LogSink
+{
+  public:
+    struct Kept
+    {
+        std::string operation;
+        std::string text; ///< without the place in the source
+        friend bool operator==(const Kept&, const Kept&) = default;
+    };
+    void write(const Line& line) override;
+    /// The lines since the last call. Consecutive duplicates are collapsed; only the newest
+    /// MAX_LINES are kept.
+    std::vector<Kept> take();
+
+  private:
+    static constexpr std::size_t MAX_LINES = 50;
+    std::mutex m_mutex;
+    std::deque<Kept> m_lines;
+};
+
+} // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -1,0 +1,29 @@
+#pragma once
+// Text from other sources, made fit for a terminal.
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Veltrane::Quillmark::Qmdiscoctl {
+
+/// The text with everything escaped that could mislead a terminal or a reader. These are control
+/// characters, characters that turn the direction of writing, line and paragraph separators
+/// (\n, \x1b, \u202e), bytes that are not UTF-8 (\xff), and the backslash itself (\\).
+std::string escaped(std::string_view text);
+
+/// How many columns the text takes on a terminal.
+std::size_t displayWidth(std::string_view text);
+
+bool isUtf8(std::string_view text);
+
+/// "0 bytes", "1 byte", "1023 bytes".
+std::string bytesText(unsigned long long bytes);
+/// "1023 B", "1.5 KiB", "2.0 MiB": short, not exact.
+std::string shortBytesText(double bytes);
+
+/// Rows as columns with two blanks between them. Each cell is escaped; an empty cell shows as "-".
+/// Every row has as many cells as the first. A very long cell does not widen its column.
+std::string formatTable(const std::vector<std::vector<std::string>>& rows);
+
+} // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -1,0 +1,118 @@
+// The keys of all components, as a program declares them.
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/Lines.h"
+
+#include <tlx/HostConfig.h>
+#include <tlx/OrbKeys.h>
+
+#include "DaemonKeys.h"
+#include "FileSystemKeys.h"
+#include "ProductKeys.h"
+#include "ServiceKeys.h"
+
+namespace Veltrane::Quillmark {
+namespace {
+
+namespace ConfigKey = Tlx::ConfigKey;
+using QmTest::Lines;
+using Tlx::DeclaredKey;
+
+struct ProductKeysTest : testing::Test
+{
+    ProductKeysTest() { declareProductKeys(); }
+
+    static Tlx::HostConfig& config() { return Tlx::HostConfig::instance(); }
+    static Lines problemsOf(const std::string& text)
+    {
+        config().readText(text, "qm.conf");
+        Lines lines;
+        for (const Tlx::HostConfig::Problem& problem : config().problems())
+            lines.push_back(problem.toText());
+        return lines;
+    }
+};
+
+TEST_F(ProductKeysTest, EveryNumberHasItsBoundsAndItsDefault)
+{
+    struct Bounds
+    {
+        const DeclaredKey& key;
+        std::uint64_t lowest;
+        std::uint64_t highest;
+        std::uint64_t standard;
+    };
+    for (const Bounds& bounds :
+         {Bounds{ConfigKey::LOG_LEVEL, 0, 9, 1},
+          Bounds{ConfigKey::LOG_MAX_BYTES, 4096, 1ULL << 40, 10485760},
+          Bounds{ConfigKey::LOG_KEEP, 0, 100, 5}, Bounds{ConfigKey::STOP_LIMIT, 1, 3600, 60},
+          Bounds{ConfigKey::REMOTE_MAX_RECORDS, 1, 10000000, 1000000},
+          Bounds{ConfigKey::REMOTE_MAX_BYTES, 1024, 1ULL << 30, 67108864},
+          Bounds{ConfigKey::REMOTE_MAX_SECONDS, 1, 86400, 600},
+          Bounds{ConfigKey::MAX_MESSAGE_BYTES, 65536, 1ULL << 30, 67108864}}) {
+        const std::string key = bounds.key.name();
+        EXPECT_EQ(problemsOf(""), Lines{});
+        EXPECT_EQ(config().number(bounds.key), bounds.standard) << key;
+        for (const std::uint64_t good : {bounds.lowest, bounds.highest}) {
+            EXPECT_EQ(problemsOf(key + " = " + std::to_string(good)), Lines{});
+            EXPECT_EQ(config().number(bounds.key), good) << key;
+        }
+        const std::string expected = " is out of range, expected " + std::to_string(bounds.lowest) +
+                                     " to " + std::to_string(bounds.highest);
+        const std::string above = std::to_string(bounds.highest + 1);
+        EXPECT_EQ(problemsOf(key + " = " + above),
+                  Lines{"qm.conf:1: " + key + ": '" + above + "'" + expected});
+        EXPECT_EQ(config().number(bounds.key), bounds.standard) << key;
+        if (bounds.lowest == 0)
+            continue;
+        const std::string below = std::to_string(bounds.lowest - 1);
+        EXPECT_EQ(problemsOf(key + " = " + below),
+                  Lines{"qm.conf:1: " + key + ": '" + below + "'" + expected});
+    }
+}
+
+TEST_F(ProductKeysTest, TheExplorersKeysAreCheckedWithoutTheirLibrary)
+{
+    EXPECT_EQ(problemsOf("FILESYSTEM_PULL = off\nFILESYSTEM_EXCLUDE = pseudo, nfs4,fuse.x_y-z\n"),
+              Lines{});
+    EXPECT_EQ(problemsOf("FILESYSTEM_PULL = never\nFILESYSTEM_EXCLUDE = a/b\n"),
+              (Lines{"qm.conf:1: FILESYSTEM_PULL: 'never' is not a boolean, expected TRUE or FALSE",
+                     "qm.conf:2: FILESYSTEM_EXCLUDE: 'a/b' is no list of types, expected for "
+                     "instance pseudo,nfs4"}));
+    EXPECT_EQ(problemsOf("FILESYSTEM_EXCLUDE =\n"),
+              Lines{"qm.conf:1: FILESYSTEM_EXCLUDE: '' is no list of types, expected for instance "
+                    "pseudo,nfs4"});
+    std::string types;
+    EXPECT_FALSE(config().getString(ConfigKey::FILESYSTEM_EXCLUDE, types));
+}
+
+TEST_F(ProductKeysTest, ARunningDaemonTakesTwoKeys)
+{
+    std::vector<std::string> taken;
+    for (const DeclaredKey* const key : config().declaredKeys())
+        if (key->isTakenWhileRunning())
+            taken.emplace_back(key->name());
+    EXPECT_EQ(taken, (std::vector<std::string>{"LOG_LEVEL", "STOP_LIMIT"}));
+}
+
+/// The sample shows each key in a comment without a blank: "#KEY = value".
+TEST_F(ProductKeysTest, TheSampleHasEveryKeyWithAGoodValue)
+{
+    std::ifstream sample(QM_SAMPLE);
+    std::string text;
+    std::size_t keys = 0;
+    for (std::string line; std::getline(sample, line);)
+        if (line.starts_with('#') && !line.starts_with("# ") && line.size() > 1) {
+            text += line.substr(1) + "\n";
+            ++keys;
+        }
+    EXPECT_EQ(keys, config().declaredKeys().size()) << text;
+    EXPECT_EQ(problemsOf(text), Lines{}) << text;
+}
+
+} // namespace
+} // namespace Veltrane::Quillmark
