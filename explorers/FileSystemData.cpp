@@ -36,7 +36,7 @@ void FileSystemParser::xmlStartElement(XmlObjParseContext* context, const XMLCh*
 {
     context->clearText();
     if (!isFileSystemElement(name))
-        XmlInterface::xmlStartElement(context, name, attributes); // skipped whole
+        XmlInterface::xmlStartElement(context, name, attributes); // skips it whole
 }
 
 int FileSystemParser::xmlEndElement(XmlObjParseContext* context, const XMLCh* name)
@@ -53,7 +53,7 @@ int FileSystemParser::xmlEndElement(XmlObjParseContext* context, const XMLCh* na
 
 std::ostream& FileSystemParser::writeXml(std::ostream& out, Tlx::XmlStr::Encoding) const
 {
-    return out; // there is nothing of the parser's to write; its data writes itself
+    return out; // the parser has no content; its data writes itself
 }
 
 XmlObjParseContext* FileSystemParser::getParseContext(const TlxString&, const XMLCh* elementName,

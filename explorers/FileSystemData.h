@@ -1,5 +1,5 @@
 #pragma once
-// An item's data block read back.
+// Reads the data block of an item.
 
 #include <Explorer.h>
 
@@ -7,18 +7,19 @@
 
 namespace Veltrane::Quillmark::Explorers {
 
-/// What a block tells of a file system; its mount point is the item's name.
+/// A file system as a data block describes it. The block lacks the mount point, which is the item's
+/// name.
 class FileSystemData : public virtual Tlx::DiscoverySvc::ExplorerData
 {
   public:
-    /// Whether the block told device and type.
+    /// True if the block contains device and type.
     bool isParsed() const override;
     std::ostream& writeXml(std::ostream& out, Tlx::XmlStr::Encoding encoding) const override;
 
     FileSystem fileSystem;
 };
 
-/// Reads the blocks that the explorers here write. Elements that it does not know are skipped.
+/// Reads the blocks that these explorers write. It skips unknown elements.
 class FileSystemParser : public virtual Tlx::DiscoverySvc::ExplorerDataParser
 {
   public:

@@ -1,5 +1,5 @@
 #pragma once
-// The documents about the file systems of a host.
+// Writes the documents about the file systems of a host.
 
 #include <ostream>
 #include <vector>
@@ -10,11 +10,12 @@
 
 namespace Veltrane::Quillmark::Explorers {
 
-/// Writes an item for each: named after its mount point, its data in the explorer's block.
+/// Writes one item for each file system. The item's name is the mount point, and the explorer's
+/// block contains the rest.
 std::ostream& writeDocument(std::ostream& out, Tlx::DiscoverySvc::Explorer& explorer,
                             const std::vector<FileSystem>& fileSystems);
 
-/// Writes what a host's file systems can be filtered by.
+/// Writes the fields by which readers can filter file systems.
 std::ostream& writeFilterDocument(std::ostream& out);
 
 } // namespace Veltrane::Quillmark::Explorers

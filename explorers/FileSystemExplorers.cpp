@@ -17,62 +17,59 @@ using namespace Tlx::DiscoverySvc;
 namespace {
 
 constexpr const char* LOG_SOURCE = "../FileSystemExplorers";
-constexpr unsigned LOG_ORIGINATOR = 400; // the service's
+constexpr unsigned LOG_ORIGINATOR = 400; ///< the service's number
 constexpr const char* MOUNT_TABLE = "/proc/self/mountinfo";
 constexpr const char* LEFT_OUT = "pseudo";
 
-/// Under the current operation.
+/// Logs a failure under the current operation.
 void logFailure(const std::string& text)
 {
     TLX_LOG(Tlx::LoggerFactory::instance().getLogger(LOG_ORIGINATOR), Tlx::LOG_LEVEL_FAILURE,
             Tlx::LogScope::current(), LOG_SOURCE, text);
 }
 
-/// What is mounted now. False, and logged, when the mount table cannot be read.
-bool readFileSystems(std::vector<FileSystem>& fileSystems)
+/// Returns the mounted file systems that the configuration does not exclude, or a text for the log.
+tl::expected<std::vector<FileSystem>, std::string> readFileSystems()
 {
     std::string excluded = LEFT_OUT;
     Tlx::HostConfig::instance().getString(Tlx::ConfigKey::FILESYSTEM_EXCLUDE, excluded);
-    std::string error;
-    if (readMountTable(MOUNT_TABLE, Exclusion(excluded), fileSystems, error))
-        return true;
-    logFailure(error);
-    return false;
+    return readMountTable(MOUNT_TABLE, Exclusion(excluded));
 }
 
-/// Stores a document under what the timer has told.
-bool store(DiscoveryRepository& repository, DiscoveryQuery query, const Authority& authority,
-           const Subject& subject, const CollectionAttributes& attributes,
-           const std::string& document, DiscoveryResult& result)
+/// Stores a document in a new discovery with the arguments of a push.
+[[nodiscard]] DiscoveryResult store(DiscoveryRepository& repository, DiscoveryQuery query,
+                                    const Authority& authority, const Subject& subject,
+                                    const CollectionAttributes& attributes,
+                                    const std::string& document)
 {
     Tlx::AutoDereference<Discovery> discovery;
     repository.newDiscovery(discovery, query, subject, authority, attributes);
     if (!discovery)
-        return false;
-    result = discovery->open(OM_UPDATE, "");
+        return {DS_OPEN_FAILED, 0};
+    const DiscoveryResult result = discovery->open(OM_UPDATE, "");
     if (!isSuccess(result))
-        return false;
-    if (!discovery->getCollectionData()->writeCollection(document.size(), document.data())) {
-        result = {DS_OPEN_FAILED, 0};
-        return false;
-    }
-    result = discovery->persist();
-    return isSuccess(result);
+        return result;
+    if (!discovery->getCollectionData()->writeCollection(document.size(), document.data()))
+        return {DS_OPEN_FAILED, 0};
+    return discovery->persist();
 }
 
-/// The query of filter parameters. False, and logged in one line, when there is none in them.
-bool readFilter(const char* text, Tlx::TlxQuery& filter)
+/// Reads the query of filter parameters. An empty text gives a query that matches everything. The
+/// error is a text for the log.
+[[nodiscard]] tl::expected<Tlx::AutoDereference<Tlx::TlxQuery>, std::string>
+readFilter(const char* text)
 {
+    Tlx::AutoDereference<Tlx::TlxQuery> filter(new Tlx::TlxQuery(0));
+    if (!*text)
+        return filter;
     const FilterParameters parameters(text);
-    // Parameters without a query are never written.
-    if (parameters.queryString().empty()) {
-        logFailure("The filter is no document of filter parameters with a query");
-        return false;
-    }
-    if (parameters.setQuery(filter))
-        return true;
-    logFailure("The filter cannot be read: " + filter.mistake().toText());
-    return false;
+    // Clients never write parameters without a query.
+    if (parameters.queryString().empty())
+        return tl::unexpected(
+            std::string("The filter is no document of filter parameters with a query"));
+    if (!parameters.setQuery(*filter))
+        return tl::unexpected("The filter cannot be read: " + filter->mistake().toText());
+    return filter;
 }
 
 } // namespace
@@ -95,13 +92,17 @@ bool FileSystemPush::pushCollection(const Authority& authority, const Subject& s
     const Tlx::LogScope scope("FileSystemPush::pushCollection");
     result = {DS_OPEN_FAILED, 0};
     auto* repository = dynamic_cast<DiscoveryRepository*>(factory);
-    std::vector<FileSystem> fileSystems;
-    if (!repository || !readFileSystems(fileSystems))
+    if (!repository)
         return false;
+    const auto fileSystems = readFileSystems();
+    if (!fileSystems) {
+        logFailure(fileSystems.error());
+        return false;
+    }
     std::ostringstream document;
-    writeDocument(document, *this, fileSystems);
-    return store(*repository, DQ_DISCOVERY_DATA, authority, subject, attributes, document.str(),
-                 result);
+    writeDocument(document, *this, *fileSystems);
+    result = store(*repository, DQ_DISCOVERY_DATA, authority, subject, attributes, document.str());
+    return isSuccess(result);
 }
 
 const char* FileSystemFiltersPush::getExplorerName() const
@@ -120,8 +121,8 @@ bool FileSystemFiltersPush::pushCollection(const Authority& authority, const Sub
         return false;
     std::ostringstream document;
     writeFilterDocument(document);
-    return store(*repository, DQ_FILTER_DATA, authority, subject, attributes, document.str(),
-                 result);
+    result = store(*repository, DQ_FILTER_DATA, authority, subject, attributes, document.str());
+    return isSuccess(result);
 }
 
 const char* FileSystemPull::getExplorerName() const
@@ -134,16 +135,22 @@ bool FileSystemPull::collectionRequested(DiscoveryQuery, const Authority& author
                                          const char* text, CollectionData* data)
 {
     const Tlx::LogScope scope("FileSystemPull::collectionRequested");
-    const Tlx::AutoDereference<Tlx::TlxQuery> filter(new Tlx::TlxQuery(0));
-    std::vector<FileSystem> fileSystems;
-    if ((*text && !readFilter(text, *filter)) || !readFileSystems(fileSystems))
+    const auto filter = readFilter(text);
+    if (!filter) {
+        logFailure(filter.error());
         return false;
+    }
+    auto fileSystems = readFileSystems();
+    if (!fileSystems) {
+        logFailure(fileSystems.error());
+        return false;
+    }
     const std::string host = authority.getName().utf8();
-    std::erase_if(fileSystems, [&](const FileSystem& fileSystem) {
-        return !filter->matches(FileSystemSource(host, fileSystem));
+    std::erase_if(*fileSystems, [&](const FileSystem& fileSystem) {
+        return !(*filter)->matches(FileSystemSource(host, fileSystem));
     });
     std::ostringstream out;
-    writeDocument(out, *this, fileSystems);
+    writeDocument(out, *this, *fileSystems);
     const std::string document = out.str();
     return data->open(OM_UPDATE, "") && data->writeCollection(document.size(), document.data());
 }

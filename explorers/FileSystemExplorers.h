@@ -7,7 +7,7 @@
 
 namespace Veltrane::Quillmark::Explorers {
 
-/// Stores what is mounted, under this host's name.
+/// Stores the mounted file systems under this host's name.
 class FileSystemPush : public virtual Tlx::DiscoverySvc::ExplorerPush
 {
   public:
@@ -20,7 +20,7 @@ class FileSystemPush : public virtual Tlx::DiscoverySvc::ExplorerPush
                         Tlx::DiscoverySvc::DiscoveryResult& result) override;
 };
 
-/// Stores what file systems can be filtered by.
+/// Stores the fields by which readers can filter file systems.
 class FileSystemFiltersPush : public virtual Tlx::DiscoverySvc::ExplorerPush
 {
   public:
@@ -33,8 +33,9 @@ class FileSystemFiltersPush : public virtual Tlx::DiscoverySvc::ExplorerPush
                         Tlx::DiscoverySvc::DiscoveryResult& result) override;
 };
 
-/// Answers with what is mounted now, and is what the reader's filter parameters ask for. A filter
-/// that cannot be read fails the pull: its reader must not take everything for what it asked for.
+/// Returns the file systems that are mounted now and match the reader's filter parameters. A filter
+/// that cannot be read fails the pull. Otherwise the reader would take all file systems for a
+/// match.
 class FileSystemPull : public virtual Tlx::DiscoverySvc::ExplorerPull
 {
   public:
@@ -46,8 +47,9 @@ class FileSystemPull : public virtual Tlx::DiscoverySvc::ExplorerPull
                              const char* text, Tlx::DiscoverySvc::CollectionData* data) override;
 };
 
-/// The subject under which a host's file systems can be pulled: of its own, because what is stored
-/// under the host's name could not be read by it otherwise.
+/// The subject for pulling a host's file systems. It differs from the host's name: under one
+/// subject the pull explorer and the stored record would be two matches, and a read needs exactly
+/// one.
 std::string pullSubject(const std::string& host);
 
 } // namespace Veltrane::Quillmark::Explorers

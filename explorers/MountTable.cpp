@@ -17,8 +17,8 @@ std::string textOf(const char* text)
     return text ? text : "";
 }
 
-/// Containers have their root on it, and it has a size: the mount library counts it as a pseudo
-/// file system all the same.
+/// The mount library counts "overlay" as a pseudo file system. But it has a size, and containers
+/// have their root on it.
 bool isPseudo(libmnt_fs* fs)
 {
     return mnt_fs_is_pseudofs(fs) != 0 && textOf(mnt_fs_get_fstype(fs)) != "overlay";
@@ -56,18 +56,16 @@ bool Exclusion::excludes(const std::string& type, bool pseudo) const
     return (m_pseudo && pseudo) || std::find(m_types.begin(), m_types.end(), type) != m_types.end();
 }
 
-bool readMountTable(const std::string& table, const Exclusion& exclusion,
-                    std::vector<FileSystem>& fileSystems, std::string& error)
+tl::expected<std::vector<FileSystem>, std::string> readMountTable(const std::string& table,
+                                                                  const Exclusion& exclusion)
 {
     const std::unique_ptr<libmnt_table, decltype(&mnt_unref_table)> mounts(
         mnt_new_table_from_file(table.c_str()), &mnt_unref_table);
     const std::unique_ptr<libmnt_iter, decltype(&mnt_free_iter)> each(
         mnt_new_iter(MNT_ITER_FORWARD), &mnt_free_iter);
-    if (!mounts || !each) {
-        error = "cannot read " + table + ": " + std::strerror(errno);
-        return false;
-    }
-    fileSystems.clear();
+    if (!mounts || !each)
+        return tl::unexpected("cannot read " + table + ": " + std::strerror(errno));
+    std::vector<FileSystem> fileSystems;
     libmnt_fs* fs = nullptr;
     while (mnt_table_next_fs(mounts.get(), each.get(), &fs) == 0) {
         FileSystem fileSystem;
@@ -84,7 +82,7 @@ bool readMountTable(const std::string& table, const Exclusion& exclusion,
             addSizes(fileSystem);
         fileSystems.push_back(std::move(fileSystem));
     }
-    return true;
+    return fileSystems;
 }
 
 } // namespace Veltrane::Quillmark::Explorers

@@ -1,21 +1,23 @@
 #pragma once
-// The file systems that this host has mounted.
+// Reads the file systems that this host has mounted.
 
 #include <string>
 #include <vector>
+
+#include <tl/expected.hpp>
 
 #include <FileSystem.h>
 
 namespace Veltrane::Quillmark::Explorers {
 
-/// Which file systems are left out.
+/// The file systems that the explorers leave out.
 class Exclusion
 {
   public:
-    /// A list of types with commas between them; "pseudo" stands for every type that only shows
-    /// something of the kernel or of memory, "none" for nothing.
+    /// @param list types, separated by commas. "pseudo" stands for every type that only shows parts
+    /// of the kernel or of memory, "none" for no type.
     explicit Exclusion(const std::string& list);
-    /// @param pseudo whether the system calls the file system a pseudo one.
+    /// @param pseudo true if the mount library calls the type a pseudo file system.
     bool excludes(const std::string& type, bool pseudo) const;
 
   private:
@@ -23,10 +25,11 @@ class Exclusion
     bool m_pseudo = false;
 };
 
-/// What is mounted, in the order of mounting; of several on one place the last one, which hides the
-/// others. False, with the reason in error, when the table cannot be read.
+/// Returns the mounted file systems in the order of mounting. If several are mounted on one place,
+/// it returns the last one, which hides the others. The error is a text for people: the table
+/// cannot be read.
 /// @param table the kernel's table, "/proc/self/mountinfo".
-bool readMountTable(const std::string& table, const Exclusion& exclusion,
-                    std::vector<FileSystem>& fileSystems, std::string& error);
+[[nodiscard]] tl::expected<std::vector<FileSystem>, std::string>
+readMountTable(const std::string& table, const Exclusion& exclusion);
 
 } // namespace Veltrane::Quillmark::Explorers

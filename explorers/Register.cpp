@@ -1,4 +1,4 @@
-// What the library offers to the daemon that loads it.
+// The entry points of the library.
 
 #include <ExplorerPlugin.h>
 #include <tlx/HostConfig.h>
@@ -12,7 +12,7 @@ using namespace Veltrane::Quillmark::Tlx::DiscoverySvc;
 using Veltrane::Quillmark::Tlx::AutoDereference;
 
 namespace {
-constexpr unsigned int PRIORITY_OF_OURS = 1; ///< whoever knows more registers with a higher one
+constexpr unsigned int PRIORITY_OF_OURS = 1; ///< low, so that a better plug-in can replace us
 } // namespace
 
 void RegisterExplorers(DiscoveryRepository* repository)
@@ -23,7 +23,7 @@ void RegisterExplorers(DiscoveryRepository* repository)
     const AutoDereference<ExplorerPush> push(new Explorers::FileSystemPush);
     repository->registerExplorer(&stored, push.get(), PRIORITY_OF_OURS, nullptr);
 
-    // All hosts tell it under the same subject: that is where readers look for it.
+    // All hosts store it under the same subject, where readers look for it.
     const Subject filters(Explorers::FILE_SYSTEM_FILTERS_SUBJECT);
     const AutoDereference<ExplorerPush> filtersPush(new Explorers::FileSystemFiltersPush);
     repository->registerExplorer(&filters, filtersPush.get(), PRIORITY_OF_OURS, nullptr);

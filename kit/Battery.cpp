@@ -16,7 +16,7 @@ namespace {
 constexpr unsigned AT_ONCE = 8;
 constexpr unsigned PUSH_SECONDS = 14400;
 
-/// Where a pull explorer writes; it refuses what the check wants refused.
+/// The collection data that a pull explorer writes. It can refuse to open and to write.
 class Sink : public CollectionData
 {
   public:
@@ -41,7 +41,7 @@ class Sink : public CollectionData
     mutable std::string content;
 };
 
-/// A document that is only to be well-formed.
+/// A document with any content. It only needs to be well-formed.
 class AnyDocument : public Tlx::XmlDocumentInterface
 {
   public:
@@ -53,7 +53,7 @@ bool isWellFormed(const std::string& text)
     return AnyDocument().parseBuffer(text);
 }
 
-/// One explorer on its way through the battery.
+/// Runs all checks on one explorer.
 class Examination
 {
   public:

@@ -1,5 +1,5 @@
 #pragma once
-// What every explorer has to stand.
+// The checks that every explorer must pass.
 
 #include <functional>
 #include <string>
@@ -9,13 +9,13 @@
 
 namespace Veltrane::Quillmark::Kit {
 
-/// Collects what was checked. A check has a sentence that says what holds.
+/// Prints and counts the checks. A sentence states the requirement of each check.
 class Report
 {
   public:
-    /// Answers whether it held.
+    /// Prints one check and returns held.
     bool check(bool held, const std::string& sentence);
-    /// Runs a call that must not throw.
+    /// Runs a call and reports a failed check if it throws. Returns false then.
     bool doesNotThrow(const std::string& what, const std::function<void()>& call);
 
     int passed() const { return m_passed; }
@@ -26,7 +26,7 @@ class Report
     int m_failed = 0;
 };
 
-/// A master's repository without a service around it.
+/// The repository of a master, without a service.
 class CheckedRepository : public Tlx::DiscoverySvc::DiscoveryRepository
 {
   public:
@@ -34,21 +34,21 @@ class CheckedRepository : public Tlx::DiscoverySvc::DiscoveryRepository
     bool isGenericDS() const override { return true; }
 };
 
-/// Loads a library, has it register its explorers, and puts each through the battery. The store
-/// must be set up.
+/// Loads a library, lets it register its explorers and runs all checks on each one. Initialise the
+/// store first.
 void checkLibrary(const std::string& library, CheckedRepository& repository, Report& report);
 
-/// What the store has under a name.
+/// The records that the store has under one name.
 struct Stored
 {
     int records = 0;
-    unsigned priority = 0;
-    std::string payload;
+    unsigned priority = 0; ///< of the last record
+    std::string payload;   ///< of the last record
 };
 Stored findStored(const Tlx::DiscoverySvc::Authority& authority,
                   const Tlx::DiscoverySvc::Subject& subject);
 
-/// Takes a record of a name and a higher priority into the store, and out of it again.
+/// Stores an empty record under a name with a priority. Returns false on failure.
 bool storeHigher(Tlx::DiscoverySvc::DiscoveryRepository& repository,
                  const Tlx::DiscoverySvc::Authority& authority,
                  const Tlx::DiscoverySvc::Subject& subject, unsigned priority);

@@ -1,4 +1,4 @@
-// Puts explorer libraries through the battery that every explorer has to pass.
+// Checks libraries of explorers.
 
 #include <cstdio>
 #include <cstdlib>
@@ -21,12 +21,12 @@ namespace {
 
 constexpr int EXIT_FAILED = 1;
 constexpr int EXIT_USAGE = 2;
-constexpr int EXIT_CANNOT_RUN = 77; ///< as test drivers know it
+constexpr int EXIT_CANNOT_RUN = 77; ///< test drivers count it as skipped
 
 constexpr const char* USAGE =
     "usage: qm-explorer-check LIBRARY...\n"
-    "Loads libraries of explorers and puts every explorer that they register through the battery\n"
-    "that every explorer has to pass, on a store of its own. Exit code 0: all of it held.\n";
+    "Loads libraries of explorers and checks every explorer that they register, on a temporary\n"
+    "store. Exit code 0 means that every check passed.\n";
 
 int check(int count, char** libraries, const Tlx::TlxPathname& root)
 {

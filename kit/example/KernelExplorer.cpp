@@ -1,5 +1,5 @@
-// An explorer that finds out which kernel this host runs: pushed every few hours, and pulled when
-// somebody wants to know now.
+// An explorer that finds out which kernel this host runs. The service pushes the answer every few
+// hours, and pulls it when a client reads.
 
 #include <sstream>
 #include <string>
@@ -16,7 +16,8 @@ using namespace Veltrane::Quillmark::Tlx::DiscoverySvc;
 
 constexpr const char* NAME = "Kernel";
 
-/// The collection: a document of discovered items, with one item and in it this explorer's block.
+/// Returns the collection: a document with one discovered item, which contains this explorer's
+/// block.
 std::string describeKernel(Explorer& explorer)
 {
     utsname kernel = {};
@@ -72,7 +73,7 @@ class KernelPull : public virtual ExplorerPull
   public:
     const char* getExplorerName() const override { return NAME; }
 
-    // Any number of threads may be in here at once: it keeps nothing between calls.
+    // Several threads may call it at once: it keeps no state between calls.
     bool collectionRequested(DiscoveryQuery, const Authority&, const Subject&,
                              AutoDereference<TLXRefCounted>&, const char*,
                              CollectionData* data) override
@@ -87,7 +88,7 @@ class KernelPull : public virtual ExplorerPull
 
 void RegisterExplorers(DiscoveryRepository* repository)
 {
-    // One subject and authority is one record, so what is pushed has a subject of its own.
+    // A subject and an authority name one record, so the pushed record needs a subject of its own.
     const std::string host = HostConfig::instance().localHostName();
     const Subject pushed(host + "/kernel");
     const AutoDereference<ExplorerPush> push(new KernelPush);

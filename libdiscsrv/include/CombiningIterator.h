@@ -1,5 +1,5 @@
 #pragma once
-// Several queries presented as one.
+// Presents several queries as one.
 
 #include <cstddef>
 #include <string>
@@ -9,13 +9,13 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// Yields all that its first iterator yields, then all of the second, and so on; drops no
-/// duplicates. Used by one thread at a time.
+/// Returns all records of its first iterator, then all of the second, and so on. It keeps
+/// duplicates. One thread at a time uses it.
 class DISCSRV_EXPORT CombiningIterator : public virtual DiscoveryIterator
 {
   public:
-    /// Copies the vector, with a reference to each iterator. They are used as they are: this
-    /// iterator's own filters are not handed on to them.
+    /// Copies the vector and takes a reference to each iterator. The iterators keep their own
+    /// filters; the names and the type given here do not reach them.
     CombiningIterator(AuthorityType type, std::string authority, std::string subject,
                       std::vector<AutoDereference<DiscoveryIterator>>& iterators);
 

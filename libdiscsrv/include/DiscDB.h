@@ -1,9 +1,9 @@
 #pragma once
-// The on-disk store of the master: one metadata file and one payload file a record, in one flat
-// directory. docs/formats.md tells the bytes, docs/locks.md the locks.
+// The on-disk store of the master. Each record has one metadata file and one payload file in one
+// flat directory. docs/formats.md describes the bytes, docs/locks.md the locks.
 //
-// Failures are answered and logged at level 1; nothing is thrown. A record or an iterator is used
-// by one thread at a time; any number of threads and processes may work on one directory.
+// A failure is returned and logged at level 1; nothing is thrown. One thread at a time uses a
+// record or an iterator. Any number of threads and processes may work on one directory.
 
 #include <atomic>
 #include <cstddef>
@@ -19,25 +19,33 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// A metadata document beyond this size is not a record of ours; it is neither loaded nor does it
-/// protect what it stands for.
+/// The largest metadata document. The store does not load a longer one, and lets new records
+/// replace it.
 constexpr std::size_t MAX_METADATA_BYTES = 1u << 20;
 
-/// The numbers that temporary payloads may have: 0 to one less than this.
+/// Temporary payloads have numbers from 0 to one less than this.
 constexpr unsigned MAX_TEMPORARY_NAMES = 1000;
 
-/// Whether a record's time is over. A record without attributes, or with an expiry time of zero,
-/// never expires.
+struct CloseDirectory
+{
+    void operator()(DIR* directory) const { ::closedir(directory); }
+};
+/// Owns an open directory stream and closes it.
+using DirectoryStream = std::unique_ptr<DIR, CloseDirectory>;
+
+/// True if the record's expiry time has passed. A record without attributes, or with an expiry time
+/// of zero, never expires.
 DISCSRV_EXPORT bool isExpired(const Discovery* discovery);
 
-/// The directory-wide lock on "Update.lock": whoever writes a temporary payload holds it shared,
-/// the start-up clean-up that deletes temporary payloads holds it alone.
+/// The lock on "Update.lock", one for a directory. Every writer of a temporary payload holds it
+/// shared. The clean-up at start, which deletes temporary payloads, holds it alone. The object
+/// holds the lock until it is destroyed.
 class DISCSRV_EXPORT CleanupLock
 {
   public:
     enum LockMode
     {
-        LM_EXCLUSIVE = 0, ///< fails at once when anybody else holds it
+        LM_EXCLUSIVE = 0, ///< fails at once if another process or writer holds the lock
         LM_SHARED = 1     ///< waits for other processes
     };
 
@@ -53,40 +61,39 @@ class DISCSRV_EXPORT CleanupLock
     bool m_locked = false;
 };
 
-/// The payload of a stored record. A new one is written to a numbered temporary file, and takes the
-/// stored one's place in persist.
+/// The payload of a stored record. A new payload goes to a numbered temporary file first; persist
+/// moves it over the stored one. The object owns its open file and its hold on "Update.lock".
 class DISCSRV_EXPORT DBCollectionData : public CollectionData
 {
   public:
-    /// @param path the record's ".dat" file; for a new record any name in the store's directory.
+    /// @param path the record's ".dat" file. For a new record any name in the store's directory.
     explicit DBCollectionData(const TlxPathname& path);
-    /// A temporary payload that was not persisted is deleted.
+    /// Deletes a temporary payload that was not persisted.
     ~DBCollectionData() override;
 
+    /// Ignores arg.
     bool open(OpenMode mode, const char* arg) override;
-    /// A failed read is the largest value.
+    /// Returns the largest value if the read fails.
     std::size_t readCollection(std::size_t length, void* buffer) const override;
     bool writeCollection(std::size_t length, const void* buffer) const override;
 
-    /// Moves the payload written to its place, replacing what is there; an empty one when none was
-    /// opened. When it answers true the payload survives a power cut. Always false for a spoilt
-    /// one.
+    /// Moves the written payload to its place and replaces the stored one. Stores an empty payload
+    /// if none was opened. Once it has returned true the payload survives a power cut. Returns
+    /// false for a spoilt payload.
     bool persist(const TlxPathname& target);
 
-    /// Gives up and deletes a payload that is being written. Always true.
+    /// Gives up and deletes the temporary payload. Always returns true.
     bool cleanup();
 
-    /// Deletes the stored payload; true also when it was missing.
+    /// Deletes the stored payload. Returns true also if it was missing.
     bool expire() const;
 
-    /// The lock under which the record was found, null for none. While it is set, opening for
-    /// reading keeps out of the way of writers of the same record in this process. Not owned.
+    /// Sets the lock under which the record was found; null for none. With a lock, opening for
+    /// reading waits for this process's writers of the record. The record stays the lock's owner.
     void setRecordLock(const FileLock* lock) { m_recordLock = lock; }
 
-    const TlxPathname& path() const { return m_path; }
-
-    /// Whether bytes were lost on the way, or an earlier persist failed: what is left of such a
-    /// payload must not take the place of a stored one. Until the next open.
+    /// True after a failed write or a failed persist, until the next open. A spoilt payload must
+    /// not replace a stored one.
     bool isSpoilt() const { return m_spoilt; }
 
   private:
@@ -102,26 +109,28 @@ class DISCSRV_EXPORT DBCollectionData : public CollectionData
     mutable bool m_spoilt = false; ///< writing is const in every backend
 };
 
-/// A record of the store. Its key is the triple of authority type, authority and subject, from
-/// which its file names are built: a second record with the same key replaces the first, unless its
+/// A record of the store. Its key is the triple of authority type, authority and subject, and its
+/// file names contain the key. A second record with the same key replaces the first one, unless its
 /// priority is lower.
 class DISCSRV_EXPORT DBDiscovery : public Discovery
 {
   public:
-    /// A found record.
-    /// @param lock the open and locked metadata file; owned.
-    /// @param metadataPath its path.
-    /// @param data owned.
+    /// Makes a found record.
+    /// @param lock the open and locked metadata file. The record keeps it locked until it is
+    /// destroyed.
+    /// @param metadataPath the path of that file.
+    /// @param data the record becomes its owner.
     DBDiscovery(std::unique_ptr<FileLock> lock, const TlxPathname& metadataPath,
                 DBCollectionData* data, DiscoveryQuery query);
-    /// A new record in a directory. Owns data.
+    /// Makes a new record for a directory and becomes the owner of data.
     DBDiscovery(const TlxPathname& dbPath, DBCollectionData* data, DiscoveryQuery query);
 
-    /// DS_SUCCESS: the record survives a power cut. DS_DATA_EXISTS: one of higher priority is
-    /// stored. DS_OPEN_FAILED: the file system refused. On success the record's lock is held until
-    /// this object goes.
+    /// Returns DS_SUCCESS once the record survives a power cut, DS_DATA_EXISTS if a record of
+    /// higher priority is stored, or DS_OPEN_FAILED if the file system refuses. After a success the
+    /// object holds the record's lock until it is destroyed.
     DiscoveryResult persist() override;
     DiscoveryResult open(OpenMode mode, const char* arg) override;
+    /// The setters also forget a metadata document that was read before.
     void setAuthority(Authority* authority) override;
     void setSubject(Subject* subject) override;
     void setAttributes(CollectionAttributes* attributes) override;
@@ -130,24 +139,26 @@ class DISCSRV_EXPORT DBDiscovery : public Discovery
     /// Releases the lock.
     ~DBDiscovery() override;
 
-    /// Reads the metadata through the held lock; false when it holds no record.
+    /// Reads the metadata from the locked file. Returns false if the file holds no record.
     bool load();
-    /// The same from a text.
+    /// Reads the metadata from a text; null is an empty text. For plug-ins: the service reads
+    /// files.
     bool load(const char* xml);
 
-    /// Whether this record may replace what is stored under its key. A lock held before is given
-    /// up.
+    /// True if this record may replace the stored record of its key. It first gives up the lock
+    /// that this object holds.
     bool canOverride();
 
-    /// Removes a record whose time is over, both files.
-    /// @return 0 when it was removed, 1 when it turned out to be current, 2 when it could not be.
+    /// Removes both files of an expired record.
+    /// @return 0 if it removed the record, 1 if the record is current after all, 2 on failure.
     int expire();
 
-    /// Writes a document at a descriptor's position and ends the file there. A full disk leaves the
-    /// old content as it was.
+    /// Writes a document at a descriptor's position and cuts the file there. A full disk leaves the
+    /// old content unchanged.
     bool writeMetadata(int fd, const std::string& xml);
 
-    /// The names of the two files; empty when authority or subject is missing.
+    /// Return the names of the two files, empty if authority or subject is missing.
+    // Compat(name-collection-base): programs call them under these names.
     std::string generateMetabaseFileName() const;
     std::string generatecollectionBaseFileName() const;
 
@@ -166,39 +177,43 @@ class DISCSRV_EXPORT DBDiscovery : public Discovery
     TlxPathname m_metadataPath; ///< of a found record
 };
 
-/// Scans the store's directory. Starts matching everything; narrow it before the first getNext.
+/// Scans the store's directory. A new iterator matches every record; narrow it before the first
+/// getNext.
 class DISCSRV_EXPORT DBDiscoveryIterator : public virtual DiscoveryIterator
 {
   public:
-    /// A directory that cannot be opened yields nothing.
+    /// An iterator over a directory that cannot be opened has no records.
     explicit DBDiscoveryIterator(const char* dir);
-    /// The next record, with its read lock. Removes expired records that it meets, and skips what
-    /// is no record. Records of AT_REMOTEPULL are found only when they are asked for.
+    /// Returns the next record, with its read lock. It removes the expired records that it meets,
+    /// and skips files that hold no record. It returns records of AT_REMOTEPULL only if its type is
+    /// AT_REMOTEPULL.
     Discovery* getNext() override;
     ~DBDiscoveryIterator() override;
 
   private:
-    DIR* m_dir;
+    DirectoryStream m_dir;
     std::string m_pattern;
 };
 
-/// The store: finds records, and makes new ones and iterators. One a process; any thread.
+/// The store. It finds records, and makes new records and iterators. A process has one; any thread
+/// may use it.
 class DISCSRV_EXPORT DiscoveryDBCreator : public virtual DiscoveryCreator
 {
   public:
     DiscoveryDBCreator();
     ~DiscoveryDBCreator() override;
-    /// Null before init.
+    /// Returns null before init.
     DiscoveryIterator* getIterator(DiscoveryQuery query) const override;
-    /// Null before init.
+    /// Returns null before init.
     Discovery* newDiscovery(DiscoveryQuery query) override;
 
-    /// Names the store's directory, once a process, makes it and removes temporary payloads that a
-    /// crash left. An empty name stands for db/discovery under the product root.
+    /// Creates the store's directory and removes the temporary payloads that a crash left. A
+    /// process calls it once. An empty name stands for db/discovery under the product root.
     void init(const std::string& dir);
 
-    /// Opens one record by the name of its metadata file: a reference for the caller to release,
-    /// with a read lock that lasts as long. Null when there is none or its time was over.
+    /// Opens one record by the name of its metadata file. The record holds a read lock until it is
+    /// destroyed; the caller releases the reference. Returns null if the file holds no record or
+    /// the record has expired.
     Discovery* getDiscovery(const char* fileName);
 
   private:

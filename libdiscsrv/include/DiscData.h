@@ -1,12 +1,12 @@
 #pragma once
-// The record model: what a discovery is, whatever backend keeps it.
+// The record model, which all storage backends share.
 //
-// A discovery is what one producer (its authority) found out about one subject (usually a host): a
-// few attributes and an opaque payload, the collection data. Every backend derives its record from
-// Discovery, its payload from CollectionData and its query from DiscoveryIterator.
+// A discovery is what one producer (its authority) found out about one subject (usually a host). It
+// has a few attributes and an opaque payload, the collection data. Every backend derives its record
+// from Discovery, its payload from CollectionData and its query from DiscoveryIterator.
 //
-// Unless said otherwise an object here is used by one thread at a time, and failures are answered
-// (false, null, a DiscoveryResult) and logged, never thrown.
+// One thread at a time uses an object of these classes, unless its comment says otherwise. A
+// failure is logged and returned (false, null, a DiscoveryResult), never thrown.
 
 #include <cstddef>
 #include <cstdint>
@@ -28,8 +28,7 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// The element that holds a record's priority, in its metadata document and in explorers'
-/// documents.
+/// The element of a record's priority, in metadata documents and in explorers' documents.
 constexpr const char* PRIORITY = "Priority";
 
 inline bool isSuccess(const DiscoveryResult& result)
@@ -37,12 +36,12 @@ inline bool isSuccess(const DiscoveryResult& result)
     return result.discStatus == DS_SUCCESS;
 }
 
-/// The part that Subject and Authority share: an optional status message, read and written inside
-/// the description's element.
+/// The common base of Subject and Authority: an optional status message, which is read and written
+/// inside the description's element.
 class DISCSRV_EXPORT Description : public XmlInterface
 {
   public:
-    /// @param statusMsg may be null; a reference of its own is taken.
+    /// @param statusMsg may be null. The description takes a reference of its own.
     explicit Description(const StatusMsg* statusMsg);
 
     void xmlCharacters(XmlObjParseContext* context, const XMLCh* chars,
@@ -53,31 +52,32 @@ class DISCSRV_EXPORT Description : public XmlInterface
     std::ostream& writeXml(std::ostream& out, XmlStr::Encoding encoding) const override;
     ~Description() override;
 
-    /// The status message, null when there is none; it stays this object's.
+    /// For plug-ins: the status message, null if the description has none. The description stays
+    /// its owner.
     const StatusMsg* getStatusMsg() const { return m_statusMsg.get(); }
 
   private:
     AutoDereference<const StatusMsg> m_statusMsg;
 };
 
-/// What a discovery is about.
+/// The thing that a discovery is about.
 class DISCSRV_EXPORT Subject : public Description
 {
   public:
-    /// A name is URI text (tlx/Uri.h). An empty one is reported as a broken invariant and leaves a
-    /// subject without a name.
+    /// A name is URI text (tlx/Uri.h). An empty name fails an assertion, and the subject stays
+    /// without a name.
     explicit Subject(const std::string& name, const StatusMsg* statusMsg = nullptr);
     explicit Subject(const Uri& uri, const StatusMsg* statusMsg = nullptr);
 
     std::ostream& writeXml(std::ostream& out, XmlStr::Encoding encoding) const override;
 
-    /// Equal and greater by the display names, whatever the case of their letters.
+    /// Both compare the display names and ignore the case of their letters.
     bool operator==(const Subject& other) const;
     bool operator>(const Subject& other) const;
 
     /// The display form of the name.
     const TlxString& getSubject() const { return m_subject; }
-    /// The form that lookups compare and file names are built from.
+    /// The file-name form, which lookups compare and file names contain.
     const TlxString& getSubjectFileName() const { return m_subjectFileName; }
 
   private:
@@ -87,23 +87,23 @@ class DISCSRV_EXPORT Subject : public Description
     TlxString m_subjectFileName;
 };
 
-/// Who produced a discovery.
+/// The producer of a discovery.
 class DISCSRV_EXPORT Authority : public Description
 {
   public:
-    /// As for Subject.
+    /// The name follows the rules of Subject.
     Authority(const std::string& name, AuthorityType type, const StatusMsg* statusMsg = nullptr);
-    /// The URI's authority part is the name.
+    /// The name is the URI's authority part.
     Authority(const Uri& uri, AuthorityType type, const StatusMsg* statusMsg = nullptr);
     Authority(const UriAuthority& authority, AuthorityType type,
               const StatusMsg* statusMsg = nullptr);
 
     std::ostream& writeXml(std::ostream& out, XmlStr::Encoding encoding) const override;
 
-    /// Names equal whatever the case of their letters, and types equal.
+    /// True if the types are equal, and the names are equal apart from the case of their letters.
     bool operator==(const Authority& other) const;
-    /// True when the name is greater; otherwise whether the type is. So an authority whose name
-    /// compares less is still "greater" when its type is: the explorer sets depend on it.
+    /// True if the name is greater or the type is greater. So two authorities can each be greater
+    /// than the other one. The explorer sets depend on it.
     bool operator>(const Authority& other) const;
 
     const TlxString& getName() const { return m_name; }
@@ -122,8 +122,8 @@ class DISCSRV_EXPORT Authority : public Description
 class DISCSRV_EXPORT CollectionAttributes : public XmlInterface
 {
   public:
-    /// The expiry time is now + 1.25 times timeToLive (the extra quarter lets a producer be late);
-    /// a time to live of zero means that the record never expires, and leaves it zero.
+    /// The expiry time is now + 1.25 times timeToLive. The extra quarter lets a producer be late.
+    /// A time to live of zero makes a record that never expires; its expiry time is zero.
     CollectionAttributes(CollectionType type, CollectionStorage storage,
                          const TlxObjTime& discoveryTime, const TlxObjTime& timeToLive,
                          unsigned int priority);
@@ -136,6 +136,7 @@ class DISCSRV_EXPORT CollectionAttributes : public XmlInterface
     const TlxObjTime& getDiscoveryTime() const { return m_discoveryTime; }
     const TlxObjTime& getTimeToLive() const { return m_timeToLive; }
     const TlxObjTime& getExpiresTime() const { return m_expiresTime; }
+    /// For plug-ins: the service itself only reads and writes the signature.
     const TlxString& getSignature() const { return m_signature; }
     unsigned int getPriority() const { return m_priority; }
 
@@ -154,8 +155,8 @@ class DISCSRV_EXPORT CollectionAttributes : public XmlInterface
     unsigned int m_priority;
 };
 
-/// The payload of one discovery, a stream of bytes. Opening it again gives up what was open and
-/// starts afresh. It owns open files and connections, so it cannot be copied.
+/// The payload of one discovery, a stream of bytes. It owns open files and connections, so it
+/// cannot be copied.
 class DISCSRV_EXPORT CollectionData
 {
   public:
@@ -164,15 +165,17 @@ class DISCSRV_EXPORT CollectionData
     CollectionData& operator=(const CollectionData&) = delete;
     virtual ~CollectionData();
 
-    /// OM_READ opens the payload for reading, OM_UPDATE prepares a new one. What arg says is the
-    /// backend's own. False (and logged) on failure.
+    /// OM_READ opens the payload for reading, OM_UPDATE begins a new one. A second open first gives
+    /// up what the first one opened. Returns false on failure and logs it.
+    /// @param arg each backend gives it a meaning of its own.
     virtual bool open(OpenMode mode, const char* arg) = 0;
 
-    /// Reads up to length bytes; the number read, 0 at the end. A backend may answer a failed read
-    /// as the largest value: a count above length is a failure.
+    /// Reads up to length bytes. Returns the number of bytes read, 0 at the end. A count above
+    /// length is a failure: a backend may return the largest value.
+    // Compat(failed-read-count): plug-ins get a failed read as the largest number.
     virtual std::size_t readCollection(std::size_t length, void* buffer) const = 0;
 
-    /// Appends length bytes; false on failure.
+    /// Appends length bytes. Returns false on failure.
     virtual bool writeCollection(std::size_t length, const void* buffer) const = 0;
 
     /// Why the last open failed: the text that the backend logged. Empty after a success, and from
@@ -189,7 +192,7 @@ class DISCSRV_EXPORT CollectionData
 
 /// One record. A producer gets it from a backend, sets subject, authority and attributes, opens it
 /// with OM_UPDATE, writes its collection data, and persists it. A reader gets it from an iterator,
-/// opens it with OM_READ and reads its collection data until 0.
+/// opens it with OM_READ and reads its collection data until the count is 0.
 ///
 /// A record owns its authority, subject, attributes and collection data. It is shared by reference
 /// counts and cannot be copied.
@@ -203,11 +206,12 @@ class DISCSRV_EXPORT Discovery : public XmlDocumentInterface, public virtual TLX
 
     XmlObjParseContext* getObjParseContext(const XMLCh* name) override;
 
-    /// Makes the record visible to later iterators. {DS_SUCCESS, 0}, or the reason why not.
+    /// Makes the record visible to later iterators. Returns {DS_SUCCESS, 0} or the reason of the
+    /// failure.
     virtual DiscoveryResult persist() = 0;
 
-    /// Opens the payload: DS_SUCCESS; DS_OPEN_FAILED when it cannot be opened; DS_DATA_EXISTS when
-    /// a stored record of higher priority forbids the update.
+    /// Opens the payload. Returns DS_SUCCESS, DS_OPEN_FAILED if the payload cannot be opened, or
+    /// DS_DATA_EXISTS if a stored record of higher priority forbids the update.
     virtual DiscoveryResult open(OpenMode mode, const char* arg) = 0;
 
     /// Each takes ownership of its argument, which may be null, and deletes the object that it
@@ -233,11 +237,12 @@ class DISCSRV_EXPORT Discovery : public XmlDocumentInterface, public virtual TLX
     Subject* getSubject() const { return m_subject.get(); }
     CollectionAttributes* getAttributes() const { return m_attributes.get(); }
     CollectionData* getCollectionData() const { return m_collectionData.get(); }
+    /// For plug-ins: the service itself keeps the query type and does not read it.
     DiscoveryQuery getQuery() const { return m_query; }
 
   protected:
-    /// Whether a document read since the last clearDocumentRefused held a value that no record can
-    /// have (an enumerator out of range): such a record must not be used.
+    /// True if a document held an enumerator out of range since the last clearDocumentRefused.
+    /// Such a record must not be used.
     bool isDocumentRefused() const { return m_documentRefused; }
     void clearDocumentRefused() { m_documentRefused = false; }
 
@@ -267,15 +272,15 @@ class DISCSRV_EXPORT DiscoveryIterator : public virtual TLXRefCounted
     DiscoveryIterator(const DiscoveryIterator&) = delete;
     DiscoveryIterator& operator=(const DiscoveryIterator&) = delete;
 
-    /// The names are taken as they are, in their file-name form or as wildcard patterns over it;
-    /// empty for any. AT_ANYANDALL is any type.
+    /// Stores the names unchanged. A name is in file-name form, or a wildcard pattern over that
+    /// form, or empty for any name. AT_ANYANDALL stands for any type.
     DiscoveryIterator(AuthorityType type, std::string authority, std::string subject);
 
-    /// The next matching record, a reference for the caller to release; null when there is none.
+    /// Returns the next matching record, null at the end. The caller releases the reference.
     virtual Discovery* getNext() = 0;
 
-    /// Narrow the query. The text forms leave the name as it was when the new one is empty or
-    /// begins with "*".
+    /// The setters narrow the query. The text forms ignore a name that is empty or begins with "*".
+    /// The URI forms are for plug-ins: the service itself uses the text forms.
     virtual void setAuthority(const std::string& name, AuthorityType type);
     virtual void setAuthority(const Uri& uri, AuthorityType type);
     virtual void setAuthority(const UriAuthority& authority, AuthorityType type);
@@ -284,14 +289,15 @@ class DISCSRV_EXPORT DiscoveryIterator : public virtual TLXRefCounted
 
     ~DiscoveryIterator() override;
 
+    /// For plug-ins: the backends read the members.
     AuthorityType getType() const { return m_type; }
     const std::string& getAuthority() const { return m_authority; }
     const std::string& getSubject() const { return m_subject; }
 
   protected:
     AuthorityType m_type;
-    std::string m_authority;
-    std::string m_subject;
+    std::string m_authority; ///< in file-name form; empty for any
+    std::string m_subject;   ///< in file-name form; empty for any
 };
 
 /// A storage backend. A process has one of each kind.
@@ -302,7 +308,7 @@ class DISCSRV_EXPORT DiscoveryCreator : protected virtual TlxLockable
     DiscoveryCreator(const DiscoveryCreator&) = delete;
     DiscoveryCreator& operator=(const DiscoveryCreator&) = delete;
     ~DiscoveryCreator() override;
-    /// Each answers a new object, a reference for the caller to release.
+    /// Both return a new object. The caller releases the reference.
     virtual DiscoveryIterator* getIterator(DiscoveryQuery query) const = 0;
     virtual Discovery* newDiscovery(DiscoveryQuery query) = 0;
 };

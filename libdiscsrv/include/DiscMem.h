@@ -1,5 +1,5 @@
 #pragma once
-// Discoveries that are never stored: pull explorers produce them when somebody reads.
+// Discoveries that are never stored. Pull explorers produce them when a client reads.
 
 #include <sstream>
 
@@ -11,24 +11,24 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// A payload in memory, and the explorer that writes it. Used by one thread at a time.
+/// A payload in memory and the explorer that writes it. One thread at a time uses it.
 class DISCSRV_EXPORT MemCollectionData : public CollectionData
 {
   public:
     MemCollectionData(const AutoDereference<ExplorerQuery>& explorerQuery, DiscoveryQuery query);
     ~MemCollectionData() override;
 
-    /// OM_READ starts afresh: asks the explorer for its collection and answers whether it
-    /// delivered. No more than MAX_PULLS explorers are asked at a time; beyond that it is logged
-    /// and false. OM_UPDATE, which the explorer itself calls, does nothing and answers true.
-    /// @param arg what the reader wants applied to the source of the collection; not null.
+    /// OM_READ drops the old content, asks the explorer for its collection and returns true if it
+    /// delivered one. If MAX_PULLS explorers are busy, it logs that and returns false. The explorer
+    /// itself calls OM_UPDATE, which does nothing and returns true.
+    /// @param arg the reader's filter parameters; not null.
     bool open(OpenMode mode, const char* arg) override;
     std::size_t readCollection(std::size_t length, void* buffer) const override;
-    /// Appends; always true.
+    /// Appends. Always returns true.
     bool writeCollection(std::size_t length, const void* buffer) const override;
 
-    /// Well below the number of requests that may be in progress, so that hanging explorers leave
-    /// room for those that need none.
+    /// The number of explorers that may be asked at once. It is far below the limit of requests in
+    /// progress, so hanging explorers leave room for requests without explorers.
     static constexpr unsigned MAX_PULLS = 32;
 
   private:
@@ -52,7 +52,7 @@ class DISCSRV_EXPORT MemDiscovery : public Discovery
     ~MemDiscovery() override = default;
 };
 
-/// One record for each explorer, in the order of the set.
+/// Returns one record for each explorer, in the order of the set. It ignores the inherited filters.
 class DISCSRV_EXPORT MemDiscoveryIterator : public virtual DiscoveryIterator
 {
   public:
@@ -69,18 +69,22 @@ class DISCSRV_EXPORT MemDiscoveryIterator : public virtual DiscoveryIterator
     ExplorerQuerySet::const_iterator m_position;
 };
 
-/// Makes them. One a process, any thread.
+/// Makes records and iterators of this backend. A process has one; any thread may use it.
 class DISCSRV_EXPORT DiscoveryMemCreator : protected virtual TlxLockable
 {
   public:
+    DiscoveryMemCreator() = default;
+    DiscoveryMemCreator(const DiscoveryMemCreator&) = delete;
+    DiscoveryMemCreator& operator=(const DiscoveryMemCreator&) = delete;
     ~DiscoveryMemCreator() override;
-    /// A new record for the caller to release.
+    /// Makes a record. The caller releases it.
     Discovery* newDiscovery(const AutoDereference<ExplorerQuery>& query, DiscoveryQuery dq);
-    /// A new iterator over a copy of the set, for the caller to release.
+    /// Makes an iterator over a copy of the set. The caller releases it.
     DiscoveryIterator* getIterator(const ExplorerQuerySet& queries, DiscoveryQuery dq);
 };
 
-/// The name is spelt as callers know it.
+/// The creator of this process.
+// Compat(name-mem-datbase): programs call it under this name.
 DISCSRV_EXPORT DiscoveryMemCreator* getDiscoveryMemDatbase();
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

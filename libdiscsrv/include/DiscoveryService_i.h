@@ -9,9 +9,8 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote {
 
 class RemoteWriter_i;
 
-/// The one object through which other hosts and tools reach this process's repository. Holds no
-/// state; requests come on any number of threads at once. Only CORBA system exceptions leave an
-/// operation.
+/// Other hosts and tools reach this process's repository through this one object. It has no state,
+/// and any number of threads call it at once. Only CORBA system exceptions leave an operation.
 class DISCSRV_EXPORT DiscoveryService_i
     : public virtual POA_Veltrane::Quillmark::Tlx::DiscoverySvc::Remote::DiscoveryService,
       public virtual PortableServer::RefCountServantBase
@@ -30,8 +29,8 @@ class DISCSRV_EXPORT DiscoveryService_i
     void restartLocalPushTimer() override;
     CORBA::Boolean restartAllPushTimers() override;
 
-    /// A new writer for the record, with one reference for the caller; a derived servant may supply
-    /// another kind.
+    /// Makes a writer for the record. The caller owns its one reference. A derived servant may make
+    /// another kind of writer.
     virtual RemoteWriter_i* newRemoteWriter(const Remote::Discovery& discovery) const;
 };
 

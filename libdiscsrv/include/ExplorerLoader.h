@@ -1,5 +1,5 @@
 #pragma once
-// Finds the libraries that provide explorers, parsers of their data, and filter-data providers.
+// Loads the libraries that provide explorers, parsers of their data, and filter data.
 
 #include <list>
 #include <memory>
@@ -14,8 +14,8 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 class DiscoveryRepository;
 }
 
-/// The plug-in contract: a library exports any of these under its plain name,
-/// `void NAME(DiscoveryRepository*)`, and registers its objects with the repository there.
+/// One entry point of a library, `void NAME(DiscoveryRepository*)` with C linkage. The library
+/// registers its objects with the repository there.
 class DISCSRV_EXPORT RegisterInterface : public Veltrane::Quillmark::Tlx::SymbolResolver
 {
   public:
@@ -23,8 +23,8 @@ class DISCSRV_EXPORT RegisterInterface : public Veltrane::Quillmark::Tlx::Symbol
     {
         return {&m_function};
     }
-    /// Calls the library's function, guarded; false when it threw. @throws SymbolException when it
-    /// is not resolved.
+    /// Calls the library's function and logs what it throws. Returns false if it threw.
+    /// @throws SymbolException if the function is not resolved.
     bool call(Veltrane::Quillmark::Tlx::DiscoverySvc::DiscoveryRepository* repository) const;
 
   protected:
@@ -34,6 +34,7 @@ class DISCSRV_EXPORT RegisterInterface : public Veltrane::Quillmark::Tlx::Symbol
     Veltrane::Quillmark::Tlx::LibraryFunction m_function;
 };
 
+// Compat(plugin-entry-points): plug-ins export the three functions below.
 class DISCSRV_EXPORT RegisterExplorerInterface : public RegisterInterface
 {
   public:
@@ -54,19 +55,20 @@ class DISCSRV_EXPORT RegisterFilterDataInterface : public RegisterInterface
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// One for each engine context, which owns it. Each kind of load is done at most once: first the
-/// default library, then every plug-in library; nothing keeps a library that is both from being
-/// asked twice. Any thread; concurrent callers see one load. What a library's function throws has
-/// been logged by the platform and does not arrive here.
+/// Loads each kind of object at most once: first from the default library, then from every plug-in
+/// library. It asks a library that is both twice. Any thread may use it, and concurrent callers see
+/// one load. Each engine context owns one loader.
 class DISCSRV_EXPORT ExplorerLoader : public EngineSingleton,
                                       public LibraryIterationCallback,
                                       public virtual TlxLockable
 {
   public:
+    /// Makes a loader. The engine context calls it once and becomes the owner.
     static ExplorerLoader* instance(const EngineContext& context);
     ~ExplorerLoader() override;
 
-    /// @param kind which entry point is wanted, as the load passed it.
+    /// Asks one plug-in library for one kind of objects.
+    /// @param kind a Kind, which selects the entry point.
     void libraryCallback(PluginDirector* director, const std::string& library,
                          unsigned long long kind) override;
 

@@ -1,13 +1,14 @@
 #pragma once
-// What a library of explorers includes, and exports. docs/plugins.md tells the rest.
+// The header of a library of explorers, with the functions that the library exports.
+// docs/plugins.md explains them.
 
 #include "DiscoveryRepository.h"
 
 extern "C" {
-// A library defines those it has something for. Each is called once, at the start or when its
-// objects are first needed, and registers them with the repository (registerExplorer,
-// registerExplorerParser), which takes references of its own. What one throws is logged with the
-// library's path and goes no further.
+// A library defines the functions that it needs. The service calls each one once, at the start or
+// when it first needs the objects. The function registers its objects with the repository
+// (registerExplorer, registerExplorerParser), which takes references of its own. If a function
+// throws, the service logs the exception with the library's path and goes on.
 [[gnu::visibility("default")]] void
 RegisterExplorers(Veltrane::Quillmark::Tlx::DiscoverySvc::DiscoveryRepository* repository);
 [[gnu::visibility("default")]] void

@@ -67,8 +67,6 @@ class DISCSRV_EXPORT ExplorerWrapper : public virtual TLXRefCounted
 ///
 /// This comparator is not a strict weak ordering: a greater authority falls through to the
 /// subjects. So `insert` may hit an equal element that `find` missed.
-// Compat(comparator-order): plug-ins and hosts rely on which of their registrations replaces
-// another one, and that follows from this comparator.
 struct DISCSRV_EXPORT LtdExplorerWrapper
 {
     bool operator()(const AutoDereference<ExplorerWrapper>& a,
@@ -105,7 +103,6 @@ class ExplorerQuery : public virtual TLXRefCounted
 };
 
 /// The order of LtdExplorerWrapper without the exception for AT_REMOTEPULL.
-// Compat(comparator-order): see LtdExplorerWrapper.
 struct DISCSRV_EXPORT LtdExplorerQuery
 {
     bool operator()(const AutoDereference<ExplorerQuery>& a,

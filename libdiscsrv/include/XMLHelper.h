@@ -1,5 +1,5 @@
 #pragma once
-// Single values out of small XML documents.
+// Reads single values out of small XML documents.
 
 #include <sstream>
 #include <string>
@@ -16,20 +16,20 @@ constexpr const char* SERVICE_NAME = "ServiceName";
 constexpr const char* SOURCE_HOST = "SourceHost";
 constexpr const char* ORIGIN_TYPE = "OriginType";
 
-/// Holds no state: one object may be used by any number of threads. A text that is no document is
-/// logged once, with the whole text; a missing value is only answered.
+/// Has no state, so any number of threads may use one object. A text that is not well-formed is
+/// logged whole, once. A missing value is not logged.
 class DISCSRV_EXPORT XMLHelper
 {
   public:
-    /// Reads a pull explorer's cache record, in the order of the arguments, and stops at the first
+    /// Reads a pull explorer's cache record in the order of the arguments. It stops at the first
     /// value that is missing or of the wrong kind.
-    /// @return 0 when all four were read, -1 otherwise; then what was read before the failure is
-    /// stored, and originType never is.
+    /// @return 0 if it read all four values, otherwise -1. After a failure the arguments before the
+    /// bad value are set, and originType is unchanged.
     int parse(astringstream& buffer, TlxString& serviceName, TlxString& sourceHost,
               unsigned int& priority, AuthorityType& originType);
 
     /// Reads the priority of a record's metadata document.
-    /// @return 0 when it was read, -1 otherwise (priority unchanged).
+    /// @return 0 on success, otherwise -1, and priority is unchanged.
     int parse(std::string& buffer, unsigned int& priority);
 };
 

@@ -1,14 +1,14 @@
 #pragma once
-// References that refer to no object.
+// A check for null references.
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// Returns when the address is that of an object. Otherwise it never does: an explorer that was
-/// handed a reference to nothing must not go on, and there is nobody to report it to.
+/// Returns if the address is not null. Otherwise it halts the thread for ever: an explorer must not
+/// go on with a null reference, and nobody would receive a report.
 ///
-/// By the rules of the language a reference always refers to an object, so a compiler that sees
-/// caller and check together leaves the check out. That is why it stands in a file of its own,
-/// which is compiled without that assumption.
+/// A reference is never null by the rules of C++, so a compiler that sees the caller and this check
+/// together removes the check. Therefore the check has a source file of its own, which is compiled
+/// without that assumption.
 void haltUnlessBound(const void* address);
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

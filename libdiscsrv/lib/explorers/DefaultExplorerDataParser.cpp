@@ -11,7 +11,7 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../DefaultExplorerDataParser";
 
-/// Writes to the data while they have room for what is written.
+/// Appends to the data up to MAX_EXPLORER_DATA_BYTES.
 class DataBuffer : public std::streambuf
 {
   public:
@@ -46,14 +46,14 @@ class DefaultExplorerParserContext : public XmlObjParseContext
     {
     }
 
-    /// Moves the text collected so far to the data.
+    /// Moves the collected text to the data.
     void takeText()
     {
         m_out << XmlStr(text());
         clearText();
     }
 
-    /// Ends the parse when not everything found room.
+    /// Ends the parse if the data are too long.
     void checkRoom() const
     {
         if (!m_out)
@@ -83,6 +83,8 @@ void DefaultExplorerDataParser::xmlStartElement(XmlObjParseContext* context, con
     ctxt->takeText();
     std::ostream& tag = ctxt->m_out;
     tag << '<' << TlxString::fromXmlCh(name);
+    // Compat(block-quoted-names): plug-ins and programs read blocks in which attribute names have
+    // quotation marks.
     for (XMLSize_t i = 0; i < attributes.getLength(); ++i)
         tag << " \"" << TlxString::fromXmlCh(attributes.getName(i)) << "\"=\""
             << XmlStr(TlxString::fromXmlCh(attributes.getValue(i))) << '"';
@@ -97,6 +99,8 @@ int DefaultExplorerDataParser::xmlEndElement(XmlObjParseContext* context, const 
     if (!TLX_ASSERT(ctxt))
         return XML_NOTHING;
     ctxt->takeText();
+    // Compat(block-ends-early): plug-ins rely on it: a block ends at the first end tag that has its
+    // name.
     const bool complete = ctxt->isEndTag(name);
     if (!complete)
         ctxt->m_out << "</" << TlxString::fromXmlCh(name) << '>';
@@ -130,6 +134,7 @@ ExplorerData* DefaultExplorerDataParser::getExplorerData(XmlObjParseContext* con
 
 const char* DefaultExplorerDataParser::getExplorerParserName() const
 {
+    // Compat(block-parser-name): plug-ins know the default parser by this name.
     return "DefaultExplorerParser";
 }
 

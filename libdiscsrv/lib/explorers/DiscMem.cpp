@@ -87,7 +87,8 @@ MemCollectionData::~MemCollectionData() = default;
 
 bool MemCollectionData::open(OpenMode mode, const char* arg)
 {
-    // Under the name that readers of the log know.
+    // Compat(log-getnext): log readers find the opening of a pull under this name, and the
+    // assertion below under "filterParmaetersXml".
     DISC_TRACE("MemCollectionData::getNext");
     if (mode == OM_UPDATE)
         return true;
@@ -115,7 +116,7 @@ bool MemCollectionData::pull(ExplorerPull& explorer, const char* text)
             explorer.collectionRequested(m_query, *wrapper.getAuthority(), *wrapper.getSubject(),
                                          wrapper.getExplorerContext(), text, this);
     });
-    if (!returned) { // half of a collection is none
+    if (!returned) { // drop the incomplete collection
         m_stream.str("");
         delivered = false;
     }
@@ -135,7 +136,7 @@ std::size_t MemCollectionData::readCollection(std::size_t length, void* buffer) 
 bool MemCollectionData::writeCollection(std::size_t length, const void* buffer) const
 {
     DISC_TRACE("MemCollectionData::writeCollection");
-    m_stream.clear(); // a read may have met the end
+    m_stream.clear(); // a read may have reached the end
     m_stream.write(static_cast<const char*>(buffer), static_cast<std::streamsize>(length));
     return true;
 }

@@ -1,5 +1,5 @@
 #pragma once
-// Calls into explorers.
+// Guards the calls into explorers.
 
 #include <functional>
 
@@ -7,10 +7,10 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// Runs a call into a registered explorer, guarded: what it throws is logged with the explorer's
-/// name and library, and while it does not come back it is named in the log. False when it threw.
-/// No lock is to be held.
-/// @param operation a literal, named in the log.
+/// Runs a call into a registered explorer. It logs what the call throws, and a call that does not
+/// return, with the explorer's name and library. Returns false if the call threw. The caller must
+/// not hold a lock.
+/// @param operation a literal; the log contains it.
 bool callExplorer(const ExplorerWrapper& wrapper, const char* operation,
                   const std::function<void()>& call);
 

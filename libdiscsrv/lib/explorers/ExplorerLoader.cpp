@@ -21,7 +21,9 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../ExplorerLoader";
 
-/// The platform's loader adds the suffix and knows where to look.
+/// The platform's loader adds the suffix and the directory.
+// Compat(plugin-default-library): installations have the default explorers under this name and
+// version.
 constexpr const char* DEFAULT_LIBRARY = "libqmexplorer";
 constexpr int DEFAULT_LIBRARY_VERSION = 1;
 
@@ -33,7 +35,7 @@ struct ExplorerLoader::Load
     const char* operation;
     Kind kind;
     bool& done;
-    SymbolResolver& resolved; ///< what is resolved in the default library
+    SymbolResolver& resolved; ///< resolved in the default library
     RegisterInterface& called;
     const char* found;
     const char* completed;
@@ -53,7 +55,7 @@ void ExplorerLoader::loadExplorers()
 {
     load({"ExplorerLoader::loadExplorers", EXPLORERS, m_explorersLoaded, m_explorerResolver,
           m_explorerResolver, "Found default explorer library, will register explorers",
-          // Spoken of as it always was.
+          // Compat(log-loader): log readers know "uri schemes".
           "Registration of uri schemes in default scheme library completed"});
 }
 
@@ -66,8 +68,9 @@ void ExplorerLoader::loadExplorerParsers()
 
 void ExplorerLoader::loadExplorerFilterData()
 {
-    // The parsers' resolver, not the filter data's: so the default library provides no filter data,
-    // and says so in the log; plug-ins do.
+    // Compat(plugin-filter-data): plug-ins are the only libraries that provide filter data. In the
+    // default library this resolves the symbol of the parsers and then calls the one of the filter
+    // data. So log readers find "Unable to resolve symbol" on every load.
     load({"ExplorerLoader::loadExplorerFilterData", FILTER_DATA, m_filterDataLoaded,
           m_parserResolver, m_filterDataResolver,
           "Found default explorer library, will register explorer filter data",
@@ -107,6 +110,7 @@ void ExplorerLoader::loadDefault(const Load& load)
 namespace {
 
 /// Resolves one entry point in a plug-in library, keeps its resolver and calls it.
+// Compat(log-loader): log readers know "Did not found the".
 template <class Interface>
 void registerFrom(PluginDirector& director, const std::string& library,
                   DiscoveryRepository* repository,

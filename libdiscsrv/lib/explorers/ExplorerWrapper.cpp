@@ -53,6 +53,8 @@ void ExplorerWrapper::setLastOutcome(const std::string& text) const
     m_outcome = {now, text};
 }
 
+// Compat(comparator-order): peers and plug-ins rely on the contents of the explorer sets. A greater
+// authority falls through to the subjects.
 bool LtdExplorerWrapper::operator()(const AutoDereference<ExplorerWrapper>& a,
                                     const AutoDereference<ExplorerWrapper>& b) const
 {
@@ -64,6 +66,7 @@ bool LtdExplorerWrapper::operator()(const AutoDereference<ExplorerWrapper>& a,
     return isLess(*a->getSubject(), *b->getSubject());
 }
 
+// Compat(comparator-query-order): peers rely on the order and number of pull explorers in a query.
 bool LtdExplorerQuery::operator()(const AutoDereference<ExplorerQuery>& a,
                                   const AutoDereference<ExplorerQuery>& b) const
 {

@@ -12,13 +12,14 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../DiscData";
 
-/// A quarter of a time to live, with which a record outlives it.
+/// A record outlives its time to live by this quarter.
+// Compat(expiry-quarter): peers that push late rely on it, computed in double precision.
 TlxObjTime gracePeriod(const TlxObjTime& timeToLive)
 {
     const double quarter = (static_cast<double>(timeToLive.seconds()) * 1000000.0 +
                             static_cast<double>(timeToLive.microseconds())) *
                            0.25;
-    // A time to live comes from anywhere; what a double holds may exceed what an integer can.
+    // Any host may send a time to live, and a double may exceed the range of an integer.
     if (quarter >= 9.2e18)
         return TlxObjTime::max();
     if (quarter <= -9.2e18)
@@ -53,6 +54,7 @@ void Subject::setName(const std::string& uriText)
     (void)TLX_ASSERT(m_subject.size());
 }
 
+// Compat(name-ascii-case): plug-ins rely on registrations that ignore the case of ASCII letters.
 bool Subject::operator==(const Subject& other) const
 {
     return strcasecmp(m_subject.c_str(), other.m_subject.c_str()) == 0;
@@ -91,6 +93,7 @@ void Authority::setName(const UriAuthority& authority)
     (void)TLX_ASSERT(m_name.size());
 }
 
+// Compat(name-ascii-case): see Subject::operator==.
 bool Authority::operator==(const Authority& other) const
 {
     return strcasecmp(m_name.c_str(), other.m_name.c_str()) == 0 && m_type == other.m_type;
@@ -98,6 +101,8 @@ bool Authority::operator==(const Authority& other) const
 
 bool Authority::operator>(const Authority& other) const
 {
+    // Compat(authority-greater): plug-ins and the explorer sets rely on it: an authority with a
+    // lesser name and a greater type counts as greater.
     if (strcasecmp(m_name.c_str(), other.m_name.c_str()) > 0)
         return true;
     return static_cast<int>(m_type) > static_cast<int>(other.m_type);
@@ -165,7 +170,8 @@ DiscoveryIterator::~DiscoveryIterator() = default;
 
 namespace {
 
-/// Whether a name narrows a query; "" and "*..." mean any.
+/// False for "" and "*...", which mean any name.
+// Compat(star-means-any): peers rely on it: a name that begins with "*" matches every name.
 bool narrows(const std::string& name)
 {
     return !name.empty() && name.front() != '*';

@@ -51,7 +51,7 @@ class DiscoveryDocContext : public XmlObjParseContext
 
     using XmlObjParseContext::XmlObjParseContext;
 
-    /// Whether events go to a nested description.
+    /// True while a nested description receives the events.
     bool inDescription() const
     {
         return !m_nodes.empty() &&
@@ -59,7 +59,7 @@ class DiscoveryDocContext : public XmlObjParseContext
     }
 
     std::deque<std::uint32_t> m_nodes;
-    Description* m_subInterface = nullptr; ///< the record's own
+    Description* m_subInterface = nullptr; ///< owned by the record
     std::unique_ptr<XmlObjParseContext> m_subContext;
 };
 

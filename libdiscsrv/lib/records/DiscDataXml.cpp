@@ -1,17 +1,9 @@
-// The metadata document: how a record's descriptive part is written as XML and read back.
-//
-//     <DiscoveryData>
-//       <DiscoveryAuthority Name="srv1" Type="1">[<STATUSMSG/>]</DiscoveryAuthority>
-//       <DiscoverySubject Name="cl5">[<STATUSMSG/>]</DiscoverySubject>
-//       <DiscoveryAttributes Type="2" Storage="1"><Priority>5</Priority>...</DiscoveryAttributes>
-//     </DiscoveryData>
-//
-// (without the white space). The time to live is not kept: the expiry time says it all.
+// Writes a record's descriptive part as a metadata document.
 
 #include <tlx/ValueConverter.h>
 
 #include "DiscData.h"
-#include "DiscDataContexts.h"
+#include "DiscDataNames.h"
 #include "DiscLog.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -19,17 +11,6 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 constexpr const char* LOG_SOURCE = "../DiscData";
-
-constexpr const char* TAG_AUTHORITY = "DiscoveryAuthority";
-constexpr const char* TAG_SUBJECT = "DiscoverySubject";
-constexpr const char* TAG_ATTRIBUTES = "DiscoveryAttributes";
-constexpr const char* TAG_DOCUMENT = "DiscoveryData";
-constexpr const char* TAG_DISCOVERY_TIME = "DiscoveryTime";
-constexpr const char* TAG_EXPIRES_TIME = "ExpiresTime";
-constexpr const char* TAG_SIGNATURE = "Signature";
-constexpr const char* ATTRIBUTE_NAME = "Name";
-constexpr const char* ATTRIBUTE_TYPE = "Type";
-constexpr const char* ATTRIBUTE_STORAGE = "Storage";
 
 template <class Value>
 void writeElement(std::ostream& out, const char* tag, const Value& value)
@@ -39,25 +20,12 @@ void writeElement(std::ostream& out, const char* tag, const Value& value)
     XmlStr::appendEnd(out, tag);
 }
 
-/// An enumerator from its decimal text; false when it is no number or beyond last.
-template <class Enum>
-bool readEnumerator(const TlxString& text, Enum last, Enum& out)
-{
-    std::uint32_t value = 0;
-    if (!fromText(text, value) || value > static_cast<std::uint32_t>(last))
-        return false;
-    out = static_cast<Enum>(value);
-    return true;
-}
-
 std::string decimal(std::uint32_t value)
 {
     return std::to_string(value);
 }
 
 } // namespace
-
-// Writing.
 
 std::ostream& Description::writeXml(std::ostream& out, XmlStr::Encoding encoding) const
 {
@@ -70,28 +38,28 @@ std::ostream& Description::writeXml(std::ostream& out, XmlStr::Encoding encoding
 std::ostream& Authority::writeXml(std::ostream& out, XmlStr::Encoding encoding) const
 {
     DISC_TRACE("Authority::writeXml");
-    out << '<' << TAG_AUTHORITY;
+    out << '<' << TAG_DISCOVERY_AUTHORITY;
     XmlStr::appendAttribute(out, ATTRIBUTE_NAME, m_name, encoding);
     XmlStr::appendAttribute(out, ATTRIBUTE_TYPE, decimal(m_type), encoding);
     out << '>';
     Description::writeXml(out, encoding);
-    return XmlStr::appendEnd(out, TAG_AUTHORITY);
+    return XmlStr::appendEnd(out, TAG_DISCOVERY_AUTHORITY);
 }
 
 std::ostream& Subject::writeXml(std::ostream& out, XmlStr::Encoding encoding) const
 {
     DISC_TRACE("Subject::writeXml");
-    out << '<' << TAG_SUBJECT;
+    out << '<' << TAG_DISCOVERY_SUBJECT;
     XmlStr::appendAttribute(out, ATTRIBUTE_NAME, m_subject, encoding);
     out << '>';
     Description::writeXml(out, encoding);
-    return XmlStr::appendEnd(out, TAG_SUBJECT);
+    return XmlStr::appendEnd(out, TAG_DISCOVERY_SUBJECT);
 }
 
 std::ostream& CollectionAttributes::writeXml(std::ostream& out, XmlStr::Encoding encoding) const
 {
     DISC_TRACE("CollectionAttributes::writeXml");
-    out << '<' << TAG_ATTRIBUTES;
+    out << '<' << TAG_DISCOVERY_ATTRIBUTES;
     XmlStr::appendAttribute(out, ATTRIBUTE_TYPE, decimal(m_type), encoding);
     XmlStr::appendAttribute(out, ATTRIBUTE_STORAGE, decimal(m_storage), encoding);
     out << '>';
@@ -102,284 +70,21 @@ std::ostream& CollectionAttributes::writeXml(std::ostream& out, XmlStr::Encoding
         writeElement(out, TAG_EXPIRES_TIME, toText(m_expiresTime));
     if (!m_signature.empty())
         writeElement(out, TAG_SIGNATURE, XmlStr(m_signature, encoding));
-    return XmlStr::appendEnd(out, TAG_ATTRIBUTES);
+    return XmlStr::appendEnd(out, TAG_DISCOVERY_ATTRIBUTES);
 }
 
 std::ostream& Discovery::writeXml(std::ostream& out, XmlStr::Encoding encoding) const
 {
     DISC_TRACE("Discovery::writeXml");
     XmlStr::xmlProlog(out, encoding);
-    XmlStr::appendStart(out, TAG_DOCUMENT);
+    XmlStr::appendStart(out, TAG_DISCOVERY_DATA);
     if (m_authority)
         m_authority->writeXml(out, encoding);
     if (m_subject)
         m_subject->writeXml(out, encoding);
     if (m_attributes)
         m_attributes->writeXml(out, encoding);
-    return XmlStr::appendEnd(out, TAG_DOCUMENT);
-}
-
-// Reading, inside a description.
-
-void Description::xmlStartElement(XmlObjParseContext* context, const XMLCh* name,
-                                  AttributeList& attributes)
-{
-    DISC_TRACE("Description::xmlStartElement");
-    auto* ctxt = dynamic_cast<DescriptionContext*>(context);
-    if (!TLX_ASSERT(ctxt))
-        return;
-    if (!ctxt->m_nodes.empty()) {
-        if (TLX_ASSERT(ctxt->m_subInterface) && TLX_ASSERT(ctxt->m_subContext))
-            ctxt->m_subInterface->xmlStartElement(ctxt->m_subContext.get(), name, attributes);
-        return;
-    }
-    ctxt->clearText();
-    if (!XmlObjParseContext::isTag(name, StatusMsg::TAG)) {
-        XmlInterface::xmlStartElement(ctxt, name, attributes);
-        return;
-    }
-    if (!TLX_ASSERT(!ctxt->m_subContext))
-        ctxt->clearSub();
-    StatusMsg* message = nullptr;
-    ctxt->m_subContext.reset(xmlCreateObject(name, attributes, ctxt, message));
-    ctxt->m_subInterface.reset(message);
-    ctxt->m_nodes.push_back(DescriptionContext::StatusMessage);
-}
-
-void Description::xmlCharacters(XmlObjParseContext* context, const XMLCh* chars,
-                                unsigned long length)
-{
-    DISC_TRACE("Description::xmlCharacters");
-    auto* ctxt = dynamic_cast<DescriptionContext*>(context);
-    if (!TLX_ASSERT(ctxt))
-        return;
-    if (ctxt->m_subContext && ctxt->m_subInterface)
-        ctxt->m_subInterface->xmlCharacters(ctxt->m_subContext.get(), chars, length);
-    else
-        XmlInterface::xmlCharacters(ctxt, chars, length);
-}
-
-int Description::xmlEndElement(XmlObjParseContext* context, const XMLCh* name)
-{
-    DISC_TRACE("Description::xmlEndElement");
-    auto* ctxt = dynamic_cast<DescriptionContext*>(context);
-    if (!TLX_ASSERT(ctxt))
-        return XML_COMPLETE;
-    if (ctxt->m_nodes.empty()) {
-        (void)TLX_ASSERT(ctxt->isEndTag(name));
-        return XML_COMPLETE;
-    }
-    if (!TLX_ASSERT(ctxt->m_subInterface) || !TLX_ASSERT(ctxt->m_subContext)) {
-        ctxt->m_nodes.pop_back();
-        return XML_INSIDE;
-    }
-    switch (ctxt->m_subInterface->xmlEndElement(ctxt->m_subContext.get(), name)) {
-    case XML_INSIDE:
-        return XML_INSIDE;
-    case XML_COMPLETE:
-        m_statusMsg.refObject(ctxt->m_subInterface.get());
-        break;
-    case XML_NOTHING:
-        break;
-    default:
-        TLX_SHOULD_NOT_GET_HERE();
-        return XML_INSIDE;
-    }
-    ctxt->clearSub();
-    ctxt->m_nodes.pop_back();
-    return XML_INSIDE;
-}
-
-// Reading, the document.
-
-XmlObjParseContext* Discovery::getObjParseContext(const XMLCh* name)
-{
-    DISC_TRACE("Discovery::getObjParseContext");
-    return new DiscoveryDocContext(name);
-}
-
-void Discovery::xmlStartElement(XmlObjParseContext* context, const XMLCh* name,
-                                AttributeList& attributes)
-{
-    DISC_TRACE("Discovery::xmlStartElement");
-    auto* ctxt = dynamic_cast<DiscoveryDocContext*>(context);
-    if (!TLX_ASSERT(ctxt))
-        return;
-    if (ctxt->inDescription()) {
-        if (TLX_ASSERT(ctxt->m_subInterface) && TLX_ASSERT(ctxt->m_subContext))
-            ctxt->m_subInterface->xmlStartElement(ctxt->m_subContext.get(), name, attributes);
-        return;
-    }
-    ctxt->clearText();
-    const auto is = [name](const char* tag) { return XmlObjParseContext::isTag(name, tag); };
-    if (ctxt->m_nodes.empty()) {
-        if (ctxt->isEndTag(name))
-            return ctxt->m_nodes.push_back(DiscoveryDocContext::Document);
-    } else if (ctxt->m_nodes.back() == DiscoveryDocContext::Attributes) {
-        if (is(TAG_DISCOVERY_TIME))
-            return ctxt->m_nodes.push_back(DiscoveryDocContext::DiscoveryTime);
-        if (is(TAG_EXPIRES_TIME))
-            return ctxt->m_nodes.push_back(DiscoveryDocContext::ExpiresTime);
-        if (is(TAG_SIGNATURE))
-            return ctxt->m_nodes.push_back(DiscoveryDocContext::Signature);
-        if (is(PRIORITY))
-            return ctxt->m_nodes.push_back(DiscoveryDocContext::Priority);
-    } else if (ctxt->m_nodes.back() == DiscoveryDocContext::Document) {
-        if (is(TAG_ATTRIBUTES))
-            return startAttributes(*ctxt, attributes);
-        if (is(TAG_AUTHORITY))
-            return startAuthority(*ctxt, name, attributes);
-        if (is(TAG_SUBJECT))
-            return startSubject(*ctxt, name, attributes);
-    }
-    XmlInterface::xmlStartElement(ctxt, name, attributes); // unknown: skipped whole
-}
-
-void Discovery::startAttributes(DiscoveryDocContext& context, AttributeList& attributes)
-{
-    const TlxString typeText = xmlAttribute(attributes, ATTRIBUTE_TYPE);
-    const TlxString storageText = xmlAttribute(attributes, ATTRIBUTE_STORAGE);
-    CollectionType type = CT_CONFIGURATION;
-    CollectionStorage storage = CS_LOCALONLY;
-    if (!readEnumerator(typeText, CT_POINT_IN_TIME, type))
-        refuseDocument("collection type", typeText);
-    if (!readEnumerator(storageText, CS_CENTRALREPOSITORY, storage))
-        refuseDocument("collection storage", storageText);
-    setAttributes(new CollectionAttributes(type, storage, TlxObjTime(), TlxObjTime(), 0));
-    context.m_nodes.push_back(DiscoveryDocContext::Attributes);
-}
-
-void Discovery::startAuthority(DiscoveryDocContext& context, const XMLCh* name,
-                               AttributeList& attributes)
-{
-    if (!TLX_ASSERT_AS(!context.m_subContext, "!ctxt->m_subContext"))
-        context.m_subContext.reset();
-    const TlxString authorityName = xmlAttribute(attributes, ATTRIBUTE_NAME);
-    const TlxString typeText = xmlAttribute(attributes, ATTRIBUTE_TYPE);
-    if (authorityName.empty()) {
-        DISC_LOG(1, "Authority name not specified");
-        XmlInterface::xmlStartElement(&context, name, attributes);
-        return;
-    }
-    AuthorityType type = AT_ANYANDALL;
-    if (!readEnumerator(typeText, AT_REMOTEPULL, type))
-        refuseDocument("authority type", typeText);
-    auto authority = std::make_unique<Authority>(authorityName.utf8(), type);
-    context.m_subInterface = authority.get();
-    setAuthority(authority.release());
-    context.m_subContext = std::make_unique<DescriptionContext>(name, &context);
-    context.m_nodes.push_back(DiscoveryDocContext::AuthorityNode);
-}
-
-void Discovery::startSubject(DiscoveryDocContext& context, const XMLCh* name,
-                             AttributeList& attributes)
-{
-    if (!TLX_ASSERT_AS(!context.m_subContext, "!ctxt->m_subContext"))
-        context.m_subContext.reset();
-    const TlxString subjectName = xmlAttribute(attributes, ATTRIBUTE_NAME);
-    if (subjectName.empty()) {
-        DISC_LOG(1, "Subject name not specified");
-        XmlInterface::xmlStartElement(&context, name, attributes);
-        return;
-    }
-    auto subject = std::make_unique<Subject>(subjectName.utf8());
-    context.m_subInterface = subject.get();
-    setSubject(subject.release());
-    context.m_subContext = std::make_unique<DescriptionContext>(name, &context);
-    context.m_nodes.push_back(DiscoveryDocContext::SubjectNode);
-}
-
-void Discovery::refuseDocument(const char* what, const TlxString& value)
-{
-    DISC_LOG(1, "Unknown " << what << " \"" << value << "\"");
-    m_documentRefused = true;
-}
-
-void Discovery::xmlCharacters(XmlObjParseContext* context, const XMLCh* chars, unsigned long length)
-{
-    DISC_TRACE("Discovery::xmlCharacters");
-    auto* ctxt = dynamic_cast<DiscoveryDocContext*>(context);
-    if (!TLX_ASSERT(ctxt))
-        return;
-    if (!ctxt->inDescription())
-        XmlInterface::xmlCharacters(ctxt, chars, length);
-    else if (TLX_ASSERT(ctxt->m_subInterface))
-        ctxt->m_subInterface->xmlCharacters(ctxt->m_subContext.get(), chars, length);
-}
-
-int Discovery::xmlEndElement(XmlObjParseContext* context, const XMLCh* name)
-{
-    DISC_TRACE("Discovery::xmlEndElement");
-    auto* ctxt = dynamic_cast<DiscoveryDocContext*>(context);
-    if (!TLX_ASSERT(ctxt))
-        return XML_COMPLETE;
-    if (ctxt->m_nodes.empty()) {
-        TLX_SHOULD_NOT_GET_HERE();
-        return XML_COMPLETE;
-    }
-    if (ctxt->inDescription()) {
-        endDescription(*ctxt, name);
-        return XML_INSIDE;
-    }
-    endValue(*ctxt);
-    ctxt->m_nodes.pop_back();
-    return ctxt->m_nodes.empty() ? XML_COMPLETE : XML_INSIDE;
-}
-
-void Discovery::endDescription(DiscoveryDocContext& context, const XMLCh* name)
-{
-    DiscoveryDocContext* const ctxt = &context;
-    int result = XML_NOTHING;
-    bool ready = TLX_ASSERT(ctxt->m_subInterface);
-    ready = TLX_ASSERT(ctxt->m_subContext) && ready;
-    if (ready)
-        result = ctxt->m_subInterface->xmlEndElement(ctxt->m_subContext.get(), name);
-    if (result == XML_INSIDE)
-        return;
-    if (result != XML_COMPLETE && result != XML_NOTHING)
-        TLX_SHOULD_NOT_GET_HERE();
-    ctxt->m_subContext.reset();
-    ctxt->m_subInterface = nullptr;
-    ctxt->m_nodes.pop_back();
-}
-
-void Discovery::endValue(DiscoveryDocContext& context)
-{
-    const auto node = context.m_nodes.back();
-    if (node == DiscoveryDocContext::Document || node == DiscoveryDocContext::Attributes)
-        return;
-    if (node < DiscoveryDocContext::DiscoveryTime || node > DiscoveryDocContext::Priority) {
-        TLX_SHOULD_NOT_GET_HERE();
-        return;
-    }
-    // A value stands inside "DiscoveryAttributes", whose start has made the attributes.
-    if (!TLX_ASSERT(getAttributes()))
-        return;
-    const TlxString text = context.text();
-    TlxObjTime time;
-    std::uint32_t priority = 0;
-    switch (node) {
-    case DiscoveryDocContext::DiscoveryTime:
-        if (fromText(text, time))
-            m_attributes->setDiscoveryTime(time);
-        else
-            DISC_LOG(1, "Unable to convert discovery time ");
-        break;
-    case DiscoveryDocContext::ExpiresTime:
-        if (fromText(text, time))
-            m_attributes->setExpiresTime(time);
-        else
-            DISC_LOG(1, "Unable to convert expires time ");
-        break;
-    case DiscoveryDocContext::Signature:
-        m_attributes->setSignature(text);
-        break;
-    default:
-        if (fromText(text, priority))
-            m_attributes->setPriority(priority);
-        else
-            DISC_LOG(1, "Unable to convert priority ");
-    }
+    return XmlStr::appendEnd(out, TAG_DISCOVERY_DATA);
 }
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -25,7 +25,7 @@ int XMLHelper::parse(astringstream& buffer, TlxString& serviceName, TlxString& s
         handler.getValue(SOURCE_HOST, sourceHost) != 0 ||
         handler.getValue(PRIORITY, priority) != 0 || handler.getValue(ORIGIN_TYPE, type) != 0)
         return -1;
-    // A number that names no type would later make every reply that carries it unmarshallable.
+    // Replies that carry a number outside the enumeration could not be marshalled.
     if (type < AT_ANYANDALL || type > AT_REMOTEPULL)
         return -1;
     originType = static_cast<AuthorityType>(type);

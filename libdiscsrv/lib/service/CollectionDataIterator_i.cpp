@@ -43,7 +43,8 @@ CollectionDataSeq* CollectionDataIterator_i::getNextPage()
         CORBA::Octet* buffer = CollectionDataSeq::allocbuf(size);
         CollectionDataSeq_var page = new CollectionDataSeq(size, size, buffer, true);
         std::size_t count = data->readCollection(size, buffer);
-        // A failure is a negative count in an unsigned type: more than was asked for.
+        // Compat(page-failed-read): peers expect an empty page after a failed read, which returns a
+        // count above the size.
         if (count > size) {
             DISC_LOG(1, "Failed to read from CollectionData");
             count = 0;

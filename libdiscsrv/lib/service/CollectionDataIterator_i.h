@@ -1,5 +1,5 @@
 #pragma once
-// The servant that pages through the bytes of one payload.
+// The servant that returns the bytes of one payload in pages.
 
 #include "DiscData.h"
 #include "EvictableServant.h"
@@ -13,20 +13,23 @@ class CollectionDataIterator_i
           Remote::CollectionDataIterator>
 {
   public:
-    /// Takes a reference of its own.
+    /// Takes a reference to the record.
     explicit CollectionDataIterator_i(
         const AutoDereference<Tlx::DiscoverySvc::Discovery>& discovery);
 
-    /// A page of pageSize bytes; shorter at the end, and when that is more than a page may hold.
+    /// Returns a page of pageSize bytes. A page is shorter at the end, and has at most
+    /// MAX_PAGE_BYTES. An empty page is the end, or a failed read.
     CollectionDataSeq* getNextPage() override;
     CORBA::Long pageSize() override;
     void pageSize(CORBA::Long size) override;
     void release() override;
 
-    /// Opens the payload; what the filter says is its source's own. To be called before activation.
+    /// Opens the payload. Call it before the activation. Returns false on failure and logs it.
+    /// @param filter the source of the payload gives it a meaning.
     virtual bool open(const char* filter);
 
   private:
+    // Compat(page-eight-bytes): peers that set no page size expect pages of 8 bytes.
     CORBA::Long m_pageSize = 8;
     AutoDereference<Tlx::DiscoverySvc::Discovery> m_discovery;
 };

@@ -16,16 +16,16 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "DiscoveryService_i";
 
-/// What a page tells of a record.
+/// The part of a record that a page shows.
 struct Row
 {
     std::string subject;
     std::string authority;
     AuthorityType type;
-    /// Of the explorer, when the record itself is one of another host's; otherwise empty.
+    /// The service of a RemoteExplorerPull; empty for any other record.
     std::string service;
 
-    /// About what it takes on the wire, with the members that are always the same.
+    /// An estimate of its size on the wire, including the constant members.
     std::size_t wireBytes() const { return subject.size() + authority.size() + 128; }
 };
 
@@ -38,7 +38,8 @@ void fill(Remote::Discovery& element, const Row& row, const TlxString& host,
     element.sourceHost = CORBA::string_dup(host.c_str());
     element.sourceServiceName =
         CORBA::string_dup(row.service.empty() ? service.c_str() : row.service.c_str());
-    // Not told in a page; but what travels must be something that can be marshalled.
+    // Compat(page-bare-records): peers get pages without query type and attributes. Values that are
+    // left unset might not marshal, so set constants.
     element.queryType = DQ_UNDEFINED;
     element.attributes.colType = CT_CONFIGURATION;
     element.attributes.colStorage = CS_LOCALONLY;
@@ -67,8 +68,8 @@ DiscoverySeq* DiscoveryIterator_i::getNextPage()
 
         std::vector<Row> rows;
         std::size_t bytes = 0;
-        // Up to and including the page size, as callers of the contract expect; counted wider than
-        // the size, which may be the largest there is.
+        // Compat(page-one-more): peers expect one record more than the page size. The comparison is
+        // done in 64 bits because the page size may be the largest 32-bit number.
         while (static_cast<std::int64_t>(rows.size()) <= m_pageSize && bytes < MAX_PAGE_BYTES) {
             const AutoDereference<Tlx::DiscoverySvc::Discovery> discovery(
                 m_discoveryIterator->getNext());

@@ -1,5 +1,5 @@
 #pragma once
-// The servant that pages through records.
+// The servant that returns records in pages.
 
 #include "DiscData.h"
 #include "EvictableServant.h"
@@ -12,10 +12,11 @@ class DiscoveryIterator_i
                               Remote::DiscoveryIterator>
 {
   public:
-    /// Takes a reference of its own; null makes an iterator over nothing.
+    /// Takes a reference to the iterator. Null makes a servant without records.
     explicit DiscoveryIterator_i(Tlx::DiscoverySvc::DiscoveryIterator* iterator);
 
-    /// A page of one record more than pageSize; shorter at the end, and when it grows large.
+    /// Returns a page of pageSize + 1 records. A page is shorter at the end, and when it reaches
+    /// MAX_PAGE_BYTES. A negative page size gives empty pages.
     DiscoverySeq* getNextPage() override;
     CORBA::Long pageSize() override;
     void pageSize(CORBA::Long size) override;

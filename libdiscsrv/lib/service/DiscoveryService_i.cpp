@@ -6,9 +6,9 @@
 
 #include "CollectionDataIterator_i.h"
 #include "DiscLog.h"
-#include "DiscMem.h"
 #include "DiscoveryIterator_i.h"
 #include "DiscoveryRepository.h"
+#include "OnlyRecord.h"
 #include "RefreshTask.h"
 #include "RemoteExplorerPull.h"
 #include "RemoteWriter_i.h"
@@ -20,89 +20,11 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "DiscoveryService_i";
 
-/// Takes an object out of its POA, whatever the POA says to that.
-void deactivateQuietly(PortableServer::POA_ptr poa, const PortableServer::ObjectId& id)
-{
-    try {
-        poa->deactivate_object(id);
-    } catch (const CORBA::Exception&) {
-        // It is gone already, or the POA is.
-    }
-}
-
-/// Activates an iterator servant and has the evictor watch it; its reference, for the caller to
-/// release. Nothing stays activated when that fails; it fails with a system exception.
 template <class Servant>
-auto activateEvictable(Servant& servant)
+auto activateIterator(Servant& servant)
 {
     DiscoveryRepository* repository = getDiscoveryRepository();
-    const PortableServer::POA_ptr poa = repository->getPOA();
-    Orb* orb = repository->getOrb();
-    if (CORBA::is_nil(poa) || !orb)
-        throw CORBA::OBJ_ADAPTER();
-    servant.m_objectId = poa->activate_object(&servant);
-    try {
-        const auto reference = servant._this();
-        try {
-            add2Evictor(servant.m_objectId.in(), poa, *orb, ITERATOR_TIMEOUT_SECONDS);
-        } catch (...) {
-            CORBA::release(reference);
-            throw;
-        }
-        return reference;
-    } catch (const CORBA::UserException&) {
-        // Of the POA or the evictor, while the service stops; the contract knows none.
-        deactivateQuietly(poa, servant.m_objectId.in());
-        throw CORBA::OBJ_ADAPTER();
-    } catch (...) {
-        deactivateQuietly(poa, servant.m_objectId.in());
-        throw;
-    }
-}
-
-/// What a page does not tell, and so a caller who hands a record back cannot, is the query type.
-DiscoveryQuery effectiveQuery(DiscoveryQuery query)
-{
-    return query == DQ_UNDEFINED ? DQ_DISCOVERY_DATA : query;
-}
-
-/// The one record that matches; null, and why, when there is none or more than one.
-AutoDereference<Tlx::DiscoverySvc::Discovery> findOne(DiscoveryQuery query, AuthorityType type,
-                                                      const TlxString& subject,
-                                                      const TlxString& authority,
-                                                      DiscoveryStatus& status)
-{
-    DISC_TRACE("DiscoveryService_i::getCollectionData");
-    using Tlx::DiscoverySvc::Discovery;
-    DiscoveryRepository* repository = getDiscoveryRepository();
-    const AutoDereference<Tlx::DiscoverySvc::DiscoveryIterator> matches(
-        repository->isGenericDSOnMaster()
-            ? repository->queryDiscoveries(query, subject.utf8(), authority.utf8(), type)
-            : repository->findPullExplorer(query, *repository->pullExplorers(), subject.utf8(),
-                                           authority.utf8()));
-    status = DS_NONE_FOUND;
-    if (!matches) {
-        DISC_LOG(1, "Null iterator returned. Fount no discoveries for subject "
-                        << subject << " & authority " << authority);
-        return {};
-    }
-    AutoDereference<Discovery> first(matches->getNext());
-    if (!first) {
-        DISC_LOG(1, "Fount no discoveries for subject " << subject << " & authority " << authority);
-        return {};
-    }
-    const AutoDereference<Discovery> second(matches->getNext());
-    if (second) {
-        DISC_LOG(1, "Fount too many matching discoveries for subject " << subject << " & authority "
-                                                                       << authority);
-        if (dynamic_cast<const MemDiscovery*>(second.get()))
-            DISC_LOG(1, "Of several pull explorers only the one that sorts last can be read by "
-                        "name: each that sorts behind a match counts as one, too");
-        status = DS_LOGIC_ERROR;
-        return {};
-    }
-    status = DS_SUCCESS;
-    return first;
+    return activateEvictable(servant, repository->getPOA(), repository->getOrb());
 }
 
 } // namespace
@@ -122,13 +44,14 @@ DiscoveryIterator_ptr DiscoveryService_i::queryDiscoveries(DiscoveryQuery queryT
                                                        authorityName.utf8(), authType));
         if (!iterator) {
             DISC_LOG(1, "Failed to create discovery iterator");
-            // The caller gets an iterator over nothing: it expects a reference.
+            // Compat(query-failed): peers expect a reference also when the query failed. Log
+            // readers count the failed assertion.
             TLX_SHOULD_NOT_GET_HERE();
         }
         try {
             PortableServer::Servant_var<DiscoveryIterator_i> servant(
                 new DiscoveryIterator_i(iterator.get()));
-            return activateEvictable(*servant.in());
+            return activateIterator(*servant.in());
         } catch (const CORBA::Exception& e) {
             DISC_LOG(1, "Caught CORBA exception creating object reference to discovery iterator");
             DISC_LOG(1, describeException(e));
@@ -145,25 +68,21 @@ DiscoveryStatus DiscoveryService_i::getCollectionData(const Remote::Discovery& d
         DISC_TRACE("DiscoveryService_i::getCollectionData");
         iterator = CollectionDataIterator::_nil();
         countService(ServiceCounter::READS);
-        const TlxString subject(discovery.subject.in());
-        const TlxString authority(discovery.authority.in());
-        if (DiscoveryRepository::stringContainsWildcard(subject.utf8()) ||
-            DiscoveryRepository::stringContainsWildcard(authority.utf8()))
+        if (DiscoveryRepository::stringContainsWildcard(TlxString(discovery.subject.in()).utf8()) ||
+            DiscoveryRepository::stringContainsWildcard(TlxString(discovery.authority.in()).utf8()))
             return DS_LOGIC_ERROR;
 
-        DiscoveryStatus status = DS_NONE_FOUND;
-        const AutoDereference<Tlx::DiscoverySvc::Discovery> found = findOne(
-            effectiveQuery(discovery.queryType), discovery.authType, subject, authority, status);
+        const auto found = findOnlyRecord(discovery);
         if (!found)
-            return status;
+            return found.error();
         try {
             PortableServer::Servant_var<CollectionDataIterator_i> servant(
-                new CollectionDataIterator_i(found));
+                new CollectionDataIterator_i(*found));
             if (!servant->open(filter)) {
                 DISC_LOG(1, "Error encountered trying to open collection iterator");
                 return DS_OPEN_FAILED;
             }
-            iterator = activateEvictable(*servant.in());
+            iterator = activateIterator(*servant.in());
             return DS_SUCCESS;
         } catch (const CORBA::Exception& e) {
             DISC_LOG(
@@ -197,7 +116,7 @@ DiscoveryResult DiscoveryService_i::putCollection(const Remote::Discovery& disco
             if (CORBA::is_nil(narrowed))
                 throw CORBA::INV_OBJREF();
             writer = narrowed._retn();
-            (void)servant._retn(); // close drops this reference
+            (void)servant._retn(); // RemoteWriter_i::close drops this reference
             return result;
         } catch (const CORBA::Exception& e) {
             DISC_LOG(1, "Caught CORBA exception creating object reference to remote writer");
@@ -233,7 +152,8 @@ void DiscoveryService_i::registerExplorer(const char* sourceServiceName, const c
             new RemoteExplorerPull(serviceName, host, subjectName, authorityName, authType));
         const Subject of(subjectName.utf8());
         const Authority by(authorityName.utf8(), authType);
-        // A negative priority becomes a very large one, as it always has.
+        // Compat(register-negative): peers may register with a negative priority. It becomes a very
+        // large one.
         getDiscoveryRepository()->registerExplorer(
             &of, explorer.get(), static_cast<unsigned int>(static_cast<int>(priority)), &by, false);
     });
@@ -248,6 +168,7 @@ CORBA::Boolean DiscoveryService_i::terminate()
             DISC_LOG(1, "Unable to retrieve the OrbService instance");
             return false;
         }
+        // Compat(terminate-true): peers get true at once, and the service stops after the answer.
         service->stopByEvent(false);
         return true;
     });

@@ -32,4 +32,12 @@ void removeFromEvictor(PortableServer::ObjectId_var& id, Orb& orb)
     orb.getEvictor().removeObject(id.in(), true, true);
 }
 
+void deactivateQuietly(PortableServer::POA_ptr poa, const PortableServer::ObjectId& id)
+{
+    try {
+        poa->deactivate_object(id);
+    } catch (const CORBA::Exception&) {
+    }
+}
+
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote

@@ -15,7 +15,7 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "DiscoveryService_i";
 
-/// The writers whose clients have yet to close them.
+/// The activated writers that no client has closed yet.
 struct OpenWriters
 {
     std::mutex mutex;
@@ -103,14 +103,14 @@ DiscoveryResult RemoteWriter_i::close()
 {
     return servantOperation("RemoteWriter_i::close", [this]() -> DiscoveryResult {
         DISC_TRACE("RemoteWriter_i::close");
-        // A second close that was under way with the first finds everything dropped.
+        // A second close may have waited for the first one. It finds no record.
         if (!TLX_ASSERT_AS(m_discovery, "NULL != m_discovery") && m_closed)
             return {DS_OPEN_FAILED, 0};
         m_closed = true;
         DiscoveryResult result{DS_OPEN_FAILED, 0};
         if (m_discovery)
             result = m_discovery->persist();
-        m_discovery.reset(); // and with it the record's lock
+        m_discovery.reset(); // releases the record's lock
         if (isSuccess(result))
             countService(ServiceCounter::RECORDS_STORED);
         if (Orb* orb = getDiscoveryRepository()->getOrb())

@@ -13,8 +13,8 @@ class DiscoveryRepository;
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote {
 
-/// Made and opened by the service's servant, activated, and ended by its client's close: the
-/// reference of its creation is dropped there. Requests from the wire come one at a time.
+/// DiscoveryService_i creates, opens and activates a writer. The client's close ends it and drops
+/// the reference of its creation. Requests from the wire come one at a time.
 class RemoteWriter_i
     : public SerialServant<POA_Veltrane::Quillmark::Tlx::DiscoverySvc::Remote::RemoteWriter>,
       public virtual PortableServer::RefCountServantBase
@@ -26,18 +26,18 @@ class RemoteWriter_i
     CORBA::Boolean put(const CollectionDataSeq& data) override;
     DiscoveryResult close() override;
 
-    /// Makes the local record and opens it for update; before activation.
+    /// Makes the local record and opens it for update. Call it before the activation.
     virtual DiscoveryResult open();
 
-    /// Where the record goes; a derived writer may store elsewhere.
+    /// The repository that stores the record. A derived writer may return another one.
     virtual DiscoveryRepository* getDiscoveryRepository() const;
 
-    /// Tells the writer, now activated, its own reference, which it takes over and destroys in
-    /// close.
+    /// Gives the activated writer its own object reference. The writer becomes its owner and
+    /// destroys it in close.
     void setObjectReference(CORBA::Object_ptr reference);
 
-    /// Drops the creation reference of every activated writer that was not closed, and with it what
-    /// it has written so far. For the stop, when no request can reach a writer any more.
+    /// Drops the creation reference of every activated writer that was not closed, and so its
+    /// unfinished record. Call it during the stop, when requests can no longer reach a writer.
     static void abandonAll();
 
   private:

@@ -1,4 +1,4 @@
-// The payload files of the store, and the lock on its directory.
+// The payload files of the store, and the lock on "Update.lock".
 
 #include <cerrno>
 
@@ -69,7 +69,7 @@ bool DBCollectionData::openTemporary()
     const TlxPathname directory = m_path.directory();
     m_cleanupLock.reset();
     m_cleanupLock = std::make_unique<CleanupLock>(directory.c_str(), CleanupLock::LM_SHARED);
-    // Without it a clean-up could delete what is written here.
+    // Without the lock a clean-up could delete the new file.
     if (!m_cleanupLock->isLocked()) {
         m_cleanupLock.reset();
         return false;
@@ -77,6 +77,8 @@ bool DBCollectionData::openTemporary()
     m_finalPath = std::make_unique<TlxPathname>(m_path);
     for (unsigned attempt = 0; attempt < MAX_TEMPORARY_NAMES; ++attempt) {
         const TlxPathname path = directory.withFileName(std::to_string(attempt) + ".updating");
+        // Compat(log-payload): log readers know "collecation", two lines for each attempt, and
+        // "Last error" without a blank before the number.
         DISC_LOG(4, "Attempting collecation data file " << path);
         DISC_LOG(4, "Opening collection file: " << path);
         auto file = openFile(path, O_WRONLY | O_CREAT | O_EXCL, 0);
@@ -94,13 +96,13 @@ bool DBCollectionData::openTemporary()
 
 bool DBCollectionData::openStored()
 {
-    // A writer of this record in this process is between deleting the old payload and renaming the
-    // new one at most while it holds the gate; writers in other processes wait for our lock.
+    // A writer deletes the old payload and then renames the new one. The gate keeps this process's
+    // writers out of that gap, and our lock keeps the writers of other processes out.
     std::unique_ptr<FileGate> gate;
     if (m_recordLock)
         gate = std::make_unique<FileGate>(*m_recordLock);
     DISC_LOG(4, "Opening collection file: " << m_path);
-    // Not to wait for the writer of a pipe that somebody left here.
+    // O_NONBLOCK: if the name is a pipe, the open must not wait for its writer.
     auto file = openFile(m_path, O_RDONLY | O_NONBLOCK);
     struct stat status = {};
     if (file && (::fstat(file->get(), &status) != 0 || !S_ISREG(status.st_mode)))
@@ -133,8 +135,7 @@ bool DBCollectionData::writeCollection(std::size_t length, const void* buffer) c
     if (written)
         return true;
     DISC_LOG(1, "Unable to write " << m_path << ", error " << written.error().value());
-    // The payload is lost. Its writer may leave it open: empty, it does not fill the disk
-    // meanwhile.
+    // The payload is lost, and its writer may keep it open for long. Free the disk space now.
     (void)!::ftruncate(m_file.get(), 0);
     m_spoilt = true;
     return false;
@@ -144,7 +145,7 @@ bool DBCollectionData::persist(const TlxPathname& target)
 {
     DISC_TRACE("DBCollectionData::persist");
     if (m_spoilt) {
-        cleanup(); // deleted while the lock that protects it is held
+        cleanup(); // deletes the file while m_cleanupLock still protects it
         return false;
     }
     if (!m_file.isOpen())
@@ -152,11 +153,11 @@ bool DBCollectionData::persist(const TlxPathname& target)
     const std::unique_ptr<CleanupLock> cleanupLock = std::move(m_cleanupLock);
     if (!TLX_ASSERT_AS(m_file.isOpen(), "ACE_INVALID_HANDLE != m_handle"))
         return false;
-    // What is open for reading is a stored payload, and not to be moved about.
+    // A file that is open for reading is a stored payload. It must not move.
     if (!TLX_ASSERT(m_mode == OM_UPDATE))
         return false;
-    m_spoilt = true; // until all of it succeeded
-    // Otherwise a power cut could leave the name on a file without its bytes.
+    m_spoilt = true; // until every step has succeeded
+    // Without this sync a power cut could leave the final name on a file without its bytes.
     const bool synced = ::fsync(m_file.get()) == 0;
     if (!synced)
         DISC_LOG(1, "Unable to sync " << m_path << ", error " << errno);
@@ -164,6 +165,8 @@ bool DBCollectionData::persist(const TlxPathname& target)
     if (!synced)
         return false;
 
+    // Compat(delete-then-rename): log readers expect both lines in each put, and a deletion that
+    // fails in the first put.
     if (::unlink(target.c_str()) == 0)
         DISC_LOG(4, "Deleted file: " << target);
     else
@@ -175,7 +178,7 @@ bool DBCollectionData::persist(const TlxPathname& target)
     DISC_LOG(1, "Successfully renamed " << m_path << " to " << target);
     m_finalPath.reset();
     m_path = target;
-    // The names of both of the record's files are in this directory.
+    // This makes the names of both files of the record durable.
     if (const auto named = syncDirectory(target.directory()); !named) {
         DISC_LOG(1, "Unable to sync " << target.directory() << ", error " << named.error().value());
         return false;
@@ -189,7 +192,7 @@ bool DBCollectionData::cleanup()
     DISC_TRACE("DBCollectionData::cleanup");
     if (m_file.isOpen()) {
         (void)TLX_ASSERT_AS(m_file.close(), "0 == ACE_OS::close(m_handle)");
-        // What is open for reading is the stored payload.
+        // A file that is open for reading is the stored payload.
         if (m_mode == OM_UPDATE) {
             if (::unlink(m_path.c_str()) == 0)
                 DISC_LOG(1, "Deleted file: " << m_path);
@@ -208,6 +211,7 @@ bool DBCollectionData::expire() const
 {
     DISC_TRACE("DBCollectionData::expire");
     if (::unlink(m_path.c_str()) == 0) {
+        // Compat(log-payload): log readers know "colllection".
         DISC_LOG(4, "Deleted colllection: " << m_path);
         return true;
     }

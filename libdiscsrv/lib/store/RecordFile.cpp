@@ -2,18 +2,18 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-RecordFile::Outcome RecordFile::open(const TlxPathname& path, int flags, LockLevel level)
+tl::expected<LockedFile, LockFailure> openRecordFile(const TlxPathname& path, int flags,
+                                                     LockLevel level)
 {
-    m_file.reset();
-    // Records are created with permissions 0: the store is its owner's alone, and the owner runs
-    // with the privilege to open them.
-    auto opened = openLocked(path, flags, 0, level, LockWait::WAIT);
-    if (opened) {
-        m_file.emplace(std::move(*opened));
-        return READY;
-    }
-    errno = opened.error().error.value();
-    return opened.error().step == LockFailure::OPENING ? CANNOT_OPEN : CANNOT_LOCK;
+    // Compat(permissions-none): stores hold files with permissions 0. Only their owner, which has
+    // the privilege to ignore permissions, can open them.
+    constexpr mode_t PERMISSIONS = 0;
+    return openLocked(path, flags, PERMISSIONS, level, LockWait::WAIT);
+}
+
+const char* messageOf(const LockFailure& failure)
+{
+    return failure.step == LockFailure::OPENING ? "Unable to open " : "Unable to lock ";
 }
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -6,7 +6,7 @@ import time
 
 import pytest
 
-from lab.stage import wait_until_stored
+from lab.stage import wait_until_pushed, wait_until_stored
 from records import ANY, get, subjects
 
 LIBRARY = pathlib.Path("/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1")
@@ -34,7 +34,9 @@ def test_a_client_registers_pushes_and_is_pulled(stage, off):
     stage.start(stage.master)
     began = time.time()
     stage.start(client, environment=off_by(off))
-    wait_until_stored(client, stage.master)
+    # Afterwards nobody pushes, so all the questions below have one answer.
+    for host in (client, stage.master):
+        wait_until_pushed(host, stage.master)
     # The time is the client's, and the record is valid on the master all the same.
     assert began + off - 1 <= made_at(stage.master, str(client)) <= time.time() + off + 1
     service = stage.service(stage.master)

@@ -24,12 +24,14 @@ using namespace Tlx::DiscoverySvc;
 
 struct MountTableTest : testing::Test
 {
-    /// The mount points of a table, without the excluded ones.
+    /// Reads a table and returns its mount points without the excluded ones.
     std::vector<std::string> mounts(const std::string& table, const std::string& excluded)
     {
         const std::string file = directory.path("mountinfo");
         QmTest::writeFile(file, table);
-        EXPECT_TRUE(readMountTable(file, Exclusion(excluded), read, error)) << error;
+        const auto result = readMountTable(file, Exclusion(excluded));
+        EXPECT_TRUE(result) << result.error();
+        read = result.value_or(std::vector<FileSystem>());
         std::vector<std::string> places;
         for (const FileSystem& each : read)
             places.push_back(each.mount);
@@ -38,7 +40,6 @@ struct MountTableTest : testing::Test
 
     const QmTest::TemporaryDirectory directory;
     std::vector<FileSystem> read;
-    std::string error;
 };
 
 constexpr const char* TABLE = "21 1 8:1 / / rw,relatime - ext4 /dev/sda1 rw,errors=remount-ro\n"
@@ -87,14 +88,16 @@ TEST_F(MountTableTest, OfSeveralOnOnePlaceTheLastOneCounts)
 
 TEST_F(MountTableTest, ATableThatCannotBeReadIsSaid)
 {
-    EXPECT_FALSE(readMountTable("/nowhere/mountinfo", Exclusion("pseudo"), read, error));
-    EXPECT_EQ(error, "cannot read /nowhere/mountinfo: No such file or directory");
+    const auto result = readMountTable("/nowhere/mountinfo", Exclusion("pseudo"));
+    ASSERT_FALSE(result);
+    EXPECT_EQ(result.error(), "cannot read /nowhere/mountinfo: No such file or directory");
 }
 
 TEST_F(MountTableTest, TheKernelsTableIsRead)
 {
-    ASSERT_TRUE(readMountTable("/proc/self/mountinfo", Exclusion("none"), read, error)) << error;
-    EXPECT_FALSE(read.empty());
+    const auto result = readMountTable("/proc/self/mountinfo", Exclusion("none"));
+    ASSERT_TRUE(result) << result.error();
+    EXPECT_FALSE(result->empty());
 }
 
 TEST(FileSystemDocumentTest, HasAnItemForEach)

@@ -16,6 +16,7 @@ struct RemoteQueriesTest : testing::Test
 {
     DiscoveryIterator* query(const char* master)
     {
+        const LogScope scope("caller");
         return forwardQuery(link, TlxHostname(master), DQ_DISCOVERY_DATA, "s", "a", AT_ANYANDALL);
     }
     PeerLink link;
@@ -28,7 +29,7 @@ TEST_F(RemoteQueriesTest, WithoutAMasterNobodyIsAsked)
     EXPECT_EQ(query(""), nullptr);
     EXPECT_EQ(log.texts(1), Lines{"Cannot find master server name, abort connecting to master "
                                   "discovery service"});
-    EXPECT_EQ(log.lines()[0].operation, "DiscoveryRepository::queryRemoteDiscoveries");
+    EXPECT_EQ(log.lines()[0].operation, "caller");
     EXPECT_EQ(assertions.texts(), Lines{});
 }
 
