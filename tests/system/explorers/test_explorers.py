@@ -1,6 +1,7 @@
 """Explorers in a running daemon: what they store, what can be pulled, and what bad ones do."""
 
 import os
+import re
 import shutil
 import signal
 import socket
@@ -170,14 +171,18 @@ def test_the_command_line_lists_them(default_explorers, start, root):
 
 
 def test_an_expired_push_is_stored_again_by_the_next(default_explorers, start, root):
-    """A restart pushes at once; what it stored before is replaced."""
+    """A restart pushes at once. The push takes the place of a record that has expired meanwhile."""
     daemon = start(root)
     pushed(root, "master1")
     daemon.stop()
-    before = (root.store / "3 master1 master1.xml").read_bytes()
-    start(root)
+    metadata = root.store / "3 master1 master1.xml"
+    expired, count = re.subn("(?<=<ExpiresTime>)[0-9.]+", "1000.000000", metadata.read_text())
+    assert count == 1
+    metadata.write_text(expired)
+    service = start(root).client()
     pushed(root, "master1")
-    assert (root.store / "3 master1 master1.xml").read_bytes() != before
+    assert items(get(service, "master1", "master1", ANY))
+    assert "has expired" not in (root.path / "logs" / "qmdisco.log").read_text()
 
 
 def test_bad_plugins_are_named_and_keep_nobody_out(default_explorers, start, root):

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/Lines.h"
+
 #include <tlx/HostConfig.h>
 #include <tlx/OrbKeys.h>
 
@@ -17,8 +19,8 @@ namespace Veltrane::Quillmark {
 namespace {
 
 namespace ConfigKey = Tlx::ConfigKey;
+using QmTest::Lines;
 using Tlx::DeclaredKey;
-using Lines = std::vector<std::string>;
 
 struct ProductKeysTest : testing::Test
 {

@@ -1,4 +1,4 @@
-// A file system in an item: written, read back and matched against filters.
+// A file system in an item: how it is written, read back and filtered.
 
 #include "FileSystem.h"
 
@@ -6,9 +6,9 @@
 
 #include <sstream>
 
-#include "Capture.h"
 #include "libdiscsrv/ItemsFixture.h"
 #include "libdiscsrv/ServiceFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Explorers {
 namespace {
@@ -16,9 +16,9 @@ namespace {
 using namespace Tlx;
 using namespace Tlx::DiscoverySvc;
 
+using QmTest::Lines;
 using QmTest::LogCapture;
 using QmTest::readItems;
-using Lines = std::vector<std::string>;
 
 FileSystem home()
 {
@@ -56,7 +56,7 @@ TEST(FileSystemSourceTest, EveryFieldCanBeAskedAbout)
     EXPECT_FALSE(matches(home(), "colour = red"));
 }
 
-TEST(FileSystemSourceTest, SizesThatNobodyToldAreMissing)
+TEST(FileSystemSourceTest, UnknownSizesAreMissing)
 {
     EXPECT_FALSE(matches(share(), "size >= 0 or size < 0 or size != 0"));
     EXPECT_FALSE(matches(share(), "used >= 0"));
@@ -82,7 +82,7 @@ TEST(FileSystemSourceTest, PercentAreWholeAndRoundedDown)
     EXPECT_FALSE(full(5, 0, "0"));
 }
 
-TEST(FileSystemSourceTest, WhatCanBeAskedIsDescribedFieldByField)
+TEST(FileSystemSourceTest, EachFieldIsDescribed)
 {
     TlxQuery query;
     FileSystemSource::describe(query);
@@ -101,7 +101,7 @@ TEST(FileSystemSourceTest, WhatCanBeAskedIsDescribedFieldByField)
                      "options text", "size bytes", "used bytes", "full number", "readonly flag"}));
 }
 
-// In an item.
+// A file system in an item.
 
 std::string document(const std::string& item)
 {
@@ -118,7 +118,7 @@ std::string block(const FileSystem& fileSystem)
 class FileSystemItemTest : public testing::Test
 {
   protected:
-    /// The only item's file system; nothing when it has none.
+    /// The file system of the only item, null if it has none.
     std::optional<FileSystem> read(const std::string& item)
     {
         const auto items = readItems(document(item));
@@ -161,7 +161,7 @@ TEST_F(FileSystemItemTest, WhatItDoesNotKnowIsSkipped)
     EXPECT_EQ(back->used, 5u);
 }
 
-TEST_F(FileSystemItemTest, AnItemOfAnotherKindHasNone)
+TEST_F(FileSystemItemTest, AnItemOfAnotherKindHasNoFileSystem)
 {
     EXPECT_FALSE(read("<DISCOVERED Name='/x'/>"));
     EXPECT_FALSE(read("<DISCOVERED Name='/x'><ExplorerData Name='Other'>" + block(home()) +
@@ -170,7 +170,7 @@ TEST_F(FileSystemItemTest, AnItemOfAnotherKindHasNone)
                       "</ExplorerData></DISCOVERED>"));
 }
 
-/// Data of a plug-in that fails when it is to write itself.
+/// Data of a plug-in that fails to write itself.
 class ThrowingData : public virtual ExplorerData
 {
   public:
@@ -198,7 +198,7 @@ class ThrowingParser : public virtual ExplorerDataParser
     const char* getExplorerParserName() const override { return FILE_SYSTEMS_EXPLORER; }
 };
 
-TEST_F(FileSystemItemTest, DataThatThrowsIsNoneAndALogLine)
+TEST_F(FileSystemItemTest, DataThatThrowsYieldsNoFileSystemAndALogLine)
 {
     const AutoDereference<ExplorerDataParser> parser(new ThrowingParser);
     getDiscoveryRepository()->registerExplorerParser(FILE_SYSTEMS_EXPLORER, parser.get());

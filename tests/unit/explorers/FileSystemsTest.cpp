@@ -11,10 +11,11 @@
 #include <FilterParameters.h>
 #include <tlx/HostConfig.h>
 
-#include "Capture.h"
 #include "FileSystemData.h"
 #include "FileSystemDocument.h"
 #include "FileSystemExplorers.h"
+#include "support/Capture.h"
+#include "support/TemporaryDirectory.h"
 
 namespace Veltrane::Quillmark::Explorers {
 namespace {
@@ -23,19 +24,11 @@ using namespace Tlx::DiscoverySvc;
 
 struct MountTableTest : testing::Test
 {
-    MountTableTest()
-    {
-        std::string name = (std::filesystem::temp_directory_path() / "qmtest.XXXXXX").string();
-        EXPECT_NE(::mkdtemp(name.data()), nullptr);
-        directory = name;
-    }
-    ~MountTableTest() override { std::filesystem::remove_all(directory); }
-
     /// Reads a table and returns its mount points without the excluded ones.
     std::vector<std::string> mounts(const std::string& table, const std::string& excluded)
     {
-        const std::string file = directory / "mountinfo";
-        std::ofstream(file) << table;
+        const std::string file = directory.path("mountinfo");
+        QmTest::writeFile(file, table);
         const auto result = readMountTable(file, Exclusion(excluded));
         EXPECT_TRUE(result) << result.error();
         read = result.value_or(std::vector<FileSystem>());
@@ -45,7 +38,7 @@ struct MountTableTest : testing::Test
         return places;
     }
 
-    std::filesystem::path directory;
+    const QmTest::TemporaryDirectory directory;
     std::vector<FileSystem> read;
 };
 
@@ -62,7 +55,7 @@ TEST_F(MountTableTest, PseudoFileSystemsAreLeftOut)
               (std::vector<std::string>{"/", "/mnt/a b", "/mnt/server", "/var/lib/c"}));
 }
 
-TEST_F(MountTableTest, WhatIsLeftOutIsAList)
+TEST_F(MountTableTest, TheExclusionIsAList)
 {
     EXPECT_EQ(mounts(TABLE, "none").size(), 6u);
     EXPECT_EQ(mounts(TABLE, " pseudo , nfs4,xfs ,").size(), 2u);
@@ -70,7 +63,7 @@ TEST_F(MountTableTest, WhatIsLeftOutIsAList)
               (std::vector<std::string>{"/", "/proc", "/mnt/a b", "/mnt/server", "/var/lib/c"}));
 }
 
-TEST_F(MountTableTest, AFileSystemIsWhatTheTableTells)
+TEST_F(MountTableTest, AFileSystemHasTheValuesOfTheTable)
 {
     mounts(TABLE, "pseudo");
     EXPECT_EQ(read[0].device, "/dev/sda1");
@@ -193,7 +186,7 @@ TEST(FileSystemDataTest, ABlockWithoutDeviceOrTypeIsNotParsed)
     EXPECT_FALSE(block.data->isParsed());
 }
 
-TEST(FileSystemDocumentTest, TellsWhatCanBeAsked)
+TEST(FileSystemDocumentTest, DescribesTheFieldsOfAFilter)
 {
     std::ostringstream out;
     writeFilterDocument(out);
@@ -223,7 +216,7 @@ TEST(FileSystemExplorersTest, WithoutARepositoryAPushFails)
     EXPECT_EQ(pullSubject("cl5"), "cl5/now");
 }
 
-/// Keeps what a pull writes.
+/// Keeps the data that a pull writes.
 struct Pulled : CollectionData
 {
     bool open(OpenMode mode, const char* argument) override
@@ -249,7 +242,7 @@ struct FileSystemPullTest : testing::Test
     {
         Tlx::HostConfig::instance().readText("FILESYSTEM_EXCLUDE = none\n", "qm.conf");
     }
-    /// The items' names of what is pulled with a text.
+    /// The names of the items that a pull with this text yields.
     std::vector<std::string> pull(const std::string& text)
     {
         const Tlx::AutoDereference<FileSystemPull> explorer(new FileSystemPull);
@@ -303,7 +296,7 @@ TEST_F(FileSystemPullTest, ATextThatIsNoFilterFailsThePull)
 {
     EXPECT_EQ(pull("mount = /"), std::vector<std::string>());
     EXPECT_FALSE(answer);
-    // The first line is the XML reader's, with the place.
+    // The XML reader logs the first line, with the place.
     ASSERT_EQ(log.texts(1).size(), 2u);
     EXPECT_EQ(log.texts(1)[1], "The filter is no document of filter parameters with a query");
     log.clear();

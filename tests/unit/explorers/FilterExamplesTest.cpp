@@ -7,10 +7,10 @@
 #include <DiscoveredItems.h>
 #include <FilterParameters.h>
 
-#include "Capture.h"
-#include "Documentation.h"
 #include "FileSystemDocument.h"
 #include "FileSystemExplorers.h"
+#include "support/Capture.h"
+#include "support/Documentation.h"
 
 namespace Veltrane::Quillmark::Explorers {
 namespace {
@@ -127,7 +127,7 @@ TEST_F(FilterExamplesTest, QueriesAndTheirDescriptions)
     EXPECT_EQ(written(*description.query), QmTest::onOneLine(example));
 }
 
-TEST_F(FilterExamplesTest, WhatCanBeFilteredBy)
+TEST_F(FilterExamplesTest, TheDescriptionOfTheFilterFields)
 {
     const std::string example = QmTest::onOneLine(theExample("What can be filtered by"));
     std::ostringstream out;

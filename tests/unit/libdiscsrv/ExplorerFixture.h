@@ -1,5 +1,5 @@
 #pragma once
-// Explorers and repositories of the tests' own.
+// Explorers, a repository and a reactor for tests.
 
 #include <atomic>
 #include <functional>
@@ -25,7 +25,7 @@ namespace Disc = Veltrane::Quillmark::Tlx::DiscoverySvc;
 
 using Calls = std::vector<std::string>;
 
-/// Records what is asked of it, and does what the test says.
+/// Records its calls, and does what the test says.
 class FakePush : public virtual Disc::ExplorerPush
 {
   public:
@@ -36,12 +36,16 @@ class FakePush : public virtual Disc::ExplorerPush
     {
         calls.push_back("start " + subject.getSubject().utf8() + " of " +
                         authority.getName().utf8());
+        if (onStart)
+            onStart();
     }
     void stopExploration(const Disc::Authority& authority, const Disc::Subject& subject,
                          Tlx::AutoDereference<Tlx::TLXRefCounted>&) override
     {
         calls.push_back("stop " + subject.getSubject().utf8() + " of " +
                         authority.getName().utf8());
+        if (onStop)
+            onStop();
     }
     const char* getExplorerName() const override { return m_name.c_str(); }
     bool pushCollection(const Disc::Authority& authority, const Disc::Subject& subject,
@@ -59,6 +63,8 @@ class FakePush : public virtual Disc::ExplorerPush
 
     Calls calls;
     std::vector<Disc::CollectionAttributes> attributes;
+    std::function<void()> onStart;
+    std::function<void()> onStop;
     std::function<void(Disc::DiscoveryFactory*, Disc::DiscoveryResult&)> onPush;
     bool answer = true;
 
@@ -97,7 +103,7 @@ class FakePull : public virtual Disc::ExplorerPull
     ~FakePull() override = default;
 };
 
-/// A repository that is where the test says.
+/// A repository on a master or a client, as the test says.
 class FakeRepository : public Disc::DiscoveryRepository
 {
   public:
@@ -128,7 +134,7 @@ class FakeRepository : public Disc::DiscoveryRepository
         const Disc::Authority by(authority, type);
         registerExplorer(&of, &explorer, priority, &by, true);
     }
-    /// "subject/authority priority" of each entry, in the set's order.
+    /// "subject/authority priority" of each entry, in the order of the set.
     static Calls entries(const Disc::ExplorerSet& set)
     {
         Calls names;
@@ -145,7 +151,7 @@ class FakeRepository : public Disc::DiscoveryRepository
     ~FakeRepository() override = default;
 };
 
-/// A reactor without a thread, whose time passes when the test says so.
+/// A reactor without a thread. The test makes its time pass.
 class FakeReactor
 {
   public:
@@ -159,7 +165,7 @@ class FakeReactor
     FakeReactor(const FakeReactor&) = delete;
     FakeReactor& operator=(const FakeReactor&) = delete;
 
-    /// Lets time pass and runs what is due; how many timers ran.
+    /// Lets time pass and runs the timers that are due. Returns how many ran.
     int pass(long seconds)
     {
         s_now += seconds;
@@ -169,7 +175,7 @@ class FakeReactor
             ++count;
         return count;
     }
-    /// How many schedules there are.
+    /// The number of scheduled runs.
     int scheduled()
     {
         int count = 0;

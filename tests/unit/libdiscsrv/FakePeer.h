@@ -1,33 +1,39 @@
 #pragma once
-// Another host's service, in a process of its own: it answers as the names in a request say.
+// The service of another host, in a process of its own. The subject of a request selects the
+// answer:
 //
-//     queryDiscoveries    by the subject: "records-N" yields N records, "nil" nil, "throw"
-//     NO_MEMORY,
-//                         "throw-page" fails on the second page, "nameless" a record without a
-//                         subject, "endless" never ends, "vanish" ends the peer on the second
-//                         page, otherwise one record of that subject
-//     getCollectionData   by the subject: "bytes-N" has N bytes in pages of 8, "page-N" one page of
-//                         N bytes, "tail-N-M" N bytes in pages of 8 and one of M, "none"
-//                         DS_NONE_FOUND, "nil" success and nil, "throw" NO_MEMORY, "throw-page"
-//                         fails on the second page
-//     putCollection       by the subject: "refuse" DS_DATA_EXISTS, "throw" NO_MEMORY, "bad-put"
-//                         answers false from the second put on, "throw-put", "throw-close" fail
-//     registerExplorer    by the subject: "throw" NO_MEMORY, "hold" returns once
-//     restartLocalPushTimer
-//                         was called
-//
-// What it was asked is the payload of the subject "log".
+//     queryDiscoveries    "records-N"    N records
+//                         "nil"          a nil iterator
+//                         "throw"        NO_MEMORY
+//                         "throw-page"   the second page fails
+//                         "nameless"     a record without a subject
+//                         "endless"      a list without end
+//                         "vanish"       the peer ends on the second page
+//                         any other      one record of that subject
+//     getCollectionData   "bytes-N"      N bytes in pages of 8
+//                         "page-N"       one page of N bytes
+//                         "tail-N-M"     N bytes in pages of 8 and one page of M bytes
+//                         "none"         DS_NONE_FOUND
+//                         "nil"          success and a nil iterator
+//                         "throw"        NO_MEMORY
+//                         "throw-page"   the second page fails
+//                         "log"          the requests that the peer got
+//     putCollection       "refuse"       DS_DATA_EXISTS
+//                         "throw"        NO_MEMORY
+//                         "bad-put"      put returns false from the second call on
+//                         "throw-put"    put fails
+//                         "throw-close"  close fails
+//     registerExplorer    "throw"        NO_MEMORY
+//                         "hold"         returns after a call of restartLocalPushTimer
 
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <csignal>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -35,6 +41,7 @@
 #include <tlx/Orb.h>
 
 #include "DiscoveryService_i.h"
+#include "support/PeerProcess.h"
 
 namespace QmTest {
 
@@ -45,7 +52,7 @@ namespace Skeleton = POA_Veltrane::Quillmark::Tlx::DiscoverySvc::Remote;
 
 namespace FakePeerDetail {
 
-inline std::mutex g_mutex; // over what is below
+inline std::mutex g_mutex; // guards the variables below
 inline std::string g_log;
 inline bool g_released = false;
 inline std::condition_variable g_release;
@@ -62,7 +69,7 @@ inline std::string noted()
     return g_log;
 }
 
-/// "PREFIX-N" -> N; -1 for anything else.
+/// N of "PREFIX-N", -1 for any other text.
 inline long countOf(const std::string& name, const std::string& prefix)
 {
     return name.rfind(prefix + "-", 0) == 0 ? std::atol(name.c_str() + prefix.size() + 1) : -1;
@@ -143,7 +150,7 @@ class Data : public Skeleton::CollectionDataIterator
     const std::string m_bytes;
     const std::size_t m_page;
     const bool m_fails;
-    const std::size_t m_tail; ///< so many bytes at the end come as one page
+    const std::size_t m_tail; ///< the number of bytes at the end that are one page
     std::size_t m_sent = 0;
 };
 
@@ -280,7 +287,7 @@ class Stranger : public Skeleton::RemoteWriter
     Disc::DiscoveryResult close() override { return {Disc::DS_SUCCESS, 0}; }
 };
 
-/// An object that is there and cannot say what it is.
+/// An object that fails when it is asked for its type.
 class Nameless : public Stranger
 {
   public:
@@ -289,8 +296,8 @@ class Nameless : public Stranger
 
 } // namespace FakePeerDetail
 
-/// Made before anything of the ORB in this process, which it is forked from.
-class FakePeer
+/// Make it before anything of the ORB in this process.
+class FakePeer : public PeerProcess
 {
   public:
     enum Kind
@@ -298,40 +305,15 @@ class FakePeer
         SERVICE,
         BROKEN,   ///< cannot push
         STRANGER, ///< advertises something else under the service's name
-        NAMELESS  ///< so does this one, which fails when it is asked what it is
+        NAMELESS  ///< advertises an object that fails when it is asked for its type
     };
     explicit FakePeer(Kind kind = SERVICE)
+        : PeerProcess([kind](const std::string&) { return serve(kind); }), endpoint(ask("serve"))
     {
-        int ends[2];
-        EXPECT_EQ(::pipe(ends), 0);
-        m_pid = ::fork();
-        if (m_pid == 0) {
-            ::close(ends[0]);
-            serve(ends[1], kind);
-        }
-        ::close(ends[1]);
-        char text[100] = {};
-        EXPECT_GT(::read(ends[0], text, sizeof text - 1), 0);
-        ::close(ends[0]);
-        endpoint = text;
     }
     ~FakePeer() { kill(); }
-    FakePeer(const FakePeer&) = delete;
-    FakePeer& operator=(const FakePeer&) = delete;
 
-    void kill()
-    {
-        if (m_pid <= 0)
-            return;
-        ::kill(m_pid, SIGKILL);
-        ::waitpid(m_pid, nullptr, 0);
-        m_pid = -1;
-    }
-
-    /// It accepts connections and answers nobody any more.
-    void silence() { ::kill(m_pid, SIGSTOP); }
-
-    std::string endpoint;
+    const std::string endpoint;
 
   private:
     static CORBA::Object_ptr activate(Tlx::Orb& orb, Kind kind)
@@ -347,21 +329,15 @@ class FakePeer
             return orb.activateServant(new FakePeerDetail::Service);
         }
     }
-    [[noreturn]] static void serve(int out, Kind kind)
+    /// The endpoint of the service. The ORB lives as long as the process.
+    static std::string serve(Kind kind)
     {
-        ::alarm(100); // no test takes that long
-        Tlx::Orb orb(false, "127.0.0.1:0", "DiscoveryService", false, 16);
+        static Tlx::Orb orb(false, "127.0.0.1:0", "DiscoveryService", false, 16);
         const CORBA::Object_var object = activate(orb, kind);
         orb.advertiseObject("DiscoveryService", object);
         orb.serveRequests();
-        const std::string text = orb.getEndpoint();
-        (void)!::write(out, text.data(), text.size());
-        ::close(out);
-        for (;;)
-            ::pause();
+        return orb.getEndpoint();
     }
-
-    pid_t m_pid = -1;
 };
 
 } // namespace QmTest

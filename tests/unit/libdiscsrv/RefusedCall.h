@@ -1,6 +1,5 @@
 #pragma once
-// System calls that fail, for what a healthy machine does not do on demand: a lock or a sync that
-// the kernel refuses, a disk that breaks.
+// System calls that fail on demand: a lock or a sync that the kernel refuses, a disk that breaks.
 
 #include <cstddef>
 #include <cstdio>
@@ -11,17 +10,18 @@
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+
+#include "support/ChildProcess.h"
 
 namespace QmTest {
 
 constexpr int CANNOT_REFUSE = 77;
 
-/// From now on this process's calls of a number (__NR_...) fail with an error when the argument
-/// (from 0) is one of the values. It cannot be taken back: only inside QM_IN_CHILD.
+/// From now on a system call (__NR_...) of this process fails with the error, if its argument
+/// (counted from 0) is one of the values. This is final, so use it inside QM_IN_CHILD only.
 inline void refuseCalls(unsigned number, unsigned argument, const std::vector<unsigned>& values,
                         unsigned error)
 {
@@ -49,27 +49,21 @@ inline void refuseCalls(unsigned number, unsigned argument, const std::vector<un
         ::_exit(CANNOT_REFUSE);
 }
 
-/// Runs a test's body in a forked child; 0 when every expectation held.
+/// Runs a test's body in a forked child. Returns 0 if every expectation held.
 inline int runInChild(const std::function<void()>& body)
 {
-    std::fflush(nullptr);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::alarm(60);
+    ChildProcess child([&body] {
         body();
-        std::fflush(nullptr);
-        ::_exit(testing::Test::HasFailure() ? 1 : 0);
-    }
-    int status = 0;
-    if (child < 0 || ::waitpid(child, &status, 0) != child || !WIFEXITED(status))
-        return -1;
-    return WEXITSTATUS(status);
+        std::fflush(nullptr); // the failures
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    return child.exitCode();
 }
 
 } // namespace QmTest
 
-/// Runs a function in a child process and expects all in it to hold. Skips the test where the
-/// machine lets no calls be refused.
+/// Runs a function in a child process and expects that its expectations hold. Skips the test if
+/// this machine cannot refuse system calls.
 #define QM_IN_CHILD(body)                                                                          \
     do {                                                                                           \
         const int qmResult = ::QmTest::runInChild(body);                                           \

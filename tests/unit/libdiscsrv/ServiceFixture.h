@@ -1,7 +1,6 @@
 #pragma once
-// A service of the test's own: a temporary root, this host as its master, an ORB on the loopback.
+// A service in this process: a temporary root, this host as its master, an ORB on the loopback.
 
-#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -16,39 +15,20 @@
 #include "DiscDB.h"
 #include "DiscoveryFramework.h"
 #include "DiscoveryRepository.h"
+#include "support/TemporaryDirectory.h"
 
 namespace QmTest {
 
 namespace Tlx = Veltrane::Quillmark::Tlx;
 namespace Disc = Veltrane::Quillmark::Tlx::DiscoverySvc;
 
-/// A directory that goes with the object.
-class TemporaryDirectory
-{
-  public:
-    TemporaryDirectory()
-    {
-        std::string name = (std::filesystem::temp_directory_path() / "qmtest.XXXXXX").string();
-        EXPECT_NE(::mkdtemp(name.data()), nullptr);
-        m_path = name;
-    }
-    ~TemporaryDirectory() { std::filesystem::remove_all(m_path); }
-    TemporaryDirectory(const TemporaryDirectory&) = delete;
-    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-    const std::filesystem::path& path() const { return m_path; }
-
-  private:
-    std::filesystem::path m_path;
-};
-
-/// Records are created with permissions 0: without the privilege to open them again nothing here
-/// can run.
+/// Records are created with permissions 0. These tests need the privilege to open them again.
 inline bool mayOpenRecords()
 {
     return ::geteuid() == 0;
 }
 
-/// The repository of this process with a framework behind it. One a process.
+/// The repository of this process, with a framework. Each process can have one.
 class Service
 {
   public:

@@ -1,45 +1,20 @@
 #pragma once
 // A store in a temporary directory, and its records.
 
-#include <fstream>
-#include <sstream>
+#include <algorithm>
+#include <filesystem>
 #include <string>
 #include <vector>
-
-#include <dirent.h>
-#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
 #include "ServiceFixture.h"
+#include "support/Descriptors.h"
+#include "support/TemporaryDirectory.h"
 
 namespace QmTest {
 
-inline std::string contentOf(const std::filesystem::path& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
-inline void writeFile(const std::filesystem::path& path, const std::string& content)
-{
-    std::ofstream(path, std::ios::binary) << content;
-}
-
-/// The descriptor under which this process has a file open, -1 for none.
-inline int descriptorOf(const std::filesystem::path& path)
-{
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        std::error_code gone;
-        if (std::filesystem::read_symlink(entry.path(), gone) == path && !gone)
-            return std::stoi(entry.path().filename().string());
-    }
-    return -1;
-}
-
-/// What a record is made from.
+/// The values of a record.
 struct RecordOf
 {
     std::string subject = "cl5";
@@ -69,7 +44,7 @@ class Store : public testing::Test
     std::string dir() const { return m_directory.path().string(); }
     std::filesystem::path path(const std::string& name) const { return m_directory.path() / name; }
 
-    /// A new record, its attributes set.
+    /// A new record with its attributes.
     static Tlx::AutoDereference<Disc::DBDiscovery> make(const RecordOf& of)
     {
         Tlx::AutoDereference<Disc::DBDiscovery> record(dynamic_cast<Disc::DBDiscovery*>(
@@ -96,7 +71,7 @@ class Store : public testing::Test
         return Tlx::AutoDereference<Disc::DBDiscovery>(dynamic_cast<Disc::DBDiscovery*>(
             Disc::getDiscoveryDBDatabase()->getDiscovery(fileName.c_str())));
     }
-    /// All of a payload; "?" when it cannot be opened.
+    /// The whole payload, "?" if it cannot be opened.
     static std::string read(Disc::Discovery& record)
     {
         if (!isSuccess(record.open(Disc::OM_READ, "")))
@@ -138,7 +113,5 @@ class Store : public testing::Test
   private:
     TemporaryDirectory m_directory;
 };
-
-using Lines = std::vector<std::string>;
 
 } // namespace QmTest

@@ -1,5 +1,5 @@
-// A plug-in that writes a line for each of its entry points that is called into the file that
-// QM_PLUGIN_CALLS names: "NAME ENTRY POINTER".
+// A plug-in that logs the calls of its entry points. It appends a line "NAME ENTRY POINTER" to the
+// file that QM_PLUGIN_CALLS names.
 
 #include <chrono>
 #include <cstdio>

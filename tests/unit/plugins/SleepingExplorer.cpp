@@ -1,4 +1,4 @@
-// Explorers that take their time: two seconds, or what QM_SLEEPER_SECONDS says.
+// Explorers that sleep in each call: two seconds, or as many as QM_SLEEPER_SECONDS states.
 
 #include <chrono>
 #include <cstdlib>

@@ -1,5 +1,5 @@
 #pragma once
-// A service that writes down which hooks are called, and does in them what a test says.
+// A service that records the calls of its hooks, and does in them what the test says.
 
 #include <functional>
 #include <map>
@@ -11,7 +11,7 @@
 
 namespace QmTest {
 
-/// What happens in the service, and what has happened; outlives it.
+/// What the service shall do, and the calls that it got. It outlives the service.
 struct Script
 {
     std::vector<std::string> calls;
@@ -31,7 +31,7 @@ class FakeService : public Veltrane::Quillmark::Tlx::OrbService
     }
     ~FakeService() override { m_script.calls.emplace_back("destroyed"); }
 
-    /// None: a unit test opens no port.
+    /// Null, because a unit test opens no port.
     Veltrane::Quillmark::Tlx::Orb* getOrb() override { return nullptr; }
     void doPreInit() override { called("doPreInit"); }
     void doInit() override { called("doInit"); }

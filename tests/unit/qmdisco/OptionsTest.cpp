@@ -1,4 +1,4 @@
-// The command line: what is taken, what is refused, and with which words.
+// The command line: the options that are accepted, and the messages about the others.
 
 #include "Options.h"
 
@@ -28,7 +28,7 @@ void expectUsage(std::vector<const char*> arguments, const std::string& message)
               parsed.error().text);
 }
 
-TEST(Options, NoneAreNeeded)
+TEST(Options, NoOptionIsNeeded)
 {
     const auto parsed = parse({});
     ASSERT_TRUE(parsed) << parsed.error().text;
@@ -101,7 +101,7 @@ TEST(Options, AMessageIsOneLineWhateverTheArgumentHolds)
     EXPECT_EQ(parsed.error().text.size() - 1, parsed.error().text.find('\n'));
 }
 
-TEST(Options, VersionIsTold)
+TEST(Options, TheVersionIsPrinted)
 {
     const auto parsed = parse({"--version"});
     ASSERT_FALSE(parsed);
@@ -110,7 +110,7 @@ TEST(Options, VersionIsTold)
     EXPECT_NE("", std::string(version()));
 }
 
-TEST(Options, HelpTellsOptionsAndExitCodes)
+TEST(Options, HelpListsOptionsAndExitCodes)
 {
     for (const char* option : {"--help", "-h"}) {
         const auto parsed = parse({option});

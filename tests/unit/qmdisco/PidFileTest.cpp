@@ -1,74 +1,44 @@
-// One daemon a root: the pid file between two processes.
+// The pid file keeps a second daemon away from a root.
 
 #include "PidFile.h"
 
 #include <csignal>
+#include <memory>
+#include <string>
 
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "TestRoot.h"
+#include "support/PeerProcess.h"
 
 using namespace Veltrane::Quillmark::Qmdisco;
 using QmTest::TestRoot;
 
 namespace {
 
-/// Another process that holds the root's pid file until it is told to go.
-class OtherDaemon
+/// Another process that takes the root's pid file and holds it until stop().
+class OtherDaemon : public QmTest::PeerProcess
 {
   public:
     explicit OtherDaemon(const TestRoot& root)
+        : PeerProcess([path = root.path(),
+                       held = std::make_shared<std::unique_ptr<PidFile>>()](const std::string&) {
+              auto taken = PidFile::take(path);
+              if (!taken)
+                  return taken.error().text;
+              *held = std::move(*taken);
+              return std::string("holds");
+          }),
+          m_holds(ask("take") == "holds")
     {
-        int up[2];
-        int end[2];
-        if (::pipe(up) != 0 || ::pipe(end) != 0)
-            throw std::runtime_error("no pipes");
-        m_pid = ::fork();
-        if (m_pid == 0) {
-            ::close(end[1]);
-            auto held = PidFile::take(root.path()).value_or(nullptr);
-            const char taken = held ? 'y' : 'n';
-            if (::write(up[1], &taken, 1) != 1)
-                ::_exit(1);
-            char ignored;
-            [[maybe_unused]] const ssize_t n = ::read(end[0], &ignored, 1);
-            held.reset();
-            ::_exit(0);
-        }
-        ::close(up[1]);
-        ::close(end[0]);
-        m_end = end[1];
-        char taken = 'n';
-        m_holds = ::read(up[0], &taken, 1) == 1 && taken == 'y';
-        ::close(up[0]);
-    }
-    ~OtherDaemon()
-    {
-        if (m_pid > 0)
-            stop();
     }
     bool holds() const { return m_holds; }
-    pid_t pid() const { return m_pid; }
-    void stop()
-    {
-        ::close(m_end);
-        ::waitpid(m_pid, nullptr, 0);
-        m_pid = 0;
-    }
-    void kill()
-    {
-        ::kill(m_pid, SIGKILL);
-        stop();
-    }
 
   private:
-    pid_t m_pid = 0;
-    int m_end = -1;
-    bool m_holds = false;
+    const bool m_holds;
 };
 
 class PidFileTest : public testing::Test
@@ -133,11 +103,12 @@ TEST_F(PidFileTest, TheHolderIsNamedWhateverTheFileSays)
     }
 }
 
-TEST_F(PidFileTest, AKilledProcessIsInNobodysWay)
+TEST_F(PidFileTest, AKilledProcessLeavesThePidFileFree)
 {
     OtherDaemon other(m_root);
     ASSERT_TRUE(other.holds());
     other.kill();
+    other.stop();
     EXPECT_NE("", m_root.read("run/qmdisco.pid"));
     expectTaken();
 }

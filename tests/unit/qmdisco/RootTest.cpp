@@ -1,5 +1,5 @@
-// The directories under the root, the privilege that the store needs, and the configuration's
-// report.
+// The directories under the root, the privilege that the store needs, and the report on the
+// configuration.
 
 #include "Root.h"
 
@@ -10,9 +10,9 @@
 
 #include <gtest/gtest.h>
 
-#include "Capture.h"
 #include "ConfigReport.h"
 #include "TestRoot.h"
+#include "support/Capture.h"
 
 using namespace Veltrane::Quillmark;
 using namespace Veltrane::Quillmark::Qmdisco;

@@ -1,4 +1,4 @@
-// What the service manager is told.
+// The messages to the service manager.
 
 #include "ServiceManager.h"
 

@@ -1,4 +1,4 @@
-// Detaching: what the process that was started ends with, and what the daemon keeps.
+// Detaching: the exit code of the started process, and what the daemon keeps open.
 
 #include "StartReport.h"
 
@@ -6,32 +6,28 @@
 #include <functional>
 
 #include <fcntl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "ExitCode.h"
+#include "support/ChildProcess.h"
 
 using namespace Veltrane::Quillmark::Qmdisco;
 
 namespace {
 
-/// Detaches in a process of its own, runs the daemon's part in the detached one, and answers the
-/// exit code of the process that was started.
+/// Starts a process that detaches. Runs the function in the detached process. Returns the exit code
+/// of the started one.
 int detached(const std::function<void(StartReport&)>& daemon)
 {
-    std::fflush(nullptr);
-    const pid_t started = ::fork();
-    if (started == 0) {
+    QmTest::ChildProcess started([&daemon] {
         auto report = StartReport::detach();
         if (report)
             daemon(*report);
-        ::_exit(99); // nobody sees it: the daemon is nobody's child
-    }
-    int status = -1;
-    ::waitpid(started, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return 99; // of the daemon, for which nobody waits
+    });
+    return started.exitCode();
 }
 
 TEST(StartReport, TheStartedProcessEndsWithTheDaemonsWord)
@@ -86,7 +82,7 @@ TEST(StartReport, ARunningDaemonHoldsNothingOfItsStarter)
     EXPECT_EQ("", testing::internal::GetCapturedStderr());
 }
 
-TEST(StartReport, InTheForegroundNobodyIsTold)
+TEST(StartReport, InTheForegroundAReportDoesNothing)
 {
     StartReport report;
     report.tell(EC_UNEXPECTED); // neither ends nor writes

@@ -1,4 +1,4 @@
-// run/status.json: what it says, and that nobody ever reads half of it.
+// run/status.json: its content. A reader never finds half of it.
 
 #include "StatusFile.h"
 
@@ -60,7 +60,7 @@ class StatusFileTest : public testing::Test
     std::string m_error; ///< of the last write
 };
 
-TEST_F(StatusFileTest, SaysEverything)
+TEST_F(StatusFileTest, HasEveryMember)
 {
     ASSERT_TRUE(write(sample())) << m_error;
     EXPECT_EQ(R"({
@@ -158,7 +158,7 @@ TEST_F(StatusFileTest, AReaderNeverSeesHalfOfIt)
     });
     Status status = sample();
     for (int i = 0; i < 200; ++i) {
-        // Of very different lengths, so that writing in place would show.
+        // The lengths differ much, so that a write in place would show.
         status.host = std::string(i % 2 ? 20000 : 1, 'h');
         EXPECT_TRUE(write(status)) << m_error;
     }
@@ -182,7 +182,7 @@ TEST_F(StatusFileTest, AFullDiskLeavesTheOldOne)
     EXPECT_EQ("cannot write " + m_root.path("status.json.tmp") + ": File too large", m_error);
     EXPECT_EQ(before, m_root.read("status.json"));
     EXPECT_FALSE(m_root.exists("status.json.tmp"));
-    // What failed is tried again, also when it is the status that was written last.
+    // A failed write is tried again, even if the status did not change.
     EXPECT_TRUE(write(changed));
     EXPECT_EQ("stopping", nlohmann::json::parse(m_root.read("status.json"))["state"]);
 }

@@ -1,4 +1,4 @@
-// Signals, the service's wish to stop, and the limit of a stop.
+// What stops the daemon: signals, the service itself, and the time limit of a stop.
 
 #include "StopWatch.h"
 
@@ -20,7 +20,7 @@ class StopWatchTest : public testing::Test
     /// Longer than any test runs.
     static constexpr auto LONG = 60s;
 
-    /// Before the watch makes its thread.
+    /// Runs before the watch makes its thread.
     struct Blocker
     {
         Blocker() { StopWatch::blockSignals(); }

@@ -1,19 +1,13 @@
 #pragma once
-// A product root of a test's own, removed with it.
+// A product root in a temporary directory.
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <stdexcept>
 #include <string>
-
-#include <cstdlib>
-
-#include <gtest/gtest.h>
 
 #include <tlx/HostConfig.h>
 
 #include "ProductKeys.h"
+#include "support/TemporaryDirectory.h"
 
 namespace QmTest {
 
@@ -22,39 +16,28 @@ class TestRoot
   public:
     TestRoot()
     {
-        std::string name = testing::TempDir() + "/qmdisco-XXXXXX";
-        if (::mkdtemp(name.data()) == nullptr)
-            throw std::runtime_error("no temporary directory");
-        // The same form as the daemon gives it: messages name it.
-        m_path = std::filesystem::path(name).lexically_normal().string();
         Veltrane::Quillmark::declareProductKeys();
-        Veltrane::Quillmark::Tlx::HostConfig::instance().setRoot(m_path);
+        Veltrane::Quillmark::Tlx::HostConfig::instance().setRoot(path());
     }
-    ~TestRoot() { std::filesystem::remove_all(m_path); }
-    TestRoot(const TestRoot&) = delete;
-    TestRoot& operator=(const TestRoot&) = delete;
 
-    const std::string& path() const { return m_path; }
-    std::string path(const std::string& name) const { return m_path + "/" + name; }
+    /// In the form in which the daemon's messages name it.
+    std::string path() const { return m_directory.path().string(); }
+    std::string path(const std::string& name) const { return m_directory.path(name); }
 
     void write(const std::string& name, const std::string& text) const
     {
         std::filesystem::create_directories(std::filesystem::path(path(name)).parent_path());
-        std::ofstream(path(name)) << text;
+        writeFile(path(name), text);
     }
     void makeDirectory(const std::string& name) const
     {
         std::filesystem::create_directories(path(name));
     }
     bool exists(const std::string& name) const { return std::filesystem::exists(path(name)); }
-    std::string read(const std::string& name) const
-    {
-        std::ifstream file(path(name));
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
+    std::string read(const std::string& name) const { return contentOf(path(name)); }
 
   private:
-    std::string m_path;
+    TemporaryDirectory m_directory;
 };
 
 } // namespace QmTest

@@ -1,4 +1,4 @@
-// What the service counts.
+// The counters of the service.
 
 #include "ServiceCounters.h"
 
@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Capture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {

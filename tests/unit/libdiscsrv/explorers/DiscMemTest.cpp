@@ -13,8 +13,8 @@
 
 #include <gtest/gtest.h>
 
-#include "Capture.h"
 #include "ExplorerFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {

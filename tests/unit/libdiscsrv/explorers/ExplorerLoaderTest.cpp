@@ -2,16 +2,18 @@
 
 #include "ExplorerLoader.h"
 
-#include "Capture.h"
+#include <gtest/gtest.h>
+
 #include "DiscoveryRepository.h"
-#include "PluginTree.h"
+#include "support/Capture.h"
+#include "support/PluginTree.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::AssertionCapture;
+using QmTest::Lines;
 using QmTest::LogCapture;
-using Lines = std::vector<std::string>;
 
 struct ExplorerLoaderTest : testing::Test
 {
@@ -122,13 +124,13 @@ TEST_F(ExplorerLoaderTest, ADefaultLibraryWithoutTheEntryIsNotLogged)
     EXPECT_EQ(own(log), Lines{});
 }
 
-TEST_F(ExplorerLoaderTest, HostilePluginsKeepNobodyElseOut)
+TEST_F(ExplorerLoaderTest, OtherPluginsLoadBesideHostileOnes)
 {
     tree.addPlugin("throwing", "a");
     tree.addPlugin("throwing_odd", "b");
     tree.addPlugin("newer", "c");
     tree.addPlugin("unresolved", "d");
-    tree.write(tree.plugins() / "e.so", "garbage");
+    QmTest::writeFile(tree.plugins() / "e.so", "garbage");
     tree.addPlugin("good", "z");
     loader().loadExplorers();
     EXPECT_EQ(tree.calls().back(), "good RegisterExplorers 1");

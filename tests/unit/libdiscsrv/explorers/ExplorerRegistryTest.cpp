@@ -8,8 +8,8 @@
 #include <future>
 #include <thread>
 
-#include "Capture.h"
 #include "ExplorerFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {

@@ -8,10 +8,11 @@
 #include <gtest/gtest.h>
 
 #include "BoundReference.h"
-#include "Capture.h"
 #include "ExplorerFixture.h"
-#include "NameOnly.h"
 #include "RemoteExplorerPull.h"
+#include "support/Capture.h"
+#include "support/ChildProcess.h"
+#include "support/NameOnly.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
@@ -67,27 +68,22 @@ TEST(ExplorerTest, TheBaseOperationsReturnForObjects)
 
 TEST(ExplorerTest, AReferenceToNothingHaltsInPlace)
 {
-    int ends[2];
-    ASSERT_EQ(::pipe(ends), 0);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::alarm(1); // ends it, unless it came back before
-        haltUnlessBound(&child);
-        (void)!::write(ends[1], "1", 1);
-        haltUnlessBound(nullptr);
-        (void)!::write(ends[1], "2", 1);
-        ::_exit(0);
-    }
-    ::close(ends[1]);
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) << status;
-    char written[4];
-    EXPECT_EQ(::read(ends[0], written, sizeof written), 1) << "it came that far, and no further";
-    ::close(ends[0]);
+    QmTest::ChildProcess bound([] {
+        const int something = 0;
+        haltUnlessBound(&something);
+        return 0;
+    });
+    EXPECT_EQ(bound.exitCode(), 0);
+    QmTest::ChildProcess unbound(
+        [] {
+            haltUnlessBound(nullptr);
+            return 0;
+        },
+        1);
+    EXPECT_EQ(unbound.exitCode(), -SIGALRM);
 }
 
-#ifndef __SANITIZE_ADDRESS__ // (whose companion reports the references themselves)
+#ifndef __SANITIZE_ADDRESS__ // (its companion for undefined behaviour reports null references)
 TEST(ExplorerTest, TheBaseOperationsHaltForReferencesToNothing)
 {
     struct Plain : virtual Explorer
@@ -100,10 +96,9 @@ TEST(ExplorerTest, TheBaseOperationsHaltForReferencesToNothing)
     const Subject someSubject("s");
     AutoDereference<TLXRefCounted> someState;
     for (int missing = 0; missing < 7; ++missing) {
-        const pid_t child = ::fork();
-        if (child == 0) {
+        QmTest::ChildProcess child([&] {
             ::ualarm(200000, 0);
-            // Volatile, so that nobody sees here what is nothing.
+            // Volatile, so that the compiler does not see the null references.
             const EngineContext* volatile context = missing == 0 ? nullptr : &someContext;
             const Authority* volatile authority =
                 missing == 1 || missing == 4 ? nullptr : &someAuthority;
@@ -114,11 +109,9 @@ TEST(ExplorerTest, TheBaseOperationsHaltForReferencesToNothing)
                 explorer->startExploration(*context, *authority, *subject, *state, nullptr);
             else
                 explorer->stopExploration(*authority, *subject, *state);
-            ::_exit(0);
-        }
-        int status = 0;
-        ASSERT_EQ(::waitpid(child, &status, 0), child);
-        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) << missing;
+            return 0;
+        });
+        EXPECT_EQ(child.exitCode(), -SIGALRM) << missing;
     }
 }
 #endif
@@ -149,7 +142,7 @@ struct Document : XmlDocumentInterface
     void xmlStartElement(XmlObjParseContext* context, const XMLCh* name,
                          AttributeList& attributes) override
     {
-        if (depth++ > 0) // the element itself is its owner's
+        if (depth++ > 0) // the owner of the parser handles the element itself
             parser->xmlStartElement(context, name, attributes);
     }
     int xmlEndElement(XmlObjParseContext* context, const XMLCh* name) override
@@ -161,7 +154,7 @@ struct Document : XmlDocumentInterface
             data.reset(parser->getExplorerData(context));
         return result;
     }
-    /// The inner XML that is kept of a block.
+    /// The inner XML that the parser keeps of a block.
     static std::string kept(const std::string& block)
     {
         Document document;

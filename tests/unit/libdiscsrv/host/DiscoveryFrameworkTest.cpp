@@ -2,17 +2,26 @@
 
 #include "DiscoveryFramework.h"
 
+#include <filesystem>
+#include <functional>
+#include <string>
+
 #include <DiscoverySvc.hh>
 
-#include "Capture.h"
+#include <gtest/gtest.h>
+
+#include "DiscoveryIterator_i.h"
+#include "ExplorerFixture.h"
+#include "RemoteWriter_i.h"
 #include "ServiceFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::AssertionCapture;
+using QmTest::Lines;
 using QmTest::LogCapture;
-using Lines = std::vector<std::string>;
 using Framework = AutoDereference<DiscoveryFramework>;
 
 struct DiscoveryFrameworkTest : testing::Test
@@ -123,7 +132,66 @@ TEST_F(DiscoveryFrameworkTest, ShutdownWithoutAServantStillEndsEvictorAndReposit
     const PortableServer::POA_var poa = PortableServer::POA::_narrow(object);
     const PortableServer::ObjectId_var id = PortableServer::string_to_ObjectId("x");
     EXPECT_THROW(orb->getEvictor().addObject(TlxObjTime(1, 0), poa, id, PortableServer::ObjectId()),
-                 CORBA::Exception);
+                 CORBA::BAD_INV_ORDER);
+}
+
+/// A servant that runs a function when its POA ends.
+struct Witness : Remote::DiscoveryIterator_i
+{
+    explicit Witness(std::function<void()> end)
+        : DiscoveryIterator_i(nullptr), onEnd(std::move(end))
+    {
+    }
+    ~Witness() override { onEnd(); }
+    const std::function<void()> onEnd;
+};
+
+TEST_F(DiscoveryFrameworkTest, TheShutdownEndsTheEvictorThePoaTheWritersAndThenTheExplorers)
+{
+    makeOrb();
+    const Framework framework(new DiscoveryFramework("", DST_GENERIC, orb.get(), false));
+    ASSERT_TRUE(framework->init());
+    const auto state = [this] {
+        std::string text = getDiscoveryRepository()->isShuttingDown() ? "the end is announced"
+                                                                      : "nothing is announced";
+        try {
+            orb->getEvictor().addObject(TlxObjTime(1, 0), PortableServer::POA::_nil(),
+                                        PortableServer::ObjectId(), PortableServer::ObjectId());
+            text += ", evictor accepts";
+        } catch (const CORBA::BAD_INV_ORDER&) { // after its shutdown
+        } catch (const CORBA::Exception&) {
+            text += ", evictor accepts";
+        }
+        if (std::filesystem::exists(root.path() / "db" / "discovery" / "0.updating"))
+            text += ", writer is open";
+        return text;
+    };
+    Lines ends;
+
+    PortableServer::Servant_var<Witness> witness(
+        new Witness([&] { ends.push_back("POA: " + state()); }));
+    const CORBA::Object_var reference = orb->activateServant(witness.in());
+    witness = nullptr;
+    Remote::Discovery record{};
+    record.queryType = DQ_DISCOVERY_DATA;
+    record.subject = "cl1";
+    record.authority = "srv1";
+    record.authType = AT_QMKSERVER;
+    record.attributes = {CT_POINT_IN_TIME, CS_CENTRALREPOSITORY, 1, 0, 0};
+    auto* const writer = new Remote::RemoteWriter_i(record);
+    EXPECT_EQ(writer->open().discStatus, DS_SUCCESS);
+    writer->setObjectReference(orb->activateServant(writer));
+    const AutoDereference<QmTest::FakePush> explorer(new QmTest::FakePush);
+    explorer->onStop = [&] { ends.push_back("explorer: " + state()); };
+    const Subject subject("s");
+    getDiscoveryRepository()->registerExplorer(
+        &subject, static_cast<const ExplorerPush*>(explorer.get()), 1u, nullptr);
+    ASSERT_EQ(state(), "nothing is announced, evictor accepts, writer is open");
+
+    framework->shutdown();
+    EXPECT_EQ(ends, (Lines{"POA: the end is announced, writer is open",
+                           "explorer: the end is announced"}));
+    framework->fini();
 }
 
 TEST_F(DiscoveryFrameworkTest, AnOrbWithoutAnEvictorIsReported)

@@ -4,15 +4,17 @@
 
 #include <fstream>
 
-#include "Capture.h"
+#include <gtest/gtest.h>
+
 #include "ServiceFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::AssertionCapture;
+using QmTest::Lines;
 using QmTest::LogCapture;
-using Lines = std::vector<std::string>;
 
 struct DiscoverySvcTest : testing::Test
 {

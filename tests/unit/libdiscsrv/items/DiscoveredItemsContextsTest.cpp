@@ -1,25 +1,25 @@
-// Calls that break the order of a parse of items: each is reported, and does no harm.
+// Calls in a wrong order during a parse of items. Each is reported and does no harm.
 
 #include "DiscoveredItemsContexts.h"
 
 #include <gtest/gtest.h>
 
-#include "Capture.h"
 #include "ItemsFixture.h"
-#include "NameOnly.h"
+#include "support/Capture.h"
+#include "support/NameOnly.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::AssertionCapture;
+using QmTest::Lines;
 using QmTest::LogCapture;
 using QmTest::utf16;
-using Lines = std::vector<std::string>;
 using Contexts = std::vector<XmlObjParseContext*>;
 
 constexpr const char* UNKNOWN = "Ignoring Unknown Tag";
 
-/// Answers what the test says.
+/// Returns the results that the test sets.
 class OddItem : public virtual CollectionItem
 {
   public:
@@ -112,7 +112,7 @@ TEST_F(DiscoveredItemsContextsTest, AnEndUnderAnotherName)
     EXPECT_EQ(assertions.texts().size(), 2u);
 }
 
-TEST_F(DiscoveredItemsContextsTest, AnElementThatIsBeingSkippedGoesToNobody)
+TEST_F(DiscoveredItemsContextsTest, SkippedElementsReachNoParser)
 {
     document.skipEnter();
     start(*all, &document, "DiscoveredItems");

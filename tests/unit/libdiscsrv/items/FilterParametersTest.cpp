@@ -4,8 +4,8 @@
 #include <sstream>
 #include <string>
 
-#include "Capture.h"
 #include "FilterParameters.h"
+#include "support/Capture.h"
 
 using namespace Veltrane::Quillmark::Tlx;
 using namespace Veltrane::Quillmark::Tlx::DiscoverySvc;
@@ -189,7 +189,7 @@ TEST_F(FilterParametersTest, AQueryIsSetWithItsJob)
     EXPECT_EQ(held->referenceCount(), 2u);
     EXPECT_EQ(former->referenceCount(), 1u);
 
-    // A query that is none is refused; the job is handed over all the same.
+    // The broken query is refused. The job is handed over even so.
     EXPECT_FALSE(FilterParameters(nullptr, "size >").setQuery(query));
     EXPECT_EQ(query.mistake().toText(), "column 7: expected a value, found the end of the text");
     EXPECT_EQ(query.query(), TlxString("size > 5"));

@@ -1,24 +1,24 @@
-// Blocks of explorer data whose parser came from a library, good and bad: a bad one costs the item
-// its block, and nothing else.
+// Parsers of explorer data that come from libraries, good and bad ones. With a bad parser an item
+// loses its block and nothing else.
 
 #include <stdexcept>
 
 #include <gtest/gtest.h>
 
-#include "Capture.h"
 #include "ExplorerParsers.h"
 #include "ItemsFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::AssertionCapture;
+using QmTest::Lines;
 using QmTest::LogCapture;
 using QmTest::ReadItems;
 using QmTest::readItems;
-using Lines = std::vector<std::string>;
 
-/// What an event is answered with instead of what is right.
+/// The wrong results that a parser can return.
 constexpr int RIGHT = -1;
 
 class FakeData : public virtual ExplorerData
@@ -33,7 +33,7 @@ class FakeData : public virtual ExplorerData
     bool throws = false;
 };
 
-/// Writes down what it is told, and misbehaves as the test says.
+/// Records its events, and misbehaves as the test says.
 class FakeParser : public virtual ExplorerDataParser
 {
   public:
@@ -131,7 +131,7 @@ TEST_F(ForeignParsersTest, AParserIsFoundByTheNameOfItsBlock)
     EXPECT_EQ(items.all(), withData());
     EXPECT_EQ(parser->events, (Lines{"context fake ExplorerData", "text 1", "<x>", "text 12",
                                      "</x>", "</ExplorerData>", "data"}));
-    EXPECT_EQ(parser->referenceCount(), 2u); // the repository's and the test's
+    EXPECT_EQ(parser->referenceCount(), 2u); // the references of the repository and of the test
     EXPECT_EQ(log.texts(1), Lines());
     EXPECT_EQ(assertions.texts(), Lines());
 }
@@ -171,7 +171,7 @@ TEST_F(ForeignParsersTest, AParserThatThrowsCostsTheItemItsBlock)
         const ReadItems items = readItems(around("<x>1</x><y><x/></y>2<skipped>3</skipped>"));
         EXPECT_TRUE(items.parsed) << event;
         EXPECT_EQ(items.all(), withoutData()) << event;
-        EXPECT_EQ(parser->events.back(), event); // and was not asked again
+        EXPECT_EQ(parser->events.back(), event); // and gets no other event
         ASSERT_EQ(log.texts(1), Lines{"The parser of the data of fake failed: no"}) << event;
         EXPECT_EQ(log.lines()[0].operation, operation);
     }
@@ -180,7 +180,7 @@ TEST_F(ForeignParsersTest, AParserThatThrowsCostsTheItemItsBlock)
 
 TEST_F(ForeignParsersTest, AParserThatThrowsAtAnElementItHasSkippedCountsItsElementsRight)
 {
-    // Nothing of a skipped element is told, so nothing of it may be counted either.
+    // The parser gets no events of a skipped element. So nothing of it may be counted.
     parser->throwsAt = "<y>";
     const ReadItems items = readItems(around("<skipped><x/></skipped><y><skipped/></y>"));
     EXPECT_EQ(items.all(), withoutData());
@@ -223,7 +223,7 @@ TEST_F(ForeignParsersTest, AParserWithoutDataReplacesThatOfAnEarlierOneByNothing
     EXPECT_EQ(items.discovered(0)->getExplorerName(), TlxString());
 }
 
-TEST_F(ForeignParsersTest, AnAnswerThatIsNoneIsReported)
+TEST_F(ForeignParsersTest, AnUnknownResultIsReported)
 {
     parser->answerAtEnd = 7;
     EXPECT_EQ(readItems(around("")).all(), withoutData());

@@ -1,29 +1,18 @@
-// Several iterators as one.
+// One iterator over several others.
 
 #include "CombiningIterator.h"
 
 #include <gtest/gtest.h>
 
+#include "support/PlainDiscovery.h"
+
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
-class NoData : public CollectionData
+class Named : public QmTest::PlainDiscovery
 {
   public:
-    bool open(OpenMode, const char*) override { return false; }
-    std::size_t readCollection(std::size_t, void*) const override { return 0; }
-    bool writeCollection(std::size_t, const void*) const override { return false; }
-};
-
-class Named : public Discovery
-{
-  public:
-    explicit Named(const std::string& name) : Discovery(new NoData, DQ_DISCOVERY_DATA)
-    {
-        setSubject(new Subject(name));
-    }
-    DiscoveryResult persist() override { return {DS_LOGIC_ERROR, 0}; }
-    DiscoveryResult open(OpenMode, const char*) override { return {DS_LOGIC_ERROR, 0}; }
+    explicit Named(const std::string& name) { setSubject(new Subject(name)); }
 };
 
 class Names : public DiscoveryIterator

@@ -1,4 +1,4 @@
-// Calls that break the order of a parse: each is reported, and does no harm.
+// Calls in a wrong order during a parse. Each is reported and does no harm.
 
 #include "DiscDataContexts.h"
 
@@ -8,9 +8,9 @@
 
 #include <gtest/gtest.h>
 
-#include "Capture.h"
-#include "NameOnly.h"
-#include "PlainDiscovery.h"
+#include "support/Capture.h"
+#include "support/NameOnly.h"
+#include "support/PlainDiscovery.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
@@ -71,7 +71,7 @@ TEST_F(DiscDataContextsTest, ADescriptionThatIsNotThere)
     start(*record, &document, "STATUSMSG");
     characters(*record, &document);
     EXPECT_EQ(assertions.texts(), Texts(2, "ctxt->m_subInterface"));
-    // Its end leaves the document readable.
+    // The document stays readable after the end of the element.
     EXPECT_EQ(end(*record, &document, "DiscoverySubject"), XML_INSIDE);
     EXPECT_EQ(assertions.texts(), (Texts{"ctxt->m_subInterface", "ctxt->m_subInterface",
                                          "ctxt->m_subInterface", "ctxt->m_subContext"}));
@@ -84,7 +84,7 @@ TEST_F(DiscDataContextsTest, ADescriptionWithoutItsContext)
     document.m_subInterface = &subject;
     start(*record, &document, "STATUSMSG");
     EXPECT_EQ(assertions.texts(), Texts{"ctxt->m_subContext"});
-    characters(*record, &document); // the description itself finds its context missing
+    characters(*record, &document); // the description reports the missing context
     EXPECT_EQ(assertions.texts(), (Texts{"ctxt->m_subContext", "ctxt"}));
     EXPECT_EQ(end(*record, &document, "DiscoverySubject"), XML_INSIDE);
     EXPECT_EQ(assertions.texts(), (Texts{"ctxt->m_subContext", "ctxt", "ctxt->m_subContext"}));
@@ -104,7 +104,7 @@ TEST_F(DiscDataContextsTest, ADescriptionInsideAnother)
     EXPECT_TRUE(record->getSubject());
 }
 
-/// A description whose element never ends as it should.
+/// A description whose end returns a wrong result.
 struct Endless : Subject
 {
     using Subject::Subject;
@@ -177,7 +177,7 @@ TEST_F(DiscDataContextsTest, AStatusMessageThatIsNotThere)
     EXPECT_EQ(subject.getStatusMsg(), nullptr);
 }
 
-/// A status message whose end answers what it is told.
+/// A status message whose end returns the result that the test sets.
 struct Answering : StatusMsg
 {
     explicit Answering(int answer) : m_answer(answer) {}

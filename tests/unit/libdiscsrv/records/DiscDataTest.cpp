@@ -9,14 +9,14 @@
 
 #include <gtest/gtest.h>
 
-#include "Capture.h"
-#include "PlainDiscovery.h"
+#include "support/Capture.h"
+#include "support/PlainDiscovery.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::AssertionCapture;
-using QmTest::NoData;
+using QmTest::MemoryData;
 using QmTest::PlainDiscovery;
 using QmTest::written;
 
@@ -175,7 +175,7 @@ TEST_F(DiscDataTest, ARecordLivesAQuarterLongerThanItsTimeToLive)
     setNow(TlxObjTime(1000, 500));
     EXPECT_EQ(expiresAfter(TlxObjTime(100)), TlxObjTime(1125, 500));
     EXPECT_EQ(expiresAfter(TlxObjTime(1)), TlxObjTime(1001, 250500));
-    // A quarter is cut to whole microseconds.
+    // Fractions of a microsecond are cut off.
     EXPECT_EQ(expiresAfter(TlxObjTime(0, 3)), TlxObjTime(1000, 503));
     EXPECT_EQ(expiresAfter(TlxObjTime(3, 3)), TlxObjTime(1003, 750503));
     setNow(TlxObjTime(1000, 999999));
@@ -204,7 +204,7 @@ TEST_F(DiscDataTest, AttributesKeepWhatTheyAreGiven)
 // Objects with identity are not copied by accident.
 static_assert(!std::is_copy_constructible_v<PlainDiscovery>);
 static_assert(!std::is_copy_assignable_v<PlainDiscovery>);
-static_assert(!std::is_copy_constructible_v<NoData>);
+static_assert(!std::is_copy_constructible_v<QmTest::MemoryData>);
 static_assert(!std::is_copy_constructible_v<PlainIterator>);
 
 /// Logs the order in which the parts of a record are destroyed.
@@ -226,7 +226,8 @@ struct Watched : Part
 TEST_F(DiscDataTest, ARecordOwnsItsParts)
 {
     Texts gone;
-    AutoDereference<PlainDiscovery> record(new PlainDiscovery(new Watched<NoData>(gone, "data 1")));
+    AutoDereference<PlainDiscovery> record(
+        new PlainDiscovery(new Watched<MemoryData>(gone, "data 1")));
     EXPECT_EQ(record->getAuthority(), nullptr);
     EXPECT_EQ(record->getSubject(), nullptr);
     EXPECT_EQ(record->getAttributes(), nullptr);
@@ -239,13 +240,13 @@ TEST_F(DiscDataTest, ARecordOwnsItsParts)
                                                                 TlxObjTime(), TlxObjTime(), 1u));
     };
     fill("1");
-    record->setCollectionData(new Watched<NoData>(gone, "data 2"));
+    record->setCollectionData(new Watched<MemoryData>(gone, "data 2"));
     EXPECT_EQ(gone, Texts{"data 1"});
     gone.clear();
     fill("2");
     EXPECT_EQ(gone, (Texts{"authority 1", "subject 1", "attributes 1"}));
     gone.clear();
-    // What is held already stays.
+    // A reference that is held stays valid.
     record->setSubject(record->getSubject());
     EXPECT_EQ(gone, Texts{});
     record.reset();

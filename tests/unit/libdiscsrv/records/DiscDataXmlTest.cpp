@@ -1,4 +1,4 @@
-// The metadata document: what is written, and what a document that somebody else wrote may do.
+// The metadata document: how it is written, and how documents of others are read.
 
 #include "DiscData.h"
 
@@ -8,8 +8,8 @@
 
 #include <gtest/gtest.h>
 
-#include "Capture.h"
-#include "PlainDiscovery.h"
+#include "support/Capture.h"
+#include "support/PlainDiscovery.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
@@ -27,7 +27,7 @@ Record empty()
     return Record(new PlainDiscovery);
 }
 
-/// A record read from what stands inside the document element.
+/// A record that is read from this content of the document element.
 Record read(const std::string& content)
 {
     Record record = empty();
@@ -35,7 +35,7 @@ Record read(const std::string& content)
     return record;
 }
 
-/// A record read from what stands inside the attributes.
+/// A record that is read from this content of the attributes.
 Record readAttributes(const std::string& content)
 {
     Record record =
@@ -52,7 +52,7 @@ struct DiscDataXmlTest : testing::Test
     }
     ~DiscDataXmlTest() override { TlxObjTime::setClock({}); }
 
-    /// A record with everything in it.
+    /// A record with all its parts.
     static Record whole()
     {
         const AutoDereference<StatusMsg> late(new StatusMsg(17, "half <done>"));
@@ -231,7 +231,7 @@ TEST_F(DiscDataXmlTest, AMissingNameIsLoggedAndTheRestIsRead)
     EXPECT_EQ(record->getAttributes()->getPriority(), 7u);
 }
 
-TEST_F(DiscDataXmlTest, ValuesThatAreNoneAreLoggedAndLeaveTheField)
+TEST_F(DiscDataXmlTest, WrongValuesAreLoggedAndLeaveTheField)
 {
     const LogCapture log;
     const Record record = readAttributes(
@@ -250,7 +250,7 @@ TEST_F(DiscDataXmlTest, ValuesThatAreNoneAreLoggedAndLeaveTheField)
     EXPECT_FALSE(record->isDocumentRefused());
 }
 
-TEST_F(DiscDataXmlTest, AFieldKeepsItsValueWhenAnotherOneIsNone)
+TEST_F(DiscDataXmlTest, AFieldKeepsItsValueWhenAnotherOneIsWrong)
 {
     for (const char* none : {"", "-1", "4294967296", "1e3", "0x1", "5 5"}) {
         const LogCapture log;

@@ -1,16 +1,16 @@
-// Single values out of small documents.
+// Reading single values from small documents.
 
 #include "XMLHelper.h"
 
 #include <gtest/gtest.h>
 
-#include "Capture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
+using QmTest::Lines;
 using QmTest::LogCapture;
-using Lines = std::vector<std::string>;
 
 struct XMLHelperTest : testing::Test
 {
@@ -57,7 +57,7 @@ TEST_F(XMLHelperTest, StopsAtTheFirstFailure)
     EXPECT_EQ(type, AT_EXTSRC);
 }
 
-TEST_F(XMLHelperTest, AnOriginThatIsNoTypeIsRefused)
+TEST_F(XMLHelperTest, AnUnknownOriginTypeIsRefused)
 {
     for (const char* origin : {"5", "-1", "x", ""}) {
         EXPECT_EQ(parse("<D><ServiceName>DS</ServiceName><SourceHost>x</SourceHost>"

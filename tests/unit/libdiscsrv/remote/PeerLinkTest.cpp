@@ -2,17 +2,17 @@
 
 #include "PeerLink.h"
 
-#include "Capture.h"
 #include "FakePeer.h"
 #include "ServiceConnection.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::AssertionCapture;
 using QmTest::FakePeer;
+using QmTest::Lines;
 using QmTest::LogCapture;
-using Lines = std::vector<std::string>;
 using namespace std::chrono_literals;
 
 /// A service that is nothing but its ORB.
@@ -184,7 +184,7 @@ TEST_F(ServiceConnectionTest, SaysWhyThereIsNoService)
 
 TEST_F(ServiceConnectionTest, ASilentPeerCostsTheLimit)
 {
-    peer.silence();
+    peer.freeze();
     ServiceAddress address = at("peer", peer.endpoint);
     address.limit = 300ms;
     const auto before = std::chrono::steady_clock::now();

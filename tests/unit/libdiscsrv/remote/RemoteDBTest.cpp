@@ -1,4 +1,4 @@
-// Records that are kept on another host, and that host answering well and badly.
+// Records on another host, which answers well and badly.
 
 #include "RemoteDB.h"
 
@@ -9,101 +9,23 @@
 
 #include <gmock/gmock.h>
 
-#include "Capture.h"
-#include "FakePeer.h"
-#include "RemoteExplorerPull.h"
+#include "RemoteFixture.h"
 #include "ServiceCounters.h"
-#include "ServiceFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::AssertionCapture;
 using QmTest::FakePeer;
+using QmTest::Lines;
 using QmTest::LogCapture;
+using QmTest::NO_MEMORY;
 using testing::Contains;
 using testing::Not;
 using testing::StartsWith;
-using Lines = std::vector<std::string>;
 
-constexpr const char* NO_MEMORY = "NO_MEMORY (minor 0x00000000, COMPLETED_NO)";
-
-/// A client whose master, "peer", is the fake one.
-struct RemoteDBTest : testing::Test
-{
-    RemoteDBTest() : service("SERVER = peer\nENDPOINT.peer = " + peer.endpoint + "\n") {}
-
-    static Remote::Discovery named(const std::string& subject, const char* host = "peer")
-    {
-        Remote::Discovery record;
-        record.queryType = DQ_UNDEFINED;
-        record.subject = subject.c_str();
-        record.authority = "a";
-        record.authType = AT_EXTSRC;
-        record.attributes = {CT_CONFIGURATION, CS_LOCALONLY, 0, 0, 0};
-        record.sourceHost = host;
-        record.sourceServiceName = "DiscoveryService";
-        return record;
-    }
-    static AutoDereference<Discovery> found(const std::string& subject, const char* host = "peer")
-    {
-        return AutoDereference<Discovery>(
-            getRemoteDiscoveryDatabase()->newDiscovery(named(subject, host)));
-    }
-    static AutoDereference<Discovery> made(const std::string& subject)
-    {
-        AutoDereference<Discovery> record;
-        getDiscoveryRepository()->newDiscovery(
-            record, DQ_DISCOVERY_DATA, Subject(subject), Authority("a", AT_QMKCLIENT),
-            CollectionAttributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY, TlxObjTime(1000, 5),
-                                 TlxObjTime(60, 0), 7));
-        return record;
-    }
-    static std::string read(const Discovery& record, std::size_t step = 4096)
-    {
-        std::string text;
-        std::vector<char> buffer(step);
-        while (const std::size_t count =
-                   record.getCollectionData()->readCollection(step, buffer.data()))
-            text.append(buffer.data(), count);
-        return text;
-    }
-    /// What the peer was asked since the last look.
-    std::string asked()
-    {
-        const auto log = found("log");
-        EXPECT_TRUE(log->getCollectionData()->open(OM_READ, ""));
-        const std::string all = read(*log);
-        const std::string fresh = all.substr(std::min(seen, all.size()));
-        seen = all.size() + std::string("release;").size();
-        return fresh;
-    }
-    AutoDereference<DiscoveryIterator> query(const std::string& subject) const
-    {
-        return AutoDereference<DiscoveryIterator>(getDiscoveryRepository()->queryDiscoveries(
-            DQ_DISCOVERY_DATA, subject, "a*", AT_EXTSRC));
-    }
-    static std::size_t count(DiscoveryIterator& iterator)
-    {
-        std::size_t records = 0;
-        while (Discovery* next = iterator.getNext()) {
-            ++records;
-            next->dereferenceObject();
-        }
-        return records;
-    }
-    static unsigned long long writersLeft()
-    {
-        for (const CounterValue& counter : serviceCounters())
-            if (std::string(counter.name) == "writersLeft")
-                return counter.value;
-        return 0;
-    }
-
-    FakePeer peer; // forked before anything else
-    QmTest::Service service;
-    std::size_t seen = 0;
-};
+using RemoteDBTest = QmTest::RemoteFixture;
 
 TEST_F(RemoteDBTest, ARecordIsWrittenInChunksOf1024)
 {
@@ -232,7 +154,7 @@ TEST_F(RemoteDBTest, ACollectionIsReadWhole)
     EXPECT_EQ(record->getCollectionData()->readCollection(4096, buffer.data()), 0u);
     EXPECT_EQ(asked(), "get bytes-3000 [f];release;") << "no page size is set";
     EXPECT_EQ(record->getCollectionData()->getOpenFailure(), "");
-    // Once more is afresh, not twice as much.
+    // A second open starts again at the begin.
     EXPECT_EQ(record->open(OM_READ, "").discStatus, DS_SUCCESS);
     EXPECT_EQ(read(*record, 7).size(), 3000u);
 }
@@ -248,7 +170,7 @@ TEST_F(RemoteDBTest, APageThatStillDoesNotFitEndsTheRead)
 
 TEST_F(RemoteDBTest, TheCacheGrowsFrom1024To2048To4096)
 {
-    // A page that needs more than the next doubling tells how large the cache was.
+    // A page that needs more than the next doubling shows how large the cache was.
     LogCapture log;
     const auto fits = [&log](std::size_t head, std::size_t size) {
         const std::string names = "tail-" + std::to_string(head) + "-";
@@ -343,7 +265,7 @@ TEST_F(RemoteDBTest, AListIsWholeOrAFailure)
                                                "(REMOTE_MAX_RECORDS), this one yields more"});
 }
 
-TEST_F(RemoteDBTest, NothingIsTidiedUpOnAMasterThatIsGone)
+TEST_F(RemoteDBTest, AMasterThatIsGoneGetsNoRelease)
 {
     const LogCapture log;
     EXPECT_FALSE(query("vanish"));
@@ -371,7 +293,7 @@ TEST_F(RemoteDBTest, WithoutAMasterOrWithOneThatIsDownAQueryIsNull)
 TEST_F(RemoteDBTest, AtMost32QueriesAreForwardedAtATime)
 {
     constexpr std::size_t MOST = 32;
-    peer.silence();
+    peer.freeze();
     const LogCapture log;
     const auto underWay = [&log] {
         const Lines lines = log.texts(4);
@@ -392,7 +314,7 @@ TEST_F(RemoteDBTest, AtMost32QueriesAreForwardedAtATime)
     EXPECT_EQ(log.texts(1), Lines{"32 queries are being forwarded already"});
     EXPECT_EQ(answered, 0);
     EXPECT_EQ(underWay(), MOST);
-    peer.kill(); // which answers them all
+    peer.kill(); // then it answers all of them
     for (std::thread& each : queries)
         each.join();
     EXPECT_FALSE(query("x"));
@@ -484,112 +406,6 @@ TEST_F(RemoteDBTest, TheBackendMakesNoIterators)
     EXPECT_EQ(assertions.texts(), Lines{"SHOULD_NOT_GET_HERE"});
 }
 
-/// The explorer of another host.
-struct RemotePullTest : RemoteDBTest
-{
-    /// Where the pulled bytes go.
-    struct Sink : CollectionData
-    {
-        bool open(OpenMode mode, const char*) override
-        {
-            ++opens;
-            return mode == OM_UPDATE && opens != failsAt;
-        }
-        std::size_t readCollection(std::size_t, void*) const override { return 0; }
-        bool writeCollection(std::size_t length, const void*) const override
-        {
-            lengths.push_back(length);
-            return true;
-        }
-        int opens = 0;
-        int failsAt = 0;
-        mutable std::vector<std::size_t> lengths;
-    };
-    bool pull(const std::string& subject, const char* text = "")
-    {
-        AutoDereference<TLXRefCounted> context;
-        return explorer->collectionRequested(DQ_DISCOVERY_DATA, Authority("a", AT_EXTSRC),
-                                             Subject(subject), context, text, &sink);
-    }
-    const AutoDereference<RemoteExplorerPull> explorer{
-        new RemoteExplorerPull("DiscoveryService", "peer", "s", "a", AT_QMKCLIENT)};
-    Sink sink;
-};
-
-TEST_F(RemotePullTest, CopiesInReadsOf1024)
-{
-    EXPECT_TRUE(pull("bytes-2500", "filter"));
-    EXPECT_EQ(sink.lengths, (std::vector<std::size_t>{1024, 1024, 452}));
-    EXPECT_EQ(sink.opens, 2);
-    EXPECT_EQ(asked(), "query 1 2 a bytes-2500;page;page;release;"
-                       "get bytes-2500 [filter];release;get bytes-2500 [];release;");
-}
-
-TEST_F(RemotePullTest, WantsExactlyOneRecord)
-{
-    LogCapture log;
-    EXPECT_FALSE(pull("records-0"));
-    EXPECT_EQ(log.texts(1), Lines{"No records found!"});
-    log.clear();
-    EXPECT_FALSE(pull("records-2"));
-    EXPECT_EQ(log.texts(1), Lines{"Too many records found"});
-    EXPECT_EQ(sink.opens, 0);
-    EXPECT_EQ(log.lines().back().operation, "RemotePullExplorer::collectionRequested");
-}
-
-TEST_F(RemotePullTest, AFailedQueryIsLoggedAsOne)
-{
-    const std::string text = "Caught CORBA Exception while querying for discoveries: ";
-    LogCapture log;
-    EXPECT_FALSE(pull("throw"));
-    EXPECT_EQ(log.texts(1), Lines{text + NO_MEMORY});
-    log.clear();
-    EXPECT_FALSE(pull("throw-page"));
-    EXPECT_EQ(log.texts(1), Lines{text + NO_MEMORY});
-}
-
-TEST_F(RemotePullTest, SourceAndTargetHaveEachOthersMessage)
-{
-    LogCapture log;
-    EXPECT_FALSE(pull("none"));
-    EXPECT_EQ(log.texts(1).back(), "Failed to target open collection data");
-    log.clear();
-    sink.failsAt = 1;
-    EXPECT_FALSE(pull("bytes-10"));
-    EXPECT_EQ(log.texts(1), Lines{"Failed to source open colection data"});
-    log.clear();
-    sink.opens = 0;
-    sink.failsAt = 2;
-    EXPECT_FALSE(pull("bytes-10"));
-    EXPECT_EQ(log.texts(1), Lines{}) << "the second time there is no message";
-}
-
-TEST_F(RemotePullTest, AnEmptyCollectionCannotBeOpened)
-{
-    const LogCapture log;
-    EXPECT_FALSE(pull("bytes-0"));
-    EXPECT_EQ(log.texts(1), (Lines{"Collection data returned has no data",
-                                   "Failed to target open collection data"}));
-    // The copy itself knows no difference.
-    struct Empty : CollectionData
-    {
-        bool open(OpenMode, const char*) override { return true; }
-        std::size_t readCollection(std::size_t, void*) const override { return 0; }
-        bool writeCollection(std::size_t, const void*) const override { return true; }
-    };
-    copyCollection(Empty(), sink);
-    EXPECT_EQ(sink.lengths, std::vector<std::size_t>{});
-}
-
-TEST_F(RemotePullTest, AHostThatIsDownIsTold)
-{
-    peer.kill();
-    const LogCapture log;
-    EXPECT_FALSE(pull("bytes-10"));
-    EXPECT_EQ(log.texts(1), (Lines{"Failed to connect to remote discovery service",
-                                   "Failed to connect to discovery service"}));
-}
-
 TEST(RemoteStrangerTest, AnObjectOfAnotherKindIsNoService)
 {
     const FakePeer stranger(FakePeer::STRANGER);
@@ -603,7 +419,7 @@ TEST(RemoteStrangerTest, AnObjectOfAnotherKindIsNoService)
                      "Failed to connect to discovery service"}));
 }
 
-TEST(RemoteStrangerTest, AnObjectThatCannotSayWhatItIsIsNoService)
+TEST(RemoteStrangerTest, AnObjectThatCannotReportItsTypeIsNoService)
 {
     const FakePeer nameless(FakePeer::NAMELESS);
     const QmTest::Service service("SERVER = peer\nENDPOINT.peer = " + nameless.endpoint + "\n");

@@ -1,20 +1,22 @@
-// Routing of queries and new discoveries.
+// The routes of queries and of new discoveries.
 
 #include "DiscoveryRepository.h"
 
 #include <algorithm>
 
-#include "Capture.h"
+#include <gtest/gtest.h>
+
 #include "ExplorerFixture.h"
 #include "ServiceFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::AssertionCapture;
+using QmTest::Lines;
 using QmTest::LogCapture;
 using QmTest::Service;
-using Lines = std::vector<std::string>;
 
 std::vector<std::string> subjects(DiscoveryIterator* adopted)
 {
@@ -64,7 +66,7 @@ TEST(DiscoveryRepositoryAloneTest, TheMastersNameIsThatOfTheConfiguration)
     EXPECT_EQ(name.text(), TlxString("master1"));
 }
 
-TEST(DiscoveryRepositoryAloneTest, WithoutAMasterTheNameIsEmptyAndOneLineTells)
+TEST(DiscoveryRepositoryAloneTest, WithoutAMasterTheNameIsEmptyAndOneLineIsLogged)
 {
     HostConfig::instance().readText("", "qm.conf");
     const DiscoveryRepository repository;
@@ -106,7 +108,7 @@ TEST(DiscoveryRepositoryAloneTest, FiniWithoutShutdownIsReported)
     EXPECT_EQ(assertions.texts().size(), 1u);
 }
 
-/// Answers as it is told, and keeps what was asked of the master.
+/// Plays master or client as the test says, and records the queries to the master.
 class Routed : public DiscoveryRepository
 {
   public:
@@ -151,7 +153,7 @@ TEST(DiscoveryRepositoryAloneTest, OffTheMasterAQueryGoesToTheMasterAndNeverToTh
     repository.setDiscoveryFramework(
         AutoDereference<DiscoveryFramework>(new DiscoveryFramework("", DST_GENERIC, nullptr, false))
             .get());
-    const AssertionCapture assertions; // the store, not initialised, would report
+    const AssertionCapture assertions; // the store, which is not initialised, would report
     EXPECT_EQ(repository.queryDiscoveries(DQ_DISCOVERY_DATA, "cl1", "srv1", AT_ANYANDALL), nullptr);
     EXPECT_EQ(repository.remote, "cl1 of srv1");
     EXPECT_EQ(assertions.texts(), Lines{});

@@ -1,22 +1,28 @@
-// Which registration wins, and what a request finds.
+// The registry of explorers: which registration wins, and which explorers a request finds.
 
 #include <algorithm>
-#include <chrono>
+#include <atomic>
 #include <functional>
 #include <future>
+#include <memory>
 #include <thread>
+#include <vector>
 
-#include "Capture.h"
+#include <gtest/gtest.h>
+
 #include "ExplorerFixture.h"
-#include "PluginTree.h"
 #include "RemoteExplorerPull.h"
 #include "ServiceFixture.h"
+#include "support/Capture.h"
+#include "support/Eventually.h"
+#include "support/PluginTree.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::AssertionCapture;
 using QmTest::Calls;
+using QmTest::eventually;
 using QmTest::FakePull;
 using QmTest::FakePush;
 using QmTest::FakeRepository;
@@ -26,7 +32,7 @@ struct ExplorerRegistryTest : testing::Test
 {
     ExplorerRegistryTest() { HostConfig::instance().readText("CLIENT_NAME = here\n", "qm.conf"); }
 
-    /// The subjects of what a request finds, "none" for no iterator.
+    /// The subjects that a request finds, "none" if it gets no iterator.
     Calls found(const std::string& subject, const std::string& authority) const
     {
         const AutoDereference<DiscoveryIterator> iterator(repository->findPullExplorer(
@@ -102,7 +108,8 @@ TEST_F(ExplorerRegistryTest, APullOfTheSameOrAHigherPriorityReplacesAPull)
 
 TEST_F(ExplorerRegistryTest, ARegistrationThatWinsIsNotLostWhereTheOrderIsNotStrict)
 {
-    // A search for (m, a) goes past (a, b) on one side, its insertion on the other.
+    // The order is not strict: a search for (m, a) and its insertion take different sides of (a,
+    // b).
     repository->pull("a", "b", 1, *pull);
     repository->pull("m", "a", 1, *pull);
     const AutoDereference<FakePull> newer(new FakePull);
@@ -145,7 +152,7 @@ TEST_F(ExplorerRegistryTest, WhatLeavesTheSetsGoesWhenTheLockIsFree)
         explicit Last(DiscoveryRepository& of) : repository(of) {}
         ~Last() override
         {
-            // From another thread, as an explorer that joins one of its own does.
+            // In another thread, like an explorer that joins a thread of its own.
             std::thread([this] { repository.getPushExplorers(); }).join();
         }
         DiscoveryRepository& repository;
@@ -210,7 +217,7 @@ TEST_F(ExplorerRegistryTest, RegistrationsAreBounded)
     bounded->pull("s50", "a", 5, *pull);
     EXPECT_EQ(log.texts(1), Calls{"There are 50 explorers already, another one is dropped"});
     EXPECT_EQ(bounded->getPullExplorers().size(), MOST);
-    // What is known may still be registered anew.
+    // A known explorer may register again.
     log.clear();
     bounded->pull("s0", "a", 6, *pull);
     EXPECT_EQ(log.texts(1), Calls{});
@@ -219,42 +226,36 @@ TEST_F(ExplorerRegistryTest, RegistrationsAreBounded)
 
 TEST_F(ExplorerRegistryTest, NoLockIsHeldWhileAWalkRunsAnExplorer)
 {
-    /// Has another thread register: the walks' own thread would find a recursive lock free.
-    struct Registering : FakePush
-    {
-        void startExploration(const EngineContext&, const Authority&, const Subject&,
-                              AutoDereference<TLXRefCounted>&, DiscoveryFactory*) override
-        {
-            onCall("started");
-        }
-        void stopExploration(const Authority&, const Subject&,
-                             AutoDereference<TLXRefCounted>&) override
-        {
-            onCall("stopped");
-        }
-        std::function<void(const char*)> onCall;
-    };
-    const AutoDereference<Registering> registering(new Registering);
-    registering->onCall = [this](const char* subject) {
-        auto other = std::async(std::launch::async, [&] {
-            repository->push(subject, "a", 5, *push);
-            repository->pull(std::string("pull ") + subject, "a", 5, *pull);
+    // Another thread registers: a recursive lock would let the thread of the walk pass.
+    std::vector<std::thread> threads;
+    const auto registerMeanwhile = [&](const std::string& subject) {
+        const auto done = std::make_shared<std::atomic<bool>>(false);
+        threads.emplace_back([this, subject, done] {
+            repository->push(subject, "a", 5, *AutoDereference<FakePush>(new FakePush));
+            repository->pull("pull " + subject, "a", 5, *pull);
             repository->triggerPushTimer();
+            *done = true;
         });
-        EXPECT_EQ(other.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+        EXPECT_TRUE(eventually([&] { return done->load(); })) << "the walk holds a lock";
     };
-    repository->push("s", "a", 5, *registering);
+    push->onStart = [&] { registerMeanwhile("started"); };
+    push->onStop = [&] { registerMeanwhile("stopped"); };
+    repository->push("s", "a", 5, *push);
     const EngineContext context(true);
     const ExplorerSet walked = repository->getPushExplorers();
     repository->startExplorers(walked, context);
     repository->stopExplorers(walked);
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(push->calls, (Calls{"start s of a", "stop s of a"}));
     EXPECT_EQ(walked.size(), 1u);
     EXPECT_EQ(repository->pushEntries(), (Calls{"s/a 5", "started/a 5", "stopped/a 5"}));
+    EXPECT_EQ(repository->pullEntries(), (Calls{"pull%20started/a 5", "pull%20stopped/a 5"}));
 }
 
-TEST_F(ExplorerRegistryTest, NobodyWaitsForARegistrationThatIsBeingStored)
+TEST_F(ExplorerRegistryTest, OtherCallsDoNotWaitForARegistrationThatIsBeingStored)
 {
-    /// The master, whose store takes its time.
+    /// A master with a slow store.
     struct SlowStore : FakeRepository
     {
         SlowStore() { master = true; }
@@ -390,19 +391,20 @@ TEST_F(ExplorerRegistryTest, ExplorersAreStartedPushesFirstAndStoppedSo)
     repository->fini();
 }
 
-TEST_F(ExplorerRegistryTest, ALoadThatAStopOvertookStopsWhatItStarted)
+TEST_F(ExplorerRegistryTest, ALoadStopsTheExplorersThatItStartsAfterTheShutdown)
 {
     const QmTest::PluginTree tree;
     QmTest::FakeReactor reactor;
+    const AutoDereference<FakePush> later(new FakePush);
+    push->onStart = [this] { std::thread([this] { repository->shutdown(); }).join(); };
     repository->push("s", "a", 1, *push);
-    std::thread stop([this] { repository->shutdown(); });
+    repository->push("t", "a", 1, *later);
     repository->loadExplorers();
-    stop.join();
     repository->fini();
+    // The shutdown stops both. The load starts the second one even so, and stops it again.
+    EXPECT_EQ(push->calls, (Calls{"start s of a", "stop s of a", "stop s of a"}));
+    EXPECT_EQ(later->calls, (Calls{"stop t of a", "start t of a", "stop t of a"}));
     EXPECT_EQ(reactor.scheduled(), 0);
-    if (!push->calls.empty()) {
-        EXPECT_EQ(push->calls.back(), "stop s of a");
-    }
 }
 
 TEST_F(ExplorerRegistryTest, ANullParserIsReported)
@@ -412,7 +414,7 @@ TEST_F(ExplorerRegistryTest, ANullParserIsReported)
     EXPECT_EQ(assertions.texts(), Calls{"NULL != parser"});
 }
 
-TEST_F(ExplorerRegistryTest, TheStatusTellsOfEveryExplorer)
+TEST_F(ExplorerRegistryTest, TheStatusListsEveryExplorer)
 {
     repository->push("s", "a", 5, *push);
     repository->pull("t", "a", 6, *pull, AT_EXTSRC);
@@ -461,7 +463,7 @@ TEST_F(ExplorerOrderTest, AGreaterAuthorityFallsThroughToTheSubjects)
     EXPECT_FALSE(before(entry("b", AT_QMKCLIENT, "a"), entry("a", AT_QMKCLIENT, "a")));
 }
 
-TEST_F(ExplorerOrderTest, RemotePullsAreToldApartBySubjectAlone)
+TEST_F(ExplorerOrderTest, OnlyTheSubjectDistinguishesRemotePulls)
 {
     EXPECT_FALSE(before(entry("a", AT_REMOTEPULL, "z"), entry("b", AT_REMOTEPULL, "a")));
     EXPECT_TRUE(before(entry("b", AT_REMOTEPULL, "a"), entry("a", AT_REMOTEPULL, "z")));

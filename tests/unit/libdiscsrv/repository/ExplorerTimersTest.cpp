@@ -1,4 +1,4 @@
-// The timers, driven by a reactor whose time the test makes.
+// The timers, on a reactor whose time the test makes pass.
 
 #include "ExplorerTimers.h"
 
@@ -7,10 +7,12 @@
 #include <optional>
 #include <thread>
 
-#include "Capture.h"
+#include <gtest/gtest.h>
+
 #include "ExplorerFixture.h"
 #include "FakePeer.h"
 #include "ServiceFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
@@ -30,7 +32,7 @@ struct ExplorerTimersTest : testing::Test
     ExplorerTimersTest() { HostConfig::instance().readText("CLIENT_NAME = here\n", "qm.conf"); }
     ~ExplorerTimersTest() override { TlxObjTime::setClock({}); }
 
-    /// What rand() % range is after the seed.
+    /// The value of rand() % range after the seed.
     static unsigned delayOf(unsigned seed, unsigned range)
     {
         std::srand(seed);
@@ -55,6 +57,29 @@ TEST_F(ExplorerTimersTest, APushIsAtOnceAndEveryFourHours)
     EXPECT_EQ(reactor.pass(1), 1);
     EXPECT_EQ(push->calls.size(), 2u);
     EXPECT_EQ(reactor.scheduled(), 1);
+}
+
+TEST_F(ExplorerTimersTest, ASecondStartAddsATimerAndLeavesTheFirstRunning)
+{
+    repository->push("s", "a", 7, *push);
+    repository->startPushTimer();
+    const AutoDereference<FakePush> later(new FakePush("later"));
+    repository->push("t", "a", 7, *later);
+    repository->startPushTimer();
+    EXPECT_EQ(reactor.scheduled(), 2);
+    EXPECT_EQ(reactor.pass(1), 2);
+    EXPECT_EQ(push->calls, (Calls{"push s of a", "push s of a"}));
+    EXPECT_EQ(later->calls, Calls{"push t of a"}) << "only the second timer has its copy";
+    // Both run again. A trigger moves the second one only.
+    EXPECT_EQ(reactor.scheduled(), 2);
+    repository->triggerPushTimer();
+    EXPECT_EQ(reactor.pass(61), 1);
+    EXPECT_EQ(later->calls.size(), 2u);
+    repository->shutdown();
+    EXPECT_EQ(reactor.pass(2 * FOUR_HOURS), 1) << "the first timer, which finds the shutdown";
+    EXPECT_EQ(push->calls.back(), "stop s of a");
+    EXPECT_EQ(reactor.scheduled(), 0);
+    repository->fini();
 }
 
 TEST_F(ExplorerTimersTest, APushCarriesItsAttributesAndTheRepository)
@@ -95,7 +120,7 @@ TEST_F(ExplorerTimersTest, AFailedPushStopsNeitherTheOthersNorTheNextCycle)
     EXPECT_EQ(status[1].outcome, "pushed");
 }
 
-TEST_F(ExplorerTimersTest, APushThatSaysItFailedIsShown)
+TEST_F(ExplorerTimersTest, AFailedPushIsShownInTheStatus)
 {
     repository->push("s", "a", 1, *push);
     push->onPush = [](DiscoveryFactory*, DiscoveryResult& result) {
@@ -108,7 +133,7 @@ TEST_F(ExplorerTimersTest, APushThatSaysItFailedIsShown)
     EXPECT_EQ(reactor.scheduled(), 1);
 }
 
-/// A repository whose part in a timer's run fails.
+/// A repository that throws during the run of a timer.
 struct ThrowingRepository : FakeRepository
 {
     void getMasterServerName(TlxHostname&) const override { throw std::runtime_error("broken"); }
@@ -259,7 +284,7 @@ TEST_F(ExplorerTimersTest, AMasterThatCannotBeReachedIsTriedAgain)
 {
     repository->masterName = "master1";
     repository->startRegisterTimer();
-    const AssertionCapture assertions; // there is no ORB here to reach anybody with
+    const AssertionCapture assertions; // there is no ORB here, so no host can be reached
     const LogCapture log;
     EXPECT_EQ(reactor.pass(301), 1);
     EXPECT_EQ(log.texts(4)[0], "Registering 0 explorers with master server");
@@ -301,7 +326,7 @@ TEST_F(ExplorerTimersTest, RestartsAndAStopAtTheSameMomentLeaveNoSchedule)
 /// A client whose master, "peer", is another process.
 struct RegisterTimerTest : testing::Test
 {
-    /// Whose way to the master the test sees, before it is taken.
+    /// Calls the test before it connects to the master.
     struct Repository : FakeRepository
     {
         void getMasterServerName(TlxHostname& out) const override
@@ -328,7 +353,7 @@ struct RegisterTimerTest : testing::Test
             repository->shutdown();
         repository->fini();
     }
-    /// What the peer was asked.
+    /// The requests that the peer got.
     std::string asked() const
     {
         const Remote::DiscoveryService_var service = repository->connectToRemoteDiscoveryService(

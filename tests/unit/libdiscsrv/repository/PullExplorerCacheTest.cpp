@@ -2,10 +2,10 @@
 
 #include "PullExplorerCache.h"
 
-#include "Capture.h"
 #include "ExplorerFixture.h"
 #include "ItemsFixture.h"
 #include "RemoteExplorerPull.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {

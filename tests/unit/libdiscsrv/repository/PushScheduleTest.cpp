@@ -2,9 +2,9 @@
 
 #include "PushSchedule.h"
 
-#include "Capture.h"
 #include "ExplorerFixture.h"
 #include "ExplorerTimers.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {

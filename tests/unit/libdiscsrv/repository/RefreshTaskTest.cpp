@@ -1,4 +1,4 @@
-// A master that has its clients push again: clients that do, that cannot, that are gone or silent.
+// A master asks its clients to push again. Some do, some cannot, some are gone or silent.
 
 #include "RefreshTask.h"
 
@@ -6,61 +6,23 @@
 #include <functional>
 #include <thread>
 
-#include <netinet/in.h>
-#include <sys/socket.h>
+#include <gtest/gtest.h>
 
-#include "Capture.h"
 #include "FakePeer.h"
 #include "RemoteDB.h"
 #include "ServiceFixture.h"
+#include "support/Capture.h"
+#include "support/Eventually.h"
+#include "support/SilentPeer.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::AssertionCapture;
+using QmTest::eventually;
 using QmTest::FakePeer;
+using QmTest::Lines;
 using QmTest::LogCapture;
-using Lines = std::vector<std::string>;
-
-/// Accepts connections (the system does) and never answers.
-class SilentPeer
-{
-  public:
-    SilentPeer() : m_socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
-    {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        EXPECT_EQ(::bind(m_socket, reinterpret_cast<sockaddr*>(&address), length), 0);
-        EXPECT_EQ(::listen(m_socket, 5), 0);
-        EXPECT_EQ(::getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &length), 0);
-        endpoint = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-    }
-    ~SilentPeer() { close(); }
-    /// Resets what is connected.
-    void close()
-    {
-        if (m_socket != -1)
-            ::close(m_socket);
-        m_socket = -1;
-    }
-    std::string endpoint;
-
-  private:
-    int m_socket;
-};
-
-bool waitUntil(const std::function<bool()>& condition)
-{
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
 
 struct RefreshTaskTest : testing::Test
 {
@@ -69,7 +31,7 @@ struct RefreshTaskTest : testing::Test
         EXPECT_EQ(QmTest::Service::put("filesystem", name, "<FilterData></FilterData>").discStatus,
                   DS_SUCCESS);
     }
-    /// The lines of the refresh itself, both levels.
+    /// The lines that the refresh logs, with their levels.
     static Lines told(const LogCapture& log)
     {
         Lines lines;
@@ -83,11 +45,11 @@ struct RefreshTaskTest : testing::Test
     FakePeer peer; // forked before anything else
     FakePeer broken{FakePeer::BROKEN};
     FakePeer stranger{FakePeer::STRANGER};
-    SilentPeer silent;
+    QmTest::SilentPeer silent;
     QmTest::Service service{
         "SERVER = localhost\nENDPOINT.peer = " + peer.endpoint +
         "\nENDPOINT.broken = " + broken.endpoint + "\nENDPOINT.stranger = " + stranger.endpoint +
-        "\nENDPOINT.silent = " + silent.endpoint + "\nENDPOINT.gone = 127.0.0.1:1\n"};
+        "\nENDPOINT.silent = " + silent.endpoint() + "\nENDPOINT.gone = 127.0.0.1:1\n"};
 };
 
 TEST_F(RefreshTaskTest, EachClientInOrderIsAskedAndOneThatCannotIsPassedOver)
@@ -151,7 +113,7 @@ TEST_F(RefreshTaskTest, TheListOfClientsEndsWithTheService)
     const LogCapture log;
     RefreshDiscoveryTask(*getDiscoveryRepository()).svc();
     EXPECT_EQ(told(log), Lines{});
-    const AssertionCapture expected; // the fixture's stop is the second
+    const AssertionCapture expected; // because the fixture stops the service once more
     service.stop();
 }
 
@@ -162,7 +124,7 @@ TEST_F(RefreshTaskTest, WhileARefreshRunsAnotherIsRefused)
     EXPECT_TRUE(threads().restartAllPushTimers());
     EXPECT_EQ(threads().getRunningThreads(), 1u);
     EXPECT_FALSE(threads().restartAllPushTimers());
-    ASSERT_TRUE(waitUntil([&] { return told(log).size() == 1; }));
+    ASSERT_TRUE(eventually([&] { return told(log).size() == 1; }));
     EXPECT_FALSE(threads().restartAllPushTimers());
     silent.close();
     threads().wait();
@@ -177,9 +139,9 @@ TEST_F(RefreshTaskTest, AStopInTheMiddleWaitsForOneClientOnly)
     client("zlast");
     const LogCapture log;
     EXPECT_TRUE(threads().restartAllPushTimers());
-    ASSERT_TRUE(waitUntil([&] { return told(log).size() == 1; }));
+    ASSERT_TRUE(eventually([&] { return told(log).size() == 1; }));
     std::thread stop([this] { service.stop(); });
-    EXPECT_TRUE(waitUntil([] { return getDiscoveryRepository()->isShuttingDown(); }));
+    EXPECT_TRUE(eventually([] { return getDiscoveryRepository()->isShuttingDown(); }));
     silent.close();
     stop.join();
     EXPECT_EQ(threads().getRunningThreads(), 0u);

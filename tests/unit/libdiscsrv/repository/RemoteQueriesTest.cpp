@@ -2,15 +2,15 @@
 
 #include "RemoteQueries.h"
 
-#include "Capture.h"
 #include "PeerLink.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::AssertionCapture;
+using QmTest::Lines;
 using QmTest::LogCapture;
-using Lines = std::vector<std::string>;
 
 struct RemoteQueriesTest : testing::Test
 {

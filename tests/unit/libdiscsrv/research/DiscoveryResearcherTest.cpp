@@ -1,75 +1,54 @@
-// A process that is no service and researches all the same: what it brings up, what it does not,
-// and how it ends. The master is a process of its own.
+// A researcher in a process that is no service: what it brings up, what it does not, and how it
+// ends. The master is another process.
 
 #include "Researcher.h"
 
-#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include "Capture.h"
 #include "DiscoveryRepository.h"
 #include "FilterParameters.h"
 #include "ItemsFixture.h"
 #include "ServiceFixture.h"
+#include "support/Capture.h"
+#include "support/PeerProcess.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
+using QmTest::Lines;
 using QmTest::LogCapture;
 using QmTest::Service;
-using Lines = std::vector<std::string>;
 using Clients = std::set<TlxString>;
 
-/// The master "here", with items in its store, until the object goes. Made before anything of the
-/// ORB in this process, which it is forked from.
-class Master
+/// The master "here" in a process of its own, with items in its store. Make it before anything of
+/// the ORB in this process.
+class Master : public QmTest::PeerProcess
 {
   public:
     Master()
+        : PeerProcess([service = std::make_shared<std::unique_ptr<Service>>()](const std::string&) {
+              return serve(*service);
+          }),
+          m_endpoint(ask("serve"))
     {
-        int told[2];
-        EXPECT_EQ(::pipe(told), 0);
-        EXPECT_EQ(::pipe(m_hold), 0);
-        m_pid = ::fork();
-        if (m_pid == 0) {
-            ::close(told[0]);
-            ::close(m_hold[1]);
-            serve(told[1], m_hold[0]);
-            ::_exit(0);
-        }
-        ::close(told[1]);
-        ::close(m_hold[0]);
-        char text[100] = {};
-        EXPECT_GT(::read(told[0], text, sizeof text - 1), 0);
-        ::close(told[0]);
-        m_endpoint = text;
         HostConfig::instance().readText(
             "SERVER = here\nCLIENT_NAME = console\nENDPOINT.here = " + m_endpoint + "\n",
             "qm.conf");
     }
     const std::string& endpoint() const { return m_endpoint; }
-    ~Master()
-    {
-        ::close(m_hold[1]);
-        int status = -1;
-        ::waitpid(m_pid, &status, 0);
-        EXPECT_EQ(status, 0);
-    }
-    Master(const Master&) = delete;
-    Master& operator=(const Master&) = delete;
+    ~Master() { EXPECT_EQ(stop(), 0); }
 
   private:
-    static void serve(int told, int hold)
+    /// The endpoint of the service that it makes.
+    static std::string serve(std::unique_ptr<Service>& service)
     {
-        ::alarm(100); // no test takes that long
-        const Service service;
+        service = std::make_unique<Service>();
         Service::put("host1", "host1",
                      "<DiscoveredItems><DISCOVERED Name='/'><ExplorerData Name='FileSystems'>"
                      "<Type>ext4</Type></ExplorerData></DISCOVERED></DiscoveredItems>");
@@ -77,15 +56,10 @@ class Master
                      "<FilterData><QueryDescription><Field Name='size' Type='bytes'/>"
                      "</QueryDescription></FilterData>");
         Service::put("broken", "host1", "<DiscoveredItems><DISCOVERED Name='a'/><DISC");
-        const std::string endpoint = service.orb->getEndpoint();
-        (void)!::write(told, endpoint.data(), endpoint.size());
-        ::close(told);
-        char byte;
-        (void)!::read(hold, &byte, 1);
+        return service->orb->getEndpoint();
     }
-    std::string m_endpoint;
-    int m_hold[2] = {-1, -1};
-    pid_t m_pid = -1;
+
+    const std::string m_endpoint;
 };
 
 /// How many sockets of this process wait for somebody to connect.
@@ -176,9 +150,9 @@ TEST(DiscoveryResearcherTest, AsksTheMasterThatTheCallerNames)
     if (!QmTest::mayOpenRecords())
         GTEST_SKIP() << "records are created with permissions 0: needs root";
     const Master master;
-    // (Nothing listens on port 1.)
+    // Nothing listens on port 1.
     HostConfig::instance().readText("SERVER = there\nENDPOINT.there = 127.0.0.1:1\n", "qm.conf");
-    // The record's own source is "here".
+    // The source of the record is "here".
     MasterAddress address{"backup1", {}, {"here"}};
     ASSERT_TRUE(parseEndpoint(master.endpoint(), address.endpoint));
     ASSERT_TRUE(initDiscoveryResearch(address));
@@ -191,9 +165,9 @@ TEST(DiscoveryResearcherTest, AsksTheMasterThatTheCallerNames)
     EXPECT_TRUE(items->isParsed());
 }
 
-TEST(DiscoveryResearcherTest, AMasterThatIsNotThereIsNoHandle)
+TEST(DiscoveryResearcherTest, WithoutAMasterThereIsNoHandle)
 {
-    // (Nothing listens on port 1.)
+    // Nothing listens on port 1.
     HostConfig::instance().readText("SERVER = there\nENDPOINT.there = 127.0.0.1:1\n", "qm.conf");
     ASSERT_NE(initDiscoveryResearch(), nullptr);
     const LogCapture log(LOG_LEVEL_FAILURE);
@@ -217,7 +191,7 @@ TEST(DiscoveryResearcherTest, WritesNoLogFileAndMakesNoStore)
 [[noreturn]] void researchWithoutAnOrbAndExit()
 {
     ::alarm(60);
-    ::setenv("ORBgiopMaxMsgSize", "none", 1); // which the ORB's library does not bear
+    ::setenv("ORBgiopMaxMsgSize", "none", 1); // the ORB's library cannot cope with that
     std::exit(initDiscoveryResearch() ? 1 : 17);
 }
 

@@ -3,27 +3,22 @@
 #include <fstream>
 #include <sstream>
 
-#include "Capture.h"
-#include "Documentation.h"
-#include "PlainDiscovery.h"
+#include <gtest/gtest.h>
+
 #include "RemoteExplorerPull.h"
 #include "ServiceFixture.h"
 #include "XMLHelper.h"
+#include "support/Capture.h"
+#include "support/Documentation.h"
+#include "support/PlainDiscovery.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::codeOf;
+using QmTest::contentOf;
+using QmTest::Lines;
 using QmTest::LogCapture;
-using Lines = std::vector<std::string>;
-
-std::string contentOf(const std::filesystem::path& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
 
 TEST(DocumentationTest, TheMetadataDocument)
 {

@@ -1,20 +1,20 @@
-// What can be asked about, gathered from all hosts.
+// The filter descriptions of all hosts, merged.
 
 #include "FilterDescription.h"
 
 #include <gtest/gtest.h>
 
-#include "Capture.h"
 #include "ItemsFixture.h"
 #include "ServiceFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::AssertionCapture;
+using QmTest::Lines;
 using QmTest::LogCapture;
 using QmTest::Service;
-using Lines = std::vector<std::string>;
 
 std::string filterData(const std::vector<std::vector<QueryField>>& descriptions)
 {
@@ -77,7 +77,7 @@ TEST_F(FilterDescriptionTest, TheFirstNameIsTheAuthorityTheSecondTheSubject)
     EXPECT_EQ(FilterDescription("", "filesystem").fields().size(), 2u);
 }
 
-TEST_F(FilterDescriptionTest, WhatIsNoDescriptionIsLeftOut)
+TEST_F(FilterDescriptionTest, OtherDataIsLeftOut)
 {
     Service::put("filesystem", "unix1", "no XML");
     Service::put("filesystem", "unix2",

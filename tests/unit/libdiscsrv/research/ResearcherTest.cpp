@@ -4,11 +4,11 @@
 
 #include <gtest/gtest.h>
 
-#include "Capture.h"
 #include "ExplorerFixture.h"
 #include "FilterParameters.h"
 #include "ItemsFixture.h"
 #include "StoreFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
@@ -18,12 +18,12 @@ using QmTest::FakePull;
 using QmTest::Lines;
 using QmTest::ListedDiscoveries;
 using QmTest::LogCapture;
+using QmTest::MemoryData;
 using QmTest::PlainDiscovery;
 using QmTest::ReadItems;
 using QmTest::readItems;
 using QmTest::research;
 using QmTest::Service;
-using QmTest::TextData;
 
 const std::string TWO_ITEMS =
     "<DiscoveredItems><DISCOVERED Name='a'/><DISCOVERED Name='b'/></DiscoveredItems>";
@@ -99,13 +99,13 @@ TEST(CollectionItemIteratorTest, ACopyOfOneWithoutAuthorityAndSubjectHasNone)
     EXPECT_TRUE(copy->isParsed());
 }
 
-// One discovery after the other.
+// A walk over discoveries.
 
 TEST(AuthSubIteratorTest, EachDiscoveryYieldsItsItems)
 {
     const AutoDereference<ListedDiscoveries> discoveries(new ListedDiscoveries);
-    discoveries->add(new TextData(TWO_ITEMS), "host1", "first");
-    discoveries->add(new TextData("<DiscoveredItems/>"), "host2", "second");
+    discoveries->add(new MemoryData(TWO_ITEMS), "host1", "first");
+    discoveries->add(new MemoryData("<DiscoveredItems/>"), "host2", "second");
     const LogCapture log(LOG_LEVEL_FAILURE);
     const AutoDereference<AuthSubIterator> all(new AuthSubIterator(discoveries.get()));
     EXPECT_EQ(discoveries->referenceCount(), 2u);
@@ -133,7 +133,7 @@ TEST(AuthSubIteratorTest, EachDiscoveryYieldsItsItems)
 
 TEST(AuthSubIteratorTest, TheItemsOutliveTheDiscoveriesAndTheirIterator)
 {
-    const auto items = research(new TextData(TWO_ITEMS));
+    const auto items = research(new MemoryData(TWO_ITEMS));
     ASSERT_TRUE(items);
     EXPECT_EQ(items->getAuthority()->getName(), TlxString("host1"));
     EXPECT_EQ(names(*items), (Lines{"a", "b"}));
@@ -145,10 +145,10 @@ TEST(AuthSubIteratorTest, WithoutDiscoveriesThereIsNothing)
     EXPECT_EQ(none->getNextCollectionItemIterator(nullptr), nullptr);
 }
 
-TEST(AuthSubIteratorTest, ADiscoveryWithoutAuthorityAndSubjectIsReadAllTheSame)
+TEST(AuthSubIteratorTest, ADiscoveryWithoutAuthorityAndSubjectIsReadToo)
 {
     const AutoDereference<ListedDiscoveries> discoveries(new ListedDiscoveries);
-    discoveries->add(AutoDereference<Discovery>(new PlainDiscovery(new TextData(TWO_ITEMS))));
+    discoveries->add(AutoDereference<Discovery>(new PlainDiscovery(new MemoryData(TWO_ITEMS))));
     const AutoDereference<AuthSubIterator> all(new AuthSubIterator(discoveries.get()));
     const AutoDereference<CollectionItemIterator> items(
         all->getNextCollectionItemIterator(nullptr));
@@ -161,7 +161,7 @@ TEST(AuthSubIteratorTest, ADiscoveryWithoutAuthorityAndSubjectIsReadAllTheSame)
 TEST(AuthSubIteratorTest, DataThatIsNoXmlYieldsAnIteratorThatIsNotParsedAndNoItems)
 {
     const LogCapture log;
-    const auto items = research(new TextData("This is no XML."));
+    const auto items = research(new MemoryData("This is no XML."));
     ASSERT_TRUE(items);
     EXPECT_FALSE(items->isParsed());
     EXPECT_EQ(items->getNextCollectionItem(), nullptr);
@@ -187,8 +187,8 @@ TEST(AuthSubIteratorTest, ItemsThatWereCompleteBeforeTheFailureAreKept)
 {
     const LogCapture log;
     const auto items = research(
-        new TextData("<DiscoveredItems><DISCOVERED Name='a'/><DISCOVERED Name='b'></DISCOVERED>"
-                     "<DISCOVERED Name='c'><StatusMsg Code='1'>cut o"));
+        new MemoryData("<DiscoveredItems><DISCOVERED Name='a'/><DISCOVERED Name='b'></DISCOVERED>"
+                       "<DISCOVERED Name='c'><StatusMsg Code='1'>cut o"));
     ASSERT_TRUE(items);
     EXPECT_FALSE(items->isParsed());
     EXPECT_EQ(names(*items), (Lines{"a", "b"}));
@@ -198,8 +198,8 @@ TEST(AuthSubIteratorTest, ItemsThatWereCompleteBeforeTheFailureAreKept)
 TEST(AuthSubIteratorTest, OneBrokenDiscoveryDoesNotHideTheNext)
 {
     const AutoDereference<ListedDiscoveries> discoveries(new ListedDiscoveries);
-    discoveries->add(new TextData("<DiscoveredItems><DISCOVERED>"));
-    discoveries->add(new TextData(TWO_ITEMS));
+    discoveries->add(new MemoryData("<DiscoveredItems><DISCOVERED>"));
+    discoveries->add(new MemoryData(TWO_ITEMS));
     const AutoDereference<AuthSubIterator> all(new AuthSubIterator(discoveries.get()));
     const LogCapture log;
     const AutoDereference<CollectionItemIterator> broken(
@@ -231,7 +231,7 @@ TEST(AuthSubIteratorTest, WithoutDataTheDiscoveryIsNotParsed)
 
 TEST(AuthSubIteratorTest, DataThatDoesNotOpenIsNotParsed)
 {
-    auto* const data = new TextData(TWO_ITEMS);
+    auto* const data = new MemoryData(TWO_ITEMS);
     data->opens = false;
     const LogCapture log;
     const auto items = research(data);
@@ -246,7 +246,7 @@ TEST(AuthSubIteratorTest, DataThatDoesNotOpenIsNotParsed)
 
 TEST(AuthSubIteratorTest, TheBackendsReasonGoesBeforeOurOwn)
 {
-    auto* const data = new TextData(TWO_ITEMS);
+    auto* const data = new MemoryData(TWO_ITEMS);
     data->opens = false;
     data->openFailure = "the disk is on fire";
     const auto items = research(data);
@@ -265,11 +265,11 @@ TEST(CollectionItemIteratorTest, ACopyKeepsTheFailure)
     EXPECT_EQ(copy->getFailure(), failure);
 }
 
-/// What data is opened with when it is read with a filter.
+/// The argument of the open when data is read with a filter.
 std::string openArgument(const FilterParameters* filter)
 {
     std::string opened = "not opened";
-    auto* const data = new TextData("<DiscoveredItems/>");
+    auto* const data = new MemoryData("<DiscoveredItems/>");
     data->onOpen = [&](OpenMode mode, const char* arg) {
         EXPECT_EQ(mode, OM_READ);
         opened = arg ? arg : "null";
@@ -295,26 +295,26 @@ TEST(AuthSubIteratorTest, TheFilterIsHandedToTheSourceOfTheData)
 
 TEST(AuthSubIteratorTest, AFailedReadIsTheEnd)
 {
-    for (const auto end : {TextData::ET_MINUS_ONE, TextData::ET_THROWS}) {
+    for (const auto end : {MemoryData::ET_MINUS_ONE, MemoryData::ET_THROWS}) {
         const LogCapture log;
-        EXPECT_TRUE(readItems(new TextData(TWO_ITEMS, 7, end)).parsed);
-        const auto cut = readItems(new TextData(TWO_ITEMS.substr(0, 50), 7, end));
+        EXPECT_TRUE(readItems(new MemoryData(TWO_ITEMS, 7, end)).parsed);
+        const auto cut = readItems(new MemoryData(TWO_ITEMS.substr(0, 50), 7, end));
         EXPECT_FALSE(cut.parsed);
         EXPECT_EQ(cut.all(), Lines{"<Discovered Name=\"a\"></Discovered>"});
         EXPECT_EQ(log.texts(1).back(), "Failed to parse discovery");
     }
 }
 
-/// Data during whose second read the service ends.
-class LastData : public TextData
+/// Data that shuts the service down during its second read.
+class LastData : public MemoryData
 {
   public:
-    explicit LastData(const std::string& text) : TextData(text, text.size() / 2) {}
+    explicit LastData(const std::string& text) : MemoryData(text, text.size() / 2) {}
     std::size_t readCollection(std::size_t length, void* buffer) const override
     {
         if (++m_reads == 2)
             getDiscoveryRepository()->shutdown();
-        return TextData::readCollection(length, buffer);
+        return MemoryData::readCollection(length, buffer);
     }
 
   private:
@@ -323,7 +323,7 @@ class LastData : public TextData
 
 TEST(AuthSubIteratorTest, ADocumentEndsWithTheService)
 {
-    // Longer than what is read to learn of the document's encoding.
+    // Longer than the part that the parser reads to find the encoding.
     std::string text = "<DiscoveredItems><DISCOVERED Name='a'/>";
     for (int i = 0; i < 200; ++i)
         text += "<!-- " + std::string(1000, 'x') + " -->";
@@ -347,7 +347,7 @@ TEST(AuthSubIteratorTest, WritesNothing)
     EXPECT_EQ(out.str(), "");
 }
 
-// Out of the repository.
+// Items that the repository finds.
 
 class ResearchTest : public testing::Test
 {
@@ -447,7 +447,7 @@ TEST_F(ResearchTest, TheClientsAreTheAuthoritiesOfVolumesAndOfFileSystemsEachOnc
               (Clients{"unix1", "unix2", "windows1"}));
 }
 
-TEST_F(ResearchTest, WithoutClientsTwoLinesTell)
+TEST_F(ResearchTest, WithoutClientsTwoLinesAreLogged)
 {
     const LogCapture log;
     EXPECT_EQ(getDiscoveryRepository()->getDiscoveredClientList(), Clients());
@@ -460,7 +460,7 @@ TEST_F(ResearchTest, WithoutClientsTwoLinesTell)
     EXPECT_EQ(told, (Lines{"No windows clients found", "No unix clients found"}));
 }
 
-TEST_F(ResearchTest, WithOneKindOfClientOneLineTellsOfTheOther)
+TEST_F(ResearchTest, WithOneKindOfClientTheMissingOneIsLogged)
 {
     Service::put("filesystem", "unix1", "<FilterData/>");
     const LogCapture log;
@@ -480,13 +480,13 @@ TEST_F(ResearchTest, TheListOfClientsEndsAtTheNextRecordWhenTheServiceDoes)
     explorer->onPull = [] { getDiscoveryRepository()->shutdown(); };
     EXPECT_EQ(getDiscoveryRepository()->getDiscoveredClientList().size(), 1u);
     EXPECT_EQ(explorer->calls.size(), 1u);
-    const AssertionCapture expected; // the fixture's stop is the second
+    const AssertionCapture expected; // because the fixture stops the service once more
     m_service.stop();
 }
 
 TEST_F(ResearchTest, TenThousandRecordsAreRead)
 {
-    // Written past the service, whose syncs are another test's matter.
+    // Written without the service, because its syncs would take long.
     const auto store = [this](const std::string& host, const std::string& subject,
                               const std::string& payload) {
         const AutoDereference<PlainDiscovery> record(new PlainDiscovery);

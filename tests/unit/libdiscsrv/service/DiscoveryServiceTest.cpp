@@ -4,17 +4,23 @@
 
 #include <tlx/OrbService.h>
 
-#include "Capture.h"
+#include <gtest/gtest.h>
+
 #include "RemoteWriter_i.h"
 #include "ServiceFixture.h"
+#include "support/Capture.h"
+#include "support/Descriptors.h"
+#include "support/Eventually.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote {
 namespace {
 
 using QmTest::AssertionCapture;
+using QmTest::descriptorOf;
+using QmTest::eventually;
+using QmTest::Lines;
 using QmTest::LogCapture;
 using QmTest::Service;
-using Lines = std::vector<std::string>;
 
 Remote::Discovery named(const char* subject, const char* authority,
                         DiscoveryQuery query = DQ_DISCOVERY_DATA)
@@ -30,8 +36,8 @@ Remote::Discovery named(const char* subject, const char* authority,
     return discovery;
 }
 
-/// Without a repository behind it: whatever reaches the repository's framework is reported.
-TEST(DiscoveryServiceAloneTest, AWildcardIsALogicErrorAndAsksNobody)
+/// The servant has no framework here. A call that reaches it fails an assertion.
+TEST(DiscoveryServiceAloneTest, AWildcardIsALogicErrorWithoutAQuery)
 {
     PortableServer::Servant_var<DiscoveryService_i> servant(new DiscoveryService_i);
     const AssertionCapture assertions;
@@ -145,7 +151,7 @@ TEST_F(DiscoveryServiceTest, APayloadIsReadThroughAnIteratorOfItsOwn)
     EXPECT_THROW(iterator->getNextPage(), CORBA::SystemException);
 }
 
-TEST_F(DiscoveryServiceTest, ARecordFromAPageIsAnsweredThoughItTellsNoQueryType)
+TEST_F(DiscoveryServiceTest, ARecordFromAPageIsReadWithoutAQueryType)
 {
     Service::put("cl1", "srv1", "the payload");
     EXPECT_EQ(get(named("cl1", "srv1", DQ_UNDEFINED)), DS_SUCCESS);
@@ -188,6 +194,7 @@ TEST_F(DiscoveryServiceTest, AnEvictorThatRefusesFailsTheQueryAndLeavesNothingAc
 {
     service.orb->getEvictor().shutdown();
     const LogCapture log;
+    ASSERT_EQ(descriptorOf(service.store()), -1);
     EXPECT_THROW(servant->queryDiscoveries(DQ_DISCOVERY_DATA, AT_ANYANDALL, "*", "*"),
                  CORBA::BAD_INV_ORDER);
     EXPECT_EQ(log.texts(1),
@@ -195,6 +202,8 @@ TEST_F(DiscoveryServiceTest, AnEvictorThatRefusesFailsTheQueryAndLeavesNothingAc
                      "COMPLETED_NO)",
                      "Caught CORBA exception creating object reference to discovery iterator",
                      "BAD_INV_ORDER (minor 0x00000000, COMPLETED_NO)"}));
+    EXPECT_TRUE(eventually([&] { return descriptorOf(service.store()) == -1; }))
+        << "an active iterator keeps the directory open";
 }
 
 TEST_F(DiscoveryServiceTest, AnEvictorThatRefusesFailsTheReadWithAStatus)
@@ -204,6 +213,8 @@ TEST_F(DiscoveryServiceTest, AnEvictorThatRefusesFailsTheReadWithAStatus)
     const LogCapture log;
     EXPECT_EQ(get(named("cl1", "srv1")), DS_COM_ERROR);
     EXPECT_TRUE(CORBA::is_nil(iterator));
+    EXPECT_TRUE(eventually([&] { return descriptorOf(service.store() / "2 srv1 cl1.dat") == -1; }))
+        << "an active iterator keeps the payload open";
     EXPECT_EQ(log.texts(1),
               (Lines{"Caught CORBA exception while add2Evictor, BAD_INV_ORDER (minor 0x00000000, "
                      "COMPLETED_NO)",
@@ -224,7 +235,7 @@ TEST_F(DiscoveryServiceTest, AWriterThatCannotBeActivatedIsACommunicationError)
     ASSERT_EQ(lines.size(), 3u);
     EXPECT_EQ(lines[0], "Caught CORBA exception creating object reference to remote writer");
     EXPECT_EQ(lines[1].substr(0, 17), "OBJECT_NOT_EXIST ");
-    // The payload that was begun goes with the writer.
+    // The writer deletes the payload that it has begun.
     EXPECT_EQ(lines[2], "Deleted file: " + (service.store() / "0.updating").string());
 }
 

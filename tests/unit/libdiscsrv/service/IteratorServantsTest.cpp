@@ -5,61 +5,39 @@
 #include <cstring>
 #include <limits>
 
+#include <gtest/gtest.h>
+
 #include "CollectionDataIterator_i.h"
 #include "DiscoveryIterator_i.h"
 
-#include "Capture.h"
 #include "ServiceFixture.h"
+#include "support/Capture.h"
+#include "support/PlainDiscovery.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote {
 namespace {
 
 using QmTest::AssertionCapture;
+using QmTest::Lines;
 using QmTest::LogCapture;
-using Lines = std::vector<std::string>;
+using QmTest::MemoryData;
 
-/// A payload in memory; a negative size fails every read.
-class Bytes : public CollectionData
+/// A record with a payload of a size. A negative size makes every read fail.
+class Record : public QmTest::PlainDiscovery
 {
   public:
-    explicit Bytes(int size) : m_left(size) {}
-    bool open(OpenMode mode, const char* filter) override
+    explicit Record(int size)
+        : PlainDiscovery(size < 0
+                             ? new MemoryData("", SIZE_MAX, MemoryData::ET_MINUS_ONE)
+                             : new MemoryData(std::string(static_cast<std::size_t>(size), 'x')))
     {
-        opened = mode == OM_READ ? filter : "?";
-        return opens;
     }
-    std::size_t readCollection(std::size_t length, void* buffer) const override
-    {
-        if (m_left < 0)
-            return static_cast<std::size_t>(-1);
-        largest = std::max(largest, length);
-        const std::size_t count = std::min<std::size_t>(length, m_left);
-        std::memset(buffer, 'x', count);
-        m_left -= static_cast<int>(count);
-        return count;
-    }
-    bool writeCollection(std::size_t, const void*) const override { return false; }
-
-    bool opens = true;
-    std::string opened;
-    mutable std::size_t largest = 0;
-
-  private:
-    mutable int m_left;
-};
-
-class Record : public Tlx::DiscoverySvc::Discovery
-{
-  public:
-    explicit Record(int size) : Discovery(new Bytes(size), DQ_DISCOVERY_DATA) {}
     explicit Record(const std::string& subject) : Record(0)
     {
         setSubject(new Subject(subject));
         setAuthority(new Authority("srv é", AT_QMKSERVER));
     }
-    DiscoveryResult persist() override { return {DS_LOGIC_ERROR, 0}; }
-    DiscoveryResult open(OpenMode, const char*) override { return {DS_LOGIC_ERROR, 0}; }
-    Bytes& bytes() { return dynamic_cast<Bytes&>(*getCollectionData()); }
+    MemoryData& data() { return dynamic_cast<MemoryData&>(*getCollectionData()); }
 };
 
 class Records : public Tlx::DiscoverySvc::DiscoveryIterator
@@ -162,7 +140,7 @@ TEST_F(IteratorServantsTest, APageThatGrowsLargeIsShorterThanAskedFor)
     EXPECT_EQ(sum, 100u);
 }
 
-TEST_F(IteratorServantsTest, APageTellsNamesTypeAndSource)
+TEST_F(IteratorServantsTest, APageHasNamesTypeAndSource)
 {
     const auto servant = over(new Records(1));
     DiscoverySeq_var page = servant->getNextPage();
@@ -174,7 +152,7 @@ TEST_F(IteratorServantsTest, APageTellsNamesTypeAndSource)
     EXPECT_EQ(row.authType, AT_QMKSERVER);
     EXPECT_STREQ(row.sourceHost, "here");
     EXPECT_STREQ(row.sourceServiceName, "DiscoveryService");
-    // What a page leaves unset travels as zeros.
+    // Members that a page leaves unset are zeros on the wire.
     EXPECT_EQ(row.queryType, DQ_UNDEFINED);
     EXPECT_EQ(row.attributes.colType, CT_CONFIGURATION);
     EXPECT_EQ(row.attributes.colStorage, CS_LOCALONLY);
@@ -196,7 +174,7 @@ TEST_F(IteratorServantsTest, ABytePageNeverAsksForMoreThanItMayHold)
     const auto servant = over(100);
     servant->pageSize(std::numeric_limits<CORBA::Long>::max());
     EXPECT_EQ(pages(*servant.in(), 2), (Sizes{100, 0}));
-    EXPECT_EQ(record->bytes().largest, MAX_PAGE_BYTES);
+    EXPECT_EQ(record->data().largestRead, MAX_PAGE_BYTES);
 }
 
 TEST_F(IteratorServantsTest, ABytePageOfZeroOrLessIsEmpty)
@@ -207,7 +185,7 @@ TEST_F(IteratorServantsTest, ABytePageOfZeroOrLessIsEmpty)
         EXPECT_EQ(servant->pageSize(), size);
         EXPECT_EQ(pages(*servant.in(), 1), (Sizes{0}));
     }
-    EXPECT_EQ(record->bytes().largest, 0u);
+    EXPECT_EQ(record->data().largestRead, 0u);
 }
 
 TEST_F(IteratorServantsTest, AReadThatFailsIsAnEmptyPageAndALine)
@@ -223,14 +201,18 @@ TEST_F(IteratorServantsTest, AReadThatFailsIsAnEmptyPageAndALine)
 TEST_F(IteratorServantsTest, OpeningHandsTheFilterOn)
 {
     const auto servant = over(1);
+    std::string opened;
+    record->data().onOpen = [&](OpenMode mode, const char* filter) {
+        opened = mode == OM_READ ? filter : "?";
+    };
     EXPECT_TRUE(servant->open("some filter"));
-    EXPECT_EQ(record->bytes().opened, "some filter");
+    EXPECT_EQ(opened, "some filter");
 }
 
 TEST_F(IteratorServantsTest, APayloadThatCannotBeOpened)
 {
     const auto servant = over(1);
-    record->bytes().opens = false;
+    record->data().opens = false;
     LogCapture log;
     EXPECT_FALSE(servant->open(""));
     EXPECT_EQ(log.texts(1), Lines{"Failed to open collection"});

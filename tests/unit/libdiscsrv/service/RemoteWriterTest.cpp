@@ -2,18 +2,19 @@
 
 #include "RemoteWriter_i.h"
 
-#include <fstream>
-#include <sstream>
+#include <gtest/gtest.h>
 
-#include "Capture.h"
 #include "ServiceFixture.h"
+#include "support/Capture.h"
+#include "support/TemporaryDirectory.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote {
 namespace {
 
 using QmTest::AssertionCapture;
+using QmTest::contentOf;
+using QmTest::Lines;
 using QmTest::LogCapture;
-using Lines = std::vector<std::string>;
 
 Remote::Discovery incoming(const char* subject, const char* authority)
 {
@@ -37,15 +38,7 @@ CollectionDataSeq bytes(const std::string& text)
     return seq;
 }
 
-std::string content(const std::filesystem::path& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
-/// What the service's servant does with a writer.
+/// Activates a writer as the service does.
 RemoteWriter_ptr activate(Orb& orb, RemoteWriter_i* writer)
 {
     CORBA::Object_var reference = orb.activateServant(writer);
@@ -54,7 +47,7 @@ RemoteWriter_ptr activate(Orb& orb, RemoteWriter_i* writer)
     return narrowed._retn();
 }
 
-/// A payload that tells what was written into it, and answers what the test says.
+/// A payload that records what is written, and returns what the test says.
 struct RecordingData : CollectionData
 {
     bool open(OpenMode, const char*) override { return true; }
@@ -78,7 +71,7 @@ struct RecordingDiscovery : Tlx::DiscoverySvc::Discovery
     DiscoveryResult open(OpenMode, const char*) override { return {DS_SUCCESS, 0}; }
 };
 
-/// A repository whose records are the test's.
+/// A repository that hands out the records of the test.
 struct RecordingRepository : DiscoveryRepository
 {
     void newDiscovery(AutoDereference<Tlx::DiscoverySvc::Discovery>& out, DiscoveryQuery,
@@ -120,7 +113,7 @@ TEST_F(RemoteWriterTest, StoresWhatItReceives)
     EXPECT_TRUE(reference->put(bytes("one ")));
     EXPECT_TRUE(reference->put(bytes("two")));
     EXPECT_EQ(reference->close().discStatus, DS_SUCCESS);
-    EXPECT_EQ(content(service.store() / "1 srv1 cl5.dat"), "one two");
+    EXPECT_EQ(contentOf(service.store() / "1 srv1 cl5.dat"), "one two");
 }
 
 TEST_F(RemoteWriterTest, TimesArriveAsSeconds)
@@ -149,7 +142,7 @@ TEST_F(RemoteWriterTest, AnEmptyPutIsAWriteOfNothing)
     const RemoteWriter_var reference = activate(*service.orb, writer);
     EXPECT_TRUE(reference->put(CollectionDataSeq()));
     EXPECT_EQ(reference->close().discStatus, DS_SUCCESS);
-    EXPECT_EQ(content(service.store() / "1 srv1 cl5.dat"), "");
+    EXPECT_EQ(contentOf(service.store() / "1 srv1 cl5.dat"), "");
 }
 
 TEST_F(RemoteWriterTest, EveryPutIsOneWriteAndAnswersWhatTheBackendDoes)
@@ -179,7 +172,7 @@ TEST_F(RemoteWriterTest, ASecondCloseThatSlipsInDropsNothingTwice)
 {
     auto* writer = new RemoteWriter_i(incoming("cl5", "srv1"));
     const PortableServer::ServantBase_var held = writer;
-    writer->_add_ref(); // the one that close drops
+    writer->_add_ref(); // the reference that close drops
     EXPECT_EQ(writer->open().discStatus, DS_SUCCESS);
     EXPECT_EQ(writer->close().discStatus, DS_SUCCESS);
     EXPECT_EQ(writer->_refcount_value(), 1);
@@ -230,12 +223,12 @@ TEST_F(RemoteWriterTest, AnEmptyNameIsRefusedAndLeavesNothingBehind)
     EXPECT_FALSE(std::filesystem::exists(service.store() / "0.updating"));
 }
 
-TEST_F(RemoteWriterTest, AFailedPersistIsToldByClose)
+TEST_F(RemoteWriterTest, CloseReturnsTheFailureOfThePersist)
 {
     auto* writer = new RemoteWriter_i(incoming("cl5", "srv1"));
     EXPECT_EQ(writer->open().discStatus, DS_SUCCESS);
     const RemoteWriter_var reference = activate(*service.orb, writer);
-    // Meanwhile somebody stores the same record with a higher priority.
+    // Meanwhile another writer stores the same record with a higher priority.
     Remote::Discovery higher = incoming("cl5", "srv1");
     higher.attributes.priority = 8;
     auto* other = new RemoteWriter_i(higher);

@@ -1,14 +1,16 @@
-// A service with explorers: what its queries and reads find, and what a restart finds again.
+// A service with explorers: what queries and reads find, also after a restart.
 
 #include <fstream>
 #include <sstream>
 #include <thread>
 
-#include "Capture.h"
+#include <gtest/gtest.h>
+
 #include "DiscoveryService_i.h"
 #include "ExplorerFixture.h"
 #include "RemoteExplorerPull.h"
 #include "ServiceFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
@@ -69,10 +71,7 @@ struct ServiceExplorersTest : testing::Test
     }
     std::string stored(const std::string& file) const
     {
-        std::ifstream stream(service.store() / file, std::ios::binary);
-        std::ostringstream text;
-        text << stream.rdbuf();
-        return text.str();
+        return QmTest::contentOf(service.store() / file);
     }
     void registerRemote(const char* subject, CORBA::Short priority) const
     {
@@ -141,7 +140,7 @@ TEST_F(ServiceExplorersTest, AnExplorerOfThisHostIsNotStored)
     EXPECT_FALSE(std::filesystem::exists(service.store() / "4 a s.xml"));
 }
 
-TEST_F(ServiceExplorersTest, AnExplorerThatCannotBeStoredIsRegisteredAllTheSame)
+TEST_F(ServiceExplorersTest, AnExplorerThatCannotBeStoredIsRegisteredEvenSo)
 {
     std::filesystem::create_directory(service.store() / "4 a s.xml");
     const LogCapture log;
@@ -156,7 +155,7 @@ TEST_F(ServiceExplorersTest, ARestartFindsThemAgain)
     registerRemote("t", 6);
     std::ofstream(service.store() / "4 a s2.dat") << "x";
     {
-        // What is no document of an explorer is skipped.
+        // A record that is no document of an explorer is skipped.
         AutoDereference<Discovery> bad;
         getDiscoveryRepository()->newDiscovery(
             bad, DQ_UNDEFINED, Subject("bad"), Authority("a", AT_REMOTEPULL),
@@ -166,7 +165,7 @@ TEST_F(ServiceExplorersTest, ARestartFindsThemAgain)
         ASSERT_TRUE(bad->getCollectionData()->writeCollection(3, "bad"));
         ASSERT_TRUE(isSuccess(bad->persist()));
     }
-    // A repository as it is after a start: it loads what the other one stored.
+    // A second repository loads what the first one stored, as after a restart.
     struct Restarted : DiscoveryRepository
     {
         bool isMaster() const override { return true; }

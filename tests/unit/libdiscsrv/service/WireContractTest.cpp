@@ -13,8 +13,8 @@
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
-/// What goes over the wire: numbers aligned to their size, a string as its length with the NUL byte
-/// that ends it, and then its bytes.
+/// The bytes on the wire. Numbers are aligned to their size. A string is its length, with the NUL
+/// byte at its end counted, and then its bytes.
 class Expected
 {
   public:

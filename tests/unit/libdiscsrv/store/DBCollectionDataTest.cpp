@@ -5,9 +5,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "Capture.h"
+#include <gtest/gtest.h>
+
 #include "RefusedCall.h"
 #include "StoreFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
@@ -65,7 +67,7 @@ TEST_F(DBCollectionDataTest, AThousandTakenNumbersAreAFailure)
     EXPECT_EQ(log.texts(1), Lines(1000, "Last error17"));
     EXPECT_EQ(log.texts(4).size(), 2000u);
     EXPECT_EQ(log.texts(4).back(), "Opening collection file: " + name("999.updating"));
-    // What was given up holds nothing: a clean-up may run.
+    // A payload that was given up holds no lock. A clean-up may run.
     EXPECT_TRUE(CleanupLock(dir().c_str(), CleanupLock::LM_EXCLUSIVE).isLocked());
 }
 
@@ -155,7 +157,7 @@ TEST_F(DBCollectionDataTest, ReadingWithoutAPayloadFailsAtOnce)
     EXPECT_EQ(log.texts(4), Lines{"Opening collection file: " + name("x.dat")});
 }
 
-TEST_F(DBCollectionDataTest, WhatIsNoFileCannotBeRead)
+TEST_F(DBCollectionDataTest, OnlyAFileCanBeRead)
 {
     std::filesystem::create_directory(path("x.dat"));
     const LogCapture log;
@@ -219,7 +221,7 @@ TEST_F(DBCollectionDataTest, ADirectoryThatCannotBeSyncedFailsThePersist)
         const auto data = make();
         const int spare = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
         EXPECT_TRUE(data->open(OM_UPDATE, ""));
-        // The directory is opened next, and gets the lowest descriptor that is free.
+        // The directory is opened next. It gets the lowest free descriptor.
         ASSERT_LT(spare, descriptorOf(path("0.updating")));
         ::close(spare);
         QmTest::refuseCalls(__NR_fsync, 0, {static_cast<unsigned>(spare)}, EIO);
@@ -253,7 +255,7 @@ TEST_F(DBCollectionDataTest, AfterAFailedPersistTheNextOneStoresNoEmptyPayload)
     std::filesystem::remove(path("x.dat"));
     EXPECT_FALSE(data->persist(TlxPathname(name("x.dat"))));
     EXPECT_FALSE(std::filesystem::exists(path("x.dat")));
-    // Opened anew it is as good as any other.
+    // It can be opened again.
     EXPECT_TRUE(data->open(OM_UPDATE, ""));
     EXPECT_TRUE(data->writeCollection(3, "def"));
     EXPECT_TRUE(data->persist(TlxPathname(name("x.dat"))));
@@ -306,7 +308,7 @@ TEST_F(DBCollectionDataTest, CleanupGivesUpWhatIsBeingWritten)
     EXPECT_TRUE(data->open(OM_READ, "")); // reads its own file, not the temporary one
 }
 
-TEST_F(DBCollectionDataTest, CleanupTellsWhatItCannotDelete)
+TEST_F(DBCollectionDataTest, CleanupReportsFilesThatItCannotDelete)
 {
     const auto data = make();
     EXPECT_TRUE(data->open(OM_UPDATE, ""));

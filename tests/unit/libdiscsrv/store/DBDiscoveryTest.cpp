@@ -6,8 +6,10 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
-#include "Capture.h"
+#include <gtest/gtest.h>
+
 #include "StoreFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
@@ -155,7 +157,7 @@ TEST_F(DBDiscoveryTest, ADocumentBeyondTheSizeIsNotStored)
     EXPECT_EQ(read(*find("1 srv1 cl5.xml")), "old");
 }
 
-TEST_F(DBDiscoveryTest, APriorityBlocksAlsoInADocumentThatIsNoRecord)
+TEST_F(DBDiscoveryTest, ThePriorityOfABrokenDocumentBlocksToo)
 {
     writeFile(path("1 srv1 cl5.xml"),
               "<DiscoveryData><DiscoveryAttributes Type=\"9\" Storage=\"0\"><Priority>6</Priority>"
@@ -252,7 +254,7 @@ TEST_F(DBDiscoveryTest, APayloadThatCannotBeMovedFailsThePersist)
     const LogCapture log;
     EXPECT_EQ(record->persist().discStatus, DS_OPEN_FAILED);
     EXPECT_EQ(log.texts(1).back(), "Collection data update failed");
-    // The new metadata stands, as the order of writing has it.
+    // The new metadata stays: it is written before the payload.
     EXPECT_TRUE(std::filesystem::exists(path(metadata)));
 }
 
@@ -320,7 +322,7 @@ TEST_F(DBDiscoveryTest, ExpiryIsWhenTheTimeIsLater)
     EXPECT_FALSE(isExpired(nullptr));
 }
 
-/// A file system of one mebibyte, for the length of a test.
+/// A file system of one mebibyte. The destructor unmounts it.
 class SmallDisk
 {
   public:

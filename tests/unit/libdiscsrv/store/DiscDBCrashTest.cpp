@@ -1,10 +1,11 @@
-// A process that works on the store is killed at each of its file operations in turn, until none is
-// left to be killed at. After each kill a fresh process must find the record in one of the states
-// that the order of writing allows, in that order and none twice; every other record as it was; and
-// must be able to write the record anew.
+// Each test kills a process that works on the store, at each of its file operations in turn. After
+// each kill a fresh process
 //
-// The states of a record "old" (priority 1) that is replaced by "new" (priority 2), by the last
-// operation that was done:
+//   - finds the record in one of the states that the order of writing allows, in that order,
+//   - finds every other record as it was,
+//   - can write the record again.
+//
+// The states of a record "old" (priority 1) that "new" (priority 2) replaces:
 //
 //     last operation              metadata                payload   a lookup finds
 //     ------------------------    --------------------    -------   -------------------------
@@ -15,10 +16,12 @@
 //     unlink of the payload       new                     none      2, and refuses to be read
 //     rename of the payload       new                     new       new, 2
 //
-// Of a record that was not there before: nothing (the metadata file may exist, empty), then 2 that
-// refuses to be read, then new, 2. A write that is torn leaves the begin of the new document with
-// the rest of the old one, which is the old record, the new metadata with the old payload, or no
-// document at all, and then found by nobody and in nobody's way.
+// The states of a record that is new: nothing (the metadata file may exist and be empty), then 2
+// that refuses to be read, then new, 2.
+//
+// A torn write leaves the begin of the new document and the rest of the old one. The result is the
+// old record, or the new metadata with the old payload, or no document. A lookup skips the latter,
+// and a put replaces it.
 
 #include "DiscDB.h"
 
@@ -47,7 +50,7 @@ const RecordOf OTHER = {.subject = "other", .payload = "the other one"};
 const RecordOf OLD = {.priority = 1, .payload = "old"};
 const RecordOf NEW = {.priority = 2, .payload = "new"};
 
-/// This process itself never touches the store, so each child that it forks is a fresh one.
+/// This process does not use the store, so its children start without a state of it.
 struct DiscDBCrashTest : QmTest::Store
 {
     void SetUp() override
@@ -94,7 +97,8 @@ struct DiscDBCrashTest : QmTest::Store
         const std::string found = peer.ask(std::string("find ") + METADATA);
         return found == "none" ? found : found + ", priority " + peer.ask("priority");
     }
-    /// The other record is whole and the record can be written anew, with nothing left lying about.
+    /// Expects that the other record is whole, that the record can be written again, and that no
+    /// other file is left.
     void expectUsable(QmTest::StorePeer& peer) const
     {
         EXPECT_EQ(contentOf(path("1 srv1 other.xml")), m_filled.at("1 srv1 other.xml"));
@@ -112,7 +116,8 @@ struct DiscDBCrashTest : QmTest::Store
     using Work = std::function<bool()>;
     using Look = std::function<std::string(QmTest::StorePeer&)>;
 
-    /// Kills the work at each of its operations; what look tells after each, without repetitions.
+    /// Kills the work at each of its operations. Returns what look() finds after each, without
+    /// repetitions.
     /// @param eighths 0 to kill before each operation, otherwise in the middle of each write.
     Lines crashEverywhere(const Work& prepare, const Work& work, const Look& look,
                           unsigned eighths = 0) const
@@ -184,7 +189,7 @@ TEST_F(DiscDBCrashTest, AReplacedRecordWithAShorterDocumentGoesThroughTheStatesO
                      "found, unreadable, priority 2", "found new, priority 2"}));
 }
 
-TEST_F(DiscDBCrashTest, ATornWriteOfANewRecordLeavesNone)
+TEST_F(DiscDBCrashTest, ATornWriteOfANewRecordLeavesNoRecord)
 {
     fill({OTHER});
     for (unsigned eighths = 1; eighths < 8; ++eighths) {
@@ -257,8 +262,8 @@ TEST_F(DiscDBCrashTest, ACleanUpThatDiedIsFinishedByTheNext)
     EXPECT_EQ(crashEverywhere(prepare, work, look), (Lines{"2", "1", "0"}));
 }
 
-/// A kill loses nothing that the kernel has; a power cut does. What protects from it is where the
-/// syncs stand.
+/// A kill loses nothing that the kernel has, but a power cut does. The places of the syncs protect
+/// from it.
 TEST_F(DiscDBCrashTest, EachSyncStandsWhereAPowerCutNeedsIt)
 {
     fill({OTHER, OLD});

@@ -6,9 +6,10 @@
 #include <functional>
 #include <thread>
 
-#include "Capture.h"
+#include <gtest/gtest.h>
+
 #include "StorePeer.h"
-#include "libtlx/files/FileLockPeer.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
@@ -24,7 +25,7 @@ using QmTest::putTagged;
 constexpr const char* METADATA = "1 srv1 cl5.xml";
 constexpr const char* PAYLOAD = "1 srv1 cl5.dat";
 
-/// Does it in another thread, so that what one thread leaves held is seen by the next.
+/// Works in another thread, which would meet a lock that a thread before has left held.
 void inThread(const std::function<void()>& work)
 {
     std::thread(work).join();
@@ -42,7 +43,7 @@ struct DiscDBLocksTest : QmTest::Store
     }
     std::string find(const char* file) { return peer.ask(std::string("find ") + file); }
     std::string sees(const std::string& file) { return peer.ask("sees " + path(file).string()); }
-    /// Whether the peer stands waiting for the record's lock.
+    /// Whether the peer waits for the lock of the record.
     bool peerWaits(const std::string& file = METADATA)
     {
         return eventually([&] { return isBlocked(peer.pid(), path(file)); });
@@ -148,7 +149,7 @@ TEST_F(DiscDBLocksTest, AWriterGoesOnWhenTheOtherProcessReleasesItsRecord)
     EXPECT_EQ(peer.ask("write new"), "1");
     peer.tell("persist");
     EXPECT_TRUE(peerWaits());
-    EXPECT_FALSE(peer.answers(0));
+    EXPECT_FALSE(peer.answers(std::chrono::milliseconds::zero()));
     EXPECT_EQ(read(*kept), "old");
     kept.reset();
     EXPECT_EQ(peer.answer(), "0");
@@ -177,11 +178,11 @@ TEST_F(DiscDBLocksTest, ThePriorityIsLookedAtAgainUnderTheWriteLock)
     put({.priority = 1});
     const auto lower = make({.priority = 4});
     ASSERT_EQ(lower->open(OM_UPDATE, "").discStatus, DS_SUCCESS);
-    EXPECT_EQ(find(METADATA), "found payload"); // so that we shall wait
+    EXPECT_EQ(find(METADATA), "found payload"); // so that this process will wait
     log.clear();
     DiscoveryStatus result = DS_SUCCESS;
     std::thread writer([&] { result = lower->persist().discStatus; });
-    // The first look at the priority found 1 and is over; now a higher one comes between.
+    // The first look at the priority has found 1. Now a higher one comes between.
     EXPECT_TRUE(thisProcessWaits());
     EXPECT_EQ(peer.ask("begin cl5 5"), "0");
     EXPECT_EQ(peer.ask("write five"), "1");
@@ -216,7 +217,7 @@ TEST_F(DiscDBLocksTest, ARecordWrittenAnewDuringItsExpiryStays)
 {
     put({.timeToLive = 100});
     log.clear();
-    // The lookup has read the record and asks what time it is: just then a writer comes.
+    // A writer comes when the lookup has read the record and asks for the time.
     TlxObjTime::setClock([] {
         setNow(2000);
         inThread([] { EXPECT_EQ(put({.timeToLive = 100, .payload = "new"}), DS_SUCCESS); });
@@ -243,7 +244,7 @@ TEST_F(DiscDBLocksTest, APutOverARecordThatIsBeingExpiredIsNotLost)
         ASSERT_EQ(peer.ask("begin cl5 9"), "0");
         ASSERT_EQ(peer.ask("write new"), "1");
         peer.tell("persist");
-        peer.tell("drop"); // not asked for later: the lookup may have to wait for the write lock
+        peer.tell("drop"); // sent now, because the lookup may have to wait for the write lock
         all();             // removes the expired record, or finds the new one
         ASSERT_EQ(peer.answer(), "0");
         ASSERT_EQ(peer.answer(), "done");
@@ -367,7 +368,7 @@ TEST_F(DiscDBStartTest, AProcessThatWasKilledLeavesNoLockAndItsPayloadIsCleanedU
     EXPECT_FALSE(exists("0.updating"));
 }
 
-/// Every put's payload tells which put it is from, and so does its metadata.
+/// The payload and the metadata of each put have the same tag.
 struct DiscDBStressTest : QmTest::Store
 {
     void SetUp() override
@@ -379,7 +380,7 @@ struct DiscDBStressTest : QmTest::Store
             ASSERT_EQ(putTagged("cl5", 1), DS_SUCCESS);
         }
     }
-    /// Two threads that put, and two that read what is put, while work goes on here.
+    /// Two threads put and two read, while this thread does the work.
     void threads(int puts, const std::function<void()>& work)
     {
         std::atomic<int> writing{2};

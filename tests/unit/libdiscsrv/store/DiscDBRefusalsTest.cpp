@@ -1,10 +1,12 @@
-// The store on a machine whose kernel refuses what it asks for.
+// The store on a machine whose kernel refuses system calls.
 
 #include "DiscDB.h"
 
-#include "Capture.h"
+#include <gtest/gtest.h>
+
 #include "RefusedCall.h"
 #include "StoreFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
@@ -57,7 +59,7 @@ TEST_F(DiscDBRefusalsTest, WithoutAWriteLockARecordIsNotStored)
     });
 }
 
-TEST_F(DiscDBRefusalsTest, AFileThatCannotBeCutIsNoSuccess)
+TEST_F(DiscDBRefusalsTest, AFileThatCannotBeCutFailsThePersist)
 {
     QM_IN_CHILD([this] {
         const auto record = make({});
@@ -88,7 +90,7 @@ TEST_F(DiscDBRefusalsTest, AnExpiredRecordWhoseLockCannotBeChangedStays)
     });
 }
 
-TEST_F(DiscDBRefusalsTest, ARecordOfTheParentsIsNoneInAChild)
+TEST_F(DiscDBRefusalsTest, AChildCannotUseARecordOfItsParent)
 {
     put({});
     const auto record = find(METADATA);

@@ -4,8 +4,10 @@
 
 #include <sys/stat.h>
 
-#include "Capture.h"
+#include <gtest/gtest.h>
+
 #include "StoreFixture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
@@ -47,7 +49,7 @@ TEST(DiscDBAloneTest, ADirectoryThatCannotBeMadeIsLogged)
     EXPECT_EQ(log.texts(1), (Lines{"Unable to create directory path " + dir + ", error 20",
                                    "Unable to open " + dir + "/Update.lock"}));
     EXPECT_EQ(log.lines()[0].source, "../DiscDB");
-    // It is initialised all the same, over nothing.
+    // The store is initialised, but it is empty.
     const AutoDereference<DiscoveryIterator> iterator(
         getDiscoveryDBDatabase()->getIterator(DQ_DISCOVERY_DATA));
     ASSERT_TRUE(iterator);
@@ -126,14 +128,14 @@ TEST_F(DiscDBTest, AFoundRecordHoldsAReadLock)
     EXPECT_EQ(other->tryacquire_write(), 0);
 }
 
-TEST_F(DiscDBTest, WhatIsNotThereIsLoggedAndNull)
+TEST_F(DiscDBTest, AMissingRecordIsLoggedAndNull)
 {
     const LogCapture log;
     EXPECT_FALSE(find("1 srv1 none.xml"));
     EXPECT_EQ(log.texts(1), Lines{"Unable to open " + path("1 srv1 none.xml").string()});
 }
 
-TEST_F(DiscDBTest, AFileNameThatIsNoneIsReported)
+TEST_F(DiscDBTest, AWrongFileNameIsReported)
 {
     const AssertionCapture assertions;
     EXPECT_FALSE(find("xml"));
@@ -165,7 +167,7 @@ TEST_F(DiscDBTest, FiltersAreWholeNamesOrPatterns)
     EXPECT_EQ(all(AT_EXTSRC, "srv1", "cl*"), Lines{});
 }
 
-TEST_F(DiscDBTest, APatternBeyondReasonMatchesNothingAndIsToldOnce)
+TEST_F(DiscDBTest, ATooComplexPatternMatchesNothingAndIsReportedOnce)
 {
     put({});
     const AutoDereference<DiscoveryIterator> iterator(
@@ -299,7 +301,7 @@ TEST_F(DiscDBTest, AnExpiredRecordThatCannotBeReadAgainStays)
     EXPECT_EQ(contentOf(path("1 srv1 cl5.dat")), "payload");
 }
 
-TEST_F(DiscDBTest, FilesNamedLikeRecordsThatAreNoneAreSkipped)
+TEST_F(DiscDBTest, OtherFilesWithNamesLikeRecordsAreSkipped)
 {
     put({.subject = "good"});
     writeFile(path("1 a empty.xml"), "");

@@ -1,7 +1,6 @@
 #pragma once
-// A child process whose file operations are seen one by one, and which can be killed at any of
-// them, before it or in the middle of a write: how a crash is played at every place where one can
-// happen.
+// A child process that is stopped at each of its file operations, and can be killed there: before
+// the operation, or in the middle of a write. So tests play a crash at every place.
 
 #include <csignal>
 #include <cstdlib>
@@ -21,6 +20,8 @@
 
 #include <tlx/Log.h>
 
+#include "support/ChildProcess.h"
+
 namespace QmTest {
 
 class SteppedProcess
@@ -30,25 +31,25 @@ class SteppedProcess
     struct Crash
     {
         unsigned at;
-        /// Count writes only, and do this many eighths of the one that is hit before the kill.
+        /// If not 0: count writes only, and do so many eighths of the write that is hit.
         unsigned eighths;
     };
     enum Outcome
     {
-        ENDED,  ///< no operation had that number, and the work was done
-        KILLED, ///< as asked
-        FAILED, ///< the work answered false, or the child died of something else
+        ENDED,  ///< no operation had that number, and the work returned true
+        KILLED, ///< at that operation
+        FAILED, ///< the work returned false, or something else ended the child
         CANNOT_TRACE
     };
 
-    /// Forks, prepares unobserved, and steps through the work.
+    /// Forks, prepares without stops, and steps through the work.
     static Outcome run(const std::function<void()>& prepare, const std::function<bool()>& work,
                        Crash crash = {0, 0})
     {
         return SteppedProcess(crash).step(prepare, work);
     }
-    /// The same to the end; every operation that changes or syncs something, with the name of its
-    /// file where it has one open: "write 0.updating", "rename".
+    /// The same without a kill. Lists every operation that changes or syncs something, with the
+    /// name of its open file if it has one: "write 0.updating", "rename".
     static Outcome trace(const std::function<void()>& prepare, const std::function<bool()>& work,
                          std::vector<std::string>& operations)
     {
@@ -111,38 +112,33 @@ class SteppedProcess
 
     Outcome step(const std::function<void()>& prepare, const std::function<bool()>& work)
     {
-        m_child = ::fork();
-        if (m_child < 0)
-            return CANNOT_TRACE;
-        if (m_child == 0) {
-            ::alarm(120); // no test takes that long
+        ChildProcess child([&] {
             if (::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0)
-                ::_exit(NOT_TRACED);
-            Veltrane::Quillmark::Tlx::LoggerFactory::instance().setLevel(
-                0); // a line logged would be one more write
+                return NOT_TRACED;
+            // A line logged would be one more write.
+            Veltrane::Quillmark::Tlx::LoggerFactory::instance().setLevel(0);
             prepare();
             ::raise(SIGSTOP);
-            ::_exit(work() ? EXIT_SUCCESS : EXIT_FAILURE);
-        }
-        int status = 0;
-        if (::waitpid(m_child, &status, 0) != m_child)
-            return CANNOT_TRACE;
+            return work() ? EXIT_SUCCESS : EXIT_FAILURE;
+        });
+        m_child = child.pid();
+        const int status = child.waitForChange();
         if (!WIFSTOPPED(status))
             return WIFEXITED(status) && WEXITSTATUS(status) == NOT_TRACED ? CANNOT_TRACE : FAILED;
         if (::ptrace(PTRACE_SETOPTIONS, m_child, nullptr,
                      PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL) != 0)
-            return kill(CANNOT_TRACE);
-        return follow();
+            return CANNOT_TRACE;
+        return follow(child);
     }
 
-    Outcome follow()
+    /// Steps on until the outcome is known. The caller's object ends the child.
+    Outcome follow(ChildProcess& child)
     {
-        long signal = 0; // the child's own, handed on to it
+        long signal = 0; // a signal for the child, to be delivered
         for (;;) {
-            int status = 0;
-            if (::ptrace(PTRACE_SYSCALL, m_child, nullptr, signal) != 0 ||
-                ::waitpid(m_child, &status, 0) != m_child)
-                return kill(CANNOT_TRACE);
+            if (::ptrace(PTRACE_SYSCALL, m_child, nullptr, signal) != 0)
+                return CANNOT_TRACE;
+            const int status = child.waitForChange();
             if (WIFEXITED(status))
                 return WEXITSTATUS(status) == EXIT_SUCCESS ? ENDED : FAILED;
             if (!WIFSTOPPED(status))
@@ -154,9 +150,9 @@ class SteppedProcess
             }
             __ptrace_syscall_info info = {};
             if (::ptrace(PTRACE_GET_SYSCALL_INFO, m_child, sizeof info, &info) <= 0)
-                return kill(CANNOT_TRACE);
+                return CANNOT_TRACE;
             if (info.op == PTRACE_SYSCALL_INFO_ENTRY && isHit(info.entry.nr, info.entry.args))
-                return kill(KILLED);
+                return KILLED;
         }
     }
 
@@ -178,7 +174,7 @@ class SteppedProcess
         return true;
     }
 
-    /// What a descriptor of the child stands for.
+    /// The path of a file that the child has open.
     std::string fileOf(std::uint64_t fd) const
     {
         std::error_code error;
@@ -189,7 +185,7 @@ class SteppedProcess
         return "/proc/" + std::to_string(m_child) + "/" + kind + "/" + std::to_string(fd);
     }
 
-    /// Does the first part of a write(2) in the child's place.
+    /// Does the first part of the write(2) that the child is about to do.
     void tear(const __uint64_t* arguments) const
     {
         std::ifstream description(entry("fdinfo", arguments[0]));
@@ -198,7 +194,7 @@ class SteppedProcess
         description >> word >> position;
         std::string bytes(arguments[2] * m_crash.eighths / 8, '\0');
         const iovec here{bytes.data(), bytes.size()};
-        // (The address is the child's: a number to this process.)
+        // The address belongs to the child. For this process it is a number.
         iovec there{};
         there.iov_base = reinterpret_cast<void*>(arguments[1]); // NOLINT
         there.iov_len = bytes.size();
@@ -209,15 +205,6 @@ class SteppedProcess
                 static_cast<ssize_t>(bytes.size()))
             (void)!::pwrite(fd, bytes.data(), bytes.size(), position);
         ::close(fd);
-    }
-
-    Outcome kill(Outcome outcome) const
-    {
-        ::kill(m_child, SIGKILL);
-        int status = 0;
-        while (::waitpid(m_child, &status, 0) == m_child && WIFSTOPPED(status)) {
-        }
-        return outcome;
     }
 
     static constexpr int NOT_TRACED = 77;

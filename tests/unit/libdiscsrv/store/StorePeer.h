@@ -1,27 +1,25 @@
 #pragma once
-// Another process on the same store: it does what it is told over a socket and answers. All waits
-// are bounded.
+// Another process on the same store.
 
-#include <csignal>
-#include <map>
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <memory>
 #include <sstream>
-#include <stdexcept>
 #include <string>
 
 #include <fcntl.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
+#include <tlx/FileLock.h>
 #include <tlx/Log.h>
 
 #include "StoreFixture.h"
+#include "support/KernelLocks.h"
+#include "support/PeerProcess.h"
 
 namespace QmTest {
 
-/// A record whose payload tells which put it is from, as its metadata does by the time of
-/// discovery.
+/// The payload of a tagged record. Its time of discovery is the tag too.
 inline std::string taggedPayload(long tag)
 {
     return std::string(20000, static_cast<char>('a' + tag % 26)) + std::to_string(tag);
@@ -40,7 +38,7 @@ inline Disc::DiscoveryStatus putTagged(const std::string& subject, long tag)
     if (!isSuccess(opened))
         return opened.discStatus;
     const std::string payload = taggedPayload(tag);
-    const std::size_t half = payload.size() / 2; // so that there is a moment between
+    const std::size_t half = payload.size() / 2; // two writes, so that a reader can come between
     if (!record->getCollectionData()->writeCollection(half, payload.data()) ||
         !record->getCollectionData()->writeCollection(payload.size() - half, payload.data() + half))
         return Disc::DS_OPEN_FAILED;
@@ -49,8 +47,8 @@ inline Disc::DiscoveryStatus putTagged(const std::string& subject, long tag)
 
 struct TaggedRecord
 {
-    long metadata = -1; ///< the metadata's tag
-    long payload = -2;  ///< the payload's, when it is whole
+    long metadata = -1; ///< the tag of the metadata
+    long payload = -2;  ///< the tag of the payload, if that is whole
 };
 
 inline TaggedRecord findTagged(const std::string& file)
@@ -78,95 +76,24 @@ inline TaggedRecord findTagged(const std::string& file)
     return found;
 }
 
-/// Forked by the constructor, so it is to be made before any thread and before this process touches
-/// the store. Commands, with what they answer:
+/// Performs commands on a store. The commands and their answers:
 ///
 ///     init DIR                    "done", and "left N" temporary payloads
 ///     begin SUBJECT PRIORITY      the status of open(OM_UPDATE)
 ///     write TEXT                  "1" or "0"
 ///     persist                     the status
-///     drop                        "done": the record written is given up
-///     find FILE                   "found" and the payload, or "none"; the record is kept
+///     drop                        "done": gives up the record that it writes
+///     find FILE                   "found" and the payload, or "none"; keeps the record
 ///     priority                    that of the record found
-///     release                     "done": the record found is given up
+///     release                     "done": gives up the record found
 ///     now SECONDS                 "done": sets the clock
 ///     clean DIR                   "1" when nobody writes a payload there, otherwise "0"
 ///     sees PATH                   "None", "Read" or "Write": the other processes' lock on the file
 ///     storm COUNT FIRST           "0": how many puts of a tagged record failed
 ///     watch COUNT FILE            "0": how many times a tagged record was not whole
-class StorePeer
+class StoreCommands
 {
   public:
-    StorePeer()
-    {
-        int ends[2];
-        if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
-            throw std::runtime_error("no socket pair");
-        m_pid = ::fork();
-        if (m_pid < 0)
-            throw std::runtime_error("no child");
-        if (m_pid == 0) {
-            ::close(ends[0]);
-            ::alarm(100); // no test takes that long
-            Tlx::LoggerFactory::instance().setLevel(0);
-            serve(ends[1]);
-            ::_exit(0);
-        }
-        ::close(ends[1]);
-        m_socket = ends[0];
-    }
-    ~StorePeer()
-    {
-        ::close(m_socket);
-        ::waitpid(m_pid, nullptr, 0);
-    }
-    StorePeer(const StorePeer&) = delete;
-    StorePeer& operator=(const StorePeer&) = delete;
-
-    void tell(const std::string& command)
-    {
-        if (::send(m_socket, command.data(), command.size(), MSG_NOSIGNAL) < 0)
-            throw std::runtime_error("the peer is gone");
-    }
-    /// Whether an answer comes within a time.
-    bool answers(int milliseconds)
-    {
-        pollfd wait{m_socket, POLLIN, 0};
-        return ::poll(&wait, 1, milliseconds) == 1;
-    }
-    std::string answer()
-    {
-        if (!answers(30000))
-            return "no answer";
-        char buffer[256];
-        const ssize_t size = ::recv(m_socket, buffer, sizeof buffer, 0);
-        return size > 0 ? std::string(buffer, static_cast<std::size_t>(size)) : "gone";
-    }
-    std::string ask(const std::string& command)
-    {
-        tell(command);
-        return answer();
-    }
-    /// Ends it as a crash would.
-    void kill()
-    {
-        ::kill(m_pid, SIGKILL);
-        siginfo_t info;
-        ::waitid(P_PID, static_cast<id_t>(m_pid), &info, WEXITED | WNOWAIT);
-    }
-    pid_t pid() const { return m_pid; }
-
-  private:
-    void serve(int socket)
-    {
-        char buffer[4096];
-        ssize_t size;
-        while ((size = ::recv(socket, buffer, sizeof buffer, 0)) > 0) {
-            const std::string reply = perform(std::string(buffer, static_cast<std::size_t>(size)));
-            if (::send(socket, reply.data(), reply.size(), MSG_NOSIGNAL) < 0)
-                return;
-        }
-    }
     std::string perform(const std::string& command)
     {
         std::istringstream words(command);
@@ -207,16 +134,12 @@ class StorePeer
         (verb == "drop" ? m_written : m_found).reset();
         return "done";
     }
+
+  private:
     static std::string sees(const std::string& path)
     {
         const auto lock = Tlx::FileLock::open(path, O_RDWR);
-        struct flock request = {};
-        request.l_type = F_WRLCK;
-        request.l_whence = SEEK_SET;
-        request.l_len = 1;
-        if (!lock || ::fcntl(lock->get_handle(), F_GETLK, &request) != 0)
-            return std::to_string(errno);
-        return request.l_type == F_UNLCK ? "None" : request.l_type == F_RDLCK ? "Read" : "Write";
+        return lock ? lockOfOthers(lock->get_handle()) : std::to_string(errno);
     }
     static int storm(const std::string& arguments)
     {
@@ -229,7 +152,7 @@ class StorePeer
             failed += putTagged("cl5", first + i) != Disc::DS_SUCCESS;
         return failed;
     }
-    /// With no writer in its own process, what it finds must be of one put.
+    /// How many lookups find metadata and payload of different puts. This process must not write.
     static int watch(const std::string& arguments)
     {
         std::istringstream words(arguments);
@@ -271,10 +194,22 @@ class StorePeer
         return "found " + std::string(buffer, std::min(count, sizeof buffer));
     }
 
-    pid_t m_pid = -1;
-    int m_socket = -1;
     Tlx::AutoDereference<Disc::Discovery> m_written;
     Tlx::AutoDereference<Disc::Discovery> m_found;
+};
+
+/// Another process on the same store, which logs nothing. Make it before any thread, and before
+/// this process touches the store.
+class StorePeer : public PeerProcess
+{
+  public:
+    StorePeer()
+        : PeerProcess([commands = std::make_shared<StoreCommands>()](const std::string& command) {
+              Tlx::LoggerFactory::instance().setLevel(0);
+              return commands->perform(command);
+          })
+    {
+    }
 };
 
 } // namespace QmTest

@@ -1,4 +1,4 @@
-// The assertion report: what is logged, what is counted, and that the code goes on.
+// A failed assertion is logged and counted, and the code goes on.
 
 #include <tlx/Assert.h>
 
@@ -10,7 +10,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Capture.h"
+#include "support/Capture.h"
 
 using namespace Veltrane::Quillmark::Tlx;
 using testing::ElementsAre;
@@ -23,7 +23,7 @@ class AssertTest : public testing::Test
     const unsigned long m_before = assertionCount();
 };
 
-TEST_F(AssertTest, aTrueExpressionAnswersTrueAndReportsNothing)
+TEST_F(AssertTest, aTrueExpressionIsTrueAndIsNotReported)
 {
     QmTest::LogCapture log;
     const int value = 1;
@@ -88,7 +88,7 @@ TEST_F(AssertTest, aReporterTakesThePlaceOfTheLogUntilItIsRemoved)
     EXPECT_EQ(2u, assertionCount() - m_before);
 }
 
-TEST_F(AssertTest, aReporterThatThrowsEndsNothing)
+TEST_F(AssertTest, aReporterThatThrowsDoesNoHarm)
 {
     setAssertionReporter([](const char*, const char*, int) { throw std::runtime_error("no"); });
     EXPECT_FALSE(TLX_ASSERT(1 == 2));

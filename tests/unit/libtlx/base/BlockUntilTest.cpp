@@ -1,4 +1,4 @@
-// Waiting for objects to go, and calls into foreign code.
+// Waiting for the end of objects, and calls into foreign code.
 
 #include <tlx/BlockUntil.h>
 
@@ -9,14 +9,14 @@
 
 #include <tlx/ForeignCode.h>
 
-#include "Capture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx {
 namespace {
 
 using namespace std::chrono_literals;
+using QmTest::Lines;
 using QmTest::LogCapture;
-using Lines = std::vector<std::string>;
 
 struct Thing : TLXBlocking
 {
@@ -24,7 +24,7 @@ struct Thing : TLXBlocking
     ~Thing() override = default;
 };
 
-TEST(BlockUntilTest, NothingAddedIsNothingToWaitFor)
+TEST(BlockUntilTest, WithoutObjectsTheWaitReturnsAtOnce)
 {
     const TLXBlockUntil blocker;
     blocker.wait();
@@ -91,7 +91,7 @@ TEST(ForeignCodeTest, SeveralThatHangAreEachNamed)
     two.join();
     EXPECT_TRUE(named("One"));
     EXPECT_TRUE(named("Two"));
-    // A later call, when the watch has ended, is watched again.
+    // The watch has ended. A later call is watched again.
     hang("Three");
     EXPECT_TRUE(named("Three"));
 }

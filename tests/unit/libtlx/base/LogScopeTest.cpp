@@ -11,7 +11,7 @@
 
 #include <tlx/Log.h>
 
-#include "Capture.h"
+#include "support/Capture.h"
 
 using namespace Veltrane::Quillmark::Tlx;
 using testing::ElementsAre;

@@ -17,9 +17,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Capture.h"
+#include "support/Capture.h"
+#include "support/TemporaryDirectory.h"
 
 using namespace Veltrane::Quillmark::Tlx;
+using QmTest::linesOf;
 using testing::ElementsAre;
 using testing::MatchesRegex;
 
@@ -33,16 +35,11 @@ class LogTest : public testing::Test
   protected:
     LogTest()
     {
-        std::string name = testing::TempDir() + "/logtest-XXXXXX";
-        if (::mkdtemp(name.data()) == nullptr)
-            throw std::runtime_error("no temporary directory");
-        m_directory = name;
         m_settings.file = path("qm.log");
         m_settings.toStderr = false;
     }
-    ~LogTest() override { std::filesystem::remove_all(m_directory); }
 
-    std::string path(const std::string& name) const { return m_directory + "/" + name; }
+    std::string path(const std::string& name) const { return m_temporary.path(name); }
 
     void configure()
     {
@@ -50,14 +47,6 @@ class LogTest : public testing::Test
         ASSERT_TRUE(LoggerFactory::instance().configure(m_settings, error)) << error;
     }
 
-    static std::vector<std::string> linesOf(const std::string& file)
-    {
-        std::ifstream stream(file);
-        std::vector<std::string> lines;
-        for (std::string line; std::getline(stream, line);)
-            lines.push_back(line);
-        return lines;
-    }
     /// The lines without the time and the thread id: "LEVEL ORIGINATOR OPERATION TEXT".
     static std::vector<std::string> contentOf(const std::string& file)
     {
@@ -76,7 +65,8 @@ class LogTest : public testing::Test
         return LoggerFactory::instance().getLogger(originator);
     }
 
-    std::string m_directory;
+    const QmTest::TemporaryDirectory m_temporary;
+    const std::string m_directory = m_temporary.path().string();
     LogSettings m_settings;
 };
 
@@ -208,7 +198,7 @@ TEST_F(LogTest, anOriginatorHasOneLoggerUntilItIsStale)
     EXPECT_NE(first, second);
     EXPECT_FALSE(second->isStale());
     EXPECT_EQ(second, logger(400));
-    // Somebody may still hold the old one.
+    // The old logger stays usable for those who hold it.
     first->log("op", 1, "from the stale one");
     EXPECT_THAT(contentOf(m_settings.file), ElementsAre("1 400 op from the stale one"));
 }
@@ -284,7 +274,7 @@ TEST_F(LogTest, aFileThatWasThereIsContinuedWithItsTornLineEnded)
     EXPECT_EQ(0640u, status.st_mode & 07777u);
 }
 
-/// A limit on the size of files stands for the full disk: writes fail with EFBIG.
+/// Plays a full disk: with a limit on the size of files, writes fail with EFBIG.
 void limitFileSize(rlim_t bytes)
 {
     rlimit limit = {};
@@ -297,7 +287,7 @@ TEST_F(LogTest, aFullDiskIsNotedOnceAndWritingGoesOnWhenThereIsRoom)
 {
     ::signal(SIGXFSZ, SIG_IGN);
     configure();
-    // Longer than what the capture of standard error, a file too, has to take.
+    // The captured standard error is a file too. It must stay below the limit.
     logger()->log("op", 1, "before" + std::string(1000, '.'));
     const auto size = std::filesystem::file_size(m_settings.file);
 
@@ -340,12 +330,12 @@ TEST_F(LogTest, aDirectoryThatGoesAwayDuringRotationIsSurvived)
     std::filesystem::rename(m_directory + ".away", m_directory);
     logger()->log("op", 1, "back");
     EXPECT_EQ("1 400 op back", contentOf(m_settings.file).back());
-    // The first line filled the file: the count went into it before the next rotation.
+    // The first line filled the file. The count was written to it before the next rotation.
     EXPECT_THAT(contentOf(path("qm.1.log")),
                 ElementsAre("1 1 Logger::log 2 lines could not be written to this file"));
 }
 
-/// Counts calls, and notices two at a time.
+/// Counts its calls, and notes whether two ran at the same time.
 struct CountingSink : LogSink
 {
     void write(const Line&) override

@@ -29,7 +29,7 @@ class Side : public virtual TLXRefCounted
 {
 };
 
-/// Two bases with a count, of which there is one.
+/// Has two bases with a count. They share one count.
 class Derived : public Object, public Side
 {
   public:
@@ -129,7 +129,7 @@ TEST_F(RefCountedTest, sharingTakesAReferenceOfItsOwn)
         Holder another;
         another.refObject(object);
         EXPECT_EQ(3u, object->referenceCount());
-        another.refObject(object); // the one it holds itself
+        another.refObject(object); // the reference that it holds itself
         EXPECT_EQ(3u, object->referenceCount());
     }
     EXPECT_EQ(1u, object->referenceCount());

@@ -7,7 +7,7 @@
 
 #include <ace/Thread.h>
 
-#include "Capture.h"
+#include "support/Capture.h"
 
 #include <gtest/gtest.h>
 
@@ -17,7 +17,7 @@ namespace {
 using QmTest::LogCapture;
 constexpr long FLAGS = THR_NEW_LWP | THR_JOINABLE;
 
-/// Works until it is let go.
+/// Works until the test lets it end.
 struct HeldTask : TlxTask
 {
     ~HeldTask() override

@@ -1,4 +1,4 @@
-// A forked child owns nothing of its parent's locks, and does not disturb them.
+// A forked child has none of the locks of its parent, and does not disturb them.
 
 #include <tlx/FileLock.h>
 
@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "FileLockPeer.h"
+#include "support/ChildProcess.h"
 
 using namespace Veltrane::Quillmark::Tlx;
 using QmTest::eventually;
@@ -21,33 +22,24 @@ class FileLockForkTest : public testing::Test
   protected:
     FileLockForkTest() { m_peer.open(0, m_file.path()); }
 
-    /// Runs the body in a child; 0 when it answered 0, its answer or what ended it otherwise.
+    /// Runs the body in a child: what it returned, or minus the signal that ended the child.
     static int inChild(const std::function<int()>& body)
     {
-        const pid_t pid = ::fork();
-        if (pid == 0)
-            ::_exit(body());
-        int status = 0;
-        if (!eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; })) {
-            ::kill(pid, SIGKILL);
-            ::waitpid(pid, &status, 0);
-            return -1;
-        }
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+        return QmTest::ChildProcess(body, 30).exitCode();
     }
 
     QmTest::LockedFile m_file;
     QmTest::Peer m_peer;
 };
 
-/// Answers the line number of the first check that fails in the child.
+/// Makes the child return the line number of the first check that fails.
 #define CHILD_CHECK(condition)                                                                     \
     do {                                                                                           \
         if (!(condition))                                                                          \
             return __LINE__ % 250 + 1;                                                             \
     } while (false)
 
-TEST_F(FileLockForkTest, aChildOwnsNothing)
+TEST_F(FileLockForkTest, aChildHasNoLocks)
 {
     auto lock = m_file.open();
     ASSERT_EQ(0, lock->acquire_write());
@@ -72,7 +64,7 @@ TEST_F(FileLockForkTest, aChildOwnsNothing)
     EXPECT_EQ(LockLevel::Write, lock->level());
 }
 
-TEST_F(FileLockForkTest, aChildThatClosesWhatItInheritedDisturbsNobody)
+TEST_F(FileLockForkTest, aChildMayCloseInheritedLocks)
 {
     auto lock = m_file.open();
     ASSERT_EQ(0, lock->acquire_write());

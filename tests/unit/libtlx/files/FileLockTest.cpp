@@ -1,4 +1,4 @@
-// One thread, many holders: what each holds, and what another process sees of it.
+// Many holders in one thread: what each holds, and what another process sees.
 
 #include <tlx/FileLock.h>
 
@@ -120,7 +120,7 @@ TEST_F(FileLockTest, aHolderThatNeverLockedIsParkedToo)
     m_file.open(O_RDONLY).reset();
     expectCounts(1, 2);
     EXPECT_EQ("Write", m_peer.sees());
-    // Lowering the lock closes none of them: Read is still held.
+    // None of them is closed when the lock is lowered, because Read is still held.
     EXPECT_EQ(0, locked->acquire_read());
     expectCounts(1, 2);
     EXPECT_EQ("Read", m_peer.sees());
@@ -130,7 +130,7 @@ TEST_F(FileLockTest, aHolderThatNeverLockedIsParkedToo)
     EXPECT_EQ(before, descriptorCount());
 }
 
-TEST_F(FileLockTest, withNobodyLockedADescriptorIsClosedAtOnce)
+TEST_F(FileLockTest, withoutALockADescriptorIsClosedAtOnce)
 {
     const std::size_t before = descriptorCount();
     const auto other = m_file.open();
@@ -321,7 +321,7 @@ TEST_F(FileLockTest, aFileRemovedAndMadeAnewIsAnotherFile)
     EXPECT_TRUE(fresh->isStillAt(m_file.path()));
     EXPECT_FALSE(fresh->isStillAt(m_file.path("missing")));
     EXPECT_EQ(0, fresh->tryacquire_write());
-    // What goes on with the old file is none of the new one's business.
+    // Locks on the old file do not touch the new one.
     old.reset();
     m_peer.open(1, m_file.path());
     EXPECT_EQ("Write", m_peer.sees(1));
@@ -334,8 +334,8 @@ TEST_F(FileLockTest, aFileRemovedAndMadeAnewIsAnotherFile)
 
 TEST_F(FileLockTest, theInodeOfAFileThatIsOpenIsNotMistakenForAnother)
 {
-    // Made, locked, removed and closed again and again: the file system hands out the same inode,
-    // and nothing of the entry before may be left.
+    // The file is made, locked, removed and closed many times. The file system uses the same inode
+    // again, and nothing of the last file's entry may be left.
     for (int i = 0; i < 50; ++i) {
         const auto lock = FileLock::open(m_file.path("again"), O_RDWR | O_CREAT | O_EXCL, 0600);
         ASSERT_TRUE(lock);
@@ -373,7 +373,7 @@ TEST_F(FileLockTest, gatesOfTwoFilesAreTwo)
         const FileGate other(*two);
         inside = true;
     });
-    thread.join(); // would never end if they were one
+    thread.join(); // would not end if they shared one gate
     EXPECT_TRUE(inside);
 }
 

@@ -1,4 +1,4 @@
-// Locks that wait: threads of this process, and other processes in their way.
+// Locks that wait, for other threads and for other processes.
 
 #include <tlx/FileLock.h>
 
@@ -30,7 +30,7 @@ class FileLockThreadsTest : public testing::Test
         m_watcher.open(0, m_file.path());
     }
 
-    /// Calls a locking operation in a thread; the future has 0 or the error.
+    /// Calls a locking operation in a thread. The future yields 0 or the error.
     static std::future<int> begin(FileLock& lock, int (FileLock::*operation)())
     {
         return std::async(std::launch::async,
@@ -40,7 +40,7 @@ class FileLockThreadsTest : public testing::Test
     {
         return future.wait_for(PATIENCE) == std::future_status::ready ? future.get() : -1;
     }
-    /// Begins it, and answers when it stands waiting in the kernel.
+    /// Begins the operation, and returns when it waits in the kernel.
     std::future<int> beginAndBlock(FileLock& lock, int (FileLock::*operation)())
     {
         auto future = begin(lock, operation);
@@ -54,7 +54,7 @@ class FileLockThreadsTest : public testing::Test
     }
 
     QmTest::LockedFile m_file;
-    // Made first: a process forks before it has threads.
+    // Made first, because a process must fork before it has threads.
     QmTest::Peer m_peer;
     QmTest::Peer m_watcher;
 };
@@ -94,7 +94,7 @@ TEST_F(FileLockThreadsTest, readsAreGrantedWhileAnotherThreadWaitsForWrite)
     EXPECT_EQ(EBUSY, errno);
     EXPECT_EQ(LockLevel::Read, trying->level());
     EXPECT_EQ(0, trying->release());
-    // A write try is busy because of the one that waits, with nobody else left.
+    // Now only the waiting writer is left. It makes a write try fail.
     EXPECT_EQ(0, lookup->release());
     EXPECT_EQ(0, reader->release());
     EXPECT_EQ(-1, trying->tryacquire_write());
@@ -125,7 +125,7 @@ TEST_F(FileLockThreadsTest, whileTheFirstLockOfTheProcessIsWaitedForATryIsBusyAn
     EXPECT_EQ("Read", m_watcher.sees());
 }
 
-TEST_F(FileLockThreadsTest, aCloseDuringAWaitTakesNothingFromWhoWaits)
+TEST_F(FileLockThreadsTest, aCloseDuringAWaitLeavesTheWaitingLock)
 {
     const std::size_t before = descriptorCount();
     auto reader = m_file.open(O_RDONLY);
@@ -153,7 +153,7 @@ TEST_F(FileLockThreadsTest, twoProcessesThatUpgradeDoNotWaitForEachOther)
     ASSERT_EQ(0, lock->acquire_read());
     ASSERT_EQ("ok", m_peer.ask("read 0"));
     expectPeerBlocks("write 0", m_file.path());
-    // The peer gave its Read up for the wait, so this one can proceed.
+    // The peer gave up its Read before it waited, so this process goes on.
     EXPECT_EQ(0, lock->acquire_write());
     EXPECT_EQ("Write", m_watcher.sees());
     EXPECT_EQ(0, lock->release());
@@ -163,7 +163,7 @@ TEST_F(FileLockThreadsTest, twoProcessesThatUpgradeDoNotWaitForEachOther)
 
 TEST_F(FileLockThreadsTest, aTrueDeadlockIsAnErrorAndTheOtherProceeds)
 {
-    // In both processes another holder keeps Read, so neither can give it up for the wait.
+    // In both processes another holder keeps Read, so neither process can give it up.
     auto upgrading = m_file.open();
     auto keeping = m_file.open(O_RDONLY);
     ASSERT_EQ(0, upgrading->acquire_read());
@@ -180,7 +180,7 @@ TEST_F(FileLockThreadsTest, aTrueDeadlockIsAnErrorAndTheOtherProceeds)
     EXPECT_GE(took, std::chrono::milliseconds(1900));
     EXPECT_EQ(LockLevel::Read, upgrading->level());
     EXPECT_EQ(0, keeping->release());
-    EXPECT_EQ(-1, upgrading->tryacquire_write_upgrade()); // still held, and still in its way
+    EXPECT_EQ(-1, upgrading->tryacquire_write_upgrade()); // the peer still holds its Read
     EXPECT_EQ(0, upgrading->release());
     EXPECT_EQ("ok", m_peer.answer());
     EXPECT_EQ("Write", m_watcher.sees());
@@ -188,7 +188,7 @@ TEST_F(FileLockThreadsTest, aTrueDeadlockIsAnErrorAndTheOtherProceeds)
 
 TEST_F(FileLockThreadsTest, aWaitCalledDeadlockGoesOnWhenTheOtherHolderReleases)
 {
-    // As above, but while this process asks again its other holder releases.
+    // As above, but the other holder of this process releases while this process asks again.
     auto upgrading = m_file.open();
     auto keeping = m_file.open(O_RDONLY);
     ASSERT_EQ(0, upgrading->acquire_read());
@@ -199,7 +199,7 @@ TEST_F(FileLockThreadsTest, aWaitCalledDeadlockGoesOnWhenTheOtherHolderReleases)
     expectPeerBlocks("write 0", m_file.path());
     auto writing = begin(*upgrading, &FileLock::acquire_write);
     EXPECT_EQ(0, keeping->release());
-    // Now the wait goes on without a Read of its own, and the peer gets the lock.
+    // Now this process waits without a Read, and the peer gets the lock.
     EXPECT_EQ("ok", m_peer.answer());
     EXPECT_EQ("Write", m_watcher.sees());
     ASSERT_EQ("ok", m_peer.ask("close 1"));
@@ -210,8 +210,8 @@ TEST_F(FileLockThreadsTest, aWaitCalledDeadlockGoesOnWhenTheOtherHolderReleases)
 
 TEST_F(FileLockThreadsTest, twoThreadsThatTheKernelTakesForADeadlockBothGetTheirs)
 {
-    // One thread keeps a file that the peer waits for and will release it; another waits for a
-    // file that the peer keeps.
+    // The peer waits for a file that one thread holds and will release. Another thread waits for a
+    // file that the peer holds.
     const std::string otherPath = m_file.path("other");
     auto other = FileLock::open(otherPath, O_RDWR | O_CREAT, 0600);
     const auto lock = m_file.open();
@@ -245,7 +245,7 @@ TEST_F(FileLockThreadsTest, aFailedWaitHasTheReadThatItGaveUpAgain)
     EXPECT_EQ("Read", m_watcher.sees());
 }
 
-/// Does random things to one holder, and says what it may be seen to hold.
+/// Does random operations on one holder.
 class Worker
 {
   public:
@@ -344,8 +344,8 @@ TEST_F(FileLockThreadsTest, noHolderLosesItsLockWhileThreadsAndAnotherProcessCon
                 worker.step();
                 if (worker.level() == LockLevel::None)
                     continue;
-                // The process holds at least this until the worker's own next step; the rival,
-                // which only writes, cannot hold anything beside it.
+                // The process holds at least this until the worker's next step. The rival wants
+                // Write only, so it holds nothing meanwhile.
                 std::lock_guard guard(watcherMutex);
                 const std::string seen = m_watcher.sees();
                 if (worker.level() == LockLevel::Write) {

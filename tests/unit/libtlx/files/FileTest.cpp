@@ -10,10 +10,11 @@
 
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+
+#include "support/ChildProcess.h"
 
 namespace Veltrane::Quillmark::Tlx {
 namespace {
@@ -212,18 +213,15 @@ TEST(TemporaryDirectory, ThatCannotBeMadeHasTheReason)
 /// What a child process without the three standard descriptors finds after they were filled.
 bool childFinds(MissingStream behaviour, bool (*asExpected)())
 {
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::alarm(30);
+    QmTest::ChildProcess child([&] {
         ::close(STDIN_FILENO);
         ::close(STDOUT_FILENO);
         ::close(STDERR_FILENO);
         fillStandardDescriptors(behaviour);
         const FileDescriptor next(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-        ::_exit(next.get() > STDERR_FILENO && asExpected() ? 0 : 1);
-    }
-    int status = -1;
-    return ::waitpid(child, &status, 0) == child && status == 0;
+        return next.get() > STDERR_FILENO && asExpected() ? 0 : 1;
+    });
+    return child.exitCode() == 0;
 }
 
 TEST(StandardDescriptors, AMissingOneFails)
@@ -246,20 +244,16 @@ TEST(StandardDescriptors, AMissingOneDiscards)
 
 TEST(StandardDescriptors, OneThatIsThereStays)
 {
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::alarm(30);
+    QmTest::ChildProcess child([] {
         int ends[2];
         if (::pipe2(ends, O_CLOEXEC) != 0 || ::dup2(ends[1], STDOUT_FILENO) < 0)
-            ::_exit(1);
+            return 1;
         fillStandardDescriptors(MissingStream::FAILS);
         char byte = 0;
         const bool same = writeAll(STDOUT_FILENO, "x") && readFull(ends[0], &byte, 1) == 1u;
-        ::_exit(same && byte == 'x' ? 0 : 1);
-    }
-    int status = -1;
-    ASSERT_EQ(child, ::waitpid(child, &status, 0));
-    EXPECT_EQ(0, status);
+        return same && byte == 'x' ? 0 : 1;
+    });
+    EXPECT_EQ(child.exitCode(), 0);
 }
 
 } // namespace

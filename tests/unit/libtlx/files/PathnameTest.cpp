@@ -9,6 +9,8 @@
 
 #include <tlx/Pathname.h>
 
+#include "support/TemporaryDirectory.h"
+
 using namespace Veltrane::Quillmark::Tlx;
 
 namespace {
@@ -16,15 +18,6 @@ namespace {
 class PathnameDirectoryTest : public testing::Test
 {
   protected:
-    PathnameDirectoryTest()
-    {
-        std::string name = (std::filesystem::temp_directory_path() / "pathname.XXXXXX").string();
-        if (!::mkdtemp(name.data()))
-            throw std::runtime_error("no temporary directory");
-        m_root = name;
-    }
-    ~PathnameDirectoryTest() override { std::filesystem::remove_all(m_root); }
-
     std::string at(const std::string& below) const { return m_root + "/" + below; }
     static mode_t permissions(const std::string& path)
     {
@@ -33,7 +26,8 @@ class PathnameDirectoryTest : public testing::Test
         return status.st_mode & 07777;
     }
 
-    std::string m_root;
+    const QmTest::TemporaryDirectory m_directory;
+    const std::string m_root = m_directory.path().string();
 };
 
 std::string joined(const char* path, const char* name)
@@ -105,7 +99,7 @@ TEST_F(PathnameDirectoryTest, AFileInTheWayIsAnError)
     EXPECT_EQ(TlxPathname(at("file/below")).createDirectories(0755), ENOTDIR);
 }
 
-TEST_F(PathnameDirectoryTest, APathThatIsNoneIsAnError)
+TEST_F(PathnameDirectoryTest, AnUnusablePathIsAnError)
 {
     EXPECT_EQ(TlxPathname("").createDirectories(0755), ENOENT);
     EXPECT_EQ(TlxPathname(at(std::string("x\0y", 3))).createDirectories(0755), EINVAL);

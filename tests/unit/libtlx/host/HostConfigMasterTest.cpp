@@ -1,4 +1,4 @@
-// Who the master is, by the host configuration.
+// The host configuration decides which host is the master.
 
 #include <tlx/HostConfig.h>
 
@@ -55,7 +55,7 @@ TEST_F(MasterTest, IsTheHostThatServerNames)
     EXPECT_FALSE(master(""));
 }
 
-TEST_F(MasterTest, WithSeveralHostsOnOneMachineThePortTellsThemApart)
+TEST_F(MasterTest, ThePortDistinguishesSeveralHostsOnOneMachine)
 {
     EXPECT_TRUE(master("SERVER = m\nLISTEN = 127.0.0.1:5001\nENDPOINT.m = 127.0.0.1:5001\n"));
     EXPECT_FALSE(master("SERVER = m\nLISTEN = 127.0.0.1:5002\nENDPOINT.m = 127.0.0.1:5001\n"));
@@ -76,7 +76,7 @@ TEST_F(MasterTest, ThisHostsEndpointMayBeWrittenInSeveralWays)
     EXPECT_FALSE(master(endpoint + "alias:5001\n")) << "the port is another one";
 }
 
-/// A resolver that answers when it is let.
+/// A resolver that answers when the test lets it.
 class Hanging
 {
   public:
@@ -116,7 +116,7 @@ class Hanging
         bool open = false;
         int asked = 0;
     };
-    std::shared_ptr<State> m_state = std::make_shared<State>(); // the background thread's, too
+    std::shared_ptr<State> m_state = std::make_shared<State>(); // and that of the background thread
 };
 
 TEST_F(MasterTest, AResolverThatHangsCostsFiveSecondsOnce)
@@ -132,7 +132,7 @@ TEST_F(MasterTest, AResolverThatHangsCostsFiveSecondsOnce)
     EXPECT_EQ(resolver.asked(), 2) << "what was found out is remembered";
 }
 
-TEST_F(MasterTest, NobodyElseWaitsForTheResolver)
+TEST_F(MasterTest, OtherThreadsDoNotWaitForTheResolver)
 {
     Hanging resolver;
     config().readText("SERVER = m\n", "qm.conf");

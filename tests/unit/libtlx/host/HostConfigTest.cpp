@@ -14,6 +14,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/TemporaryDirectory.h"
+
 namespace Veltrane::Quillmark::Tlx {
 
 namespace ConfigKey {
@@ -32,7 +34,7 @@ constexpr DeclaredKey COLOUR = DeclaredKey::text(
 
 namespace {
 
-using Lines = std::vector<std::string>;
+using QmTest::Lines;
 
 constexpr std::array KEYS{ConfigKey::LOG_LEVEL, ConfigKey::LOG_KEEP,
                           ConfigKey::REPORT_CLIENT_DISCOVERIES, ConfigKey::COLOUR};
@@ -52,14 +54,14 @@ Lines problems()
     return lines;
 }
 
-/// What is wrong with one line; empty when nothing is.
+/// The problems of a text.
 Lines problemsOf(const std::string& text)
 {
     config().readText(text, "qm.conf");
     return problems();
 }
 
-// First: nothing takes a root that was set away again.
+// This test comes first, because a root that was set cannot be unset.
 TEST(HostConfigRootTest, IsTheEnvironmentsOrTheProductsOwn)
 {
     ASSERT_EQ(::unsetenv("QUILLMARK_ROOT"), 0);
@@ -114,7 +116,7 @@ TEST(EndpointTest, AHostNameHasALimit)
     EXPECT_EQ(endpoint.address.size(), 255u);
 }
 
-TEST(HostConfigTest, AProblemIsToldWithItsLineIfItHasOne)
+TEST(HostConfigTest, AProblemIsReportedWithItsLineIfItHasOne)
 {
     EXPECT_EQ((HostConfig::Problem{"a/qm.conf", 3, "wrong"}).toText(), "a/qm.conf:3: wrong");
     EXPECT_EQ((HostConfig::Problem{"a/qm.conf", 0, "wrong"}).toText(), "a/qm.conf: wrong");
@@ -183,7 +185,7 @@ TEST(HostConfigTest, TheLastLineWithAKeyCounts)
     std::string server;
     EXPECT_TRUE(config().getString(ConfigKey::SERVER, server));
     EXPECT_EQ(server, "two");
-    // Also when it counts for nothing.
+    // A line without effect is checked too.
     EXPECT_EQ(problemsOf("LOG_LEVEL = 4\nLOG_LEVEL = x\n"),
               Lines{"qm.conf:2: LOG_LEVEL: 'x' is not a number, expected 0 to 9"});
     EXPECT_EQ(config().number(ConfigKey::LOG_LEVEL), 1u);
@@ -401,15 +403,12 @@ struct HostConfigFileTest : testing::Test
 {
     HostConfigFileTest()
     {
-        std::string name = (std::filesystem::temp_directory_path() / "qmtest.XXXXXX").string();
-        EXPECT_NE(::mkdtemp(name.data()), nullptr);
-        root = name;
         std::filesystem::create_directory(root / "etc");
         config().setRoot(root.string());
     }
-    ~HostConfigFileTest() override { std::filesystem::remove_all(root); }
-    std::string file() const { return (root / "etc" / "qm.conf").string(); }
-    std::filesystem::path root;
+    std::string file() const { return directory.path("etc/qm.conf"); }
+    const QmTest::TemporaryDirectory directory;
+    const std::filesystem::path& root = directory.path();
 };
 
 TEST_F(HostConfigFileTest, IsReadFromTheProductRoot)
@@ -427,7 +426,7 @@ TEST_F(HostConfigFileTest, IsReadFromTheProductRoot)
     EXPECT_EQ(problems(), Lines{});
 }
 
-TEST_F(HostConfigFileTest, WhatCannotBeReadConfiguresNothingAndIsToldOnce)
+TEST_F(HostConfigFileTest, AFileThatCannotBeReadConfiguresNothingAndIsReportedOnce)
 {
     config().readText("LOG_LEVEL = 6\n", "before");
     EXPECT_FALSE(config().read());
@@ -494,7 +493,7 @@ TEST_F(HostConfigFileTest, APermissionThatLacksIsNamed)
 TEST_F(HostConfigFileTest, AHugeFileIsRefused)
 {
     std::ofstream(file()) << "LOG_LEVEL = 6\n";
-    // With a hole in it: nothing of that size is written.
+    // The file has a hole, so it takes no space.
     std::filesystem::resize_file(file(), std::uintmax_t{1} << 40);
     EXPECT_FALSE(config().read());
     EXPECT_EQ(problems(), Lines{file() + ": cannot be read: it is larger than 1048576 bytes"});

@@ -6,14 +6,16 @@
 
 #include <tlx/ForeignCode.h>
 
-#include "Capture.h"
-#include "PluginTree.h"
+#include <gtest/gtest.h>
+
+#include "support/Capture.h"
+#include "support/PluginTree.h"
 
 namespace Veltrane::Quillmark::Tlx {
 namespace {
 
+using QmTest::Lines;
 using QmTest::LogCapture;
-using Lines = std::vector<std::string>;
 
 struct RegisterExplorers : SymbolResolver
 {
@@ -48,7 +50,7 @@ TEST_F(PluginTest, ALibrarysFunctionIsResolvedAndCalled)
     int argument = 0;
     EXPECT_TRUE(resolver.function.call(&argument));
     EXPECT_EQ(tree.calls(), Lines{"good RegisterExplorers 1"});
-    // Named before it is entered: should it never come back, this is the last line.
+    // Logged before the call. If the library never returns, this is the last line.
     EXPECT_EQ(log.texts(1), (Lines{"Loading " + path, "Entering " + path + ": RegisterExplorers"}));
     log.clear();
     EXPECT_TRUE(load(path));
@@ -93,12 +95,12 @@ TEST_F(PluginTest, WhatAFunctionThrowsIsLoggedWithThePath)
               odd + ": RegisterExplorers failed: it threw something that is no exception");
 }
 
-TEST_F(PluginTest, WhatIsNoLibraryIsLoggedWithThePath)
+TEST_F(PluginTest, AFileThatIsNoLibraryIsLoggedWithThePath)
 {
     const std::string text = (tree.plugins() / "text.so").string();
-    tree.write(text, "no library at all, but long enough to look like one might be here\n");
+    QmTest::writeFile(text, "no library at all, but long enough to look like one might be here\n");
     const std::string nothing = (tree.plugins() / "nothing.so").string();
-    tree.write(nothing, "");
+    QmTest::writeFile(nothing, "");
     const std::string unresolved = tree.addPlugin("unresolved");
     LogCapture log;
     for (const std::string& path : {text, nothing, unresolved}) {
@@ -186,7 +188,7 @@ TEST_F(PluginTest, PluginsAreWalkedInTheOrderOfTheirNamesWhateverTheCallbackThro
 {
     for (const char* name : {"c", "a", "b"})
         tree.addPlugin("empty", name);
-    tree.write(tree.plugins() / "readme.txt", "no library");
+    QmTest::writeFile(tree.plugins() / "readme.txt", "no library");
     std::filesystem::create_directory(tree.plugins() / "d.so");
     Walk walk;
     const LogCapture log;
@@ -197,19 +199,19 @@ TEST_F(PluginTest, PluginsAreWalkedInTheOrderOfTheirNamesWhateverTheCallbackThro
 
 TEST_F(PluginTest, WithoutADirectoryThereAreNoPlugins)
 {
-    std::filesystem::remove_all(tree.root() / "lib");
+    std::filesystem::remove_all(tree.path() / "lib");
     Walk walk;
     const LogCapture log;
     getEngineSingleton<PluginDirector>(context)->iteratePluginLibraries(walk, 0);
     EXPECT_EQ(walk.seen, Lines{});
     EXPECT_EQ(log.texts(1), Lines{});
-    tree.write(tree.root() / "lib", "a file");
+    QmTest::writeFile(tree.path() / "lib", "a file");
     getEngineSingleton<PluginDirector>(context)->iteratePluginLibraries(walk, 0);
     EXPECT_EQ(log.texts(1),
               Lines{"Unable to read " + (tree.plugins()).string() + ": Not a directory"});
 }
 
-// Objects of a context.
+// The objects of a context.
 
 struct Thing : EngineSingleton
 {

@@ -1,4 +1,4 @@
-// Name resolution that takes no longer than it is told.
+// Name resolution within a time limit.
 
 #include <tlx/Resolver.h>
 
@@ -19,7 +19,7 @@ namespace {
 using namespace std::chrono_literals;
 using Addresses = std::vector<std::string>;
 
-/// A resolver that answers when it is let.
+/// A resolver that answers when the test lets it.
 class Hanging
 {
   public:
@@ -114,7 +114,7 @@ TEST(ResolverTest, NoMoreThanSoManyHangAtATime)
 TEST(ResolverTest, AnAnswerFreesItsThread)
 {
     setResolver([](const std::string&) -> Addresses { return {"192.0.2.7"}; });
-    // Many more than may hang at a time; the thread of one may still be ending while the next asks.
+    // Many more than may hang at a time. A thread may still be ending while the next one asks.
     for (int i = 0; i < 200; ++i) {
         Addresses found;
         const auto giveUp = std::chrono::steady_clock::now() + 20s;

@@ -1,4 +1,4 @@
-// The evictor, with a clock of the test's own.
+// The evictor. Most tests set its clock.
 
 #include <tlx/Evictor.h>
 
@@ -8,7 +8,7 @@
 #include <tlx/Orb.h>
 #include <tlx/Servant.h>
 
-#include "Capture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx {
 namespace {
@@ -17,7 +17,7 @@ using namespace std::chrono_literals;
 using QmTest::LogCapture;
 using TimePoint = std::chrono::steady_clock::time_point;
 
-/// Counts its own end.
+/// Counts how many servants are destroyed.
 class Plain : public virtual PortableServer::ServantBase
 {
   public:
@@ -117,7 +117,7 @@ TEST_F(EvictorTest, TheEndOfARequestCountsAsUse)
     EXPECT_EQ(evictor->evictIdle(), 1u);
 }
 
-TEST_F(EvictorTest, AServantThatTellsNothingLivesForItsTimeOut)
+TEST_F(EvictorTest, AServantWithoutActivityLivesForItsTimeout)
 {
     const auto id = activate(new Plain(ended));
     watch(id, 10);
@@ -139,7 +139,7 @@ TEST_F(EvictorTest, AddingAgainRestartsTheTime)
     EXPECT_EQ(evictor->watched(), 1u);
 }
 
-TEST_F(EvictorTest, RemovingDeactivatesOnlyWhenTold)
+TEST_F(EvictorTest, RemovingDeactivatesOnlyOnRequest)
 {
     const auto kept = activate(new Plain(ended));
     const auto gone = activate(new Plain(ended));
@@ -156,7 +156,7 @@ TEST_F(EvictorTest, RemovingDeactivatesOnlyWhenTold)
     poa->deactivate_object(kept);
 }
 
-TEST_F(EvictorTest, AnObjectThatWentByItselfIsToldOnlyWhenNotQuiet)
+TEST_F(EvictorTest, AnObjectThatIsGoneIsReportedUnlessQuiet)
 {
     const auto loud = activate(new Plain(ended));
     const auto quiet = activate(new Plain(ended));
@@ -206,7 +206,7 @@ TEST_F(EvictorTest, CopesWithAPoaThatIsGone)
     EXPECT_EQ(evictor->watched(), 0u);
 }
 
-/// With the evictor's own thread and clock: bounded waiting, no sleeping.
+/// The evictor has its own thread and clock here. The waits are bounded.
 TEST_F(EvictorTest, ItsThreadEvictsWithoutBeingAsked)
 {
     struct Signal

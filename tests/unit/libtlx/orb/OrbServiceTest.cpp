@@ -60,7 +60,7 @@ TEST(OrbServiceTest, TheInstanceIsTheServiceWhileItLives)
     EXPECT_EQ(OrbService::Instance(), nullptr);
 }
 
-TEST(OrbServiceTest, StoppingByEventTellsTheHostAndReturns)
+TEST(OrbServiceTest, StoppingByEventNotifiesTheHostAndReturns)
 {
     Service service;
     EXPECT_FALSE(service.isStopRequested());

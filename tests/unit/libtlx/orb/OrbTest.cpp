@@ -1,4 +1,4 @@
-// The ORB wrapper, on this machine's loopback.
+// The ORB wrapper, on the loopback.
 
 #include <tlx/Orb.h>
 
@@ -23,18 +23,21 @@
 #include <tlx/Resolver.h>
 #include <tlx/Servant.h>
 
-#include "Capture.h"
+#include "support/Capture.h"
+#include "support/PeerProcess.h"
+#include "support/SilentPeer.h"
 
 namespace Veltrane::Quillmark::Tlx {
 namespace {
 
 using namespace std::chrono_literals;
 using QmTest::LogCapture;
+using QmTest::SilentPeer;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-/// Answers the operations that every object has.
+/// A servant with the operations that every object has.
 class PlainServant : public virtual PortableServer::ServantBase
 {
   public:
@@ -52,36 +55,8 @@ class PlainServant : public virtual PortableServer::ServantBase
     bool* const m_destroyed;
 };
 
-/// A listening socket on the loopback that accepts (the system does) and never answers.
-class SilentPeer
-{
-  public:
-    explicit SilentPeer(in_addr_t where = INADDR_LOOPBACK, std::uint16_t wanted = 0)
-        : m_fd(::socket(AF_INET, SOCK_STREAM, 0))
-    {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(where);
-        address.sin_port = htons(wanted);
-        EXPECT_EQ(::bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        EXPECT_EQ(::listen(m_fd, 5), 0);
-        socklen_t length = sizeof address;
-        ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length);
-        m_port = ntohs(address.sin_port);
-    }
-    ~SilentPeer() { ::close(m_fd); }
-    std::uint16_t port() const { return m_port; }
-
-  protected:
-    int socket() const { return m_fd; }
-
-  private:
-    const int m_fd;
-    std::uint16_t m_port = 0;
-};
-
-/// Says once on each connection that the object is there, and hangs up: as a service does that is
-/// restarted between two questions.
+/// Answers one question on each connection, "the object is here", and hangs up. A service that is
+/// restarted between two questions looks like this.
 class ForgetfulPeer : public SilentPeer
 {
   public:
@@ -135,7 +110,7 @@ struct OrbTest : testing::Test
     }
 };
 
-TEST_F(OrbTest, TakesAFreePortAndTellsIt)
+TEST_F(OrbTest, TakesAFreePortAndReportsIt)
 {
     const Orb orb(false, "127.0.0.1:0", "S", false, 16);
     EXPECT_THAT(orb.getEndpoint(), StartsWith("127.0.0.1:"));
@@ -179,7 +154,7 @@ TEST_F(OrbTest, NeverPublishesTheAnyAddress)
     EXPECT_THAT(orb.getEndpoint(), testing::Not(StartsWith(":")));
 }
 
-TEST_F(OrbTest, SaysWhyAPortCannotBeHad)
+TEST_F(OrbTest, ReportsWhyAPortCannotBeUsed)
 {
     const SilentPeer other;
     const std::string endpoint = "127.0.0.1:" + std::to_string(other.port());
@@ -192,7 +167,7 @@ TEST_F(OrbTest, SaysWhyAPortCannotBeHad)
     }
 }
 
-TEST_F(OrbTest, SaysWhatAnEndpointShouldBe)
+TEST_F(OrbTest, AWrongEndpointIsReportedWithTheExpectedForm)
 {
     try {
         const Orb orb(false, "nonsense", "S", false, 16);
@@ -266,59 +241,25 @@ TEST_F(OrbTest, AThreadThatTheOrbHasNeverSeenMayLookUp)
     }).join();
 }
 
-/// Another process, for what an ORB does otherwise when it calls itself: asks for "Thing" at the
-/// endpoint it is told, once with a short limit and once with a long one, and ends with 0 when only
-/// the second was answered.
-class OtherProcess
+/// Another process, because an ORB that calls itself behaves differently. It looks up "Thing" at
+/// the endpoint in the command: first with a short limit, then with a long one. It answers "waited"
+/// if only the second lookup found the object.
+class OtherProcess : public QmTest::PeerProcess
 {
   public:
-    OtherProcess()
-    {
-        EXPECT_EQ(::pipe(m_pipe), 0);
-        m_pid = ::fork();
-        if (m_pid == 0)
-            ::_exit(ask());
-    }
-    void tell(const std::string& text)
-    {
-        const std::string line = text + "\n";
-        EXPECT_EQ(::write(m_pipe[1], line.data(), line.size()), static_cast<ssize_t>(line.size()));
-    }
-    int wait()
-    {
-        int status = -1;
-        ::waitpid(m_pid, &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    ~OtherProcess()
-    {
-        ::close(m_pipe[0]);
-        ::close(m_pipe[1]);
-    }
+    OtherProcess() : PeerProcess(find) {}
 
   private:
-    std::string read()
+    static std::string find(const std::string& endpoint)
     {
-        std::string line;
-        char c = 0;
-        while (::read(m_pipe[0], &c, 1) == 1 && c != '\n')
-            line += c;
-        return line;
-    }
-    int ask()
-    {
-        ::alarm(30);
-        OrbTest::endpointOf("there", read());
+        OrbTest::endpointOf("there", endpoint);
         Orb orb(true, "", "S", false, 16);
         const CORBA::Object_var held = orb.lookupObject(TlxHostname("there"), "Thing", 300ms);
         if (!CORBA::is_nil(held))
-            return 1;
+            return "found too early";
         const CORBA::Object_var found = orb.lookupObject(TlxHostname("there"), "Thing", 20s);
-        return CORBA::is_nil(found) ? 2 : 0;
+        return CORBA::is_nil(found) ? "not found" : "waited";
     }
-
-    int m_pipe[2] = {-1, -1};
-    pid_t m_pid = -1;
 };
 
 TEST_F(OrbTest, RequestsWaitUntilTheyAreServed)
@@ -329,12 +270,12 @@ TEST_F(OrbTest, RequestsWaitUntilTheyAreServed)
     const CORBA::Object_var object = orb.activateServant(servant.in());
     orb.advertiseObject("Thing", object);
     client.tell(orb.getEndpoint());
-    // The client's first request waits here in vain; its second one, too, until the service is up.
+    // The client gives its first request up. Its second one waits until the service serves.
     std::thread later([&] {
         std::this_thread::sleep_for(1s);
         orb.serveRequests();
     });
-    EXPECT_EQ(client.wait(), 0) << "1: answered too early, 2: not answered at all";
+    EXPECT_EQ(client.answer(), "waited");
     later.join();
 }
 
@@ -454,7 +395,8 @@ struct Flag : ACE_Event_Handler
         const std::lock_guard guard(mutex);
         fired = true;
         thread = std::this_thread::get_id();
-        changed.notify_all(); // under the mutex: whoever waits destroys this object next
+        changed
+            .notify_all(); // under the mutex, because the waiting thread destroys this object next
         return 0;
     }
     bool wait()

@@ -8,7 +8,7 @@
 
 #include <tlx/Orb.h>
 
-#include "Capture.h"
+#include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx {
 namespace {
@@ -31,7 +31,7 @@ TEST(ServantActivityTest, BusyFromTheFirstRequestToTheEndOfTheLast)
     EXPECT_FALSE(activity.idleSince(later - 2h));
 }
 
-TEST(DescribeExceptionTest, TellsNameMinorCodeAndCompletion)
+TEST(DescribeExceptionTest, HasNameMinorCodeAndCompletion)
 {
     EXPECT_EQ(describeException(CORBA::TIMEOUT(0, CORBA::COMPLETED_MAYBE)),
               "TIMEOUT (minor 0x00000000, COMPLETED_MAYBE)");

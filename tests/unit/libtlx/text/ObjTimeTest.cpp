@@ -20,7 +20,7 @@ void expectTime(const TlxObjTime& time, std::int64_t seconds, std::int32_t micro
     EXPECT_EQ(time.microseconds(), microseconds);
 }
 
-TEST(ObjTimeTest, ZeroUnlessTold)
+TEST(ObjTimeTest, IsZeroByDefault)
 {
     EXPECT_TRUE(TlxObjTime().isZero());
     EXPECT_TRUE(TlxObjTime(0).isZero());

@@ -98,7 +98,7 @@ TEST(StringTest, OnlyWellFormedCharactersAreCharacters)
     EXPECT_EQ(utf8Character("\xF0\x9F\x98\x80"), 4u);
     for (const char* bad : {"\x80",             // a continuation byte
                             "\xC3",             // cut short
-                            "\xC3(",            // the second byte is none
+                            "\xC3(",            // the second byte is missing
                             "\xC0\xAF",         // longer than needed
                             "\xE0\x80\xAF",     // longer than needed
                             "\xF0\x80\x80\xAF", // longer than needed
@@ -115,7 +115,7 @@ TEST(StringTest, CaseOfAsciiLettersAloneIsIgnored)
     EXPECT_GT(compareIgnoringCase("b", "A"), 0);
     EXPECT_LT(compareIgnoringCase("a", "ab"), 0);
     EXPECT_GT(compareIgnoringCase("ab", "a"), 0);
-    EXPECT_LT(compareIgnoringCase("a", "\xC3\xA9"), 0); // bytes count as unsigned
+    EXPECT_LT(compareIgnoringCase("a", "\xC3\xA9"), 0); // bytes are compared as unsigned
     EXPECT_NE(compareIgnoringCase("\xC3\xA9", "\xC3\x89"), 0);
     EXPECT_NE(compareIgnoringCase("[", "{"), 0);
     EXPECT_NE(compareIgnoringCase("@", "`"), 0);

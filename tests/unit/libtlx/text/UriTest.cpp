@@ -125,7 +125,7 @@ TEST(UriTest, BytesThatAreNoUtf8AreAlwaysEncoded)
     EXPECT_EQ(display("a\xFF\xC3(\xED\xA0\x80"), "a%FF%C3(%ED%A0%80");
     EXPECT_EQ(display("%FF"), "%FF");
     EXPECT_EQ(display(std::string_view("a\0b", 3)), "a%00b");
-    // The halves of a character, one of them encoded, are a character.
+    // One byte of the character is encoded, the other is not.
     EXPECT_EQ(display("\xC3%A9"), "\xC3\xA9");
 }
 

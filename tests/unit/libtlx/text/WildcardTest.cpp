@@ -47,7 +47,7 @@ TEST(WildcardTest, AStarStandsForAnyRun)
     EXPECT_FALSE(matches("a*b*c", "aXcYb"));
     EXPECT_TRUE(matches("**a**", "xay"));
     EXPECT_TRUE(matches("*ab", "aab"));
-    EXPECT_TRUE(matches("*a*", ".a")); // a leading dot is nothing special
+    EXPECT_TRUE(matches("*a*", ".a")); // a leading dot is a character like any other
 }
 
 TEST(WildcardTest, AQuestionMarkStandsForOneCharacter)

@@ -3,7 +3,7 @@
 
 #include <tlx/DomHandler.h>
 
-#include "Capture.h"
+#include "support/Capture.h"
 
 using namespace Veltrane::Quillmark::Tlx;
 
@@ -31,7 +31,7 @@ TEST(DataDescriptionTest, ConvertsIntoTheTargetsType)
     EXPECT_EQ(time, TlxObjTime(5, 500000));
 }
 
-/// The text of the first element of that name; "?" when there is none.
+/// The text of the first element with the name, "?" if no element has it.
 std::string textOf(const char* document, const char* element)
 {
     TlxDOMHandler handler(document);

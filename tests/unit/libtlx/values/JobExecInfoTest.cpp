@@ -12,7 +12,7 @@ namespace {
 
 using Arguments = std::vector<std::string>;
 
-/// What a reader makes of a command line.
+/// The arguments that a reader finds in a command line.
 Arguments split(const TlxString& line)
 {
     ACE_ARGV splitter(line.c_str(), false);
@@ -47,7 +47,7 @@ TEST(JobExecInfoTest, ArgumentsAreQuotedWhereTheyMustBe)
 {
     EXPECT_EQ(commandLine({"a b", "", "it's", "say \"x\""}),
               TlxString("\"a b\" \"\" \"it's\" 'say \"x\"'"));
-    // A backslash stands outside of the marks; a text with both marks is put together.
+    // A backslash stands outside the marks. A text with both marks consists of several parts.
     EXPECT_EQ(commandLine({"a\\ b\\", "'\"", "#"}), TlxString("a\\\" \"b\\ \"'\"'\"' \"#\""));
 }
 

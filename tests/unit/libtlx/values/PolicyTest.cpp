@@ -5,7 +5,7 @@
 
 #include <tlx/Policy.h>
 
-#include "Capture.h"
+#include "support/Capture.h"
 
 using namespace Veltrane::Quillmark::Tlx;
 

@@ -5,13 +5,13 @@
 
 #include <tlx/StatusMsg.h>
 
-#include "Capture.h"
+#include "support/Capture.h"
 
 using namespace Veltrane::Quillmark::Tlx;
 
 namespace {
 
-/// A document that hands its "STATUSMSG" elements on, as documents do.
+/// A document that contains "STATUSMSG" elements.
 class Holder : public XmlDocumentInterface
 {
   public:

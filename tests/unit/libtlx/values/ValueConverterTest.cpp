@@ -11,7 +11,7 @@ namespace {
 constexpr auto LARGEST = std::numeric_limits<std::int64_t>::max();
 constexpr auto SMALLEST = std::numeric_limits<std::int64_t>::min();
 
-/// Expects that the text is no value and that what the variable held stays.
+/// Expects that the text is refused and that the variable keeps its value.
 template <class Value>
 void expectNoValue(const char* text, const Value& kept)
 {

@@ -1,61 +1,26 @@
-// Documents that nobody means well with.
+// Documents that are malformed or hostile.
+
+#include <tlx/Xml.h>
+
+#include <cstdlib>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <stdexcept>
-
-#include <tlx/DomHandler.h>
-#include <tlx/Xml.h>
-
-#include "Capture.h"
-#include "XmlRecorder.h"
+#include "XmlRefusal.h"
+#include "support/Text.h"
 
 using namespace Veltrane::Quillmark::Tlx;
+using QmTest::domParse;
 using QmTest::LogCapture;
+using QmTest::refusalOf;
 using QmTest::XmlRecorder;
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::EndsWith;
-using testing::IsEmpty;
 using testing::StartsWith;
 
 namespace {
-
-/// Expects that the text is refused, with one line, and answers the line's text.
-std::string refusalOf(const std::string& text, XmlDocumentInterface& document)
-{
-    LogCapture log;
-    EXPECT_FALSE(document.parseBuffer(text)) << text.substr(0, 200);
-    const auto lines = log.lines();
-    EXPECT_EQ(lines.size(), 1u);
-    if (lines.size() != 1)
-        return {};
-    EXPECT_EQ(lines[0].level, LOG_LEVEL_FAILURE);
-    EXPECT_EQ(lines[0].originator, LOG_ORIGINATOR_PLATFORM);
-    EXPECT_EQ(lines[0].operation, "XmlDocumentInterface::parse");
-    EXPECT_EQ(lines[0].source, "../Xml");
-    return lines[0].text;
-}
-
-std::string refusalOf(const std::string& text)
-{
-    XmlRecorder document;
-    return refusalOf(text, document);
-}
-
-int domParse(const std::string& text)
-{
-    LogCapture log;
-    TlxDOMHandler handler(text.c_str());
-    const int result = handler.parse();
-    EXPECT_THAT(log.lines(), IsEmpty());
-    return result;
-}
 
 std::string nested(unsigned depth, const char* innermost = "")
 {
@@ -68,7 +33,7 @@ std::string nested(unsigned depth, const char* innermost = "")
     return text;
 }
 
-/// Entities of which each holds ten of the one before.
+/// Entities that each contain ten of the one before.
 std::string bomb(const char* use)
 {
     std::string text = "<!DOCTYPE Doc [<!ENTITY e0 \"xxxxxxxxxx\">";
@@ -127,7 +92,7 @@ TEST(XmlSafetyTest, DepthIsBounded)
               "Failed to parse the document Doc: line 1, column 773: elements are nested deeper "
               "than 256");
     EXPECT_EQ(domParse(nested(XML_MAX_DEPTH, "<b/>")), 1);
-    // Also inside what is skipped.
+    // The bound holds inside skipped elements too.
     EXPECT_NE(refusalOf("<unknown>" + nested(100000)), "");
     EXPECT_EQ(domParse(nested(100000)), 1);
 }
@@ -170,13 +135,13 @@ TEST(XmlSafetyTest, EntityExpansionIsBounded)
         EXPECT_THAT(refusalOf(bomb(use)), StartsWith("Failed to parse the document Doc: line 1, "));
         EXPECT_EQ(domParse(bomb(use)), 1) << use;
     }
-    // The bound is the document's, not the single entity's.
+    // The bound is for the whole document, not for one entity.
     std::string many = "<!DOCTYPE Doc [<!ENTITY e \"x\">]><Doc>";
     for (unsigned i = 0; i < XML_MAX_ENTITY_EXPANSIONS; ++i)
         many += "&e;";
     XmlRecorder document;
     EXPECT_TRUE(document.parseBuffer(many + "</Doc>"));
-    EXPECT_TRUE(document.parseBuffer(many + "</Doc>")); // counted anew
+    EXPECT_TRUE(document.parseBuffer(many + "</Doc>")); // each document has a count of its own
     EXPECT_NE(refusalOf(many + "&e;</Doc>"), "");
     EXPECT_EQ(domParse(many + "</Doc>"), 0);
     EXPECT_EQ(domParse(many + "&e;</Doc>"), 1);
@@ -238,7 +203,7 @@ TEST(XmlSafetyTest, ATreeHasABoundedNumberOfNodes)
         return text + "</Doc>";
     };
     EXPECT_EQ(domParse(elements(10000)), 0);
-    EXPECT_EQ(domParse(elements(10000)), 0); // counted anew
+    EXPECT_EQ(domParse(elements(10000)), 0); // each document has a count of its own
     EXPECT_EQ(domParse(elements(10001)), 1);
     std::string attributes = "<Doc";
     std::string entities = "<!DOCTYPE Doc [";
@@ -248,149 +213,6 @@ TEST(XmlSafetyTest, ATreeHasABoundedNumberOfNodes)
     }
     EXPECT_EQ(domParse(attributes + "/>"), 1);
     EXPECT_EQ(domParse(entities + "]><Doc/>"), 1);
-}
-
-/// Reads anything, keeps the text of the last element.
-struct TextReader : XmlDocumentInterface
-{
-    TextReader() : XmlDocumentInterface(nullptr, "Doc") {}
-    void xmlStartElement(XmlObjParseContext* context, const XMLCh*, AttributeList&) override
-    {
-        context->clearText();
-    }
-    int xmlEndElement(XmlObjParseContext* context, const XMLCh*) override
-    {
-        m_text = context->text().utf8();
-        return XML_INSIDE;
-    }
-    std::string m_text;
-};
-
-/// Expects that the text is refused for that reason, whole and at some column of the first line.
-void expectRefused(const std::string& text, const std::string& reason)
-{
-    TextReader document;
-    EXPECT_THAT(refusalOf(text, document),
-                AllOf(StartsWith("Failed to parse the document Doc: line 1, column "),
-                      EndsWith(": " + reason)));
-}
-
-std::string repeated(std::size_t count, const std::string& text)
-{
-    std::string all;
-    for (std::size_t i = 0; i < count; ++i)
-        all += text;
-    return all;
-}
-
-/// What the parser reads at once, and more.
-constexpr std::size_t BLOCK = 1u << 16;
-
-TEST(XmlSafetyTest, WhatComesBeforeTheDocumentsElementIsBounded)
-{
-    const std::string reason = "there are more than 1048576 bytes before the document's element";
-    const auto comment = [](std::size_t bytes) {
-        return "<!--" + std::string(bytes - 13, 'c') + "--><Doc/>";
-    };
-    const auto model = [](std::size_t bytes) {
-        const std::string start = "<!DOCTYPE Doc [<!ELEMENT D (a";
-        const std::string end = ")>]><Doc/>";
-        return start + repeated((bytes - start.size() - end.size()) / 2, ",a") + end;
-    };
-    TextReader document;
-    EXPECT_TRUE(document.parseBuffer(comment(XML_MAX_PROLOG_BYTES)));
-    EXPECT_TRUE(document.parseBuffer(model(XML_MAX_PROLOG_BYTES)));
-    expectRefused(comment(XML_MAX_PROLOG_BYTES + BLOCK), reason);
-    expectRefused(model(XML_MAX_PROLOG_BYTES + BLOCK), reason);
-    expectRefused(repeated(XML_MAX_PROLOG_BYTES / 8 + BLOCK, "<!--c-->") + "<Doc/>", reason);
-    EXPECT_EQ(domParse(model(XML_MAX_PROLOG_BYTES)), 0);
-    EXPECT_EQ(domParse(model(XML_MAX_PROLOG_BYTES + BLOCK)), 1);
-    // What comes after its start tag is another matter.
-    EXPECT_TRUE(
-        document.parseBuffer("<Doc>" + std::string(2 * XML_MAX_PROLOG_BYTES, 'x') + "</Doc>"));
-}
-
-TEST(XmlSafetyTest, WhatTheParserGathersAtOnceIsBounded)
-{
-    const std::string reason = "a tag, a comment or a piece of text has more than 12582912 bytes";
-    const auto all = [](std::size_t bytes) {
-        const std::string filling(bytes, 'x');
-        return std::vector{"<a b='" + filling + "'/>", "<a>t</a " + std::string(bytes, ' ') + ">",
-                           "<!--" + filling + "-->", "<?p " + filling + "?>",
-                           "<![CDATA[" + filling + "]]>"};
-    };
-    for (const std::string& inner : all(XML_MAX_PIECE_BYTES - BLOCK)) {
-        TextReader document;
-        EXPECT_TRUE(document.parseBuffer("<Doc>" + inner + "<a/>" + inner + "</Doc>"))
-            << inner.substr(0, 20);
-    }
-    for (const std::string& inner : all(XML_MAX_PIECE_BYTES + BLOCK))
-        expectRefused("<Doc>" + inner + "</Doc>", reason);
-    const std::string comment = all(XML_MAX_PIECE_BYTES + BLOCK)[2];
-    EXPECT_EQ(domParse("<Doc>" + comment + "</Doc>"), 1);
-}
-
-TEST(XmlSafetyTest, ManySmallThingsAndLongTextsAreNotGathered)
-{
-    TextReader document;
-    for (const std::string text : {"<a>1</a>", "<a/>", "<!--c-->", "<?p d?>", "<![CDATA[]]><a/>"})
-        EXPECT_TRUE(document.parseBuffer(
-            "<Doc>" + repeated((XML_MAX_PIECE_BYTES + BLOCK) / text.size(), text) + "</Doc>"))
-            << text;
-    // The longest way to write a character; of two units each.
-    const std::size_t characters = 2 * XML_MAX_PIECE_BYTES / 10;
-    EXPECT_TRUE(document.parseBuffer("<Doc>" + repeated(characters, "&#1114109;") + "</Doc>"));
-    EXPECT_TRUE(document.m_text == repeated(characters, "\xF4\x8F\xBF\xBD"));
-    EXPECT_TRUE(document.parseBuffer("<Doc>" + repeated(characters, "&#0000065;") + "</Doc>"));
-    EXPECT_TRUE(document.m_text == std::string(characters, 'A'));
-}
-
-TEST(XmlSafetyTest, TheNumberOfDifferentNamesOfElementsIsBounded)
-{
-    const auto elements = [](std::size_t count) {
-        std::string text = "<Doc><Doc/>";
-        for (std::size_t i = 1; i < count; ++i)
-            text += "<e" + std::to_string(i) + "/>";
-        return text + "<e1/></Doc>";
-    };
-    const std::string reason = "there are more than 100000 different names of elements";
-    TextReader document;
-    EXPECT_TRUE(document.parseBuffer(elements(100000)));
-    EXPECT_TRUE(document.parseBuffer(elements(100000))); // counted anew
-    expectRefused(elements(100001), reason);
-    const auto declared = [](std::size_t count) {
-        std::string text = "<!DOCTYPE Doc [<!ELEMENT e (e";
-        for (std::size_t i = 2; i < count - 1; ++i) // and Doc and z
-            text += "|e" + std::to_string(i);
-        return text + ")><!ELEMENT z ANY>]><Doc/>";
-    };
-    EXPECT_TRUE(document.parseBuffer(declared(100000)));
-    expectRefused(declared(100001), reason);
-}
-
-TEST(XmlSafetyTest, TheTextOfOneContextIsBounded)
-{
-    const std::string most(XML_MAX_TEXT, 'x');
-    TextReader document;
-    EXPECT_TRUE(document.parseBuffer("<Doc>" + most + "<a/>" + most + "</Doc>"));
-    EXPECT_TRUE(document.m_text == most);
-    for (const char* more : {"x", "<!---->x", "&amp;", "<![CDATA[x]]>"})
-        expectRefused("<Doc>" + most + more + "</Doc>", "a text has more than 16777216 characters");
-}
-
-TEST(XmlSafetyTest, AContextKeepsNoMoreTextThanItMayHave)
-{
-    const std::basic_string<XMLCh> most(XML_MAX_TEXT, 'x');
-    const std::basic_string<XMLCh> name = TlxString("a").toXmlCh();
-    const XmlObjParseContext outer(name.c_str());
-    XmlObjParseContext context(name.c_str(), &outer);
-    context.appendText(most.c_str(), most.size());
-    EXPECT_TRUE(outer.refusal().empty());
-    context.appendText(most.c_str(), 1);
-    EXPECT_EQ(outer.refusal(), TlxString("a text has more than 16777216 characters"));
-    EXPECT_EQ(context.text().utf8().size(), XML_MAX_TEXT);
-    context.refuse("another reason");
-    EXPECT_EQ(outer.refusal(), TlxString("a text has more than 16777216 characters"));
 }
 
 TEST(XmlSafetyTest, WhatAnObjectRefusesFailsTheParseAtItsPlace)
@@ -408,83 +230,6 @@ TEST(XmlSafetyTest, WhatAnObjectRefusesFailsTheParseAtItsPlace)
     EXPECT_EQ(refusalOf("<Doc><a/></Doc>", document),
               "Failed to parse the document Doc: line 1, column 6: no room");
     EXPECT_EQ(document.m_events, "<Doc>");
-}
-
-TEST(XmlSafetyTest, AThousandFaultsAreFineOneMoreIsNot)
-{
-    struct Document : TextReader
-    {
-        void xmlStartElement(XmlObjParseContext* context, const XMLCh* name,
-                             AttributeList&) override
-        {
-            const XmlObjParseContext inner(name, context);
-            inner.countFault();
-        }
-    } document;
-    EXPECT_TRUE(document.parseBuffer("<Doc>" + repeated(XML_MAX_FAULTS - 1, "<a/>") + "</Doc>"));
-    EXPECT_EQ(refusalOf("<Doc>" + repeated(XML_MAX_FAULTS, "<a/>") + "</Doc>", document),
-              "Failed to parse the document Doc: line 1, column 4006: there are more than 1000 "
-              "elements that are unknown or refused");
-}
-
-class XmlExternalEntityTest : public testing::Test
-{
-  protected:
-    XmlExternalEntityTest()
-    {
-        std::string name = (std::filesystem::temp_directory_path() / "xml.XXXXXX").string();
-        if (!::mkdtemp(name.data()))
-            throw std::runtime_error("no temporary directory");
-        m_root = name;
-        std::ofstream(m_root + "/secret") << "secret";
-        std::ofstream(m_root + "/doc.dtd") << "<!ENTITY e \"secret\">";
-    }
-    ~XmlExternalEntityTest() override { std::filesystem::remove_all(m_root); }
-    std::string m_root;
-};
-
-TEST_F(XmlExternalEntityTest, AReferenceToOneFailsTheParse)
-{
-    for (const std::string& where : {m_root + "/secret", "file://" + m_root + "/secret",
-                                     std::string("http://127.0.0.1:9/secret")}) {
-        const std::string text =
-            "<!DOCTYPE Doc [<!ENTITY e SYSTEM \"" + where + "\">]><Doc>&e;</Doc>";
-        XmlRecorder document;
-        EXPECT_THAT(refusalOf(text, document),
-                    StartsWith("Failed to parse the document Doc: line 1, "));
-        EXPECT_EQ(document.m_events, "<Doc>");
-        EXPECT_EQ(domParse(text), 1);
-    }
-}
-
-TEST_F(XmlExternalEntityTest, OneThatIsOnlyDeclaredIsNotRead)
-{
-    const std::string text =
-        "<!DOCTYPE Doc [<!ENTITY e SYSTEM \"" + m_root + "/none\">]><Doc>t</Doc>";
-    XmlRecorder document;
-    EXPECT_TRUE(document.parseBuffer(text));
-    EXPECT_EQ(document.m_events, "<Doc>t</Doc>");
-}
-
-TEST_F(XmlExternalEntityTest, ADocumentTypeFromOutsideIsNotRead)
-{
-    const std::string type = "<!DOCTYPE Doc SYSTEM \"" + m_root + "/doc.dtd\">";
-    XmlRecorder document;
-    EXPECT_TRUE(document.parseBuffer(type + "<Doc>t</Doc>"));
-    EXPECT_EQ(document.m_events, "<Doc>t</Doc>");
-    // So what it declares is not known; without a reading of it that is no error, and no text.
-    XmlRecorder other;
-    LogCapture log;
-    other.parseBuffer(type + "<Doc>&e;</Doc>");
-    EXPECT_EQ(other.m_events.find("secret"), std::string::npos);
-}
-
-TEST_F(XmlExternalEntityTest, SchemaLocationsAreNotFollowed)
-{
-    XmlRecorder document;
-    EXPECT_TRUE(document.parseBuffer("<Doc xmlns:xsi='http://www.w3.org/2001/XMLSchema-instance' "
-                                     "xsi:noNamespaceSchemaLocation='" +
-                                     m_root + "/none.xsd'>t</Doc>"));
 }
 
 TEST(XmlSafetyTest, WhatAnObjectThrowsFailsTheParseAtItsPlace)

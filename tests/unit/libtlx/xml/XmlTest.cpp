@@ -6,8 +6,8 @@
 
 #include <tlx/Xml.h>
 
-#include "Capture.h"
-#include "XmlRecorder.h"
+#include "support/Capture.h"
+#include "support/XmlRecorder.h"
 
 using namespace Veltrane::Quillmark::Tlx;
 using QmTest::LogCapture;
@@ -37,7 +37,7 @@ std::string utf16Bytes(const std::string& utf8, bool bigEndian, bool mark)
     return bytes;
 }
 
-/// Expects that the text parses, without a line in the log, and answers the events.
+/// Expects that the text parses without a log line. Returns the events.
 std::string eventsOf(const std::string& text, const char* codePage = nullptr)
 {
     LogCapture log;
@@ -206,7 +206,7 @@ TEST(XmlTest, Encodings)
               "<Doc>\xC3\xA9</Doc>");
 }
 
-TEST(XmlTest, TheCodePageHoldsForDocumentsThatTellNone)
+TEST(XmlTest, TheCodePageHoldsForDocumentsWithoutAnEncoding)
 {
     const std::string accented = "<Doc>\xC3\xA9</Doc>";
     EXPECT_EQ(eventsOf("<Doc>\xE9</Doc>", "ISO-8859-1"), accented);

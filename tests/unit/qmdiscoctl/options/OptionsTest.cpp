@@ -21,7 +21,7 @@ ParsedOptions parse(std::vector<const char*> arguments)
     return parseOptions(static_cast<int>(arguments.size()), arguments.data());
 }
 
-/// The line that a wrong command line is answered with, without its standing parts.
+/// The message about a wrong command line, without the parts that are always the same.
 std::string refusal(const std::vector<const char*>& arguments)
 {
     const ParsedOptions parsed = parse(arguments);
@@ -106,7 +106,7 @@ TEST(CtlOptionsTest, AWrongLineIsOneLine)
                 HasSubstr("a directory is expected, not an empty name"));
 }
 
-TEST(CtlOptionsTest, HelpTellsEveryExitCodeAndWhatTheStoreKeeps)
+TEST(CtlOptionsTest, HelpListsEveryExitCodeAndWhatTheStoreKeeps)
 {
     const ParsedOptions help = parse({"--help"});
     EXPECT_EQ(help.end, EC_OK);

@@ -6,12 +6,14 @@
 #include <fstream>
 
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <tlx/HostConfig.h>
+
+#include "support/ChildProcess.h"
+#include "support/TemporaryDirectory.h"
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 namespace {
@@ -20,23 +22,17 @@ namespace fs = std::filesystem;
 
 struct StatusDocumentTest : testing::Test
 {
-    StatusDocumentTest()
-    {
-        std::string name = (fs::temp_directory_path() / "qmtest.XXXXXX").string();
-        EXPECT_NE(::mkdtemp(name.data()), nullptr);
-        root = name;
-        fs::create_directory(root / "run");
-    }
-    ~StatusDocumentTest() override { fs::remove_all(root); }
+    StatusDocumentTest() { fs::create_directory(root / "run"); }
 
     StatusDocument read() const { return readStatusDocument(Tlx::TlxPathname(root.string())); }
     StatusDocument readAs(const std::string& text) const
     {
-        std::ofstream(root / "run" / "status.json", std::ios::binary) << text;
+        QmTest::writeFile(root / "run" / "status.json", text);
         return read();
     }
 
-    fs::path root;
+    const QmTest::TemporaryDirectory directory;
+    const fs::path& root = directory.path();
 };
 
 TEST_F(StatusDocumentTest, ADocumentOfARunningProcessIsCurrent)
@@ -54,15 +50,12 @@ TEST_F(StatusDocumentTest, ADocumentOfARunningProcessIsCurrent)
 
 TEST_F(StatusDocumentTest, ADocumentOfAProcessThatEndedIsStale)
 {
-    const pid_t child = ::fork();
-    if (child == 0)
-        ::_exit(0);
-    siginfo_t info;
-    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT), 0);
-    const StatusDocument waiting = readAs(R"({"pid": )" + std::to_string(child) + "}");
+    QmTest::ChildProcess child([] { return 0; });
+    child.awaitEnd();
+    const StatusDocument waiting = readAs(R"({"pid": )" + std::to_string(child.pid()) + "}");
     EXPECT_TRUE(waiting.found);
     EXPECT_TRUE(waiting.stale) << "it has ended and waits for its parent";
-    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+    ASSERT_EQ(child.exitCode(), 0);
     EXPECT_TRUE(read().stale);
     EXPECT_FALSE(read().isCurrent());
     EXPECT_TRUE(readAs("{}").stale);
@@ -78,7 +71,7 @@ TEST_F(StatusDocumentTest, NoDocumentIsNoProblem)
     EXPECT_FALSE(read().found);
 }
 
-TEST_F(StatusDocumentTest, WhatIsNoDocumentIsSaid)
+TEST_F(StatusDocumentTest, AWrongDocumentIsReported)
 {
     const std::string deep = std::string(100000, '[') + std::string(100000, ']');
     for (const std::string& text :
@@ -92,7 +85,7 @@ TEST_F(StatusDocumentTest, WhatIsNoDocumentIsSaid)
     }
 }
 
-TEST_F(StatusDocumentTest, APipeInItsPlaceKeepsNobodyWaiting)
+TEST_F(StatusDocumentTest, APipeInItsPlaceIsNotWaitedFor)
 {
     ASSERT_EQ(::mkfifo((root / "run" / "status.json").c_str(), 0600), 0);
     const StatusDocument status = read();

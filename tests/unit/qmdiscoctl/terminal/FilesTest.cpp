@@ -1,54 +1,38 @@
-// Where the data of a put comes from, and where that of a get goes.
+// The input of a put and the output of a get.
 
 #include "Input.h"
 #include "Output.h"
 
 #include <csignal>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+
+#include "support/ChildProcess.h"
+#include "support/TemporaryDirectory.h"
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 namespace {
 
 namespace fs = std::filesystem;
+using QmTest::ChildProcess;
+using QmTest::contentOf;
+using QmTest::writeFile;
 
 struct CtlFilesTest : testing::Test
 {
-    CtlFilesTest()
-    {
-        std::string name = (fs::temp_directory_path() / "qmtest.XXXXXX").string();
-        EXPECT_NE(::mkdtemp(name.data()), nullptr);
-        directory = name;
-    }
-    ~CtlFilesTest() override { fs::remove_all(directory); }
-
-    std::string path(const char* name) const { return (directory / name).string(); }
-    static void write(const std::string& file, const std::string& text)
-    {
-        std::ofstream(file, std::ios::binary) << text;
-    }
-    static std::string contentOf(const std::string& file)
-    {
-        std::ifstream stream(file, std::ios::binary);
-        std::ostringstream text;
-        text << stream.rdbuf();
-        return text.str();
-    }
+    std::string path(const char* name) const { return temporary.path(name); }
     std::size_t fileCount() const
     {
         return static_cast<std::size_t>(
             std::distance(fs::directory_iterator(directory), fs::directory_iterator()));
     }
-    /// All that an input holds, read in small pieces.
+    /// The whole input, read in small pieces.
     static std::string allOf(Input& input)
     {
         std::string text;
@@ -59,12 +43,13 @@ struct CtlFilesTest : testing::Test
         return text;
     }
 
-    fs::path directory;
+    const QmTest::TemporaryDirectory temporary;
+    const fs::path& directory = temporary.path();
 };
 
 TEST_F(CtlFilesTest, AnInputKnowsTheSizeOfAFile)
 {
-    write(path("in"), "1234567");
+    writeFile(path("in"), "1234567");
     Input input;
     EXPECT_EQ(input.open(path("in")), Outcome());
     EXPECT_EQ(input.size(), 7u);
@@ -122,7 +107,7 @@ TEST_F(CtlFilesTest, AFileAppearsWhenItIsFinished)
 
 TEST_F(CtlFilesTest, AFileGivenUpLeavesWhatWasThere)
 {
-    write(path("out"), "old");
+    writeFile(path("out"), "old");
     auto made = makeFileOutput(path("out"));
     ASSERT_TRUE(made) << made.error().text;
     std::unique_ptr<Output> output = std::move(*made);
@@ -134,7 +119,7 @@ TEST_F(CtlFilesTest, AFileGivenUpLeavesWhatWasThere)
 
 TEST_F(CtlFilesTest, AReplacedFileKeepsPermissionsAndLinks)
 {
-    write(path("out"), "old");
+    writeFile(path("out"), "old");
     ASSERT_EQ(::chmod(path("out").c_str(), 0640), 0);
     fs::create_symlink("out", path("link"));
     auto made = makeFileOutput(path("link"));
@@ -163,19 +148,14 @@ TEST_F(CtlFilesTest, WhatCannotBeWrittenIsSaidAtOnce)
 
 TEST_F(CtlFilesTest, ASignalLeavesNoTemporaryFile)
 {
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::alarm(30);
+    ChildProcess child([this] {
         const auto output = makeFileOutput(path("out"));
         if (!output || (*output)->write("half"))
-            ::_exit(1);
+            return 1;
         ::raise(SIGTERM);
-        ::_exit(2);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFSIGNALED(status)) << status;
-    EXPECT_EQ(WTERMSIG(status), SIGTERM);
+        return 2;
+    });
+    EXPECT_EQ(child.exitCode(), -SIGTERM);
     EXPECT_EQ(fileCount(), 0u);
 }
 

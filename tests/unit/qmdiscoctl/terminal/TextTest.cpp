@@ -1,4 +1,4 @@
-// Text, tables and progress, as people see them.
+// Text, tables and progress for people.
 
 #include "Text.h"
 
@@ -14,7 +14,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(CtlTextTest, NothingReachesTheTerminalThatItWouldObey)
+TEST(CtlTextTest, TerminalControlCharactersAreEscaped)
 {
     EXPECT_EQ(escaped("plain é 日"), "plain é 日");
     EXPECT_EQ(escaped("a\nb\tc\r\x1b[31m\x7f"), "a\\nb\\tc\\r\\x1b[31m\\x7f");
@@ -64,7 +64,7 @@ TEST(CtlProgressTest, ALineHasABarWhenTheTotalIsKnown)
         EXPECT_LE(displayWidth(progressLine("put", 512, 1024, 1s, width)), std::max(width, 40ul));
 }
 
-TEST(CtlProgressTest, ShowsNothingOfWhatIsSoonOverAndLeavesNoTrace)
+TEST(CtlProgressTest, AShortTransferShowsNothingAndALongOneLeavesNoTrace)
 {
     Progress::Clock::time_point now{};
     std::string drawn;

@@ -1,29 +1,21 @@
 #pragma once
-// The record model without a backend behind it.
+// A discovery whose data is in memory.
 
-#include <cstddef>
 #include <sstream>
 #include <string>
 
 #include "DiscData.h"
+#include "support/MemoryData.h"
 
 namespace QmTest {
 
 namespace Tlx = Veltrane::Quillmark::Tlx;
 namespace Disc = Veltrane::Quillmark::Tlx::DiscoverySvc;
 
-class NoData : public Disc::CollectionData
-{
-  public:
-    bool open(Disc::OpenMode, const char*) override { return true; }
-    std::size_t readCollection(std::size_t, void*) const override { return 0; }
-    bool writeCollection(std::size_t, const void*) const override { return true; }
-};
-
 class PlainDiscovery : public Disc::Discovery
 {
   public:
-    explicit PlainDiscovery(Disc::CollectionData* data = new NoData)
+    explicit PlainDiscovery(Disc::CollectionData* data = new MemoryData)
         : Discovery(data, Disc::DQ_DISCOVERY_DATA)
     {
     }
@@ -36,7 +28,7 @@ class PlainDiscovery : public Disc::Discovery
     using Discovery::isDocumentRefused;
 };
 
-/// What an object writes of itself.
+/// The XML that an object writes.
 inline std::string written(const Tlx::XmlInterface& object,
                            Tlx::XmlStr::Encoding encoding = Tlx::XmlStr::XE_UTF8)
 {

@@ -1,5 +1,5 @@
 #pragma once
-// Catches what the code under test logs and asserts, so that tests can compare whole texts.
+// Catches what the code under test logs and asserts. So tests can compare whole texts.
 
 #include <algorithm>
 #include <memory>
@@ -10,11 +10,13 @@
 #include <tlx/Assert.h>
 #include <tlx/Log.h>
 
+#include "support/Lines.h"
+
 namespace QmTest {
 
 namespace Tlx = Veltrane::Quillmark::Tlx;
 
-/// Log lines, in order. Installs itself for its lifetime, at the given level.
+/// The log lines of its lifetime, up to a level, in order. Any thread may log.
 class LogCapture
 {
   public:
@@ -42,9 +44,9 @@ class LogCapture
         return m_sink->lines;
     }
     /// The texts of one level, in order.
-    std::vector<std::string> texts(int level) const
+    Lines texts(int level) const
     {
-        std::vector<std::string> result;
+        Lines result;
         for (const Line& line : lines())
             if (line.level == level)
                 result.push_back(line.text);
@@ -97,7 +99,7 @@ class AssertionCapture
         });
     }
     ~AssertionCapture() { Tlx::setAssertionReporter({}); }
-    std::vector<std::string> texts() const
+    Lines texts() const
     {
         std::lock_guard guard(m_store->mutex);
         return m_store->texts;
@@ -107,7 +109,7 @@ class AssertionCapture
     struct Store
     {
         std::mutex mutex;
-        std::vector<std::string> texts;
+        Lines texts;
     };
     std::shared_ptr<Store> m_store = std::make_shared<Store>();
 };

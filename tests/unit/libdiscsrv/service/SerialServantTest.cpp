@@ -1,0 +1,147 @@
+// Requests from several connections on one object, over a real ORB on the loopback.
+
+#include "DiscoveryIterator_i.h"
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include <sched.h>
+
+#include <gtest/gtest.h>
+
+#include <tlx/HostConfig.h>
+#include <tlx/Orb.h>
+
+#include "support/Eventually.h"
+#include "support/PeerProcess.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote {
+namespace {
+
+using QmTest::eventually;
+
+/// Another process with a connection of its own to the object "Pages". Commands:
+///
+///     find ENDPOINT   "found"
+///     page            how many records the next page has
+///     release         "released"
+class Client : public QmTest::PeerProcess
+{
+  public:
+    Client()
+        : PeerProcess([state = std::make_shared<State>()](const std::string& command) {
+              return state->perform(command);
+          })
+    {
+    }
+
+  private:
+    struct State
+    {
+        std::string perform(const std::string& command)
+        {
+            if (command.starts_with("find "))
+                return find(command.substr(5));
+            if (command == "release") {
+                iterator->release();
+                return "released";
+            }
+            const DiscoverySeq_var page = iterator->getNextPage();
+            return std::to_string(page->length());
+        }
+        std::string find(const std::string& endpoint)
+        {
+            HostConfig::instance().readText("ENDPOINT.there = " + endpoint + "\n", "qm.conf");
+            orb = std::make_unique<Orb>(true, "", "S", false, 16);
+            const CORBA::Object_var object =
+                orb->lookupObject(TlxHostname("there"), "Pages", std::chrono::seconds(20));
+            iterator = DiscoveryIterator::_narrow(object);
+            if (CORBA::is_nil(iterator))
+                return "not found";
+            iterator->pageSize(); // so that the connection is there
+            return "found";
+        }
+        std::unique_ptr<Orb> orb;
+        DiscoveryIterator_var iterator;
+    };
+};
+
+/// An iterator whose requests stay inside until the test lets them go.
+class HeldIterator : public DiscoveryIterator_i
+{
+  public:
+    HeldIterator() : DiscoveryIterator_i(nullptr) {}
+    DiscoverySeq* getNextPage() override
+    {
+        hold();
+        return new DiscoverySeq;
+    }
+    void release() override { hold(); }
+
+    std::atomic<int> inside{0};
+    std::atomic<int> most{0}; ///< the largest number of requests that were inside at a time
+    std::atomic<bool> goOn{false};
+
+  private:
+    void hold()
+    {
+        const int now = ++inside;
+        if (now > most)
+            most = now;
+        EXPECT_TRUE(eventually([this] { return goOn.load(); }));
+        --inside;
+    }
+};
+
+struct SerialServantTest : testing::Test
+{
+    SerialServantTest()
+    {
+        HostConfig::instance().readText("", "none");
+        orb = std::make_unique<Orb>(false, "127.0.0.1:0", "S", false, 16);
+        const CORBA::Object_var object = orb->activateServant(iterator.in());
+        orb->advertiseObject("Pages", object);
+        orb->serveRequests();
+        for (Client* const client : {&first, &second})
+            EXPECT_EQ(client->ask("find " + orb->getEndpoint()), "found");
+    }
+    /// The first client's page is inside while the second client's request arrives.
+    void pageBeside(const std::string& request)
+    {
+        first.tell("page");
+        ASSERT_TRUE(eventually([this] { return iterator->inside == 1; }));
+        const auto before = iterator->activity()->lastUse();
+        second.tell(request);
+        ASSERT_TRUE(eventually([&] { return iterator->activity()->lastUse() != before; }))
+            << "the second request does not arrive";
+        // It is at the servant now. It gets some time to enter.
+        for (int i = 0; i < 5000 && iterator->most == 1; ++i)
+            ::sched_yield();
+        EXPECT_FALSE(second.answers(std::chrono::milliseconds::zero()));
+        iterator->goOn = true;
+        EXPECT_EQ(first.answer(), "0");
+    }
+
+    Client first; // forked before anything of the ORB
+    Client second;
+    const PortableServer::Servant_var<HeldIterator> iterator{new HeldIterator};
+    std::unique_ptr<Orb> orb;
+};
+
+TEST_F(SerialServantTest, TwoConnectionsReadOneIteratorOneAtATime)
+{
+    pageBeside("page");
+    EXPECT_EQ(second.answer(), "0");
+    EXPECT_EQ(iterator->most, 1);
+}
+
+TEST_F(SerialServantTest, AReleaseWaitsForAReadOfAnotherConnection)
+{
+    pageBeside("release");
+    EXPECT_EQ(second.answer(), "released");
+    EXPECT_EQ(iterator->most, 1);
+}
+
+} // namespace
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote

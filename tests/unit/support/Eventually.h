@@ -1,0 +1,25 @@
+#pragma once
+// Bounded waits for what another thread or process does.
+
+#include <chrono>
+
+#include <sched.h>
+
+namespace QmTest {
+
+constexpr std::chrono::seconds PATIENCE{30};
+
+/// Repeats the check until it holds. Gives the processor away in between. False after PATIENCE.
+template <class Check>
+bool eventually(Check check)
+{
+    const auto end = std::chrono::steady_clock::now() + PATIENCE;
+    while (!check()) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        ::sched_yield();
+    }
+    return true;
+}
+
+} // namespace QmTest
