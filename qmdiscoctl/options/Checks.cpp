@@ -1,9 +1,8 @@
 #include "Checks.h"
 
-#include <charconv>
-#include <limits>
-
+#include <tlx/Number.h>
 #include <tlx/Query.h>
+#include <tlx/Utf8.h>
 
 #include "HostArgument.h"
 #include "Names.h"
@@ -12,17 +11,6 @@
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
 namespace {
-
-bool parseNumber(const std::string& text, std::uint64_t highest, std::uint64_t& out)
-{
-    std::uint64_t value = 0;
-    const char* const end = text.data() + text.size();
-    const auto [stopped, error] = std::from_chars(text.data(), end, value);
-    if (error != std::errc() || stopped != end || value > highest)
-        return false;
-    out = value;
-    return true;
-}
 
 /// Nothing for a good text, otherwise what is expected in its place.
 std::string expect(bool good, const std::string& expected, const std::string& text)
@@ -39,16 +27,14 @@ std::string quoted(const std::string& text)
 
 std::uint64_t numberOf(const std::string& text)
 {
-    std::uint64_t value = 0;
-    parseNumber(text, std::numeric_limits<std::uint64_t>::max(), value);
-    return value;
+    return Tlx::parseNumber<std::uint64_t>(text).value_or(0);
 }
 
 Check numberUpTo(std::uint64_t lowest, std::uint64_t highest)
 {
     return [lowest, highest](const std::string& text) {
-        std::uint64_t value = 0;
-        return expect(parseNumber(text, highest, value) && value >= lowest,
+        const auto value = Tlx::parseNumber<std::uint64_t>(text);
+        return expect(value && *value >= lowest && *value <= highest,
                       "a number from " + std::to_string(lowest) + " to " + std::to_string(highest),
                       text);
     };
@@ -56,7 +42,7 @@ Check numberUpTo(std::uint64_t lowest, std::uint64_t highest)
 
 std::string checkUtf8(const std::string& text)
 {
-    if (isUtf8(text))
+    if (Tlx::isUtf8(text))
         return {};
     return "UTF-8 text is expected, not " + quoted(text) + "; other bytes are written as %XX";
 }

@@ -8,11 +8,6 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 
 namespace {
 
-bool sameName(const std::string& a, const std::string& b)
-{
-    return Tlx::compareIgnoringCase(a, b) == 0;
-}
-
 /// Where to connect to a service that listens on an endpoint.
 Tlx::Endpoint reachable(Tlx::Endpoint endpoint)
 {
@@ -50,7 +45,8 @@ Target findTarget(const std::string& hostArgument, const Tlx::HostConfig& config
             target.endpoint = {given.host, *given.port};
             return target;
         }
-        target.local = sameName(given.host, "localhost") || sameName(given.host, own);
+        target.local = Tlx::isSameIgnoringCase(given.host, "localhost") ||
+                       Tlx::isSameIgnoringCase(given.host, own);
     } else if (config.getString(Tlx::ConfigKey::SERVER, target.host)) {
         target.local = config.isMaster();
     } else {

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <tlx/Character.h>
 #include <tlx/File.h>
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
@@ -11,12 +12,12 @@ namespace {
 /// Whether a terminal shows the byte, or part of a character, and does not obey it.
 bool isHarmless(char before, char c)
 {
+    if (c == '\n' || c == '\t' || c == '\r')
+        return true;
     const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20)
-        return c == '\n' || c == '\t' || c == '\r';
-    // U+0080 to U+009F are control characters, too.
-    const bool second = static_cast<unsigned char>(before) == 0xc2 && byte >= 0x80 && byte < 0xa0;
-    return byte != 0x7f && !second;
+    // After 0xc2 the second byte of a character equals the code point.
+    const bool isCodePoint = byte < 0x80 || static_cast<unsigned char>(before) == 0xc2;
+    return !isCodePoint || !Tlx::isControl(byte);
 }
 
 } // namespace

@@ -8,20 +8,12 @@
 
 #include <fmt/format.h>
 
-#include <tlx/String.h>
+#include <tlx/Character.h>
+#include <tlx/Utf8.h>
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
 namespace {
-
-bool isMisleading(char32_t c)
-{
-    return c < 0x20 || (c >= 0x7f && c < 0xa0) // controls
-           || c == 0x200e || c == 0x200f       // direction marks
-           || (c >= 0x2028 && c <= 0x202e)     // separators, direction embeddings and overrides
-           || (c >= 0x2066 && c <= 0x2069)     // direction isolates
-           || c == 0x061c || c == 0xfeff;      // another direction mark, the byte order mark
-}
 
 std::string escape(char32_t c)
 {
@@ -65,7 +57,7 @@ std::string escaped(std::string_view text)
         }
         if (c == '\\')
             result += "\\\\";
-        else if (isMisleading(c))
+        else if (Tlx::isDeceptive(c))
             result += escape(c);
         else
             result += text.substr(0, length);
@@ -84,17 +76,6 @@ std::size_t displayWidth(std::string_view text)
         text.remove_prefix(std::max<std::size_t>(length, 1));
     }
     return width;
-}
-
-bool isUtf8(std::string_view text)
-{
-    while (!text.empty()) {
-        const std::size_t length = Tlx::utf8Character(text);
-        if (length == 0)
-            return false;
-        text.remove_prefix(length);
-    }
-    return true;
 }
 
 std::string bytesText(unsigned long long bytes)

@@ -7,15 +7,13 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-/// The text with everything escaped that could mislead a terminal or a reader. These are control
-/// characters, characters that turn the direction of writing, line and paragraph separators
-/// (\n, \x1b, \u202e), bytes that are not UTF-8 (\xff), and the backslash itself (\\).
+/// The text with everything escaped that could mislead a terminal or a reader. These are the
+/// deceptive characters of tlx/Character.h (\n, \x1b, \u202e), bytes that are not UTF-8 (\xff), and
+/// the backslash itself (\\).
 std::string escaped(std::string_view text);
 
 /// How many columns the text takes on a terminal.
 std::size_t displayWidth(std::string_view text);
-
-bool isUtf8(std::string_view text);
 
 /// "0 bytes", "1 byte", "1023 bytes".
 std::string bytesText(unsigned long long bytes);

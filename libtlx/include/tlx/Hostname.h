@@ -16,7 +16,8 @@ class TlxHostname
     void setHostname(const TlxString& name);
 
     /// This host's own name: CLIENT_NAME of the host configuration, otherwise the system's.
-    void setLocal();
+    static TlxHostname local();
+    void setLocal() { *this = local(); }
 
     const TlxString& text() const { return m_name; }
     const char* c_str() const { return m_name.c_str(); }

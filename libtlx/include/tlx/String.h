@@ -8,6 +8,8 @@
 
 #include <xercesc/util/XercesDefs.hpp>
 
+#include <tlx/Utf8.h>
+
 namespace Veltrane::Quillmark::Tlx {
 
 /// A text in UTF-8. Keeps bytes that are not valid UTF-8: a name may hold them, and the
@@ -49,12 +51,8 @@ class TlxString
     std::string m_utf8;
 };
 
-/// The first character of a text in UTF-8. @param codePoint receives its code point; may be null.
-/// @return its length in bytes (1 to 4); 0 for an empty text and when the first byte begins no
-/// valid character.
-std::size_t utf8Character(std::string_view text, char32_t* codePoint = nullptr);
-
 /// Compares without regard to case, like strcasecmp: only letters of ASCII have case.
 int compareIgnoringCase(const TlxString& a, const TlxString& b);
+bool isSameIgnoringCase(const TlxString& a, const TlxString& b);
 
 } // namespace Veltrane::Quillmark::Tlx

@@ -20,7 +20,9 @@
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/sinks/stdout_sinks.h>
 
+#include <tlx/Character.h>
 #include <tlx/FileDescriptor.h>
+#include <tlx/Utf8.h>
 
 namespace Veltrane::Quillmark::Tlx {
 
@@ -28,63 +30,26 @@ namespace {
 
 constexpr mode_t LOG_FILE_MODE = 0640;
 
-/// The length of the UTF-8 sequence at the start of text, 0 when there is none.
-std::size_t sequenceLength(std::string_view text)
-{
-    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-    const unsigned lead = byte(0);
-    const std::size_t length = lead < 0x80   ? 1
-                               : lead < 0xC2 ? 0
-                               : lead < 0xE0 ? 2
-                               : lead < 0xF0 ? 3
-                               : lead < 0xF5 ? 4
-                                             : 0;
-    if (length == 0 || length > text.size())
-        return 0;
-    for (std::size_t i = 1; i < length; ++i)
-        if ((byte(i) & 0xC0u) != 0x80u)
-            return 0;
-    const bool overlong = (lead == 0xE0 && byte(1) < 0xA0) || (lead == 0xF0 && byte(1) < 0x90);
-    const bool outside = (lead == 0xED && byte(1) > 0x9F) || (lead == 0xF4 && byte(1) > 0x8F);
-    return overlong || outside ? 0 : length;
-}
-
-/// Whether a well-formed sequence would end a line or steer a terminal: the C0 and C1 controls,
-/// delete, and the two Unicode line separators.
-bool isControl(std::string_view sequence)
-{
-    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(sequence[i]); };
-    switch (sequence.size()) {
-    case 1:
-        return byte(0) < 0x20 || byte(0) == 0x7F;
-    case 2:
-        return byte(0) == 0xC2 && byte(1) < 0xA0;
-    case 3:
-        return byte(0) == 0xE2 && byte(1) == 0x80 && (byte(2) == 0xA8 || byte(2) == 0xA9);
-    default:
-        return false;
-    }
-}
-
-/// Escapes line breaks, other controls and invalid UTF-8. Messages carry names that strangers
-/// chose: a line break in one would forge a log line, and invalid UTF-8 would stop a reader of the
-/// file.
+/// Escapes what deceives a reader (tlx/Character.h), and invalid UTF-8. Messages carry names that
+/// strangers chose: a line break in one would forge a log line, and invalid UTF-8 would stop a
+/// reader of the file.
 void appendEscaped(std::string& line, std::string_view text)
 {
     while (!text.empty()) {
-        const std::size_t length = sequenceLength(text);
-        const std::string_view sequence = text.substr(0, length == 0 ? 1 : length);
-        text.remove_prefix(sequence.size());
-        if (length != 0 && !isControl(sequence))
-            line += sequence;
-        else if (sequence == "\n")
+        char32_t codePoint = 0;
+        const std::size_t length = utf8Character(text, &codePoint);
+        const std::string_view character = text.substr(0, length == 0 ? 1 : length);
+        text.remove_prefix(character.size());
+        if (length != 0 && !isDeceptive(codePoint))
+            line += character;
+        else if (character == "\n")
             line += "\\n";
-        else if (sequence == "\r")
+        else if (character == "\r")
             line += "\\r";
-        else if (sequence == "\t")
+        else if (character == "\t")
             line += "\\t";
         else
-            for (const char c : sequence)
+            for (const char c : character)
                 line += fmt::format("\\x{:02X}", static_cast<unsigned char>(c));
     }
 }

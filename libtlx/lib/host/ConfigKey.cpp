@@ -1,12 +1,13 @@
 #include <tlx/ConfigKey.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstring>
 
 #include <tlx/Assert.h>
 #include <tlx/Endpoint.h>
-#include <tlx/String.h>
+#include <tlx/Number.h>
+#include <tlx/Text.h>
+#include <tlx/Utf8.h>
 
 #include "ConfigValue.h"
 
@@ -15,15 +16,6 @@ namespace Veltrane::Quillmark::Tlx {
 namespace {
 
 constexpr std::size_t MAX_SHOWN = 80;
-
-/// ASCII only, whatever the locale: the file reads the same on every host.
-std::string lowered(std::string text)
-{
-    std::transform(text.begin(), text.end(), text.begin(), [](char c) {
-        return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-    });
-    return text;
-}
 
 std::string complaintAboutHost(const std::string& value, const char* example)
 {
@@ -53,12 +45,11 @@ std::string complaintAboutBoolean(const std::string& value)
 std::string complaintAboutNumber(const std::string& value, std::uint64_t lowest,
                                  std::uint64_t highest)
 {
-    std::uint64_t number = 0;
-    const bool isNumber = parseNumber(value, number);
-    if (isNumber && number >= lowest && number <= highest)
+    const auto number = parseNumber<std::uint64_t>(value);
+    if (number && *number >= lowest && *number <= highest)
         return {};
-    return quotedValue(value) + (isNumber ? " is out of range" : " is not a number") +
-           ", expected " + std::to_string(lowest) + " to " + std::to_string(highest);
+    return quotedValue(value) + (number ? " is out of range" : " is not a number") + ", expected " +
+           std::to_string(lowest) + " to " + std::to_string(highest);
 }
 
 } // namespace
@@ -76,7 +67,7 @@ std::string DeclaredKey::hostOf(const std::string& written) const
 
 std::string DeclaredKey::keptName(const std::string& written) const
 {
-    return m_kind == Kind::EndpointOfHost ? m_name + lowered(hostOf(written)) : written;
+    return m_kind == Kind::EndpointOfHost ? m_name + lowerCase(hostOf(written)) : written;
 }
 
 std::string DeclaredKey::complaintAbout(const std::string& written, const std::string& value) const
@@ -103,7 +94,7 @@ std::string DeclaredKey::complaintAbout(const std::string& written, const std::s
 
 bool parseBoolean(const std::string& text, bool& out)
 {
-    const std::string word = lowered(text);
+    const std::string word = lowerCase(text);
     if (word == "true" || word == "yes" || word == "1" || word == "on") {
         out = true;
         return true;
@@ -113,17 +104,6 @@ bool parseBoolean(const std::string& text, bool& out)
         return true;
     }
     return false;
-}
-
-bool parseNumber(const std::string& text, std::uint64_t& out)
-{
-    std::uint64_t number = 0;
-    const char* const end = text.data() + text.size();
-    const auto parsed = std::from_chars(text.data(), end, number);
-    if (text.empty() || parsed.ec != std::errc() || parsed.ptr != end)
-        return false;
-    out = number;
-    return true;
 }
 
 std::string quotedValue(std::string_view text)

@@ -14,11 +14,6 @@ namespace {
 
 constexpr std::chrono::milliseconds RESOLVE_LIMIT{5000};
 
-bool sameName(const std::string& a, const std::string& b)
-{
-    return compareIgnoringCase(a, b) == 0;
-}
-
 } // namespace
 
 ConfigReading::ConfigReading(ConfigText text, std::optional<bool> master)
@@ -98,8 +93,8 @@ bool ConfigReading::isOwnEndpoint(const Endpoint& endpoint) const
     const Endpoint own = listenEndpoint();
     if (endpoint.port != own.port)
         return false;
-    if (sameName(endpoint.address, own.address) ||
-        sameName(endpoint.address, valueOf(ConfigKey::PUBLISH_ADDRESS)))
+    if (isSameIgnoringCase(endpoint.address, own.address) ||
+        isSameIgnoringCase(endpoint.address, valueOf(ConfigKey::PUBLISH_ADDRESS)))
         return true;
     // Compares addresses: one may be a name, and an IPv6 address can be written in many ways.
     const auto start = std::chrono::steady_clock::now();
@@ -122,7 +117,7 @@ bool ConfigReading::findOutMaster() const
     std::string server;
     if (!find(ConfigKey::SERVER, server))
         return false;
-    if (sameName(server, localHostName()))
+    if (isSameIgnoringCase(server, localHostName()))
         return true;
     Endpoint endpoint;
     if (getEndpointOf(server, endpoint))

@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <string_view>
 
-#include <tlx/String.h>
+#include <tlx/Text.h>
+#include <tlx/Utf8.h>
 
 #include "ConfigValue.h"
 
@@ -27,25 +28,7 @@ namespace {
 
 constexpr std::string_view BYTE_ORDER_MARK = "\xef\xbb\xbf"; // some editors put it first
 
-std::string_view trimmed(std::string_view text)
-{
-    constexpr std::string_view BLANKS = " \t";
-    const auto first = text.find_first_not_of(BLANKS);
-    if (first == std::string_view::npos)
-        return {};
-    return text.substr(first, text.find_last_not_of(BLANKS) - first + 1);
-}
-
-bool isUtf8(std::string_view text)
-{
-    while (!text.empty()) {
-        const std::size_t length = utf8Character(text);
-        if (length == 0)
-            return false;
-        text.remove_prefix(length);
-    }
-    return true;
-}
+constexpr std::string_view BLANKS = " \t";
 
 bool hasControlCharacter(std::string_view text)
 {
@@ -87,7 +70,7 @@ class Reader
     {
         if (line.size() > CONFIG_MAX_LINE)
             return "the line is longer than " + std::to_string(CONFIG_MAX_LINE) + " bytes";
-        const std::string_view content = trimmed(line);
+        const std::string_view content = trimmed(line, BLANKS);
         if (content.empty() || content.front() == '#')
             return {};
         if (hasControlCharacter(content))
@@ -97,8 +80,8 @@ class Reader
         const auto equals = content.find('=');
         if (equals == std::string_view::npos)
             return quotedValue(content) + " is not KEY = value";
-        return takeValue(std::string(trimmed(content.substr(0, equals))),
-                         {std::string(trimmed(content.substr(equals + 1))), place});
+        return takeValue(std::string(trimmed(content.substr(0, equals), BLANKS)),
+                         {std::string(trimmed(content.substr(equals + 1), BLANKS)), place});
     }
 
     std::string takeValue(const std::string& written, ConfigText::Value value)

@@ -1,15 +1,13 @@
 #pragma once
 // Values of the host configuration as text.
 
-#include <cstdint>
 #include <string>
 #include <string_view>
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// False (and out unchanged) when the text is no boolean, or no number.
+/// False (and out unchanged) when the text is no boolean.
 bool parseBoolean(const std::string& text, bool& out);
-bool parseNumber(const std::string& text, std::uint64_t& out);
 
 /// A value for a message: in quotes, and cut at a character's end when it is long.
 std::string quotedValue(std::string_view text);

@@ -4,14 +4,13 @@
 
 #include <arpa/inet.h>
 
-#include "ConfigValue.h"
+#include <tlx/Number.h>
 
 namespace Veltrane::Quillmark::Tlx {
 
 namespace {
 
 constexpr std::size_t MAX_HOST_NAME = 255;
-constexpr std::uint64_t MAX_PORT = 65535;
 
 bool isNumericV4(const std::string& text)
 {
@@ -58,8 +57,8 @@ bool parseEndpoint(const std::string& text, Endpoint& out)
     if (colon == std::string::npos)
         return false;
     std::string address = text.substr(0, colon);
-    std::uint64_t port = 0;
-    if (!parseNumber(text.substr(colon + 1), port) || port > MAX_PORT)
+    const auto port = parseNumber<std::uint16_t>(std::string_view(text).substr(colon + 1));
+    if (!port)
         return false;
     if (address.size() > 2 && address.front() == '[' && address.back() == ']') {
         address = address.substr(1, address.size() - 2);
@@ -69,7 +68,7 @@ bool parseEndpoint(const std::string& text, Endpoint& out)
         return false;
     }
     out.address = address;
-    out.port = static_cast<std::uint16_t>(port);
+    out.port = *port;
     return true;
 }
 

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <tlx/File.h>
+#include <tlx/Number.h>
 
 #include "ConfigReading.h"
 #include "ConfigText.h"
@@ -190,7 +191,9 @@ bool HostConfig::getBoolean(const DeclaredKey& key, bool& out) const
 bool HostConfig::getNumber(const DeclaredKey& key, std::uint64_t& out) const
 {
     std::string text;
-    return getString(key, text) && parseNumber(text, out);
+    const auto number = getString(key, text) ? parseNumber<std::uint64_t>(text) : std::nullopt;
+    out = number.value_or(out);
+    return number.has_value();
 }
 
 std::string HostConfig::placeOf(const DeclaredKey& key) const

@@ -23,7 +23,7 @@ TlxString carryable(const TlxString& text)
         rest.remove_prefix(length);
         if (rest.empty())
             break;
-        result += "\xEF\xBF\xBD";
+        result += REPLACEMENT_UTF8;
         rest.remove_prefix(std::max<std::size_t>(utf8Character(rest), 1));
     }
     return result;
@@ -113,15 +113,6 @@ void mergeField(QueryField& field, const QueryField& other)
 }
 
 } // namespace
-
-std::string queryLowerCase(std::string_view name)
-{
-    std::string result(name);
-    for (char& c : result)
-        if (c >= 'A' && c <= 'Z')
-            c = static_cast<char>(c - 'A' + 'a');
-    return result;
-}
 
 std::size_t carryableLength(std::string_view text)
 {

@@ -26,10 +26,8 @@ QueryNumber unitOf(std::string_view unit)
 {
     if (unit.empty())
         return 1;
-    const char letter =
-        unit[0] >= 'a' && unit[0] <= 'z' ? static_cast<char>(unit[0] - 'a' + 'A') : unit[0];
     for (const QueryUnit& row : QUERY_UNITS)
-        if (unit.size() == 1 && letter == row.letter)
+        if (unit.size() == 1 && lowerCase(unit[0]) == lowerCase(row.letter))
             return static_cast<QueryNumber>(row.factor);
     return 0;
 }

@@ -7,6 +7,8 @@
 #include <string_view>
 #include <utility>
 
+#include <tlx/Text.h>
+
 #include "QueryExpression.h"
 #include "QueryGrammar.h"
 
@@ -47,7 +49,7 @@ class Builder
     void takeBareValue(std::string_view word);
     void takeBarePattern(std::string_view word);
 
-    void takeField(std::string_view name) { m_field = queryLowerCase(name); }
+    void takeField(std::string_view name) { m_field = lowerCase(name); }
     void takeOperator(std::string_view spelling);
     void takeLike() { m_op = QueryOperator::Like; }
 

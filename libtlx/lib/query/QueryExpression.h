@@ -66,8 +66,6 @@ class QueryExpression
     std::vector<Step> m_steps;
 };
 
-std::string queryLowerCase(std::string_view name);
-
 /// The length of the longest beginning of the text that an XML document can carry.
 std::size_t carryableLength(std::string_view text);
 

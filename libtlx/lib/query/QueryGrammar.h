@@ -10,6 +10,8 @@
 
 #include <tao/pegtl.hpp>
 
+#include <tlx/Text.h>
+
 #include "QueryWords.h"
 
 // The library exports nothing of its parser.
@@ -76,7 +78,7 @@ struct OneOf
     {
         const std::string_view rest(in.current(), in.size());
         for (const std::string_view keyword : Keywords)
-            if (queryLowerCase(rest.substr(0, keyword.size())) == keyword) {
+            if (lowerCase(rest.substr(0, keyword.size())) == keyword) {
                 in.bump_in_this_line(keyword.size());
                 return true;
             }

@@ -1,5 +1,9 @@
 #include "QueryLosses.h"
 
+#include <algorithm>
+
+#include <tlx/Character.h>
+
 #include "PlatformLog.h"
 
 namespace Veltrane::Quillmark::Tlx {
@@ -13,8 +17,13 @@ std::string shown(const TlxString& name)
 {
     constexpr std::size_t SHOWN = 64;
     std::string text;
-    for (const char c : name.utf8().substr(0, SHOWN))
-        text += static_cast<unsigned char>(c) < ' ' ? '?' : c;
+    const std::string start = name.utf8().substr(0, SHOWN);
+    for (std::string_view rest = start; !rest.empty();) {
+        char32_t codePoint = REPLACEMENT_CHARACTER; // for a byte that is no UTF-8: the log shows it
+        const std::size_t length = std::max<std::size_t>(utf8Character(rest, &codePoint), 1);
+        text += isDeceptive(codePoint) ? "?" : rest.substr(0, length);
+        rest.remove_prefix(length);
+    }
     return "\"" + text + (name.size() > SHOWN ? "...\"" : "\"");
 }
 

@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <string_view>
 
+#include <tlx/Text.h>
+
 #include "QueryExpression.h"
 
 namespace Veltrane::Quillmark::Tlx {
@@ -120,7 +122,7 @@ constexpr bool isQueryNameCharacter(char c)
 /// Whether a name is a keyword.
 inline bool isQueryKeyword(std::string_view name)
 {
-    return std::ranges::find(QUERY_KEYWORDS, queryLowerCase(name)) != QUERY_KEYWORDS.end();
+    return std::ranges::find(QUERY_KEYWORDS, lowerCase(name)) != QUERY_KEYWORDS.end();
 }
 
 } // namespace Veltrane::Quillmark::Tlx

@@ -1,56 +1,10 @@
 #include <tlx/Uri.h>
 
-#include <algorithm>
-#include <iterator>
+#include <tlx/Character.h>
 
 namespace Veltrane::Quillmark::Tlx {
 
 namespace {
-
-struct Range
-{
-    char32_t first;
-    char32_t last;
-};
-
-/// Characters beyond ASCII that the display form encodes, in ascending order. Without that, two
-/// names could differ by one of them and look alike on a screen or in a log. The last two code
-/// points of every plane are not in the list; isReadableBeyondAscii has a rule for them.
-constexpr Range UNREADABLE[] = {
-    {0x80, 0xA0},       // C1 controls, no-break space
-    {0xAD, 0xAD},       // soft hyphen
-    {0x34F, 0x34F},     // combining grapheme joiner
-    {0x61C, 0x61C},     // Arabic letter mark
-    {0x115F, 0x1160},   // Hangul fillers
-    {0x1680, 0x1680},   // Ogham space mark
-    {0x17B4, 0x17B5},   // Khmer inherent vowels
-    {0x180B, 0x180F},   // Mongolian selectors and vowel separator
-    {0x2000, 0x200F},   // spaces, zero-width characters, direction marks
-    {0x2028, 0x202F},   // separators, direction controls, narrow no-break space
-    {0x205F, 0x206F},   // mathematical space, invisible operators, deprecated format controls
-    {0x2800, 0x2800},   // blank Braille pattern
-    {0x3000, 0x3000},   // ideographic space
-    {0x3164, 0x3164},   // Hangul filler
-    {0xD800, 0xF8FF},   // surrogates, private use
-    {0xFDD0, 0xFDEF},   // noncharacters
-    {0xFE00, 0xFE0F},   // variation selectors
-    {0xFEFF, 0xFEFF},   // byte order mark
-    {0xFFA0, 0xFFA0},   // half-width Hangul filler
-    {0xFFF0, 0xFFFF},   // unassigned, interlinear annotation, replacement characters
-    {0x1BCA0, 0x1BCA3}, // shorthand format controls
-    {0x1D173, 0x1D17A}, // musical format controls
-    {0xE0000, 0xE0FFF}, // tags, variation selectors
-    {0xF0000, 0x10FFFF} // private use
-};
-
-bool isReadableBeyondAscii(char32_t codePoint)
-{
-    if ((codePoint & 0xFFFE) == 0xFFFE)
-        return false;
-    const auto range = std::lower_bound(std::begin(UNREADABLE), std::end(UNREADABLE), codePoint,
-                                        [](const Range& r, char32_t c) { return r.last < c; });
-    return range == std::end(UNREADABLE) || codePoint < range->first;
-}
 
 bool isLetter(char c)
 {
@@ -147,7 +101,7 @@ std::string uriEncode(std::string_view uriText, unsigned mask)
         const std::string_view character = rest.substr(0, length ? length : 1);
         const bool leave = length == 1   ? leavesAscii(character[0], mask)
                            : length == 0 ? false
-                                         : (mask & UC_READABLE) && isReadableBeyondAscii(codePoint);
+                                         : (mask & UC_READABLE) && !isUnreadable(codePoint);
         if (leave)
             encoded += character;
         else

@@ -1,8 +1,10 @@
 #include <tlx/ValueConverter.h>
 
-#include <charconv>
 #include <cstdio>
 #include <string_view>
+
+#include <tlx/Number.h>
+#include <tlx/Text.h>
 
 namespace Veltrane::Quillmark::Tlx {
 
@@ -11,26 +13,13 @@ namespace {
 constexpr std::uint64_t MICROSECONDS = 1000000;
 constexpr std::size_t FRACTION_DIGITS = 6;
 
-std::string_view withoutWhiteSpace(const TlxString& text)
-{
-    constexpr std::string_view whiteSpace = " \t\r\n";
-    std::string_view result = text.utf8();
-    const auto first = result.find_first_not_of(whiteSpace);
-    if (first == std::string_view::npos)
-        return {};
-    return result.substr(first, result.find_last_not_of(whiteSpace) + 1 - first);
-}
-
+/// Leaves out as it is when the text is no such number.
 template <class Number>
-bool parseNumber(std::string_view text, Number& out)
+bool takeNumber(std::string_view text, Number& out)
 {
-    Number value{};
-    const char* const end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, value, 10);
-    if (error != std::errc() || stop != end)
-        return false;
-    out = value;
-    return true;
+    const auto number = parseNumber<Number>(text);
+    out = number.value_or(out);
+    return number.has_value();
 }
 
 /// One to six digits after the point. The first one counts tenths.
@@ -38,12 +27,12 @@ bool parseFraction(std::string_view digits, std::uint64_t& out)
 {
     if (digits.empty() || digits.size() > FRACTION_DIGITS)
         return false;
-    std::uint64_t value = 0;
-    if (!parseNumber(digits, value))
+    const auto number = parseNumber<std::uint64_t>(digits);
+    if (!number)
         return false;
+    out = *number;
     for (std::size_t i = digits.size(); i < FRACTION_DIGITS; ++i)
-        value *= 10;
-    out = value;
+        out *= 10;
     return true;
 }
 
@@ -73,14 +62,14 @@ std::string toText(const TlxObjTime& time)
 
 bool fromText(const TlxString& text, TlxObjTime& out)
 {
-    std::string_view rest = withoutWhiteSpace(text);
+    std::string_view rest = trimmed(text.utf8());
     const bool negative = !rest.empty() && rest.front() == '-';
     if (negative)
         rest.remove_prefix(1);
     const auto dot = rest.find('.');
     std::uint64_t seconds = 0;
     std::uint64_t microseconds = 0;
-    if (!parseNumber(rest.substr(0, dot), seconds))
+    if (!takeNumber(rest.substr(0, dot), seconds))
         return false;
     if (dot != std::string_view::npos && !parseFraction(rest.substr(dot + 1), microseconds))
         return false;
@@ -106,17 +95,17 @@ bool fromText(const TlxString& text, TlxObjTime& out)
 
 bool fromText(const TlxString& text, std::uint32_t& out)
 {
-    return parseNumber(withoutWhiteSpace(text), out);
+    return takeNumber(trimmed(text.utf8()), out);
 }
 
 bool fromText(const TlxString& text, std::int32_t& out)
 {
-    return parseNumber(withoutWhiteSpace(text), out);
+    return takeNumber(trimmed(text.utf8()), out);
 }
 
 bool fromText(const TlxString& text, std::uint64_t& out)
 {
-    return parseNumber(withoutWhiteSpace(text), out);
+    return takeNumber(trimmed(text.utf8()), out);
 }
 
 } // namespace Veltrane::Quillmark::Tlx

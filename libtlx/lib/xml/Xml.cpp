@@ -2,14 +2,11 @@
 
 #include <algorithm>
 
+#include <tlx/Text.h>
+
 namespace Veltrane::Quillmark::Tlx {
 
 namespace {
-
-XMLCh lower(XMLCh letter)
-{
-    return letter >= 'A' && letter <= 'Z' ? static_cast<XMLCh>(letter + ('a' - 'A')) : letter;
-}
 
 /// Whether a document of XML 1.0, the version that we write, cannot carry the unit. Surrogates come
 /// in pairs.
@@ -38,7 +35,8 @@ bool XmlObjParseContext::cmptag(const XMLCh* name, const char* tag)
 {
     if (!name || !tag)
         return false;
-    while (*name && *tag && lower(*name) == lower(static_cast<unsigned char>(*tag))) {
+    while (*name && *tag &&
+           lowerCase(*name) == lowerCase(XMLCh{static_cast<unsigned char>(*tag)})) {
         ++name;
         ++tag;
     }

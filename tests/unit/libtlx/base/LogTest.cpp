@@ -121,6 +121,19 @@ TEST_F(LogTest, controlCharactersCannotForgeALine)
                     "1 400 o\\np C1 \\xC2\\x85 separators \\xE2\\x80\\xA8 \\xE2\\x80\\xA9."));
 }
 
+TEST_F(LogTest, charactersThatTurnTheTextAreEscaped)
+{
+    configure();
+    logger()->log("op", 1,
+                  "a\xE2\x80\xAE"
+                  "b \xE2\x81\xA6 \xE2\x80\x8F \xD8\x9C \xEF\xBB\xBF.");
+    logger()->log("op", 1, "\xC2\xA0 \xE2\x80\x8B \xE2\x80\xAF \xEF\xBF\xBD");
+    EXPECT_THAT(contentOf(m_settings.file),
+                ElementsAre("1 400 op a\\xE2\\x80\\xAEb \\xE2\\x81\\xA6 \\xE2\\x80\\x8F "
+                            "\\xD8\\x9C \\xEF\\xBB\\xBF.",
+                            "1 400 op \xC2\xA0 \xE2\x80\x8B \xE2\x80\xAF \xEF\xBF\xBD"));
+}
+
 TEST_F(LogTest, wellFormedTextPassesAsItIsAndOtherBytesAreEscaped)
 {
     configure();

@@ -119,6 +119,9 @@ TEST(StringTest, CaseOfAsciiLettersAloneIsIgnored)
     EXPECT_NE(compareIgnoringCase("\xC3\xA9", "\xC3\x89"), 0);
     EXPECT_NE(compareIgnoringCase("[", "{"), 0);
     EXPECT_NE(compareIgnoringCase("@", "`"), 0);
+    EXPECT_TRUE(isSameIgnoringCase("HostName", "hOSTnAME"));
+    EXPECT_FALSE(isSameIgnoringCase("HostName", "HostNam"));
+    EXPECT_FALSE(isSameIgnoringCase("a", "b"));
 }
 
 TEST(HostnameTest, BlanksAroundANameDoNotBelongToIt)
@@ -145,6 +148,7 @@ TEST(HostnameTest, TheLocalNameIsTheConfiguredOne)
     TlxHostname name("other");
     name.setLocal();
     EXPECT_EQ(name.text(), TlxString("gamma.example"));
+    EXPECT_EQ(TlxHostname::local().text(), TlxString("gamma.example"));
 }
 
 } // namespace

@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <tlx/Character.h>
+#include <tlx/Utf8.h>
+
 #include "Progress.h"
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
@@ -20,6 +23,13 @@ TEST(CtlTextTest, NothingReachesTheTerminalThatItWouldObey)
     EXPECT_EQ(escaped("a\xe2\x80\xae"
                       "b"),
               "a\\u202eb");
+    // Every character that deceives, and only those, beside the backslash.
+    for (char32_t c = 1; c <= 0x10FFFF; ++c) {
+        std::string text;
+        if (c < 0xD800 || c > 0xDFFF)
+            Tlx::appendUtf8(text, c);
+        ASSERT_EQ(escaped(text) != text, Tlx::isDeceptive(c) || c == '\\') << std::size_t{c};
+    }
 }
 
 TEST(CtlTextTest, WidthsAreColumns)
@@ -27,8 +37,6 @@ TEST(CtlTextTest, WidthsAreColumns)
     EXPECT_EQ(displayWidth("abc"), 3u);
     EXPECT_EQ(displayWidth("é"), 1u);
     EXPECT_EQ(displayWidth("日本"), 4u);
-    EXPECT_TRUE(isUtf8("é"));
-    EXPECT_FALSE(isUtf8("\xc3"));
 }
 
 TEST(CtlTextTest, AmountsOfBytes)

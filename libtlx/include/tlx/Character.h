@@ -1,0 +1,22 @@
+#pragma once
+// Characters that deceive: what a reader, a terminal or a file of lines takes for something else.
+//
+// There is one table of them (Character.cpp). Each place that shows or stores text from elsewhere
+// asks for the class that can do harm there.
+
+namespace Veltrane::Quillmark::Tlx {
+
+/// Steers a terminal: the C0 and C1 controls and delete.
+bool isControl(char32_t codePoint);
+
+/// Makes a shown text lie: a control; a line or paragraph separator, which forges a second line; a
+/// direction mark, embedding, override or isolate, or the byte order mark, which reorder or hide
+/// the text around them. Log lines and the command line escape these.
+bool isDeceptive(char32_t codePoint);
+
+/// Cannot be told apart by eye or cannot be seen: everything deceptive, and special spaces,
+/// zero-width and invisible characters, private use and noncharacters. The display form of a name
+/// encodes these beyond ASCII (tlx/Uri.h), so that two names that look alike are the same.
+bool isUnreadable(char32_t codePoint);
+
+} // namespace Veltrane::Quillmark::Tlx
