@@ -12,15 +12,13 @@
 #include <tlx/Hostname.h>
 
 #include "DiscExport.h"
+#include "ServiceName.h"
 
 namespace Veltrane::Quillmark::Tlx {
 class Orb;
 }
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
-
-/// The name under which every host advertises its discovery service.
-constexpr const char* DISCOVERY_SERVICE = "DiscoveryService";
 
 /// Where a service is, and how long it may take to reach it.
 struct ServiceAddress

@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <vector>
 
+#include <ServiceName.h>
+
 #include "Commands.h"
 #include "Input.h"
 #include "Names.h"
@@ -45,7 +47,7 @@ Remote::Discovery recordOf(const Session& session)
     record.attributes.discoveryTime =
         static_cast<CORBA::ULongLong>(std::max<std::int64_t>(session.epochSeconds(), 0));
     record.sourceHost = session.localHost.c_str();
-    record.sourceServiceName = "DiscoveryService";
+    record.sourceServiceName = Svc::DISCOVERY_SERVICE;
     return record;
 }
 

@@ -11,13 +11,12 @@
 #include "RefreshTask.h"
 #include "RemoteDB.h"
 #include "RemoteWriter_i.h"
+#include "ServiceName.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
 constexpr const char* LOG_SOURCE = "../DiscoveryFramework";
-
-constexpr const char* ADVERTISED_NAME = "DiscoveryService";
 
 /// The generated code makes each interface's nil reference on first use, in a way that is safe for
 /// many threads only once it is there.
@@ -91,7 +90,7 @@ void DiscoveryFramework::activateServant()
     makeNilReferences();
     m_servant = new Remote::DiscoveryService_i;
     m_servantReference = m_orb->activateServant(m_servant);
-    m_orb->advertiseObject(ADVERTISED_NAME, m_servantReference);
+    m_orb->advertiseObject(DISCOVERY_SERVICE, m_servantReference);
     m_orb->setPostAdvertised(true);
 }
 

@@ -4,6 +4,7 @@
 
 #include "DiscLog.h"
 #include "ServiceKeys.h"
+#include "ServiceName.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
@@ -14,8 +15,8 @@ constexpr std::size_t REACTOR_HANDLES = 1024;
 } // namespace
 
 DiscoverySvc::DiscoverySvc(bool foreground)
-    : OrbService("DiscoveryService", LOG_ORIGINATOR, nullptr, foreground, "Discovery Service",
-                 false, REACTOR_HANDLES, nullptr)
+    : OrbService(DISCOVERY_SERVICE, LOG_ORIGINATOR, nullptr, foreground, "Discovery Service", false,
+                 REACTOR_HANDLES, nullptr)
 {
     m_allowSeveral = false;
     m_evictorEnabled = true;

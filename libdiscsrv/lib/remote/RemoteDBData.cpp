@@ -155,9 +155,7 @@ bool RemoteCollectionData::openWrite()
                                  static_cast<CORBA::Long>(m_attributes->getPriority()),
                                  secondsOf(m_attributes->getTimeToLive()),
                                  secondsOf(m_attributes->getDiscoveryTime())};
-        TlxHostname host;
-        host.setLocal();
-        record.sourceHost = host.c_str();
+        record.sourceHost = TlxHostname::local().c_str();
         record.sourceServiceName = getPeerLink().ownServiceName().c_str();
         m_result = master->putCollection(record, m_writer.out());
     } catch (const CORBA::Exception& e) {

@@ -173,9 +173,7 @@ DiscoveryIterator* DiscoveryRepository::queryRemoteDiscoveries(DiscoveryQuery qu
 Authority* DiscoveryRepository::getLocalAuthority() const
 {
     DISC_TRACE("DiscoveryRepository::getLocalAuthority");
-    TlxHostname host;
-    host.setLocal();
-    return new Authority(host.text().utf8(), AT_EXTSRC);
+    return new Authority(TlxHostname::local().text().utf8(), AT_EXTSRC);
 }
 
 DiscoveryIterator* DiscoveryRepository::queryDiscoveries(DiscoveryQuery query,

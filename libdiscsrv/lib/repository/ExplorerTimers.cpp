@@ -19,9 +19,7 @@ constexpr const char* LOG_SOURCE = "../DiscoveryRepository";
 /// The master reaches a client's explorers by this name and the service's.
 std::string localHost()
 {
-    TlxHostname host;
-    host.setLocal();
-    return host.text().utf8();
+    return TlxHostname::local().text().utf8();
 }
 
 } // namespace

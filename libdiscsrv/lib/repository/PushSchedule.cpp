@@ -16,9 +16,8 @@ constexpr const char* LOG_SOURCE = "../DiscoveryRepository";
 // start of the host name, so it is the same at every start.
 unsigned seededDelay(unsigned range)
 {
-    TlxHostname host;
-    host.setLocal();
-    std::srand(static_cast<unsigned>(std::strtol(host.text().utf8().c_str(), nullptr, 10)));
+    const TlxHostname host = TlxHostname::local();
+    std::srand(static_cast<unsigned>(std::strtol(host.c_str(), nullptr, 10)));
     return static_cast<unsigned>(std::rand()) % range;
 }
 

@@ -39,14 +39,12 @@ int RefreshDiscoveryTask::svc()
 
 void RefreshDiscoveryTask::restart(const TlxString& client) const
 {
-    TlxHostname host;
-    host.setLocal();
-    if (compareIgnoringCase(host.text().utf8(), client.utf8()) == 0) {
+    if (isSameIgnoringCase(TlxHostname::local().text(), client)) {
         // This host's explorers push, too, and no service connects to itself.
         m_repository.triggerPushTimer();
         return;
     }
-    host.setHostname(client);
+    const TlxHostname host(client);
     try {
         const Remote::DiscoveryService_var service =
             m_repository.connectToRemoteDiscoveryService(host, DISCOVERY_SERVICE);

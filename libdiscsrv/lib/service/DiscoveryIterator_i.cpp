@@ -53,9 +53,7 @@ void fill(Remote::Discovery& element, const Row& row, const TlxString& host,
 DiscoveryIterator_i::DiscoveryIterator_i(Tlx::DiscoverySvc::DiscoveryIterator* iterator)
 {
     m_discoveryIterator.refObject(iterator);
-    TlxHostname host;
-    host.setLocal();
-    m_hostName = host.text();
+    m_hostName = TlxHostname::local().text();
 }
 
 DiscoverySeq* DiscoveryIterator_i::getNextPage()
