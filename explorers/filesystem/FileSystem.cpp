@@ -21,14 +21,6 @@ namespace {
 
 constexpr const char* TAG_BLOCK = "FileSystem";
 
-void writeElement(std::ostream& out, const char* name, const std::string& text,
-                  XmlStr::Encoding encoding)
-{
-    XmlStr::appendStart(out, name);
-    out << XmlStr(TlxString(text), encoding);
-    XmlStr::appendEnd(out, name);
-}
-
 void takeNumber(const TlxString& text, std::optional<std::uint64_t>& into)
 {
     std::uint64_t number = 0;
@@ -123,14 +115,14 @@ constexpr Field FIELDS[] = {
 std::ostream& writeFileSystem(std::ostream& out, const FileSystem& fileSystem,
                               XmlStr::Encoding encoding)
 {
-    writeElement(out, FileSystemTag::DEVICE, fileSystem.device, encoding);
-    writeElement(out, FileSystemTag::TYPE, fileSystem.type, encoding);
-    writeElement(out, FileSystemTag::OPTIONS, fileSystem.options, encoding);
+    XmlStr::appendElement(out, FileSystemTag::DEVICE, fileSystem.device, encoding);
+    XmlStr::appendElement(out, FileSystemTag::TYPE, fileSystem.type, encoding);
+    XmlStr::appendElement(out, FileSystemTag::OPTIONS, fileSystem.options, encoding);
     if (fileSystem.size)
-        writeElement(out, FileSystemTag::SIZE, std::to_string(*fileSystem.size), encoding);
+        XmlStr::appendElement(out, FileSystemTag::SIZE, std::to_string(*fileSystem.size), encoding);
     if (fileSystem.used)
-        writeElement(out, FileSystemTag::USED, std::to_string(*fileSystem.used), encoding);
-    writeElement(out, FileSystemTag::READ_ONLY, fileSystem.readOnly ? "1" : "0", encoding);
+        XmlStr::appendElement(out, FileSystemTag::USED, std::to_string(*fileSystem.used), encoding);
+    XmlStr::appendElement(out, FileSystemTag::READ_ONLY, fileSystem.readOnly ? "1" : "0", encoding);
     return out;
 }
 

@@ -27,14 +27,6 @@ JobExecInfo* jobFromCommandLine(const TlxString& line)
     return job.release();
 }
 
-void writeElement(std::ostream& out, const char* tag, const TlxString& text,
-                  XmlStr::Encoding encoding)
-{
-    XmlStr::appendStart(out, tag);
-    out << XmlStr(text, encoding);
-    XmlStr::appendEnd(out, tag);
-}
-
 } // namespace
 
 FilterParameters::FilterParameters(const JobExecInfo* job, const char* query)
@@ -70,9 +62,9 @@ std::ostream& FilterParameters::writeXml(std::ostream& out, XmlStr::Encoding enc
         return out;
     XmlStr::xmlProlog(out, encoding);
     XmlStr::appendStart(out, TAG_DOCUMENT);
-    writeElement(out, TAG_QUERY_STRING, m_queryString, encoding);
+    XmlStr::appendElement(out, TAG_QUERY_STRING, m_queryString, encoding);
     if (m_job)
-        writeElement(out, TAG_JOB, m_job->getCommandLine(), encoding);
+        XmlStr::appendElement(out, TAG_JOB, m_job->getCommandLine(), encoding);
     return XmlStr::appendEnd(out, TAG_DOCUMENT);
 }
 

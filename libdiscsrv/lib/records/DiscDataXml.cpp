@@ -12,14 +12,6 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../DiscData";
 
-template <class Value>
-void writeElement(std::ostream& out, const char* tag, const Value& value)
-{
-    XmlStr::appendStart(out, tag);
-    out << value;
-    XmlStr::appendEnd(out, tag);
-}
-
 std::string decimal(std::uint32_t value)
 {
     return std::to_string(value);
@@ -63,13 +55,13 @@ std::ostream& CollectionAttributes::writeXml(std::ostream& out, XmlStr::Encoding
     XmlStr::appendAttribute(out, ATTRIBUTE_TYPE, decimal(m_type), encoding);
     XmlStr::appendAttribute(out, ATTRIBUTE_STORAGE, decimal(m_storage), encoding);
     out << '>';
-    writeElement(out, PRIORITY, decimal(m_priority));
+    XmlStr::appendElement(out, PRIORITY, decimal(m_priority));
     if (!m_discoveryTime.isZero())
-        writeElement(out, TAG_DISCOVERY_TIME, toText(m_discoveryTime));
+        XmlStr::appendElement(out, TAG_DISCOVERY_TIME, toText(m_discoveryTime));
     if (!m_expiresTime.isZero())
-        writeElement(out, TAG_EXPIRES_TIME, toText(m_expiresTime));
+        XmlStr::appendElement(out, TAG_EXPIRES_TIME, toText(m_expiresTime));
     if (!m_signature.empty())
-        writeElement(out, TAG_SIGNATURE, XmlStr(m_signature, encoding));
+        XmlStr::appendElement(out, TAG_SIGNATURE, m_signature, encoding);
     return XmlStr::appendEnd(out, TAG_DISCOVERY_ATTRIBUTES);
 }
 

@@ -18,14 +18,6 @@ constexpr std::size_t READ_CHUNK = 1024;
 /// What is written here has a few hundred bytes.
 constexpr std::size_t MAX_DOCUMENT_BYTES = std::size_t{64} << 10;
 
-template <class Value>
-void writeElement(std::ostream& out, const char* name, const Value& value)
-{
-    XmlStr::appendStart(out, name);
-    out << value;
-    XmlStr::appendEnd(out, name);
-}
-
 std::string documentOf(const ExplorerWrapper& wrapper, const RemoteExplorerPull& explorer)
 {
     std::ostringstream out;
@@ -33,10 +25,11 @@ std::string documentOf(const ExplorerWrapper& wrapper, const RemoteExplorerPull&
     out << '\n';
     XmlStr::appendStart(out, TAG_DOCUMENT);
     out << '\n';
-    writeElement(out, SOURCE_HOST, XmlStr(explorer.getSourceHost().text()));
-    writeElement(out, SERVICE_NAME, XmlStr(explorer.getServiceName()));
-    writeElement(out, PRIORITY, wrapper.getPriority());
-    writeElement(out, ORIGIN_TYPE, static_cast<int>(wrapper.getAuthority()->getType()));
+    XmlStr::appendElement(out, SOURCE_HOST, explorer.getSourceHost().text());
+    XmlStr::appendElement(out, SERVICE_NAME, explorer.getServiceName());
+    XmlStr::appendElement(out, PRIORITY, std::to_string(wrapper.getPriority()));
+    XmlStr::appendElement(out, ORIGIN_TYPE,
+                          std::to_string(static_cast<int>(wrapper.getAuthority()->getType())));
     XmlStr::appendEnd(out, TAG_DOCUMENT);
     out << '\n';
     return out.str();

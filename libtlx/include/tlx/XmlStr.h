@@ -37,6 +37,9 @@ class XmlStr
     static std::ostream& appendStart(std::ostream& out, std::string_view name);
     /// "</name>"
     static std::ostream& appendEnd(std::ostream& out, std::string_view name);
+    /// "<name>", the escaped text, "</name>"
+    static std::ostream& appendElement(std::ostream& out, std::string_view name,
+                                       const TlxString& text, Encoding encoding = XE_UTF8);
     /// One blank, the name, an equals sign and the escaped value in double quotation marks.
     static std::ostream& appendAttribute(std::ostream& out, std::string_view name,
                                          const TlxString& value, Encoding encoding = XE_UTF8);

@@ -126,14 +126,6 @@ void endNode(QueryContext& context)
     context.clearText();
 }
 
-void writeElement(std::ostream& out, const char* tag, const TlxString& text,
-                  XmlStr::Encoding encoding)
-{
-    XmlStr::appendStart(out, tag);
-    out << XmlStr(text, encoding);
-    XmlStr::appendEnd(out, tag);
-}
-
 void writeField(std::ostream& out, const QueryField& field, XmlStr::Encoding encoding)
 {
     out << '<' << TAG_FIELD;
@@ -141,9 +133,9 @@ void writeField(std::ostream& out, const QueryField& field, XmlStr::Encoding enc
     XmlStr::appendAttribute(out, ATTRIBUTE_TYPE, toText(field.type), encoding);
     out << '>';
     if (!field.description.empty())
-        writeElement(out, TAG_DESCRIPTION, field.description, encoding);
+        XmlStr::appendElement(out, TAG_DESCRIPTION, field.description, encoding);
     for (const TlxString& value : field.values)
-        writeElement(out, TAG_VALUE, value, encoding);
+        XmlStr::appendElement(out, TAG_VALUE, value, encoding);
     XmlStr::appendEnd(out, TAG_FIELD);
 }
 
@@ -161,7 +153,7 @@ std::ostream& TlxQuery::writeXml(std::ostream& out, XmlStr::Encoding encoding) c
 {
     XmlStr::appendStart(out, QUERY_DESCRIPTION_TAG);
     if (!m_query.empty())
-        writeElement(out, TAG_QUERY, m_query, encoding);
+        XmlStr::appendElement(out, TAG_QUERY, m_query, encoding);
     for (const QueryField& field : m_fields)
         writeField(out, field, encoding);
     return XmlStr::appendEnd(out, QUERY_DESCRIPTION_TAG);

@@ -6,8 +6,6 @@ namespace Veltrane::Quillmark::Tlx {
 
 namespace {
 
-constexpr char32_t REPLACEMENT = 0xFFFD;
-
 void writeReference(std::ostream& out, char32_t codePoint)
 {
     // Not with <<, which would obey a base or a width that the caller set on the stream.
@@ -48,15 +46,14 @@ void writeCharacter(std::ostream& out, char32_t codePoint, std::string_view utf8
 void writeEscaped(std::ostream& out, std::string_view text, XmlStr::Encoding encoding,
                   bool inAttribute)
 {
-    constexpr std::string_view replacement = "\xEF\xBF\xBD";
     while (!text.empty()) {
-        char32_t codePoint = REPLACEMENT;
+        char32_t codePoint = REPLACEMENT_CHARACTER;
         const std::size_t length = utf8Character(text, &codePoint);
         const std::string_view character = text.substr(0, length ? length : 1);
         if (const char* entity = predefinedEntity(codePoint))
             out << entity;
         else if (length == 0 || !isXmlCharacter(codePoint))
-            writeCharacter(out, REPLACEMENT, replacement, encoding);
+            writeCharacter(out, REPLACEMENT_CHARACTER, REPLACEMENT_UTF8, encoding);
         else if (codePoint == '\r' || (inAttribute && (codePoint == '\n' || codePoint == '\t')))
             writeReference(out, codePoint);
         else
@@ -87,6 +84,14 @@ std::ostream& XmlStr::appendStart(std::ostream& out, std::string_view name)
 std::ostream& XmlStr::appendEnd(std::ostream& out, std::string_view name)
 {
     return out << "</" << name << '>';
+}
+
+std::ostream& XmlStr::appendElement(std::ostream& out, std::string_view name, const TlxString& text,
+                                    Encoding encoding)
+{
+    appendStart(out, name);
+    writeEscaped(out, text.utf8(), encoding, false);
+    return appendEnd(out, name);
 }
 
 std::ostream& XmlStr::appendAttribute(std::ostream& out, std::string_view name,

@@ -90,4 +90,14 @@ TEST(XmlStrTest, WhiteSpaceThatAReaderWouldTurnIntoBlanksIsKeptInAttributes)
     EXPECT_EQ(out.str(), " a=\"1&#9;2&#10;3&#13;4 5\"");
 }
 
+TEST(XmlStrTest, AnElementHoldsItsEscapedText)
+{
+    std::ostringstream out;
+    EXPECT_EQ(&XmlStr::appendElement(out, "Name", "a \"b\" <\xC3\xA9>"), &out);
+    XmlStr::appendElement(out, "Empty", "");
+    XmlStr::appendElement(out, "Ascii", "\xC3\xA9", XmlStr::XE_ASCII);
+    EXPECT_EQ(out.str(), "<Name>a &quot;b&quot; &lt;\xC3\xA9&gt;</Name><Empty></Empty>"
+                         "<Ascii>&#233;</Ascii>");
+}
+
 } // namespace
