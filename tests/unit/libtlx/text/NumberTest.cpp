@@ -26,7 +26,7 @@ TEST(NumberTest, TheRangeOfATypeIsTakenToItsEnds)
 TEST(NumberTest, LeadingZerosAreDigits)
 {
     EXPECT_EQ(7u, parseNumber<std::uint32_t>("007"));
-    EXPECT_EQ(7u, parseNumber<std::uint16_t>(std::string(100, '0') + "7"));
+    EXPECT_EQ(7u, parseNumber<std::uint16_t>(std::string(100, '0').append("7")));
     EXPECT_EQ(0, parseNumber<std::int32_t>("-0"));
 }
 
