@@ -17,9 +17,9 @@ namespace {
 
 using namespace Veltrane::Quillmark::Tlx;
 using namespace Veltrane::Quillmark::Tlx::DiscoverySvc;
+using QmTest::MemoryData;
 using QmTest::ReadItems;
 using QmTest::readItems;
-using QmTest::TextData;
 
 void require(bool condition)
 {
@@ -41,7 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     setAssertionReporter([](const char*, const char*, int) {}); // documents may cause some
     const std::string text(reinterpret_cast<const char*>(data), size);
     const ReadItems whole = readItems(text);
-    const ReadItems pieces = readItems(new TextData(text, 1));
+    const ReadItems pieces = readItems(new MemoryData(text, 1));
     require(whole.parsed == pieces.parsed);
     require(!whole.parsed || whole.all() == pieces.all());
     for (std::size_t i = 0; i < whole.items.size(); ++i) {
