@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -34,16 +35,14 @@ class FakePush : public virtual Disc::ExplorerPush
                           const Disc::Subject& subject, Tlx::AutoDereference<Tlx::TLXRefCounted>&,
                           Disc::DiscoveryFactory*) override
     {
-        calls.push_back("start " + subject.getSubject().utf8() + " of " +
-                        authority.getName().utf8());
+        note("start " + subject.getSubject().utf8() + " of " + authority.getName().utf8());
         if (onStart)
             onStart();
     }
     void stopExploration(const Disc::Authority& authority, const Disc::Subject& subject,
                          Tlx::AutoDereference<Tlx::TLXRefCounted>&) override
     {
-        calls.push_back("stop " + subject.getSubject().utf8() + " of " +
-                        authority.getName().utf8());
+        note("stop " + subject.getSubject().utf8() + " of " + authority.getName().utf8());
         if (onStop)
             onStop();
     }
@@ -53,8 +52,7 @@ class FakePush : public virtual Disc::ExplorerPush
                         Tlx::AutoDereference<Tlx::TLXRefCounted>&, Disc::DiscoveryFactory* factory,
                         Disc::DiscoveryResult& result) override
     {
-        calls.push_back("push " + subject.getSubject().utf8() + " of " +
-                        authority.getName().utf8());
+        note("push " + subject.getSubject().utf8() + " of " + authority.getName().utf8());
         attributes.push_back(pushed);
         if (onPush)
             onPush(factory, result);
@@ -72,7 +70,15 @@ class FakePush : public virtual Disc::ExplorerPush
     ~FakePush() override = default;
 
   private:
+    /// A stop may come while a push runs.
+    void note(std::string call)
+    {
+        const std::lock_guard guard(m_mutex);
+        calls.push_back(std::move(call));
+    }
+
     const std::string m_name;
+    std::mutex m_mutex;
 };
 
 class FakePull : public virtual Disc::ExplorerPull

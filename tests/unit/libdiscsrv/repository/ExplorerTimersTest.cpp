@@ -340,6 +340,9 @@ struct RegisterTimerTest : testing::Test
 
     RegisterTimerTest()
     {
+        // Made on first use, which is not safe for several threads; a service makes them at start.
+        Remote::DiscoveryService::_nil();
+        Remote::CollectionDataIterator::_nil();
         HostConfig::instance().readText(
             "CLIENT_NAME = here\nENDPOINT.peer = " + peer.endpoint + "\n", "qm.conf");
         repository->masterName = "peer";
