@@ -37,7 +37,7 @@ class ConfigReading
     bool isOwnEndpoint(const Endpoint& endpoint) const;
     bool findOutMaster() const;
 
-    const ConfigText m_text;
+    const ConfigText m_text{};
     std::mutex m_masterMutex;
     std::optional<bool> m_master;
 };
