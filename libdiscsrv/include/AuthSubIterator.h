@@ -102,7 +102,7 @@ class DISCSRV_EXPORT AuthSubIterator : public virtual TLXRefCounted, public XmlD
     /// Writes nothing.
     std::ostream& writeXml(std::ostream& out, XmlStr::Encoding encoding) const override;
 
-    /// Returns the items of the next discovery, null if there is none. The caller releases the
+    /// Returns the items of the next discovery, null after the last one. The caller releases the
     /// iterator. Data that cannot be read, or only in part, also gives an iterator.
     /// @param filter the source of the data may select by it; may be null.
     CollectionItemIterator* getNextCollectionItemIterator(const FilterParameters* filter);

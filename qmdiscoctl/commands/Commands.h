@@ -26,7 +26,7 @@ struct Session
     const Target& target;
     const StatusDocument& status;
     std::string localHost; ///< this host's own name
-    /// The service, once it has answered, or why there is none.
+    /// The service, once it has answered, or why it cannot be reached.
     std::function<tl::expected<std::unique_ptr<Service>, Failure>()> connect;
     /// Reads discoveries back, as Research::read.
     std::function<Outcome(Svc::DiscoveryQuery query, const std::string& subject,

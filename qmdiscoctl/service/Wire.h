@@ -68,7 +68,7 @@ class Service
     virtual void setRequestLimit(std::chrono::seconds limit) = 0;
 };
 
-/// The service of a host, once it has answered, or why there is none. Finding it, the name's
+/// The service of a host, once it has answered, or why it cannot be reached. Finding it, the name's
 /// resolution included, takes no longer than the limit, and neither does asking what it is.
 [[nodiscard]] tl::expected<std::unique_ptr<Service>, Failure>
 connect(Tlx::Orb& orb, const Target& target, std::chrono::seconds limit);

@@ -30,7 +30,7 @@ class PushScheduleOwner
     /// The current sets; never null.
     virtual std::shared_ptr<const ExplorerSet> getPushExplorers() const = 0;
     virtual std::shared_ptr<const ExplorerSet> getPullExplorers() const = 0;
-    /// The master's name; empty if there is none.
+    /// The master's name; empty if it is not configured.
     virtual void getMasterServerName(TlxHostname& out) const = 0;
     /// Connects to the master's service. Returns nil on failure and logs it. The caller releases
     /// the reference.

@@ -23,7 +23,7 @@ class FileDescriptor
   public:
     /// Owns nothing.
     FileDescriptor() = default;
-    /// Takes the descriptor over; a negative one is none.
+    /// Takes the descriptor over; a negative number means no descriptor.
     explicit FileDescriptor(int descriptor) : m_descriptor(descriptor) {}
     FileDescriptor(FileDescriptor&& other) noexcept : m_descriptor(other.release()) {}
     FileDescriptor& operator=(FileDescriptor&& other) noexcept;
@@ -31,7 +31,7 @@ class FileDescriptor
     ~FileDescriptor() { reset(); }
 
     bool isOpen() const { return m_descriptor >= 0; }
-    /// The descriptor, still owned here; -1 when there is none.
+    /// The descriptor, still owned here; -1 means no descriptor.
     int get() const { return m_descriptor; }
 
     /// Closes it and reports whether that failed: some file systems report a failed write only

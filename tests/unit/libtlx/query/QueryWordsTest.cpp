@@ -145,8 +145,8 @@ TEST(QueryWordsTest, TheDocumentsSayWhichWordsAreReserved)
     for (const std::string_view keyword : QUERY_OPERATOR_WORDS)
         noValues += (noValues.empty() ? "`" : ", `") + std::string(keyword) + "`";
     const std::string document = textOf(QM_DOCS "/filters.md");
-    EXPECT_THAT(document, HasSubstr("A `field` is none of " + all + "."));
-    EXPECT_THAT(document, HasSubstr("A `word` is none of " + noValues + "."));
+    EXPECT_THAT(document, HasSubstr("These words are no `field`: " + all + "."));
+    EXPECT_THAT(document, HasSubstr("These words are no `word`: " + noValues + "."));
 }
 
 TEST(QueryWordsTest, TheExamplesInTheDocumentAreFilters)
