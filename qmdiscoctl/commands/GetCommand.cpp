@@ -11,7 +11,7 @@ namespace {
 /// Large pages need few round trips. The service may answer with shorter ones.
 constexpr CORBA::Long PAGE_BYTES = 1 << 20;
 
-const char* meaning(Svc::DiscoveryStatus status)
+const char* whyNotRead(Svc::DiscoveryStatus status)
 {
     switch (status) {
     case Svc::DS_NONE_FOUND:
@@ -82,9 +82,10 @@ Outcome Get::run()
 
 Failure Get::refused(Svc::DiscoveryStatus status) const
 {
-    return {exitCodeOf(status),
-            "cannot read " + escaped(m_options.subject) + " of " + escaped(m_options.authority) +
-                " from " + theService(m_session) + ": " + toName(status) + ", " + meaning(status)};
+    return {exitCodeOf(status), "cannot read " + escaped(m_options.subject) + " of " +
+                                    escaped(m_options.authority) + " from " +
+                                    theService(m_session) + ": " + toName(status) + ", " +
+                                    whyNotRead(status)};
 }
 
 Outcome Get::receive(Service& service, Output& output)
@@ -97,7 +98,7 @@ Outcome Get::receive(Service& service, Output& output)
             return refused(status);
         if (!pages)
             return Failure{EC_BROKE_OFF, theService(m_session) + " answered without an iterator"};
-        const Outcome outcome = receivePages(*pages, output);
+        Outcome outcome = receivePages(*pages, output);
         try {
             pages->release();
         } catch (const CORBA::SystemException&) {

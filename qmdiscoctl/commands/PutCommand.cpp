@@ -17,7 +17,7 @@ namespace {
 /// messages of every service.
 constexpr std::size_t CHUNK_BYTES = 1u << 20;
 
-const char* meaning(Svc::DiscoveryStatus status)
+const char* whyNotStored(Svc::DiscoveryStatus status)
 {
     switch (status) {
     case Svc::DS_OPEN_FAILED:
@@ -152,7 +152,7 @@ Failure Put::refused(Svc::DiscoveryStatus status) const
 {
     std::string text = theService(m_session) + " did not store " + escaped(m_options.subject) +
                        " of " + escaped(m_options.authority) + ": " + toName(status) + ", " +
-                       meaning(status);
+                       whyNotStored(status);
     return {exitCodeOf(status), text};
 }
 
