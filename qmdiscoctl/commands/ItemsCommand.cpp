@@ -79,7 +79,7 @@ class Items
 Outcome Items::read(Session& session)
 {
     const Options& options = session.options;
-    const Outcome outcome =
+    Outcome outcome =
         session.research(Svc::DQ_DISCOVERY_DATA, orAny(options.subject), orAny(options.authority),
                          options.filter.empty() ? nullptr : &m_parameters,
                          [this](Svc::CollectionItemIterator& items) { take(items); });

@@ -54,7 +54,7 @@ std::string checkName(const std::string& text)
 
 std::string checkFilter(const std::string& text)
 {
-    if (const std::string wrong = checkUtf8(text); !wrong.empty())
+    if (std::string wrong = checkUtf8(text); !wrong.empty())
         return wrong;
     Tlx::TlxQuery query;
     return query.setQuery(text) ? "" : escaped(query.mistake().toText());
@@ -78,13 +78,13 @@ std::string checkHost(const std::string& text)
 
 std::string checkType(const std::string& text)
 {
-    Svc::AuthorityType type;
+    Svc::AuthorityType type{};
     return expect(parseAuthorityType(text, type), authorityTypeNames(), text);
 }
 
 std::string checkQueryType(const std::string& text)
 {
-    Svc::DiscoveryQuery type;
+    Svc::DiscoveryQuery type{};
     return expect(parseQueryType(text, type), queryTypeNames(), text);
 }
 

@@ -18,7 +18,7 @@ std::string oneLine(std::string text)
         text.pop_back();
     std::string result;
     std::size_t from = 0;
-    for (std::size_t to; (to = text.find('\\', from)) != std::string::npos; from = to + 1)
+    for (std::size_t to = 0; (to = text.find('\\', from)) != std::string::npos; from = to + 1)
         result += escaped(text.substr(from, to - from)) + '\\';
     return result + escaped(text.substr(from));
 }

@@ -27,7 +27,7 @@ class OrbPages : public Pages<Page>
 class OrbWriter : public Writer
 {
   public:
-    explicit OrbWriter(Remote::RemoteWriter_var writer) : m_writer(writer) {}
+    explicit OrbWriter(const Remote::RemoteWriter_var& writer) : m_writer(writer) {}
     bool put(const Remote::CollectionDataSeq& data) override { return m_writer->put(data); }
     Svc::DiscoveryResult close() override { return m_writer->close(); }
 
@@ -38,7 +38,8 @@ class OrbWriter : public Writer
 class OrbService : public Service
 {
   public:
-    OrbService(Tlx::Orb& orb, Remote::DiscoveryService_var service) : m_orb(orb), m_service(service)
+    OrbService(Tlx::Orb& orb, const Remote::DiscoveryService_var& service)
+        : m_orb(orb), m_service(service)
     {
     }
 

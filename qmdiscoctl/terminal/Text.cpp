@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <iterator>
 
-#include <locale.h>
-#include <wchar.h>
+#include <clocale>
+#include <cwchar>
 
 #include <fmt/format.h>
 

@@ -28,7 +28,7 @@ constexpr const char* LOG_SOURCE = "../DiscoveryRepository";
 void loadParserLibraries()
 {
     EngineContext context(true);
-    ExplorerLoader* const loader = getEngineSingleton<ExplorerLoader>(context);
+    auto* const loader = getEngineSingleton<ExplorerLoader>(context);
     loader->setRepository(getDiscoveryRepository());
     loader->loadExplorerParsers();
     context.close();

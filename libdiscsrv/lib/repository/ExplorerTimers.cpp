@@ -63,6 +63,7 @@ bool DiscoveryTimerBase::scheduleLocked(unsigned seconds)
     if (m_id != -1)
         reactor->cancel_timer(m_id, nullptr, 1);
     ++m_generation; // a run of the old schedule that begins now does nothing
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the reactor passes it back and never reads it
     m_id = reactor->schedule_timer(this, reinterpret_cast<const void*>(m_generation),
                                    ACE_Time_Value(static_cast<time_t>(seconds)));
     m_due = TlxObjTime::now() + TlxObjTime(seconds, 0);

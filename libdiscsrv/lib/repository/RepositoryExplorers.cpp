@@ -142,7 +142,7 @@ void DiscoveryRepository::loadExplorers()
 {
     DISC_TRACE("DiscoveryRepository::loadExplorers");
     EngineContext context(true);
-    ExplorerLoader* const loader = getEngineSingleton<ExplorerLoader>(context);
+    auto* const loader = getEngineSingleton<ExplorerLoader>(context);
     loader->setRepository(getDiscoveryRepository());
     loader->loadExplorers();
     const ExplorerSnapshot registered = m_explorers->snapshot();

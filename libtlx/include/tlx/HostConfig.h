@@ -100,9 +100,11 @@ class HostConfig
     /// a local address. May resolve names, for at most 5 seconds. Without SERVER: false.
     bool isMaster() const;
 
+    /// Threads use it until the process ends.
+    ~HostConfig() = delete;
+
   private:
     HostConfig();
-    ~HostConfig() = delete; // asked by threads until the process ends
     struct State;
     State* const m_state;
 };

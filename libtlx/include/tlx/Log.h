@@ -90,9 +90,11 @@ class LoggerFactory
     /// Sends lines to the caller's sink instead (tests); null restores the configured one.
     void setSink(std::shared_ptr<LogSink> sink);
 
+    /// It lives until the process ends, because destructors still log.
+    ~LoggerFactory() = delete;
+
   private:
     LoggerFactory();
-    ~LoggerFactory() = delete; // lives until the process ends: destructors still log
     friend class FactoryLogger;
     struct State;
     State* const m_state;
@@ -153,7 +155,8 @@ class Tracer
         ::Veltrane::Quillmark::Tlx::Logger* tlxLogger_ = (logger);                                 \
         if (tlxLogger_->level() >= (messageLevel)) {                                               \
             std::ostringstream tlxText_;                                                           \
-            tlxText_ << text << " (" << (source) << ":" << __LINE__ << ")";                        \
+            tlxText_ << text /* NOLINT(bugprone-macro-parentheses) */ << " (" << (source) << ":"   \
+                     << __LINE__ << ")";                                                           \
             tlxLogger_->log((operation), (messageLevel), tlxText_.str());                          \
         }                                                                                          \
     } while (false)

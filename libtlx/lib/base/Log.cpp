@@ -265,7 +265,7 @@ LoggerFactory::LoggerFactory() : m_state(new State) {}
 
 LoggerFactory& LoggerFactory::instance()
 {
-    static LoggerFactory* const theFactory = new LoggerFactory;
+    static auto* const theFactory = new LoggerFactory;
     return *theFactory;
 }
 

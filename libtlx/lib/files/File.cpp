@@ -93,7 +93,7 @@ FileResult<std::string> readWholeFile(const TlxPathname& path, std::size_t mostB
         return tl::unexpected(systemError(EINVAL));
     // The size is not asked for: what the kernel makes while it is read (in /proc) has size 0.
     std::string content;
-    std::array<char, 16384> buffer;
+    std::array<char, 16384> buffer{};
     while (content.size() <= mostBytes) {
         const auto count = readFull(file->get(), buffer.data(), buffer.size());
         if (!count)

@@ -27,9 +27,9 @@ constexpr std::chrono::milliseconds DEADLOCK_PAUSE{10};
 int setKernelLock(int fd, LockLevel level, int command)
 {
     struct flock request = {};
-    request.l_type = level == LockLevel::Write  ? F_WRLCK
-                     : level == LockLevel::Read ? F_RDLCK
-                                                : F_UNLCK;
+    request.l_type = static_cast<short>(level == LockLevel::Write  ? F_WRLCK
+                                        : level == LockLevel::Read ? F_RDLCK
+                                                                   : F_UNLCK);
     request.l_whence = SEEK_SET;
     request.l_start = 0;
     request.l_len = 1;

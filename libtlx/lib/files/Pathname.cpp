@@ -9,7 +9,7 @@ namespace {
 
 bool isDirectory(const std::string& path)
 {
-    struct stat status;
+    struct stat status = {};
     return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 

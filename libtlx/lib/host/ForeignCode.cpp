@@ -32,7 +32,7 @@ class Watch
   public:
     static Watch& instance()
     {
-        static Watch* const watch = new Watch;
+        static auto* const watch = new Watch;
         return *watch;
     }
 
@@ -63,9 +63,10 @@ class Watch
         m_running.erase(place);
     }
 
+    ~Watch() = delete;
+
   private:
     Watch() = default;
-    ~Watch() = delete;
 
     void watch()
     {

@@ -81,7 +81,7 @@ HostConfig::HostConfig() : m_state(new State)
 
 HostConfig& HostConfig::instance()
 {
-    static HostConfig* const config = new HostConfig;
+    static auto* const config = new HostConfig;
     return *config;
 }
 

@@ -25,7 +25,7 @@ struct Clock
 /// Never destroyed: threads ask for the time until the process ends.
 Clock& clock()
 {
-    static Clock* const instance = new Clock;
+    static auto* const instance = new Clock;
     return *instance;
 }
 
