@@ -12,11 +12,13 @@
 #include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+#include "support/Eventually.h"
 namespace {
 
 using QmTest::Calls;
 using QmTest::FakePull;
 using QmTest::FakePush;
+using QmTest::eventually;
 using QmTest::FakeRepository;
 using QmTest::LogCapture;
 using namespace std::chrono_literals;
@@ -31,7 +33,7 @@ AutoDereference<ExplorerWrapper> entry(const Explorer& explorer, const std::stri
     return AutoDereference<ExplorerWrapper>(new ExplorerWrapper(&explorer, priority, &of, &by));
 }
 
-/// A store that the test holds up.
+/// A store that the test holds up, for longer than the test waits for others.
 class HeldStore
 {
   public:
@@ -39,7 +41,7 @@ class HeldStore
     void operator()()
     {
         m_inside.set_value();
-        m_letGo.get_future().wait();
+        EXPECT_EQ(m_letGo.get_future().wait_for(QmTest::PATIENCE), std::future_status::ready);
     }
     bool isReached() { return m_inside.get_future().wait_for(10s) == std::future_status::ready; }
     void letGo() { m_letGo.set_value(); }
@@ -170,8 +172,7 @@ TEST_F(RegistryTest, ARegistrationThatReplacesOneBeingStoredIsStoredAfterIt)
     EXPECT_TRUE(store.isReached());
     std::thread second(
         [&] { registry.registerPull(entry(*pull, "s", 6), [&] { stored.push_back("second"); }); });
-    while (pulls() != Calls{"s/a 6"})
-        std::this_thread::yield();
+    EXPECT_TRUE(eventually([&] { return pulls() == Calls{"s/a 6"}; }));
     store.letGo();
     first.join();
     second.join();
@@ -187,12 +188,10 @@ TEST_F(RegistryTest, ARegistrationThatWasReplacedBeforeItIsStoredIsNotStored)
     EXPECT_TRUE(store.isReached());
     std::thread loser(
         [&] { registry.registerPull(entry(*pull, "s", 5), [&] { stored.push_back("loser"); }); });
-    while (pulls() != Calls{"s/a 5", "z/a 1"})
-        std::this_thread::yield();
+    EXPECT_TRUE(eventually([&] { return pulls() == Calls{"s/a 5", "z/a 1"}; }));
     std::thread winner(
         [&] { registry.registerPull(entry(*pull, "s", 6), [&] { stored.push_back("winner"); }); });
-    while (pulls() != Calls{"s/a 6", "z/a 1"})
-        std::this_thread::yield();
+    EXPECT_TRUE(eventually([&] { return pulls() == Calls{"s/a 6", "z/a 1"}; }));
     store.letGo();
     blocker.join();
     loser.join();
@@ -207,8 +206,7 @@ TEST_F(RegistryTest, WhatAPushReplacedIsNotStored)
     std::thread blocker([&] { registry.registerPull(entry(*pull, "z", 1), std::ref(store)); });
     EXPECT_TRUE(store.isReached());
     std::thread loser([&] { registry.registerPull(entry(*pull, "s", 5), [&] { stored = true; }); });
-    while (pulls() != Calls{"s/a 5", "z/a 1"})
-        std::this_thread::yield();
+    EXPECT_TRUE(eventually([&] { return pulls() == Calls{"s/a 5", "z/a 1"}; }));
     registry.registerPush(entry(*push, "s", 6));
     store.letGo();
     blocker.join();
@@ -258,8 +256,7 @@ TEST_F(RegistryTest, AnAcceptedRegistrationIsStoredThoughTheShutdownCameBetween)
     EXPECT_TRUE(store.isReached());
     std::thread accepted(
         [&] { registry.registerPull(entry(*pull, "s", 5), [&] { stored = true; }); });
-    while (pulls() != Calls{"s/a 5", "z/a 1"})
-        std::this_thread::yield();
+    EXPECT_TRUE(eventually([&] { return pulls() == Calls{"s/a 5", "z/a 1"}; }));
     registry.close();
     EXPECT_EQ(FakeRepository::entries(*registry.takeAll().pull), (Calls{"s/a 5", "z/a 1"}));
     EXPECT_EQ(pulls(), Calls{});

@@ -263,7 +263,7 @@ TEST_F(ExplorerRegistryTest, OtherCallsDoNotWaitForARegistrationThatIsBeingStore
                           const Authority&, const CollectionAttributes&) const override
         {
             inside.set_value();
-            letGo.get_future().wait();
+            EXPECT_EQ(letGo.get_future().wait_for(QmTest::PATIENCE), std::future_status::ready);
         }
         mutable std::promise<void> inside;
         mutable std::promise<void> letGo;
