@@ -24,8 +24,9 @@ using Entry = AutoDereference<ExplorerWrapper>;
 constexpr unsigned WRITERS = 8;
 constexpr unsigned READERS = 24;
 constexpr unsigned NAMES = 8; ///< each writer has names of its own
-constexpr unsigned ROUNDS = 60;
-constexpr unsigned QUERIES = 120;
+constexpr unsigned ROUNDS = 200;
+constexpr unsigned QUERIES = 200;
+constexpr unsigned GLANCES = 100; ///< cheap looks for each walk, so that many meet a change
 
 std::string nameOf(unsigned writer, unsigned index)
 {
@@ -142,6 +143,11 @@ struct RegistryThreadsTest : testing::Test
     {
         std::map<std::string, unsigned> before;
         for (unsigned query = 0; query < QUERIES; ++query) {
+            for (unsigned i = 0; i < GLANCES; ++i) {
+                const ExplorerSnapshot glance = registry.snapshot();
+                faults.note(glance.push->size() + glance.pull->size() == WRITERS * NAMES,
+                            "half a change");
+            }
             const ExplorerSnapshot snapshot = registry.snapshot();
             const auto now = walk(snapshot);
             for (const auto& [name, priority] : before) {
