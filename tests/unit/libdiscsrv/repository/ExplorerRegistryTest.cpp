@@ -147,18 +147,27 @@ TEST_F(ExplorerRegistryTest, AnExplorerWithoutANameHasAQuestionMark)
 
 TEST_F(ExplorerRegistryTest, WhatLeavesTheSetsGoesWhenTheLockIsFree)
 {
+    std::thread other;
     struct Last : FakePush
     {
-        explicit Last(DiscoveryRepository& of) : repository(of) {}
+        Last(DiscoveryRepository& of, std::thread& in) : repository(of), other(in) {}
         ~Last() override
         {
-            // In another thread, like an explorer that joins a thread of its own.
-            std::thread([this] { repository.getPushExplorers(); }).join();
+            // In another thread, like an explorer that waits for a thread of its own.
+            const auto done = std::make_shared<std::atomic<bool>>(false);
+            other = std::thread([&of = repository, done] {
+                of.getPushExplorers();
+                *done = true;
+            });
+            EXPECT_TRUE(eventually([&] { return done->load(); })) << "the lock is held";
         }
         DiscoveryRepository& repository;
+        std::thread& other;
     };
-    repository->push("s", "a", 1, *AutoDereference<Last>(new Last(*repository)));
+    repository->push("s", "a", 1, *AutoDereference<Last>(new Last(*repository, other)));
     repository->push("s", "a", 2, *push);
+    ASSERT_TRUE(other.joinable()) << "it has not gone";
+    other.join();
     EXPECT_EQ(repository->pushEntries(), Calls{"s/a 2"});
 }
 
