@@ -62,8 +62,7 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
     /// Uses the process's link to other hosts.
     DiscoveryRepository();
     /// @param link must outlive this object.
-    /// @param mostExplorers the bound for each kind; further registrations are dropped.
-    explicit DiscoveryRepository(PeerLink& link, std::size_t mostExplorers = MAX_EXPLORERS);
+    explicit DiscoveryRepository(PeerLink& link);
 
     /// Makes a new record: on disk for the master's generic service, on the master for any other
     /// service. Releases the previous object in out; on failure out is empty. Copies subject,

@@ -113,10 +113,6 @@ class FakePull : public virtual Disc::ExplorerPull
 class FakeRepository : public Disc::DiscoveryRepository
 {
   public:
-    explicit FakeRepository(std::size_t mostExplorers = MAX_EXPLORERS)
-        : DiscoveryRepository(Disc::getPeerLink(), mostExplorers)
-    {
-    }
     bool isMaster() const override { return master; }
     bool isGenericDS() const override { return true; }
     void getMasterServerName(Tlx::TlxHostname& out) const override

@@ -10,6 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/Eventually.h"
+
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
@@ -60,7 +62,7 @@ TEST_F(ExplorerParsersTest, OthersWaitForTheLoadAndNothingElseDoes)
     std::promise<void> letGo;
     parsers.setLoader([&] {
         inside.set_value();
-        letGo.get_future().wait();
+        EXPECT_EQ(letGo.get_future().wait_for(QmTest::PATIENCE), std::future_status::ready);
         parsers.add("t", mine.get());
     });
     auto first = std::async(std::launch::async, [&] { return isDefault("t"); });
@@ -72,6 +74,8 @@ TEST_F(ExplorerParsersTest, OthersWaitForTheLoadAndNothingElseDoes)
     auto adding = std::async(std::launch::async, [&] { parsers.add("u", other.get()); });
     EXPECT_EQ(adding.wait_for(10s), std::future_status::ready);
     letGo.set_value();
+    ASSERT_EQ(first.wait_for(QmTest::PATIENCE), std::future_status::ready);
+    ASSERT_EQ(second.wait_for(QmTest::PATIENCE), std::future_status::ready);
     EXPECT_FALSE(first.get());
     EXPECT_FALSE(second.get());
     EXPECT_EQ(find("u").get(), other.get());
