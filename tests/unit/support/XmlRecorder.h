@@ -67,7 +67,7 @@ class XmlRecorder : public Tlx::XmlDocumentInterface
     std::size_t m_pending = 0; ///< bytes of m_events that are the current text
 };
 
-/// Gives a text in pieces; then fails in the way told.
+/// Gives a text in pieces. Then it ends or fails as `end` says.
 class PiecewiseSource : public xercesc::InputSource
 {
   public:
