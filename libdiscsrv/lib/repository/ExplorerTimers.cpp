@@ -134,7 +134,7 @@ void ExplorerPushTimer::push(const ExplorerWrapper& wrapper) const
     });
     // Compat(push-result-ignored): plug-ins may return any result. It is shown to people and
     // changes nothing.
-    wrapper.setLastOutcome(!returned ? "it failed; the log tells why"
+    wrapper.setLastOutcome(!returned ? "it failed; see the log"
                            : answer && isSuccess(result)
                                ? "pushed"
                                : "it pushed nothing (status " +

@@ -1,4 +1,4 @@
-// The timers, on a reactor whose time the test makes pass.
+// The timers, on a reactor. The test decides the reactor's time.
 
 #include "ExplorerTimers.h"
 
@@ -116,7 +116,7 @@ TEST_F(ExplorerTimersTest, AFailedPushStopsNeitherTheOthersNorTheNextCycle)
     EXPECT_EQ(log.texts(1), Calls{"Explorer bad, pushCollection for a of a failed: broken"});
     EXPECT_EQ(reactor.scheduled(), 1);
     const auto status = repository->getExplorerStatus();
-    EXPECT_EQ(status[0].outcome, "it failed; the log tells why");
+    EXPECT_EQ(status[0].outcome, "it failed; see the log");
     EXPECT_EQ(status[1].outcome, "pushed");
 }
 
