@@ -31,7 +31,7 @@ struct Item
     }
 };
 
-/// An item whose data this program does not know; it has a host and a name.
+/// An item of an unknown kind. It has only a host and a name.
 class NamedItemSource : public Tlx::QuerySource
 {
   public:

@@ -31,7 +31,7 @@ struct Registered
     friend auto operator<=>(const Registered&, const Registered&) = default;
 };
 
-/// A record whose data does not say where its explorer is.
+/// A record with data that does not state where its explorer is.
 struct Unreadable
 {
     std::string subject;

@@ -34,7 +34,7 @@ class CommandLine
     static std::string commandNames();
 
   private:
-    /// Options whose text is still to be understood.
+    /// Options with texts that are not parsed yet.
     struct Texts
     {
         std::string type;

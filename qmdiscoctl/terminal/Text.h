@@ -21,7 +21,7 @@ std::string bytesText(unsigned long long bytes);
 std::string shortBytesText(double bytes);
 
 /// Rows as columns with two blanks between them. Each cell is escaped; an empty cell shows as "-".
-/// Every row has as many cells as the first. A very long cell does not widen its column.
+/// All rows have the same number of cells. A very long cell does not widen its column.
 std::string formatTable(const std::vector<std::vector<std::string>>& rows);
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

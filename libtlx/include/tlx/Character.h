@@ -14,9 +14,9 @@ bool isControl(char32_t codePoint);
 /// the text around them. Log lines and the command line escape these.
 bool isDeceptive(char32_t codePoint);
 
-/// Cannot be told apart by eye or cannot be seen: everything deceptive, and special spaces,
+/// Looks like another character or is invisible: everything deceptive, and special spaces,
 /// zero-width and invisible characters, private use and noncharacters. The display form of a name
-/// encodes these beyond ASCII (tlx/Uri.h), so that two names that look alike are the same.
+/// encodes these beyond ASCII (tlx/Uri.h), so that two different names look different.
 bool isUnreadable(char32_t codePoint);
 
 } // namespace Veltrane::Quillmark::Tlx

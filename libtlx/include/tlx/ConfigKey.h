@@ -61,7 +61,7 @@ class DeclaredKey
         return key;
     }
 
-    /// The same key, whose new value takes effect in a running process.
+    /// The same key, but a running process obeys its new value.
     constexpr DeclaredKey takenWhileRunning() const
     {
         DeclaredKey key = *this;

@@ -1,5 +1,5 @@
 #pragma once
-// Deactivates objects whose clients are gone.
+// Deactivates objects that no client uses any more.
 
 #include <chrono>
 #include <cstddef>

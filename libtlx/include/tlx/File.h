@@ -50,8 +50,8 @@ struct TemporaryFile
     FileDescriptor descriptor; ///< for reading and writing
 };
 
-/// Makes a file with permissions 0600, whose path is the given one and six random characters.
-/// The caller removes or renames it.
+/// Makes a file with permissions 0600. Its path is the given one with six random characters added.
+/// The caller removes or renames the file.
 [[nodiscard]] FileResult<TemporaryFile> makeTemporaryFile(const TlxPathname& beginning);
 
 /// A directory of its own under the system's directory for temporary files (TMPDIR, else /tmp),

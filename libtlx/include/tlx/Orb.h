@@ -41,8 +41,8 @@ struct LookupFailure
 /// decides how it listens, and the last one destroys it. Code sets are UTF-8. Unless a comment says
 /// otherwise, any thread may call an operation, and a CORBA::SystemException goes to the caller.
 ///
-/// Each Orb owns an ACE reactor, whose thread runs its timers one at a time, and an evictor when it
-/// is asked for.
+/// Each Orb owns an ACE reactor. The reactor's thread runs the timers one at a time. An Orb also
+/// owns an evictor if its user asks for one.
 class Orb
 {
   public:

@@ -82,7 +82,7 @@ struct KitVersion
 /// From now on libraries built for another version are refused. Call it once, before any is loaded.
 void setKitVersion(const KitVersion& version);
 
-/// The path of the library whose function this thread is in; empty outside such functions.
+/// The path of the library that this thread is calling; empty outside such calls.
 const std::string& currentLibrary();
 
 /// Finds libraries by their base names.

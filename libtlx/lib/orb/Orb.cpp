@@ -65,8 +65,8 @@ struct AceUse
     bool isOrbUp = false;
 };
 
-/// A reactor and the thread on which its timers run. The timers use the monotonic clock: when an
-/// administrator corrects a host's time by hours, timers must neither wait nor run that much.
+/// A reactor and the thread that runs its timers. The timers use the monotonic clock. So they do
+/// not change when an administrator corrects a host's time by hours.
 class ReactorThread
 {
   public:

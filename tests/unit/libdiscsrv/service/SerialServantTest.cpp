@@ -67,7 +67,7 @@ class Client : public QmTest::PeerProcess
     };
 };
 
-/// An iterator whose requests stay inside until the test lets them go.
+/// An iterator that blocks each request until the test releases it.
 class HeldIterator : public DiscoveryIterator_i
 {
   public:

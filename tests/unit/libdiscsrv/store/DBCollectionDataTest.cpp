@@ -194,7 +194,8 @@ TEST_F(DBCollectionDataTest, APayloadThatLostBytesIsNotPersisted)
         EXPECT_EQ(log.texts(1), Lines{"Unable to write " + name("0.updating") + ", error 28"});
         EXPECT_EQ(log.lines()[0].operation, "DBCollectionData::writeCollection");
         EXPECT_TRUE(data->isSpoilt());
-        EXPECT_EQ(contentOf(path("0.updating")), "") << "its space is given back at once";
+        EXPECT_EQ(contentOf(path("0.updating")), "")
+            << "the file system gets its space back at once";
         EXPECT_FALSE(data->persist(TlxPathname(name("x.dat"))));
         EXPECT_EQ(contentOf(path("x.dat")), "stored");
     });

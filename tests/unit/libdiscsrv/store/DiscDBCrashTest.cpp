@@ -2,7 +2,7 @@
 // each kill a fresh process
 //
 //   - finds the record in one of the states that the order of writing allows, in that order,
-//   - finds every other record as it was,
+//   - finds every other record unchanged,
 //   - can write the record again.
 //
 // The states of a record "old" (priority 1) that "new" (priority 2) replaces:

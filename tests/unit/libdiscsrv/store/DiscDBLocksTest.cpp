@@ -306,7 +306,7 @@ TEST_F(DiscDBLocksTest, TwoProcessesThatWaitForEachOtherDoNotWaitForever)
     EXPECT_EQ(peer.answer(), "0");
 }
 
-/// Several processes, of which this one has not opened the store yet.
+/// Several processes. This one has not opened the store yet.
 struct DiscDBStartTest : testing::Test
 {
     void SetUp() override

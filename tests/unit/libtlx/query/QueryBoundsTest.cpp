@@ -56,7 +56,7 @@ TEST(QueryBoundsTest, AMegabyteOfParenthesesIsRefused)
               "column 101: expected at most 100 \"(\" and \"not\" inside one another");
 }
 
-/// Runs in a thread whose stack is small.
+/// Runs the function in a thread with a small stack.
 void onASmallStack(void* (*work)(void*))
 {
     pthread_attr_t attributes;

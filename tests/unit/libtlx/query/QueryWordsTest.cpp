@@ -29,7 +29,7 @@ std::string textOf(const std::string& path)
     return std::regex_replace(text, std::regex("\\s+"), " ");
 }
 
-/// A rule of the grammar in docs/filters.md, without its name; empty when there is none.
+/// A rule of the grammar in docs/filters.md, without its name. Empty if the rule does not exist.
 std::string ruleOf(const std::string& name)
 {
     std::ifstream file(QM_DOCS "/filters.md");
