@@ -1,8 +1,8 @@
 #pragma once
-// Characters that deceive: what a reader, a terminal or a file of lines takes for something else.
+// Characters that deceive a reader, a terminal or a program that reads lines.
 //
-// There is one table of them (Character.cpp). Each place that shows or stores text from elsewhere
-// asks for the class that can do harm there.
+// There is one table of them (Character.cpp). Each place that shows or stores foreign text tests
+// for the class that can do harm there.
 
 namespace Veltrane::Quillmark::Tlx {
 

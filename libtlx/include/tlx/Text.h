@@ -1,5 +1,5 @@
 #pragma once
-// Plain text: letters of ASCII, whatever the locale of the process, and blanks.
+// Plain text: ASCII letters and blanks. The locale of the process does not matter.
 
 #include <algorithm>
 #include <concepts>

@@ -45,7 +45,7 @@ class Builder
     void takeQuoted();
     void takeTrue(std::string_view spelling);
     void takeFalse(std::string_view spelling);
-    /// A word without quotation marks. A word that begins as a number does must be one.
+    /// A word without quotation marks. If it begins like a number, it must be a number.
     void takeBareValue(std::string_view word);
     void takeBarePattern(std::string_view word);
 

@@ -1,5 +1,5 @@
 #pragma once
-// Parsers that are kept for the next document.
+// Keeps parsers for the next documents.
 
 #include <cstddef>
 #include <memory>
