@@ -1,5 +1,5 @@
 #pragma once
-// How --help looks.
+// The form of --help.
 
 #include <CLI/CLI.hpp>
 

@@ -1,5 +1,5 @@
 #pragma once
-// Text from other sources, made fit for a terminal.
+// Prepares text from other sources for a terminal.
 
 #include <string>
 #include <string_view>
