@@ -289,7 +289,7 @@ class DISCSRV_EXPORT DiscoveryIterator : public virtual TLXRefCounted
 
     ~DiscoveryIterator() override;
 
-    /// For plug-ins: the backends read the members.
+    /// For plug-ins. The backends read the members directly.
     AuthorityType getType() const { return m_type; }
     const std::string& getAuthority() const { return m_authority; }
     const std::string& getSubject() const { return m_subject; }

@@ -9,12 +9,12 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 constexpr const char* LOG_SOURCE = "../DiscoveryRepository";
-/// The repository's operation, under which readers of the log know these lines.
+/// The repository's operation. Log readers find these lines under its name.
 constexpr const char* OPERATION = "DiscoveryRepository::registerExplorer";
 
 using Removed = std::vector<AutoDereference<ExplorerWrapper>>;
 
-/// Whether the entry that is there keeps its place against one that comes.
+/// Whether the existing entry stays and a new one is dropped.
 // Compat(register-tie): plug-ins rely on the difference between the two kinds.
 using Keeps = bool (*)(unsigned there, unsigned coming);
 
@@ -28,8 +28,8 @@ bool keepsAgainstPull(unsigned there, unsigned coming)
     return there > coming;
 }
 
-/// Removes the entry that a new one is equal to. False, and nothing changed, when that entry keeps
-/// its place.
+/// Removes the existing entry that is equal to a new one. If the existing entry must stay, it
+/// changes nothing and returns false.
 bool makeRoom(ExplorerSet& set, const AutoDereference<ExplorerWrapper>& wrapper, Keeps keeps,
               Removed& removed)
 {
@@ -43,8 +43,8 @@ bool makeRoom(ExplorerSet& set, const AutoDereference<ExplorerWrapper>& wrapper,
     return true;
 }
 
-/// Puts an entry in, unless one that is equal to it keeps its place. The comparator is not a strict
-/// weak ordering: `insert` may hit an equal element that `find` missed.
+/// Inserts an entry, unless an equal entry must stay. The comparator is not a strict weak ordering:
+/// `insert` may hit an equal element that `find` missed.
 bool place(ExplorerSet& set, const AutoDereference<ExplorerWrapper>& wrapper, Keeps keeps,
            Removed& removed)
 {
@@ -81,7 +81,7 @@ ExplorerRegistry::refusal(const ExplorerSet& set,
 {
     if (m_closed)
         return Refusal::CLOSED;
-    // The comparator is not a strict weak ordering, so one host may come to have several entries.
+    // The comparator is not a strict weak ordering, so one host may get several entries.
     if (set.size() >= m_most && set.find(wrapper) == set.end())
         return Refusal::FULL;
     return Refusal::NONE;
@@ -98,7 +98,8 @@ void ExplorerRegistry::logRefusal(Refusal refusal) const
 
 void ExplorerRegistry::registerPush(const AutoDereference<ExplorerWrapper>& wrapper)
 {
-    // They go when the lock is free: with the last reference an explorer's own code runs.
+    // They are destroyed after the lock is released, because the last reference runs an explorer's
+    // own code.
     Published before;
     Removed removed;
     Refusal refused = Refusal::NONE;
@@ -155,7 +156,7 @@ void ExplorerRegistry::registerPull(const AutoDereference<ExplorerWrapper>& wrap
     {
         const LockableGuard lockableGuard(m_tables);
         if (!TLX_ASSERT(lockableGuard.locked()) || m_unstored.erase(wrapper.get()) == 0)
-            return; // another one has replaced it: that one is stored
+            return; // another registration has replaced this one and is stored instead
     }
     store();
 }

@@ -27,12 +27,12 @@ struct ExplorerSnapshot
 /// does not. Any thread.
 ///
 /// A reader takes a snapshot: it copies no set and waits for no registration. A registration
-/// changes the tables under their lock and publishes the next snapshot. What it stores afterwards
-/// it stores without that lock.
+/// changes the tables under their lock and publishes the next snapshot. Then it stores the
+/// registration without that lock.
 class DISCSRV_EXPORT ExplorerRegistry
 {
   public:
-    /// @param most how many explorers of each kind there may be.
+    /// @param most the most explorers of each kind.
     explicit ExplorerRegistry(std::size_t most);
     ~ExplorerRegistry();
     ExplorerRegistry(const ExplorerRegistry&) = delete;
@@ -53,11 +53,11 @@ class DISCSRV_EXPORT ExplorerRegistry
 
     /// Drops registrations from now on.
     void close();
-    /// What was registered; nothing is registered any more.
+    /// Removes and returns all registrations.
     ExplorerSnapshot takeAll();
 
-    /// Publishes the changes of a scope at its end, all at once: a load of thousands would
-    /// otherwise copy the sets thousands of times. Readers see the snapshot before until then.
+    /// Publishes all changes of a scope at its end. Otherwise a load of thousands of explorers
+    /// would copy the sets thousands of times. Until then readers see the earlier snapshot.
     class DISCSRV_EXPORT Batch
     {
       public:
