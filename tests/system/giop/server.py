@@ -11,7 +11,10 @@ from .messages import HEADER_SIZE, MessageType, ReplyStatus, header, parse_heade
 
 
 class HangUp(Exception):
-    """An object raises it to close the connection without an answer. Sends `first` before."""
+    """An object raises it to get the connection closed without an answer.
+
+    The server first sends the bytes `first`.
+    """
 
     def __init__(self, first=b""):
         super().__init__()

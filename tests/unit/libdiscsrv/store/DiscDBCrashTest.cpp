@@ -61,7 +61,7 @@ struct DiscDBCrashTest : QmTest::Store
             GTEST_SKIP() << "a process cannot be traced here";
     }
 
-    /// Puts records as a process that ends in order, and keeps the files for restore.
+    /// A child process puts records and ends in order. The fixture keeps the files for restore.
     void fill(const std::vector<RecordOf>& records)
     {
         m_filled.clear();
