@@ -9,7 +9,8 @@ namespace QmTest {
 
 constexpr std::chrono::seconds PATIENCE{30};
 
-/// Repeats the check until it holds. Gives the processor away in between. False after PATIENCE.
+/// Repeats the check until it is true, and yields the processor in between. Returns false after
+/// PATIENCE.
 template <class Check>
 bool eventually(Check check)
 {

@@ -1,5 +1,5 @@
 #pragma once
-// A document that writes down the events it receives, and sources that are hard to read.
+// A document that records its events, and sources that are hard to read.
 
 #include <algorithm>
 #include <cstring>
@@ -40,7 +40,7 @@ class XmlRecorder : public Tlx::XmlDocumentInterface
                        unsigned long length) override
     {
         ++m_characterCalls;
-        // Text is written down whole, whatever pieces it comes in.
+        // Record the text as a whole, also if it comes in pieces.
         XmlDocumentInterface::xmlCharacters(context, chars, length);
         m_events.resize(m_events.size() - m_pending);
         const std::string text = context->text().utf8();

@@ -67,7 +67,7 @@ TEST_F(DBCollectionDataTest, AThousandTakenNumbersAreAFailure)
     EXPECT_EQ(log.texts(1), Lines(1000, "Last error17"));
     EXPECT_EQ(log.texts(4).size(), 2000u);
     EXPECT_EQ(log.texts(4).back(), "Opening collection file: " + name("999.updating"));
-    // A payload that was given up holds no lock. A clean-up may run.
+    // A deleted temporary payload holds no lock, so a clean-up may run.
     EXPECT_TRUE(CleanupLock(dir().c_str(), CleanupLock::LM_EXCLUSIVE).isLocked());
 }
 

@@ -107,7 +107,7 @@ TEST_F(EvictorTest, TheEndOfARequestCountsAsUse)
     auto* servant = new Stateful(ended);
     const auto activity = servant->activity();
     const auto id = activate(servant);
-    now -= 1h; // added long before its last use
+    now -= 1h; // it was added long before its last use
     watch(id, 300);
     activity->begin();
     activity->end();

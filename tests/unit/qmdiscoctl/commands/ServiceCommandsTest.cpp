@@ -1,4 +1,4 @@
-// refresh, stop, status and explorers, and a service that cannot be reached.
+// The commands refresh, stop, status and explorers, also with a service that cannot be reached.
 
 #include "Commands.h"
 
