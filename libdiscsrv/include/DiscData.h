@@ -256,7 +256,7 @@ class DISCSRV_EXPORT Discovery : public XmlDocumentInterface, public virtual TLX
     void endValue(class DiscoveryDocContext& context);
     void refuseDocument(const char* what, const TlxString& value);
 
-    // Destroyed from the last to the first: the collection data goes before what describes it.
+    // Destroyed from the last to the first: the collection data before the parts that describe it.
     std::unique_ptr<Authority> m_authority;
     std::unique_ptr<Subject> m_subject;
     std::unique_ptr<CollectionAttributes> m_attributes;

@@ -38,7 +38,7 @@ struct Session
     bool outIsTerminal = false;
     bool errorsAreTerminal = false;
 
-    // Time and processes, which tests replace.
+    // Access to time and processes. Tests replace it.
     std::function<std::chrono::steady_clock::time_point()> now;
     std::function<void(std::chrono::milliseconds)> pause;
     std::function<std::int64_t()> epochSeconds;

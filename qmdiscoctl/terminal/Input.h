@@ -27,7 +27,7 @@ class Input
 
     std::string m_name;
     Tlx::FileDescriptor m_file; ///< none for standard input
-    int m_read = -1;            ///< where the data comes from
+    int m_read = -1;            ///< the descriptor of the data
     std::optional<std::uint64_t> m_size;
 };
 

@@ -1,5 +1,5 @@
 #pragma once
-// The registered explorers: which registration wins, and who is registered now.
+// The registered explorers, and the rules when two registrations compete.
 
 #include <cstddef>
 #include <functional>
@@ -46,12 +46,12 @@ class DISCSRV_EXPORT ExplorerRegistry
     void registerPush(const AutoDereference<ExplorerWrapper>& wrapper);
     /// @param store writes the registration to disk, and registers nothing itself. The registry
     /// calls it without the tables' lock, for one registration at a time. It does not call it for a
-    /// registration that was dropped, or that another one has replaced meanwhile. So the registered
-    /// one is stored last. A registration that was accepted before close() is stored after it, too.
+    /// dropped or replaced registration. So the last one that is stored is the one that is
+    /// registered. A registration that was accepted before close() is stored after close(), too.
     void registerPull(const AutoDereference<ExplorerWrapper>& wrapper,
                       const std::function<void()>& store = {});
 
-    /// Drops registrations from now on.
+    /// Makes the registry drop all later registrations.
     void close();
     /// Removes and returns all registrations.
     ExplorerSnapshot takeAll();
@@ -87,7 +87,7 @@ class DISCSRV_EXPORT ExplorerRegistry
 
     const std::size_t m_most;
 
-    TlxLockable m_tables; // for one change; no call leaves the registry under it
+    TlxLockable m_tables; // held for one change, never during a call to other code
     ExplorerSet m_push;
     ExplorerSet m_pull;
     std::set<const ExplorerWrapper*> m_unstored; ///< accepted, and still to be stored

@@ -99,7 +99,7 @@ int DiscoveryTimerBase::handle_timeout(const ACE_Time_Value&, const void* genera
     }
     try {
         run();
-    } catch (const std::exception& e) { // the reactor's thread serves every timer
+    } catch (const std::exception& e) { // it must not end the thread of all timers
         DISC_LOG(1, "A timer failed: " << e.what());
         scheduleAgain(REGISTER_RETRY_SECONDS);
     }

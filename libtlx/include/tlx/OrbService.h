@@ -53,7 +53,7 @@ class OrbService
     virtual int doRun() = 0;
     virtual void doStop();
     virtual void doExit();
-    /// False: the service is not wanted on this host.
+    /// Returns false if the service must not run on this host.
     virtual bool doShouldStart();
     /// No code here calls this operation and isUTF8CharCodeSetEnabled. Hosts built elsewhere call
     /// them.

@@ -100,7 +100,7 @@ class AutoDereference
             old->dereferenceObject();
     }
 
-    /// Hands the held reference to the caller, who must release it.
+    /// Gives the held reference to the caller, who must release it.
     [[nodiscard]] T* release() noexcept { return std::exchange(m_object, nullptr); }
 
     T* get() const noexcept { return m_object; }

@@ -237,7 +237,7 @@ struct LoggerFactory::State
     /// Held while a line is written.
     std::mutex sinkMutex;
     std::shared_ptr<LogSink> configured = std::make_shared<SettingsSink>(LogSettings{});
-    /// Replaces the configured sink when it is set.
+    /// If set, the lines go to it and not to the configured sink.
     std::shared_ptr<LogSink> replacement;
 };
 

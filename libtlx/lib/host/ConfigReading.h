@@ -18,7 +18,7 @@ class ConfigReading
 
     const ConfigText& text() const { return m_text; }
 
-    /// The value of a key as it is written in a file; null when it is absent or refused.
+    /// The value of a key in a file, unchanged; null if it is absent or refused.
     const ConfigText::Value* find(const DeclaredKey& key, const std::string& written) const;
     /// False (and out unchanged) when the key is absent or its value was refused.
     bool find(const DeclaredKey& key, std::string& out) const;

@@ -10,7 +10,7 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// How the ORB listens and what it accepts.
+/// The ORB's endpoints and limits.
 struct OrbSettings
 {
     bool clientOnly = true;

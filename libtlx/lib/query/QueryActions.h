@@ -1,5 +1,5 @@
 #pragma once
-// What the parser does when it has read a rule of the grammar: it adds steps to the expression.
+// The parser's actions. After each rule of the grammar they add steps to the expression.
 
 #include <cstddef>
 #include <memory>
@@ -17,7 +17,7 @@
 
 namespace Veltrane::Quillmark::Tlx::QueryLanguage {
 
-/// The state of one parse. The actions hand it what they have read. Throws Refusal.
+/// The state of one parse. The actions pass it the parts that they have read. Throws Refusal.
 class Builder
 {
   public:

@@ -1,5 +1,5 @@
 #pragma once
-// What a query left out of a description, for one log line.
+// The parts of a description that a query left out, for one log line.
 
 #include <cstddef>
 #include <string>

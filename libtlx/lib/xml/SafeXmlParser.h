@@ -76,7 +76,7 @@ class SafeXmlParser : public Parser
     /// would use its rules for the next document without a declared version.
     bool hasReadOtherVersion() const { return m_otherVersion; }
 
-    // What the library reports.
+    // The events of the library.
 
     void XMLDecl(const XMLCh* const version, const XMLCh* const encoding,
                  const XMLCh* const standalone, const XMLCh* const actualEncoding) override

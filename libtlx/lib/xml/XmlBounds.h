@@ -32,8 +32,8 @@ class XmlBounds
     /// Begins a document. Lets the source end early when the document exceeds a bound.
     /// @param source must outlive the parse.
     void begin(XmlSource& source);
-    /// Whether the source ended early. The parser's own exception then says only that the document
-    /// breaks off.
+    /// Whether the source ended early. Then the parser's own exception only reports an incomplete
+    /// document.
     bool hasBrokenOff() const { return m_refused != nullptr; }
     /// Throws the refusal if the source ended early.
     void end();

@@ -10,9 +10,9 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// Lends a parser to one parse. To make a parser costs far more than to parse a small document, so
-/// each thread keeps its idle ones. A parse inside a parse takes another parser. A parser goes back
-/// only if keep is called. After a failed parse the lease destroys the parser.
+/// Lends a parser to one parse. Making a parser costs far more than parsing a small document, so
+/// each thread keeps its idle parsers. A parse inside a parse takes another parser. A parser goes
+/// back only if keep is called. After a failed parse the lease destroys the parser.
 template <class Parser>
 class XmlParserLease
 {

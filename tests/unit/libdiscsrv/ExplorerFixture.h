@@ -109,7 +109,7 @@ class FakePull : public virtual Disc::ExplorerPull
     ~FakePull() override = default;
 };
 
-/// A repository on a master or a client, as the test says.
+/// A repository on a master or a client, as the test chooses.
 class FakeRepository : public Disc::DiscoveryRepository
 {
   public:

@@ -1,4 +1,4 @@
-// What the daemon reports: the status file, the log, standard error, the service manager.
+// The reports of the daemon: the status file, the log, standard error, the service manager.
 
 #include "Daemon.h"
 

@@ -21,7 +21,7 @@ class ChildProcess
 
     explicit ChildProcess(const std::function<int()>& body, unsigned seconds = 100)
     {
-        std::fflush(nullptr); // otherwise parent and child both write what is buffered
+        std::fflush(nullptr); // otherwise parent and child both write the buffers
         m_pid = ::fork();
         if (m_pid < 0)
             throw std::runtime_error("no child");

@@ -15,7 +15,7 @@ namespace QmTest {
 
 namespace Tlx = Veltrane::Quillmark::Tlx;
 
-/// Events as text: "<name attribute=value>" for a start, "text" as it comes, "</name>" for an end.
+/// Events as text: "<name attribute=value>" for a start, the text itself, "</name>" for an end.
 class XmlRecorder : public Tlx::XmlDocumentInterface
 {
   public:

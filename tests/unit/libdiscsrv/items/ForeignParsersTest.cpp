@@ -33,7 +33,7 @@ class FakeData : public virtual ExplorerData
     bool throws = false;
 };
 
-/// Records its events, and misbehaves as the test says.
+/// Records its events, and misbehaves in the way that the test sets.
 class FakeParser : public virtual ExplorerDataParser
 {
   public:

@@ -198,7 +198,7 @@ TEST_F(LogTest, anOriginatorHasOneLoggerUntilItIsStale)
     EXPECT_NE(first, second);
     EXPECT_FALSE(second->isStale());
     EXPECT_EQ(second, logger(400));
-    // The old logger stays usable for those who hold it.
+    // Callers that hold the old logger can still use it.
     first->log("op", 1, "from the stale one");
     EXPECT_THAT(contentOf(m_settings.file), ElementsAre("1 400 op from the stale one"));
 }

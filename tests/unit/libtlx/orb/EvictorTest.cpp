@@ -152,7 +152,7 @@ TEST_F(EvictorTest, RemovingDeactivatesOnlyOnRequest)
     EXPECT_EQ(evictor->watched(), 0u);
     now += 1h;
     EXPECT_EQ(evictor->evictIdle(), 0u);
-    evictor->removeObject(gone, true, false); // not watched any more: nothing happens
+    evictor->removeObject(gone, true, false); // not watched any more, so nothing happens
     poa->deactivate_object(kept);
 }
 
