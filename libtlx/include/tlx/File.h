@@ -55,8 +55,8 @@ struct TemporaryFile
 /// The caller removes or renames the file.
 [[nodiscard]] FileResult<TemporaryFile> makeTemporaryFile(const TlxPathname& beginning);
 
-/// A directory of its own under the system's directory for temporary files (TMPDIR, else /tmp),
-/// with permissions 0700. The destructor removes it with its contents.
+/// A new directory under the system's directory for temporary files (TMPDIR, else /tmp), with
+/// permissions 0700. The destructor removes it with its contents.
 class TemporaryDirectory
 {
   public:

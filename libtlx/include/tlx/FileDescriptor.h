@@ -27,7 +27,7 @@ class FileDescriptor
     explicit FileDescriptor(int descriptor) : m_descriptor(descriptor) {}
     FileDescriptor(FileDescriptor&& other) noexcept : m_descriptor(other.release()) {}
     FileDescriptor& operator=(FileDescriptor&& other) noexcept;
-    /// Closes it; a failure is ignored and errno stays.
+    /// Closes it. Ignores a failure and does not change errno.
     ~FileDescriptor() { reset(); }
 
     bool isOpen() const { return m_descriptor >= 0; }
@@ -38,7 +38,7 @@ class FileDescriptor
     /// only then. After a failure the descriptor is closed as well. Without a descriptor it
     /// succeeds.
     [[nodiscard]] FileResult<> close();
-    /// Closes it; a failure is ignored and errno stays.
+    /// Closes it. Ignores a failure and does not change errno.
     void reset() noexcept;
     /// Gives the descriptor to the caller, who must close it.
     [[nodiscard]] int release() noexcept;

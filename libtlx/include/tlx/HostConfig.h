@@ -37,8 +37,8 @@ inline constexpr DeclaredKey ENDPOINT_OF_HOST =
 // Compat(wire-default-port): peers connect to this port unless they are configured otherwise.
 constexpr std::uint16_t DEFAULT_PORT = 14400;
 
-/// The configuration of this host: one object a process. Reads are cheap and may come from any
-/// thread, also during a new read.
+/// The configuration of this host. Each process has one object. Reads are cheap and may come from
+/// any thread, also during a new read.
 class HostConfig
 {
   public:

@@ -87,7 +87,7 @@ class XmlSource::Stream : public xercesc::BinInputStream
             }
         }
         if (got > wanted)
-            got = 0; // -1 for an error
+            got = 0; // the stream returned -1 for an error
         m_ended = got == 0;
         return got;
     }

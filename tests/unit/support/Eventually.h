@@ -1,5 +1,5 @@
 #pragma once
-// Bounded waits for what another thread or process does.
+// Waits with a limit for another thread or process.
 
 #include <chrono>
 
