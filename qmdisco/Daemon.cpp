@@ -116,7 +116,7 @@ ExitCode Daemon::live()
         else if (*wanted)
             code = serve();
     } catch (const std::exception& e) {
-        code = fail(unexpected(e)); // and go on: the service must end before ACE
+        code = fail(unexpected(e)); // and continue, because the service must end before ACE
     }
     m_watch->askToStop("the host"); // the limit also holds after a failure
     attempt("destruction", [this] { m_service.reset(); });
@@ -214,7 +214,7 @@ ExitCode Daemon::serve()
         publish("running");
     }
 
-    // After a signal, too: so every stop goes the same way.
+    // Call it after a signal, too, so that every stop has the same steps.
     m_service->stopByEvent(false);
     const std::string reason = "stopping, asked for by " + m_watch->stopReason();
     log(LOG_LEVEL_FAILURE, m_service->getDisplayName() + " is " + reason);

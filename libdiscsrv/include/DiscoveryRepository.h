@@ -159,7 +159,7 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
     /// The time of the next push; zero if none is scheduled.
     TlxObjTime getNextPush() const;
 
-    /// Takes a reference and drops the previous one. Null only drops.
+    /// Takes a reference and drops the previous one. With null it only drops the previous one.
     void setDiscoveryFramework(const HostedService* framework);
 
     // These ask the framework. Without one each fails an assertion and returns an empty value, 0 or

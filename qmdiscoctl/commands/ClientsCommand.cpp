@@ -12,7 +12,7 @@ Outcome runClients(Session& session)
 {
     std::set<std::string> clients;
     const auto add = [&clients](Svc::CollectionItemIterator& items) {
-        // The authority counts, not the fields, nor whether the record can be read.
+        // Only the authority counts. The record may have no fields or be unreadable.
         if (items.getAuthority())
             clients.insert(items.getAuthority()->getName().utf8());
     };

@@ -1,4 +1,4 @@
-// The fields that a filter of items may use, merged from what every host publishes.
+// The fields that a filter of items may use. It merges the fields that all hosts publish.
 
 #include <vector>
 

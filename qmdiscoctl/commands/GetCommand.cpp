@@ -8,7 +8,7 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 
 namespace {
 
-/// Large pages need few round trips. The service may answer with shorter ones.
+/// Large pages need only few round trips. The service may answer with shorter ones.
 constexpr CORBA::Long PAGE_BYTES = 1 << 20;
 
 const char* whyNotRead(Svc::DiscoveryStatus status)
@@ -51,7 +51,7 @@ class Get
 
 Outcome Get::run()
 {
-    // Try first what can fail here, before the service has any work.
+    // First do the steps that can fail on this side, before the service has any work.
     if (isPattern(m_options.subject) || isPattern(m_options.authority))
         return refused(Svc::DS_LOGIC_ERROR);
     const bool toFile = !m_options.output.empty();
@@ -68,7 +68,7 @@ Outcome Get::run()
     if (Outcome failed = receive(**service, toFile ? *file : m_session.out))
         return failed;
     if (!toFile)
-        return {}; // standard output gets the data and nothing else
+        return {}; // standard output gets only the data
     if (Outcome failed = file->finish())
         return failed;
     return answer(m_session,
@@ -112,7 +112,7 @@ Outcome Get::receive(Service& service, Output& output)
 
 Outcome Get::receivePages(DataPages& pages, Output& output)
 {
-    // Data on the same terminal shows the progress by itself.
+    // If the data goes to the same terminal, the person sees the progress anyway.
     const bool shown =
         m_session.errorsAreTerminal && !(m_options.output.empty() && m_session.outIsTerminal);
     Progress progress(shown, "get", std::nullopt);

@@ -13,8 +13,8 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 
 namespace {
 
-/// The bytes of one request: enough that round trips do not matter, and few enough for the limit on
-/// messages of every service.
+/// The bytes of one request. They are enough to make round trips cheap, and fewer than every
+/// service's limit on messages.
 constexpr std::size_t CHUNK_BYTES = 1u << 20;
 
 const char* whyNotStored(Svc::DiscoveryStatus status)
@@ -73,7 +73,7 @@ class Put
 
 Outcome Put::run()
 {
-    // Try first what can fail here, before the service has any work.
+    // First do the steps that can fail on this side, before the service has any work.
     if (isPattern(m_options.subject) || isPattern(m_options.authority))
         return Failure{EC_USAGE, "cannot store " + escaped(m_options.subject) + " of " +
                                      escaped(m_options.authority) +
@@ -97,9 +97,9 @@ Outcome Put::run()
                    {"bytes", m_sent}});
 }
 
-// Close the writer only after everything was sent. The service stores what it has at the close, so
-// an early one would replace a good discovery by half of the data. An unclosed writer stores
-// nothing.
+// Close the writer only after everything was sent. The service stores the received data at the
+// close. So an early close would replace a good discovery by incomplete data. A writer without a
+// close stores nothing.
 Outcome Put::send(Service& service)
 {
     std::unique_ptr<Writer> writer;

@@ -12,10 +12,10 @@ namespace {
 using Rows = std::vector<std::vector<std::string>>;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
-/// What a request over the wire shows.
+/// The result of a request over the wire.
 struct Reach
 {
-    std::string reason; ///< why the service cannot be reached; empty when it can
+    std::string reason; ///< why the service cannot be reached; empty on success
     ExitCode code = EC_OK;
     Milliseconds answer{0};
 };

@@ -9,7 +9,7 @@ namespace {
 constexpr std::size_t COLUMNS = 80;
 constexpr std::size_t NAME_COLUMNS = 22;
 
-/// A name and its description beside it.
+/// One line of the help: a name and its description.
 std::string entry(const std::string& name, const std::string& description)
 {
     const std::string indent(NAME_COLUMNS, ' ');

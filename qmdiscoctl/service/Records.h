@@ -10,7 +10,7 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-/// A record as it stands in a list. The wire leaves query type and attributes unset there.
+/// A record in a list. Lists contain no query type and no attributes.
 struct Record
 {
     std::string subject;
@@ -25,12 +25,12 @@ struct Record
 Remote::Discovery recordNamed(const std::string& subject, const std::string& authority,
                               Svc::AuthorityType type, Svc::DiscoveryQuery query);
 
-/// The whole list, sorted: the service lists records in the order of its directory, which means
-/// nothing to a person. Frees the iterator.
+/// Returns the whole list, sorted, because the service's order has no meaning for a person. Frees
+/// the iterator.
 std::vector<Record> readList(RecordPages& pages, std::int32_t recordsPerPage);
 
-/// Reads the whole data of a small record, and frees the iterator. False when there is more than
-/// the limit.
+/// Reads all data of a small record, and frees the iterator. Returns false if the data exceeds the
+/// limit.
 bool readData(DataPages& pages, std::size_t limit, std::string& out);
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

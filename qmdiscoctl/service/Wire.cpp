@@ -108,7 +108,7 @@ tl::expected<std::unique_ptr<Service>, Failure> connect(Tlx::Orb& orb, const Tar
     address.host = Tlx::TlxHostname(target.host);
     address.endpoint = target.endpoint;
     address.limit = limit;
-    address.elsewhere = false; // this process serves nothing, so no address leads back to it
+    address.elsewhere = false; // this process is no server, so no address leads back to it
     const auto service = Svc::connectToService(&orb, address);
     if (!service)
         return tl::unexpected(unreachable(target.host, target.endpoint, explain(service.error())));

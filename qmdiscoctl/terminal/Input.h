@@ -17,9 +17,9 @@ class Input
 {
   public:
     Outcome open(const std::string& name);
-    /// How much there is to read, where that is known.
+    /// The number of bytes to read, if it is known.
     std::optional<std::uint64_t> size() const { return m_size; }
-    /// The next bytes, a buffer full unless it is the end; nothing at the end.
+    /// Reads the next bytes. It fills the buffer unless the data ends. At the end count is 0.
     Outcome read(std::vector<unsigned char>& buffer, std::size_t& count);
 
   private:
@@ -27,7 +27,7 @@ class Input
 
     std::string m_name;
     Tlx::FileDescriptor m_file; ///< none for standard input
-    int m_read = -1;            ///< where the data comes from
+    int m_read = -1;            ///< the descriptor of the data
     std::optional<std::uint64_t> m_size;
 };
 

@@ -9,7 +9,7 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 constexpr const char* LOG_SOURCE = "../DiscoveryRepository";
-/// The repository's operation, under which readers of the log know these lines.
+/// The repository's operation. Log readers find these lines under its name.
 constexpr const char* OPERATION = "DiscoveryRepository::registerExplorer";
 
 // Compat(register-tie): plug-ins rely on the difference between the two kinds.
@@ -60,8 +60,8 @@ void ExplorerRegistry::remove(Kind& kind, ExplorerSet::const_iterator entry, Dro
     kind.registered.erase(entry);
 }
 
-/// Removes the entry that a new one is equal to. False, and nothing changed, when that entry keeps
-/// its place.
+/// Removes the existing entry that is equal to a new one. If the existing entry must stay, it
+/// changes nothing and returns false.
 bool ExplorerRegistry::makeRoom(Kind& kind, const AutoDereference<ExplorerWrapper>& wrapper,
                                 Keeps keeps, Dropped& dropped)
 {
@@ -74,8 +74,8 @@ bool ExplorerRegistry::makeRoom(Kind& kind, const AutoDereference<ExplorerWrappe
     return true;
 }
 
-/// Puts an entry in, unless one that is equal to it keeps its place. The comparator is not a strict
-/// weak ordering: `insert` may hit an equal element that `find` missed.
+/// Inserts an entry, unless an equal entry must stay. The comparator is not a strict weak ordering:
+/// `insert` may hit an equal element that `find` missed.
 bool ExplorerRegistry::place(Kind& kind, const AutoDereference<ExplorerWrapper>& wrapper,
                              Dropped& dropped)
 {
@@ -96,7 +96,7 @@ ExplorerRegistry::refusal(const Kind& kind, const AutoDereference<ExplorerWrappe
 {
     if (m_closed)
         return Refusal::CLOSED;
-    // The comparator is not a strict weak ordering, so one host may come to have several entries.
+    // The comparator is not a strict weak ordering, so one host may get several entries.
     if (kind.registered.size() >= m_most && kind.registered.find(wrapper) == kind.registered.end())
         return Refusal::FULL;
     return Refusal::NONE;
@@ -111,7 +111,7 @@ void ExplorerRegistry::logRefusal(Refusal refusal) const
         DISC_LOG(1, "There are " << m_most << " explorers already, another one is dropped");
 }
 
-/// True if the new entry has a place now.
+/// Returns true if the set now has the new entry.
 bool ExplorerRegistry::add(const AutoDereference<ExplorerWrapper>& wrapper, Kind& own, Kind& other,
                            bool toStore)
 {
@@ -149,7 +149,7 @@ void ExplorerRegistry::registerPull(const AutoDereference<ExplorerWrapper>& wrap
     {
         const LockableGuard lockableGuard(m_tables);
         if (!TLX_ASSERT(lockableGuard.locked()) || m_unstored.erase(wrapper.get()) == 0)
-            return; // another one has replaced it: that one is stored
+            return; // another registration has replaced this one and is stored instead
     }
     store();
 }

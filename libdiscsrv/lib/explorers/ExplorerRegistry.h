@@ -1,5 +1,5 @@
 #pragma once
-// The registered explorers: which registration wins, and who is registered now.
+// The registered explorers, and the rules when two registrations compete.
 
 #include <cstddef>
 #include <functional>
@@ -34,7 +34,7 @@ struct ExplorerSnapshot
 class DISCSRV_EXPORT ExplorerRegistry
 {
   public:
-    /// @param most how many explorers of each kind there may be.
+    /// @param most the most explorers of each kind.
     explicit ExplorerRegistry(std::size_t most);
     ~ExplorerRegistry();
     ExplorerRegistry(const ExplorerRegistry&) = delete;
@@ -49,30 +49,31 @@ class DISCSRV_EXPORT ExplorerRegistry
     void registerPush(const AutoDereference<ExplorerWrapper>& wrapper);
     /// @param store writes the registration to disk, and registers nothing itself. The registry
     /// calls it without the tables' lock, for one registration at a time. It does not call it for a
-    /// registration that was dropped, or that another one has replaced meanwhile. So the registered
-    /// one is stored last. A registration that was accepted before close() is stored after it, too.
+    /// dropped or replaced registration. So the last one that is stored is the one that is
+    /// registered. A registration that was accepted before close() is stored after close(), too.
     void registerPull(const AutoDereference<ExplorerWrapper>& wrapper,
                       const std::function<void()>& store = {});
 
-    /// Drops registrations from now on.
+    /// Makes the registry drop all later registrations.
     void close();
-    /// What was registered; nothing is registered any more.
+    /// Removes and returns all registrations.
     ExplorerSnapshot takeAll();
 
   private:
-    /// Whether the entry that is there keeps its place against one that comes.
+    /// Whether the existing entry stays and a new one is dropped. Compares their priorities.
     using Keeps = bool (*)(unsigned there, unsigned coming);
 
     /// The explorers of one kind.
     struct Kind
     {
-        Keeps keeps; ///< for entries of both kinds, against one of this kind that comes
+        Keeps keeps; ///< when a new entry of this kind meets an existing one of either kind
         ExplorerSet registered{};
         /// Shared by the readers. Null from a change until the next reader asks.
         mutable std::shared_ptr<const ExplorerSet> published{};
     };
 
-    /// Goes when the lock is free: with the last reference an explorer's own code runs.
+    /// Is destroyed after the lock is released, because the last reference runs an explorer's own
+    /// code.
     struct Dropped
     {
         std::vector<AutoDereference<ExplorerWrapper>> entries;
@@ -100,7 +101,7 @@ class DISCSRV_EXPORT ExplorerRegistry
 
     const std::size_t m_most;
 
-    TlxLockable m_tables; // for one change or one copy; no call leaves the registry under it
+    TlxLockable m_tables; // held for one change or one copy, never during a call to other code
     Kind m_push;
     Kind m_pull;
     std::set<const ExplorerWrapper*> m_unstored; ///< accepted, and still to be stored

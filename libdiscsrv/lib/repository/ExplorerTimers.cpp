@@ -100,7 +100,7 @@ int DiscoveryTimerBase::handle_timeout(const ACE_Time_Value&, const void* genera
     }
     try {
         run();
-    } catch (const std::exception& e) { // the reactor's thread serves every timer
+    } catch (const std::exception& e) { // it must not end the thread of all timers
         DISC_LOG(1, "A timer failed: " << e.what());
         scheduleAgain(REGISTER_RETRY_SECONDS);
     }
@@ -135,7 +135,7 @@ void ExplorerPushTimer::push(const ExplorerWrapper& wrapper) const
     });
     // Compat(push-result-ignored): plug-ins may return any result. It is shown to people and
     // changes nothing.
-    wrapper.setLastOutcome(!returned ? "it failed; the log tells why"
+    wrapper.setLastOutcome(!returned ? "it failed; see the log"
                            : answer && isSuccess(result)
                                ? "pushed"
                                : "it pushed nothing (status " +

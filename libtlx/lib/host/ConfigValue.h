@@ -9,7 +9,7 @@ namespace Veltrane::Quillmark::Tlx {
 /// False (and out unchanged) when the text is no boolean.
 bool parseBoolean(const std::string& text, bool& out);
 
-/// A value for a message: in quotes, and cut at a character's end when it is long.
+/// A value for a message: in quotes. A long value is cut after a whole character.
 std::string quotedValue(std::string_view text);
 
 } // namespace Veltrane::Quillmark::Tlx

@@ -21,7 +21,7 @@ bool isNumericV4(const std::string& text)
 bool isNumericV6(const std::string& text)
 {
     in6_addr address = {};
-    // inet_pton stops at a NUL byte and would accept what stands before it.
+    // inet_pton stops at a NUL byte, and would accept the text before it.
     return text.find('\0') == std::string::npos &&
            ::inet_pton(AF_INET6, text.c_str(), &address) == 1;
 }

@@ -21,8 +21,8 @@ namespace {
 using Addresses = std::vector<std::string>;
 using Resolve = std::function<Addresses(const std::string&)>;
 
-/// How many questions may wait at a time. It exceeds the number of calls to other hosts that a
-/// service makes at once.
+/// The most names that may wait for the resolver at a time. A service makes fewer calls to other
+/// hosts at once.
 constexpr int MAX_BACKGROUND = 128;
 constexpr std::chrono::milliseconds LONGEST_WAIT = std::chrono::hours(24);
 
@@ -63,7 +63,7 @@ Addresses systemAddresses(const std::string& host, int flags)
     return result;
 }
 
-// Shared by the caller and the background thread; the last of them frees it.
+// The caller and the background thread share it. The last one destroys it.
 struct Question
 {
     std::mutex mutex;
@@ -79,7 +79,7 @@ void answer(const std::shared_ptr<Question>& question, const std::string& host,
     try {
         addresses = resolve ? resolve(host) : systemAddresses(host, 0);
     } catch (...) {
-        addresses.clear(); // as after any other failure
+        addresses.clear(); // as after every failure
     }
     {
         std::lock_guard guard(question->mutex);

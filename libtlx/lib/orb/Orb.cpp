@@ -52,8 +52,8 @@ std::shared_ptr<OrbCore> acquireCore(bool clientOnly, const std::string& endpoin
     }
 }
 
-/// An ORB's use of ACE. It is kept when the ORB cannot be brought up: the attempt may have been
-/// made under one of ACE's own locks, that of a singleton.
+/// An ORB's use of ACE. If the ORB does not start, the use stays. The caller may hold one of ACE's
+/// own locks, for a singleton, and must not finalise ACE under it.
 struct AceUse
 {
     ~AceUse()
@@ -65,8 +65,8 @@ struct AceUse
     bool isOrbUp = false;
 };
 
-/// A reactor and the thread on which its timers run. The timers use the monotonic clock: when an
-/// administrator corrects a host's time by hours, timers must neither wait nor run that much.
+/// A reactor and the thread that runs its timers. The timers use the monotonic clock. So they do
+/// not change when an administrator corrects a host's time by hours.
 class ReactorThread
 {
   public:
@@ -178,7 +178,7 @@ void Orb::destroyObjectRef(CORBA::Object_ptr object, PortableServer::POA_ptr poa
         const PortableServer::ObjectId_var id = home->reference_to_id(object);
         home->deactivate_object(id);
     } catch (const CORBA::Exception& e) {
-        // The object or its POA is gone already.
+        // The object or its POA is destroyed already.
         PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::destroyObjectRef",
                      "Nothing to deactivate: " << describeException(e));
     }

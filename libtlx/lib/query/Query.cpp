@@ -29,7 +29,7 @@ TlxString carryable(const TlxString& text)
     return result;
 }
 
-/// The field as XML can carry it, each value once.
+/// The field with only the characters that XML can contain, and each value once.
 QueryField carryable(const QueryField& field)
 {
     QueryField result{field.name, field.type, carryable(field.description), {}};
@@ -224,7 +224,7 @@ bool TlxQuery::addField(const QueryField& field, std::string& refused)
     return addCarryable(carryable(field), refused);
 }
 
-/// Adds a field that carryable made. All fields of a query are such fields.
+/// Adds a field that carryable returned. All fields of a query come from carryable.
 bool TlxQuery::addCarryable(const QueryField& added, std::string& refused)
 {
     refused = problemOf(added);

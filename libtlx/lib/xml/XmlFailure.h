@@ -1,5 +1,5 @@
 #pragma once
-// How the failures of the XML library come out: as values, not as exceptions.
+// Turns the exceptions of the XML library into values.
 
 #include <xercesc/sax/Locator.hpp>
 #include <xercesc/util/XercesDefs.hpp>
@@ -8,7 +8,7 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// Why a document was refused. Line and column are 0 when the parser knew no place.
+/// Why a document was refused. Line and column are 0 if the parser does not know the place.
 struct XmlFailure
 {
     XMLFileLoc line = 0;
@@ -19,7 +19,7 @@ struct XmlFailure
 /// Describes the exception that is being handled. Call it inside a catch block only.
 XmlFailure currentFailure();
 
-/// Runs a parse, and lets none of its exceptions out.
+/// Runs a parse and catches all its exceptions.
 /// @return false after an exception, which failure then describes.
 template <class Parse>
 bool guardXml(const Parse& parse, XmlFailure& failure)
@@ -33,7 +33,8 @@ bool guardXml(const Parse& parse, XmlFailure& failure)
     }
 }
 
-/// Ends the parse: throws what guardXml turns into a failure at the locator's place.
+/// Ends the parse. It throws an exception that guardXml turns into a failure with the locator's
+/// place.
 [[noreturn]] void refuseDocument(const TlxString& reason, const xercesc::Locator& locator);
 
 } // namespace Veltrane::Quillmark::Tlx

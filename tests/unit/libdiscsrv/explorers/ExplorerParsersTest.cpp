@@ -1,4 +1,4 @@
-// The table of parsers alone: one load, and what is found during it.
+// The table of parsers alone: it loads once, and other threads search during the load.
 
 #include "ExplorerParsers.h"
 
@@ -69,7 +69,7 @@ TEST_F(ExplorerParsersTest, OthersWaitForTheLoadAndNothingElseDoes)
     ASSERT_EQ(inside.get_future().wait_for(10s), std::future_status::ready);
     auto second = std::async(std::launch::async, [&] { return isDefault("t"); });
     EXPECT_EQ(second.wait_for(50ms), std::future_status::timeout);
-    // No lock is held while a library runs: another thread may add.
+    // No lock is held while a library runs, so another thread can add a parser.
     const AutoDereference<DefaultExplorerDataParser> other(new DefaultExplorerDataParser);
     auto adding = std::async(std::launch::async, [&] { parsers.add("u", other.get()); });
     EXPECT_EQ(adding.wait_for(10s), std::future_status::ready);

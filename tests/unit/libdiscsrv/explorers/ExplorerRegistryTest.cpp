@@ -39,7 +39,7 @@ AutoDereference<ExplorerWrapper> entry(const Explorer& explorer, const std::stri
 class HeldStore
 {
   public:
-    /// Stays in it until it is let go.
+    /// Waits until the test releases it.
     void operator()()
     {
         m_inside.set_value();
@@ -101,7 +101,7 @@ TEST_F(RegistryTest, RegistrationsDuringAWalkDoNotDisturbIt)
     int walked = 0;
     const ExplorerSnapshot snapshot = registry.snapshot();
     for (const auto& wrapper : *snapshot.pull) {
-        // Another thread: the tables' lock is recursive.
+        // Use another thread, because the tables' lock is recursive.
         std::thread([&] {
             registry.registerPull(entry(*pull, "new" + std::to_string(walked), 5));
             registry.registerPush(entry(*push, wrapper->getSubject()->getSubject().utf8(), 9));
@@ -181,7 +181,7 @@ TEST_F(RegistryTest, ARegistrationThatReplacesOneBeingStoredIsStoredAfterIt)
 
 TEST_F(RegistryTest, ARegistrationThatWasReplacedBeforeItIsStoredIsNotStored)
 {
-    // The first one that is stored holds the others up, until each has found its place.
+    // The store of the first registration waits until the tables contain all others.
     HeldStore store;
     Calls stored;
     std::thread blocker([&] { registry.registerPull(entry(*pull, "z", 1), std::ref(store)); });
@@ -220,7 +220,7 @@ TEST_F(RegistryTest, TwoRegistrationsOfOneNameInARaceLeaveTheRegisteredOneStored
         const std::string subject = "s" + std::to_string(round);
         const std::vector<AutoDereference<ExplorerWrapper>> wrappers{entry(*pull, subject, 5),
                                                                      entry(*pull, subject, 5)};
-        const ExplorerWrapper* last = nullptr; // only one is stored at a time
+        const ExplorerWrapper* last = nullptr; // the registry stores one registration at a time
         std::vector<std::thread> threads;
         for (const auto& wrapper : wrappers)
             threads.emplace_back(

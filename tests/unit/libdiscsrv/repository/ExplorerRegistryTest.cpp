@@ -436,7 +436,8 @@ TEST_F(ExplorerRegistryTest, ALoadStopsTheExplorersThatItStartsAfterTheShutdown)
     repository->push("t", "a", 1, *later);
     repository->loadExplorers();
     repository->fini();
-    // The shutdown stops both. The load starts the second one even so, and stops it again.
+    // The shutdown stops both explorers. The load still starts the second one, and then stops it
+    // again.
     EXPECT_EQ(push->calls, (Calls{"start s of a", "stop s of a", "stop s of a"}));
     EXPECT_EQ(later->calls, (Calls{"stop t of a", "start t of a", "stop t of a"}));
     EXPECT_EQ(reactor.scheduled(), 0);

@@ -1,4 +1,4 @@
-// The host configuration.
+// The host configuration: its lines, its values and the messages about mistakes.
 
 #include <tlx/HostConfig.h>
 
@@ -61,7 +61,7 @@ Lines problemsOf(const std::string& text)
     return problems();
 }
 
-// This test comes first, because a root that was set cannot be unset.
+// This test comes first, because no test can unset the root later.
 TEST(HostConfigRootTest, IsTheEnvironmentsOrTheProductsOwn)
 {
     ASSERT_EQ(::unsetenv("QUILLMARK_ROOT"), 0);
@@ -455,7 +455,7 @@ TEST_F(HostConfigFileTest, ARunningProcessTakesOnlyTheKeysThatSayIt)
     EXPECT_TRUE(config().getString(ConfigKey::SERVER, server));
     EXPECT_EQ(server, "one");
     EXPECT_EQ(problems(), Lines{file() + ":5: 'x' is not KEY = value"});
-    // A key that the file has no more goes back to its default.
+    // A key that is no longer in the file gets its default.
     std::ofstream(file()) << "\n";
     EXPECT_TRUE(config().readAgain());
     EXPECT_EQ(config().number(ConfigKey::LOG_LEVEL), 1u);

@@ -55,8 +55,8 @@ class PlainServant : public virtual PortableServer::ServantBase
     bool* const m_destroyed;
 };
 
-/// Answers one question on each connection, "the object is here", and hangs up. A service that is
-/// restarted between two questions looks like this.
+/// Answers one request on each connection with "the object is here", and closes the connection. To
+/// a client, a service that restarts between two requests looks like this.
 class ForgetfulPeer : public SilentPeer
 {
   public:
@@ -264,13 +264,14 @@ class OtherProcess : public QmTest::PeerProcess
 
 TEST_F(OrbTest, RequestsWaitUntilTheyAreServed)
 {
-    OtherProcess client; // forked before there are threads here
+    OtherProcess client; // forks, so it comes before any thread
     Orb orb(false, "127.0.0.1:0", "S", false, 16);
     PortableServer::Servant_var<PlainServant> servant(new PlainServant);
     const CORBA::Object_var object = orb.activateServant(servant.in());
     orb.advertiseObject("Thing", object);
     client.tell(orb.getEndpoint());
-    // The client gives its first request up. Its second one waits until the service serves.
+    // The client's first request runs into its limit. Its second one waits until the service
+    // serves.
     std::thread later([&] {
         std::this_thread::sleep_for(1s);
         orb.serveRequests();
