@@ -187,6 +187,7 @@ TEST_F(RegistryThreadsTest, EverySnapshotShowsWholeChanges)
 TEST_F(RegistryThreadsTest, WhatIsTakenAwayIsTakenOnce)
 {
     constexpr unsigned TAKERS = 4;
+    constexpr unsigned TAKES = 2000; ///< of each taker
     std::mutex mutex;
     std::vector<std::string> taken;
     const auto take = [&] {
@@ -210,12 +211,12 @@ TEST_F(RegistryThreadsTest, WhatIsTakenAwayIsTakenOnce)
         });
     for (unsigned taker = 0; taker < TAKERS; ++taker)
         bodies.emplace_back([&] {
-            for (unsigned i = 0; i < QUERIES; ++i)
+            for (unsigned i = 0; i < TAKES; ++i)
                 take();
         });
     for (unsigned reader = 0; reader < READERS; ++reader)
         bodies.emplace_back([this] {
-            for (unsigned i = 0; i < QUERIES; ++i) {
+            for (unsigned i = 0; i < TAKES; ++i) {
                 const ExplorerSnapshot snapshot = registry.snapshot();
                 const std::size_t size = snapshot.push->size() + snapshot.pull->size();
                 faults.note(size <= WRITERS * NAMES, "there are too many");
