@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "DiscMem.h"
 #include "ExplorerFixture.h"
 #include "ExplorerRegistry.h"
 #include "PullExplorers.h"
@@ -77,6 +78,9 @@ struct RegistryThreadsTest : testing::Test
     /// push explorer with an odd one. Each change raises the priority of a name.
     RegistryThreadsTest()
     {
+        // ACE checks without a lock whether its singleton exists. So the test makes it before a
+        // second thread runs.
+        (void)getDiscoveryMemDatbase();
         for (unsigned writer = 0; writer < WRITERS; ++writer)
             for (unsigned index = 0; index < NAMES; ++index)
                 registerAs(nameOf(writer, index), 2);
