@@ -13,7 +13,7 @@ struct Endpoint
     std::uint16_t port = 0;
     friend bool operator==(const Endpoint&, const Endpoint&) = default;
 };
-/// False (and out unchanged) when text is no endpoint.
+/// False (and out unchanged) if text is not an endpoint.
 bool parseEndpoint(const std::string& text, Endpoint& out);
 std::string toText(const Endpoint& endpoint);
 

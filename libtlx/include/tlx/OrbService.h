@@ -25,7 +25,7 @@ class OrbService
     /// @param serviceName the name of the service and of its ORB.
     /// @param originator the service logs under it.
     /// @param log reserved, null.
-    /// @param foreground whether a person is watching; isForeground() answers it.
+    /// @param foreground whether a person is watching; isForeground() returns it.
     /// @param displayName for messages to people.
     /// @param clientOnly true: the ORB opens no port.
     /// @param reactorHandles size of the ORB's reactor.

@@ -6,7 +6,7 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// False (and out unchanged) when the text is no boolean.
+/// False (and out unchanged) if the text is not a boolean.
 bool parseBoolean(const std::string& text, bool& out);
 
 /// A value for a message: in quotes. A long value is cut after a whole character.

@@ -45,7 +45,7 @@ class QueryContext : public XmlObjParseContext
     QueryLosses m_losses;
 };
 
-/// A type that is not known here counts as text, because every value can be spelled.
+/// A type that is not known here counts as text, because every value has a text form.
 QueryFieldType typeFromText(const TlxString& text)
 {
     for (const QueryFieldType type : {QF_NUMBER, QF_BYTES, QF_FLAG})

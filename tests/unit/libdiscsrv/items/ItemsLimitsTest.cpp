@@ -215,8 +215,8 @@ TEST(ItemsLimitsTest, RefusedDescriptionsCountWithTheUnknownElements)
 
 TEST(ItemsLimitsTest, BlocksThatEndEarlyCountAsFaults)
 {
-    // Each of them is followed by the element of the document. Otherwise the next one would be no
-    // item.
+    // Each of them is followed by the element of the document. Otherwise the next one would not be
+    // an item.
     const std::string early = "<DISCOVERED><ExplorerData><ExplorerData></ExplorerData>"
                               "</ExplorerData></DISCOVERED><DiscoveredItems/>";
     const AssertionCapture assertions;
