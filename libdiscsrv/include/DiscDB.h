@@ -85,7 +85,7 @@ class DISCSRV_EXPORT DBCollectionData : public CollectionData
     /// Gives up and deletes the temporary payload. Always returns true.
     bool cleanup();
 
-    /// Deletes the stored payload. Returns true also if it was missing.
+    /// Deletes the stored payload. Returns true even if it was missing.
     bool expire() const;
 
     /// Sets the lock under which the record was found; null for none. With a lock, opening for

@@ -19,8 +19,8 @@ std::string toName(Svc::DiscoveryStatus status);
 std::string authorityTypeNames();
 std::string queryTypeNames();
 
-/// Whether a subject or authority holds a wildcard ("%2A" is a "*", too). A query accepts it, but
-/// it cannot name a single record.
+/// Whether a subject or authority contains a wildcard ("%2A" is a "*", too). A query accepts it,
+/// but it cannot name a single record.
 bool isPattern(const std::string& name);
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -291,7 +291,7 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr iterator)
         if (!append(page))
             return false;
     }
-    // Compat(fetch-empty): log readers rely on it: a collection without bytes is a failure.
+    // Compat(fetch-empty): log readers rely on this: a collection without bytes is a failure.
     if (m_length == 0)
         return failOpen("Collection data returned has no data");
     return true;
@@ -300,8 +300,8 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr iterator)
 bool RemoteCollectionData::append(const Remote::CollectionDataSeq& page)
 {
     const std::size_t needed = static_cast<std::size_t>(m_length) + page.length();
-    // Compat(fetch-doubled-once): peers and log readers rely on it: the cache doubles at most once
-    // for each page, and a page that still does not fit fails the read.
+    // Compat(fetch-doubled-once): peers and log readers rely on this: the cache doubles at most
+    // once for each page, and a page that still does not fit fails the read.
     if (needed > m_cache.size())
         m_cache.resize(m_cache.size() * 2);
     if (needed > m_cache.size())

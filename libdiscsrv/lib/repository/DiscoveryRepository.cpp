@@ -142,7 +142,7 @@ bool DiscoveryRepository::isGenericDSOnMaster() const
     return isMaster() && isGenericDS();
 }
 
-// Compat(read-question-mark): peers may read by a name that holds "?". Only "*" is refused.
+// Compat(read-question-mark): peers may read by a name that contains "?". Only "*" is refused.
 bool DiscoveryRepository::stringContainsWildcard(const std::string& text)
 {
     return text.find('*') != std::string::npos;

@@ -18,8 +18,8 @@ namespace Veltrane::Quillmark::Tlx {
 enum UriCharacterClass : unsigned
 {
     /// Readable characters of URIs and IRIs: "!" "#" "$" "&" "'" "(" ")" "*" "+" "," "/" ":" ";"
-    /// "=" "?" "@" "[" "]" and the characters beyond ASCII. Not among them are controls,
-    /// separators, blanks, private-use code points, and those that XML refuses or that nobody can
+    /// "=" "?" "@" "[" "]" and the characters beyond ASCII. They do not include controls,
+    /// separators, blanks, private-use code points, and code points that XML refuses or nobody can
     /// see.
     UC_READABLE = 2,
     /// Letters, digits and "-" "." "_" "~".

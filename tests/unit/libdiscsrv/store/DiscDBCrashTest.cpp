@@ -19,9 +19,9 @@
 // The states of a record that is new: nothing (the metadata file may exist and be empty), then 2
 // that refuses to be read, then new, 2.
 //
-// A torn write leaves the begin of the new document and the rest of the old one. The result is the
-// old record, or the new metadata with the old payload, or no document. A lookup skips the latter,
-// and a put replaces it.
+// A torn write leaves the beginning of the new document and the rest of the old one. The result is
+// the old record, or the new metadata with the old payload, or no document. A lookup skips a file
+// without a document, and a put replaces it.
 
 #include "DiscDB.h"
 
