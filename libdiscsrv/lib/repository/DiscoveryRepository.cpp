@@ -133,7 +133,7 @@ bool DiscoveryRepository::isGenericDS() const
 
 bool DiscoveryRepository::isMaster() const
 {
-    // A process with a given master's address does not ask the configuration.
+    // If a caller has set the master's address, the configuration does not count.
     return !m_link.isMasterGiven() && getRemoteDiscoveryDatabase()->isMaster();
 }
 

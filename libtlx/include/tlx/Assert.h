@@ -26,7 +26,7 @@ void setAssertionReporter(AssertionReporter reporter);
 
 } // namespace Veltrane::Quillmark::Tlx
 
-/// Returns whether the expression is true, and reports its text when it is false.
+/// Returns whether the expression is true, and reports its text if it is false.
 #define TLX_ASSERT(expression)                                                                     \
     ((expression)                                                                                  \
          ? true                                                                                    \

@@ -58,8 +58,8 @@ class FileLock
     FileLock(const FileLock&) = delete;
     FileLock& operator=(const FileLock&) = delete;
 
-    /// The descriptor, for reading and writing. It is valid as long as this object. The caller must
-    /// not close it. -1 in a forked child.
+    /// The descriptor, for reading and writing. It is valid as long as this object exists. The
+    /// caller must not close it. -1 in a forked child.
     int get_handle() const;
 
     // Each of these returns 0 on success. On failure it returns -1, sets errno, and does not change
