@@ -213,7 +213,7 @@ DiscoveryResult RemoteCollectionData::persist()
     DISC_TRACE("RemoteDiscovery::persist");
     if (!TLX_ASSERT_AS(!CORBA::is_nil(m_writer), "NULL != cd->m_writer"))
         return {DS_LOGIC_ERROR, 0};
-    // Compat(writer-left-open): a close would store the bytes that did arrive.
+    // Compat(writer-left-open): a close would store an incomplete collection.
     if (m_spoilt) {
         DISC_LOG(1, "A collection that lost bytes on its way is not persisted");
         dropWriter();

@@ -65,7 +65,7 @@ enum QueryFieldType
 /// "text", "number", "bytes" or "flag".
 const char* toText(QueryFieldType type);
 
-/// A field that can be asked about.
+/// A field that a query can ask about.
 struct QueryField
 {
     TlxString name = {}; ///< see TlxQuery::isFieldName; in any case of its letters
@@ -108,7 +108,7 @@ class QueryValue
     bool m_flag = false;
 };
 
-/// An item that can be asked about.
+/// An item that a query can ask about.
 class QuerySource
 {
   public:
@@ -183,8 +183,8 @@ class TlxQuery : public virtual TLXRefCounted, public XmlInterface
     /// ".", all of ASCII. A keyword of the language is not a name.
     static bool isFieldName(std::string_view name);
 
-    /// Adds a field that can be asked about. A field of that name, in any case of its letters, is
-    /// merged with the new one:
+    /// Adds a field that a query can ask about. A field of that name, in any case of its letters,
+    /// is merged with the new one:
     ///   - Bytes and numbers become numbers. Other types that differ become texts, because every
     ///     value has a text form.
     ///   - The first name stays, and the first description that is not empty.

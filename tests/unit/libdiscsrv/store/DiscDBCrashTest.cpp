@@ -262,8 +262,8 @@ TEST_F(DiscDBCrashTest, ACleanUpThatDiedIsFinishedByTheNext)
     EXPECT_EQ(crashEverywhere(prepare, work, look), (Lines{"2", "1", "0"}));
 }
 
-/// After a kill the kernel still has all written data. After a power cut it has not, so the places
-/// of the syncs matter.
+/// After a kill the kernel still has all written data. A power cut loses what was not synced, so
+/// the places of the syncs matter.
 TEST_F(DiscDBCrashTest, EachSyncStandsWhereAPowerCutNeedsIt)
 {
     fill({OTHER, OLD});
