@@ -58,7 +58,7 @@ class Connector
     {
     }
 
-    tl::expected<std::unique_ptr<Service>, Failure> connect()
+    Result<std::unique_ptr<Service>> connect()
     {
         if (m_target.endpoint.port == 0)
             return tl::unexpected(unreachable(escaped(m_target.host), m_target.endpoint,
@@ -104,14 +104,14 @@ int run(const Options& options)
         .localHost = config.localHostName(),
         .connect = [&connector] { return connector.connect(); },
         .research = [&](auto query, const auto& subject, const auto& authority, auto* filter,
-                        const auto& each) -> Outcome {
+                        const auto& each) -> Result<> {
             // The connector knows why a service cannot be reached, the researcher does not.
             if (const auto connected = connector.connect(); !connected)
-                return connected.error();
-            Outcome outcome = research.read(query, subject, authority, filter, each);
-            if (!outcome)
+                return tl::unexpected(connected.error());
+            auto done = research.read(query, subject, authority, filter, each);
+            if (done)
                 log->take(); // the command reports what was not read
-            return outcome;
+            return done;
         },
         .out = dataGoesOut ? static_cast<Output&>(data) : text,
         .outIsTerminal = outIsTerminal,
@@ -121,15 +121,15 @@ int run(const Options& options)
         .epochSeconds = [] { return static_cast<std::int64_t>(std::time(nullptr)); },
         .isRunning = &isRunning,
     };
-    Outcome outcome = runCommand(session);
-    if (!outcome)
-        outcome = session.out.finish();
-    if (!outcome)
+    auto done = runCommand(session);
+    if (done)
+        done = session.out.finish();
+    if (done)
         return EC_OK;
-    complain(outcome->text);
+    complain(done.error().text);
     for (const KeptLog::Kept& line : log->take())
         complain("log: " + line.operation + ": " + line.text);
-    return outcome->code;
+    return done.error().code;
 }
 
 } // namespace
@@ -146,9 +146,9 @@ int runProgram(int argc, char** argv)
             return run(parsed.options);
         if (*parsed.end != EC_OK) {
             (void)Tlx::writeAll(STDERR_FILENO, parsed.text);
-        } else if (const Outcome failed = StandardOutput().write(parsed.text)) {
-            complain(failed->text);
-            return failed->code;
+        } else if (const auto done = StandardOutput().write(parsed.text); !done) {
+            complain(done.error().text);
+            return done.error().code;
         }
         return *parsed.end;
     } catch (const std::exception& error) {

@@ -37,40 +37,40 @@ class Get
 {
   public:
     explicit Get(Session& session) : m_session(session), m_options(session.options) {}
-    Outcome run();
+    [[nodiscard]] Result<> run();
 
   private:
     Failure refused(Svc::DiscoveryStatus status) const;
-    Outcome receive(Service& service, Output& output);
-    Outcome receivePages(DataPages& pages, Output& output);
+    [[nodiscard]] Result<> receive(Service& service, Output& output);
+    [[nodiscard]] Result<> receivePages(DataPages& pages, Output& output);
 
     Session& m_session;
     const Options& m_options;
     std::uint64_t m_received = 0;
 };
 
-Outcome Get::run()
+Result<> Get::run()
 {
     // Try first what can fail here, before the service has any work.
     if (isPattern(m_options.subject) || isPattern(m_options.authority))
-        return refused(Svc::DS_LOGIC_ERROR);
+        return tl::unexpected(refused(Svc::DS_LOGIC_ERROR));
     const bool toFile = !m_options.output.empty();
     std::unique_ptr<Output> file;
     if (toFile) {
         auto opened = makeFileOutput(m_options.output);
         if (!opened)
-            return opened.error();
+            return tl::unexpected(opened.error());
         file = std::move(*opened);
     }
     const auto service = m_session.connect();
     if (!service)
-        return service.error();
-    if (Outcome failed = receive(**service, toFile ? *file : m_session.out))
-        return failed;
+        return tl::unexpected(service.error());
+    if (const auto done = receive(**service, toFile ? *file : m_session.out); !done)
+        return done;
     if (!toFile)
         return {}; // standard output gets the data and nothing else
-    if (Outcome failed = file->finish())
-        return failed;
+    if (const auto done = file->finish(); !done)
+        return done;
     return answer(m_session,
                   "wrote " + bytesText(m_received) + " to " + escaped(m_options.output) + "\n",
                   {{"host", m_session.target.host},
@@ -87,29 +87,31 @@ Failure Get::refused(Svc::DiscoveryStatus status) const
                 " from " + theService(m_session) + ": " + toName(status) + ", " + meaning(status)};
 }
 
-Outcome Get::receive(Service& service, Output& output)
+Result<> Get::receive(Service& service, Output& output)
 {
     try {
         std::unique_ptr<DataPages> pages;
         const Svc::DiscoveryStatus status =
             service.getCollectionData(recordOf(m_options), m_options.filter, pages);
         if (status != Svc::DS_SUCCESS)
-            return refused(status);
+            return tl::unexpected(refused(status));
         if (!pages)
-            return Failure{EC_BROKE_OFF, theService(m_session) + " answered without an iterator"};
-        const Outcome outcome = receivePages(*pages, output);
+            return tl::unexpected(
+                Failure{EC_BROKE_OFF, theService(m_session) + " answered without an iterator"});
+        auto received = receivePages(*pages, output);
         try {
             pages->release();
         } catch (const CORBA::SystemException&) {
             // The service removes an idle iterator by itself.
         }
-        return outcome;
+        return received;
     } catch (const CORBA::SystemException& exception) {
-        return brokeOff(m_session, exception, "; " + bytesText(m_received) + " were received");
+        return tl::unexpected(
+            brokeOff(m_session, exception, "; " + bytesText(m_received) + " were received"));
     }
 }
 
-Outcome Get::receivePages(DataPages& pages, Output& output)
+Result<> Get::receivePages(DataPages& pages, Output& output)
 {
     // Data on the same terminal shows the progress by itself.
     const bool shown =
@@ -122,8 +124,8 @@ Outcome Get::receivePages(DataPages& pages, Output& output)
         if (count == 0)
             return {};
         const auto* const bytes = reinterpret_cast<const char*>(page->get_buffer());
-        if (Outcome failed = output.write({bytes, count}))
-            return failed;
+        if (const auto done = output.write({bytes, count}); !done)
+            return done;
         m_received += count;
         progress.add(count);
     }
@@ -131,7 +133,7 @@ Outcome Get::receivePages(DataPages& pages, Output& output)
 
 } // namespace
 
-Outcome runGet(Session& session)
+Result<> runGet(Session& session)
 {
     return Get(session).run();
 }

@@ -63,7 +63,7 @@ class Items
     {
         m_filter.setQuery(filter);
     }
-    Outcome read(Session& session);
+    [[nodiscard]] Result<> read(Session& session);
     std::string text() const;
     Json document() const;
 
@@ -76,15 +76,15 @@ class Items
     std::vector<Unread> m_unread;
 };
 
-Outcome Items::read(Session& session)
+Result<> Items::read(Session& session)
 {
     const Options& options = session.options;
-    const Outcome outcome =
+    auto done =
         session.research(Svc::DQ_DISCOVERY_DATA, orAny(options.subject), orAny(options.authority),
                          options.filter.empty() ? nullptr : &m_parameters,
                          [this](Svc::CollectionItemIterator& items) { take(items); });
     std::sort(m_items.begin(), m_items.end());
-    return outcome;
+    return done;
 }
 
 void Items::take(Svc::CollectionItemIterator& items)
@@ -152,11 +152,11 @@ Json Items::document() const
 
 } // namespace
 
-Outcome runItems(Session& session)
+Result<> runItems(Session& session)
 {
     Items items(session.options.filter);
-    if (Outcome failed = items.read(session))
-        return failed;
+    if (const auto done = items.read(session); !done)
+        return done;
     return answer(session, items.text(), items.document());
 }
 

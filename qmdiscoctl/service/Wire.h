@@ -7,7 +7,6 @@
 #include <string>
 
 #include <ServiceConnection.h>
-#include <tl/expected.hpp>
 
 #include "ExitCode.h"
 #include "Target.h"
@@ -70,8 +69,8 @@ class Service
 
 /// The service of a host, once it has answered, or why it cannot be reached. Finding it, the name's
 /// resolution included, takes no longer than the limit, and neither does asking what it is.
-[[nodiscard]] tl::expected<std::unique_ptr<Service>, Failure>
-connect(Tlx::Orb& orb, const Target& target, std::chrono::seconds limit);
+[[nodiscard]] Result<std::unique_ptr<Service>> connect(Tlx::Orb& orb, const Target& target,
+                                                       std::chrono::seconds limit);
 
 /// Why a request failed, for people, with the exception's own name.
 std::string explain(const CORBA::SystemException& exception);

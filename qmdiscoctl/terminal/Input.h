@@ -16,11 +16,12 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 class Input
 {
   public:
-    Outcome open(const std::string& name);
+    [[nodiscard]] Result<> open(const std::string& name);
     /// How much there is to read, where that is known.
     std::optional<std::uint64_t> size() const { return m_size; }
-    /// The next bytes, a buffer full unless it is the end; nothing at the end.
-    Outcome read(std::vector<unsigned char>& buffer, std::size_t& count);
+    /// Fills the buffer with the next bytes, and answers their count. It is less than the buffer's
+    /// size only at the end.
+    [[nodiscard]] Result<std::size_t> read(std::vector<unsigned char>& buffer);
 
   private:
     Failure cannot(const char* what, const std::error_code& error) const;

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "Commands.h"
+#include "qmdiscoctl/FailureOf.h"
 #include "support/Lines.h"
 #include "support/ListedDiscoveries.h"
 #include "support/TemporaryDirectory.h"
@@ -83,7 +84,7 @@ struct Script
     int failAfter = -1; ///< the number of calls before a COMM_FAILURE, -1 for no failure
     int pingsUntilGone = 0;
     std::vector<Discovered> discovered;
-    Outcome researchFails;
+    Result<> researchFails;
 
     QmTest::Lines calls;
     std::string stored;
@@ -229,12 +230,12 @@ class FakeService : public Service
 class Kept : public Output
 {
   public:
-    Outcome write(std::string_view bytes) override
+    Result<> write(std::string_view bytes) override
     {
         text.append(bytes);
         return {};
     }
-    Outcome finish() override { return {}; }
+    Result<> finish() override { return {}; }
     std::string text;
 };
 
@@ -248,7 +249,8 @@ struct CommandsFixture : testing::Test
         target.endpoint = {"192.0.2.7", 14400};
     }
 
-    Outcome run(Command command)
+    /// NO_FAILURE when the command succeeds.
+    Failure run(Command command)
     {
         options.command = command;
         Session session{
@@ -256,13 +258,13 @@ struct CommandsFixture : testing::Test
             .target = target,
             .status = status,
             .localHost = "here",
-            .connect = [this]() -> tl::expected<std::unique_ptr<Service>, Failure> {
+            .connect = [this]() -> Result<std::unique_ptr<Service>> {
                 if (!reachable)
                     return tl::unexpected(unreachable("backup1", target.endpoint, "no"));
                 return std::make_unique<FakeService>(script);
             },
             .research = [this](auto query, const auto& subject, const auto& authority, auto* filter,
-                               const auto& each) -> Outcome {
+                               const auto& each) -> Result<> {
                 std::ostringstream asked;
                 asked << "research " << query << ' ' << subject << ' ' << authority;
                 if (filter)
@@ -279,7 +281,7 @@ struct CommandsFixture : testing::Test
             .epochSeconds = [] { return 1000; },
             .isRunning = [](long) { return false; },
         };
-        return runCommand(session);
+        return failureOf(runCommand(session));
     }
     std::string file(const std::string& content)
     {
