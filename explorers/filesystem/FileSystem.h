@@ -53,10 +53,10 @@ bool isFileSystemElement(const XMLCh* name);
 /// Takes the value of one element. An unknown element or a malformed number changes nothing.
 void takeFileSystemElement(FileSystem& fileSystem, const XMLCh* name, const Tlx::TlxString& text);
 
-/// An item's file system, whichever parser has read its block. False, with fileSystem unchanged,
-/// when the item is from another explorer or its block lacks device or type. Data that throws is
-/// logged at level 1.
-bool readFileSystem(const Tlx::DiscoverySvc::DiscoveredItem& item, FileSystem& fileSystem);
+/// An item's file system, whichever parser has read its block. Absent when the item is from another
+/// explorer or its block lacks device or type. Data that throws is logged at level 1.
+[[nodiscard]] std::optional<FileSystem>
+readFileSystem(const Tlx::DiscoverySvc::DiscoveredItem& item);
 
 /// A host's file system as the source of a query's values.
 class FileSystemSource : public Tlx::QuerySource

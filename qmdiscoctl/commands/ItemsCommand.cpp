@@ -97,10 +97,8 @@ void Items::take(Svc::CollectionItemIterator& items)
         const auto* discovered = dynamic_cast<const Svc::DiscoveredItem*>(next);
         if (!discovered)
             continue; // a description of filters is no discovered item
-        Item item{host, subject, discovered->getName(), discovered->getExplorerName().utf8(), {}};
-        Explorers::FileSystem fileSystem;
-        if (readFileSystem(*discovered, fileSystem))
-            item.fileSystem = fileSystem;
+        Item item{host, subject, discovered->getName(), discovered->getExplorerName().utf8(),
+                  Explorers::readFileSystem(*discovered)};
         // Filter here, too: not every explorer selects, and a filter is lost on its way through
         // another host.
         if (matches(m_filter, item))

@@ -56,10 +56,10 @@ tl::expected<Registered, std::string> readOne(Service& service, const Record& re
         return tl::unexpected<std::string>(toName(status));
     if (!pages)
         return tl::unexpected<std::string>("no iterator was answered");
-    std::string data;
-    if (!readData(*pages, MAX_DOCUMENT_BYTES, data))
+    const auto data = readData(*pages, MAX_DOCUMENT_BYTES);
+    if (!data)
         return tl::unexpected<std::string>("its data is no such document: it is too long");
-    std::stringstream document(data);
+    std::stringstream document(*data);
     Registered registered{};
     Tlx::TlxString name;
     Tlx::TlxString host;

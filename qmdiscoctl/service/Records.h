@@ -3,6 +3,7 @@
 
 #include <compare>
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,8 +30,8 @@ Remote::Discovery recordNamed(const std::string& subject, const std::string& aut
 /// nothing to a person. Frees the iterator.
 std::vector<Record> readList(RecordPages& pages, std::int32_t recordsPerPage);
 
-/// Reads the whole data of a small record, and frees the iterator. False when there is more than
+/// Reads the whole data of a small record, and frees the iterator. Absent when there is more than
 /// the limit.
-bool readData(DataPages& pages, std::size_t limit, std::string& out);
+[[nodiscard]] std::optional<std::string> readData(DataPages& pages, std::size_t limit);
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -6,6 +6,7 @@
 // service down: a problem is reported with file, line and expectation, and the default holds.
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -79,10 +80,10 @@ class HostConfig
     void addText(const std::string& text, const std::string& name);
     std::vector<Problem> problems() const;
 
-    /// False (and out unchanged) when the key is absent or its value was refused.
-    bool getString(const DeclaredKey& key, std::string& out) const;
-    bool getBoolean(const DeclaredKey& key, bool& out) const;
-    bool getNumber(const DeclaredKey& key, std::uint64_t& out) const;
+    /// The value; absent when the key is, or when its value was refused.
+    [[nodiscard]] std::optional<std::string> getString(const DeclaredKey& key) const;
+    [[nodiscard]] std::optional<bool> getBoolean(const DeclaredKey& key) const;
+    [[nodiscard]] std::optional<std::uint64_t> getNumber(const DeclaredKey& key) const;
     /// Where a key's value stands, for a message: "FILE:LINE"; without a value "not set in FILE".
     std::string placeOf(const DeclaredKey& key) const;
 
@@ -93,8 +94,8 @@ class HostConfig
     /// Where the service of a host listens: ENDPOINT.<host>, otherwise the host at the default
     /// port. Host names compare without regard to case.
     Endpoint endpointOf(const std::string& host) const;
-    /// False (and out unchanged) when the file names no endpoint of the host.
-    bool getEndpointOf(const std::string& host, Endpoint& out) const;
+    /// Absent when the file names no endpoint of the host.
+    [[nodiscard]] std::optional<Endpoint> getEndpointOf(const std::string& host) const;
 
     /// Whether this host is the master: exactly when SERVER names it, by its own name, an alias or
     /// a local address. May resolve names, for at most 5 seconds. Without SERVER: false.

@@ -1,13 +1,14 @@
 #pragma once
 // Values of the host configuration as text.
 
+#include <optional>
 #include <string>
 #include <string_view>
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// False (and out unchanged) when the text is no boolean.
-bool parseBoolean(const std::string& text, bool& out);
+/// Absent when the text is no boolean.
+[[nodiscard]] std::optional<bool> parseBoolean(const std::string& text);
 
 /// A value for a message: in quotes, and cut at a character's end when it is long.
 std::string quotedValue(std::string_view text);

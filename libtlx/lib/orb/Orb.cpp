@@ -33,7 +33,7 @@ OrbSettings settingsFor(bool clientOnly, const std::string& endpoint)
     OrbSettings settings;
     settings.clientOnly = clientOnly;
     settings.listen = endpoint.empty() ? toText(config.listenEndpoint()) : endpoint;
-    config.getString(ConfigKey::PUBLISH_ADDRESS, settings.publish);
+    settings.publish = config.getString(ConfigKey::PUBLISH_ADDRESS).value_or("");
     settings.maxMessageBytes = config.number(ConfigKey::MAX_MESSAGE_BYTES);
     return settings;
 }

@@ -153,9 +153,9 @@ TEST(DiscoveryResearcherTest, AsksTheMasterThatTheCallerNames)
     // Nothing listens on port 1.
     HostConfig::instance().readText("SERVER = there\nENDPOINT.there = 127.0.0.1:1\n", "qm.conf");
     // The source of the record is "here".
-    MasterAddress address{"backup1", {}, {"here"}};
-    ASSERT_TRUE(parseEndpoint(master.endpoint(), address.endpoint));
-    ASSERT_TRUE(initDiscoveryResearch(address));
+    const auto endpoint = parseEndpoint(master.endpoint());
+    ASSERT_TRUE(endpoint);
+    ASSERT_TRUE(initDiscoveryResearch({"backup1", *endpoint, {"here"}}));
     EXPECT_FALSE(getDiscoveryRepository()->isMaster());
     const auto all = researchDiscoveries(DQ_DISCOVERY_DATA, "host1", "*", AT_ANYANDALL);
     ASSERT_TRUE(all);

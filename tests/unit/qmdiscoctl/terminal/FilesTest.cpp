@@ -153,7 +153,7 @@ TEST_F(CtlFilesTest, ASignalLeavesNoTemporaryFile)
 {
     ChildProcess child([this] {
         const auto output = makeFileOutput(path("out"));
-        if (!output || (*output)->write("half"))
+        if (!output || !(*output)->write("half"))
             return 1;
         ::raise(SIGTERM);
         return 2;
