@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <string>
 
+#include <tl/expected.hpp>
 #include <tlx/Corba.h>
 #include <tlx/Evictor.h>
 #include <tlx/HostConfig.h>
@@ -23,7 +24,7 @@ struct AdvertisedObject
     TlxHostname host;
     std::string name;
     /// Where the host listens; without one, where the configuration says.
-    std::optional<Endpoint> endpoint;
+    std::optional<Endpoint> endpoint = std::nullopt;
     /// For resolving the name, connecting and the first call together.
     std::chrono::milliseconds limit;
     /// Whether an address that leads back to this very process is a failure, logged at level 1.
@@ -33,7 +34,7 @@ struct AdvertisedObject
 /// Why a lookup found nothing.
 struct LookupFailure
 {
-    std::string cause;     ///< one line for people, without the host's name; empty on success
+    std::string cause;     ///< one line for people, without the host's name
     std::string exception; ///< the name of the CORBA exception, such as "TRANSIENT"; may be empty
 };
 
@@ -96,19 +97,12 @@ class Orb
     void holdRequests();
     void serveRequests();
 
-    /// The object that the host's service advertises under a name. The caller owns the reference;
-    /// it is nil unless the object itself has answered. Resolving the name, connecting and the
-    /// first call together keep to the limit, also when the peer accepts and stays silent. A call
-    /// into this process itself runs on the calling thread and has no limit. Does not throw.
-    [[nodiscard]] CORBA::Object_ptr lookupObject(const TlxHostname& host, const std::string& name,
-                                                 std::chrono::milliseconds limit);
-    /// The same, but nil (and logged at level 1) when the name leads back to this process.
-    [[nodiscard]] CORBA::Object_ptr lookupObjectElsewhere(const TlxHostname& host,
-                                                          const std::string& name,
-                                                          std::chrono::milliseconds limit);
-    /// The same, and in failure why it is nil.
-    [[nodiscard]] CORBA::Object_ptr lookupObject(const AdvertisedObject& wanted,
-                                                 LookupFailure& failure);
+    /// The object that the host's service advertises under a name, once it has answered itself.
+    /// Resolving the name, connecting and the first call together keep to the limit, also when the
+    /// peer accepts and stays silent. A call into this process itself runs on the calling thread
+    /// and has no limit. Does not throw.
+    [[nodiscard]] tl::expected<CORBA::Object_var, LookupFailure>
+    lookupObject(const AdvertisedObject& wanted);
 
     /// How many servant operations (tlx/Servant.h) run in this process now. The status and the stop
     /// need it.

@@ -214,24 +214,9 @@ void Orb::setOrbRequestTimeout(unsigned seconds)
     setProcessCallLimit(std::chrono::seconds(seconds));
 }
 
-CORBA::Object_ptr Orb::lookupObject(const TlxHostname& host, const std::string& name,
-                                    std::chrono::milliseconds limit)
+tl::expected<CORBA::Object_var, LookupFailure> Orb::lookupObject(const AdvertisedObject& wanted)
 {
-    LookupFailure failure;
-    return lookupObject({host, name, std::nullopt, limit, false}, failure);
-}
-
-CORBA::Object_ptr Orb::lookupObjectElsewhere(const TlxHostname& host, const std::string& name,
-                                             std::chrono::milliseconds limit)
-{
-    LookupFailure failure;
-    return lookupObject({host, name, std::nullopt, limit, true}, failure);
-}
-
-CORBA::Object_ptr Orb::lookupObject(const AdvertisedObject& wanted, LookupFailure& failure)
-{
-    failure = {};
-    return Tlx::lookupObject(*m_state->core, wanted, failure);
+    return Tlx::lookupObject(*m_state->core, wanted);
 }
 
 void setAceReactor(ACE_Reactor* reactor)

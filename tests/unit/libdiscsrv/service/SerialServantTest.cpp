@@ -54,9 +54,11 @@ class Client : public QmTest::PeerProcess
         {
             HostConfig::instance().readText("ENDPOINT.there = " + endpoint + "\n", "qm.conf");
             orb = std::make_unique<Orb>(true, "", "S", false, 16);
-            const CORBA::Object_var object =
-                orb->lookupObject(TlxHostname("there"), "Pages", std::chrono::seconds(20));
-            iterator = DiscoveryIterator::_narrow(object);
+            const auto object = orb->lookupObject(
+                {.host = TlxHostname("there"), .name = "Pages", .limit = std::chrono::seconds(20)});
+            if (!object)
+                return object.error().cause;
+            iterator = DiscoveryIterator::_narrow(*object);
             if (CORBA::is_nil(iterator))
                 return "not found";
             iterator->pageSize(); // so that the connection is there

@@ -37,6 +37,13 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
 
+/// Looks the object up that the host advertises.
+tl::expected<CORBA::Object_var, LookupFailure>
+lookUp(Orb& orb, const char* host, std::chrono::milliseconds limit, const char* name = "Thing")
+{
+    return orb.lookupObject({.host = TlxHostname(host), .name = name, .limit = limit});
+}
+
 /// A servant with the operations that every object has.
 class PlainServant : public virtual PortableServer::ServantBase
 {
@@ -142,8 +149,8 @@ TEST_F(OrbTest, ListensOnIPv6)
     orb.advertiseObject("Thing", object);
     orb.serveRequests();
     endpointOf("here", orb.getEndpoint());
-    const CORBA::Object_var found = orb.lookupObject(TlxHostname("here"), "Thing", 5s);
-    EXPECT_FALSE(CORBA::is_nil(found));
+    const auto found = lookUp(orb, "here", 5s);
+    EXPECT_TRUE(found);
 }
 
 TEST_F(OrbTest, NeverPublishesTheAnyAddress)
@@ -218,11 +225,11 @@ TEST_F(OrbTest, AnAdvertisedObjectIsFoundUnderItsName)
     orb.advertiseObject("Thing", object);
     orb.serveRequests();
     endpointOf("here", orb.getEndpoint());
-    const CORBA::Object_var found = orb.lookupObject(TlxHostname("here"), "Thing", 5s);
-    ASSERT_FALSE(CORBA::is_nil(found));
-    EXPECT_FALSE(found->_non_existent());
-    const CORBA::Object_var none = orb.lookupObject(TlxHostname("here"), "Other", 5s);
-    EXPECT_TRUE(CORBA::is_nil(none));
+    const auto found = lookUp(orb, "here", 5s);
+    ASSERT_TRUE(found) << found.error().cause;
+    EXPECT_FALSE((*found)->_non_existent());
+    const auto none = lookUp(orb, "here", 5s, "Other");
+    EXPECT_FALSE(none);
 }
 
 TEST_F(OrbTest, AThreadThatTheOrbHasNeverSeenMayLookUp)
@@ -235,8 +242,8 @@ TEST_F(OrbTest, AThreadThatTheOrbHasNeverSeenMayLookUp)
     endpointOf("here", orb.getEndpoint());
     std::thread([&orb] {
         for (int i = 0; i < 2; ++i) {
-            const CORBA::Object_var found = orb.lookupObject(TlxHostname("here"), "Thing", 5s);
-            EXPECT_FALSE(CORBA::is_nil(found));
+            const auto found = lookUp(orb, "here", 5s);
+            EXPECT_TRUE(found);
         }
     }).join();
 }
@@ -254,11 +261,11 @@ class OtherProcess : public QmTest::PeerProcess
     {
         OrbTest::endpointOf("there", endpoint);
         Orb orb(true, "", "S", false, 16);
-        const CORBA::Object_var held = orb.lookupObject(TlxHostname("there"), "Thing", 300ms);
-        if (!CORBA::is_nil(held))
+        const auto held = lookUp(orb, "there", 300ms);
+        if (held)
             return "found too early";
-        const CORBA::Object_var found = orb.lookupObject(TlxHostname("there"), "Thing", 20s);
-        return CORBA::is_nil(found) ? "not found" : "waited";
+        const auto found = lookUp(orb, "there", 20s);
+        return found ? "waited" : found.error().cause;
     }
 };
 
@@ -285,9 +292,9 @@ TEST_F(OrbTest, ASilentPeerCostsNoMoreThanTheLimit)
     Orb orb(true, "", "S", false, 16);
     endpointOf("silent", "127.0.0.1:" + std::to_string(peer.port()));
     const auto start = std::chrono::steady_clock::now();
-    const CORBA::Object_var found = orb.lookupObject(TlxHostname("silent"), "Thing", 500ms);
+    const auto found = lookUp(orb, "silent", 500ms);
     const auto took = std::chrono::steady_clock::now() - start;
-    EXPECT_TRUE(CORBA::is_nil(found));
+    EXPECT_FALSE(found);
     EXPECT_GE(took, 400ms);
     EXPECT_LT(took, 5s); // slack for a busy machine
 }
@@ -298,8 +305,8 @@ TEST_F(OrbTest, AServiceThatWasRestartedIsFoundByTheFirstQuestion)
     Orb orb(true, "", "S", false, 16);
     endpointOf("restarted", "127.0.0.1:" + std::to_string(peer.port()));
     for (int times = 1; times <= 3; ++times) {
-        const CORBA::Object_var found = orb.lookupObject(TlxHostname("restarted"), "Thing", 20s);
-        EXPECT_FALSE(CORBA::is_nil(found));
+        const auto found = lookUp(orb, "restarted", 20s);
+        EXPECT_TRUE(found);
         EXPECT_EQ(peer.answers(), times);
     }
 }
@@ -314,8 +321,8 @@ TEST_F(OrbTest, NobodyListeningIsNil)
     LogCapture log;
     Orb orb(true, "", "S", false, 16);
     endpointOf("gone", "127.0.0.1:" + std::to_string(port));
-    const CORBA::Object_var found = orb.lookupObject(TlxHostname("gone"), "Thing", 5s);
-    EXPECT_TRUE(CORBA::is_nil(found));
+    const auto found = lookUp(orb, "gone", 5s);
+    EXPECT_FALSE(found);
     ASSERT_EQ(log.texts(4).size(), 1u);
     EXPECT_THAT(log.texts(4)[0], StartsWith("No answer from corbaloc:iiop:1.2@127.0.0.1:" +
                                             std::to_string(port) + "/Thing: TRANSIENT"));
@@ -328,17 +335,17 @@ TEST_F(OrbTest, AnAddressThatIsSilentLeavesTheOthersTheirShare)
     const CORBA::Object_var object = orb.activateServant(servant.in());
     orb.advertiseObject("Thing", object);
     orb.serveRequests();
-    Endpoint own;
-    ASSERT_TRUE(parseEndpoint(orb.getEndpoint(), own));
-    const SilentPeer silent(INADDR_LOOPBACK + 1, own.port);
+    const auto own = parseEndpoint(orb.getEndpoint());
+    ASSERT_TRUE(own);
+    const SilentPeer silent(INADDR_LOOPBACK + 1, own->port);
     setResolver([](const std::string&) {
         return std::vector<std::string>{"127.0.0.2", "127.0.0.1"};
     });
-    endpointOf("two", "two.example:" + std::to_string(own.port));
+    endpointOf("two", "two.example:" + std::to_string(own->port));
     const auto start = std::chrono::steady_clock::now();
-    const CORBA::Object_var found = orb.lookupObject(TlxHostname("two"), "Thing", 1s);
+    const auto found = lookUp(orb, "two", 1s);
     setResolver({});
-    EXPECT_FALSE(CORBA::is_nil(found));
+    EXPECT_TRUE(found);
     EXPECT_GE(std::chrono::steady_clock::now() - start, 400ms) << "the silent one was tried";
 }
 
@@ -350,8 +357,10 @@ TEST_F(OrbTest, ThePublishedAddressLeadsBackHere)
     HostConfig::instance().readText(config + "ENDPOINT.other = " + orb.getEndpoint() + "\n",
                                     "qm.conf");
     const LogCapture log;
-    const CORBA::Object_var found = orb.lookupObjectElsewhere(TlxHostname("other"), "Thing", 5s);
-    EXPECT_TRUE(CORBA::is_nil(found));
+    const auto found = orb.lookupObject(
+        {.host = TlxHostname("other"), .name = "Thing", .limit = 5s, .elsewhere = true});
+    ASSERT_FALSE(found);
+    EXPECT_EQ(found.error().cause, "it leads back to this service");
     EXPECT_THAT(log.texts(1),
                 ElementsAre("other leads back to this service: " + orb.getEndpoint()));
 }
