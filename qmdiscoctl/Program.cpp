@@ -28,7 +28,6 @@ using std::chrono::seconds;
 /// For finding the service, its name's resolution included.
 constexpr seconds CONNECT_LIMIT{10};
 constexpr seconds REQUEST_LIMIT{30};
-constexpr std::size_t ORB_HANDLES = 64;
 
 void complain(const std::string& line)
 {
@@ -66,7 +65,7 @@ class Connector
                                                   " it is not running, and the configuration "
                                                   "names no port"));
         try {
-            m_orb = std::make_unique<Tlx::Orb>(true, "", "qmdiscoctl", false, ORB_HANDLES);
+            m_orb = std::make_unique<Tlx::Orb>(true, "", "qmdiscoctl", false);
         } catch (const Tlx::OrbError& error) {
             return tl::unexpected(Failure{EC_FAILURE, escaped(error.what())});
         }

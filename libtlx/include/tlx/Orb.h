@@ -2,7 +2,6 @@
 // The ORB as this system uses it.
 
 #include <chrono>
-#include <cstddef>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -52,10 +51,9 @@ class Orb
     ///        Port 0 takes a free one.
     /// @param serviceName the name of the service this ORB belongs to.
     /// @param evictorEnabled whether there is an evictor.
-    /// @param reactorHandles size of the reactor's table.
     /// @throws OrbError when the ORB cannot be brought up, for instance because the port is in use.
     Orb(bool clientOnly, const std::string& endpoint, const std::string& serviceName,
-        bool evictorEnabled, std::size_t reactorHandles);
+        bool evictorEnabled);
     ~Orb();
     Orb(const Orb&) = delete;
     Orb& operator=(const Orb&) = delete;
@@ -63,7 +61,7 @@ class Orb
     const std::string& getServiceName() const;
     /// The ORB itself. The caller does not release it.
     CORBA::ORB_ptr getOrb() const;
-    /// The reactor. This object owns it.
+    /// The reactor, which serves timers and no handles. This object owns it.
     ACE_Reactor* getReactor() const;
     bool isEvictorEnabled() const;
     /// @throws CORBA::BAD_INV_ORDER unless isEvictorEnabled().
@@ -89,7 +87,7 @@ class Orb
     /// Makes corbaloc:iiop:1.2@HOST:PORT/NAME lead to the object, for clients of any ORB.
     void advertiseObject(const std::string& name, CORBA::Object_ptr object);
 
-    /// Set once the service's objects are advertised.
+    /// Set once the service's objects are advertised. Nothing here asks; hosts built elsewhere do.
     void setPostAdvertised(bool advertised);
     bool isPostAdvertised() const;
 

@@ -20,15 +20,15 @@ namespace Veltrane::Quillmark::Tlx {
 class OrbService
 {
   public:
-    // Compat(reserved-arguments): programs pass log, timerQueue and restart, which this service
-    // does not use. They may override the hooks that it never calls.
+    // Compat(reserved-arguments): programs pass log, reactorHandles, timerQueue and restart, which
+    // this service does not use. They may override the hooks that it never calls.
     /// @param serviceName the name the service is known by; also its ORB's.
     /// @param originator the service logs under it.
     /// @param log reserved, null.
     /// @param foreground whether a person is watching; isForeground() answers it.
     /// @param displayName for messages to people.
     /// @param clientOnly true: the ORB opens no port.
-    /// @param reactorHandles size of the ORB's reactor.
+    /// @param reactorHandles reserved: the reactor has no handles.
     /// @param timerQueue reserved, null: the ORB makes its own.
     OrbService(const char* serviceName, unsigned originator, void* log, bool foreground,
                const char* displayName, bool clientOnly, std::size_t reactorHandles,
@@ -91,7 +91,6 @@ class OrbService
     const unsigned m_originator;
     const bool m_foreground;
     const bool m_clientOnly;
-    const std::size_t m_reactorHandles;
     struct State;
     const std::unique_ptr<State> m_state;
 };

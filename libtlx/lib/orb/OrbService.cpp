@@ -21,10 +21,9 @@ struct OrbService::State
 };
 
 OrbService::OrbService(const char* serviceName, unsigned originator, void*, bool foreground,
-                       const char* displayName, bool clientOnly, std::size_t reactorHandles, void*)
+                       const char* displayName, bool clientOnly, std::size_t, void*)
     : m_serviceName(serviceName), m_displayName(displayName), m_originator(originator),
-      m_foreground(foreground), m_clientOnly(clientOnly), m_reactorHandles(reactorHandles),
-      m_state(std::make_unique<State>())
+      m_foreground(foreground), m_clientOnly(clientOnly), m_state(std::make_unique<State>())
 {
     OrbService* none = nullptr;
     theService.compare_exchange_strong(none, this);
@@ -66,8 +65,7 @@ Orb* OrbService::getOrb()
 {
     const std::lock_guard guard(m_state->mutex);
     if (!m_state->orb)
-        m_state->orb = std::make_unique<Orb>(m_clientOnly, "", m_serviceName, m_evictorEnabled,
-                                             m_reactorHandles);
+        m_state->orb = std::make_unique<Orb>(m_clientOnly, "", m_serviceName, m_evictorEnabled);
     return m_state->orb.get();
 }
 

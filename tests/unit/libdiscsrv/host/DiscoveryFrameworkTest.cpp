@@ -33,7 +33,7 @@ struct DiscoveryFrameworkTest : testing::Test
     }
     void makeOrb(bool evictor = true)
     {
-        orb = std::make_unique<Orb>(false, "127.0.0.1:0", "DiscoveryService", evictor, 16);
+        orb = std::make_unique<Orb>(false, "127.0.0.1:0", "DiscoveryService", evictor);
     }
 
     QmTest::TemporaryDirectory root;

@@ -137,7 +137,7 @@ struct ServiceConnectionTest : testing::Test
 
     FakePeer peer; // forked before anything else
     FakePeer stranger{FakePeer::STRANGER};
-    Orb orb{false, "127.0.0.1:0", "MyService", false, 16};
+    Orb orb{false, "127.0.0.1:0", "MyService", false};
 };
 
 TEST_F(ServiceConnectionTest, ReachesAServiceWhereTheConfigurationSays)

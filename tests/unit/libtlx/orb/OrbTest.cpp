@@ -13,9 +13,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <ace/Event_Handler.h>
-#include <ace/Reactor.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -119,7 +116,7 @@ struct OrbTest : testing::Test
 
 TEST_F(OrbTest, TakesAFreePortAndReportsIt)
 {
-    const Orb orb(false, "127.0.0.1:0", "S", false, 16);
+    const Orb orb(false, "127.0.0.1:0", "S", false);
     EXPECT_THAT(orb.getEndpoint(), StartsWith("127.0.0.1:"));
     EXPECT_NE(orb.getEndpoint(), "127.0.0.1:0");
     EXPECT_EQ(orb.getServiceName(), "S");
@@ -128,7 +125,7 @@ TEST_F(OrbTest, TakesAFreePortAndReportsIt)
 TEST_F(OrbTest, PublishesTheAddressThatTheConfigurationNames)
 {
     HostConfig::instance().readText("PUBLISH_ADDRESS = 192.0.2.7\n", "qm.conf");
-    const Orb orb(false, "127.0.0.1:0", "S", false, 16);
+    const Orb orb(false, "127.0.0.1:0", "S", false);
     EXPECT_THAT(orb.getEndpoint(), StartsWith("192.0.2.7:"));
     EXPECT_NE(orb.getEndpoint(), "192.0.2.7:0");
 }
@@ -136,13 +133,13 @@ TEST_F(OrbTest, PublishesTheAddressThatTheConfigurationNames)
 TEST_F(OrbTest, AnIPv6AddressIsPublishedInBrackets)
 {
     HostConfig::instance().readText("PUBLISH_ADDRESS = 2001:db8::7\n", "qm.conf");
-    const Orb orb(false, "127.0.0.1:0", "S", false, 16);
+    const Orb orb(false, "127.0.0.1:0", "S", false);
     EXPECT_THAT(orb.getEndpoint(), StartsWith("[2001:db8::7]:"));
 }
 
 TEST_F(OrbTest, ListensOnIPv6)
 {
-    Orb orb(false, "[::1]:0", "S", false, 16);
+    Orb orb(false, "[::1]:0", "S", false);
     EXPECT_THAT(orb.getEndpoint(), StartsWith("[::1]:"));
     PortableServer::Servant_var<PlainServant> servant(new PlainServant);
     const CORBA::Object_var object = orb.activateServant(servant.in());
@@ -155,7 +152,7 @@ TEST_F(OrbTest, ListensOnIPv6)
 
 TEST_F(OrbTest, NeverPublishesTheAnyAddress)
 {
-    const Orb orb(false, "0.0.0.0:0", "S", false, 16);
+    const Orb orb(false, "0.0.0.0:0", "S", false);
     EXPECT_FALSE(orb.getEndpoint().empty());
     EXPECT_THAT(orb.getEndpoint(), testing::Not(StartsWith("0.0.0.0")));
     EXPECT_THAT(orb.getEndpoint(), testing::Not(StartsWith(":")));
@@ -166,7 +163,7 @@ TEST_F(OrbTest, ReportsWhyAPortCannotBeUsed)
     const SilentPeer other;
     const std::string endpoint = "127.0.0.1:" + std::to_string(other.port());
     try {
-        const Orb orb(false, endpoint, "S", false, 16);
+        const Orb orb(false, endpoint, "S", false);
         FAIL() << "a port in use was taken";
     } catch (const OrbError& e) {
         EXPECT_EQ(std::string(e.what()),
@@ -177,7 +174,7 @@ TEST_F(OrbTest, ReportsWhyAPortCannotBeUsed)
 TEST_F(OrbTest, AWrongEndpointIsReportedWithTheExpectedForm)
 {
     try {
-        const Orb orb(false, "nonsense", "S", false, 16);
+        const Orb orb(false, "nonsense", "S", false);
         FAIL() << "nonsense was taken";
     } catch (const OrbError& e) {
         EXPECT_EQ(std::string(e.what()), "cannot listen on \"nonsense\": expected ADDRESS:PORT");
@@ -187,18 +184,18 @@ TEST_F(OrbTest, AWrongEndpointIsReportedWithTheExpectedForm)
 TEST_F(OrbTest, ComesUpAgainAfterAFailureAndAfterItsEnd)
 {
     const SilentPeer other;
-    EXPECT_THROW(Orb(false, "127.0.0.1:" + std::to_string(other.port()), "S", false, 16), OrbError);
+    EXPECT_THROW(Orb(false, "127.0.0.1:" + std::to_string(other.port()), "S", false), OrbError);
     {
-        const Orb orb(false, "127.0.0.1:0", "S", false, 16);
+        const Orb orb(false, "127.0.0.1:0", "S", false);
         EXPECT_THAT(orb.getEndpoint(), StartsWith("127.0.0.1:"));
     }
-    const Orb again(false, "127.0.0.1:0", "S", false, 16);
+    const Orb again(false, "127.0.0.1:0", "S", false);
     EXPECT_THAT(again.getEndpoint(), StartsWith("127.0.0.1:"));
 }
 
 TEST_F(OrbTest, AClientOpensNoPortAndServesNothing)
 {
-    Orb orb(true, "", "S", false, 16);
+    Orb orb(true, "", "S", false);
     EXPECT_EQ(orb.getEndpoint(), "");
     EXPECT_FALSE(orb.isEvictorEnabled());
     EXPECT_THROW(orb.getEvictor(), CORBA::BAD_INV_ORDER);
@@ -210,8 +207,8 @@ TEST_F(OrbTest, AClientOpensNoPortAndServesNothing)
 
 TEST_F(OrbTest, WrappersShareOneOrb)
 {
-    const Orb first(false, "127.0.0.1:0", "S", false, 16);
-    const Orb second(true, "", "T", true, 16);
+    const Orb first(false, "127.0.0.1:0", "S", false);
+    const Orb second(true, "", "T", true);
     EXPECT_EQ(first.getOrb(), second.getOrb());
     EXPECT_NE(first.getReactor(), second.getReactor());
     EXPECT_TRUE(second.isEvictorEnabled());
@@ -219,7 +216,7 @@ TEST_F(OrbTest, WrappersShareOneOrb)
 
 TEST_F(OrbTest, AnAdvertisedObjectIsFoundUnderItsName)
 {
-    Orb orb(false, "127.0.0.1:0", "S", false, 16);
+    Orb orb(false, "127.0.0.1:0", "S", false);
     PortableServer::Servant_var<PlainServant> servant(new PlainServant);
     const CORBA::Object_var object = orb.activateServant(servant.in());
     orb.advertiseObject("Thing", object);
@@ -234,7 +231,7 @@ TEST_F(OrbTest, AnAdvertisedObjectIsFoundUnderItsName)
 
 TEST_F(OrbTest, AThreadThatTheOrbHasNeverSeenMayLookUp)
 {
-    Orb orb(false, "127.0.0.1:0", "S", false, 16);
+    Orb orb(false, "127.0.0.1:0", "S", false);
     PortableServer::Servant_var<PlainServant> servant(new PlainServant);
     const CORBA::Object_var object = orb.activateServant(servant.in());
     orb.advertiseObject("Thing", object);
@@ -260,7 +257,7 @@ class OtherProcess : public QmTest::PeerProcess
     static std::string find(const std::string& endpoint)
     {
         OrbTest::endpointOf("there", endpoint);
-        Orb orb(true, "", "S", false, 16);
+        Orb orb(true, "", "S", false);
         const auto held = lookUp(orb, "there", 300ms);
         if (held)
             return "found too early";
@@ -272,7 +269,7 @@ class OtherProcess : public QmTest::PeerProcess
 TEST_F(OrbTest, RequestsWaitUntilTheyAreServed)
 {
     OtherProcess client; // forked before there are threads here
-    Orb orb(false, "127.0.0.1:0", "S", false, 16);
+    Orb orb(false, "127.0.0.1:0", "S", false);
     PortableServer::Servant_var<PlainServant> servant(new PlainServant);
     const CORBA::Object_var object = orb.activateServant(servant.in());
     orb.advertiseObject("Thing", object);
@@ -289,7 +286,7 @@ TEST_F(OrbTest, RequestsWaitUntilTheyAreServed)
 TEST_F(OrbTest, ASilentPeerCostsNoMoreThanTheLimit)
 {
     const SilentPeer peer;
-    Orb orb(true, "", "S", false, 16);
+    Orb orb(true, "", "S", false);
     endpointOf("silent", "127.0.0.1:" + std::to_string(peer.port()));
     const auto start = std::chrono::steady_clock::now();
     const auto found = lookUp(orb, "silent", 500ms);
@@ -302,7 +299,7 @@ TEST_F(OrbTest, ASilentPeerCostsNoMoreThanTheLimit)
 TEST_F(OrbTest, AServiceThatWasRestartedIsFoundByTheFirstQuestion)
 {
     const ForgetfulPeer peer;
-    Orb orb(true, "", "S", false, 16);
+    Orb orb(true, "", "S", false);
     endpointOf("restarted", "127.0.0.1:" + std::to_string(peer.port()));
     for (int times = 1; times <= 3; ++times) {
         const auto found = lookUp(orb, "restarted", 20s);
@@ -319,7 +316,7 @@ TEST_F(OrbTest, NobodyListeningIsNil)
         port = peer.port();
     }
     LogCapture log;
-    Orb orb(true, "", "S", false, 16);
+    Orb orb(true, "", "S", false);
     endpointOf("gone", "127.0.0.1:" + std::to_string(port));
     const auto found = lookUp(orb, "gone", 5s);
     EXPECT_FALSE(found);
@@ -330,7 +327,7 @@ TEST_F(OrbTest, NobodyListeningIsNil)
 
 TEST_F(OrbTest, AnAddressThatIsSilentLeavesTheOthersTheirShare)
 {
-    Orb orb(false, "127.0.0.1:0", "S", false, 16);
+    Orb orb(false, "127.0.0.1:0", "S", false);
     PortableServer::Servant_var<PlainServant> servant(new PlainServant);
     const CORBA::Object_var object = orb.activateServant(servant.in());
     orb.advertiseObject("Thing", object);
@@ -353,7 +350,7 @@ TEST_F(OrbTest, ThePublishedAddressLeadsBackHere)
 {
     const std::string config = "PUBLISH_ADDRESS = 127.0.0.9\n";
     HostConfig::instance().readText(config, "qm.conf");
-    Orb orb(false, "127.0.0.1:0", "S", false, 16);
+    Orb orb(false, "127.0.0.1:0", "S", false);
     HostConfig::instance().readText(config + "ENDPOINT.other = " + orb.getEndpoint() + "\n",
                                     "qm.conf");
     const LogCapture log;
@@ -367,7 +364,7 @@ TEST_F(OrbTest, ThePublishedAddressLeadsBackHere)
 
 TEST_F(OrbTest, DestroyingAReferenceDeactivatesItsObject)
 {
-    Orb orb(false, "127.0.0.1:0", "S", false, 16);
+    Orb orb(false, "127.0.0.1:0", "S", false);
     orb.serveRequests();
     bool destroyed = false;
     PortableServer::Servant_var<PlainServant> servant(new PlainServant(&destroyed));
@@ -384,7 +381,7 @@ TEST_F(OrbTest, DestroyingAReferenceDeactivatesItsObject)
 
 TEST_F(OrbTest, CopesWithARootPoaThatItsServiceDestroyed)
 {
-    Orb orb(false, "127.0.0.1:0", "S", true, 16);
+    Orb orb(false, "127.0.0.1:0", "S", true);
     orb.serveRequests();
     PortableServer::Servant_var<PlainServant> servant(new PlainServant);
     const CORBA::Object_var object = orb.activateServant(servant.in());
@@ -395,48 +392,6 @@ TEST_F(OrbTest, CopesWithARootPoaThatItsServiceDestroyed)
     EXPECT_THROW((void)orb.activateServant(servant.in()), CORBA::SystemException);
     orb.holdRequests();
     orb.serveRequests();
-}
-
-struct Flag : ACE_Event_Handler
-{
-    int handle_timeout(const ACE_Time_Value&, const void*) override
-    {
-        const std::lock_guard guard(mutex);
-        fired = true;
-        thread = std::this_thread::get_id();
-        changed
-            .notify_all(); // under the mutex, because the waiting thread destroys this object next
-        return 0;
-    }
-    bool wait()
-    {
-        std::unique_lock lock(mutex);
-        return changed.wait_for(lock, 10s, [this] { return fired; });
-    }
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool fired = false;
-    std::thread::id thread;
-};
-
-TEST_F(OrbTest, TimersRunOnTheReactorsOwnThread)
-{
-    const Orb orb(true, "", "S", false, 1024);
-    setAceReactor(orb.getReactor());
-    EXPECT_EQ(getAceReactor(), orb.getReactor());
-    Flag flag;
-    ASSERT_NE(ACE_Reactor::instance()->schedule_timer(&flag, nullptr, ACE_Time_Value::zero), -1);
-    EXPECT_TRUE(flag.wait());
-    EXPECT_NE(flag.thread, std::this_thread::get_id());
-}
-
-TEST_F(OrbTest, TheProcessWideReactorGoesWithItsOrb)
-{
-    {
-        const Orb orb(true, "", "S", false, 16);
-        setAceReactor(orb.getReactor());
-    }
-    EXPECT_EQ(getAceReactor(), nullptr);
 }
 
 } // namespace
