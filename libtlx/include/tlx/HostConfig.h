@@ -75,9 +75,6 @@ class HostConfig
     bool readAgain();
     /// Takes the text in place of the file's (tests, fuzzing); name stands in the problems.
     void readText(const std::string& text, const std::string& name);
-    /// Takes the text's lines as if they stood at the end of the file, until the next read. A
-    /// program uses it when its command line overrides the file.
-    void addText(const std::string& text, const std::string& name);
     std::vector<Problem> problems() const;
 
     /// The value; absent when the key is, or when its value was refused.

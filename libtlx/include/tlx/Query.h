@@ -170,9 +170,6 @@ class TlxQuery : public virtual TLXRefCounted, public XmlInterface
     /// "not" turns that into true. A field without a comparison is true when it is a true flag.
     bool matches(const QuerySource& item) const;
 
-    /// The fields that the expression asks about, in lower-case letters, sorted, each once.
-    std::vector<std::string> fieldsAsked() const;
-
     /// Sets the job that asks; null for an unknown one. The query keeps a reference of its own.
     void setJob(const JobExecInfo* job) { m_job.refObject(job); }
     const JobExecInfo* job() const { return m_job.get(); }

@@ -162,16 +162,6 @@ void HostConfig::readText(const std::string& text, const std::string& name)
     m_state->replace(parseConfigText(text, name, m_state->declared()));
 }
 
-void HostConfig::addText(const std::string& text, const std::string& name)
-{
-    ConfigText next = m_state->current()->text();
-    ConfigText more = parseConfigText(text, name, m_state->declared());
-    more.values.merge(next.values); // a key in both keeps its new value
-    next.problems.insert(next.problems.end(), more.problems.begin(), more.problems.end());
-    more.problems = std::move(next.problems);
-    m_state->replace(std::move(more));
-}
-
 std::vector<HostConfig::Problem> HostConfig::problems() const
 {
     return m_state->current()->text().problems;

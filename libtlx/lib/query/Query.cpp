@@ -192,11 +192,6 @@ bool TlxQuery::matches(const QuerySource& item) const
     return !m_expression || m_expression->matches(item);
 }
 
-std::vector<std::string> TlxQuery::fieldsAsked() const
-{
-    return m_expression ? m_expression->fields() : std::vector<std::string>();
-}
-
 // Describing.
 
 bool TlxQuery::isFieldName(std::string_view name)

@@ -256,22 +256,6 @@ TEST(HostConfigTest, AddressesOfBothFamiliesAreTaken)
     EXPECT_EQ(config().endpointOf("2001:db8::1"), (Endpoint{"2001:db8::1", 9}));
 }
 
-TEST(HostConfigTest, AddedLinesGoBeforeTheFilesUntilTheNextRead)
-{
-    HostConfig& config = HostConfig::instance();
-    config.readText("SERVER = a\nCLIENT_NAME = b\nNONSENSE = 1\n", "qm.conf");
-    config.addText("SERVER = c\nENDPOINT.c = [::1]:5\nRUBBISH = 1\n", "--host");
-    EXPECT_EQ(config.getString(ConfigKey::SERVER), "c");
-    EXPECT_EQ(config.placeOf(ConfigKey::SERVER), "--host:1");
-    EXPECT_EQ(config.endpointOf("c"), (Endpoint{"::1", 5}));
-    EXPECT_EQ(config.localHostName(), "b");
-    ASSERT_EQ(config.problems().size(), 2u);
-    EXPECT_EQ(config.problems()[0].file, "qm.conf");
-    EXPECT_EQ(config.problems()[1].file, "--host");
-    config.readText("CLIENT_NAME = b\n", "qm.conf");
-    EXPECT_FALSE(config.getString(ConfigKey::SERVER));
-}
-
 TEST(HostConfigTest, ReadsMayHappenDuringANewRead)
 {
     config().readText("LOG_LEVEL = 2\n", "qm.conf");
