@@ -107,4 +107,19 @@ inline std::string block(const std::string& inner)
     return document("<DISCOVERED><ExplorerData Name='e'>" + inner + "</ExplorerData></DISCOVERED>");
 }
 
+inline const std::string TWO_ITEMS =
+    "<DiscoveredItems><DISCOVERED Name='a'/><DISCOVERED Name='b'/></DiscoveredItems>";
+
+/// The names of the items that are left, in order.
+inline Lines names(Disc::CollectionItemIterator& items)
+{
+    Lines result;
+    while (Disc::CollectionItem* next = items.getNextCollectionItem()) {
+        const Tlx::AutoDereference<Disc::CollectionItem> item(next);
+        const auto* discovered = dynamic_cast<const Disc::DiscoveredItem*>(next);
+        result.push_back(discovered ? discovered->getName() : "?");
+    }
+    return result;
+}
+
 } // namespace QmTest

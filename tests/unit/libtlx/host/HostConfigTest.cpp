@@ -1,65 +1,22 @@
-// The host configuration.
+// The text of the host configuration: its keys, their values and the problems in it.
 
 #include <tlx/HostConfig.h>
 
 #include <array>
 #include <atomic>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <thread>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include "support/TemporaryDirectory.h"
+#include "DeclaredKeys.h"
 
 namespace Veltrane::Quillmark::Tlx {
-
-namespace ConfigKey {
-namespace {
-
-// Keys as a component would declare them.
-constexpr DeclaredKey LOG_LEVEL = DeclaredKey::number("LOG_LEVEL", 0, 9, 1).takenWhileRunning();
-constexpr DeclaredKey LOG_KEEP = DeclaredKey::number("LOG_KEEP", 1, 100, 5);
-constexpr DeclaredKey REPORT_CLIENT_DISCOVERIES = DeclaredKey::boolean("REPORT_CLIENT_DISCOVERIES");
-constexpr DeclaredKey COLOUR = DeclaredKey::text(
-    "COLOUR", [](const std::string& value) { return value == "red" || value == "blue"; },
-    "is no colour, expected for instance red");
-
-} // namespace
-} // namespace ConfigKey
-
 namespace {
 
 using QmTest::Lines;
-
-constexpr std::array KEYS{ConfigKey::LOG_LEVEL, ConfigKey::LOG_KEEP,
-                          ConfigKey::REPORT_CLIENT_DISCOVERIES, ConfigKey::COLOUR};
-
-HostConfig& config()
-{
-    HostConfig& theConfig = HostConfig::instance();
-    theConfig.declare(KEYS);
-    return theConfig;
-}
-
-Lines problems()
-{
-    Lines lines;
-    for (const HostConfig::Problem& problem : config().problems())
-        lines.push_back(problem.toText());
-    return lines;
-}
-
-/// The problems of a text.
-Lines problemsOf(const std::string& text)
-{
-    config().readText(text, "qm.conf");
-    return problems();
-}
 
 // This test comes first, because a root that was set cannot be unset.
 TEST(HostConfigRootTest, IsTheEnvironmentsOrTheProductsOwn)
@@ -73,36 +30,6 @@ TEST(HostConfigRootTest, IsTheEnvironmentsOrTheProductsOwn)
     EXPECT_EQ(config().root(), TlxPathname("/usr/varix/quillmark"));
     config().setRoot("/told");
     EXPECT_EQ(config().root(), TlxPathname("/told"));
-}
-
-TEST(EndpointTest, IsAnAddressAndAPort)
-{
-    EXPECT_EQ(parseEndpoint("backup1.example.com:1"), (Endpoint{"backup1.example.com", 1}));
-    EXPECT_EQ(parseEndpoint("192.0.2.7:65535"), (Endpoint{"192.0.2.7", 65535}));
-    EXPECT_EQ(parseEndpoint("[2001:db8::1]:14400"), (Endpoint{"2001:db8::1", 14400}));
-    EXPECT_EQ(toText(Endpoint{"2001:db8::1", 14400}), "[2001:db8::1]:14400");
-    EXPECT_EQ(toText(Endpoint{"a", 0}), "a:0");
-}
-
-TEST(EndpointTest, AnythingElseIsRefused)
-{
-    for (const char* text : {"", ":", "a", "a:", ":1", "a:x", "a:65536", "a:-1", "a: 1", "a b:1",
-                             "2001:db8::1:1", "[]:1", "[a]:1", "[::1:1", "1.2.3:4", "-a:1", ".a:1"})
-        EXPECT_FALSE(parseEndpoint(text)) << text;
-}
-
-TEST(EndpointTest, ANulByteEndsNoAddress)
-{
-    EXPECT_FALSE(parseEndpoint(std::string("[::1\0x]:1", 10)));
-    EXPECT_FALSE(parseEndpoint(std::string("a\0:1", 4)));
-    EXPECT_FALSE(parseEndpoint(std::string("a:1\0", 4)));
-}
-
-TEST(EndpointTest, AHostNameHasALimit)
-{
-    const std::string longest(255, 'a');
-    EXPECT_EQ(parseEndpoint(longest + ":1"), (Endpoint{longest, 1}));
-    EXPECT_FALSE(parseEndpoint(longest + "a:1"));
 }
 
 TEST(HostConfigTest, AProblemIsReportedWithItsLineIfItHasOne)
@@ -214,7 +141,8 @@ TEST(HostConfigTest, WhatIsNoTextIsAProblemOfItsLineOnly)
               Lines{"qm.conf:1: the line is not UTF-8 text, expected KEY = value"});
     EXPECT_EQ(problemsOf("LOG_LEVEL = 2\x7f\n"),
               Lines{"qm.conf:1: the line holds a control character, expected KEY = value"});
-    EXPECT_EQ(problemsOf(std::string(4097, 'x') + "\nLOG_LEVEL = 3\n"),
+    const std::string tooLong(4097, 'x');
+    EXPECT_EQ(problemsOf(tooLong + "\nLOG_LEVEL = 3\n"),
               Lines{"qm.conf:1: the line is longer than 4096 bytes"});
     EXPECT_EQ(config().number(ConfigKey::LOG_LEVEL), 3u);
     EXPECT_EQ(problemsOf("LOG_LEVEL = 4" + std::string(4083, ' ') + "\r\n"), Lines{});
@@ -341,116 +269,6 @@ TEST(HostConfigTest, ATableCountsOnceHoweverOftenItIsDeclared)
     config().declare(OTHER);
     EXPECT_EQ(config().declaredKeys().size(), before);
     EXPECT_EQ(problemsOf("LOG_LEVEL = 9"), Lines{});
-}
-
-struct HostConfigFileTest : testing::Test
-{
-    HostConfigFileTest()
-    {
-        std::filesystem::create_directory(root / "etc");
-        config().setRoot(root.string());
-    }
-    std::string file() const { return directory.path("etc/qm.conf"); }
-    const QmTest::TemporaryDirectory directory;
-    const std::filesystem::path& root = directory.path();
-};
-
-TEST_F(HostConfigFileTest, IsReadFromTheProductRoot)
-{
-    EXPECT_EQ(config().root(), TlxPathname(root.string()));
-    EXPECT_EQ(config().configFile(), TlxPathname(file()));
-    std::ofstream(file()) << "LOG_LEVEL = 6\nx\n";
-    EXPECT_TRUE(config().read());
-    EXPECT_EQ(config().number(ConfigKey::LOG_LEVEL), 6u);
-    EXPECT_EQ(problems(), Lines{file() + ":2: 'x' is not KEY = value"});
-    EXPECT_EQ(QM_read_master_config(), 0);
-    std::ofstream(file()) << "";
-    EXPECT_TRUE(config().read());
-    EXPECT_EQ(config().number(ConfigKey::LOG_LEVEL), 1u);
-    EXPECT_EQ(problems(), Lines{});
-}
-
-TEST_F(HostConfigFileTest, AFileThatCannotBeReadConfiguresNothingAndIsReportedOnce)
-{
-    config().readText("LOG_LEVEL = 6\n", "before");
-    EXPECT_FALSE(config().read());
-    EXPECT_EQ(problems(), Lines{file() + ": cannot be read: No such file or directory"});
-    EXPECT_EQ(config().number(ConfigKey::LOG_LEVEL), 1u);
-    EXPECT_EQ(QM_read_master_config(), -1);
-    std::filesystem::create_directory(file());
-    EXPECT_FALSE(config().read());
-    EXPECT_EQ(problems(), Lines{file() + ": cannot be read: it is not a regular file"});
-    std::filesystem::remove(file());
-    ASSERT_EQ(::mkfifo(file().c_str(), 0600), 0);
-    EXPECT_FALSE(config().read());
-    EXPECT_EQ(problems(), Lines{file() + ": cannot be read: it is not a regular file"});
-}
-
-TEST_F(HostConfigFileTest, ARunningProcessTakesOnlyTheKeysThatSayIt)
-{
-    std::ofstream(file()) << "LOG_LEVEL = 6\nLOG_KEEP = 6\nSERVER = one\n";
-    EXPECT_TRUE(config().read());
-    std::ofstream(file()) << "\nLOG_LEVEL = 7\nLOG_KEEP = 7\nSERVER = two\nx\n";
-    EXPECT_TRUE(config().readAgain());
-    EXPECT_EQ(config().number(ConfigKey::LOG_LEVEL), 7u);
-    EXPECT_EQ(config().placeOf(ConfigKey::LOG_LEVEL), file() + ":2");
-    EXPECT_EQ(config().number(ConfigKey::LOG_KEEP), 6u);
-    EXPECT_EQ(config().getString(ConfigKey::SERVER), "one");
-    EXPECT_EQ(problems(), Lines{file() + ":5: 'x' is not KEY = value"});
-    // A key that the file has no more goes back to its default.
-    std::ofstream(file()) << "\n";
-    EXPECT_TRUE(config().readAgain());
-    EXPECT_EQ(config().number(ConfigKey::LOG_LEVEL), 1u);
-    EXPECT_EQ(config().number(ConfigKey::LOG_KEEP), 6u);
-    EXPECT_EQ(problems(), Lines{});
-    std::filesystem::remove(file());
-    EXPECT_FALSE(config().readAgain());
-    EXPECT_EQ(config().number(ConfigKey::LOG_KEEP), 6u);
-    EXPECT_EQ(problems(), Lines{file() + ": cannot be read: No such file or directory"});
-}
-
-TEST_F(HostConfigFileTest, WithoutADirectoryThereIsNoFile)
-{
-    std::filesystem::remove_all(root);
-    EXPECT_FALSE(config().read());
-    EXPECT_EQ(problems(), Lines{file() + ": cannot be read: No such file or directory"});
-}
-
-TEST_F(HostConfigFileTest, APermissionThatLacksIsNamed)
-{
-    if (::geteuid() != 0)
-        GTEST_SKIP() << "only root can give its rights up for a while";
-    std::ofstream(file()) << "LOG_LEVEL = 6\n";
-    ASSERT_EQ(::chmod(file().c_str(), 0), 0);
-    ASSERT_EQ(::chmod(root.c_str(), 0755), 0);
-    constexpr uid_t NOBODY = 65534;
-    ASSERT_EQ(::seteuid(NOBODY), 0);
-    const bool read = config().read();
-    ASSERT_EQ(::seteuid(0), 0);
-    EXPECT_FALSE(read);
-    EXPECT_EQ(problems(), Lines{file() + ": cannot be read: Permission denied"});
-    EXPECT_EQ(config().number(ConfigKey::LOG_LEVEL), 1u);
-}
-
-TEST_F(HostConfigFileTest, AHugeFileIsRefused)
-{
-    std::ofstream(file()) << "LOG_LEVEL = 6\n";
-    // The file has a hole, so it takes no space.
-    std::filesystem::resize_file(file(), std::uintmax_t{1} << 40);
-    EXPECT_FALSE(config().read());
-    EXPECT_EQ(problems(), Lines{file() + ": cannot be read: it is larger than 1048576 bytes"});
-    EXPECT_EQ(config().number(ConfigKey::LOG_LEVEL), 1u);
-}
-
-TEST_F(HostConfigFileTest, AnotherRootCountsFromTheNextRead)
-{
-    std::ofstream(file()) << "LOG_LEVEL = 6\n";
-    EXPECT_TRUE(config().read());
-    config().setRoot((root / "other").string());
-    EXPECT_EQ(config().configFile(), TlxPathname((root / "other/etc/qm.conf").string()));
-    EXPECT_EQ(config().number(ConfigKey::LOG_LEVEL), 6u);
-    EXPECT_FALSE(config().read());
-    EXPECT_EQ(config().number(ConfigKey::LOG_LEVEL), 1u);
 }
 
 } // namespace
