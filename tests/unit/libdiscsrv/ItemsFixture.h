@@ -26,6 +26,17 @@ inline Tlx::AutoDereference<Disc::CollectionItemIterator> research(Disc::Collect
         all->getNextCollectionItemIterator(nullptr));
 }
 
+/// The items of the first discovery that matches. Expects that there is one.
+inline Tlx::AutoDereference<Disc::CollectionItemIterator>
+firstItems(Disc::AuthSubIterator* all, const Disc::FilterParameters* filter = nullptr)
+{
+    EXPECT_NE(all, nullptr);
+    Tlx::AutoDereference<Disc::CollectionItemIterator> items(
+        all ? all->getNextCollectionItemIterator(filter) : nullptr);
+    EXPECT_TRUE(items);
+    return items;
+}
+
 /// The items of a document.
 struct ReadItems
 {

@@ -21,6 +21,7 @@
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
+using QmTest::firstItems;
 using QmTest::Lines;
 using QmTest::LogCapture;
 using QmTest::Service;
@@ -105,10 +106,8 @@ TEST(DiscoveryResearcherTest, AsksTheMasterAndListensNowhere)
     const LogCapture log(LOG_LEVEL_FAILURE);
     const AutoDereference<AuthSubIterator> all(
         getAuthSubIterator(DQ_DISCOVERY_DATA, "host1", "*", AT_ANYANDALL));
-    ASSERT_TRUE(all);
     const FilterParameters filter(nullptr, "size > 1");
-    const AutoDereference<CollectionItemIterator> items(
-        all->getNextCollectionItemIterator(&filter));
+    const auto items = firstItems(all.get(), &filter);
     ASSERT_TRUE(items);
     EXPECT_TRUE(items->isParsed());
     EXPECT_EQ(items->getAuthority()->getName(), TlxString("host1"));
@@ -133,9 +132,7 @@ TEST(DiscoveryResearcherTest, KeepsTheItemsBeforeABreakOfADocumentOnTheMaster)
     const LogCapture log(LOG_LEVEL_FAILURE);
     const AutoDereference<AuthSubIterator> all(
         getAuthSubIterator(DQ_DISCOVERY_DATA, "broken", "*", AT_ANYANDALL));
-    ASSERT_TRUE(all);
-    const AutoDereference<CollectionItemIterator> items(
-        all->getNextCollectionItemIterator(nullptr));
+    const auto items = firstItems(all.get());
     ASSERT_TRUE(items);
     EXPECT_FALSE(items->isParsed());
     const AutoDereference<CollectionItem> item(items->getNextCollectionItem());
@@ -159,8 +156,7 @@ TEST(DiscoveryResearcherTest, AsksTheMasterThatTheCallerNames)
     EXPECT_FALSE(getDiscoveryRepository()->isMaster());
     const auto all = researchDiscoveries(DQ_DISCOVERY_DATA, "host1", "*", AT_ANYANDALL);
     ASSERT_TRUE(all);
-    const AutoDereference<CollectionItemIterator> items(
-        (*all)->getNextCollectionItemIterator(nullptr));
+    const auto items = firstItems(all->get());
     ASSERT_TRUE(items);
     EXPECT_TRUE(items->isParsed());
 }

@@ -15,6 +15,7 @@ namespace {
 
 using QmTest::AssertionCapture;
 using QmTest::FakePull;
+using QmTest::firstItems;
 using QmTest::Lines;
 using QmTest::LogCapture;
 using QmTest::names;
@@ -50,9 +51,7 @@ TEST_F(ResearchTest, TheFirstNameIsTheSubjectTheSecondTheAuthority)
     Service::put("host1", "subject1", "<DiscoveredItems/>");
     const AutoDereference<AuthSubIterator> all(
         getAuthSubIterator(DQ_DISCOVERY_DATA, "subject1", "host1", AT_ANYANDALL));
-    ASSERT_TRUE(all);
-    const AutoDereference<CollectionItemIterator> items(
-        all->getNextCollectionItemIterator(nullptr));
+    const auto items = firstItems(all.get());
     ASSERT_TRUE(items);
     EXPECT_EQ(items->getSubject()->getSubject(), TlxString("subject1"));
     EXPECT_EQ(items->getAuthority()->getName(), TlxString("host1"));
@@ -65,10 +64,8 @@ TEST_F(ResearchTest, EmptyNamesAreAny)
     Service::put("subject1", "host1", TWO_ITEMS);
     const AutoDereference<AuthSubIterator> all(
         getAuthSubIterator(DQ_DISCOVERY_DATA, "", "", AT_ANYANDALL));
-    ASSERT_TRUE(all);
-    const AutoDereference<CollectionItemIterator> items(
-        all->getNextCollectionItemIterator(nullptr));
-    EXPECT_TRUE(items);
+    const auto items = firstItems(all.get());
+    ASSERT_TRUE(items);
 }
 
 TEST_F(ResearchTest, AFilterReachesAPullExplorer)
@@ -79,10 +76,8 @@ TEST_F(ResearchTest, AFilterReachesAPullExplorer)
     getDiscoveryRepository()->registerExplorer(&subject, explorer.get(), 1, &authority, true);
     const AutoDereference<AuthSubIterator> all(
         getAuthSubIterator(DQ_FILTER_DATA, "subject1", "host1", AT_ANYANDALL));
-    ASSERT_TRUE(all);
     const FilterParameters filter(nullptr, "a");
-    const AutoDereference<CollectionItemIterator> items(
-        all->getNextCollectionItemIterator(&filter));
+    const auto items = firstItems(all.get(), &filter);
     ASSERT_TRUE(items);
     EXPECT_EQ(names(*items), (Lines{"a", "b"}));
     EXPECT_EQ(explorer->calls,

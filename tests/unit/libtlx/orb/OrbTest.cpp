@@ -59,6 +59,14 @@ class PlainServant : public virtual PortableServer::ServantBase
     bool* const m_destroyed;
 };
 
+/// Makes an object and advertises it as "Thing". The ORB keeps it.
+void advertiseThing(Orb& orb)
+{
+    PortableServer::Servant_var<PlainServant> servant(new PlainServant);
+    const CORBA::Object_var object = orb.activateServant(servant.in());
+    orb.advertiseObject("Thing", object);
+}
+
 /// Answers one question on each connection, "the object is here", and hangs up. A service that is
 /// restarted between two questions looks like this.
 class ForgetfulPeer : public SilentPeer
@@ -141,9 +149,7 @@ TEST_F(OrbTest, ListensOnIPv6)
 {
     Orb orb(false, "[::1]:0", "S", false);
     EXPECT_THAT(orb.getEndpoint(), StartsWith("[::1]:"));
-    PortableServer::Servant_var<PlainServant> servant(new PlainServant);
-    const CORBA::Object_var object = orb.activateServant(servant.in());
-    orb.advertiseObject("Thing", object);
+    advertiseThing(orb);
     orb.serveRequests();
     endpointOf("here", orb.getEndpoint());
     const auto found = lookUp(orb, "here", 5s);
@@ -217,9 +223,7 @@ TEST_F(OrbTest, WrappersShareOneOrb)
 TEST_F(OrbTest, AnAdvertisedObjectIsFoundUnderItsName)
 {
     Orb orb(false, "127.0.0.1:0", "S", false);
-    PortableServer::Servant_var<PlainServant> servant(new PlainServant);
-    const CORBA::Object_var object = orb.activateServant(servant.in());
-    orb.advertiseObject("Thing", object);
+    advertiseThing(orb);
     orb.serveRequests();
     endpointOf("here", orb.getEndpoint());
     const auto found = lookUp(orb, "here", 5s);
@@ -232,9 +236,7 @@ TEST_F(OrbTest, AnAdvertisedObjectIsFoundUnderItsName)
 TEST_F(OrbTest, AThreadThatTheOrbHasNeverSeenMayLookUp)
 {
     Orb orb(false, "127.0.0.1:0", "S", false);
-    PortableServer::Servant_var<PlainServant> servant(new PlainServant);
-    const CORBA::Object_var object = orb.activateServant(servant.in());
-    orb.advertiseObject("Thing", object);
+    advertiseThing(orb);
     orb.serveRequests();
     endpointOf("here", orb.getEndpoint());
     std::thread([&orb] {
@@ -270,9 +272,7 @@ TEST_F(OrbTest, RequestsWaitUntilTheyAreServed)
 {
     OtherProcess client; // forked before there are threads here
     Orb orb(false, "127.0.0.1:0", "S", false);
-    PortableServer::Servant_var<PlainServant> servant(new PlainServant);
-    const CORBA::Object_var object = orb.activateServant(servant.in());
-    orb.advertiseObject("Thing", object);
+    advertiseThing(orb);
     client.tell(orb.getEndpoint());
     // The client gives its first request up. Its second one waits until the service serves.
     std::thread later([&] {
@@ -328,9 +328,7 @@ TEST_F(OrbTest, NobodyListeningIsNil)
 TEST_F(OrbTest, AnAddressThatIsSilentLeavesTheOthersTheirShare)
 {
     Orb orb(false, "127.0.0.1:0", "S", false);
-    PortableServer::Servant_var<PlainServant> servant(new PlainServant);
-    const CORBA::Object_var object = orb.activateServant(servant.in());
-    orb.advertiseObject("Thing", object);
+    advertiseThing(orb);
     orb.serveRequests();
     const auto own = parseEndpoint(orb.getEndpoint());
     ASSERT_TRUE(own);

@@ -98,59 +98,68 @@ struct Script
     }
 };
 
-class FakeData : public DataPages
+/// An iterator whose pages a derived class makes.
+template <class Page>
+class FakePages : public Pages<Page>
 {
   public:
-    explicit FakeData(Script& script) : m_script(script) {}
+    explicit FakePages(Script& script) : m_script(script) {}
     void setPageSize(CORBA::Long size) override
     {
         m_script.call("pageSize " + std::to_string(size));
     }
-    std::unique_ptr<Remote::CollectionDataSeq> next() override
+    std::unique_ptr<Page> next() override
     {
         m_script.call("page");
-        auto page = std::make_unique<Remote::CollectionDataSeq>();
-        if (m_next < m_script.pages.size()) {
-            const std::string& text = m_script.pages[m_next++];
-            page->length(static_cast<CORBA::ULong>(text.size()));
-            std::copy(text.begin(), text.end(), page->get_buffer());
-        }
+        auto page = std::make_unique<Page>();
+        fill(*page);
         return page;
     }
     void release() override { m_script.call("release"); }
 
-  private:
+  protected:
+    virtual void fill(Page& page) = 0;
+
     Script& m_script;
+};
+
+class FakeData : public FakePages<Remote::CollectionDataSeq>
+{
+  public:
+    using FakePages::FakePages;
+
+  private:
+    void fill(Remote::CollectionDataSeq& page) override
+    {
+        if (m_next == m_script.pages.size())
+            return;
+        const std::string& text = m_script.pages[m_next++];
+        page.length(static_cast<CORBA::ULong>(text.size()));
+        std::copy(text.begin(), text.end(), page.get_buffer());
+    }
+
     std::size_t m_next = 0;
 };
 
-class FakeRecords : public RecordPages
+class FakeRecords : public FakePages<Remote::DiscoverySeq>
 {
   public:
-    explicit FakeRecords(Script& script) : m_script(script) {}
-    void setPageSize(CORBA::Long size) override
-    {
-        m_script.call("pageSize " + std::to_string(size));
-    }
-    std::unique_ptr<Remote::DiscoverySeq> next() override
-    {
-        m_script.call("page");
-        auto page = std::make_unique<Remote::DiscoverySeq>();
-        page->length(static_cast<CORBA::ULong>(m_sent ? 0 : m_script.records));
-        m_sent = true;
-        for (CORBA::ULong i = 0; i < page->length(); ++i) {
-            (*page)[i].subject = ("cl" + std::to_string(i)).c_str();
-            (*page)[i].authority = "srv\x1b";
-            (*page)[i].authType = Svc::AT_QMKCLIENT;
-            (*page)[i].sourceHost = "h";
-            (*page)[i].sourceServiceName = "s";
-        }
-        return page;
-    }
-    void release() override { m_script.call("release"); }
+    using FakePages::FakePages;
 
   private:
-    Script& m_script;
+    void fill(Remote::DiscoverySeq& page) override
+    {
+        page.length(static_cast<CORBA::ULong>(m_sent ? 0 : m_script.records));
+        m_sent = true;
+        for (CORBA::ULong i = 0; i < page.length(); ++i) {
+            page[i].subject = ("cl" + std::to_string(i)).c_str();
+            page[i].authority = "srv\x1b";
+            page[i].authType = Svc::AT_QMKCLIENT;
+            page[i].sourceHost = "h";
+            page[i].sourceServiceName = "s";
+        }
+    }
+
     bool m_sent = false;
 };
 
