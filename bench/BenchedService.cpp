@@ -42,7 +42,7 @@ BenchedService::BenchedService()
 
 BenchedService::~BenchedService()
 {
-    ::close(m_control); // what the service waits for
+    ::close(m_control); // the service ends when this end is closed
     int status = 0;
     ::waitpid(m_pid, &status, 0);
     std::filesystem::remove_all(m_root);
@@ -67,7 +67,7 @@ int BenchedService::serve(int report, int control)
         return 1;
     ::close(report);
     char c;
-    while (::read(control, &c, 1) > 0) { // until the other end is closed
+    while (::read(control, &c, 1) > 0) { // wait until the other end is closed
     }
     service.doStop();
     service.doExit();

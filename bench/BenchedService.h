@@ -1,5 +1,5 @@
 #pragma once
-// The service to be measured, in a process of its own.
+// The measured service, in its own process.
 
 #include <filesystem>
 #include <string>
@@ -8,8 +8,8 @@
 
 namespace Veltrane::Quillmark::Bench {
 
-/// A master under a temporary root, which also advertises an "Echo" object. Forks: to be made
-/// before this process has threads. Ends and removes everything with the object.
+/// A master with a temporary root. It also offers an "Echo" object. The constructor forks, so call
+/// it before this process has threads. The destructor ends the service and removes the root.
 class BenchedService
 {
   public:

@@ -1,5 +1,5 @@
 #pragma once
-// Answers with as many bytes as it is asked for, and takes any number.
+// Returns the requested number of bytes, and accepts any number of bytes.
 
 #include <tlx/Corba.h>
 

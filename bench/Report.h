@@ -1,5 +1,5 @@
 #pragma once
-// What a benchmark prints.
+// The results of a benchmark.
 
 #include <chrono>
 #include <functional>
@@ -8,17 +8,17 @@
 
 namespace Veltrane::Quillmark::Bench {
 
-/// One measure beside its floor: both did the same number of operations in the same run.
+/// One measurement and its floor. Both did the same number of operations in the same run.
 struct Row
 {
     std::string name;
-    std::string condition;    ///< "1000 records", "8 clients"
-    unsigned long operations; ///< of each
+    std::string condition;    ///< for example "1000 records" or "8 clients"
+    unsigned long operations; ///< of the measurement, and also of the floor
     double seconds;
     double floorSeconds;
-    unsigned long long bytes = 0; ///< of all operations together, 0 when that tells nothing
+    unsigned long long bytes = 0; ///< of all operations together; 0 if it has no meaning here
 
-    /// How many times longer than its floor it took.
+    /// The time divided by the time of the floor.
     double ratio() const { return floorSeconds > 0 ? seconds / floorSeconds : 0; }
 };
 
@@ -26,16 +26,16 @@ class Report
 {
   public:
     void add(const Row& row);
-    /// The table, on standard output.
+    /// Prints the table on standard output.
     void print() const;
-    /// False when the file cannot be written.
+    /// Writes the results to a file. Returns false on failure.
     bool writeJson(const std::string& path) const;
 
   private:
     std::vector<Row> m_rows;
 };
 
-/// Seconds that the work takes.
+/// Runs the work and returns the seconds that it took.
 double timed(const std::function<void()>& work);
 
 } // namespace Veltrane::Quillmark::Bench

@@ -1,4 +1,4 @@
-// The store at several sizes: put, exact lookup, wildcard scan.
+// Measures the store with different numbers of records: put, exact lookup, wildcard scan.
 
 #include <algorithm>
 #include <cstdio>
@@ -81,7 +81,7 @@ void expect(std::size_t got, std::size_t wanted)
                                  std::to_string(wanted));
 }
 
-/// Records as the store would have written them, without the syncs.
+/// Writes the files of records as the store does, but without the syncs.
 void fill(const path& store, unsigned long from, unsigned long records)
 {
     for (unsigned long i = from; i < records; ++i) {
@@ -123,7 +123,7 @@ void measure(Report& report, const path& store, const path& plain, unsigned long
     report.add({"wildcard scan (record)", condition, records, scan, floorScan});
 }
 
-/// One store, filled further and further.
+/// Measures one store. Adds records before each measurement.
 Report measureAll(const std::vector<unsigned long>& sizes)
 {
     std::string name = (std::filesystem::temp_directory_path() / "qmbench.XXXXXX").string();

@@ -1,4 +1,4 @@
-// The service over the wire: put, query, get, with one and with many clients.
+// Measures the service over the wire: put, query and get, with one client and with many.
 
 #include <atomic>
 #include <cstdio>
@@ -32,7 +32,7 @@ constexpr unsigned long MIB = 1024 * KIB;
 constexpr unsigned long PAGE = MIB; // the largest page that the service sends
 constexpr unsigned long QUERIED = 1000;
 
-/// What the clients call.
+/// The objects that the clients call.
 struct Peer
 {
     Remote::DiscoveryService_var service;
@@ -129,13 +129,13 @@ void echoQuery(const Peer& peer, unsigned long wanted)
 {
     peer.echo->take(Bench::Bytes());
     peer.echo->take(Bench::Bytes());
-    // About what a record takes on the wire.
+    // A record needs about 112 bytes on the wire.
     const Bench::Bytes_var page = peer.echo->give(static_cast<CORBA::ULong>(wanted * 112));
     const Bench::Bytes_var end = peer.echo->give(0);
     peer.echo->take(Bench::Bytes());
 }
 
-/// Shares the operations among clients; what one throws is thrown on.
+/// Divides the operations among the clients. Throws if an operation throws.
 double share(unsigned clients, unsigned long operations,
              const std::function<void(unsigned long)>& operation)
 {

@@ -40,5 +40,6 @@ function(qm_idl_library target idl)
   add_library(${target} STATIC "${dir}/${name}SK.cc" "${dir}/${name}.hh")
   target_include_directories(${target} SYSTEM PUBLIC "$<BUILD_INTERFACE:${dir}>")
   target_link_libraries(${target} PUBLIC PkgConfig::OMNIORB)
-  set_target_properties(${target} PROPERTIES CXX_VISIBILITY_PRESET hidden)
+  set_target_properties(${target} PROPERTIES CXX_VISIBILITY_PRESET hidden
+    CXX_CLANG_TIDY "")
 endfunction()

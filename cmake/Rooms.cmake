@@ -37,6 +37,9 @@ function(qm_room library room)
     target_link_libraries(${target} PUBLIC ${library}_${used})
   endforeach()
   target_link_libraries(${target} PUBLIC ${QM_ROOM_LINK} PRIVATE ${arg_LINK} qm_warnings)
+  # In a unity build the compiler reads several sources as one. Each source defines a LOG_SOURCE, so
+  # CMake makes that name another one in each.
+  set_target_properties(${target} PROPERTIES UNITY_BUILD_UNIQUE_ID LOG_SOURCE)
   set_property(GLOBAL APPEND PROPERTY QM_ROOMS_${library} ${target})
 endfunction()
 

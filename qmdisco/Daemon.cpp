@@ -116,7 +116,7 @@ ExitCode Daemon::live()
         else if (*wanted)
             code = serve();
     } catch (const std::exception& e) {
-        code = fail(unexpected(e)); // and go on: the service must end before ACE
+        code = fail(unexpected(e)); // and continue, because the service must end before ACE
     }
     m_watch->askToStop("the host"); // the limit also holds after a failure
     attempt("destruction", [this] { m_service.reset(); });
@@ -213,7 +213,7 @@ ExitCode Daemon::serve()
         publish("running");
     }
 
-    // After a signal, too: so every stop goes the same way.
+    // Call it after a signal, too, so that every stop has the same steps.
     m_service->stopByEvent(false);
     const std::string reason = "stopping, asked for by " + m_watch->stopReason();
     log(LOG_LEVEL_FAILURE, m_service->getDisplayName() + " is " + reason);
@@ -222,7 +222,7 @@ ExitCode Daemon::serve()
     ExitCode code = EC_OK;
     for (const auto& [name, hook] : {std::pair{"doStop", &Tlx::OrbService::doStop},
                                      std::pair{"doExit", &Tlx::OrbService::doExit}})
-        if (const auto done = step(name, [&] { ((*m_service).*hook)(); }); !done)
+        if (const auto done = step(name, [&, hook = hook] { ((*m_service).*hook)(); }); !done)
             code = fail({EC_UNEXPECTED, done.error().text}); // and go on with the next hook
     return code;
 }
@@ -273,10 +273,10 @@ Result<> Daemon::step(const char* name, const std::function<void()>& work)
     }
 }
 
-void Daemon::attempt(const char* name, const std::function<void()>& work, Where where)
+void Daemon::attempt(const char* name, const std::function<void()>& work, int line)
 {
     if (const auto done = step(name, work); !done)
-        log(LOG_LEVEL_FAILURE, done.error().text, where);
+        log(LOG_LEVEL_FAILURE, done.error().text, line);
 }
 
 void Daemon::tellPerson(const std::string& text) const
@@ -287,21 +287,21 @@ void Daemon::tellPerson(const std::string& text) const
         std::fprintf(stderr, "qmdisco: %s\n", text.c_str());
 }
 
-ExitCode Daemon::fail(const Failure& failure, Where where)
+ExitCode Daemon::fail(const Failure& failure, int line)
 {
-    log(LOG_LEVEL_FAILURE, failure.text, where);
+    log(LOG_LEVEL_FAILURE, failure.text, line);
     tellPerson(failure.text);
     m_manager.failed(failure.text);
     return failure.code;
 }
 
-void Daemon::log(int level, const std::string& text, Where where)
+void Daemon::log(int level, const std::string& text, int line)
 {
     if (!m_logging)
         return; // there is no log yet; failures go to standard error
     Tlx::LoggerFactory::instance()
         .getLogger(Tlx::LOG_ORIGINATOR_PLATFORM)
-        ->log("Daemon::run", level, text + " (../Daemon:" + std::to_string(where.line()) + ")");
+        ->log("Daemon::run", level, text + " (../Daemon:" + std::to_string(line) + ")");
 }
 
 void Daemon::stopLimitReached(const std::string& text)

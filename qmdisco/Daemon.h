@@ -5,7 +5,6 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <source_location>
 #include <string>
 
 #include <tlx/OrbService.h>
@@ -62,8 +61,6 @@ class Daemon
     int run();
 
   private:
-    using Where = std::source_location;
-
     ExitCode host();
     ExitCode live();
     [[nodiscard]] Result<> startLogging();
@@ -78,12 +75,11 @@ class Daemon
     /// Does one step under its name. An exception becomes a failure.
     [[nodiscard]] Result<> step(const char* name, const std::function<void()>& work);
     /// Does one step under its name. It logs a failure and goes on.
-    void attempt(const char* name, const std::function<void()>& work,
-                 Where where = Where::current());
-    ExitCode fail(const Failure& failure, Where where = Where::current());
+    void attempt(const char* name, const std::function<void()>& work, int line = __builtin_LINE());
+    ExitCode fail(const Failure& failure, int line = __builtin_LINE());
     /// Writes a line to standard error, unless the log writes there as well.
     void tellPerson(const std::string& text) const;
-    void log(int level, const std::string& text, Where where = Where::current());
+    void log(int level, const std::string& text, int line = __builtin_LINE());
     void stopLimitReached(const std::string& text);
 
     int wantedLogLevel() const;

@@ -19,8 +19,8 @@ using Tlx::TlxPathname;
 namespace {
 
 /// Returns the process that holds the lock, 0 if it is unknown. It asks the kernel first, because
-/// the file may still hold the pid of a killed daemon. The kernel does not know a holder in another
-/// pid namespace; then it takes the file's content.
+/// the file may still hold the pid of a killed daemon. The kernel does not know a process of
+/// another pid namespace. Then it returns the pid in the file.
 long holderOf(int fd)
 {
     struct flock asked = {};

@@ -25,7 +25,7 @@ ServiceManager::ServiceManager()
     std::uint64_t microseconds = 0;
     if (::sd_watchdog_enabled(0, &microseconds) > 0)
         m_pingInterval = std::chrono::milliseconds(
-            std::clamp<std::uint64_t>(microseconds / 2000, 1, 24u * 3600 * 1000));
+            std::clamp<std::uint64_t>(microseconds / 2000, 1, std::uint64_t{24} * 3600 * 1000));
 }
 
 void ServiceManager::ready(const std::string& status)

@@ -16,7 +16,7 @@ class ServiceManager
     void stopping(const std::string& status);
     void failed(const std::string& status);
 
-    /// Reports that the main thread is alive.
+    /// Reports to the watchdog that the main thread is alive.
     void ping();
     /// The interval for calls of ping; zero if the service manager expects none.
     std::chrono::milliseconds pingInterval() const { return m_pingInterval; }

@@ -69,7 +69,7 @@ std::string toJson(const Status& status)
 
 std::string toIsoTime(long long seconds)
 {
-    const std::time_t time = static_cast<std::time_t>(seconds);
+    const auto time = static_cast<std::time_t>(seconds);
     std::tm local = {};
     ::localtime_r(&time, &local);
     char text[40];

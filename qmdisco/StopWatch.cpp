@@ -16,7 +16,7 @@ namespace Veltrane::Quillmark::Qmdisco {
 namespace {
 
 /// The largest limit. Larger ones could overflow in the calculation of the deadline.
-constexpr std::uint64_t LONGEST_LIMIT = 366u * 24 * 3600;
+constexpr std::uint64_t LONGEST_LIMIT = std::uint64_t{366} * 24 * 3600;
 
 /// The descriptor for the service's wish; -1 without a watch.
 std::atomic<int> s_event{-1};
@@ -161,7 +161,7 @@ void StopWatch::run()
 
 void StopWatch::readSignals()
 {
-    signalfd_siginfo info;
+    signalfd_siginfo info = {};
     while (::read(m_signals.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
         if (info.ssi_signo == static_cast<unsigned>(SIGHUP)) {
             {

@@ -25,13 +25,13 @@ namespace {
 
 using std::chrono::seconds;
 
-/// For finding the service, its name's resolution included.
+/// The limit for finding the service, with the resolution of its name.
 constexpr seconds CONNECT_LIMIT{10};
 constexpr seconds REQUEST_LIMIT{30};
 
 void complain(const std::string& line)
 {
-    // A failure to report a failure can be reported nowhere.
+    // Ignore a failure of this write, because nothing can report it.
     (void)Tlx::writeAll(STDERR_FILENO, "qmdiscoctl: " + line + "\n");
 }
 
@@ -41,7 +41,7 @@ void readConfiguration(const Options& options)
     Tlx::HostConfig& config = Tlx::HostConfig::instance();
     if (!options.root.empty())
         config.setRoot(options.root);
-    // With --host the program also works where no service is installed.
+    // With --host the program also works on a host without an installed service.
     if (!config.read() && !options.host.empty() && ::access(config.configFile().c_str(), F_OK) != 0)
         return;
     for (const Tlx::HostConfig::Problem& problem : config.problems())
@@ -104,12 +104,12 @@ int run(const Options& options)
         .connect = [&connector] { return connector.connect(); },
         .research = [&](auto query, const auto& subject, const auto& authority, auto* filter,
                         const auto& each) -> Result<> {
-            // The connector knows why a service cannot be reached, the researcher does not.
+            // Only the connector knows why a service cannot be reached.
             if (const auto connected = connector.connect(); !connected)
                 return tl::unexpected(connected.error());
             auto done = research.read(query, subject, authority, filter, each);
             if (done)
-                log->take(); // the command reports what was not read
+                log->take(); // the command itself reports the unread discoveries
             return done;
         },
         .out = dataGoesOut ? static_cast<Output&>(data) : text,
@@ -136,9 +136,9 @@ int run(const Options& options)
 int runProgram(int argc, char** argv)
 {
     try {
-        // A closed standard output is a failure of the command, not an answer that nobody reads.
+        // If standard output is closed, the command must fail. Otherwise the answer would get lost.
         Tlx::fillStandardDescriptors(Tlx::MissingStream::FAILS);
-        // A reader that goes away shall be an ordinary error of a write.
+        // If the reader of the output ends, the write must fail with an ordinary error.
         std::signal(SIGPIPE, SIG_IGN);
         const ParsedOptions parsed = parseOptions(argc, argv);
         if (!parsed.end)

@@ -3,7 +3,7 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-/// Runs the command line and answers the exit code.
+/// Runs the command line and returns the exit code.
 int runProgram(int argc, char** argv);
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

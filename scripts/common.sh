@@ -2,7 +2,7 @@
 # shellcheck shell=bash
 
 QM_TOP="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
-QM_PRESETS="dev release asan-ubsan tsan fuzz"
+QM_PRESETS="dev release asan-ubsan tsan fuzz tidy"
 cd "$QM_TOP" || exit 1
 
 # Messages for the person go to stderr, because stdout is for results.

@@ -15,7 +15,7 @@
 
 namespace Veltrane::Quillmark::Explorers {
 
-/// The name of the explorer whose blocks these are.
+/// The name of the explorer that writes these blocks.
 constexpr const char* FILE_SYSTEMS_EXPLORER = "FileSystems";
 
 /// The subject under which hosts publish the fields that a filter of file systems may use.
@@ -38,8 +38,8 @@ struct FileSystem
     std::string type = {};
     std::string options = {};
     bool readOnly = false;
-    /// Bytes. Absent for a network file system, whose server may never answer, and where the
-    /// system does not report it.
+    /// Bytes. Absent if the system does not report them. Also absent for a network file system,
+    /// because its server may never answer.
     std::optional<std::uint64_t> size = std::nullopt;
     std::optional<std::uint64_t> used = std::nullopt;
 };
@@ -48,13 +48,14 @@ struct FileSystem
 std::ostream& writeFileSystem(std::ostream& out, const FileSystem& fileSystem,
                               Tlx::XmlStr::Encoding encoding);
 
-/// Whether an element is one of a block's.
+/// Whether a block has an element of this name.
 bool isFileSystemElement(const XMLCh* name);
 /// Takes the value of one element. An unknown element or a malformed number changes nothing.
 void takeFileSystemElement(FileSystem& fileSystem, const XMLCh* name, const Tlx::TlxString& text);
 
-/// An item's file system, whichever parser has read its block. Absent when the item is from another
-/// explorer or its block lacks device or type. Data that throws is logged at level 1.
+/// Reads the file system of an item. It accepts blocks from every parser. Absent if the item is
+/// from another explorer or its block lacks device or type. If the data throws, it logs that at
+/// level 1.
 [[nodiscard]] std::optional<FileSystem>
 readFileSystem(const Tlx::DiscoverySvc::DiscoveredItem& item);
 

@@ -145,7 +145,7 @@ class DISCSRV_EXPORT DBDiscovery : public Discovery
     /// files.
     bool load(const char* xml);
 
-    /// True if this record may replace the stored record of its key. It first gives up the lock
+    /// True if this record may replace the stored record of its key. It first releases the lock
     /// that this object holds.
     bool canOverride();
 

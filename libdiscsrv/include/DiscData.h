@@ -256,7 +256,7 @@ class DISCSRV_EXPORT Discovery : public XmlDocumentInterface, public virtual TLX
     void endValue(class DiscoveryDocContext& context);
     void refuseDocument(const char* what, const TlxString& value);
 
-    // Destroyed from the last to the first: the collection data goes before what describes it.
+    // Destroyed from the last to the first: the collection data before the parts that describe it.
     std::unique_ptr<Authority> m_authority;
     std::unique_ptr<Subject> m_subject;
     std::unique_ptr<CollectionAttributes> m_attributes;
@@ -289,7 +289,7 @@ class DISCSRV_EXPORT DiscoveryIterator : public virtual TLXRefCounted
 
     ~DiscoveryIterator() override;
 
-    /// For plug-ins: the backends read the members.
+    /// For plug-ins. The backends read the members directly.
     AuthorityType getType() const { return m_type; }
     const std::string& getAuthority() const { return m_authority; }
     const std::string& getSubject() const { return m_subject; }

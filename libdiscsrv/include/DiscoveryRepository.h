@@ -62,8 +62,7 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
     /// Uses the process's link to other hosts.
     DiscoveryRepository();
     /// @param link must outlive this object.
-    /// @param mostExplorers the bound for each kind; further registrations are dropped.
-    explicit DiscoveryRepository(PeerLink& link, std::size_t mostExplorers = MAX_EXPLORERS);
+    explicit DiscoveryRepository(PeerLink& link);
 
     /// Makes a new record: on disk for the master's generic service, on the master for any other
     /// service. Releases the previous object in out; on failure out is empty. Copies subject,
@@ -160,7 +159,7 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
     /// The time of the next push; zero if none is scheduled.
     TlxObjTime getNextPush() const;
 
-    /// Takes a reference and drops the previous one. Null only drops.
+    /// Takes a reference and drops the previous one. With null it only drops the previous one.
     void setDiscoveryFramework(const HostedService* framework);
 
     // These ask the framework. Without one each fails an assertion and returns an empty value, 0 or

@@ -130,7 +130,7 @@ class DISCSRV_EXPORT ExplorerDataParser : public XmlInterface, public virtual TL
     /// Returns the data that the context has collected, or null. The caller releases the reference.
     virtual ExplorerData* getExplorerData(XmlObjParseContext* context) = 0;
 
-    /// Returns the name of the explorer whose data this parser understands; never null.
+    /// Returns the name of the explorer that writes the data for this parser; never null.
     virtual const char* getExplorerParserName() const = 0;
 
     ~ExplorerDataParser() override;

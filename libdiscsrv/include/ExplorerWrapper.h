@@ -32,8 +32,8 @@ class DISCSRV_EXPORT ExplorerWrapper : public virtual TLXRefCounted
     /// The explorer's own state, which every call to the explorer receives.
     AutoDereference<TLXRefCounted>& getExplorerContext() const { return m_explorerContext; }
 
-    /// The path of the library whose entry point registered the explorer; empty for an explorer of
-    /// the service itself.
+    /// The path of the library that registered the explorer; empty for an explorer of the service
+    /// itself.
     const std::string& getLibrary() const { return m_library; }
     /// The explorer's name; "?" when the explorer returned null or threw.
     const std::string& getName() const { return m_name; }

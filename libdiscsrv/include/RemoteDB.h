@@ -124,7 +124,7 @@ class DISCSRV_EXPORT RemoteDiscoveryIterator : public virtual DiscoveryIterator
 
     std::vector<Remote::Discovery_var> m_discoveries;
     std::size_t m_next = 0;
-    std::uint64_t m_bytes = 0; ///< of all texts
+    std::uint64_t m_bytes = 0; ///< the size of all texts
     std::string m_failure;
 };
 

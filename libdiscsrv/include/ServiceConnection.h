@@ -68,8 +68,8 @@ connectToService(Orb* orb, const ServiceAddress& address);
 /// Returns nil on failure and logs it. The caller releases the reference.
 Remote::DiscoveryService_ptr connectToRemoteDS(Orb* orb, const ServiceAddress& address);
 
-/// The same for the address in the configuration. Finding the object takes at most five seconds,
-/// and asking for its type as many.
+/// The same for the address in the configuration. It takes at most five seconds to find the object,
+/// and at most five more to check its type.
 Remote::DiscoveryService_ptr connectToRemoteDS(const TlxHostname& host, Orb* orb,
                                                const char* serviceName);
 

@@ -12,13 +12,12 @@ Result<> runClients(Session& session)
 {
     std::set<std::string> clients;
     const auto add = [&clients](Svc::CollectionItemIterator& items) {
-        // The authority counts, not the fields, nor whether the record can be read.
+        // Only the authority counts. The record may have no fields or be unreadable.
         if (items.getAuthority())
             clients.insert(items.getAuthority()->getName().utf8());
     };
     for (const char* subject : Svc::CLIENT_SUBJECTS)
-        if (const auto done = session.research(Svc::DQ_FILTER_DATA, subject, "*", nullptr, add);
-            !done)
+        if (auto done = session.research(Svc::DQ_FILTER_DATA, subject, "*", nullptr, add); !done)
             return done;
     std::vector<std::vector<std::string>> rows{{"CLIENT"}};
     for (const std::string& client : clients)

@@ -19,26 +19,26 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-/// What a command works with.
+/// The objects that a command uses.
 struct Session
 {
     const Options& options;
     const Target& target;
     const StatusDocument& status;
     std::string localHost; ///< this host's own name
-    /// The service, once it has answered, or why it cannot be reached.
+    /// Returns the service after it has answered, or why it cannot be reached.
     std::function<Result<std::unique_ptr<Service>>()> connect;
-    /// Reads discoveries back, as Research::read.
+    /// Reads discoveries, see Research::read.
     std::function<Result<>(Svc::DiscoveryQuery query, const std::string& subject,
                            const std::string& authority, const Svc::FilterParameters* filter,
                            const EachDiscovery& each)>
         research;
-    /// Where answers go.
+    /// The output for answers.
     Output& out;
     bool outIsTerminal = false;
     bool errorsAreTerminal = false;
 
-    // Time and processes, which tests replace.
+    // Access to time and processes. Tests replace it.
     std::function<std::chrono::steady_clock::time_point()> now;
     std::function<void(std::chrono::milliseconds)> pause;
     std::function<std::int64_t()> epochSeconds;
@@ -60,11 +60,11 @@ struct Session
 [[nodiscard]] Result<> runRefresh(Session& session);
 [[nodiscard]] Result<> runStop(Session& session);
 
-// What the commands share.
+// The functions that commands share.
 
 using Json = nlohmann::ordered_json;
 
-/// The document for programs. It is ASCII, so that no name in it controls a terminal. Bytes that
+/// The text of a JSON document. It is ASCII, so that no name in it controls a terminal. Bytes that
 /// are not UTF-8 become U+FFFD.
 std::string toText(const Json& document);
 

@@ -46,7 +46,7 @@ Result<> runExplorers(Session& session)
     const StatusDocument& status = session.status;
     if (!session.options.host.empty() && !session.target.local)
         return tl::unexpected(Failure{EC_USAGE, "the explorers of " + escaped(session.target.host) +
-                                                    " are told on that host only"});
+                                                    " can be listed on that host only"});
     if (!status.found)
         return tl::unexpected(
             Failure{EC_UNREACHABLE, "the service of this host is not running: there is no " +

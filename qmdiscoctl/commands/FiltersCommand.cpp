@@ -1,4 +1,4 @@
-// The fields that a filter of items may use, merged from what every host publishes.
+// The fields that a filter of items may use. It merges the fields that all hosts publish.
 
 #include <vector>
 
@@ -55,8 +55,7 @@ Result<> runFilters(Session& session)
         Svc::mergeDescriptions(query, items);
     };
     for (const char* subject : Svc::CLIENT_SUBJECTS)
-        if (const auto done = session.research(Svc::DQ_FILTER_DATA, subject, "*", nullptr, add);
-            !done)
+        if (auto done = session.research(Svc::DQ_FILTER_DATA, subject, "*", nullptr, add); !done)
             return done;
     return answer(session, tableOf(query) + textOf(unread),
                   {{"filters", documentOf(query)}, {"unread", documentOf(unread)}});

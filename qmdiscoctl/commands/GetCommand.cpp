@@ -8,10 +8,10 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 
 namespace {
 
-/// Large pages need few round trips. The service may answer with shorter ones.
+/// Large pages need only few round trips. The service may answer with shorter ones.
 constexpr CORBA::Long PAGE_BYTES = 1 << 20;
 
-const char* meaning(Svc::DiscoveryStatus status)
+const char* whyNotRead(Svc::DiscoveryStatus status)
 {
     switch (status) {
     case Svc::DS_NONE_FOUND:
@@ -51,7 +51,7 @@ class Get
 
 Result<> Get::run()
 {
-    // Try first what can fail here, before the service has any work.
+    // First do the steps that can fail on this side, before the service has any work.
     if (isPattern(m_options.subject) || isPattern(m_options.authority))
         return tl::unexpected(refused(Svc::DS_LOGIC_ERROR));
     const bool toFile = !m_options.output.empty();
@@ -65,11 +65,11 @@ Result<> Get::run()
     const auto service = m_session.connect();
     if (!service)
         return tl::unexpected(service.error());
-    if (const auto done = receive(**service, toFile ? *file : m_session.out); !done)
+    if (auto done = receive(**service, toFile ? *file : m_session.out); !done)
         return done;
     if (!toFile)
-        return {}; // standard output gets the data and nothing else
-    if (const auto done = file->finish(); !done)
+        return {}; // standard output gets only the data
+    if (auto done = file->finish(); !done)
         return done;
     return answer(m_session,
                   "wrote " + bytesText(m_received) + " to " + escaped(m_options.output) + "\n",
@@ -82,9 +82,10 @@ Result<> Get::run()
 
 Failure Get::refused(Svc::DiscoveryStatus status) const
 {
-    return {exitCodeOf(status),
-            "cannot read " + escaped(m_options.subject) + " of " + escaped(m_options.authority) +
-                " from " + theService(m_session) + ": " + toName(status) + ", " + meaning(status)};
+    return {exitCodeOf(status), "cannot read " + escaped(m_options.subject) + " of " +
+                                    escaped(m_options.authority) + " from " +
+                                    theService(m_session) + ": " + toName(status) + ", " +
+                                    whyNotRead(status)};
 }
 
 Result<> Get::receive(Service& service, Output& output)
@@ -113,7 +114,7 @@ Result<> Get::receive(Service& service, Output& output)
 
 Result<> Get::receivePages(DataPages& pages, Output& output)
 {
-    // Data on the same terminal shows the progress by itself.
+    // If the data goes to the same terminal, the person sees the progress anyway.
     const bool shown =
         m_session.errorsAreTerminal && !(m_options.output.empty() && m_session.outIsTerminal);
     Progress progress(shown, "get", std::nullopt);
@@ -124,7 +125,7 @@ Result<> Get::receivePages(DataPages& pages, Output& output)
         if (count == 0)
             return {};
         const auto* const bytes = reinterpret_cast<const char*>(page->get_buffer());
-        if (const auto done = output.write({bytes, count}); !done)
+        if (auto done = output.write({bytes, count}); !done)
             return done;
         m_received += count;
         progress.add(count);

@@ -1,5 +1,4 @@
-// The discovered items, read back from all records that are lists of items and from the pulls that
-// answer.
+// The discovered items of all records with lists of items, and of all pulls that answer.
 
 #include <algorithm>
 #include <memory>
@@ -31,7 +30,7 @@ struct Item
     }
 };
 
-/// An item whose data this program does not know; it has a host and a name.
+/// An item of an unknown kind. It has only a host and a name.
 class NamedItemSource : public Tlx::QuerySource
 {
   public:
@@ -99,7 +98,7 @@ void Items::take(Svc::CollectionItemIterator& items)
             continue; // a description of filters is no discovered item
         Item item{host, subject, discovered->getName(), discovered->getExplorerName().utf8(),
                   Explorers::readFileSystem(*discovered)};
-        // Filter here, too: not every explorer selects, and a filter is lost on its way through
+        // Filter here, too. Some explorers do not filter, and a filter gets lost on its way through
         // another host.
         if (matches(m_filter, item))
             m_items.push_back(std::move(item));
@@ -153,7 +152,7 @@ Json Items::document() const
 Result<> runItems(Session& session)
 {
     Items items(session.options.filter);
-    if (const auto done = items.read(session); !done)
+    if (auto done = items.read(session); !done)
         return done;
     return answer(session, items.text(), items.document());
 }

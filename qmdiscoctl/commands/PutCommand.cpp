@@ -13,11 +13,11 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 
 namespace {
 
-/// The bytes of one request: enough that round trips do not matter, and few enough for the limit on
-/// messages of every service.
+/// The bytes of one request. They are enough to make round trips cheap, and fewer than every
+/// service's limit on messages.
 constexpr std::size_t CHUNK_BYTES = 1u << 20;
 
-const char* meaning(Svc::DiscoveryStatus status)
+const char* whyNotStored(Svc::DiscoveryStatus status)
 {
     switch (status) {
     case Svc::DS_OPEN_FAILED:
@@ -73,19 +73,19 @@ class Put
 
 Result<> Put::run()
 {
-    // Try first what can fail here, before the service has any work.
+    // First do the steps that can fail on this side, before the service has any work.
     if (isPattern(m_options.subject) || isPattern(m_options.authority))
         return tl::unexpected(
             Failure{EC_USAGE, "cannot store " + escaped(m_options.subject) + " of " +
                                   escaped(m_options.authority) +
                                   ": * and ? stand for other characters in a query, so "
                                   "nothing could read it by that name"});
-    if (const auto done = m_input.open(m_options.input); !done)
+    if (auto done = m_input.open(m_options.input); !done)
         return done;
     const auto service = m_session.connect();
     if (!service)
         return tl::unexpected(service.error());
-    if (const auto done = send(**service); !done)
+    if (auto done = send(**service); !done)
         return done;
     return answer(m_session,
                   "stored " + bytesText(m_sent) + " as " + escaped(m_options.subject) + " of " +
@@ -98,9 +98,9 @@ Result<> Put::run()
                    {"bytes", m_sent}});
 }
 
-// Close the writer only after everything was sent. The service stores what it has at the close, so
-// an early one would replace a good discovery by half of the data. An unclosed writer stores
-// nothing.
+// Close the writer only after everything was sent. The service stores the received data at the
+// close. So an early close would replace a good discovery by incomplete data. A writer without a
+// close stores nothing.
 Result<> Put::send(Service& service)
 {
     std::unique_ptr<Writer> writer;
@@ -111,7 +111,7 @@ Result<> Put::send(Service& service)
         if (!writer)
             return tl::unexpected(
                 Failure{EC_BROKE_OFF, theService(m_session) + " answered without a writer"});
-        if (const auto done = sendData(*writer); !done)
+        if (auto done = sendData(*writer); !done)
             return done;
     } catch (const CORBA::SystemException& exception) {
         return tl::unexpected(brokeOff(m_session, exception, sentText()));
@@ -154,7 +154,7 @@ Failure Put::refused(Svc::DiscoveryStatus status) const
 {
     std::string text = theService(m_session) + " did not store " + escaped(m_options.subject) +
                        " of " + escaped(m_options.authority) + ": " + toName(status) + ", " +
-                       meaning(status);
+                       whyNotStored(status);
     return {exitCodeOf(status), text};
 }
 

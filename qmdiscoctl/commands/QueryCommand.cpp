@@ -48,7 +48,7 @@ Result<> runQuery(Session& session)
     } catch (const CORBA::SystemException& exception) {
         return tl::unexpected(brokeOff(session, exception));
     }
-    // Print only now, so that half a list never looks like the whole.
+    // Print only now, so that an incomplete list never looks complete.
     return session.out.write(options.json ? toText(documentOf(all)) : tableOf(all));
 }
 

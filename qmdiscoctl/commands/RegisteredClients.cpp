@@ -1,5 +1,5 @@
-// The remote explorers that the master can pull from. It keeps a record of each; the record's data
-// says where the explorer is.
+// The remote explorers that the master can pull from. The master has a record of each explorer. The
+// record's data states where the explorer is.
 
 #include <algorithm>
 #include <compare>
@@ -31,7 +31,7 @@ struct Registered
     friend auto operator<=>(const Registered&, const Registered&) = default;
 };
 
-/// A record whose data does not say where its explorer is.
+/// A record with data that does not state where its explorer is.
 struct Unreadable
 {
     std::string subject;

@@ -11,7 +11,7 @@ using std::chrono::seconds;
 constexpr milliseconds BETWEEN_LOOKS{100};
 constexpr seconds LOOK_LIMIT{1};
 
-/// Whether something still answers there, even if the service itself has gone.
+/// Whether the process still answers, even after the end of the service itself.
 bool answers(Service& service)
 {
     try {
@@ -26,11 +26,11 @@ bool answers(Service& service)
     }
 }
 
-/// Waits until the service is gone; false when the time is up.
+/// Waits until the service has ended. Returns false if the time is up.
 bool waitUntilGone(Session& session, Service& service)
 {
     const auto deadline = session.now() + seconds(session.options.waitSeconds);
-    // The process may still be busy when it answers no more. On this host that can be seen.
+    // The process may still be busy after its last answer. On this host the program can see that.
     const long pid = session.target.local && session.status.isCurrent() ? session.status.pid : 0;
     service.setRequestLimit(LOOK_LIMIT);
     while (answers(service) || (pid != 0 && session.isRunning(pid))) {

@@ -1,5 +1,5 @@
 #pragma once
-// The discoveries that a command could not read back, or not to their ends.
+// The discoveries that a command could not read completely.
 
 #include <string>
 #include <vector>
@@ -19,7 +19,7 @@ struct Unread
 /// Adds the discovery when it was not read to its end.
 void noteUnread(const Svc::CollectionItemIterator& items, std::vector<Unread>& unread);
 
-/// A line for each, sorted.
+/// One line for each discovery, sorted.
 std::string textOf(std::vector<Unread> unread);
 Json documentOf(const std::vector<Unread>& unread);
 

@@ -12,7 +12,7 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 
 namespace {
 
-/// Nothing for a good text, otherwise what is expected in its place.
+/// Returns nothing for a good text, otherwise a line with the expected form.
 std::string expect(bool good, const std::string& expected, const std::string& text)
 {
     return good ? "" : expected + " is expected, not " + quoted(text);
@@ -54,7 +54,7 @@ std::string checkName(const std::string& text)
 
 std::string checkFilter(const std::string& text)
 {
-    if (const std::string wrong = checkUtf8(text); !wrong.empty())
+    if (std::string wrong = checkUtf8(text); !wrong.empty())
         return wrong;
     Tlx::TlxQuery query;
     return query.setQuery(text) ? "" : escaped(query.mistake().toText());

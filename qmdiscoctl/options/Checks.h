@@ -1,5 +1,5 @@
 #pragma once
-// What the text of an option may be.
+// Checks the texts of options.
 
 #include <cstdint>
 #include <functional>
@@ -7,7 +7,7 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-/// Answers what is wrong with a text, as one line for a person; empty when nothing is.
+/// Returns the mistake in a text as one line for a person, empty for a good text.
 using Check = std::function<std::string(const std::string&)>;
 
 Check numberUpTo(std::uint64_t lowest, std::uint64_t highest);

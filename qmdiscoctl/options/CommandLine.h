@@ -1,5 +1,5 @@
 #pragma once
-// The commands and their options, as the parser of the command line knows them.
+// Declares the commands and their options to the parser of the command line.
 
 #include <optional>
 #include <string>
@@ -26,15 +26,15 @@ class CommandLine
 
     // After a parse.
 
-    /// The options, understood.
+    /// The parsed options.
     Options options() const;
-    /// The common option that stands both before the command and after it; empty without one.
+    /// A common option that is given both before and after the command; empty without one.
     std::string givenTwice() const;
     /// "put, query, get, ... and stop".
     static std::string commandNames();
 
   private:
-    /// Options whose text is still to be understood.
+    /// Options with texts that are not parsed yet.
     struct Texts
     {
         std::string type;

@@ -9,7 +9,7 @@ namespace {
 constexpr std::size_t COLUMNS = 80;
 constexpr std::size_t NAME_COLUMNS = 22;
 
-/// A name and its description beside it.
+/// One line of the help: a name and its description.
 std::string entry(const std::string& name, const std::string& description)
 {
     const std::string indent(NAME_COLUMNS, ' ');
@@ -49,7 +49,7 @@ std::string HelpFormatter::make_help(const CLI::App* app, std::string name,
                                      CLI::AppFormatMode mode) const
 {
     std::string text = CLI::Formatter::make_help(app, std::move(name), mode);
-    for (std::size_t at; (at = text.find("\n\n\n")) != std::string::npos;)
+    for (std::size_t at = 0; (at = text.find("\n\n\n")) != std::string::npos;)
         text.erase(at, 1);
     return text;
 }

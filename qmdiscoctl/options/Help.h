@@ -1,12 +1,12 @@
 #pragma once
-// How --help looks.
+// The form of --help.
 
 #include <CLI/CLI.hpp>
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
 /// The parser's formatter, with lines that fit a terminal of 80 columns and one blank line between
-/// groups. The usage line shows what is required.
+/// groups. The usage line shows the required arguments.
 class HelpFormatter : public CLI::Formatter
 {
   public:

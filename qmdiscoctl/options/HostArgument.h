@@ -1,5 +1,5 @@
 #pragma once
-// What --host says.
+// The value of --host.
 
 #include <cstdint>
 #include <optional>

@@ -21,7 +21,7 @@ std::string authorityTypeNames();
 std::string queryTypeNames();
 
 /// Whether a subject or authority holds a wildcard ("%2A" is a "*", too). A query accepts it, but
-/// no single record can be named by it.
+/// it cannot name a single record.
 bool isPattern(const std::string& name);
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

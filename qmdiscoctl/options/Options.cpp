@@ -10,7 +10,7 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 namespace {
 
 /// A message of the parser as one line. It may quote an argument. Its backslashes stay, because
-/// they are our own escapes.
+/// this program's own escapes use them.
 std::string oneLine(std::string text)
 {
     std::replace(text.begin(), text.end(), '\n', ' ');
@@ -18,12 +18,12 @@ std::string oneLine(std::string text)
         text.pop_back();
     std::string result;
     std::size_t from = 0;
-    for (std::size_t to; (to = text.find('\\', from)) != std::string::npos; from = to + 1)
+    for (std::size_t to = 0; (to = text.find('\\', from)) != std::string::npos; from = to + 1)
         result += escaped(text.substr(from, to - from)) + '\\';
     return result + escaped(text.substr(from));
 }
 
-/// What is wrong with a line that the parser refused.
+/// The mistake in a command line that the parser refused.
 std::string problemOf(const CLI::App& app, const CLI::ParseError& error)
 {
     const bool commandFound = !app.get_subcommands().empty();

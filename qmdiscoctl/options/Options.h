@@ -32,7 +32,7 @@ struct Options
     std::string root; ///< empty: not given
     bool json = false;
 
-    // Some commands have these. One that was not given has the command's default.
+    // Some commands have these. An option that is not given has the command's default.
     std::string subject;
     std::string authority;
     Svc::AuthorityType type = Svc::AT_ANYANDALL;

@@ -8,7 +8,7 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 
 namespace {
 
-/// What an exception means to a person.
+/// The explanations of exceptions for a person.
 constexpr struct
 {
     std::string_view exception;

@@ -11,7 +11,7 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-/// A record as it stands in a list. The wire leaves query type and attributes unset there.
+/// A record in a list. Lists contain no query type and no attributes.
 struct Record
 {
     std::string subject;
@@ -26,12 +26,11 @@ struct Record
 Remote::Discovery recordNamed(const std::string& subject, const std::string& authority,
                               Svc::AuthorityType type, Svc::DiscoveryQuery query);
 
-/// The whole list, sorted: the service lists records in the order of its directory, which means
-/// nothing to a person. Frees the iterator.
+/// Returns the whole list, sorted, because the service's order has no meaning for a person. Frees
+/// the iterator.
 std::vector<Record> readList(RecordPages& pages, std::int32_t recordsPerPage);
 
-/// Reads the whole data of a small record, and frees the iterator. Absent when there is more than
-/// the limit.
+/// Reads all data of a small record, and frees the iterator. Absent if the data exceeds the limit.
 [[nodiscard]] std::optional<std::string> readData(DataPages& pages, std::size_t limit);
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -6,8 +6,8 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-// The researcher asks the master. Here that is the target of all commands, where it listens.
-// Records of this host carry its own name, whatever name the target has.
+// The researcher asks the master. Here the target of all commands takes the place of the master.
+// The records of this host always have its own name, even if the target has another name.
 bool Research::begin()
 {
     if (m_begun)

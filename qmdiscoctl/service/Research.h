@@ -1,5 +1,5 @@
 #pragma once
-// Reading discoveries back in this process, with the service library's researcher.
+// Reads discoveries in this process, with the researcher of the service library.
 
 #include <functional>
 #include <string>
@@ -12,19 +12,19 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-/// Takes one discovery that was read back. Where it was not read to its end, items.getFailure() has
+/// Handles one discovery after it was read. If it was not read to its end, items.getFailure() has
 /// the reason.
 using EachDiscovery = std::function<void(Svc::CollectionItemIterator& items)>;
 
-/// Has the researcher speak to one service, whatever the configuration names as the master.
+/// Makes the researcher use one service, even if the configuration names another master.
 class Research
 {
   public:
     /// Keeps the reference.
     explicit Research(const Target& target) : m_target(target) {}
 
-    /// Reads every discovery that matches. The service has been reached before. Patterns and filter
-    /// are those of getAuthSubIterator and getNextCollectionItemIterator.
+    /// Reads every discovery that matches. Call it only after the service has answered. Patterns
+    /// and filter are those of getAuthSubIterator and getNextCollectionItemIterator.
     [[nodiscard]] Result<> read(Svc::DiscoveryQuery query, const std::string& subject,
                                 const std::string& authority, const Svc::FilterParameters* filter,
                                 const EachDiscovery& each);

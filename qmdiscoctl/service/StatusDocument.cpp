@@ -12,10 +12,11 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 namespace {
 
 constexpr std::size_t MAX_BYTES = 1u << 20;
-/// Far deeper than the service writes, and shallow enough for the stack of parser and printer.
+/// The service writes much less depth. The stack of parser and printer is large enough for this
+/// depth.
 constexpr int MAX_DEPTH = 32;
 
-/// The document in a text; a discarded value when the text is not one.
+/// Parses a text. Returns a discarded value if the text is no JSON document.
 nlohmann::ordered_json parse(const std::string& text)
 {
     bool tooDeep = false;
@@ -44,8 +45,8 @@ bool isRunning(long pid)
         return errno == EPERM;
     const auto stat = Tlx::readWholeFile("/proc/" + std::to_string(pid) + "/stat", MAX_BYTES);
     if (!stat)
-        return true; // no /proc to ask
-    // "PID (NAME) STATE ...", and the name may hold any character.
+        return true; // /proc is missing
+    // The form is "PID (NAME) STATE ...", and the name may contain any character.
     const std::size_t name = stat->rfind(')');
     const bool ended = name != std::string::npos && name + 2 < stat->size() &&
                        std::string_view("ZX").find((*stat)[name + 2]) != std::string_view::npos;

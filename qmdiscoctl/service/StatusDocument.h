@@ -1,6 +1,6 @@
 #pragma once
-// run/status.json under the product root: what the service of this host reports about itself,
-// beside the wire contract.
+// run/status.json under the product root: what the service of this host reports about itself. The
+// wire contract does not have these figures.
 
 #include <string>
 
@@ -14,7 +14,7 @@ struct StatusDocument
 {
     std::string path;
     bool found = false;
-    /// Why the document cannot be used although it exists; empty when it can.
+    /// Why the existing document cannot be used; empty if it can be used.
     std::string problem;
     /// All of its members, also those that this program does not know.
     nlohmann::ordered_json members = nlohmann::ordered_json::object();
@@ -25,14 +25,14 @@ struct StatusDocument
 
     /// Whether the document exists, can be read, and its process runs.
     bool isCurrent() const { return found && problem.empty() && !stale; }
-    /// A member that is a text; empty when it is missing or of another kind.
+    /// Returns a member of type text; empty if it is missing or has another type.
     std::string text(const std::string& name) const;
 };
 
-/// Does not fail: the result says what is wrong.
+/// Does not fail. The result contains the problem.
 StatusDocument readStatusDocument(const Tlx::TlxPathname& root);
 
-/// Whether a process runs. One that has ended and waits for its parent does not.
+/// Whether a process runs. A process that has ended and waits for its parent does not run.
 bool isRunning(long pid);
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

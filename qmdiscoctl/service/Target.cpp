@@ -8,7 +8,7 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 
 namespace {
 
-/// Where to connect to a service that listens on an endpoint.
+/// The endpoint to connect to, for a service that listens on an endpoint.
 Tlx::Endpoint reachable(Tlx::Endpoint endpoint)
 {
     if (endpoint.address == "0.0.0.0")

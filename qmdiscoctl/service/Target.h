@@ -11,14 +11,14 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 
 struct Target
 {
-    std::string host;       ///< as a person names it
-    Tlx::Endpoint endpoint; ///< where its service listens; port 0 when that is not known
+    std::string host;       ///< the name that the person gave
+    Tlx::Endpoint endpoint; ///< where its service listens; port 0 if unknown
     bool local = false; ///< whether it is the service that this host's status document describes
 };
 
-/// The service that the arguments mean. Without a host it is the one that SERVER of the
-/// configuration names, or else this host's. The status document says where this host's service
-/// listens while it runs; otherwise the configuration does. May resolve names, for at most 5
+/// Returns the service that a command must use. Without a host it is the service that SERVER in the
+/// configuration names, or else this host's service. While this host's service runs, the status
+/// document has its endpoint. Otherwise the configuration has it. May resolve names, for at most 5
 /// seconds.
 Target findTarget(const std::string& hostArgument, const Tlx::HostConfig& config,
                   const StatusDocument& status);

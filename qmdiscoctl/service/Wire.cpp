@@ -27,7 +27,7 @@ class OrbPages : public Pages<Page>
 class OrbWriter : public Writer
 {
   public:
-    explicit OrbWriter(Remote::RemoteWriter_var writer) : m_writer(writer) {}
+    explicit OrbWriter(const Remote::RemoteWriter_var& writer) : m_writer(writer) {}
     bool put(const Remote::CollectionDataSeq& data) override { return m_writer->put(data); }
     Svc::DiscoveryResult close() override { return m_writer->close(); }
 
@@ -38,7 +38,8 @@ class OrbWriter : public Writer
 class OrbService : public Service
 {
   public:
-    OrbService(Tlx::Orb& orb, Remote::DiscoveryService_var service) : m_orb(orb), m_service(service)
+    OrbService(Tlx::Orb& orb, const Remote::DiscoveryService_var& service)
+        : m_orb(orb), m_service(service)
     {
     }
 
@@ -106,7 +107,7 @@ Result<std::unique_ptr<Service>> connect(Tlx::Orb& orb, const Target& target, se
     address.host = Tlx::TlxHostname(target.host);
     address.endpoint = target.endpoint;
     address.limit = limit;
-    address.elsewhere = false; // this process serves nothing, so no address leads back to it
+    address.elsewhere = false; // this process is no server, so no address leads back to it
     const auto service = Svc::connectToService(&orb, address);
     if (!service)
         return tl::unexpected(unreachable(target.host, target.endpoint, explain(service.error())));

@@ -47,7 +47,7 @@ class Service
   public:
     virtual ~Service() = default;
 
-    // An object is null when the service answers a nil reference.
+    // The returned object is null if the service returned a nil reference.
     virtual std::unique_ptr<RecordPages> queryDiscoveries(Svc::DiscoveryQuery queryType,
                                                           Svc::AuthorityType type,
                                                           const std::string& authority,
@@ -63,18 +63,19 @@ class Service
 
     /// Asks only whether the service answers.
     virtual void ping() = 0;
-    /// How long each request may take from now on.
+    /// Sets the limit for each later request.
     virtual void setRequestLimit(std::chrono::seconds limit) = 0;
 };
 
-/// The service of a host, once it has answered, or why it cannot be reached. Finding it, the name's
-/// resolution included, takes no longer than the limit, and neither does asking what it is.
+/// Returns the service of a host after it has answered, or why it cannot be reached. The limit
+/// holds for finding the service, with the resolution of its name. The check of its type has the
+/// same limit again.
 [[nodiscard]] Result<std::unique_ptr<Service>> connect(Tlx::Orb& orb, const Target& target,
                                                        std::chrono::seconds limit);
 
 /// Why a request failed, for people, with the exception's own name.
 std::string explain(const CORBA::SystemException& exception);
-/// Why there is no connection, in the same words.
+/// Why there is no connection, for people.
 std::string explain(const Svc::ConnectFailure& failure);
 
 /// "cannot reach the discovery service on HOST (ADDRESS:PORT): REASON".

@@ -1,5 +1,5 @@
 #pragma once
-// How the command line ends. Scripts rely on the codes; --help prints them.
+// The exit codes. Scripts rely on them, and --help prints them.
 
 #include <string>
 

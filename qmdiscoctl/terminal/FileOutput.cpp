@@ -28,8 +28,8 @@ Failure cannot(const char* what, const std::string& path, const std::error_code&
             std::string("cannot ") + what + " " + escaped(path) + ": " + error.message()};
 }
 
-/// Removes the temporary file when a signal ends the program. There is one file at a time; a
-/// handler may do no more than look at plain memory and call unlink.
+/// Removes the temporary file when a signal ends the program. There is at most one such file. A
+/// signal handler may only read plain memory and call unlink.
 class SignalCleanup
 {
   public:
@@ -43,7 +43,7 @@ class SignalCleanup
             action.sa_handler = &removeAndEnd;
             sigemptyset(&action.sa_mask);
             ::sigaction(SIGNALS[i], nullptr, &m_before[i]);
-            // A caller that had a signal ignored (nohup) wants that.
+            // If the caller ignores a signal (nohup), keep ignoring it.
             if (m_before[i].sa_handler != SIG_IGN)
                 ::sigaction(SIGNALS[i], &action, nullptr);
         }
@@ -114,7 +114,7 @@ class FileOutput : public Output
         if (!m_finished)
             ::unlink(m_temporary.path.c_str());
     }
-    /// Answers false with errno set.
+    /// Returns false and sets errno on failure.
     bool setMode(mode_t mode) { return ::fchmod(m_temporary.descriptor.get(), mode) == 0; }
 
     Result<> write(std::string_view bytes) override

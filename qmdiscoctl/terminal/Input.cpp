@@ -32,7 +32,7 @@ Result<> Input::open(const std::string& name)
         return tl::unexpected(cannot("open", Tlx::systemError(errno)));
     if (S_ISDIR(about.st_mode))
         return tl::unexpected(cannot("read", Tlx::systemError(EISDIR)));
-    // What the kernel makes while it is read (in /proc, say) has size 0.
+    // A file that the kernel makes during the read, for instance in /proc, has size 0.
     if (S_ISREG(about.st_mode) && about.st_size > 0) {
         const off_t done = ::lseek(m_read, 0, SEEK_CUR);
         if (done >= 0 && done <= about.st_size)

@@ -17,10 +17,10 @@ class Input
 {
   public:
     [[nodiscard]] Result<> open(const std::string& name);
-    /// How much there is to read, where that is known.
+    /// The number of bytes to read, if it is known.
     std::optional<std::uint64_t> size() const { return m_size; }
-    /// Fills the buffer with the next bytes, and answers their count. It is less than the buffer's
-    /// size only at the end.
+    /// Reads the next bytes and returns their count. It fills the buffer unless the data ends. At
+    /// the end the count is 0.
     [[nodiscard]] Result<std::size_t> read(std::vector<unsigned char>& buffer);
 
   private:
@@ -28,7 +28,7 @@ class Input
 
     std::string m_name;
     Tlx::FileDescriptor m_file; ///< none for standard input
-    int m_read = -1;            ///< where the data comes from
+    int m_read = -1;            ///< the descriptor of the data
     std::optional<std::uint64_t> m_size;
 };
 

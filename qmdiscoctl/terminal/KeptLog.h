@@ -1,5 +1,6 @@
 #pragma once
-// What the libraries log. The program prints it after a failure, as details for a person.
+// Keeps the log lines of the libraries. After a failure the program prints them as details for a
+// person.
 
 #include <deque>
 #include <mutex>

@@ -9,7 +9,7 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 
 namespace {
 
-/// Whether a terminal shows the byte, or part of a character, and does not obey it.
+/// Whether the byte is text for a terminal, or a part of a character, and not a control.
 bool isHarmless(char before, char c)
 {
     if (c == '\n' || c == '\t' || c == '\r')

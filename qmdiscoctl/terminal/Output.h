@@ -1,5 +1,5 @@
 #pragma once
-// Where the data of a get, and every other answer, goes.
+// The outputs for the data of a get and for every other answer.
 
 #include <memory>
 #include <string>
@@ -14,7 +14,7 @@ class Output
   public:
     virtual ~Output() = default;
     [[nodiscard]] virtual Result<> write(std::string_view bytes) = 0;
-    /// Makes what was written final; nothing is written after it.
+    /// Completes the output. Write nothing after it.
     [[nodiscard]] virtual Result<> finish() = 0;
 };
 
@@ -26,8 +26,8 @@ class StandardOutput : public Output
     [[nodiscard]] Result<> finish() override { return {}; }
 };
 
-/// Standard output for data that may be anything. On a terminal it is refused unless it is text:
-/// control characters in it would be obeyed by the terminal.
+/// Standard output for any kind of data. On a terminal it refuses data that is not text, because
+/// the terminal would obey control characters.
 class StandardDataOutput : public StandardOutput
 {
   public:
@@ -39,10 +39,10 @@ class StandardDataOutput : public StandardOutput
     char m_last = '\0';
 };
 
-/// A file that appears under its name complete or not at all. It is written beside, synced, and
-/// renamed into place by finish. Without finish nothing stays behind, also when a signal ends the
-/// program. An existing file keeps its permissions, and a symbolic link still leads to it. A device
-/// or pipe is written to directly.
+/// A file that appears under its name only when it is complete. The data goes to a temporary file
+/// in the same directory. finish syncs and renames it. Without finish no file stays behind, also if
+/// a signal ends the program. An existing file keeps its permissions, and a symbolic link still
+/// leads to it. Data for a device or a pipe goes there directly.
 [[nodiscard]] Result<std::unique_ptr<Output>> makeFileOutput(const std::string& name);
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -43,12 +43,12 @@ std::string progressLine(const std::string& what, std::uint64_t done,
                          std::optional<std::uint64_t> total, std::chrono::duration<double> elapsed,
                          std::size_t width)
 {
-    const double bytes = static_cast<double>(done);
+    const auto bytes = static_cast<double>(done);
     const double rate = elapsed.count() > 0 ? bytes / elapsed.count() : 0;
     std::string line = what;
     std::string amount = "  " + shortBytesText(bytes);
     if (total && *total > 0) {
-        const double all = static_cast<double>(*total);
+        const auto all = static_cast<double>(*total);
         // A file may grow while it is read.
         const double part = std::min(bytes / all, 1.0);
         const std::string percent = std::to_string(static_cast<int>(part * 100));

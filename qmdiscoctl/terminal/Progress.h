@@ -1,5 +1,5 @@
 #pragma once
-// How far a long transfer has come, for a person at a terminal.
+// Shows the progress of a long transfer to a person at a terminal.
 
 #include <chrono>
 #include <cstdint>
@@ -9,14 +9,14 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-/// One line, no wider than the terminal. It has a bar when the total is known, and only the amount
-/// otherwise.
+/// Makes one line that fits the terminal. With a known total it has a bar, otherwise only the
+/// amount.
 std::string progressLine(const std::string& what, std::uint64_t done,
                          std::optional<std::uint64_t> total, std::chrono::duration<double> elapsed,
                          std::size_t width);
 
-/// Draws that line again and again on standard error. Shows nothing unless enabled, and nothing for
-/// a short transfer. Erases the line at its end. Used by one thread.
+/// Draws that line again and again on standard error, if it is enabled. It shows nothing for a
+/// short transfer. It erases the line at the end. One thread uses it.
 class Progress
 {
   public:
@@ -25,7 +25,7 @@ class Progress
 
     /// @param enabled whether a person looks at standard error.
     Progress(bool enabled, std::string what, std::optional<std::uint64_t> total);
-    /// With the caller's clock and terminal (tests).
+    /// Uses the caller's clock and terminal, for tests.
     Progress(std::string what, std::optional<std::uint64_t> total,
              std::function<Clock::time_point()> now, std::size_t width, Draw draw);
     ~Progress();

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <iterator>
 
-#include <locale.h>
-#include <wchar.h>
+#include <clocale>
+#include <cwchar>
 
 #include <fmt/format.h>
 
@@ -30,7 +30,7 @@ std::string escape(char32_t c)
     }
 }
 
-/// Widths do not depend on the locale of the process.
+/// The width of a character. It does not depend on the locale of the process.
 int columnsOf(char32_t c)
 {
     static const locale_t utf8 = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
@@ -95,7 +95,7 @@ std::string shortBytesText(double bytes)
     return fmt::format("{:.1f} {}", value, units[unit]);
 }
 
-/// A name may have any length. A longer one than this does not widen its column.
+/// The widest column. A longer name does not widen its column.
 constexpr std::size_t MAX_COLUMN = 100;
 
 std::string formatTable(const std::vector<std::vector<std::string>>& rows)

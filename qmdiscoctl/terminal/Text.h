@@ -1,5 +1,5 @@
 #pragma once
-// Text from other sources, made fit for a terminal.
+// Prepares text from other sources for a terminal.
 
 #include <string>
 #include <string_view>
@@ -21,7 +21,7 @@ std::string bytesText(unsigned long long bytes);
 std::string shortBytesText(double bytes);
 
 /// Rows as columns with two blanks between them. Each cell is escaped; an empty cell shows as "-".
-/// Every row has as many cells as the first. A very long cell does not widen its column.
+/// All rows have the same number of cells. A very long cell does not widen its column.
 std::string formatTable(const std::vector<std::vector<std::string>>& rows);
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

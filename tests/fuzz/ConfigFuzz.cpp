@@ -1,4 +1,4 @@
-// The host configuration's text, which anybody may have edited.
+// Fuzzes the text of the host configuration. People edit it, so it may contain anything.
 
 #include <cstddef>
 #include <cstdint>
@@ -30,7 +30,7 @@ void requireWithin(const DeclaredKey& key, std::uint64_t lowest, std::uint64_t h
     require(HostConfig::instance().getNumber(key).value_or(number) == number);
 }
 
-// What is told about an endpoint must be readable as the same endpoint.
+// The text of an endpoint must parse to the same endpoint.
 void requireReadable(const Endpoint& endpoint)
 {
     require(parseEndpoint(toText(endpoint)) == endpoint);
@@ -38,12 +38,12 @@ void requireReadable(const Endpoint& endpoint)
 
 void requireProblems(const std::vector<HostConfig::Problem>& problems)
 {
-    require(problems.size() <= 101); // a hostile file is no hostile log
+    require(problems.size() <= 101); // a hostile file must not flood the log
     unsigned last = 0;
     for (const HostConfig::Problem& problem : problems) {
         require(problem.file == "qm.conf" && problem.toText().starts_with("qm.conf:"));
         require(problem.toText().ends_with(problem.text) && !problem.text.empty());
-        // One line each, in the file's order.
+        // Each problem has one line, in the order of the file.
         require(problem.text.find_first_of("\r\n") == std::string::npos);
         require(problem.line == 0 ? problems.size() == 1 : problem.line > last);
         last = problem.line;
@@ -59,7 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     HostConfig& config = HostConfig::instance();
     config.readText(text, "qm.conf");
     requireProblems(config.problems());
-    // Whatever stood there, what is answered is usable.
+    // For any text, the values must be in their ranges.
     requireWithin(ConfigKey::LOG_LEVEL, 0, 9);
     requireWithin(ConfigKey::LOG_MAX_BYTES, 4096, std::uint64_t{1} << 40);
     requireWithin(ConfigKey::LOG_KEEP, 0, 100);

@@ -1,6 +1,6 @@
-// A document of discovered items, which another host wrote. What is accepted is the same whatever
-// pieces it arrives in, and an item that is written reads back, unless its explorer's data, which
-// comes out as it was kept, is no XML.
+// Fuzzes documents of discovered items, which other hosts write. The size of the pieces that arrive
+// must not change the result. Reading a written item must give the same item. The only exception is
+// explorer data that is not XML, because it is written unchanged.
 
 #include <cstddef>
 #include <cstdint>
@@ -38,7 +38,8 @@ bool hasExplorerData(const ReadItems& items, std::size_t i)
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     LoggerFactory::instance().setLevel(0);
-    setAssertionReporter([](const char*, const char*, int) {}); // documents may cause some
+    // A document may make assertions fail.
+    setAssertionReporter([](const char*, const char*, int) {});
     const std::string text(reinterpret_cast<const char*>(data), size);
     const ReadItems whole = readItems(text);
     const ReadItems pieces = readItems(new MemoryData(text, 1));

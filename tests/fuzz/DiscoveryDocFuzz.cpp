@@ -1,5 +1,5 @@
-// A record's metadata document, which is somebody else's input once it is stored. What is accepted
-// must come back the same when it is written and read again.
+// Fuzzes the metadata document of a record. Other programs may have changed a stored document. An
+// accepted document must be the same after writing it and reading it again.
 
 #include <cstddef>
 #include <cstdint>
@@ -38,7 +38,7 @@ class Record : public DiscoverySvc::Discovery
     DiscoveryResult persist() override { return {DS_LOGIC_ERROR, 0}; }
     DiscoveryResult open(OpenMode, const char*) override { return {DS_LOGIC_ERROR, 0}; }
 
-    /// Whether the text is a document that a record may have.
+    /// Whether a record accepts the text as its document.
     bool read(const std::string& text)
     {
         clearDocumentRefused();

@@ -1,5 +1,5 @@
-// Names as remote callers send them: their encodings, their comparison with patterns, and the
-// numbers and times that stand beside them.
+// Fuzzes names from remote callers: their encodings and their comparison with patterns. Also the
+// conversions of numbers and times.
 
 #include <cstddef>
 #include <cstdint>
@@ -35,10 +35,10 @@ void checkEncodings(const std::string& name)
     require(uriDecode(fileName) == bytes);
     require(uriEncode(display, URI_MASK_FILE_NAME) == fileName);
     require(uriEncode(fileName, URI_MASK_DISPLAY) == display);
-    // Nothing in a file name leads to another directory or ends it early.
+    // A file name must not lead to another directory or end early.
     require(fileName.find('/') == std::string::npos);
     require(fileName.find('\0') == std::string::npos);
-    // What is displayed is text.
+    // A displayed name must be valid text.
     for (std::string_view rest = display; !rest.empty();) {
         const std::size_t length = utf8Character(rest);
         require(length > 0);
@@ -60,7 +60,7 @@ std::vector<std::string_view> characters(std::string_view text)
     return result;
 }
 
-/// The comparison written down from its definition, a table of all pairs of ends.
+/// A simple implementation of the comparison: a table over all beginnings of pattern and text.
 bool matchesByDefinition(std::string_view patternText, std::string_view textText)
 {
     const auto pattern = characters(patternText);
@@ -105,7 +105,7 @@ void checkValues(const std::string& text)
 
 } // namespace
 
-/// The input is a name; as a pattern and a text it is split at its first line feed.
+/// The input is a name. The first line feed also splits it into a pattern and a text.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     const std::string input(reinterpret_cast<const char*>(data), size);

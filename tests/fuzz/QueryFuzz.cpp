@@ -1,5 +1,5 @@
-// Filters from anywhere: as a person wrote them, and as the documents that carry and describe them.
-// Whatever is accepted survives its XML form; what is refused has one place in the text.
+// Fuzzes filters: the text that a person writes, and the documents with filters or descriptions.
+// An accepted filter must survive its XML form. A refused one must have one error position.
 
 #include <cstddef>
 #include <cstdint>
@@ -23,13 +23,13 @@ void require(bool condition)
         std::abort();
 }
 
-/// Failures are logged by design; here they are most of the inputs.
+/// Discards the log, because most inputs cause a failure line.
 struct NoSink : LogSink
 {
     void write(const Line&) override {}
 };
 
-/// Has every field, of a type that its name decides.
+/// Has every field. The name of the field decides its type.
 struct Everything : QuerySource
 {
     QueryValue valueOf(const std::string& field) const override
@@ -48,7 +48,7 @@ struct Everything : QuerySource
     }
 };
 
-/// A document whose root is a query description.
+/// A document with a query description as its root.
 class Description : public XmlDocumentInterface
 {
   public:

@@ -1,5 +1,5 @@
-// Documents from anywhere: read by events and as a tree. Nothing is thrown, nothing grows without
-// bound, and what is skipped reaches no object.
+// Fuzzes XML documents, read as events and as a tree. The readers must not throw and must not use
+// memory without a limit. A skipped element must reach no object.
 
 #include <cstddef>
 #include <cstdint>
@@ -21,13 +21,13 @@ void require(bool condition)
         std::abort();
 }
 
-/// Failures are logged by design; here they are most of the inputs.
+/// Discards the log, because most inputs cause a failure line.
 struct NoSink : LogSink
 {
     void write(const Line&) override {}
 };
 
-/// Skips "skip" and checks that starts and ends pair up.
+/// Skips the elements "skip". Checks that each start has its end.
 class Document : public XmlDocumentInterface
 {
   public:

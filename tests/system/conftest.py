@@ -1,4 +1,4 @@
-"""Fixtures that every story shares."""
+"""Fixtures for all tests in the folders below."""
 
 import os
 
@@ -8,7 +8,7 @@ import harness
 from lab import Lab, why_not
 from lab.stage import Stage
 
-# Of a crowd of daemons the first will do.
+# A failed test shows the logs of at most this many daemons.
 LOGS_SHOWN = 5
 
 
@@ -22,13 +22,13 @@ def can_run_here():
 
 @pytest.fixture
 def root(tmp_path):
-    """A fresh product root."""
+    """A new, empty product root."""
     return harness.Root(tmp_path / "root")
 
 
 @pytest.fixture
 def start():
-    """start(root, *options) starts a daemon that serves; what still runs is ended afterwards."""
+    """start(root, *options) starts a daemon. The fixture ends the daemons after the test."""
     with harness.Daemons() as daemons:
         yield daemons.start
 
@@ -45,7 +45,7 @@ def service(daemon):
 
 @pytest.fixture
 def stage(tmp_path):
-    """A lab that is not built yet; its daemons are stopped and its hosts gone afterwards."""
+    """A lab without hosts yet. The fixture stops its daemons and removes its hosts at the end."""
     reason = why_not()
     if reason:
         pytest.skip(reason)
@@ -64,8 +64,8 @@ def pytest_runtest_makereport(item, call):
 
 
 def pytest_sessionfinish(session, exitstatus):
-    """A test that could not run is no success: CI has every privilege, so there it is a failure;
-    and nothing but skipped tests is 77, "cannot run here"."""
+    """Skipped tests do not count as a success. CI has every privilege, so a skipped test fails
+    there. Elsewhere the exit code is 77, "cannot run here", if every test was skipped."""
     reporter = session.config.pluginmanager.get_plugin("terminalreporter")
     skipped = len(reporter.stats.get("skipped", []))
     if exitstatus == pytest.ExitCode.OK and skipped:

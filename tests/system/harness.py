@@ -1,4 +1,4 @@
-"""Product roots, running daemons, and what their logs say."""
+"""Product roots, running daemons and their logs."""
 
 import contextlib
 import json
@@ -14,12 +14,12 @@ from giop import DiscoveryService, Orb
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
 
-# Seconds. Generous, for an instrumented program on a busy machine: a limit here says "hangs".
+# Limits in seconds. An instrumented program on a busy machine needs less, so longer means a hang.
 START_LIMIT = 60
 STOP_LIMIT = 60
 CALL_LIMIT = 60
 
-# Whom the log says a line is from.
+# The originators in log lines.
 SERVICE = 400
 PLATFORM = 1
 
@@ -30,7 +30,7 @@ def program(name="qmdisco"):
 
 
 def wait_for(condition, what, limit=START_LIMIT):
-    """Waits until condition() is true and answers its value."""
+    """Waits until condition() is true and returns its value."""
     deadline = time.monotonic() + limit
     while True:
         value = condition()
@@ -56,22 +56,22 @@ class Root:
         return str(self.path)
 
     def configure(self, **config):
-        """Writes qm.conf: a master on a free port, at the level of progress, unless told otherwise;
-        None leaves a key out."""
+        """Writes qm.conf. The default is a master on a free port that logs progress. The arguments
+        override keys; None leaves a key out."""
         keys = {"LISTEN": "127.0.0.1:0", "CLIENT_NAME": "master1", "SERVER": "master1",
                 "LOG_LEVEL": 4, **config}
         self.config_file.write_text("".join("%s = %s\n" % (key, value)
                                             for key, value in keys.items() if value is not None))
 
     def status(self):
-        """What run/status.json says, {} when there is none."""
+        """The content of run/status.json, or {} if the file does not exist."""
         try:
             return json.loads((self.path / "run" / "status.json").read_text())
         except FileNotFoundError:
             return {}
 
     def files(self):
-        """The names in the store, without the lock file."""
+        """The names of the files in the store, without the lock file."""
         if not self.store.exists():
             return []
         return sorted(name for name in os.listdir(self.store) if name != "Update.lock")
@@ -81,7 +81,7 @@ class Root:
 
 
 class Line(NamedTuple):
-    """A line of the log, without what differs from run to run."""
+    """A line of the log, without time, thread and line number, which differ from run to run."""
 
     level: int
     originator: int
@@ -103,7 +103,7 @@ def parse_line(text):
 
 
 class Log:
-    """What a root's log holds from now on."""
+    """The lines that a root's log gets after this object is made."""
 
     def __init__(self, root):
         self._file = root.log_file
@@ -117,7 +117,7 @@ class Log:
             return [parse_line(line) for line in file.read().splitlines()]
 
     def texts(self, level=None, source=None, originator=SERVICE):
-        """The texts of the lines of an originator, of one level and source when given."""
+        """The texts of an originator's lines, limited to one level and one source if given."""
         return [line.text for line in self.lines()
                 if line.originator == originator and level in (None, line.level) and
                 source in (None, line.source)]
@@ -127,9 +127,10 @@ class Log:
 
 
 class Daemon:
-    """A daemon in the foreground. It is told to end by its pid, and by nothing else.
+    """A daemon in the foreground. The tests signal it only by its pid.
 
-    wrapper: what starts it becomes the daemon; network: its clients' (giop.Orb).
+    wrapper: a command that runs the daemon in its own process. network: the `network` of giop.Orb
+    for its clients.
     """
 
     def __init__(self, root, *options, wrapper=(), environment=None,
@@ -181,14 +182,14 @@ class Daemon:
         return self
 
     def client(self, **options):
-        """A proxy of the service, as a client finds it: by its name."""
+        """A proxy of the service. It finds the service by name, like every client."""
         orb = Orb(**{"timeout": CALL_LIMIT, "network": self._network, **options})
         self._orbs.append(orb)
         return orb.object("corbaloc:iiop:1.2@%s/DiscoveryService" % self.endpoint,
                           DiscoveryService)
 
     def wait(self, limit=STOP_LIMIT):
-        """Waits for the daemon's end and answers its exit code."""
+        """Waits for the daemon's end and returns its exit code."""
         try:
             return self.process.wait(limit)
         except subprocess.TimeoutExpired:
@@ -199,13 +200,13 @@ class Daemon:
         self.process.send_signal(number)
 
     def stop(self, number=signal.SIGTERM):
-        """Stops it in order and answers its exit code."""
+        """Stops the daemon in order and returns its exit code."""
         if self.is_running():
             self.send(number)
         return self.wait()
 
     def kill(self):
-        """Ends it as a crash would."""
+        """Ends the daemon as a crash would."""
         self.process.kill()
         self.process.wait(STOP_LIMIT)
 
@@ -217,7 +218,7 @@ class Daemon:
 
 
 class Daemons:
-    """The daemons of a test; all ended when it is over."""
+    """The daemons of a test. At the end of the with statement it ends them all."""
 
     _all = []
 
@@ -237,7 +238,7 @@ class Daemons:
         return list(cls._all)
 
     def launch(self, root, *options, **more):
-        """Starts one without waiting for it."""
+        """Starts a daemon and does not wait until it serves."""
         daemon = Daemon(root, *options, **more)
         self._mine.append(daemon)
         Daemons._all.append(daemon)
@@ -248,7 +249,7 @@ class Daemons:
 
 
 def run(*arguments, wrapper=(), environment=None, limit=START_LIMIT):
-    """Runs qmdisco to its end: (exit code, standard output, standard error)."""
+    """Runs qmdisco until it ends. Returns (exit code, standard output, standard error)."""
     done = subprocess.run([*wrapper, str(program()), *map(str, arguments)],
                           stdin=subprocess.DEVNULL, capture_output=True, text=True,
                           timeout=limit, env={**os.environ, **(environment or {})}, check=False)

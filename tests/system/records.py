@@ -1,4 +1,4 @@
-"""What most tests do with a service: put a record, find it, read it back."""
+"""Functions that put a record into a service, find it and read it back."""
 
 import time
 from urllib.parse import quote
@@ -11,7 +11,7 @@ SUCCESS = DiscoveryStatus.DS_SUCCESS
 
 
 def record(subject, authority, type=SERVER, priority=1, ttl=0):
-    """A record as a producer sends it; ttl is in seconds."""
+    """A record as a producer sends it. The time to live, ttl, is in seconds."""
     return Discovery(DiscoveryQuery.DQ_DISCOVERY_DATA, subject, authority, type,
                      CollAttributes(priority=priority, timeToLive=ttl,
                                     discoveryTime=int(time.time())),
@@ -19,7 +19,7 @@ def record(subject, authority, type=SERVER, priority=1, ttl=0):
 
 
 def open_writer(service, a_record):
-    """The writer of a record that the service takes."""
+    """Opens a writer for a record. The service must accept the record."""
     result, writer = service.putCollection(a_record)
     assert result.discStatus == SUCCESS
     assert writer is not None
@@ -27,7 +27,7 @@ def open_writer(service, a_record):
 
 
 def put(service, subject, authority, data=b"payload", chunk=None, **attributes):
-    """Puts a record, in chunks when their size is given; answers the status of the close."""
+    """Puts a record and returns the status of the close. `chunk` is the size of each chunk."""
     writer = open_writer(service, record(subject, authority, **attributes))
     step = chunk or max(len(data), 1)
     for start in range(0, len(data), step):
@@ -36,7 +36,7 @@ def put(service, subject, authority, data=b"payload", chunk=None, **attributes):
 
 
 def read(iterator, page_size=1 << 20):
-    """All bytes of a collection; the iterator is released."""
+    """Reads all bytes of a collection and releases the iterator."""
     iterator.pageSize = page_size
     data = b"".join(iterator.pages())
     iterator.release()
@@ -44,21 +44,21 @@ def read(iterator, page_size=1 << 20):
 
 
 def get(service, subject, authority, type=SERVER, filter=""):
-    """The bytes of a record that must be there."""
+    """Reads the bytes of a record. The record must exist."""
     status, iterator = service.getCollectionData(record(subject, authority, type), filter)
     assert status == SUCCESS
     return read(iterator)
 
 
 def status_of_get(service, subject, authority, type=SERVER, filter=""):
-    """The status of a lookup that gives nothing."""
+    """The status of a lookup that must return no iterator."""
     status, iterator = service.getCollectionData(record(subject, authority, type), filter)
     assert iterator is None
     return status
 
 
 def query(service, subject="*", authority="*", type=ANY):
-    """All records that match, as the pages hold them."""
+    """All matching records from all pages."""
     iterator = service.queryDiscoveries(DiscoveryQuery.DQ_DISCOVERY_DATA, type, authority, subject)
     iterator.pageSize = 99
     found = [each for page in iterator.pages() for each in page]
@@ -71,7 +71,7 @@ def subjects(service, **filters):
 
 
 def encoded(name):
-    """A name as it stands in a file name; the name is no URI text here."""
+    """A name in the form that file names have. The name must not be percent-encoded yet."""
     return quote(name if isinstance(name, bytes) else name.encode("utf-8"), safe="-._~*?")
 
 

@@ -1,1 +1,1 @@
-// The program for which the headers of all unit tests are compiled; see CMakeLists.txt.
+// This program only provides the precompiled headers of all unit tests; see CMakeLists.txt.

@@ -6,7 +6,7 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 void haltUnlessBound(const void* address)
 {
-    // Compat(halt-on-null): plug-ins that pass a null reference must not run on with it.
+    // Compat(halt-on-null): a plug-in that passes a null reference must stop here.
     while (address == nullptr)
         ::pause();
 }

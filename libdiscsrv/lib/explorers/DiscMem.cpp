@@ -120,7 +120,7 @@ bool MemCollectionData::pull(ExplorerPull& explorer, const char* text)
         m_stream.str("");
         delivered = false;
     }
-    wrapper.setLastOutcome(!returned   ? "it failed; the log tells why"
+    wrapper.setLastOutcome(!returned   ? "it failed; see the log"
                            : delivered ? "delivered"
                                        : "it delivered nothing");
     return delivered;

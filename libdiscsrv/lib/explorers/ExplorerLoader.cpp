@@ -88,14 +88,14 @@ void ExplorerLoader::load(const Load& load)
     } catch (const SymbolException& e) {
         DISC_LOG(1, "Unable to resolve symbol " << e.symbol() << " in " << DEFAULT_LIBRARY);
     }
-    if (PluginDirector* director = getEngineSingleton<PluginDirector>(*m_context))
+    if (auto* const director = getEngineSingleton<PluginDirector>(*m_context))
         director->iteratePluginLibraries(*this, load.kind);
     load.done = true;
 }
 
 void ExplorerLoader::loadDefault(const Load& load)
 {
-    RuntimeLoader* loader = getEngineSingleton<RuntimeLoader>(*m_context);
+    auto* const loader = getEngineSingleton<RuntimeLoader>(*m_context);
     bool found = false;
     if (!loader || !loader->loadInterface(DEFAULT_LIBRARY, load.resolved, found, nullptr, false,
                                           DEFAULT_LIBRARY_VERSION))

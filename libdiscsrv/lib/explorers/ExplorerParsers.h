@@ -14,7 +14,7 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// Any thread. No lock is held while a library runs.
+/// Any thread may use it. No lock is held while a library runs.
 class DISCSRV_EXPORT ExplorerParsers
 {
   public:
@@ -23,17 +23,18 @@ class DISCSRV_EXPORT ExplorerParsers
     ExplorerParsers(const ExplorerParsers&) = delete;
     ExplorerParsers& operator=(const ExplorerParsers&) = delete;
 
-    /// What asks the libraries for their parsers. The first one given stays, and is called once,
-    /// when a parser is looked for.
+    /// Sets the function that asks the libraries for their parsers. Only the first call counts. The
+    /// first search for a parser calls the function, once.
     void setLoader(std::function<void()> load);
 
     /// Keeps a reference to the parser; the first one for a type stays.
     void add(const TlxString& type, const ExplorerDataParser* parser);
 
-    /// The parser for a type, or the default one, which is the same each time: a reference for the
-    /// caller to release. The first call loads. Others wait for that load: a block that the default
-    /// parser took instead would read differently from one moment to the next. A library that asks
-    /// while it is being loaded does not wait, and finds what has been added so far.
+    /// Returns the parser for a type, or else the default parser, which is always the same. The
+    /// caller releases the reference. The first call loads the parsers and other calls wait for it.
+    /// Otherwise the default parser would read a block now, and the right parser a moment later. A
+    /// library that asks while it is being loaded does not wait. It finds only the parsers that are
+    /// there so far.
     ExplorerDataParser* find(const TlxString& type);
 
   private:

@@ -9,15 +9,10 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 constexpr const char* LOG_SOURCE = "../DiscoveryRepository";
-/// The repository's operation, under which readers of the log know these lines.
+/// The repository's operation. Log readers find these lines under its name.
 constexpr const char* OPERATION = "DiscoveryRepository::registerExplorer";
 
-using Removed = std::vector<AutoDereference<ExplorerWrapper>>;
-
-/// Whether the entry that is there keeps its place against one that comes.
 // Compat(register-tie): plug-ins rely on the difference between the two kinds.
-using Keeps = bool (*)(unsigned there, unsigned coming);
-
 bool keepsAgainstPush(unsigned there, unsigned coming)
 {
     return there >= coming;
@@ -28,42 +23,10 @@ bool keepsAgainstPull(unsigned there, unsigned coming)
     return there > coming;
 }
 
-/// Removes the entry that a new one is equal to. False, and nothing changed, when that entry keeps
-/// its place.
-bool makeRoom(ExplorerSet& set, const AutoDereference<ExplorerWrapper>& wrapper, Keeps keeps,
-              Removed& removed)
-{
-    const auto entry = set.find(wrapper);
-    if (entry == set.end())
-        return true;
-    if (keeps((*entry)->getPriority(), wrapper->getPriority()))
-        return false;
-    removed.push_back(*entry);
-    set.erase(entry);
-    return true;
-}
-
-/// Puts an entry in, unless one that is equal to it keeps its place. The comparator is not a strict
-/// weak ordering: `insert` may hit an equal element that `find` missed.
-bool place(ExplorerSet& set, const AutoDereference<ExplorerWrapper>& wrapper, Keeps keeps,
-           Removed& removed)
-{
-    for (;;) {
-        const auto [entry, inserted] = set.insert(wrapper);
-        if (inserted)
-            return true;
-        if (keeps((*entry)->getPriority(), wrapper->getPriority()))
-            return false;
-        removed.push_back(*entry);
-        set.erase(entry);
-    }
-}
-
 } // namespace
 
 ExplorerRegistry::ExplorerRegistry(std::size_t most)
-    : m_most(most), m_published{std::make_shared<const ExplorerSet>(),
-                                std::make_shared<const ExplorerSet>()}
+    : m_most(most), m_push{keepsAgainstPush}, m_pull{keepsAgainstPull}
 {
 }
 
@@ -71,18 +34,70 @@ ExplorerRegistry::~ExplorerRegistry() = default;
 
 ExplorerSnapshot ExplorerRegistry::snapshot() const
 {
-    const std::lock_guard guard(m_publishedMutex);
-    return m_published;
+    const LockableGuard lockableGuard(m_tables);
+    if (!TLX_ASSERT(lockableGuard.locked()))
+        return {std::make_shared<const ExplorerSet>(), std::make_shared<const ExplorerSet>()};
+    return {publish(m_push), publish(m_pull)};
+}
+
+const std::shared_ptr<const ExplorerSet>& ExplorerRegistry::publish(const Kind& kind)
+{
+    if (!kind.published)
+        kind.published = std::make_shared<const ExplorerSet>(kind.registered);
+    return kind.published;
+}
+
+void ExplorerRegistry::changed(Kind& kind, Dropped& dropped)
+{
+    if (kind.published)
+        dropped.snapshots.push_back(std::exchange(kind.published, nullptr));
+}
+
+void ExplorerRegistry::remove(Kind& kind, ExplorerSet::const_iterator entry, Dropped& dropped)
+{
+    changed(kind, dropped);
+    dropped.entries.push_back(*entry);
+    kind.registered.erase(entry);
+}
+
+/// Removes the existing entry that is equal to a new one. If the existing entry must stay, it
+/// changes nothing and returns false.
+bool ExplorerRegistry::makeRoom(Kind& kind, const AutoDereference<ExplorerWrapper>& wrapper,
+                                Keeps keeps, Dropped& dropped)
+{
+    const auto entry = kind.registered.find(wrapper);
+    if (entry == kind.registered.end())
+        return true;
+    if (keeps((*entry)->getPriority(), wrapper->getPriority()))
+        return false;
+    remove(kind, entry, dropped);
+    return true;
+}
+
+/// Inserts an entry, unless an equal entry must stay. The comparator is not a strict weak ordering:
+/// `insert` may hit an equal element that `find` missed.
+bool ExplorerRegistry::place(Kind& kind, const AutoDereference<ExplorerWrapper>& wrapper,
+                             Dropped& dropped)
+{
+    for (;;) {
+        const auto [entry, inserted] = kind.registered.insert(wrapper);
+        if (inserted) {
+            changed(kind, dropped);
+            return true;
+        }
+        if (kind.keeps((*entry)->getPriority(), wrapper->getPriority()))
+            return false;
+        remove(kind, entry, dropped);
+    }
 }
 
 ExplorerRegistry::Refusal
-ExplorerRegistry::refusal(const ExplorerSet& set,
-                          const AutoDereference<ExplorerWrapper>& wrapper) const
+ExplorerRegistry::refusal(const Kind& kind, const AutoDereference<ExplorerWrapper>& wrapper) const
 {
     if (m_closed)
         return Refusal::CLOSED;
-    // The comparator is not a strict weak ordering, so one host may come to have several entries.
-    if (set.size() >= m_most && set.find(wrapper) == set.end())
+    // The comparator is not a strict weak ordering, so one host may get several entries.
+    if (kind.registered.size() >= m_most && kind.registered.find(wrapper) == kind.registered.end())
         return Refusal::FULL;
     return Refusal::NONE;
 }
@@ -96,88 +111,47 @@ void ExplorerRegistry::logRefusal(Refusal refusal) const
         DISC_LOG(1, "There are " << m_most << " explorers already, another one is dropped");
 }
 
-void ExplorerRegistry::registerPush(const AutoDereference<ExplorerWrapper>& wrapper)
+/// Returns true if the set now has the new entry.
+bool ExplorerRegistry::add(const AutoDereference<ExplorerWrapper>& wrapper, Kind& own, Kind& other,
+                           bool toStore)
 {
-    // They go when the lock is free: with the last reference an explorer's own code runs.
-    Published before;
-    Removed removed;
+    Dropped dropped;
     Refusal refused = Refusal::NONE;
+    bool placed = false;
     {
         const LockableGuard lockableGuard(m_tables);
         if (!TLX_ASSERT(lockableGuard.locked()))
-            return;
-        refused = refusal(m_push, wrapper);
-        if (refused == Refusal::NONE) {
-            if (makeRoom(m_pull, wrapper, keepsAgainstPush, removed)) {
-                m_pullChanged |= !removed.empty();
-                m_pushChanged = true;
-                if (makeRoom(m_push, wrapper, keepsAgainstPush, removed))
-                    place(m_push, wrapper, keepsAgainstPush, removed);
-            }
-            forget(removed);
-            before = publish();
-        }
+            return false;
+        refused = refusal(own, wrapper);
+        placed = refused == Refusal::NONE && makeRoom(other, wrapper, own.keeps, dropped) &&
+                 makeRoom(own, wrapper, own.keeps, dropped) && place(own, wrapper, dropped);
+        for (const AutoDereference<ExplorerWrapper>& replaced : dropped.entries)
+            m_unstored.erase(replaced.get());
+        if (placed && toStore)
+            m_unstored.insert(wrapper.get());
     }
     logRefusal(refused);
+    return placed;
+}
+
+void ExplorerRegistry::registerPush(const AutoDereference<ExplorerWrapper>& wrapper)
+{
+    add(wrapper, m_push, m_pull, false);
 }
 
 void ExplorerRegistry::registerPull(const AutoDereference<ExplorerWrapper>& wrapper,
                                     const std::function<void()>& store)
 {
-    bool placed = false;
-    {
-        Published before;
-        Removed removed;
-        Refusal refused = Refusal::NONE;
-        {
-            const LockableGuard lockableGuard(m_tables);
-            if (!TLX_ASSERT(lockableGuard.locked()))
-                return;
-            refused = refusal(m_pull, wrapper);
-            if (refused == Refusal::NONE) {
-                if (makeRoom(m_push, wrapper, keepsAgainstPull, removed)) {
-                    m_pushChanged |= !removed.empty();
-                    m_pullChanged = true;
-                    placed = makeRoom(m_pull, wrapper, keepsAgainstPull, removed) &&
-                             place(m_pull, wrapper, keepsAgainstPull, removed);
-                }
-                forget(removed);
-                if (placed && store)
-                    m_unstored.insert(wrapper.get());
-                before = publish();
-            }
-        }
-        logRefusal(refused);
-    }
-    if (!placed || !store)
+    const bool toStore = static_cast<bool>(store);
+    if (!add(wrapper, m_pull, m_push, toStore) || !toStore)
         return;
     const std::lock_guard storing(m_storing);
     {
         const LockableGuard lockableGuard(m_tables);
         if (!TLX_ASSERT(lockableGuard.locked()) || m_unstored.erase(wrapper.get()) == 0)
-            return; // another one has replaced it: that one is stored
+            return; // another registration has replaced this one and is stored instead
     }
     store();
-}
-
-void ExplorerRegistry::forget(const Removed& removed)
-{
-    for (const AutoDereference<ExplorerWrapper>& wrapper : removed)
-        m_unstored.erase(wrapper.get());
-}
-
-ExplorerRegistry::Published ExplorerRegistry::publish()
-{
-    if (m_batches > 0)
-        return {};
-    ExplorerSnapshot next = snapshot();
-    if (std::exchange(m_pushChanged, false))
-        next.push = std::make_shared<const ExplorerSet>(m_push);
-    if (std::exchange(m_pullChanged, false))
-        next.pull = std::make_shared<const ExplorerSet>(m_pull);
-    const std::lock_guard guard(m_publishedMutex);
-    std::swap(m_published, next);
-    return next;
 }
 
 void ExplorerRegistry::close()
@@ -191,30 +165,14 @@ ExplorerSnapshot ExplorerRegistry::takeAll()
 {
     auto push = std::make_shared<ExplorerSet>();
     auto pull = std::make_shared<ExplorerSet>();
-    Published before;
+    Dropped dropped;
     const LockableGuard lockableGuard(m_tables);
     (void)TLX_ASSERT(lockableGuard.locked());
-    push->swap(m_push);
-    pull->swap(m_pull);
-    m_pushChanged = m_pullChanged = true;
-    before = publish();
+    push->swap(m_push.registered);
+    pull->swap(m_pull.registered);
+    changed(m_push, dropped);
+    changed(m_pull, dropped);
     return {push, pull};
-}
-
-ExplorerRegistry::Batch::Batch(ExplorerRegistry& registry) : m_registry(registry)
-{
-    const LockableGuard lockableGuard(m_registry.m_tables);
-    (void)TLX_ASSERT(lockableGuard.locked());
-    ++m_registry.m_batches;
-}
-
-ExplorerRegistry::Batch::~Batch()
-{
-    Published before;
-    const LockableGuard lockableGuard(m_registry.m_tables);
-    (void)TLX_ASSERT(lockableGuard.locked());
-    if (--m_registry.m_batches == 0)
-        before = m_registry.publish();
 }
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

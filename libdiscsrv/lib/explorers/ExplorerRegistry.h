@@ -1,5 +1,5 @@
 #pragma once
-// The registered explorers: which registration wins, and who is registered now.
+// The registered explorers, and the rules when two registrations compete.
 
 #include <cstddef>
 #include <functional>
@@ -26,18 +26,21 @@ struct ExplorerSnapshot
 /// priority wins. A pull registration also replaces one of its own priority, a push registration
 /// does not. Any thread.
 ///
-/// A reader takes a snapshot: it copies no set and waits for no registration. A registration
-/// changes the tables under their lock and publishes the next snapshot. What it stores afterwards
-/// it stores without that lock.
+/// A reader takes a snapshot. Only the first reader after a change copies the changed set. All
+/// readers share that copy until the next change, so a registration copies nothing.
+///
+/// The tables' lock is held for one change in memory, or for one copy. A registration is stored
+/// without that lock, so no reader waits for the disk.
 class DISCSRV_EXPORT ExplorerRegistry
 {
   public:
-    /// @param most how many explorers of each kind there may be.
+    /// @param most the most explorers of each kind.
     explicit ExplorerRegistry(std::size_t most);
     ~ExplorerRegistry();
     ExplorerRegistry(const ExplorerRegistry&) = delete;
     ExplorerRegistry& operator=(const ExplorerRegistry&) = delete;
 
+    /// Shows every registration that has returned, and every one that is being stored.
     ExplorerSnapshot snapshot() const;
 
     // A registration beyond the bound, and one that comes after close(), is logged and dropped. One
@@ -46,33 +49,37 @@ class DISCSRV_EXPORT ExplorerRegistry
     void registerPush(const AutoDereference<ExplorerWrapper>& wrapper);
     /// @param store writes the registration to disk, and registers nothing itself. The registry
     /// calls it without the tables' lock, for one registration at a time. It does not call it for a
-    /// registration that was dropped, or that another one has replaced meanwhile. So the registered
-    /// one is stored last. A registration that was accepted before close() is stored after it, too.
+    /// dropped or replaced registration. So the last one that is stored is the one that is
+    /// registered. A registration that was accepted before close() is stored after close(), too.
     void registerPull(const AutoDereference<ExplorerWrapper>& wrapper,
                       const std::function<void()>& store = {});
 
-    /// Drops registrations from now on.
+    /// Makes the registry drop all later registrations.
     void close();
-    /// What was registered; nothing is registered any more.
+    /// Removes and returns all registrations.
     ExplorerSnapshot takeAll();
 
-    /// Publishes the changes of a scope at its end, all at once: a load of thousands would
-    /// otherwise copy the sets thousands of times. Readers see the snapshot before until then.
-    class DISCSRV_EXPORT Batch
-    {
-      public:
-        explicit Batch(ExplorerRegistry& registry);
-        ~Batch();
-        Batch(const Batch&) = delete;
-        Batch& operator=(const Batch&) = delete;
+  private:
+    /// Whether the existing entry stays and a new one is dropped. Compares their priorities.
+    using Keeps = bool (*)(unsigned there, unsigned coming);
 
-      private:
-        ExplorerRegistry& m_registry;
+    /// The explorers of one kind.
+    struct Kind
+    {
+        Keeps keeps; ///< when a new entry of this kind meets an existing one of either kind
+        ExplorerSet registered{};
+        /// Shared by the readers. Null from a change until the next reader asks.
+        mutable std::shared_ptr<const ExplorerSet> published{};
     };
 
-  private:
-    using Removed = std::vector<AutoDereference<ExplorerWrapper>>;
-    using Published = ExplorerSnapshot; ///< one that was replaced; to be dropped without a lock
+    /// Is destroyed after the lock is released, because the last reference runs an explorer's own
+    /// code.
+    struct Dropped
+    {
+        std::vector<AutoDereference<ExplorerWrapper>> entries;
+        std::vector<std::shared_ptr<const ExplorerSet>> snapshots;
+    };
+
     enum class Refusal
     {
         NONE,
@@ -80,24 +87,25 @@ class DISCSRV_EXPORT ExplorerRegistry
         FULL
     };
 
-    Refusal refusal(const ExplorerSet& set, const AutoDereference<ExplorerWrapper>& wrapper) const;
+    bool add(const AutoDereference<ExplorerWrapper>& wrapper, Kind& own, Kind& other, bool toStore);
+    Refusal refusal(const Kind& kind, const AutoDereference<ExplorerWrapper>& wrapper) const;
     void logRefusal(Refusal refusal) const;
-    void forget(const Removed& removed);
-    Published publish();
+
+    static const std::shared_ptr<const ExplorerSet>& publish(const Kind& kind);
+    static void changed(Kind& kind, Dropped& dropped);
+    static void remove(Kind& kind, ExplorerSet::const_iterator entry, Dropped& dropped);
+    static bool makeRoom(Kind& kind, const AutoDereference<ExplorerWrapper>& wrapper, Keeps keeps,
+                         Dropped& dropped);
+    static bool place(Kind& kind, const AutoDereference<ExplorerWrapper>& wrapper,
+                      Dropped& dropped);
 
     const std::size_t m_most;
 
-    TlxLockable m_tables; // for one change; no call leaves the registry under it
-    ExplorerSet m_push;
-    ExplorerSet m_pull;
+    TlxLockable m_tables; // held for one change or one copy, never during a call to other code
+    Kind m_push;
+    Kind m_pull;
     std::set<const ExplorerWrapper*> m_unstored; ///< accepted, and still to be stored
-    bool m_pushChanged = false;                  ///< since the last snapshot
-    bool m_pullChanged = false;
     bool m_closed = false;
-    unsigned m_batches = 0;
-
-    mutable std::mutex m_publishedMutex; // a leaf, for the two pointers
-    ExplorerSnapshot m_published;
 
     std::mutex m_storing; // held while one registration is stored; only registrations take it
 };

@@ -25,7 +25,7 @@ DiscoveryIterator* findPullExplorers(DiscoveryQuery query, const ExplorerSet& ex
                                      const std::string& subject, const std::string& authority)
 {
     DISC_TRACE("DiscoveryRepository::findPullExplorer");
-    // In the form in which the wrappers hold their names; wildcards stay.
+    // The wrappers' names have this form, too. Wildcards stay.
     const AutoDereference<ExplorerIdentity> identity(new ExplorerIdentity(
         uriEncode(authority, URI_MASK_DISPLAY), uriEncode(subject, URI_MASK_DISPLAY)));
     const auto first = std::find_if(

@@ -8,9 +8,10 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// What pull explorers can produce: the first one in the set whose names match, and all after it,
-/// whether or not they match. Null when none matches; otherwise a new iterator for the caller to
-/// release. The names may hold wildcards. Any thread.
+/// Finds the records that pull explorers can produce. It takes the first explorer in the set that
+/// matches, and all after it, whether they match or not. Returns null if none matches, otherwise a
+/// new iterator, which the caller releases. The names may contain wildcards. Any thread may call
+/// it.
 DiscoveryIterator* findPullExplorers(DiscoveryQuery query, const ExplorerSet& explorers,
                                      const std::string& subject, const std::string& authority);
 

@@ -102,7 +102,8 @@ bool DiscoveryFramework::shutdown()
     m_shutdown = true;
     if (m_type == DST_NO_SERVANT)
         return true;
-    // First, because some requests in progress fetch from other hosts, and the rest waits for them.
+    // This comes first. Some requests in progress fetch from other hosts, and the steps below wait
+    // for these requests.
     getDiscoveryRepository()->announceShutdown();
     if (m_servant) {
         if (m_orb) {

@@ -256,8 +256,8 @@ int DiscoveredItem::xmlEndElement(XmlObjParseContext* context, const XMLCh* name
     return XML_INSIDE;
 }
 
-/// Returns the parser's result if it is valid here. A block ends at its end tag at the latest,
-/// whatever its parser returns.
+/// Returns the parser's result if it is valid here. A block ends at its end tag at the latest, for
+/// any result of its parser.
 int DiscoveredItem::endInBlock(DiscoveredDataContext& context, const XMLCh* name)
 {
     const bool blockEnds = context.m_depth == 0;

@@ -21,7 +21,7 @@ class FetchLimit
     {
     }
     bool isOver() const { return std::chrono::steady_clock::now() > m_end; }
-    /// The end of a message about something that takes too long.
+    /// The end of the message about an exceeded limit.
     std::string text() const
     {
         return "may take " + std::to_string(m_seconds) + " seconds (" +

@@ -1,6 +1,6 @@
 #pragma once
-// What this process needs to call the services of other hosts: the master's address, the way to
-// connect, this service's own name, the bounds on requests, and the shutdown flag.
+// The link to the services of other hosts: the master's address, the way to connect, this service's
+// own name, the bounds on requests, and the shutdown flag.
 
 #include <atomic>
 #include <optional>
@@ -30,7 +30,7 @@ class DISCSRV_EXPORT PeerLink
     PeerLink& operator=(const PeerLink&) = delete;
     ~PeerLink();
 
-    /// Takes a reference and drops the previous one. Null only drops.
+    /// Takes a reference and drops the previous one. With null it only drops the previous one.
     void setService(const HostedService* service) { m_service.refObject(service); }
     /// The service that this process hosts. Without one it fails an assertion and returns null.
     const HostedService* service() const;

@@ -28,7 +28,7 @@ constexpr const char* LOG_SOURCE = "../DiscoveryRepository";
 void loadParserLibraries()
 {
     EngineContext context(true);
-    ExplorerLoader* const loader = getEngineSingleton<ExplorerLoader>(context);
+    auto* const loader = getEngineSingleton<ExplorerLoader>(context);
     loader->setRepository(getDiscoveryRepository());
     loader->loadExplorerParsers();
     context.close();
@@ -73,8 +73,8 @@ DiscoveryRepository* getDiscoveryRepository()
 
 DiscoveryRepository::DiscoveryRepository() : DiscoveryRepository(getPeerLink()) {}
 
-DiscoveryRepository::DiscoveryRepository(PeerLink& link, std::size_t mostExplorers)
-    : m_link(link), m_explorers(std::make_unique<ExplorerRegistry>(mostExplorers)),
+DiscoveryRepository::DiscoveryRepository(PeerLink& link)
+    : m_link(link), m_explorers(std::make_unique<ExplorerRegistry>(MAX_EXPLORERS)),
       m_scheduleOwner(std::make_unique<ScheduleOwner>(*this)),
       m_schedule(std::make_unique<PushSchedule>(*m_scheduleOwner))
 {

@@ -63,6 +63,7 @@ bool DiscoveryTimerBase::scheduleLocked(unsigned seconds)
     if (m_id != -1)
         reactor->cancel_timer(m_id, nullptr, 1);
     ++m_generation; // a run of the old schedule that begins now does nothing
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the reactor passes it back and never reads it
     m_id = reactor->schedule_timer(this, reinterpret_cast<const void*>(m_generation),
                                    ACE_Time_Value(static_cast<time_t>(seconds)));
     m_due = TlxObjTime::now() + TlxObjTime(seconds, 0);
@@ -99,7 +100,7 @@ int DiscoveryTimerBase::handle_timeout(const ACE_Time_Value&, const void* genera
     }
     try {
         run();
-    } catch (const std::exception& e) { // the reactor's thread serves every timer
+    } catch (const std::exception& e) { // it must not end the thread of all timers
         DISC_LOG(1, "A timer failed: " << e.what());
         scheduleAgain(REGISTER_RETRY_SECONDS);
     }
@@ -134,7 +135,7 @@ void ExplorerPushTimer::push(const ExplorerWrapper& wrapper) const
     });
     // Compat(push-result-ignored): plug-ins may return any result. It is shown to people and
     // changes nothing.
-    wrapper.setLastOutcome(!returned ? "it failed; the log tells why"
+    wrapper.setLastOutcome(!returned ? "it failed; see the log"
                            : answer && isSuccess(result)
                                ? "pushed"
                                : "it pushed nothing (status " +

@@ -110,7 +110,6 @@ void DiscoveryRepository::loadPullExplorerCache()
         queryDiscoveries(DQ_DISCOVERY_DATA, "*", "*", AT_REMOTEPULL));
     if (!stored)
         return;
-    const ExplorerRegistry::Batch batch(*m_explorers);
     loadStoredExplorers(*stored, [this](const Subject& subject, const ExplorerPull& explorer,
                                         unsigned priority, const Authority& authority) {
         registerExplorer(&subject, &explorer, priority, &authority, true);
@@ -142,7 +141,7 @@ void DiscoveryRepository::loadExplorers()
 {
     DISC_TRACE("DiscoveryRepository::loadExplorers");
     EngineContext context(true);
-    ExplorerLoader* const loader = getEngineSingleton<ExplorerLoader>(context);
+    auto* const loader = getEngineSingleton<ExplorerLoader>(context);
     loader->setRepository(getDiscoveryRepository());
     loader->loadExplorers();
     const ExplorerSnapshot registered = m_explorers->snapshot();

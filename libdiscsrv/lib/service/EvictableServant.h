@@ -8,7 +8,8 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote {
 
-/// The evictor deactivates an iterator after this time without a request: its client is gone.
+/// The evictor deactivates an iterator after this time without a request, because its client no
+/// longer needs it.
 constexpr long ITERATOR_TIMEOUT_SECONDS = 300;
 
 /// The largest page. A caller may ask for more than fits into memory, and a shorter page is legal.
@@ -33,7 +34,8 @@ void add2Evictor(const PortableServer::ObjectId& id, PortableServer::POA* poa, O
 /// Ends the watch over an object and deactivates it.
 void removeFromEvictor(PortableServer::ObjectId_var& id, Orb& orb);
 
-/// Deactivates an object and ignores every CORBA exception: the object, or its POA, may be gone.
+/// Deactivates an object. Ignores every CORBA exception, because the object or its POA may be
+/// destroyed already.
 void deactivateQuietly(PortableServer::POA_ptr poa, const PortableServer::ObjectId& id);
 
 /// Activates an iterator servant and lets the evictor watch it. Returns its reference, which the

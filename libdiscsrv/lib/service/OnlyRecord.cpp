@@ -10,7 +10,7 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "DiscoveryService_i";
 
-// Compat(query-undefined): peers hand back the records of a page, and pages carry no query type. So
+// Compat(query-undefined): peers send back the records of a page, and pages carry no query type. So
 // DQ_UNDEFINED must mean discovery data.
 DiscoveryQuery effectiveQuery(DiscoveryQuery query)
 {

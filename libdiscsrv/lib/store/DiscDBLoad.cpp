@@ -105,8 +105,8 @@ int DBDiscovery::expire()
     return removeFiles() ? REMOVED : FAILED;
 }
 
-/// Deletes both files under the write lock. A writer that waits for the lock then finds its file
-/// gone, and opens a new one.
+/// Deletes both files under the write lock. A writer may wait for the lock. It then finds that its
+/// file was deleted, and opens a new one.
 bool DBDiscovery::removeFiles()
 {
     auto* collection = dynamic_cast<DBCollectionData*>(getCollectionData());

@@ -59,7 +59,7 @@ bool DBDiscovery::mayReplaceStored(int fd)
         return true;
     m_metadataText.clear();
     char chunk[READ_CHUNK];
-    ssize_t count;
+    ssize_t count = 0;
     while ((count = ::read(fd, chunk, sizeof chunk)) > 0) {
         m_metadataText.append(chunk, static_cast<std::size_t>(count));
         if (m_metadataText.size() > MAX_METADATA_BYTES)

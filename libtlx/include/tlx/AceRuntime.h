@@ -1,14 +1,13 @@
 #pragma once
-// Who keeps ACE initialised.
+// Keeps ACE initialised.
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// A use of ACE. The first use of the process initialises ACE, and the end of the last one
-/// finalises it: that destroys ACE's singletons. Nothing else in this system calls ACE::init or
-/// ACE::fini.
+/// A use of ACE. The first use in the process initialises ACE. The end of the last use finalises
+/// ACE, which destroys ACE's singletons. Nothing else in this system calls ACE::init or ACE::fini.
 ///
-/// The daemon holds one use around everything. So the singletons, the repository among them,
-/// outlive the ORB and the service framework, which each hold a use, too.
+/// The daemon holds one use around everything. So the singletons, for instance the repository,
+/// outlive the ORB and the service framework. These two hold a use, too.
 ///
 /// Any thread may begin or end a use while another use lasts. The first one begins, and the last
 /// one ends, on the main thread.
@@ -20,11 +19,11 @@ class AceRuntime
     AceRuntime& operator=(const AceRuntime&) = delete;
     ~AceRuntime();
 
-    /// This use lasts as long as the process, and the object may go. For a place where ACE must not
-    /// be finalised, because the caller holds one of ACE's own locks.
+    /// Makes this use last until the process ends, also after the object's end. A caller that holds
+    /// one of ACE's own locks needs it, because nobody may finalise ACE there.
     void keep() { m_kept = true; }
 
-    /// How many uses there are now.
+    /// The number of current uses.
     static unsigned uses();
 
   private:

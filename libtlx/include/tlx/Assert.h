@@ -3,7 +3,7 @@
 //
 // The daemon keeps other people's records. It must not die because one caller, file or plug-in
 // broke an assumption. So a failed assertion is logged at level 1 and counted, and the code goes
-// on. Every use tests the answer:
+// on. Every use tests the result:
 //
 //     if (!TLX_ASSERT(NULL != m_writer))
 //         return false;
@@ -32,7 +32,7 @@ void setAssertionReporter(AssertionReporter reporter);
          ? true                                                                                    \
          : (::Veltrane::Quillmark::Tlx::reportAssertion(#expression, __FILE__, __LINE__), false))
 
-/// The same with a text of its own.
+/// The same, with another text than the expression.
 // Compat(log-assertions): log readers know an assertion by its text, also where the code checks the
 // condition in other words.
 #define TLX_ASSERT_AS(expression, text)                                                            \
@@ -40,6 +40,6 @@ void setAssertionReporter(AssertionReporter reporter);
          ? true                                                                                    \
          : (::Veltrane::Quillmark::Tlx::reportAssertion(text, __FILE__, __LINE__), false))
 
-/// Reports that the code reached a place where no valid call leads.
+/// Reports that the code reached a place that no valid call reaches.
 #define TLX_SHOULD_NOT_GET_HERE()                                                                  \
     ::Veltrane::Quillmark::Tlx::reportAssertion("SHOULD_NOT_GET_HERE", __FILE__, __LINE__)

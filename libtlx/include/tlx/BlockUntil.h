@@ -1,5 +1,5 @@
 #pragma once
-// Waiting for the end of objects that others still hold.
+// Waits for the end of objects that other owners still hold.
 
 #include <cstddef>
 #include <memory>
@@ -21,11 +21,11 @@ class TLXBlocking : public virtual TLXRefCounted
   private:
     friend class TLXBlockUntil;
     std::mutex m_mutex;
-    std::vector<std::shared_ptr<void>> m_held; ///< one a waiter; its end wakes the waiter
+    std::vector<std::shared_ptr<void>> m_held; ///< one for each waiter; its end wakes it
 };
 
-/// Waits until every added object is destroyed. Any thread. The waiter may go while objects live
-/// on.
+/// Waits until every added object is destroyed. Any thread. The waiter may be destroyed before the
+/// objects.
 class TLXBlockUntil
 {
   public:

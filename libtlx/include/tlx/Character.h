@@ -1,8 +1,8 @@
 #pragma once
-// Characters that deceive: what a reader, a terminal or a file of lines takes for something else.
+// Characters that deceive a reader, a terminal or a program that reads lines.
 //
-// There is one table of them (Character.cpp). Each place that shows or stores text from elsewhere
-// asks for the class that can do harm there.
+// There is one table of them (Character.cpp). Each place that shows or stores foreign text tests
+// for the class that can do harm there.
 
 namespace Veltrane::Quillmark::Tlx {
 
@@ -14,9 +14,9 @@ bool isControl(char32_t codePoint);
 /// the text around them. Log lines and the command line escape these.
 bool isDeceptive(char32_t codePoint);
 
-/// Cannot be told apart by eye or cannot be seen: everything deceptive, and special spaces,
+/// Looks like another character or is invisible: everything deceptive, and special spaces,
 /// zero-width and invisible characters, private use and noncharacters. The display form of a name
-/// encodes these beyond ASCII (tlx/Uri.h), so that two names that look alike are the same.
+/// encodes these beyond ASCII (tlx/Uri.h), so that two different names look different.
 bool isUnreadable(char32_t codePoint);
 
 } // namespace Veltrane::Quillmark::Tlx

@@ -17,12 +17,12 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// One key: its name, the values that it takes, and its default when it is a number. The texts are
-/// literals.
+/// One key: its name, its kind of values, and the default of a number. The texts are literals.
 class DeclaredKey
 {
   public:
-    /// A host name or an address. The example stands in messages, as in all of these.
+    /// The value is a host name or an address. A message about a wrong value shows the example,
+    /// also for the other kinds below.
     static constexpr DeclaredKey host(const char* name, const char* example)
     {
         return {name, Kind::Host, example};
@@ -51,8 +51,8 @@ class DeclaredKey
         key.m_standard = standard;
         return key;
     }
-    /// A text that `accepts` answers true for. A message about another one goes on with `complaint`
-    /// after the value: "is no list of types, expected for instance pseudo,nfs4".
+    /// The value is a text that `accepts` returns true for. A message about any other text has
+    /// `complaint` after the value: "is no list of types, expected for instance pseudo,nfs4".
     using Accepts = bool (*)(const std::string& value);
     static constexpr DeclaredKey text(const char* name, Accepts accepts, const char* complaint)
     {
@@ -61,7 +61,7 @@ class DeclaredKey
         return key;
     }
 
-    /// The same key, whose new value takes effect in a running process.
+    /// The same key, but a running process obeys its new value.
     constexpr DeclaredKey takenWhileRunning() const
     {
         DeclaredKey key = *this;
@@ -74,11 +74,12 @@ class DeclaredKey
     /// The default of a number; 0 for other kinds.
     constexpr std::uint64_t standard() const { return m_standard; }
 
-    /// Whether a key of the file is this one, or one of this family.
+    /// Whether a key in the file is this key, or a key of this family.
     bool covers(std::string_view written) const;
-    /// The name under which a value is kept: a family's host is in lower case.
+    /// The name under which a value is stored. The host in the name of a family's key is in lower
+    /// case.
     std::string keptName(const std::string& written) const;
-    /// What is wrong with a value; empty when nothing is.
+    /// Returns the mistake in a value, empty for a good value.
     std::string complaintAbout(const std::string& written, const std::string& value) const;
 
   private:

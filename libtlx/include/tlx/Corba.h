@@ -1,7 +1,7 @@
 #pragma once
-// The one way to the ORB's C++ mapping. Everything above this library uses the standard mapping
+// The only way to the ORB's C++ mapping. Everything above this library uses the standard mapping
 // only (stubs, skeletons, PortableServer, CORBA::SystemException) and includes this header to get
-// it, so that another ORB could be put underneath.
+// it. So another ORB could replace this one.
 
 #if defined(__GNUC__)
 #pragma GCC system_header

@@ -11,7 +11,7 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// The variable that receives a value, and so the value's type. Points to the caller's variable.
+/// A pointer to the caller's variable that receives a value. It also decides the value's type.
 class DataDescription
 {
   public:

@@ -1,5 +1,5 @@
 #pragma once
-// Deactivates objects whose clients are gone.
+// Deactivates objects that no client uses any more.
 
 #include <chrono>
 #include <cstddef>
@@ -11,10 +11,10 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// Watches activated objects, and deactivates each one that no request has reached for its
-/// time-out. A request in progress counts as activity until its end; its object is never evicted.
-/// The evictor has its own thread, which starts with the first object. Any thread may call all
-/// operations, also from inside a request of the object.
+/// Watches activated objects. Deactivates an object after its time-out without a request. A request
+/// in progress counts as activity until its end, so its object stays. The evictor has its own
+/// thread, which starts with the first object. Any thread may call all operations, also from inside
+/// a request of the object.
 class Evictor
 {
   public:
@@ -43,8 +43,8 @@ class Evictor
     /// Deactivates all watched objects and ends the thread. Later calls do nothing.
     void shutdown();
 
-    /// Deactivates the objects that are idle now, and answers how many. The thread calls it; tests
-    /// do, too.
+    /// Deactivates the objects that are idle now, and returns their number. The thread and tests
+    /// call it.
     std::size_t evictIdle();
 
     std::size_t watched() const;

@@ -1,5 +1,5 @@
 #pragma once
-// Who closes a descriptor, and how a failed system call is answered.
+// The owner of a descriptor, and the result of a system call.
 
 #include <system_error>
 
@@ -7,7 +7,7 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// What a file operation answers: its value, or the error of the system call that failed.
+/// The result of a file operation: its value, or the error of the failed system call.
 template <class T = void>
 using FileResult = tl::expected<T, std::error_code>;
 
@@ -17,7 +17,7 @@ inline std::error_code systemError(int number)
     return {number, std::generic_category()};
 }
 
-/// Owns a descriptor and closes it. Moving hands it on.
+/// Owns a descriptor and closes it. A move passes the ownership on.
 class FileDescriptor
 {
   public:
@@ -27,19 +27,20 @@ class FileDescriptor
     explicit FileDescriptor(int descriptor) : m_descriptor(descriptor) {}
     FileDescriptor(FileDescriptor&& other) noexcept : m_descriptor(other.release()) {}
     FileDescriptor& operator=(FileDescriptor&& other) noexcept;
-    /// Closes it; a failure is ignored and errno stays.
+    /// Closes it. Ignores a failure and does not change errno.
     ~FileDescriptor() { reset(); }
 
     bool isOpen() const { return m_descriptor >= 0; }
     /// The descriptor, still owned here; -1 means no descriptor.
     int get() const { return m_descriptor; }
 
-    /// Closes it and reports whether that failed: some file systems report a failed write only
-    /// then. The descriptor is gone in either case. Closing nothing succeeds.
+    /// Closes the descriptor and reports a failure, because some file systems report a failed write
+    /// only then. After a failure the descriptor is closed as well. Without a descriptor it
+    /// succeeds.
     [[nodiscard]] FileResult<> close();
-    /// Closes it; a failure is ignored and errno stays.
+    /// Closes it. Ignores a failure and does not change errno.
     void reset() noexcept;
-    /// Hands the descriptor to the caller, who closes it.
+    /// Gives the descriptor to the caller, who must close it.
     [[nodiscard]] int release() noexcept;
 
   private:

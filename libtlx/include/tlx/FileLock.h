@@ -1,24 +1,24 @@
 #pragma once
-// Locks on files, between processes and inside this one.
+// Locks on files, between processes and between parts of this process.
 //
-// The kernel's record locks belong to the process and the file: a second descriptor in the same
-// process is granted the same lock at once, and closing any descriptor of the file drops them all.
-// A daemon that serves many requests at a time would lose its locks that way. So every file that is
-// ever locked is opened, locked and closed through this header and nowhere else. Behind it stands
-// one table a process, keyed by device and inode, with these rules:
+// The kernel's record locks belong to a process and a file. A second descriptor in the same process
+// gets the same lock at once. Closing any descriptor of the file drops all locks of the process on
+// it. A daemon that serves many requests at a time would lose its locks that way. So all code uses
+// only this header to open, lock and close such files. Each process has one table of files, with
+// device and inode as the key. The table follows these rules:
 //
-//  1. Every FileLock is a *holder* with a level of its own. The process holds in the kernel the
-//     highest level of its holders; the kernel is asked only when that changes.
-//  2. A holder that closes while others still hold a lock on the file leaves its descriptor behind,
-//     parked; it is closed with the last lock.
-//  3. A holder that goes leaves the others' locks as they are.
-//  4. A *waiting* lock waits for other processes only. It is granted at once when the process holds
-//     enough already, so no thread ever waits here for a lock that it holds itself elsewhere.
-//  5. A *try* lock sees other holders of this process as busy.
-//  6. The table's mutex is never held during a call that can wait.
-//  7. A forked child owns nothing: its inherited FileLocks only close.
+//  1. Every FileLock is a *holder* with its own level. The kernel's lock has the highest level of
+//     all holders in this process. The table calls the kernel only when that level changes.
+//  2. If a holder closes while another holder has a lock on the file, the table parks the holder's
+//     descriptor. It closes the descriptor with the last lock.
+//  3. The end of a holder does not change the locks of other holders.
+//  4. A *waiting* lock waits only for other processes. If the process already has enough, the
+//     caller gets the lock at once. So no thread waits here for its own lock.
+//  5. A *try* lock fails if another holder of this process is in the way.
+//  6. No thread holds the table's mutex during a call that can wait.
+//  7. A forked child owns no lock. It can only close its inherited FileLocks.
 //
-// Between threads of this process a FileGate keeps two short operations on one file apart.
+// A FileGate keeps two short operations on one file apart, between threads of this process.
 //
 // The lock covers the first byte of the file.
 
@@ -43,52 +43,52 @@ enum class LockLevel
     Write
 };
 
-/// One holder: an open descriptor and its lock. Used by one thread at a time; different holders of
-/// one file may be used by different threads at once.
+/// One holder: an open descriptor and its lock. One thread at a time uses a holder. Different
+/// threads may use different holders of one file at the same time.
 class FileLock
 {
   public:
-    /// Opens the file through the table, with flags and permissions as open(2) takes them
-    /// (O_CLOEXEC is added). Null with errno set when it cannot be opened; EISDIR for a directory,
-    /// EINVAL for anything else that is no regular file (it does not wait for a pipe's writer).
+    /// Opens the file through the table, with flags and permissions as for open(2). Adds
+    /// O_CLOEXEC. On failure it returns null and sets errno: EISDIR for a directory, EINVAL for
+    /// another file that is not regular. It does not wait for the writer of a pipe.
     static std::unique_ptr<FileLock> open(const std::string& path, int flags, mode_t mode = 0);
 
-    /// Releases the lock and closes the descriptor (or parks it).
+    /// Releases the lock, and closes the descriptor or parks it.
     ~FileLock();
     FileLock(const FileLock&) = delete;
     FileLock& operator=(const FileLock&) = delete;
 
-    /// The descriptor, good for reading and writing until this object goes; never to be closed by
-    /// the caller. -1 in a forked child.
+    /// The descriptor, for reading and writing. It is valid as long as this object. The caller must
+    /// not close it. -1 in a forked child.
     int get_handle() const;
 
-    // Each of these answers 0 on success and -1 with errno set on failure, and then leaves the
-    // level as it was. Asking for the level already held succeeds; asking for Read while holding
-    // Write lowers the level. EBADF when the descriptor is not open for reading (Read) or writing
-    // (Write); ENOLCK in a forked child.
+    // Each of these returns 0 on success. On failure it returns -1, sets errno, and does not change
+    // the level. A request for the current level succeeds. A request for Read lowers Write. EBADF
+    // means that the descriptor is not open for reading (Read) or for writing (Write). ENOLCK means
+    // that this is a forked child.
 
-    /// Waits until no other process holds a conflicting lock. EDEADLK when the wait would not end
-    /// (the kernel saw two processes wait for each other, and again after a short while).
-    /// acquire_write from Read may give Read up while it waits: what was read before is to be
-    /// checked again. When it then fails and another process has come between, level() is None.
+    /// Waits until no other process holds a conflicting lock. EDEADLK: two processes wait for each
+    /// other, and still do after a short while. acquire_write from Read may release Read while it
+    /// waits. So the caller must check again what it read before. If acquire_write then fails, and
+    /// another process got the lock in between, level() is None.
     int acquire_read();
     int acquire_write();
-    /// Fail at once with EBUSY when another process, or another holder of this one, is in the way.
+    /// Fail at once with EBUSY if another process or another holder of this process is in the way.
     int tryacquire_read();
     int tryacquire_write();
-    /// From Read to Write without waiting; on failure Read is still held. From None it is
+    /// Raises Read to Write and does not wait. On failure the holder keeps Read. From None it does
     /// the same as tryacquire_write.
     int tryacquire_write_upgrade();
-    /// Gives the lock up; the descriptor stays open.
+    /// Releases the lock. The descriptor stays open.
     int release();
 
     LockLevel level() const;
 
-    /// Whether path still names the file that is open here (it may have been removed or replaced
-    /// between opening and locking it).
+    /// Whether path still names this file. Another process may remove or replace the file between
+    /// the opening and the locking.
     bool isStillAt(const std::string& path) const;
 
-    /// How many descriptors the table keeps open and parked in this process; for tests.
+    /// How many descriptors of this process are open and how many are parked. For tests.
     struct Counts
     {
         std::size_t open;
@@ -107,9 +107,9 @@ class FileLock
     LockLevel m_level = LockLevel::None;
 };
 
-/// Keeps the threads of this process apart while one of them reads or writes a locked file's
-/// content: taken for the length of one such operation, never while a caller keeps a record, and
-/// never while waiting for a lock. A thread may nest gates of one file.
+/// Only one thread of this process has the gate of a file. Take it to read or write the content of
+/// a locked file, for one such operation only. Do not keep it as long as a caller keeps a record,
+/// and do not wait for a lock inside it. A thread may nest gates of one file.
 class FileGate
 {
   public:
@@ -122,12 +122,12 @@ class FileGate
     std::unique_lock<std::recursive_mutex> m_lock;
 };
 
-/// A file that is open, locked and gated, and still at its path. Destroy the gate and keep the lock
-/// to let other threads of this process at the content.
+/// A file that is open and locked, with its gate taken, and still at its path. To let other threads
+/// of this process use the content, destroy the gate and keep the lock.
 struct LockedFile
 {
     std::unique_ptr<FileLock> lock;
-    FileGate gate; ///< goes before the lock
+    FileGate gate; ///< destroyed before the lock
 };
 
 /// Why openLocked failed.
@@ -137,11 +137,11 @@ struct LockFailure
     {
         OPENING,
         LOCKING,
-        REPLACED ///< each time the file was locked, another one stood at its path, or none
+        REPLACED ///< after each locking, the path named another file or no file
     };
     Step step;
     std::error_code error;
-    /// The open file when LOCKING failed, so that the kernel can be asked who holds the lock.
+    /// The open file if LOCKING failed. With it the caller can ask the kernel who holds the lock.
     std::unique_ptr<FileLock> file = nullptr;
 };
 
@@ -152,13 +152,13 @@ enum class LockWait
     TRY
 };
 
-/// Somebody removed or replaced the file this many times in a row between its opening and its
-/// locking: openLocked gives up.
+/// openLocked gives up after this many attempts, if somebody removes or replaces the file each time
+/// between the opening and the locking.
 constexpr int LOCK_MAX_ATTEMPTS = 100;
 
-/// Opens a file, locks it, and takes its gate. Then compares it with what stands at the path: the
-/// file may have been removed or replaced before it was locked. When they differ all begins anew.
-/// @param flags, mode as FileLock::open takes them.
+/// Opens a file, locks it, and takes its gate. Then it checks that the path still names this file,
+/// because somebody may have removed or replaced it before it was locked. If not, it tries again.
+/// @param flags, mode as for FileLock::open.
 [[nodiscard]] tl::expected<LockedFile, LockFailure>
 openLocked(const TlxPathname& path, int flags, mode_t mode, LockLevel level, LockWait wait);
 

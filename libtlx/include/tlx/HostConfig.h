@@ -38,16 +38,16 @@ inline constexpr DeclaredKey ENDPOINT_OF_HOST =
 // Compat(wire-default-port): peers connect to this port unless they are configured otherwise.
 constexpr std::uint16_t DEFAULT_PORT = 14400;
 
-/// The configuration of this host: one object a process. Reads are cheap and may come from any
-/// thread, also during a new read.
+/// The configuration of this host. Each process has one object. Reads are cheap and may come from
+/// any thread, also during a new read.
 class HostConfig
 {
   public:
-    /// Something in the file that was not as it should be.
+    /// A mistake in the file.
     struct Problem
     {
         std::string file;
-        unsigned line; ///< 0 when it is about the file as a whole
+        unsigned line; ///< 0 for a problem of the whole file
         std::string text;
         /// "FILE:LINE: TEXT", without the line when it is 0.
         std::string toText() const;
@@ -66,25 +66,26 @@ class HostConfig
     void declare(ConfigKeyTable keys);
     std::vector<const DeclaredKey*> declaredKeys() const;
 
-    /// Reads the file anew. False when it cannot be read; then nothing is configured and every key
-    /// has its default. Problems found are kept until the next read.
+    /// Reads the file again. If it cannot read the file, it returns false and every key has its
+    /// default. It keeps the problems until the next read.
     bool read();
-    /// Reads the file anew for a running process: takes the declared keys that are taken while
-    /// running, and every other key keeps its value. False when the file cannot be read; then only
-    /// the problems change.
+    /// Reads the file again in a running process. Only the keys with takenWhileRunning get new
+    /// values. If it cannot read the file, it returns false and only the problems change.
     bool readAgain();
-    /// Takes the text in place of the file's (tests, fuzzing); name stands in the problems.
+    /// Reads the text instead of the file, for tests and fuzzing. The problems show the name as the
+    /// file's.
     void readText(const std::string& text, const std::string& name);
     std::vector<Problem> problems() const;
 
-    /// The value; absent when the key is, or when its value was refused.
+    /// The value. Absent if the file has none, or if its value was refused.
     [[nodiscard]] std::optional<std::string> getString(const DeclaredKey& key) const;
     [[nodiscard]] std::optional<bool> getBoolean(const DeclaredKey& key) const;
     [[nodiscard]] std::optional<std::uint64_t> getNumber(const DeclaredKey& key) const;
-    /// Where a key's value stands, for a message: "FILE:LINE"; without a value "not set in FILE".
+    /// The place of a key's value, for a message: "FILE:LINE", or "not set in FILE" without a
+    /// value.
     std::string placeOf(const DeclaredKey& key) const;
 
-    // Values with their defaults filled in.
+    // These return the default for a key without a value.
     std::uint64_t number(const DeclaredKey& key) const;
     std::string localHostName() const;
     Endpoint listenEndpoint() const;
@@ -98,17 +99,19 @@ class HostConfig
     /// a local address. May resolve names, for at most 5 seconds. Without SERVER: false.
     bool isMaster() const;
 
+    /// Threads use it until the process ends.
+    ~HostConfig() = delete;
+
   private:
     HostConfig();
-    ~HostConfig() = delete; // asked by threads until the process ends
     struct State;
     State* const m_state;
 };
 
 /// Reads the host configuration; 0 on success, -1 when it cannot be read.
 int QM_read_master_config();
-/// 0 on success with the value stored; -1 when the key is absent, undeclared, or holds no boolean.
-/// Nothing here calls it; services built elsewhere do.
+/// Stores the value and returns 0. Returns -1 if the key is absent or undeclared, or has no boolean
+/// value. No code here calls it. Services built elsewhere call it.
 int QM_get_config_boolean(const char* key, bool& value);
 /// Whether the named host is the master; "localhost" stands for this host.
 bool QM_is_master(const char* host);

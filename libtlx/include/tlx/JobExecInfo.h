@@ -1,5 +1,5 @@
 #pragma once
-// The job that asks for something.
+// A job that sends a request.
 
 #include <string>
 #include <vector>
@@ -23,8 +23,8 @@ class JobExecInfo : public virtual TLXRefCounted
     /// environment variables. An argument ends at its first NUL.
     TlxString getCommandLine() const;
 
-    /// Takes all arguments that are left in the shifter. @param append true to add them to the
-    /// arguments of this job, false to replace those.
+    /// Takes all remaining arguments from the shifter. @param append true: adds them to this job's
+    /// arguments; false: replaces this job's arguments.
     void setValue(ACE_Arg_Shifter& arguments, bool append);
 
     const std::vector<std::string>& arguments() const { return m_arguments; }

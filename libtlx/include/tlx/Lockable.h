@@ -20,8 +20,8 @@ class TlxLockable
     mutable ACE_Recursive_Thread_Mutex m_lockableMutex;
 };
 
-/// Waits for a TlxLockable's lock and holds it for the length of a scope. locked() is false only
-/// when the system refused the lock; callers assert it.
+/// Waits for a TlxLockable's lock and holds it until the end of its scope. locked() is false only
+/// if the system refused the lock. Callers assert that it is true.
 class LockableGuard
 {
   public:

@@ -1,5 +1,5 @@
 #pragma once
-// Logging: who may write, at which level, and where it goes.
+// Logging: originators, levels and the destination of the lines.
 //
 // Level 1 is for failures and notable events, level 4 for progress, level 6 for the tracer's enter
 // and leave lines. The process has one level; the default is 1.
@@ -44,11 +44,11 @@ class Logger
     explicit Logger(unsigned originator) : m_originator(originator) {}
     virtual ~Logger() = default;
 
-    /// True once the factory was configured anew. A caller that caches loggers then asks for a new
-    /// one.
+    /// True after the factory was configured again. A caller that caches loggers must then get a
+    /// new one.
     virtual bool isStale() const = 0;
 
-    /// The logger drops messages above this level: test it before building one.
+    /// The logger drops messages above this level. Test the level before you build a message.
     virtual int level() const = 0;
 
     virtual void log(const char* operation, int level, const std::string& text) = 0;
@@ -81,8 +81,8 @@ class LoggerFactory
     /// The current logger of an originator.
     Logger* getLogger(unsigned originator);
 
-    /// Changes where lines go. Loggers handed out before become stale. When the file cannot be
-    /// opened, it answers the reason and changes nothing.
+    /// Changes where lines go. The existing loggers become stale. If it cannot open the file, it
+    /// returns the reason and changes nothing.
     [[nodiscard]] tl::expected<void, std::string> configure(const LogSettings& settings);
 
     /// Sets the level of this process. Every logger uses it at once.
@@ -92,17 +92,20 @@ class LoggerFactory
     /// Sends lines to the caller's sink instead (tests); null restores the configured one.
     void setSink(std::shared_ptr<LogSink> sink);
 
+    /// It lives until the process ends, because destructors still log.
+    ~LoggerFactory() = delete;
+
   private:
     LoggerFactory();
-    ~LoggerFactory() = delete; // lives until the process ends: destructors still log
     friend class FactoryLogger;
     struct State;
     State* const m_state;
 };
 
-/// Names the operation that this thread is in, and writes no line. Each thread has a stack of
-/// scopes: the innermost one names the messages, and its end brings the enclosing one back, also
-/// when an exception ends it. A scope lives on the stack of one thread; its name is a literal.
+/// Names the current operation of this thread, and writes no line. Each thread has a stack of
+/// scopes. Messages carry the name of the innermost scope. When it ends, also by an exception, the
+/// enclosing scope is the innermost one again. A scope lives on the stack of one thread. Its name
+/// is a literal.
 class LogScope
 {
   public:
@@ -120,7 +123,7 @@ class LogScope
     /// The operation of this thread's innermost scope; NO_OPERATION outside all scopes.
     static const char* current() noexcept;
 
-    /// The operation of messages that a thread logs outside all scopes.
+    /// The operation of messages outside all scopes.
     static constexpr const char* NO_OPERATION = "-";
 
   private:
@@ -149,13 +152,14 @@ class Tracer
 } // namespace Veltrane::Quillmark::Tlx
 
 /// Logs `text` (a chain for operator<<) followed by " (SOURCE:LINE)". The chain is evaluated only
-/// when the logger wants the level.
+/// if the logger accepts the level.
 #define TLX_LOG(logger, messageLevel, operation, source, text)                                     \
     do {                                                                                           \
         ::Veltrane::Quillmark::Tlx::Logger* tlxLogger_ = (logger);                                 \
         if (tlxLogger_->level() >= (messageLevel)) {                                               \
             std::ostringstream tlxText_;                                                           \
-            tlxText_ << text << " (" << (source) << ":" << __LINE__ << ")";                        \
+            tlxText_ << text /* NOLINT(bugprone-macro-parentheses) */ << " (" << (source) << ":"   \
+                     << __LINE__ << ")";                                                           \
             tlxLogger_->log((operation), (messageLevel), tlxText_.str());                          \
         }                                                                                          \
     } while (false)

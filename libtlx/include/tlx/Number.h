@@ -1,5 +1,5 @@
 #pragma once
-// Numbers out of text.
+// Reads numbers from text.
 
 #include <charconv>
 #include <concepts>
@@ -9,8 +9,8 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// The decimal number that the whole text is: digits alone, for a signed type with a "-" before
-/// them. Nothing for any other text (blanks and "+" included) and for a number out of the type's
+/// Reads the whole text as a decimal number: only digits, and for a signed type a "-" before them.
+/// Returns nothing for any other text, also with blanks or "+", and for a number out of the type's
 /// range.
 template <std::integral Number>
 [[nodiscard]] std::optional<Number> parseNumber(std::string_view text)

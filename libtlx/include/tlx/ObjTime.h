@@ -9,8 +9,8 @@
 namespace Veltrane::Quillmark::Tlx {
 
 /// A point in time (since the epoch) or a duration, in seconds and microseconds. Always normalised:
-/// 0 <= microseconds < 1,000,000. A sum beyond the range becomes the largest or smallest value:
-/// times arrive from other hosts and must not wrap round. Value type.
+/// 0 <= microseconds < 1,000,000. A sum beyond the range becomes the largest or smallest value,
+/// because times from other hosts must not wrap round. Value type.
 class TlxObjTime
 {
   public:

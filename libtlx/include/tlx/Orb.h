@@ -22,9 +22,9 @@ struct AdvertisedObject
 {
     TlxHostname host;
     std::string name;
-    /// Where the host listens; without one, where the configuration says.
+    /// Where the host listens. Without a value the configuration decides.
     std::optional<Endpoint> endpoint = std::nullopt;
-    /// For resolving the name, connecting and the first call together.
+    /// The limit for name resolution, connection and first call together.
     std::chrono::milliseconds limit;
     /// Whether an address that leads back to this very process is a failure, logged at level 1.
     bool elsewhere = false;
@@ -41,8 +41,8 @@ struct LookupFailure
 /// decides how it listens, and the last one destroys it. Code sets are UTF-8. Unless a comment says
 /// otherwise, any thread may call an operation, and a CORBA::SystemException goes to the caller.
 ///
-/// Each Orb owns an ACE reactor, whose thread runs its timers one at a time, and an evictor when it
-/// is asked for.
+/// Each Orb owns an ACE reactor. The reactor's thread runs the timers one at a time. An Orb also
+/// owns an evictor if its user asks for one.
 class Orb
 {
   public:
@@ -67,15 +67,15 @@ class Orb
     /// @throws CORBA::BAD_INV_ORDER unless isEvictorEnabled().
     Evictor& getEvictor() const;
 
-    /// "ADDRESS:PORT" as it stands in references made here; empty for a client.
+    /// The "ADDRESS:PORT" in the references that this process makes; empty for a client.
     std::string getEndpoint() const;
 
     /// Sets how long a call to another host may take before it fails with TIMEOUT, for the whole
     /// process. 0 means no limit.
     void setOrbRequestTimeout(unsigned seconds);
 
-    /// Activates a servant in poa (nil: the root POA). The caller releases the reference that it
-    /// answers. The POA takes its own reference to the servant.
+    /// Activates a servant in poa (nil: the root POA) and returns a reference, which the caller
+    /// releases. The POA takes its own reference to the servant.
     [[nodiscard]] CORBA::Object_ptr
     activateServant(PortableServer::Servant servant,
                     PortableServer::POA_ptr poa = PortableServer::POA::_nil());
@@ -91,14 +91,14 @@ class Orb
     void setPostAdvertised(bool advertised);
     bool isPostAdvertised() const;
 
-    /// Makes requests wait that arrive before the service is up, and lets them in.
+    /// The first makes early requests wait until the service is up. The second lets them in.
     void holdRequests();
     void serveRequests();
 
-    /// The object that the host's service advertises under a name, once it has answered itself.
-    /// Resolving the name, connecting and the first call together keep to the limit, also when the
-    /// peer accepts and stays silent. A call into this process itself runs on the calling thread
-    /// and has no limit. Does not throw.
+    /// The object that the host's service advertises under a name, after the object itself has
+    /// answered. The limit holds for name resolution, connection and first call together, also if
+    /// the peer accepts and stays silent. A call into this process itself runs on the calling
+    /// thread and has no limit. Does not throw.
     [[nodiscard]] tl::expected<CORBA::Object_var, LookupFailure>
     lookupObject(const AdvertisedObject& wanted);
 
@@ -111,8 +111,9 @@ class Orb
     const std::unique_ptr<State> m_state;
 };
 
-/// Limits each remote call of the thread that made it, while it lives. Afterwards the process's
-/// limit holds again. Any thread, also one that the ORB has never seen. Does not nest.
+/// While this object lives, it limits each remote call of the thread that made it. Afterwards the
+/// process's limit holds again. Any thread may make one, also a thread that is new to the ORB. Does
+/// not nest.
 class OrbCallLimit
 {
   public:

@@ -1,5 +1,5 @@
 #pragma once
-// The keys of the host configuration that the ORB reads, beside the names and endpoints of hosts.
+// The keys of the host configuration that only the ORB reads.
 
 #include <array>
 

@@ -1,5 +1,5 @@
 #pragma once
-// A service with an ORB of its own, and the host that runs it.
+// A service with its own ORB, and the host that runs the service.
 
 #include <cstddef>
 #include <functional>
@@ -23,7 +23,7 @@ class OrbService
     // Compat(reserved-arguments): programs pass originator, log, foreground, reactorHandles,
     // timerQueue and restart, which this class does not use. They may override the hooks that it
     // never calls.
-    /// @param serviceName the name the service is known by; also its ORB's.
+    /// @param serviceName the name of the service and of its ORB.
     /// @param originator reserved: the number the service logs under.
     /// @param log reserved, null.
     /// @param foreground reserved: whether a person is watching.
@@ -38,8 +38,8 @@ class OrbService
     OrbService& operator=(const OrbService&) = delete;
     virtual ~OrbService();
 
-    // Notification hooks: a service notes that something happened, and its host asks. Nothing here
-    // calls them; services and hosts built elsewhere rely on them.
+    // Hooks for notifications: a service notes an event, and its host asks for it. No code here
+    // calls them. Services and hosts built elsewhere rely on them.
     virtual void notify();
     virtual bool getNotified() const;
     virtual bool getNotified(bool reset);
@@ -54,15 +54,16 @@ class OrbService
     virtual int doRun() = 0;
     virtual void doStop();
     virtual void doExit();
-    /// False: the service is not wanted on this host.
+    /// Returns false if the service must not run on this host.
     virtual bool doShouldStart();
-    /// Nothing here calls it; hosts built elsewhere do. So with isUTF8CharCodeSetEnabled.
+    /// No code here calls this operation and isUTF8CharCodeSetEnabled. Hosts built elsewhere call
+    /// them.
     virtual void doDump();
     virtual void doReconfig();
     virtual bool isUTF8CharCodeSetEnabled() const;
 
-    /// The service that this process runs; null when it runs none. The object stays alive while the
-    /// caller's request can run.
+    /// The service that this process runs, or null. The object lives at least as long as the
+    /// caller's request.
     static OrbService* Instance();
 
     /// Asks the host to stop the service, and returns at once. The host's main thread stops it. Any

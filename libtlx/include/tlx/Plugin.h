@@ -5,7 +5,7 @@
 // `lib/plugins/` holds the plug-ins, which are visited in the order of their names. A library is
 // never closed: objects that it made may be in use until the process ends.
 //
-// A library may throw while it is loaded or in one of its functions: that becomes a log line with
+// A library may throw while it is loaded or in one of its functions. The log then has a line with
 // its path. While such a call does not return, the log names it. A library that is broken, or made
 // for another version of the kit, is logged and counts as absent.
 
@@ -24,7 +24,7 @@ class LibraryFunction
 {
   public:
     /// @param symbol a literal.
-    /// @param required whether a library is of no use without the function.
+    /// @param required true if a library without the function is useless.
     LibraryFunction(const char* symbol, bool required) : m_symbol(symbol), m_required(required) {}
 
     const char* symbol() const { return m_symbol; }
@@ -79,10 +79,11 @@ struct KitVersion
     unsigned version;   ///< that of this process
 };
 
-/// From now on libraries built for another version are refused. Call it once, before any is loaded.
+/// Refuses libraries built for another version from now on. Call it once, before the first library
+/// is loaded.
 void setKitVersion(const KitVersion& version);
 
-/// The path of the library whose function this thread is in; empty outside such functions.
+/// The path of the library that this thread is calling; empty outside such calls.
 const std::string& currentLibrary();
 
 /// Finds libraries by their base names.

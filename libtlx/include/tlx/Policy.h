@@ -8,7 +8,7 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// A policy that covers what a host discovered, as the host reports it. As XML:
+/// A policy that covers discovered things, as their host reports it. As XML:
 ///
 ///     <QMKPolicy Name="nightly" Type="filesystem" Active="1" Retention="30">text</QMKPolicy>
 ///

@@ -1,5 +1,5 @@
 #pragma once
-// Queries: what somebody asks about discovered items, and what can be asked.
+// Queries about discovered items, and descriptions of the possible queries.
 //
 // A TlxQuery holds one of these, or both:
 //

@@ -1,9 +1,9 @@
 #pragma once
 // Intrusive reference counting.
 //
-// Records, iterators, explorers and servants outlive the call that made them by an unknown time.
-// Threads share them and know nothing of each other, so the count lives in the object. A new object
-// has one reference, its creator's. Each AutoDereference holds one more.
+// Records, iterators, explorers and servants live longer than the call that made them. Threads
+// share them without knowing each other, so the object itself has the count. A new object has one
+// reference, its creator's. Each AutoDereference holds one more.
 
 #include <atomic>
 #include <utility>
@@ -25,7 +25,7 @@ class TLXRefCounted
             delete this;
     }
 
-    /// The number of references that are held now. Tests use it; no code decides by it.
+    /// The current number of references. Only tests use it.
     unsigned long referenceCount() const noexcept
     {
         return m_references.load(std::memory_order_relaxed);
@@ -100,7 +100,7 @@ class AutoDereference
             old->dereferenceObject();
     }
 
-    /// Hands the held reference to the caller, who must release it.
+    /// Gives the held reference to the caller, who must release it.
     [[nodiscard]] T* release() noexcept { return std::exchange(m_object, nullptr); }
 
     T* get() const noexcept { return m_object; }

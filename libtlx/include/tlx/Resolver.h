@@ -8,8 +8,8 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// Answers the numeric addresses of a host name or a numeric address: IPv4 and IPv6, in the
-/// resolver's order, each once. Answers an empty list when the host has none or the limit ran out.
+/// Returns the numeric addresses of a host name or a numeric address: IPv4 and IPv6, in the
+/// resolver's order, each once. The list is empty if the host has no address or the limit ran out.
 /// A resolver that hangs keeps a background thread until it answers. There are at most 128 of
 /// these; then further names fail at once. Numeric addresses never wait. Any thread; does not
 /// throw.

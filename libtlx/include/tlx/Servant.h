@@ -41,8 +41,8 @@ class StatefulServant
     std::mutex m_requestMutex;
 };
 
-/// A servant that serves its requests from the wire one at a time and notes its activity. Two calls
-/// on one iterator, or a release beside a read, never run inside it at once.
+/// A servant that serves its requests from the wire one at a time and notes its activity. So two
+/// calls never run inside it at once, for instance a release and a read of one iterator.
 ///
 /// Skeleton is the generated POA_... class.
 template <class Skeleton>
@@ -63,7 +63,7 @@ class SerialServant : public virtual Skeleton, public StatefulServant
     }
 };
 
-/// "NAME" of an exception, with its minor code and completion: "TRANSIENT (minor 0x...,
+/// The name of an exception with its minor code and completion: "TRANSIENT (minor 0x...,
 /// COMPLETED_NO)".
 std::string describeException(const CORBA::SystemException& exception);
 std::string describeException(const CORBA::Exception& exception);
@@ -82,8 +82,8 @@ class ServantOperationMark
 };
 
 /// Runs the body of a servant operation. Only CORBA system exceptions may leave it. After any other
-/// exception the state behind the service cannot be trusted: the process ends, and a level-1 line
-/// names the operation.
+/// exception the state of the service may be broken. So the process ends, and a level-1 line names
+/// the operation.
 template <class Body>
 auto servantOperation(const char* operation, Body&& body) -> decltype(body())
 {

@@ -1,5 +1,5 @@
 #pragma once
-// Plain text: letters of ASCII, whatever the locale of the process, and blanks.
+// Plain text: ASCII letters and blanks. The locale of the process does not matter.
 
 #include <algorithm>
 #include <concepts>
@@ -8,8 +8,8 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// The small letter for a capital one of A to Z; any other character as it is. For every character
-/// type.
+/// Returns the small letter for a capital letter of A to Z, and any other character unchanged. It
+/// works for every character type.
 template <std::integral Character>
 constexpr Character lowerCase(Character c)
 {

@@ -42,8 +42,8 @@ std::string uriDecode(std::string_view uriText);
 /// the mask does not leave unchanged. Always encodes bytes that are not valid UTF-8.
 std::string uriEncode(std::string_view uriText, unsigned mask);
 
-/// The authority of a URI (RFC 3986, section 3.2). Not split further: in this system it is the name
-/// of a host or a producer, and such names hold all sorts of characters.
+/// The authority of a URI (RFC 3986, section 3.2). It is not divided further, because it is the
+/// name of a host or a producer. Such names contain many kinds of characters.
 class UriAuthority
 {
   public:

@@ -1,5 +1,5 @@
 #pragma once
-// Reading and writing UTF-8. Any bytes may come in: nothing here fails on them.
+// Reads and writes UTF-8. No function fails, for any bytes.
 
 #include <cstddef>
 #include <string>
@@ -7,7 +7,7 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// What stands for a character that cannot be read or carried.
+/// Replaces a character that cannot be read or written.
 constexpr char32_t REPLACEMENT_CHARACTER = 0xFFFD;
 constexpr std::string_view REPLACEMENT_UTF8 = "\xEF\xBF\xBD";
 

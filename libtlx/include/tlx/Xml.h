@@ -50,24 +50,25 @@ enum XmlEndResult
 constexpr unsigned XML_MAX_DEPTH = 256;
 /// Entity references expanded in one document, at most.
 constexpr unsigned XML_MAX_ENTITY_EXPANSIONS = 1000;
-/// Bytes before the document's element and of its start tag, at most. The parser keeps the
-/// declarations of a document type in trees that take more than a hundred times their space.
+/// Bytes before the root element and in its start tag, at most. The parser keeps the declarations
+/// of a document type in trees, which need more than a hundred times as much memory.
 constexpr std::size_t XML_MAX_PROLOG_BYTES = 1u << 20;
-/// Bytes of one start tag, comment or other thing that the parser gathers before it reports it, at
-/// most. It reports text every 2^20 characters, which may be references of up to ten bytes each.
-/// The parser reads in blocks, so a block more than this bound and the one above may pass.
+/// Bytes of one start tag, comment or other part that the parser collects before it reports it, at
+/// most. It reports text every 2^20 characters, and a reference needs up to ten bytes for one
+/// character. The parser reads in blocks, so it may accept one block more than this bound and the
+/// bound above.
 constexpr std::size_t XML_MAX_PIECE_BYTES = 12u << 20;
 /// Different names of elements in one document, at most, because the parser keeps each. The names
 /// that a document type declares count in addition.
 constexpr std::size_t XML_MAX_ELEMENT_NAMES = 100000;
 /// Characters (UTF-16 units) that one context collects as text, at most.
 constexpr std::size_t XML_MAX_TEXT = 16u << 20;
-/// Unknown or refused elements in one document, at most, where each of them is logged.
+/// Unknown or refused elements in one document, at most, because each of them is logged.
 constexpr unsigned XML_MAX_FAULTS = 1000;
 
 /// The state of parsing one element: its name, and the text collected since the last clearText. All
 /// contexts of one parse share two more things: whether the parser is skipping an unknown element,
-/// and whether the parse is to end. One thread uses it.
+/// and whether the parse must end. One thread uses it.
 class XmlObjParseContext
 {
   public:
@@ -100,10 +101,10 @@ class XmlObjParseContext
     void skipEnter() const { ++m_parse->skipDepth; }
     void skipLeave() const { --m_parse->skipDepth; }
 
-    /// Ends the parse after the current event, as a malformed document would. Only the first reason
-    /// is logged.
+    /// Ends the parse after the current event, like a malformed document. Only the first reason is
+    /// logged.
     void refuse(const TlxString& reason) const;
-    /// Why the parse is to end; empty while it goes on.
+    /// Why the parse must end; empty while it continues.
     const TlxString& refusal() const { return m_parse->refusal; }
     /// Call it with every log line about an unknown or refused element. More than XML_MAX_FAULTS
     /// calls end the parse, so that no document can fill the log.

@@ -13,7 +13,8 @@ namespace {
 
 std::atomic<unsigned long> g_failed{0};
 
-/// The reporter in use. It is replaced as a whole: a reporter that is being called stays alive.
+/// The reporter in use. A new one replaces this object as a whole, so a reporter stays alive during
+/// its call.
 struct Installed
 {
     std::mutex mutex;
@@ -48,7 +49,8 @@ void reportAssertion(const char* expression, const char* file, int line) noexcep
                   std::string("Assertion failed: ") + expression + " (" + file + ":" +
                       std::to_string(line) + ")");
     } catch (...) {
-        // The failure is counted already. A report must not become a failure of its own.
+        // The failure is counted already. An exception in the report must not become another
+        // failure.
     }
 }
 

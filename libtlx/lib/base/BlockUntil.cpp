@@ -20,7 +20,7 @@ void TLXBlockUntil::add(TLXBlocking& object)
         const std::lock_guard guard(m_state->mutex);
         ++m_state->left;
     }
-    // The object owns the token: its end counts the object as gone.
+    // The object owns the token. The destruction of the token marks the object as destroyed.
     const std::shared_ptr<void> token(nullptr, [state = m_state](void*) {
         {
             const std::lock_guard guard(state->mutex);

@@ -20,7 +20,8 @@ FileResult<> FileDescriptor::close()
 {
     if (!isOpen())
         return {};
-    // Not repeated after EINTR: the kernel has closed it, and its number may be in use again.
+    // Do not repeat it after EINTR. The kernel has closed the descriptor, and its number may be in
+    // use again.
     if (::close(release()) != 0)
         return tl::unexpected(systemError(errno));
     return {};

@@ -30,8 +30,8 @@ namespace {
 
 constexpr mode_t LOG_FILE_MODE = 0640;
 
-/// Escapes what deceives a reader (tlx/Character.h), and invalid UTF-8. Messages carry names that
-/// strangers chose: a line break in one would forge a log line, and invalid UTF-8 would stop a
+/// Escapes what deceives a reader (tlx/Character.h), and invalid UTF-8. Messages contain names from
+/// other hosts. A line break in a name would forge a log line, and invalid UTF-8 would stop a
 /// reader of the file.
 void appendEscaped(std::string& line, std::string_view text)
 {
@@ -70,9 +70,9 @@ std::string lineText(const LogSink::Line& line)
     throw std::runtime_error("Cannot open log file " + file + ": " + reason);
 }
 
-/// Runs before every opening of the log file; throws when it cannot be used. It creates the file
-/// with its final permissions, so that no moment leaves it readable for everybody. It ends a line
-/// that a crash or a full disk tore. It refuses anything but a regular file, because rotation
+/// Runs before every opening of the log file. Throws if the file cannot be used. It creates the
+/// file with its final permissions, so that it is never readable for everybody. It completes a line
+/// that a crash or a full disk cut. It refuses anything but a regular file, because rotation
 /// renames it.
 void prepareLogFile(const std::string& file)
 {
@@ -91,7 +91,7 @@ void prepareLogFile(const std::string& file)
             throwCannotOpen(file, std::strerror(errno));
 }
 
-/// Takes wider permissions from an older log file, and keeps child processes from inheriting it.
+/// Reduces the permissions of an older log file. Child processes do not inherit the file.
 void adoptLogFile(std::FILE* stream)
 {
     const int fd = ::fileno(stream);
@@ -116,8 +116,8 @@ struct TimedText
     }
 };
 
-/// The rotated file. A sink that failed is thrown away, because it may have lost its stream. The
-/// next line opens a new one, so lines are missing only while the disk is full.
+/// The rotated file. A failed sink may have lost its stream, so it is destroyed. The next line
+/// opens a new sink. So lines are missing only while the disk is full.
 class FileOutput
 {
   public:
@@ -173,7 +173,7 @@ class FileOutput
     unsigned long m_missing = 0;
 };
 
-/// Where the settings send lines.
+/// Writes lines to the outputs of the settings.
 class SettingsSink : public LogSink
 {
   public:
@@ -231,13 +231,13 @@ struct LoggerFactory::State
     std::mutex loggersMutex;
     /// The current logger of each originator.
     std::map<unsigned, FactoryLogger*> loggers;
-    /// Every logger that was ever handed out: callers may still hold stale ones.
+    /// All loggers, also stale ones, because callers may still use them.
     std::vector<std::unique_ptr<FactoryLogger>> all;
 
     /// Held while a line is written.
     std::mutex sinkMutex;
     std::shared_ptr<LogSink> configured = std::make_shared<SettingsSink>(LogSettings{});
-    /// Replaces the configured sink when it is set.
+    /// If set, the lines go to it and not to the configured sink.
     std::shared_ptr<LogSink> replacement;
 };
 
@@ -256,7 +256,8 @@ void FactoryLogger::log(const char* operation, int messageLevel, const std::stri
         LogSink& sink = m_state.replacement ? *m_state.replacement : *m_state.configured;
         sink.write({messageLevel, originator(), operation, text});
     } catch (...) {
-        // Memory ran out, or a sink threw all the same. This line is lost and the process goes on.
+        // Memory ran out, or a sink threw although it must not. This line is lost and the process
+        // goes on.
     }
     t_inSink = false;
 }
@@ -265,7 +266,7 @@ LoggerFactory::LoggerFactory() : m_state(new State) {}
 
 LoggerFactory& LoggerFactory::instance()
 {
-    static LoggerFactory* const theFactory = new LoggerFactory;
+    static auto* const theFactory = new LoggerFactory;
     return *theFactory;
 }
 
@@ -283,10 +284,10 @@ Logger* LoggerFactory::getLogger(unsigned originator)
 
 tl::expected<void, std::string> LoggerFactory::configure(const LogSettings& settings)
 {
-    std::shared_ptr<LogSink> sink; // after the swap the old one: it goes when the mutex is free
+    std::shared_ptr<LogSink> sink; // gets the old sink, which is destroyed without the mutex
     {
-        // Made under the mutex: the file may be the one in use, and no thread may be in the middle
-        // of a line while it is prepared.
+        // Make it under the mutex. It may use the current file, and no thread may write a line
+        // while it prepares the file.
         std::lock_guard guard(m_state->sinkMutex);
         try {
             sink = std::make_shared<SettingsSink>(settings);

@@ -29,8 +29,8 @@ auto uninterrupted(Call call)
     return answer;
 }
 
-/// Whether a read or write is worth another try after errno. Waits for a descriptor that the
-/// process was given as a non-blocking one.
+/// Whether to repeat a read or write after the error in errno. If the descriptor is non-blocking,
+/// it waits until the descriptor is ready.
 bool mayTryAgain(int descriptor, short event)
 {
     if (errno == EINTR)
@@ -57,7 +57,7 @@ FileResult<> writeAll(int descriptor, std::string_view bytes)
     while (!bytes.empty()) {
         const ssize_t count = ::write(descriptor, bytes.data(), bytes.size());
         if (count == 0)
-            return tl::unexpected(systemError(EIO)); // it would never end
+            return tl::unexpected(systemError(EIO)); // otherwise the loop would never end
         if (count > 0)
             bytes.remove_prefix(static_cast<std::size_t>(count));
         else if (!mayTryAgain(descriptor, POLLOUT))
@@ -91,9 +91,10 @@ FileResult<std::string> readWholeFile(const TlxPathname& path, std::size_t mostB
         return lastError();
     if (!S_ISREG(status.st_mode))
         return tl::unexpected(systemError(EINVAL));
-    // The size is not asked for: what the kernel makes while it is read (in /proc) has size 0.
+    // Do not ask for the size. The kernel makes the files in /proc during the read, and their size
+    // is 0.
     std::string content;
-    std::array<char, 16384> buffer;
+    std::array<char, 16384> buffer{};
     while (content.size() <= mostBytes) {
         const auto count = readFull(file->get(), buffer.data(), buffer.size());
         if (!count)
@@ -164,8 +165,8 @@ TemporaryDirectory::~TemporaryDirectory()
 
 void fillStandardDescriptors(MissingStream behaviour)
 {
-    // open takes the lowest free descriptor, so they are filled in order. They pass to programs
-    // that are started from here, as standard descriptors do: no O_CLOEXEC.
+    // open takes the lowest free descriptor, so they are filled in order. They have no O_CLOEXEC:
+    // like all standard descriptors, they pass to the programs that this process starts.
     for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
         if (::fcntl(descriptor, F_GETFD) >= 0 || errno != EBADF)
             continue;

@@ -30,8 +30,8 @@ std::unique_ptr<FileLock> FileLock::open(const std::string& path, int flags, mod
     }
     Table& table = currentTable();
     std::unique_ptr<FileLock> lock(new FileLock(nullptr, -1, table.pid));
-    // Not waiting for a writer, should somebody have put a pipe in the file's place; on a regular
-    // file the flag does nothing.
+    // O_NONBLOCK: if somebody put a pipe in the file's place, the open does not wait for a writer.
+    // The flag does nothing for a regular file.
     auto file = openFile(path, flags | O_NONBLOCK | O_NOCTTY, mode);
     if (!file) {
         errno = file.error().value();
@@ -39,7 +39,7 @@ std::unique_ptr<FileLock> FileLock::open(const std::string& path, int flags, mod
     }
     struct stat status = {};
     if (::fstat(file->get(), &status) != 0) {
-        // Left open: closing it could drop the locks of a file that is not known.
+        // Leave it open: this may be a file with locks, and closing it would drop them.
         (void)file->release();
         return nullptr;
     }
@@ -67,8 +67,8 @@ FileLock::~FileLock()
         m_file->settle(guard);
         return;
     }
-    // Inherited from the parent, which closing does not disturb. But this process may have locked
-    // the file anew, so the descriptor goes through its table too.
+    // The descriptor is inherited. Closing it does not change the parent's locks. But this process
+    // may have its own lock on the file, so its table must close the descriptor.
     Table& table = currentTable();
     struct stat status = {};
     const bool known = ::fstat(m_fd, &status) == 0;
@@ -102,7 +102,7 @@ int FileLock::change(LockLevel wanted, bool wait)
         File& file = *m_file;
         Guard guard(file.table.mutex);
         if (!file.allows(m_fd, wanted)) {
-            // What the kernel says to such a descriptor, said also when it need not be asked.
+            // The kernel's own error for such a descriptor. Return it also without a kernel call.
             error = EBADF;
         } else if (wanted < m_level) {
             file.awaitShort(guard);
@@ -164,7 +164,8 @@ bool FileLock::isStillAt(const std::string& path) const
 FileLock::Counts FileLock::counts()
 {
     Table& table = currentTable();
-    std::vector<std::shared_ptr<File>> kept; // so that none goes while the mutex is held
+    // No File may be destroyed while this thread has the mutex.
+    std::vector<std::shared_ptr<File>> kept;
     Guard guard(table.mutex);
     Counts counts{0, 0};
     for (const auto& [key, entry] : table.files)
@@ -178,7 +179,7 @@ FileLock::Counts FileLock::counts()
 
 FileGate::FileGate(const FileLock& lock)
 {
-    // In a forked child the gate may be held by a thread that does not exist here.
+    // In a forked child, the gate may be held by a thread that exists only in the parent.
     if (lock.m_owner != ::getpid())
         return;
     m_file = lock.m_file;
@@ -200,7 +201,7 @@ tl::expected<LockedFile, LockFailure> openLocked(const TlxPathname& path, int fl
             const std::error_code error = systemError(errno);
             return tl::unexpected(LockFailure{LockFailure::LOCKING, error, std::move(lock)});
         }
-        // Compared inside the gate: another thread of this process may be removing the file.
+        // Compare inside the gate, because another thread of this process may be removing the file.
         FileGate gate(*lock);
         if (lock->isStillAt(path.text()))
             return LockedFile{std::move(lock), std::move(gate)};

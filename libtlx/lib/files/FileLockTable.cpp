@@ -17,19 +17,19 @@ namespace Veltrane::Quillmark::Tlx::FileLockDetail {
 
 namespace {
 
-/// How long a lock whose wait the kernel calls a deadlock is asked for again. The kernel sees whole
-/// processes: it takes two threads of ours, one that holds and will release, one that waits, for
-/// one that does both.
+/// How long to repeat a request that the kernel refuses as a deadlock. The kernel sees only whole
+/// processes. One of our threads may hold a lock and another wait for one. To the kernel this looks
+/// like a single waiting thread, but the first thread will release its lock.
 constexpr std::chrono::seconds DEADLOCK_PATIENCE{2};
 constexpr std::chrono::milliseconds DEADLOCK_PAUSE{10};
 
-/// One kernel call; answers 0 or the error.
+/// One kernel call. Returns 0 or the error.
 int setKernelLock(int fd, LockLevel level, int command)
 {
     struct flock request = {};
-    request.l_type = level == LockLevel::Write  ? F_WRLCK
-                     : level == LockLevel::Read ? F_RDLCK
-                                                : F_UNLCK;
+    request.l_type = static_cast<short>(level == LockLevel::Write  ? F_WRLCK
+                                        : level == LockLevel::Read ? F_RDLCK
+                                                                   : F_UNLCK);
     request.l_whence = SEEK_SET;
     request.l_start = 0;
     request.l_len = 1;
@@ -62,7 +62,7 @@ Table& currentTable()
         return *table;
     auto fresh = std::make_unique<Table>(pid, table);
     if (current.compare_exchange_strong(table, fresh.get(), std::memory_order_acq_rel))
-        return *fresh.release(); // for the rest of the process: holders may be static objects
+        return *fresh.release(); // never destroyed, because static objects may hold locks
     return *table;
 }
 
@@ -82,7 +82,7 @@ File::~File()
 {
     Guard guard(table.mutex);
     const auto entry = table.files.find(key);
-    // Somebody may have opened the file again meanwhile; that entry is not ours.
+    // Another thread may have opened the file again meanwhile. Then the entry is not ours.
     if (entry != table.files.end() && entry->second.expired())
         table.files.erase(entry);
 }
@@ -131,8 +131,8 @@ void File::park(int fd)
     TLX_SHOULD_NOT_GET_HERE();
 }
 
-/// A descriptor that the kernel accepts for a call that lowers. A reader's own is readable, so for
-/// Read there is one, and for None any will do.
+/// A descriptor for lowering the lock to the level. Read needs a readable one, and every reader has
+/// one. None accepts any descriptor.
 int File::descriptorFor(LockLevel level) const
 {
     for (const auto* descriptors : {&open, &parked})
@@ -161,7 +161,7 @@ void File::settle(Guard& guard)
         kernel = target;
         transition = Transition::Short;
         guard.unlock();
-        // Closing drops the process's locks by itself.
+        // Closing a descriptor also drops the lock, so then the unlocking call is not necessary.
         const int error = lowers && closing.empty() ? setKernelLock(fd, target, F_SETLK) : 0;
         for (const Descriptor& descriptor : closing)
             ::close(descriptor.fd);
@@ -233,8 +233,8 @@ int File::waitInKernel(Guard& guard, int fd, LockLevel& held, LockLevel wanted)
     std::optional<std::chrono::steady_clock::time_point> giveUp;
     int error = 0;
     for (;;) {
-        // Two processes that wait for Write while each keeps its own Read would wait for ever, so
-        // only what other holders need is kept. Looked at again each time: they may have released.
+        // If two processes wait for Write and both keep Read, they wait for ever. So keep only the
+        // level that the other holders need. Check it each time, because they may have released.
         const LockLevel kept = neededByOthers(held);
         const bool lowers = kernel > kept;
         kernel = std::min(kernel, kept);

@@ -1,24 +1,27 @@
 #pragma once
-// How the locks are kept.
+// The table behind FileLock.
 //
-// The table knows every file that this process has open through it, by device and inode; the inode
-// cannot be used again for another file while a descriptor of it is open. What is known of a file
-// lives in a File, guarded by the table's mutex. That mutex is never held during a kernel call that
-// can wait; instead one thread at a time has the file's *transition*, lets go of the mutex, calls
-// the kernel and records the outcome:
+// The table has an entry for every file that this process opened through it. The key is device and
+// inode. The file system does not use an inode for another file while a descriptor of it is open.
+// A File has the state of one file. The table's mutex guards it.
 //
-//  - a Short transition (F_SETLK, close) is over at once, so everybody waits for its end, the try
-//    locks too: they would make such a call themselves;
-//  - a Waiting one (F_SETLKW) lasts as long as other processes please. Nobody waits for it who does
-//    not have to: a lock that the process already holds is granted, a try lock is busy, and who
-//    releases or closes only records it, because a kernel call now could take away the lock that
-//    the waiting thread is being given at that very moment. The transition's end settles it.
+// No thread holds that mutex during a kernel call that can wait. Instead one thread at a time has
+// the *transition* of the file. It releases the mutex, calls the kernel and records the result:
 //
-// `kernel` is what the process surely holds: it is lowered before a kernel call that lowers and
-// raised after one that raised. So a lock granted because of it is never wrong.
+//  - A Short transition (F_SETLK, close) ends at once. So every other thread waits for its end. A
+//    try lock does so too, because it would make such a call itself.
+//  - A Waiting transition (F_SETLKW) lasts until other processes release their locks. Other threads
+//    wait for it only if they must. They get a lock that the process already has. A try lock that
+//    needs more fails as busy. A release or a close is only recorded, because a kernel call could
+//    take away the lock that the waiting thread gets at that moment. The end of the transition
+//    settles it.
 //
-// Invariant when no transition is in progress and the mutex is free: kernel == needed(), and
-// nothing is parked when that is None.
+// `kernel` is the level that the process certainly has. The table lowers it before a kernel call
+// that lowers the lock, and raises it after a call that raised the lock. So a holder never gets a
+// level that the process does not have.
+//
+// Invariant while no transition is in progress and the mutex is free: kernel == needed(). If that
+// is None, no descriptor is parked.
 
 #include <condition_variable>
 #include <list>
@@ -37,8 +40,8 @@ namespace Veltrane::Quillmark::Tlx::FileLockDetail {
 
 using Guard = std::unique_lock<std::mutex>;
 
-/// Not an owner: closing a descriptor drops the locks of its file, so the table alone decides when
-/// (File::settle).
+/// It does not own the descriptor. Closing a descriptor drops the locks of its file, so only the
+/// table closes it (File::settle).
 struct Descriptor
 {
     int fd;
@@ -62,47 +65,47 @@ struct Table
 
     Table(pid_t process, Table* previous) : pid(process), older(previous) {}
 
-    /// The entry of an open file, made when there is none; with the mutex held. The caller's copy
-    /// must go after the mutex is free.
+    /// Returns the entry of an open file; makes a missing one. The caller holds the mutex. It must
+    /// release the mutex before it destroys its copy of the pointer.
     std::shared_ptr<File> fileOf(const struct stat& status);
 
     const pid_t pid;
-    /// The parent's table: its mutexes may have been held by threads that do not exist here, so it
-    /// is kept and never touched.
+    /// The parent's table. Threads that exist only in the parent may hold its mutexes. So this
+    /// process keeps it and never uses it.
     Table* const older;
     std::mutex mutex;
     std::map<Key, std::weak_ptr<File>> files;
-    /// The parent's entries of holders that were destroyed here; not touched for the same reason.
+    /// Entries of the parent's table whose holders were destroyed here. Never used, as above.
     std::vector<std::shared_ptr<File>> inherited;
 };
 
-/// The table of this process. A forked child gets one of its own with its first use.
+/// The table of this process. The first call in a forked child makes a new one.
 Table& currentTable();
 
 struct File
 {
     File(Table& itsTable, const Table::Key& itsKey) : table(itsTable), key(itsKey) {}
-    /// Takes itself out of the table: never under its mutex.
+    /// Removes its entry from the table. The caller must not hold the table's mutex.
     ~File();
     File(const File&) = delete;
     File& operator=(const File&) = delete;
 
     /// The highest level of the holders.
     LockLevel needed() const;
-    /// The same without one reader, when the asking holder is one.
+    /// The highest level of the holders, without one holder of the level `held`.
     LockLevel neededByOthers(LockLevel held) const;
     void moveHolder(LockLevel from, LockLevel to);
     bool allows(int fd, LockLevel level) const;
     void park(int fd);
 
-    // All of these are called with the mutex held and leave it for kernel calls.
+    // The caller of these functions holds the mutex. They release it during kernel calls.
 
     int tryRaise(Guard& guard, int fd, LockLevel held, LockLevel wanted);
-    /// Lowers held to None when a lock that had to be given up during the wait could not be had
-    /// back.
+    /// It may release the held lock during the wait. If it then cannot get that lock back, it sets
+    /// `held` to None.
     int waitRaise(Guard& guard, int fd, LockLevel& held, LockLevel wanted);
     void awaitShort(Guard& guard);
-    /// Brings the kernel's level down to what is needed and closes what was parked for its sake.
+    /// Lowers the kernel's level to the needed one. Closes the parked descriptors if that is None.
     void settle(Guard& guard);
 
     Table& table;

@@ -9,7 +9,7 @@ namespace {
 
 bool isDirectory(const std::string& path)
 {
-    struct stat status;
+    struct stat status = {};
     return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
@@ -62,7 +62,7 @@ int TlxPathname::createDirectories(unsigned int mode) const
     if (m_path.empty())
         return ENOENT;
     if (m_path.find('\0') != std::string::npos)
-        return EINVAL; // the system would see a shorter path than the caller meant
+        return EINVAL; // the system would use a shorter path
     if (isDirectory(m_path))
         return 0;
     for (auto end = m_path.find('/', 1); end != std::string::npos;

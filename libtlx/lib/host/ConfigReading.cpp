@@ -76,7 +76,7 @@ std::optional<bool> ConfigReading::knownMaster()
 }
 
 /// Whether requests to an endpoint reach this host's own service. Several hosts may run on one
-/// machine: then only the port tells them apart.
+/// machine. Then only their ports differ.
 bool ConfigReading::isOwnEndpoint(const Endpoint& endpoint) const
 {
     const Endpoint own = listenEndpoint();

@@ -1,5 +1,5 @@
 #pragma once
-// One reading of the host configuration, and what follows from its values.
+// One reading of the host configuration, and the answers that depend on its values.
 
 #include <mutex>
 #include <optional>
@@ -9,7 +9,7 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// Shared by threads. It changes in one way only: isMaster remembers its answer.
+/// Threads share it. Only one thing changes: isMaster keeps its result.
 class ConfigReading
 {
   public:
@@ -18,7 +18,7 @@ class ConfigReading
 
     const ConfigText& text() const { return m_text; }
 
-    /// The value of a key as it is written in a file; null when it is absent or refused.
+    /// The value of a key in a file, unchanged; null if it is absent or refused.
     const ConfigText::Value* find(const DeclaredKey& key, const std::string& written) const;
     /// As HostConfig.
     std::optional<std::string> getString(const DeclaredKey& key) const;
@@ -26,10 +26,9 @@ class ConfigReading
     std::string localHostName() const;
     Endpoint listenEndpoint() const;
 
-    /// Resolves names at the first call. Later callers, and those who come meanwhile, get its
-    /// answer.
+    /// The first call resolves names. Other callers wait for it and get its result.
     bool isMaster();
-    /// The answer of isMaster; without a value when nobody has asked.
+    /// The result of isMaster; no value before the first call.
     std::optional<bool> knownMaster();
 
   private:

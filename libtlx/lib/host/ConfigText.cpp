@@ -65,7 +65,7 @@ class Reader
     ConfigText result() { return std::move(m_result); }
 
   private:
-    /// Answers what is wrong with the line; empty when nothing is.
+    /// Returns the mistake in the line, empty for a good line.
     std::string takeLine(std::string_view line, const std::string& place)
     {
         if (line.size() > CONFIG_MAX_LINE)

@@ -1,5 +1,5 @@
 #pragma once
-// The text of the host configuration: its lines, and what is wrong with them.
+// The text of the host configuration: its lines and their mistakes.
 
 #include <map>
 #include <string>
@@ -14,9 +14,9 @@ namespace Veltrane::Quillmark::Tlx {
 class DeclaredKeys
 {
   public:
-    /// A key that was declared before stays as it was.
+    /// If a key was declared before, the first declaration stays.
     void add(ConfigKeyTable table);
-    /// The key, or the family, of a key in the file; null when nobody has declared it.
+    /// The declared key or family for a key in the file; null for an undeclared key.
     const DeclaredKey* find(const std::string& written) const;
     const std::vector<const DeclaredKey*>& all() const { return m_keys; }
 
@@ -24,9 +24,9 @@ class DeclaredKeys
     std::vector<const DeclaredKey*> m_keys;
 };
 
-/// The values of a configuration text by the name under which each is kept. A declared key is here
-/// only with a good value; an undeclared one with the value that it has, because its component may
-/// declare it later.
+/// The values of a configuration text, by their stored names. A declared key is here only with a
+/// good value. An undeclared key has its value unchecked, because its component may declare it
+/// later.
 struct ConfigText
 {
     struct Value
@@ -40,10 +40,10 @@ struct ConfigText
 
 constexpr std::size_t CONFIG_MAX_BYTES = std::size_t{1} << 20;
 constexpr std::size_t CONFIG_MAX_LINE = 4096;
-/// A hostile file must not become a hostile log.
+/// A hostile file must not flood the log.
 constexpr std::size_t CONFIG_MAX_PROBLEMS = 100;
 
-/// Takes any bytes. name stands in the problems.
+/// Accepts any bytes. The problems show the name as the file's.
 ConfigText parseConfigText(const std::string& text, const std::string& name,
                            const DeclaredKeys& keys);
 

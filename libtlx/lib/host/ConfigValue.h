@@ -10,7 +10,7 @@ namespace Veltrane::Quillmark::Tlx {
 /// Absent when the text is no boolean.
 [[nodiscard]] std::optional<bool> parseBoolean(const std::string& text);
 
-/// A value for a message: in quotes, and cut at a character's end when it is long.
+/// A value for a message: in quotes. A long value is cut after a whole character.
 std::string quotedValue(std::string_view text);
 
 } // namespace Veltrane::Quillmark::Tlx

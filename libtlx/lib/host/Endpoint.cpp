@@ -14,14 +14,14 @@ constexpr std::size_t MAX_HOST_NAME = 255;
 
 bool isNumericV4(const std::string& text)
 {
-    in_addr address;
+    in_addr address = {};
     return ::inet_pton(AF_INET, text.c_str(), &address) == 1;
 }
 
 bool isNumericV6(const std::string& text)
 {
-    in6_addr address;
-    // inet_pton stops at a NUL byte and would accept what stands before it.
+    in6_addr address = {};
+    // inet_pton stops at a NUL byte, and would accept the text before it.
     return text.find('\0') == std::string::npos &&
            ::inet_pton(AF_INET6, text.c_str(), &address) == 1;
 }

@@ -32,7 +32,7 @@ class Watch
   public:
     static Watch& instance()
     {
-        static Watch* const watch = new Watch;
+        static auto* const watch = new Watch;
         return *watch;
     }
 
@@ -63,9 +63,10 @@ class Watch
         m_running.erase(place);
     }
 
+    ~Watch() = delete;
+
   private:
     Watch() = default;
-    ~Watch() = delete;
 
     void watch()
     {
@@ -80,7 +81,8 @@ class Watch
                 }
                 next = std::min<Clock::duration>(next, each.begin + each.patience - now);
             }
-            // No call wakes the thread: a call that ends in time costs only its entry in the list.
+            // A call does not wake the thread. So a call that ends in time only costs an entry in
+            // the list.
             m_asleep.wait_for(guard, std::max<Clock::duration>(next, std::chrono::milliseconds(1)));
         }
         m_watching = false;

@@ -23,7 +23,7 @@ namespace {
 
 constexpr const char* DEFAULT_ROOT = "/usr/varix/quillmark";
 
-// Reads a whole file; what was wrong otherwise.
+// Reads a whole file. Returns the reason of a failure, empty on success.
 std::string readFile(const std::string& path, std::string& out)
 {
     auto content = readWholeFile(path, CONFIG_MAX_BYTES);
@@ -81,7 +81,7 @@ HostConfig::HostConfig() : m_state(new State)
 
 HostConfig& HostConfig::instance()
 {
-    static HostConfig* const config = new HostConfig;
+    static auto* const config = new HostConfig;
     return *config;
 }
 

@@ -22,7 +22,7 @@ KitVersion g_kit{nullptr, 0};
 
 thread_local std::string t_library;
 
-/// Notes for the length of a scope which library this thread is in. Scopes nest.
+/// Records the library that this thread is calling, until the end of a scope. Scopes nest.
 class InLibrary
 {
   public:
@@ -35,7 +35,7 @@ class InLibrary
     std::string m_before;
 };
 
-/// Finds a symbol of the library itself, and none of its dependencies.
+/// Finds a symbol of the library itself, not of its dependencies.
 void* findIn(void* handle, const char* symbol)
 {
     void* const address = ::dlsym(handle, symbol);
@@ -61,14 +61,14 @@ bool fitsKit(void* handle, const std::string& path)
     return false;
 }
 
-/// Loads a library for the rest of the process. Logs a failure and answers null.
+/// Loads a library until the process ends. On failure it logs the reason and returns null.
 void* loadLibrary(const std::string& path, bool global)
 {
     void* handle = nullptr;
     // The library's constructors run here: foreign code.
     callForeignCode("loadLibrary", "Loading " + path, [&] {
         const InLibrary inside(path);
-        // A library that is loaded already is not announced again.
+        // Log a library only once: it may be loaded already.
         handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_NOLOAD);
         if (handle)
             return;

@@ -21,8 +21,8 @@ namespace {
 using Addresses = std::vector<std::string>;
 using Resolve = std::function<Addresses(const std::string&)>;
 
-/// How many questions may wait at a time. It exceeds the number of calls to other hosts that a
-/// service makes at once.
+/// The most names that may wait for the resolver at a time. A service makes fewer calls to other
+/// hosts at once.
 constexpr int MAX_BACKGROUND = 128;
 constexpr std::chrono::milliseconds LONGEST_WAIT = std::chrono::hours(24);
 
@@ -37,7 +37,7 @@ struct Replacement
 // Never destroyed: a resolver that hangs may outlive the main function.
 Replacement& replacement()
 {
-    static Replacement* const instance = new Replacement;
+    static auto* const instance = new Replacement;
     return *instance;
 }
 
@@ -63,7 +63,7 @@ Addresses systemAddresses(const std::string& host, int flags)
     return result;
 }
 
-// Shared by the caller and the background thread; the last of them frees it.
+// The caller and the background thread share it. The last one destroys it.
 struct Question
 {
     std::mutex mutex;
@@ -79,7 +79,7 @@ void answer(const std::shared_ptr<Question>& question, const std::string& host,
     try {
         addresses = resolve ? resolve(host) : systemAddresses(host, 0);
     } catch (...) {
-        addresses.clear(); // as after any other failure
+        addresses.clear(); // as after every failure
     }
     {
         std::lock_guard guard(question->mutex);
@@ -95,7 +95,7 @@ bool toBytes(const std::string& text, in6_addr& out)
 {
     if (text.find('\0') != std::string::npos) // inet_pton would read no further
         return false;
-    in_addr v4;
+    in_addr v4 = {};
     if (::inet_pton(AF_INET, text.c_str(), &v4) == 1) {
         out = {};
         out.s6_addr[10] = out.s6_addr[11] = 0xff;
@@ -152,7 +152,7 @@ std::vector<std::string> resolveHost(const std::string& host, std::chrono::milli
 
 bool isLocalAddress(const std::string& address)
 {
-    in6_addr wanted;
+    in6_addr wanted = {};
     if (!toBytes(address, wanted))
         return false;
     if (isLoopback(wanted))
@@ -166,12 +166,12 @@ bool isLocalAddress(const std::string& address)
             continue;
         in6_addr own{};
         if (each->ifa_addr->sa_family == AF_INET) {
-            sockaddr_in v4;
+            sockaddr_in v4 = {};
             std::memcpy(&v4, each->ifa_addr, sizeof v4);
             own.s6_addr[10] = own.s6_addr[11] = 0xff;
             std::memcpy(&own.s6_addr[12], &v4.sin_addr, sizeof v4.sin_addr);
         } else if (each->ifa_addr->sa_family == AF_INET6) {
-            sockaddr_in6 v6;
+            sockaddr_in6 v6 = {};
             std::memcpy(&v6, each->ifa_addr, sizeof v6);
             own = v6.sin6_addr;
         } else {

@@ -40,7 +40,7 @@ struct Watched
     PortableServer::ObjectId id;
     Duration timeout{};
     TimePoint added;
-    std::shared_ptr<ServantActivity> activity; ///< null for a servant that notes none
+    std::shared_ptr<ServantActivity> activity; ///< null for a servant that does not record activity
 
     TimePoint due() const
     {
@@ -52,7 +52,7 @@ struct Watched
     }
 };
 
-/// Call it without the evictor's mutex: the POA takes locks of its own.
+/// Call it without the evictor's mutex, because the POA takes its own locks.
 void deactivate(const Watched& object, bool quiet)
 {
     try {
@@ -78,7 +78,8 @@ struct Evictor::State
 
     TimePoint now() const { return clock ? clock() : std::chrono::steady_clock::now(); }
 
-    /// When the thread looks again. It looks at a busy object again after that object's time-out.
+    /// The time of the thread's next look. It looks at a busy object again after that object's
+    /// time-out.
     TimePoint nextLook() const
     {
         TimePoint next = now() + std::chrono::hours(1);
@@ -86,7 +87,7 @@ struct Evictor::State
             const TimePoint due = object.due();
             next = std::min(next, due > now() ? due : now() + object.timeout);
         }
-        // Otherwise the thread would spin over a busy object with a tiny time-out.
+        // Otherwise a busy object with a tiny time-out would keep the thread running.
         return std::max(next, now() + std::chrono::milliseconds(10));
     }
 };

@@ -47,8 +47,8 @@ std::shared_ptr<OrbCore> acquireCore(bool clientOnly, const std::string& endpoin
     }
 }
 
-/// An ORB's use of ACE. It is kept when the ORB cannot be brought up: the attempt may have been
-/// made under one of ACE's own locks, that of a singleton.
+/// An ORB's use of ACE. If the ORB does not start, the use stays. The caller may hold one of ACE's
+/// own locks, for a singleton, and must not finalise ACE under it.
 struct AceUse
 {
     ~AceUse()
@@ -145,7 +145,7 @@ void Orb::destroyObjectRef(CORBA::Object_ptr object, PortableServer::POA_ptr poa
         const PortableServer::ObjectId_var id = home->reference_to_id(object);
         home->deactivate_object(id);
     } catch (const CORBA::Exception& e) {
-        // The object or its POA is gone already.
+        // The object or its POA is destroyed already.
         PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::destroyObjectRef",
                      "Nothing to deactivate: " << describeException(e));
     }

@@ -69,8 +69,9 @@ std::string toUri(const std::string& text)
     return "giop:tcp:" + toText(*endpoint);
 }
 
-/// The ORB's rule for the address inside references: the given one with the port that it listens
-/// at, otherwise, if possible, an address of this machine that is no loopback address.
+/// The ORB's rule for the address inside references. With a published address it is that address
+/// and the port of the ORB. Otherwise it is an address of this machine, if possible no loopback
+/// address.
 std::string toPublish(const std::string& address)
 {
     if (address.empty())
@@ -79,8 +80,8 @@ std::string toPublish(const std::string& address)
     return "giop:tcp:" + (v6 ? "[" + address + "]" : address) + ":";
 }
 
-/// The system's reason why a socket cannot be bound here; empty when it can. The ORB reports only
-/// that it failed.
+/// The system's reason why a socket cannot be bound here, or empty. The ORB reports only the
+/// failure, without the reason.
 std::string whyNotBound(const std::string& text)
 {
     const auto endpoint = parseEndpoint(text);
@@ -106,7 +107,7 @@ std::string whyNotBound(const std::string& text)
     return error ? std::strerror(error) : "";
 }
 
-/// "ADDRESS:PORT" as a reference carries it.
+/// The "ADDRESS:PORT" in a reference.
 std::string endpointOf(CORBA::Object_ptr reference)
 {
     omniIOR* ior = reference->_PR_getobj() ? reference->_PR_getobj()->_getIOR() : nullptr;
@@ -126,8 +127,9 @@ std::string endpointOf(CORBA::Object_ptr reference)
     return {};
 }
 
-/// An object key that begins with a zero byte belongs to an object adapter that is not in use here.
-/// Without this, the ORB answers a request for one over and over while its sender stays connected.
+/// An object key that begins with a zero byte belongs to an object adapter that this process does
+/// not use. Without this interceptor, the ORB answers a request for such a key again and again
+/// while its sender stays connected.
 CORBA::Boolean refuseForeignKey(omni::omniInterceptors::serverReceiveRequest_T::info_T& info)
 {
     if (info.giop_s.keysize() > 0 && info.giop_s.key()[0] == 0)
@@ -240,7 +242,7 @@ bool OrbCore::leadsHere(const Endpoint& endpoint) const
         return false;
     if (isAnyAddress(m_listenAddress) && isLocalAddress(endpoint.address))
         return true;
-    // Behind an address translation the published address leads here, and no interface has it.
+    // With address translation, the published address leads here although no interface has it.
     for (const std::string& name : {m_listenAddress, own->address}) {
         const auto addresses = resolveHost(name, std::chrono::seconds(1));
         if (std::find(addresses.begin(), addresses.end(), endpoint.address) != addresses.end())

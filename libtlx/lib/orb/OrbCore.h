@@ -10,7 +10,7 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// How the ORB listens and what it accepts.
+/// The ORB's endpoints and limits.
 struct OrbSettings
 {
     bool clientOnly = true;
@@ -19,9 +19,8 @@ struct OrbSettings
     unsigned long maxMessageBytes = 0;
 };
 
-/// How many calls to one other host may run at a time, each on its own connection; more wait. It
-/// exceeds what one service asks another at once (queries and pulls are bounded), so that slow
-/// calls hold up no others.
+/// The most calls to one other host at a time, each on its own connection. Further calls wait. The
+/// bounds on queries and pulls are lower, so slow calls do not delay others.
 constexpr int CONNECTIONS_TO_A_HOST = 100;
 
 /// Brings the ORB up and takes it down. Any thread may use it in between.
@@ -36,8 +35,8 @@ class OrbCore
     /// A client gets the exception OBJ_ADAPTER.
     PortableServer::POA_ptr rootPOA() const;
     const std::string& endpoint() const { return m_endpoint; }
-    /// Whether a numeric address and port lead to this process: it listens there, or its references
-    /// publish them.
+    /// Whether a numeric address and port lead to this process. It may listen there, or its
+    /// references may publish them.
     bool leadsHere(const Endpoint& endpoint) const;
 
     void advertise(const std::string& name, CORBA::Object_ptr object);

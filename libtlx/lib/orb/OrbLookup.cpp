@@ -33,9 +33,9 @@ milliseconds left(Clock::time_point end)
     return std::chrono::duration_cast<milliseconds>(end - Clock::now());
 }
 
-/// Whether the object is there. A connection that the ORB has kept may lead to a service that was
-/// restarted since; the first use shows it. Asking twice is harmless, so it asks again until the
-/// question went over a new connection.
+/// Whether the object exists. The ORB may have kept a connection to a service that has restarted
+/// since, and only a call shows this. A second call does no harm, so it asks again until a call
+/// uses a new connection.
 bool isThere(CORBA::Object_ptr object, Clock::time_point end)
 {
     for (int kept = CONNECTIONS_TO_A_HOST;; --kept) {

@@ -103,7 +103,7 @@ void endAfterForeignException(const char* operation) noexcept
         what = e.what();
     } catch (const CORBA::Exception& e) {
         what = describeException(e);
-    } catch (...) { // the text above stands
+    } catch (...) { // keep the text above
     }
     PLATFORM_LOG(1, operation,
                  "The process ends: only CORBA system exceptions may leave a remote "

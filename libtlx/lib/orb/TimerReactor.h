@@ -18,9 +18,8 @@ namespace Veltrane::Quillmark::Tlx {
 /// descriptors.
 ///
 /// The timers run on the reactor's own thread, one at a time, without the reactor's token. They use
-/// the monotonic clock: when an administrator corrects a host's time by hours, timers must neither
-/// wait nor run that much. Any thread may schedule and cancel. The destructor waits for the timer
-/// that runs.
+/// the monotonic clock. So they do not change when an administrator corrects a host's time by
+/// hours. Any thread may schedule and cancel. The destructor waits for the timer that runs.
 class TimerReactor
 {
   public:

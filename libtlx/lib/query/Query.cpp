@@ -29,7 +29,7 @@ TlxString carryable(const TlxString& text)
     return result;
 }
 
-/// The field as XML can carry it, each value once.
+/// The field with only the characters that XML can contain, and each value once.
 QueryField carryable(const QueryField& field)
 {
     QueryField result{field.name, field.type, carryable(field.description), {}};
@@ -213,7 +213,7 @@ tl::expected<void, std::string> TlxQuery::addField(const QueryField& field)
     return addCarryable(carryable(field));
 }
 
-/// Adds a field that carryable made. All fields of a query are such fields.
+/// Adds a field that carryable returned. All fields of a query come from carryable.
 tl::expected<void, std::string> TlxQuery::addCarryable(const QueryField& added)
 {
     if (const std::string problem = problemOf(added); !problem.empty())

@@ -11,7 +11,7 @@ namespace {
 
 static_assert(std::numeric_limits<QueryNumber>::digits >= 64, "64-bit integers are exact");
 
-/// Whether a bare word begins as only numbers do.
+/// Whether a bare word begins like a number.
 bool looksLikeNumber(std::string_view word)
 {
     if (word[0] == '-' || word[0] == '+')

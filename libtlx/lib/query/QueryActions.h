@@ -1,5 +1,5 @@
 #pragma once
-// What the parser does when it has read a rule of the grammar: it adds steps to the expression.
+// The parser's actions. After each rule of the grammar they add steps to the expression.
 
 #include <cstddef>
 #include <memory>
@@ -17,7 +17,7 @@
 
 namespace Veltrane::Quillmark::Tlx::QueryLanguage {
 
-/// The state of one parse. The actions hand it what they have read. Throws Refusal.
+/// The state of one parse. The actions pass it the parts that they have read. Throws Refusal.
 class Builder
 {
   public:
@@ -45,7 +45,7 @@ class Builder
     void takeQuoted();
     void takeTrue(std::string_view spelling);
     void takeFalse(std::string_view spelling);
-    /// A word without quotation marks. A word that begins as a number does must be one.
+    /// A word without quotation marks. If it begins like a number, it must be a number.
     void takeBareValue(std::string_view word);
     void takeBarePattern(std::string_view word);
 

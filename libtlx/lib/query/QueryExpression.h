@@ -30,8 +30,8 @@ enum class QueryOperator
     Like
 };
 
-/// The steps of a stack machine, operands first. So neither the evaluation nor the destruction of a
-/// long expression recurses. Any thread, once the expression is built.
+/// The steps of a stack machine, operands first. So a long expression needs no recursion, for its
+/// evaluation or its destruction. When it is complete, any thread may use it.
 class QueryExpression
 {
   public:

@@ -1,8 +1,8 @@
 #pragma once
 // The grammar of the query language, for the parser alone. docs/filters.md explains the language.
 //
-// The grammar looks ahead by one word only. Once it has recognised a word, it demands (must) what
-// has to follow, and tries no second way. So it reads a text once, each mistake has one place, and
+// The grammar looks ahead by one word only. After a recognised word it demands the next part
+// (must), and tries no other way. So it reads a text once, each mistake has one place, and
 // QUERY_MAX_DEPTH bounds the nesting of calls.
 
 #include <string_view>
@@ -39,7 +39,7 @@ struct Character
     }
 };
 
-/// One row of a table: the one with the longest spelling that stands here.
+/// One row of a table: the longest spelling that matches here.
 template <const auto& Table>
 struct Row
 {
@@ -101,7 +101,7 @@ struct WordCharacter : Character<isQueryWordCharacter>
 {
 };
 
-/// A keyword where a name could stand. It does not begin a longer name.
+/// A keyword in a place for a name. It is not the beginning of a longer name.
 template <class Text>
 struct Word : pegtl::seq<Text, pegtl::not_at<NameCharacter>>
 {
@@ -122,8 +122,8 @@ struct Keyword : Word<OneOf<QUERY_KEYWORDS>>
 {
 };
 
-/// A keyword in the place of a value. It does not begin a longer bare value, which may hold more
-/// characters than a name.
+/// A keyword in a place for a value. It is not the beginning of a longer bare value, which may
+/// contain other characters than a name.
 template <class Text>
 struct ValueWord : pegtl::seq<Text, pegtl::not_at<WordCharacter>>
 {

@@ -1,5 +1,5 @@
 #pragma once
-// What a query left out of a description, for one log line.
+// The parts of a description that a query left out, for one log line.
 
 #include <cstddef>
 #include <string>
@@ -12,9 +12,9 @@ namespace Veltrane::Quillmark::Tlx {
 class QueryLosses
 {
   public:
-    /// A field that was left out. @param refused why.
+    /// Counts a field that was left out. @param refused the reason.
     void addField(const QueryField& field, const std::string& refused);
-    /// A field with too many values, which therefore takes any value.
+    /// Counts a field with too many values. It now takes any value.
     void addOpened(const QueryField& field);
     bool any() const { return m_fields + m_opened > 0; }
     /// Logs a line if anything was lost.

@@ -38,7 +38,7 @@ std::string found(std::string_view text, std::size_t byte)
     return "\"" + std::string(word.substr(0, shown)) + (shown < word.size() ? "...\"" : "\"");
 }
 
-/// What may follow an operand; the caller adds what else may.
+/// The words that may follow an operand. The caller adds other possible words.
 std::string goingOn(bool afterField)
 {
     return (afterField ? "a comparison, " : "") + inMarks(QUERY_AND) + ", " + inMarks(QUERY_OR) +

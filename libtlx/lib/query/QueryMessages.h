@@ -27,7 +27,7 @@ std::size_t columnOf(std::string_view text, std::size_t byte);
 /// Refuses the word at a place. @param expected what the grammar demands there.
 Refusal unexpected(const std::string& expected, std::string_view text, std::size_t byte);
 
-// What the grammar demands.
+// The parts that the grammar demands.
 
 std::string expectedOperand();
 std::string expectedValue();

@@ -8,8 +8,8 @@ namespace Veltrane::Quillmark::Tlx {
 namespace QueryLanguage {
 namespace {
 
-/// What is missing when a rule inside of must does not match. A rule without a text here does not
-/// compile.
+/// The missing part, for a message, if a rule inside must does not match. The code does not compile
+/// if a rule has no text here.
 template <class Rule>
 struct Expected;
 template <>
@@ -62,7 +62,7 @@ struct Expected<End>
     static std::string text(const Builder& builder) { return expectedEnd(builder.isAfterField()); }
 };
 
-/// Has the parser throw our messages.
+/// Makes the parser throw our messages.
 template <class Rule>
 struct Control : pegtl::normal<Rule>
 {
@@ -74,7 +74,7 @@ struct Control : pegtl::normal<Rule>
     }
 };
 
-/// Refuses what no expression may hold in any place, because its XML form could not carry it.
+/// Refuses the characters that no expression may contain, because XML cannot contain them.
 void checkCharacters(std::string_view text)
 {
     if (text.size() > QUERY_MAX_LENGTH)

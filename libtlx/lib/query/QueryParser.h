@@ -1,5 +1,5 @@
 #pragma once
-// From a query's text to its expression.
+// Parses the text of a query into an expression.
 
 #include <memory>
 #include <string_view>

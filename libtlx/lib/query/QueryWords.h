@@ -57,7 +57,7 @@ struct QueryUnit
     char letter; ///< capital; a filter may use the small letter, too
     std::uint64_t factor;
 };
-/// What may follow a number.
+/// The units, which may follow a number.
 inline constexpr std::array<QueryUnit, 6> QUERY_UNITS{{
     {'K', std::uint64_t{1} << 10},
     {'M', std::uint64_t{1} << 20},
@@ -75,7 +75,7 @@ inline constexpr std::string_view QUERY_ESCAPE = "\\";
 struct QueryEscape
 {
     std::string_view spelling; ///< after QUERY_ESCAPE
-    char character;            ///< what it stands for
+    char character;            ///< its meaning
 };
 inline constexpr std::array<QueryEscape, 6> QUERY_ESCAPES{{
     {"\"", '"'},
@@ -89,7 +89,7 @@ inline constexpr std::array<QueryEscape, 6> QUERY_ESCAPES{{
 // Characters.
 
 inline constexpr std::string_view QUERY_BLANKS = " \t\r\n";
-/// What ends a word without quotation marks.
+/// The characters that end a word without quotation marks.
 inline constexpr std::string_view QUERY_WORD_ENDS = " \t\r\n\"'()=!<>";
 
 constexpr bool isQueryBlank(char c)

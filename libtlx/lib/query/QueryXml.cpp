@@ -22,7 +22,7 @@ constexpr const char* TAG_VALUE = "Value";
 constexpr const char* ATTRIBUTE_NAME = "Name";
 constexpr const char* ATTRIBUTE_TYPE = "Type";
 
-/// What was read so far. The query takes it at the end of its element.
+/// The parts that were read so far. The query takes them at the end of its element.
 class QueryContext : public XmlObjParseContext
 {
   public:
@@ -82,8 +82,8 @@ bool startNode(QueryContext& context, const XMLCh* name, AttributeList& attribut
     }
 }
 
-/// Too many values become "any value". Part of a list would be wrong: a filter for a value that is
-/// missing from it would look like a mistake.
+/// Too many values become "any value". An incomplete list would be wrong, because a filter for a
+/// missing value would look like a mistake.
 void endField(QueryContext& context)
 {
     QueryField& field = context.m_field;
@@ -113,7 +113,7 @@ void endNode(QueryContext& context)
         context.m_node = QueryContext::Field;
         break;
     case QueryContext::Value:
-        // One value above the bound is kept: it shows that there are too many.
+        // Keep one value above the bound. It shows that the field has too many values.
         if (context.m_values.size() <= QUERY_MAX_VALUES &&
             context.m_values.insert(context.text()).second)
             context.m_field.values.push_back(context.text());

@@ -24,7 +24,7 @@ struct Range
 };
 
 /// In ascending order. The last two code points of every plane are left out and tested by a rule.
-/// Stores and names rely on which characters stand here: docs/formats.md.
+/// Stores and names rely on this list: docs/formats.md.
 constexpr Range TABLE[] = {
     {0x00, 0x1F, Harm::CONTROL},        // C0 controls
     {0x7F, 0x9F, Harm::CONTROL},        // delete, C1 controls

@@ -16,7 +16,7 @@ constexpr std::int64_t MIN_SECONDS = std::numeric_limits<std::int64_t>::min();
 
 struct Clock
 {
-    /// False spares now() the lock. Only tests install a clock.
+    /// If it is false, now() does not need the lock. Only tests install a clock.
     std::atomic<bool> installed{false};
     std::mutex mutex;
     std::shared_ptr<const std::function<TlxObjTime()>> function;
@@ -25,7 +25,7 @@ struct Clock
 /// Never destroyed: threads ask for the time until the process ends.
 Clock& clock()
 {
-    static Clock* const instance = new Clock;
+    static auto* const instance = new Clock;
     return *instance;
 }
 
@@ -91,7 +91,8 @@ TlxObjTime operator+(const TlxObjTime& a, const TlxObjTime& b)
     std::int64_t microseconds = std::int64_t{a.m_microseconds} + b.m_microseconds;
     if (microseconds >= MICROSECONDS) {
         microseconds -= MICROSECONDS;
-        // Carries into the number that has room. Without room in either, the sum overflows anyway.
+        // Adds the carry to a number that does not overflow. If both would overflow, the sum
+        // overflows anyway.
         if (first < MAX_SECONDS)
             ++first;
         else if (second < MAX_SECONDS)

@@ -8,7 +8,7 @@ namespace Veltrane::Quillmark::Tlx {
 
 namespace {
 
-/// What the first byte claims; the library checks the claim.
+/// The length that the first byte announces. The library checks it.
 std::size_t claimedLength(unsigned char first)
 {
     return first < 0x80 ? 1 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
@@ -16,7 +16,7 @@ std::size_t claimedLength(unsigned char first)
 
 } // namespace
 
-// The library's own decoder throws on bad bytes, and those are no exception here.
+// The library's own decoder throws on bad bytes. Here they are a normal case.
 std::size_t utf8Character(std::string_view text, char32_t* codePoint)
 {
     if (text.empty())

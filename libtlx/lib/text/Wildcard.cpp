@@ -18,9 +18,9 @@ std::string_view characterAt(std::string_view text, std::size_t position)
 
 } // namespace
 
-// Only the last "*" ever needs another try, because it can take all that an earlier one could take.
-// So one place to go back to is enough: there is no recursion, and no pattern takes more steps than
-// the product of the lengths.
+// Only the last "*" needs another try, because it can match everything that an earlier "*" could
+// match. So one place to go back to is enough. There is no recursion, and the number of steps is at
+// most the product of the lengths.
 bool wildcardMatch(std::string_view pattern, std::string_view text, std::uint64_t& steps)
 {
     constexpr std::size_t none = std::string_view::npos;

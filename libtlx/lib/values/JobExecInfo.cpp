@@ -28,8 +28,8 @@ bool needsQuotes(const std::string& argument)
     return argument.empty();
 }
 
-/// Quotes only the characters that need it. So no backslash stands inside of marks, where it could
-/// swallow the closing mark.
+/// Quotes only the characters that need it. So no backslash is inside quotation marks, where it
+/// could hide the closing mark.
 void appendInPieces(std::string& line, const std::string& argument)
 {
     char open = '\0';
@@ -48,8 +48,7 @@ void appendInPieces(std::string& line, const std::string& argument)
         line += open;
 }
 
-/// Quotes an argument as people would, where that is possible: ACE_ARGV knows no escape outside of
-/// quotation marks.
+/// Quotes an argument as people do, if possible. ACE_ARGV has no escape outside quotation marks.
 void appendQuoted(std::string& line, const std::string& argument)
 {
     const auto has = [&](char c) { return argument.find(c) != std::string::npos; };

@@ -42,7 +42,7 @@ class SafeXmlParser : public Parser
         Parser::setLoadSchema(false);
         Parser::setLoadExternalDTD(false);
         Parser::setSkipDTDValidation(true);
-        // The resolver resolves nothing, and the library must not look for itself then.
+        // The resolver finds nothing. Then the library must not search by itself.
         Parser::setEntityResolver(&m_handlers);
         Parser::setDisableDefaultEntityResolution(true);
         Parser::setErrorHandler(&m_handlers); // throws fatal errors, ignores the rest
@@ -72,11 +72,11 @@ class SafeXmlParser : public Parser
         m_bounds.end();
     }
 
-    /// Whether a document of another version than 1.0 was read last. The library remembers that
-    /// version, and would read by its rules the next document that declares none.
+    /// Whether the last document had another version than 1.0. The library keeps that version. It
+    /// would use its rules for the next document without a declared version.
     bool hasReadOtherVersion() const { return m_otherVersion; }
 
-    // What the library reports.
+    // The events of the library.
 
     void XMLDecl(const XMLCh* const version, const XMLCh* const encoding,
                  const XMLCh* const standalone, const XMLCh* const actualEncoding) override
@@ -162,7 +162,7 @@ class SafeXmlParser : public Parser
     void watchDeclarations(xercesc::SAXParser& parser) { parser.setDTDHandler(&m_handlers); }
     void watchDeclarations(xercesc::XercesDOMParser&) {}
 
-    // One of the two parsers answers a reference, the other one a pointer.
+    // One of the two parsers returns a reference, the other one a pointer.
     static const xercesc::XMLScanner& scanner(const xercesc::XMLScanner& it) { return it; }
     static const xercesc::XMLScanner& scanner(const xercesc::XMLScanner* it) { return *it; }
 

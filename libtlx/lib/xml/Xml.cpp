@@ -94,7 +94,7 @@ void XmlInterface::xmlCharacters(XmlObjParseContext* context, const XMLCh* chars
 
 void XmlInterface::xmlStartElement(XmlObjParseContext* context, const XMLCh*, AttributeList&)
 {
-    // Counts an element once, also when several objects pass it on to here.
+    // Counts an element once, also if several objects pass it to this function.
     if (context && !context->isSkipping())
         context->skipEnter();
 }

@@ -85,9 +85,9 @@ void XmlBounds::checkNames(const xercesc::XMLElementDecl& declaration) const
                " different names of elements");
 }
 
-/// The source asks before the parser reads on, when the parser is done with nearly all that it has.
-/// A refusal thrown from there would make the parser leak the trees that it builds. So the document
-/// breaks off here, and end throws the refusal.
+/// The source calls this before the parser reads more. By then the parser has processed nearly all
+/// that it read. An exception from here would make the parser leak the trees that it builds. So the
+/// document ends here, and end throws the refusal.
 bool XmlBounds::mayReadOn() noexcept
 {
     if (m_refused)

@@ -1,5 +1,5 @@
 #pragma once
-// Holds a document against the bounds of tlx/Xml.h while it is parsed.
+// Checks the bounds of tlx/Xml.h while a document is parsed.
 
 #include <cstddef>
 #include <exception>
@@ -14,12 +14,13 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// The longest text of an entity, in UTF-16 units. This bound and the one on expansions together
-/// bound what the entities of one document can grow to.
+/// The longest text of an entity, in UTF-16 units. This bound and the bound on expansions limit the
+/// memory for the entities of one document.
 constexpr std::size_t XML_MAX_ENTITY_TEXT = 4096;
 
-/// Counts what a parser reports. An operation that finds a bound exceeded refuses the document: it
-/// throws what guardXml turns into a failure. Serves one parse after another; one thread.
+/// Counts the events of a parser. If an operation finds that a bound is exceeded, it refuses the
+/// document: it throws an exception that guardXml turns into a failure. It serves one parse after
+/// another, on one thread.
 class XmlBounds
 {
   public:
@@ -31,8 +32,8 @@ class XmlBounds
     /// Begins a document. Lets the source end early when the document exceeds a bound.
     /// @param source must outlive the parse.
     void begin(XmlSource& source);
-    /// Whether the source ended early. The parser's own exception then says only that the document
-    /// breaks off.
+    /// Whether the source ended early. Then the parser's own exception only reports an incomplete
+    /// document.
     bool hasBrokenOff() const { return m_refused != nullptr; }
     /// Throws the refusal if the source ended early.
     void end();
@@ -43,7 +44,7 @@ class XmlBounds
     void leaveElement();
     unsigned depth() const { return m_depth; }
     void setDepth(unsigned depth) { m_depth = depth; }
-    /// Anything else that the parser reports. It then forgets what it has read, except for the rest
+    /// Any other event. After it, the parser no longer needs what it has read, except for the rest
     /// of the last block.
     void noteEvent() { m_bytesAtEvent = m_source->bytesRead(); }
     void declareElement(const xercesc::XMLElementDecl& declaration) const

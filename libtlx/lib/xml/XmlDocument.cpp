@@ -79,7 +79,7 @@ class Driver : public xercesc::HandlerBase
     const xercesc::Locator* m_locator = nullptr;
 };
 
-/// Logs why a document cannot be parsed, and answers the text.
+/// Logs why a document cannot be parsed, and returns the text.
 TlxString logFailure(const std::basic_string<XMLCh>& documentName, const XmlFailure& failure)
 {
     std::ostringstream text;
@@ -94,7 +94,8 @@ TlxString logFailure(const std::basic_string<XMLCh>& documentName, const XmlFail
 
 void initialiseXml()
 {
-    // Never terminated: idle parsers of other threads live until those threads end.
+    // The library is never terminated, because idle parsers of other threads live until those
+    // threads end.
     static std::once_flag once;
     std::call_once(once, [] { xercesc::XMLPlatformUtils::Initialize(); });
 }

@@ -1,5 +1,5 @@
 #pragma once
-// How the failures of the XML library come out: as values, not as exceptions.
+// Turns the exceptions of the XML library into values.
 
 #include <tl/expected.hpp>
 #include <xercesc/sax/Locator.hpp>
@@ -9,7 +9,7 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// Why a document was refused. Line and column are 0 when the parser knew no place.
+/// Why a document was refused. Line and column are 0 if the parser does not know the place.
 struct XmlFailure
 {
     XMLFileLoc line = 0;
@@ -20,7 +20,7 @@ struct XmlFailure
 /// Describes the exception that is being handled. Call it inside a catch block only.
 XmlFailure currentFailure();
 
-/// Runs a parse, and lets none of its exceptions out. The failure describes the exception.
+/// Runs a parse and catches all its exceptions. The failure describes the exception.
 template <class Parse>
 [[nodiscard]] tl::expected<void, XmlFailure> guardXml(const Parse& parse)
 {
@@ -32,7 +32,8 @@ template <class Parse>
     }
 }
 
-/// Ends the parse: throws what guardXml turns into a failure at the locator's place.
+/// Ends the parse. It throws an exception that guardXml turns into a failure with the locator's
+/// place.
 [[noreturn]] void refuseDocument(const TlxString& reason, const xercesc::Locator& locator);
 
 } // namespace Veltrane::Quillmark::Tlx

@@ -1,5 +1,5 @@
 #pragma once
-// Parsers that are kept for the next document.
+// Keeps parsers for the next documents.
 
 #include <cstddef>
 #include <memory>
@@ -10,9 +10,9 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// Lends a parser to one parse. To make a parser costs far more than to parse a small document, so
-/// each thread keeps its idle ones. A parse inside a parse takes another parser. A parser goes back
-/// only when keep is called: one whose parse failed is dropped.
+/// Lends a parser to one parse. Making a parser costs far more than parsing a small document, so
+/// each thread keeps its idle parsers. A parse inside a parse takes another parser. A parser goes
+/// back only if keep is called. After a failed parse the lease destroys the parser.
 template <class Parser>
 class XmlParserLease
 {
@@ -32,8 +32,9 @@ class XmlParserLease
 
     SafeXmlParser<Parser>* operator->() const { return m_parser.get(); }
 
-    /// Gives the parser back after a parse that succeeded. A parser that read a large document is
-    /// not kept, because its buffers have grown; nor is one that read another version than 1.0.
+    /// Gives the parser back after a parse that succeeded. It does not keep a parser that read a
+    /// large document, because its buffers have grown. It also keeps none that read another XML
+    /// version than 1.0.
     /// @param documentBytes the size of the document.
     void keep(std::size_t documentBytes)
     {

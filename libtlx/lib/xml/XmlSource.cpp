@@ -14,8 +14,8 @@ namespace {
 /// Long enough for the XML declaration of any document.
 constexpr std::size_t HEAD_BYTES = 512;
 
-/// Whether the document itself shows its encoding: by a byte order mark, by characters of more than
-/// one byte, or in its declaration.
+/// Whether the document itself shows its encoding. It can have a byte order mark, characters of
+/// more than one byte, or a declaration.
 bool showsEncoding(std::string_view head)
 {
     if (head.starts_with("\xEF\xBB\xBF") || head.starts_with("\xFE\xFF") ||
@@ -87,7 +87,7 @@ class XmlSource::Stream : public xercesc::BinInputStream
             }
         }
         if (got > wanted)
-            got = 0; // -1 for an error
+            got = 0; // the stream returned -1 for an error
         m_ended = got == 0;
         return got;
     }

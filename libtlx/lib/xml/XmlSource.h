@@ -14,8 +14,8 @@ namespace Veltrane::Quillmark::Tlx {
 
 /// Stands between the parser and the caller's source. That source's stream may give one byte per
 /// read, fail, or hold a document in an encoding that only the caller knows. The parser guesses the
-/// encoding from its first read alone, so this class gathers the document's head before it. Serves
-/// one parse.
+/// encoding from its first read only. So this class collects the head of the document before that
+/// read. Serves one parse.
 class XmlSource : public xercesc::InputSource
 {
   public:
@@ -27,8 +27,8 @@ class XmlSource : public xercesc::InputSource
     /// The stream; null after the first call.
     xercesc::BinInputStream* makeStream() const override;
 
-    /// Calls the function before each read of the parser. Its answer false ends the stream. It must
-    /// not throw, because the parser would leak what it is building.
+    /// Calls the function before each read of the parser. If it returns false, the stream ends. It
+    /// must not throw, because the parser would leak the objects that it is building.
     void beforeReads(std::function<bool()> mayGoOn) { m_mayGoOn = std::move(mayGoOn); }
 
     /// Bytes that the parser has read so far.

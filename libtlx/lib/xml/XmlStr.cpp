@@ -8,7 +8,7 @@ namespace {
 
 void writeReference(std::ostream& out, char32_t codePoint)
 {
-    // Not with <<, which would obey a base or a width that the caller set on the stream.
+    // Do not use <<, because the caller may have set a base or a width on the stream.
     const std::string digits = std::to_string(static_cast<unsigned long>(codePoint));
     out.write("&#", 2).write(digits.data(), static_cast<std::streamsize>(digits.size())).put(';');
 }

@@ -1,4 +1,4 @@
-"""The command line against a running daemon: what it prints, what it leaves, how it ends."""
+"""Tests of qmdiscoctl with a running daemon: its output, its files and its exit codes."""
 
 import io
 import json
@@ -90,7 +90,7 @@ def test_status_counts_what_was_done(ctl, root):
 
 
 def made_by_other_tools():
-    """One document of items, as tools that know nothing of the service write it."""
+    """One document of items, written by several XML tools that do not know the service."""
     root = ElementTree.Element("DiscoveredItems")
     item = ElementTree.SubElement(root, "DISCOVERED", Name="/m\u00e4nner \u65e5\u672c & <co>")
     data = ElementTree.SubElement(item, "ExplorerData", Name="FileSystems")
@@ -101,7 +101,7 @@ def made_by_other_tools():
     plain = ElementTree.tostring(root, encoding="unicode")
     dom = minidom.parseString(plain)
     for encoding in ("utf-8", "utf-16", "iso-8859-15", "us-ascii"):
-        # What an encoding lacks becomes a character reference.
+        # Characters that the encoding lacks become character references.
         yield "ElementTree, " + encoding, ElementTree.tostring(root, encoding=encoding)
     yield "a byte order mark", plain.encode("utf-8-sig")
     yield "pretty-printed", dom.toprettyxml(indent="\t", newl="\r\n", encoding="utf-8")
@@ -132,7 +132,7 @@ def test_refresh(ctl):
     assert ctl("refresh") == b"refresh started by the discovery service on master1\n"
 
 
-def test_stop_and_what_is_told_afterwards(ctl, daemon, root):
+def test_stop_and_the_answers_afterwards(ctl, daemon, root):
     assert ctl("stop") == b"the discovery service on master1 has stopped\n"
     assert daemon.wait() == 0
     assert ctl("query", code=UNREACHABLE).startswith("qmdiscoctl: cannot reach the discovery service")

@@ -1,4 +1,4 @@
-"""Explorers in a running daemon: what they store, what can be pulled, and what bad ones do."""
+"""Explorers in a running daemon: their pushes, their pulls, and the effects of bad plug-ins."""
 
 import os
 import re
@@ -37,7 +37,7 @@ def add_plugin(root, name, as_name=None):
 
 
 def pushed(root, subject):
-    """Waits until the daemon's status tells of a push of the subject that went well."""
+    """Waits until the daemon's status shows a successful push of the subject."""
     def done():
         return [each for each in root.status().get("explorers", [])
                 if each["kind"] == "push" and each["subject"] == subject and
@@ -149,10 +149,11 @@ def test_a_refresh_pushes_again_within_a_minute(default_explorers, start, root):
     log = root.log()
     ctl(root, "refresh")
     [text] = log.texts(level=4, source="../DiscoveryRepository")
-    # Any host whose name starts with no digit has the same delay.
+    # The delay depends on the number at the start of the host's name.
     seconds = int(text.removeprefix("triggering push in ").removesuffix(" seconds"))
     assert 0 <= seconds < 60
-    status = harness.wait_for(lambda: root.status().get("nextPush") and root.status(), "a next push")
+    status = harness.wait_for(lambda: root.status().get("nextPush") and root.status(),
+                              "the status shows the next push")
     assert status["nextPush"]
     assert daemon.stop() == 0
 
@@ -171,7 +172,7 @@ def test_the_command_line_lists_them(default_explorers, start, root):
 
 
 def test_an_expired_push_is_stored_again_by_the_next(default_explorers, start, root):
-    """A restart pushes at once. The push takes the place of a record that has expired meanwhile."""
+    """After a restart the daemon pushes at once. The push replaces a record that has expired."""
     daemon = start(root)
     pushed(root, "master1")
     daemon.stop()
@@ -206,7 +207,7 @@ def test_bad_plugins_are_named_and_keep_nobody_out(default_explorers, start, roo
 
 
 def test_a_stop_in_the_middle_of_a_load(root):
-    """A registration that takes its time does not keep the daemon from stopping in order."""
+    """The daemon stops in order, even during a slow registration."""
     for number in range(20):
         add_plugin(root, "slow", "slow%02d" % number)
     with harness.Daemons() as daemons:
@@ -224,7 +225,8 @@ def test_explorers_of_another_host_survive_a_restart(start, root):
     service = start(root).client()
     assert subjects(service) == ["cl1/now"]
     assert subjects(service, type=AuthorityType.AT_REMOTEPULL) == ["cl1/now"]
-    [explorer] = harness.wait_for(lambda: root.status().get("explorers"), "it is told of")
+    [explorer] = harness.wait_for(lambda: root.status().get("explorers"),
+                                  "the status lists the explorer")
     assert (explorer["kind"], explorer["name"], explorer["priority"]) == ("pull", "RemotePullExplorer", 5)
 
 
@@ -251,10 +253,10 @@ def test_a_client_registers_with_its_master_and_then_pushes(start, tmp_path):
     client = start(client_root)
     log_file = client_root.path / "logs" / "qmdisco.log"
     harness.wait_for(lambda: "Successfully registered explorers with master" in log_file.read_text(),
-                     "it is registered")
+                     "the client is registered")
     assert {"4 96client 96client%2Fnow.dat", "4 96client 96client%2Fnow.xml"} <= \
         set(master_root.files())
-    # Only then it pushes, to the master; and the master pulls from it.
+    # After that the client pushes to the master, and the master can pull from the client.
     pushed(client_root, "96client")
     pushed(client_root, "filesystem")
     assert "3 96client 96client.dat" in master_root.files()
@@ -262,14 +264,14 @@ def test_a_client_registers_with_its_master_and_then_pushes(start, tmp_path):
     service = master.client()
     assert items(get(service, "96client", "96client", ANY))
     assert items(get(service, "96client/now", "96client", ANY))
-    # A query on the client is answered by the master.
+    # The master answers a query on the client.
     assert subjects(client.client()) == subjects(service) == \
         ["96client", "96client/now", "filesystem"]
     assert client.stop() == 0
 
 
 def test_a_stop_in_the_middle_of_a_push_waits_for_it(start, root):
-    """Two seconds of it; the daemon ends in order all the same."""
+    """The push takes two seconds. The daemon still ends in order."""
     add_plugin(root, "sleeper")
     daemon = start(root)
     harness.wait_for(lambda: "Entering Explorer Sleeper" in daemon.stderr() and

@@ -1,7 +1,7 @@
-"""A small GIOP 1.2 client and server, written for the tests alone.
+"""A small GIOP 1.2 client and server for the tests only.
 
-It shares no code with the programs that it drives, so that a misunderstanding of the wire in them
-cannot cancel itself out. Standard library only.
+It shares no code with the programs under test. So it does not repeat their mistakes about the wire
+format. It uses only Python's standard library.
 """
 
 from .cdr import CdrError, Decoder, Encoder

@@ -1,17 +1,17 @@
-"""CDR: how values stand in a message.
+"""CDR: the encoding of values in a message.
 
-Both byte orders; alignment counts from the message's start.
+Supports both byte orders. Alignment counts from the start of the message.
 """
 
 import struct
 
 
 class CdrError(ValueError):
-    """The bytes are no such value."""
+    """The bytes do not encode the expected value."""
 
 
 class Encoder:
-    """Appends values to a message. `start` is where in its message the first byte will stand."""
+    """Appends values to a message. `start` is the offset of the first byte in the message."""
 
     def __init__(self, little=True, start=0):
         self.little = little
@@ -64,12 +64,12 @@ class Encoder:
         return self.ulong(len(data)).raw(data)
 
     def string(self, text):
-        """A string in UTF-8; bytes are sent as they are. The ending zero counts in its length."""
+        """Writes a string in UTF-8, or bytes unchanged. The length includes the zero at the end."""
         data = text if isinstance(text, bytes) else text.encode("utf-8")
         return self.octets(data + b"\0")
 
     def encapsulation(self, fill):
-        """A byte sequence with a byte order of its own, that `fill(encoder)` writes."""
+        """A byte sequence with its own byte order. `fill(encoder)` writes the content."""
         inner = Encoder(self.little)
         inner.boolean(self.little)
         fill(inner)
@@ -77,7 +77,7 @@ class Encoder:
 
 
 class Decoder:
-    """Reads values from the bytes of a message. `start` as for Encoder."""
+    """Reads values from the bytes of a message. `start` means the same as in Encoder."""
 
     def __init__(self, data, little=True, start=0):
         self.little = little
@@ -90,7 +90,7 @@ class Decoder:
         return len(self._data) - self._pos
 
     def end(self):
-        """Checks that nothing is left over."""
+        """Raises an error if bytes are left."""
         if self.left():
             raise CdrError("%d bytes too many" % self.left())
 
@@ -159,7 +159,7 @@ class Decoder:
 
 
 def open_encapsulation(data):
-    """A decoder of an encapsulation's content."""
+    """Returns a decoder for the content of an encapsulation."""
     if not data or data[0] > 1:
         raise CdrError("encapsulation %r" % data[:8])
     inner = Decoder(data, little=data[0] == 1)

@@ -1,4 +1,4 @@
-"""One TCP connection to a server. For one thread."""
+"""One TCP connection to a server. One thread uses it."""
 
 import socket
 import time
@@ -7,12 +7,12 @@ from .cdr import Decoder
 from .errors import GiopError
 from .messages import HEADER_SIZE, MessageType, parse_header
 
-# Far beyond what a server may send here: what claims more is no sound message.
+# Servers send much less here. A message that claims more is broken.
 LARGEST_MESSAGE = 256 << 20
 
 
 class ConnectionLost(Exception):
-    """The connection cannot be made, or has ended."""
+    """The connection failed or has ended."""
 
 
 class Timeout(ConnectionLost):
@@ -20,15 +20,15 @@ class Timeout(ConnectionLost):
 
 
 class MessageRefused(ConnectionLost):
-    """The peer says that it can make nothing of what it was sent."""
+    """The peer answered that it cannot understand the message."""
 
 
 class ConnectionClosed(ConnectionLost):
-    """The peer has said that it closes the connection: open requests were not begun."""
+    """The peer announced that it closes the connection. It has not begun the open requests."""
 
 
 class Connection:
-    """Every operation ends within the timeout, whatever the peer does."""
+    """Every operation ends within the timeout. The peer cannot delay it longer."""
 
     def __init__(self, host, port, timeout):
         self._timeout = timeout
@@ -75,7 +75,7 @@ class Connection:
         return bytes(data)
 
     def receive_message(self):
-        """The next message, its fragments joined: (kind, decoder of what follows the header)."""
+        """The next message, with fragments joined: (kind, decoder of the part after the header)."""
         deadline = time.monotonic() + self._timeout
         kind, little, more, data = self._receive_part(deadline)
         parts = [data]

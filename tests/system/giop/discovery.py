@@ -1,6 +1,6 @@
-"""Proxies for the discovery service's interfaces, written by hand from the contract.
+"""Proxies for the interfaces of the discovery service, written by hand.
 
-Operations, members and enumerators are named as there.
+Operations, members and enumerators have the same names as in the interface definition.
 """
 
 import enum
@@ -58,7 +58,7 @@ class DiscoveryResult:
 
 @dataclass
 class CollAttributes:
-    """Enumerators may be any number here: tests send some that do not exist."""
+    """The enumerators may be any numbers, because tests also send undefined ones."""
 
     colType: int = CollectionType.CT_CONFIGURATION
     colStorage: int = CollectionStorage.CS_LOCALONLY
@@ -100,7 +100,7 @@ class Discovery:
 
 
 class _Pages(Proxy):
-    """What both iterators have."""
+    """The operations of both iterators."""
 
     @property
     def pageSize(self):
@@ -114,7 +114,7 @@ class _Pages(Proxy):
         self.call("release")
 
     def pages(self, at_most=100000):
-        """All pages up to the empty one, which is not among them."""
+        """All pages before the empty page that marks the end."""
         result = []
         while len(result) < at_most:
             page = self.getNextPage()

@@ -1,4 +1,4 @@
-"""What can go wrong in a call."""
+"""The failures of a call."""
 
 
 class GiopError(Exception):
@@ -9,7 +9,7 @@ COMPLETION = ("YES", "NO", "MAYBE")
 
 
 class SystemException(Exception):
-    """A CORBA system exception that a reply carried."""
+    """A CORBA system exception from a reply."""
 
     def __init__(self, repository_id, minor, completed):
         self.repository_id = repository_id
@@ -19,7 +19,7 @@ class SystemException(Exception):
 
     @property
     def name(self):
-        """"OBJECT_NOT_EXIST" out of "IDL:omg.org/CORBA/OBJECT_NOT_EXIST:1.0"."""
+        """For example "OBJECT_NOT_EXIST" from "IDL:omg.org/CORBA/OBJECT_NOT_EXIST:1.0"."""
         return self.repository_id.split("/")[-1].split(":")[0]
 
     def encode(self, body):

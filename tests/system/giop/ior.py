@@ -10,12 +10,12 @@ TAG_INTERNET_IOP = 0
 
 
 class IorError(ValueError):
-    """The text or the bytes are no reference."""
+    """The text or the bytes are not a valid reference."""
 
 
 @dataclass(frozen=True)
 class Ior:
-    """A reference with its first IIOP profile; an empty key with an empty type is nil."""
+    """A reference with its first IIOP profile. With an empty key and an empty type it is nil."""
 
     type_id: str
     host: str
@@ -68,7 +68,7 @@ def _decode_profile(data):
 
 
 def parse_reference(text):
-    """An Ior out of "IOR:..." or "corbaloc:iiop:1.2@HOST:PORT/KEY"."""
+    """Makes an Ior from "IOR:..." or "corbaloc:iiop:1.2@HOST:PORT/KEY"."""
     if text.startswith("IOR:"):
         try:
             return Ior.decode(open_encapsulation(bytes.fromhex(text[4:])))

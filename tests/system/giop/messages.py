@@ -8,13 +8,13 @@ from .errors import GiopError
 
 MAGIC = b"GIOP"
 HEADER_SIZE = 12
-# In the header's flags octet.
+# Bits of the flags octet in the header.
 FLAG_LITTLE = 1
 FLAG_MORE_FRAGMENTS = 2
 
 RESPONSE_EXPECTED = 3
 
-# The service context in which a client says which code sets it sends.
+# The service context in which a client names its code sets.
 CODE_SETS = 1
 UTF_8 = 0x05010001
 UTF_16 = 0x00010109
@@ -61,7 +61,7 @@ def parse_header(data):
 
 
 def request_body(request_id, key, operation, arguments, little=True):
-    """What follows the header of a request; `arguments(encoder)` writes the arguments."""
+    """The part of a request after the header. `arguments(encoder)` writes the arguments."""
     encoder = Encoder(little, HEADER_SIZE)
     encoder.ulong(request_id).octet(RESPONSE_EXPECTED).raw(bytes(3))
     encoder.short(0).octets(key)  # the target: an object key
@@ -77,7 +77,7 @@ def request_body(request_id, key, operation, arguments, little=True):
 
 
 def messages(kind, body, little=True, fragment_size=None):
-    """The bytes of a message; in fragments of at most fragment_size bytes when that is given."""
+    """The bytes of a message. With fragment_size, each fragment has at most that many bytes."""
     if fragment_size is None or HEADER_SIZE + len(body) <= fragment_size:
         return header(kind, len(body), little) + body
     if fragment_size % 8 or fragment_size < 32:

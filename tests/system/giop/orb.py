@@ -1,4 +1,4 @@
-"""Calls on objects, over connections that are kept."""
+"""Calls operations of objects. Keeps the connections open between calls."""
 
 import contextlib
 
@@ -11,11 +11,12 @@ FORWARDS_AT_MOST = 5
 
 
 class Orb:
-    """For one thread; several threads have an Orb each.
+    """One thread uses an Orb. Each thread needs its own.
 
-    little: the byte order of what is sent.
-    fragment_size: requests larger than this go out in fragments.
-    network: makes a context in which connections are made, to make them from another host, say.
+    little: whether requests are little-endian.
+    fragment_size: larger requests are sent in fragments.
+    network: returns a context manager. Connections are made inside it, for example from another
+    host.
     """
 
     def __init__(self, timeout=30.0, little=True, fragment_size=None,
@@ -70,7 +71,7 @@ class Orb:
         try:
             return self._exchange(target, operation, arguments)
         except ConnectionClosed:
-            # An orderly close: the request was not begun, so it may be sent again.
+            # The peer closed in order and has not begun the request, so send it again.
             return self._exchange(target, operation, arguments)
 
     def _exchange(self, target, operation, arguments):
@@ -87,14 +88,14 @@ class Orb:
                                      self._fragment_size))
             return connection.receive_reply(self._last_id)
         except (ConnectionLost, GiopError, ValueError):
-            # What comes next on this connection would be taken for something else.
+            # A late reply on this connection could be taken for the reply to the next request.
             del self._connections[address]
             connection.close()
             raise
 
 
 class Proxy:
-    """Base of the proxies: what every object answers."""
+    """Base of the proxies, with the operations of every object."""
 
     def __init__(self, orb, ior):
         self.orb = orb

@@ -1,4 +1,4 @@
-"""A small server side, for objects that answer well or badly on purpose."""
+"""A small server. Its objects give right answers, or wrong ones on purpose."""
 
 import contextlib
 import socket
@@ -11,7 +11,10 @@ from .messages import HEADER_SIZE, MessageType, ReplyStatus, header, parse_heade
 
 
 class HangUp(Exception):
-    """Raised by an object: the connection ends instead of an answer. `first` is sent before."""
+    """An object raises it to get the connection closed without an answer.
+
+    The server first sends the bytes `first`.
+    """
 
     def __init__(self, first=b""):
         super().__init__()
@@ -19,11 +22,12 @@ class HangUp(Exception):
 
 
 class Server:
-    """Serves objects until it is closed; a thread for each connection.
+    """Serves objects until it is closed. Each connection has its own thread.
 
-    An object is a function of an operation and the decoder of its arguments, which answers a
-    function that writes the result into an encoder. What it raises becomes the reply: a
-    SystemException, or the end of the connection. `network` as for Orb.
+    An object is a function. It takes an operation and the decoder of the arguments. It returns a
+    function that writes the result into an encoder. If the object raises a SystemException, the
+    reply contains it. If the object raises HangUp, the connection ends. `network` means the same
+    as in Orb.
     """
 
     def __init__(self, host, port=0, network=contextlib.nullcontext, little=True):
@@ -57,7 +61,7 @@ class Server:
             self._threads.pop().join(60)
 
     def add(self, key, type_id, an_object):
-        """Serves an object under a key; its reference."""
+        """Serves an object under a key and returns the reference."""
         self._objects[key] = an_object
         return Ior(type_id, self.host, self.port, key)
 
@@ -103,7 +107,7 @@ class Server:
         return bytes(data)
 
     def _receive(self, connection):
-        """(kind, little, what follows the header), fragments joined."""
+        """(kind, little, the part after the header), with the fragments joined."""
         kind, little, more, size = parse_header(self._read(connection, HEADER_SIZE))
         data = self._read(connection, size)
         while more:
@@ -121,7 +125,7 @@ class Server:
         if kind == MessageType.LOCATE_REQUEST:
             body = Encoder(self._little, HEADER_SIZE).ulong(number).ulong(1).bytes()
             return header(MessageType.LOCATE_REPLY, len(body), self._little) + body
-        request.raw(4)  # whether a reply is expected: always
+        request.raw(4)  # flags and reserved bytes: every request here expects a reply
         if request.short() != 0:
             raise GiopError("the target is no object key")
         key = request.octets()

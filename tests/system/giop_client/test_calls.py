@@ -1,4 +1,4 @@
-"""The tests' own client against a peer that says what it is told to say."""
+"""Tests of the tests' own client. Its peer sends the answers that the test gives it."""
 
 import socket
 import threading
@@ -10,7 +10,7 @@ from giop import Encoder, Ior, Orb
 from giop.messages import FLAG_MORE_FRAGMENTS, MessageType, ReplyStatus, header, messages
 from giop.orb import Proxy
 
-# As a system exception's body, before minor and completion.
+# The first value in the body of a system exception.
 NOT_EXIST = "IDL:omg.org/CORBA/OBJECT_NOT_EXIST:1.0"
 
 
@@ -25,8 +25,8 @@ def reply(request_id, status=ReplyStatus.NO_EXCEPTION, fill=None, little=True, f
 
 @pytest.fixture
 def peer():
-    """peer(answer, ...) listens and gives the next answer to each request; an answer is bytes, or a
-    function of the port. Yields a proxy."""
+    """peer(answer, ...) returns a proxy of a listening peer. The peer sends the next answer to each
+    request. An answer is bytes, or a function that makes them from the port."""
     server = socket.create_server(("127.0.0.1", 0))
     server.settimeout(10)
     port = server.getsockname()[1]
@@ -61,7 +61,7 @@ CLOSE = header(MessageType.CLOSE_CONNECTION, 0)
 
 
 def read_message(connection):
-    """One message, its fragments too; None when the caller is gone."""
+    """Reads one message with its fragments. Returns None if the caller has closed."""
     more = True
     while more:
         head = b""

@@ -1,4 +1,4 @@
-"""The tests' own client: values and references against bytes worked out by hand."""
+"""Tests of the tests' own client: it encodes values and references to bytes that are known."""
 
 import pytest
 
@@ -49,7 +49,7 @@ def test_what_is_no_value(read, data):
         read(Decoder(data))
 
 
-# Type "T", one IIOP 1.2 profile: host "h", port 258, key "k", no components.
+# Type "T" and one IIOP 1.2 profile: host "h", port 258, key "k", no components.
 IOR = ("IOR:01000000" "02000000" "5400" "0000" "01000000" "00000000" "18000000"
        "01" "0102" "00" "02000000" "6800" "0201" "01000000" "6b" "000000" "00000000")
 

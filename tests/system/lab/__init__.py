@@ -1,8 +1,9 @@
-"""A lab: a master and clients on one machine, each a host of its own.
+"""A lab: a master and clients on one machine. Each is a separate host.
 
-Every host is a process that keeps a network, a host-name and a mount namespace; a further namespace
-holds the bridge that joins them. Nothing of it shows in the machine's own namespaces, so that any
-number of labs run beside each other. Needs root, and Debian's iproute2 and util-linux.
+A process for each host keeps three namespaces: network, host name and mounts. One more process
+keeps the network namespace of the bridge, which joins the hosts. The machine's own namespaces do
+not change, so several labs can run at the same time. A lab needs root, and Debian's packages
+iproute2 and util-linux.
 """
 
 from .host import Host

@@ -19,14 +19,14 @@ from .names import prompt_names
 from .rights import why_not
 
 DESCRIPTION = """\
-A master and clients on this machine, each a host with a network, an address, a host name and a
-product root of its own, joined by a bridge. Needs root.
+Runs a master and clients on this machine. Each is a host with its own network, address, host name
+and product root. A bridge joins the hosts. Needs root.
 """
 EPILOG = """\
-Hosts are named as `status` shows them: "master", and clients whose names start with numbers that
-make them register within seconds. RATE is written as tc(8) has it, for example 64kbit. Labs with
-different names run beside each other. Their files are in $TMPDIR/quillmark-lab-NAME.
---preset PRESET, in front of all else, runs another build than dev.
+`status` shows the names of the hosts: "master" and the clients. A client's name starts with a
+number that makes it register within seconds. RATE has the form of tc(8), for example 64kbit. Labs
+with different names can run at the same time. Their files are in $TMPDIR/quillmark-lab-NAME.
+--preset PRESET runs another build than dev; put it before everything else.
 """
 
 
@@ -38,7 +38,7 @@ def say(text):
 
 
 class Interrupted(Exception):
-    """Somebody wants it to end."""
+    """A signal asks this program to end."""
 
 
 def interrupt(number, _):
@@ -52,13 +52,13 @@ def up(lab, options):
     lab.claim()
     try:
         lab.make(prompt_names(options.clients), config=options.config)
-        say("%d hosts are there after %.1f s; starting their daemons"
+        say("made %d hosts in %.1f s; starting their daemons"
             % (len(lab.hosts), time.monotonic() - began))
         lab.start_daemons()
     except BaseException:
         for number in SIGNALS:
             signal.signal(number, signal.SIG_IGN)
-        say("taking down what is there")
+        say("taking down the unfinished lab")
         lab.down()
         raise
     say("a master and %d clients are up after %.1f s, in %s"
@@ -126,45 +126,46 @@ def setting(text):
 def parse(arguments):
     parser = argparse.ArgumentParser(prog="scripts/lab", description=DESCRIPTION, epilog=EPILOG,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--name", default="lab", help="of the lab (\"lab\" unless told)")
+    parser.add_argument("--name", default="lab", help="the name of the lab (default: \"lab\")")
     commands = parser.add_subparsers(metavar="COMMAND", required=True)
 
     def command(name, function, text):
         added = commands.add_parser(name, help=text, description=text)
         added.set_defaults(function=function)
         return added
-    added = command("up", up, "a master and N clients, with daemons that run")
+    added = command("up", up, "make a master and N clients, and start their daemons")
     added.add_argument("clients", metavar="N", type=count)
     added.add_argument("--network", choices=("own", "loopback", "any"), default="own",
-                       help="a network for each host; or this machine's loopback for all, with "
-                            "nothing to cut; or the first where that can be made (own unless told)")
+                       help="own: each host has its own network (default). loopback: all hosts "
+                            "share this machine's loopback, so no link can be cut. any: own if "
+                            "possible, otherwise loopback")
     added.add_argument("--set", metavar="HOST:KEY=VALUE", type=setting, action="append", default=[],
-                       help="a line of a host's configuration; may be given again")
-    added = command("exec", execute, "run a command on a host, with its configuration")
+                       help="put a line into a host's configuration; can be repeated")
+    added = command("exec", execute, "run a command on a host, with the host's configuration")
     added.add_argument("host", metavar="HOST")
     added.add_argument("command", metavar="CMD", nargs=argparse.REMAINDER)
     for name, function, text in (("cut", cut, "cut the link of a host"),
-                                 ("heal", heal, "make its link whole and fast again")):
+                                 ("heal", heal, "repair the link of a host: whole and fast again")):
         command(name, function, text).add_argument("host", metavar="HOST")
-    added = command("slow", slow, "slow the link of a host, both ways")
+    added = command("slow", slow, "slow the link of a host, in both directions")
     added.add_argument("host", metavar="HOST")
     added.add_argument("rate", metavar="RATE")
-    command("status", status, "the hosts, their links and daemons")
-    command("down", down, "stop everything and leave nothing").add_argument(
-        "--keep", action="store_true", help="leave the hosts' files, to look at")
+    command("status", status, "show the hosts, their links and daemons")
+    command("down", down, "stop everything and delete the files").add_argument(
+        "--keep", action="store_true", help="keep the hosts' files")
     options = parser.parse_args(arguments)
     options.config = {}
     for host, key, value in getattr(options, "set", []):
         options.config.setdefault(host, {})[key] = value
     if not re.fullmatch(r"[\w-]{1,40}", options.name):
-        parser.error("the name of a lab has letters, digits, \"_\" and \"-\"")
+        parser.error("the name of a lab has at most 40 letters, digits, \"_\" and \"-\"")
     if options.function is execute and not options.command:
         parser.error("no command to run on %s" % options.host)
     return options
 
 
 def kind_of(directory, network):
-    """What kind of lab there is, or is to be."""
+    """The class of the lab: of the existing one, or of the one to make."""
     try:
         made = json.loads((directory / "lab.json").read_text(encoding="utf-8"))["kind"]
         network = "loopback" if made == LoopbackLab.__name__ else "own"

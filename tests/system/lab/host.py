@@ -10,7 +10,7 @@ LIBRARY = "libqmexplorer.so"
 
 
 class Host:
-    """A name, an address, a product root, and the keeper of the namespaces once they are there."""
+    """A name, an address, a product root, and later the keeper of the host's namespaces."""
 
     def __init__(self, directory, name, number, interface, master, more=None):
         self.name = name
@@ -19,7 +19,7 @@ class Host:
         self.keeper = None
         self._path = directory / name
         self._master = master
-        self._more = more or {}  # keys of its configuration that differ
+        self._more = more or {}  # configuration keys that differ from the other hosts
         self._root = None
 
     def __str__(self):
@@ -36,15 +36,15 @@ class Host:
 
     @property
     def root(self):
-        """The same, with what tests ask of it."""
+        """The product root with its configuration and explorers. The first use makes it."""
         if self._root is None:
             self._root = harness.Root(self._path, **self._config())
             self._bring_in_explorers()
         return self._root
 
     def _config(self, **config):
-        """The master's name and a log that tells of progress, unless told otherwise: port, host name
-        and addresses are those of a real installation."""
+        """The configuration keys. By default they name the master and make the log show progress.
+        Port, host name and addresses are those of a real installation."""
         any_address = "[::]:14400" if ":" in self.address else None
         return {"CLIENT_NAME": None, "SERVER": self._master, "LISTEN": any_address,
                 **self._more, **config}
@@ -58,17 +58,17 @@ class Host:
         os.symlink(library, self._path / "lib" / LIBRARY)
 
     def entering(self):
-        """The command line in front of a command that is to run on this host."""
+        """The words to put before a command, so that it runs on this host."""
         return self.keeper.entering("--net", "--uts", "--mount")
 
     def run(self, *command, limit=DAEMON_LIMIT, **options):
-        """Runs a command on this host to its end."""
+        """Runs a command on this host and waits for its end."""
         return subprocess.run([*self.entering(), *map(str, command)], stdin=subprocess.DEVNULL,
                               capture_output=True, text=True, timeout=limit,
                               **{"check": False, **options})
 
     def ctl(self, *arguments, code=0):
-        """The operator's command line, run on this host; what it printed."""
+        """Runs qmdiscoctl on this host and returns what it printed."""
         done = self.run(harness.program("qmdiscoctl"), "--root", self.path, *arguments)
         assert done.returncode == code, "%d: %s" % (done.returncode, done.stderr)
         return done.stdout if code == 0 else done.stderr
@@ -77,7 +77,7 @@ class Host:
         return self.keeper.network()
 
     def start_daemon(self):
-        """Starts a daemon that detaches itself; answers its id when it serves."""
+        """Starts a daemon that detaches itself. Returns its process id when it serves."""
         done = self.run(harness.program(), "--root", self.root)
         if done.returncode != 0:
             raise RuntimeError("no daemon on %s (exit code %d): %s"

@@ -1,4 +1,4 @@
-"""Processes that do nothing but keep namespaces."""
+"""Processes that only keep namespaces alive."""
 
 import contextlib
 import ctypes
@@ -9,7 +9,8 @@ import threading
 CLONE_NEWNET = 0x40000000
 START_LIMIT = 60
 
-# Says "ready" when all is in place: whoever enters earlier would be in the wrong host.
+# Prints "ready" when the namespaces are complete. A command that enters earlier would run with the
+# wrong host name or mounts.
 SCRIPT = """
 if [ -n "$1" ]; then
     echo "$1" >/proc/sys/kernel/hostname && mount --bind "$2" /etc/hosts || exit 1
@@ -19,22 +20,22 @@ ip link set lo up && echo ready && exec "${@:3}" >/dev/null 2>&1
 
 
 class KeeperError(Exception):
-    """Namespaces could not be made."""
+    """The namespaces cannot be made or used."""
 
 
 class Keeper:
-    """A host's namespaces, held by a process with this id."""
+    """A host's namespaces. The process with this id keeps them."""
 
     def __init__(self, pid):
         self.pid = pid
 
     @classmethod
     def start(cls, started, name="", hosts_file="", with_parent=False):
-        """Makes new namespaces. `started(pid)` is called as soon as there is a process. Without a
-        name there is a network alone. with_parent: they go when the calling thread does."""
+        """Makes new namespaces. Calls `started(pid)` as soon as the process runs. Without a name it
+        makes only a network. with_parent: the namespaces end with the calling thread."""
         kinds = ["--net", "--uts", "--mount"] if name else ["--net"]
         sleeper = ["setpriv", "--pdeathsig", "KILL"] if with_parent else []
-        # In a session of its own: Ctrl-C is for the program that ends it in order.
+        # It has its own session, so Ctrl-C does not end it. The calling program ends it in order.
         process = subprocess.Popen(
             ["unshare", *kinds, "bash", "-c", SCRIPT, "keeper", name, str(hosts_file), *sleeper,
              "sleep", "infinity"],
@@ -44,17 +45,17 @@ class Keeper:
         with process.stdout:
             if (line := process.stdout.readline()) != "ready\n":
                 raise KeeperError("no namespaces for %s: %s" % (name or "the bridge", line.strip()))
-        process.returncode = 0  # it is waited for by its id
+        process.returncode = 0  # the object must not wait for the process; process.end_all does
         return cls(process.pid)
 
     def entering(self, *kinds):
-        """The command line in front of a command that is to run inside; where the file systems
-        are entered too, the working directory stays."""
+        """The words to put before a command, so that it runs inside the namespaces. It keeps its
+        working directory also in another mount namespace."""
         stay = ["--wdns=" + os.getcwd()] if "--mount" in kinds else []
         return ["nsenter", "--target", str(self.pid), *kinds, *stay, "--"]
 
     def run(self, *command, text=None):
-        """Runs a command in the network alone; its standard output."""
+        """Runs a command in the network namespace only. Returns its standard output."""
         done = subprocess.run([*self.entering("--net"), *command], input=text,
                               stdin=subprocess.DEVNULL if text is None else None,
                               capture_output=True, text=True, timeout=START_LIMIT, check=False)
@@ -64,8 +65,8 @@ class Keeper:
 
     @contextlib.contextmanager
     def network(self):
-        """What the calling thread connects in here is connected from inside. Other threads, and
-        what was connected before, are not concerned."""
+        """A context manager: the calling thread makes its new connections from inside the network.
+        Other threads and earlier connections do not change."""
         own = "/proc/self/task/%d/ns/net" % threading.get_native_id()
         with open(own, "rb") as back, open("/proc/%d/ns/net" % self.pid, "rb") as inside:
             _setns(inside)

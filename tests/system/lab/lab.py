@@ -1,4 +1,4 @@
-"""The whole lab."""
+"""The lab: its hosts, its bridge and its processes."""
 
 import contextlib
 import ipaddress
@@ -18,18 +18,19 @@ from .keeper import Keeper, KeeperError
 MASTER = "master"
 NETWORKS = {4: ipaddress.ip_network("10.77.0.0/16"), 6: ipaddress.ip_network("fd77::/64")}
 AT_MOST = 1000  # a bridge has 1024 ports
-AT_ONCE = 8  # daemons being started
-STOP_LIMIT = 90  # seconds; more than a daemon's own
+AT_ONCE = 8  # daemons that start at the same time
+STOP_LIMIT = 90  # seconds; longer than a daemon's own limit
 
 
 class LabError(Exception):
-    """What was asked for cannot be done; the text is for whoever asked."""
+    """The lab cannot do what the user asked. The text explains it to the user."""
 
 
 class Lab:
-    """A lab in a directory of its own: its processes, its hosts' roots, what is told about it.
+    """A lab has its own directory. It contains the hosts' product roots, the list of processes and
+    a description of the lab.
 
-    For one thread; a lab that one process made can be used by another.
+    One thread uses the object. Another process can find and use the same lab.
     """
 
     host_class = Host
@@ -51,7 +52,7 @@ class Lab:
     # Making and finding it.
 
     def claim(self):
-        """Takes the directory, which nobody else may have."""
+        """Makes the directory. Fails if it exists, because it belongs to another lab."""
         try:
             self.directory.mkdir(mode=0o700, parents=True)
         except FileExistsError:
@@ -59,8 +60,8 @@ class Lab:
                            % self.directory) from None
 
     def make(self, clients, version=4, with_parent=False, config=None):
-        """Hosts without daemons: the master, and clients of these names. config: {host: {key:
-        value}} where a host's configuration differs from the others'."""
+        """Makes the hosts, without daemons: the master, and clients with these names. config is
+        {host: {key: value}}, the keys that differ from the default configuration."""
         names = list(clients)
         if len(names) > AT_MOST:
             raise LabError("at most %d clients fit on the bridge" % AT_MOST)
@@ -80,7 +81,7 @@ class Lab:
         return self
 
     def find(self):
-        """The lab that is in the directory."""
+        """Opens the lab that exists in the directory."""
         try:
             self._lay_out(json.loads(self._plan.read_text(encoding="utf-8"))["hosts"])
         except FileNotFoundError:
@@ -106,11 +107,11 @@ class Lab:
             raise LabError(str(error)) from None
 
     def _rejoin(self):
-        """Finds the namespaces that somebody has made."""
+        """Finds the namespaces that an earlier process has made."""
         keepers = self._journal.running("keeper")
         for name in ["-", *self.hosts]:
             if name not in keepers:
-                raise LabError("the lab is not whole any more, %s is gone: take it down"
+                raise LabError("the lab is not complete any more, %s is gone: take it down"
                                % ("its bridge" if name == "-" else name))
         self._switch = Keeper(keepers["-"])
         for host in self.hosts.values():
@@ -142,18 +143,18 @@ class Lab:
                            % (name, " ".join(self.hosts))) from None
 
     def start_daemons(self):
-        """The master's first, then the clients', some at a time."""
+        """Starts the master's daemon first, then the clients', a few at the same time."""
         def start(host):
             self._journal.add("daemon", host.name, host.start_daemon())
         for host in self.hosts.values():
-            _ = host.root  # made here, one after the other
+            _ = host.root  # make all product roots first, in this thread
         try:
             start(self.master)
             pool = ThreadPoolExecutor(AT_ONCE)
             try:
                 for _ in pool.map(start, self.clients):
                     pass
-            finally:  # who gives up early does not wait for those that have not begun
+            finally:  # after a failure, do not start the remaining daemons
                 pool.shutdown(cancel_futures=True)
         except RuntimeError as error:
             raise LabError(str(error)) from None
@@ -164,11 +165,11 @@ class Lab:
 
     @property
     def build(self):
-        """The build whose programs run, as whoever made the lab had it."""
+        """The directory of the build that the lab was made with."""
         return pathlib.Path(json.loads(self._plan.read_text(encoding="utf-8"))["build"])
 
     def note_command(self, host):
-        """This process is about to become a command on the host."""
+        """Records that this process will become a command on the host."""
         self._journal.add("command", "%s:%d" % (host, os.getpid()), os.getpid())
 
     def cut(self, host):
@@ -189,10 +190,10 @@ class Lab:
     # Its end.
 
     def down(self, keep=False):
-        """Ends what is left of it, in order: commands, daemons, the hosts themselves; whatever
-        state it is in. keep: the hosts' files stay. Answers what had to be killed."""
+        """Ends commands first, then daemons, then the hosts. It also works on an incomplete lab.
+        keep: the hosts' files stay. Returns the processes that it had to kill."""
         killed = self._end("command", self._journal.running("command"))
-        # One that was being started when `up` was killed may appear meanwhile.
+        # If `up` was killed, a daemon that it was starting may appear late. So look again.
         while daemons := {**self.daemons(), **process.daemons_under(self.directory)}:
             killed += self._end("daemon", daemons)
         killed += self._end("keeper", self._journal.running("keeper"), signal.SIGKILL)

@@ -1,15 +1,15 @@
-"""The bridge, and the links that lead from it to the hosts."""
+"""The bridge and its links to the hosts."""
 
 import json
 
 BRIDGE = "br0"
 PORT = "p%d"  # the bridge's end of a host's link; the host's end is eth0
-# A queue that holds two seconds of what comes too fast; more is lost, as with a real slow line.
+# The queue holds two seconds of data. It loses more data than that, like a real slow line.
 SLOW = "root tbf rate %s burst 4kb latency 2s"
 
 
 def make_bridge(switch, hosts):
-    """One bridge and a link to every host, which gets its address."""
+    """Makes one bridge and a link to every host. Gives each host its address."""
     batch = ["link add name %s type bridge" % BRIDGE, "link set %s up" % BRIDGE]
     for host in hosts:
         port = PORT % host.number
@@ -17,7 +17,7 @@ def make_bridge(switch, hosts):
                   "link set %s master %s up" % (port, BRIDGE)]
     switch.run("ip", "-batch", "-", text="\n".join(batch) + "\n")
     for host in hosts:
-        # Without the search for another owner of the address, which takes IPv6 a second.
+        # nodad: IPv6 does not search a second for another owner of the address.
         host.keeper.run("ip", "-batch", "-", text="addr add %s dev eth0%s\nlink set eth0 up\n" % (
             host.interface, " nodad" if ":" in host.address else ""))
 
@@ -27,7 +27,7 @@ def cut(switch, host):
 
 
 def slow(switch, host, rate):
-    """Both directions; the rate is written as tc wants it, "64kbit"."""
+    """Slows both directions. The rate has the form of tc(8), for example "64kbit"."""
     for place, device in ((switch, PORT % host.number), (host.keeper, "eth0")):
         place.run("tc", "qdisc", "replace", "dev", device, *(SLOW % rate).split())
 
@@ -40,7 +40,7 @@ def heal(switch, host):
 
 
 def _rate(place, device):
-    """Bits a second that the device is slowed to; None when it is not."""
+    """The limit of the device in bits a second, or None without a limit."""
     for queue in json.loads(place.run("tc", "-json", "qdisc", "show", "dev", device)):
         if queue["kind"] == "tbf":
             return 8 * queue["options"]["rate"]
@@ -48,7 +48,7 @@ def _rate(place, device):
 
 
 def state(switch, host):
-    """"up", "cut", or "slow, 64 kbit/s"."""
+    """The state of the link: "up", "cut", or for example "slow, 64 kbit/s"."""
     [link] = json.loads(switch.run("ip", "-json", "link", "show", PORT % host.number))
     if "UP" not in link["flags"]:
         return "cut"
@@ -57,7 +57,7 @@ def state(switch, host):
 
 
 def bytes_carried(switch, host):
-    """How many bytes the link has carried so far, both ways."""
+    """The bytes that the link has carried so far, in both directions."""
     [link] = json.loads(switch.run("ip", "-json", "-statistics", "link", "show",
                                    PORT % host.number))
     return link["stats64"]["rx"]["bytes"] + link["stats64"]["tx"]["bytes"]

@@ -1,4 +1,4 @@
-"""Hosts that share this machine's network: where namespaces cannot be made."""
+"""A lab for machines without namespaces: the hosts share this machine's network."""
 
 import socket
 
@@ -9,9 +9,9 @@ ADDRESS = "127.0.0.1"
 
 
 class LoopbackHost(Host):
-    """A host by its configuration alone: its name, and where it and the others listen."""
+    """A host without namespaces. Its configuration has its name and the addresses of all hosts."""
 
-    endpoints = {}  # of every host of the lab, by name
+    endpoints = {}  # {name: endpoint} of every host of the lab
 
     def _config(self, **config):
         return super()._config(**{"CLIENT_NAME": self.name, "LISTEN": self.interface,
@@ -23,12 +23,12 @@ class LoopbackHost(Host):
 
 
 class LoopbackLab(Lab):
-    """The same without a bridge, and so without links that could be cut."""
+    """A lab without a bridge. So it has no links to cut."""
 
     host_class = LoopbackHost
 
     def _addresses(self, names, version):
-        """An endpoint for each that nobody has now."""
+        """An unused endpoint for each host."""
         del version
         sockets = [socket.socket() for _ in names]
         try:

@@ -7,14 +7,13 @@ RANGE = 300  # a client's first registration comes after rand() % 300 seconds
 
 
 def prompt_names(count, soon=2, suffix="client"):
-    """Names of hosts whose first registration comes within so many seconds.
+    """Names for clients that register for the first time within `soon` seconds.
 
-    A client draws its delay from rand(), seeded with the number that its name starts with: the same
-    at every start, so that the clients of a large installation do not all come at once after a
-    power cut. A name that starts with no digit has the seed 0, which is 283 seconds with this C
-    library. Whoever wants to see something soon picks numbers with short delays: 4 has 1 second, 95
-    has 0, 96 has 1, 23 has 2, and there are more. They are looked up here in the C library that the
-    daemons use as well.
+    A client takes its delay from rand(). The seed is the number at the start of its name, so the
+    delay is the same at every start. After a power cut, the clients of a large installation thus
+    register at different times. Without a number the seed is 0, which gives 283 seconds with this C
+    library. Some numbers give short delays: 95 gives 0 seconds, 4 and 96 give 1, 23 gives 2. This
+    function finds such numbers in the C library that the daemons use as well.
     """
     libc = ctypes.CDLL(None)
     libc.srand.argtypes = [ctypes.c_uint]

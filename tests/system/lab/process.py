@@ -1,4 +1,4 @@
-"""Processes that are told to end by their id, and surely are those that were started."""
+"""Ends processes by id, and makes sure that an id still belongs to the same process."""
 
 import os
 import pathlib
@@ -7,8 +7,8 @@ import time
 
 
 def start_time(pid):
-    """When a process started, in the kernel's ticks; None when there is none. An id is given to
-    another process one day, the two together never are."""
+    """The start time of a process in the kernel's ticks, or None if it does not exist. The kernel
+    reuses ids, so only id and start time together identify a process."""
     try:
         fields = pathlib.Path("/proc/%d/stat" % pid).read_text().rpartition(")")[2].split()
     except (FileNotFoundError, ProcessLookupError):
@@ -17,7 +17,7 @@ def start_time(pid):
 
 
 class Journal:
-    """The processes of a lab, in a file: a line for each, written as soon as there is one."""
+    """A file that lists the processes of a lab. Each process has a line as soon as it runs."""
 
     def __init__(self, path):
         self._path = pathlib.Path(path)
@@ -27,19 +27,19 @@ class Journal:
             file.write("%s %s %d %d\n" % (kind, host, pid, start_time(pid) or 0))
 
     def running(self, kind):
-        """{host: pid} of those of a kind that run."""
+        """{host: pid} of the running processes of one kind."""
         try:
             lines = self._path.read_text(encoding="utf-8").splitlines()
         except FileNotFoundError:
             return {}
-        # A line that was being written when the writer was killed is not whole.
+        # If a writer was killed, its last line may be incomplete.
         entries = [line.split() for line in lines if len(line.split()) == 4]
         return {host: int(pid) for its_kind, host, pid, start in entries
                 if its_kind == kind and start_time(int(pid)) == int(start)}
 
 
 def daemons_under(directory):
-    """{host: pid} of the daemons whose product roots are in the directory."""
+    """{host: pid} of the daemons with a product root in the directory."""
     found = {}
     for entry in pathlib.Path("/proc").glob("[0-9]*"):
         try:
@@ -58,7 +58,7 @@ def daemons_under(directory):
 
 
 def send(pid, number):
-    """False when the process is gone."""
+    """Sends a signal. Returns False if the process does not exist."""
     try:
         os.kill(pid, number)
     except ProcessLookupError:
@@ -67,11 +67,12 @@ def send(pid, number):
 
 
 def end_all(pids, limit, number=signal.SIGTERM):
-    """Tells all to end and waits for it; answers those that had to be killed after `limit` s."""
+    """Asks all processes to end and waits. Kills those that still run after `limit` seconds, and
+    returns their ids."""
     started = {pid: start_time(pid) for pid in pids}
     waiting = [pid for pid in pids if started[pid] is not None and send(pid, number)]
     for pid in waiting:
-        send(pid, signal.SIGCONT)  # one that is stopped hears nothing
+        send(pid, signal.SIGCONT)  # a stopped process gets the signal only when it continues
     waiting = _wait(waiting, started, limit)
     for pid in waiting:
         send(pid, signal.SIGKILL)
@@ -88,7 +89,7 @@ def _wait(pids, started, limit):
 
 
 def _reaped(pid):
-    """A child of ours is gone when it was waited for."""
+    """Waits for a child process without blocking. Returns True if it has ended."""
     try:
         return os.waitpid(pid, os.WNOHANG)[0] == pid
     except ChildProcessError:

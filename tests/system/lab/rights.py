@@ -1,4 +1,4 @@
-"""Whether this process may make a lab."""
+"""Checks whether this process can make a lab."""
 
 import os
 import shutil
@@ -9,7 +9,7 @@ PROGRAMS = {"ip": "iproute2", "tc": "iproute2", "nsenter": "util-linux", "unshar
 
 
 def why_not():
-    """What keeps a lab from being made here, in one line; None when nothing does."""
+    """Why a lab is not possible here, in one line. None if it is possible."""
     if os.geteuid() != 0:
         return "a lab needs root: it makes network namespaces"
     for program, package in PROGRAMS.items():

@@ -1,4 +1,4 @@
-"""A lab for a test: hosts whose daemons the test starts, watches and stops."""
+"""A lab for a test. The test starts, watches and stops the daemons of the hosts."""
 
 import contextlib
 import pathlib
@@ -20,7 +20,7 @@ class Stage:
         self._running = {}
 
     def build(self, clients, **options):
-        """So many clients, or clients of these names; nothing runs yet."""
+        """Makes the hosts: a number of clients, or clients with given names. Starts no daemon."""
         names = prompt_names(clients, soon=0) if isinstance(clients, int) else clients
         self.lab.claim()
         self.lab.make(names, with_parent=True, **options)
@@ -35,29 +35,29 @@ class Stage:
         return self.lab.clients
 
     def launch(self, host, **more):
-        """Starts the host's daemon without waiting for it. It ends with the test's process, even
-        when that is killed."""
+        """Starts the host's daemon and does not wait until it serves. The daemon ends with the
+        test's process, also if that process is killed."""
         wrapper = [*host.entering(), "setpriv", "--pdeathsig", "KILL", *more.pop("wrapper", [])]
         daemon = self._daemons.launch(host.root, wrapper=wrapper, network=host.network, **more)
         self._running[host.name] = daemon
         return daemon
 
     def start(self, *hosts, **more):
-        """Starts their daemons, all at once; answers the last, which serves, as all do."""
+        """Starts the daemons of all hosts and waits until they serve. Returns the last daemon."""
         daemons = [self.launch(host, **more) for host in hosts]
         for daemon in daemons:
             daemon.wait_until_up()
         return daemons[-1]
 
     def start_all(self):
-        """The master, then the clients; waits until all are registered."""
+        """Starts the master, then the clients. Waits until all clients are registered."""
         self.start(self.master)
         self.start(*self.clients)
         for host in self.clients:
             wait_until_registered(host)
 
     def stop_all(self):
-        """Stops what still runs, in order; an instrumented daemon then tells of what it has lost."""
+        """Stops the running daemons in order. An instrumented daemon then reports its leaks."""
         running = [daemon for daemon in self._running.values() if daemon.is_running()]
         for daemon in running:
             daemon.send(signal.SIGTERM)
@@ -65,17 +65,17 @@ class Stage:
         assert set(codes.values()) <= {0}, codes
 
     def daemon(self, host):
-        """The one that was started last."""
+        """The host's daemon that was started last."""
         return self._running[host.name]
 
     def service(self, host, **options):
-        """A proxy of the host's own service, called from the host itself."""
+        """A proxy of the host's own service. It calls the service from the same host."""
         return self.daemon(host).client(**options)
 
 
 @contextlib.contextmanager
 def frozen(stage, host):
-    """Its daemon, while this lasts."""
+    """A context manager that stops the host's daemon with SIGSTOP and continues it at the end."""
     daemon = stage.daemon(host)
     daemon.send(signal.SIGSTOP)
 
@@ -90,11 +90,11 @@ def frozen(stage, host):
 
 
 def wait_for_text(host, text, times=1):
-    """Waits until the host's log tells of something so many times."""
-    def told():
+    """Waits until the host's log contains the text so many times."""
+    def logged():
         return host.root.log_file.exists() and \
             host.root.log_file.read_text(encoding="utf-8").count(text) >= times
-    harness.wait_for(told, "%s: %s" % (host, text))
+    harness.wait_for(logged, "%s: %s" % (host, text))
 
 
 def wait_until_registered(host, times=1):
@@ -102,7 +102,7 @@ def wait_until_registered(host, times=1):
 
 
 def wait_until_pushed(host, master):
-    """Waits until the host says that its explorers have pushed, and the master's store has it."""
+    """Waits until the host's status shows all its pushes and the master's store has the record."""
     def said():
         outcomes = [each["outcome"] for each in host.root.status().get("explorers", [])
                     if each["kind"] == "push"]
@@ -112,7 +112,7 @@ def wait_until_pushed(host, master):
 
 
 def wait_until_stored(host, master, subject=None):
-    """Waits until the master's store has what the host's explorer pushes under a subject (its own
-    name unless told); the host may not have been told yet."""
+    """Waits until the master's store has the host's record with a subject. The default subject is
+    the host's name. The host may still wait for the answer to its push."""
     name = "3 %s %s.xml" % (host, subject or host)
     harness.wait_for(lambda: name in master.root.files(), "the push of %s is stored" % host)

@@ -1,4 +1,4 @@
-"""Hosts whose clocks differ by an hour from their master's."""
+"""Hosts with clocks that differ by an hour from their master's clock."""
 
 import pathlib
 import re
@@ -14,7 +14,7 @@ HOUR = 3600
 
 
 def off_by(seconds):
-    """The environment of a daemon whose wall clock is off; what counts seconds is not."""
+    """The environment of a daemon with a wrong wall clock. Its monotonic clock stays right."""
     if not LIBRARY.exists():
         pytest.skip("%s is missing: install Debian's faketime (scripts/setup does)" % LIBRARY)
     return {"LD_PRELOAD": str(LIBRARY), "FAKETIME": "%+d" % seconds,
@@ -22,7 +22,7 @@ def off_by(seconds):
 
 
 def made_at(host, name):
-    """When a stored record says it was made."""
+    """The discovery time in a stored record."""
     text = (host.root.store / ("3 %s %s.xml" % (name, name))).read_text()
     return int(re.search(r"<DiscoveryTime>(\d+)", text)[1])
 
@@ -34,10 +34,10 @@ def test_a_client_registers_pushes_and_is_pulled(stage, off):
     stage.start(stage.master)
     began = time.time()
     stage.start(client, environment=off_by(off))
-    # Afterwards nobody pushes, so all the questions below have one answer.
+    # Later no host pushes, so the queries below all have the same answer.
     for host in (client, stage.master):
         wait_until_pushed(host, stage.master)
-    # The time is the client's, and the record is valid on the master all the same.
+    # The record has the client's time. It is valid on the master nevertheless.
     assert began + off - 1 <= made_at(stage.master, str(client)) <= time.time() + off + 1
     service = stage.service(stage.master)
     assert {str(client), "%s/now" % client} <= set(subjects(service))

@@ -1,5 +1,5 @@
-"""A link is cut in the middle: whoever waits gives up in time, nothing is half there, what was stored
-stays, and when the link is whole again all goes on."""
+"""A link is cut in the middle of a request. The caller gives up in time. The store keeps its
+records and gets no incomplete one. After the link is repaired, everything works again."""
 
 import time
 from concurrent.futures import ThreadPoolExecutor
@@ -9,23 +9,23 @@ from giop import DiscoveryStatus
 from lab.stage import wait_for_text, wait_until_pushed
 from records import ANY, SUCCESS, get, open_writer, put, query, record, subjects
 
-REQUEST_LIMIT = 30  # seconds, of every request that a daemon makes
+REQUEST_LIMIT = 30  # seconds for every request of a daemon
 LOOKUP_LIMIT = 5
-# What a busy machine may add; an instrumented program on it, too.
+# Seconds that a busy machine or an instrumented program may add.
 SLACK = 10
 RECORDS = 300
 SLOW = "64kbit"
 
 
 def took(work):
-    """(what it answers, seconds)"""
+    """Runs work(). Returns (its result, seconds)."""
     began = time.monotonic()
     answer = work()
     return answer, time.monotonic() - began
 
 
 def cut_after(stage, host, size):
-    """Cuts the link when it has carried so many bytes more."""
+    """Cuts the link when it has carried `size` more bytes. Returns the time of the cut."""
     before = stage.lab.bytes_carried(host)
     harness.wait_for(lambda: stage.lab.bytes_carried(host) >= before + size, "%d bytes" % size)
     stage.lab.cut(host)
@@ -37,7 +37,7 @@ def unfinished(host):
 
 
 def put_that_breaks_off(stage, client):
-    """The record that it would have replaced stays."""
+    """The put fails, and the earlier record stays."""
     service = stage.service(client)
     assert put(service, "volumes", "a", b"before") == SUCCESS
     writer = open_writer(service, record("volumes", "a"))
@@ -56,7 +56,7 @@ def put_that_breaks_off(stage, client):
 
 
 def query_that_breaks_off(stage, client):
-    """A list is whole, or there is none."""
+    """The query returns no incomplete list."""
     service = stage.service(client)
     log = client.root.log()
     with ThreadPoolExecutor(1) as pool:
@@ -72,7 +72,7 @@ def query_that_breaks_off(stage, client):
 
 
 def pull_that_breaks_off(stage, client):
-    """Nothing of what arrived is answered."""
+    """The pull fails and returns none of the bytes that arrived."""
     service = stage.service(stage.master)
     log = stage.master.root.log()
     with ThreadPoolExecutor(1) as pool:
@@ -91,7 +91,7 @@ def pull_that_breaks_off(stage, client):
 
 
 def test_in_the_middle_of_a_put_of_a_page_and_of_a_pull(stage):
-    """All three at once: each takes as long as a daemon waits for an answer."""
+    """All three run at once, because each takes as long as a daemon waits for an answer."""
     stage.build(3)
     stage.master.configure(FILESYSTEM_PULL="FALSE")
     stage.start_all()
@@ -109,7 +109,7 @@ def test_in_the_middle_of_a_put_of_a_page_and_of_a_pull(stage):
             assert story.result(3 * harness.CALL_LIMIT) <= REQUEST_LIMIT + SLACK, story
 
     assert get(master, "volumes", "a") == b"before"
-    # While the links are cut, nobody is waited for longer than a lookup may take.
+    # While the links are cut, a request takes no longer than a lookup may take.
     for client in others:
         (result, writer), seconds = took(lambda host=client: stage.service(host).putCollection(
             record("volumes", "b")))
@@ -118,7 +118,7 @@ def test_in_the_middle_of_a_put_of_a_page_and_of_a_pull(stage):
 
     for client in stage.clients:
         stage.lab.heal(client)
-    # The first packets that were lost are sent again in their own time.
+    # The system needs some time until it sends the lost packets again.
     for client in stage.clients:
         harness.wait_for(lambda host=client: len(query(stage.service(host), authority="many"))
                          == RECORDS, "%s sees the master again" % client)
@@ -126,10 +126,11 @@ def test_in_the_middle_of_a_put_of_a_page_and_of_a_pull(stage):
     assert get(master, "volumes", "a") == b"after"
     assert get(master, "%s/now" % pulled, str(pulled), ANY)
     assert "volumes" in subjects(stage.service(others[1]))
-    # A writer that was left is counted, and its temporary file goes when the master starts anew.
-    harness.wait_for(lambda: others[0].root.status()["counters"]["writersLeft"] == 1, "it is counted")
+    # The client counts the abandoned writer. The master removes the temporary file at its next start.
+    harness.wait_for(lambda: others[0].root.status()["counters"]["writersLeft"] == 1,
+                     "the abandoned writer is counted")
     assert unfinished(stage.master) != []
     assert stage.daemon(stage.master).stop() == 0
     stage.start(stage.master)
-    harness.wait_for(lambda: unfinished(stage.master) == [], "but for its own push nothing is left")
+    harness.wait_for(lambda: unfinished(stage.master) == [], "no temporary file is left")
     assert get(stage.service(stage.master), "volumes", "a") == b"after"

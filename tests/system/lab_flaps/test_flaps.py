@@ -1,4 +1,4 @@
-"""Links that come and go faster than anybody gives up."""
+"""A link fails and recovers so fast that no request gives up."""
 
 import contextlib
 import hashlib
@@ -11,13 +11,14 @@ from records import ANY, SUCCESS, get, put, query
 
 FLAPS = 20
 LARGEST = 20_000
-# Seconds that a link is cut, and whole, at most.
+# The longest time that a link stays cut and stays whole, in seconds.
 CUT, WHOLE = 0.2, 0.3
 
 
 @contextlib.contextmanager
 def flapping(stage, host):
-    """The host's link, while this lasts; whole afterwards."""
+    """A context manager that cuts and repairs the host's link again and again. At the end the link
+    is whole. It yields a list with an item for each cut."""
     over = threading.Event()
     times = []
 
@@ -44,8 +45,8 @@ def sealed(data):
 
 
 def test_what_is_said_to_be_stored_is_stored(stage):
-    """Puts, queries and pulls go on, slowly. What a put says it has stored is there; what it says it
-    has not leaves the record as it was, or is there whole."""
+    """Puts, queries and pulls continue slowly. After a successful put the record has the new data.
+    After a failed put it has either the old data or all of the new data."""
     [client] = stage.build(1).clients
     stage.master.configure(FILESYSTEM_PULL="FALSE")
     stage.start_all()
@@ -59,7 +60,7 @@ def test_what_is_said_to_be_stored_is_stored(stage):
             data = sealed(chance.randbytes(chance.randrange(LARGEST)))
             try:
                 stored = put(mine, "volumes", "a", data, chunk=7000) == SUCCESS
-            except AssertionError:  # it was not even opened, or a chunk was lost
+            except AssertionError:  # the writer was not opened, or a chunk was lost
                 stored = False
             possible = {data} if stored else possible | {data}
             assert get(master, "volumes", "a") in possible

@@ -1,4 +1,5 @@
-"""Hosts that accept and never answer: a lookup of theirs ends after 5 seconds, a request after 30."""
+"""Hosts that accept connections and never answer. A lookup of such a host ends after 5 seconds, a
+request to it after 30."""
 
 import time
 from concurrent.futures import ThreadPoolExecutor
@@ -10,7 +11,7 @@ from records import ANY, SUCCESS, get, open_writer, put, query, record, subjects
 
 REQUEST_LIMIT = 30
 LOOKUP_LIMIT = 5
-# What a busy machine may add; an instrumented program on it, too.
+# Seconds that a busy machine or an instrumented program may add.
 SLACK = 10
 SLOW = "64kbit"
 
@@ -31,8 +32,8 @@ def now_of(client):
 
 
 def test_a_lookup_ends_after_5_seconds(stage):
-    """Nobody who asks a host that hangs waits longer: the master that pulls from a client, the client
-    that asks its master."""
+    """The limit holds for a master that pulls from a client, and for a client that queries its
+    master."""
     pulled, other = build(stage, 2)[::-1]
     assert put(stage.service(other), "volumes", "a", b"x") == SUCCESS
 
@@ -40,7 +41,7 @@ def test_a_lookup_ends_after_5_seconds(stage):
     with frozen(stage, pulled):
         status, iterator = stage.service(stage.master).getCollectionData(now_of(pulled))
         took = seconds_since(began)
-        # The others are served all the while.
+        # Meanwhile the master serves the other client.
         assert "volumes" in subjects(stage.service(other))
     assert (status, iterator) == (DiscoveryStatus.DS_OPEN_FAILED, None)
     assert LOOKUP_LIMIT - 1 <= took <= LOOKUP_LIMIT + SLACK
@@ -59,7 +60,7 @@ def test_a_lookup_ends_after_5_seconds(stage):
 
 
 def pull_from_one_that_freezes(stage, client):
-    """In the middle of its pages: a slow link gives the time to do it."""
+    """Freezes the client in the middle of its pages. The link is slow, so the test has the time."""
     service = stage.service(stage.master)
     log = stage.master.root.log()
     stage.lab.slow(client, SLOW)
@@ -79,7 +80,7 @@ def pull_from_one_that_freezes(stage, client):
 
 
 def put_to_one_that_freezes(stage, client, master):
-    """The client's caller is told; what was stored stays."""
+    """The client's caller gets a failure, and the earlier record stays."""
     service = stage.service(client)
     assert put(service, "volumes", "a", b"before") == SUCCESS
     writer = open_writer(service, record("volumes", "a"))
@@ -99,8 +100,8 @@ def put_to_one_that_freezes(stage, client, master):
 
 
 def test_a_request_ends_after_30_seconds(stage):
-    """A client that freezes in the middle of a pull, and a master in the middle of a put: both at
-    once, so they are two installations that share a network. Who does not freeze goes on serving."""
+    """A client freezes in the middle of a pull, and a master in the middle of a put. Both happen at
+    the same time, in two installations on one network. The other hosts continue to serve."""
     stage.build(4)
     writer, deputy, other, pulled = sorted(stage.clients, key=str)
     stage.master.configure(FILESYSTEM_PULL="FALSE")
@@ -117,14 +118,15 @@ def test_a_request_ends_after_30_seconds(stage):
         def over():
             assert put(stage.service(other), "volumes", "a", b"x") == SUCCESS
             return all(story.done() for story in stories)
-        harness.wait_for(over, "both end", 3 * harness.CALL_LIMIT)
+        harness.wait_for(over, "both requests end", 3 * harness.CALL_LIMIT)
         for story in stories:
             assert REQUEST_LIMIT - 5 <= story.result(0) <= REQUEST_LIMIT + SLACK
     assert get(stage.service(stage.master), "%s/now" % pulled, str(pulled), ANY)
 
 
 def test_a_stop_does_not_wait_for_a_host_that_hangs(stage):
-    """A daemon stops in order while a request of its own is under way, within that request's limit."""
+    """A daemon waits for an answer from its master. It still stops in order, within the limit of
+    the request."""
     [client] = build(stage, 1)
     wait_until_pushed(client, stage.master)
     with ThreadPoolExecutor(1) as pool, frozen(stage, stage.master):
@@ -138,7 +140,7 @@ def test_a_stop_does_not_wait_for_a_host_that_hangs(stage):
 
 
 def test_a_stop_gives_up_what_comes_slowly(stage):
-    """A pull over a slow line would go on for minutes, and a push as well."""
+    """A pull over a slow link would take minutes. The stop ends it."""
     [client] = build(stage, 1)
     wait_until_pushed(client, stage.master)
     service = stage.service(stage.master, timeout=harness.CALL_LIMIT)

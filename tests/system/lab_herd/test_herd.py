@@ -1,4 +1,4 @@
-"""Many clients that come at the same moment, as after a power cut."""
+"""Many clients start at the same moment, as after a power cut."""
 
 import os
 import signal
@@ -10,7 +10,7 @@ from lab import prompt_names
 from lab.stage import wait_until_stored
 from records import ANY, get, query, subjects
 
-# An instrumented daemon takes several times the memory and the time.
+# An instrumented daemon needs several times as much memory and time.
 CLIENTS = 12 if os.environ.get("QM_SANITIZE") else 50
 LIMIT = 240
 
@@ -42,7 +42,7 @@ def test_all_register_and_push(stage):
     assert status["assertions"] == 0
     assert [line.text for line in stage.master.root.log().lines() if "Failed" in line.text] == []
 
-    # They all ask at once, and all see the same.
+    # All clients query at once and get the same answer.
     def asked(client):
         return subjects(stage.service(client))
     with ThreadPoolExecutor(CLIENTS) as pool:

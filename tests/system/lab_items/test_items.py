@@ -1,4 +1,4 @@
-"""What was discovered, read back by the operator's command line on any host."""
+"""qmdiscoctl reads the discovered items of all hosts, on any host."""
 
 import json
 import time
@@ -9,8 +9,8 @@ from lab.stage import frozen, wait_for_text, wait_until_pushed
 REQUEST_LIMIT = 30
 SLACK = 10
 
-LOOKUP_FAILED = "Failed to get collection data: 3"  # the master could not open what it pulls
-NOT_THE_LAST = "Failed to get collection data: 2"  # more than one explorer answers to the name
+LOOKUP_FAILED = "Failed to get collection data: 3"  # the master could not pull the data
+NOT_THE_LAST = "Failed to get collection data: 2"  # more than one explorer matches the name
 
 
 def build(stage, clients):
@@ -64,11 +64,11 @@ def test_a_host_that_hangs_is_named(stage):
     with frozen(stage, stage.lab.host(last)):
         rows, unread = items_on(stage.master)
     assert unread["%s/now" % last] == LOOKUP_FAILED
-    assert (last, last, "/") in rows, "what it pushed before is there"
+    assert (last, last, "/") in rows, "its earlier push is there"
 
 
 def test_reading_from_a_master_that_hangs_ends_after_30_seconds(stage):
-    """A slow line gives the time to freeze the master in the middle of a record's pages."""
+    """The link is slow, so the test can freeze the master in the middle of a record's pages."""
     [name] = build(stage, 1)
     client = stage.lab.host(name)
     stage.lab.slow(client, "16kbit")

@@ -1,4 +1,4 @@
-"""The master reads from clients: their services' explorers produce what it is asked for."""
+"""The master pulls from clients. The explorers in the clients' services make the data."""
 
 import xml.etree.ElementTree as ElementTree
 
@@ -13,7 +13,7 @@ def pull(stage, client):
 
 
 def last(clients):
-    """Whose explorers sort last: names are compared octet by octet."""
+    """The client with the explorer that sorts last. The service compares names byte by byte."""
     return max(clients, key=str)
 
 
@@ -23,7 +23,7 @@ def mounted(document):
 
 def build(stage, clients):
     stage.build(clients)
-    # Otherwise the master's own explorer would sort behind them all.
+    # Otherwise the master's own explorer would sort after all of them.
     stage.master.configure(FILESYSTEM_PULL="FALSE")
     stage.start_all()
     return stage
@@ -31,7 +31,7 @@ def build(stage, clients):
 
 def test_the_master_pulls_through_the_clients_service(stage):
     client = last(build(stage, 3).clients)
-    # Something that only this host has. Its daemon has file systems of its own.
+    # Mount something on this host only. Each host has its own mount namespace.
     log = client.root.log()
     place = client.path / "mounted here"
     place.mkdir()
@@ -39,7 +39,7 @@ def test_the_master_pulls_through_the_clients_service(stage):
     document = pull(stage, client)
     assert str(place) in mounted(document)
     assert "%s/now" % client in " ".join(log.texts(level=4, source="../Explorer"))
-    # Nothing of what was pulled is kept.
+    # The master stores no pulled data. These files only hold the registrations.
     assert [name for name in stage.master.root.files() if "now.dat" in name] == \
         sorted("4 %s %s%%2Fnow.dat" % (each, each) for each in stage.clients)
     client.run("umount", place)
@@ -67,7 +67,8 @@ def test_what_can_be_pulled_survives_a_restart_of_the_master(stage):
         assert subjects(service, type=AuthorityType.AT_REMOTEPULL) == \
             sorted("%s/now" % each for each in stage.clients)
         assert pull(stage, client)
-        explorers = harness.wait_for(lambda: stage.master.root.status().get("explorers"), "told of")
+        explorers = harness.wait_for(lambda: stage.master.root.status().get("explorers"),
+                                     "the status lists explorers")
         assert {(each["subject"], each["name"]) for each in explorers if each["kind"] == "pull"} == \
             {("%s/now" % each, "RemotePullExplorer") for each in stage.clients}
 
@@ -84,13 +85,13 @@ def test_a_client_whose_daemon_is_down_cannot_be_pulled(stage):
     assert pull(stage, client)
 
 
-def test_a_refresh_is_the_masters_and_a_client_pushes_when_told(stage):
+def test_only_the_master_refreshes_all_and_a_client_pushes_when_asked(stage):
     [client] = build(stage, 1).clients
     wait_until_pushed(client, stage.master)
     assert stage.service(client).restartAllPushTimers() is False
     file = stage.master.root.store / ("3 %s %s.xml" % (client, client))
     before, log = file.read_bytes(), client.root.log()
     stage.service(client).restartLocalPushTimer()
-    # This host's name makes it at once.
+    # With this host's name the delay is 0.
     assert log.texts(level=4, source="../DiscoveryRepository")[0] == "triggering push in 0 seconds"
-    harness.wait_for(lambda: file.read_bytes() != before, "it is stored anew")
+    harness.wait_for(lambda: file.read_bytes() != before, "the new record is stored")

@@ -1,4 +1,4 @@
-"""Records that clients write land in the master's store, and in no other."""
+"""The master stores the records that clients write. The clients store nothing."""
 
 import xml.etree.ElementTree as ElementTree
 
@@ -9,7 +9,7 @@ from records import ANY, SUCCESS, get, open_writer, put, record, subjects
 
 
 def mounted(document):
-    """The mount points in what the default explorer found."""
+    """The mount points in the default explorer's document."""
     return {item.get("Name") for item in ElementTree.fromstring(document).findall("DISCOVERED")}
 
 
@@ -45,8 +45,8 @@ def test_names_of_any_language_travel(stage):
 
 
 def test_the_higher_priority_wins_whatever_the_order(stage):
-    """A client answers DS_OPEN_FAILED when the master refuses it the writer; the master's own answer
-    stands in the client's log."""
+    """If the master refuses a writer, the client answers DS_OPEN_FAILED. The client logs the
+    master's answer."""
     one, other = stage.build(2).clients
     stage.start_all()
     master, mine, theirs = (stage.service(host) for host in (stage.master, one, other))
@@ -64,7 +64,7 @@ def test_the_higher_priority_wins_whatever_the_order(stage):
     assert get(master, "last", "a") == b"high"
 
 
-def test_the_lower_priority_is_told_when_both_write_at_once(stage):
+def test_the_lower_priority_is_refused_when_both_write_at_once(stage):
     one, other = stage.build(2).clients
     stage.start_all()
     low = open_writer(stage.service(one), record("both", "a", priority=4))
@@ -120,4 +120,4 @@ def test_a_client_that_starts_anew_registers_and_pushes_anew(stage):
     assert stage.daemon(client).stop() == 0
     stage.start(client)
     wait_until_registered(client, times=2)
-    harness.wait_for(lambda: file.read_bytes() != before, "it is stored anew")
+    harness.wait_for(lambda: file.read_bytes() != before, "the new record is stored")

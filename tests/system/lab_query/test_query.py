@@ -1,4 +1,4 @@
-"""Queries made on a client: the master answers them, the client pages them."""
+"""Queries on a client: the master answers them, and the client divides the answer into pages."""
 
 import os
 
@@ -28,7 +28,7 @@ def test_the_master_answers_and_the_client_pages(stage):
     assert [len(page) for page in found] == [9, 9, 2]
     records = [each for page in found for each in page]
     assert sorted(each.subject for each in records) == sorted(data)
-    # Whoever pages them is where they are read from next: the client's name is in its pages.
+    # A caller reads the data from the host that the page names. A client's pages name the client.
     assert {each.sourceHost for each in records} == {str(client)}
     assert {each.sourceHost for page in pages(master, "a") for each in page} == {"master"}
     for each in records:
@@ -59,7 +59,7 @@ def test_a_client_gives_data_from_its_own_explorers_alone(stage):
     assert get(stage.service(client), "%s/now" % client, str(client), ANY)
 
 
-def test_a_master_that_is_down_is_told_and_comes_back(stage):
+def test_a_master_that_is_down_is_reported_and_comes_back(stage):
     [client] = stage.build(1).clients
     stage.start_all()
     mine = stage.service(client)
@@ -82,7 +82,7 @@ def test_a_master_that_is_down_is_told_and_comes_back(stage):
 
 
 def test_a_master_that_was_restarted_is_found_by_the_first_query(stage):
-    """The connections that the client has kept lead to the one before."""
+    """The client still has connections to the old process of the master."""
     [client] = stage.build(1).clients
     stage.start_all()
     mine = stage.service(client)
@@ -94,7 +94,8 @@ def test_a_master_that_was_restarted_is_found_by_the_first_query(stage):
 
 
 def test_a_client_that_comes_before_its_master(stage):
-    """It tries again every five minutes; one that starts when the master is there, at once."""
+    """The client tries again every five minutes. A client that starts after the master registers at
+    its first try."""
     [client] = stage.build(1).clients
     daemon = stage.start(client)
     wait_for_text(client, "Failed to connect to discovery service on the master, retrying later")

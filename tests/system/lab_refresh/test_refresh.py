@@ -1,4 +1,4 @@
-"""The master has every host push again: those that hear it, that are gone, that hang."""
+"""The master asks every host to push again. Some hosts answer, some are down, some hang."""
 
 import contextlib
 import time
@@ -15,7 +15,7 @@ ABORTED = "qmdisco shutting down, aborting refresh task"
 
 
 def build(stage, clients):
-    """Hosts whose filters the master knows: that is what makes them clients to be refreshed."""
+    """Makes hosts that have published their filter data. The master refreshes only such hosts."""
     stage.build(clients).start_all()
     for host in (stage.master, *stage.clients):
         wait_until_stored(host, stage.master, "filesystem")
@@ -23,7 +23,7 @@ def build(stage, clients):
 
 
 def refreshed(log):
-    """The hosts in the order in which the master turned to them."""
+    """The hosts that the master has asked to push, in its order."""
     begin = RESTARTING % ""
     return [text.removeprefix(begin) for text in log.texts(level=4) if text.startswith(begin)]
 
@@ -36,13 +36,14 @@ def test_a_refresh_reaches_every_host(stage):
     def all_heard():
         return all(any(text.startswith(TRIGGERED) for text in log.texts(level=4))
                    for log in logs.values())
-    harness.wait_for(all_heard, "each has its push timer restarted")
+    harness.wait_for(all_heard, "every host restarts its push timer")
     assert refreshed(logs[stage.master]) == [*map(str, clients), "master"]
     assert logs[stage.master].failures("../DiscoveryRepository") == []
-    # By the command line as well, from any host.
+    # The command line can start a refresh as well, from any host.
     assert clients[0].ctl("clients").split() == ["CLIENT", *map(str, clients), "master"]
     assert "started by the discovery service on master" in clients[0].ctl("refresh", "--all")
-    harness.wait_for(lambda: len(refreshed(logs[stage.master])) == 6, "it goes round again")
+    harness.wait_for(lambda: len(refreshed(logs[stage.master])) == 6,
+                     "the master asks all hosts again")
 
 
 def test_hosts_that_are_down_or_hang_are_passed_over(stage):
@@ -52,12 +53,13 @@ def test_hosts_that_are_down_or_hang_are_passed_over(stage):
     service = stage.service(stage.master)
     with frozen(stage, hangs):
         assert service.restartAllPushTimers() is True
-        harness.wait_for(lambda: len(refreshed(log)) == 2, "it waits for the one that hangs")
-        assert service.restartAllPushTimers() is False, "one is running"
+        harness.wait_for(lambda: len(refreshed(log)) == 2,
+                         "the master waits for the host that hangs")
+        assert service.restartAllPushTimers() is False, "a refresh is running"
         harness.wait_for(lambda: any(text.startswith(TRIGGERED) for text in heard.texts(level=4)),
-                         "the one behind it is reached")
+                         "the next host is reached")
     harness.wait_for(lambda: refreshed(log) == [*map(str, (down, hangs, hears)), "master"],
-                     "all had their turn")
+                     "the master has asked all hosts")
     assert log.failures("../DiscoveryRepository").count(NOT_REACHED) == 2
 
     def again():

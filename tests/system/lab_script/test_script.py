@@ -1,4 +1,4 @@
-"""scripts/lab, as one uses it."""
+"""Tests of scripts/lab, used as a person does."""
 
 import os
 import pathlib
@@ -23,7 +23,7 @@ def can_make_labs():
 
 
 class Script:
-    """Labs whose files are in a directory of the test's."""
+    """Runs scripts/lab with its files in a directory of the test."""
 
     def __init__(self, directory):
         self.directory = directory
@@ -50,12 +50,12 @@ class Script:
         return self.directory / ("quillmark-lab-" + name)
 
     def noted(self, name="one"):
-        """[(kind, pid, start)] of the processes that the lab knows."""
+        """[(kind, pid, start time)] from the lab's list of processes."""
         lines = (self.lab(name) / "processes").read_text().splitlines()
         return [(kind, int(pid), int(start)) for kind, _, pid, start in map(str.split, lines)]
 
     def links(self, name="one"):
-        """{host: link}"""
+        """{host: state of its link}"""
         lines = self("status", name=name).splitlines()[1:]
         return {line.split()[0]: line[34:57].strip() for line in lines}
 
@@ -83,7 +83,7 @@ def test_a_round(script):
 
     def everybody_is_seen():
         return {"master", client, other} <= set(script("exec", "master", "qmdiscoctl", "query").split())
-    harness.wait_for(everybody_is_seen, "all have pushed")
+    harness.wait_for(everybody_is_seen, "all hosts have pushed")
 
     script("cut", client)
     script("slow", other, "64kbit")
@@ -93,11 +93,12 @@ def test_a_round(script):
     script("heal", client)
     script("heal", other)
     assert script.links() == {"master": "up", client: "up", other: "up"}
-    # The address is found anew, and so is the host.
-    harness.wait_for(lambda: script.status_of("exec", client, *reach) == 0, "it is reached")
+    # The client needs some time until it finds the master again.
+    harness.wait_for(lambda: script.status_of("exec", client, *reach) == 0,
+                     "the client reaches the master")
 
     noted = script.noted()
-    assert len(running(noted)) >= 7  # the bridge's keeper, three hosts' and three daemons
+    assert len(running(noted)) >= 7  # keepers of the bridge and of three hosts, three daemons
     script("down")
     assert running(noted) == []
     assert not script.lab().exists()
@@ -154,7 +155,7 @@ def test_an_up_that_is_interrupted_leaves_nothing(script, number, code):
     process.send_signal(number)
     _, err = process.communicate(timeout=LIMIT)
     assert process.returncode == code, err
-    if number == signal.SIGKILL:  # it could not tidy up: that is left to `down`
+    if number == signal.SIGKILL:  # `up` could not clean up, so `down` must do it
         script("down")
     assert running(noted) == []
     assert daemons_under(script.lab()) == {}
@@ -187,14 +188,14 @@ def test_it_says_what_it_lacks(monkeypatch):
 
 
 def test_names_that_register_soon():
-    """The delays that a C library gives do not change from one start to the next."""
+    """The C library gives the same delays at every start."""
     names = prompt_names(200)
     assert len(set(names)) == 200 and names[:4] == ["4client", "23client", "95client", "96client"]
     assert prompt_names(2, soon=0)[0] == "95client"
 
 
 def test_hosts_that_share_the_loopback(script):
-    """Where no namespaces can be made; a key of one host's configuration differs."""
+    """This lab needs no namespaces. One host has a different configuration key."""
     [client] = prompt_names(1)
     script("up", "1", "--network", "loopback", "--set", "master:FILESYSTEM_PULL=FALSE")
     assert script.links() == {"master": "loopback", client: "loopback"}
@@ -212,12 +213,12 @@ def test_hosts_that_share_the_loopback(script):
     assert (script.lab() / client / "logs" / "qmdisco.log").exists()
 
 
-@pytest.mark.parametrize("setting,told", [
+@pytest.mark.parametrize("setting,message", [
     ("nobody:LOG_LEVEL=1", "there is no host nobody; there are: master 4client"),
     ("LOG_LEVEL=1", "invalid setting value: 'LOG_LEVEL=1'")])
-def test_a_setting_that_means_nothing_is_refused(script, setting, told):
-    code = 2 if "invalid" in told else 1
-    assert told in script("up", "1", "--set", setting, code=code)
+def test_a_setting_that_means_nothing_is_refused(script, setting, message):
+    code = 2 if "invalid" in message else 1
+    assert message in script("up", "1", "--set", setting, code=code)
     assert not script.lab().exists()
 
 

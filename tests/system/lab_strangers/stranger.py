@@ -1,4 +1,4 @@
-"""A discovery service that is not ours, on a host of the lab: it answers as the subject says."""
+"""A fake discovery service on a host of the lab. The subject decides how it answers."""
 
 import itertools
 
@@ -15,14 +15,17 @@ def no_memory():
 
 
 class Stranger:
-    """Its service, its iterators and its writers. Whatever is asked is in `asked`.
+    """The fake service with its iterators and writers. `asked` lists the requested operations.
 
-    A subject "PLACE_HOW" makes it go wrong at that place ("query", "page", "get", "data",
-    "put-collection", "put", "close", "release") in that way:
+    With a subject "PLACE_HOW" the answer at that place is wrong. The places are "query", "page",
+    "get", "data", "put-collection", "put", "close" and "release". The ways are:
 
-        throw   NO_MEMORY                       hang-up  the connection ends
-        nil     no object                       garbage  bytes that are no such value
-        half    half a reply, then the end      huge     a sequence that claims 4 billion elements
+        throw    it throws NO_MEMORY
+        hang-up  it closes the connection
+        nil      it returns no object
+        garbage  it sends bytes that do not encode the result
+        half     it sends half a reply and closes the connection
+        huge     it sends a sequence that claims 4 billion elements
     """
 
     def __init__(self, host, is_a=True, little=True):
@@ -44,7 +47,7 @@ class Stranger:
 
     @staticmethod
     def _wrong(place, subject):
-        """How the answer is made wrong; None when it is not."""
+        """Returns a function that writes a wrong answer, or None for a right one. May raise."""
         where, _, how = subject.partition("_")
         if where != place:
             return None
@@ -59,7 +62,7 @@ class Stranger:
                 "nil": None}.get(how)
 
     def _common(self, operation, arguments):
-        """What every object answers; None for operations of its own."""
+        """Answers the operations of every object. Returns None for all other operations."""
         if operation == "_non_existent":
             return lambda e: e.boolean(False)
         if operation == "_is_a":
@@ -99,7 +102,7 @@ class Stranger:
                 self._wrong("release", subject)
                 return lambda e: None
             state["pages"] += 1
-            # The first page is a good one, what is wrong comes in the second.
+            # The first page is right. The second may be wrong.
             if state["pages"] > 1:
                 wrong = self._wrong("page", subject)
                 if wrong:

@@ -1,4 +1,4 @@
-"""Our master, and a client that is not ours and answers badly when it is pulled from."""
+"""A real master pulls from a fake client, which gives wrong answers."""
 
 import pytest
 
@@ -23,7 +23,7 @@ def lab(stage):
 
 
 def pulled(service, subject):
-    """Registers the stranger's explorer for the subject, and asks for its data."""
+    """Registers an explorer of the fake client for the subject, and reads its data."""
     service.registerExplorer("DiscoveryService", "stranger", subject, "a",
                              AuthorityType.AT_EXTSRC, 5)
     return service.getCollectionData(record(subject, "a", ANY))
@@ -36,7 +36,7 @@ def test_a_good_one_is_pulled_from(lab):
             service.registerExplorer("DiscoveryService", "stranger", "volumes", "a",
                                      AuthorityType.AT_EXTSRC, 5)
             assert get(service, "volumes", "a", ANY) == b"123456789"
-            # Opened twice, and never told how large a page should be.
+            # The master opens the data twice and never sets the page size.
             assert stranger.asked == ["queryDiscoveries", "getNextPage", "getNextPage", "release"] + \
                 2 * ["getCollectionData", "getNextPage", "getNextPage", "getNextPage", "release"]
     assert log.failures("../RemoteDB") == []
@@ -67,13 +67,13 @@ def test_a_good_one_is_pulled_from(lab):
     ("data_endless", "../RemoteDB", "A collection of another host may have 4096 bytes "
                                     "(REMOTE_MAX_BYTES), this one has more"),
 ])
-def test_what_it_answers_badly_is_told_and_harms_nothing(lab, how, source, says):
+def test_a_wrong_answer_is_logged_and_harms_nothing(lab, how, source, says):
     _, client, service, log = lab
     with Stranger(client):
         status, iterator = pulled(service, how)
         assert (status, iterator) == (DiscoveryStatus.DS_OPEN_FAILED, None)
         assert log.failures(source)[0].startswith(says)
-        # Behind it in the order, so it can be read by its name.
+        # This explorer sorts last, so the master can read it by name.
         assert pulled(service, "volumes")[0] == DiscoveryStatus.DS_SUCCESS
 
 

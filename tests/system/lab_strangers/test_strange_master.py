@@ -1,4 +1,4 @@
-"""Our client, and a master that is not ours and answers badly: the client says so, and goes on."""
+"""A real client uses a fake master, which gives wrong answers. The client logs them and goes on."""
 
 import pytest
 
@@ -13,8 +13,8 @@ QUERY_FAILED = "Failed to query remote discoveries: "
 
 @pytest.fixture
 def lab(stage):
-    """(client, its service, its log): a client whose master is about to be a stranger."""
-    # It registers minutes from now, so that nothing but the test speaks to the stranger.
+    """(stage, client, its service, its log). The tests put the fake master on its host."""
+    # The client registers only after minutes, so only the test calls the fake master.
     [client] = stage.build(["client"]).clients
     client.configure(REMOTE_MAX_RECORDS=100)
     stage.start(client)
@@ -24,7 +24,7 @@ def lab(stage):
 
 
 def failure(log):
-    """The one line that tells of a failed forwarding."""
+    """The only line about a failure in the client's log."""
     [text] = log.failures("../DiscoveryRepository")
     return text
 
@@ -73,7 +73,7 @@ def test_names_that_are_no_text(lab):
 
 
 def query_or_nothing(service, subject):
-    """Bytes that are no text may stop the tests' own reader; the daemon they may not."""
+    """The names may be invalid text. The tests' own reader may fail then, but not the daemon."""
     try:
         return query(service, subject=subject)
     except UnicodeDecodeError:
@@ -136,7 +136,7 @@ def test_a_close_that_fails(lab, how, says):
 
 
 def test_success_without_a_writer(lab):
-    """The record is open and takes no byte."""
+    """The client opens the record, but every write fails."""
     stage, client, service, log = lab
     with Stranger(stage.master):
         writer = open_writer(service, record("put-collection_nil", "a"))

@@ -1,4 +1,4 @@
-"""etc/qm.conf: what it says counts, and nonsense in it keeps nobody down."""
+"""The daemon obeys etc/qm.conf. It also starts with nonsense in the file."""
 
 import signal
 
@@ -47,7 +47,7 @@ def test_nonsense_is_logged_and_the_daemon_starts(start, root):
     assert root.status()["logLevel"] == 1
 
 
-def test_check_config_tells_the_same(root):
+def test_check_config_prints_the_same(root):
     root.config_file.write_text(NONSENSE)
     assert harness.run("--check-config", "--root", root) == \
         (3, "".join(line + "\n" for line in problems(root)), "")
@@ -74,7 +74,7 @@ def unreadable(root, kind):
 
 @pytest.mark.parametrize("kind", ["missing", "directory", "loop"])
 def test_an_unreadable_file_keeps_nobody_down(start, root, kind):
-    """The defaults hold, the default port among them: so the host is given a network of its own."""
+    """The daemon uses the defaults, also for the port. So it needs its own network namespace."""
     unreadable(root, kind)
     log = root.log()
     daemon = start(root, wrapper=("unshare", "--net"))
@@ -124,7 +124,7 @@ def test_hangup_changes_the_log_level(start, root):
     assert quiet.lines() == []
 
 
-def test_hangup_tells_of_nonsense(start, root):
+def test_hangup_reports_nonsense(start, root):
     daemon = start(root)
     log = root.log()
     root.configure(LOG_LEVEL="nonsense")

@@ -1,4 +1,4 @@
-"""What a daemon acknowledged survives its sudden end."""
+"""Acknowledged records survive a crash of the daemon."""
 
 import threading
 import time
@@ -12,7 +12,7 @@ def payload(writer, number):
 
 
 class Producer(threading.Thread):
-    """Puts record after record until the daemon is gone; remembers what was acknowledged."""
+    """Puts records until the daemon ends. Lists the acknowledged ones."""
 
     def __init__(self, service, number):
         super().__init__(daemon=True)
@@ -66,7 +66,7 @@ def test_killed_during_puts(start, root):
 
 
 def test_killed_during_replacements(start, root):
-    """A record that is replaced again and again is, after a crash, one of those that were put."""
+    """The test replaces one record many times. After a crash it has one of the payloads."""
     daemon = start(root)
     service = daemon.client()
     assert put(service, "cl1", "a", b"0" * 10_000) == SUCCESS

@@ -1,4 +1,4 @@
-"""What keeps the daemon from starting: one clear line and an exit code each."""
+"""Reasons why the daemon does not start. Each has one clear line and an exit code."""
 
 import os
 import socket
@@ -8,7 +8,7 @@ import pytest
 import harness
 
 USAGE, CONFIGURATION, RUNNING, UNUSABLE, NO_PRIVILEGE, CANNOT_LISTEN = 2, 3, 4, 5, 6, 7
-# Takes the privilege away that lets root reopen its records.
+# Runs a command without the privilege that lets root reopen records.
 UNPRIVILEGED = ("setpriv", "--bounding-set=-dac_override,-dac_read_search",
                 "--inh-caps=-dac_override,-dac_read_search")
 
@@ -16,7 +16,7 @@ EXPECTED = "a root that qmdisco can write is expected (--root DIR)"
 
 
 def refusal(*options, **more):
-    """The exit code and the one line of a start that is refused."""
+    """Runs a daemon that must not start. Returns its exit code and its line."""
     code, out, err = harness.run("--foreground", *options, **more)
     assert out == ""
     lines = err.splitlines()

@@ -1,4 +1,4 @@
-"""From the first line to the last."""
+"""The start and the stop of the daemon, from the first log line to the last."""
 
 import os
 import re
@@ -14,7 +14,7 @@ from records import SUCCESS, get, open_writer, put, query, record
 
 
 def daemon_lines(log):
-    """What the host of the service says at level 1."""
+    """The daemon's own lines at level 1."""
     return [line.text for line in log.lines()
             if line.operation == "Daemon::run" and line.level == 1]
 
@@ -30,7 +30,7 @@ def test_a_life(start, root):
         % (daemon.endpoint, daemon.pid, root),
         "Discovery Service is stopping, asked for by SIGTERM",
         "qmdisco %s stopped" % version]
-    # In the foreground a person reads the same.
+    # In the foreground the same lines go to standard error.
     assert daemon.stderr() == root.log_file.read_text(encoding="utf-8")
 
 
@@ -117,7 +117,7 @@ def test_counters_count(start, root):
 
 
 def test_detached(start, root):
-    """Without --foreground the command ends when the service is up."""
+    """Without --foreground, the command ends when the service is up."""
     code, out, err = harness.run("--root", root)
     assert (code, out, err) == (0, "", "")
     status = root.status()

@@ -1,4 +1,4 @@
-"""A store that holds what nobody put there is served around it."""
+"""The store has foreign or broken files. The daemon ignores them and serves the good records."""
 
 import os
 import time
@@ -9,7 +9,7 @@ from giop import DiscoveryStatus
 from records import SUCCESS, get, put, query, record, status_of_get, subjects
 
 SOUND = ["cl1", "cl2", "cl3"]
-# 1.25 times a time to live of one second, and a little more.
+# Seconds: 1.25 times a time to live of one second, and a little more.
 EXPIRED = 1.4
 
 
@@ -24,7 +24,7 @@ def document(authority='<DiscoveryAuthority Name="a" Type="1"></DiscoveryAuthori
 BOMB = '<!DOCTYPE d [<!ENTITY a "aaaaaaaaaa">%s]>' % "".join(
     '<!ENTITY %s "%s">' % (chr(98 + n), "&%s;" % chr(97 + n) * 10) for n in range(9))
 
-# Documents that are no record, under a record's name.
+# Documents that are not records, in files with the name of a record.
 UNSOUND = {
     "empty": b"",
     "blank": b" ",
@@ -72,7 +72,7 @@ def test_a_document_that_is_no_record(service, root, filled, content):
 
 
 def test_a_document_that_refers_to_another_file(service, filled):
-    """The other file is not read; for the rest it is a record."""
+    """The daemon does not read the other file. Otherwise the document is a valid record."""
     (filled / "1 a bad.xml").write_bytes(document(before='<!DOCTYPE d SYSTEM "file:///dev/zero">'))
     (filled / "1 a bad.dat").write_bytes(b"bad")
     assert get(service, "bad", "a") == b"bad"
@@ -98,7 +98,7 @@ def test_what_is_no_file(service, root, filled, kind):
 
 @pytest.mark.parametrize("kind", ["directory", "loop", "fifo", "socket"])
 def test_what_is_no_file_in_a_writers_way(service, root, filled, kind):
-    """A put there may fail, and answers."""
+    """A put with that name may fail, but it must answer."""
     make_strange(filled / "1 a bad.xml", kind)
     result, writer = service.putCollection(record("bad", "a"))
     if result.discStatus == SUCCESS:
@@ -154,7 +154,7 @@ def test_foreign_files(service, root, filled):
 
 
 def test_metadata_under_another_name(service, filled):
-    """The file's name finds a record; what stands inside is what it says of itself."""
+    """A lookup uses the name of the file, not the names inside it."""
     os.rename(filled / "1 a cl1.xml", filled / "1 a moved.xml")
     os.rename(filled / "1 a cl1.dat", filled / "1 a moved.dat")
     assert get(service, "moved", "a") == b"cl1"
@@ -162,7 +162,7 @@ def test_metadata_under_another_name(service, filled):
 
 
 def test_an_expired_record_takes_only_its_own_files(service, filled):
-    """Names inside a document lead to no other record's files."""
+    """The names inside a document do not make the daemon delete another record's files."""
     assert put(service, "bad", "a", ttl=1) == SUCCESS
     stored = (filled / "1 a bad.xml").read_bytes()
     assert b'Name="bad"' in stored
@@ -191,7 +191,7 @@ def test_a_start_on_a_strange_store(start, root):
 
 
 def test_a_store_that_goes_away(service, root, filled):
-    """While it is away nothing is found and nothing is stored; nothing hangs or ends."""
+    """Without its store the daemon finds and stores nothing. It neither hangs nor ends."""
     away = filled.with_name("away")
     os.rename(filled, away)
     assert query(service) == []

@@ -10,12 +10,12 @@ from records import SUCCESS, get, put, query
 
 CLIENTS = 32
 RECORDS = 15
-# Seconds. Far more than needed: only a hang takes this long.
+# Seconds. Only a hang takes this long.
 LIMIT = 240
 
 
 def all_at_once(daemon, work):
-    """work(service, number) in a thread a client; the failures of all."""
+    """Runs work(service, number) for all clients at once, each in its own thread."""
     failures = []
     gate = threading.Barrier(CLIENTS)
 
@@ -68,7 +68,7 @@ def sealed(data):
 
 
 def test_one_record_for_all(quiet, daemon, service, root):
-    """Whoever comes last: what is stored is one payload, whole."""
+    """All clients replace one record. At the end it holds exactly one of the payloads."""
     assert put(service, "cl1", "a", sealed(b"")) == SUCCESS
 
     def work(own, number):
@@ -81,7 +81,7 @@ def test_one_record_for_all(quiet, daemon, service, root):
 
 
 def test_readers_beside_a_writer(quiet, daemon, service, root):
-    """Pages are read while every record is put anew."""
+    """Some clients query while others replace the records."""
     for each in range(RECORDS):
         assert put(service, "cl%d" % each, "a", b"x" * 1000) == SUCCESS
 

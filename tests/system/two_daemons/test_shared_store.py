@@ -1,4 +1,4 @@
-"""Two daemons on one store: the locks between processes."""
+"""Two daemons use one store. Locks keep their processes apart."""
 
 import time
 
@@ -11,7 +11,7 @@ from records import SUCCESS, get, open_writer, put, query, record, subjects
 
 @pytest.fixture
 def roots(tmp_path):
-    """Two roots with one store; the second reaches it by a link."""
+    """Two product roots with one store. The second root has a symbolic link to it."""
     first, second = harness.Root(tmp_path / "first"), harness.Root(tmp_path / "second")
     first.store.mkdir(parents=True)
     second.store.parent.mkdir(parents=True)
@@ -93,7 +93,8 @@ def test_no_clean_up_while_the_other_writes(start, roots):
 
 
 def test_the_first_of_two_writers_to_finish_keeps_the_lock_for_the_other(start, roots):
-    """In one process, closing any descriptor of the lock file would give up every hold on it."""
+    """If a process closes any descriptor of a file, the kernel drops all its locks on the file.
+    The service must not lose the slow writer's lock that way."""
     one, two = roots
     service = start(one).client()
     slow = open_writer(service, record("slow", "a"))
@@ -105,7 +106,7 @@ def test_the_first_of_two_writers_to_finish_keeps_the_lock_for_the_other(start, 
 
 
 def test_a_reader_keeps_its_record_from_expiring_elsewhere(both, roots):
-    """The other tries the write lock, does not get it, and leaves the files."""
+    """The other daemon cannot get the write lock, so it leaves the files."""
     one, two = both
     assert put(one, "cl1", "a", b"0123456789", ttl=1) == SUCCESS
     status, reader = one.getCollectionData(record("cl1", "a"))

@@ -1,4 +1,4 @@
-"""One daemon for a file of tests; each test has an authority of its own."""
+"""All tests of a file share one daemon. Each test uses its own authority."""
 
 import pytest
 
@@ -33,7 +33,7 @@ def authority(request):
 
 @pytest.fixture(autouse=True)
 def still_serves(daemon, service):
-    """Whatever a test did, the daemon goes on."""
+    """After every test the daemon must still serve."""
     yield
     assert daemon.is_running()
     assert service._non_existent() is False

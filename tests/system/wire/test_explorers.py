@@ -1,4 +1,4 @@
-"""What concerns explorers, on a host that has none."""
+"""The operations for explorers, on a host without explorers."""
 
 import pytest
 
@@ -24,8 +24,9 @@ def test_restart_of_the_local_push_timer(service):
 
 
 def test_restart_of_all_push_timers(service, root):
-    """Nobody has told what can be filtered by, so there is nobody to be told."""
+    """No host has published filter data, so the refresh finds no host to call."""
     log = root.log()
     assert service.restartAllPushTimers() is True
-    harness.wait_for(lambda: "No unix clients found" in log.texts(level=4), "the refresh has looked")
+    harness.wait_for(lambda: "No unix clients found" in log.texts(level=4),
+                     "the refresh has looked for hosts")
     assert query(service, subject="nobody", type=ANY) == []

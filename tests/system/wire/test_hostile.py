@@ -1,4 +1,4 @@
-"""Whatever arrives, the daemon answers it or hangs up, and goes on serving."""
+"""Hostile input. The daemon answers it or closes the connection, and continues to serve."""
 
 import os
 import random
@@ -13,9 +13,9 @@ from giop.messages import MessageType, header, messages, request_body
 from records import SUCCESS, get, put, record
 
 KEY = b"DiscoveryService"
-# A reply to nonsense takes no time; a daemon that waits for more is hung up on.
+# Seconds to wait for a reply. The daemon needs almost no time to answer nonsense.
 PATIENCE = 10
-# Bytes that the daemon may grow by. A sanitizer keeps what was freed for a while.
+# The daemon's memory may grow by so many bytes. A sanitizer keeps freed memory for a while.
 GROWTH = (1000 if os.environ.get("QM_SANITIZE") else 200) << 20
 
 
@@ -28,7 +28,7 @@ def connection(daemon):
 
 @pytest.fixture(autouse=True)
 def serves_others_and_stays_small(daemon, service, authority):
-    """Nothing that a stranger claims makes the daemon take memory for it."""
+    """The daemon still serves others. It has not allocated memory for false claims of size."""
     before = resident(daemon.pid)
     yield
     assert put(service, "after", authority) == SUCCESS
@@ -42,7 +42,7 @@ def resident(pid):
 
 
 def answers(connection):
-    """All messages until the daemon hangs up; it is told that nothing more comes."""
+    """Ends the sending side. Returns the kinds of all messages until the daemon closes."""
     kinds = []
     try:
         connection.shutdown_sending()
@@ -132,12 +132,12 @@ def test_fragments_without_end(connection):
     except Timeout:
         raise
     except ConnectionLost:
-        return  # hung up on in the middle
+        return  # the daemon closed the connection early
     assert MessageType.REPLY not in answers(connection)
 
 
 def test_silent_and_half_open_connections(daemon, service):
-    """Callers that say nothing, or half of something, keep nobody else from being served."""
+    """Some callers send nothing or half a message. The daemon still serves the others."""
     silent = [Connection(*daemon.address, timeout=PATIENCE) for _ in range(100)]
     for number, each in enumerate(silent):
         each.send(WHOLE[:number % len(WHOLE)])
@@ -224,7 +224,7 @@ def test_objects_that_never_were(service, daemon):
 @pytest.mark.parametrize("key", [b"", b"x", b"\0", bytes(3), bytes(12), b"\xff", b"\xfe\0",
                                  b"\xff" * 12], ids=repr)
 def test_one_request_one_answer(connection, key):
-    """Whatever the key of the object that it asks for."""
+    """The daemon answers a request for any object key exactly once."""
     connection.send(request(b"_non_existent", key=key))
     assert answers(connection) == [MessageType.REPLY]
 
@@ -235,7 +235,7 @@ def test_operations_of_another_interface(service):
 
 
 def test_more_than_the_largest_message(service, authority):
-    """The limit is MAX_MESSAGE_BYTES, 64 MiB unless told."""
+    """The limit is MAX_MESSAGE_BYTES. Its default is 64 MiB."""
     _, writer = service.putCollection(record("cl1", authority))
     with pytest.raises((giop.SystemException, ConnectionLost)):
         writer.put(bytes(65 << 20))

@@ -1,4 +1,4 @@
-"""Names of every sort: as subjects and as authorities, on the wire and on disk."""
+"""Many kinds of names, as subjects and as authorities, on the wire and on disk."""
 
 import pytest
 
@@ -7,7 +7,7 @@ from giop import DiscoveryStatus
 from records import (ANY, SERVER, SUCCESS, encoded, file_stem, get, put, query, record,
                      status_of_get)
 
-# What is sent, and how a page shows it.
+# {the name in a put: the name in a page}
 NAMES = {
     "a blank": "a%20blank",
     " ": "%20",
@@ -70,7 +70,7 @@ def test_authority(service, root, name):
 
 
 def test_shown_names_find_their_records(service, authority):
-    """A page's name is as good as the one that was put: encoding it again changes nothing."""
+    """A read finds a record also by the name in a page. A second encoding changes nothing."""
     for name in NAMES:
         assert put(service, name, authority, name.encode()) == SUCCESS
     shown = query(service, authority=authority)
@@ -110,7 +110,7 @@ def test_a_name_with_a_star_is_kept_but_not_looked_up(service, authority):
 
 
 def test_a_subject_does_not_run_into_the_authority(service, authority):
-    """Blanks part the names in a file name; those inside a name are encoded."""
+    """In a file name, blanks separate the names. Blanks inside a name are encoded."""
     assert put(service, "x y", authority, b"one") == SUCCESS
     assert put(service, "y", authority + " x", b"two") == SUCCESS
     assert get(service, "x y", authority) == b"one"
@@ -123,9 +123,9 @@ def test_an_empty_name_is_refused(service, root, authority, subject, named):
     result, writer = service.putCollection(record(subject, "" if named else authority))
     assert (result.discStatus, writer) == (DiscoveryStatus.DS_OPEN_FAILED, None)
     assert root.files() == files
-    told = (subject, "" if named else authority)
+    shown = (subject, "" if named else authority)
     assert log.failures() == [
-        'A record needs a subject and an authority, got subject "%s" and authority "%s"' % told]
+        'A record needs a subject and an authority, got subject "%s" and authority "%s"' % shown]
 
 
 def test_both_names_empty(service, root):
@@ -154,7 +154,7 @@ def test_a_name_that_no_file_can_have_is_refused(service, root, subject, authori
 
 
 def test_the_longest_name(service, root, authority):
-    """A file name has 255 bytes on every file system that counts."""
+    """All common file systems allow at most 255 bytes in a file name."""
     room = 255 - len(file_stem("", authority) + ".xml")
     assert put(service, "x" * room, authority) == SUCCESS
     assert get(service, "x" * room, authority) == b"payload"

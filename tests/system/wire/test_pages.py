@@ -1,4 +1,4 @@
-"""How results are cut into pages."""
+"""How the service divides results into pages."""
 
 import pytest
 
@@ -16,7 +16,7 @@ def twenty(service):
 
 @pytest.fixture
 def records_of(service):
-    """Iterators over an authority's records; released afterwards."""
+    """Makes iterators over an authority's records. Releases them after the test."""
     made = []
 
     def make(authority, type=ANY, subject="*"):
@@ -29,7 +29,7 @@ def records_of(service):
 
 @pytest.fixture
 def bytes_of(service, authority):
-    """Iterators over a collection of the given bytes."""
+    """Makes iterators over a collection with the given bytes."""
     made = []
 
     def make(data):
@@ -131,7 +131,7 @@ def test_a_page_of_no_bytes_is_empty(bytes_of, size):
 
 
 def test_a_huge_page_of_a_large_collection(bytes_of):
-    """A page may be shorter than asked for: what counts is that the end is not taken too early."""
+    """A page may be shorter than requested. But the end must not come too early."""
     data = bytes(range(256)) * 20_000
     iterator = bytes_of(data)
     iterator.pageSize = 2 ** 31 - 1

@@ -1,4 +1,4 @@
-"""A record of higher priority is never overwritten by one of lower priority."""
+"""A record of lower priority never replaces one of higher priority."""
 
 import time
 
@@ -7,7 +7,7 @@ import pytest
 from giop import DiscoveryStatus
 from records import SUCCESS, file_stem, get, open_writer, put, query, record, status_of_get
 
-# 1.25 times a time to live of one second, and a little for a slow machine.
+# Seconds: 1.25 times a time to live of one second, and a little more for a slow machine.
 EXPIRED = 1.4
 REFUSED = "Cannot open the db database, data with higher priority already exists."
 

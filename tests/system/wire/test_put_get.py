@@ -1,4 +1,4 @@
-"""What was put comes back byte for byte, however it travelled."""
+"""A read returns exactly the bytes that were put, in every form of transfer."""
 
 import os
 
@@ -51,7 +51,7 @@ def test_newer_replaces_older(service, authority, root):
 
 
 def test_reader_keeps_what_it_opened(service, authority):
-    """A payload is replaced as a whole: who reads the old one reads it to its end."""
+    """A put replaces the payload as a whole. A reader of the old payload can read all of it."""
     assert put(service, "cl1", authority, b"0123456789") == SUCCESS
     _, iterator = service.getCollectionData(record("cl1", authority))
     assert iterator.getNextPage() == b"01234567"

@@ -33,7 +33,7 @@ EVERYTHING = sorted(["cl1", "cl2", "cl12", "db1", "x.cl1", "typed", "typed", "ty
     ("cl1.xml", []),
     ("", ["cl1", "cl12", "cl2", "db1", "x.cl1"]),
     ("*", ["cl1", "cl12", "cl2", "db1", "x.cl1"]),
-    # A name that begins with "*" leaves the filter as it was: any subject.
+    # A pattern that begins with "*" matches every subject.
     ("*1", ["cl1", "cl12", "cl2", "db1", "x.cl1"]),
 ])
 def test_subject(service, pattern, expected):

@@ -1,4 +1,4 @@
-"""Every object knows its type, and the service is found under its name."""
+"""Every object knows its type, and clients find the service by its name."""
 
 import pytest
 
@@ -45,7 +45,8 @@ def test_exists(an_object):
 
 
 def test_references_carry_type_and_address(an_object, daemon):
-    if not isinstance(an_object, giop.DiscoveryService):  # that one came from a name
+    # The test found the service by name, so that reference has no type.
+    if not isinstance(an_object, giop.DiscoveryService):
         assert an_object.ior.type_id == an_object.TYPE_ID
     assert (an_object.ior.host, an_object.ior.port) == daemon.address
 

@@ -1,4 +1,4 @@
-// The documented examples of filters, read and written.
+// Reads and writes the documented examples of filters.
 
 #include <sstream>
 

@@ -26,7 +26,7 @@ namespace Disc = Veltrane::Quillmark::Tlx::DiscoverySvc;
 
 using Calls = std::vector<std::string>;
 
-/// Records its calls, and does what the test says.
+/// Records its calls, and runs the functions that the test sets.
 class FakePush : public virtual Disc::ExplorerPush
 {
   public:
@@ -70,7 +70,7 @@ class FakePush : public virtual Disc::ExplorerPush
     ~FakePush() override = default;
 
   private:
-    /// A stop may come while a push runs.
+    /// Uses a lock, because a stop may come during a push.
     void note(std::string call)
     {
         const std::lock_guard guard(m_mutex);
@@ -109,14 +109,10 @@ class FakePull : public virtual Disc::ExplorerPull
     ~FakePull() override = default;
 };
 
-/// A repository on a master or a client, as the test says.
+/// A repository on a master or a client, as the test chooses.
 class FakeRepository : public Disc::DiscoveryRepository
 {
   public:
-    explicit FakeRepository(std::size_t mostExplorers = MAX_EXPLORERS)
-        : DiscoveryRepository(Disc::getPeerLink(), mostExplorers)
-    {
-    }
     bool isMaster() const override { return master; }
     bool isGenericDS() const override { return true; }
     void getMasterServerName(Tlx::TlxHostname& out) const override
@@ -157,7 +153,7 @@ class FakeRepository : public Disc::DiscoveryRepository
     ~FakeRepository() override = default;
 };
 
-/// A reactor without a thread. The test makes its time pass.
+/// A reactor without a thread. The test moves its time forward.
 class FakeReactor
 {
   public:

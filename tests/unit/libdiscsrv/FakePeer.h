@@ -150,7 +150,7 @@ class Data : public Skeleton::CollectionDataIterator
     const std::string m_bytes;
     const std::size_t m_page;
     const bool m_fails;
-    const std::size_t m_tail; ///< the number of bytes at the end that are one page
+    const std::size_t m_tail; ///< the size of the last page in bytes
     std::size_t m_sent = 0;
 };
 
@@ -287,7 +287,7 @@ class Stranger : public Skeleton::RemoteWriter
     Disc::DiscoveryResult close() override { return {Disc::DS_SUCCESS, 0}; }
 };
 
-/// An object that fails when it is asked for its type.
+/// An object that fails when a caller asks for its type.
 class Nameless : public Stranger
 {
   public:
@@ -296,7 +296,7 @@ class Nameless : public Stranger
 
 } // namespace FakePeerDetail
 
-/// Make it before anything of the ORB in this process.
+/// Make it before this process uses the ORB, because it forks.
 class FakePeer : public PeerProcess
 {
   public:

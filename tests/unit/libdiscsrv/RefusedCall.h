@@ -1,5 +1,5 @@
 #pragma once
-// System calls that fail on demand: a lock or a sync that the kernel refuses, a disk that breaks.
+// Makes system calls fail, as if the kernel refuses a lock or a sync, or a disk breaks.
 
 #include <cstddef>
 #include <cstdio>
@@ -62,7 +62,7 @@ inline int runInChild(const std::function<void()>& body)
 
 } // namespace QmTest
 
-/// Runs a function in a child process and expects that its expectations hold. Skips the test if
+/// Runs a function in a child process and fails if one of its expectations fails. Skips the test if
 /// this machine cannot refuse system calls.
 #define QM_IN_CHILD(body)                                                                          \
     do {                                                                                           \

@@ -1,4 +1,4 @@
-// Explorers that sleep in each call: two seconds, or as many as QM_SLEEPER_SECONDS states.
+// Explorers that sleep in each call: two seconds, or the number in QM_SLEEPER_SECONDS.
 
 #include <chrono>
 #include <cstdlib>

@@ -72,7 +72,7 @@ TEST_F(DaemonDeathTest, AFailedStartThatHangsOnItsWayDownEnds)
 
 TEST_F(DaemonDeathTest, AHeldLogDoesNotKeepItFromEnding)
 {
-    // The hook hangs inside the log's sink, whose lock it holds.
+    // The hook hangs inside the log's sink and holds the sink's lock.
     struct HangingSink : Tlx::LogSink
     {
         void write(const Line&) override { hang(); }

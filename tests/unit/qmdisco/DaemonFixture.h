@@ -1,5 +1,5 @@
 #pragma once
-// A daemon in a root of its own, with a service that does what the test says.
+// A daemon with its own root. The test decides what its service does.
 
 #include <chrono>
 #include <functional>
@@ -42,7 +42,7 @@ class DaemonFixture : public testing::Test
             return Counters{{"refreshes", m_showRefreshes ? m_refreshes : 0}};
         };
         m_hosted.statusInterval = std::chrono::milliseconds(1);
-        m_hosted.second = std::chrono::minutes(10); // so that only tests of the limit reach it
+        m_hosted.second = std::chrono::minutes(10); // only tests of the limit reach it
     }
 
     int run() { return Daemon(m_options, m_hosted, StartReport()).run(); }

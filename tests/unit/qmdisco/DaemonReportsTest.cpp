@@ -1,4 +1,4 @@
-// What the daemon reports: the status file, the log, standard error, the service manager.
+// The reports of the daemon: the status file, the log, standard error, the service manager.
 
 #include "Daemon.h"
 
@@ -221,8 +221,8 @@ TEST_F(DaemonReportsTest, TheServiceManagerGetsEachState)
     ASSERT_EQ(0, ::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address));
     ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
     ::setenv("WATCHDOG_USEC", "2000", 1);
-    // The kernel keeps ten messages, and the next one waits. So somebody reads while the daemon
-    // runs.
+    // The kernel keeps only ten messages, and the next one waits. So this thread reads them while
+    // the daemon runs.
     std::vector<std::string> messages;
     std::thread reader([&] {
         char text[1000];

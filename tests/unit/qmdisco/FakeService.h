@@ -1,5 +1,5 @@
 #pragma once
-// A service that records the calls of its hooks, and does in them what the test says.
+// A service that records the calls of its hooks, and runs the test's functions in them.
 
 #include <functional>
 #include <map>
@@ -11,11 +11,12 @@
 
 namespace QmTest {
 
-/// What the service shall do, and the calls that it got. It outlives the service.
+/// The functions for the service to run, and the calls that it got. It outlives the service.
 struct Script
 {
     std::vector<std::string> calls;
-    std::map<std::string, std::function<void()>> in; ///< by hook
+    /// The test's functions, by the names of the hooks.
+    std::map<std::string, std::function<void()>> in;
     bool wanted = true;
     int runAnswer = 0;
     bool stopsAtOnce = true; ///< doRun asks for the stop

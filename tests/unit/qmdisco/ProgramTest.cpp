@@ -1,4 +1,4 @@
-// The program: its options, and what it prints.
+// The program: its options and its output.
 
 #include "Daemon.h"
 

@@ -25,7 +25,7 @@ int detached(const std::function<void(StartReport&)>& daemon)
         auto report = StartReport::detach();
         if (report)
             daemon(*report);
-        return 99; // of the daemon, for which nobody waits
+        return 99; // nobody waits for the daemon's exit code
     });
     return started.exitCode();
 }

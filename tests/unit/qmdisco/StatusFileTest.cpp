@@ -1,4 +1,4 @@
-// run/status.json: its content. A reader never finds half of it.
+// run/status.json: its content. A reader never finds an incomplete file.
 
 #include "StatusFile.h"
 
@@ -57,7 +57,7 @@ class StatusFileTest : public testing::Test
     }
 
     StatusFile m_file{m_root.path("status.json")};
-    std::string m_error; ///< of the last write
+    std::string m_error; ///< the failure of the last write
 };
 
 TEST_F(StatusFileTest, HasEveryMember)

@@ -1,4 +1,4 @@
-// What stops the daemon: signals, the service itself, and the time limit of a stop.
+// Reasons for a stop of the daemon: signals, the service itself, and the time limit of a stop.
 
 #include "StopWatch.h"
 

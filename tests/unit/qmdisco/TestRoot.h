@@ -20,7 +20,7 @@ class TestRoot
         Veltrane::Quillmark::Tlx::HostConfig::instance().setRoot(path());
     }
 
-    /// In the form in which the daemon's messages name it.
+    /// The path in the form of the daemon's messages.
     std::string path() const { return m_directory.path().string(); }
     std::string path(const std::string& name) const { return m_directory.path(name); }
 

@@ -1,5 +1,5 @@
 #pragma once
-// Catches what the code under test logs and asserts. So tests can compare whole texts.
+// Catches the log lines and failed assertions of the tested code. So tests can compare whole texts.
 
 #include <algorithm>
 #include <memory>
@@ -16,7 +16,7 @@ namespace QmTest {
 
 namespace Tlx = Veltrane::Quillmark::Tlx;
 
-/// The log lines of its lifetime, up to a level, in order. Any thread may log.
+/// Records the log lines up to a level while it lives, in order. Any thread may log.
 class LogCapture
 {
   public:
@@ -87,7 +87,7 @@ class LogCapture
     std::shared_ptr<Sink> m_sink;
 };
 
-/// The expressions of failed assertions, in order.
+/// Records the expressions of failed assertions while it lives, in order.
 class AssertionCapture
 {
   public:

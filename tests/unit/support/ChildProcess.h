@@ -17,11 +17,11 @@ namespace QmTest {
 class ChildProcess
 {
   public:
-    static constexpr int THROWN = 99; ///< the exit code of a child whose body threw
+    static constexpr int THROWN = 99; ///< the exit code of a child after an exception in its body
 
     explicit ChildProcess(const std::function<int()>& body, unsigned seconds = 100)
     {
-        std::fflush(nullptr); // otherwise parent and child both write what is buffered
+        std::fflush(nullptr); // otherwise parent and child both write the buffers
         m_pid = ::fork();
         if (m_pid < 0)
             throw std::runtime_error("no child");
@@ -70,22 +70,22 @@ class ChildProcess
                                        WEXITED | WNOHANG | WNOWAIT) == 0 &&
                               info.si_pid == m_pid);
     }
-    /// Waits for the end of the child, or for a stop of a traced one: the status as waitpid(2)
-    /// gives it. Reaps a child that has ended.
+    /// Waits for the end of the child, or for a stop of a traced one. Returns the status as
+    /// waitpid(2) does. Reaps a child that has ended.
     int waitForChange()
     {
         if (!m_isReaped)
             m_isReaped = ::waitpid(m_pid, &m_status, 0) != m_pid || !WIFSTOPPED(m_status);
         return m_status;
     }
-    /// Waits for the end of the child and reaps it: the status as waitpid(2) gives it.
+    /// Waits for the end of the child and reaps it. Returns the status as waitpid(2) does.
     int wait()
     {
         while (!m_isReaped)
             waitForChange();
         return m_status;
     }
-    /// Waits: the exit code, or minus the signal that ended the child.
+    /// Waits for the end of the child. Returns its exit code, or minus the signal that ended it.
     int exitCode()
     {
         const int status = wait();

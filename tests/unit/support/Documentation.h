@@ -30,8 +30,8 @@ inline std::vector<std::string> codeOf(const std::string& section)
     return blocks;
 }
 
-/// A block as it is written: without the breaks that are there for reading only. Inside a tag they
-/// stand for a blank.
+/// A block on one line, as the service writes it. The page has line breaks only for reading. Inside
+/// a tag a line break stands for a blank.
 inline std::string onOneLine(const std::string& block)
 {
     std::string line;

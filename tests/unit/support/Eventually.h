@@ -1,5 +1,5 @@
 #pragma once
-// Bounded waits for what another thread or process does.
+// Waits with a limit for another thread or process.
 
 #include <chrono>
 
@@ -9,7 +9,8 @@ namespace QmTest {
 
 constexpr std::chrono::seconds PATIENCE{30};
 
-/// Repeats the check until it holds. Gives the processor away in between. False after PATIENCE.
+/// Repeats the check until it is true, and yields the processor in between. Returns false after
+/// PATIENCE.
 template <class Check>
 bool eventually(Check check)
 {

@@ -1,5 +1,5 @@
 #pragma once
-// What the kernel knows of the locks on a file.
+// The kernel's view of the locks on a file.
 
 #include <cerrno>
 #include <fstream>
@@ -34,8 +34,8 @@ inline bool isBlocked(pid_t pid, const std::string& path)
     return false;
 }
 
-/// The lock that other processes hold on the file: "None", "Read" or "Write". The number of the
-/// error for a descriptor that cannot be asked.
+/// The lock that other processes hold on the file: "None", "Read" or "Write". On failure it returns
+/// the number of the error.
 inline std::string lockOfOthers(int descriptor)
 {
     struct flock request = {};

@@ -13,11 +13,11 @@ namespace QmTest {
 
 namespace Disc = Veltrane::Quillmark::Tlx::DiscoverySvc;
 
-/// Yields a text, in pieces of at most so many bytes. Takes what is written and forgets it.
+/// Reads return a text in pieces of at most `piece` bytes. Writes succeed and store nothing.
 class MemoryData : public Disc::CollectionData
 {
   public:
-    /// What the read after the text does.
+    /// The result of the read after the end of the text.
     enum End
     {
         ET_PLAIN,     ///< it reports the end

@@ -1,5 +1,5 @@
 #pragma once
-// What the parser hands to an object, for tests that call it themselves.
+// The arguments of a parser event, for tests that send events themselves.
 
 #include <string>
 

@@ -89,7 +89,8 @@ class PeerProcess
         Ends ends;
         if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0)
             throw std::runtime_error("no socket pair");
-        // The low numbers stay free. The reactor of a small ORB takes no descriptor above its size.
+        // Use high numbers. The reactor of a small ORB needs the low ones, because it accepts no
+        // descriptor above its size.
         for (int& end : ends) {
             const int high = ::fcntl(end, F_DUPFD_CLOEXEC, 100);
             ::close(end);

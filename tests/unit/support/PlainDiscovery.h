@@ -1,5 +1,5 @@
 #pragma once
-// A discovery whose data is in memory.
+// A discovery with its data in memory.
 
 #include <sstream>
 #include <string>

@@ -1,5 +1,5 @@
 #pragma once
-// A product root with libraries in it, and the calls that these got.
+// A product root with libraries, and the list of the calls that they got.
 
 #include <cstdlib>
 #include <filesystem>

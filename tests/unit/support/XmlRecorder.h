@@ -1,5 +1,5 @@
 #pragma once
-// A document that writes down the events it receives, and sources that are hard to read.
+// A document that records its events, and sources that are hard to read.
 
 #include <algorithm>
 #include <cstring>
@@ -15,7 +15,7 @@ namespace QmTest {
 
 namespace Tlx = Veltrane::Quillmark::Tlx;
 
-/// Events as text: "<name attribute=value>" for a start, "text" as it comes, "</name>" for an end.
+/// Events as text: "<name attribute=value>" for a start, the text itself, "</name>" for an end.
 class XmlRecorder : public Tlx::XmlDocumentInterface
 {
   public:
@@ -40,7 +40,7 @@ class XmlRecorder : public Tlx::XmlDocumentInterface
                        unsigned long length) override
     {
         ++m_characterCalls;
-        // Text is written down whole, whatever pieces it comes in.
+        // Record the text as a whole, also if it comes in pieces.
         XmlDocumentInterface::xmlCharacters(context, chars, length);
         m_events.resize(m_events.size() - m_pending);
         const std::string text = context->text().utf8();
@@ -67,7 +67,7 @@ class XmlRecorder : public Tlx::XmlDocumentInterface
     std::size_t m_pending = 0; ///< bytes of m_events that are the current text
 };
 
-/// Gives a text in pieces; then fails in the way told.
+/// Gives a text in pieces. Then it ends or fails as `end` says.
 class PiecewiseSource : public xercesc::InputSource
 {
   public:

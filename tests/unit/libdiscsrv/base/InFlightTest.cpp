@@ -1,4 +1,4 @@
-// How many of something go on at a time.
+// The bound on operations that run at the same time.
 
 #include "InFlight.h"
 
@@ -30,7 +30,7 @@ TEST(InFlightTest, OneThatWasRefusedKeepsNobodyOut)
     InFlightBound bound(1);
     std::optional<InFlight> running;
     running.emplace(bound);
-    const InFlight refused(bound); // and it lives on: its caller has yet to log
+    const InFlight refused(bound); // it stays alive while its caller logs the refusal
     EXPECT_FALSE(refused.isAdmitted());
     running.reset();
     EXPECT_TRUE(InFlight(bound).isAdmitted());

@@ -141,8 +141,8 @@ TEST_F(DiscMemTest, EveryQueryIsOneRecordInTheSetsOrder)
     EXPECT_EQ(iterator->getNext(), nullptr);
 }
 
-/// Whose calls stay in the explorer until the test lets them out.
-struct SlowPull : FakePull // it keeps no list of calls: many threads are in it
+/// A pull explorer that keeps its calls inside until the test releases them.
+struct SlowPull : FakePull // it keeps no list of calls, because many threads are in it
 {
     using FakePull::FakePull;
     bool collectionRequested(DiscoveryQuery, const Authority&, const Subject&,
@@ -163,7 +163,7 @@ struct SlowPull : FakePull // it keeps no list of calls: many threads are in it
     std::atomic<unsigned> inside{0};
     std::mutex mutex;
     std::condition_variable changed;
-    unsigned leaving = 0; ///< how many may go
+    unsigned leaving = 0; ///< the number of calls that may return
 };
 
 TEST_F(DiscMemTest, PullsInFlightAreBounded)
@@ -184,7 +184,7 @@ TEST_F(DiscMemTest, PullsInFlightAreBounded)
     EXPECT_EQ(record(*pull)->open(OM_READ, "").discStatus, DS_SUCCESS);
 }
 
-/// Runs once, in the middle of the refusal's log line.
+/// Runs a function once, while a thread logs the refusal.
 struct OnRefusal : LogSink
 {
     void write(const Line& line) override
@@ -214,7 +214,7 @@ TEST_F(DiscMemTest, ARefusedPullThatIsStillLoggingKeepsNobodyOut)
         slow->letGo(1);
         while (over == 0)
             std::this_thread::yield();
-        // On a thread of its own, and with a limit: one that is refused waits for the sink.
+        // Use another thread and a time limit, because a refused call waits for the sink.
         next = std::async(std::launch::async, [&] { return record(*pull)->open(OM_READ, ""); });
         answered = next.wait_for(std::chrono::seconds(5));
     };

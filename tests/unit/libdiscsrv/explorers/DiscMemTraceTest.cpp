@@ -1,4 +1,4 @@
-// What callers and readers of the log see of the in-memory backend: the names of its operations,
+// The parts of the in-memory backend that callers and log readers see: the names of its operations,
 // and the retry interval of its results.
 
 #include "DiscMem.h"

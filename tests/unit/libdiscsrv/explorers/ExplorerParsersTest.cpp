@@ -1,4 +1,4 @@
-// The table of parsers alone: one load, and what is found during it.
+// The table of parsers alone: it loads once, and other threads search during the load.
 
 #include "ExplorerParsers.h"
 
@@ -9,6 +9,8 @@
 #include <thread>
 
 #include <gtest/gtest.h>
+
+#include "support/Eventually.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
@@ -60,18 +62,20 @@ TEST_F(ExplorerParsersTest, OthersWaitForTheLoadAndNothingElseDoes)
     std::promise<void> letGo;
     parsers.setLoader([&] {
         inside.set_value();
-        letGo.get_future().wait();
+        EXPECT_EQ(letGo.get_future().wait_for(QmTest::PATIENCE), std::future_status::ready);
         parsers.add("t", mine.get());
     });
     auto first = std::async(std::launch::async, [&] { return isDefault("t"); });
     ASSERT_EQ(inside.get_future().wait_for(10s), std::future_status::ready);
     auto second = std::async(std::launch::async, [&] { return isDefault("t"); });
     EXPECT_EQ(second.wait_for(50ms), std::future_status::timeout);
-    // No lock is held while a library runs: another thread may add.
+    // No lock is held while a library runs, so another thread can add a parser.
     const AutoDereference<DefaultExplorerDataParser> other(new DefaultExplorerDataParser);
     auto adding = std::async(std::launch::async, [&] { parsers.add("u", other.get()); });
     EXPECT_EQ(adding.wait_for(10s), std::future_status::ready);
     letGo.set_value();
+    ASSERT_EQ(first.wait_for(QmTest::PATIENCE), std::future_status::ready);
+    ASSERT_EQ(second.wait_for(QmTest::PATIENCE), std::future_status::ready);
     EXPECT_FALSE(first.get());
     EXPECT_FALSE(second.get());
     EXPECT_EQ(find("u").get(), other.get());

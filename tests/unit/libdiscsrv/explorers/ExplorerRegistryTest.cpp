@@ -1,20 +1,24 @@
 // The registry alone: snapshots, and registrations at the same moment.
+// RegistryThreadsTest.cpp has many threads at once.
 
 #include "ExplorerRegistry.h"
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <future>
+#include <random>
 #include <thread>
+#include <tuple>
 
 #include "ExplorerFixture.h"
 #include "support/Capture.h"
+#include "support/Eventually.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::Calls;
+using QmTest::eventually;
 using QmTest::FakePull;
 using QmTest::FakePush;
 using QmTest::FakeRepository;
@@ -31,15 +35,15 @@ AutoDereference<ExplorerWrapper> entry(const Explorer& explorer, const std::stri
     return AutoDereference<ExplorerWrapper>(new ExplorerWrapper(&explorer, priority, &of, &by));
 }
 
-/// A store that the test holds up.
+/// A store that the test holds up, for longer than the test waits for others.
 class HeldStore
 {
   public:
-    /// Stays in it until it is let go.
+    /// Waits until the test releases it.
     void operator()()
     {
         m_inside.set_value();
-        m_letGo.get_future().wait();
+        EXPECT_EQ(m_letGo.get_future().wait_for(QmTest::PATIENCE), std::future_status::ready);
     }
     bool isReached() { return m_inside.get_future().wait_for(10s) == std::future_status::ready; }
     void letGo() { m_letGo.set_value(); }
@@ -97,7 +101,7 @@ TEST_F(RegistryTest, RegistrationsDuringAWalkDoNotDisturbIt)
     int walked = 0;
     const ExplorerSnapshot snapshot = registry.snapshot();
     for (const auto& wrapper : *snapshot.pull) {
-        // Another thread: the tables' lock is recursive.
+        // Use another thread, because the tables' lock is recursive.
         std::thread([&] {
             registry.registerPull(entry(*pull, "new" + std::to_string(walked), 5));
             registry.registerPush(entry(*push, wrapper->getSubject()->getSubject().utf8(), 9));
@@ -109,35 +113,33 @@ TEST_F(RegistryTest, RegistrationsDuringAWalkDoNotDisturbIt)
     EXPECT_EQ(registry.snapshot().push->size(), 10u);
 }
 
-TEST_F(RegistryTest, ManyThreadsReadWhileOthersRegister)
+TEST_F(RegistryTest, OnlyAReaderMakesACopy)
 {
-    std::atomic<bool> over{false};
-    std::atomic<bool> torn{false};
-    std::vector<std::thread> readers;
-    for (int i = 0; i < 2; ++i)
-        readers.emplace_back([&] {
-            while (!over) {
-                const ExplorerSnapshot snapshot = registry.snapshot();
-                std::size_t count = 0;
-                for (const auto& wrapper : *snapshot.pull)
-                    count += wrapper->getPriority() == 5 ? 1 : 0;
-                if (count != snapshot.pull->size())
-                    torn = true;
-            }
-        });
-    std::vector<std::thread> writers;
-    for (int i = 0; i < 2; ++i)
-        writers.emplace_back([&, i] {
-            for (int j = 0; j < 40; ++j)
-                registry.registerPull(entry(*pull, std::to_string(i * 100 + j), 5));
-        });
-    for (std::thread& each : writers)
-        each.join();
-    over = true;
-    for (std::thread& each : readers)
-        each.join();
-    EXPECT_FALSE(torn);
-    EXPECT_EQ(registry.snapshot().pull->size(), 80u);
+    const auto first = entry(*pull, "s", 5);
+    registry.registerPull(first);
+    EXPECT_EQ(first->referenceCount(), 2u) << "the table's and this test's";
+    {
+        const ExplorerSnapshot one = registry.snapshot();
+        EXPECT_EQ(first->referenceCount(), 3u) << "and the snapshot's";
+        const ExplorerSnapshot two = registry.snapshot();
+        EXPECT_EQ(first->referenceCount(), 3u) << "both readers share it";
+    }
+    EXPECT_EQ(first->referenceCount(), 3u) << "for the next reader";
+    registry.registerPull(entry(*pull, "t", 5));
+    EXPECT_EQ(first->referenceCount(), 2u) << "the change has dropped it and made no other one";
+}
+
+TEST_F(RegistryTest, ARegistrationThatLosesMakesNoNewSnapshot)
+{
+    registry.registerPull(entry(*pull, "s", 5));
+    registry.registerPush(entry(*push, "t", 5));
+    const ExplorerSnapshot before = registry.snapshot();
+    registry.registerPull(entry(*pull, "s", 4));
+    registry.registerPush(entry(*push, "s", 5));
+    registry.registerPush(entry(*push, "t", 5));
+    registry.registerPull(entry(*pull, "t", 4));
+    EXPECT_EQ(registry.snapshot().pull, before.pull);
+    EXPECT_EQ(registry.snapshot().push, before.push);
 }
 
 TEST_F(RegistryTest, NobodyWaitsForARegistrationThatIsBeingStored)
@@ -170,8 +172,7 @@ TEST_F(RegistryTest, ARegistrationThatReplacesOneBeingStoredIsStoredAfterIt)
     EXPECT_TRUE(store.isReached());
     std::thread second(
         [&] { registry.registerPull(entry(*pull, "s", 6), [&] { stored.push_back("second"); }); });
-    while (pulls() != Calls{"s/a 6"})
-        std::this_thread::yield();
+    EXPECT_TRUE(eventually([&] { return pulls() == Calls{"s/a 6"}; }));
     store.letGo();
     first.join();
     second.join();
@@ -180,19 +181,17 @@ TEST_F(RegistryTest, ARegistrationThatReplacesOneBeingStoredIsStoredAfterIt)
 
 TEST_F(RegistryTest, ARegistrationThatWasReplacedBeforeItIsStoredIsNotStored)
 {
-    // The first one that is stored holds the others up, until each has found its place.
+    // The store of the first registration waits until the tables contain all others.
     HeldStore store;
     Calls stored;
     std::thread blocker([&] { registry.registerPull(entry(*pull, "z", 1), std::ref(store)); });
     EXPECT_TRUE(store.isReached());
     std::thread loser(
         [&] { registry.registerPull(entry(*pull, "s", 5), [&] { stored.push_back("loser"); }); });
-    while (pulls() != Calls{"s/a 5", "z/a 1"})
-        std::this_thread::yield();
+    EXPECT_TRUE(eventually([&] { return pulls() == Calls{"s/a 5", "z/a 1"}; }));
     std::thread winner(
         [&] { registry.registerPull(entry(*pull, "s", 6), [&] { stored.push_back("winner"); }); });
-    while (pulls() != Calls{"s/a 6", "z/a 1"})
-        std::this_thread::yield();
+    EXPECT_TRUE(eventually([&] { return pulls() == Calls{"s/a 6", "z/a 1"}; }));
     store.letGo();
     blocker.join();
     loser.join();
@@ -207,8 +206,7 @@ TEST_F(RegistryTest, WhatAPushReplacedIsNotStored)
     std::thread blocker([&] { registry.registerPull(entry(*pull, "z", 1), std::ref(store)); });
     EXPECT_TRUE(store.isReached());
     std::thread loser([&] { registry.registerPull(entry(*pull, "s", 5), [&] { stored = true; }); });
-    while (pulls() != Calls{"s/a 5", "z/a 1"})
-        std::this_thread::yield();
+    EXPECT_TRUE(eventually([&] { return pulls() == Calls{"s/a 5", "z/a 1"}; }));
     registry.registerPush(entry(*push, "s", 6));
     store.letGo();
     blocker.join();
@@ -222,7 +220,7 @@ TEST_F(RegistryTest, TwoRegistrationsOfOneNameInARaceLeaveTheRegisteredOneStored
         const std::string subject = "s" + std::to_string(round);
         const std::vector<AutoDereference<ExplorerWrapper>> wrappers{entry(*pull, subject, 5),
                                                                      entry(*pull, subject, 5)};
-        const ExplorerWrapper* last = nullptr; // only one is stored at a time
+        const ExplorerWrapper* last = nullptr; // the registry stores one registration at a time
         std::vector<std::thread> threads;
         for (const auto& wrapper : wrappers)
             threads.emplace_back(
@@ -258,8 +256,7 @@ TEST_F(RegistryTest, AnAcceptedRegistrationIsStoredThoughTheShutdownCameBetween)
     EXPECT_TRUE(store.isReached());
     std::thread accepted(
         [&] { registry.registerPull(entry(*pull, "s", 5), [&] { stored = true; }); });
-    while (pulls() != Calls{"s/a 5", "z/a 1"})
-        std::this_thread::yield();
+    EXPECT_TRUE(eventually([&] { return pulls() == Calls{"s/a 5", "z/a 1"}; }));
     registry.close();
     EXPECT_EQ(FakeRepository::entries(*registry.takeAll().pull), (Calls{"s/a 5", "z/a 1"}));
     EXPECT_EQ(pulls(), Calls{});
@@ -284,17 +281,47 @@ TEST_F(RegistryTest, BeyondTheBoundANewOneIsDroppedAndAKnownOneIsNot)
     EXPECT_EQ(small.snapshot().push->size(), 1u) << "each kind has a bound of its own";
 }
 
-TEST_F(RegistryTest, ABatchIsPublishedAtItsEnd)
+/// The set after a registration that finds no push explorer.
+ExplorerSet afterPull(ExplorerSet set, const AutoDereference<ExplorerWrapper>& wrapper)
 {
-    {
-        const ExplorerRegistry::Batch batch(registry);
-        registry.registerPull(entry(*pull, "s", 5));
-        registry.registerPush(entry(*push, "t", 5));
-        registry.registerPull(entry(*pull, "s", 4));
-        EXPECT_EQ(pulls(), Calls{});
+    const auto keeps = [&](const auto& there) {
+        return (*there)->getPriority() > wrapper->getPriority();
+    };
+    const auto found = set.find(wrapper);
+    if (found != set.end()) {
+        if (keeps(found))
+            return set;
+        set.erase(found);
     }
-    EXPECT_EQ(pulls(), Calls{"s/a 5"});
-    EXPECT_EQ(pushes(), Calls{"t/a 5"});
+    for (auto [hit, inserted] = set.insert(wrapper); !inserted && !keeps(hit);
+         std::tie(hit, inserted) = set.insert(wrapper))
+        set.erase(hit);
+    return set;
+}
+
+/// The comparator is not a strict weak ordering, so the shape of the tree decides what `find` and
+/// `insert` hit.
+TEST_F(RegistryTest, WhereTheOrderIsNotStrictTheSnapshotEqualsAPlainSet)
+{
+    ExplorerSet expected;
+    std::minstd_rand random(7);
+    const Calls names{"a", "b", "c", "d", "e", "f"};
+    for (int i = 0; i < 500; ++i) {
+        const Subject of(names[random() % names.size()]);
+        const Authority by(names[random() % names.size()],
+                           random() % 3 == 0 ? AT_REMOTEPULL : AT_QMKCLIENT);
+        const AutoDereference<ExplorerWrapper> wrapper(
+            new ExplorerWrapper(pull.get(), random() % 4, &of, &by));
+        registry.registerPull(wrapper);
+        expected = afterPull(expected, wrapper);
+        const ExplorerSnapshot snapshot = registry.snapshot();
+        ASSERT_TRUE(std::equal(snapshot.pull->begin(), snapshot.pull->end(), expected.begin(),
+                               expected.end(),
+                               [](const auto& a, const auto& b) { return a.get() == b.get(); }))
+            << "after " << i;
+        ASSERT_EQ(snapshot.pull->find(wrapper) == snapshot.pull->end(),
+                  expected.find(wrapper) == expected.end());
+    }
 }
 
 TEST_F(RegistryTest, WhatIsReplacedGoesWithItsLastSnapshot)

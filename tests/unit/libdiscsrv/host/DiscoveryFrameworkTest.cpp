@@ -51,7 +51,7 @@ TEST_F(DiscoveryFrameworkTest, TypeZeroSetsTheRepositorysFrameworkAndDoesNothing
     EXPECT_TRUE(framework->shutdown());
     framework->fini();
     EXPECT_EQ(assertions.texts(), Lines{});
-    // The repository was not shut down with it.
+    // The framework did not shut the repository down.
     getDiscoveryRepository()->fini();
     EXPECT_EQ(assertions.texts(), Lines{"m_shuttingDown"});
 }

@@ -248,7 +248,7 @@ TEST(CollectionItemIteratorTest, ACopyKeepsTheFailure)
     EXPECT_EQ(copy->getFailure(), failure);
 }
 
-/// The argument of the open when data is read with a filter.
+/// Reads data with a filter and returns the argument of the open.
 std::string openArgument(const FilterParameters* filter)
 {
     std::string opened = "not opened";

@@ -189,7 +189,7 @@ TEST_F(FilterParametersTest, AQueryIsSetWithItsJob)
     EXPECT_EQ(held->referenceCount(), 2u);
     EXPECT_EQ(former->referenceCount(), 1u);
 
-    // The broken query is refused. The job is handed over even so.
+    // The broken query is refused, but the query still gets the job.
     EXPECT_FALSE(FilterParameters(nullptr, "size >").setQuery(query));
     EXPECT_EQ(query.mistake().toText(), "column 7: expected a value, found the end of the text");
     EXPECT_EQ(query.query(), TlxString("size > 5"));

@@ -33,7 +33,7 @@ class FakeData : public virtual ExplorerData
     bool throws = false;
 };
 
-/// Records its events, and misbehaves as the test says.
+/// Records its events, and misbehaves in the way that the test sets.
 class FakeParser : public virtual ExplorerDataParser
 {
   public:
@@ -171,7 +171,7 @@ TEST_F(ForeignParsersTest, AParserThatThrowsCostsTheItemItsBlock)
         const ReadItems items = readItems(around("<x>1</x><y><x/></y>2<skipped>3</skipped>"));
         EXPECT_TRUE(items.parsed) << event;
         EXPECT_EQ(items.all(), withoutData()) << event;
-        EXPECT_EQ(parser->events.back(), event); // and gets no other event
+        EXPECT_EQ(parser->events.back(), event); // the parser gets no further event
         ASSERT_EQ(log.texts(1), Lines{"The parser of the data of fake failed: no"}) << event;
         EXPECT_EQ(log.lines()[0].operation, operation);
     }

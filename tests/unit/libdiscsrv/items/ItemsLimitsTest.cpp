@@ -130,7 +130,7 @@ TEST(ItemsLimitsTest, OneItemTooManyEndsTheDocument)
 constexpr const char* TOO_MANY_FAULTS =
     ": there are more than 1000 elements that are unknown or refused";
 
-/// Expects that a document ends at the fault that is one too many.
+/// Expects that the parse ends at the first fault above the bound.
 /// @param faults the log lines of the faults
 void expectEndAtFault(const std::string& text, const Lines& faults, const Lines& items)
 {
@@ -153,7 +153,7 @@ TEST(ItemsLimitsTest, AThousandUnknownElementsAreSkippedOneMoreEndsTheDocument)
 {
     const std::string item = "<DISCOVERED Name='a'/>";
     const std::string written = "<Discovered Name=\"a\"></Discovered>";
-    for (int twice = 0; twice < 2; ++twice) { // each document has a count of its own
+    for (int twice = 0; twice < 2; ++twice) { // each document has its own count
         const LogCapture log(LOG_LEVEL_FAILURE);
         const ReadItems items = readItems(document(item + repeated(1000, "<x/>") + item));
         EXPECT_TRUE(items.parsed);
@@ -215,7 +215,8 @@ TEST(ItemsLimitsTest, RefusedDescriptionsCountWithTheUnknownElements)
 
 TEST(ItemsLimitsTest, BlocksThatEndEarlyCountAsFaults)
 {
-    // The element of the document follows each of them. Otherwise the next one would be no item.
+    // Each of them is followed by the element of the document. Otherwise the next one would be no
+    // item.
     const std::string early = "<DISCOVERED><ExplorerData><ExplorerData></ExplorerData>"
                               "</ExplorerData></DISCOVERED><DiscoveredItems/>";
     const AssertionCapture assertions;

@@ -1,4 +1,4 @@
-// The metadata document: how it is written, and how documents of others are read.
+// The metadata document: the text that a record writes, and the documents that it can read.
 
 #include "DiscData.h"
 

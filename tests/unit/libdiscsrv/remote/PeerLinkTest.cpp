@@ -1,4 +1,4 @@
-// The way to other hosts, without a repository.
+// The link to other hosts, without a repository.
 
 #include "PeerLink.h"
 
@@ -15,7 +15,7 @@ using QmTest::Lines;
 using QmTest::LogCapture;
 using namespace std::chrono_literals;
 
-/// A service that is nothing but its ORB.
+/// A service that only has an ORB.
 class Hosted : public HostedService
 {
   public:

@@ -1,4 +1,4 @@
-// Records on another host, which answers well and badly.
+// Records on another host that gives right and wrong answers.
 
 #include "RemoteDB.h"
 
@@ -170,7 +170,7 @@ TEST_F(RemoteDBTest, APageThatStillDoesNotFitEndsTheRead)
 
 TEST_F(RemoteDBTest, TheCacheGrowsFrom1024To2048To4096)
 {
-    // A page that needs more than the next doubling shows how large the cache was.
+    // A page that is too large even for the doubled cache shows the size of the cache.
     LogCapture log;
     const auto fits = [&log](std::size_t head, std::size_t size) {
         const std::string names = "tail-" + std::to_string(head) + "-";

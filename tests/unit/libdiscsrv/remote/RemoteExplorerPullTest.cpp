@@ -1,4 +1,4 @@
-// The explorer of another host: what it pulls, and how it fails.
+// The explorer of another host: its pulls and its failures.
 
 #include "RemoteExplorerPull.h"
 

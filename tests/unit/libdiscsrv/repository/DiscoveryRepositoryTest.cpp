@@ -108,7 +108,7 @@ TEST(DiscoveryRepositoryAloneTest, FiniWithoutShutdownIsReported)
     EXPECT_EQ(assertions.texts().size(), 1u);
 }
 
-/// Plays master or client as the test says, and records the queries to the master.
+/// Plays a master or a client, as the test chooses, and records the queries to the master.
 class Routed : public DiscoveryRepository
 {
   public:

@@ -147,18 +147,27 @@ TEST_F(ExplorerRegistryTest, AnExplorerWithoutANameHasAQuestionMark)
 
 TEST_F(ExplorerRegistryTest, WhatLeavesTheSetsGoesWhenTheLockIsFree)
 {
+    std::thread other;
     struct Last : FakePush
     {
-        explicit Last(DiscoveryRepository& of) : repository(of) {}
+        Last(DiscoveryRepository& of, std::thread& in) : repository(of), other(in) {}
         ~Last() override
         {
-            // In another thread, like an explorer that joins a thread of its own.
-            std::thread([this] { repository.getPushExplorers(); }).join();
+            // In another thread, like an explorer that waits for a thread of its own.
+            const auto done = std::make_shared<std::atomic<bool>>(false);
+            other = std::thread([&of = repository, done] {
+                of.getPushExplorers();
+                *done = true;
+            });
+            EXPECT_TRUE(eventually([&] { return done->load(); })) << "the lock is held";
         }
         DiscoveryRepository& repository;
+        std::thread& other;
     };
-    repository->push("s", "a", 1, *AutoDereference<Last>(new Last(*repository)));
+    repository->push("s", "a", 1, *AutoDereference<Last>(new Last(*repository, other)));
     repository->push("s", "a", 2, *push);
+    ASSERT_TRUE(other.joinable()) << "it has not gone";
+    other.join();
     EXPECT_EQ(repository->pushEntries(), Calls{"s/a 2"});
 }
 
@@ -205,23 +214,49 @@ TEST_F(ExplorerRegistryTest, DuringTheShutdownNothingIsRegistered)
     EXPECT_EQ(repository->pushEntries(), Calls{});
 }
 
-TEST_F(ExplorerRegistryTest, RegistrationsAreBounded)
+/// Registers as many explorers as there may be, and then two more.
+template <class Register>
+void fillToTheBound(const Register& registerOne)
 {
-    EXPECT_EQ(DiscoveryRepository::MAX_EXPLORERS, 10000u);
-    constexpr std::size_t MOST = 50;
-    const AutoDereference<FakeRepository> bounded(new FakeRepository(MOST));
+    constexpr std::size_t MOST = DiscoveryRepository::MAX_EXPLORERS;
+    static_assert(MOST == 10000);
     LogCapture log;
     for (std::size_t i = 0; i < MOST; ++i)
-        bounded->pull("s" + std::to_string(i), "a", 5, *pull);
+        registerOne("s" + std::to_string(i), 5);
     EXPECT_EQ(log.texts(1), Calls{});
-    bounded->pull("s50", "a", 5, *pull);
-    EXPECT_EQ(log.texts(1), Calls{"There are 50 explorers already, another one is dropped"});
-    EXPECT_EQ(bounded->getPullExplorers().size(), MOST);
-    // A known explorer may register again.
+    registerOne("s10000", 5);
+    EXPECT_EQ(log.texts(1), Calls{"There are 10000 explorers already, another one is dropped"});
     log.clear();
-    bounded->pull("s0", "a", 6, *pull);
+    registerOne("s9999", 6); // a known explorer may register again
     EXPECT_EQ(log.texts(1), Calls{});
-    EXPECT_EQ(bounded->pullEntries().front(), "s0/a 6");
+}
+
+TEST_F(ExplorerRegistryTest, PullRegistrationsAreBounded)
+{
+    fillToTheBound([this](const std::string& subject, unsigned priority) {
+        repository->pull(subject, "a", priority, *pull);
+    });
+    const Calls entries = repository->pullEntries();
+    ASSERT_EQ(entries.size(), DiscoveryRepository::MAX_EXPLORERS);
+    EXPECT_EQ(entries.front(), "s0/a 5");
+    EXPECT_EQ(entries.back(), "s9999/a 6");
+    EXPECT_EQ(std::count(entries.begin(), entries.end(), "s10000/a 5"), 0);
+    repository->push("s10000", "a", 5, *push);
+    EXPECT_EQ(repository->pushEntries(), Calls{"s10000/a 5"}) << "each kind has a bound of its own";
+}
+
+TEST_F(ExplorerRegistryTest, PushRegistrationsAreBounded)
+{
+    fillToTheBound([this](const std::string& subject, unsigned priority) {
+        repository->push(subject, "a", priority, *push);
+    });
+    const Calls entries = repository->pushEntries();
+    ASSERT_EQ(entries.size(), DiscoveryRepository::MAX_EXPLORERS);
+    EXPECT_EQ(entries.front(), "s0/a 5");
+    EXPECT_EQ(entries.back(), "s9999/a 6");
+    EXPECT_EQ(std::count(entries.begin(), entries.end(), "s10000/a 5"), 0);
+    repository->pull("s10000", "a", 5, *pull);
+    EXPECT_EQ(repository->pullEntries(), Calls{"s10000/a 5"}) << "each kind has a bound of its own";
 }
 
 TEST_F(ExplorerRegistryTest, NoLockIsHeldWhileAWalkRunsAnExplorer)
@@ -263,7 +298,7 @@ TEST_F(ExplorerRegistryTest, OtherCallsDoNotWaitForARegistrationThatIsBeingStore
                           const Authority&, const CollectionAttributes&) const override
         {
             inside.set_value();
-            letGo.get_future().wait();
+            EXPECT_EQ(letGo.get_future().wait_for(QmTest::PATIENCE), std::future_status::ready);
         }
         mutable std::promise<void> inside;
         mutable std::promise<void> letGo;
@@ -401,7 +436,8 @@ TEST_F(ExplorerRegistryTest, ALoadStopsTheExplorersThatItStartsAfterTheShutdown)
     repository->push("t", "a", 1, *later);
     repository->loadExplorers();
     repository->fini();
-    // The shutdown stops both. The load starts the second one even so, and stops it again.
+    // The shutdown stops both explorers. The load still starts the second one, and then stops it
+    // again.
     EXPECT_EQ(push->calls, (Calls{"start s of a", "stop s of a", "stop s of a"}));
     EXPECT_EQ(later->calls, (Calls{"stop t of a", "start t of a", "stop t of a"}));
     EXPECT_EQ(reactor.scheduled(), 0);

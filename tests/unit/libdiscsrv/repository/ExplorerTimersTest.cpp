@@ -1,4 +1,4 @@
-// The timers, on a reactor whose time the test makes pass.
+// The timers, on a reactor. The test decides the reactor's time.
 
 #include "ExplorerTimers.h"
 
@@ -116,7 +116,7 @@ TEST_F(ExplorerTimersTest, AFailedPushStopsNeitherTheOthersNorTheNextCycle)
     EXPECT_EQ(log.texts(1), Calls{"Explorer bad, pushCollection for a of a failed: broken"});
     EXPECT_EQ(reactor.scheduled(), 1);
     const auto status = repository->getExplorerStatus();
-    EXPECT_EQ(status[0].outcome, "it failed; the log tells why");
+    EXPECT_EQ(status[0].outcome, "it failed; see the log");
     EXPECT_EQ(status[1].outcome, "pushed");
 }
 
@@ -340,14 +340,15 @@ struct RegisterTimerTest : testing::Test
 
     RegisterTimerTest()
     {
-        // Made on first use, which is not safe for several threads; a service makes them at start.
+        // The first use makes it, which is not safe for several threads. A service does that at its
+        // start.
         Remote::DiscoveryService::_nil();
         Remote::CollectionDataIterator::_nil();
         HostConfig::instance().readText(
             "CLIENT_NAME = here\nENDPOINT.peer = " + peer.endpoint + "\n", "qm.conf");
         repository->masterName = "peer";
         repository->setDiscoveryFramework(framework.get());
-        setAceReactor(nullptr); // the ORB's own
+        setAceReactor(nullptr); // removes the ORB's reactor
         reactor.emplace();
     }
     ~RegisterTimerTest() override
@@ -444,7 +445,7 @@ TEST_F(RegisterTimerTest, AShutdownInTheMiddleOfTheWalkEndsIt)
     repository->shutdown();
     const Remote::DiscoveryService_var service = repository->connectToRemoteDiscoveryService(
         TlxHostname(TlxString("peer")), "DiscoveryService");
-    service->restartLocalPushTimer(); // lets the first one return
+    service->restartLocalPushTimer(); // makes the first request return
     run.join();
     EXPECT_EQ(asked(), first + "restart;");
     EXPECT_EQ(log.texts(1), Calls{});

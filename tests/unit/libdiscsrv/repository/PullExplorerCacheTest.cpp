@@ -13,7 +13,7 @@ namespace {
 using QmTest::Calls;
 using QmTest::LogCapture;
 
-/// Keeps what is written, and reads it from the start each time it is opened.
+/// Keeps the written bytes. Each open starts reading at their begin.
 class KeptData : public CollectionData
 {
   public:

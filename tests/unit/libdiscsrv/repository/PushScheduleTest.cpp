@@ -1,4 +1,4 @@
-// The schedule alone: an owner of the test's, and a reactor whose time the test makes.
+// Tests the schedule alone. The test plays its owner, and the test decides the reactor's time.
 
 #include "PushSchedule.h"
 

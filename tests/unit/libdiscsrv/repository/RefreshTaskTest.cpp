@@ -1,4 +1,5 @@
-// A master asks its clients to push again. Some do, some cannot, some are gone or silent.
+// A master asks its clients to push again. Some clients do, some cannot, and some are down or do
+// not answer.
 
 #include "RefreshTask.h"
 

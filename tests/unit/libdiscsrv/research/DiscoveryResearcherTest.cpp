@@ -1,5 +1,5 @@
-// A researcher in a process that is no service: what it brings up, what it does not, and how it
-// ends. The master is another process.
+// A researcher in a process that is no service: the parts that it starts, and its end. The master
+// is another process.
 
 #include "Researcher.h"
 
@@ -27,8 +27,8 @@ using QmTest::LogCapture;
 using QmTest::Service;
 using Clients = std::set<TlxString>;
 
-/// The master "here" in a process of its own, with items in its store. Make it before anything of
-/// the ORB in this process.
+/// The master "here" in a process of its own, with items in its store. Make it before this process
+/// uses the ORB, because it forks.
 class Master : public QmTest::PeerProcess
 {
   public:
@@ -46,7 +46,7 @@ class Master : public QmTest::PeerProcess
     ~Master() { EXPECT_EQ(stop(), 0); }
 
   private:
-    /// The endpoint of the service that it makes.
+    /// Makes the service and returns its endpoint.
     static std::string serve(std::unique_ptr<Service>& service)
     {
         service = std::make_unique<Service>();
@@ -63,7 +63,7 @@ class Master : public QmTest::PeerProcess
     const std::string m_endpoint;
 };
 
-/// How many sockets of this process wait for somebody to connect.
+/// The number of this process's listening sockets.
 std::size_t listeningSockets()
 {
     std::size_t count = 0;
@@ -187,7 +187,7 @@ TEST(DiscoveryResearcherTest, WritesNoLogFileAndMakesNoStore)
 [[noreturn]] void researchWithoutAnOrbAndExit()
 {
     ::alarm(60);
-    ::setenv("ORBgiopMaxMsgSize", "none", 1); // the ORB's library cannot cope with that
+    ::setenv("ORBgiopMaxMsgSize", "none", 1); // the ORB's library fails with this value
     std::exit(initDiscoveryResearch() ? 1 : 17);
 }
 

@@ -1,4 +1,4 @@
-// The documented examples of what the store holds, read and written.
+// Reads and writes the documented examples of stored documents.
 
 #include <fstream>
 #include <sstream>

@@ -47,7 +47,7 @@ RemoteWriter_ptr activate(Orb& orb, RemoteWriter_i* writer)
     return narrowed._retn();
 }
 
-/// A payload that records what is written, and returns what the test says.
+/// A payload that records the written bytes, and returns the results that the test sets.
 struct RecordingData : CollectionData
 {
     bool open(OpenMode, const char*) override { return true; }
@@ -71,7 +71,7 @@ struct RecordingDiscovery : Tlx::DiscoverySvc::Discovery
     DiscoveryResult open(OpenMode, const char*) override { return {DS_SUCCESS, 0}; }
 };
 
-/// A repository that hands out the records of the test.
+/// A repository that returns the records of the test.
 struct RecordingRepository : DiscoveryRepository
 {
     void newDiscovery(AutoDereference<Tlx::DiscoverySvc::Discovery>& out, DiscoveryQuery,

@@ -21,7 +21,7 @@ namespace {
 
 using QmTest::eventually;
 
-/// Another process with a connection of its own to the object "Pages". Commands:
+/// Another process with its own connection to the object "Pages". Commands and answers:
 ///
 ///     find ENDPOINT   "found"
 ///     page            how many records the next page has
@@ -61,7 +61,7 @@ class Client : public QmTest::PeerProcess
             iterator = DiscoveryIterator::_narrow(*object);
             if (CORBA::is_nil(iterator))
                 return "not found";
-            iterator->pageSize(); // so that the connection is there
+            iterator->pageSize(); // makes the connection
             return "found";
         }
         std::unique_ptr<Orb> orb;
@@ -69,7 +69,7 @@ class Client : public QmTest::PeerProcess
     };
 };
 
-/// An iterator whose requests stay inside until the test lets them go.
+/// An iterator that blocks each request until the test releases it.
 class HeldIterator : public DiscoveryIterator_i
 {
   public:
@@ -108,7 +108,7 @@ struct SerialServantTest : testing::Test
         for (Client* const client : {&first, &second})
             EXPECT_EQ(client->ask("find " + orb->getEndpoint()), "found");
     }
-    /// The first client's page is inside while the second client's request arrives.
+    /// The second client's request arrives while the first client's request for a page is inside.
     void pageBeside(const std::string& request)
     {
         first.tell("page");
@@ -117,7 +117,7 @@ struct SerialServantTest : testing::Test
         second.tell(request);
         ASSERT_TRUE(eventually([&] { return iterator->activity()->lastUse() != before; }))
             << "the second request does not arrive";
-        // It is at the servant now. It gets some time to enter.
+        // Now the request has reached the servant. Give it some time to enter.
         for (int i = 0; i < 5000 && iterator->most == 1; ++i)
             ::sched_yield();
         EXPECT_FALSE(second.answers(std::chrono::milliseconds::zero()));
@@ -125,7 +125,7 @@ struct SerialServantTest : testing::Test
         EXPECT_EQ(first.answer(), "0");
     }
 
-    Client first; // forked before anything of the ORB
+    Client first; // forks, so it comes before the ORB
     Client second;
     const PortableServer::Servant_var<HeldIterator> iterator{new HeldIterator};
     std::unique_ptr<Orb> orb;

@@ -261,7 +261,7 @@ TEST(ClientExplorersTest, AReadOnAClientAsksItsOwnExplorersOnly)
     pullFor("s", "a", *pull);
     PortableServer::Servant_var<Remote::DiscoveryService_i> servant(new Remote::DiscoveryService_i);
     Remote::Discovery of;
-    of.queryType = DQ_UNDEFINED; // as it came from a page
+    of.queryType = DQ_UNDEFINED; // as in a page
     of.subject = "s";
     of.authority = "a";
     of.authType = AT_ANYANDALL;

@@ -1,4 +1,4 @@
-// The wire contract: what peers built elsewhere rely on.
+// The wire contract, on which peers built elsewhere rely.
 
 #include <DiscoverySvc.hh>
 
@@ -13,8 +13,8 @@
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
-/// The bytes on the wire. Numbers are aligned to their size. A string is its length, with the NUL
-/// byte at its end counted, and then its bytes.
+/// The bytes on the wire. Numbers are aligned to their size. A string has its length first, which
+/// includes the NUL byte at the end, and then its bytes.
 class Expected
 {
   public:

@@ -67,7 +67,7 @@ TEST_F(DBCollectionDataTest, AThousandTakenNumbersAreAFailure)
     EXPECT_EQ(log.texts(1), Lines(1000, "Last error17"));
     EXPECT_EQ(log.texts(4).size(), 2000u);
     EXPECT_EQ(log.texts(4).back(), "Opening collection file: " + name("999.updating"));
-    // A payload that was given up holds no lock. A clean-up may run.
+    // A deleted temporary payload holds no lock, so a clean-up may run.
     EXPECT_TRUE(CleanupLock(dir().c_str(), CleanupLock::LM_EXCLUSIVE).isLocked());
 }
 
@@ -194,7 +194,8 @@ TEST_F(DBCollectionDataTest, APayloadThatLostBytesIsNotPersisted)
         EXPECT_EQ(log.texts(1), Lines{"Unable to write " + name("0.updating") + ", error 28"});
         EXPECT_EQ(log.lines()[0].operation, "DBCollectionData::writeCollection");
         EXPECT_TRUE(data->isSpoilt());
-        EXPECT_EQ(contentOf(path("0.updating")), "") << "its space is given back at once";
+        EXPECT_EQ(contentOf(path("0.updating")), "")
+            << "the file system gets its space back at once";
         EXPECT_FALSE(data->persist(TlxPathname(name("x.dat"))));
         EXPECT_EQ(contentOf(path("x.dat")), "stored");
     });

@@ -2,7 +2,7 @@
 // each kill a fresh process
 //
 //   - finds the record in one of the states that the order of writing allows, in that order,
-//   - finds every other record as it was,
+//   - finds every other record unchanged,
 //   - can write the record again.
 //
 // The states of a record "old" (priority 1) that "new" (priority 2) replaces:
@@ -44,13 +44,13 @@ using QmTest::writeFile;
 
 constexpr const char* METADATA = "1 srv1 cl5.xml";
 constexpr const char* PAYLOAD = "1 srv1 cl5.dat";
-constexpr unsigned MANY = 500; ///< more operations than any work here has
+constexpr unsigned MANY = 500; ///< more operations than any test here makes
 
 const RecordOf OTHER = {.subject = "other", .payload = "the other one"};
 const RecordOf OLD = {.priority = 1, .payload = "old"};
 const RecordOf NEW = {.priority = 2, .payload = "new"};
 
-/// This process does not use the store, so its children start without a state of it.
+/// This process does not use the store, so its children start without any state of the store.
 struct DiscDBCrashTest : QmTest::Store
 {
     void SetUp() override
@@ -61,7 +61,7 @@ struct DiscDBCrashTest : QmTest::Store
             GTEST_SKIP() << "a process cannot be traced here";
     }
 
-    /// Puts records as a process that ends in order, and keeps the files for restore.
+    /// A child process puts records and ends in order. The fixture keeps the files for restore.
     void fill(const std::vector<RecordOf>& records)
     {
         m_filled.clear();
@@ -91,7 +91,7 @@ struct DiscDBCrashTest : QmTest::Store
         getDiscoveryDBDatabase()->init(dir());
     }
 
-    /// What a fresh process finds.
+    /// The lookup's result in a new process.
     static std::string lookUp(QmTest::StorePeer& peer)
     {
         const std::string found = peer.ask(std::string("find ") + METADATA);
@@ -262,8 +262,8 @@ TEST_F(DiscDBCrashTest, ACleanUpThatDiedIsFinishedByTheNext)
     EXPECT_EQ(crashEverywhere(prepare, work, look), (Lines{"2", "1", "0"}));
 }
 
-/// A kill loses nothing that the kernel has, but a power cut does. The places of the syncs protect
-/// from it.
+/// After a kill the kernel still has all written data. After a power cut it has not, so the places
+/// of the syncs matter.
 TEST_F(DiscDBCrashTest, EachSyncStandsWhereAPowerCutNeedsIt)
 {
     fill({OTHER, OLD});

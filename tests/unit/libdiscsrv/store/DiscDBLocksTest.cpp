@@ -25,7 +25,7 @@ using QmTest::putTagged;
 constexpr const char* METADATA = "1 srv1 cl5.xml";
 constexpr const char* PAYLOAD = "1 srv1 cl5.dat";
 
-/// Works in another thread, which would meet a lock that a thread before has left held.
+/// Works in another thread. It would wait for a lock that an earlier thread has left locked.
 void inThread(const std::function<void()>& work)
 {
     std::thread(work).join();
@@ -116,13 +116,15 @@ TEST_F(DiscDBLocksTest, ALookupKeepsTheReadLockOfAnother)
     AutoDereference<Discovery> kept(iterator->getNext());
     ASSERT_TRUE(kept);
     ASSERT_EQ(sees(METADATA), "Read");
-    inThread([&] { EXPECT_TRUE(Store::find(METADATA)); }); // opened, read and closed beside it
+    // Another thread opens, reads and closes the record.
+    inThread([&] { EXPECT_TRUE(Store::find(METADATA)); });
     EXPECT_EQ(sees(METADATA), "Read");
     inThread([&] { EXPECT_EQ(all(), (Lines{"cl5", "cl6"})); });
     EXPECT_EQ(sees(METADATA), "Read");
     inThread([&] { EXPECT_TRUE(make({})->canOverride()); });
     EXPECT_EQ(sees(METADATA), "Read");
-    inThread([&] { EXPECT_EQ(put({.payload = "new"}), DS_SUCCESS); }); // the write lock and back
+    // Another thread takes and releases the write lock.
+    inThread([&] { EXPECT_EQ(put({.payload = "new"}), DS_SUCCESS); });
     EXPECT_EQ(sees(METADATA), "Read");
     kept.reset();
     EXPECT_EQ(sees(METADATA), "None");
@@ -161,7 +163,7 @@ TEST_F(DiscDBLocksTest, AReaderGoesOnWhenTheOtherProcessReleasesItsRecord)
 {
     EXPECT_EQ(peer.ask("begin cl5 5"), "0");
     EXPECT_EQ(peer.ask("write theirs"), "1");
-    EXPECT_EQ(peer.ask("persist"), "0"); // and keeps its write lock
+    EXPECT_EQ(peer.ask("persist"), "0"); // the peer keeps its write lock
     std::string payload;
     std::thread reader([&] {
         const auto record = Store::find(METADATA);
@@ -182,7 +184,7 @@ TEST_F(DiscDBLocksTest, ThePriorityIsLookedAtAgainUnderTheWriteLock)
     log.clear();
     DiscoveryStatus result = DS_SUCCESS;
     std::thread writer([&] { result = lower->persist().discStatus; });
-    // The first look at the priority has found 1. Now a higher one comes between.
+    // The first check has found priority 1. Now another put with a higher priority comes between.
     EXPECT_TRUE(thisProcessWaits());
     EXPECT_EQ(peer.ask("begin cl5 5"), "0");
     EXPECT_EQ(peer.ask("write five"), "1");
@@ -207,7 +209,7 @@ TEST_F(DiscDBLocksTest, AnExpiredRecordThatAnotherProcessReadsStays)
                                    "Unable to upgrade lock to expire file, errno: 16",
                                    path(METADATA).string() + " could not be expired"}));
     EXPECT_EQ(contentOf(path(PAYLOAD)), "payload");
-    EXPECT_EQ(sees(METADATA), "None"); // the attempt left no lock here
+    EXPECT_EQ(sees(METADATA), "None"); // the failed attempt left no lock
     EXPECT_EQ(peer.ask("release"), "done");
     EXPECT_FALSE(Store::find(METADATA));
     EXPECT_EQ(files(), Lines{"Update.lock"});
@@ -217,7 +219,7 @@ TEST_F(DiscDBLocksTest, ARecordWrittenAnewDuringItsExpiryStays)
 {
     put({.timeToLive = 100});
     log.clear();
-    // A writer comes when the lookup has read the record and asks for the time.
+    // A writer comes after the lookup has read the record, when the lookup asks for the time.
     TlxObjTime::setClock([] {
         setNow(2000);
         inThread([] { EXPECT_EQ(put({.timeToLive = 100, .payload = "new"}), DS_SUCCESS); });
@@ -306,7 +308,7 @@ TEST_F(DiscDBLocksTest, TwoProcessesThatWaitForEachOtherDoNotWaitForever)
     EXPECT_EQ(peer.answer(), "0");
 }
 
-/// Several processes, of which this one has not opened the store yet.
+/// Several processes. This one has not opened the store yet.
 struct DiscDBStartTest : testing::Test
 {
     void SetUp() override
@@ -389,8 +391,8 @@ struct DiscDBStressTest : QmTest::Store
                 failed += putTagged("cl5", tag) != DS_SUCCESS;
             --writing;
         };
-        // A reader keeps other processes out, but a thread of its own process may replace the
-        // payload between its two looks. What it reads is whole all the same.
+        // A reader's lock keeps other processes out. But a thread of the reader's process may
+        // replace the payload between the two reads. The reader still gets complete data.
         const auto check = [&] {
             do {
                 const QmTest::TaggedRecord found = findTagged(METADATA);
@@ -439,7 +441,7 @@ TEST_F(DiscDBStressTest, WritersAndExpiryOfOneRecordLoseNone)
             all();
     });
     for (int i = 0; i < 100; ++i) {
-        // Over at once: the clock stands at 1000 and the record's time at 995.
+        // The record has expired at once: the clock is at 1000 and the expiry time is 995.
         if (put({.timeToLive = -4}) != DS_SUCCESS)
             ++wrong;
         if (put({.subject = "cl6", .payload = "stays"}) != DS_SUCCESS)

@@ -240,7 +240,7 @@ TEST_F(DiscDBTest, ARecordWrittenAnewMeanwhileIsNotExpired)
     const auto found = find("1 srv1 cl5.xml");
     ASSERT_TRUE(found);
     setNow(2000);
-    // Rewritten in place, as another process does it.
+    // Another process overwrites the file in the same way.
     const auto current = make({.timeToLive = 100});
     std::ostringstream document;
     current->writeXml(document, XmlStr::XE_UTF8);

@@ -1,6 +1,6 @@
 #pragma once
 // A child process that is stopped at each of its file operations, and can be killed there: before
-// the operation, or in the middle of a write. So tests play a crash at every place.
+// the operation, or in the middle of a write. So tests can simulate a crash at every place.
 
 #include <csignal>
 #include <cstdlib>
@@ -31,7 +31,8 @@ class SteppedProcess
     struct Crash
     {
         unsigned at;
-        /// If not 0: count writes only, and do so many eighths of the write that is hit.
+        /// If not 0: count only writes, and do so many eighths of the write at which the child is
+        /// killed.
         unsigned eighths;
     };
     enum Outcome

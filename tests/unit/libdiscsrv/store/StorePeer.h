@@ -82,10 +82,10 @@ inline TaggedRecord findTagged(const std::string& file)
 ///     begin SUBJECT PRIORITY      the status of open(OM_UPDATE)
 ///     write TEXT                  "1" or "0"
 ///     persist                     the status
-///     drop                        "done": gives up the record that it writes
+/// drop                        "done": abandons the record that it writes
 ///     find FILE                   "found" and the payload, or "none"; keeps the record
 ///     priority                    that of the record found
-///     release                     "done": gives up the record found
+/// release                     "done": releases the record found
 ///     now SECONDS                 "done": sets the clock
 ///     clean DIR                   "1" when nobody writes a payload there, otherwise "0"
 ///     sees PATH                   "None", "Read" or "Write": the other processes' lock on the file
@@ -152,7 +152,8 @@ class StoreCommands
             failed += putTagged("cl5", first + i) != Disc::DS_SUCCESS;
         return failed;
     }
-    /// How many lookups find metadata and payload of different puts. This process must not write.
+    /// Counts the lookups that find metadata and payload of different puts. This process must not
+    /// write.
     static int watch(const std::string& arguments)
     {
         std::istringstream words(arguments);

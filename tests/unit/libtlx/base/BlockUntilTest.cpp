@@ -1,4 +1,4 @@
-// Waiting for the end of objects, and calls into foreign code.
+// Waits for the end of objects, and calls into foreign code.
 
 #include <tlx/BlockUntil.h>
 
@@ -91,7 +91,7 @@ TEST(ForeignCodeTest, SeveralThatHangAreEachNamed)
     two.join();
     EXPECT_TRUE(named("One"));
     EXPECT_TRUE(named("Two"));
-    // The watch has ended. A later call is watched again.
+    // The thread of the watch has ended. The watch also covers a later call.
     hang("Three");
     EXPECT_TRUE(named("Three"));
 }

@@ -1,4 +1,4 @@
-// Descriptors: who closes them, and when.
+// Descriptors: their owners and their end.
 
 #include <tlx/FileDescriptor.h>
 

@@ -24,7 +24,7 @@ Logger* logger()
     return LoggerFactory::instance().getLogger(400);
 }
 
-/// Logs under the current operation, as a function does that has no scope of its own.
+/// Logs under the current operation, like a function without its own scope.
 void logHere(const std::string& text)
 {
     TLX_LOG(logger(), 1, LogScope::current(), "../Helper", text);
@@ -153,7 +153,7 @@ TEST(LogScopeTest, eachThreadHasItsOwnScopes)
     EXPECT_EQ(LogScope::NO_OPERATION, atItsEnd);
 }
 
-/// The stack is right only while scopes end in the opposite order of their beginnings.
+/// The stack is correct only if scopes end in the reverse order of their beginnings.
 TEST(LogScopeTest, aScopeCannotLeaveItsBlock)
 {
     EXPECT_FALSE(std::is_copy_constructible_v<LogScope>);

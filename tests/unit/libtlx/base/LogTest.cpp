@@ -205,7 +205,7 @@ TEST_F(LogTest, anOriginatorHasOneLoggerUntilItIsStale)
     EXPECT_NE(first, second);
     EXPECT_FALSE(second->isStale());
     EXPECT_EQ(second, logger(400));
-    // The old logger stays usable for those who hold it.
+    // Callers that hold the old logger can still use it.
     first->log("op", 1, "from the stale one");
     EXPECT_THAT(contentOf(m_settings.file), ElementsAre("1 400 op from the stale one"));
 }
@@ -277,7 +277,7 @@ TEST_F(LogTest, aFileThatWasThereIsContinuedWithItsTornLineEnded)
     EXPECT_EQ(0640u, status.st_mode & 07777u);
 }
 
-/// Plays a full disk: with a limit on the size of files, writes fail with EFBIG.
+/// Simulates a full disk: with a limit on the size of files, writes fail with EFBIG.
 void limitFileSize(rlim_t bytes)
 {
     rlimit limit = {};
@@ -296,7 +296,7 @@ TEST_F(LogTest, aFullDiskIsNotedOnceAndWritingGoesOnWhenThereIsRoom)
 
     testing::internal::CaptureStderr();
     const std::string captured = [&] {
-        // Room for ten bytes of the next line: it is torn.
+        // There is room for only ten bytes of the next line, so the line is cut.
         limitFileSize(size + 10);
         for (int i = 0; i < 3; ++i)
             logger()->log("op", 1, "missing");

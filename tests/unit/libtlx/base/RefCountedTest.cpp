@@ -1,4 +1,4 @@
-// Reference counts and their holders: who owns what, and when the object goes.
+// Reference counts and their holders: the owners of an object, and its end.
 
 #include <tlx/RefCounted.h>
 

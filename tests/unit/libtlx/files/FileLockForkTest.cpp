@@ -1,4 +1,4 @@
-// A forked child has none of the locks of its parent, and does not disturb them.
+// A forked child has no lock of its parent, and does not change the parent's locks.
 
 #include <tlx/FileLock.h>
 
@@ -22,7 +22,7 @@ class FileLockForkTest : public testing::Test
   protected:
     FileLockForkTest() { m_peer.open(0, m_file.path()); }
 
-    /// Runs the body in a child: what it returned, or minus the signal that ended the child.
+    /// Runs the body in a child. Returns its result, or minus the signal that ended the child.
     static int inChild(const std::function<int()>& body)
     {
         return QmTest::ChildProcess(body, 30).exitCode();
@@ -86,7 +86,7 @@ TEST_F(FileLockForkTest, aChildLocksForItself)
     ASSERT_EQ(0, lock->acquire_read());
     EXPECT_EQ(0, inChild([&] {
                   auto own = m_file.open();
-                  CHILD_CHECK(own->tryacquire_write() == -1 && errno == EBUSY); // the parent reads
+                  CHILD_CHECK(own->tryacquire_write() == -1 && errno == EBUSY); // parent has Read
                   CHILD_CHECK(own->tryacquire_read() == 0);
                   CHILD_CHECK(FileLock::counts().open == 1);
                   return 0;
@@ -113,7 +113,7 @@ TEST_F(FileLockForkTest, aChildDoesNotHangOnWhatThreadsOfItsParentHeld)
     auto gated = m_file.open();
     auto waiting = m_file.open();
     ASSERT_EQ("ok", m_peer.ask("read 0"));
-    // One thread of the parent has the gate, another waits in the kernel.
+    // In the parent, one thread has the gate and another waits in the kernel.
     std::promise<void> inGate;
     std::promise<void> leaveGate;
     std::thread holder([&] {

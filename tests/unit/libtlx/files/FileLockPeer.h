@@ -1,5 +1,5 @@
 #pragma once
-// For tests of file locks: another process, and a file.
+// Another process and a file, for tests of file locks.
 
 #include <cerrno>
 #include <map>
@@ -21,7 +21,7 @@ namespace QmTest {
 
 using Veltrane::Quillmark::Tlx::FileLock;
 
-/// Performs commands on file locks, which have numbers: "VERB NUMBER [ARGUMENT]".
+/// Performs commands on numbered file locks. A command is "VERB NUMBER [ARGUMENT]".
 class FileLockCommands
 {
   public:
@@ -95,7 +95,7 @@ class Peer : public PeerProcess
         if (const std::string got = ask("open " + std::to_string(number) + " " + path); got != "ok")
             throw std::runtime_error("peer cannot open: " + got);
     }
-    /// What this process sees of the others' locks: "None", "Read" or "Write".
+    /// The lock of other processes, as the peer sees it: "None", "Read" or "Write".
     std::string sees(int number = 0) { return ask("sees " + std::to_string(number)); }
 };
 

@@ -1,4 +1,4 @@
-// Many holders in one thread: what each holds, and what another process sees.
+// Many holders in one thread: their levels, and the lock that another process sees.
 
 #include <tlx/FileLock.h>
 
@@ -120,7 +120,7 @@ TEST_F(FileLockTest, aHolderThatNeverLockedIsParkedToo)
     m_file.open(O_RDONLY).reset();
     expectCounts(1, 2);
     EXPECT_EQ("Write", m_peer.sees());
-    // None of them is closed when the lock is lowered, because Read is still held.
+    // Lowering the lock closes no descriptor, because a holder still has Read.
     EXPECT_EQ(0, locked->acquire_read());
     expectCounts(1, 2);
     EXPECT_EQ("Read", m_peer.sees());
@@ -221,12 +221,12 @@ TEST_F(FileLockTest, waitingLocksAreGrantedAtOnceInsideTheProcess)
     EXPECT_EQ(0, reader->acquire_read());
     EXPECT_EQ(0, second->acquire_write());
     EXPECT_EQ("Write", m_peer.sees());
-    // The writers go, the reader's lock stays.
+    // The writers release their locks, and the reader keeps its lock.
     EXPECT_EQ(0, second->release());
     EXPECT_EQ("Write", m_peer.sees());
     EXPECT_EQ(0, writer->release());
     EXPECT_EQ("Read", m_peer.sees());
-    // From Read to Write with a reader beside it.
+    // Raise Read to Write while another holder has Read.
     EXPECT_EQ(0, writer->acquire_write());
     EXPECT_EQ("Write", m_peer.sees());
     EXPECT_EQ(LockLevel::Read, reader->level());
@@ -326,7 +326,7 @@ TEST_F(FileLockTest, aFileRemovedAndMadeAnewIsAnotherFile)
     m_peer.open(1, m_file.path());
     EXPECT_EQ("Write", m_peer.sees(1));
     expectCounts(1, 0);
-    // Replaced by renaming.
+    // A rename replaces the file.
     std::ofstream(m_file.path("other")) << "other";
     ASSERT_EQ(0, ::rename(m_file.path("other").c_str(), m_file.path().c_str()));
     EXPECT_FALSE(fresh->isStillAt(m_file.path()));
@@ -334,8 +334,8 @@ TEST_F(FileLockTest, aFileRemovedAndMadeAnewIsAnotherFile)
 
 TEST_F(FileLockTest, theInodeOfAFileThatIsOpenIsNotMistakenForAnother)
 {
-    // The file is made, locked, removed and closed many times. The file system uses the same inode
-    // again, and nothing of the last file's entry may be left.
+    // Make, lock, remove and close the file many times. The file system uses the same inode again,
+    // so the entry of the last file must be gone.
     for (int i = 0; i < 50; ++i) {
         const auto lock = FileLock::open(m_file.path("again"), O_RDWR | O_CREAT | O_EXCL, 0600);
         ASSERT_TRUE(lock);
@@ -373,7 +373,7 @@ TEST_F(FileLockTest, gatesOfTwoFilesAreTwo)
         const FileGate other(*two);
         inside = true;
     });
-    thread.join(); // would not end if they shared one gate
+    thread.join(); // with a shared gate the thread would not end
     EXPECT_TRUE(inside);
 }
 

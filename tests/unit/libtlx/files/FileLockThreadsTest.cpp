@@ -1,4 +1,4 @@
-// Locks that wait, for other threads and for other processes.
+// Locks that wait for other threads and for other processes.
 
 #include <tlx/FileLock.h>
 
@@ -40,7 +40,7 @@ class FileLockThreadsTest : public testing::Test
     {
         return future.wait_for(PATIENCE) == std::future_status::ready ? future.get() : -1;
     }
-    /// Begins the operation, and returns when it waits in the kernel.
+    /// Begins the operation. Returns when the operation waits in the kernel.
     std::future<int> beginAndBlock(FileLock& lock, int (FileLock::*operation)())
     {
         auto future = begin(lock, operation);
@@ -64,7 +64,7 @@ class FileLockThreadsTest : public testing::Test
     }
 
     QmTest::LockedFile m_file;
-    // Made first, because a process must fork before it has threads.
+    // The first members, because a process must fork before it has threads.
     QmTest::Peer m_peer;
     QmTest::Peer m_watcher;
 };
@@ -97,14 +97,14 @@ TEST_F(FileLockThreadsTest, readsAreGrantedWhileAnotherThreadWaitsForWrite)
     ASSERT_EQ(0, reader->acquire_read());
     auto writing = beginAndBlock(*writer, &FileLock::acquire_write);
 
-    // At once, though the peer is in the writer's way.
+    // These two get Read at once, although the writer still waits for the peer.
     EXPECT_EQ(0, lookup->acquire_read());
     EXPECT_EQ(0, trying->tryacquire_read());
     EXPECT_EQ(-1, trying->tryacquire_write_upgrade());
     EXPECT_EQ(EBUSY, errno);
     EXPECT_EQ(LockLevel::Read, trying->level());
     EXPECT_EQ(0, trying->release());
-    // Now only the waiting writer is left. It makes a write try fail.
+    // Now only the waiting writer is left. It is enough to make the try fail.
     EXPECT_EQ(0, lookup->release());
     EXPECT_EQ(0, reader->release());
     EXPECT_EQ(-1, trying->tryacquire_write());
@@ -275,7 +275,7 @@ class Worker
         case 6:
             m_lock->tryacquire_write_upgrade();
             break;
-        default: // a lookup beside it, or the holder itself
+        default: // uses a second holder for a lookup, or this holder
             if (m_random() % 2 == 0) {
                 const auto lookup = m_file.open(O_RDONLY);
                 lookup->acquire_read();
@@ -344,8 +344,8 @@ TEST_F(FileLockThreadsTest, noHolderLosesItsLockWhileThreadsAndAnotherProcessCon
                 worker.step();
                 if (worker.level() == LockLevel::None)
                     continue;
-                // The process holds at least this until the worker's next step. The rival wants
-                // Write only, so it holds nothing meanwhile.
+                // Until the worker's next step, the process keeps at least the worker's level. The
+                // rival only asks for Write, so it has no lock meanwhile.
                 std::lock_guard guard(watcherMutex);
                 const std::string seen = m_watcher.sees();
                 if (worker.level() == LockLevel::Write) {

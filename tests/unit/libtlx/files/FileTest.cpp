@@ -1,4 +1,4 @@
-// Files: what is written and read, and how each failure is reported.
+// File operations: the bytes that they write and read, and their failures.
 
 #include <tlx/File.h>
 
@@ -198,7 +198,7 @@ TEST(TemporaryDirectory, IsRemovedWithAllThatIsInIt)
         EXPECT_EQ(fs::perms::owner_all, fs::status(path.text()).permissions());
         fs::create_directories(path.withFileName("a/b").text());
         std::ofstream(path.withFileName("a/b/c").text()) << "x";
-        made = tl::unexpected(systemError(EINVAL)); // the one that was moved from removes nothing
+        made = tl::unexpected(systemError(EINVAL)); // the moved-from object removes nothing
         EXPECT_TRUE(fs::exists(path.withFileName("a/b/c").text()));
     }
     EXPECT_FALSE(fs::exists(path.text()));
@@ -210,7 +210,8 @@ TEST(TemporaryDirectory, ThatCannotBeMadeHasTheReason)
               TemporaryDirectory::make("none/there.").error());
 }
 
-/// What a child process without the three standard descriptors finds after they were filled.
+/// Runs a check in a child process that started without the three standard descriptors. Returns its
+/// result after they were filled.
 bool childFinds(MissingStream behaviour, bool (*asExpected)())
 {
     QmTest::ChildProcess child([&] {

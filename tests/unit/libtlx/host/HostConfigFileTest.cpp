@@ -72,7 +72,7 @@ TEST_F(HostConfigFileTest, ARunningProcessTakesOnlyTheKeysThatSayIt)
     EXPECT_EQ(config().number(ConfigKey::LOG_KEEP), 6u);
     EXPECT_EQ(config().getString(ConfigKey::SERVER), "one");
     EXPECT_EQ(problems(), Lines{file() + ":5: 'x' is not KEY = value"});
-    // A key that the file has no more goes back to its default.
+    // A key that is no longer in the file gets its default.
     std::ofstream(file()) << "\n";
     EXPECT_TRUE(config().readAgain());
     EXPECT_EQ(config().number(ConfigKey::LOG_LEVEL), 1u);

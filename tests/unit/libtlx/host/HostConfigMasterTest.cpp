@@ -76,7 +76,7 @@ TEST_F(MasterTest, ThisHostsEndpointMayBeWrittenInSeveralWays)
     EXPECT_FALSE(master(endpoint + "alias:5001\n")) << "the port is another one";
 }
 
-/// A resolver that answers when the test lets it.
+/// A resolver that waits for the test before it answers.
 class Hanging
 {
   public:
@@ -116,7 +116,7 @@ class Hanging
         bool open = false;
         int asked = 0;
     };
-    std::shared_ptr<State> m_state = std::make_shared<State>(); // and that of the background thread
+    std::shared_ptr<State> m_state = std::make_shared<State>(); // shared with the background thread
 };
 
 TEST_F(MasterTest, AResolverThatHangsCostsFiveSecondsOnce)

@@ -1,4 +1,4 @@
-// The text of the host configuration: its keys, their values and the problems in it.
+// The host configuration: its lines, its values and the messages about mistakes.
 
 #include <tlx/HostConfig.h>
 
@@ -18,7 +18,7 @@ namespace {
 
 using QmTest::Lines;
 
-// This test comes first, because a root that was set cannot be unset.
+// This test comes first, because no test can unset the root later.
 TEST(HostConfigRootTest, IsTheEnvironmentsOrTheProductsOwn)
 {
     ASSERT_EQ(::unsetenv("QUILLMARK_ROOT"), 0);

@@ -229,7 +229,7 @@ struct Other : EngineSingleton
 {
     static Other* instance(const EngineContext& context)
     {
-        getEngineSingleton<Thing>(context); // one may need another
+        getEngineSingleton<Thing>(context); // an object may need another one
         return new Other;
     }
     void closeObject() override { Thing::ended.push_back("other"); }

@@ -19,7 +19,7 @@ namespace {
 using namespace std::chrono_literals;
 using Addresses = std::vector<std::string>;
 
-/// A resolver that answers when the test lets it.
+/// A resolver that waits for the test before it answers.
 class Hanging
 {
   public:
@@ -114,7 +114,7 @@ TEST(ResolverTest, NoMoreThanSoManyHangAtATime)
 TEST(ResolverTest, AnAnswerFreesItsThread)
 {
     setResolver([](const std::string&) -> Addresses { return {"192.0.2.7"}; });
-    // Many more than may hang at a time. A thread may still be ending while the next one asks.
+    // Many more names than may wait at a time. One thread may still end while the next one asks.
     for (int i = 0; i < 200; ++i) {
         Addresses found;
         const auto giveUp = std::chrono::steady_clock::now() + 20s;

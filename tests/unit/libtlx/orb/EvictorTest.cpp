@@ -107,7 +107,7 @@ TEST_F(EvictorTest, TheEndOfARequestCountsAsUse)
     auto* servant = new Stateful(ended);
     const auto activity = servant->activity();
     const auto id = activate(servant);
-    now -= 1h; // added long before its last use
+    now -= 1h; // it was added long before its last use
     watch(id, 300);
     activity->begin();
     activity->end();
@@ -152,7 +152,7 @@ TEST_F(EvictorTest, RemovingDeactivatesOnlyOnRequest)
     EXPECT_EQ(evictor->watched(), 0u);
     now += 1h;
     EXPECT_EQ(evictor->evictIdle(), 0u);
-    evictor->removeObject(gone, true, false); // not watched any more: nothing happens
+    evictor->removeObject(gone, true, false); // not watched any more, so nothing happens
     poa->deactivate_object(kept);
 }
 

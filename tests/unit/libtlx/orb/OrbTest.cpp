@@ -67,8 +67,8 @@ void advertiseThing(Orb& orb)
     orb.advertiseObject("Thing", object);
 }
 
-/// Answers one question on each connection, "the object is here", and hangs up. A service that is
-/// restarted between two questions looks like this.
+/// Answers one request on each connection with "the object is here", and closes the connection. To
+/// a client, a service that restarts between two requests looks like this.
 class ForgetfulPeer : public SilentPeer
 {
   public:
@@ -270,11 +270,12 @@ class OtherProcess : public QmTest::PeerProcess
 
 TEST_F(OrbTest, RequestsWaitUntilTheyAreServed)
 {
-    OtherProcess client; // forked before there are threads here
+    OtherProcess client; // forks, so it comes before any thread
     Orb orb(false, "127.0.0.1:0", "S", false);
     advertiseThing(orb);
     client.tell(orb.getEndpoint());
-    // The client gives its first request up. Its second one waits until the service serves.
+    // The client's first request runs into its limit. Its second one waits until the service
+    // serves.
     std::thread later([&] {
         std::this_thread::sleep_for(1s);
         orb.serveRequests();

@@ -1,4 +1,4 @@
-// What servants share: activity, descriptions of exceptions, the guard of an operation.
+// The common parts of servants: activity, descriptions of exceptions, the guard of an operation.
 
 #include <tlx/Servant.h>
 

@@ -56,7 +56,7 @@ TEST(QueryBoundsTest, AMegabyteOfParenthesesIsRefused)
               "column 101: expected at most 100 \"(\" and \"not\" inside one another");
 }
 
-/// Runs in a thread whose stack is small.
+/// Runs the function in a thread with a small stack.
 void onASmallStack(void* (*work)(void*))
 {
     pthread_attr_t attributes;
@@ -90,7 +90,7 @@ TEST(QueryBoundsTest, AnItemIsAskedOnceForEveryComparison)
 
 TEST(QueryBoundsTest, TheWorstTextsAreReadInTimeThatGrowsWithTheirLength)
 {
-    // A parser that tries a second way after each failure would not end on these.
+    // A parser that tries another way after each failure would never finish these.
     for (const std::string& text :
          {repeated(99, "(") + "local = )", repeated(50, "not (") + "x",
           "fstype = \"" + std::string(60000, '\\'), "size > " + std::string(60000, '1') + "x",

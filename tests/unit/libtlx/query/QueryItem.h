@@ -16,7 +16,7 @@ using Veltrane::Quillmark::Tlx::QuerySource;
 using Veltrane::Quillmark::Tlx::QueryValue;
 using Veltrane::Quillmark::Tlx::TlxQuery;
 
-/// An item made of values; counts the questions.
+/// An item with given values. It counts the requests for them.
 class Item : public QuerySource
 {
   public:

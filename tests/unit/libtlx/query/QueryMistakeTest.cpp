@@ -1,4 +1,4 @@
-// What is no query, and the messages about it.
+// Texts that are no queries, and the messages about them.
 
 #include <tlx/Query.h>
 

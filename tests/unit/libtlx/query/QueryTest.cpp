@@ -131,7 +131,7 @@ TEST(QueryTest, LikeComparesTextsWithAPattern)
     EXPECT_FALSE(matches("nowhere like *"));
     EXPECT_FALSE(matches("size like *"));
     EXPECT_FALSE(matches("readonly like *"));
-    EXPECT_FALSE(matches("mount = /home/*")); // only like knows patterns
+    EXPECT_FALSE(matches("mount = /home/*")); // only "like" has patterns
 }
 
 TEST(QueryTest, AFieldByItselfIsAFlagThatIsTrue)

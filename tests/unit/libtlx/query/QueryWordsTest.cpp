@@ -20,7 +20,7 @@ using ::testing::UnorderedElementsAreArray;
 
 namespace {
 
-/// A document, every run of white space made one blank.
+/// The text of a document, with one blank for each run of white space.
 std::string textOf(const std::string& path)
 {
     std::ifstream file(path);
@@ -29,7 +29,7 @@ std::string textOf(const std::string& path)
     return std::regex_replace(text, std::regex("\\s+"), " ");
 }
 
-/// A rule of the grammar in docs/filters.md, without its name; empty when there is none.
+/// A rule of the grammar in docs/filters.md, without its name. Empty if the rule does not exist.
 std::string ruleOf(const std::string& name)
 {
     std::ifstream file(QM_DOCS "/filters.md");
@@ -41,7 +41,7 @@ std::string ruleOf(const std::string& name)
     return {};
 }
 
-/// What stands in quotation marks, of either kind, in rules.
+/// The texts inside quotation marks, of both kinds, in rules.
 std::vector<std::string> quotedIn(const std::vector<std::string>& rules)
 {
     const std::regex quoted("\"([^\"]+)\"|'([^']+)'");
@@ -103,7 +103,7 @@ TEST(QueryWordsTest, NoKeywordIsTheNameOfAField)
     }
 }
 
-// The grammar takes the first keyword that stands at a place and looks for no longer one.
+// The grammar takes the first keyword that matches at a place, and does not look for a longer one.
 TEST(QueryWordsTest, NoKeywordBeginsAnother)
 {
     for (const std::string_view one : QUERY_KEYWORDS)

@@ -253,7 +253,7 @@ TEST(QueryXmlTest, ADerivedClassGetsUnknownElements)
 {
     QueryHolder holder;
     Extended extended;
-    // The context of a plain query serves every class that derives from it.
+    // Every class that derives from a query can use the context of a plain query.
     class Document : public QueryHolder
     {
       public:

@@ -1,4 +1,4 @@
-// Characters that deceive: each class to the last code point, and what each user does with them.
+// Characters that deceive: every code point of each class, and their treatment in each place.
 
 #include <tlx/Character.h>
 
@@ -29,7 +29,7 @@ constexpr Range CONTROLS[] = {{0x00, 0x1F}, {0x7F, 0x9F}};
 constexpr Range DECEPTIVE[] = {{0x00, 0x1F},     {0x7F, 0x9F},     {0x61C, 0x61C},
                                {0x200E, 0x200F}, {0x2028, 0x202E}, {0x2066, 0x2069},
                                {0xFEFF, 0xFEFF}};
-/// What the display form of a name encodes. Stores hold names in this form.
+/// The characters that the display form of a name encodes. Stores hold names in this form.
 constexpr Range ENCODED[] = {
     {0x80, 0xA0},       {0xAD, 0xAD},       {0x34F, 0x34F},     {0x61C, 0x61C},
     {0x115F, 0x1160},   {0x1680, 0x1680},   {0x17B4, 0x17B5},   {0x180B, 0x180F},

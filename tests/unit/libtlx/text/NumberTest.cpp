@@ -1,4 +1,4 @@
-// Numbers out of text: the whole text, and no number beyond the type's range.
+// Reads numbers from text: only the whole text, and only within the type's range.
 
 #include <tlx/Number.h>
 

@@ -1,4 +1,4 @@
-// UTF-8: every code point, and every way to write none.
+// UTF-8: every code point, and every kind of bad bytes.
 
 #include <tlx/Utf8.h>
 

@@ -47,7 +47,7 @@ TEST(JobExecInfoTest, ArgumentsAreQuotedWhereTheyMustBe)
 {
     EXPECT_EQ(commandLine({"a b", "", "it's", "say \"x\""}),
               TlxString("\"a b\" \"\" \"it's\" 'say \"x\"'"));
-    // A backslash stands outside the marks. A text with both marks consists of several parts.
+    // A backslash is outside the marks. A text with both marks consists of several parts.
     EXPECT_EQ(commandLine({"a\\ b\\", "'\"", "#"}), TlxString("a\\\" \"b\\ \"'\"'\"' \"#\""));
 }
 

@@ -90,11 +90,11 @@ TEST(XmlBoundsTest, TheNumberOfDifferentNamesOfElementsIsBounded)
     const std::string reason = "there are more than 100000 different names of elements";
     TextReader document;
     EXPECT_TRUE(document.parseBuffer(elements(100000)));
-    EXPECT_TRUE(document.parseBuffer(elements(100000))); // each document has a count of its own
+    EXPECT_TRUE(document.parseBuffer(elements(100000))); // each document has its own count
     expectRefused(elements(100001), reason);
     const auto declared = [](std::size_t count) {
         std::string text = "<!DOCTYPE Doc [<!ELEMENT e (e";
-        for (std::size_t i = 2; i < count - 1; ++i) // beside Doc and z
+        for (std::size_t i = 2; i < count - 1; ++i) // in addition to Doc and z
             text += "|e" + std::to_string(i);
         return text + ")><!ELEMENT z ANY>]><Doc/>";
     };

@@ -1,5 +1,5 @@
 #pragma once
-// Commands run against a service and a researcher that do what the test says.
+// Runs commands with a fake service and a fake researcher. The test decides their answers.
 
 #include <algorithm>
 #include <chrono>
@@ -21,7 +21,7 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 /// A discovery that a researcher reads back.
 struct Discovered
 {
-    std::string in; ///< yielded for this subject only; empty: for any
+    std::string in; ///< only a query for this subject finds it; empty: every query
     std::string subject;
     std::string authority;
     std::string document = "<DiscoveredItems></DiscoveredItems>";
@@ -46,7 +46,7 @@ struct Discovered
     }
 
   private:
-    /// The same items with the reason of the test.
+    /// The same items, with the test's reason for a failure.
     Tlx::AutoDereference<Svc::CollectionItemIterator>
     failing(Svc::CollectionItemIterator& items) const
     {

@@ -1,4 +1,4 @@
-// clients, items and filters: what they ask of the researcher, and what they print.
+// The commands clients, items and filters: their requests to the researcher, and their output.
 
 #include "Commands.h"
 

@@ -1,4 +1,4 @@
-// put, get and query: what they ask of a service, and what they print.
+// The commands put, get and query: their requests to a service, and their output.
 
 #include "Commands.h"
 

@@ -1,4 +1,4 @@
-// refresh, stop, status and explorers, and a service that cannot be reached.
+// The commands refresh, stop, status and explorers, also with a service that cannot be reached.
 
 #include "Commands.h"
 
@@ -97,7 +97,7 @@ TEST_F(ServiceCommandsTest, EachReasonForUnknownExplorersHasItsMessage)
     target.local = false;
     options.host = "backup1";
     EXPECT_EQ(run(Command::EXPLORERS),
-              (Failure{EC_USAGE, "the explorers of backup1 are told on that host only"}));
+              (Failure{EC_USAGE, "the explorers of backup1 can be listed on that host only"}));
     options.host = "";
     EXPECT_EQ(run(Command::EXPLORERS).code, EC_UNREACHABLE) << "this host's own are meant";
     target.local = true;

@@ -23,7 +23,7 @@ TEST(CtlTextTest, TerminalControlCharactersAreEscaped)
     EXPECT_EQ(escaped("a\xe2\x80\xae"
                       "b"),
               "a\\u202eb");
-    // Every character that deceives, and only those, beside the backslash.
+    // Escapes the backslash and every character that deceives, and no other.
     for (char32_t c = 1; c <= 0x10FFFF; ++c) {
         std::string text;
         if (c < 0xD800 || c > 0xDFFF)
