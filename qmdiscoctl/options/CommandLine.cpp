@@ -246,9 +246,10 @@ Options CommandLine::options() const
     for (const Row& row : m_commands)
         if (row.app->parsed())
             options.command = row.command;
-    options.type = options.command == Command::PUT ? Svc::AT_EXTSRC : Svc::AT_ANYANDALL;
-    parseAuthorityType(m_texts.type, options.type);
-    parseQueryType(m_texts.queryType, options.queryType);
+    options.type =
+        parseAuthorityType(m_texts.type)
+            .value_or(options.command == Command::PUT ? Svc::AT_EXTSRC : Svc::AT_ANYANDALL);
+    options.queryType = parseQueryType(m_texts.queryType).value_or(options.queryType);
     options.priority = static_cast<std::uint32_t>(numberOf(m_texts.priority));
     options.timeToLive = numberOf(m_texts.timeToLive);
     if (!m_texts.recordsPerPage.empty())

@@ -1,15 +1,16 @@
 #pragma once
 // The names that people use for the values of the wire contract.
 
+#include <optional>
 #include <string>
 
 #include "ExitCode.h"
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-/// False, with out unchanged, when the text names no value. The case of letters does not matter.
-bool parseAuthorityType(const std::string& text, Svc::AuthorityType& out);
-bool parseQueryType(const std::string& text, Svc::DiscoveryQuery& out);
+/// Absent when the text names no value. The case of letters does not matter.
+[[nodiscard]] std::optional<Svc::AuthorityType> parseAuthorityType(const std::string& text);
+[[nodiscard]] std::optional<Svc::DiscoveryQuery> parseQueryType(const std::string& text);
 
 std::string toName(Svc::AuthorityType type);
 /// "DS_NONE_FOUND".

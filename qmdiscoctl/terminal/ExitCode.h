@@ -1,9 +1,9 @@
 #pragma once
 // The exit codes. Scripts rely on them, and --help prints them.
 
-#include <optional>
 #include <string>
 
+#include <tl/expected.hpp>
 #include <tlx/Corba.h>
 
 #include <DiscoverySvc.hh>
@@ -41,7 +41,8 @@ struct Failure
     friend bool operator==(const Failure&, const Failure&) = default;
 };
 
-/// The result of an operation: a failure, or nothing.
-using Outcome = std::optional<Failure>;
+/// The result of a step: its value, or why the command failed.
+template <class T = void>
+using Result = tl::expected<T, Failure>;
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

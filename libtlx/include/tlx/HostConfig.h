@@ -7,6 +7,7 @@
 // default.
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -75,15 +76,12 @@ class HostConfig
     /// Reads the text instead of the file, for tests and fuzzing. The problems show the name as the
     /// file's.
     void readText(const std::string& text, const std::string& name);
-    /// Reads the lines of the text as if they were at the end of the file, until the next read. A
-    /// program uses it if its command line overrides the file.
-    void addText(const std::string& text, const std::string& name);
     std::vector<Problem> problems() const;
 
-    /// False (and out unchanged) when the key is absent or its value was refused.
-    bool getString(const DeclaredKey& key, std::string& out) const;
-    bool getBoolean(const DeclaredKey& key, bool& out) const;
-    bool getNumber(const DeclaredKey& key, std::uint64_t& out) const;
+    /// The value. Absent if the file has none, or if its value was refused.
+    [[nodiscard]] std::optional<std::string> getString(const DeclaredKey& key) const;
+    [[nodiscard]] std::optional<bool> getBoolean(const DeclaredKey& key) const;
+    [[nodiscard]] std::optional<std::uint64_t> getNumber(const DeclaredKey& key) const;
     /// The place of a key's value, for a message: "FILE:LINE", or "not set in FILE" without a
     /// value.
     std::string placeOf(const DeclaredKey& key) const;
@@ -95,8 +93,8 @@ class HostConfig
     /// Where the service of a host listens: ENDPOINT.<host>, otherwise the host at the default
     /// port. Host names compare without regard to case.
     Endpoint endpointOf(const std::string& host) const;
-    /// False (and out unchanged) when the file names no endpoint of the host.
-    bool getEndpointOf(const std::string& host, Endpoint& out) const;
+    /// Absent when the file names no endpoint of the host.
+    [[nodiscard]] std::optional<Endpoint> getEndpointOf(const std::string& host) const;
 
     /// Whether this host is the master: exactly when SERVER names it, by its own name, an alias or
     /// a local address. May resolve names, for at most 5 seconds. Without SERVER: false.

@@ -9,6 +9,8 @@
 #include <sstream>
 #include <string>
 
+#include <tl/expected.hpp>
+
 namespace Veltrane::Quillmark::Tlx {
 
 constexpr int LOG_LEVEL_FAILURE = 1;
@@ -80,8 +82,8 @@ class LoggerFactory
     Logger* getLogger(unsigned originator);
 
     /// Changes where lines go. The existing loggers become stale. If it cannot open the file, it
-    /// returns false, puts the reason into error and changes nothing.
-    [[nodiscard]] bool configure(const LogSettings& settings, std::string& error);
+    /// returns the reason and changes nothing.
+    [[nodiscard]] tl::expected<void, std::string> configure(const LogSettings& settings);
 
     /// Sets the level of this process. Every logger uses it at once.
     void setLevel(int level);

@@ -31,6 +31,7 @@
 #include <string_view>
 #include <vector>
 
+#include <tl/expected.hpp>
 #include <tlx/JobExecInfo.h>
 #include <tlx/RefCounted.h>
 #include <tlx/String.h>
@@ -170,9 +171,6 @@ class TlxQuery : public virtual TLXRefCounted, public XmlInterface
     /// flag.
     bool matches(const QuerySource& item) const;
 
-    /// The fields that the expression asks about, in lower-case letters, sorted, each once.
-    std::vector<std::string> fieldsAsked() const;
-
     /// Sets the job that asks; null for an unknown one. The query keeps a reference of its own.
     void setJob(const JobExecInfo* job) { m_job.refObject(job); }
     const JobExecInfo* job() const { return m_job.get(); }
@@ -191,11 +189,9 @@ class TlxQuery : public virtual TLXRefCounted, public XmlInterface
     ///   - The field takes the values of both. It takes any value when one of them does, or when
     ///     they list too many together.
     /// Characters that XML cannot carry become U+FFFD.
-    /// @return false, with nothing changed, when isFieldName refuses the name or a bound above
-    /// would be exceeded.
-    bool addField(const QueryField& field);
-    /// The same. @param refused why the field was not added; empty when it was.
-    bool addField(const QueryField& field, std::string& refused);
+    /// Answers why it was not added, with nothing changed, when isFieldName refuses the name or a
+    /// bound above would be exceeded.
+    [[nodiscard]] tl::expected<void, std::string> addField(const QueryField& field);
     /// The fields, in the order in which they were added.
     const std::vector<QueryField>& fields() const { return m_fields; }
     /// The field of that name, in any case of its letters; null when it is unknown.
@@ -232,7 +228,7 @@ class TlxQuery : public virtual TLXRefCounted, public XmlInterface
     virtual void userOperation(const XMLCh* name, AttributeList& attributes);
 
   private:
-    bool addCarryable(const QueryField& added, std::string& refused);
+    [[nodiscard]] tl::expected<void, std::string> addCarryable(const QueryField& added);
     void addFields(const std::vector<QueryField>& fields, QueryLosses& losses);
 
     TlxString m_query;

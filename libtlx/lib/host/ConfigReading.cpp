@@ -31,27 +31,16 @@ const ConfigText::Value* ConfigReading::find(const DeclaredKey& key,
     return &found->second;
 }
 
-bool ConfigReading::find(const DeclaredKey& key, std::string& out) const
+std::optional<std::string> ConfigReading::getString(const DeclaredKey& key) const
 {
     const ConfigText::Value* const value = find(key, key.name());
-    if (value)
-        out = value->text;
-    return value != nullptr;
-}
-
-/// Empty when the key is absent.
-std::string ConfigReading::valueOf(const DeclaredKey& key) const
-{
-    std::string value;
-    find(key, value);
-    return value;
+    return value ? std::optional(value->text) : std::nullopt;
 }
 
 std::string ConfigReading::localHostName() const
 {
-    std::string name;
-    if (find(ConfigKey::CLIENT_NAME, name))
-        return name;
+    if (const auto name = getString(ConfigKey::CLIENT_NAME))
+        return *name;
     char buffer[256] = "";
     if (::gethostname(buffer, sizeof buffer - 1) != 0 || buffer[0] == '\0')
         return "localhost";
@@ -60,16 +49,16 @@ std::string ConfigReading::localHostName() const
 
 Endpoint ConfigReading::listenEndpoint() const
 {
-    Endpoint endpoint{"0.0.0.0", DEFAULT_PORT};
-    parseEndpoint(valueOf(ConfigKey::LISTEN), endpoint);
-    return endpoint;
+    const auto written = getString(ConfigKey::LISTEN);
+    const auto endpoint = written ? parseEndpoint(*written) : std::nullopt;
+    return endpoint.value_or(Endpoint{"0.0.0.0", DEFAULT_PORT});
 }
 
-bool ConfigReading::getEndpointOf(const std::string& host, Endpoint& out) const
+std::optional<Endpoint> ConfigReading::getEndpointOf(const std::string& host) const
 {
     const DeclaredKey& key = ConfigKey::ENDPOINT_OF_HOST;
     const ConfigText::Value* const value = find(key, key.name() + host);
-    return value && parseEndpoint(value->text, out);
+    return value ? parseEndpoint(value->text) : std::nullopt;
 }
 
 bool ConfigReading::isMaster()
@@ -94,7 +83,7 @@ bool ConfigReading::isOwnEndpoint(const Endpoint& endpoint) const
     if (endpoint.port != own.port)
         return false;
     if (isSameIgnoringCase(endpoint.address, own.address) ||
-        isSameIgnoringCase(endpoint.address, valueOf(ConfigKey::PUBLISH_ADDRESS)))
+        isSameIgnoringCase(endpoint.address, getString(ConfigKey::PUBLISH_ADDRESS).value_or("")))
         return true;
     // Compares addresses: one may be a name, and an IPv6 address can be written in many ways.
     const auto start = std::chrono::steady_clock::now();
@@ -114,15 +103,14 @@ bool ConfigReading::isOwnEndpoint(const Endpoint& endpoint) const
 
 bool ConfigReading::findOutMaster() const
 {
-    std::string server;
-    if (!find(ConfigKey::SERVER, server))
+    const auto server = getString(ConfigKey::SERVER);
+    if (!server)
         return false;
-    if (isSameIgnoringCase(server, localHostName()))
+    if (isSameIgnoringCase(*server, localHostName()))
         return true;
-    Endpoint endpoint;
-    if (getEndpointOf(server, endpoint))
-        return isOwnEndpoint(endpoint);
-    const auto addresses = resolveHost(server, RESOLVE_LIMIT);
+    if (const auto endpoint = getEndpointOf(*server))
+        return isOwnEndpoint(*endpoint);
+    const auto addresses = resolveHost(*server, RESOLVE_LIMIT);
     return std::any_of(addresses.begin(), addresses.end(), isLocalAddress);
 }
 

@@ -20,9 +20,9 @@ class ConfigReading
 
     /// The value of a key in a file, unchanged; null if it is absent or refused.
     const ConfigText::Value* find(const DeclaredKey& key, const std::string& written) const;
-    /// False (and out unchanged) when the key is absent or its value was refused.
-    bool find(const DeclaredKey& key, std::string& out) const;
-    bool getEndpointOf(const std::string& host, Endpoint& out) const;
+    /// As HostConfig.
+    std::optional<std::string> getString(const DeclaredKey& key) const;
+    std::optional<Endpoint> getEndpointOf(const std::string& host) const;
     std::string localHostName() const;
     Endpoint listenEndpoint() const;
 
@@ -32,7 +32,6 @@ class ConfigReading
     std::optional<bool> knownMaster();
 
   private:
-    std::string valueOf(const DeclaredKey& key) const;
     bool isOwnEndpoint(const Endpoint& endpoint) const;
     bool findOutMaster() const;
 

@@ -90,9 +90,8 @@ void endField(QueryContext& context)
     const bool isOpened = field.values.size() > QUERY_MAX_VALUES;
     if (isOpened)
         field.values.clear();
-    std::string refused;
-    if (!context.m_described.addField(field, refused))
-        context.m_losses.addField(field, refused);
+    if (const auto done = context.m_described.addField(field); !done)
+        context.m_losses.addField(field, done.error());
     else if (isOpened)
         context.m_losses.addOpened(field);
 }

@@ -376,7 +376,7 @@ TEST_F(RemoteDBTest, AfterALostChunkNothingMoreIsSent)
 
 TEST_F(RemoteDBTest, FetchingHasALimitOfTime)
 {
-    HostConfig::instance().addText("REMOTE_MAX_SECONDS = 1\n", "limit");
+    configure("CLIENT_NAME = here\nREMOTE_MAX_SECONDS = 1\n");
     LogCapture log;
     EXPECT_FALSE(query("endless"));
     EXPECT_EQ(log.texts(1),
@@ -390,7 +390,7 @@ TEST_F(RemoteDBTest, FetchingHasALimitOfTime)
 
 TEST_F(RemoteDBTest, TheNamesOfAListHaveABound)
 {
-    HostConfig::instance().addText("REMOTE_MAX_BYTES = 1024\n", "limit");
+    configure("CLIENT_NAME = here\nREMOTE_MAX_BYTES = 1024\n");
     const LogCapture log;
     EXPECT_TRUE(query("records-30"));
     EXPECT_FALSE(query("records-100"));
