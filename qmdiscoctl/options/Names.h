@@ -3,9 +3,13 @@
 
 #include <string>
 
-#include "ExitCode.h"
+#include <tlx/Corba.h>
+
+#include <DiscoverySvc.hh>
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
+
+namespace Svc = Tlx::DiscoverySvc;
 
 /// False, with out unchanged, when the text names no value. The case of letters does not matter.
 bool parseAuthorityType(const std::string& text, Svc::AuthorityType& out);

@@ -10,6 +10,7 @@
 #include <tl/expected.hpp>
 
 #include "ExitCode.h"
+#include "Names.h"
 #include "Target.h"
 
 namespace Veltrane::Quillmark::Tlx {
@@ -73,6 +74,9 @@ class Service
 /// same limit again.
 [[nodiscard]] tl::expected<std::unique_ptr<Service>, Failure>
 connect(Tlx::Orb& orb, const Target& target, std::chrono::seconds limit);
+
+/// The exit code of a status; EC_OK for DS_SUCCESS.
+ExitCode exitCodeOf(Svc::DiscoveryStatus status);
 
 /// Why a request failed, for people, with the exception's own name.
 std::string explain(const CORBA::SystemException& exception);
