@@ -153,6 +153,16 @@ class FakeRepository : public Disc::DiscoveryRepository
     ~FakeRepository() override = default;
 };
 
+/// A registration of the authority "a".
+inline Tlx::AutoDereference<Disc::ExplorerWrapper>
+entry(const Disc::Explorer& explorer, const std::string& subject, unsigned priority)
+{
+    const Disc::Subject of(subject);
+    const Disc::Authority by("a", Disc::AT_QMKCLIENT);
+    return Tlx::AutoDereference<Disc::ExplorerWrapper>(
+        new Disc::ExplorerWrapper(&explorer, priority, &of, &by));
+}
+
 /// A reactor without a thread. The test moves its time forward.
 class FakeReactor
 {

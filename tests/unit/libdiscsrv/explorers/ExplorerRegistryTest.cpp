@@ -18,6 +18,7 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 using QmTest::Calls;
+using QmTest::entry;
 using QmTest::eventually;
 using QmTest::FakePull;
 using QmTest::FakePush;
@@ -26,14 +27,6 @@ using QmTest::LogCapture;
 using namespace std::chrono_literals;
 
 constexpr std::size_t MOST = 100;
-
-AutoDereference<ExplorerWrapper> entry(const Explorer& explorer, const std::string& subject,
-                                       unsigned priority)
-{
-    const Subject of(subject);
-    const Authority by("a", AT_QMKCLIENT);
-    return AutoDereference<ExplorerWrapper>(new ExplorerWrapper(&explorer, priority, &of, &by));
-}
 
 /// A store that the test holds up, for longer than the test waits for others.
 class HeldStore

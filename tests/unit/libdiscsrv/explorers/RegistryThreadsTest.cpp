@@ -17,6 +17,7 @@
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
+using QmTest::entry;
 using QmTest::FakePull;
 using QmTest::FakePush;
 using Entry = AutoDereference<ExplorerWrapper>;
@@ -25,19 +26,12 @@ constexpr unsigned WRITERS = 8;
 constexpr unsigned READERS = 24;
 constexpr unsigned NAMES = 8; ///< each writer has names of its own
 constexpr unsigned ROUNDS = 200;
-constexpr unsigned QUERIES = 200;
-constexpr unsigned GLANCES = 100; ///< cheap looks for each walk, so that many meet a change
+constexpr unsigned QUERIES = 60;
+constexpr unsigned GLANCES = 300; ///< cheap looks for each walk, so that many meet a change
 
 std::string nameOf(unsigned writer, unsigned index)
 {
     return "w" + std::to_string(writer) + "n" + std::to_string(index);
-}
-
-Entry entry(const Explorer& explorer, const std::string& subject, unsigned priority)
-{
-    const Subject of(subject);
-    const Authority by("a", AT_QMKCLIENT);
-    return Entry(new ExplorerWrapper(&explorer, priority, &of, &by));
 }
 
 /// Runs all threads at the same moment, and waits for their end.
@@ -193,6 +187,7 @@ TEST_F(RegistryThreadsTest, EverySnapshotShowsWholeChanges)
 TEST_F(RegistryThreadsTest, WhatIsTakenAwayIsTakenOnce)
 {
     constexpr unsigned TAKERS = 4;
+    constexpr unsigned TAKES = 2000; ///< of each taker
     std::mutex mutex;
     std::vector<std::string> taken;
     const auto take = [&] {
@@ -216,12 +211,12 @@ TEST_F(RegistryThreadsTest, WhatIsTakenAwayIsTakenOnce)
         });
     for (unsigned taker = 0; taker < TAKERS; ++taker)
         bodies.emplace_back([&] {
-            for (unsigned i = 0; i < QUERIES; ++i)
+            for (unsigned i = 0; i < TAKES; ++i)
                 take();
         });
     for (unsigned reader = 0; reader < READERS; ++reader)
         bodies.emplace_back([this] {
-            for (unsigned i = 0; i < QUERIES; ++i) {
+            for (unsigned i = 0; i < TAKES; ++i) {
                 const ExplorerSnapshot snapshot = registry.snapshot();
                 const std::size_t size = snapshot.push->size() + snapshot.pull->size();
                 faults.note(size <= WRITERS * NAMES, "there are too many");
