@@ -5,7 +5,7 @@
 #include <tlx/Servant.h>
 
 #include "DiscLog.h"
-#include "FetchLimit.h"
+#include "FetchTimeLimit.h"
 #include "InFlight.h"
 #include "OutOfReach.h"
 #include "PeerLink.h"
@@ -275,7 +275,7 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr iterator)
 {
     const std::uint64_t bound = HostConfig::instance().number(ConfigKey::REMOTE_MAX_BYTES);
     m_cache.resize(FIRST_CACHE_BYTES);
-    const FetchLimit limit;
+    const FetchTimeLimit limit;
     for (;;) {
         if (limit.isOver())
             return failOpen("A collection of another host " + limit.text());

@@ -50,7 +50,7 @@ const RecordOf OTHER = {.subject = "other", .payload = "the other one"};
 const RecordOf OLD = {.priority = 1, .payload = "old"};
 const RecordOf NEW = {.priority = 2, .payload = "new"};
 
-/// This process does not use the store, so its children start without any state of the store.
+/// Only child processes use the store, so none inherits a state of it.
 struct DiscDBCrashTest : QmTest::Store
 {
     void SetUp() override

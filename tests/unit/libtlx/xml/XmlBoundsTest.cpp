@@ -39,7 +39,7 @@ TEST(XmlBoundsTest, TheBytesBeforeTheDocumentsElementAreBounded)
     expectRefused(repeated(XML_MAX_PROLOG_BYTES / 8 + BLOCK, "<!--c-->") + "<Doc/>", reason);
     EXPECT_EQ(domParse(model(XML_MAX_PROLOG_BYTES)), 0);
     EXPECT_EQ(domParse(model(XML_MAX_PROLOG_BYTES + BLOCK)), 1);
-    // The bound ends at its start tag.
+    // The bound covers nothing behind the root's start tag.
     EXPECT_TRUE(
         document.parseBuffer("<Doc>" + std::string(2 * XML_MAX_PROLOG_BYTES, 'x') + "</Doc>"));
 }
