@@ -14,8 +14,6 @@ using QmTest::FakePush;
 using QmTest::FakeReactor;
 using QmTest::LogCapture;
 
-constexpr long FOUR_HOURS = 14400;
-
 struct PushScheduleTest : testing::Test, PushScheduleOwner
 {
     PushScheduleTest() { HostConfig::instance().readText("CLIENT_NAME = here\n", "qm.conf"); }
@@ -65,7 +63,7 @@ TEST_F(PushScheduleTest, ASecondStartPushesTheExplorersOfItsMomentAndLeavesTheFi
     EXPECT_EQ(reactor.pass(1), 1);
     EXPECT_EQ(push->calls, (Calls{"push s of a", "push t of a"}));
     push->calls.clear();
-    EXPECT_EQ(reactor.pass(FOUR_HOURS), 2) << "both timers run on";
+    EXPECT_EQ(reactor.pass(14400), 2) << "both timers run on";
     EXPECT_EQ(push->calls.size(), 3u);
     EXPECT_EQ(reactor.scheduled(), 2);
 }
