@@ -212,7 +212,7 @@ Report measureAll()
 {
     const BenchedService service;
     Tlx::LoggerFactory::instance().setLevel(0);
-    Tlx::Orb orb(true, "", "bench", false, 16);
+    Tlx::Orb orb(true, "", "bench", false);
     Peer peer;
     const std::string base = "corbaloc:iiop:1.2@" + service.endpoint() + "/";
     CORBA::Object_var object = orb.getOrb()->string_to_object((base + "DiscoveryService").c_str());

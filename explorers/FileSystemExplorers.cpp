@@ -31,9 +31,8 @@ void logFailure(const std::string& text)
 /// Returns the mounted file systems that the configuration does not exclude, or a text for the log.
 tl::expected<std::vector<FileSystem>, std::string> readFileSystems()
 {
-    std::string excluded = LEFT_OUT;
-    Tlx::HostConfig::instance().getString(Tlx::ConfigKey::FILESYSTEM_EXCLUDE, excluded);
-    return readMountTable(MOUNT_TABLE, Exclusion(excluded));
+    const auto excluded = Tlx::HostConfig::instance().getString(Tlx::ConfigKey::FILESYSTEM_EXCLUDE);
+    return readMountTable(MOUNT_TABLE, Exclusion(excluded.value_or(LEFT_OUT)));
 }
 
 /// Stores a document in a new discovery with the arguments of a push.

@@ -28,8 +28,7 @@ void RegisterExplorers(DiscoveryRepository* repository)
     const AutoDereference<ExplorerPush> filtersPush(new Explorers::FileSystemFiltersPush);
     repository->registerExplorer(&filters, filtersPush.get(), PRIORITY_OF_OURS, nullptr);
 
-    bool mayBePulled = true;
-    config.getBoolean(Tlx::ConfigKey::FILESYSTEM_PULL, mayBePulled);
+    const bool mayBePulled = config.getBoolean(Tlx::ConfigKey::FILESYSTEM_PULL).value_or(true);
     if (!mayBePulled)
         return;
     const Subject pulled(Explorers::pullSubject(host));

@@ -132,9 +132,8 @@ Result<> Daemon::startLogging()
     settings.keep = static_cast<unsigned>(config.number(Tlx::ConfigKey::LOG_KEEP));
     settings.toStderr = m_options.foreground;
     settings.level = wantedLogLevel();
-    std::string error;
-    if (!Tlx::LoggerFactory::instance().configure(settings, error))
-        return tl::unexpected(Failure{EC_ROOT_UNUSABLE, error});
+    if (const auto configured = Tlx::LoggerFactory::instance().configure(settings); !configured)
+        return tl::unexpected(Failure{EC_ROOT_UNUSABLE, configured.error()});
     m_logging = true;
     return {};
 }

@@ -28,7 +28,6 @@ using std::chrono::seconds;
 /// The limit for finding the service, with the resolution of its name.
 constexpr seconds CONNECT_LIMIT{10};
 constexpr seconds REQUEST_LIMIT{30};
-constexpr std::size_t ORB_HANDLES = 64;
 
 void complain(const std::string& line)
 {
@@ -58,7 +57,7 @@ class Connector
     {
     }
 
-    tl::expected<std::unique_ptr<Service>, Failure> connect()
+    Result<std::unique_ptr<Service>> connect()
     {
         if (m_target.endpoint.port == 0)
             return tl::unexpected(unreachable(escaped(m_target.host), m_target.endpoint,
@@ -66,7 +65,7 @@ class Connector
                                                   " it is not running, and the configuration "
                                                   "names no port"));
         try {
-            m_orb = std::make_unique<Tlx::Orb>(true, "", "qmdiscoctl", false, ORB_HANDLES);
+            m_orb = std::make_unique<Tlx::Orb>(true, "", "qmdiscoctl", false);
         } catch (const Tlx::OrbError& error) {
             return tl::unexpected(Failure{EC_FAILURE, escaped(error.what())});
         }
@@ -104,14 +103,14 @@ int run(const Options& options)
         .localHost = config.localHostName(),
         .connect = [&connector] { return connector.connect(); },
         .research = [&](auto query, const auto& subject, const auto& authority, auto* filter,
-                        const auto& each) -> Outcome {
+                        const auto& each) -> Result<> {
             // Only the connector knows why a service cannot be reached.
             if (const auto connected = connector.connect(); !connected)
-                return connected.error();
-            Outcome outcome = research.read(query, subject, authority, filter, each);
-            if (!outcome)
+                return tl::unexpected(connected.error());
+            auto done = research.read(query, subject, authority, filter, each);
+            if (done)
                 log->take(); // the command itself reports the unread discoveries
-            return outcome;
+            return done;
         },
         .out = dataGoesOut ? static_cast<Output&>(data) : text,
         .outIsTerminal = outIsTerminal,
@@ -121,15 +120,15 @@ int run(const Options& options)
         .epochSeconds = [] { return static_cast<std::int64_t>(std::time(nullptr)); },
         .isRunning = &isRunning,
     };
-    Outcome outcome = runCommand(session);
-    if (!outcome)
-        outcome = session.out.finish();
-    if (!outcome)
+    auto done = runCommand(session);
+    if (done)
+        done = session.out.finish();
+    if (done)
         return EC_OK;
-    complain(outcome->text);
+    complain(done.error().text);
     for (const KeptLog::Kept& line : log->take())
         complain("log: " + line.operation + ": " + line.text);
-    return outcome->code;
+    return done.error().code;
 }
 
 } // namespace
@@ -146,9 +145,9 @@ int runProgram(int argc, char** argv)
             return run(parsed.options);
         if (*parsed.end != EC_OK) {
             (void)Tlx::writeAll(STDERR_FILENO, parsed.text);
-        } else if (const Outcome failed = StandardOutput().write(parsed.text)) {
-            complain(failed->text);
-            return failed->code;
+        } else if (const auto done = StandardOutput().write(parsed.text); !done) {
+            complain(done.error().text);
+            return done.error().code;
         }
         return *parsed.end;
     } catch (const std::exception& error) {

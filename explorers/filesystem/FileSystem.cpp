@@ -152,11 +152,11 @@ void takeFileSystemElement(FileSystem& fileSystem, const XMLCh* name, const TlxS
         fileSystem.readOnly = text == TlxString("1");
 }
 
-bool readFileSystem(const Tlx::DiscoverySvc::DiscoveredItem& item, FileSystem& fileSystem)
+std::optional<FileSystem> readFileSystem(const Tlx::DiscoverySvc::DiscoveredItem& item)
 {
     const AutoDereference<Tlx::DiscoverySvc::ExplorerData> data(item.getExplorerData());
     if (!data || item.getExplorerName() != TlxString(FILE_SYSTEMS_EXPLORER))
-        return false;
+        return std::nullopt;
     // The explorer's own parser, which is in a plug-in, or the default one has read the block. Both
     // can write it again as XML.
     std::ostringstream xml;
@@ -167,10 +167,9 @@ bool readFileSystem(const Tlx::DiscoverySvc::DiscoveredItem& item, FileSystem& f
     Block block;
     if (!wrote || !block.parseBuffer(xml.str()) || block.m_fileSystem.device.empty() ||
         block.m_fileSystem.type.empty())
-        return false;
-    fileSystem = block.m_fileSystem;
-    fileSystem.mount = item.getName();
-    return true;
+        return std::nullopt;
+    block.m_fileSystem.mount = item.getName();
+    return block.m_fileSystem;
 }
 
 FileSystemSource::~FileSystemSource() = default;
@@ -185,8 +184,9 @@ QueryValue FileSystemSource::valueOf(const std::string& field) const
 
 void FileSystemSource::describe(TlxQuery& query)
 {
+    // A full query lacks the fields that have no room.
     for (const Field& field : FIELDS)
-        query.addField({field.name, field.type, field.description, {}});
+        (void)query.addField({field.name, field.type, field.description, {}});
 }
 
 } // namespace Veltrane::Quillmark::Explorers

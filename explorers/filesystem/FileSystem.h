@@ -1,6 +1,6 @@
 #pragma once
-// A file system as the default explorers report it: the data block of an item that carries the
-// name of the mount point. The explorers write the block, qmdiscoctl reads it back.
+// A file system as the default explorers report it: the data block of an item. The item's name is
+// the mount point. The explorers write the block, qmdiscoctl reads it back.
 //
 // Any thread may call the functions. They log nothing unless their comment says so.
 
@@ -53,10 +53,11 @@ bool isFileSystemElement(const XMLCh* name);
 /// Takes the value of one element. An unknown element or a malformed number changes nothing.
 void takeFileSystemElement(FileSystem& fileSystem, const XMLCh* name, const Tlx::TlxString& text);
 
-/// Reads the file system of an item. It accepts blocks from every parser. Returns false and leaves
-/// fileSystem unchanged if the item is from another explorer or its block lacks device or type. If
-/// the data throws, it logs that at level 1.
-bool readFileSystem(const Tlx::DiscoverySvc::DiscoveredItem& item, FileSystem& fileSystem);
+/// Reads the file system of an item. It accepts blocks from every parser. Absent if the item is
+/// from another explorer or its block lacks device or type. If the data throws, it logs that at
+/// level 1.
+[[nodiscard]] std::optional<FileSystem>
+readFileSystem(const Tlx::DiscoverySvc::DiscoveredItem& item);
 
 /// A host's file system as the source of a query's values.
 class FileSystemSource : public Tlx::QuerySource

@@ -1,4 +1,4 @@
-// The hosts that discoveries came from. Each one publishes the fields of its filters.
+// The discovered clients: the hosts that publish what a filter may ask about.
 
 #include <set>
 #include <vector>
@@ -8,7 +8,7 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-Outcome runClients(Session& session)
+Result<> runClients(Session& session)
 {
     std::set<std::string> clients;
     const auto add = [&clients](Svc::CollectionItemIterator& items) {
@@ -17,8 +17,8 @@ Outcome runClients(Session& session)
             clients.insert(items.getAuthority()->getName().utf8());
     };
     for (const char* subject : Svc::CLIENT_SUBJECTS)
-        if (Outcome failed = session.research(Svc::DQ_FILTER_DATA, subject, "*", nullptr, add))
-            return failed;
+        if (auto done = session.research(Svc::DQ_FILTER_DATA, subject, "*", nullptr, add); !done)
+            return done;
     std::vector<std::vector<std::string>> rows{{"CLIENT"}};
     for (const std::string& client : clients)
         rows.push_back({client});

@@ -4,7 +4,7 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-Outcome runCommand(Session& session)
+Result<> runCommand(Session& session)
 {
     switch (session.options.command) {
     case Command::PUT:
@@ -28,7 +28,7 @@ Outcome runCommand(Session& session)
     case Command::STOP:
         return runStop(session);
     }
-    return Failure{EC_USAGE, "no such command"};
+    return tl::unexpected(Failure{EC_USAGE, "no such command"});
 }
 
 std::string toText(const Json& document)
@@ -36,7 +36,7 @@ std::string toText(const Json& document)
     return document.dump(2, ' ', true, Json::error_handler_t::replace) + "\n";
 }
 
-Outcome answer(Session& session, const std::string& text, const Json& document)
+Result<> answer(Session& session, const std::string& text, const Json& document)
 {
     return session.out.write(session.options.json ? toText(document) : text);
 }

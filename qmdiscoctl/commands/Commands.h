@@ -27,11 +27,11 @@ struct Session
     const StatusDocument& status;
     std::string localHost; ///< this host's own name
     /// Returns the service after it has answered, or why it cannot be reached.
-    std::function<tl::expected<std::unique_ptr<Service>, Failure>()> connect;
+    std::function<Result<std::unique_ptr<Service>>()> connect;
     /// Reads discoveries, see Research::read.
-    std::function<Outcome(Svc::DiscoveryQuery query, const std::string& subject,
-                          const std::string& authority, const Svc::FilterParameters* filter,
-                          const EachDiscovery& each)>
+    std::function<Result<>(Svc::DiscoveryQuery query, const std::string& subject,
+                           const std::string& authority, const Svc::FilterParameters* filter,
+                           const EachDiscovery& each)>
         research;
     /// The output for answers.
     Output& out;
@@ -46,19 +46,19 @@ struct Session
 };
 
 /// Runs the command that the options name.
-Outcome runCommand(Session& session);
+[[nodiscard]] Result<> runCommand(Session& session);
 
-Outcome runPut(Session& session);
-Outcome runQuery(Session& session);
-Outcome runGet(Session& session);
-Outcome runStatus(Session& session);
-Outcome runItems(Session& session);
-Outcome runFilters(Session& session);
-Outcome runExplorers(Session& session);
-Outcome runClients(Session& session);
-Outcome runRegisteredClients(Session& session);
-Outcome runRefresh(Session& session);
-Outcome runStop(Session& session);
+[[nodiscard]] Result<> runPut(Session& session);
+[[nodiscard]] Result<> runQuery(Session& session);
+[[nodiscard]] Result<> runGet(Session& session);
+[[nodiscard]] Result<> runStatus(Session& session);
+[[nodiscard]] Result<> runItems(Session& session);
+[[nodiscard]] Result<> runFilters(Session& session);
+[[nodiscard]] Result<> runExplorers(Session& session);
+[[nodiscard]] Result<> runClients(Session& session);
+[[nodiscard]] Result<> runRegisteredClients(Session& session);
+[[nodiscard]] Result<> runRefresh(Session& session);
+[[nodiscard]] Result<> runStop(Session& session);
 
 // The functions that commands share.
 
@@ -69,7 +69,7 @@ using Json = nlohmann::ordered_json;
 std::string toText(const Json& document);
 
 /// Prints the text, or the document with --json.
-Outcome answer(Session& session, const std::string& text, const Json& document);
+[[nodiscard]] Result<> answer(Session& session, const std::string& text, const Json& document);
 
 /// The pattern for the wire: "*" when none was given.
 std::string orAny(const std::string& pattern);

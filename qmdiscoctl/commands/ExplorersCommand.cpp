@@ -41,23 +41,26 @@ std::string tableOf(const Json& explorers)
 } // namespace
 
 // The wire contract has no list of explorers. The service's status file has one.
-Outcome runExplorers(Session& session)
+Result<> runExplorers(Session& session)
 {
     const StatusDocument& status = session.status;
     if (!session.options.host.empty() && !session.target.local)
-        return Failure{EC_USAGE, "the explorers of " + escaped(session.target.host) +
-                                     " can be listed on that host only"};
+        return tl::unexpected(Failure{EC_USAGE, "the explorers of " + escaped(session.target.host) +
+                                                    " can be listed on that host only"});
     if (!status.found)
-        return Failure{EC_UNREACHABLE, "the service of this host is not running: there is no " +
-                                           escaped(status.path)};
+        return tl::unexpected(
+            Failure{EC_UNREACHABLE, "the service of this host is not running: there is no " +
+                                        escaped(status.path)});
     if (!status.problem.empty())
-        return Failure{EC_FAILURE, escaped(status.path) + " " + status.problem};
+        return tl::unexpected(Failure{EC_FAILURE, escaped(status.path) + " " + status.problem});
     if (status.stale)
-        return Failure{EC_UNREACHABLE, "the service of this host is not running: " +
-                                           escaped(status.path) + " is of one that ended"};
+        return tl::unexpected(Failure{
+            EC_UNREACHABLE, "the service of this host is not running: " + escaped(status.path) +
+                                " is of one that ended"});
     const auto member = status.members.find("explorers");
     if (member == status.members.end() || !member->is_array())
-        return Failure{EC_FAILURE, escaped(status.path) + " has no list of explorers"};
+        return tl::unexpected(
+            Failure{EC_FAILURE, escaped(status.path) + " has no list of explorers"});
     const std::string next = cell(status.members, "nextPush");
     const std::string count = cell(status.members, "explorersRegistered");
     std::string text = tableOf(*member);

@@ -46,7 +46,7 @@ Json documentOf(const Tlx::TlxQuery& query)
 
 } // namespace
 
-Outcome runFilters(Session& session)
+Result<> runFilters(Session& session)
 {
     Tlx::TlxQuery query;
     std::vector<Unread> unread;
@@ -55,8 +55,8 @@ Outcome runFilters(Session& session)
         Svc::mergeDescriptions(query, items);
     };
     for (const char* subject : Svc::CLIENT_SUBJECTS)
-        if (Outcome failed = session.research(Svc::DQ_FILTER_DATA, subject, "*", nullptr, add))
-            return failed;
+        if (auto done = session.research(Svc::DQ_FILTER_DATA, subject, "*", nullptr, add); !done)
+            return done;
     return answer(session, tableOf(query) + textOf(unread),
                   {{"filters", documentOf(query)}, {"unread", documentOf(unread)}});
 }

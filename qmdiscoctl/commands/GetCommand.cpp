@@ -8,7 +8,7 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 
 namespace {
 
-/// Large pages need only few round trips. The service may answer with shorter ones.
+/// With large pages, few round trips are enough. The service may answer with shorter ones.
 constexpr CORBA::Long PAGE_BYTES = 1 << 20;
 
 const char* whyNotRead(Svc::DiscoveryStatus status)
@@ -37,40 +37,40 @@ class Get
 {
   public:
     explicit Get(Session& session) : m_session(session), m_options(session.options) {}
-    Outcome run();
+    [[nodiscard]] Result<> run();
 
   private:
     Failure refused(Svc::DiscoveryStatus status) const;
-    Outcome receive(Service& service, Output& output);
-    Outcome receivePages(DataPages& pages, Output& output);
+    [[nodiscard]] Result<> receive(Service& service, Output& output);
+    [[nodiscard]] Result<> receivePages(DataPages& pages, Output& output);
 
     Session& m_session;
     const Options& m_options;
     std::uint64_t m_received = 0;
 };
 
-Outcome Get::run()
+Result<> Get::run()
 {
     // First do the steps that can fail on this side, before the service has any work.
     if (isPattern(m_options.subject) || isPattern(m_options.authority))
-        return refused(Svc::DS_LOGIC_ERROR);
+        return tl::unexpected(refused(Svc::DS_LOGIC_ERROR));
     const bool toFile = !m_options.output.empty();
     std::unique_ptr<Output> file;
     if (toFile) {
         auto opened = makeFileOutput(m_options.output);
         if (!opened)
-            return opened.error();
+            return tl::unexpected(opened.error());
         file = std::move(*opened);
     }
     const auto service = m_session.connect();
     if (!service)
-        return service.error();
-    if (Outcome failed = receive(**service, toFile ? *file : m_session.out))
-        return failed;
+        return tl::unexpected(service.error());
+    if (auto done = receive(**service, toFile ? *file : m_session.out); !done)
+        return done;
     if (!toFile)
         return {}; // standard output gets only the data
-    if (Outcome failed = file->finish())
-        return failed;
+    if (auto done = file->finish(); !done)
+        return done;
     return answer(m_session,
                   "wrote " + bytesText(m_received) + " to " + escaped(m_options.output) + "\n",
                   {{"host", m_session.target.host},
@@ -88,29 +88,31 @@ Failure Get::refused(Svc::DiscoveryStatus status) const
                                     whyNotRead(status)};
 }
 
-Outcome Get::receive(Service& service, Output& output)
+Result<> Get::receive(Service& service, Output& output)
 {
     try {
         std::unique_ptr<DataPages> pages;
         const Svc::DiscoveryStatus status =
             service.getCollectionData(recordOf(m_options), m_options.filter, pages);
         if (status != Svc::DS_SUCCESS)
-            return refused(status);
+            return tl::unexpected(refused(status));
         if (!pages)
-            return Failure{EC_BROKE_OFF, theService(m_session) + " answered without an iterator"};
-        Outcome outcome = receivePages(*pages, output);
+            return tl::unexpected(
+                Failure{EC_BROKE_OFF, theService(m_session) + " answered without an iterator"});
+        auto received = receivePages(*pages, output);
         try {
             pages->release();
         } catch (const CORBA::SystemException&) {
             // The service removes an idle iterator by itself.
         }
-        return outcome;
+        return received;
     } catch (const CORBA::SystemException& exception) {
-        return brokeOff(m_session, exception, "; " + bytesText(m_received) + " were received");
+        return tl::unexpected(
+            brokeOff(m_session, exception, "; " + bytesText(m_received) + " were received"));
     }
 }
 
-Outcome Get::receivePages(DataPages& pages, Output& output)
+Result<> Get::receivePages(DataPages& pages, Output& output)
 {
     // If the data goes to the same terminal, the person sees the progress anyway.
     const bool shown =
@@ -123,8 +125,8 @@ Outcome Get::receivePages(DataPages& pages, Output& output)
         if (count == 0)
             return {};
         const auto* const bytes = reinterpret_cast<const char*>(page->get_buffer());
-        if (Outcome failed = output.write({bytes, count}))
-            return failed;
+        if (auto done = output.write({bytes, count}); !done)
+            return done;
         m_received += count;
         progress.add(count);
     }
@@ -132,7 +134,7 @@ Outcome Get::receivePages(DataPages& pages, Output& output)
 
 } // namespace
 
-Outcome runGet(Session& session)
+Result<> runGet(Session& session)
 {
     return Get(session).run();
 }

@@ -62,7 +62,7 @@ class Items
     {
         m_filter.setQuery(filter);
     }
-    Outcome read(Session& session);
+    [[nodiscard]] Result<> read(Session& session);
     std::string text() const;
     Json document() const;
 
@@ -75,15 +75,15 @@ class Items
     std::vector<Unread> m_unread;
 };
 
-Outcome Items::read(Session& session)
+Result<> Items::read(Session& session)
 {
     const Options& options = session.options;
-    Outcome outcome =
+    auto done =
         session.research(Svc::DQ_DISCOVERY_DATA, orAny(options.subject), orAny(options.authority),
                          options.filter.empty() ? nullptr : &m_parameters,
                          [this](Svc::CollectionItemIterator& items) { take(items); });
     std::sort(m_items.begin(), m_items.end());
-    return outcome;
+    return done;
 }
 
 void Items::take(Svc::CollectionItemIterator& items)
@@ -96,10 +96,8 @@ void Items::take(Svc::CollectionItemIterator& items)
         const auto* discovered = dynamic_cast<const Svc::DiscoveredItem*>(next);
         if (!discovered)
             continue; // a description of filters is no discovered item
-        Item item{host, subject, discovered->getName(), discovered->getExplorerName().utf8(), {}};
-        Explorers::FileSystem fileSystem;
-        if (readFileSystem(*discovered, fileSystem))
-            item.fileSystem = fileSystem;
+        Item item{host, subject, discovered->getName(), discovered->getExplorerName().utf8(),
+                  Explorers::readFileSystem(*discovered)};
         // Filter here, too. Some explorers do not filter, and a filter gets lost on its way through
         // another host.
         if (matches(m_filter, item))
@@ -151,11 +149,11 @@ Json Items::document() const
 
 } // namespace
 
-Outcome runItems(Session& session)
+Result<> runItems(Session& session)
 {
     Items items(session.options.filter);
-    if (Outcome failed = items.read(session))
-        return failed;
+    if (auto done = items.read(session); !done)
+        return done;
     return answer(session, items.text(), items.document());
 }
 

@@ -56,11 +56,11 @@ class Put
 {
   public:
     explicit Put(Session& session) : m_session(session), m_options(session.options) {}
-    Outcome run();
+    [[nodiscard]] Result<> run();
 
   private:
-    Outcome send(Service& service);
-    Outcome sendData(Writer& writer);
+    [[nodiscard]] Result<> send(Service& service);
+    [[nodiscard]] Result<> sendData(Writer& writer);
     Failure refused(Svc::DiscoveryStatus status) const;
     /// "; 3 of 5 bytes were sent, nothing was stored".
     std::string sentText() const;
@@ -71,21 +71,22 @@ class Put
     std::uint64_t m_sent = 0;
 };
 
-Outcome Put::run()
+Result<> Put::run()
 {
     // First do the steps that can fail on this side, before the service has any work.
     if (isPattern(m_options.subject) || isPattern(m_options.authority))
-        return Failure{EC_USAGE, "cannot store " + escaped(m_options.subject) + " of " +
-                                     escaped(m_options.authority) +
-                                     ": * and ? stand for other characters in a query, so "
-                                     "nothing could read it by that name"};
-    if (Outcome failed = m_input.open(m_options.input))
-        return failed;
+        return tl::unexpected(
+            Failure{EC_USAGE, "cannot store " + escaped(m_options.subject) + " of " +
+                                  escaped(m_options.authority) +
+                                  ": * and ? stand for other characters in a query, so "
+                                  "nothing could read it by that name"});
+    if (auto done = m_input.open(m_options.input); !done)
+        return done;
     const auto service = m_session.connect();
     if (!service)
-        return service.error();
-    if (Outcome failed = send(**service))
-        return failed;
+        return tl::unexpected(service.error());
+    if (auto done = send(**service); !done)
+        return done;
     return answer(m_session,
                   "stored " + bytesText(m_sent) + " as " + escaped(m_options.subject) + " of " +
                       escaped(m_options.authority) + " (" + toName(m_options.type) + ") on " +
@@ -100,51 +101,52 @@ Outcome Put::run()
 // Close the writer only after everything was sent. The service stores the received data at the
 // close. So an early close would replace a good discovery by incomplete data. A writer without a
 // close stores nothing.
-Outcome Put::send(Service& service)
+Result<> Put::send(Service& service)
 {
     std::unique_ptr<Writer> writer;
     try {
         const Svc::DiscoveryResult opened = service.putCollection(recordOf(m_session), writer);
         if (opened.discStatus != Svc::DS_SUCCESS)
-            return refused(opened.discStatus);
+            return tl::unexpected(refused(opened.discStatus));
         if (!writer)
-            return Failure{EC_BROKE_OFF, theService(m_session) + " answered without a writer"};
-        if (Outcome failed = sendData(*writer))
-            return failed;
+            return tl::unexpected(
+                Failure{EC_BROKE_OFF, theService(m_session) + " answered without a writer"});
+        if (auto done = sendData(*writer); !done)
+            return done;
     } catch (const CORBA::SystemException& exception) {
-        return brokeOff(m_session, exception, sentText());
+        return tl::unexpected(brokeOff(m_session, exception, sentText()));
     }
     try {
         const Svc::DiscoveryResult closed = writer->close();
         if (closed.discStatus != Svc::DS_SUCCESS)
-            return refused(closed.discStatus);
+            return tl::unexpected(refused(closed.discStatus));
     } catch (const CORBA::SystemException& exception) {
-        return brokeOff(m_session, exception,
-                        "; all " + bytesText(m_sent) +
-                            " were sent, whether they were stored is not known");
+        return tl::unexpected(brokeOff(m_session, exception,
+                                       "; all " + bytesText(m_sent) +
+                                           " were sent, whether they were stored is not known"));
     }
     return {};
 }
 
-Outcome Put::sendData(Writer& writer)
+Result<> Put::sendData(Writer& writer)
 {
     Progress progress(m_session.errorsAreTerminal, "put", m_input.size());
     std::vector<unsigned char> buffer(CHUNK_BYTES);
     for (;;) {
-        std::size_t count = 0;
-        if (Outcome failed = m_input.read(buffer, count))
-            return Failure{failed->code, failed->text + sentText()};
-        if (count == 0)
+        const auto count = m_input.read(buffer);
+        if (!count)
+            return tl::unexpected(Failure{count.error().code, count.error().text + sentText()});
+        if (*count == 0)
             return {};
         // The sequence borrows the buffer.
-        const auto length = static_cast<CORBA::ULong>(count);
+        const auto length = static_cast<CORBA::ULong>(*count);
         const Remote::CollectionDataSeq data(length, length, buffer.data(), false);
         if (!writer.put(data))
-            return Failure{EC_BROKE_OFF, theService(m_session) +
-                                             " failed to take the data; its log has the reason" +
-                                             sentText()};
-        m_sent += count;
-        progress.add(count);
+            return tl::unexpected(Failure{
+                EC_BROKE_OFF, theService(m_session) +
+                                  " failed to take the data; its log has the reason" + sentText()});
+        m_sent += *count;
+        progress.add(*count);
     }
 }
 
@@ -164,7 +166,7 @@ std::string Put::sentText() const
 
 } // namespace
 
-Outcome runPut(Session& session)
+Result<> runPut(Session& session)
 {
     return Put(session).run();
 }

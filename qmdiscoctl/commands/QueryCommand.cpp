@@ -30,22 +30,23 @@ Json documentOf(const std::vector<Record>& all)
 
 } // namespace
 
-Outcome runQuery(Session& session)
+Result<> runQuery(Session& session)
 {
     const Options& options = session.options;
     const auto connected = session.connect();
     if (!connected)
-        return connected.error();
+        return tl::unexpected(connected.error());
     Service& service = **connected;
     std::vector<Record> all;
     try {
         const std::unique_ptr<RecordPages> pages = service.queryDiscoveries(
             options.queryType, options.type, orAny(options.authority), orAny(options.subject));
         if (!pages)
-            return Failure{EC_BROKE_OFF, theService(session) + " answered without an iterator"};
+            return tl::unexpected(
+                Failure{EC_BROKE_OFF, theService(session) + " answered without an iterator"});
         all = readList(*pages, options.recordsPerPage);
     } catch (const CORBA::SystemException& exception) {
-        return brokeOff(session, exception);
+        return tl::unexpected(brokeOff(session, exception));
     }
     // Print only now, so that an incomplete list never looks complete.
     return session.out.write(options.json ? toText(documentOf(all)) : tableOf(all));

@@ -45,44 +45,44 @@ struct Listing
     std::vector<Unreadable> unreadable;
 };
 
-/// @return the problem; empty on success.
-std::string readOne(Service& service, const Record& record, Registered& out)
+/// Where the explorer of a record is, or what is wrong with the record.
+tl::expected<Registered, std::string> readOne(Service& service, const Record& record)
 {
     const Remote::Discovery wanted =
         recordNamed(record.subject, record.authority, Svc::AT_REMOTEPULL, Svc::DQ_DISCOVERY_DATA);
     std::unique_ptr<DataPages> pages;
     const Svc::DiscoveryStatus status = service.getCollectionData(wanted, "", pages);
     if (status != Svc::DS_SUCCESS)
-        return toName(status);
+        return tl::unexpected<std::string>(toName(status));
     if (!pages)
-        return "no iterator was answered";
-    std::string data;
-    if (!readData(*pages, MAX_DOCUMENT_BYTES, data))
-        return "its data is no such document: it is too long";
-    std::stringstream document(data);
+        return tl::unexpected<std::string>("no iterator was answered");
+    const auto data = readData(*pages, MAX_DOCUMENT_BYTES);
+    if (!data)
+        return tl::unexpected<std::string>("its data is no such document: it is too long");
+    std::stringstream document(*data);
+    Registered registered{};
     Tlx::TlxString name;
     Tlx::TlxString host;
     Svc::AuthorityType type = Svc::AT_ANYANDALL;
-    if (Svc::XMLHelper().parse(document, name, host, out.priority, type) != 0)
-        return "its data does not say where the explorer is";
-    out.host = host.utf8();
-    out.service = name.utf8();
-    out.subject = record.subject;
-    out.authority = record.authority;
-    out.type = toName(type);
-    return {};
+    if (Svc::XMLHelper().parse(document, name, host, registered.priority, type) != 0)
+        return tl::unexpected<std::string>("its data does not say where the explorer is");
+    registered.host = host.utf8();
+    registered.service = name.utf8();
+    registered.subject = record.subject;
+    registered.authority = record.authority;
+    registered.type = toName(type);
+    return registered;
 }
 
 Listing readAll(Service& service, RecordPages& pages)
 {
     Listing listing;
     for (const Record& record : readList(pages, RECORDS_PER_PAGE)) {
-        Registered registered{};
-        const std::string problem = readOne(service, record, registered);
-        if (problem.empty())
-            listing.registered.push_back(registered);
+        const auto registered = readOne(service, record);
+        if (registered)
+            listing.registered.push_back(*registered);
         else
-            listing.unreadable.push_back({record.subject, record.authority, problem});
+            listing.unreadable.push_back({record.subject, record.authority, registered.error()});
     }
     std::sort(listing.registered.begin(), listing.registered.end());
     return listing;
@@ -120,21 +120,22 @@ Json documentOf(const Listing& listing)
 
 } // namespace
 
-Outcome runRegisteredClients(Session& session)
+Result<> runRegisteredClients(Session& session)
 {
     const auto connected = session.connect();
     if (!connected)
-        return connected.error();
+        return tl::unexpected(connected.error());
     Service& service = **connected;
     Listing listing;
     try {
         const std::unique_ptr<RecordPages> pages =
             service.queryDiscoveries(Svc::DQ_DISCOVERY_DATA, Svc::AT_REMOTEPULL, "*", "*");
         if (!pages)
-            return Failure{EC_BROKE_OFF, theService(session) + " answered without an iterator"};
+            return tl::unexpected(
+                Failure{EC_BROKE_OFF, theService(session) + " answered without an iterator"});
         listing = readAll(service, *pages);
     } catch (const CORBA::SystemException& exception) {
-        return brokeOff(session, exception);
+        return tl::unexpected(brokeOff(session, exception));
     }
     return answer(session, textOf(listing), documentOf(listing));
 }

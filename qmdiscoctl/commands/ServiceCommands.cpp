@@ -43,22 +43,22 @@ bool waitUntilGone(Session& session, Service& service)
 
 } // namespace
 
-Outcome runRefresh(Session& session)
+Result<> runRefresh(Session& session)
 {
     const auto connected = session.connect();
     if (!connected)
-        return connected.error();
+        return tl::unexpected(connected.error());
     Service& service = **connected;
     const bool all = session.options.all;
     try {
         if (!all)
             service.restartLocalPushTimer();
         else if (!service.restartAllPushTimers())
-            return Failure{EC_FAILURE,
-                           theService(session) +
-                               " refused: it is not the master's, or a refresh is running"};
+            return tl::unexpected(Failure{
+                EC_FAILURE,
+                theService(session) + " refused: it is not the master's, or a refresh is running"});
     } catch (const CORBA::SystemException& exception) {
-        return brokeOff(session, exception);
+        return tl::unexpected(brokeOff(session, exception));
     }
     return answer(session,
                   std::string("refresh ") + (all ? "of all hosts " : "") + "started by " +
@@ -66,28 +66,28 @@ Outcome runRefresh(Session& session)
                   {{"host", session.target.host}, {"all", all}, {"started", true}});
 }
 
-Outcome runStop(Session& session)
+Result<> runStop(Session& session)
 {
     const auto connected = session.connect();
     if (!connected)
-        return connected.error();
+        return tl::unexpected(connected.error());
     Service& service = **connected;
     const unsigned limit = session.options.waitSeconds;
     try {
         if (!service.terminate())
-            return Failure{EC_FAILURE,
-                           theService(session) + " refused to stop; its log has the reason"};
+            return tl::unexpected(Failure{
+                EC_FAILURE, theService(session) + " refused to stop; its log has the reason"});
     } catch (const CORBA::COMM_FAILURE& exception) {
         // It may have stopped before it could answer.
         if (limit == 0)
-            return brokeOff(session, exception);
+            return tl::unexpected(brokeOff(session, exception));
     } catch (const CORBA::SystemException& exception) {
-        return brokeOff(session, exception);
+        return tl::unexpected(brokeOff(session, exception));
     }
     if (limit > 0 && !waitUntilGone(session, service))
-        return Failure{EC_FAILURE, theService(session) +
-                                       " was asked to stop and still runs after " +
-                                       std::to_string(limit) + " s"};
+        return tl::unexpected(Failure{EC_FAILURE, theService(session) +
+                                                      " was asked to stop and still runs after " +
+                                                      std::to_string(limit) + " s"});
     return answer(session, theService(session) + (limit > 0 ? " has stopped\n" : " is stopping\n"),
                   {{"host", session.target.host}, {"stopped", limit > 0}});
 }

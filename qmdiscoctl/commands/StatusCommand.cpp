@@ -12,27 +12,21 @@ namespace {
 using Rows = std::vector<std::vector<std::string>>;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
-/// The result of a request over the wire.
-struct Reach
-{
-    std::string reason; ///< why the service cannot be reached; empty on success
-    ExitCode code = EC_OK;
-    Milliseconds answer{0};
-};
+/// How long the service takes to answer, or why it cannot be reached.
+using Reach = Result<Milliseconds>;
 
 Reach reach(Session& session)
 {
     const auto service = session.connect();
     if (!service)
-        return {service.error().text, service.error().code, {}};
+        return tl::unexpected(service.error());
     try {
         // The connection exists by now, so this is the time of one request.
         const auto start = session.now();
         (*service)->ping();
-        return {{}, EC_OK, session.now() - start};
+        return session.now() - start;
     } catch (const CORBA::SystemException& exception) {
-        const Failure failure = brokeOff(session, exception);
-        return {failure.text, failure.code, {}};
+        return tl::unexpected(brokeOff(session, exception));
     }
 }
 
@@ -75,9 +69,9 @@ std::string tableOf(const Session& session, const Reach& reached)
 {
     Rows rows{{"service of", session.target.host},
               {"address", Tlx::toText(session.target.endpoint)},
-              {"reachable", reached.reason.empty() ? "yes" : "no"}};
-    if (reached.reason.empty())
-        rows.push_back({"answer time", fmt::format("{:.3f} ms", reached.answer.count())});
+              {"reachable", reached ? "yes" : "no"}};
+    if (reached)
+        rows.push_back({"answer time", fmt::format("{:.3f} ms", reached->count())});
     if (session.target.local) {
         rows.push_back({"status file", session.status.path});
         rows.push_back({"status", stateOf(session.status)});
@@ -90,11 +84,11 @@ Json documentOf(const Session& session, const Reach& reached)
 {
     Json document = {{"host", session.target.host},
                      {"address", Tlx::toText(session.target.endpoint)},
-                     {"reachable", reached.reason.empty()}};
-    if (reached.reason.empty())
-        document["answerMilliseconds"] = reached.answer.count();
+                     {"reachable", reached.has_value()}};
+    if (reached)
+        document["answerMilliseconds"] = reached->count();
     else
-        document["reason"] = reached.reason;
+        document["reason"] = reached.error().text;
     if (session.target.local) {
         const StatusDocument& status = session.status;
         document["statusFile"] = {{"path", status.path},
@@ -108,15 +102,16 @@ Json documentOf(const Session& session, const Reach& reached)
 
 } // namespace
 
-Outcome runStatus(Session& session)
+Result<> runStatus(Session& session)
 {
     const Reach reached = reach(session);
-    if (Outcome failed =
+    if (const auto done =
             session.out.write(session.options.json ? toText(documentOf(session, reached))
-                                                   : tableOf(session, reached)))
-        return failed;
-    if (reached.code != EC_OK)
-        return Failure{reached.code, reached.reason};
+                                                   : tableOf(session, reached));
+        !done)
+        return done;
+    if (!reached)
+        return tl::unexpected(reached.error());
     return {};
 }
 

@@ -72,20 +72,17 @@ std::string checkRoot(const std::string& text)
 
 std::string checkHost(const std::string& text)
 {
-    HostArgument host;
-    return expect(parseHost(text, host), "HOST, HOST:PORT or [IPV6]:PORT", text);
+    return expect(parseHost(text).has_value(), "HOST, HOST:PORT or [IPV6]:PORT", text);
 }
 
 std::string checkType(const std::string& text)
 {
-    Svc::AuthorityType type{};
-    return expect(parseAuthorityType(text, type), authorityTypeNames(), text);
+    return expect(parseAuthorityType(text).has_value(), authorityTypeNames(), text);
 }
 
 std::string checkQueryType(const std::string& text)
 {
-    Svc::DiscoveryQuery type{};
-    return expect(parseQueryType(text, type), queryTypeNames(), text);
+    return expect(parseQueryType(text).has_value(), queryTypeNames(), text);
 }
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

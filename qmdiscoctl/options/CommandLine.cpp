@@ -27,7 +27,8 @@ constexpr struct CommandRow
     {Command::QUERY, "query", "Data", "List discoveries"},
     {Command::GET, "get", "Data", "Read the data of a discovery"},
     {Command::ITEMS, "items", "Discovered items", "List discovered items, such as file systems"},
-    {Command::CLIENTS, "clients", "Discovered items", "List the hosts that discoveries came from"},
+    {Command::CLIENTS, "clients", "Discovered items",
+     "List the hosts that published what a filter may ask about"},
     {Command::FILTERS, "filters", "Discovered items",
      "List the fields that a filter of items may use"},
     {Command::STATUS, "status", "Service", "Show the state of the service"},
@@ -246,9 +247,10 @@ Options CommandLine::options() const
     for (const Row& row : m_commands)
         if (row.app->parsed())
             options.command = row.command;
-    options.type = options.command == Command::PUT ? Svc::AT_EXTSRC : Svc::AT_ANYANDALL;
-    parseAuthorityType(m_texts.type, options.type);
-    parseQueryType(m_texts.queryType, options.queryType);
+    options.type =
+        parseAuthorityType(m_texts.type)
+            .value_or(options.command == Command::PUT ? Svc::AT_EXTSRC : Svc::AT_ANYANDALL);
+    options.queryType = parseQueryType(m_texts.queryType).value_or(options.queryType);
     options.priority = static_cast<std::uint32_t>(numberOf(m_texts.priority));
     options.timeToLive = numberOf(m_texts.timeToLive);
     if (!m_texts.recordsPerPage.empty())

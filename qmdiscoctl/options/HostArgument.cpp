@@ -1,23 +1,18 @@
 #include "HostArgument.h"
 
-#include <tlx/HostConfig.h>
+#include <tlx/Endpoint.h>
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-bool parseHost(const std::string& text, HostArgument& out)
+std::optional<HostArgument> parseHost(const std::string& text)
 {
-    Tlx::Endpoint endpoint;
-    if (Tlx::parseEndpoint(text, endpoint) && endpoint.port != 0) {
-        out = {endpoint.address, endpoint.port};
-        return true;
-    }
+    if (const auto endpoint = Tlx::parseEndpoint(text); endpoint && endpoint->port != 0)
+        return HostArgument{endpoint->address, endpoint->port};
     // Without a port. A bare IPv6 address gets the brackets that an endpoint needs.
-    if (Tlx::parseEndpoint(text + ":1", endpoint) ||
-        Tlx::parseEndpoint("[" + text + "]:1", endpoint)) {
-        out = {endpoint.address, std::nullopt};
-        return true;
-    }
-    return false;
+    for (const std::string& withPort : {text + ":1", "[" + text + "]:1"})
+        if (const auto endpoint = Tlx::parseEndpoint(withPort))
+            return HostArgument{endpoint->address, std::nullopt};
+    return std::nullopt;
 }
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

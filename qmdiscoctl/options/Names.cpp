@@ -39,16 +39,13 @@ constexpr std::array<Name<Svc::DiscoveryStatus>, 6> STATUSES{{
     {"DS_DATA_EXISTS", Svc::DS_DATA_EXISTS},
 }};
 
-template <class Names, class Value>
-bool parse(const Names& names, const std::string& text, Value& out)
+template <class Value, class Names>
+std::optional<Value> parse(const Names& names, const std::string& text)
 {
-    for (const auto& name : names) {
-        if (Tlx::compareIgnoringCase(name.text, text) == 0) {
-            out = name.value;
-            return true;
-        }
-    }
-    return false;
+    for (const auto& name : names)
+        if (Tlx::compareIgnoringCase(name.text, text) == 0)
+            return name.value;
+    return std::nullopt;
 }
 
 template <class Names, class Value>
@@ -71,14 +68,14 @@ std::string all(const Names& names)
 
 } // namespace
 
-bool parseAuthorityType(const std::string& text, Svc::AuthorityType& out)
+std::optional<Svc::AuthorityType> parseAuthorityType(const std::string& text)
 {
-    return parse(AUTHORITY_TYPES, text, out);
+    return parse<Svc::AuthorityType>(AUTHORITY_TYPES, text);
 }
 
-bool parseQueryType(const std::string& text, Svc::DiscoveryQuery& out)
+std::optional<Svc::DiscoveryQuery> parseQueryType(const std::string& text)
 {
-    return parse(QUERY_TYPES, text, out);
+    return parse<Svc::DiscoveryQuery>(QUERY_TYPES, text);
 }
 
 std::string toName(Svc::AuthorityType type)

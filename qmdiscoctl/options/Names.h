@@ -1,15 +1,20 @@
 #pragma once
 // The names that people use for the values of the wire contract.
 
+#include <optional>
 #include <string>
 
-#include "ExitCode.h"
+#include <tlx/Corba.h>
+
+#include <DiscoverySvc.hh>
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-/// False, with out unchanged, when the text names no value. The case of letters does not matter.
-bool parseAuthorityType(const std::string& text, Svc::AuthorityType& out);
-bool parseQueryType(const std::string& text, Svc::DiscoveryQuery& out);
+namespace Svc = Tlx::DiscoverySvc;
+
+/// Absent if the text does not name a value. The case of letters does not matter.
+[[nodiscard]] std::optional<Svc::AuthorityType> parseAuthorityType(const std::string& text);
+[[nodiscard]] std::optional<Svc::DiscoveryQuery> parseQueryType(const std::string& text);
 
 std::string toName(Svc::AuthorityType type);
 /// "DS_NONE_FOUND".
@@ -19,8 +24,8 @@ std::string toName(Svc::DiscoveryStatus status);
 std::string authorityTypeNames();
 std::string queryTypeNames();
 
-/// Whether a subject or authority holds a wildcard ("%2A" is a "*", too). A query accepts it, but
-/// it cannot name a single record.
+/// Whether a subject or authority contains a wildcard ("%2A" is a "*", too). A query accepts it,
+/// but it cannot name a single record.
 bool isPattern(const std::string& name);
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -53,20 +53,20 @@ std::vector<Record> readList(RecordPages& pages, std::int32_t recordsPerPage)
     return all;
 }
 
-bool readData(DataPages& pages, std::size_t limit, std::string& out)
+std::optional<std::string> readData(DataPages& pages, std::size_t limit)
 {
     pages.setPageSize(static_cast<CORBA::Long>(limit));
-    out.clear();
+    std::string data;
     for (;;) {
         const std::unique_ptr<Remote::CollectionDataSeq> page = pages.next();
         if (page->length() == 0)
             break;
-        out.append(reinterpret_cast<const char*>(page->get_buffer()), page->length());
-        if (out.size() > limit)
+        data.append(reinterpret_cast<const char*>(page->get_buffer()), page->length());
+        if (data.size() > limit)
             break;
     }
     release(pages);
-    return out.size() <= limit;
+    return data.size() <= limit ? std::optional(std::move(data)) : std::nullopt;
 }
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -3,6 +3,7 @@
 
 #include <compare>
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,8 +30,7 @@ Remote::Discovery recordNamed(const std::string& subject, const std::string& aut
 /// the iterator.
 std::vector<Record> readList(RecordPages& pages, std::int32_t recordsPerPage);
 
-/// Reads all data of a small record, and frees the iterator. Returns false if the data exceeds the
-/// limit.
-bool readData(DataPages& pages, std::size_t limit, std::string& out);
+/// Reads all data of a small record, and frees the iterator. Absent if the data exceeds the limit.
+[[nodiscard]] std::optional<std::string> readData(DataPages& pages, std::size_t limit);
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

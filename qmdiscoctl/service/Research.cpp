@@ -19,16 +19,18 @@ bool Research::begin()
     return m_begun;
 }
 
-Outcome Research::read(Svc::DiscoveryQuery query, const std::string& subject,
-                       const std::string& authority, const Svc::FilterParameters* filter,
-                       const EachDiscovery& each)
+Result<> Research::read(Svc::DiscoveryQuery query, const std::string& subject,
+                        const std::string& authority, const Svc::FilterParameters* filter,
+                        const EachDiscovery& each)
 {
     if (!begin())
-        return Failure{EC_FAILURE, "discoveries cannot be read back by this process"};
+        return tl::unexpected(
+            Failure{EC_FAILURE, "discoveries cannot be read back by this process"});
     const auto all = Svc::researchDiscoveries(query, subject, authority, Svc::AT_ANYANDALL);
     if (!all)
-        return Failure{EC_BROKE_OFF, "the discovery service on " + escaped(m_target.host) +
-                                         " did not answer the query"};
+        return tl::unexpected(Failure{EC_BROKE_OFF, "the discovery service on " +
+                                                        escaped(m_target.host) +
+                                                        " did not answer the query"});
     for (;;) {
         const Tlx::AutoDereference<Svc::CollectionItemIterator> items(
             (*all)->getNextCollectionItemIterator(filter));

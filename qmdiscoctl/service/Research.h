@@ -8,6 +8,7 @@
 #include <Researcher.h>
 
 #include "ExitCode.h"
+#include "Names.h"
 #include "Target.h"
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
@@ -25,9 +26,9 @@ class Research
 
     /// Reads every discovery that matches. Call it only after the service has answered. Patterns
     /// and filter are those of getAuthSubIterator and getNextCollectionItemIterator.
-    Outcome read(Svc::DiscoveryQuery query, const std::string& subject,
-                 const std::string& authority, const Svc::FilterParameters* filter,
-                 const EachDiscovery& each);
+    [[nodiscard]] Result<> read(Svc::DiscoveryQuery query, const std::string& subject,
+                                const std::string& authority, const Svc::FilterParameters* filter,
+                                const EachDiscovery& each);
 
   private:
     bool begin();

@@ -21,13 +21,13 @@ Tlx::Endpoint reachable(Tlx::Endpoint endpoint)
 Tlx::Endpoint localEndpoint(const Tlx::HostConfig& config, const std::string& host,
                             const StatusDocument& status)
 {
-    Tlx::Endpoint endpoint;
-    if (status.isCurrent() && Tlx::parseEndpoint(status.text("endpoint"), endpoint) &&
-        endpoint.port != 0)
-        return reachable(endpoint);
-    std::string listen;
-    if (!config.getString(Tlx::ConfigKey::LISTEN, listen) && config.getEndpointOf(host, endpoint))
-        return endpoint;
+    const auto current =
+        status.isCurrent() ? Tlx::parseEndpoint(status.text("endpoint")) : std::nullopt;
+    if (current && current->port != 0)
+        return reachable(*current);
+    const auto named = config.getEndpointOf(host);
+    if (named && !config.getString(Tlx::ConfigKey::LISTEN))
+        return *named;
     return reachable(config.listenEndpoint());
 }
 
@@ -37,17 +37,17 @@ Target findTarget(const std::string& hostArgument, const Tlx::HostConfig& config
                   const StatusDocument& status)
 {
     Target target;
-    HostArgument given;
     const std::string own = config.localHostName();
-    if (parseHost(hostArgument, given)) {
-        target.host = given.host;
-        if (given.port) {
-            target.endpoint = {given.host, *given.port};
+    if (const auto given = parseHost(hostArgument)) {
+        target.host = given->host;
+        if (given->port) {
+            target.endpoint = {given->host, *given->port};
             return target;
         }
-        target.local = Tlx::isSameIgnoringCase(given.host, "localhost") ||
-                       Tlx::isSameIgnoringCase(given.host, own);
-    } else if (config.getString(Tlx::ConfigKey::SERVER, target.host)) {
+        target.local = Tlx::isSameIgnoringCase(given->host, "localhost") ||
+                       Tlx::isSameIgnoringCase(given->host, own);
+    } else if (const auto server = config.getString(Tlx::ConfigKey::SERVER)) {
+        target.host = *server;
         target.local = config.isMaster();
     } else {
         target.host = own;

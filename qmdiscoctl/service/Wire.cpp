@@ -101,8 +101,7 @@ class OrbService : public Service
 
 } // namespace
 
-tl::expected<std::unique_ptr<Service>, Failure> connect(Tlx::Orb& orb, const Target& target,
-                                                        seconds limit)
+Result<std::unique_ptr<Service>> connect(Tlx::Orb& orb, const Target& target, seconds limit)
 {
     Svc::ServiceAddress address;
     address.host = Tlx::TlxHostname(target.host);

@@ -7,9 +7,9 @@
 #include <string>
 
 #include <ServiceConnection.h>
-#include <tl/expected.hpp>
 
 #include "ExitCode.h"
+#include "Names.h"
 #include "Target.h"
 
 namespace Veltrane::Quillmark::Tlx {
@@ -71,8 +71,11 @@ class Service
 /// Returns the service of a host after it has answered, or why it cannot be reached. The limit
 /// holds for finding the service, with the resolution of its name. The check of its type has the
 /// same limit again.
-[[nodiscard]] tl::expected<std::unique_ptr<Service>, Failure>
-connect(Tlx::Orb& orb, const Target& target, std::chrono::seconds limit);
+[[nodiscard]] Result<std::unique_ptr<Service>> connect(Tlx::Orb& orb, const Target& target,
+                                                       std::chrono::seconds limit);
+
+/// The exit code of a status; EC_OK for DS_SUCCESS.
+ExitCode exitCodeOf(Svc::DiscoveryStatus status);
 
 /// Why a request failed, for people, with the exception's own name.
 std::string explain(const CORBA::SystemException& exception);

@@ -1,16 +1,11 @@
 #pragma once
 // The exit codes. Scripts rely on them, and --help prints them.
 
-#include <optional>
 #include <string>
 
-#include <tlx/Corba.h>
-
-#include <DiscoverySvc.hh>
+#include <tl/expected.hpp>
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
-
-namespace Svc = Tlx::DiscoverySvc;
 
 enum ExitCode : int
 {
@@ -19,16 +14,13 @@ enum ExitCode : int
     EC_USAGE = 2,
     EC_UNREACHABLE = 3,
     EC_BROKE_OFF = 4,
-    // Each status of the service has a code: 10 plus the status.
+    // Each status of the service has a code: 10 plus the status, see exitCodeOf.
     EC_NONE_FOUND = 11,
     EC_LOGIC_ERROR = 12,
     EC_OPEN_FAILED = 13,
     EC_COM_ERROR = 14,
     EC_DATA_EXISTS = 15,
 };
-
-/// The exit code of a status; EC_OK for DS_SUCCESS.
-ExitCode exitCodeOf(Svc::DiscoveryStatus status);
 
 /// The table of exit codes, for people.
 std::string exitCodeTable();
@@ -41,7 +33,8 @@ struct Failure
     friend bool operator==(const Failure&, const Failure&) = default;
 };
 
-/// The result of an operation: a failure, or nothing.
-using Outcome = std::optional<Failure>;
+/// The result of a step: its value, or why the command failed.
+template <class T = void>
+using Result = tl::expected<T, Failure>;
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -82,16 +82,16 @@ class DirectOutput : public Output
         : m_path(std::move(path)), m_file(std::move(file))
     {
     }
-    Outcome write(std::string_view bytes) override
+    Result<> write(std::string_view bytes) override
     {
         if (const auto written = Tlx::writeAll(m_file.get(), bytes); !written)
-            return cannot("write", m_path, written.error());
+            return tl::unexpected(cannot("write", m_path, written.error()));
         return {};
     }
-    Outcome finish() override
+    Result<> finish() override
     {
         if (const auto closed = m_file.close(); !closed)
-            return cannot("close", m_path, closed.error());
+            return tl::unexpected(cannot("close", m_path, closed.error()));
         return {};
     }
 
@@ -117,26 +117,26 @@ class FileOutput : public Output
     /// Returns false and sets errno on failure.
     bool setMode(mode_t mode) { return ::fchmod(m_temporary.descriptor.get(), mode) == 0; }
 
-    Outcome write(std::string_view bytes) override
+    Result<> write(std::string_view bytes) override
     {
         if (const auto written = Tlx::writeAll(m_temporary.descriptor.get(), bytes); !written)
-            return cannot("write", m_path, written.error());
+            return tl::unexpected(cannot("write", m_path, written.error()));
         return {};
     }
-    Outcome finish() override
+    Result<> finish() override
     {
         if (::fsync(m_temporary.descriptor.get()) != 0)
-            return cannot("write", m_path, systemError(errno));
+            return tl::unexpected(cannot("write", m_path, systemError(errno)));
         if (const auto closed = m_temporary.descriptor.close(); !closed)
-            return cannot("write", m_path, closed.error());
+            return tl::unexpected(cannot("write", m_path, closed.error()));
         if (::rename(m_temporary.path.c_str(), m_path.c_str()) != 0)
-            return cannot("replace", m_path, systemError(errno));
+            return tl::unexpected(cannot("replace", m_path, systemError(errno)));
         m_finished = true;
         return syncDirectory();
     }
 
   private:
-    Outcome syncDirectory() const
+    Result<> syncDirectory() const
     {
         const Tlx::TlxPathname directory = Tlx::TlxPathname(m_path).directory();
         const auto synced = Tlx::syncDirectory(directory);
@@ -144,7 +144,7 @@ class FileOutput : public Output
         if (synced || synced.error() == std::errc::permission_denied ||
             synced.error() == std::errc::invalid_argument)
             return {};
-        return cannot("sync", directory.text(), synced.error());
+        return tl::unexpected(cannot("sync", directory.text(), synced.error()));
     }
 
     const std::string m_path;
@@ -163,7 +163,7 @@ mode_t usualMode()
 
 } // namespace
 
-tl::expected<std::unique_ptr<Output>, Failure> makeFileOutput(const std::string& name)
+Result<std::unique_ptr<Output>> makeFileOutput(const std::string& name)
 {
     const auto refuse = [&name](const char* what, const std::error_code& error) {
         return tl::unexpected(cannot(what, name, error));

@@ -15,7 +15,7 @@ Failure Input::cannot(const char* what, const std::error_code& error) const
     return {EC_FAILURE, std::string("cannot ") + what + " " + m_name + ": " + error.message()};
 }
 
-Outcome Input::open(const std::string& name)
+Result<> Input::open(const std::string& name)
 {
     const bool standard = name == "-";
     m_name = standard ? "standard input" : escaped(name);
@@ -23,15 +23,15 @@ Outcome Input::open(const std::string& name)
     if (!standard) {
         auto file = Tlx::openFile(name, O_RDONLY | O_NOCTTY);
         if (!file)
-            return cannot("open", file.error());
+            return tl::unexpected(cannot("open", file.error()));
         m_file = std::move(*file);
         m_read = m_file.get();
     }
     struct stat about = {};
     if (::fstat(m_read, &about) != 0)
-        return cannot("open", Tlx::systemError(errno));
+        return tl::unexpected(cannot("open", Tlx::systemError(errno)));
     if (S_ISDIR(about.st_mode))
-        return cannot("read", Tlx::systemError(EISDIR));
+        return tl::unexpected(cannot("read", Tlx::systemError(EISDIR)));
     // A file that the kernel makes during the read, for instance in /proc, has size 0.
     if (S_ISREG(about.st_mode) && about.st_size > 0) {
         const off_t done = ::lseek(m_read, 0, SEEK_CUR);
@@ -41,13 +41,12 @@ Outcome Input::open(const std::string& name)
     return {};
 }
 
-Outcome Input::read(std::vector<unsigned char>& buffer, std::size_t& count)
+Result<std::size_t> Input::read(std::vector<unsigned char>& buffer)
 {
     const auto got = Tlx::readFull(m_read, reinterpret_cast<char*>(buffer.data()), buffer.size());
     if (!got)
-        return cannot("read", got.error());
-    count = *got;
-    return {};
+        return tl::unexpected(cannot("read", got.error()));
+    return *got;
 }
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -16,11 +16,12 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 class Input
 {
   public:
-    Outcome open(const std::string& name);
+    [[nodiscard]] Result<> open(const std::string& name);
     /// The number of bytes to read, if it is known.
     std::optional<std::uint64_t> size() const { return m_size; }
-    /// Reads the next bytes. It fills the buffer unless the data ends. At the end count is 0.
-    Outcome read(std::vector<unsigned char>& buffer, std::size_t& count);
+    /// Reads the next bytes and returns their count. It fills the buffer unless the data ends. At
+    /// the end the count is 0.
+    [[nodiscard]] Result<std::size_t> read(std::vector<unsigned char>& buffer);
 
   private:
     Failure cannot(const char* what, const std::error_code& error) const;

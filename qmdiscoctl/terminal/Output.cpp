@@ -22,20 +22,22 @@ bool isHarmless(char before, char c)
 
 } // namespace
 
-Outcome StandardOutput::write(std::string_view bytes)
+Result<> StandardOutput::write(std::string_view bytes)
 {
     if (const auto written = Tlx::writeAll(STDOUT_FILENO, bytes); !written)
-        return Failure{EC_FAILURE, "cannot write to standard output: " + written.error().message()};
+        return tl::unexpected(
+            Failure{EC_FAILURE, "cannot write to standard output: " + written.error().message()});
     return {};
 }
 
-Outcome StandardDataOutput::write(std::string_view bytes)
+Result<> StandardDataOutput::write(std::string_view bytes)
 {
     if (m_terminal && !bytes.empty()) {
         for (const char c : bytes) {
             if (!isHarmless(m_last, c))
-                return Failure{EC_FAILURE, "the data is not text, and standard output is a "
-                                           "terminal: redirect it, or name a file with -o"};
+                return tl::unexpected(Failure{EC_FAILURE,
+                                              "the data is not text, and standard output is a "
+                                              "terminal: redirect it, or name a file with -o"});
             m_last = c;
         }
     }

@@ -5,8 +5,6 @@
 #include <string>
 #include <string_view>
 
-#include <tl/expected.hpp>
-
 #include "ExitCode.h"
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
@@ -15,17 +13,17 @@ class Output
 {
   public:
     virtual ~Output() = default;
-    virtual Outcome write(std::string_view bytes) = 0;
+    [[nodiscard]] virtual Result<> write(std::string_view bytes) = 0;
     /// Completes the output. Write nothing after it.
-    virtual Outcome finish() = 0;
+    [[nodiscard]] virtual Result<> finish() = 0;
 };
 
 /// Standard output.
 class StandardOutput : public Output
 {
   public:
-    Outcome write(std::string_view bytes) override;
-    Outcome finish() override { return {}; }
+    [[nodiscard]] Result<> write(std::string_view bytes) override;
+    [[nodiscard]] Result<> finish() override { return {}; }
 };
 
 /// Standard output for any kind of data. On a terminal it refuses data that is not text, because
@@ -34,7 +32,7 @@ class StandardDataOutput : public StandardOutput
 {
   public:
     explicit StandardDataOutput(bool terminal) : m_terminal(terminal) {}
-    Outcome write(std::string_view bytes) override;
+    [[nodiscard]] Result<> write(std::string_view bytes) override;
 
   private:
     const bool m_terminal;
@@ -42,10 +40,9 @@ class StandardDataOutput : public StandardOutput
 };
 
 /// A file that appears under its name only when it is complete. The data goes to a temporary file
-/// in the same directory. finish syncs and renames it. Without finish no file stays behind, also if
+/// in the same directory. finish syncs and renames it. Without finish no file stays behind, even if
 /// a signal ends the program. An existing file keeps its permissions, and a symbolic link still
 /// leads to it. Data for a device or a pipe goes there directly.
-[[nodiscard]] tl::expected<std::unique_ptr<Output>, Failure>
-makeFileOutput(const std::string& name);
+[[nodiscard]] Result<std::unique_ptr<Output>> makeFileOutput(const std::string& name);
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

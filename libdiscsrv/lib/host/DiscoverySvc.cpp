@@ -36,8 +36,7 @@ bool DiscoverySvc::doShouldStart()
         DISC_LOG(1, "Failed to read config");
         return true;
     }
-    bool report = true;
-    if (!HostConfig::instance().getBoolean(ConfigKey::REPORT_CLIENT_DISCOVERIES, report) || report)
+    if (HostConfig::instance().getBoolean(ConfigKey::REPORT_CLIENT_DISCOVERIES).value_or(true))
         return true;
     DISC_LOG(4, "Shutting down qmdisco as directed by REPORT_CLIENT_DISCOVERIES=FALSE");
     return false;

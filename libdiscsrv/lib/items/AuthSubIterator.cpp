@@ -150,21 +150,13 @@ void AuthSubIterator::xmlStartElement(XmlObjParseContext* context, const XMLCh* 
         if (is(TAG_FILTER_DATA))
             return ctxt->m_nodes.push_back(DiscoverySetContext::FilterData);
     } else if (ctxt->m_nodes.back() == DiscoverySetContext::DiscoveredItems) {
-        if (is(TAG_DISCOVERED)) {
-            DiscoveredItem* item = nullptr;
-            ctxt->clearSub();
-            ctxt->m_subContext.reset(xmlCreateObject(name, attributes, ctxt, item));
-            ctxt->m_subInterface.reset(item);
-            return ctxt->m_nodes.push_back(DiscoverySetContext::Discovered);
-        }
+        if (is(TAG_DISCOVERED))
+            return ctxt->startSub<DiscoveredItem>(name, attributes,
+                                                  DiscoverySetContext::Discovered);
     } else if (ctxt->m_nodes.back() == DiscoverySetContext::FilterData) {
-        if (is(TlxQuery::QUERY_DESCRIPTION_TAG)) {
-            FilterItem* item = nullptr;
-            ctxt->clearSub();
-            ctxt->m_subContext.reset(xmlCreateObject(name, attributes, ctxt, item));
-            ctxt->m_subInterface.reset(item);
-            return ctxt->m_nodes.push_back(DiscoverySetContext::QueryDescription);
-        }
+        if (is(TlxQuery::QUERY_DESCRIPTION_TAG))
+            return ctxt->startSub<FilterItem>(name, attributes,
+                                              DiscoverySetContext::QueryDescription);
     } else {
         bool ready = TLX_ASSERT(ctxt->m_subContext);
         ready = TLX_ASSERT(ctxt->m_subInterface) && ready;

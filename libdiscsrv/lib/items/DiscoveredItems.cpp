@@ -26,7 +26,8 @@ constexpr const char* ATTRIBUTE_NAME = "Name";
 bool callParser(const ExplorerDataParser& parser, const DiscoveredDataContext& context,
                 const char* operation, const std::function<void()>& call)
 {
-    // The default parser is not foreign code, and it is called most often.
+    // The default parser needs no guard, because it is not foreign code. It is also called most
+    // often.
     if (dynamic_cast<const DefaultExplorerDataParser*>(&parser)) {
         call();
         return true;
@@ -144,17 +145,9 @@ void DiscoveredItem::xmlStartElement(XmlObjParseContext* context, const XMLCh* n
     }
     ctxt->clearText();
     if (XmlObjParseContext::cmptag(name, TAG_STATUS)) {
-        StatusMsg* status = nullptr;
-        ctxt->m_subContext.reset(xmlCreateObject(name, attributes, ctxt, status));
-        ctxt->m_status.reset(status);
-        ctxt->m_subInterface = status;
-        ctxt->m_nodes.push_back(DiscoveredDataContext::StatusMessage);
+        ctxt->startSub(name, attributes, ctxt->m_status, DiscoveredDataContext::StatusMessage);
     } else if (XmlObjParseContext::cmptag(name, QmkPolicy::TAG)) {
-        QmkPolicy* policy = nullptr;
-        ctxt->m_subContext.reset(xmlCreateObject(name, attributes, ctxt, policy));
-        ctxt->m_policy.reset(policy);
-        ctxt->m_subInterface = policy;
-        ctxt->m_nodes.push_back(DiscoveredDataContext::Policy);
+        ctxt->startSub(name, attributes, ctxt->m_policy, DiscoveredDataContext::Policy);
     } else if (XmlObjParseContext::cmptag(name, TAG_EXPLORER_DATA)) {
         startBlock(*ctxt, name, attributes);
     } else {

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 
+#include "DiscDataContexts.h"
 #include "DiscoveredItems.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -16,7 +17,7 @@ constexpr const char* TAG_FILTER_DATA = "FilterData";
 constexpr const char* TAG_DISCOVERED = "DISCOVERED";
 
 /// The whole document.
-class DiscoverySetContext : public XmlObjParseContext
+class DiscoverySetContext : public NestedContext<CollectionItem>
 {
   public:
     enum Node : std::uint32_t
@@ -27,17 +28,7 @@ class DiscoverySetContext : public XmlObjParseContext
         QueryDescription = 3,
     };
 
-    using XmlObjParseContext::XmlObjParseContext;
-
-    void clearSub()
-    {
-        m_subContext.reset();
-        m_subInterface.reset();
-    }
-
-    std::deque<std::uint32_t> m_nodes;
-    AutoDereference<CollectionItem> m_subInterface;
-    std::unique_ptr<XmlObjParseContext> m_subContext; ///< destroyed before m_subInterface
+    using NestedContext::NestedContext;
 };
 
 /// Inside a "DISCOVERED" element.
@@ -52,6 +43,18 @@ class DiscoveredDataContext : public XmlObjParseContext
     };
 
     using XmlObjParseContext::XmlObjParseContext;
+
+    /// Makes the Object of a child element, which `held` keeps, and the context that reads it.
+    template <class Object>
+    void startSub(const XMLCh* name, AttributeList& attributes, AutoDereference<Object>& held,
+                  Node node)
+    {
+        Object* object = nullptr;
+        m_subContext.reset(xmlCreateObject(name, attributes, this, object));
+        held.reset(object);
+        m_subInterface = object;
+        m_nodes.push_back(node);
+    }
 
     std::deque<std::uint32_t> m_nodes;
     /// m_status, m_policy or the item's explorer parser.

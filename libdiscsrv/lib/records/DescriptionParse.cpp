@@ -27,12 +27,8 @@ void Description::xmlStartElement(XmlObjParseContext* context, const XMLCh* name
         XmlInterface::xmlStartElement(ctxt, name, attributes);
         return;
     }
-    if (!TLX_ASSERT(!ctxt->m_subContext))
-        ctxt->clearSub();
-    StatusMsg* message = nullptr;
-    ctxt->m_subContext.reset(xmlCreateObject(name, attributes, ctxt, message));
-    ctxt->m_subInterface.reset(message);
-    ctxt->m_nodes.push_back(DescriptionContext::StatusMessage);
+    (void)TLX_ASSERT(!ctxt->m_subContext);
+    ctxt->startSub<StatusMsg>(name, attributes, DescriptionContext::StatusMessage);
 }
 
 void Description::xmlCharacters(XmlObjParseContext* context, const XMLCh* chars,

@@ -11,17 +11,23 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// Inside a "DiscoveryAuthority" or "DiscoverySubject" element.
-class DescriptionContext : public XmlObjParseContext
+/// Inside an element whose children are objects of their own. One of them is read at a time.
+template <class Sub>
+class NestedContext : public XmlObjParseContext
 {
   public:
-    enum Node : std::uint32_t
-    {
-        StatusMessage = 0
-    };
-
     using XmlObjParseContext::XmlObjParseContext;
 
+    /// Makes the Object of a child element, and the context that reads it.
+    template <class Object>
+    void startSub(const XMLCh* name, AttributeList& attributes, std::uint32_t node)
+    {
+        clearSub();
+        Object* object = nullptr;
+        m_subContext.reset(xmlCreateObject(name, attributes, this, object));
+        m_subInterface.reset(object);
+        m_nodes.push_back(node);
+    }
     void clearSub()
     {
         m_subContext.reset();
@@ -29,8 +35,20 @@ class DescriptionContext : public XmlObjParseContext
     }
 
     std::deque<std::uint32_t> m_nodes;
-    AutoDereference<StatusMsg> m_subInterface;
-    std::unique_ptr<XmlObjParseContext> m_subContext;
+    AutoDereference<Sub> m_subInterface;
+    std::unique_ptr<XmlObjParseContext> m_subContext; ///< destroyed before m_subInterface
+};
+
+/// Inside a "DiscoveryAuthority" or "DiscoverySubject" element.
+class DescriptionContext : public NestedContext<StatusMsg>
+{
+  public:
+    enum Node : std::uint32_t
+    {
+        StatusMessage = 0
+    };
+
+    using NestedContext::NestedContext;
 };
 
 /// The whole document.

@@ -48,7 +48,9 @@ void PeerLink::getMasterServerName(TlxHostname& out) const
     std::string name;
     if (m_master)
         name = m_master->host;
-    else if (!HostConfig::instance().getString(ConfigKey::SERVER, name))
+    else if (const auto server = HostConfig::instance().getString(ConfigKey::SERVER))
+        name = *server;
+    else
         DISC_LOG(1, "Unable to obtain master server name");
     out.setHostname(name);
 }

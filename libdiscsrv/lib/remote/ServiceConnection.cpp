@@ -21,14 +21,13 @@ connectToService(Orb* orb, const ServiceAddress& address)
     if (!orb)
         return Failure({ConnectFailure::NO_ORB, "this process has no ORB", {}});
     try {
-        LookupFailure failure;
-        const CORBA::Object_var object = orb->lookupObject(
-            {address.host, address.serviceName, address.endpoint, address.limit, address.elsewhere},
-            failure);
-        if (CORBA::is_nil(object))
-            return Failure({ConnectFailure::NOT_FOUND, failure.cause, failure.exception});
+        const auto object = orb->lookupObject({address.host, address.serviceName, address.endpoint,
+                                               address.limit, address.elsewhere});
+        if (!object)
+            return Failure(
+                {ConnectFailure::NOT_FOUND, object.error().cause, object.error().exception});
         const OrbCallLimit limited(address.limit); // _narrow may call the object
-        Remote::DiscoveryService_var service = Remote::DiscoveryService::_narrow(object);
+        Remote::DiscoveryService_var service = Remote::DiscoveryService::_narrow(*object);
         if (CORBA::is_nil(service))
             return Failure(
                 {ConnectFailure::NO_SERVICE, "what answers there is no discovery service", {}});

@@ -12,8 +12,8 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../DiscoveryRepository";
 
-// Compat(seed-from-name): operators know the delay of each host. Its seed is the number at the
-// start of the host name, so it is the same at every start.
+// Compat(seed-from-name): operators know the delay of each host. The delay is the same at every
+// start, because its seed is the number at the start of the host name.
 unsigned seededDelay(unsigned range)
 {
     const TlxHostname host = TlxHostname::local();

@@ -17,7 +17,6 @@ namespace {
 constexpr const char* LOG_SOURCE = "../Researcher";
 constexpr const char* OPERATION = "initDiscoveryResearch";
 constexpr unsigned REQUEST_TIMEOUT_SECONDS = 30;
-constexpr std::size_t REACTOR_HANDLES = 1024;
 
 tl::expected<DiscoveryResearcher*, std::string> theResearcher()
 {
@@ -52,7 +51,7 @@ tl::expected<DiscoveryResearcher*, std::string> initDiscoveryResearch(const Mast
 }
 
 DiscoveryResearcher::DiscoveryResearcher()
-    : m_orb(true, "", "researcher", true, REACTOR_HANDLES),
+    : m_orb(true, "", "researcher", true),
       m_framework(new DiscoveryFramework("discovery", DST_NO_SERVANT, &m_orb, true))
 {
     DISC_TRACE("DiscoveryResearcher::DiscoveryResearcher");

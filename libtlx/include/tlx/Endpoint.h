@@ -2,6 +2,7 @@
 // Hosts and endpoints as text.
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace Veltrane::Quillmark::Tlx {
@@ -13,8 +14,8 @@ struct Endpoint
     std::uint16_t port = 0;
     friend bool operator==(const Endpoint&, const Endpoint&) = default;
 };
-/// False (and out unchanged) when text is no endpoint.
-bool parseEndpoint(const std::string& text, Endpoint& out);
+/// Absent if the text is not an endpoint.
+[[nodiscard]] std::optional<Endpoint> parseEndpoint(const std::string& text);
 std::string toText(const Endpoint& endpoint);
 
 /// Whether text is a host name or an address. An IPv6 address has no brackets here.

@@ -3,9 +3,11 @@
 //
 // Each line is "KEY = value". A line that begins with "#" is a comment, and blank lines are
 // skipped. A later line with the same key replaces an earlier one. No mistake in the file keeps a
-// service down: a problem is reported with file, line and expectation, and the default holds.
+// service down: a problem is reported with file, line and expectation, and the key gets its
+// default.
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -38,7 +40,7 @@ inline constexpr DeclaredKey ENDPOINT_OF_HOST =
 constexpr std::uint16_t DEFAULT_PORT = 14400;
 
 /// The configuration of this host. Each process has one object. Reads are cheap and may come from
-/// any thread, also during a new read.
+/// any thread, even during a new read.
 class HostConfig
 {
   public:
@@ -74,15 +76,12 @@ class HostConfig
     /// Reads the text instead of the file, for tests and fuzzing. The problems show the name as the
     /// file's.
     void readText(const std::string& text, const std::string& name);
-    /// Reads the lines of the text as if they were at the end of the file, until the next read. A
-    /// program uses it if its command line overrides the file.
-    void addText(const std::string& text, const std::string& name);
     std::vector<Problem> problems() const;
 
-    /// False (and out unchanged) when the key is absent or its value was refused.
-    bool getString(const DeclaredKey& key, std::string& out) const;
-    bool getBoolean(const DeclaredKey& key, bool& out) const;
-    bool getNumber(const DeclaredKey& key, std::uint64_t& out) const;
+    /// The value. Absent if the file has none, or if its value was refused.
+    [[nodiscard]] std::optional<std::string> getString(const DeclaredKey& key) const;
+    [[nodiscard]] std::optional<bool> getBoolean(const DeclaredKey& key) const;
+    [[nodiscard]] std::optional<std::uint64_t> getNumber(const DeclaredKey& key) const;
     /// The place of a key's value, for a message: "FILE:LINE", or "not set in FILE" without a
     /// value.
     std::string placeOf(const DeclaredKey& key) const;
@@ -94,11 +93,12 @@ class HostConfig
     /// Where the service of a host listens: ENDPOINT.<host>, otherwise the host at the default
     /// port. Host names compare without regard to case.
     Endpoint endpointOf(const std::string& host) const;
-    /// False (and out unchanged) when the file names no endpoint of the host.
-    bool getEndpointOf(const std::string& host, Endpoint& out) const;
+    /// Absent when the file names no endpoint of the host.
+    [[nodiscard]] std::optional<Endpoint> getEndpointOf(const std::string& host) const;
 
     /// Whether this host is the master: exactly when SERVER names it, by its own name, an alias or
     /// a local address. May resolve names, for at most 5 seconds. Without SERVER: false.
+    /// If the name has no address, it logs that and returns false until the next read.
     bool isMaster() const;
 
     /// Threads use it until the process ends.

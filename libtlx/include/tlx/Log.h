@@ -9,6 +9,8 @@
 #include <sstream>
 #include <string>
 
+#include <tl/expected.hpp>
+
 namespace Veltrane::Quillmark::Tlx {
 
 constexpr int LOG_LEVEL_FAILURE = 1;
@@ -76,12 +78,12 @@ class LoggerFactory
   public:
     static LoggerFactory& instance();
 
-    /// The current logger of an originator.
+    /// Returns the current logger of an originator.
     Logger* getLogger(unsigned originator);
 
     /// Changes where lines go. The existing loggers become stale. If it cannot open the file, it
-    /// returns false, puts the reason into error and changes nothing.
-    [[nodiscard]] bool configure(const LogSettings& settings, std::string& error);
+    /// returns the reason and changes nothing.
+    [[nodiscard]] tl::expected<void, std::string> configure(const LogSettings& settings);
 
     /// Sets the level of this process. Every logger uses it at once.
     void setLevel(int level);
@@ -101,7 +103,7 @@ class LoggerFactory
 };
 
 /// Names the current operation of this thread, and writes no line. Each thread has a stack of
-/// scopes. Messages carry the name of the innermost scope. When it ends, also by an exception, the
+/// scopes. Messages carry the name of the innermost scope. When it ends, even by an exception, the
 /// enclosing scope is the innermost one again. A scope lives on the stack of one thread. Its name
 /// is a literal.
 class LogScope

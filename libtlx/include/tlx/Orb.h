@@ -2,12 +2,12 @@
 // The ORB as this system uses it.
 
 #include <chrono>
-#include <cstddef>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
 
+#include <tl/expected.hpp>
 #include <tlx/Corba.h>
 #include <tlx/Evictor.h>
 #include <tlx/HostConfig.h>
@@ -23,7 +23,7 @@ struct AdvertisedObject
     TlxHostname host;
     std::string name;
     /// Where the host listens. Without a value the configuration decides.
-    std::optional<Endpoint> endpoint;
+    std::optional<Endpoint> endpoint = std::nullopt;
     /// The limit for name resolution, connection and first call together.
     std::chrono::milliseconds limit;
     /// Whether an address that leads back to this very process is a failure, logged at level 1.
@@ -33,7 +33,7 @@ struct AdvertisedObject
 /// Why a lookup found nothing.
 struct LookupFailure
 {
-    std::string cause;     ///< one line for people, without the host's name; empty on success
+    std::string cause;     ///< one line for people, without the host's name
     std::string exception; ///< the name of the CORBA exception, such as "TRANSIENT"; may be empty
 };
 
@@ -51,10 +51,9 @@ class Orb
     ///        Port 0 takes a free one.
     /// @param serviceName the name of the service this ORB belongs to.
     /// @param evictorEnabled whether there is an evictor.
-    /// @param reactorHandles size of the reactor's table.
     /// @throws OrbError when the ORB cannot be brought up, for instance because the port is in use.
     Orb(bool clientOnly, const std::string& endpoint, const std::string& serviceName,
-        bool evictorEnabled, std::size_t reactorHandles);
+        bool evictorEnabled);
     ~Orb();
     Orb(const Orb&) = delete;
     Orb& operator=(const Orb&) = delete;
@@ -62,7 +61,7 @@ class Orb
     const std::string& getServiceName() const;
     /// The ORB itself. The caller does not release it.
     CORBA::ORB_ptr getOrb() const;
-    /// The reactor. This object owns it.
+    /// The reactor, which serves timers and no handles. This object owns it.
     ACE_Reactor* getReactor() const;
     bool isEvictorEnabled() const;
     /// @throws CORBA::BAD_INV_ORDER unless isEvictorEnabled().
@@ -88,7 +87,7 @@ class Orb
     /// Makes corbaloc:iiop:1.2@HOST:PORT/NAME lead to the object, for clients of any ORB.
     void advertiseObject(const std::string& name, CORBA::Object_ptr object);
 
-    /// Set once the service's objects are advertised.
+    /// Set once the service's objects are advertised. Nothing here asks; hosts built elsewhere do.
     void setPostAdvertised(bool advertised);
     bool isPostAdvertised() const;
 
@@ -96,19 +95,12 @@ class Orb
     void holdRequests();
     void serveRequests();
 
-    /// The object that the host's service advertises under a name. The caller owns the reference;
-    /// it is nil unless the object itself has answered. The limit holds for name resolution,
-    /// connection and first call together, also if the peer accepts and stays silent. A call into
-    /// this process itself runs on the calling thread and has no limit. Does not throw.
-    [[nodiscard]] CORBA::Object_ptr lookupObject(const TlxHostname& host, const std::string& name,
-                                                 std::chrono::milliseconds limit);
-    /// The same, but nil (and logged at level 1) when the name leads back to this process.
-    [[nodiscard]] CORBA::Object_ptr lookupObjectElsewhere(const TlxHostname& host,
-                                                          const std::string& name,
-                                                          std::chrono::milliseconds limit);
-    /// The same. If the reference is nil, failure has the reason.
-    [[nodiscard]] CORBA::Object_ptr lookupObject(const AdvertisedObject& wanted,
-                                                 LookupFailure& failure);
+    /// The object that the host's service advertises under a name, after the object itself has
+    /// answered. The limit holds for name resolution, connection and first call together, even if
+    /// the peer accepts and stays silent. A call into this process itself runs on the calling
+    /// thread and has no limit. Does not throw.
+    [[nodiscard]] tl::expected<CORBA::Object_var, LookupFailure>
+    lookupObject(const AdvertisedObject& wanted);
 
     /// How many servant operations (tlx/Servant.h) run in this process now. The status and the stop
     /// need it.
@@ -120,7 +112,7 @@ class Orb
 };
 
 /// While this object lives, it limits each remote call of the thread that made it. Afterwards the
-/// process's limit holds again. Any thread may make one, also a thread that is new to the ORB. Does
+/// process's limit holds again. Any thread may make one, even a thread that is new to the ORB. Does
 /// not nest.
 class OrbCallLimit
 {

@@ -20,15 +20,16 @@ namespace Veltrane::Quillmark::Tlx {
 class OrbService
 {
   public:
-    // Compat(reserved-arguments): programs pass log, timerQueue and restart, which this service
-    // does not use. They may override the hooks that it never calls.
+    // Compat(reserved-arguments): programs pass originator, log, foreground, reactorHandles,
+    // timerQueue and restart, which this class does not use. They may override the hooks that it
+    // never calls.
     /// @param serviceName the name of the service and of its ORB.
-    /// @param originator the service logs under it.
+    /// @param originator reserved: the number the service logs under.
     /// @param log reserved, null.
-    /// @param foreground whether a person is watching; isForeground() answers it.
+    /// @param foreground reserved: whether a person is watching.
     /// @param displayName for messages to people.
     /// @param clientOnly true: the ORB opens no port.
-    /// @param reactorHandles size of the ORB's reactor.
+    /// @param reactorHandles reserved: the reactor has no handles.
     /// @param timerQueue reserved, null: the ORB makes its own.
     OrbService(const char* serviceName, unsigned originator, void* log, bool foreground,
                const char* displayName, bool clientOnly, std::size_t reactorHandles,
@@ -69,7 +70,6 @@ class OrbService
     /// thread, and async-signal-safe.
     /// @param restart reserved, false.
     void stopByEvent(bool restart);
-    bool isStopRequested() const;
 
     /// Sets the function that stopByEvent calls, on any thread. The host sets it before the hooks
     /// run. It must be async-signal-safe: it only wakes the main thread.
@@ -77,8 +77,6 @@ class OrbService
 
     const std::string& getServiceName() const { return m_serviceName; }
     const std::string& getDisplayName() const { return m_displayName; }
-    unsigned getOriginator() const { return m_originator; }
-    bool isForeground() const { return m_foreground; }
 
   protected:
     /// Whether several such services may run on one host, and whether the ORB has an evictor. A
@@ -89,10 +87,7 @@ class OrbService
   private:
     const std::string m_serviceName;
     const std::string m_displayName;
-    const unsigned m_originator;
-    const bool m_foreground;
     const bool m_clientOnly;
-    const std::size_t m_reactorHandles;
     struct State;
     const std::unique_ptr<State> m_state;
 };

@@ -98,7 +98,7 @@ class RuntimeLoader : public EngineSingleton
     /// @param searchPath null for the product's lib/.
     /// @param global whether libraries loaded later may use its symbols.
     /// @return whether it was loaded and has every required symbol. Failures are logged, except an
-    /// absent library and an absent symbol.
+    /// absent library and an absent symbol. Loaders built elsewhere rely on this signature.
     [[nodiscard]] bool loadInterface(const std::string& libraryName, SymbolResolver& resolver,
                                      bool& found, const std::list<TlxPathname>* searchPath,
                                      bool global, int version);
@@ -128,7 +128,8 @@ class PluginDirector : public EngineSingleton
     void iteratePluginLibraries(LibraryIterationCallback& callback, unsigned long long cookie);
 
     /// Loads a plug-in library and resolves the resolver's functions. False when it lacks a
-    /// required symbol, or cannot be loaded (logged).
+    /// required symbol, or cannot be loaded (logged). Loaders built elsewhere rely on this
+    /// signature.
     /// @param resolvedName the library's path.
     [[nodiscard]] bool loadPluginInterface(const std::string& library, SymbolResolver& resolver,
                                            std::string& resolvedName);

@@ -282,7 +282,7 @@ Logger* LoggerFactory::getLogger(unsigned originator)
     return logger;
 }
 
-bool LoggerFactory::configure(const LogSettings& settings, std::string& error)
+tl::expected<void, std::string> LoggerFactory::configure(const LogSettings& settings)
 {
     std::shared_ptr<LogSink> sink; // gets the old sink, which is destroyed without the mutex
     {
@@ -292,8 +292,7 @@ bool LoggerFactory::configure(const LogSettings& settings, std::string& error)
         try {
             sink = std::make_shared<SettingsSink>(settings);
         } catch (const std::exception& e) {
-            error = e.what();
-            return false;
+            return tl::unexpected<std::string>(e.what());
         }
         m_state->configured.swap(sink);
     }
@@ -302,7 +301,7 @@ bool LoggerFactory::configure(const LogSettings& settings, std::string& error)
     for (const auto& [originator, logger] : m_state->loggers)
         logger->makeStale();
     m_state->loggers.clear();
-    return true;
+    return {};
 }
 
 void LoggerFactory::setLevel(int level)

@@ -26,20 +26,18 @@ std::string complaintAboutHost(const std::string& value, const char* example)
 
 std::string complaintAboutEndpoint(const std::string& value, bool anyPort, const char* example)
 {
-    Endpoint endpoint;
-    if (!parseEndpoint(value, endpoint))
+    const auto endpoint = parseEndpoint(value);
+    if (!endpoint)
         return quotedValue(value) + " is not ADDRESS:PORT, expected for instance " + example;
-    if (!anyPort && endpoint.port == 0)
+    if (!anyPort && endpoint->port == 0)
         return quotedValue(value) + " has port 0, expected 1 to 65535";
     return {};
 }
 
 std::string complaintAboutBoolean(const std::string& value)
 {
-    bool flag = false;
-    return parseBoolean(value, flag)
-               ? std::string()
-               : quotedValue(value) + " is not a boolean, expected TRUE or FALSE";
+    return parseBoolean(value) ? std::string()
+                               : quotedValue(value) + " is not a boolean, expected TRUE or FALSE";
 }
 
 std::string complaintAboutNumber(const std::string& value, std::uint64_t lowest,
@@ -92,18 +90,14 @@ std::string DeclaredKey::complaintAbout(const std::string& written, const std::s
     return {};
 }
 
-bool parseBoolean(const std::string& text, bool& out)
+std::optional<bool> parseBoolean(const std::string& text)
 {
     const std::string word = lowerCase(text);
-    if (word == "true" || word == "yes" || word == "1" || word == "on") {
-        out = true;
+    if (word == "true" || word == "yes" || word == "1" || word == "on")
         return true;
-    }
-    if (word == "false" || word == "no" || word == "0" || word == "off") {
-        out = false;
-        return true;
-    }
-    return false;
+    if (word == "false" || word == "no" || word == "0" || word == "off")
+        return false;
+    return std::nullopt;
 }
 
 std::string quotedValue(std::string_view text)

@@ -8,9 +8,14 @@
 #include <tlx/Resolver.h>
 #include <tlx/String.h>
 
+#include "ConfigValue.h"
+#include "PlatformLog.h"
+
 namespace Veltrane::Quillmark::Tlx {
 
 namespace {
+
+constexpr const char* LOG_SOURCE = "../ConfigReading";
 
 constexpr std::chrono::milliseconds RESOLVE_LIMIT{5000};
 
@@ -31,27 +36,16 @@ const ConfigText::Value* ConfigReading::find(const DeclaredKey& key,
     return &found->second;
 }
 
-bool ConfigReading::find(const DeclaredKey& key, std::string& out) const
+std::optional<std::string> ConfigReading::getString(const DeclaredKey& key) const
 {
     const ConfigText::Value* const value = find(key, key.name());
-    if (value)
-        out = value->text;
-    return value != nullptr;
-}
-
-/// Empty when the key is absent.
-std::string ConfigReading::valueOf(const DeclaredKey& key) const
-{
-    std::string value;
-    find(key, value);
-    return value;
+    return value ? std::optional(value->text) : std::nullopt;
 }
 
 std::string ConfigReading::localHostName() const
 {
-    std::string name;
-    if (find(ConfigKey::CLIENT_NAME, name))
-        return name;
+    if (const auto name = getString(ConfigKey::CLIENT_NAME))
+        return *name;
     char buffer[256] = "";
     if (::gethostname(buffer, sizeof buffer - 1) != 0 || buffer[0] == '\0')
         return "localhost";
@@ -60,24 +54,34 @@ std::string ConfigReading::localHostName() const
 
 Endpoint ConfigReading::listenEndpoint() const
 {
-    Endpoint endpoint{"0.0.0.0", DEFAULT_PORT};
-    parseEndpoint(valueOf(ConfigKey::LISTEN), endpoint);
-    return endpoint;
+    const auto written = getString(ConfigKey::LISTEN);
+    const auto endpoint = written ? parseEndpoint(*written) : std::nullopt;
+    return endpoint.value_or(Endpoint{"0.0.0.0", DEFAULT_PORT});
 }
 
-bool ConfigReading::getEndpointOf(const std::string& host, Endpoint& out) const
+std::optional<Endpoint> ConfigReading::getEndpointOf(const std::string& host) const
 {
     const DeclaredKey& key = ConfigKey::ENDPOINT_OF_HOST;
     const ConfigText::Value* const value = find(key, key.name() + host);
-    return value && parseEndpoint(value->text, out);
+    return value ? parseEndpoint(value->text) : std::nullopt;
 }
 
 bool ConfigReading::isMaster()
 {
-    const std::lock_guard guard(m_masterMutex);
-    if (!m_master)
-        m_master = findOutMaster();
-    return *m_master;
+    std::string unresolved;
+    bool master = false;
+    {
+        const std::lock_guard guard(m_masterMutex);
+        if (!m_master)
+            m_master = findOutMaster(unresolved);
+        master = *m_master;
+    }
+    if (!unresolved.empty()) // only in the call that found out
+        PLATFORM_LOG(LOG_LEVEL_FAILURE, "HostConfig::isMaster",
+                     "Cannot resolve "
+                         << quotedValue(unresolved)
+                         << ", the master's address. This host is a client until its next start");
+    return master;
 }
 
 std::optional<bool> ConfigReading::knownMaster()
@@ -88,13 +92,13 @@ std::optional<bool> ConfigReading::knownMaster()
 
 /// Whether requests to an endpoint reach this host's own service. Several hosts may run on one
 /// machine. Then only their ports differ.
-bool ConfigReading::isOwnEndpoint(const Endpoint& endpoint) const
+bool ConfigReading::isOwnEndpoint(const Endpoint& endpoint, std::string& unresolved) const
 {
     const Endpoint own = listenEndpoint();
     if (endpoint.port != own.port)
         return false;
     if (isSameIgnoringCase(endpoint.address, own.address) ||
-        isSameIgnoringCase(endpoint.address, valueOf(ConfigKey::PUBLISH_ADDRESS)))
+        isSameIgnoringCase(endpoint.address, getString(ConfigKey::PUBLISH_ADDRESS).value_or("")))
         return true;
     // Compares addresses: one may be a name, and an IPv6 address can be written in many ways.
     const auto start = std::chrono::steady_clock::now();
@@ -106,23 +110,26 @@ bool ConfigReading::isOwnEndpoint(const Endpoint& endpoint) const
     const auto listensAt = [&](const std::string& address) {
         return std::find(listening.begin(), listening.end(), address) != listening.end();
     };
+    if (wanted.empty())
+        unresolved = endpoint.address;
     const bool everywhere = listensAt("0.0.0.0") || listensAt("::");
     return std::any_of(wanted.begin(), wanted.end(), [&](const std::string& address) {
         return everywhere ? isLocalAddress(address) : listensAt(address);
     });
 }
 
-bool ConfigReading::findOutMaster() const
+bool ConfigReading::findOutMaster(std::string& unresolved) const
 {
-    std::string server;
-    if (!find(ConfigKey::SERVER, server))
+    const auto server = getString(ConfigKey::SERVER);
+    if (!server)
         return false;
-    if (isSameIgnoringCase(server, localHostName()))
+    if (isSameIgnoringCase(*server, localHostName()))
         return true;
-    Endpoint endpoint;
-    if (getEndpointOf(server, endpoint))
-        return isOwnEndpoint(endpoint);
-    const auto addresses = resolveHost(server, RESOLVE_LIMIT);
+    if (const auto endpoint = getEndpointOf(*server))
+        return isOwnEndpoint(*endpoint, unresolved);
+    const auto addresses = resolveHost(*server, RESOLVE_LIMIT);
+    if (addresses.empty())
+        unresolved = *server;
     return std::any_of(addresses.begin(), addresses.end(), isLocalAddress);
 }
 

@@ -20,21 +20,23 @@ class ConfigReading
 
     /// The value of a key in a file, unchanged; null if it is absent or refused.
     const ConfigText::Value* find(const DeclaredKey& key, const std::string& written) const;
-    /// False (and out unchanged) when the key is absent or its value was refused.
-    bool find(const DeclaredKey& key, std::string& out) const;
-    bool getEndpointOf(const std::string& host, Endpoint& out) const;
+    /// As HostConfig.
+    std::optional<std::string> getString(const DeclaredKey& key) const;
+    std::optional<Endpoint> getEndpointOf(const std::string& host) const;
     std::string localHostName() const;
     Endpoint listenEndpoint() const;
 
-    /// The first call resolves names. Other callers wait for it and get its result.
+    /// The first call resolves names. Other callers wait for it and get its result. If the
+    /// master's name has no address, it logs that, and the result is false. The result stays,
+    /// because a service that has started as a client cannot become the master.
     bool isMaster();
     /// The result of isMaster; no value before the first call.
     std::optional<bool> knownMaster();
 
   private:
-    std::string valueOf(const DeclaredKey& key) const;
-    bool isOwnEndpoint(const Endpoint& endpoint) const;
-    bool findOutMaster() const;
+    // They set unresolved to the master's name if it has no address.
+    bool isOwnEndpoint(const Endpoint& endpoint, std::string& unresolved) const;
+    bool findOutMaster(std::string& unresolved) const;
 
     const ConfigText m_text{};
     std::mutex m_masterMutex;

@@ -51,25 +51,23 @@ bool isHost(const std::string& text)
     return isHostName(text) || isNumericV6(text);
 }
 
-bool parseEndpoint(const std::string& text, Endpoint& out)
+std::optional<Endpoint> parseEndpoint(const std::string& text)
 {
     const auto colon = text.rfind(':');
     if (colon == std::string::npos)
-        return false;
+        return std::nullopt;
     std::string address = text.substr(0, colon);
     const auto port = parseNumber<std::uint16_t>(std::string_view(text).substr(colon + 1));
     if (!port)
-        return false;
+        return std::nullopt;
     if (address.size() > 2 && address.front() == '[' && address.back() == ']') {
         address = address.substr(1, address.size() - 2);
         if (!isNumericV6(address))
-            return false;
+            return std::nullopt;
     } else if (!isHostName(address)) {
-        return false;
+        return std::nullopt;
     }
-    out.address = address;
-    out.port = *port;
-    return true;
+    return Endpoint{address, *port};
 }
 
 std::string toText(const Endpoint& endpoint)

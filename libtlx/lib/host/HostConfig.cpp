@@ -162,38 +162,26 @@ void HostConfig::readText(const std::string& text, const std::string& name)
     m_state->replace(parseConfigText(text, name, m_state->declared()));
 }
 
-void HostConfig::addText(const std::string& text, const std::string& name)
-{
-    ConfigText next = m_state->current()->text();
-    ConfigText more = parseConfigText(text, name, m_state->declared());
-    more.values.merge(next.values); // a key in both keeps its new value
-    next.problems.insert(next.problems.end(), more.problems.begin(), more.problems.end());
-    more.problems = std::move(next.problems);
-    m_state->replace(std::move(more));
-}
-
 std::vector<HostConfig::Problem> HostConfig::problems() const
 {
     return m_state->current()->text().problems;
 }
 
-bool HostConfig::getString(const DeclaredKey& key, std::string& out) const
+std::optional<std::string> HostConfig::getString(const DeclaredKey& key) const
 {
-    return m_state->current()->find(key, out);
+    return m_state->current()->getString(key);
 }
 
-bool HostConfig::getBoolean(const DeclaredKey& key, bool& out) const
+std::optional<bool> HostConfig::getBoolean(const DeclaredKey& key) const
 {
-    std::string text;
-    return getString(key, text) && parseBoolean(text, out);
+    const auto text = getString(key);
+    return text ? parseBoolean(*text) : std::nullopt;
 }
 
-bool HostConfig::getNumber(const DeclaredKey& key, std::uint64_t& out) const
+std::optional<std::uint64_t> HostConfig::getNumber(const DeclaredKey& key) const
 {
-    std::string text;
-    const auto number = getString(key, text) ? parseNumber<std::uint64_t>(text) : std::nullopt;
-    out = number.value_or(out);
-    return number.has_value();
+    const auto text = getString(key);
+    return text ? parseNumber<std::uint64_t>(*text) : std::nullopt;
 }
 
 std::string HostConfig::placeOf(const DeclaredKey& key) const
@@ -205,9 +193,7 @@ std::string HostConfig::placeOf(const DeclaredKey& key) const
 
 std::uint64_t HostConfig::number(const DeclaredKey& key) const
 {
-    std::uint64_t result = key.standard();
-    getNumber(key, result);
-    return result;
+    return getNumber(key).value_or(key.standard());
 }
 
 std::string HostConfig::localHostName() const
@@ -220,16 +206,14 @@ Endpoint HostConfig::listenEndpoint() const
     return m_state->current()->listenEndpoint();
 }
 
-bool HostConfig::getEndpointOf(const std::string& host, Endpoint& out) const
+std::optional<Endpoint> HostConfig::getEndpointOf(const std::string& host) const
 {
-    return m_state->current()->getEndpointOf(host, out);
+    return m_state->current()->getEndpointOf(host);
 }
 
 Endpoint HostConfig::endpointOf(const std::string& host) const
 {
-    Endpoint endpoint{host, DEFAULT_PORT};
-    getEndpointOf(host, endpoint);
-    return endpoint;
+    return getEndpointOf(host).value_or(Endpoint{host, DEFAULT_PORT});
 }
 
 bool HostConfig::isMaster() const
@@ -247,22 +231,26 @@ int QM_get_config_boolean(const char* key, bool& value)
     if (!key)
         return -1;
     const HostConfig& config = HostConfig::instance();
-    for (const DeclaredKey* const known : config.declaredKeys())
-        if (known->covers(key))
-            return config.getBoolean(*known, value) ? 0 : -1;
+    for (const DeclaredKey* const known : config.declaredKeys()) {
+        if (!known->covers(key))
+            continue;
+        const auto flag = config.getBoolean(*known);
+        value = flag.value_or(value);
+        return flag ? 0 : -1;
+    }
     return -1;
 }
 
 bool QM_is_master(const char* host)
 {
     const HostConfig& config = HostConfig::instance();
-    std::string server;
-    if (!host || !config.getString(ConfigKey::SERVER, server))
+    const auto server = config.getString(ConfigKey::SERVER);
+    if (!host || !server)
         return false;
     const auto isNamed = [host](const std::string& name) {
         return compareIgnoringCase(host, name) == 0;
     };
-    if (isNamed(server))
+    if (isNamed(*server))
         return true;
     if (isNamed("localhost") || isNamed(config.localHostName()))
         return config.isMaster();

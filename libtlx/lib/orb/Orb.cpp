@@ -1,14 +1,8 @@
 #include <tlx/Orb.h>
 
 #include <atomic>
-#include <thread>
 
-#include <ace/Event_Handler_Handle_Timeout_Upcall.h>
-#include <ace/Monotonic_Time_Policy.h>
 #include <ace/Reactor.h>
-#include <ace/Recursive_Thread_Mutex.h>
-#include <ace/TP_Reactor.h>
-#include <ace/Timer_Heap_T.h>
 
 #include <tlx/AceRuntime.h>
 #include <tlx/HostConfig.h>
@@ -18,6 +12,7 @@
 #include "OrbCore.h"
 #include "OrbLookup.h"
 #include "PlatformLog.h"
+#include "TimerReactor.h"
 
 namespace Veltrane::Quillmark::Tlx {
 
@@ -33,7 +28,7 @@ OrbSettings settingsFor(bool clientOnly, const std::string& endpoint)
     OrbSettings settings;
     settings.clientOnly = clientOnly;
     settings.listen = endpoint.empty() ? toText(config.listenEndpoint()) : endpoint;
-    config.getString(ConfigKey::PUBLISH_ADDRESS, settings.publish);
+    settings.publish = config.getString(ConfigKey::PUBLISH_ADDRESS).value_or("");
     settings.maxMessageBytes = config.number(ConfigKey::MAX_MESSAGE_BYTES);
     return settings;
 }
@@ -53,7 +48,7 @@ std::shared_ptr<OrbCore> acquireCore(bool clientOnly, const std::string& endpoin
 }
 
 /// An ORB's use of ACE. If the ORB does not start, the use stays. The caller may hold one of ACE's
-/// own locks, for a singleton, and must not finalise ACE under it.
+/// own locks, for a singleton. Then it must not finalise ACE.
 struct AceUse
 {
     ~AceUse()
@@ -65,40 +60,13 @@ struct AceUse
     bool isOrbUp = false;
 };
 
-/// A reactor and the thread that runs its timers. The timers use the monotonic clock. So they do
-/// not change when an administrator corrects a host's time by hours.
-class ReactorThread
-{
-  public:
-    explicit ReactorThread(std::size_t handles)
-        : m_reactor(new ACE_TP_Reactor(handles, false, nullptr, &m_timers), true),
-          m_thread([this] { m_reactor.run_reactor_event_loop(); })
-    {
-    }
-    ~ReactorThread()
-    {
-        m_reactor.end_reactor_event_loop();
-        m_thread.join();
-    }
-    ReactorThread(const ReactorThread&) = delete;
-    ReactorThread& operator=(const ReactorThread&) = delete;
-    ACE_Reactor* reactor() { return &m_reactor; }
-
-  private:
-    ACE_Timer_Heap_T<ACE_Event_Handler*, ACE_Event_Handler_Handle_Timeout_Upcall,
-                     ACE_SYNCH_RECURSIVE_MUTEX, ACE_Monotonic_Time_Policy>
-        m_timers;
-    ACE_Reactor m_reactor;
-    std::thread m_thread;
-};
-
 } // namespace
 
 struct Orb::State
 {
     State(bool clientOnly, const std::string& endpoint, const std::string& name,
-          bool evictorEnabled, std::size_t handles)
-        : serviceName(name), core(acquireCore(clientOnly, endpoint)), reactor(handles),
+          bool evictorEnabled)
+        : serviceName(name), core(acquireCore(clientOnly, endpoint)),
           evictor(evictorEnabled ? std::make_unique<Evictor>() : nullptr)
     {
         ace.isOrbUp = true;
@@ -107,7 +75,7 @@ struct Orb::State
     const std::string serviceName;
     AceUse ace;
     const std::shared_ptr<OrbCore> core;
-    ReactorThread reactor;
+    TimerReactor reactor;
     const std::unique_ptr<Evictor> evictor;
     std::atomic<bool> postAdvertised{false};
 
@@ -118,9 +86,8 @@ struct Orb::State
 };
 
 Orb::Orb(bool clientOnly, const std::string& endpoint, const std::string& serviceName,
-         bool evictorEnabled, std::size_t reactorHandles)
-    : m_state(std::make_unique<State>(clientOnly, endpoint, serviceName, evictorEnabled,
-                                      reactorHandles))
+         bool evictorEnabled)
+    : m_state(std::make_unique<State>(clientOnly, endpoint, serviceName, evictorEnabled))
 {
 }
 
@@ -214,24 +181,9 @@ void Orb::setOrbRequestTimeout(unsigned seconds)
     setProcessCallLimit(std::chrono::seconds(seconds));
 }
 
-CORBA::Object_ptr Orb::lookupObject(const TlxHostname& host, const std::string& name,
-                                    std::chrono::milliseconds limit)
+tl::expected<CORBA::Object_var, LookupFailure> Orb::lookupObject(const AdvertisedObject& wanted)
 {
-    LookupFailure failure;
-    return lookupObject({host, name, std::nullopt, limit, false}, failure);
-}
-
-CORBA::Object_ptr Orb::lookupObjectElsewhere(const TlxHostname& host, const std::string& name,
-                                             std::chrono::milliseconds limit)
-{
-    LookupFailure failure;
-    return lookupObject({host, name, std::nullopt, limit, true}, failure);
-}
-
-CORBA::Object_ptr Orb::lookupObject(const AdvertisedObject& wanted, LookupFailure& failure)
-{
-    failure = {};
-    return Tlx::lookupObject(*m_state->core, wanted, failure);
+    return Tlx::lookupObject(*m_state->core, wanted);
 }
 
 void setAceReactor(ACE_Reactor* reactor)

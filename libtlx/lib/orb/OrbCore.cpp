@@ -59,14 +59,14 @@ bool isAnyAddress(const std::string& address)
 /// The ORB's form of an endpoint. Without an address the ORB listens on all of them.
 std::string toUri(const std::string& text)
 {
-    Endpoint endpoint;
-    if (!parseEndpoint(text, endpoint))
+    const auto endpoint = parseEndpoint(text);
+    if (!endpoint)
         throw OrbError("cannot listen on \"" + text + "\": expected ADDRESS:PORT");
-    if (endpoint.address == "::")
-        return "giop:tcp:[::]:" + std::to_string(endpoint.port);
-    if (isAnyAddress(endpoint.address))
-        return "giop:tcp::" + std::to_string(endpoint.port);
-    return "giop:tcp:" + toText(endpoint);
+    if (endpoint->address == "::")
+        return "giop:tcp:[::]:" + std::to_string(endpoint->port);
+    if (isAnyAddress(endpoint->address))
+        return "giop:tcp::" + std::to_string(endpoint->port);
+    return "giop:tcp:" + toText(*endpoint);
 }
 
 /// The ORB's rule for the address inside references. With a published address it is that address
@@ -84,16 +84,16 @@ std::string toPublish(const std::string& address)
 /// failure, without the reason.
 std::string whyNotBound(const std::string& text)
 {
-    Endpoint endpoint;
-    if (!parseEndpoint(text, endpoint))
+    const auto endpoint = parseEndpoint(text);
+    if (!endpoint)
         return {};
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
     addrinfo* found = nullptr;
-    const char* node = endpoint.address.empty() ? nullptr : endpoint.address.c_str();
+    const char* node = endpoint->address.empty() ? nullptr : endpoint->address.c_str();
     if (const int error =
-            ::getaddrinfo(node, std::to_string(endpoint.port).c_str(), &hints, &found))
+            ::getaddrinfo(node, std::to_string(endpoint->port).c_str(), &hints, &found))
         return ::gai_strerror(error);
     int error = 0;
     const FileDescriptor bound(::socket(found->ai_family, found->ai_socktype | SOCK_CLOEXEC, 0));
@@ -203,9 +203,7 @@ void OrbCore::start(const OrbSettings& settings)
     m_orb = CORBA::ORB_init(argc, nullptr, "omniORB4", options);
     if (settings.clientOnly)
         return;
-    Endpoint endpoint;
-    parseEndpoint(settings.listen, endpoint);
-    m_listenAddress = endpoint.address;
+    m_listenAddress = parseEndpoint(settings.listen).value_or(Endpoint()).address;
     openServer();
 }
 
@@ -239,13 +237,13 @@ OrbCore::~OrbCore()
 
 bool OrbCore::leadsHere(const Endpoint& endpoint) const
 {
-    Endpoint own;
-    if (m_listenAddress.empty() || !parseEndpoint(m_endpoint, own) || own.port != endpoint.port)
+    const auto own = parseEndpoint(m_endpoint);
+    if (m_listenAddress.empty() || !own || own->port != endpoint.port)
         return false;
     if (isAnyAddress(m_listenAddress) && isLocalAddress(endpoint.address))
         return true;
     // With address translation, the published address leads here although no interface has it.
-    for (const std::string& name : {m_listenAddress, own.address}) {
+    for (const std::string& name : {m_listenAddress, own->address}) {
         const auto addresses = resolveHost(name, std::chrono::seconds(1));
         if (std::find(addresses.begin(), addresses.end(), endpoint.address) != addresses.end())
             return true;

@@ -49,23 +49,30 @@ bool isThere(CORBA::Object_ptr object, Clock::time_point end)
     }
 }
 
-/// The object at one address; nil if it does not answer.
-CORBA::Object_ptr ask(CORBA::ORB_ptr orb, const Endpoint& endpoint, const std::string& name,
-                      Clock::time_point end, LookupFailure& failure)
+using Lookup = tl::expected<CORBA::Object_var, LookupFailure>;
+
+/// A failed lookup.
+Lookup notFound(std::string cause, std::string exception = {})
+{
+    return tl::unexpected(LookupFailure{std::move(cause), std::move(exception)});
+}
+
+/// The object at one address.
+Lookup ask(CORBA::ORB_ptr orb, const Endpoint& endpoint, const std::string& name,
+           Clock::time_point end)
 {
     const std::string url = "corbaloc:iiop:1.2@" + toText(endpoint) + "/" + name;
     try {
         CORBA::Object_var object = orb->string_to_object(url.c_str());
         if (!CORBA::is_nil(object) && isThere(object, end))
-            return object._retn();
+            return object;
         PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::lookupObject", "Nothing is there: " << url);
-        failure = {"there is no object of that name", {}};
+        return notFound("there is no object of that name");
     } catch (const CORBA::Exception& e) {
         PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::lookupObject",
                      "No answer from " << url << ": " << describeException(e));
-        failure = {describeException(e), e._name()};
+        return notFound(describeException(e), e._name());
     }
-    return CORBA::Object::_nil();
 }
 
 } // namespace
@@ -90,8 +97,7 @@ void setProcessCallLimit(std::chrono::seconds limit)
     omniORB::setClientCallTimeout(toOrbMilliseconds(limit));
 }
 
-CORBA::Object_ptr lookupObject(const OrbCore& core, const AdvertisedObject& wanted,
-                               LookupFailure& failure)
+Lookup lookupObject(const OrbCore& core, const AdvertisedObject& wanted)
 {
     const Clock::time_point end = Clock::now() + wanted.limit;
     Endpoint endpoint = wanted.endpoint
@@ -101,31 +107,26 @@ CORBA::Object_ptr lookupObject(const OrbCore& core, const AdvertisedObject& want
     if (addresses.empty()) {
         PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::lookupObject",
                      "The host has no address: " << endpoint.address);
-        failure = {"the name leads to no address", {}};
+        return notFound("the name leads to no address");
     }
+    Lookup answer = notFound("no answer within the time limit");
     std::size_t untried = addresses.size();
     for (const std::string& address : addresses) {
-        if (Clock::now() >= end) {
-            if (failure.cause.empty())
-                failure = {"no answer within the time limit", {}};
+        if (Clock::now() >= end)
             break;
-        }
         // An address that does not answer must leave time for the others.
         const Clock::time_point ownEnd = Clock::now() + left(end) / untried--;
         endpoint.address = address;
         if (wanted.elsewhere && core.leadsHere(endpoint)) {
             PLATFORM_LOG(LOG_LEVEL_FAILURE, "Orb::lookupObject",
                          wanted.host.text() << " leads back to this service: " << toText(endpoint));
-            failure = {"it leads back to this service", {}};
+            return notFound("it leads back to this service");
+        }
+        answer = ask(core.orb(), endpoint, wanted.name, ownEnd);
+        if (answer)
             break;
-        }
-        CORBA::Object_var object = ask(core.orb(), endpoint, wanted.name, ownEnd, failure);
-        if (!CORBA::is_nil(object)) {
-            failure = {};
-            return object._retn();
-        }
     }
-    return CORBA::Object::_nil();
+    return answer;
 }
 
 } // namespace Veltrane::Quillmark::Tlx

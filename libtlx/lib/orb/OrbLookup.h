@@ -4,6 +4,7 @@
 #include <chrono>
 #include <string>
 
+#include <tl/expected.hpp>
 #include <tlx/Corba.h>
 #include <tlx/Hostname.h>
 
@@ -15,8 +16,8 @@ struct AdvertisedObject;
 struct LookupFailure;
 
 /// As Orb::lookupObject.
-CORBA::Object_ptr lookupObject(const OrbCore& core, const AdvertisedObject& wanted,
-                               LookupFailure& failure);
+[[nodiscard]] tl::expected<CORBA::Object_var, LookupFailure>
+lookupObject(const OrbCore& core, const AdvertisedObject& wanted);
 
 /// As Orb::setOrbRequestTimeout.
 void setProcessCallLimit(std::chrono::seconds limit);

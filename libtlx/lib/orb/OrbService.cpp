@@ -14,16 +14,14 @@ struct OrbService::State
     std::mutex mutex;
     std::unique_ptr<Orb> orb;
     std::atomic<bool> notified{false};
-    // Signal handlers use these members: nothing here may take a lock.
-    std::atomic<bool> stopRequested{false};
+    // Signal handlers use this member: it may take no lock.
     std::atomic<void (*)()> stopHandler{nullptr};
     static_assert(std::atomic<void (*)()>::is_always_lock_free);
 };
 
-OrbService::OrbService(const char* serviceName, unsigned originator, void*, bool foreground,
-                       const char* displayName, bool clientOnly, std::size_t reactorHandles, void*)
-    : m_serviceName(serviceName), m_displayName(displayName), m_originator(originator),
-      m_foreground(foreground), m_clientOnly(clientOnly), m_reactorHandles(reactorHandles),
+OrbService::OrbService(const char* serviceName, unsigned, void*, bool, const char* displayName,
+                       bool clientOnly, std::size_t, void*)
+    : m_serviceName(serviceName), m_displayName(displayName), m_clientOnly(clientOnly),
       m_state(std::make_unique<State>())
 {
     OrbService* none = nullptr;
@@ -66,8 +64,7 @@ Orb* OrbService::getOrb()
 {
     const std::lock_guard guard(m_state->mutex);
     if (!m_state->orb)
-        m_state->orb = std::make_unique<Orb>(m_clientOnly, "", m_serviceName, m_evictorEnabled,
-                                             m_reactorHandles);
+        m_state->orb = std::make_unique<Orb>(m_clientOnly, "", m_serviceName, m_evictorEnabled);
     return m_state->orb.get();
 }
 
@@ -95,14 +92,8 @@ OrbService* OrbService::Instance()
 
 void OrbService::stopByEvent(bool)
 {
-    m_state->stopRequested = true;
     if (void (*const handler)() = m_state->stopHandler)
         handler();
-}
-
-bool OrbService::isStopRequested() const
-{
-    return m_state->stopRequested;
 }
 
 void OrbService::setStopHandler(void (*handler)())

@@ -192,11 +192,6 @@ bool TlxQuery::matches(const QuerySource& item) const
     return !m_expression || m_expression->matches(item);
 }
 
-std::vector<std::string> TlxQuery::fieldsAsked() const
-{
-    return m_expression ? m_expression->fields() : std::vector<std::string>();
-}
-
 // Describing.
 
 bool TlxQuery::isFieldName(std::string_view name)
@@ -213,43 +208,35 @@ const QueryField* TlxQuery::field(std::string_view name) const
     return nullptr;
 }
 
-bool TlxQuery::addField(const QueryField& field)
+tl::expected<void, std::string> TlxQuery::addField(const QueryField& field)
 {
-    std::string refused;
-    return addField(field, refused);
-}
-
-bool TlxQuery::addField(const QueryField& field, std::string& refused)
-{
-    return addCarryable(carryable(field), refused);
+    return addCarryable(carryable(field));
 }
 
 /// Adds a field that carryable returned. All fields of a query come from carryable.
-bool TlxQuery::addCarryable(const QueryField& added, std::string& refused)
+tl::expected<void, std::string> TlxQuery::addCarryable(const QueryField& added)
 {
-    refused = problemOf(added);
+    if (const std::string problem = problemOf(added); !problem.empty())
+        return tl::unexpected(problem);
     const auto known =
         std::find_if(m_fields.begin(), m_fields.end(), [&](const QueryField& candidate) {
             return isSameName(candidate.name, added.name);
         });
-    if (refused.empty() && known == m_fields.end() && m_fields.size() >= QUERY_MAX_FIELDS)
-        refused = "there are more than " + std::to_string(QUERY_MAX_FIELDS) + " fields";
-    if (!refused.empty())
-        return false;
-    if (known == m_fields.end())
+    if (known != m_fields.end())
+        mergeField(*known, added);
+    else if (m_fields.size() < QUERY_MAX_FIELDS)
         m_fields.push_back(added);
     else
-        mergeField(*known, added);
-    return true;
+        return tl::unexpected("there are more than " + std::to_string(QUERY_MAX_FIELDS) +
+                              " fields");
+    return {};
 }
 
 void TlxQuery::addFields(const std::vector<QueryField>& fields, QueryLosses& losses)
 {
-    for (const QueryField& field : fields) {
-        std::string refused;
-        if (!addCarryable(field, refused))
-            losses.addField(field, refused);
-    }
+    for (const QueryField& field : fields)
+        if (const auto done = addCarryable(field); !done)
+            losses.addField(field, done.error());
 }
 
 void TlxQuery::merge(const TlxQuery& other)

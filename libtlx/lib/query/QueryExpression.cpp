@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <compare>
-#include <set>
 
 #include <tlx/Assert.h>
 #include <tlx/Wildcard.h>
@@ -107,15 +106,6 @@ bool QueryExpression::matches(const QuerySource& item) const
         results.back() = step.kind == Kind::And ? results.back() && last : results.back() || last;
     }
     return TLX_ASSERT(results.size() == 1) && results.back();
-}
-
-std::vector<std::string> QueryExpression::fields() const
-{
-    std::set<std::string> names;
-    for (const Step& step : m_steps)
-        if (step.kind == Kind::Compare || step.kind == Kind::Flag)
-            names.insert(step.field);
-    return {names.begin(), names.end()};
 }
 
 } // namespace Veltrane::Quillmark::Tlx

@@ -43,7 +43,6 @@ class QueryExpression
     void disjoin();
 
     bool matches(const QuerySource& item) const;
-    std::vector<std::string> fields() const;
 
   private:
     enum class Kind

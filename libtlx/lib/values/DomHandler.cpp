@@ -15,7 +15,7 @@ namespace Veltrane::Quillmark::Tlx {
 
 namespace {
 
-/// Elements, attributes and entities of a document, at most. Documents here are small. The time to
+/// The most elements, attributes and entities of a document. Documents here are small. The time to
 /// build the library's tree grows with the square of the number of different names.
 constexpr std::size_t LARGEST_DOCUMENT = 10000;
 
@@ -54,23 +54,20 @@ TlxDOMHandler::~TlxDOMHandler() = default;
 int TlxDOMHandler::parse()
 {
     m_document.reset();
-    XmlFailure ignored;
-    const bool parsed = guardXml(
-        [this] {
-            initialiseXml();
-            xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(m_text.data()),
-                                              m_text.size(), xercesc::XMLUni::fgZeroLenString);
-            source.setCopyBufToStream(false);
-            XmlParserLease<xercesc::XercesDOMParser> parser;
-            parser->setNodeLimit(LARGEST_DOCUMENT);
-            parser->setCreateEntityReferenceNodes(false);
-            parser->setCreateCommentNodes(false);
-            XmlSource wellBehaved(source, "");
-            parser->read(wellBehaved);
-            m_document = std::make_unique<Document>(parser->adoptDocument());
-            parser.keep(m_text.size());
-        },
-        ignored);
+    const auto parsed = guardXml([this] {
+        initialiseXml();
+        xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(m_text.data()),
+                                          m_text.size(), xercesc::XMLUni::fgZeroLenString);
+        source.setCopyBufToStream(false);
+        XmlParserLease<xercesc::XercesDOMParser> parser;
+        parser->setNodeLimit(LARGEST_DOCUMENT);
+        parser->setCreateEntityReferenceNodes(false);
+        parser->setCreateCommentNodes(false);
+        XmlSource wellBehaved(source, "");
+        parser->read(wellBehaved);
+        m_document = std::make_unique<Document>(parser->adoptDocument());
+        parser.keep(m_text.size());
+    });
     return parsed ? 0 : 1;
 }
 
@@ -82,18 +79,16 @@ int TlxDOMHandler::getValue(const char* elementName, const DataDescription& targ
     if (!m_document || !elementName)
         return absent;
     int result = absent;
-    XmlFailure ignored;
-    guardXml(
-        [&] {
-            const auto name = TlxString(elementName).toXmlCh();
-            const auto* elements = m_document->dom->getElementsByTagName(name.c_str());
-            const auto* first = elements->item(0);
-            if (!first)
-                return;
-            const TlxString text = TlxString::fromXmlCh(first->getTextContent());
-            result = target.store(text) ? found : otherType;
-        },
-        ignored);
+    // An element that cannot be read counts as absent.
+    (void)guardXml([&] {
+        const auto name = TlxString(elementName).toXmlCh();
+        const auto* elements = m_document->dom->getElementsByTagName(name.c_str());
+        const auto* first = elements->item(0);
+        if (!first)
+            return;
+        const TlxString text = TlxString::fromXmlCh(first->getTextContent());
+        result = target.store(text) ? found : otherType;
+    });
     return result;
 }
 

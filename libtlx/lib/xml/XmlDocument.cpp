@@ -65,15 +65,13 @@ class Driver : public xercesc::HandlerBase
     template <class Call>
     void call(const Call& operation) const
     {
-        XmlFailure failure;
-        if (guardXml(operation, failure)) {
-            if (m_context.refusal().empty())
-                return;
-            failure.reason = m_context.refusal();
-        }
+        const auto done = guardXml(operation);
+        if (done && m_context.refusal().empty())
+            return;
+        const TlxString reason = done ? m_context.refusal() : done.error().reason;
         if (m_locator)
-            refuseDocument(failure.reason, *m_locator);
-        throw std::runtime_error(failure.reason.utf8());
+            refuseDocument(reason, *m_locator);
+        throw std::runtime_error(reason.utf8());
     }
 
     XmlInterface& m_object;
@@ -107,8 +105,7 @@ XmlDocumentInterface::XmlDocumentInterface(const char* codePage, const char* doc
 {
     // The caller may now make an InputSource, which needs the library. If the library fails to
     // start, the parse fails.
-    XmlFailure ignored;
-    guardXml(initialiseXml, ignored);
+    (void)guardXml(initialiseXml);
 }
 
 XmlDocumentInterface::~XmlDocumentInterface() = default;
@@ -120,19 +117,16 @@ XmlObjParseContext* XmlDocumentInterface::getObjParseContext(const XMLCh* name)
 
 bool XmlDocumentInterface::parseBuffer(const std::string& text)
 {
-    XmlFailure failure;
     bool parsed = false;
-    const bool ran = guardXml(
-        [&] {
-            initialiseXml();
-            xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(text.data()),
-                                              text.size(), xercesc::XMLUni::fgZeroLenString);
-            source.setCopyBufToStream(false); // the text outlives the parse
-            parsed = run(source).has_value();
-        },
-        failure);
+    const auto ran = guardXml([&] {
+        initialiseXml();
+        xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(text.data()),
+                                          text.size(), xercesc::XMLUni::fgZeroLenString);
+        source.setCopyBufToStream(false); // the text outlives the parse
+        parsed = run(source).has_value();
+    });
     if (!ran)
-        logFailure(m_documentName, failure);
+        logFailure(m_documentName, ran.error());
     return parsed;
 }
 
@@ -148,25 +142,22 @@ tl::expected<void, TlxString> XmlDocumentInterface::parseOrExplain(InputSource& 
 
 tl::expected<void, TlxString> XmlDocumentInterface::run(const InputSource& source)
 {
-    XmlFailure failure;
-    const bool parsed = guardXml(
-        [&] {
-            initialiseXml();
-            const std::unique_ptr<XmlObjParseContext> context(
-                getObjParseContext(m_documentName.c_str()));
-            if (!context)
-                throw std::runtime_error("the document's object gave no context");
-            XmlSource wellBehaved(source, m_codePage);
-            Driver driver(*this, *context);
-            XmlParserLease<xercesc::SAXParser> parser;
-            parser->setDocumentHandler(&driver);
-            parser->read(wellBehaved);
-            parser->setDocumentHandler(nullptr);
-            parser.keep(wellBehaved.bytesRead());
-        },
-        failure);
+    const auto parsed = guardXml([&] {
+        initialiseXml();
+        const std::unique_ptr<XmlObjParseContext> context(
+            getObjParseContext(m_documentName.c_str()));
+        if (!context)
+            throw std::runtime_error("the document's object gave no context");
+        XmlSource wellBehaved(source, m_codePage);
+        Driver driver(*this, *context);
+        XmlParserLease<xercesc::SAXParser> parser;
+        parser->setDocumentHandler(&driver);
+        parser->read(wellBehaved);
+        parser->setDocumentHandler(nullptr);
+        parser.keep(wellBehaved.bytesRead());
+    });
     if (!parsed)
-        return tl::unexpected(logFailure(m_documentName, failure));
+        return tl::unexpected(logFailure(m_documentName, parsed.error()));
     return {};
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 // Turns the exceptions of the XML library into values.
 
+#include <tl/expected.hpp>
 #include <xercesc/sax/Locator.hpp>
 #include <xercesc/util/XercesDefs.hpp>
 
@@ -19,17 +20,15 @@ struct XmlFailure
 /// Describes the exception that is being handled. Call it inside a catch block only.
 XmlFailure currentFailure();
 
-/// Runs a parse and catches all its exceptions.
-/// @return false after an exception, which failure then describes.
+/// Runs a parse and catches all its exceptions. The failure describes the exception.
 template <class Parse>
-bool guardXml(const Parse& parse, XmlFailure& failure)
+[[nodiscard]] tl::expected<void, XmlFailure> guardXml(const Parse& parse)
 {
     try {
         parse();
-        return true;
+        return {};
     } catch (...) {
-        failure = currentFailure();
-        return false;
+        return tl::unexpected(currentFailure());
     }
 }
 

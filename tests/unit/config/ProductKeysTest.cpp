@@ -86,8 +86,7 @@ TEST_F(ProductKeysTest, TheExplorersKeysAreCheckedWithoutTheirLibrary)
     EXPECT_EQ(problemsOf("FILESYSTEM_EXCLUDE =\n"),
               Lines{"qm.conf:1: FILESYSTEM_EXCLUDE: '' is no list of types, expected for instance "
                     "pseudo,nfs4"});
-    std::string types;
-    EXPECT_FALSE(config().getString(ConfigKey::FILESYSTEM_EXCLUDE, types));
+    EXPECT_FALSE(config().getString(ConfigKey::FILESYSTEM_EXCLUDE));
 }
 
 TEST_F(ProductKeysTest, ARunningDaemonTakesTwoKeys)

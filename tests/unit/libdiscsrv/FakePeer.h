@@ -279,7 +279,7 @@ class Broken : public Service
     void restartLocalPushTimer() override { throw CORBA::NO_MEMORY(); }
 };
 
-/// An object that is no discovery service.
+/// An object that is not a discovery service.
 class Stranger : public Skeleton::RemoteWriter
 {
   public:
@@ -332,7 +332,7 @@ class FakePeer : public PeerProcess
     /// The endpoint of the service. The ORB lives as long as the process.
     static std::string serve(Kind kind)
     {
-        static Tlx::Orb orb(false, "127.0.0.1:0", "DiscoveryService", false, 16);
+        static Tlx::Orb orb(false, "127.0.0.1:0", "DiscoveryService", false);
         const CORBA::Object_var object = activate(orb, kind);
         orb.advertiseObject("DiscoveryService", object);
         orb.serveRequests();

@@ -26,6 +26,17 @@ inline Tlx::AutoDereference<Disc::CollectionItemIterator> research(Disc::Collect
         all->getNextCollectionItemIterator(nullptr));
 }
 
+/// The items of the first discovery that matches. Expects that there is one.
+inline Tlx::AutoDereference<Disc::CollectionItemIterator>
+firstItems(Disc::AuthSubIterator* all, const Disc::FilterParameters* filter = nullptr)
+{
+    EXPECT_NE(all, nullptr);
+    Tlx::AutoDereference<Disc::CollectionItemIterator> items(
+        all ? all->getNextCollectionItemIterator(filter) : nullptr);
+    EXPECT_TRUE(items);
+    return items;
+}
+
 /// The items of a document.
 struct ReadItems
 {
@@ -105,6 +116,21 @@ inline std::string dataOf(const ReadItems& items, std::size_t i = 0)
 inline std::string block(const std::string& inner)
 {
     return document("<DISCOVERED><ExplorerData Name='e'>" + inner + "</ExplorerData></DISCOVERED>");
+}
+
+inline const std::string TWO_ITEMS =
+    "<DiscoveredItems><DISCOVERED Name='a'/><DISCOVERED Name='b'/></DiscoveredItems>";
+
+/// The names of the items that are left, in order.
+inline Lines names(Disc::CollectionItemIterator& items)
+{
+    Lines result;
+    while (Disc::CollectionItem* next = items.getNextCollectionItem()) {
+        const Tlx::AutoDereference<Disc::CollectionItem> item(next);
+        const auto* discovered = dynamic_cast<const Disc::DiscoveredItem*>(next);
+        result.push_back(discovered ? discovered->getName() : "?");
+    }
+    return result;
 }
 
 } // namespace QmTest

@@ -36,7 +36,7 @@ class Service
     {
         Tlx::HostConfig::instance().setRoot(root.path().string());
         Tlx::HostConfig::instance().readText(configuration + "CLIENT_NAME = here\n", "qm.conf");
-        orb = std::make_unique<Tlx::Orb>(false, "127.0.0.1:0", "DiscoveryService", true, 16);
+        orb = std::make_unique<Tlx::Orb>(false, "127.0.0.1:0", "DiscoveryService", true);
         framework.reset(new Disc::DiscoveryFramework("", Disc::DST_GENERIC, orb.get(), false));
         framework->init();
         orb->serveRequests();

@@ -122,7 +122,7 @@ struct RegistryThreadsTest : testing::Test
         for (unsigned round = 1; round <= ROUNDS; ++round)
             for (unsigned index = 0; index < NAMES; ++index) {
                 const std::string name = nameOf(writer, index);
-                // To the push explorers, back to the pull explorers, and a replacement there.
+                // Move the name to the push explorers and back, then replace the pull explorer.
                 for (const unsigned priority : {4 * round - 1, 4 * round, 4 * round + 2})
                     registerAs(name, priority);
                 const Entry like = entry(*pull, name, 0);
@@ -187,6 +187,7 @@ TEST_F(RegistryThreadsTest, EverySnapshotShowsWholeChanges)
 TEST_F(RegistryThreadsTest, WhatIsTakenAwayIsTakenOnce)
 {
     constexpr unsigned TAKERS = 4;
+    constexpr unsigned TAKES = 2000; ///< of each taker
     std::mutex mutex;
     std::vector<std::string> taken;
     const auto take = [&] {
@@ -203,19 +204,20 @@ TEST_F(RegistryThreadsTest, WhatIsTakenAwayIsTakenOnce)
     std::vector<std::function<void()>> bodies;
     for (unsigned writer = 0; writer < WRITERS; ++writer)
         bodies.emplace_back([this, writer] {
-            // A priority is used once. Without a taker between, the last one of a name stays.
+            // Each registration of a name has a new priority. If no taker comes in between, the
+            // last registration of a name stays.
             for (unsigned round = 0; round < ROUNDS; ++round)
                 for (unsigned index = 0; index < NAMES; ++index)
                     registerAs(nameOf(writer, index), 3 + round);
         });
     for (unsigned taker = 0; taker < TAKERS; ++taker)
         bodies.emplace_back([&] {
-            for (unsigned i = 0; i < QUERIES; ++i)
+            for (unsigned i = 0; i < TAKES; ++i)
                 take();
         });
     for (unsigned reader = 0; reader < READERS; ++reader)
         bodies.emplace_back([this] {
-            for (unsigned i = 0; i < QUERIES; ++i) {
+            for (unsigned i = 0; i < TAKES; ++i) {
                 const ExplorerSnapshot snapshot = registry.snapshot();
                 const std::size_t size = snapshot.push->size() + snapshot.pull->size();
                 faults.note(size <= WRITERS * NAMES, "there are too many");

@@ -33,7 +33,7 @@ struct DiscoveryFrameworkTest : testing::Test
     }
     void makeOrb(bool evictor = true)
     {
-        orb = std::make_unique<Orb>(false, "127.0.0.1:0", "DiscoveryService", evictor, 16);
+        orb = std::make_unique<Orb>(false, "127.0.0.1:0", "DiscoveryService", evictor);
     }
 
     QmTest::TemporaryDirectory root;
@@ -67,9 +67,11 @@ TEST_F(DiscoveryFrameworkTest, BringsServantAndStoreUp)
     orb->serveRequests();
     HostConfig::instance().readText("ENDPOINT.here = " + orb->getEndpoint() + "\n", "qm.conf");
     {
-        const CORBA::Object_var found = orb->lookupObject(
-            TlxHostname(TlxString("here")), "DiscoveryService", std::chrono::seconds(5));
-        const Remote::DiscoveryService_var service = Remote::DiscoveryService::_narrow(found);
+        const auto found = orb->lookupObject({.host = TlxHostname(TlxString("here")),
+                                              .name = "DiscoveryService",
+                                              .limit = std::chrono::seconds(5)});
+        ASSERT_TRUE(found) << found.error().cause;
+        const Remote::DiscoveryService_var service = Remote::DiscoveryService::_narrow(*found);
         EXPECT_FALSE(CORBA::is_nil(service));
     }
     EXPECT_TRUE(framework->shutdown());

@@ -32,9 +32,6 @@ TEST_F(DiscoverySvcTest, IsWhatItIsCalled)
     const DiscoverySvc service(true);
     EXPECT_EQ(service.getServiceName(), "DiscoveryService");
     EXPECT_EQ(service.getDisplayName(), "Discovery Service");
-    EXPECT_EQ(service.getOriginator(), 400u);
-    EXPECT_TRUE(service.isForeground());
-    EXPECT_FALSE(DiscoverySvc(false).isForeground());
     EXPECT_TRUE(service.isUTF8CharCodeSetEnabled());
 }
 

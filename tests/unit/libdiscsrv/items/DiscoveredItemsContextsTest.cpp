@@ -6,12 +6,11 @@
 
 #include "ItemsFixture.h"
 #include "support/Capture.h"
-#include "support/NameOnly.h"
+#include "support/ParseCalls.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
-using QmTest::AssertionCapture;
 using QmTest::Lines;
 using QmTest::LogCapture;
 using QmTest::utf16;
@@ -30,23 +29,8 @@ class OddItem : public virtual CollectionItem
     const int m_answer;
 };
 
-struct DiscoveredItemsContextsTest : testing::Test
+struct DiscoveredItemsContextsTest : QmTest::ParseCalls
 {
-    void start(XmlInterface& object, XmlObjParseContext* context, const char* name)
-    {
-        object.xmlStartElement(context, utf16(name).c_str(), attributes);
-    }
-    static void characters(XmlInterface& object, XmlObjParseContext* context)
-    {
-        object.xmlCharacters(context, utf16("ab").c_str(), 2);
-    }
-    static int end(XmlInterface& object, XmlObjParseContext* context, const char* name)
-    {
-        return object.xmlEndElement(context, utf16(name).c_str());
-    }
-
-    QmTest::NameOnly attributes;
-    AssertionCapture assertions;
     LogCapture log{LOG_LEVEL_FAILURE};
     AutoDereference<AuthSubIterator> all{new AuthSubIterator(nullptr)};
     AutoDereference<DiscoveredItem> item{new DiscoveredItem("a")};

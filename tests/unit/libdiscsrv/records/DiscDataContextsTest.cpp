@@ -9,36 +9,19 @@
 #include <gtest/gtest.h>
 
 #include "support/Capture.h"
-#include "support/NameOnly.h"
+#include "support/ParseCalls.h"
 #include "support/PlainDiscovery.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
-using QmTest::AssertionCapture;
-using QmTest::NameOnly;
 using QmTest::PlainDiscovery;
 using QmTest::utf16;
 
 using Texts = std::vector<std::string>;
 
-struct DiscDataContextsTest : testing::Test
+struct DiscDataContextsTest : QmTest::ParseCalls
 {
-    void start(XmlInterface& object, XmlObjParseContext* context, const char* name)
-    {
-        object.xmlStartElement(context, utf16(name).c_str(), attributes);
-    }
-    static void characters(XmlInterface& object, XmlObjParseContext* context)
-    {
-        object.xmlCharacters(context, utf16("ab").c_str(), 2);
-    }
-    static int end(XmlInterface& object, XmlObjParseContext* context, const char* name)
-    {
-        return object.xmlEndElement(context, utf16(name).c_str());
-    }
-
-    NameOnly attributes;
-    AssertionCapture assertions;
     AutoDereference<PlainDiscovery> record{new PlainDiscovery};
     DiscoveryDocContext document{utf16("DiscoveryData").c_str()};
     DescriptionContext description{utf16("DiscoverySubject").c_str()};

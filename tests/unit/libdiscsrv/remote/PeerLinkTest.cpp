@@ -130,14 +130,14 @@ struct ServiceConnectionTest : testing::Test
     static ServiceAddress at(const std::string& host, const std::string& endpoint)
     {
         ServiceAddress address = at(host);
-        address.endpoint.emplace();
-        EXPECT_TRUE(parseEndpoint(endpoint, *address.endpoint));
+        address.endpoint = parseEndpoint(endpoint);
+        EXPECT_TRUE(address.endpoint) << endpoint;
         return address;
     }
 
     FakePeer peer; // forked before anything else
     FakePeer stranger{FakePeer::STRANGER};
-    Orb orb{false, "127.0.0.1:0", "MyService", false, 16};
+    Orb orb{false, "127.0.0.1:0", "MyService", false};
 };
 
 TEST_F(ServiceConnectionTest, ReachesAServiceWhereTheConfigurationSays)
@@ -211,9 +211,9 @@ TEST_F(ServiceConnectionTest, TheLinkReachesAGivenMasterByAllItsNames)
     HostConfig::instance().readText("ENDPOINT.peer = 127.0.0.1:1\n", "qm.conf");
     PeerLink link;
     link.setService(AutoDereference<Hosted>(new Hosted(&orb)).get());
-    MasterAddress master{"master1", {}, {"peer"}};
-    ASSERT_TRUE(parseEndpoint(peer.endpoint, master.endpoint));
-    link.setMaster(master);
+    const auto endpoint = parseEndpoint(peer.endpoint);
+    ASSERT_TRUE(endpoint);
+    link.setMaster({"master1", *endpoint, {"peer"}});
     for (const char* name : {"master1", "peer"}) {
         const Remote::DiscoveryService_var service =
             link.connect(TlxHostname(name), DISCOVERY_SERVICE);

@@ -154,7 +154,7 @@ TEST_F(RemoteDBTest, ACollectionIsReadWhole)
     EXPECT_EQ(record->getCollectionData()->readCollection(4096, buffer.data()), 0u);
     EXPECT_EQ(asked(), "get bytes-3000 [f];release;") << "no page size is set";
     EXPECT_EQ(record->getCollectionData()->getOpenFailure(), "");
-    // A second open starts again at the begin.
+    // A second open starts again at the beginning.
     EXPECT_EQ(record->open(OM_READ, "").discStatus, DS_SUCCESS);
     EXPECT_EQ(read(*record, 7).size(), 3000u);
 }
@@ -376,7 +376,7 @@ TEST_F(RemoteDBTest, AfterALostChunkNothingMoreIsSent)
 
 TEST_F(RemoteDBTest, FetchingHasALimitOfTime)
 {
-    HostConfig::instance().addText("REMOTE_MAX_SECONDS = 1\n", "limit");
+    configure("CLIENT_NAME = here\nREMOTE_MAX_SECONDS = 1\n");
     LogCapture log;
     EXPECT_FALSE(query("endless"));
     EXPECT_EQ(log.texts(1),
@@ -390,7 +390,7 @@ TEST_F(RemoteDBTest, FetchingHasALimitOfTime)
 
 TEST_F(RemoteDBTest, TheNamesOfAListHaveABound)
 {
-    HostConfig::instance().addText("REMOTE_MAX_BYTES = 1024\n", "limit");
+    configure("CLIENT_NAME = here\nREMOTE_MAX_BYTES = 1024\n");
     const LogCapture log;
     EXPECT_TRUE(query("records-30"));
     EXPECT_FALSE(query("records-100"));

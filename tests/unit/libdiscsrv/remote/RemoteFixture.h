@@ -20,7 +20,17 @@ constexpr const char* NO_MEMORY = "NO_MEMORY (minor 0x00000000, COMPLETED_NO)";
 /// A client whose master, "peer", is the fake one.
 struct RemoteFixture : testing::Test
 {
-    RemoteFixture() : service("SERVER = peer\nENDPOINT.peer = " + peer.endpoint + "\n") {}
+    RemoteFixture() : service(configuration()) {}
+
+    /// Adds lines to the client's configuration.
+    void configure(const std::string& more) const
+    {
+        Tlx::HostConfig::instance().readText(configuration() + more, "qm.conf");
+    }
+    std::string configuration() const
+    {
+        return "SERVER = peer\nENDPOINT.peer = " + peer.endpoint + "\n";
+    }
 
     static Disc::Remote::Discovery named(const std::string& subject, const char* host = "peer")
     {

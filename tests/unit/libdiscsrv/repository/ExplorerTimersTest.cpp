@@ -394,7 +394,7 @@ struct RegisterTimerTest : testing::Test
     }
 
     QmTest::FakePeer peer; // forked before anything else
-    Orb orb{false, "127.0.0.1:0", "MyService", false, 16};
+    Orb orb{false, "127.0.0.1:0", "MyService", false};
     const AutoDereference<DiscoveryFramework> framework{
         new DiscoveryFramework("", DST_GENERIC, &orb, false)};
     const AutoDereference<Repository> repository{new Repository};

@@ -1,5 +1,5 @@
-// A researcher in a process that is no service: the parts that it starts, and its end. The master
-// is another process.
+// A researcher in a process that is not a service: the parts that it starts, and its end. The
+// master is another process.
 
 #include "Researcher.h"
 
@@ -21,6 +21,7 @@
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
+using QmTest::firstItems;
 using QmTest::Lines;
 using QmTest::LogCapture;
 using QmTest::Service;
@@ -105,10 +106,8 @@ TEST(DiscoveryResearcherTest, AsksTheMasterAndListensNowhere)
     const LogCapture log(LOG_LEVEL_FAILURE);
     const AutoDereference<AuthSubIterator> all(
         getAuthSubIterator(DQ_DISCOVERY_DATA, "host1", "*", AT_ANYANDALL));
-    ASSERT_TRUE(all);
     const FilterParameters filter(nullptr, "size > 1");
-    const AutoDereference<CollectionItemIterator> items(
-        all->getNextCollectionItemIterator(&filter));
+    const auto items = firstItems(all.get(), &filter);
     ASSERT_TRUE(items);
     EXPECT_TRUE(items->isParsed());
     EXPECT_EQ(items->getAuthority()->getName(), TlxString("host1"));
@@ -133,9 +132,7 @@ TEST(DiscoveryResearcherTest, KeepsTheItemsBeforeABreakOfADocumentOnTheMaster)
     const LogCapture log(LOG_LEVEL_FAILURE);
     const AutoDereference<AuthSubIterator> all(
         getAuthSubIterator(DQ_DISCOVERY_DATA, "broken", "*", AT_ANYANDALL));
-    ASSERT_TRUE(all);
-    const AutoDereference<CollectionItemIterator> items(
-        all->getNextCollectionItemIterator(nullptr));
+    const auto items = firstItems(all.get());
     ASSERT_TRUE(items);
     EXPECT_FALSE(items->isParsed());
     const AutoDereference<CollectionItem> item(items->getNextCollectionItem());
@@ -153,14 +150,13 @@ TEST(DiscoveryResearcherTest, AsksTheMasterThatTheCallerNames)
     // Nothing listens on port 1.
     HostConfig::instance().readText("SERVER = there\nENDPOINT.there = 127.0.0.1:1\n", "qm.conf");
     // The source of the record is "here".
-    MasterAddress address{"backup1", {}, {"here"}};
-    ASSERT_TRUE(parseEndpoint(master.endpoint(), address.endpoint));
-    ASSERT_TRUE(initDiscoveryResearch(address));
+    const auto endpoint = parseEndpoint(master.endpoint());
+    ASSERT_TRUE(endpoint);
+    ASSERT_TRUE(initDiscoveryResearch({"backup1", *endpoint, {"here"}}));
     EXPECT_FALSE(getDiscoveryRepository()->isMaster());
     const auto all = researchDiscoveries(DQ_DISCOVERY_DATA, "host1", "*", AT_ANYANDALL);
     ASSERT_TRUE(all);
-    const AutoDereference<CollectionItemIterator> items(
-        (*all)->getNextCollectionItemIterator(nullptr));
+    const auto items = firstItems(all->get());
     ASSERT_TRUE(items);
     EXPECT_TRUE(items->isParsed());
 }

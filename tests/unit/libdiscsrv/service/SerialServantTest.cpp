@@ -53,10 +53,12 @@ class Client : public QmTest::PeerProcess
         std::string find(const std::string& endpoint)
         {
             HostConfig::instance().readText("ENDPOINT.there = " + endpoint + "\n", "qm.conf");
-            orb = std::make_unique<Orb>(true, "", "S", false, 16);
-            const CORBA::Object_var object =
-                orb->lookupObject(TlxHostname("there"), "Pages", std::chrono::seconds(20));
-            iterator = DiscoveryIterator::_narrow(object);
+            orb = std::make_unique<Orb>(true, "", "S", false);
+            const auto object = orb->lookupObject(
+                {.host = TlxHostname("there"), .name = "Pages", .limit = std::chrono::seconds(20)});
+            if (!object)
+                return object.error().cause;
+            iterator = DiscoveryIterator::_narrow(*object);
             if (CORBA::is_nil(iterator))
                 return "not found";
             iterator->pageSize(); // makes the connection
@@ -99,7 +101,7 @@ struct SerialServantTest : testing::Test
     SerialServantTest()
     {
         HostConfig::instance().readText("", "none");
-        orb = std::make_unique<Orb>(false, "127.0.0.1:0", "S", false, 16);
+        orb = std::make_unique<Orb>(false, "127.0.0.1:0", "S", false);
         const CORBA::Object_var object = orb->activateServant(iterator.in());
         orb->advertiseObject("Pages", object);
         orb->serveRequests();

@@ -57,7 +57,7 @@ Value sent(const Value& value)
 
 struct WireContractTest : testing::Test
 {
-    const Orb orb{true, "", "", false, 16}; // strings travel in its code sets
+    const Orb orb{true, "", "", false}; // strings travel in its code sets
 };
 
 TEST_F(WireContractTest, EnumeratorsHaveTheirValues)

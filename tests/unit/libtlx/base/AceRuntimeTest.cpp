@@ -64,7 +64,7 @@ TEST(AceRuntimeTest, AnOrbUsesAceForItsLife)
     const AceRuntime whole;
     Kept::instance();
     {
-        const Orb orb(true, "", "test", false, 64);
+        const Orb orb(true, "", "test", false);
         EXPECT_EQ(2u, AceRuntime::uses());
     }
     EXPECT_EQ(1u, AceRuntime::uses());
@@ -75,7 +75,7 @@ TEST(AceRuntimeTest, AnOrbThatCannotListenFinalisesNothing)
 {
     HostConfig::instance().readText("", "none");
     Kept::instance();
-    EXPECT_THROW(Orb(false, "192.0.2.7:1", "test", false, 64), OrbError);
+    EXPECT_THROW(Orb(false, "192.0.2.7:1", "test", false), OrbError);
     EXPECT_EQ(1u, AceRuntime::uses()) << "the failed attempt keeps its use";
     EXPECT_EQ(0, Kept::destroyed);
 }

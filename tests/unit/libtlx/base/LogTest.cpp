@@ -43,8 +43,15 @@ class LogTest : public testing::Test
 
     void configure()
     {
-        std::string error;
-        ASSERT_TRUE(LoggerFactory::instance().configure(m_settings, error)) << error;
+        const auto configured = LoggerFactory::instance().configure(m_settings);
+        ASSERT_TRUE(configured) << configured.error();
+    }
+
+    /// Why the settings are refused; empty when they are taken.
+    static std::string whyRefused(const LogSettings& settings)
+    {
+        const auto configured = LoggerFactory::instance().configure(settings);
+        return configured ? "" : configured.error();
     }
 
     /// The lines without the time and the thread id: "LEVEL ORIGINATOR OPERATION TEXT".
@@ -128,7 +135,7 @@ TEST_F(LogTest, wellFormedTextPassesAsItIsAndOtherBytesAreEscaped)
 {
     configure();
     logger()->log("op", 1, "é 日 \xF0\x9F\x98\x80 back\\slash");
-    // Alone, truncated, overlong, surrogate, beyond the last code point.
+    // Bytes: alone, truncated, overlong, a surrogate, beyond the last code point.
     logger()->log("op", 1,
                   "\x80 \xC3 \xC0\xAF \xE0\x80\x80 \xED\xA0\x80 \xF4\x90\x80\x80 \xE6\x97");
     EXPECT_THAT(contentOf(m_settings.file),
@@ -209,27 +216,23 @@ TEST_F(LogTest, aConfigurationThatFailsChangesNothing)
     Logger* const before = logger();
     LogSettings wrong;
     wrong.level = 6;
-    std::string error;
 
     wrong.file = path("missing/qm.log");
-    EXPECT_FALSE(LoggerFactory::instance().configure(wrong, error));
-    EXPECT_EQ("Cannot open log file " + wrong.file + ": No such file or directory", error);
+    EXPECT_EQ(whyRefused(wrong),
+              "Cannot open log file " + wrong.file + ": No such file or directory");
     EXPECT_FALSE(std::filesystem::exists(path("missing")));
 
     wrong.file = m_directory;
-    EXPECT_FALSE(LoggerFactory::instance().configure(wrong, error));
-    EXPECT_EQ("Cannot open log file " + wrong.file + ": Is a directory", error);
+    EXPECT_EQ(whyRefused(wrong), "Cannot open log file " + wrong.file + ": Is a directory");
 
     wrong.file = path("fifo");
     ASSERT_EQ(0, ::mkfifo(wrong.file.c_str(), 0600));
-    EXPECT_FALSE(LoggerFactory::instance().configure(wrong, error));
-    EXPECT_EQ("Cannot open log file " + wrong.file + ": not a regular file", error);
+    EXPECT_EQ(whyRefused(wrong), "Cannot open log file " + wrong.file + ": not a regular file");
 
     wrong.file = path("other.log");
     wrong.maxBytes = 0;
-    EXPECT_FALSE(LoggerFactory::instance().configure(wrong, error));
-    EXPECT_EQ("Cannot open log file " + wrong.file + ": the size at which it rotates must not be 0",
-              error);
+    EXPECT_EQ(whyRefused(wrong), "Cannot open log file " + wrong.file +
+                                     ": the size at which it rotates must not be 0");
     EXPECT_FALSE(std::filesystem::exists(wrong.file));
 
     EXPECT_FALSE(before->isStale());

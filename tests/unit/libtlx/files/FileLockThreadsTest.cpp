@@ -47,6 +47,16 @@ class FileLockThreadsTest : public testing::Test
         EXPECT_TRUE(eventually([&] { return isBlocked(::getpid(), m_file.path()); }));
         return future;
     }
+    /// Two holders of each process have Read, and the peer waits for Write.
+    void keepReadInBothProcesses(FileLock& first, FileLock& second)
+    {
+        EXPECT_EQ(0, first.acquire_read());
+        EXPECT_EQ(0, second.acquire_read());
+        m_peer.open(1, m_file.path());
+        EXPECT_EQ("ok", m_peer.ask("read 0"));
+        EXPECT_EQ("ok", m_peer.ask("read 1"));
+        expectPeerBlocks("write 0", m_file.path());
+    }
     void expectPeerBlocks(const std::string& command, const std::string& path)
     {
         m_peer.tell(command);
@@ -166,12 +176,7 @@ TEST_F(FileLockThreadsTest, aTrueDeadlockIsAnErrorAndTheOtherProceeds)
     // In both processes another holder keeps Read, so neither process can give it up.
     auto upgrading = m_file.open();
     auto keeping = m_file.open(O_RDONLY);
-    ASSERT_EQ(0, upgrading->acquire_read());
-    ASSERT_EQ(0, keeping->acquire_read());
-    m_peer.open(1, m_file.path());
-    ASSERT_EQ("ok", m_peer.ask("read 0"));
-    ASSERT_EQ("ok", m_peer.ask("read 1"));
-    expectPeerBlocks("write 0", m_file.path());
+    keepReadInBothProcesses(*upgrading, *keeping);
 
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(-1, upgrading->acquire_write());
@@ -191,12 +196,7 @@ TEST_F(FileLockThreadsTest, aWaitCalledDeadlockGoesOnWhenTheOtherHolderReleases)
     // As above, but the other holder of this process releases while this process asks again.
     auto upgrading = m_file.open();
     auto keeping = m_file.open(O_RDONLY);
-    ASSERT_EQ(0, upgrading->acquire_read());
-    ASSERT_EQ(0, keeping->acquire_read());
-    m_peer.open(1, m_file.path());
-    ASSERT_EQ("ok", m_peer.ask("read 0"));
-    ASSERT_EQ("ok", m_peer.ask("read 1"));
-    expectPeerBlocks("write 0", m_file.path());
+    keepReadInBothProcesses(*upgrading, *keeping);
     auto writing = begin(*upgrading, &FileLock::acquire_write);
     EXPECT_EQ(0, keeping->release());
     // Now this process waits without a Read, and the peer gets the lock.

@@ -42,7 +42,7 @@ struct EvictorTest : testing::Test
     EvictorTest()
     {
         HostConfig::instance().readText("", "none");
-        orb = std::make_unique<Orb>(false, "127.0.0.1:0", "S", false, 16);
+        orb = std::make_unique<Orb>(false, "127.0.0.1:0", "S", false);
         const CORBA::Object_var root = orb->getOrb()->resolve_initial_references("RootPOA");
         poa = PortableServer::POA::_narrow(root);
         now = std::chrono::steady_clock::now();

@@ -13,9 +13,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <ace/Event_Handler.h>
-#include <ace/Reactor.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -37,6 +34,13 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
 
+/// Looks the object up that the host advertises.
+tl::expected<CORBA::Object_var, LookupFailure>
+lookUp(Orb& orb, const char* host, std::chrono::milliseconds limit, const char* name = "Thing")
+{
+    return orb.lookupObject({.host = TlxHostname(host), .name = name, .limit = limit});
+}
+
 /// A servant with the operations that every object has.
 class PlainServant : public virtual PortableServer::ServantBase
 {
@@ -54,6 +58,14 @@ class PlainServant : public virtual PortableServer::ServantBase
   private:
     bool* const m_destroyed;
 };
+
+/// Makes an object and advertises it as "Thing". The ORB keeps it.
+void advertiseThing(Orb& orb)
+{
+    PortableServer::Servant_var<PlainServant> servant(new PlainServant);
+    const CORBA::Object_var object = orb.activateServant(servant.in());
+    orb.advertiseObject("Thing", object);
+}
 
 /// Answers one request on each connection with "the object is here", and closes the connection. To
 /// a client, a service that restarts between two requests looks like this.
@@ -112,7 +124,7 @@ struct OrbTest : testing::Test
 
 TEST_F(OrbTest, TakesAFreePortAndReportsIt)
 {
-    const Orb orb(false, "127.0.0.1:0", "S", false, 16);
+    const Orb orb(false, "127.0.0.1:0", "S", false);
     EXPECT_THAT(orb.getEndpoint(), StartsWith("127.0.0.1:"));
     EXPECT_NE(orb.getEndpoint(), "127.0.0.1:0");
     EXPECT_EQ(orb.getServiceName(), "S");
@@ -121,7 +133,7 @@ TEST_F(OrbTest, TakesAFreePortAndReportsIt)
 TEST_F(OrbTest, PublishesTheAddressThatTheConfigurationNames)
 {
     HostConfig::instance().readText("PUBLISH_ADDRESS = 192.0.2.7\n", "qm.conf");
-    const Orb orb(false, "127.0.0.1:0", "S", false, 16);
+    const Orb orb(false, "127.0.0.1:0", "S", false);
     EXPECT_THAT(orb.getEndpoint(), StartsWith("192.0.2.7:"));
     EXPECT_NE(orb.getEndpoint(), "192.0.2.7:0");
 }
@@ -129,26 +141,24 @@ TEST_F(OrbTest, PublishesTheAddressThatTheConfigurationNames)
 TEST_F(OrbTest, AnIPv6AddressIsPublishedInBrackets)
 {
     HostConfig::instance().readText("PUBLISH_ADDRESS = 2001:db8::7\n", "qm.conf");
-    const Orb orb(false, "127.0.0.1:0", "S", false, 16);
+    const Orb orb(false, "127.0.0.1:0", "S", false);
     EXPECT_THAT(orb.getEndpoint(), StartsWith("[2001:db8::7]:"));
 }
 
 TEST_F(OrbTest, ListensOnIPv6)
 {
-    Orb orb(false, "[::1]:0", "S", false, 16);
+    Orb orb(false, "[::1]:0", "S", false);
     EXPECT_THAT(orb.getEndpoint(), StartsWith("[::1]:"));
-    PortableServer::Servant_var<PlainServant> servant(new PlainServant);
-    const CORBA::Object_var object = orb.activateServant(servant.in());
-    orb.advertiseObject("Thing", object);
+    advertiseThing(orb);
     orb.serveRequests();
     endpointOf("here", orb.getEndpoint());
-    const CORBA::Object_var found = orb.lookupObject(TlxHostname("here"), "Thing", 5s);
-    EXPECT_FALSE(CORBA::is_nil(found));
+    const auto found = lookUp(orb, "here", 5s);
+    EXPECT_TRUE(found);
 }
 
 TEST_F(OrbTest, NeverPublishesTheAnyAddress)
 {
-    const Orb orb(false, "0.0.0.0:0", "S", false, 16);
+    const Orb orb(false, "0.0.0.0:0", "S", false);
     EXPECT_FALSE(orb.getEndpoint().empty());
     EXPECT_THAT(orb.getEndpoint(), testing::Not(StartsWith("0.0.0.0")));
     EXPECT_THAT(orb.getEndpoint(), testing::Not(StartsWith(":")));
@@ -159,7 +169,7 @@ TEST_F(OrbTest, ReportsWhyAPortCannotBeUsed)
     const SilentPeer other;
     const std::string endpoint = "127.0.0.1:" + std::to_string(other.port());
     try {
-        const Orb orb(false, endpoint, "S", false, 16);
+        const Orb orb(false, endpoint, "S", false);
         FAIL() << "a port in use was taken";
     } catch (const OrbError& e) {
         EXPECT_EQ(std::string(e.what()),
@@ -170,7 +180,7 @@ TEST_F(OrbTest, ReportsWhyAPortCannotBeUsed)
 TEST_F(OrbTest, AWrongEndpointIsReportedWithTheExpectedForm)
 {
     try {
-        const Orb orb(false, "nonsense", "S", false, 16);
+        const Orb orb(false, "nonsense", "S", false);
         FAIL() << "nonsense was taken";
     } catch (const OrbError& e) {
         EXPECT_EQ(std::string(e.what()), "cannot listen on \"nonsense\": expected ADDRESS:PORT");
@@ -180,18 +190,18 @@ TEST_F(OrbTest, AWrongEndpointIsReportedWithTheExpectedForm)
 TEST_F(OrbTest, ComesUpAgainAfterAFailureAndAfterItsEnd)
 {
     const SilentPeer other;
-    EXPECT_THROW(Orb(false, "127.0.0.1:" + std::to_string(other.port()), "S", false, 16), OrbError);
+    EXPECT_THROW(Orb(false, "127.0.0.1:" + std::to_string(other.port()), "S", false), OrbError);
     {
-        const Orb orb(false, "127.0.0.1:0", "S", false, 16);
+        const Orb orb(false, "127.0.0.1:0", "S", false);
         EXPECT_THAT(orb.getEndpoint(), StartsWith("127.0.0.1:"));
     }
-    const Orb again(false, "127.0.0.1:0", "S", false, 16);
+    const Orb again(false, "127.0.0.1:0", "S", false);
     EXPECT_THAT(again.getEndpoint(), StartsWith("127.0.0.1:"));
 }
 
 TEST_F(OrbTest, AClientOpensNoPortAndServesNothing)
 {
-    Orb orb(true, "", "S", false, 16);
+    Orb orb(true, "", "S", false);
     EXPECT_EQ(orb.getEndpoint(), "");
     EXPECT_FALSE(orb.isEvictorEnabled());
     EXPECT_THROW(orb.getEvictor(), CORBA::BAD_INV_ORDER);
@@ -203,8 +213,8 @@ TEST_F(OrbTest, AClientOpensNoPortAndServesNothing)
 
 TEST_F(OrbTest, WrappersShareOneOrb)
 {
-    const Orb first(false, "127.0.0.1:0", "S", false, 16);
-    const Orb second(true, "", "T", true, 16);
+    const Orb first(false, "127.0.0.1:0", "S", false);
+    const Orb second(true, "", "T", true);
     EXPECT_EQ(first.getOrb(), second.getOrb());
     EXPECT_NE(first.getReactor(), second.getReactor());
     EXPECT_TRUE(second.isEvictorEnabled());
@@ -212,31 +222,27 @@ TEST_F(OrbTest, WrappersShareOneOrb)
 
 TEST_F(OrbTest, AnAdvertisedObjectIsFoundUnderItsName)
 {
-    Orb orb(false, "127.0.0.1:0", "S", false, 16);
-    PortableServer::Servant_var<PlainServant> servant(new PlainServant);
-    const CORBA::Object_var object = orb.activateServant(servant.in());
-    orb.advertiseObject("Thing", object);
+    Orb orb(false, "127.0.0.1:0", "S", false);
+    advertiseThing(orb);
     orb.serveRequests();
     endpointOf("here", orb.getEndpoint());
-    const CORBA::Object_var found = orb.lookupObject(TlxHostname("here"), "Thing", 5s);
-    ASSERT_FALSE(CORBA::is_nil(found));
-    EXPECT_FALSE(found->_non_existent());
-    const CORBA::Object_var none = orb.lookupObject(TlxHostname("here"), "Other", 5s);
-    EXPECT_TRUE(CORBA::is_nil(none));
+    const auto found = lookUp(orb, "here", 5s);
+    ASSERT_TRUE(found) << found.error().cause;
+    EXPECT_FALSE((*found)->_non_existent());
+    const auto none = lookUp(orb, "here", 5s, "Other");
+    EXPECT_FALSE(none);
 }
 
 TEST_F(OrbTest, AThreadThatTheOrbHasNeverSeenMayLookUp)
 {
-    Orb orb(false, "127.0.0.1:0", "S", false, 16);
-    PortableServer::Servant_var<PlainServant> servant(new PlainServant);
-    const CORBA::Object_var object = orb.activateServant(servant.in());
-    orb.advertiseObject("Thing", object);
+    Orb orb(false, "127.0.0.1:0", "S", false);
+    advertiseThing(orb);
     orb.serveRequests();
     endpointOf("here", orb.getEndpoint());
     std::thread([&orb] {
         for (int i = 0; i < 2; ++i) {
-            const CORBA::Object_var found = orb.lookupObject(TlxHostname("here"), "Thing", 5s);
-            EXPECT_FALSE(CORBA::is_nil(found));
+            const auto found = lookUp(orb, "here", 5s);
+            EXPECT_TRUE(found);
         }
     }).join();
 }
@@ -253,22 +259,20 @@ class OtherProcess : public QmTest::PeerProcess
     static std::string find(const std::string& endpoint)
     {
         OrbTest::endpointOf("there", endpoint);
-        Orb orb(true, "", "S", false, 16);
-        const CORBA::Object_var held = orb.lookupObject(TlxHostname("there"), "Thing", 300ms);
-        if (!CORBA::is_nil(held))
+        Orb orb(true, "", "S", false);
+        const auto held = lookUp(orb, "there", 300ms);
+        if (held)
             return "found too early";
-        const CORBA::Object_var found = orb.lookupObject(TlxHostname("there"), "Thing", 20s);
-        return CORBA::is_nil(found) ? "not found" : "waited";
+        const auto found = lookUp(orb, "there", 20s);
+        return found ? "waited" : found.error().cause;
     }
 };
 
 TEST_F(OrbTest, RequestsWaitUntilTheyAreServed)
 {
     OtherProcess client; // forks, so it comes before any thread
-    Orb orb(false, "127.0.0.1:0", "S", false, 16);
-    PortableServer::Servant_var<PlainServant> servant(new PlainServant);
-    const CORBA::Object_var object = orb.activateServant(servant.in());
-    orb.advertiseObject("Thing", object);
+    Orb orb(false, "127.0.0.1:0", "S", false);
+    advertiseThing(orb);
     client.tell(orb.getEndpoint());
     // The client's first request runs into its limit. Its second one waits until the service
     // serves.
@@ -283,12 +287,12 @@ TEST_F(OrbTest, RequestsWaitUntilTheyAreServed)
 TEST_F(OrbTest, ASilentPeerCostsNoMoreThanTheLimit)
 {
     const SilentPeer peer;
-    Orb orb(true, "", "S", false, 16);
+    Orb orb(true, "", "S", false);
     endpointOf("silent", "127.0.0.1:" + std::to_string(peer.port()));
     const auto start = std::chrono::steady_clock::now();
-    const CORBA::Object_var found = orb.lookupObject(TlxHostname("silent"), "Thing", 500ms);
+    const auto found = lookUp(orb, "silent", 500ms);
     const auto took = std::chrono::steady_clock::now() - start;
-    EXPECT_TRUE(CORBA::is_nil(found));
+    EXPECT_FALSE(found);
     EXPECT_GE(took, 400ms);
     EXPECT_LT(took, 5s); // slack for a busy machine
 }
@@ -296,11 +300,11 @@ TEST_F(OrbTest, ASilentPeerCostsNoMoreThanTheLimit)
 TEST_F(OrbTest, AServiceThatWasRestartedIsFoundByTheFirstQuestion)
 {
     const ForgetfulPeer peer;
-    Orb orb(true, "", "S", false, 16);
+    Orb orb(true, "", "S", false);
     endpointOf("restarted", "127.0.0.1:" + std::to_string(peer.port()));
     for (int times = 1; times <= 3; ++times) {
-        const CORBA::Object_var found = orb.lookupObject(TlxHostname("restarted"), "Thing", 20s);
-        EXPECT_FALSE(CORBA::is_nil(found));
+        const auto found = lookUp(orb, "restarted", 20s);
+        EXPECT_TRUE(found);
         EXPECT_EQ(peer.answers(), times);
     }
 }
@@ -313,10 +317,10 @@ TEST_F(OrbTest, NobodyListeningIsNil)
         port = peer.port();
     }
     LogCapture log;
-    Orb orb(true, "", "S", false, 16);
+    Orb orb(true, "", "S", false);
     endpointOf("gone", "127.0.0.1:" + std::to_string(port));
-    const CORBA::Object_var found = orb.lookupObject(TlxHostname("gone"), "Thing", 5s);
-    EXPECT_TRUE(CORBA::is_nil(found));
+    const auto found = lookUp(orb, "gone", 5s);
+    EXPECT_FALSE(found);
     ASSERT_EQ(log.texts(4).size(), 1u);
     EXPECT_THAT(log.texts(4)[0], StartsWith("No answer from corbaloc:iiop:1.2@127.0.0.1:" +
                                             std::to_string(port) + "/Thing: TRANSIENT"));
@@ -324,22 +328,20 @@ TEST_F(OrbTest, NobodyListeningIsNil)
 
 TEST_F(OrbTest, AnAddressThatIsSilentLeavesTheOthersTheirShare)
 {
-    Orb orb(false, "127.0.0.1:0", "S", false, 16);
-    PortableServer::Servant_var<PlainServant> servant(new PlainServant);
-    const CORBA::Object_var object = orb.activateServant(servant.in());
-    orb.advertiseObject("Thing", object);
+    Orb orb(false, "127.0.0.1:0", "S", false);
+    advertiseThing(orb);
     orb.serveRequests();
-    Endpoint own;
-    ASSERT_TRUE(parseEndpoint(orb.getEndpoint(), own));
-    const SilentPeer silent(INADDR_LOOPBACK + 1, own.port);
+    const auto own = parseEndpoint(orb.getEndpoint());
+    ASSERT_TRUE(own);
+    const SilentPeer silent(INADDR_LOOPBACK + 1, own->port);
     setResolver([](const std::string&) {
         return std::vector<std::string>{"127.0.0.2", "127.0.0.1"};
     });
-    endpointOf("two", "two.example:" + std::to_string(own.port));
+    endpointOf("two", "two.example:" + std::to_string(own->port));
     const auto start = std::chrono::steady_clock::now();
-    const CORBA::Object_var found = orb.lookupObject(TlxHostname("two"), "Thing", 1s);
+    const auto found = lookUp(orb, "two", 1s);
     setResolver({});
-    EXPECT_FALSE(CORBA::is_nil(found));
+    EXPECT_TRUE(found);
     EXPECT_GE(std::chrono::steady_clock::now() - start, 400ms) << "the silent one was tried";
 }
 
@@ -347,19 +349,21 @@ TEST_F(OrbTest, ThePublishedAddressLeadsBackHere)
 {
     const std::string config = "PUBLISH_ADDRESS = 127.0.0.9\n";
     HostConfig::instance().readText(config, "qm.conf");
-    Orb orb(false, "127.0.0.1:0", "S", false, 16);
+    Orb orb(false, "127.0.0.1:0", "S", false);
     HostConfig::instance().readText(config + "ENDPOINT.other = " + orb.getEndpoint() + "\n",
                                     "qm.conf");
     const LogCapture log;
-    const CORBA::Object_var found = orb.lookupObjectElsewhere(TlxHostname("other"), "Thing", 5s);
-    EXPECT_TRUE(CORBA::is_nil(found));
+    const auto found = orb.lookupObject(
+        {.host = TlxHostname("other"), .name = "Thing", .limit = 5s, .elsewhere = true});
+    ASSERT_FALSE(found);
+    EXPECT_EQ(found.error().cause, "it leads back to this service");
     EXPECT_THAT(log.texts(1),
                 ElementsAre("other leads back to this service: " + orb.getEndpoint()));
 }
 
 TEST_F(OrbTest, DestroyingAReferenceDeactivatesItsObject)
 {
-    Orb orb(false, "127.0.0.1:0", "S", false, 16);
+    Orb orb(false, "127.0.0.1:0", "S", false);
     orb.serveRequests();
     bool destroyed = false;
     PortableServer::Servant_var<PlainServant> servant(new PlainServant(&destroyed));
@@ -376,7 +380,7 @@ TEST_F(OrbTest, DestroyingAReferenceDeactivatesItsObject)
 
 TEST_F(OrbTest, CopesWithARootPoaThatItsServiceDestroyed)
 {
-    Orb orb(false, "127.0.0.1:0", "S", true, 16);
+    Orb orb(false, "127.0.0.1:0", "S", true);
     orb.serveRequests();
     PortableServer::Servant_var<PlainServant> servant(new PlainServant);
     const CORBA::Object_var object = orb.activateServant(servant.in());
@@ -387,48 +391,6 @@ TEST_F(OrbTest, CopesWithARootPoaThatItsServiceDestroyed)
     EXPECT_THROW((void)orb.activateServant(servant.in()), CORBA::SystemException);
     orb.holdRequests();
     orb.serveRequests();
-}
-
-struct Flag : ACE_Event_Handler
-{
-    int handle_timeout(const ACE_Time_Value&, const void*) override
-    {
-        const std::lock_guard guard(mutex);
-        fired = true;
-        thread = std::this_thread::get_id();
-        changed
-            .notify_all(); // under the mutex, because the waiting thread destroys this object next
-        return 0;
-    }
-    bool wait()
-    {
-        std::unique_lock lock(mutex);
-        return changed.wait_for(lock, 10s, [this] { return fired; });
-    }
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool fired = false;
-    std::thread::id thread;
-};
-
-TEST_F(OrbTest, TimersRunOnTheReactorsOwnThread)
-{
-    const Orb orb(true, "", "S", false, 1024);
-    setAceReactor(orb.getReactor());
-    EXPECT_EQ(getAceReactor(), orb.getReactor());
-    Flag flag;
-    ASSERT_NE(ACE_Reactor::instance()->schedule_timer(&flag, nullptr, ACE_Time_Value::zero), -1);
-    EXPECT_TRUE(flag.wait());
-    EXPECT_NE(flag.thread, std::this_thread::get_id());
-}
-
-TEST_F(OrbTest, TheProcessWideReactorGoesWithItsOrb)
-{
-    {
-        const Orb orb(true, "", "S", false, 16);
-        setAceReactor(orb.getReactor());
-    }
-    EXPECT_EQ(getAceReactor(), nullptr);
 }
 
 } // namespace

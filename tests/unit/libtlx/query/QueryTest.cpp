@@ -248,15 +248,6 @@ TEST(QueryTest, EveryNumberOf64BitsIsExact)
     EXPECT_TRUE(matches("used < 0.001"));
 }
 
-TEST(QueryTest, EachFieldOfAQueryIsListedOnce)
-{
-    TlxQuery query;
-    ASSERT_TRUE(query.setQuery("Size > 5 and (fstype = x or not ReadOnly) and size < 9"));
-    EXPECT_EQ(query.fieldsAsked(), (std::vector<std::string>{"fstype", "readonly", "size"}));
-    ASSERT_TRUE(query.setQuery(""));
-    EXPECT_EQ(query.fieldsAsked(), std::vector<std::string>{});
-}
-
 TEST(QueryTest, ARefusedTextLeavesTheQueryAsItWas)
 {
     TlxQuery query;

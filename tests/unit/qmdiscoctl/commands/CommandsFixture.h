@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "Commands.h"
+#include "qmdiscoctl/FailureOf.h"
 #include "support/Lines.h"
 #include "support/ListedDiscoveries.h"
 #include "support/TemporaryDirectory.h"
@@ -83,7 +84,7 @@ struct Script
     int failAfter = -1; ///< the number of calls before a COMM_FAILURE, -1 for no failure
     int pingsUntilGone = 0;
     std::vector<Discovered> discovered;
-    Outcome researchFails;
+    Result<> researchFails;
 
     QmTest::Lines calls;
     std::string stored;
@@ -97,59 +98,68 @@ struct Script
     }
 };
 
-class FakeData : public DataPages
+/// An iterator whose pages a derived class makes.
+template <class Page>
+class FakePages : public Pages<Page>
 {
   public:
-    explicit FakeData(Script& script) : m_script(script) {}
+    explicit FakePages(Script& script) : m_script(script) {}
     void setPageSize(CORBA::Long size) override
     {
         m_script.call("pageSize " + std::to_string(size));
     }
-    std::unique_ptr<Remote::CollectionDataSeq> next() override
+    std::unique_ptr<Page> next() override
     {
         m_script.call("page");
-        auto page = std::make_unique<Remote::CollectionDataSeq>();
-        if (m_next < m_script.pages.size()) {
-            const std::string& text = m_script.pages[m_next++];
-            page->length(static_cast<CORBA::ULong>(text.size()));
-            std::copy(text.begin(), text.end(), page->get_buffer());
-        }
+        auto page = std::make_unique<Page>();
+        fill(*page);
         return page;
     }
     void release() override { m_script.call("release"); }
 
-  private:
+  protected:
+    virtual void fill(Page& page) = 0;
+
     Script& m_script;
+};
+
+class FakeData : public FakePages<Remote::CollectionDataSeq>
+{
+  public:
+    using FakePages::FakePages;
+
+  private:
+    void fill(Remote::CollectionDataSeq& page) override
+    {
+        if (m_next == m_script.pages.size())
+            return;
+        const std::string& text = m_script.pages[m_next++];
+        page.length(static_cast<CORBA::ULong>(text.size()));
+        std::copy(text.begin(), text.end(), page.get_buffer());
+    }
+
     std::size_t m_next = 0;
 };
 
-class FakeRecords : public RecordPages
+class FakeRecords : public FakePages<Remote::DiscoverySeq>
 {
   public:
-    explicit FakeRecords(Script& script) : m_script(script) {}
-    void setPageSize(CORBA::Long size) override
-    {
-        m_script.call("pageSize " + std::to_string(size));
-    }
-    std::unique_ptr<Remote::DiscoverySeq> next() override
-    {
-        m_script.call("page");
-        auto page = std::make_unique<Remote::DiscoverySeq>();
-        page->length(static_cast<CORBA::ULong>(m_sent ? 0 : m_script.records));
-        m_sent = true;
-        for (CORBA::ULong i = 0; i < page->length(); ++i) {
-            (*page)[i].subject = ("cl" + std::to_string(i)).c_str();
-            (*page)[i].authority = "srv\x1b";
-            (*page)[i].authType = Svc::AT_QMKCLIENT;
-            (*page)[i].sourceHost = "h";
-            (*page)[i].sourceServiceName = "s";
-        }
-        return page;
-    }
-    void release() override { m_script.call("release"); }
+    using FakePages::FakePages;
 
   private:
-    Script& m_script;
+    void fill(Remote::DiscoverySeq& page) override
+    {
+        page.length(static_cast<CORBA::ULong>(m_sent ? 0 : m_script.records));
+        m_sent = true;
+        for (CORBA::ULong i = 0; i < page.length(); ++i) {
+            page[i].subject = ("cl" + std::to_string(i)).c_str();
+            page[i].authority = "srv\x1b";
+            page[i].authType = Svc::AT_QMKCLIENT;
+            page[i].sourceHost = "h";
+            page[i].sourceServiceName = "s";
+        }
+    }
+
     bool m_sent = false;
 };
 
@@ -229,12 +239,12 @@ class FakeService : public Service
 class Kept : public Output
 {
   public:
-    Outcome write(std::string_view bytes) override
+    Result<> write(std::string_view bytes) override
     {
         text.append(bytes);
         return {};
     }
-    Outcome finish() override { return {}; }
+    Result<> finish() override { return {}; }
     std::string text;
 };
 
@@ -248,7 +258,8 @@ struct CommandsFixture : testing::Test
         target.endpoint = {"192.0.2.7", 14400};
     }
 
-    Outcome run(Command command)
+    /// NO_FAILURE when the command succeeds.
+    Failure run(Command command)
     {
         options.command = command;
         Session session{
@@ -256,13 +267,13 @@ struct CommandsFixture : testing::Test
             .target = target,
             .status = status,
             .localHost = "here",
-            .connect = [this]() -> tl::expected<std::unique_ptr<Service>, Failure> {
+            .connect = [this]() -> Result<std::unique_ptr<Service>> {
                 if (!reachable)
                     return tl::unexpected(unreachable("backup1", target.endpoint, "no"));
                 return std::make_unique<FakeService>(script);
             },
             .research = [this](auto query, const auto& subject, const auto& authority, auto* filter,
-                               const auto& each) -> Outcome {
+                               const auto& each) -> Result<> {
                 std::ostringstream asked;
                 asked << "research " << query << ' ' << subject << ' ' << authority;
                 if (filter)
@@ -279,7 +290,7 @@ struct CommandsFixture : testing::Test
             .epochSeconds = [] { return 1000; },
             .isRunning = [](long) { return false; },
         };
-        return runCommand(session);
+        return failureOf(runCommand(session));
     }
     std::string file(const std::string& content)
     {

@@ -22,19 +22,19 @@ TEST_F(ItemCommandsTest, ClientsAreTheHostsThatPushedFilterData)
                          {"filesystem", "filesystem", "lin1", "no document", "cannot be parsed"},
                          {"filesystem", "filesystem", ""},
                          {"filesystem", "filesystem", "win1"}};
-    EXPECT_EQ(run(Command::CLIENTS), Outcome());
+    EXPECT_EQ(run(Command::CLIENTS), NO_FAILURE);
     EXPECT_EQ(script.calls, (Lines{"research 2 volume *", "research 2 filesystem *"}));
     EXPECT_EQ(out.text, "CLIENT\nlin1\nlinä\nwin1\n");
     out.text.clear();
     options.json = true;
-    EXPECT_EQ(run(Command::CLIENTS), Outcome());
+    EXPECT_EQ(run(Command::CLIENTS), NO_FAILURE);
     EXPECT_EQ(Json::parse(out.text), (Json{{"clients", {"lin1", "linä", "win1"}}}));
 }
 
 TEST_F(ItemCommandsTest, AFailedClientListPrintsNothing)
 {
     script.discovered = {{"volume", "volume", "win1"}};
-    script.researchFails = Failure{EC_UNREACHABLE, "no"};
+    script.researchFails = tl::unexpected(Failure{EC_UNREACHABLE, "no"});
     EXPECT_EQ(run(Command::CLIENTS), (Failure{EC_UNREACHABLE, "no"}));
     EXPECT_EQ(out.text, "");
 }
@@ -50,7 +50,7 @@ TEST_F(ItemCommandsTest, ItemsAreATableOfWhatWasReadAndLinesOfWhatWasNot)
                           "<DiscoveredItems><DISCOVERED Name=\"thing\"></DISCOVERED><DISC",
                           "broken"},
                          {"", "filesystem", "h1", "<FilterData></FilterData>"}};
-    EXPECT_EQ(run(Command::ITEMS), Outcome());
+    EXPECT_EQ(run(Command::ITEMS), NO_FAILURE);
     EXPECT_EQ(script.calls, Lines{"research 1 * h*"});
     EXPECT_EQ(out.text, "HOST  MOUNT  DEVICE  TYPE  SIZE     USED     RECORD\n"
                         "h1    /home  /dev/x  ext4  1.0 TiB  1.0 KiB  h1\n"
@@ -65,11 +65,11 @@ TEST_F(ItemCommandsTest, TheReasonIsFitForATerminal)
     script.discovered = {{"", "h1", "h1", "no document",
                           "a\x1b"
                           "b"}};
-    EXPECT_EQ(run(Command::ITEMS), Outcome());
+    EXPECT_EQ(run(Command::ITEMS), NO_FAILURE);
     EXPECT_THAT(out.text, testing::HasSubstr("not read: h1 of h1: a\\x1bb\n"));
     out.text.clear();
     options.json = true;
-    EXPECT_EQ(run(Command::ITEMS), Outcome());
+    EXPECT_EQ(run(Command::ITEMS), NO_FAILURE);
     EXPECT_EQ(Json::parse(out.text)["unread"][0]["reason"], "a\\x1bb");
 }
 
@@ -104,7 +104,7 @@ TEST_F(ItemCommandsTest, AFilterIsHandedOnAndAppliedToWhatArrives)
         {"", "h1", "h1",
          "<DiscoveredItems><DISCOVERED Name=\"/\"></DISCOVERED></DiscoveredItems>"}};
     options.filter = "size > 1K and mount = \"/home\"";
-    EXPECT_EQ(run(Command::ITEMS), Outcome());
+    EXPECT_EQ(run(Command::ITEMS), NO_FAILURE);
     EXPECT_EQ(script.calls, Lines{"research 1 * * size > 1K and mount = \"/home\""});
     const Json expected = Json::parse(R"({"host": "h1", "subject": "h1", "name": "/home",
         "explorer": "FileSystems", "device": "/dev/x", "type": "ext4", "options": "rw",
@@ -114,7 +114,7 @@ TEST_F(ItemCommandsTest, AFilterIsHandedOnAndAppliedToWhatArrives)
 
     out.text.clear();
     options.filter = "mount = \"/\" and not size > 0"; // matches the item that is no file system
-    EXPECT_EQ(run(Command::ITEMS), Outcome());
+    EXPECT_EQ(run(Command::ITEMS), NO_FAILURE);
     const Json items = Json::parse(out.text)["items"];
     ASSERT_EQ(items.size(), 1u);
     EXPECT_EQ(items[0], (Json{{"host", "h1"}, {"subject", "h1"}, {"name", "/"}, {"explorer", ""}}));
@@ -134,7 +134,7 @@ TEST_F(ItemCommandsTest, FiltersAreMergedFromAllHosts)
          "<Field Name=\"kind\" Type=\"text\"><Value>a</Value><Value>b</Value></Field>"
          "</QueryDescription></FilterData>"},
         {"filesystem", "filesystem", "h3", "no document", "it is none"}};
-    EXPECT_EQ(run(Command::FILTERS), Outcome());
+    EXPECT_EQ(run(Command::FILTERS), NO_FAILURE);
     EXPECT_EQ(out.text, "FIELD  TYPE   VALUES  DESCRIPTION\n"
                         "label  text   any     -\n"
                         "size   bytes  any     how much\n"
@@ -142,13 +142,13 @@ TEST_F(ItemCommandsTest, FiltersAreMergedFromAllHosts)
                         "not read: filesystem of h3: it is none\n");
     out.text.clear();
     options.json = true;
-    EXPECT_EQ(run(Command::FILTERS), Outcome());
+    EXPECT_EQ(run(Command::FILTERS), NO_FAILURE);
     EXPECT_EQ(
         Json::parse(out.text)["filters"][2],
         (Json{{"field", "kind"}, {"type", "text"}, {"values", {"a", "b"}}, {"description", ""}}));
-    script.researchFails = Failure{EC_UNREACHABLE, "no"};
-    EXPECT_EQ(run(Command::FILTERS)->code, EC_UNREACHABLE);
-    EXPECT_EQ(run(Command::ITEMS)->code, EC_UNREACHABLE);
+    script.researchFails = tl::unexpected(Failure{EC_UNREACHABLE, "no"});
+    EXPECT_EQ(run(Command::FILTERS).code, EC_UNREACHABLE);
+    EXPECT_EQ(run(Command::ITEMS).code, EC_UNREACHABLE);
 }
 
 /// The master's record of another host's explorer.
@@ -165,7 +165,7 @@ TEST_F(ItemCommandsTest, RegisteredClientsAreReadFromTheirRecords)
     script.records = 2;
     script.pages = {cacheRecord("h1\x1b").substr(0, 20), cacheRecord("h1\x1b").substr(20)};
     // A document with a control character is not well-formed.
-    EXPECT_EQ(run(Command::CLIENTS), Outcome());
+    EXPECT_EQ(run(Command::CLIENTS), NO_FAILURE);
     EXPECT_EQ(out.text, "HOST  SERVICE  SUBJECT  AUTHORITY  TYPE  PRIORITY\n"
                         "cannot read the record of cl0 of srv\\x1b: its data does not say where "
                         "the explorer is\n"
@@ -174,7 +174,7 @@ TEST_F(ItemCommandsTest, RegisteredClientsAreReadFromTheirRecords)
     out.text.clear();
     script.calls.clear();
     script.pages = {cacheRecord("h1").substr(0, 20), cacheRecord("h1").substr(20)};
-    EXPECT_EQ(run(Command::CLIENTS), Outcome());
+    EXPECT_EQ(run(Command::CLIENTS), NO_FAILURE);
     EXPECT_EQ(out.text, "HOST  SERVICE           SUBJECT  AUTHORITY  TYPE    PRIORITY\n"
                         "h1    DiscoveryService  cl0      srv\\x1b    extsrc  7\n"
                         "h1    DiscoveryService  cl1      srv\\x1b    extsrc  7\n");
@@ -190,7 +190,7 @@ TEST_F(ItemCommandsTest, RegisteredClientsAsJsonNameWhatCannotBeRead)
     options.json = true;
     script.records = 1;
     script.pages = {cacheRecord("h1")};
-    EXPECT_EQ(run(Command::CLIENTS), Outcome());
+    EXPECT_EQ(run(Command::CLIENTS), NO_FAILURE);
     EXPECT_EQ(Json::parse(out.text), Json::parse(R"({"registered": [{"host": "h1",
         "service": "DiscoveryService", "subject": "cl0", "authority": "srv\u001b",
         "type": "extsrc", "priority": 7}], "unreadable": []})"));
@@ -201,7 +201,7 @@ TEST_F(ItemCommandsTest, RegisteredClientsAsJsonNameWhatCannotBeRead)
              {std::string(65537, 'x'), "its data is no such document: it is too long"}}) {
         out.text.clear();
         script.pages = {data};
-        EXPECT_EQ(run(Command::CLIENTS), Outcome());
+        EXPECT_EQ(run(Command::CLIENTS), NO_FAILURE);
         const Json document = Json::parse(out.text);
         EXPECT_EQ(document["registered"], Json::array());
         EXPECT_EQ(
@@ -210,7 +210,7 @@ TEST_F(ItemCommandsTest, RegisteredClientsAsJsonNameWhatCannotBeRead)
     }
     out.text.clear();
     script.status = Svc::DS_OPEN_FAILED;
-    EXPECT_EQ(run(Command::CLIENTS), Outcome());
+    EXPECT_EQ(run(Command::CLIENTS), NO_FAILURE);
     EXPECT_EQ(Json::parse(out.text)["unreadable"][0]["reason"], "DS_OPEN_FAILED");
 }
 
@@ -220,7 +220,7 @@ TEST_F(ItemCommandsTest, AListOfRegisteredClientsThatBreaksOffPrintsNothing)
     script.records = 2;
     script.pages = {cacheRecord("h1")};
     script.failAfter = 10;
-    EXPECT_EQ(run(Command::CLIENTS)->code, EC_BROKE_OFF);
+    EXPECT_EQ(run(Command::CLIENTS).code, EC_BROKE_OFF);
     EXPECT_EQ(out.text, "");
 }
 

@@ -24,7 +24,7 @@ TEST_F(RecordCommandsTest, PutSendsTheFileInLargeChunksAndClosesOnce)
     options.type = Svc::AT_EXTSRC;
     options.priority = 4000000000u;
     options.timeToLive = 60;
-    EXPECT_EQ(run(Command::PUT), Outcome());
+    EXPECT_EQ(run(Command::PUT), NO_FAILURE);
     EXPECT_EQ(script.calls, (Lines{"putCollection", "put 1048576", "put 3", "close"}));
     EXPECT_EQ(script.record.attributes.priority, static_cast<CORBA::Long>(4000000000u));
     EXPECT_EQ(script.record.attributes.timeToLive, 60u);
@@ -38,7 +38,7 @@ TEST_F(RecordCommandsTest, AnEmptyFileIsAnEmptyDiscovery)
     options.input = file("");
     options.json = true;
     options.type = Svc::AT_EXTSRC;
-    EXPECT_EQ(run(Command::PUT), Outcome());
+    EXPECT_EQ(run(Command::PUT), NO_FAILURE);
     EXPECT_EQ(script.calls, (Lines{"putCollection", "close"}));
     EXPECT_EQ(Json::parse(out.text), (Json{{"host", "backup1"},
                                            {"subject", "cl5"},
@@ -56,7 +56,7 @@ TEST_F(RecordCommandsTest, ARefusedPutEndsWithTheCodeOfTheStatus)
                                        "srv1: DS_DATA_EXISTS, one of higher priority is stored"}));
     script.status = Svc::DS_SUCCESS;
     script.closeStatus = Svc::DS_OPEN_FAILED;
-    EXPECT_EQ(run(Command::PUT)->code, EC_OPEN_FAILED);
+    EXPECT_EQ(run(Command::PUT).code, EC_OPEN_FAILED);
 }
 
 TEST_F(RecordCommandsTest, PutAndGetRefusePatterns)
@@ -77,8 +77,8 @@ TEST_F(RecordCommandsTest, PutAndGetRefusePatterns)
     }
     options.subject = "cl5";
     options.authority = "srv*";
-    EXPECT_EQ(run(Command::PUT)->code, EC_USAGE);
-    EXPECT_EQ(run(Command::GET)->code, EC_LOGIC_ERROR);
+    EXPECT_EQ(run(Command::PUT).code, EC_USAGE);
+    EXPECT_EQ(run(Command::GET).code, EC_LOGIC_ERROR);
     EXPECT_EQ(script.calls, Lines{});
 }
 
@@ -97,21 +97,19 @@ TEST_F(RecordCommandsTest, APutThatBreaksOffReportsWhatWasSent)
 {
     options.input = file("12345");
     script.failAfter = 2;
-    const Outcome outcome = run(Command::PUT);
-    ASSERT_TRUE(outcome);
-    EXPECT_EQ(outcome->code, EC_BROKE_OFF);
-    EXPECT_THAT(outcome->text, HasSubstr("broke off: the connection broke: COMM_FAILURE"));
-    EXPECT_THAT(outcome->text,
+    const Failure failure = run(Command::PUT);
+    EXPECT_EQ(failure.code, EC_BROKE_OFF);
+    EXPECT_THAT(failure.text, HasSubstr("broke off: the connection broke: COMM_FAILURE"));
+    EXPECT_THAT(failure.text,
                 HasSubstr("all 5 bytes were sent, whether they were stored is not known"));
 }
 
 TEST_F(RecordCommandsTest, AnUnreadableFileIsReportedBeforeTheServiceIsCalled)
 {
     options.input = directory.path("none");
-    const Outcome outcome = run(Command::PUT);
-    ASSERT_TRUE(outcome);
-    EXPECT_EQ(outcome->code, EC_FAILURE);
-    EXPECT_THAT(outcome->text, HasSubstr(options.input));
+    const Failure failure = run(Command::PUT);
+    EXPECT_EQ(failure.code, EC_FAILURE);
+    EXPECT_THAT(failure.text, HasSubstr(options.input));
     EXPECT_EQ(script.calls, Lines{});
 }
 
@@ -120,7 +118,7 @@ TEST_F(RecordCommandsTest, GetAsksForLargePagesAndWritesTheFileAsAWhole)
     script.pages = {"one ", "two"};
     options.filter = "f";
     options.output = directory.path("out");
-    EXPECT_EQ(run(Command::GET), Outcome());
+    EXPECT_EQ(run(Command::GET), NO_FAILURE);
     EXPECT_EQ(script.calls, (Lines{"get cl5 of srv1 [f]", "pageSize 1048576", "page", "page",
                                    "page", "release"}));
     EXPECT_EQ(contentOf(directory.path("out")), "one two");
@@ -130,7 +128,7 @@ TEST_F(RecordCommandsTest, GetAsksForLargePagesAndWritesTheFileAsAWhole)
 TEST_F(RecordCommandsTest, GetWithoutAFilePrintsTheDataAlone)
 {
     script.pages = {"one ", "two"};
-    EXPECT_EQ(run(Command::GET), Outcome());
+    EXPECT_EQ(run(Command::GET), NO_FAILURE);
     EXPECT_EQ(out.text, "one two");
 }
 
@@ -140,10 +138,9 @@ TEST_F(RecordCommandsTest, AGetThatBreaksOffLeavesTheOldFile)
     script.failAfter = 3;
     options.output = directory.path("out");
     QmTest::writeFile(options.output, "old");
-    const Outcome outcome = run(Command::GET);
-    ASSERT_TRUE(outcome);
-    EXPECT_EQ(outcome->code, EC_BROKE_OFF);
-    EXPECT_THAT(outcome->text, HasSubstr("; 3 bytes were received"));
+    const Failure failure = run(Command::GET);
+    EXPECT_EQ(failure.code, EC_BROKE_OFF);
+    EXPECT_THAT(failure.text, HasSubstr("; 3 bytes were received"));
     EXPECT_EQ(contentOf(directory.path("out")), "old");
     int entries = 0;
     for (const auto& entry : std::filesystem::directory_iterator(directory.path()))
@@ -158,7 +155,7 @@ TEST_F(RecordCommandsTest, ARefusedGetEndsWithTheCodeOfTheStatus)
               (Failure{EC_NONE_FOUND, "cannot read cl5 of srv1 from the discovery service on "
                                       "backup1: DS_NONE_FOUND, there is no such discovery"}));
     script.status = Svc::DS_LOGIC_ERROR;
-    EXPECT_EQ(run(Command::GET)->code, EC_LOGIC_ERROR);
+    EXPECT_EQ(run(Command::GET).code, EC_LOGIC_ERROR);
 }
 
 TEST_F(RecordCommandsTest, QueryShowsATableOrJson)
@@ -166,7 +163,7 @@ TEST_F(RecordCommandsTest, QueryShowsATableOrJson)
     script.records = 2;
     options.subject = "cl*";
     options.authority = "";
-    EXPECT_EQ(run(Command::QUERY), Outcome());
+    EXPECT_EQ(run(Command::QUERY), NO_FAILURE);
     EXPECT_EQ(out.text, "SUBJECT  AUTHORITY  TYPE       HOST  SERVICE\n"
                         "cl0      srv\\x1b    qmkclient  h     s\n"
                         "cl1      srv\\x1b    qmkclient  h     s\n");
@@ -174,7 +171,7 @@ TEST_F(RecordCommandsTest, QueryShowsATableOrJson)
     EXPECT_EQ(script.calls.back(), "release");
     out.text.clear();
     options.json = true;
-    EXPECT_EQ(run(Command::QUERY), Outcome());
+    EXPECT_EQ(run(Command::QUERY), NO_FAILURE);
     const Json document = Json::parse(out.text);
     ASSERT_EQ(document.size(), 2u);
     EXPECT_EQ(document[1]["subject"], "cl1");
@@ -185,7 +182,7 @@ TEST_F(RecordCommandsTest, AQueryThatBreaksOffPrintsNothing)
 {
     script.records = 2;
     script.failAfter = 3;
-    EXPECT_EQ(run(Command::QUERY)->code, EC_BROKE_OFF);
+    EXPECT_EQ(run(Command::QUERY).code, EC_BROKE_OFF);
     EXPECT_EQ(out.text, "");
 }
 

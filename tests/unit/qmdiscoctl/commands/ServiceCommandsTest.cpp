@@ -17,10 +17,10 @@ using ServiceCommandsTest = CommandsFixture;
 
 TEST_F(ServiceCommandsTest, RefreshIsOfOneHostOrOfAll)
 {
-    EXPECT_EQ(run(Command::REFRESH), Outcome());
+    EXPECT_EQ(run(Command::REFRESH), NO_FAILURE);
     EXPECT_EQ(out.text, "refresh started by the discovery service on backup1\n");
     options.all = true;
-    EXPECT_EQ(run(Command::REFRESH), Outcome());
+    EXPECT_EQ(run(Command::REFRESH), NO_FAILURE);
     EXPECT_EQ(script.calls, (Lines{"local", "all"}));
     script.boolean = false;
     EXPECT_EQ(run(Command::REFRESH),
@@ -31,7 +31,7 @@ TEST_F(ServiceCommandsTest, RefreshIsOfOneHostOrOfAll)
 TEST_F(ServiceCommandsTest, StopWaitsUntilTheServiceIsGone)
 {
     script.pingsUntilGone = 3;
-    EXPECT_EQ(run(Command::STOP), Outcome());
+    EXPECT_EQ(run(Command::STOP), NO_FAILURE);
     EXPECT_EQ(out.text, "the discovery service on backup1 has stopped\n");
     script.pingsUntilGone = 1 << 20;
     options.waitSeconds = 2;
@@ -40,7 +40,7 @@ TEST_F(ServiceCommandsTest, StopWaitsUntilTheServiceIsGone)
                                    "runs after 2 s"}));
     options.waitSeconds = 0;
     out.text.clear();
-    EXPECT_EQ(run(Command::STOP), Outcome());
+    EXPECT_EQ(run(Command::STOP), NO_FAILURE);
     EXPECT_EQ(out.text, "the discovery service on backup1 is stopping\n");
 }
 
@@ -52,14 +52,14 @@ TEST_F(ServiceCommandsTest, StatusShowsTheServiceAndItsFile)
     status.members = {{"version", "1.0.0"}, {"counters", {{"queries", 3}}}};
     script.pingsUntilGone = 5;
     options.json = true;
-    EXPECT_EQ(run(Command::STATUS), Outcome());
+    EXPECT_EQ(run(Command::STATUS), NO_FAILURE);
     const Json document = Json::parse(out.text);
     EXPECT_EQ(document["reachable"], true);
     EXPECT_EQ(document["service"]["counters"]["queries"], 3);
     EXPECT_EQ(document["statusFile"]["state"], "current");
     out.text.clear();
     options.json = false;
-    EXPECT_EQ(run(Command::STATUS), Outcome());
+    EXPECT_EQ(run(Command::STATUS), NO_FAILURE);
     EXPECT_THAT(out.text, HasSubstr("counters.queries  3\n"));
 }
 
@@ -75,7 +75,7 @@ TEST_F(ServiceCommandsTest, ExplorersAreShownFromTheServicesFile)
          "outcome": "pushed"},
         {"kind": "pull", "name": "O", "subject": "x", "authority": "a", "type": 99, "priority": 1,
          "library": "", "last": null, "outcome": ""}, 7]})");
-    EXPECT_EQ(run(Command::EXPLORERS), Outcome());
+    EXPECT_EQ(run(Command::EXPLORERS), NO_FAILURE);
     EXPECT_EQ(out.text,
               "KIND  SUBJECT  AUTHORITY  TYPE    PRIORITY  EXPLORER  LAST                       "
               "OUTCOME  LIBRARY\n"
@@ -86,7 +86,7 @@ TEST_F(ServiceCommandsTest, ExplorersAreShownFromTheServicesFile)
               "next push: 2024-02-29T17:05:00+01:00\n");
     out.text.clear();
     options.json = true;
-    EXPECT_EQ(run(Command::EXPLORERS), Outcome());
+    EXPECT_EQ(run(Command::EXPLORERS), NO_FAILURE);
     EXPECT_EQ(Json::parse(out.text)["explorers"], status.members["explorers"]);
     EXPECT_EQ(script.calls, Lines{}) << "the service is not asked";
 }
@@ -99,7 +99,7 @@ TEST_F(ServiceCommandsTest, EachReasonForUnknownExplorersHasItsMessage)
     EXPECT_EQ(run(Command::EXPLORERS),
               (Failure{EC_USAGE, "the explorers of backup1 can be listed on that host only"}));
     options.host = "";
-    EXPECT_EQ(run(Command::EXPLORERS)->code, EC_UNREACHABLE) << "this host's own are meant";
+    EXPECT_EQ(run(Command::EXPLORERS).code, EC_UNREACHABLE) << "this host's own are meant";
     target.local = true;
     status.found = false;
     EXPECT_EQ(run(Command::EXPLORERS),

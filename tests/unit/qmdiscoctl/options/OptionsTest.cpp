@@ -125,31 +125,21 @@ TEST(CtlOptionsTest, TheVersionIsThePackages)
 
 TEST(CtlNamesTest, NamesAndValuesGoBothWays)
 {
-    Svc::AuthorityType type = Svc::AT_ANYANDALL;
-    EXPECT_TRUE(parseAuthorityType("RemotePull", type));
-    EXPECT_EQ(type, Svc::AT_REMOTEPULL);
-    EXPECT_EQ(toName(type), "remotepull");
-    EXPECT_FALSE(parseAuthorityType("4", type));
-    EXPECT_EQ(type, Svc::AT_REMOTEPULL);
+    EXPECT_EQ(parseAuthorityType("RemotePull"), Svc::AT_REMOTEPULL);
+    EXPECT_EQ(toName(Svc::AT_REMOTEPULL), "remotepull");
+    EXPECT_FALSE(parseAuthorityType("4"));
     EXPECT_EQ(toName(Svc::DS_DATA_EXISTS), "DS_DATA_EXISTS");
     EXPECT_EQ(toName(static_cast<Svc::DiscoveryStatus>(77)), "77");
 }
 
 TEST(CtlHostArgumentTest, AHostMayHaveAPort)
 {
-    HostArgument host;
-    EXPECT_TRUE(parseHost("backup1", host));
-    EXPECT_EQ(host.host, "backup1");
-    EXPECT_FALSE(host.port);
-    EXPECT_TRUE(parseHost("backup1:99", host));
-    EXPECT_EQ(host.port, 99);
-    EXPECT_TRUE(parseHost("[2001:db8::1]:99", host));
-    EXPECT_EQ(host.host, "2001:db8::1");
-    EXPECT_TRUE(parseHost("2001:db8::1", host));
-    EXPECT_EQ(host.host, "2001:db8::1");
-    EXPECT_FALSE(host.port);
+    EXPECT_EQ(parseHost("backup1"), (HostArgument{"backup1", std::nullopt}));
+    EXPECT_EQ(parseHost("backup1:99"), (HostArgument{"backup1", 99}));
+    EXPECT_EQ(parseHost("[2001:db8::1]:99"), (HostArgument{"2001:db8::1", 99}));
+    EXPECT_EQ(parseHost("2001:db8::1"), (HostArgument{"2001:db8::1", std::nullopt}));
     for (const char* text : {"", "a:0", "a:", ":9", "a b", "a:65536", "[a]:1"})
-        EXPECT_FALSE(parseHost(text, host)) << text;
+        EXPECT_FALSE(parseHost(text)) << text;
 }
 
 } // namespace

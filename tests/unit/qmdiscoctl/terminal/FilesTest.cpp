@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "qmdiscoctl/FailureOf.h"
 #include "support/ChildProcess.h"
 #include "support/TemporaryDirectory.h"
 
@@ -37,10 +38,12 @@ struct CtlFilesTest : testing::Test
     {
         std::string text;
         std::vector<unsigned char> buffer(3);
-        std::size_t count = 0;
-        while (!input.read(buffer, count) && count > 0)
-            text.append(reinterpret_cast<const char*>(buffer.data()), count);
-        return text;
+        for (;;) {
+            const auto count = input.read(buffer);
+            if (!count || *count == 0)
+                return text;
+            text.append(reinterpret_cast<const char*>(buffer.data()), *count);
+        }
     }
 
     const QmTest::TemporaryDirectory temporary;
@@ -51,7 +54,7 @@ TEST_F(CtlFilesTest, AnInputKnowsTheSizeOfAFile)
 {
     writeFile(path("in"), "1234567");
     Input input;
-    EXPECT_EQ(input.open(path("in")), Outcome());
+    EXPECT_EQ(failureOf(input.open(path("in"))), NO_FAILURE);
     EXPECT_EQ(input.size(), 7u);
     EXPECT_EQ(allOf(input), "1234567");
 }
@@ -66,7 +69,7 @@ TEST_F(CtlFilesTest, AnInputReadsAPipeToItsEnd)
         ::close(ends[1]);
     });
     Input input;
-    EXPECT_EQ(input.open("/proc/self/fd/" + std::to_string(ends[0])), Outcome());
+    EXPECT_EQ(failureOf(input.open("/proc/self/fd/" + std::to_string(ends[0]))), NO_FAILURE);
     EXPECT_FALSE(input.size());
     EXPECT_EQ(allOf(input), "abcde");
     writer.join();
@@ -76,10 +79,10 @@ TEST_F(CtlFilesTest, AnInputReadsAPipeToItsEnd)
 TEST_F(CtlFilesTest, ADirectoryAndAMissingFileAreNoInput)
 {
     Input input;
-    EXPECT_EQ(input.open(directory.string()),
+    EXPECT_EQ(failureOf(input.open(directory.string())),
               (Failure{EC_FAILURE, "cannot read " + directory.string() + ": Is a directory"}));
     Input missing;
-    EXPECT_EQ(missing.open(path("none")),
+    EXPECT_EQ(failureOf(missing.open(path("none"))),
               (Failure{EC_FAILURE, "cannot open " + path("none") + ": No such file or directory"}));
 }
 
@@ -87,7 +90,7 @@ TEST_F(CtlFilesTest, AFullDeviceFailsAWrite)
 {
     const auto output = makeFileOutput("/dev/full");
     ASSERT_TRUE(output) << output.error().text;
-    EXPECT_EQ((*output)->write("x"),
+    EXPECT_EQ(failureOf((*output)->write("x")),
               (Failure{EC_FAILURE, "cannot write /dev/full: No space left on device"}));
 }
 
@@ -96,10 +99,10 @@ TEST_F(CtlFilesTest, AFileAppearsWhenItIsFinished)
     auto made = makeFileOutput(path("out"));
     ASSERT_TRUE(made) << made.error().text;
     std::unique_ptr<Output> output = std::move(*made);
-    EXPECT_EQ(output->write("one "), Outcome());
-    EXPECT_EQ(output->write("two"), Outcome());
+    EXPECT_EQ(failureOf(output->write("one ")), NO_FAILURE);
+    EXPECT_EQ(failureOf(output->write("two")), NO_FAILURE);
     EXPECT_FALSE(fs::exists(path("out")));
-    EXPECT_EQ(output->finish(), Outcome());
+    EXPECT_EQ(failureOf(output->finish()), NO_FAILURE);
     EXPECT_EQ(contentOf(path("out")), "one two");
     output.reset();
     EXPECT_EQ(fileCount(), 1u);
@@ -111,7 +114,7 @@ TEST_F(CtlFilesTest, AFileGivenUpLeavesWhatWasThere)
     auto made = makeFileOutput(path("out"));
     ASSERT_TRUE(made) << made.error().text;
     std::unique_ptr<Output> output = std::move(*made);
-    EXPECT_EQ(output->write("new"), Outcome());
+    EXPECT_EQ(failureOf(output->write("new")), NO_FAILURE);
     output.reset();
     EXPECT_EQ(contentOf(path("out")), "old");
     EXPECT_EQ(fileCount(), 1u);
@@ -125,8 +128,8 @@ TEST_F(CtlFilesTest, AReplacedFileKeepsPermissionsAndLinks)
     auto made = makeFileOutput(path("link"));
     ASSERT_TRUE(made) << made.error().text;
     std::unique_ptr<Output> output = std::move(*made);
-    EXPECT_EQ(output->write("new"), Outcome());
-    EXPECT_EQ(output->finish(), Outcome());
+    EXPECT_EQ(failureOf(output->write("new")), NO_FAILURE);
+    EXPECT_EQ(failureOf(output->finish()), NO_FAILURE);
     EXPECT_TRUE(fs::is_symlink(path("link")));
     EXPECT_EQ(contentOf(path("out")), "new");
     struct stat about = {};
@@ -150,7 +153,7 @@ TEST_F(CtlFilesTest, ASignalLeavesNoTemporaryFile)
 {
     ChildProcess child([this] {
         const auto output = makeFileOutput(path("out"));
-        if (!output || (*output)->write("half"))
+        if (!output || !(*output)->write("half"))
             return 1;
         ::raise(SIGTERM);
         return 2;
