@@ -98,12 +98,16 @@ int DiscoveryTimerBase::handle_timeout(const ACE_Time_Value&, const void* genera
             return 0;
         m_id = -1;
     }
+    // An exception must not end the thread of all timers. A derived repository may throw both.
     try {
         run();
-    } catch (const std::exception& e) { // it must not end the thread of all timers
+        return 0;
+    } catch (const std::exception& e) {
         DISC_LOG(1, "A timer failed: " << e.what());
-        scheduleAgain(RETRY_SECONDS);
+    } catch (const CORBA::Exception& e) {
+        DISC_LOG(1, "A timer failed: " << describeException(e));
     }
+    scheduleAgain(RETRY_SECONDS);
     return 0;
 }
 

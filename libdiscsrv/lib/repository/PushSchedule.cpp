@@ -30,12 +30,12 @@ void PushSchedule::startPush()
 {
     DISC_TRACE("DiscoveryRepository::startPushTimer");
     // Before the guard: the old timer and its explorers are destroyed after the lock is released.
-    AutoDereference<ExplorerPushTimer> before;
+    AutoDereference<ExplorerPushTimer> timer;
     const LockableGuard lockableGuard(m_lock);
     if (!TLX_ASSERT(lockableGuard.locked()) || m_closed)
         return;
-    std::swap(before, m_push);
-    m_push.reset(new ExplorerPushTimer(m_owner, m_owner.getPushExplorers()));
+    timer.reset(new ExplorerPushTimer(m_owner, m_owner.getPushExplorers()));
+    std::swap(timer, m_push);
     m_push->schedule(0);
 }
 
