@@ -57,7 +57,7 @@ std::string written(const StatusMsg& message, XmlStr::Encoding encoding = XmlStr
     return out.str();
 }
 
-AutoDereference<StatusMsg> read(const std::string& text)
+AutoDereference<StatusMsg> readMessage(const std::string& text)
 {
     Holder holder;
     EXPECT_TRUE(holder.parseBuffer("<Holder>" + text + "</Holder>"));
@@ -81,7 +81,7 @@ TEST(StatusMsgTest, WhatIsWrittenReadsBack)
 {
     for (const std::int32_t code : {0, 17, -3, INT32_MAX, INT32_MIN}) {
         const AutoDereference<StatusMsg> message(new StatusMsg(code, " a<&>\r\n\xC3\xA9 "));
-        const AutoDereference<StatusMsg> back = read(written(*message));
+        const AutoDereference<StatusMsg> back = readMessage(written(*message));
         ASSERT_TRUE(back);
         EXPECT_EQ(back->code(), code);
         EXPECT_EQ(back->text(), message->text());
@@ -92,7 +92,7 @@ TEST(StatusMsgTest, ACodeThatIsNoNumberIsZero)
 {
     for (const char* start : {"<STATUSMSG>", "<STATUSMSG Code=''>", "<STATUSMSG Code='x'>",
                               "<STATUSMSG Code='99999999999'>", "<STATUSMSG code='5'>"}) {
-        const auto message = read(std::string(start) + "t</STATUSMSG>");
+        const auto message = readMessage(std::string(start) + "t</STATUSMSG>");
         ASSERT_TRUE(message);
         EXPECT_EQ(message->code(), 0) << start;
         EXPECT_EQ(message->text(), TlxString("t"));
@@ -102,7 +102,7 @@ TEST(StatusMsgTest, ACodeThatIsNoNumberIsZero)
 TEST(StatusMsgTest, ElementsInsideAreSkipped)
 {
     const auto message =
-        read("<STATUSMSG Code='5'>a<STATUSMSG Code='6'>b</STATUSMSG>c<x/>d</STATUSMSG>");
+        readMessage("<STATUSMSG Code='5'>a<STATUSMSG Code='6'>b</STATUSMSG>c<x/>d</STATUSMSG>");
     ASSERT_TRUE(message);
     EXPECT_EQ(message->code(), 5);
     EXPECT_EQ(message->text(), TlxString("acd"));
@@ -110,7 +110,7 @@ TEST(StatusMsgTest, ElementsInsideAreSkipped)
 
 TEST(StatusMsgTest, TheCallerGetsTheCreatorsReference)
 {
-    const auto message = read("<STATUSMSG Code='5'>a</STATUSMSG>");
+    const auto message = readMessage("<STATUSMSG Code='5'>a</STATUSMSG>");
     ASSERT_TRUE(message);
     EXPECT_EQ(message->referenceCount(), 1u);
 }
