@@ -34,7 +34,7 @@ class FileSystemFiltersPush : public virtual Tlx::DiscoverySvc::ExplorerPush
 };
 
 /// Returns the file systems that are mounted now and match the reader's filter parameters. A filter
-/// that cannot be read fails the pull. Otherwise the reader would take all file systems for a
+/// that cannot be read fails the pull. Otherwise the reader would believe that all file systems
 /// match.
 class FileSystemPull : public virtual Tlx::DiscoverySvc::ExplorerPull
 {

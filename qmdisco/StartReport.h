@@ -19,11 +19,11 @@ class StartReport
     /// Makes a report for the foreground, which does nothing.
     StartReport() = default;
     /// Detaches, and returns only in the daemon. The calling process waits for the report and ends.
-    /// If the daemon dies without a report, it ends with EC_UNEXPECTED. Call it before any thread
-    /// is made. It closes all descriptors except the standard ones, and changes to the directory
-    /// "/".
+    /// If the daemon dies without a report, the calling process ends with EC_UNEXPECTED. Call it
+    /// before any thread is made. It closes all descriptors except the standard ones, and changes
+    /// to the directory "/".
     ///
-    /// Returns a failure in the calling process up to the first fork, in the child after it.
+    /// Before the first fork, the calling process returns a failure. After it, the child does.
     [[nodiscard]] static Result<StartReport> detach();
 
     /// Reports the exit code of the start. Later calls do nothing. After a success standard error

@@ -59,7 +59,7 @@ std::string toJson(const Status& status);
 /// Returns seconds since the epoch as "2024-02-29T13:05:00+01:00", in the local zone.
 std::string toIsoTime(long long seconds);
 
-/// Writes a temporary file, syncs it and renames it. So readers always see a whole document, also
+/// Writes a temporary file, syncs it and renames it. So readers always see a whole document, even
 /// after a crash. One thread uses it.
 class StatusFile
 {

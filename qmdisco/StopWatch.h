@@ -17,7 +17,7 @@ namespace Veltrane::Quillmark::Qmdisco {
 
 /// The watch has a thread. It waits for SIGTERM, SIGINT, SIGHUP and the service's wish, and wakes
 /// the main thread, which does the work. The main thread cannot wait for signals itself, because it
-/// may be in a hook that hangs. The limit of a stop begins with the wish, also during the start.
+/// may be in a hook that hangs. The limit of a stop begins with the wish, even during the start.
 ///
 /// A process has one object.
 class StopWatch

@@ -1,6 +1,6 @@
 #pragma once
-// A file system as the default explorers report it: the data block of an item that carries the
-// name of the mount point. The explorers write the block, qmdiscoctl reads it back.
+// A file system as the default explorers report it: the data block of an item. The item's name is
+// the mount point. The explorers write the block, qmdiscoctl reads it back.
 //
 // Any thread may call the functions. They log nothing unless their comment says so.
 

@@ -37,7 +37,7 @@ enum class ResearchProblem
     NOT_PARSED  ///< the document is broken, or exceeds a bound
 };
 
-/// A failure and its record.
+/// Why a discovery could not be read, and which one it was.
 struct ResearchFailure
 {
     ResearchProblem problem;

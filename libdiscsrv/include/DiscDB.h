@@ -85,7 +85,7 @@ class DISCSRV_EXPORT DBCollectionData : public CollectionData
     /// Gives up and deletes the temporary payload. Always returns true.
     bool cleanup();
 
-    /// Deletes the stored payload. Returns true also if it was missing.
+    /// Deletes the stored payload. Returns true even if it was missing.
     bool expire() const;
 
     /// Sets the lock under which the record was found; null for none. With a lock, opening for
@@ -125,9 +125,9 @@ class DISCSRV_EXPORT DBDiscovery : public Discovery
     /// Makes a new record for a directory and becomes the owner of data.
     DBDiscovery(const TlxPathname& dbPath, DBCollectionData* data, DiscoveryQuery query);
 
-    /// Returns DS_SUCCESS once the record survives a power cut, DS_DATA_EXISTS if a record of
-    /// higher priority is stored, or DS_OPEN_FAILED if the file system refuses. After a success the
-    /// object holds the record's lock until it is destroyed.
+    /// Returns DS_SUCCESS once the record survives a power cut. Returns DS_DATA_EXISTS if a record
+    /// of higher priority is stored, and DS_OPEN_FAILED if the file system refuses. After a success
+    /// the object holds the record's lock until it is destroyed.
     DiscoveryResult persist() override;
     DiscoveryResult open(OpenMode mode, const char* arg) override;
     /// The setters also forget a metadata document that was read before.

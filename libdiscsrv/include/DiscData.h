@@ -190,9 +190,9 @@ class DISCSRV_EXPORT CollectionData
     std::string m_openFailure;
 };
 
-/// One record. A producer gets it from a backend, sets subject, authority and attributes, opens it
-/// with OM_UPDATE, writes its collection data, and persists it. A reader gets it from an iterator,
-/// opens it with OM_READ and reads its collection data until the count is 0.
+/// One record. A producer gets it from a backend, and sets subject, authority and attributes. Then
+/// it opens the record with OM_UPDATE, writes its collection data, and persists it. A reader gets
+/// it from an iterator, opens it with OM_READ and reads its collection data until the count is 0.
 ///
 /// A record owns its authority, subject, attributes and collection data. It is shared by reference
 /// counts and cannot be copied.

@@ -113,12 +113,12 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
                                                       const std::string& authority,
                                                       AuthorityType type);
 
-    /// True if a name holds a "*".
+    /// True if a name contains a "*".
     static bool stringContainsWildcard(const std::string& text);
 
     // Both take a reference to the explorer and copy subject and authority. A null authority stands
     // for this host's own. A registration beyond MAX_EXPLORERS, or during a shutdown, is logged and
-    // dropped. One that loses against a higher priority is dropped without a log line.
+    // dropped. A registration that loses against a higher priority is dropped without a log line.
     void registerExplorer(const Subject* subject, const ExplorerPush* explorer,
                           const unsigned int& priority, const Authority* authority);
     /// @param fromCache true if the registration comes from the store. Otherwise the master's

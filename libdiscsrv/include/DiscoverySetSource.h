@@ -14,9 +14,9 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 /// its elements, the parser's buffer, and three copies of one text. tlx/Xml.h has the other bounds.
 constexpr std::size_t MAX_ITEMS_DOCUMENT_BYTES = 64u << 20;
 
-/// The bytes of open collection data, from its current position. A failed read ends the stream, and
-/// so does a shutdown, which waits for no document. At MAX_ITEMS_DOCUMENT_BYTES the stream also
-/// ends, with a log line.
+/// The bytes of open collection data, from its current position. A failed read ends the stream. A
+/// shutdown also ends it, because a shutdown does not wait for a document. At
+/// MAX_ITEMS_DOCUMENT_BYTES the stream also ends, with a log line.
 class DISCSRV_EXPORT DiscoverySetBinInputStream : public xercesc::BinInputStream
 {
   public:

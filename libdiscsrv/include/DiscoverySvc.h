@@ -21,7 +21,7 @@ class DISCSRV_EXPORT DiscoverySvc : public OrbService
     void doStop() override;
     void doExit() override;
     /// Returns false only if the configuration has REPORT_CLIENT_DISCOVERIES = FALSE. The service
-    /// starts also without a readable configuration.
+    /// also starts without a readable configuration.
     bool doShouldStart() override;
 
   private:

@@ -73,7 +73,7 @@ class DISCSRV_EXPORT ExplorerPull : public virtual Explorer
     ~ExplorerPull() override;
 
     /// Opens the collection data with OM_UPDATE and writes the whole collection into it. Returns
-    /// true if it did. Any thread may call it, also several at once.
+    /// true if it did. Any thread may call it, and several threads may call it at once.
     /// @param text the reader's filter parameters; may be empty, never null.
     /// @param data belongs to the reader. Do not use it after the call.
     virtual bool collectionRequested(DiscoveryQuery query, const Authority& authority,
@@ -82,7 +82,7 @@ class DISCSRV_EXPORT ExplorerPull : public virtual Explorer
                                      const char* text, CollectionData* data) = 0;
 };
 
-/// An explorer that is driven by a timer.
+/// An explorer that a timer calls.
 class DISCSRV_EXPORT ExplorerPush : public virtual Explorer
 {
   public:

@@ -50,12 +50,14 @@ class DISCSRV_EXPORT RemoteCollectionData : public CollectionData
     /// is only read.
     const DiscoveryResult& getResult() const { return m_result; }
 
+    /// Sets the result to DS_OPEN_FAILED.
+    // Compat(name-initalize): programs built against the headers call it by this name.
+    void initalizeDR();
+
     static constexpr std::size_t CHUNK_BYTES = 1024;
     static constexpr std::int32_t FIRST_CACHE_BYTES = 1024;
 
   private:
-    // Compat(name-initalize): programs built against the headers know it by this name.
-    void initalizeDR();
     void getMasterServerName(TlxHostname& out) const;
     Remote::DiscoveryService_ptr connect() const;
     bool failOpen(const std::string& why);

@@ -26,10 +26,10 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// Lets a process that is not a service read discoveries. It owns a client ORB, which opens no port
-/// and waits at most 30 seconds for an answer, and a framework without a servant. Queries go to the
-/// master over the network, also on the master's own host. The process decides where it logs; the
-/// default is standard error.
+/// Lets a process that is not a service read discoveries. It owns a client ORB and a framework
+/// without a servant. The ORB opens no port and waits at most 30 seconds for an answer. Queries go
+/// to the master over the network, even on the master's own host. The process decides where it
+/// logs; the default is standard error.
 class DISCSRV_EXPORT DiscoveryResearcher
 {
   public:

@@ -1,5 +1,5 @@
 #pragma once
-// Reads single values out of small XML documents.
+// Reads single values from small XML documents.
 
 #include <sstream>
 #include <string>

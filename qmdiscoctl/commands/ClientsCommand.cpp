@@ -1,4 +1,4 @@
-// The hosts that discoveries came from. Each one publishes the fields of its filters.
+// The discovered clients: the hosts that publish what a filter may ask about.
 
 #include <set>
 #include <vector>

@@ -8,7 +8,7 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 
 namespace {
 
-/// Large pages need only few round trips. The service may answer with shorter ones.
+/// With large pages, few round trips are enough. The service may answer with shorter ones.
 constexpr CORBA::Long PAGE_BYTES = 1 << 20;
 
 const char* whyNotRead(Svc::DiscoveryStatus status)

@@ -12,7 +12,7 @@ struct Unread
 {
     std::string subject;
     std::string authority;
-    std::string reason; ///< fit for a terminal
+    std::string reason; ///< escaped for a terminal
     friend auto operator<=>(const Unread&, const Unread&) = default;
 };
 

@@ -25,7 +25,7 @@ std::string checkQueryType(const std::string& text);
 /// The number that a checked text holds.
 std::uint64_t numberOf(const std::string& text);
 
-/// A text in double quotes, fit for a terminal.
+/// A text in double quotes, escaped for a terminal.
 std::string quoted(const std::string& text);
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -34,7 +34,7 @@ class CommandLine
     static std::string commandNames();
 
   private:
-    /// Options with texts that are not parsed yet.
+    /// Option texts, which options() converts.
     struct Texts
     {
         std::string type;

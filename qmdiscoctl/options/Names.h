@@ -4,11 +4,15 @@
 #include <optional>
 #include <string>
 
-#include "ExitCode.h"
+#include <tlx/Corba.h>
+
+#include <DiscoverySvc.hh>
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-/// Absent when the text names no value. The case of letters does not matter.
+namespace Svc = Tlx::DiscoverySvc;
+
+/// Absent if the text does not name a value. The case of letters does not matter.
 [[nodiscard]] std::optional<Svc::AuthorityType> parseAuthorityType(const std::string& text);
 [[nodiscard]] std::optional<Svc::DiscoveryQuery> parseQueryType(const std::string& text);
 
@@ -20,8 +24,8 @@ std::string toName(Svc::DiscoveryStatus status);
 std::string authorityTypeNames();
 std::string queryTypeNames();
 
-/// Whether a subject or authority holds a wildcard ("%2A" is a "*", too). A query accepts it, but
-/// it cannot name a single record.
+/// Whether a subject or authority contains a wildcard ("%2A" is a "*", too). A query accepts it,
+/// but it cannot name a single record.
 bool isPattern(const std::string& name);
 
 } // namespace Veltrane::Quillmark::Qmdiscoctl

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "ExitCode.h"
+#include "Names.h"
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 

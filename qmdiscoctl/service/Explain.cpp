@@ -35,6 +35,26 @@ std::string explain(std::string_view exception, const std::string& description)
 
 } // namespace
 
+ExitCode exitCodeOf(Svc::DiscoveryStatus status)
+{
+    switch (status) {
+    case Svc::DS_SUCCESS:
+        return EC_OK;
+    case Svc::DS_NONE_FOUND:
+        return EC_NONE_FOUND;
+    case Svc::DS_LOGIC_ERROR:
+        return EC_LOGIC_ERROR;
+    case Svc::DS_OPEN_FAILED:
+        return EC_OPEN_FAILED;
+    case Svc::DS_COM_ERROR:
+        return EC_COM_ERROR;
+    case Svc::DS_DATA_EXISTS:
+        return EC_DATA_EXISTS;
+    default:
+        return EC_BROKE_OFF; // not a status at all
+    }
+}
+
 std::string explain(const CORBA::SystemException& exception)
 {
     return explain(exception._name(), Tlx::describeException(exception));

@@ -8,6 +8,7 @@
 #include <Researcher.h>
 
 #include "ExitCode.h"
+#include "Names.h"
 #include "Target.h"
 
 namespace Veltrane::Quillmark::Qmdiscoctl {

@@ -12,11 +12,11 @@ namespace Veltrane::Quillmark::Qmdiscoctl {
 namespace {
 
 constexpr std::size_t MAX_BYTES = 1u << 20;
-/// The service writes much less depth. The stack of parser and printer is large enough for this
-/// depth.
+/// The service writes documents of much less depth. The stack of parser and printer is large enough
+/// for this depth.
 constexpr int MAX_DEPTH = 32;
 
-/// Parses a text. Returns a discarded value if the text is no JSON document.
+/// Parses a text. Returns a discarded value if the text is not a JSON document.
 nlohmann::ordered_json parse(const std::string& text)
 {
     bool tooDeep = false;

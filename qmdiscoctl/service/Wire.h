@@ -9,6 +9,7 @@
 #include <ServiceConnection.h>
 
 #include "ExitCode.h"
+#include "Names.h"
 #include "Target.h"
 
 namespace Veltrane::Quillmark::Tlx {
@@ -72,6 +73,9 @@ class Service
 /// same limit again.
 [[nodiscard]] Result<std::unique_ptr<Service>> connect(Tlx::Orb& orb, const Target& target,
                                                        std::chrono::seconds limit);
+
+/// The exit code of a status; EC_OK for DS_SUCCESS.
+ExitCode exitCodeOf(Svc::DiscoveryStatus status);
 
 /// Why a request failed, for people, with the exception's own name.
 std::string explain(const CORBA::SystemException& exception);

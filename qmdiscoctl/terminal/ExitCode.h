@@ -4,13 +4,8 @@
 #include <string>
 
 #include <tl/expected.hpp>
-#include <tlx/Corba.h>
-
-#include <DiscoverySvc.hh>
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
-
-namespace Svc = Tlx::DiscoverySvc;
 
 enum ExitCode : int
 {
@@ -19,16 +14,13 @@ enum ExitCode : int
     EC_USAGE = 2,
     EC_UNREACHABLE = 3,
     EC_BROKE_OFF = 4,
-    // Each status of the service has a code: 10 plus the status.
+    // Each status of the service has a code: 10 plus the status, see exitCodeOf.
     EC_NONE_FOUND = 11,
     EC_LOGIC_ERROR = 12,
     EC_OPEN_FAILED = 13,
     EC_COM_ERROR = 14,
     EC_DATA_EXISTS = 15,
 };
-
-/// The exit code of a status; EC_OK for DS_SUCCESS.
-ExitCode exitCodeOf(Svc::DiscoveryStatus status);
 
 /// The table of exit codes, for people.
 std::string exitCodeTable();

@@ -11,7 +11,7 @@
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
 
-/// Keeps level-1 lines, each fit for a terminal. Any thread may log.
+/// Keeps level-1 lines, escaped for a terminal. Any thread may log.
 class KeptLog : public Tlx::LogSink
 {
   public:

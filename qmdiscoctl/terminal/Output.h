@@ -40,7 +40,7 @@ class StandardDataOutput : public StandardOutput
 };
 
 /// A file that appears under its name only when it is complete. The data goes to a temporary file
-/// in the same directory. finish syncs and renames it. Without finish no file stays behind, also if
+/// in the same directory. finish syncs and renames it. Without finish no file stays behind, even if
 /// a signal ends the program. An existing file keeps its permissions, and a symbolic link still
 /// leads to it. Data for a device or a pipe goes there directly.
 [[nodiscard]] Result<std::unique_ptr<Output>> makeFileOutput(const std::string& name);

@@ -32,7 +32,7 @@ class Record : public DiscoverySvc::Discovery
     DiscoveryResult persist() override { return {DS_LOGIC_ERROR, 0}; }
     DiscoveryResult open(OpenMode, const char*) override { return {DS_LOGIC_ERROR, 0}; }
 
-    /// Whether a record accepts the text as its document.
+    /// Reads the text. Returns false if no record has such a document.
     bool read(const std::string& text)
     {
         clearDocumentRefused();

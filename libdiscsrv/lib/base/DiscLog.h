@@ -1,7 +1,7 @@
 #pragma once
 // The logging of this library. A source file defines LOG_SOURCE before it logs.
 //
-// Compat(log-sources): log readers know a unit by its LOG_SOURCE, also where its file has another
+// Compat(log-sources): log readers know a unit by its LOG_SOURCE, even where its file has another
 // name.
 
 #include <tlx/Assert.h>

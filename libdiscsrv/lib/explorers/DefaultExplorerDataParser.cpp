@@ -99,8 +99,8 @@ int DefaultExplorerDataParser::xmlEndElement(XmlObjParseContext* context, const 
     if (!TLX_ASSERT(ctxt))
         return XML_NOTHING;
     ctxt->takeText();
-    // Compat(block-ends-early): plug-ins rely on it: a block ends at the first end tag that has its
-    // name.
+    // Compat(block-ends-early): plug-ins rely on this: a block ends at the first end tag that has
+    // its name.
     const bool complete = ctxt->isEndTag(name);
     if (!complete)
         ctxt->m_out << "</" << TlxString::fromXmlCh(name) << '>';

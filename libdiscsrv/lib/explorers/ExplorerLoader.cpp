@@ -70,7 +70,8 @@ void ExplorerLoader::loadExplorerFilterData()
 {
     // Compat(plugin-filter-data): plug-ins are the only libraries that provide filter data. In the
     // default library this resolves the symbol of the parsers and then calls the one of the filter
-    // data. So log readers find "Unable to resolve symbol" on every load.
+    // data. So log readers find "Unable to resolve symbol" in each program that loads filter data.
+    // The daemon never does.
     load({"ExplorerLoader::loadExplorerFilterData", FILTER_DATA, m_filterDataLoaded,
           m_parserResolver, m_filterDataResolver,
           "Found default explorer library, will register explorer filter data",

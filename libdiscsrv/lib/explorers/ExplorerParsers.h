@@ -32,9 +32,9 @@ class DISCSRV_EXPORT ExplorerParsers
 
     /// Returns the parser for a type, or else the default parser, which is always the same. The
     /// caller releases the reference. The first call loads the parsers and other calls wait for it.
-    /// Otherwise the default parser would read a block now, and the right parser a moment later. A
-    /// library that asks while it is being loaded does not wait. It finds only the parsers that are
-    /// there so far.
+    /// If they did not wait, the default parser would read a block now, and the right parser would
+    /// read the same block a moment later. A library that asks while it is being loaded does not
+    /// wait. It finds only the parsers that are there so far.
     ExplorerDataParser* find(const TlxString& type);
 
   private:

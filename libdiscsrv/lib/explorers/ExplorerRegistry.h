@@ -43,14 +43,14 @@ class DISCSRV_EXPORT ExplorerRegistry
     /// Shows every registration that has returned, and every one that is being stored.
     ExplorerSnapshot snapshot() const;
 
-    // A registration beyond the bound, and one that comes after close(), is logged and dropped. One
-    // that loses against a higher priority is dropped and not logged.
+    // A registration that is beyond the bound, or comes after close(), is logged and dropped. A
+    // registration that loses against a higher priority is dropped and not logged.
 
     void registerPush(const AutoDereference<ExplorerWrapper>& wrapper);
     /// @param store writes the registration to disk, and registers nothing itself. The registry
     /// calls it without the tables' lock, for one registration at a time. It does not call it for a
-    /// dropped or replaced registration. So the last one that is stored is the one that is
-    /// registered. A registration that was accepted before close() is stored after close(), too.
+    /// dropped or replaced registration. So the registration that is stored last is the registered
+    /// one. A registration that was accepted before close() is stored after close(), too.
     void registerPull(const AutoDereference<ExplorerWrapper>& wrapper,
                       const std::function<void()>& store = {});
 

@@ -26,7 +26,8 @@ constexpr const char* ATTRIBUTE_NAME = "Name";
 bool callParser(const ExplorerDataParser& parser, const DiscoveredDataContext& context,
                 const char* operation, const std::function<void()>& call)
 {
-    // The default parser is not foreign code, and it is called most often.
+    // The default parser needs no guard, because it is not foreign code. It is also called most
+    // often.
     if (dynamic_cast<const DefaultExplorerDataParser*>(&parser)) {
         call();
         return true;

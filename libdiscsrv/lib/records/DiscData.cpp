@@ -101,7 +101,7 @@ bool Authority::operator==(const Authority& other) const
 
 bool Authority::operator>(const Authority& other) const
 {
-    // Compat(authority-greater): plug-ins and the explorer sets rely on it: an authority with a
+    // Compat(authority-greater): plug-ins and the explorer sets rely on this: an authority with a
     // lesser name and a greater type counts as greater.
     if (strcasecmp(m_name.c_str(), other.m_name.c_str()) > 0)
         return true;
@@ -171,7 +171,7 @@ DiscoveryIterator::~DiscoveryIterator() = default;
 namespace {
 
 /// False for "" and "*...", which mean any name.
-// Compat(star-means-any): peers rely on it: a name that begins with "*" matches every name.
+// Compat(star-means-any): peers rely on this: a name that begins with "*" matches every name.
 bool narrows(const std::string& name)
 {
     return !name.empty() && name.front() != '*';

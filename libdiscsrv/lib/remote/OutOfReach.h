@@ -1,4 +1,5 @@
 #pragma once
+// Distinguishes a host that does not answer from one that answers with a failure.
 
 #include <tlx/Corba.h>
 

@@ -5,7 +5,7 @@
 #include <tlx/Servant.h>
 
 #include "DiscLog.h"
-#include "FetchLimit.h"
+#include "FetchTimeLimit.h"
 #include "InFlight.h"
 #include "OutOfReach.h"
 #include "PeerLink.h"
@@ -213,7 +213,7 @@ DiscoveryResult RemoteCollectionData::persist()
     DISC_TRACE("RemoteDiscovery::persist");
     if (!TLX_ASSERT_AS(!CORBA::is_nil(m_writer), "NULL != cd->m_writer"))
         return {DS_LOGIC_ERROR, 0};
-    // Compat(writer-left-open): a close would store the bytes that did arrive.
+    // Compat(writer-left-open): a close would store an incomplete collection.
     if (m_spoilt) {
         DISC_LOG(1, "A collection that lost bytes on its way is not persisted");
         dropWriter();
@@ -275,7 +275,7 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr iterator)
 {
     const std::uint64_t bound = HostConfig::instance().number(ConfigKey::REMOTE_MAX_BYTES);
     m_cache.resize(FIRST_CACHE_BYTES);
-    const FetchLimit limit;
+    const FetchTimeLimit limit;
     for (;;) {
         if (limit.isOver())
             return failOpen("A collection of another host " + limit.text());
@@ -291,7 +291,7 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr iterator)
         if (!append(page))
             return false;
     }
-    // Compat(fetch-empty): log readers rely on it: a collection without bytes is a failure.
+    // Compat(fetch-empty): log readers rely on this: a collection without bytes is a failure.
     if (m_length == 0)
         return failOpen("Collection data returned has no data");
     return true;
@@ -300,8 +300,8 @@ bool RemoteCollectionData::fetch(Remote::CollectionDataIterator_ptr iterator)
 bool RemoteCollectionData::append(const Remote::CollectionDataSeq& page)
 {
     const std::size_t needed = static_cast<std::size_t>(m_length) + page.length();
-    // Compat(fetch-doubled-once): peers and log readers rely on it: the cache doubles at most once
-    // for each page, and a page that still does not fit fails the read.
+    // Compat(fetch-doubled-once): peers and log readers rely on this: the cache doubles at most
+    // once for each page, and a page that still does not fit fails the read.
     if (needed > m_cache.size())
         m_cache.resize(m_cache.size() * 2);
     if (needed > m_cache.size())

@@ -4,7 +4,7 @@
 #include <tlx/Servant.h>
 
 #include "DiscLog.h"
-#include "FetchLimit.h"
+#include "FetchTimeLimit.h"
 #include "OutOfReach.h"
 #include "PeerLink.h"
 #include "RemoteDB.h"
@@ -35,7 +35,7 @@ RemoteDiscoveryIterator::RemoteDiscoveryIterator(AuthorityType type, const std::
         m_failure = "the service answered without an iterator";
         return;
     }
-    const FetchLimit limit;
+    const FetchTimeLimit limit;
     bool answers = true;
     try {
         while (fetchPage(iterator)) {

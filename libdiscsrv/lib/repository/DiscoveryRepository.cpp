@@ -133,7 +133,7 @@ bool DiscoveryRepository::isGenericDS() const
 
 bool DiscoveryRepository::isMaster() const
 {
-    // A process with a given master's address does not ask the configuration.
+    // If a caller has set the master's address, the configuration does not count.
     return !m_link.isMasterGiven() && getRemoteDiscoveryDatabase()->isMaster();
 }
 
@@ -142,7 +142,7 @@ bool DiscoveryRepository::isGenericDSOnMaster() const
     return isMaster() && isGenericDS();
 }
 
-// Compat(read-question-mark): peers may read by a name that holds "?". Only "*" is refused.
+// Compat(read-question-mark): peers may read by a name that contains "?". Only "*" is refused.
 bool DiscoveryRepository::stringContainsWildcard(const std::string& text)
 {
     return text.find('*') != std::string::npos;

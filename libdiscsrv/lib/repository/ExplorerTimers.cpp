@@ -98,12 +98,16 @@ int DiscoveryTimerBase::handle_timeout(const ACE_Time_Value&, const void* genera
             return 0;
         m_id = -1;
     }
+    // An exception must not end the thread of all timers. A derived repository may throw both.
     try {
         run();
-    } catch (const std::exception& e) { // it must not end the thread of all timers
+        return 0;
+    } catch (const std::exception& e) {
         DISC_LOG(1, "A timer failed: " << e.what());
-        scheduleAgain(REGISTER_RETRY_SECONDS);
+    } catch (const CORBA::Exception& e) {
+        DISC_LOG(1, "A timer failed: " << describeException(e));
     }
+    scheduleAgain(RETRY_SECONDS);
     return 0;
 }
 
@@ -150,7 +154,7 @@ void ExplorerRegisterTimer::run()
     m_owner.getMasterServerName(master);
     if (master.empty()) {
         DISC_LOG(1, "Cannot find master server name, cannot register explorers");
-        return scheduleAgain(REGISTER_RETRY_SECONDS);
+        return scheduleAgain(RETRY_SECONDS);
     }
     const std::shared_ptr<const ExplorerSet> explorers = m_owner.getPullExplorers();
     DISC_LOG(4, "Registering " << explorers->size() << " explorers with master server");
@@ -160,14 +164,14 @@ void ExplorerRegisterTimer::run()
             if (m_owner.isShuttingDown())
                 return;
             DISC_LOG(1, "Failed to connect to discovery service on the master, retrying later");
-            return scheduleAgain(REGISTER_RETRY_SECONDS);
+            return scheduleAgain(RETRY_SECONDS);
         }
         if (!registerAll(*explorers, service))
             return;
     } catch (const CORBA::Exception& e) {
         DISC_LOG(1, "Caught CORBA exception registering explorers with master, retrying later");
         DISC_LOG(1, describeException(e));
-        return scheduleAgain(REGISTER_RETRY_SECONDS);
+        return scheduleAgain(RETRY_SECONDS);
     }
     DISC_LOG(4, "Successfully registered explorers with master");
     m_owner.startPushTimer();

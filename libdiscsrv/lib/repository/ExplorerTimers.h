@@ -16,11 +16,10 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 constexpr unsigned PUSH_INTERVAL_SECONDS = 14400; ///< also a pushed record's time to live
 constexpr unsigned TRIGGERED_PUSH_RANGE_SECONDS = 60;
 constexpr unsigned FIRST_REGISTER_RANGE_SECONDS = 300;
-constexpr unsigned REGISTER_RETRY_SECONDS = 300;
+constexpr unsigned RETRY_SECONDS = 300; ///< after a registration or a run that failed
 
 /// A timer without a repeat: each run schedules the next one. It has at most one schedule, however
-/// many
-/// threads schedule it. A cancelled timer has none. This also holds for a restart or a cancel
+/// many threads schedule it. A cancelled timer has none. This also holds for a restart or a cancel
 /// during a run. The reactor holds a reference while the timer is scheduled or runs.
 class DiscoveryTimerBase : public TLXBlocking, public ACE_Event_Handler
 { // TLXBlocking must be the first base: it is destroyed last, and wakes waiters only then.

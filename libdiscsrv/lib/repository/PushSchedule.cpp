@@ -12,8 +12,8 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../DiscoveryRepository";
 
-// Compat(seed-from-name): operators know the delay of each host. Its seed is the number at the
-// start of the host name, so it is the same at every start.
+// Compat(seed-from-name): operators know the delay of each host. The delay is the same at every
+// start, because its seed is the number at the start of the host name.
 unsigned seededDelay(unsigned range)
 {
     const TlxHostname host = TlxHostname::local();
@@ -30,12 +30,12 @@ void PushSchedule::startPush()
 {
     DISC_TRACE("DiscoveryRepository::startPushTimer");
     // Before the guard: the old timer and its explorers are destroyed after the lock is released.
-    AutoDereference<ExplorerPushTimer> before;
+    AutoDereference<ExplorerPushTimer> timer;
     const LockableGuard lockableGuard(m_lock);
     if (!TLX_ASSERT(lockableGuard.locked()) || m_closed)
         return;
-    std::swap(before, m_push);
-    m_push.reset(new ExplorerPushTimer(m_owner, m_owner.getPushExplorers()));
+    timer.reset(new ExplorerPushTimer(m_owner, m_owner.getPushExplorers()));
+    std::swap(timer, m_push);
     m_push->schedule(0);
 }
 

@@ -1,5 +1,5 @@
 #pragma once
-// Queries that the master answers.
+// Forwards queries to the master.
 
 #include <string>
 

@@ -44,7 +44,7 @@ DiscoveryIterator_ptr DiscoveryService_i::queryDiscoveries(DiscoveryQuery queryT
                                                        authorityName.utf8(), authType));
         if (!iterator) {
             DISC_LOG(1, "Failed to create discovery iterator");
-            // Compat(query-failed): peers expect a reference also when the query failed. Log
+            // Compat(query-failed): peers expect a reference even if the query failed. Log
             // readers count the failed assertion.
             TLX_SHOULD_NOT_GET_HERE();
         }

@@ -68,8 +68,8 @@ bool DBDiscovery::mayReplaceStored(int fd)
     if (count < 0)
         return true;
 
-    // Compat(priority-parsed-twice): log readers rely on two traces of the parser for a sound
-    // document and on one message for a broken one.
+    // Compat(priority-parsed-twice): log readers rely on two traces of the parser for a valid
+    // document, and on one message for a broken document.
     XMLHelper helper;
     unsigned int stored = 0;
     if (helper.parse(m_metadataText, stored) != 0 || helper.parse(m_metadataText, stored) != 0)
@@ -92,7 +92,7 @@ DiscoveryResult DBDiscovery::persist()
         DISC_LOG(1, "Cannot persist, data with higher priority already exists.");
         return {DS_DATA_EXISTS, 0};
     }
-    // A persist that is bound to fail must not touch the stored record.
+    // A persist that will fail must not touch the stored record.
     const auto* collection = dynamic_cast<DBCollectionData*>(getCollectionData());
     if (collection && collection->isSpoilt()) {
         DISC_LOG(1, "Collection data update failed");

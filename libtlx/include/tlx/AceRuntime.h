@@ -9,8 +9,8 @@ namespace Veltrane::Quillmark::Tlx {
 /// The daemon holds one use around everything. So the singletons, for instance the repository,
 /// outlive the ORB and the service framework. These two hold a use, too.
 ///
-/// Any thread may begin or end a use while another use lasts. The first one begins, and the last
-/// one ends, on the main thread.
+/// Any thread may begin or end a use while another use lasts. The first use begins, and the last
+/// use ends, on the main thread.
 class AceRuntime
 {
   public:
@@ -19,7 +19,7 @@ class AceRuntime
     AceRuntime& operator=(const AceRuntime&) = delete;
     ~AceRuntime();
 
-    /// Makes this use last until the process ends, also after the object's end. A caller that holds
+    /// Makes this use last until the process ends, even after the object's end. A caller that holds
     /// one of ACE's own locks needs it, because nobody may finalise ACE there.
     void keep() { m_kept = true; }
 

@@ -21,19 +21,19 @@ unsigned long assertionCount() noexcept;
 
 /// Replaces the log (tests).
 using AssertionReporter = std::function<void(const char* expression, const char* file, int line)>;
-/// Installs a reporter; an empty one brings the log back. Failures are counted either way.
+/// Installs a reporter; an empty one installs the log again. Failures are counted in both cases.
 void setAssertionReporter(AssertionReporter reporter);
 
 } // namespace Veltrane::Quillmark::Tlx
 
-/// Answers whether the expression is true, and reports its text when it is false.
+/// Returns whether the expression is true, and reports its text if it is false.
 #define TLX_ASSERT(expression)                                                                     \
     ((expression)                                                                                  \
          ? true                                                                                    \
          : (::Veltrane::Quillmark::Tlx::reportAssertion(#expression, __FILE__, __LINE__), false))
 
 /// The same, with another text than the expression.
-// Compat(log-assertions): log readers know an assertion by its text, also where the code checks the
+// Compat(log-assertions): log readers know an assertion by its text, even where the code checks the
 // condition in other words.
 #define TLX_ASSERT_AS(expression, text)                                                            \
     ((expression)                                                                                  \

@@ -21,8 +21,8 @@ namespace Veltrane::Quillmark::Tlx {
 class DeclaredKey
 {
   public:
-    /// The value is a host name or an address. A message about a wrong value shows the example,
-    /// also for the other kinds below.
+    /// The value is a host name or an address. A message about a wrong value shows the example. The
+    /// same holds for the other kinds below.
     static constexpr DeclaredKey host(const char* name, const char* example)
     {
         return {name, Kind::Host, example};

@@ -45,8 +45,8 @@ class TlxDOMHandler
 
     /// Converts the text of the first element of that name, in document order. The target changes
     /// only on success.
-    /// @return 0 on success; 1 without such an element or without a parsed document; 2 when the
-    /// text is no value of the target's type.
+    /// @return 0 on success; 1 without such an element or without a parsed document; 2 if the text
+    /// is not a value of the target's type.
     int getValue(const char* elementName, const DataDescription& target) const;
 
   private:

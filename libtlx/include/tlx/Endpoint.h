@@ -14,7 +14,7 @@ struct Endpoint
     std::uint16_t port = 0;
     friend bool operator==(const Endpoint&, const Endpoint&) = default;
 };
-/// Absent when the text is no endpoint.
+/// Absent if the text is not an endpoint.
 [[nodiscard]] std::optional<Endpoint> parseEndpoint(const std::string& text);
 std::string toText(const Endpoint& endpoint);
 

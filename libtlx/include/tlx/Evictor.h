@@ -13,7 +13,7 @@ namespace Veltrane::Quillmark::Tlx {
 
 /// Watches activated objects. Deactivates an object after its time-out without a request. A request
 /// in progress counts as activity until its end, so its object stays. The evictor has its own
-/// thread, which starts with the first object. Any thread may call all operations, also from inside
+/// thread, which starts with the first object. Any thread may call all operations, even from inside
 /// a request of the object.
 class Evictor
 {

@@ -32,12 +32,12 @@ namespace Veltrane::Quillmark::Tlx {
 [[nodiscard]] FileResult<std::size_t> readFull(int descriptor, char* buffer, std::size_t size);
 
 /// The content of a regular file of at most the given size. Fails with std::errc::invalid_argument
-/// if it is no regular file, without waiting for the writer of a pipe. Fails with
+/// if it is not a regular file, without waiting for the writer of a pipe. Fails with
 /// std::errc::file_too_large if it is larger.
 [[nodiscard]] FileResult<std::string> readWholeFile(const TlxPathname& path, std::size_t mostBytes);
 
 /// Reserves disk space for a file's first bytes and does not change the file. So a full disk cannot
-/// stop a later write of these bytes half-way. Succeeds also on a file system that cannot reserve
+/// stop a later write of these bytes half-way. Also succeeds on a file system that cannot reserve
 /// space.
 [[nodiscard]] FileResult<> reserveSpace(int descriptor, std::size_t bytes);
 

@@ -14,7 +14,7 @@
 //  3. The end of a holder does not change the locks of other holders.
 //  4. A *waiting* lock waits only for other processes. If the process already has enough, the
 //     caller gets the lock at once. So no thread waits here for its own lock.
-//  5. A *try* lock fails if another holder of this process is in the way.
+//  5. A *try* lock fails if another holder of this process has a conflicting lock.
 //  6. No thread holds the table's mutex during a call that can wait.
 //  7. A forked child owns no lock. It can only close its inherited FileLocks.
 //
@@ -58,8 +58,8 @@ class FileLock
     FileLock(const FileLock&) = delete;
     FileLock& operator=(const FileLock&) = delete;
 
-    /// The descriptor, for reading and writing. It is valid as long as this object. The caller must
-    /// not close it. -1 in a forked child.
+    /// The descriptor, for reading and writing. It is valid as long as this object exists. The
+    /// caller must not close it. -1 in a forked child.
     int get_handle() const;
 
     // Each of these returns 0 on success. On failure it returns -1, sets errno, and does not change
@@ -73,7 +73,8 @@ class FileLock
     /// another process got the lock in between, level() is None.
     int acquire_read();
     int acquire_write();
-    /// Fail at once with EBUSY if another process or another holder of this process is in the way.
+    /// Fail at once with EBUSY if another process, or another holder of this process, has a
+    /// conflicting lock.
     int tryacquire_read();
     int tryacquire_write();
     /// Raises Read to Write and does not wait. On failure the holder keeps Read. From None it does

@@ -3,7 +3,8 @@
 //
 // Each line is "KEY = value". A line that begins with "#" is a comment, and blank lines are
 // skipped. A later line with the same key replaces an earlier one. No mistake in the file keeps a
-// service down: a problem is reported with file, line and expectation, and the default holds.
+// service down: a problem is reported with file, line and expectation, and the key gets its
+// default.
 
 #include <cstdint>
 #include <optional>
@@ -39,7 +40,7 @@ inline constexpr DeclaredKey ENDPOINT_OF_HOST =
 constexpr std::uint16_t DEFAULT_PORT = 14400;
 
 /// The configuration of this host. Each process has one object. Reads are cheap and may come from
-/// any thread, also during a new read.
+/// any thread, even during a new read.
 class HostConfig
 {
   public:
@@ -97,6 +98,7 @@ class HostConfig
 
     /// Whether this host is the master: exactly when SERVER names it, by its own name, an alias or
     /// a local address. May resolve names, for at most 5 seconds. Without SERVER: false.
+    /// If the name has no address, it logs that and returns false until the next read.
     bool isMaster() const;
 
     /// Threads use it until the process ends.

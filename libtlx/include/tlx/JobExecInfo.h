@@ -11,7 +11,7 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// A job, described by the arguments that it was started with. Reference-counted. Share it only
+/// A job, described by its command-line arguments. Reference-counted. Share it only
 /// when nobody changes it any more. No operation fails.
 class JobExecInfo : public virtual TLXRefCounted
 {

@@ -78,7 +78,7 @@ class LoggerFactory
   public:
     static LoggerFactory& instance();
 
-    /// The current logger of an originator.
+    /// Returns the current logger of an originator.
     Logger* getLogger(unsigned originator);
 
     /// Changes where lines go. The existing loggers become stale. If it cannot open the file, it
@@ -103,7 +103,7 @@ class LoggerFactory
 };
 
 /// Names the current operation of this thread, and writes no line. Each thread has a stack of
-/// scopes. Messages carry the name of the innermost scope. When it ends, also by an exception, the
+/// scopes. Messages carry the name of the innermost scope. When it ends, even by an exception, the
 /// enclosing scope is the innermost one again. A scope lives on the stack of one thread. Its name
 /// is a literal.
 class LogScope

@@ -10,8 +10,8 @@
 namespace Veltrane::Quillmark::Tlx {
 
 /// Reads the whole text as a decimal number: only digits, and for a signed type a "-" before them.
-/// Returns nothing for any other text, also with blanks or "+", and for a number out of the type's
-/// range.
+/// Returns nothing for any other text, such as a text with blanks or "+". Returns nothing for a
+/// number out of the type's range.
 template <std::integral Number>
 [[nodiscard]] std::optional<Number> parseNumber(std::string_view text)
 {

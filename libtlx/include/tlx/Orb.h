@@ -96,7 +96,7 @@ class Orb
     void serveRequests();
 
     /// The object that the host's service advertises under a name, after the object itself has
-    /// answered. The limit holds for name resolution, connection and first call together, also if
+    /// answered. The limit holds for name resolution, connection and first call together, even if
     /// the peer accepts and stays silent. A call into this process itself runs on the calling
     /// thread and has no limit. Does not throw.
     [[nodiscard]] tl::expected<CORBA::Object_var, LookupFailure>
@@ -112,7 +112,7 @@ class Orb
 };
 
 /// While this object lives, it limits each remote call of the thread that made it. Afterwards the
-/// process's limit holds again. Any thread may make one, also a thread that is new to the ORB. Does
+/// process's limit holds again. Any thread may make one, even a thread that is new to the ORB. Does
 /// not nest.
 class OrbCallLimit
 {

@@ -17,8 +17,8 @@ class TlxPathname
     /// This path and one more component, with exactly one "/" between them.
     TlxPathname withFileName(const std::string& name) const;
 
-    /// The directory: the text before the last "/". "." for a bare file name, "/" for a file in the
-    /// root.
+    /// The directory: the text before the last "/". It is "." for a bare file name, and "/" for a
+    /// file in the root.
     TlxPathname directory() const;
 
     /// The last component.
@@ -29,7 +29,7 @@ class TlxPathname
     const std::string& text() const { return m_path; }
 
     /// Makes the directory and all directories above it, with these permissions. @return 0 on
-    /// success, also when the directory exists already; otherwise an errno.
+    /// success, and if the directory exists already; otherwise an errno.
     int createDirectories(unsigned int mode) const;
 
     friend bool operator==(const TlxPathname&, const TlxPathname&) = default;

@@ -45,7 +45,7 @@ class QmkPolicy : public virtual TLXRefCounted, public XmlInterface
 };
 
 /// Makes a QmkPolicy from its start tag. Missing texts are empty. A policy is active only when
-/// "Active" is 1. A "Retention" that is no number counts as 0.
+/// "Active" is 1. A "Retention" that is not a number counts as 0.
 /// @param policy receives the policy, with the creator's reference.
 /// @return the context for its content. The caller owns it.
 XmlObjParseContext* xmlCreateObject(const XMLCh* name, AttributeList& attributes,

@@ -39,17 +39,17 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// Bytes of an expression's text, at most.
+/// The most bytes of an expression's text.
 constexpr std::size_t QUERY_MAX_LENGTH = 65536;
-/// Parentheses and "not" inside one another, at most.
+/// The most parentheses and "not" inside one another.
 constexpr std::size_t QUERY_MAX_DEPTH = 100;
-/// Fields of a description, at most.
+/// The most fields of a description.
 constexpr std::size_t QUERY_MAX_FIELDS = 256;
-/// Listed values of a field, at most.
+/// The most values that a field lists.
 constexpr std::size_t QUERY_MAX_VALUES = 256;
-/// Bytes of a field's name, at most.
+/// The most bytes of a field's name.
 constexpr std::size_t QUERY_MAX_NAME = 64;
-/// Bytes of a field's description and of each of its values, at most.
+/// The most bytes of a field's description, and of each of its values.
 constexpr std::size_t QUERY_MAX_TEXT = 1024;
 
 /// Numbers of expressions and fields. The type holds every unsigned 64-bit integer exactly.
@@ -66,7 +66,7 @@ enum QueryFieldType
 /// "text", "number", "bytes" or "flag".
 const char* toText(QueryFieldType type);
 
-/// A field that can be asked about.
+/// A field that a query can ask about.
 struct QueryField
 {
     TlxString name = {}; ///< see TlxQuery::isFieldName; in any case of its letters
@@ -109,7 +109,7 @@ class QueryValue
     bool m_flag = false;
 };
 
-/// An item that can be asked about.
+/// An item that a query can ask about.
 class QuerySource
 {
   public:
@@ -149,7 +149,7 @@ class TlxQuery : public virtual TLXRefCounted, public XmlInterface
     // Asking.
 
     /// Replaces the expression. A text of white space alone removes it, so that every item matches.
-    /// @return false when the text is no expression. Then mistake has the reason, and the query
+    /// @return false if the text is not an expression. Then mistake has the reason, and the query
     /// keeps its old expression.
     bool setQuery(const TlxString& text);
     /// The expression as a person wrote it; empty without an expression.
@@ -162,12 +162,13 @@ class TlxQuery : public virtual TLXRefCounted, public XmlInterface
     /// compares.
     ///
     /// The item's value decides the comparison:
-    ///   - a text compares with the literal as it is spelled, byte by byte;
+    ///   - a text compares with the literal as it is written, byte by byte;
     ///   - a number compares with numbers only;
-    ///   - a flag compares with true and false only, by "=" and "!=";
+    ///   - a flag compares with true and false only, with "=" and "!=";
     ///   - "like" compares a text with a pattern (tlx/Wildcard.h).
-    /// Every other comparison is false, also by "!=". So is every comparison of a missing field.
-    /// "not" turns that into true. A field without a comparison is true when it is a true flag.
+    /// Every other comparison is false, even with "!=". A comparison of a missing field is false,
+    /// too. "not" turns that into true. A field without a comparison is true when it is a true
+    /// flag.
     bool matches(const QuerySource& item) const;
 
     /// Sets the job that asks; null for an unknown one. The query keeps a reference of its own.
@@ -177,13 +178,13 @@ class TlxQuery : public virtual TLXRefCounted, public XmlInterface
     // Describing.
 
     /// Whether a text can be a field's name: a letter or "_", then letters, digits, "_", "-" and
-    /// ".", all of ASCII. A keyword of the language is no name.
+    /// ".", all of ASCII. A keyword of the language is not a name.
     static bool isFieldName(std::string_view name);
 
-    /// Adds a field that can be asked about. A field of that name, in any case of its letters, is
-    /// merged with the new one:
+    /// Adds a field that a query can ask about. A field of that name, in any case of its letters,
+    /// is merged with the new one:
     ///   - Bytes and numbers become numbers. Other types that differ become texts, because every
-    ///     value can be spelled.
+    ///     value has a text form.
     ///   - The first name stays, and the first description that is not empty.
     ///   - The field takes the values of both. It takes any value when one of them does, or when
     ///     they list too many together.

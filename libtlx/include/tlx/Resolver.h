@@ -19,8 +19,8 @@ namespace Veltrane::Quillmark::Tlx {
 /// Whether a numeric address belongs to this machine, as loopback addresses do.
 bool isLocalAddress(const std::string& address);
 
-/// Replaces the system's resolver (tests); an empty function brings it back. The function runs on
-/// the background thread, and never for numeric addresses.
+/// Replaces the system's resolver (tests); an empty function installs it again. The function runs
+/// on the background thread, and never for numeric addresses.
 void setResolver(std::function<std::vector<std::string>(const std::string& host)> resolver);
 
 } // namespace Veltrane::Quillmark::Tlx

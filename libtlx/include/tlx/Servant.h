@@ -71,11 +71,12 @@ std::string describeException(const CORBA::Exception& exception);
 /// Logs the exception that escaped from a servant operation, then ends the process.
 [[noreturn]] void endAfterForeignException(const char* operation) noexcept;
 
-/// Counts a servant operation as in progress while this object lives.
+/// Counts a servant operation as in progress while this object lives. A thread has at most one.
 class ServantOperationMark
 {
   public:
-    ServantOperationMark();
+    /// @throws CORBA::NO_PERMISSION if this thread is inside an operation already; it logs that.
+    explicit ServantOperationMark(const char* operation);
     ~ServantOperationMark();
     ServantOperationMark(const ServantOperationMark&) = delete;
     ServantOperationMark& operator=(const ServantOperationMark&) = delete;
@@ -84,10 +85,14 @@ class ServantOperationMark
 /// Runs the body of a servant operation. Only CORBA system exceptions may leave it. After any other
 /// exception the state of the service may be broken. So the process ends, and a level-1 line names
 /// the operation.
+///
+/// An operation inside another one of the same thread is refused. Another host may answer with a
+/// reference that leads back to this process. The ORB then calls the servant directly, past
+/// SerialServant, and such calls could follow each other until the stack ends.
 template <class Body>
 auto servantOperation(const char* operation, Body&& body) -> decltype(body())
 {
-    const ServantOperationMark mark;
+    const ServantOperationMark mark(operation);
     try {
         return body();
     } catch (const CORBA::SystemException&) {

@@ -32,7 +32,7 @@ class StatusMsg : public virtual TLXRefCounted, public XmlInterface
     TlxString m_text;
 };
 
-/// Makes a StatusMsg from its start tag. A "Code" that is no number counts as 0.
+/// Makes a StatusMsg from its start tag. A "Code" that is not a number counts as 0.
 /// @param message receives the message, with the creator's reference.
 /// @return the context for its content. The caller owns it.
 XmlObjParseContext* xmlCreateObject(const XMLCh* name, AttributeList& attributes,

@@ -30,7 +30,7 @@ class TlxString
     static TlxString fromXmlCh(const XMLCh* text);
     static TlxString fromXmlCh(std::basic_string_view<XMLCh> text);
 
-    /// As the parser's UTF-16 text. Bytes that are no UTF-8 become U+FFFD.
+    /// As the parser's UTF-16 text. Bytes that are not UTF-8 become U+FFFD.
     std::basic_string<XMLCh> toXmlCh() const;
 
     const std::string& utf8() const { return m_utf8; }

@@ -3,8 +3,8 @@
 //
 // The name of a subject or an authority is URI text. A well-formed %XX stands for its byte; any
 // other
-// "%" is a byte itself. So encoding a text twice gives the same as encoding it once, and all
-// encodings of a name stand for the same bytes.
+// "%" is a byte itself. So a second encoding changes nothing, and all encodings of a name stand for
+// the same bytes.
 
 #include <string>
 #include <string_view>
@@ -18,8 +18,8 @@ namespace Veltrane::Quillmark::Tlx {
 enum UriCharacterClass : unsigned
 {
     /// Readable characters of URIs and IRIs: "!" "#" "$" "&" "'" "(" ")" "*" "+" "," "/" ":" ";"
-    /// "=" "?" "@" "[" "]" and the characters beyond ASCII. Not among them are controls,
-    /// separators, blanks, private-use code points, and those that XML refuses or that nobody can
+    /// "=" "?" "@" "[" "]" and the characters beyond ASCII. They do not include controls,
+    /// separators, blanks, private-use code points, and code points that XML refuses or nobody can
     /// see.
     UC_READABLE = 2,
     /// Letters, digits and "-" "." "_" "~".
@@ -38,8 +38,9 @@ constexpr unsigned URI_MASK_FILE_NAME = UC_WILDCARD | UC_UNRESERVED; // 24
 /// The bytes that URI text stands for.
 std::string uriDecode(std::string_view uriText);
 
-/// Decodes URI text, then writes it with %XX (upper-case digits) for every byte of a character that
-/// the mask does not leave unchanged. Always encodes bytes that are not valid UTF-8.
+/// Decodes URI text and encodes it again. The mask says which characters stay. Each byte of any
+/// other character becomes %XX, with upper-case digits. Always encodes bytes that are not valid
+/// UTF-8.
 std::string uriEncode(std::string_view uriText, unsigned mask);
 
 /// The authority of a URI (RFC 3986, section 3.2). It is not divided further, because it is the

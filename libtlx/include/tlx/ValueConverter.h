@@ -13,7 +13,7 @@ namespace Veltrane::Quillmark::Tlx {
 std::string toText(const TlxObjTime& time);
 
 /// Converts the whole text, except for white space around it. Numbers are decimal.
-/// @return false, with out unchanged, when the text is no value or the type cannot hold it.
+/// @return false, with out unchanged, if the text is not a value or the type cannot hold it.
 bool fromText(const TlxString& text, TlxObjTime& out);
 bool fromText(const TlxString& text, std::uint32_t& out);
 bool fromText(const TlxString& text, std::int32_t& out);

@@ -3,8 +3,8 @@
 //
 // The parser (SAX1) reports events. An XmlInterface receives them, together with a context that
 // holds the state of this parse. An object that contains other objects passes them the events of
-// their elements, each with a context of its own. xmlEndElement answers who receives the next
-// event:
+// their elements, each with a context of its own. The result of xmlEndElement decides who receives
+// the next event:
 //
 //     XML_COMPLETE (0)  the element and its object are complete
 //     XML_INSIDE   (1)  more events belong to the element
@@ -14,8 +14,8 @@
 // receives an event of this element or of its content.
 //
 // Every document is input from outside. The parser reads no external entity and no external DTD. It
-// bounds entity expansion, depth, and what it keeps at a time. For a hostile document it answers
-// false and logs a line at level 1. It lets no exception out.
+// bounds entity expansion, depth, and what it keeps at a time. For a hostile document it returns
+// false and logs a line at level 1. It throws nothing.
 
 #include <cstddef>
 #include <memory>
@@ -46,24 +46,24 @@ enum XmlEndResult
     XML_NOTHING = 2
 };
 
-/// Elements inside one another, at most.
+/// The most elements inside one another.
 constexpr unsigned XML_MAX_DEPTH = 256;
-/// Entity references expanded in one document, at most.
+/// The most entity references that are expanded in one document.
 constexpr unsigned XML_MAX_ENTITY_EXPANSIONS = 1000;
-/// Bytes before the root element and in its start tag, at most. The parser keeps the declarations
+/// The most bytes before the root element and in its start tag. The parser keeps the declarations
 /// of a document type in trees, which need more than a hundred times as much memory.
 constexpr std::size_t XML_MAX_PROLOG_BYTES = 1u << 20;
-/// Bytes of one start tag, comment or other part that the parser collects before it reports it, at
-/// most. It reports text every 2^20 characters, and a reference needs up to ten bytes for one
-/// character. The parser reads in blocks, so it may accept one block more than this bound and the
-/// bound above.
+/// The most bytes of one start tag, comment or other part that the parser collects before it
+/// reports the part. It reports text every 2^20 characters, and a reference needs up to ten bytes
+/// for one character. The parser reads in blocks, so it may accept one block more than this bound
+/// and the bound above.
 constexpr std::size_t XML_MAX_PIECE_BYTES = 12u << 20;
-/// Different names of elements in one document, at most, because the parser keeps each. The names
+/// The most different names of elements in one document, because the parser keeps each. The names
 /// that a document type declares count in addition.
 constexpr std::size_t XML_MAX_ELEMENT_NAMES = 100000;
-/// Characters (UTF-16 units) that one context collects as text, at most.
+/// The most characters (UTF-16 units) that one context collects as text.
 constexpr std::size_t XML_MAX_TEXT = 16u << 20;
-/// Unknown or refused elements in one document, at most, because each of them is logged.
+/// The most unknown or refused elements in one document, because each of them is logged.
 constexpr unsigned XML_MAX_FAULTS = 1000;
 
 /// The state of parsing one element: its name, and the text collected since the last clearText. All

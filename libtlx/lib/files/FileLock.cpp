@@ -102,7 +102,7 @@ int FileLock::change(LockLevel wanted, bool wait)
         File& file = *m_file;
         Guard guard(file.table.mutex);
         if (!file.allows(m_fd, wanted)) {
-            // The kernel's own error for such a descriptor. Return it also without a kernel call.
+            // The kernel's own error for such a descriptor. Return it even without a kernel call.
             error = EBADF;
         } else if (wanted < m_level) {
             file.awaitShort(guard);

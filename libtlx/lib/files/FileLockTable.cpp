@@ -18,8 +18,8 @@ namespace Veltrane::Quillmark::Tlx::FileLockDetail {
 namespace {
 
 /// How long to repeat a request that the kernel refuses as a deadlock. The kernel sees only whole
-/// processes. One of our threads may hold a lock and another wait for one. To the kernel this looks
-/// like a single waiting thread, but the first thread will release its lock.
+/// processes. One of our threads may hold a lock while another one waits for a lock. To the kernel
+/// this looks like a single waiting thread, but the first thread will release its lock.
 constexpr std::chrono::seconds DEADLOCK_PATIENCE{2};
 constexpr std::chrono::milliseconds DEADLOCK_PAUSE{10};
 

@@ -13,8 +13,7 @@
 //  - A Waiting transition (F_SETLKW) lasts until other processes release their locks. Other threads
 //    wait for it only if they must. They get a lock that the process already has. A try lock that
 //    needs more fails as busy. A release or a close is only recorded, because a kernel call could
-//    take away the lock that the waiting thread gets at that moment. The end of the transition
-//    settles it.
+//    release the lock that the waiting thread has just got. The end of the transition settles it.
 //
 // `kernel` is the level that the process certainly has. The table lowers it before a kernel call
 // that lowers the lock, and raises it after a call that raised the lock. So a holder never gets a

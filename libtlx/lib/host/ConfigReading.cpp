@@ -8,9 +8,14 @@
 #include <tlx/Resolver.h>
 #include <tlx/String.h>
 
+#include "ConfigValue.h"
+#include "PlatformLog.h"
+
 namespace Veltrane::Quillmark::Tlx {
 
 namespace {
+
+constexpr const char* LOG_SOURCE = "../ConfigReading";
 
 constexpr std::chrono::milliseconds RESOLVE_LIMIT{5000};
 
@@ -63,10 +68,20 @@ std::optional<Endpoint> ConfigReading::getEndpointOf(const std::string& host) co
 
 bool ConfigReading::isMaster()
 {
-    const std::lock_guard guard(m_masterMutex);
-    if (!m_master)
-        m_master = findOutMaster();
-    return *m_master;
+    std::string unresolved;
+    bool master = false;
+    {
+        const std::lock_guard guard(m_masterMutex);
+        if (!m_master)
+            m_master = findOutMaster(unresolved);
+        master = *m_master;
+    }
+    if (!unresolved.empty()) // only in the call that found out
+        PLATFORM_LOG(LOG_LEVEL_FAILURE, "HostConfig::isMaster",
+                     "Cannot resolve "
+                         << quotedValue(unresolved)
+                         << ", the master's address. This host is a client until its next start");
+    return master;
 }
 
 std::optional<bool> ConfigReading::knownMaster()
@@ -77,7 +92,7 @@ std::optional<bool> ConfigReading::knownMaster()
 
 /// Whether requests to an endpoint reach this host's own service. Several hosts may run on one
 /// machine. Then only their ports differ.
-bool ConfigReading::isOwnEndpoint(const Endpoint& endpoint) const
+bool ConfigReading::isOwnEndpoint(const Endpoint& endpoint, std::string& unresolved) const
 {
     const Endpoint own = listenEndpoint();
     if (endpoint.port != own.port)
@@ -95,13 +110,15 @@ bool ConfigReading::isOwnEndpoint(const Endpoint& endpoint) const
     const auto listensAt = [&](const std::string& address) {
         return std::find(listening.begin(), listening.end(), address) != listening.end();
     };
+    if (wanted.empty())
+        unresolved = endpoint.address;
     const bool everywhere = listensAt("0.0.0.0") || listensAt("::");
     return std::any_of(wanted.begin(), wanted.end(), [&](const std::string& address) {
         return everywhere ? isLocalAddress(address) : listensAt(address);
     });
 }
 
-bool ConfigReading::findOutMaster() const
+bool ConfigReading::findOutMaster(std::string& unresolved) const
 {
     const auto server = getString(ConfigKey::SERVER);
     if (!server)
@@ -109,8 +126,10 @@ bool ConfigReading::findOutMaster() const
     if (isSameIgnoringCase(*server, localHostName()))
         return true;
     if (const auto endpoint = getEndpointOf(*server))
-        return isOwnEndpoint(*endpoint);
+        return isOwnEndpoint(*endpoint, unresolved);
     const auto addresses = resolveHost(*server, RESOLVE_LIMIT);
+    if (addresses.empty())
+        unresolved = *server;
     return std::any_of(addresses.begin(), addresses.end(), isLocalAddress);
 }
 

@@ -26,14 +26,17 @@ class ConfigReading
     std::string localHostName() const;
     Endpoint listenEndpoint() const;
 
-    /// The first call resolves names. Other callers wait for it and get its result.
+    /// The first call resolves names. Other callers wait for it and get its result. If the
+    /// master's name has no address, it logs that, and the result is false. The result stays,
+    /// because a service that has started as a client cannot become the master.
     bool isMaster();
     /// The result of isMaster; no value before the first call.
     std::optional<bool> knownMaster();
 
   private:
-    bool isOwnEndpoint(const Endpoint& endpoint) const;
-    bool findOutMaster() const;
+    // They set unresolved to the master's name if it has no address.
+    bool isOwnEndpoint(const Endpoint& endpoint, std::string& unresolved) const;
+    bool findOutMaster(std::string& unresolved) const;
 
     const ConfigText m_text{};
     std::mutex m_masterMutex;

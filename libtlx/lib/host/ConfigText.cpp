@@ -97,7 +97,8 @@ class Reader
             m_result.values[name] = std::move(value);
             return {};
         }
-        // The last line with a key counts, even when its value is refused: the default holds then.
+        // The last line with a key counts, even if its value is refused. Then the key gets its
+        // default.
         m_result.values.erase(name);
         return name + ": " + wrong;
     }

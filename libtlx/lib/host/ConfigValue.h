@@ -7,7 +7,7 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// Absent when the text is no boolean.
+/// Absent if the text is not a boolean.
 [[nodiscard]] std::optional<bool> parseBoolean(const std::string& text);
 
 /// A value for a message: in quotes. A long value is cut after a whole character.

@@ -77,7 +77,8 @@ void* loadLibrary(const std::string& path, bool global)
         if (!handle) {
             const char* const reason = ::dlerror();
             PLATFORM_LOG(LOG_LEVEL_FAILURE, "loadLibrary",
-                         "Unable to load " << path << ": " << (reason ? reason : "no reason told"));
+                         "Unable to load " << path << ": "
+                                           << (reason ? reason : "the system gives no reason"));
         }
     });
     return handle && fitsKit(handle, path) ? handle : nullptr;

@@ -90,7 +90,7 @@ void answer(const std::shared_ptr<Question>& question, const std::string& host,
     --g_background;
 }
 
-// An address as 16 bytes, IPv4 mapped into IPv6. False when the text is no address.
+// An address as 16 bytes, IPv4 mapped into IPv6. False if the text is not an address.
 bool toBytes(const std::string& text, in6_addr& out)
 {
     if (text.find('\0') != std::string::npos) // inet_pton would read no further

@@ -48,7 +48,7 @@ std::shared_ptr<OrbCore> acquireCore(bool clientOnly, const std::string& endpoin
 }
 
 /// An ORB's use of ACE. If the ORB does not start, the use stays. The caller may hold one of ACE's
-/// own locks, for a singleton, and must not finalise ACE under it.
+/// own locks, for a singleton. Then it must not finalise ACE.
 struct AceUse
 {
     ~AceUse()

@@ -17,6 +17,7 @@ namespace {
 constexpr const char* LOG_SOURCE = "../Servant";
 
 std::atomic<unsigned> inProgress{0};
+thread_local bool t_inOperation = false;
 
 const char* completionName(CORBA::CompletionStatus status)
 {
@@ -32,14 +33,22 @@ const char* completionName(CORBA::CompletionStatus status)
 
 } // namespace
 
-ServantOperationMark::ServantOperationMark()
+ServantOperationMark::ServantOperationMark(const char* operation)
 {
+    if (t_inOperation) {
+        PLATFORM_LOG(LOG_LEVEL_FAILURE, operation,
+                     "A call of this service to itself is refused: a reference of another host "
+                     "leads back here");
+        throw CORBA::NO_PERMISSION();
+    }
+    t_inOperation = true;
     inProgress.fetch_add(1, std::memory_order_relaxed);
 }
 
 ServantOperationMark::~ServantOperationMark()
 {
     inProgress.fetch_sub(1, std::memory_order_relaxed);
+    t_inOperation = false;
 }
 
 unsigned Orb::requestsInProgress()

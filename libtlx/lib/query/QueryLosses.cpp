@@ -52,7 +52,7 @@ void QueryLosses::log(const char* operation) const
                 m_firstOpened;
     if (!lost.empty())
         PLATFORM_LOG(LOG_LEVEL_FAILURE, operation,
-                     "Not everything of a query description can be told" << lost);
+                     "A part of a query description is not kept" << lost);
 }
 
 } // namespace Veltrane::Quillmark::Tlx

@@ -44,7 +44,7 @@ std::string expectedEnd(bool afterField);
 
 Refusal tooDeep(std::size_t byte);
 Refusal tooLong();
-/// Refuses the character at a place: it is no UTF-8, or no XML document can carry it.
+/// Refuses the character at a place: it is not UTF-8, or no XML document can carry it.
 Refusal uncarryable(std::string_view text, std::size_t byte);
 
 } // namespace Veltrane::Quillmark::Tlx::QueryLanguage

@@ -12,7 +12,7 @@ class QueryExpression;
 
 /// Reads a text in the language of docs/filters.md. Any thread; nothing is thrown.
 /// @return the expression; null for a text of white space alone; null, with the reason in mistake,
-/// for a text that is no expression.
+/// for a text that is not an expression.
 std::shared_ptr<const QueryExpression> parseQuery(std::string_view text, QueryMistake& mistake);
 
 } // namespace Veltrane::Quillmark::Tlx

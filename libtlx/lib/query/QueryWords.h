@@ -96,7 +96,7 @@ constexpr bool isQueryBlank(char c)
 {
     return QUERY_BLANKS.find(c) != std::string_view::npos;
 }
-/// Whether a bare value may hold the character.
+/// Whether a bare value may contain the character.
 constexpr bool isQueryWordCharacter(char c)
 {
     return QUERY_WORD_ENDS.find(c) == std::string_view::npos;

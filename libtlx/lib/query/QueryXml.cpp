@@ -45,7 +45,7 @@ class QueryContext : public XmlObjParseContext
     QueryLosses m_losses;
 };
 
-/// A type that is not known here counts as text, because every value can be spelled.
+/// A type that is not known here counts as text, because every value has a text form.
 QueryFieldType typeFromText(const TlxString& text)
 {
     for (const QueryFieldType type : {QF_NUMBER, QF_BYTES, QF_FLAG})
@@ -196,8 +196,9 @@ int TlxQuery::xmlEndElement(XmlObjParseContext* context, const XMLCh* name)
     if (!TLX_ASSERT(ctxt->isEndTag(name)))
         return XML_NOTHING;
     if (!setQuery(ctxt->m_query)) {
-        PLATFORM_LOG(LOG_LEVEL_FAILURE, "TlxQuery::xmlEndElement",
-                     "Refused a query description, its query is none: " << m_mistake.toText());
+        PLATFORM_LOG(
+            LOG_LEVEL_FAILURE, "TlxQuery::xmlEndElement",
+            "Refused a query description, because its query is wrong: " << m_mistake.toText());
         ctxt->countFault();
         return XML_NOTHING;
     }

@@ -8,7 +8,7 @@ namespace Veltrane::Quillmark::Tlx {
 
 namespace {
 
-/// The character at a position. A byte that is no valid UTF-8 counts as a character.
+/// The character at a position. A byte that is not valid UTF-8 counts as a character.
 std::string_view characterAt(std::string_view text, std::size_t position)
 {
     const std::string_view rest = text.substr(position);

@@ -15,7 +15,7 @@ namespace Veltrane::Quillmark::Tlx {
 
 namespace {
 
-/// Elements, attributes and entities of a document, at most. Documents here are small. The time to
+/// The most elements, attributes and entities of a document. Documents here are small. The time to
 /// build the library's tree grows with the square of the number of different names.
 constexpr std::size_t LARGEST_DOCUMENT = 10000;
 

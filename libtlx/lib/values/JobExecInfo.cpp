@@ -16,7 +16,7 @@ char quoteFor(char c, bool first)
 {
     if (c == '"')
         return '\'';
-    // ACE_ARGV takes a "#" at the start of a line for a comment.
+    // ACE_ARGV treats a line that starts with "#" as a comment.
     return isBlank(c) || c == '\'' || (first && c == '#') ? '"' : '\0';
 }
 

@@ -13,7 +13,7 @@ namespace {
 constexpr std::uint64_t MICROSECONDS = 1000000;
 constexpr std::size_t FRACTION_DIGITS = 6;
 
-/// Does not change out if the text is no such number.
+/// Does not change out if the text is not such a number.
 template <class Number>
 bool takeNumber(std::string_view text, Number& out)
 {

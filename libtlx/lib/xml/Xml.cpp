@@ -94,7 +94,7 @@ void XmlInterface::xmlCharacters(XmlObjParseContext* context, const XMLCh* chars
 
 void XmlInterface::xmlStartElement(XmlObjParseContext* context, const XMLCh*, AttributeList&)
 {
-    // Counts an element once, also if several objects pass it to this function.
+    // Counts an element once, even if several objects pass it to this function.
     if (context && !context->isSkipping())
         context->skipEnter();
 }

@@ -26,7 +26,7 @@ class XmlBounds
   public:
     /// @param place where the parser is; must outlive this object.
     void setPlace(const xercesc::Locator& place) { m_place = &place; }
-    /// Elements, attributes and entity declarations in one document, at most. Unlimited by default.
+    /// The most elements, attributes and entity declarations in one document. Unlimited by default.
     void setNodeLimit(std::size_t limit) { m_nodeLimit = limit; }
 
     /// Begins a document. Lets the source end early when the document exceeds a bound.

@@ -4,7 +4,7 @@
 namespace Veltrane::Quillmark::Tlx {
 
 /// Whether XML 1.0 can carry a character (its production "Char"). Surrogates need no test: they are
-/// no characters of UTF-8.
+/// not characters of UTF-8.
 inline bool isXmlCharacter(char32_t codePoint)
 {
     if (codePoint < 0x20)

@@ -75,7 +75,7 @@ class XmlSource::Stream : public xercesc::BinInputStream
     const XMLCh* getContentType() const override { return nullptr; }
 
   private:
-    /// Reads from the caller's stream. A failed read, of any kind, ends the stream for good.
+    /// Reads from the caller's stream. After a failed read, of any kind, the stream has ended.
     XMLSize_t readOn(XMLByte* buffer, XMLSize_t wanted)
     {
         XMLSize_t got = 0;

@@ -88,7 +88,7 @@ class Orb:
                                      self._fragment_size))
             return connection.receive_reply(self._last_id)
         except (ConnectionLost, GiopError, ValueError):
-            # A late reply on this connection could be taken for the reply to the next request.
+            # A late reply on this connection could look like the reply to the next request.
             del self._connections[address]
             connection.close()
             raise

@@ -50,7 +50,7 @@ class Keeper:
 
     def entering(self, *kinds):
         """The words to put before a command, so that it runs inside the namespaces. It keeps its
-        working directory also in another mount namespace."""
+        working directory, even in another mount namespace."""
         stay = ["--wdns=" + os.getcwd()] if "--mount" in kinds else []
         return ["nsenter", "--target", str(self.pid), *kinds, *stay, "--"]
 

@@ -36,7 +36,7 @@ class Stage:
 
     def launch(self, host, **more):
         """Starts the host's daemon and does not wait until it serves. The daemon ends with the
-        test's process, also if that process is killed."""
+        test's process, even if that process is killed."""
         wrapper = [*host.entering(), "setpriv", "--pdeathsig", "KILL", *more.pop("wrapper", [])]
         daemon = self._daemons.launch(host.root, wrapper=wrapper, network=host.network, **more)
         self._running[host.name] = daemon

@@ -34,10 +34,10 @@ def test_a_client_registers_pushes_and_is_pulled(stage, off):
     stage.start(stage.master)
     began = time.time()
     stage.start(client, environment=off_by(off))
-    # Later no host pushes, so the queries below all have the same answer.
+    # From here on no host pushes, so the queries below all have the same answer.
     for host in (client, stage.master):
         wait_until_pushed(host, stage.master)
-    # The record has the client's time. It is valid on the master nevertheless.
+    # The record has the client's time. It is still valid on the master.
     assert began + off - 1 <= made_at(stage.master, str(client)) <= time.time() + off + 1
     service = stage.service(stage.master)
     assert {str(client), "%s/now" % client} <= set(subjects(service))

@@ -1,4 +1,4 @@
-"""Tests of scripts/lab, used as a person does."""
+"""Tests of scripts/lab. They use it as a person does."""
 
 import os
 import pathlib

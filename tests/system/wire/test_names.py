@@ -70,7 +70,7 @@ def test_authority(service, root, name):
 
 
 def test_shown_names_find_their_records(service, authority):
-    """A read finds a record also by the name in a page. A second encoding changes nothing."""
+    """A read also finds a record by the name in a page. A second encoding changes nothing."""
     for name in NAMES:
         assert put(service, name, authority, name.encode()) == SUCCESS
     shown = query(service, authority=authority)

@@ -279,7 +279,7 @@ class Broken : public Service
     void restartLocalPushTimer() override { throw CORBA::NO_MEMORY(); }
 };
 
-/// An object that is no discovery service.
+/// An object that is not a discovery service.
 class Stranger : public Skeleton::RemoteWriter
 {
   public:

@@ -20,8 +20,9 @@ namespace QmTest {
 
 constexpr int CANNOT_REFUSE = 77;
 
-/// From now on a system call (__NR_...) of this process fails with the error, if its argument
-/// (counted from 0) is one of the values. This is final, so use it inside QM_IN_CHILD only.
+/// From now on a system call (__NR_...) of this process fails with the error. It fails only if its
+/// argument (counted from 0) is one of the values. Nothing can undo this, so use it inside
+/// QM_IN_CHILD only.
 inline void refuseCalls(unsigned number, unsigned argument, const std::vector<unsigned>& values,
                         unsigned error)
 {

@@ -40,7 +40,7 @@ class XmlRecorder : public Tlx::XmlDocumentInterface
                        unsigned long length) override
     {
         ++m_characterCalls;
-        // Record the text as a whole, also if it comes in pieces.
+        // Record the text as a whole, even if it comes in pieces.
         XmlDocumentInterface::xmlCharacters(context, chars, length);
         m_events.resize(m_events.size() - m_pending);
         const std::string text = context->text().utf8();

@@ -29,7 +29,7 @@ struct DiscMemTraceTest : testing::Test
         return AutoDereference<Discovery>(
             getDiscoveryMemDatbase()->newDiscovery(query, DQ_DISCOVERY_DATA));
     }
-    /// The operations of the backend that were traced, in the order of their begin.
+    /// The operations of the backend that were traced, in the order in which they began.
     static Lines operations(const LogCapture& log)
     {
         Lines names;

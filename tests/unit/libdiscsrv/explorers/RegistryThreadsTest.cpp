@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "DiscMem.h"
 #include "ExplorerFixture.h"
 #include "ExplorerRegistry.h"
 #include "PullExplorers.h"
@@ -77,6 +78,9 @@ struct RegistryThreadsTest : testing::Test
     /// push explorer with an odd one. Each change raises the priority of a name.
     RegistryThreadsTest()
     {
+        // ACE checks without a lock whether its singleton exists. So the test makes it before a
+        // second thread runs.
+        (void)getDiscoveryMemDatbase();
         for (unsigned writer = 0; writer < WRITERS; ++writer)
             for (unsigned index = 0; index < NAMES; ++index)
                 registerAs(nameOf(writer, index), 2);
@@ -122,7 +126,7 @@ struct RegistryThreadsTest : testing::Test
         for (unsigned round = 1; round <= ROUNDS; ++round)
             for (unsigned index = 0; index < NAMES; ++index) {
                 const std::string name = nameOf(writer, index);
-                // To the push explorers, back to the pull explorers, and a replacement there.
+                // Move the name to the push explorers and back, then replace the pull explorer.
                 for (const unsigned priority : {4 * round - 1, 4 * round, 4 * round + 2})
                     registerAs(name, priority);
                 const Entry like = entry(*pull, name, 0);
@@ -204,7 +208,8 @@ TEST_F(RegistryThreadsTest, WhatIsTakenAwayIsTakenOnce)
     std::vector<std::function<void()>> bodies;
     for (unsigned writer = 0; writer < WRITERS; ++writer)
         bodies.emplace_back([this, writer] {
-            // A priority is used once. Without a taker between, the last one of a name stays.
+            // Each registration of a name has a new priority. If no taker comes in between, the
+            // last registration of a name stays.
             for (unsigned round = 0; round < ROUNDS; ++round)
                 for (unsigned index = 0; index < NAMES; ++index)
                     registerAs(nameOf(writer, index), 3 + round);

@@ -300,8 +300,8 @@ TEST(DiscoveredItemsTest, AnInnerBlockOfTheSameNameEndsTheBlockEarly)
     const ReadItems items = readItems(
         document("<DISCOVERED Name='a'><ExplorerData Name='e'>1<ExplorerData>2</ExplorerData>3"
                  "</ExplorerData></DISCOVERED><DISCOVERED Name='b'/>"));
-    // After that the parse is one element ahead: it takes the outer end for the end of the item,
-    // and the end of the item for the end of the document.
+    // After that the parse is one element ahead: it treats the outer end as the end of the item,
+    // and the end of the item as the end of the document.
     EXPECT_TRUE(items.parsed);
     EXPECT_EQ(items.all(), Lines{"<Discovered Name=\"a\"><ExplorerData Name=\"e\">1<ExplorerData>2"
                                  "</ExplorerData></Discovered>"});

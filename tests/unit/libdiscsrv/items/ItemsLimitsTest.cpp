@@ -199,8 +199,9 @@ TEST(ItemsLimitsTest, RefusedDescriptionsCountWithTheUnknownElements)
         faults = log.texts(1);
         ASSERT_EQ(faults.size(), 1000u);
         EXPECT_EQ(faults[399], UNKNOWN);
-        EXPECT_TRUE(faults[400].starts_with("Refused a query description, its query is none: "));
-        EXPECT_EQ(faults[999], "Not everything of a query description can be told; fields left "
+        EXPECT_TRUE(
+            faults[400].starts_with("Refused a query description, because its query is wrong: "));
+        EXPECT_EQ(faults[999], "A part of a query description is not kept; fields left "
                                "out: 1, the first \"\": its name is no name of a field");
     }
     for (const auto& [fault, line] :
@@ -215,8 +216,8 @@ TEST(ItemsLimitsTest, RefusedDescriptionsCountWithTheUnknownElements)
 
 TEST(ItemsLimitsTest, BlocksThatEndEarlyCountAsFaults)
 {
-    // Each of them is followed by the element of the document. Otherwise the next one would be no
-    // item.
+    // Each of them is followed by the element of the document. Otherwise the next one would not be
+    // an item.
     const std::string early = "<DISCOVERED><ExplorerData><ExplorerData></ExplorerData>"
                               "</ExplorerData></DISCOVERED><DiscoveredItems/>";
     const AssertionCapture assertions;

@@ -27,7 +27,7 @@ Record empty()
     return Record(new PlainDiscovery);
 }
 
-/// A record that is read from this content of the document element.
+/// Reads a record from a document with this content.
 Record read(const std::string& content)
 {
     Record record = empty();
@@ -35,7 +35,7 @@ Record read(const std::string& content)
     return record;
 }
 
-/// A record that is read from this content of the attributes.
+/// Reads a record from a document whose attributes have this content.
 Record readAttributes(const std::string& content)
 {
     Record record =

@@ -154,7 +154,7 @@ TEST_F(RemoteDBTest, ACollectionIsReadWhole)
     EXPECT_EQ(record->getCollectionData()->readCollection(4096, buffer.data()), 0u);
     EXPECT_EQ(asked(), "get bytes-3000 [f];release;") << "no page size is set";
     EXPECT_EQ(record->getCollectionData()->getOpenFailure(), "");
-    // A second open starts again at the begin.
+    // A second open starts again at the beginning.
     EXPECT_EQ(record->open(OM_READ, "").discStatus, DS_SUCCESS);
     EXPECT_EQ(read(*record, 7).size(), 3000u);
 }

@@ -136,7 +136,13 @@ TEST_F(ExplorerTimersTest, AFailedPushIsShownInTheStatus)
 /// A repository that throws during the run of a timer.
 struct ThrowingRepository : FakeRepository
 {
-    void getMasterServerName(TlxHostname&) const override { throw std::runtime_error("broken"); }
+    void getMasterServerName(TlxHostname&) const override
+    {
+        if (fromOrb)
+            throw CORBA::NO_MEMORY();
+        throw std::runtime_error("broken");
+    }
+    bool fromOrb = false;
 };
 
 TEST_F(ExplorerTimersTest, WhatATimerThrowsIsLoggedAndItRunsAgainInFiveMinutes)
@@ -149,7 +155,10 @@ TEST_F(ExplorerTimersTest, WhatATimerThrowsIsLoggedAndItRunsAgainInFiveMinutes)
     EXPECT_EQ(log.lines().back().operation, "DiscoveryTimerBase::handle_timeout");
     EXPECT_EQ(reactor.scheduled(), 1);
     EXPECT_EQ(reactor.pass(299), 0);
+    throwing->fromOrb = true;
     EXPECT_EQ(reactor.pass(1), 1);
+    EXPECT_EQ(log.texts(1).back(), "A timer failed: NO_MEMORY (minor 0x00000000, COMPLETED_NO)");
+    EXPECT_EQ(reactor.scheduled(), 1);
 }
 
 TEST_F(ExplorerTimersTest, ExplorersRegisteredLaterAreNotPushed)

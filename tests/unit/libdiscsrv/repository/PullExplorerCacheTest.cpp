@@ -13,7 +13,7 @@ namespace {
 using QmTest::Calls;
 using QmTest::LogCapture;
 
-/// Keeps the written bytes. Each open starts reading at their begin.
+/// Keeps the written bytes. After each open, reading starts at the first byte.
 class KeptData : public CollectionData
 {
   public:

@@ -2,6 +2,8 @@
 
 #include "PushSchedule.h"
 
+#include <new>
+
 #include "ExplorerFixture.h"
 #include "ExplorerTimers.h"
 #include "support/Capture.h"
@@ -14,14 +16,17 @@ using QmTest::FakePush;
 using QmTest::FakeReactor;
 using QmTest::LogCapture;
 
-constexpr long FOUR_HOURS = 14400;
-
 struct PushScheduleTest : testing::Test, PushScheduleOwner
 {
     PushScheduleTest() { HostConfig::instance().readText("CLIENT_NAME = here\n", "qm.conf"); }
 
     bool isShuttingDown() const override { return shuttingDown; }
-    std::shared_ptr<const ExplorerSet> getPushExplorers() const override { return pushes; }
+    std::shared_ptr<const ExplorerSet> getPushExplorers() const override
+    {
+        if (!pushes)
+            throw std::bad_alloc();
+        return pushes;
+    }
     std::shared_ptr<const ExplorerSet> getPullExplorers() const override { return pulls; }
     void getMasterServerName(TlxHostname& out) const override { out.setHostname(masterName); }
     Remote::DiscoveryService_ptr connectToMaster(const TlxHostname& master) const override
@@ -65,7 +70,7 @@ TEST_F(PushScheduleTest, ASecondStartPushesTheExplorersOfItsMomentAndLeavesTheFi
     EXPECT_EQ(reactor.pass(1), 1);
     EXPECT_EQ(push->calls, (Calls{"push s of a", "push t of a"}));
     push->calls.clear();
-    EXPECT_EQ(reactor.pass(FOUR_HOURS), 2) << "both timers run on";
+    EXPECT_EQ(reactor.pass(14400), 2) << "both timers run on";
     EXPECT_EQ(push->calls.size(), 3u);
     EXPECT_EQ(reactor.scheduled(), 2);
 }
@@ -107,6 +112,17 @@ TEST_F(PushScheduleTest, OnceClosedNothingStarts)
     schedule.trigger();
     EXPECT_EQ(reactor.scheduled(), 0);
     EXPECT_TRUE(schedule.nextPush().isZero());
+}
+
+TEST_F(PushScheduleTest, AStartThatFailsLeavesTheTimerThatIsThere)
+{
+    schedule.startPush();
+    pushes = nullptr;
+    EXPECT_THROW(schedule.startPush(), std::bad_alloc);
+    EXPECT_FALSE(schedule.nextPush().isZero());
+    schedule.cancel();
+    EXPECT_EQ(reactor.scheduled(), 0);
+    schedule.wait();
 }
 
 TEST_F(PushScheduleTest, ACancelledScheduleMayBeWaitedFor)

@@ -1,5 +1,5 @@
-// A researcher in a process that is no service: the parts that it starts, and its end. The master
-// is another process.
+// A researcher in a process that is not a service: the parts that it starts, and its end. The
+// master is another process.
 
 #include "Researcher.h"
 

@@ -36,7 +36,7 @@ Remote::Discovery named(const char* subject, const char* authority,
     return discovery;
 }
 
-/// The servant has no framework here. A call that reaches it fails an assertion.
+/// No framework is set here, so a call that needs it fails an assertion.
 TEST(DiscoveryServiceAloneTest, AWildcardIsALogicErrorWithoutAQuery)
 {
     PortableServer::Servant_var<DiscoveryService_i> servant(new DiscoveryService_i);

@@ -2,6 +2,8 @@
 
 #include "RemoteWriter_i.h"
 
+#include <functional>
+
 #include <gtest/gtest.h>
 
 #include "ServiceFixture.h"
@@ -55,9 +57,12 @@ struct RecordingData : CollectionData
     bool writeCollection(std::size_t length, const void*) const override
     {
         lengths.push_back(length);
+        if (onWrite)
+            onWrite();
         return answer;
     }
     mutable std::vector<std::size_t> lengths;
+    std::function<void()> onWrite;
     bool answer = true;
 };
 
@@ -156,6 +161,24 @@ TEST_F(RemoteWriterTest, EveryPutIsOneWriteAndAnswersWhatTheBackendDoes)
     repository->data->answer = false;
     EXPECT_FALSE(writer->put(CollectionDataSeq()));
     EXPECT_EQ(repository->data->lengths, (std::vector<std::size_t>{0, 3, 0}));
+}
+
+TEST_F(RemoteWriterTest, ACallBackToItsOwnWriterIsRefused)
+{
+    const AutoDereference<RecordingRepository> repository(new RecordingRepository);
+    auto* writer = new RecordingWriter(incoming("cl5", "srv1"), *repository);
+    EXPECT_EQ(writer->open().discStatus, DS_SUCCESS);
+    const RemoteWriter_var reference = activate(*service.orb, writer);
+    // As when the master's writer is a reference to this one.
+    repository->data->onWrite = [&] {
+        if (repository->data->lengths.size() > 1)
+            return;
+        EXPECT_THROW(reference->put(bytes("again")), CORBA::NO_PERMISSION);
+        EXPECT_THROW(reference->close(), CORBA::NO_PERMISSION);
+    };
+    EXPECT_TRUE(reference->put(bytes("abc")));
+    EXPECT_EQ(repository->data->lengths, std::vector<std::size_t>{3});
+    EXPECT_EQ(reference->close().discStatus, DS_SUCCESS);
 }
 
 TEST_F(RemoteWriterTest, ASecondCloseFailsWithASystemException)

@@ -155,7 +155,7 @@ TEST_F(ServiceExplorersTest, ARestartFindsThemAgain)
     registerRemote("t", 6);
     std::ofstream(service.store() / "4 a s2.dat") << "x";
     {
-        // A record that is no document of an explorer is skipped.
+        // A record that is not an explorer's document is skipped.
         AutoDereference<Discovery> bad;
         getDiscoveryRepository()->newDiscovery(
             bad, DQ_UNDEFINED, Subject("bad"), Authority("a", AT_REMOTEPULL),

@@ -19,9 +19,9 @@
 // The states of a record that is new: nothing (the metadata file may exist and be empty), then 2
 // that refuses to be read, then new, 2.
 //
-// A torn write leaves the begin of the new document and the rest of the old one. The result is the
-// old record, or the new metadata with the old payload, or no document. A lookup skips the latter,
-// and a put replaces it.
+// A torn write leaves the beginning of the new document and the rest of the old one. The result is
+// the old record, or the new metadata with the old payload, or no document. A lookup skips a file
+// without a document, and a put replaces it.
 
 #include "DiscDB.h"
 
@@ -50,7 +50,7 @@ const RecordOf OTHER = {.subject = "other", .payload = "the other one"};
 const RecordOf OLD = {.priority = 1, .payload = "old"};
 const RecordOf NEW = {.priority = 2, .payload = "new"};
 
-/// This process does not use the store, so its children start without any state of the store.
+/// Only child processes use the store, so none inherits a state of it.
 struct DiscDBCrashTest : QmTest::Store
 {
     void SetUp() override
@@ -262,8 +262,8 @@ TEST_F(DiscDBCrashTest, ACleanUpThatDiedIsFinishedByTheNext)
     EXPECT_EQ(crashEverywhere(prepare, work, look), (Lines{"2", "1", "0"}));
 }
 
-/// After a kill the kernel still has all written data. After a power cut it has not, so the places
-/// of the syncs matter.
+/// After a kill the kernel still has all written data. A power cut loses what was not synced, so
+/// the places of the syncs matter.
 TEST_F(DiscDBCrashTest, EachSyncStandsWhereAPowerCutNeedsIt)
 {
     fill({OTHER, OLD});

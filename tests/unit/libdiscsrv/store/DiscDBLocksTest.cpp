@@ -184,7 +184,7 @@ TEST_F(DiscDBLocksTest, ThePriorityIsLookedAtAgainUnderTheWriteLock)
     log.clear();
     DiscoveryStatus result = DS_SUCCESS;
     std::thread writer([&] { result = lower->persist().discStatus; });
-    // The first check has found priority 1. Now another put with a higher priority comes between.
+    // The first check has found priority 1. Now another put stores a higher priority.
     EXPECT_TRUE(thisProcessWaits());
     EXPECT_EQ(peer.ask("begin cl5 5"), "0");
     EXPECT_EQ(peer.ask("write five"), "1");

@@ -84,7 +84,7 @@ inline TaggedRecord findTagged(const std::string& file)
 ///     persist                     the status
 /// drop                        "done": abandons the record that it writes
 ///     find FILE                   "found" and the payload, or "none"; keeps the record
-///     priority                    that of the record found
+///     priority                    the priority of the record found
 /// release                     "done": releases the record found
 ///     now SECONDS                 "done": sets the clock
 ///     clean DIR                   "1" when nobody writes a payload there, otherwise "0"

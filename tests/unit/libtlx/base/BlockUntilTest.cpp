@@ -1,4 +1,4 @@
-// Waits for the end of objects, and calls into foreign code.
+// Waiting for the end of objects, and guarded calls of foreign code.
 
 #include <tlx/BlockUntil.h>
 

@@ -135,7 +135,7 @@ TEST_F(LogTest, wellFormedTextPassesAsItIsAndOtherBytesAreEscaped)
 {
     configure();
     logger()->log("op", 1, "é 日 \xF0\x9F\x98\x80 back\\slash");
-    // Alone, truncated, overlong, surrogate, beyond the last code point.
+    // Bytes: alone, truncated, overlong, a surrogate, beyond the last code point.
     logger()->log("op", 1,
                   "\x80 \xC3 \xC0\xAF \xE0\x80\x80 \xED\xA0\x80 \xF4\x90\x80\x80 \xE6\x97");
     EXPECT_THAT(contentOf(m_settings.file),

@@ -1,4 +1,4 @@
-// Reference counts and their holders: the owners of an object, and its end.
+// Reference counts and their holders: who owns an object, and when it ends.
 
 #include <tlx/RefCounted.h>
 

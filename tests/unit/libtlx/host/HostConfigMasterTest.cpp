@@ -13,6 +13,8 @@
 
 #include <tlx/Resolver.h>
 
+#include "support/Capture.h"
+
 namespace Veltrane::Quillmark::Tlx {
 namespace {
 
@@ -74,6 +76,43 @@ TEST_F(MasterTest, ThisHostsEndpointMayBeWrittenInSeveralWays)
     EXPECT_FALSE(master(endpoint + "unknown:5001\nLISTEN = other:5001\n"));
     EXPECT_FALSE(master(endpoint + "alias:5001\nLISTEN = far:5001\n"));
     EXPECT_FALSE(master(endpoint + "alias:5001\n")) << "the port is another one";
+}
+
+TEST_F(MasterTest, ANameWithoutAnAddressIsLoggedOnceAndMakesAClient)
+{
+    const QmTest::LogCapture log;
+    setResolver([](const std::string&) { return std::vector<std::string>(); });
+    EXPECT_FALSE(master("SERVER = later\n"));
+    ASSERT_EQ(log.lines().size(), 1u);
+    EXPECT_EQ(log.lines()[0].level, LOG_LEVEL_FAILURE);
+    EXPECT_EQ(log.lines()[0].operation, "HostConfig::isMaster");
+    EXPECT_EQ(log.lines()[0].text, "Cannot resolve 'later', the master's address. This host is a "
+                                   "client until its next start");
+
+    setResolver([](const std::string&) { return std::vector<std::string>{"127.0.0.1"}; });
+    EXPECT_FALSE(config().isMaster()) << "a running service cannot become the master";
+    EXPECT_EQ(log.lines().size(), 1u);
+    EXPECT_TRUE(master("SERVER = later\n")) << "a new start asks again";
+    EXPECT_EQ(log.lines().size(), 1u);
+}
+
+TEST_F(MasterTest, AnEndpointWithoutAnAddressIsLogged)
+{
+    const QmTest::LogCapture log;
+    EXPECT_FALSE(master("SERVER = m\nLISTEN = 0.0.0.0:5001\nENDPOINT.m = unknown:5001\n"));
+    EXPECT_EQ(log.texts(LOG_LEVEL_FAILURE),
+              QmTest::Lines{"Cannot resolve 'unknown', the master's address. This host is a client "
+                            "until its next start"});
+}
+
+TEST_F(MasterTest, AMasterThatHasAnAddressIsNotLogged)
+{
+    const QmTest::LogCapture log;
+    EXPECT_FALSE(master("SERVER = far\n"));
+    EXPECT_FALSE(master("SERVER = m\nLISTEN = 0.0.0.0:5001\nENDPOINT.m = far:5001\n"));
+    EXPECT_TRUE(master("SERVER = alias\n"));
+    EXPECT_FALSE(master(""));
+    EXPECT_EQ(log.lines().size(), 0u);
 }
 
 /// A resolver that waits for the test before it answers.

@@ -2,6 +2,7 @@
 
 #include <tlx/Servant.h>
 
+#include <future>
 #include <stdexcept>
 
 #include <gtest/gtest.h>
@@ -59,6 +60,20 @@ TEST(ServantOperationTest, LetsSystemExceptionsOut)
 {
     EXPECT_THROW(servantOperation("X::x", [] { throw CORBA::NO_MEMORY(); }), CORBA::NO_MEMORY);
     EXPECT_EQ(Orb::requestsInProgress(), 0u);
+}
+
+TEST(ServantOperationTest, RefusesAnOperationInsideAnotherOfItsThread)
+{
+    const QmTest::LogCapture log;
+    const auto inner = [] { return servantOperation("X::inner", [] { return 1; }); };
+    EXPECT_THROW(servantOperation("X::outer", inner), CORBA::NO_PERMISSION);
+    EXPECT_EQ(Orb::requestsInProgress(), 0u);
+    EXPECT_EQ(log.texts(1), QmTest::Lines{"A call of this service to itself is refused: a "
+                                          "reference of another host leads back here"});
+    EXPECT_EQ(log.lines().back().operation, "X::inner");
+    EXPECT_EQ(inner(), 1) << "the thread is free again";
+    const auto elsewhere = [&] { return std::async(std::launch::async, inner).get(); };
+    EXPECT_EQ(servantOperation("X::outer", elsewhere), 1) << "another thread";
 }
 
 using ServantOperationDeathTest = testing::Test;

@@ -162,7 +162,7 @@ TEST(QueryMergeTest, WhatIsTooMuchIsLeftOutWithOneLine)
     EXPECT_NE(query.field("b55"), nullptr);
     EXPECT_EQ(query.field("b56"), nullptr);
     EXPECT_EQ(log.texts(1), std::vector<std::string>{
-                                "Not everything of a query description can be told; fields left "
+                                "A part of a query description is not kept; fields left "
                                 "out: 144, the first \"b56\": there are more than 256 fields"});
 }
 

@@ -1,4 +1,4 @@
-// Texts that are no queries, and the messages about them.
+// Texts that are not queries, and the messages about them.
 
 #include <tlx/Query.h>
 

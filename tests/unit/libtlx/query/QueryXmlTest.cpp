@@ -114,9 +114,9 @@ TEST(QueryXmlTest, AFieldWithoutANameIsLeftOutWithOneLine)
     const auto query = read("<QueryDescription><Field/><Field Name='a b'/><Field Name='ok'/>"
                             "</QueryDescription>");
     EXPECT_EQ(query->fields(), std::vector<QueryField>{{"ok"}});
-    EXPECT_EQ(log.texts(1), std::vector<std::string>{
-                                "Not everything of a query description can be told; fields left "
-                                "out: 2, the first \"\": its name is no name of a field"});
+    EXPECT_EQ(log.texts(1),
+              std::vector<std::string>{"A part of a query description is not kept; fields left "
+                                       "out: 2, the first \"\": its name is no name of a field"});
 }
 
 TEST(QueryXmlTest, ADescriptionWithABrokenExpressionYieldsNothing)
@@ -127,8 +127,9 @@ TEST(QueryXmlTest, ADescriptionWithABrokenExpressionYieldsNothing)
                             XML_NOTHING);
     EXPECT_TRUE(query->isEmpty());
     EXPECT_EQ(log.texts(1),
-              std::vector<std::string>{"Refused a query description, its query is none: column 7: "
-                                       "expected a value, found the end of the text"});
+              std::vector<std::string>{
+                  "Refused a query description, because its query is wrong: column 7: "
+                  "expected a value, found the end of the text"});
 }
 
 TEST(QueryXmlTest, ReadingIsBounded)
@@ -139,7 +140,7 @@ TEST(QueryXmlTest, ReadingIsBounded)
         text += "<Field Name='f" + std::to_string(i) + "'/>";
     EXPECT_EQ(read(text + "</QueryDescription>")->fields().size(), QUERY_MAX_FIELDS);
     EXPECT_EQ(log.texts(1), std::vector<std::string>{
-                                "Not everything of a query description can be told; fields left "
+                                "A part of a query description is not kept; fields left "
                                 "out: 256, the first \"f256\": there are more than 256 fields"});
     log.clear();
 
@@ -154,17 +155,17 @@ TEST(QueryXmlTest, ReadingIsBounded)
               "\"" + longName.substr(1) + "...\": its name has more than 64 bytes"}}) {
         EXPECT_TRUE(read("<QueryDescription>" + field + "</QueryDescription>")->isEmpty());
         EXPECT_EQ(log.texts(1),
-                  std::vector<std::string>{
-                      "Not everything of a query description can be told; fields left "
-                      "out: 1, the first " +
-                      reason});
+                  std::vector<std::string>{"A part of a query description is not kept; fields left "
+                                           "out: 1, the first " +
+                                           reason});
         log.clear();
     }
     const std::string longQuery(QUERY_MAX_LENGTH + 1, 'x');
     read("<QueryDescription><Query>" + longQuery + "</Query></QueryDescription>", XML_NOTHING);
-    EXPECT_EQ(log.texts(1), std::vector<std::string>{
-                                "Refused a query description, its query is none: column 65537: "
-                                "expected the end of the text, which has at most 65536 bytes"});
+    EXPECT_EQ(log.texts(1),
+              std::vector<std::string>{
+                  "Refused a query description, because its query is wrong: column 65537: "
+                  "expected the end of the text, which has at most 65536 bytes"});
 }
 
 /// The elements of a field with the values of a range.
@@ -202,9 +203,9 @@ TEST(QueryXmlTest, TooManyFieldsAreReportedEvenIfTheFirstOnesMerge)
     EXPECT_EQ(query->fields().size(), QUERY_MAX_FIELDS);
     EXPECT_EQ(query->fields().back(), (QueryField{"listed", QF_TEXT, "", numbered(0, 2)}))
         << "what comes after the bound is merged as well";
-    EXPECT_EQ(log.texts(1), std::vector<std::string>{
-                                "Not everything of a query description can be told; fields left "
-                                "out: 2, the first \"a\": there are more than 256 fields"});
+    EXPECT_EQ(log.texts(1),
+              std::vector<std::string>{"A part of a query description is not kept; fields left "
+                                       "out: 2, the first \"a\": there are more than 256 fields"});
 }
 
 TEST(QueryXmlTest, AFieldOfTooManyValuesTakesAny)
@@ -219,7 +220,7 @@ TEST(QueryXmlTest, AFieldOfTooManyValuesTakesAny)
                   {"full", QF_TEXT, "", numbered(0, QUERY_MAX_VALUES)}, {"more"}, {"most"}}));
     EXPECT_EQ(log.texts(1),
               std::vector<std::string>{
-                  "Not everything of a query description can be told; fields left out: 1, the "
+                  "A part of a query description is not kept; fields left out: 1, the "
                   "first \"a b\": its name is no name of a field; fields of more than 256 values, "
                   "which take any: 2, the first \"more\""});
 }

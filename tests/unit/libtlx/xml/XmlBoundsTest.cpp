@@ -39,7 +39,7 @@ TEST(XmlBoundsTest, TheBytesBeforeTheDocumentsElementAreBounded)
     expectRefused(repeated(XML_MAX_PROLOG_BYTES / 8 + BLOCK, "<!--c-->") + "<Doc/>", reason);
     EXPECT_EQ(domParse(model(XML_MAX_PROLOG_BYTES)), 0);
     EXPECT_EQ(domParse(model(XML_MAX_PROLOG_BYTES + BLOCK)), 1);
-    // The bound ends at its start tag.
+    // The bound covers nothing behind the root's start tag.
     EXPECT_TRUE(
         document.parseBuffer("<Doc>" + std::string(2 * XML_MAX_PROLOG_BYTES, 'x') + "</Doc>"));
 }
@@ -71,7 +71,7 @@ TEST(XmlBoundsTest, ManySmallThingsAndLongTextsAreNotGathered)
         EXPECT_TRUE(document.parseBuffer(
             "<Doc>" + repeated((XML_MAX_PIECE_BYTES + BLOCK) / text.size(), text) + "</Doc>"))
             << text;
-    // The longest notation of a character. Each has two units.
+    // The longest reference to a character that has two UTF-16 units.
     const std::size_t characters = 2 * XML_MAX_PIECE_BYTES / 10;
     EXPECT_TRUE(document.parseBuffer("<Doc>" + repeated(characters, "&#1114109;") + "</Doc>"));
     EXPECT_TRUE(document.m_text == repeated(characters, "\xF4\x8F\xBF\xBD"));

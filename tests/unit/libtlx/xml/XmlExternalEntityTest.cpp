@@ -60,7 +60,7 @@ TEST_F(XmlExternalEntityTest, ADocumentTypeFromOutsideIsNotRead)
     XmlRecorder document;
     EXPECT_TRUE(document.parseBuffer(type + "<Doc>t</Doc>"));
     EXPECT_EQ(document.m_events, "<Doc>t</Doc>");
-    // The entities that it declares stay unknown. That is no error, and adds no text.
+    // The entities that it declares stay unknown. That is not an error, and adds no text.
     XmlRecorder other;
     LogCapture log;
     other.parseBuffer(type + "<Doc>&e;</Doc>");

@@ -1,4 +1,4 @@
-// Why a service cannot be reached, for people.
+// Why a request failed: the words for people, and the exit codes for scripts.
 
 #include <gtest/gtest.h>
 
@@ -40,6 +40,17 @@ TEST(ExplainTest, AFailedConnectionHasTheWordsOfItsException)
     EXPECT_EQ(
         explain(ConnectFailure{ConnectFailure::NOT_FOUND, "the name leads to no address", ""}),
         "the name leads to no address");
+}
+
+TEST(ExplainTest, EachStatusHasAnExitCodeOfItsOwn)
+{
+    EXPECT_EQ(exitCodeOf(Svc::DS_SUCCESS), 0);
+    EXPECT_EQ(exitCodeOf(Svc::DS_NONE_FOUND), 11);
+    EXPECT_EQ(exitCodeOf(Svc::DS_LOGIC_ERROR), 12);
+    EXPECT_EQ(exitCodeOf(Svc::DS_OPEN_FAILED), 13);
+    EXPECT_EQ(exitCodeOf(Svc::DS_COM_ERROR), 14);
+    EXPECT_EQ(exitCodeOf(Svc::DS_DATA_EXISTS), 15);
+    EXPECT_EQ(exitCodeOf(static_cast<Svc::DiscoveryStatus>(77)), EC_BROKE_OFF);
 }
 
 } // namespace

@@ -12,10 +12,10 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 /// Begins with the object, and covers all pages. Each page has the request's limit as well. But a
 /// host that answers each request just in time could hold a thread for ever.
-class FetchLimit
+class FetchTimeLimit
 {
   public:
-    FetchLimit()
+    FetchTimeLimit()
         : m_seconds(HostConfig::instance().number(ConfigKey::REMOTE_MAX_SECONDS)),
           m_end(std::chrono::steady_clock::now() + std::chrono::seconds(m_seconds))
     {
