@@ -105,9 +105,8 @@ Json documentOf(const Session& session, const Reach& reached)
 Result<> runStatus(Session& session)
 {
     const Reach reached = reach(session);
-    if (const auto done =
-            session.out.write(session.options.json ? toText(documentOf(session, reached))
-                                                   : tableOf(session, reached));
+    if (auto done = session.out.write(session.options.json ? toText(documentOf(session, reached))
+                                                           : tableOf(session, reached));
         !done)
         return done;
     if (!reached)

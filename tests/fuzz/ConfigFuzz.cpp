@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -10,18 +9,13 @@
 #include <tlx/OrbKeys.h>
 
 #include "DaemonKeys.h"
+#include "Fuzz.h"
 #include "ProductKeys.h"
 #include "ServiceKeys.h"
 
 namespace {
 
 using namespace Veltrane::Quillmark::Tlx;
-
-void require(bool condition)
-{
-    if (!condition)
-        std::abort();
-}
 
 void requireWithin(const DeclaredKey& key, std::uint64_t lowest, std::uint64_t highest)
 {

@@ -4,7 +4,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -12,6 +11,7 @@
 #include <tlx/Log.h>
 
 #include "../unit/libdiscsrv/ItemsFixture.h"
+#include "Fuzz.h"
 
 namespace {
 
@@ -20,12 +20,6 @@ using namespace Veltrane::Quillmark::Tlx::DiscoverySvc;
 using QmTest::MemoryData;
 using QmTest::ReadItems;
 using QmTest::readItems;
-
-void require(bool condition)
-{
-    if (!condition)
-        std::abort();
-}
 
 bool hasExplorerData(const ReadItems& items, std::size_t i)
 {

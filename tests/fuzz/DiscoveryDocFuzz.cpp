@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -11,17 +10,12 @@
 #include <tlx/Log.h>
 
 #include "DiscData.h"
+#include "Fuzz.h"
 
 namespace {
 
 using namespace Veltrane::Quillmark::Tlx;
 using namespace Veltrane::Quillmark::Tlx::DiscoverySvc;
-
-void require(bool condition)
-{
-    if (!condition)
-        std::abort();
-}
 
 class NoData : public CollectionData
 {

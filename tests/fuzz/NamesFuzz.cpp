@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,16 +12,11 @@
 #include <tlx/Wildcard.h>
 
 #include "../../libtlx/lib/text/WildcardMatch.h"
+#include "Fuzz.h"
 
 namespace {
 
 using namespace Veltrane::Quillmark::Tlx;
-
-void require(bool condition)
-{
-    if (!condition)
-        std::abort();
-}
 
 void checkEncodings(const std::string& name)
 {

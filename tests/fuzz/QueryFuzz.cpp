@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -12,22 +11,12 @@
 #include <tlx/Log.h>
 #include <tlx/Query.h>
 
+#include "Fuzz.h"
+
 namespace {
 
 using namespace Veltrane::Quillmark::Tlx;
 using namespace Veltrane::Quillmark::Tlx::DiscoverySvc;
-
-void require(bool condition)
-{
-    if (!condition)
-        std::abort();
-}
-
-/// Discards the log, because most inputs cause a failure line.
-struct NoSink : LogSink
-{
-    void write(const Line&) override {}
-};
 
 /// Has every field. The name of the field decides its type.
 struct Everything : QuerySource
@@ -141,11 +130,7 @@ void tryParameters(const std::string& text)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    static const bool quiet = [] {
-        LoggerFactory::instance().setSink(std::make_shared<NoSink>());
-        return true;
-    }();
-    require(quiet);
+    dropLog();
 
     const std::string text(reinterpret_cast<const char*>(data), size);
     tryExpression(text);

@@ -26,7 +26,7 @@ inline Tlx::AutoDereference<Disc::CollectionItemIterator> research(Disc::Collect
         all->getNextCollectionItemIterator(nullptr));
 }
 
-/// The items of the first discovery that matches. Expects that there is one.
+/// The items of the first discovery that matches. Expects one.
 inline Tlx::AutoDereference<Disc::CollectionItemIterator>
 firstItems(Disc::AuthSubIterator* all, const Disc::FilterParameters* filter = nullptr)
 {
