@@ -14,6 +14,10 @@
 
 namespace QmTest {
 
+/// The files of the record that RecordOf describes by default.
+constexpr const char* METADATA = "1 srv1 cl5.xml";
+constexpr const char* PAYLOAD = "1 srv1 cl5.dat";
+
 /// The values of a record.
 struct RecordOf
 {

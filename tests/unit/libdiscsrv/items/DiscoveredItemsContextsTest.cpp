@@ -13,10 +13,9 @@ namespace {
 
 using QmTest::Lines;
 using QmTest::LogCapture;
+using QmTest::UNKNOWN;
 using QmTest::utf16;
 using Contexts = std::vector<XmlObjParseContext*>;
-
-constexpr const char* UNKNOWN = "Ignoring Unknown Tag";
 
 /// Returns the results that the test sets.
 class OddItem : public virtual CollectionItem

@@ -38,12 +38,12 @@ namespace {
 
 using QmTest::contentOf;
 using QmTest::Lines;
+using QmTest::METADATA;
+using QmTest::PAYLOAD;
 using QmTest::RecordOf;
 using QmTest::SteppedProcess;
 using QmTest::writeFile;
 
-constexpr const char* METADATA = "1 srv1 cl5.xml";
-constexpr const char* PAYLOAD = "1 srv1 cl5.dat";
 constexpr unsigned MANY = 500; ///< more operations than any test here makes
 
 const RecordOf OTHER = {.subject = "other", .payload = "the other one"};

@@ -20,10 +20,9 @@ using QmTest::findTagged;
 using QmTest::isBlocked;
 using QmTest::Lines;
 using QmTest::LogCapture;
+using QmTest::METADATA;
+using QmTest::PAYLOAD;
 using QmTest::putTagged;
-
-constexpr const char* METADATA = "1 srv1 cl5.xml";
-constexpr const char* PAYLOAD = "1 srv1 cl5.dat";
 
 /// Works in another thread. It would wait for a lock that an earlier thread has left locked.
 void inThread(const std::function<void()>& work)

@@ -15,8 +15,7 @@ using QmTest::AssertionCapture;
 using QmTest::contentOf;
 using QmTest::Lines;
 using QmTest::LogCapture;
-
-constexpr const char* METADATA = "1 srv1 cl5.xml";
+using QmTest::METADATA;
 
 struct DiscDBRefusalsTest : QmTest::Store
 {

@@ -116,10 +116,10 @@ TEST_F(MasterTest, AMasterThatHasAnAddressIsNotLogged)
 }
 
 /// A resolver that waits for the test before it answers.
-class Hanging
+class HangingResolver
 {
   public:
-    Hanging()
+    HangingResolver()
     {
         setResolver([state = m_state](const std::string&) -> std::vector<std::string> {
             std::unique_lock lock(state->mutex);
@@ -129,7 +129,7 @@ class Hanging
             return {"127.0.0.1"};
         });
     }
-    ~Hanging() { letGo(); }
+    ~HangingResolver() { letGo(); }
     void letGo()
     {
         std::lock_guard lock(m_state->mutex);
@@ -160,7 +160,7 @@ class Hanging
 
 TEST_F(MasterTest, AResolverThatHangsCostsFiveSecondsOnce)
 {
-    Hanging resolver;
+    HangingResolver resolver;
     const auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(master("SERVER = m\nLISTEN = own:5001\nENDPOINT.m = other:5001\n"));
     const auto took = std::chrono::steady_clock::now() - start;
@@ -173,7 +173,7 @@ TEST_F(MasterTest, AResolverThatHangsCostsFiveSecondsOnce)
 
 TEST_F(MasterTest, OtherThreadsDoNotWaitForTheResolver)
 {
-    Hanging resolver;
+    HangingResolver resolver;
     config().readText("SERVER = m\n", "qm.conf");
     bool answer = false;
     std::thread asking([&answer] { answer = config().isMaster(); });
