@@ -10,6 +10,11 @@ add_library(qm_warnings INTERFACE)
 target_compile_options(qm_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wnon-virtual-dtor -Wold-style-cast -Woverloaded-virtual -Wcast-qual
   -Wformat=2 -Wundef -Wunused -Wno-unknown-pragmas $<$<CXX_COMPILER_ID:GNU>:-Wshadow=local>)
+if(CMAKE_UNITY_BUILD)
+  # The compiler takes the sources of a unity build for headers.
+  target_compile_options(qm_warnings INTERFACE
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
+endif()
 if(QM_WERROR)
   target_compile_options(qm_warnings INTERFACE -Werror)
 endif()

@@ -20,7 +20,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-HostConfig& config()
+HostConfig& hostConfig()
 {
     return HostConfig::instance();
 }
@@ -40,8 +40,8 @@ struct MasterTest : testing::Test
     ~MasterTest() override { setResolver({}); }
     static bool master(const std::string& text)
     {
-        config().readText("CLIENT_NAME = here\n" + text, "qm.conf");
-        return config().isMaster();
+        hostConfig().readText("CLIENT_NAME = here\n" + text, "qm.conf");
+        return hostConfig().isMaster();
     }
 };
 
@@ -90,7 +90,7 @@ TEST_F(MasterTest, ANameWithoutAnAddressIsLoggedOnceAndMakesAClient)
                                    "client until its next start");
 
     setResolver([](const std::string&) { return std::vector<std::string>{"127.0.0.1"}; });
-    EXPECT_FALSE(config().isMaster()) << "a running service cannot become the master";
+    EXPECT_FALSE(hostConfig().isMaster()) << "a running service cannot become the master";
     EXPECT_EQ(log.lines().size(), 1u);
     EXPECT_TRUE(master("SERVER = later\n")) << "a new start asks again";
     EXPECT_EQ(log.lines().size(), 1u);
@@ -167,20 +167,20 @@ TEST_F(MasterTest, AResolverThatHangsCostsFiveSecondsOnce)
     EXPECT_GE(took, 5s);
     EXPECT_LT(took, 9s) << "two names of five seconds each?"; // slack for a busy machine
     EXPECT_TRUE(resolver.waitUntilAsked(2));
-    EXPECT_FALSE(config().isMaster());
+    EXPECT_FALSE(hostConfig().isMaster());
     EXPECT_EQ(resolver.asked(), 2) << "what was found out is remembered";
 }
 
 TEST_F(MasterTest, OtherThreadsDoNotWaitForTheResolver)
 {
     HangingResolver resolver;
-    config().readText("SERVER = m\n", "qm.conf");
+    hostConfig().readText("SERVER = m\n", "qm.conf");
     bool answer = false;
-    std::thread asking([&answer] { answer = config().isMaster(); });
+    std::thread asking([&answer] { answer = hostConfig().isMaster(); });
     EXPECT_TRUE(resolver.waitUntilAsked(1));
-    EXPECT_EQ(config().getString(ConfigKey::SERVER), "m");
-    config().readText("CLIENT_NAME = here\nSERVER = here\n", "qm.conf");
-    EXPECT_TRUE(config().isMaster());
+    EXPECT_EQ(hostConfig().getString(ConfigKey::SERVER), "m");
+    hostConfig().readText("CLIENT_NAME = here\nSERVER = here\n", "qm.conf");
+    EXPECT_TRUE(hostConfig().isMaster());
     resolver.letGo();
     asking.join();
     EXPECT_TRUE(answer);
@@ -203,7 +203,7 @@ TEST_F(MasterTest, LocalhostStandsForThisHost)
 TEST_F(MasterTest, TheBooleanLookupAnswersAsItsCallersExpect)
 {
     static constexpr std::array KEYS{DeclaredKey::boolean("REPORT_CLIENT_DISCOVERIES")};
-    config().declare(KEYS);
+    hostConfig().declare(KEYS);
     bool flag = false;
     master("");
     EXPECT_EQ(QM_get_config_boolean("REPORT_CLIENT_DISCOVERIES", flag), -1);
