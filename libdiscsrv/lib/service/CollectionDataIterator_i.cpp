@@ -72,6 +72,7 @@ void CollectionDataIterator_i::release()
     servantOperation("CollectionDataIterator_i::release", [this] {
         DISC_TRACE("CollectionDataIterator_i::release");
         DISC_LOG(4, "Releasing collection data iterator");
+        endRequests();
         if (Orb* orb = getDiscoveryRepository()->getOrb())
             removeFromEvictor(m_objectId, *orb);
         m_discovery.reset();

@@ -110,6 +110,7 @@ void DiscoveryIterator_i::release()
     servantOperation("DiscoveryIterator_i::release", [this] {
         DISC_TRACE("DiscoveryIterator_i::release");
         DISC_LOG(4, "releasing discovery iterator");
+        endRequests();
         if (Orb* orb = getDiscoveryRepository()->getOrb())
             removeFromEvictor(m_objectId, *orb);
         m_discoveryIterator.reset();

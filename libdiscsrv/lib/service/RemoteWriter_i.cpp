@@ -103,7 +103,8 @@ DiscoveryResult RemoteWriter_i::close()
 {
     return servantOperation("RemoteWriter_i::close", [this]() -> DiscoveryResult {
         DISC_TRACE("RemoteWriter_i::close");
-        // A second close may have waited for the first one. It finds no record.
+        endRequests();
+        // Called directly, a second close finds no record.
         if (!TLX_ASSERT_AS(m_discovery, "NULL != m_discovery") && m_closed)
             return {DS_OPEN_FAILED, 0};
         m_closed = true;

@@ -39,6 +39,7 @@ class StatefulServant
   protected:
     std::shared_ptr<ServantActivity> m_activity = std::make_shared<ServantActivity>();
     std::mutex m_requestMutex;
+    bool m_ended = false; ///< see SerialServant::endRequests
 };
 
 /// A servant that serves its requests from the wire one at a time and notes its activity. So two
@@ -59,8 +60,16 @@ class SerialServant : public virtual Skeleton, public StatefulServant
             ServantActivity& m_activity;
         } mark(*activity);
         std::lock_guard<std::mutex> guard(m_requestMutex);
+        if (m_ended)
+            throw CORBA::OBJECT_NOT_EXIST();
         return Skeleton::_dispatch(handle);
     }
+
+  protected:
+    /// Refuses all later requests from the wire with OBJECT_NOT_EXIST. Call it in the operation
+    /// that deactivates the servant. The POA itself still lets requests in until that operation
+    /// ends, and its reply leaves before that.
+    void endRequests() { m_ended = true; }
 };
 
 /// The name of an exception with its minor code and completion: "TRANSIENT (minor 0x...,

@@ -21,17 +21,23 @@ namespace {
 
 using QmTest::eventually;
 
-/// Another process with its own connection to the object "Pages". Commands and answers:
+/// Another process with its own connection to the object. Commands and answers:
 ///
-///     find ENDPOINT   "found"
+///     find IOR        "found"
 ///     page            how many records the next page has
 ///     release         "released"
+///
+/// A system exception is answered with its name.
 class Client : public QmTest::PeerProcess
 {
   public:
     Client()
         : PeerProcess([state = std::make_shared<State>()](const std::string& command) {
-              return state->perform(command);
+              try {
+                  return state->perform(command);
+              } catch (const CORBA::SystemException& e) {
+                  return std::string(e._name());
+              }
           })
     {
     }
@@ -50,15 +56,12 @@ class Client : public QmTest::PeerProcess
             const DiscoverySeq_var page = iterator->getNextPage();
             return std::to_string(page->length());
         }
-        std::string find(const std::string& endpoint)
+        std::string find(const std::string& reference)
         {
-            HostConfig::instance().readText("ENDPOINT.there = " + endpoint + "\n", "qm.conf");
+            HostConfig::instance().readText("", "none");
             orb = std::make_unique<Orb>(true, "", "S", false);
-            const auto object = orb->lookupObject(
-                {.host = TlxHostname("there"), .name = "Pages", .limit = std::chrono::seconds(20)});
-            if (!object)
-                return object.error().cause;
-            iterator = DiscoveryIterator::_narrow(*object);
+            const CORBA::Object_var object = orb->getOrb()->string_to_object(reference.c_str());
+            iterator = DiscoveryIterator::_narrow(object);
             if (CORBA::is_nil(iterator))
                 return "not found";
             iterator->pageSize(); // makes the connection
@@ -79,7 +82,11 @@ class HeldIterator : public DiscoveryIterator_i
         hold();
         return new DiscoverySeq;
     }
-    void release() override { hold(); }
+    void release() override
+    {
+        hold();
+        DiscoveryIterator_i::release();
+    }
 
     std::atomic<int> inside{0};
     std::atomic<int> most{0}; ///< the largest number of requests that were inside at a time
@@ -103,15 +110,15 @@ struct SerialServantTest : testing::Test
         HostConfig::instance().readText("", "none");
         orb = std::make_unique<Orb>(false, "127.0.0.1:0", "S", false);
         const CORBA::Object_var object = orb->activateServant(iterator.in());
-        orb->advertiseObject("Pages", object);
         orb->serveRequests();
+        const CORBA::String_var reference = orb->getOrb()->object_to_string(object);
         for (Client* const client : {&first, &second})
-            EXPECT_EQ(client->ask("find " + orb->getEndpoint()), "found");
+            EXPECT_EQ(client->ask("find " + std::string(reference)), "found");
     }
-    /// The second client's request arrives while the first client's request for a page is inside.
-    void pageBeside(const std::string& request)
+    /// The second client's request arrives while the first client's request is inside.
+    void sendBeside(const std::string& firstRequest, const std::string& request)
     {
-        first.tell("page");
+        first.tell(firstRequest);
         ASSERT_TRUE(eventually([this] { return iterator->inside == 1; }));
         const auto before = iterator->activity()->lastUse();
         second.tell(request);
@@ -122,7 +129,6 @@ struct SerialServantTest : testing::Test
             ::sched_yield();
         EXPECT_FALSE(second.answers(std::chrono::milliseconds::zero()));
         iterator->goOn = true;
-        EXPECT_EQ(first.answer(), "0");
     }
 
     Client first; // forks, so it comes before the ORB
@@ -133,15 +139,25 @@ struct SerialServantTest : testing::Test
 
 TEST_F(SerialServantTest, TwoConnectionsReadOneIteratorOneAtATime)
 {
-    pageBeside("page");
+    sendBeside("page", "page");
+    EXPECT_EQ(first.answer(), "0");
     EXPECT_EQ(second.answer(), "0");
     EXPECT_EQ(iterator->most, 1);
 }
 
 TEST_F(SerialServantTest, AReleaseWaitsForAReadOfAnotherConnection)
 {
-    pageBeside("release");
+    sendBeside("page", "release");
+    EXPECT_EQ(first.answer(), "0");
     EXPECT_EQ(second.answer(), "released");
+    EXPECT_EQ(iterator->most, 1);
+}
+
+TEST_F(SerialServantTest, ARequestThatWaitedForTheReleaseFindsNoObject)
+{
+    sendBeside("release", "page");
+    EXPECT_EQ(first.answer(), "released");
+    EXPECT_EQ(second.answer(), "OBJECT_NOT_EXIST");
     EXPECT_EQ(iterator->most, 1);
 }
 
