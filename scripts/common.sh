@@ -46,7 +46,7 @@ sanitizer_environment() {
         export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1:${UBSAN_OPTIONS:-}"
         ;;
     tsan)
-        export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:history_size=4:${TSAN_OPTIONS:-}"
+        export TSAN_OPTIONS="suppressions=$supp/tsan.supp:halt_on_error=1:second_deadlock_stack=1:history_size=4:${TSAN_OPTIONS:-}"
         ;;
     esac
 }
