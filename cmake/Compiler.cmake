@@ -48,7 +48,8 @@ if(QM_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link)
   add_link_options(-fsanitize=fuzzer-no-link)
 endif()
-# Tests are compiled without optimisation, to shorten the build. The fortified functions need it.
+# Tests are compiled without optimisation, to shorten the build. The fortified functions need
+# optimisation, so they are off.
 set(QM_TEST_OPTIONS -O0 -g1 -U_FORTIFY_SOURCE)
 # With this option the compiler cache sees the contents of a precompiled header.
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")

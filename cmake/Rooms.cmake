@@ -37,8 +37,8 @@ function(qm_room library room)
     target_link_libraries(${target} PUBLIC ${library}_${used})
   endforeach()
   target_link_libraries(${target} PUBLIC ${QM_ROOM_LINK} PRIVATE ${arg_LINK} qm_warnings)
-  # In a unity build the compiler reads several sources as one. Each source defines a LOG_SOURCE, so
-  # CMake makes that name another one in each.
+  # In a unity build the compiler reads several sources as one. Each source defines
+  # LOG_SOURCE. CMake replaces this name by a different one in each source.
   set_target_properties(${target} PROPERTIES UNITY_BUILD_UNIQUE_ID LOG_SOURCE)
   set_property(GLOBAL APPEND PROPERTY QM_ROOMS_${library} ${target})
 endfunction()

@@ -75,6 +75,7 @@ class Daemon
     /// Does one step under its name. An exception becomes a failure.
     [[nodiscard]] Result<> step(const char* name, const std::function<void()>& work);
     /// Does one step under its name. It logs a failure and goes on.
+    /// line is the caller's. Debian 12's clang has no std::source_location.
     void attempt(const char* name, const std::function<void()>& work, int line = __builtin_LINE());
     ExitCode fail(const Failure& failure, int line = __builtin_LINE());
     /// Writes a line to standard error, unless the log writes there as well.

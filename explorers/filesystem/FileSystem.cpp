@@ -28,7 +28,7 @@ void takeNumber(const TlxString& text, std::optional<std::uint64_t>& into)
         into = number;
 }
 
-/// A block's inner XML, with an element around it.
+/// Reads a block. An element around the block's inner XML makes it a document.
 class Block : public Tlx::XmlDocumentInterface
 {
   public:
@@ -186,7 +186,7 @@ void FileSystemSource::describe(TlxQuery& query)
 {
     // A full query lacks the fields that have no room.
     for (const Field& field : FIELDS)
-        (void)query.addField({field.name, field.type, field.description, {}});
+        query.addField({field.name, field.type, field.description, {}});
 }
 
 } // namespace Veltrane::Quillmark::Explorers

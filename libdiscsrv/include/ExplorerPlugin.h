@@ -16,7 +16,7 @@ RegisterExplorers(Veltrane::Quillmark::Tlx::DiscoverySvc::DiscoveryRepository* r
 // The daemon and other readers of items call it once, when they first need a parser.
 [[gnu::visibility("default")]] void
 RegisterExplorerParsers(Veltrane::Quillmark::Tlx::DiscoverySvc::DiscoveryRepository* repository);
-// The daemon never calls it. Programs do that load filter data (ExplorerLoader.h).
+// The daemon never calls it. A program that loads filter data calls it (ExplorerLoader.h).
 [[gnu::visibility("default")]] void RegisterExplorerFilterDataProvider(
     Veltrane::Quillmark::Tlx::DiscoverySvc::DiscoveryRepository* repository);
 }

@@ -56,7 +56,7 @@ Result<> runExplorers(Session& session)
     if (status.stale)
         return tl::unexpected(Failure{
             EC_UNREACHABLE, "the service of this host is not running: " + escaped(status.path) +
-                                " is of one that ended"});
+                                " describes a service that has ended"});
     const auto member = status.members.find("explorers");
     if (member == status.members.end() || !member->is_array())
         return tl::unexpected(

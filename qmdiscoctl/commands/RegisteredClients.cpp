@@ -55,10 +55,10 @@ tl::expected<Registered, std::string> readOne(Service& service, const Record& re
     if (status != Svc::DS_SUCCESS)
         return tl::unexpected<std::string>(toName(status));
     if (!pages)
-        return tl::unexpected<std::string>("no iterator was answered");
+        return tl::unexpected<std::string>("the service returned no iterator");
     const auto data = readData(*pages, MAX_DOCUMENT_BYTES);
     if (!data)
-        return tl::unexpected<std::string>("its data is no such document: it is too long");
+        return tl::unexpected<std::string>("its data is too long");
     std::stringstream document(*data);
     Registered registered{};
     Tlx::TlxString name;

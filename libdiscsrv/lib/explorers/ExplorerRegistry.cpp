@@ -12,7 +12,8 @@ constexpr const char* LOG_SOURCE = "../DiscoveryRepository";
 /// The repository's operation. Log readers find these lines under its name.
 constexpr const char* OPERATION = "DiscoveryRepository::registerExplorer";
 
-// Compat(register-tie): plug-ins rely on the difference between the two kinds.
+// Compat(register-tie): plug-ins rely on this: a pull explorer replaces one of the same priority, a
+// push explorer does not.
 bool keepsAgainstPush(unsigned there, unsigned coming)
 {
     return there >= coming;

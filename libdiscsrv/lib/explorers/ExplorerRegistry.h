@@ -40,7 +40,7 @@ class DISCSRV_EXPORT ExplorerRegistry
     ExplorerRegistry(const ExplorerRegistry&) = delete;
     ExplorerRegistry& operator=(const ExplorerRegistry&) = delete;
 
-    /// Shows every registration that has returned, and every one that is being stored.
+    /// Contains every registration whose call has returned, and those that are still being stored.
     ExplorerSnapshot snapshot() const;
 
     // A registration that is beyond the bound, or comes after close(), is logged and dropped. A

@@ -11,12 +11,12 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 constexpr const char* LOG_SOURCE = "../DiscoverySvc";
 constexpr unsigned REQUEST_TIMEOUT_SECONDS = 30;
-constexpr std::size_t REACTOR_HANDLES = 1024;
+constexpr std::size_t RESERVED = 0;
 } // namespace
 
 DiscoverySvc::DiscoverySvc(bool foreground)
     : OrbService(DISCOVERY_SERVICE, LOG_ORIGINATOR, nullptr, foreground, "Discovery Service", false,
-                 REACTOR_HANDLES, nullptr)
+                 RESERVED, nullptr)
 {
     m_allowSeveral = false;
     m_evictorEnabled = true;

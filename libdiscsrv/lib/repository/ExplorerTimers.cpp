@@ -98,7 +98,8 @@ int DiscoveryTimerBase::handle_timeout(const ACE_Time_Value&, const void* genera
             return 0;
         m_id = -1;
     }
-    // An exception must not end the thread of all timers. A derived repository may throw both.
+    // An exception must not end the thread of all timers. A derived repository may throw a
+    // std::exception or a CORBA::Exception.
     try {
         run();
         return 0;

@@ -46,7 +46,8 @@ class EngineContext
     using Make = EngineSingleton* (*)(const EngineContext&);
     EngineSingleton* find(std::type_index kind, Make make) const;
 
-    mutable std::recursive_mutex m_mutex; // an object may ask for another one while it is made
+    // Recursive, because the constructor of an object may ask for another object.
+    mutable std::recursive_mutex m_mutex;
     bool m_open;
     mutable std::vector<std::pair<std::type_index, std::unique_ptr<EngineSingleton>>> m_objects;
 };

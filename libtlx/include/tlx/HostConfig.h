@@ -98,7 +98,8 @@ class HostConfig
 
     /// Whether this host is the master: exactly when SERVER names it, by its own name, an alias or
     /// a local address. May resolve names, for at most 5 seconds. Without SERVER: false.
-    /// If the name has no address, it logs that and returns false until the next read.
+    /// If the name has no address, it logs that and returns false until the next
+    /// read(); readAgain() keeps the answer.
     bool isMaster() const;
 
     /// Threads use it until the process ends.

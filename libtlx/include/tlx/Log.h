@@ -152,7 +152,7 @@ class Tracer
 } // namespace Veltrane::Quillmark::Tlx
 
 /// Logs `text` (a chain for operator<<) followed by " (SOURCE:LINE)". The chain is evaluated only
-/// if the logger accepts the level.
+/// if the logger accepts the level. It has no parentheses here, because it is a chain.
 #define TLX_LOG(logger, messageLevel, operation, source, text)                                     \
     do {                                                                                           \
         ::Veltrane::Quillmark::Tlx::Logger* tlxLogger_ = (logger);                                 \

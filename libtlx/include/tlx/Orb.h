@@ -87,7 +87,8 @@ class Orb
     /// Makes corbaloc:iiop:1.2@HOST:PORT/NAME lead to the object, for clients of any ORB.
     void advertiseObject(const std::string& name, CORBA::Object_ptr object);
 
-    /// Set once the service's objects are advertised. Nothing here asks; hosts built elsewhere do.
+    /// Set once the service's objects are advertised. Only hosts built elsewhere, and tests,
+    /// ask for it.
     void setPostAdvertised(bool advertised);
     bool isPostAdvertised() const;
 

@@ -189,9 +189,11 @@ class TlxQuery : public virtual TLXRefCounted, public XmlInterface
     ///   - The field takes the values of both. It takes any value when one of them does, or when
     ///     they list too many together.
     /// Characters that XML cannot carry become U+FFFD.
-    /// Answers why it was not added, with nothing changed, when isFieldName refuses the name or a
-    /// bound above would be exceeded.
-    [[nodiscard]] tl::expected<void, std::string> addField(const QueryField& field);
+    /// Returns false, and changes nothing, if isFieldName refuses the name or a bound above would
+    /// be exceeded.
+    bool addField(const QueryField& field);
+    /// The same, with the reason.
+    [[nodiscard]] tl::expected<void, std::string> addFieldOrReason(const QueryField& field);
     /// The fields, in the order in which they were added.
     const std::vector<QueryField>& fields() const { return m_fields; }
     /// The field of that name, in any case of its letters; null when it is unknown.

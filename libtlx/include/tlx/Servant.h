@@ -18,7 +18,7 @@ class ServantActivity
   public:
     void begin();
     void end();
-    /// Whether no request has been inside since the given moment.
+    /// Whether no request has run in the object since the given moment.
     bool idleSince(std::chrono::steady_clock::time_point moment) const;
     std::chrono::steady_clock::time_point lastUse() const;
     bool busy() const;

@@ -2,9 +2,8 @@
 // URI text and its percent-encoding.
 //
 // The name of a subject or an authority is URI text. A well-formed %XX stands for its byte; any
-// other
-// "%" is a byte itself. So a second encoding changes nothing, and all encodings of a name stand for
-// the same bytes.
+// other "%" is a byte itself. So a second encoding changes nothing, and all encodings of a name
+// stand for the same bytes.
 
 #include <string>
 #include <string_view>

@@ -80,7 +80,7 @@ bool ConfigReading::isMaster()
         PLATFORM_LOG(LOG_LEVEL_FAILURE, "HostConfig::isMaster",
                      "Cannot resolve "
                          << quotedValue(unresolved)
-                         << ", the master's address. This host is a client until its next start");
+                         << ", the master's address. To this process the host is a client");
     return master;
 }
 

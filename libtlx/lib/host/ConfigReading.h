@@ -34,7 +34,7 @@ class ConfigReading
     std::optional<bool> knownMaster();
 
   private:
-    // They set unresolved to the master's name if it has no address.
+    // They set unresolved to the master's name, or to that of its endpoint, if it has no address.
     bool isOwnEndpoint(const Endpoint& endpoint, std::string& unresolved) const;
     bool findOutMaster(std::string& unresolved) const;
 

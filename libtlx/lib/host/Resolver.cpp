@@ -93,7 +93,8 @@ void answer(const std::shared_ptr<Question>& question, const std::string& host,
 // An address as 16 bytes, IPv4 mapped into IPv6. False if the text is not an address.
 bool toBytes(const std::string& text, in6_addr& out)
 {
-    if (text.find('\0') != std::string::npos) // inet_pton would read no further
+    // inet_pton stops at a NUL byte, and would accept the text before it.
+    if (text.find('\0') != std::string::npos)
         return false;
     in_addr v4 = {};
     if (::inet_pton(AF_INET, text.c_str(), &v4) == 1) {

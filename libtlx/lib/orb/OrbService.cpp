@@ -14,7 +14,7 @@ struct OrbService::State
     std::mutex mutex;
     std::unique_ptr<Orb> orb;
     std::atomic<bool> notified{false};
-    // Signal handlers use this member: it may take no lock.
+    // Signal handlers use this member, so it must be lock-free.
     std::atomic<void (*)()> stopHandler{nullptr};
     static_assert(std::atomic<void (*)()>::is_always_lock_free);
 };

@@ -10,7 +10,7 @@ namespace Veltrane::Quillmark::Tlx {
 
 namespace {
 
-/// The thread looks at the timers at least this often. It bounds the conversion of the time only.
+/// The thread waits at most this long, so that the conversion of the time cannot overflow.
 constexpr time_t LONGEST_WAIT_SECONDS = 3600;
 
 /// Has the reactor's token until the timer's call begins. Until then nobody can cancel the timer.

@@ -59,7 +59,7 @@ std::string problemOf(const QueryField& field)
     if (field.name.size() > QUERY_MAX_NAME)
         return "its name has more than " + std::to_string(QUERY_MAX_NAME) + bytes;
     if (!TlxQuery::isFieldName(field.name.utf8()))
-        return "its name is no name of a field";
+        return "its name is not a field name";
     if (field.description.size() > QUERY_MAX_TEXT)
         return "its description has more than " + std::to_string(QUERY_MAX_TEXT) + bytes;
     if (field.values.size() > QUERY_MAX_VALUES)
@@ -208,7 +208,12 @@ const QueryField* TlxQuery::field(std::string_view name) const
     return nullptr;
 }
 
-tl::expected<void, std::string> TlxQuery::addField(const QueryField& field)
+bool TlxQuery::addField(const QueryField& field)
+{
+    return addFieldOrReason(field).has_value();
+}
+
+tl::expected<void, std::string> TlxQuery::addFieldOrReason(const QueryField& field)
 {
     return addCarryable(carryable(field));
 }

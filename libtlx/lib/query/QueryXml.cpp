@@ -90,7 +90,7 @@ void endField(QueryContext& context)
     const bool isOpened = field.values.size() > QUERY_MAX_VALUES;
     if (isOpened)
         field.values.clear();
-    if (const auto done = context.m_described.addField(field); !done)
+    if (const auto done = context.m_described.addFieldOrReason(field); !done)
         context.m_losses.addField(field, done.error());
     else if (isOpened)
         context.m_losses.addOpened(field);

@@ -202,7 +202,7 @@ TEST(ItemsLimitsTest, RefusedDescriptionsCountWithTheUnknownElements)
         EXPECT_TRUE(
             faults[400].starts_with("Refused a query description, because its query is wrong: "));
         EXPECT_EQ(faults[999], "A part of a query description is not kept; fields left "
-                               "out: 1, the first \"\": its name is no name of a field");
+                               "out: 1, the first \"\": its name is not a field name");
     }
     for (const auto& [fault, line] :
          {std::pair{noQuery, faults[400]}, std::pair{noField, faults[999]}}) {

@@ -40,7 +40,7 @@ class Expected
 template <class Value>
 std::string bytesOf(const Value& value)
 {
-    cdrMemoryStream stream(0, true); // cleared, so that the gaps have known bytes
+    cdrMemoryStream stream(0, true); // zeroed, so that the padding has known bytes
     value >>= stream;
     return std::string(static_cast<const char*>(stream.bufPtr()), stream.bufSize());
 }

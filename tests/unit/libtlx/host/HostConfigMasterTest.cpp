@@ -86,8 +86,8 @@ TEST_F(MasterTest, ANameWithoutAnAddressIsLoggedOnceAndMakesAClient)
     ASSERT_EQ(log.lines().size(), 1u);
     EXPECT_EQ(log.lines()[0].level, LOG_LEVEL_FAILURE);
     EXPECT_EQ(log.lines()[0].operation, "HostConfig::isMaster");
-    EXPECT_EQ(log.lines()[0].text, "Cannot resolve 'later', the master's address. This host is a "
-                                   "client until its next start");
+    EXPECT_EQ(log.lines()[0].text, "Cannot resolve 'later', the master's address. To this process "
+                                   "the host is a client");
 
     setResolver([](const std::string&) { return std::vector<std::string>{"127.0.0.1"}; });
     EXPECT_FALSE(hostConfig().isMaster()) << "a running service cannot become the master";
@@ -101,8 +101,8 @@ TEST_F(MasterTest, AnEndpointWithoutAnAddressIsLogged)
     const QmTest::LogCapture log;
     EXPECT_FALSE(master("SERVER = m\nLISTEN = 0.0.0.0:5001\nENDPOINT.m = unknown:5001\n"));
     EXPECT_EQ(log.texts(LOG_LEVEL_FAILURE),
-              QmTest::Lines{"Cannot resolve 'unknown', the master's address. This host is a client "
-                            "until its next start"});
+              QmTest::Lines{"Cannot resolve 'unknown', the master's address. To this process the "
+                            "host is a client"});
 }
 
 TEST_F(MasterTest, AMasterThatHasAnAddressIsNotLogged)

@@ -116,7 +116,7 @@ TEST(QueryXmlTest, AFieldWithoutANameIsLeftOutWithOneLine)
     EXPECT_EQ(query->fields(), std::vector<QueryField>{{"ok"}});
     EXPECT_EQ(log.texts(1),
               std::vector<std::string>{"A part of a query description is not kept; fields left "
-                                       "out: 2, the first \"\": its name is no name of a field"});
+                                       "out: 2, the first \"\": its name is not a field name"});
 }
 
 TEST(QueryXmlTest, ADescriptionWithABrokenExpressionYieldsNothing)
@@ -221,7 +221,7 @@ TEST(QueryXmlTest, AFieldOfTooManyValuesTakesAny)
     EXPECT_EQ(log.texts(1),
               std::vector<std::string>{
                   "A part of a query description is not kept; fields left out: 1, the "
-                  "first \"a b\": its name is no name of a field; fields of more than 256 values, "
+                  "first \"a b\": its name is not a field name; fields of more than 256 values, "
                   "which take any: 2, the first \"more\""});
 }
 

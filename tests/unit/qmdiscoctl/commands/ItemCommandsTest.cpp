@@ -44,7 +44,7 @@ TEST_F(ItemCommandsTest, ItemsAreATableOfWhatWasReadAndLinesOfWhatWasNot)
     options.subject = "";
     options.authority = "h*";
     script.discovered = {{"", "h2/now", "h2", fileSystem("/\x7f", "xfs", "2048")},
-                         {"", "text", "h1", "no document", "it is none"},
+                         {"", "text", "h1", "no document", "it is not a document"},
                          {"", "h1", "h1", fileSystem("/home", "ext4", "1099511627776")},
                          {"", "h1", "h1",
                           "<DiscoveredItems><DISCOVERED Name=\"thing\"></DISCOVERED><DISC",
@@ -57,7 +57,7 @@ TEST_F(ItemCommandsTest, ItemsAreATableOfWhatWasReadAndLinesOfWhatWasNot)
                         "h1    thing  -       -     -        -        h1\n"
                         "h2    /\\x7f  /dev/x  xfs   2.0 KiB  1.0 KiB  h2/now\n"
                         "not read: h1 of h1: broken\n"
-                        "not read: text of h1: it is none\n");
+                        "not read: text of h1: it is not a document\n");
 }
 
 TEST_F(ItemCommandsTest, TheReasonIsFitForATerminal)
@@ -133,13 +133,13 @@ TEST_F(ItemCommandsTest, FiltersAreMergedFromAllHosts)
          "<FilterData><QueryDescription><Field Name=\"size\" Type=\"bytes\"></Field>"
          "<Field Name=\"kind\" Type=\"text\"><Value>a</Value><Value>b</Value></Field>"
          "</QueryDescription></FilterData>"},
-        {"filesystem", "filesystem", "h3", "no document", "it is none"}};
+        {"filesystem", "filesystem", "h3", "no document", "it is not a document"}};
     EXPECT_EQ(run(Command::FILTERS), NO_FAILURE);
     EXPECT_EQ(out.text, "FIELD  TYPE   VALUES  DESCRIPTION\n"
                         "label  text   any     -\n"
                         "size   bytes  any     how much\n"
                         "kind   text   a, b    -\n"
-                        "not read: filesystem of h3: it is none\n");
+                        "not read: filesystem of h3: it is not a document\n");
     out.text.clear();
     options.json = true;
     EXPECT_EQ(run(Command::FILTERS), NO_FAILURE);
@@ -198,7 +198,7 @@ TEST_F(ItemCommandsTest, RegisteredClientsAsJsonNameWhatCannotBeRead)
     for (const auto& [data, reason] : std::vector<std::pair<std::string, std::string>>{
              {cacheRecord("h1", "many"), "its data does not say where the explorer is"},
              {"", "its data does not say where the explorer is"},
-             {std::string(65537, 'x'), "its data is no such document: it is too long"}}) {
+             {std::string(65537, 'x'), "its data is too long"}}) {
         out.text.clear();
         script.pages = {data};
         EXPECT_EQ(run(Command::CLIENTS), NO_FAILURE);

@@ -109,9 +109,10 @@ TEST_F(ServiceCommandsTest, EachReasonForUnknownExplorersHasItsMessage)
     EXPECT_EQ(run(Command::EXPLORERS),
               (Failure{EC_FAILURE, "/root/run/status.json has no list of explorers"}));
     status.stale = true;
-    EXPECT_EQ(run(Command::EXPLORERS),
-              (Failure{EC_UNREACHABLE, "the service of this host is not running: "
-                                       "/root/run/status.json is of one that ended"}));
+    EXPECT_EQ(
+        run(Command::EXPLORERS),
+        (Failure{EC_UNREACHABLE, "the service of this host is not running: "
+                                 "/root/run/status.json describes a service that has ended"}));
     status.problem = "is not the status of a service";
     EXPECT_EQ(run(Command::EXPLORERS),
               (Failure{EC_FAILURE, "/root/run/status.json is not the status of a service"}));
