@@ -4,12 +4,14 @@ import hashlib
 import random
 import threading
 
+import giop
 import pytest
 
-from records import SUCCESS, get, put, query
+from records import ANY, SUCCESS, get, open_writer, put, query, record
 
 CLIENTS = 32
 RECORDS = 15
+RELEASES = 50
 # Seconds. Only a hang takes this long.
 LIMIT = 240
 
@@ -97,3 +99,30 @@ def test_readers_beside_a_writer(quiet, daemon, service, root):
     assert len(query(service, authority="a")) == RECORDS
     for each in range(RECORDS):
         assert get(service, "cl%d" % each, "a") == b"x" * 1000
+
+
+def test_a_call_after_the_end_of_an_object_never_reaches_it(quiet, daemon, service, root):
+    """The call follows the release or the close at once, on the same connection."""
+    assert put(service, "cl1", "a") == SUCCESS
+
+    def expect_gone(call):
+        with pytest.raises(giop.SystemException) as failure:
+            call()
+        assert failure.value.name == "OBJECT_NOT_EXIST"
+
+    def work(own, number):
+        for _ in range(RELEASES):
+            records = own.queryDiscoveries(1, ANY, "a", "*")
+            records.release()
+            expect_gone(records.getNextPage)
+            _, data = own.getCollectionData(record("cl1", "a"))
+            data.release()
+            expect_gone(data.getNextPage)
+        writer = open_writer(own, record("cl%d" % number, "p%d" % number))
+        assert writer.close().discStatus == SUCCESS
+        expect_gone(lambda: writer.put(b"late" * 1000))
+        expect_gone(writer.close)
+    all_at_once(daemon, work)
+    assert len(query(service)) == CLIENTS + 1
+    assert daemon.stop() == 0
+    assert root.status()["assertions"] == 0
