@@ -70,7 +70,7 @@ class FileLock
     /// Waits until no other process holds a conflicting lock. EDEADLK: two processes wait for each
     /// other, and still do after a short while. acquire_write from Read may release Read while it
     /// waits. So the caller must check again what it read before. If acquire_write then fails, and
-    /// another process got the lock in between, level() is None.
+    /// another process got the lock in between, level() returns LockLevel::None.
     int acquire_read();
     int acquire_write();
     /// Fail at once with EBUSY if another process, or another holder of this process, has a

@@ -20,7 +20,7 @@
 // level that the process does not have.
 //
 // Invariant while no transition is in progress and the mutex is free: kernel == needed(). If that
-// is None, no descriptor is parked.
+// is LockLevel::None, no descriptor is parked.
 
 #include <condition_variable>
 #include <list>
@@ -104,7 +104,8 @@ struct File
     /// `held` to None.
     int waitRaise(Guard& guard, int fd, LockLevel& held, LockLevel wanted);
     void awaitShort(Guard& guard);
-    /// Lowers the kernel's level to the needed one. Closes the parked descriptors if that is None.
+    /// Lowers the kernel's level to the needed one. If that is LockLevel::None, it closes the
+    /// parked descriptors.
     void settle(Guard& guard);
 
     Table& table;

@@ -105,7 +105,7 @@ class ForgetfulPeer : public SilentPeer
         // Byte order as in the request, then: size, id, no exception, no contexts, false.
         char reply[25] = {'G', 'I', 'O', 'P', 1, 2, request[6], 1, 13};
         std::memcpy(reply + 12, request + 12, 4);
-        ++m_answers; // first, because the client looks at it as soon as it has the answer
+        ++m_answers; // before the answer, because the test reads the count after the answer
         EXPECT_EQ(::send(fd, reply, sizeof reply, MSG_NOSIGNAL),
                   static_cast<ssize_t>(sizeof reply));
     }
