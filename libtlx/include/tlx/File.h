@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <tlx/FileDescriptor.h>
@@ -35,6 +36,25 @@ namespace Veltrane::Quillmark::Tlx {
 /// if it is not a regular file, without waiting for the writer of a pipe. Fails with
 /// std::errc::file_too_large if it is larger.
 [[nodiscard]] FileResult<std::string> readWholeFile(const TlxPathname& path, std::size_t mostBytes);
+
+/// Reads at a position, like readFull. Does not use or move the descriptor's own position.
+[[nodiscard]] FileResult<std::size_t> readFullAt(int descriptor, char* buffer, std::size_t size,
+                                                 off_t position);
+
+/// The status of an open file, and of the file at a path.
+[[nodiscard]] FileResult<struct stat> statusOf(int descriptor);
+[[nodiscard]] FileResult<struct stat> statusAt(const TlxPathname& path);
+
+/// Cuts or lengthens a file.
+[[nodiscard]] FileResult<> truncateFile(int descriptor, std::size_t size);
+
+/// Makes the bytes of a file survive a power cut, but not its name; see syncDirectory.
+[[nodiscard]] FileResult<> syncFile(int descriptor);
+
+/// Renames a file. Replaces a file of the new name; at each moment one of the two files is there.
+[[nodiscard]] FileResult<> renameFile(const TlxPathname& from, const TlxPathname& to);
+
+[[nodiscard]] FileResult<> removeFile(const TlxPathname& path);
 
 /// Reserves disk space for a file's first bytes and does not change the file. So a full disk cannot
 /// stop a later write of these bytes half-way. Also succeeds on a file system that cannot reserve

@@ -1,6 +1,7 @@
 #pragma once
 // The owner of a descriptor, and the result of a system call.
 
+#include <string>
 #include <system_error>
 
 #include <tl/expected.hpp>
@@ -16,6 +17,9 @@ inline std::error_code systemError(int number)
 {
     return {number, std::generic_category()};
 }
+
+/// An error as messages show it: "ENOSPC, No space left on device".
+std::string describeError(const std::error_code& error);
 
 /// Owns a descriptor and closes it. A move passes the ownership on.
 class FileDescriptor

@@ -1,27 +1,30 @@
 #pragma once
 // Locks on files, between processes and between parts of this process.
 //
-// The kernel's record locks belong to a process and a file. A second descriptor in the same process
-// gets the same lock at once. Closing any descriptor of the file drops all locks of the process on
-// it. A daemon that serves many requests at a time would lose its locks that way. So all code uses
-// only this header to open, lock and close such files. Each process has one table of files, with
-// device and inode as the key. The table follows these rules:
+// The locks belong to an open file description (F_OFD_SETLK). The process has one descriptor for
+// each file that it locks, and all its FileLocks of that file share it. So no other opening or
+// closing of the file can drop a lock. The table behind this header knows the files by device and
+// inode. Its rules:
 //
 //  1. Every FileLock is a *holder* with its own level. The kernel's lock has the highest level of
-//     all holders in this process. The table calls the kernel only when that level changes.
-//  2. If a holder closes while another holder has a lock on the file, the table parks the holder's
-//     descriptor. It closes the descriptor with the last lock.
-//  3. The end of a holder does not change the locks of other holders.
-//  4. A *waiting* lock waits only for other processes. If the process already has enough, the
+//     all holders in this process.
+//  2. The end of a holder does not change the locks of other holders. The descriptor is closed with
+//     the last holder.
+//  3. A *waiting* lock waits only for other processes. If the process already has enough, the
 //     caller gets the lock at once. So no thread waits here for its own lock.
+//  4. A holder that waits has no lock meanwhile. So two processes that both want to raise their
+//     Read never wait for each other. A wait has a limit.
 //  5. A *try* lock fails if another holder of this process has a conflicting lock.
-//  6. No thread holds the table's mutex during a call that can wait.
-//  7. A forked child owns no lock. It can only close its inherited FileLocks.
+//  6. A forked child owns no lock and no descriptor of its parent's FileLocks.
 //
-// A FileGate keeps two short operations on one file apart, between threads of this process.
+// A FileGate keeps two short operations on one file apart, between threads of this process. A
+// WriterTurn does it for two replacements of one file, which may be long.
 //
-// The lock covers the first byte of the file.
+// The lock covers the first byte of the file. It conflicts with the record locks (F_SETLK) of other
+// processes.
 
+#include <chrono>
+#include <cstddef>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -43,34 +46,36 @@ enum class LockLevel
     Write
 };
 
-/// One holder: an open descriptor and its lock. One thread at a time uses a holder. Different
-/// threads may use different holders of one file at the same time.
+/// One holder of a file's lock. One thread at a time uses a holder. Different threads may use
+/// different holders of one file at the same time.
 class FileLock
 {
   public:
-    /// Opens the file through the table, with flags and permissions as for open(2). Adds
-    /// O_CLOEXEC. On failure it returns null and sets errno: EISDIR for a directory, EINVAL for
-    /// another file that is not regular. It does not wait for the writer of a pipe.
+    /// Opens the file through the table, with flags and permissions as for open(2). On failure it
+    /// returns null and sets errno: EISDIR for a directory, EINVAL for another file that is not
+    /// regular. It does not wait for the writer of a pipe.
     static std::unique_ptr<FileLock> open(const std::string& path, int flags, mode_t mode = 0);
 
-    /// Releases the lock, and closes the descriptor or parks it.
+    /// Releases the lock.
     ~FileLock();
     FileLock(const FileLock&) = delete;
     FileLock& operator=(const FileLock&) = delete;
 
     /// The descriptor, for reading and writing. It is valid as long as this object exists. The
-    /// caller must not close it. -1 in a forked child.
+    /// caller must not close it. All holders of the file in this process share it, and so its
+    /// position: read and write at given positions (readFullAt), or take the gate. -1 in a forked
+    /// child.
     int get_handle() const;
 
     // Each of these returns 0 on success. On failure it returns -1, sets errno, and does not change
     // the level. A request for the current level succeeds. A request for Read lowers Write. EBADF
-    // means that the descriptor is not open for reading (Read) or for writing (Write). ENOLCK means
+    // means that the file was not opened for reading (Read) or for writing (Write). ENOLCK means
     // that this is a forked child.
 
-    /// Waits until no other process holds a conflicting lock. EDEADLK: two processes wait for each
-    /// other, and still do after a short while. acquire_write from Read may release Read while it
-    /// waits. So the caller must check again what it read before. If acquire_write then fails, and
-    /// another process got the lock in between, level() returns LockLevel::None.
+    /// Waits until no other process holds a conflicting lock, at most for the wait limit. ETIMEDOUT
+    /// means that the limit has passed. acquire_write from Read may release Read while it waits. So
+    /// the caller must check again what it read before. If acquire_write then fails, and another
+    /// process got the lock in between, level() returns LockLevel::None.
     int acquire_read();
     int acquire_write();
     /// Fail at once with EBUSY if another process, or another holder of this process, has a
@@ -80,7 +85,7 @@ class FileLock
     /// Raises Read to Write and does not wait. On failure the holder keeps Read. From None it does
     /// the same as tryacquire_write.
     int tryacquire_write_upgrade();
-    /// Releases the lock. The descriptor stays open.
+    /// Releases the lock. The file stays open.
     int release();
 
     LockLevel level() const;
@@ -88,29 +93,41 @@ class FileLock
     /// Whether path still names this file. Another process may remove or replace the file between
     /// the opening and the locking.
     bool isStillAt(const std::string& path) const;
+    /// The same with a status of the file at the path.
+    bool isFile(const struct stat& status) const;
 
-    /// How many descriptors of this process are open and how many are parked. For tests.
+    /// How long a waiting lock waits for other processes. Every later wait of this process uses the
+    /// new limit.
+    static void setWaitLimit(std::chrono::milliseconds limit);
+    static std::chrono::milliseconds waitLimit();
+    static constexpr std::chrono::seconds DEFAULT_WAIT_LIMIT{20};
+
+    /// The state of this process's table.
     struct Counts
     {
-        std::size_t open;
-        std::size_t parked;
+        std::size_t holders = 0;
+        std::size_t files = 0;               ///< each has one open descriptor
+        std::size_t waiting = 0;             ///< holders that wait for another process
+        unsigned long long waitsGivenUp = 0; ///< since the start
     };
     static Counts counts();
 
   private:
     friend class FileGate;
-    FileLock(std::shared_ptr<FileLockDetail::File> file, int fd, pid_t owner);
+    friend class WriterTurn;
+    FileLock(std::shared_ptr<FileLockDetail::File> file, int flags);
     int change(LockLevel wanted, bool wait);
+    bool allows(LockLevel wanted) const;
 
-    std::shared_ptr<FileLockDetail::File> m_file;
-    int m_fd;
-    pid_t m_owner;
+    const std::shared_ptr<FileLockDetail::File> m_file;
+    const int m_accessMode; ///< O_RDONLY, O_WRONLY or O_RDWR, as asked for
     LockLevel m_level = LockLevel::None;
 };
 
 /// Only one thread of this process has the gate of a file. Take it to read or write the content of
-/// a locked file, for one such operation only. Do not keep it as long as a caller keeps a record,
-/// and do not wait for a lock inside it. A thread may nest gates of one file.
+/// a locked file, for one such operation only. Do not keep it while a disk syncs or as long as a
+/// caller keeps a record, and do not wait for a lock inside it. A thread may nest gates of one
+/// file.
 class FileGate
 {
   public:
@@ -123,12 +140,29 @@ class FileGate
     std::unique_lock<std::recursive_mutex> m_lock;
 };
 
+/// Only one thread of this process has the turn to replace a file. Take it for a whole replacement,
+/// with its syncs. Readers do not wait for it. A thread takes it after the lock and before the gate
+/// of the file, and waits for no lock while it has it. A thread may nest turns of one file.
+class WriterTurn
+{
+  public:
+    explicit WriterTurn(const FileLock& lock);
+    WriterTurn(WriterTurn&&) = default;
+    WriterTurn& operator=(WriterTurn&&) = delete;
+
+  private:
+    std::shared_ptr<FileLockDetail::File> m_file;
+    std::unique_lock<std::recursive_mutex> m_lock;
+};
+
 /// A file that is open and locked, with its gate taken, and still at its path. To let other threads
 /// of this process use the content, destroy the gate and keep the lock.
 struct LockedFile
 {
     std::unique_ptr<FileLock> lock;
-    FileGate gate; ///< destroyed before the lock
+    std::unique_ptr<WriterTurn> turn; ///< null for LockLevel::Read
+    FileGate gate;                    ///< destroyed before the turn and the lock
+    struct stat status;               ///< of the file, when it was locked
 };
 
 /// Why openLocked failed.
@@ -142,7 +176,7 @@ struct LockFailure
     };
     Step step;
     std::error_code error;
-    /// The open file if LOCKING failed. With it the caller can ask the kernel who holds the lock.
+    /// The open file if LOCKING failed.
     std::unique_ptr<FileLock> file = nullptr;
 };
 
@@ -157,8 +191,9 @@ enum class LockWait
 /// between the opening and the locking.
 constexpr int LOCK_MAX_ATTEMPTS = 100;
 
-/// Opens a file, locks it, and takes its gate. Then it checks that the path still names this file,
-/// because somebody may have removed or replaced it before it was locked. If not, it tries again.
+/// Opens a file, locks it, and takes its gate; for Write also its turn. Then it checks that the
+/// path still names this file, because somebody may have removed or replaced it before it was
+/// locked. If not, it tries again.
 /// @param flags, mode as for FileLock::open.
 [[nodiscard]] tl::expected<LockedFile, LockFailure>
 openLocked(const TlxPathname& path, int flags, mode_t mode, LockLevel level, LockWait wait);

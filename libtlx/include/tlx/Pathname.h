@@ -28,8 +28,9 @@ class TlxPathname
     const char* c_str() const { return m_path.c_str(); }
     const std::string& text() const { return m_path; }
 
-    /// Makes the directory and all directories above it, with these permissions. @return 0 on
-    /// success, and if the directory exists already; otherwise an errno.
+    /// Makes the directory and all directories above it, with these permissions. The new names
+    /// survive a power cut. @return 0 on success, and if the directory exists already; otherwise an
+    /// errno.
     int createDirectories(unsigned int mode) const;
 
     friend bool operator==(const TlxPathname&, const TlxPathname&) = default;

@@ -1,9 +1,10 @@
 #include <tlx/FileDescriptor.h>
 
 #include <cerrno>
+#include <cstring>
 #include <utility>
 
-#include <unistd.h>
+#include <tlx/FileSystem.h>
 
 namespace Veltrane::Quillmark::Tlx {
 
@@ -22,7 +23,7 @@ FileResult<> FileDescriptor::close()
         return {};
     // Do not repeat it after EINTR. The kernel has closed the descriptor, and its number may be in
     // use again.
-    if (::close(release()) != 0)
+    if (FileSystem::current().close(release()) != 0)
         return tl::unexpected(systemError(errno));
     return {};
 }
@@ -32,8 +33,14 @@ void FileDescriptor::reset() noexcept
     if (!isOpen())
         return;
     const int error = errno;
-    ::close(release());
+    (void)FileSystem::current().close(release());
     errno = error;
+}
+
+std::string describeError(const std::error_code& error)
+{
+    const char* const name = ::strerrorname_np(error.value());
+    return (name ? std::string(name) + ", " : std::string()) + error.message();
 }
 
 int FileDescriptor::release() noexcept

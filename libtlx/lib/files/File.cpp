@@ -7,8 +7,9 @@
 #include <utility>
 
 #include <poll.h>
-#include <sys/stat.h>
 #include <unistd.h>
+
+#include <tlx/FileSystem.h>
 
 namespace Veltrane::Quillmark::Tlx {
 
@@ -29,6 +30,15 @@ auto uninterrupted(Call call)
     return answer;
 }
 
+/// Repeats an interrupted call that returns 0 on success.
+template <class Call>
+FileResult<> succeeds(Call call)
+{
+    if (uninterrupted(call) != 0)
+        return lastError();
+    return {};
+}
+
 /// Whether to repeat a read or write after the error in errno. If the descriptor is non-blocking,
 /// it waits until the descriptor is ready.
 bool mayTryAgain(int descriptor, short event)
@@ -45,8 +55,8 @@ bool mayTryAgain(int descriptor, short event)
 
 FileResult<FileDescriptor> openFile(const TlxPathname& path, int flags, mode_t mode)
 {
-    FileDescriptor file(
-        uninterrupted([&] { return ::open(path.c_str(), flags | O_CLOEXEC, mode); }));
+    FileDescriptor file(uninterrupted(
+        [&] { return FileSystem::current().open(path.c_str(), flags | O_CLOEXEC, mode); }));
     if (!file.isOpen())
         return lastError();
     return file;
@@ -55,7 +65,7 @@ FileResult<FileDescriptor> openFile(const TlxPathname& path, int flags, mode_t m
 FileResult<> writeAll(int descriptor, std::string_view bytes)
 {
     while (!bytes.empty()) {
-        const ssize_t count = ::write(descriptor, bytes.data(), bytes.size());
+        const ssize_t count = FileSystem::current().write(descriptor, bytes.data(), bytes.size());
         if (count == 0)
             return tl::unexpected(systemError(EIO)); // otherwise the loop would never end
         if (count > 0)
@@ -70,7 +80,7 @@ FileResult<std::size_t> readFull(int descriptor, char* buffer, std::size_t size)
 {
     std::size_t done = 0;
     while (done < size) {
-        const ssize_t count = ::read(descriptor, buffer + done, size - done);
+        const ssize_t count = FileSystem::current().read(descriptor, buffer + done, size - done);
         if (count == 0)
             break;
         if (count > 0)
@@ -81,15 +91,69 @@ FileResult<std::size_t> readFull(int descriptor, char* buffer, std::size_t size)
     return done;
 }
 
+FileResult<std::size_t> readFullAt(int descriptor, char* buffer, std::size_t size, off_t position)
+{
+    std::size_t done = 0;
+    while (done < size) {
+        const ssize_t count = uninterrupted([&] {
+            return FileSystem::current().pread(descriptor, buffer + done, size - done,
+                                               position + static_cast<off_t>(done));
+        });
+        if (count < 0)
+            return lastError();
+        if (count == 0)
+            break;
+        done += static_cast<std::size_t>(count);
+    }
+    return done;
+}
+
+FileResult<struct stat> statusOf(int descriptor)
+{
+    struct stat status = {};
+    if (uninterrupted([&] { return FileSystem::current().fstat(descriptor, &status); }) != 0)
+        return lastError();
+    return status;
+}
+
+FileResult<struct stat> statusAt(const TlxPathname& path)
+{
+    struct stat status = {};
+    if (uninterrupted([&] { return FileSystem::current().stat(path.c_str(), &status); }) != 0)
+        return lastError();
+    return status;
+}
+
+FileResult<> truncateFile(int descriptor, std::size_t size)
+{
+    return succeeds(
+        [&] { return FileSystem::current().ftruncate(descriptor, static_cast<off_t>(size)); });
+}
+
+FileResult<> syncFile(int descriptor)
+{
+    return succeeds([&] { return FileSystem::current().fsync(descriptor); });
+}
+
+FileResult<> renameFile(const TlxPathname& from, const TlxPathname& to)
+{
+    return succeeds([&] { return FileSystem::current().rename(from.c_str(), to.c_str()); });
+}
+
+FileResult<> removeFile(const TlxPathname& path)
+{
+    return succeeds([&] { return FileSystem::current().unlink(path.c_str()); });
+}
+
 FileResult<std::string> readWholeFile(const TlxPathname& path, std::size_t mostBytes)
 {
     const auto file = openFile(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
     if (!file)
         return tl::unexpected(file.error());
-    struct stat status = {};
-    if (::fstat(file->get(), &status) != 0)
-        return lastError();
-    if (!S_ISREG(status.st_mode))
+    const auto status = statusOf(file->get());
+    if (!status)
+        return tl::unexpected(status.error());
+    if (!S_ISREG(status->st_mode))
         return tl::unexpected(systemError(EINVAL));
     // Do not ask for the size. The kernel makes the files in /proc during the read, and their size
     // is 0.
@@ -113,7 +177,7 @@ FileResult<> reserveSpace(int descriptor, std::size_t bytes)
     if (bytes == 0)
         return {};
     const int answer = uninterrupted(
-        [&] { return ::fallocate(descriptor, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(bytes)); });
+        [&] { return FileSystem::current().fallocate(descriptor, static_cast<off_t>(bytes)); });
     if (answer != 0 && errno != EOPNOTSUPP && errno != ENOSYS)
         return lastError();
     return {};
@@ -124,9 +188,7 @@ FileResult<> syncDirectory(const TlxPathname& directory)
     const auto file = openFile(directory, O_RDONLY | O_DIRECTORY);
     if (!file)
         return tl::unexpected(file.error());
-    if (uninterrupted([&] { return ::fsync(file->get()); }) != 0)
-        return lastError();
-    return {};
+    return syncFile(file->get());
 }
 
 FileResult<TemporaryFile> makeTemporaryFile(const TlxPathname& beginning)

@@ -2,23 +2,40 @@
 
 #include <cerrno>
 #include <utility>
-#include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "FileLockTable.h"
+#include "PlatformLog.h"
 
 namespace Veltrane::Quillmark::Tlx {
 
-using FileLockDetail::currentTable;
 using FileLockDetail::File;
 using FileLockDetail::Guard;
-using FileLockDetail::Table;
+using FileLockDetail::table;
 
-FileLock::FileLock(std::shared_ptr<File> file, int fd, pid_t owner)
-    : m_file(std::move(file)), m_fd(fd), m_owner(owner)
+namespace {
+
+constexpr const char* LOG_SOURCE = "../FileLock";
+
+/// Opens a file for reading and writing if that is allowed, because all later holders share the
+/// descriptor. Otherwise it opens the file as asked.
+FileResult<FileDescriptor> openForSharing(const TlxPathname& path, int flags, mode_t mode)
+{
+    // O_NONBLOCK: if somebody put a pipe in the file's place, the open does not wait for a writer.
+    // The flag does nothing for a regular file.
+    flags |= O_NONBLOCK | O_NOCTTY;
+    auto file = openFile(path, (flags & ~O_ACCMODE) | O_RDWR, mode);
+    if (file || (flags & O_ACCMODE) == O_RDWR)
+        return file;
+    return openFile(path, flags, mode);
+}
+
+} // namespace
+
+FileLock::FileLock(std::shared_ptr<File> file, int flags)
+    : m_file(std::move(file)), m_accessMode(flags & O_ACCMODE)
 {
 }
 
@@ -28,91 +45,65 @@ std::unique_ptr<FileLock> FileLock::open(const std::string& path, int flags, mod
         errno = EINVAL;
         return nullptr;
     }
-    Table& table = currentTable();
-    std::unique_ptr<FileLock> lock(new FileLock(nullptr, -1, table.pid));
-    // O_NONBLOCK: if somebody put a pipe in the file's place, the open does not wait for a writer.
-    // The flag does nothing for a regular file.
-    auto file = openFile(path, flags | O_NONBLOCK | O_NOCTTY, mode);
-    if (!file) {
-        errno = file.error().value();
+    auto descriptor = openForSharing(path, flags, mode);
+    if (!descriptor) {
+        errno = descriptor.error().value();
         return nullptr;
     }
-    struct stat status = {};
-    if (::fstat(file->get(), &status) != 0) {
-        // Leave it open: this may be a file with locks, and closing it would drop them.
-        (void)file->release();
+    const auto status = statusOf(descriptor->get());
+    if (!status || !S_ISREG(status->st_mode)) {
+        descriptor->reset();
+        errno = !status ? status.error().value() : S_ISDIR(status->st_mode) ? EISDIR : EINVAL;
         return nullptr;
     }
-    if (!S_ISREG(status.st_mode)) {
-        file->reset();
-        errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
-        return nullptr;
-    }
-    Guard guard(table.mutex);
-    lock->m_file = table.fileOf(status);
-    lock->m_file->open.push_back(FileLockDetail::describe(file->get()));
-    lock->m_fd = file->release(); // from here on the table closes it
-    return lock;
+    return std::unique_ptr<FileLock>(new FileLock(table().fileOf(*status, *descriptor), flags));
 }
 
 FileLock::~FileLock()
 {
-    if (m_fd < 0)
+    if (m_file->isInherited)
         return;
-    if (m_owner == ::getpid()) {
-        Guard guard(m_file->table.mutex);
-        m_file->awaitShort(guard);
-        m_file->moveHolder(m_level, LockLevel::None);
-        m_file->park(m_fd);
-        m_file->settle(guard);
-        return;
-    }
-    // The descriptor is inherited. Closing it does not change the parent's locks. But this process
-    // may have its own lock on the file, so its table must close the descriptor.
-    Table& table = currentTable();
-    struct stat status = {};
-    const bool known = ::fstat(m_fd, &status) == 0;
-    std::shared_ptr<File> file;
-    Guard guard(table.mutex);
-    table.inherited.push_back(std::move(m_file));
-    if (known) {
-        file = table.fileOf(status);
-        file->parked.push_back(FileLockDetail::describe(m_fd));
-        file->awaitShort(guard);
-        file->settle(guard);
-    }
+    (void)release();
+    m_file->holders.fetch_sub(1, std::memory_order_relaxed);
 }
 
 int FileLock::get_handle() const
 {
-    return m_owner == ::getpid() ? m_fd : -1;
+    return m_file->isInherited ? -1 : m_file->descriptor.get();
 }
 
 LockLevel FileLock::level() const
 {
-    return m_owner == ::getpid() ? m_level : LockLevel::None;
+    return m_file->isInherited ? LockLevel::None : m_level;
+}
+
+bool FileLock::allows(LockLevel wanted) const
+{
+    return wanted == LockLevel::Write  ? m_accessMode != O_RDONLY
+           : wanted == LockLevel::Read ? m_accessMode != O_WRONLY
+                                       : true;
 }
 
 int FileLock::change(LockLevel wanted, bool wait)
 {
     int error = 0;
-    if (m_owner != ::getpid()) {
+    if (m_file->isInherited) {
         error = ENOLCK;
     } else if (wanted != m_level) {
-        File& file = *m_file;
-        Guard guard(file.table.mutex);
-        if (!file.allows(m_fd, wanted)) {
-            // The kernel's own error for such a descriptor. Return it even without a kernel call.
+        Guard guard(m_file->mutex);
+        if (!allows(wanted)) {
             error = EBADF;
         } else if (wanted < m_level) {
-            file.awaitShort(guard);
-            file.moveHolder(m_level, wanted);
-            m_level = wanted;
-            file.settle(guard);
+            const int failed = m_file->lower(std::exchange(m_level, wanted), wanted);
+            guard.unlock();
+            if (failed != 0)
+                PLATFORM_LOG(
+                    LOG_LEVEL_FAILURE, "FileLock::release",
+                    "Cannot lower the lock on a file: " << describeError(systemError(failed)));
         } else if (wait) {
-            error = file.waitRaise(guard, m_fd, m_level, wanted);
+            error = m_file->waitRaise(guard, m_level, wanted);
         } else {
-            error = file.tryRaise(guard, m_fd, m_level, wanted);
+            error = m_file->tryRaise(m_level, wanted);
             if (error == 0)
                 m_level = wanted;
         }
@@ -153,37 +144,48 @@ int FileLock::release()
     return change(LockLevel::None, false);
 }
 
+bool FileLock::isFile(const struct stat& status) const
+{
+    return !m_file->isInherited && m_file->key == std::pair(status.st_dev, status.st_ino);
+}
+
 bool FileLock::isStillAt(const std::string& path) const
 {
-    struct stat here = {};
-    struct stat there = {};
-    return ::fstat(get_handle(), &here) == 0 && ::stat(path.c_str(), &there) == 0 &&
-           here.st_dev == there.st_dev && here.st_ino == there.st_ino;
+    const auto status = statusAt(path);
+    return status && isFile(*status);
+}
+
+void FileLock::setWaitLimit(std::chrono::milliseconds limit)
+{
+    table().waitLimit = limit;
+}
+
+std::chrono::milliseconds FileLock::waitLimit()
+{
+    return table().waitLimit;
 }
 
 FileLock::Counts FileLock::counts()
 {
-    Table& table = currentTable();
-    // No File may be destroyed while this thread has the mutex.
-    std::vector<std::shared_ptr<File>> kept;
-    Guard guard(table.mutex);
-    Counts counts{0, 0};
-    for (const auto& [key, entry] : table.files)
-        if (std::shared_ptr<File> file = entry.lock()) {
-            counts.open += file->open.size();
-            counts.parked += file->parked.size();
-            kept.push_back(std::move(file));
-        }
-    return counts;
+    return table().counts();
 }
+
+// In a forked child, the mutexes may be held by a thread that exists only in the parent.
 
 FileGate::FileGate(const FileLock& lock)
 {
-    // In a forked child, the gate may be held by a thread that exists only in the parent.
-    if (lock.m_owner != ::getpid())
+    if (lock.m_file->isInherited)
         return;
     m_file = lock.m_file;
     m_lock = std::unique_lock(m_file->gate);
+}
+
+WriterTurn::WriterTurn(const FileLock& lock)
+{
+    if (lock.m_file->isInherited)
+        return;
+    m_file = lock.m_file;
+    m_lock = std::unique_lock(m_file->turn);
 }
 
 tl::expected<LockedFile, LockFailure> openLocked(const TlxPathname& path, int flags, mode_t mode,
@@ -201,10 +203,12 @@ tl::expected<LockedFile, LockFailure> openLocked(const TlxPathname& path, int fl
             const std::error_code error = systemError(errno);
             return tl::unexpected(LockFailure{LockFailure::LOCKING, error, std::move(lock)});
         }
+        auto turn = writes ? std::make_unique<WriterTurn>(*lock) : nullptr;
         // Compare inside the gate, because another thread of this process may be removing the file.
         FileGate gate(*lock);
-        if (lock->isStillAt(path.text()))
-            return LockedFile{std::move(lock), std::move(gate)};
+        const auto status = statusAt(path);
+        if (status && lock->isFile(*status))
+            return LockedFile{std::move(lock), std::move(turn), std::move(gate), *status};
     }
     return tl::unexpected(LockFailure{LockFailure::REPLACED, systemError(EAGAIN)});
 }

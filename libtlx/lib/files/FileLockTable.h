@@ -1,29 +1,19 @@
 #pragma once
-// The table behind FileLock.
+// The table behind FileLock: an entry for every file that this process has open through it.
 //
-// The table has an entry for every file that this process opened through it. The key is device and
-// inode. The file system does not use an inode for another file while a descriptor of it is open.
-// A File has the state of one file. The table's mutex guards it.
+// The key of an entry is device and inode. The file system does not use an inode for another file
+// while a descriptor of it is open, and the entry keeps one open.
 //
-// No thread holds that mutex during a kernel call that can wait. Instead one thread at a time has
-// the *transition* of the file. It releases the mutex, calls the kernel and records the result:
+// No kernel call on a lock waits (F_OFD_SETLK), so each runs under the file's mutex. A holder that
+// must wait for another process tries again after a pause. It does not use F_OFD_SETLKW: while one
+// thread waited there, a release by another thread could drop the lock that the first one had just
+// got. And such a wait has no limit.
 //
-//  - A Short transition (F_SETLK, close) ends at once. So every other thread waits for its end. A
-//    try lock does so too, because it would make such a call itself.
-//  - A Waiting transition (F_SETLKW) lasts until other processes release their locks. Other threads
-//    wait for it only if they must. They get a lock that the process already has. A try lock that
-//    needs more fails as busy. A release or a close is only recorded, because a kernel call could
-//    release the lock that the waiting thread has just got. The end of the transition settles it.
-//
-// `kernel` is the level that the process certainly has. The table lowers it before a kernel call
-// that lowers the lock, and raises it after a call that raised the lock. So a holder never gets a
-// level that the process does not have.
-//
-// Invariant while no transition is in progress and the mutex is free: kernel == needed(). If that
-// is LockLevel::None, no descriptor is parked.
+// Invariant while the file's mutex is free: `kernel` is the level that the process has in the
+// kernel, and it is the highest level of the holders.
 
+#include <atomic>
 #include <condition_variable>
-#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -39,92 +29,74 @@ namespace Veltrane::Quillmark::Tlx::FileLockDetail {
 
 using Guard = std::unique_lock<std::mutex>;
 
-/// It does not own the descriptor. Closing a descriptor drops the locks of its file, so only the
-/// table closes it (File::settle).
-struct Descriptor
-{
-    int fd;
-    bool readable;
-    bool writable;
-};
-
-/// Asks the kernel how a descriptor was opened.
-Descriptor describe(int fd);
-
-enum class Transition
-{
-    None,
-    Short,
-    Waiting
-};
-
 struct Table
 {
     using Key = std::pair<dev_t, ino_t>;
 
-    Table(pid_t process, Table* previous) : pid(process), older(previous) {}
+    /// Returns the entry of a file; makes a missing one, which keeps the descriptor.
+    std::shared_ptr<File> fileOf(const struct stat& status, FileDescriptor& descriptor);
+    void remove(const File& file);
+    FileLock::Counts counts();
 
-    /// Returns the entry of an open file; makes a missing one. The caller holds the mutex. It must
-    /// release the mutex before it destroys its copy of the pointer.
-    std::shared_ptr<File> fileOf(const struct stat& status);
+    // A fork happens while the table's mutex is held, so that the child finds the table whole.
+    void beforeFork() { mutex.lock(); }
+    void afterForkInParent() { mutex.unlock(); }
+    /// Closes the parent's descriptors and starts with an empty table.
+    void afterForkInChild();
 
-    const pid_t pid;
-    /// The parent's table. Threads that exist only in the parent may hold its mutexes. So this
-    /// process keeps it and never uses it.
-    Table* const older;
     std::mutex mutex;
     std::map<Key, std::weak_ptr<File>> files;
-    /// Entries of the parent's table whose holders were destroyed here. Never used, as above.
+    /// The parent's entries. Threads that exist only in the parent may have their mutexes, so this
+    /// process neither uses nor destroys them.
     std::vector<std::shared_ptr<File>> inherited;
+    std::atomic<std::chrono::milliseconds> waitLimit{FileLock::DEFAULT_WAIT_LIMIT};
+    std::atomic<std::size_t> waiting{0};
+    std::atomic<unsigned long long> waitsGivenUp{0};
 };
 
-/// The table of this process. The first call in a forked child makes a new one.
-Table& currentTable();
+/// The table of this process.
+Table& table();
 
 struct File
 {
-    File(Table& itsTable, const Table::Key& itsKey) : table(itsTable), key(itsKey) {}
-    /// Removes its entry from the table. The caller must not hold the table's mutex.
+    File(const Table::Key& itsKey, FileDescriptor itsDescriptor)
+        : key(itsKey), descriptor(std::move(itsDescriptor))
+    {
+    }
+    /// Removes its entry from the table.
     ~File();
     File(const File&) = delete;
     File& operator=(const File&) = delete;
 
-    /// The highest level of the holders.
-    LockLevel needed() const;
-    /// The highest level of the holders, without one holder of the level `held`.
-    LockLevel neededByOthers(LockLevel held) const;
-    void moveHolder(LockLevel from, LockLevel to);
-    bool allows(int fd, LockLevel level) const;
-    void park(int fd);
+    // The caller of these functions holds the mutex. They return 0 or an errno.
 
-    // The caller of these functions holds the mutex. They release it during kernel calls.
+    int tryRaise(LockLevel held, LockLevel wanted);
+    /// Releases the mutex during pauses. Sets `held` to the level that the holder has afterwards.
+    int waitRaise(Guard& guard, LockLevel& held, LockLevel wanted);
+    int lower(LockLevel held, LockLevel wanted);
 
-    int tryRaise(Guard& guard, int fd, LockLevel held, LockLevel wanted);
-    /// It may release the held lock during the wait. If it then cannot get that lock back, it sets
-    /// `held` to None.
-    int waitRaise(Guard& guard, int fd, LockLevel& held, LockLevel wanted);
-    void awaitShort(Guard& guard);
-    /// Lowers the kernel's level to the needed one. If that is LockLevel::None, it closes the
-    /// parked descriptors.
-    void settle(Guard& guard);
-
-    Table& table;
     const Table::Key key;
+    FileDescriptor descriptor; ///< it has the process's lock
+    /// True in a forked child.
+    std::atomic<bool> isInherited{false};
+    std::atomic<std::size_t> holders{0};
     std::recursive_mutex gate;
+    std::recursive_mutex turn;
 
-    std::list<Descriptor> open;
-    std::list<Descriptor> parked;
-    unsigned readers = 0;
-    unsigned writers = 0;
-    unsigned waiters = 0;
-    LockLevel kernel = LockLevel::None;
-    Transition transition = Transition::None;
+    std::mutex mutex;
     std::condition_variable changed;
 
   private:
-    int descriptorFor(LockLevel level) const;
-    int raise(Guard& guard, int fd, LockLevel wanted);
-    int waitInKernel(Guard& guard, int fd, LockLevel& held, LockLevel wanted);
+    LockLevel needed() const;
+    void moveHolder(LockLevel from, LockLevel to);
+    int setKernel(LockLevel level);
+    /// Lowers the kernel's level to the needed one.
+    int settle();
+
+    unsigned m_readers = 0;
+    unsigned m_writers = 0;
+    unsigned m_waiters = 0;
+    LockLevel m_kernel = LockLevel::None;
 };
 
 } // namespace Veltrane::Quillmark::Tlx::FileLockDetail

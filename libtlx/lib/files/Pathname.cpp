@@ -1,7 +1,11 @@
 #include <tlx/Pathname.h>
 
 #include <cerrno>
+
 #include <sys/stat.h>
+
+#include <tlx/File.h>
+#include <tlx/FileSystem.h>
 
 namespace Veltrane::Quillmark::Tlx {
 
@@ -9,16 +13,20 @@ namespace {
 
 bool isDirectory(const std::string& path)
 {
-    struct stat status = {};
-    return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+    const auto status = statusAt(path);
+    return status && S_ISDIR(status->st_mode);
 }
 
 /// @return 0 or an errno.
 int makeDirectory(const std::string& path, mode_t mode)
 {
-    if (::mkdir(path.c_str(), mode) == 0)
+    if (FileSystem::current().mkdir(path.c_str(), mode) == 0) {
         // Sets the permissions exactly: mkdir subtracts the process's mask from them.
-        return ::chmod(path.c_str(), mode) == 0 ? 0 : errno;
+        if (::chmod(path.c_str(), mode) != 0)
+            return errno;
+        const auto synced = syncDirectory(TlxPathname(path).directory());
+        return synced ? 0 : synced.error().value();
+    }
     const int error = errno;
     // Any error is fine when the directory exists: a read-only or protected file system may answer
     // EROFS or EACCES instead of EEXIST.
