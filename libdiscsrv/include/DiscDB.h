@@ -8,7 +8,9 @@
 #include <atomic>
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include <dirent.h>
 
@@ -25,6 +27,8 @@ constexpr std::size_t MAX_METADATA_BYTES = 1u << 20;
 
 /// Temporary payloads have numbers from 0 to one less than this.
 constexpr unsigned MAX_TEMPORARY_NAMES = 1000;
+
+class TemporaryNumber;
 
 struct CloseDirectory
 {
@@ -77,20 +81,24 @@ class DISCSRV_EXPORT DBCollectionData : public CollectionData
     std::size_t readCollection(std::size_t length, void* buffer) const override;
     bool writeCollection(std::size_t length, const void* buffer) const override;
 
-    /// Moves the written payload to its place and replaces the stored one. Stores an empty payload
-    /// if none was opened. Once it has returned true the payload survives a power cut. Returns
-    /// false for a spoilt payload.
+    /// Makes the written payload survive a power cut under its temporary name. Begins an empty
+    /// payload if none was opened. Returns false for a spoilt payload. A failure gives the payload
+    /// up and frees its disk space.
+    bool prepare();
+
+    /// Prepares the payload, moves it to its place and replaces the stored one. Once it has
+    /// returned true, all names in the store's directory survive a power cut. A failure gives the
+    /// payload up, as prepare does.
     bool persist(const TlxPathname& target);
 
     /// Gives up and deletes the temporary payload. Always returns true.
     bool cleanup();
 
+    /// The same after a failure. The payload counts as spoilt until the next open.
+    void giveUp();
+
     /// Deletes the stored payload. Returns true even if it was missing.
     bool expire() const;
-
-    /// Sets the lock under which the record was found; null for none. With a lock, opening for
-    /// reading waits for this process's writers of the record. The record stays the lock's owner.
-    void setRecordLock(const FileLock* lock) { m_recordLock = lock; }
 
     /// True after a failed write or a failed persist, until the next open. A spoilt payload must
     /// not replace a stored one.
@@ -99,13 +107,15 @@ class DISCSRV_EXPORT DBCollectionData : public CollectionData
   private:
     bool openTemporary();
     bool openStored();
+    bool replaceStored(const TlxPathname& target);
 
     TlxPathname m_path;
     FileDescriptor m_file;
     std::unique_ptr<TlxPathname> m_finalPath;
     OpenMode m_mode = OM_READ;
     std::unique_ptr<CleanupLock> m_cleanupLock;
-    const FileLock* m_recordLock = nullptr;
+    std::unique_ptr<TemporaryNumber> m_number; ///< of the temporary payload
+    bool m_prepared = false;
     mutable bool m_spoilt = false; ///< writing is const in every backend
 };
 
@@ -167,9 +177,15 @@ class DISCSRV_EXPORT DBDiscovery : public Discovery
     bool hasUsableFileName() const;
     bool loadInternal();
     void holdLock(std::unique_ptr<FileLock> lock);
-    bool mayReplaceStored(int fd);
-    DiscoveryResult persistLocked(const TlxPathname& metadataPath, const std::string& xml);
+    bool loadFile(const struct stat& status);
+    bool mayReplace(unsigned int storedPriority) const;
+    bool mayReplaceFile(int fd);
+    DiscoveryResult persistLocked(LockedFile& file, const TlxPathname& metadataPath,
+                                  const std::string& xml);
+    bool replaceMetadata(LockedFile& file, const TlxPathname& metadataPath, const std::string& xml);
     bool removeFiles();
+
+    friend class DiscoveryDBCreator;
 
     std::unique_ptr<FileLock> m_fileLock;
     std::string m_metadataText;
@@ -177,9 +193,10 @@ class DISCSRV_EXPORT DBDiscovery : public Discovery
     TlxPathname m_metadataPath; ///< of a found record
 };
 
-/// Scans the store's directory. A new iterator matches every record; narrow it before the first
-/// getNext.
-class DISCSRV_EXPORT DBDiscoveryIterator : public virtual DiscoveryIterator
+/// Finds the matching records of the store. A new iterator matches every record; narrow it before
+/// the first getNext. Names without wildcards are looked up. Otherwise the iterator reads the whole
+/// directory.
+class DISCSRV_EXPORT DBDiscoveryIterator : public virtual DiscoveryIterator, public RecordLister
 {
   public:
     /// An iterator over a directory that cannot be opened has no records.
@@ -188,11 +205,22 @@ class DISCSRV_EXPORT DBDiscoveryIterator : public virtual DiscoveryIterator
     /// and skips files that hold no record. It returns records of AT_REMOTEPULL only if its type is
     /// AT_REMOTEPULL.
     Discovery* getNext() override;
+    /// The same without a lock. It opens only the files whose content it does not know.
+    std::optional<ListedRecord> listNext() override;
     ~DBDiscoveryIterator() override;
 
   private:
-    DirectoryStream m_dir;
-    std::string m_pattern;
+    struct Candidate;
+    void begin();
+    std::optional<Candidate> nextCandidate();
+    std::optional<Candidate> nextExact();
+    bool isShown(AuthorityType type) const;
+
+    const TlxPathname m_path;
+    bool m_begun = false;
+    DirectoryStream m_dir;            ///< null if the names are exact
+    std::string m_pattern;            ///< of the names in the directory
+    std::vector<std::string> m_exact; ///< the names to look up
 };
 
 /// The store. It finds records, and makes new records and iterators. A process has one; any thread

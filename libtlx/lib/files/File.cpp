@@ -118,8 +118,13 @@ FileResult<struct stat> statusOf(int descriptor)
 
 FileResult<struct stat> statusAt(const TlxPathname& path)
 {
+    return statusIn(AT_FDCWD, path.c_str());
+}
+
+FileResult<struct stat> statusIn(int directory, const char* name)
+{
     struct stat status = {};
-    if (uninterrupted([&] { return FileSystem::current().stat(path.c_str(), &status); }) != 0)
+    if (uninterrupted([&] { return FileSystem::current().fstatat(directory, name, &status); }) != 0)
         return lastError();
     return status;
 }
@@ -132,7 +137,7 @@ FileResult<> truncateFile(int descriptor, std::size_t size)
 
 FileResult<> syncFile(int descriptor)
 {
-    return succeeds([&] { return FileSystem::current().fsync(descriptor); });
+    return succeeds([&] { return FileSystem::current().fdatasync(descriptor); });
 }
 
 FileResult<> renameFile(const TlxPathname& from, const TlxPathname& to)
@@ -188,7 +193,7 @@ FileResult<> syncDirectory(const TlxPathname& directory)
     const auto file = openFile(directory, O_RDONLY | O_DIRECTORY);
     if (!file)
         return tl::unexpected(file.error());
-    return syncFile(file->get());
+    return succeeds([&] { return FileSystem::current().fsync(file->get()); });
 }
 
 FileResult<TemporaryFile> makeTemporaryFile(const TlxPathname& beginning)
