@@ -32,6 +32,8 @@ std::string causeOf(const LockFailure& failure)
     if (failure.error == std::errc::timed_out)
         return "another process held its lock for " +
                std::to_string(FileLock::waitLimit().count()) + " milliseconds";
+    if (failure.error == std::errc::device_or_resource_busy)
+        return "another process or another writer has a lock on it";
     return describeError(failure.error);
 }
 
