@@ -248,9 +248,12 @@ class DISCSRV_EXPORT DiscoveryDBCreator : public virtual DiscoveryCreator
     /// destroyed; the caller releases the reference. Returns null if the file holds no record or
     /// the record has expired.
     Discovery* getDiscovery(const char* fileName);
+    /// The same without a log line if there is no such file.
+    Discovery* getDiscoveryIfStored(const char* fileName);
 
   private:
     bool setupDB(const std::string& dir);
+    Discovery* openStored(const char* fileName, bool logsMissing);
 
     TlxPathname m_dbPath;
     std::atomic<bool> m_init{false};

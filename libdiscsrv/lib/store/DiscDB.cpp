@@ -113,6 +113,16 @@ Discovery* DiscoveryDBCreator::newDiscovery(DiscoveryQuery query)
 
 Discovery* DiscoveryDBCreator::getDiscovery(const char* fileName)
 {
+    return openStored(fileName, true);
+}
+
+Discovery* DiscoveryDBCreator::getDiscoveryIfStored(const char* fileName)
+{
+    return openStored(fileName, false);
+}
+
+Discovery* DiscoveryDBCreator::openStored(const char* fileName, bool logsMissing)
+{
     DISC_TRACE("DiscoveryDBCreator::getDiscovery");
     if (!TLX_ASSERT(m_init))
         return nullptr;
@@ -126,7 +136,10 @@ Discovery* DiscoveryDBCreator::getDiscovery(const char* fileName)
     {
         auto file = openRecordFile(path, O_RDWR, LockLevel::Read);
         if (!file) {
-            logFailure(file.error(), path);
+            const bool isMissing = file.error().step == LockFailure::OPENING &&
+                                   file.error().error == std::errc::no_such_file_or_directory;
+            if (logsMissing || !isMissing)
+                logFailure(file.error(), path);
             return nullptr;
         }
         auto* data = new DBCollectionData(

@@ -130,7 +130,7 @@ std::size_t DBCollectionData::readCollection(std::size_t length, void* buffer) c
     DISC_TRACE("DBCollectionData::readCollection");
     if (!TLX_ASSERT_AS(m_file.isOpen(), "ACE_INVALID_HANDLE != m_handle"))
         return static_cast<std::size_t>(-1);
-    const auto count = readFull(m_file.get(), static_cast<char*>(buffer), length);
+    const auto count = readOnce(m_file.get(), static_cast<char*>(buffer), length);
     if (count)
         return *count;
     DISC_LOG(1, "Unable to read " << m_path << ", error " << count.error().value());

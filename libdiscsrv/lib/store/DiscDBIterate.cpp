@@ -45,7 +45,7 @@ bool isExact(const std::string& name)
 struct DBDiscoveryIterator::Candidate
 {
     std::string name;
-    struct stat status;
+    std::optional<struct stat> status; ///< nothing for an exact name, which may name no file
 };
 
 DBDiscoveryIterator::DBDiscoveryIterator(const char* dir)
@@ -93,8 +93,7 @@ std::optional<DBDiscoveryIterator::Candidate> DBDiscoveryIterator::lookUp(const 
 {
     if (std::exchange(m_last, name) == name)
         return std::nullopt;
-    const auto status = statusAt(m_path.withFileName(name));
-    return status ? std::optional(Candidate{name, *status}) : std::nullopt;
+    return Candidate{name, std::nullopt};
 }
 
 std::optional<DBDiscoveryIterator::Candidate>
@@ -140,7 +139,7 @@ Discovery* DBDiscoveryIterator::getNext()
     DISC_TRACE("DBDiscoveryIterator::getNext");
     while (const auto candidate = nextCandidate()) {
         AutoDereference<Discovery> discovery(
-            getDiscoveryDBDatabase()->getDiscovery(candidate->name.c_str()));
+            getDiscoveryDBDatabase()->getDiscoveryIfStored(candidate->name.c_str()));
         if (discovery && isShown(discovery->getAuthority()->getType()))
             return discovery.release();
     }
@@ -153,7 +152,8 @@ std::optional<ListedRecord> DBDiscoveryIterator::listNext()
     while (const auto candidate = nextCandidate()) {
         // A writer that has not written yet leaves the old record current. One that has written
         // gave the file another stamp.
-        auto known = metadataCache().find(candidate->name, candidate->status);
+        auto known = candidate->status ? metadataCache().find(candidate->name, *candidate->status)
+                                       : std::nullopt;
         if (known && !known->isExpired()) {
             if (isShown(known->authorityType))
                 return ListedRecord{std::move(known->subject),
@@ -163,7 +163,7 @@ std::optional<ListedRecord> DBDiscoveryIterator::listNext()
             continue;
         }
         AutoDereference<Discovery> discovery(
-            getDiscoveryDBDatabase()->getDiscovery(candidate->name.c_str()));
+            getDiscoveryDBDatabase()->getDiscoveryIfStored(candidate->name.c_str()));
         if (!discovery || !isShown(discovery->getAuthority()->getType()))
             continue;
         return ListedRecord{discovery->getSubject()->getSubject().utf8(),
