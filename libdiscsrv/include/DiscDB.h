@@ -181,7 +181,9 @@ class DISCSRV_EXPORT DBDiscovery : public Discovery
     void holdLock(std::unique_ptr<FileLock> lock);
     bool loadFile(const struct stat& status);
     bool mayReplace(unsigned int storedPriority) const;
-    bool mayReplaceFile(int fd);
+    std::optional<unsigned int> knownPriority(const TlxPathname& metadataPath,
+                                              const struct stat& status) const;
+    unsigned int readPriority(const LockedFile& file);
     DiscoveryResult persistLocked(LockedFile& file, const TlxPathname& metadataPath,
                                   const std::string& xml);
     bool replaceMetadata(LockedFile& file, const TlxPathname& metadataPath, const std::string& xml);
@@ -189,7 +191,10 @@ class DISCSRV_EXPORT DBDiscovery : public Discovery
 
     friend class DiscoveryDBCreator;
 
+    struct SeenPriority;
+
     std::unique_ptr<FileLock> m_fileLock;
+    std::unique_ptr<SeenPriority> m_seen;
     std::string m_metadataText;
     TlxPathname m_dbPath;
     TlxPathname m_metadataPath; ///< of a found record

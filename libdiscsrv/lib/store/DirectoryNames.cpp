@@ -24,11 +24,10 @@ using Time = DirectoryNames::Time;
 std::optional<FileStamp> settledStampOf(const TlxPathname& directory)
 {
     const auto status = statusAt(directory);
-    timespec now = {};
-    if (!status || ::clock_gettime(CLOCK_REALTIME, &now) != 0)
+    if (!status)
         return std::nullopt;
     const FileStamp stamp(*status);
-    return stamp.isSettled(now) ? std::optional(stamp) : std::nullopt;
+    return stamp.isSettledNow() ? std::optional(stamp) : std::nullopt;
 }
 
 Names walk(const TlxPathname& directory)

@@ -5,6 +5,7 @@
 
 #include "DiscDB.h"
 #include "DiscLog.h"
+#include "SeenPriority.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
