@@ -19,15 +19,29 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../FileLock";
 
-/// Opens a file for reading and writing if that is allowed, because all later holders share the
-/// descriptor. Otherwise it opens the file as asked.
+bool isForbidden(const std::error_code& error)
+{
+    switch (error.value()) {
+    case EACCES:
+    case EPERM:
+    case EROFS:
+    case ETXTBSY:
+        return true;
+    default:
+        return false;
+    }
+}
+
+/// Opens a file for reading and writing, because all later holders share the descriptor. If that is
+/// forbidden, it opens the file as asked. After another failure (no free descriptor) it does not
+/// try that: a second open could succeed, and then a later writer would get this descriptor.
 FileResult<FileDescriptor> openForSharing(const TlxPathname& path, int flags, mode_t mode)
 {
     // O_NONBLOCK: if somebody put a pipe in the file's place, the open does not wait for a writer.
     // The flag does nothing for a regular file.
     flags |= O_NONBLOCK | O_NOCTTY;
     auto file = openFile(path, (flags & ~O_ACCMODE) | O_RDWR, mode);
-    if (file || (flags & O_ACCMODE) == O_RDWR)
+    if (file || (flags & O_ACCMODE) == O_RDWR || !isForbidden(file.error()))
         return file;
     return openFile(path, flags, mode);
 }
