@@ -59,18 +59,23 @@ std::unique_ptr<FileLock> FileLock::open(const std::string& path, int flags, mod
         errno = EINVAL;
         return nullptr;
     }
-    auto descriptor = openForSharing(path, flags, mode);
-    if (!descriptor) {
-        errno = descriptor.error().value();
-        return nullptr;
+    for (;;) {
+        const unsigned long forks = table().forks;
+        auto descriptor = openForSharing(path, flags, mode);
+        if (!descriptor) {
+            errno = descriptor.error().value();
+            return nullptr;
+        }
+        const auto status = statusOf(descriptor->get());
+        if (!status || !S_ISREG(status->st_mode)) {
+            descriptor->reset();
+            errno = !status ? status.error().value() : S_ISDIR(status->st_mode) ? EISDIR : EINVAL;
+            return nullptr;
+        }
+        if (auto file = table().fileOf(*status, *descriptor, path, forks))
+            return std::unique_ptr<FileLock>(new FileLock(std::move(file), flags));
+        flags &= ~O_EXCL; // this call has made the file
     }
-    const auto status = statusOf(descriptor->get());
-    if (!status || !S_ISREG(status->st_mode)) {
-        descriptor->reset();
-        errno = !status ? status.error().value() : S_ISDIR(status->st_mode) ? EISDIR : EINVAL;
-        return nullptr;
-    }
-    return std::unique_ptr<FileLock>(new FileLock(table().fileOf(*status, *descriptor), flags));
 }
 
 FileLock::~FileLock()

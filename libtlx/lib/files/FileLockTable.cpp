@@ -34,15 +34,19 @@ Table& table()
     return *theTable;
 }
 
-std::shared_ptr<File> Table::fileOf(const struct stat& status, FileDescriptor& descriptor)
+std::shared_ptr<File> Table::fileOf(const struct stat& status, FileDescriptor& descriptor,
+                                    const std::string& path, unsigned long forksBefore)
 {
     const Key key{status.st_dev, status.st_ino};
     const Guard guard(mutex);
-    std::weak_ptr<File>& entry = files[key];
-    std::shared_ptr<File> file = entry.lock();
+    const auto entry = files.find(key);
+    std::shared_ptr<File> file = entry == files.end() ? nullptr : entry->second.lock();
     if (!file) {
-        file = std::make_shared<File>(key, std::move(descriptor));
-        entry = file;
+        if (forks != forksBefore)
+            return nullptr;
+        std::weak_ptr<File>& made = files[key];
+        file = std::make_shared<File>(key, std::move(descriptor), path);
+        made = file;
     }
     file->holders.fetch_add(1, std::memory_order_relaxed);
     return file;
@@ -71,6 +75,12 @@ FileLock::Counts Table::counts()
             kept.push_back(std::move(file));
         }
     return counts;
+}
+
+void Table::afterForkInParent()
+{
+    ++forks;
+    mutex.unlock();
 }
 
 void Table::afterForkInChild()

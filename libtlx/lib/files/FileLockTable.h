@@ -17,6 +17,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -34,13 +35,18 @@ struct Table
     using Key = std::pair<dev_t, ino_t>;
 
     /// Returns the entry of a file; makes a missing one, which keeps the descriptor.
-    std::shared_ptr<File> fileOf(const struct stat& status, FileDescriptor& descriptor);
+    /// @param forksBefore the value of `forks` before the descriptor was opened. If a thread has
+    ///     forked since then, the child has the descriptor too, and would keep its lock alive. So
+    ///     it cannot become an entry's: the function returns null, and the caller opens the file
+    ///     again.
+    std::shared_ptr<File> fileOf(const struct stat& status, FileDescriptor& descriptor,
+                                 const std::string& path, unsigned long forksBefore);
     void remove(const File& file);
     FileLock::Counts counts();
 
     // A fork happens while the table's mutex is held, so that the child finds the table whole.
     void beforeFork() { mutex.lock(); }
-    void afterForkInParent() { mutex.unlock(); }
+    void afterForkInParent();
     /// Closes the parent's descriptors and starts with an empty table.
     void afterForkInChild();
 
@@ -49,6 +55,8 @@ struct Table
     /// The parent's entries. Threads that exist only in the parent may have their mutexes, so this
     /// process neither uses nor destroys them.
     std::vector<std::shared_ptr<File>> inherited;
+    /// How often this process has forked.
+    std::atomic<unsigned long> forks{0};
     std::atomic<std::chrono::milliseconds> waitLimit{FileLock::DEFAULT_WAIT_LIMIT};
     std::atomic<std::size_t> waiting{0};
     std::atomic<unsigned long long> waitsGivenUp{0};
@@ -59,8 +67,8 @@ Table& table();
 
 struct File
 {
-    File(const Table::Key& itsKey, FileDescriptor itsDescriptor)
-        : key(itsKey), descriptor(std::move(itsDescriptor))
+    File(const Table::Key& itsKey, FileDescriptor itsDescriptor, std::string itsPath)
+        : key(itsKey), path(std::move(itsPath)), descriptor(std::move(itsDescriptor))
     {
     }
     /// Removes its entry from the table.
@@ -76,6 +84,7 @@ struct File
     int lower(LockLevel held, LockLevel wanted);
 
     const Table::Key key;
+    const std::string path;    ///< of the first holder, for messages
     FileDescriptor descriptor; ///< it has the process's lock
     /// True in a forked child.
     std::atomic<bool> isInherited{false};
