@@ -69,13 +69,15 @@ class FileLock
 
     // Each of these returns 0 on success. On failure it returns -1, sets errno, and does not change
     // the level. A request for the current level succeeds. A request for Read lowers Write. EBADF
-    // means that the file was not opened for reading (Read) or for writing (Write). ENOLCK means
-    // that this is a forked child.
+    // means that the file was not opened for reading (Read) or for writing (Write). It also means
+    // that an earlier holder, which is still open, could only open the file for reading. A forked
+    // child gets ENOLCK.
 
     /// Waits until no other process holds a conflicting lock, at most for the wait limit. ETIMEDOUT
-    /// means that the limit has passed. acquire_write from Read may release Read while it waits. So
-    /// the caller must check again what it read before. If acquire_write then fails, and another
-    /// process got the lock in between, level() returns LockLevel::None.
+    /// means that the limit has passed; a log line names the file. acquire_write from Read may
+    /// release Read while it waits. So the caller must check again what it read before. If
+    /// acquire_write then fails, and another process got the lock in between, level() returns
+    /// LockLevel::None.
     int acquire_read();
     int acquire_write();
     /// Fail at once with EBUSY if another process, or another holder of this process, has a
@@ -170,7 +172,7 @@ struct LockFailure
 {
     enum Step
     {
-        OPENING,
+        OPENING, ///< or looking at the path after the locking
         LOCKING,
         REPLACED ///< after each locking, the path named another file or no file
     };

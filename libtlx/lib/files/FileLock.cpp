@@ -32,6 +32,12 @@ bool isForbidden(const std::error_code& error)
     }
 }
 
+/// Whether the path names no file.
+bool isMissing(const std::error_code& error)
+{
+    return error.value() == ENOENT || error.value() == ENOTDIR;
+}
+
 /// Opens a file for reading and writing, because all later holders share the descriptor. If that is
 /// forbidden, it opens the file as asked. After another failure (no free descriptor) it does not
 /// try that: a second open could succeed, and then a later writer would get this descriptor.
@@ -121,6 +127,11 @@ int FileLock::change(LockLevel wanted, bool wait)
                     "Cannot lower the lock on a file: " << describeError(systemError(failed)));
         } else if (wait) {
             error = m_file->waitRaise(guard, m_level, wanted);
+            guard.unlock();
+            if (error == ETIMEDOUT)
+                PLATFORM_LOG(LOG_LEVEL_FAILURE, "FileLock::acquire",
+                             "Gave up waiting for another process's lock on "
+                                 << m_file->path << " after " << waitLimit().count() << " ms");
         } else {
             error = m_file->tryRaise(m_level, wanted);
             if (error == 0)
@@ -228,6 +239,8 @@ tl::expected<LockedFile, LockFailure> openLocked(const TlxPathname& path, int fl
         const auto status = statusAt(path);
         if (status && lock->isFile(*status))
             return LockedFile{std::move(lock), std::move(turn), std::move(gate), *status};
+        if (!status && !isMissing(status.error()))
+            return tl::unexpected(LockFailure{LockFailure::OPENING, status.error()});
     }
     return tl::unexpected(LockFailure{LockFailure::REPLACED, systemError(EAGAIN)});
 }
