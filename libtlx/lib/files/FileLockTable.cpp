@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -130,15 +131,14 @@ int File::setKernel(LockLevel level)
     } while (answer < 0 && errno == EINTR);
     if (answer < 0)
         return errno;
-    m_kernel = level;
+    if (std::exchange(m_kernel, level) < level)
+        raised.notify_all();
     return 0;
 }
 
 int File::settle()
 {
-    const int error = m_kernel > needed() ? setKernel(needed()) : 0;
-    changed.notify_all();
-    return error;
+    return m_kernel > needed() ? setKernel(needed()) : 0;
 }
 
 int File::lower(LockLevel held, LockLevel wanted)
@@ -158,7 +158,6 @@ int File::tryRaise(LockLevel held, LockLevel wanted)
         if (const int error = setKernel(wanted); error != 0)
             return isConflict(error) ? EBUSY : error;
     moveHolder(held, wanted);
-    changed.notify_all();
     return 0;
 }
 
@@ -181,7 +180,7 @@ int File::waitRaise(Guard& guard, LockLevel& held, LockLevel wanted)
                     ++table().waitsGivenUp;
                     break;
                 }
-                changed.wait_until(guard, std::min(now + pause, giveUp));
+                raised.wait_until(guard, std::min(now + pause, giveUp));
                 pause = std::min(2 * pause, LONGEST_PAUSE);
                 error = m_kernel < wanted ? setKernel(wanted) : 0;
             }
@@ -197,7 +196,6 @@ int File::waitRaise(Guard& guard, LockLevel& held, LockLevel wanted)
     }
     moveHolder(held, wanted);
     held = wanted;
-    changed.notify_all();
     return 0;
 }
 

@@ -93,7 +93,8 @@ struct File
     std::recursive_mutex turn;
 
     std::mutex mutex;
-    std::condition_variable changed;
+    /// The process's level has risen, which may be enough for a waiting holder.
+    std::condition_variable raised;
 
   private:
     LockLevel needed() const;
