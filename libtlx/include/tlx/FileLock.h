@@ -11,7 +11,8 @@
 //  2. The end of a holder does not change the locks of other holders. The descriptor is closed with
 //     the last holder.
 //  3. A *waiting* lock waits only for other processes. If the process already has enough, the
-//     caller gets the lock at once. So no thread waits here for its own lock.
+//     caller gets the lock, even if its own thread holds it. It gets the lock at once, unless
+//     another process waits; then a short pause lets that process go first.
 //  4. A holder that waits has no lock meanwhile. So two processes that both want to raise their
 //     Read never wait for each other. A wait has a limit.
 //  5. A *try* lock fails if another holder of this process has a conflicting lock.
@@ -21,7 +22,7 @@
 // WriterTurn does it for two replacements of one file, which may be long.
 //
 // The lock covers the first byte of the file. It conflicts with the record locks (F_SETLK) of other
-// processes.
+// processes. A process that waits has a read lock on the second byte, which others can see.
 
 #include <chrono>
 #include <cstddef>

@@ -9,10 +9,16 @@
 // thread waited there, a release by another thread could drop the lock that the first one had just
 // got. And such a wait has no limit.
 //
+// Without more, the threads of one process could share its lock without a gap, and another process
+// would wait in vain. So a process that waits has a read lock on the second byte of the file. A
+// process that sees it gives way: its newcomers pause for a moment, until the holders have
+// released. The moment has a bound, because a newcomer's own thread may be such a holder.
+//
 // Invariant while the file's mutex is free: `kernel` is the level that the process has in the
 // kernel, and it is the highest level of the holders.
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <map>
 #include <memory>
@@ -99,14 +105,25 @@ struct File
   private:
     LockLevel needed() const;
     void moveHolder(LockLevel from, LockLevel to);
+    int callKernel(int command, struct flock& request, off_t byte) const;
     int setKernel(LockLevel level);
     /// Lowers the kernel's level to the needed one.
     int settle();
+    /// Adds to the number of waiting holders, and shows other processes whether there are any.
+    void countWaiter(int change);
+    bool doOthersWait() const;
+    /// Pauses while other processes wait, within the bounds. Releases the mutex during pauses.
+    void giveWay(Guard& guard);
+
+    using Time = std::chrono::steady_clock::time_point;
 
     unsigned m_readers = 0;
     unsigned m_writers = 0;
-    unsigned m_waiters = 0;
+    int m_waiters = 0;
+    bool m_isSeenWaiting = false;
     LockLevel m_kernel = LockLevel::None;
+    Time m_wayEnds; ///< until then, newcomers pause if other processes wait
+    Time m_nextWay; ///< not before then may newcomers pause anew
 };
 
 } // namespace Veltrane::Quillmark::Tlx::FileLockDetail
