@@ -18,7 +18,7 @@
 namespace QmTest {
 
 /// Replaces the file system while it lives. Any thread may call it. An operation is named after its
-/// system call: "open", "fsync", "lock".
+/// system call: "open", "fsync"; F_OFD_SETLK is "lock", F_OFD_GETLK is "getlock".
 class ScriptedFileSystem : public Veltrane::Quillmark::Tlx::FileSystem
 {
   public:
@@ -132,8 +132,10 @@ class ScriptedFileSystem : public Veltrane::Quillmark::Tlx::FileSystem
     }
     int lock(int descriptor, int command, struct flock* request) override
     {
-        return fails("lock", pathOf(descriptor)) ? -1
-                                                 : FileSystem::lock(descriptor, command, request);
+        const char* const operation = command == F_OFD_GETLK ? "getlock" : "lock";
+        return fails(operation, pathOf(descriptor))
+                   ? -1
+                   : FileSystem::lock(descriptor, command, request);
     }
     DIR* opendir(const char* path) override
     {

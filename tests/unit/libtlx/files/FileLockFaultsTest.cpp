@@ -141,14 +141,29 @@ TEST_F(FileLockFaultsTest, anErrorDuringAWaitEndsItAndTheReadIsBack)
     const auto lock = m_file.open();
     ASSERT_EQ(0, lock->acquire_read());
     ASSERT_EQ("ok", m_peer.ask("read 0"));
-    // The first try, the release of Read and a second try come before the error.
-    m_system.fail("lock", EIO, 1, 3);
+    // The first try, the release of Read, the sign for other processes and a second try come before
+    // the error.
+    m_system.fail("lock", EIO, 1, 4);
     EXPECT_EQ(EIO, outcome(lock->acquire_write()));
     EXPECT_EQ(0, m_system.left("lock"));
     EXPECT_EQ(LockLevel::Read, lock->level());
     EXPECT_EQ("Read", m_peer.sees());
     EXPECT_EQ(0u, FileLock::counts().waiting);
     EXPECT_EQ(0u, m_file.waitsGivenUp());
+}
+
+TEST_F(FileLockFaultsTest, aWaitNeedsNoSignForOtherProcesses)
+{
+    const auto lock = m_file.open();
+    ASSERT_EQ("ok", m_peer.ask("read 0"));
+    m_system.fail("getlock", EIO);
+    m_system.fail("lock", EIO, 1, 1); // the sign, after the first try
+    auto writing = std::async(std::launch::async, [&] { return outcome(lock->acquire_write()); });
+    EXPECT_TRUE(QmTest::eventually([&] { return m_system.left("lock") == 0; }));
+    EXPECT_EQ(0, m_system.left("getlock"));
+    ASSERT_EQ("ok", m_peer.ask("release 0"));
+    EXPECT_EQ(0, writing.get());
+    EXPECT_EQ("Write", m_peer.sees());
 }
 
 TEST_F(FileLockFaultsTest, aLockThatCannotBeReleasedEndsWithTheDescriptor)

@@ -362,6 +362,57 @@ TEST_F(FileLockThreadsTest, aHolderMayLoseTheReadThatItGaveUpToAWriter)
     EXPECT_EQ(0, lock->acquire_read());
 }
 
+TEST_F(FileLockThreadsTest, threadsThatAlwaysOverlapLetAnotherProcessGoFirst)
+{
+    // Each thread keeps its lock until another thread has it too. If no thread gave way, the
+    // process would never release its lock.
+    std::atomic<bool> ends{false};
+    std::atomic<int> inside{0};
+    std::atomic<int> failures{0};
+    const auto run = [&] {
+        while (!ends) {
+            const auto lock = m_file.open();
+            if (lock->acquire_write() != 0)
+                ++failures;
+            ++inside;
+            const auto leaves = std::chrono::steady_clock::now() + milliseconds(10);
+            while (inside < 2 && std::chrono::steady_clock::now() < leaves)
+                std::this_thread::yield();
+            --inside;
+        }
+    };
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back(run);
+    EXPECT_TRUE(eventually([&] { return inside > 1; }));
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ("ok", m_peer.ask("write 0"));
+        EXPECT_EQ("ok", m_peer.ask("release 0"));
+    }
+    ends = true;
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(0, failures);
+}
+
+TEST_F(FileLockThreadsTest, aHolderJoinsItsOwnLockAlthoughAnotherProcessWaits)
+{
+    const auto kept = m_file.open();
+    ASSERT_EQ(0, kept->acquire_write());
+    ASSERT_EQ("waits", m_peer.ask("begin 0 write"));
+    const auto start = std::chrono::steady_clock::now();
+    const auto second = m_file.open();
+    EXPECT_EQ(0, second->acquire_write());
+    EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(100)) << "it gives way";
+    // It has given way. The next one does not pause so soon again.
+    const auto third = m_file.open();
+    EXPECT_EQ(0, third->acquire_read());
+    EXPECT_EQ(0, second->release());
+    EXPECT_EQ(0, third->release());
+    EXPECT_EQ(0, kept->release());
+    EXPECT_EQ("ok", m_peer.ask("await 0"));
+}
+
 TEST_F(FileLockThreadsTest, aHolderThatIsLeftOpenKeepsNoDescriptorOfTheOthers)
 {
     const auto left = m_file.open(O_RDONLY);
