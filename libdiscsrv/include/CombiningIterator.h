@@ -11,7 +11,7 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 /// Returns all records of its first iterator, then all of the second, and so on. It keeps
 /// duplicates. One thread at a time uses it.
-class DISCSRV_EXPORT CombiningIterator : public virtual DiscoveryIterator
+class DISCSRV_EXPORT CombiningIterator : public virtual DiscoveryIterator, public RecordLister
 {
   public:
     /// Copies the vector and takes a reference to each iterator. The iterators keep their own
@@ -20,6 +20,7 @@ class DISCSRV_EXPORT CombiningIterator : public virtual DiscoveryIterator
                       std::vector<AutoDereference<DiscoveryIterator>>& iterators);
 
     Discovery* getNext() override;
+    std::optional<ListedRecord> listNext() override;
     ~CombiningIterator() override;
 
   private:

@@ -6,9 +6,12 @@
 // record or an iterator. Any number of threads and processes may work on one directory.
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include <dirent.h>
 
@@ -25,6 +28,9 @@ constexpr std::size_t MAX_METADATA_BYTES = 1u << 20;
 
 /// Temporary payloads have numbers from 0 to one less than this.
 constexpr unsigned MAX_TEMPORARY_NAMES = 1000;
+
+class TemporaryNumber;
+struct DirectoryNames;
 
 struct CloseDirectory
 {
@@ -77,20 +83,24 @@ class DISCSRV_EXPORT DBCollectionData : public CollectionData
     std::size_t readCollection(std::size_t length, void* buffer) const override;
     bool writeCollection(std::size_t length, const void* buffer) const override;
 
-    /// Moves the written payload to its place and replaces the stored one. Stores an empty payload
-    /// if none was opened. Once it has returned true the payload survives a power cut. Returns
-    /// false for a spoilt payload.
+    /// Makes the written payload survive a power cut under its temporary name. Begins an empty
+    /// payload if none was opened. Returns false for a spoilt payload. A failure gives the payload
+    /// up and frees its disk space.
+    bool prepare();
+
+    /// Prepares the payload, moves it to its place and replaces the stored one. Once it has
+    /// returned true, all names in the store's directory survive a power cut. A failure gives the
+    /// payload up, as prepare does.
     bool persist(const TlxPathname& target);
 
     /// Gives up and deletes the temporary payload. Always returns true.
     bool cleanup();
 
+    /// The same after a failure. The payload counts as spoilt until the next open.
+    void giveUp();
+
     /// Deletes the stored payload. Returns true even if it was missing.
     bool expire() const;
-
-    /// Sets the lock under which the record was found; null for none. With a lock, opening for
-    /// reading waits for this process's writers of the record. The record stays the lock's owner.
-    void setRecordLock(const FileLock* lock) { m_recordLock = lock; }
 
     /// True after a failed write or a failed persist, until the next open. A spoilt payload must
     /// not replace a stored one.
@@ -99,13 +109,15 @@ class DISCSRV_EXPORT DBCollectionData : public CollectionData
   private:
     bool openTemporary();
     bool openStored();
+    bool replaceStored(const TlxPathname& target);
 
     TlxPathname m_path;
     FileDescriptor m_file;
     std::unique_ptr<TlxPathname> m_finalPath;
     OpenMode m_mode = OM_READ;
     std::unique_ptr<CleanupLock> m_cleanupLock;
-    const FileLock* m_recordLock = nullptr;
+    std::unique_ptr<TemporaryNumber> m_number; ///< of the temporary payload
+    bool m_prepared = false;
     mutable bool m_spoilt = false; ///< writing is const in every backend
 };
 
@@ -167,9 +179,15 @@ class DISCSRV_EXPORT DBDiscovery : public Discovery
     bool hasUsableFileName() const;
     bool loadInternal();
     void holdLock(std::unique_ptr<FileLock> lock);
-    bool mayReplaceStored(int fd);
-    DiscoveryResult persistLocked(const TlxPathname& metadataPath, const std::string& xml);
+    bool loadFile(const struct stat& status);
+    bool mayReplace(unsigned int storedPriority) const;
+    bool mayReplaceFile(int fd);
+    DiscoveryResult persistLocked(LockedFile& file, const TlxPathname& metadataPath,
+                                  const std::string& xml);
+    bool replaceMetadata(LockedFile& file, const TlxPathname& metadataPath, const std::string& xml);
     bool removeFiles();
+
+    friend class DiscoveryDBCreator;
 
     std::unique_ptr<FileLock> m_fileLock;
     std::string m_metadataText;
@@ -177,9 +195,10 @@ class DISCSRV_EXPORT DBDiscovery : public Discovery
     TlxPathname m_metadataPath; ///< of a found record
 };
 
-/// Scans the store's directory. A new iterator matches every record; narrow it before the first
-/// getNext.
-class DISCSRV_EXPORT DBDiscoveryIterator : public virtual DiscoveryIterator
+/// Finds the matching records of the store. A new iterator matches every record; narrow it before
+/// the first getNext. Names without wildcards are looked up. Otherwise the iterator reads the whole
+/// directory.
+class DISCSRV_EXPORT DBDiscoveryIterator : public virtual DiscoveryIterator, public RecordLister
 {
   public:
     /// An iterator over a directory that cannot be opened has no records.
@@ -188,11 +207,25 @@ class DISCSRV_EXPORT DBDiscoveryIterator : public virtual DiscoveryIterator
     /// and skips files that hold no record. It returns records of AT_REMOTEPULL only if its type is
     /// AT_REMOTEPULL.
     Discovery* getNext() override;
+    /// The same without a lock. It opens only the files whose content it does not know.
+    std::optional<ListedRecord> listNext() override;
     ~DBDiscoveryIterator() override;
 
   private:
-    DirectoryStream m_dir;
-    std::string m_pattern;
+    struct Candidate;
+    void begin();
+    std::optional<Candidate> nextCandidate();
+    std::optional<Candidate> lookUp(const std::string& name);
+    std::optional<Candidate> nextMatch(const std::string& pattern);
+    bool isShown(AuthorityType type) const;
+
+    const TlxPathname m_path;
+    std::optional<std::chrono::steady_clock::time_point> m_begun;
+    bool m_isExact = false;
+    std::vector<std::string> m_patterns; ///< the last one is in use
+    std::string m_last;                  ///< the name found last with this pattern
+    std::weak_ptr<const DirectoryNames> m_names;
+    std::size_t m_place = 0; ///< in m_names
 };
 
 /// The store. It finds records, and makes new records and iterators. A process has one; any thread
@@ -215,9 +248,12 @@ class DISCSRV_EXPORT DiscoveryDBCreator : public virtual DiscoveryCreator
     /// destroyed; the caller releases the reference. Returns null if the file holds no record or
     /// the record has expired.
     Discovery* getDiscovery(const char* fileName);
+    /// The same without a log line if there is no such file.
+    Discovery* getDiscoveryIfStored(const char* fileName);
 
   private:
     bool setupDB(const std::string& dir);
+    Discovery* openStored(const char* fileName, bool logsMissing);
 
     TlxPathname m_dbPath;
     std::atomic<bool> m_init{false};

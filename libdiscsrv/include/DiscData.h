@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <utility>
@@ -299,6 +300,28 @@ class DISCSRV_EXPORT DiscoveryIterator : public virtual TLXRefCounted
     std::string m_authority; ///< in file-name form; empty for any
     std::string m_subject;   ///< in file-name form; empty for any
 };
+
+/// What a page of a listing shows of a record.
+struct ListedRecord
+{
+    std::string subject; ///< in display form, like the authority
+    std::string authority;
+    AuthorityType type{};
+    AutoDereference<Discovery> record; ///< the whole record; may be null
+};
+
+/// An iterator that can list records without opening them. Not a part of DiscoveryIterator, because
+/// plug-ins rely on the order of its virtual operations.
+class DISCSRV_EXPORT RecordLister
+{
+  public:
+    virtual ~RecordLister();
+    /// Moves to the next record like getNext; nothing at the end. The two may be mixed.
+    virtual std::optional<ListedRecord> listNext() = 0;
+};
+
+/// Lists the next record of any iterator.
+DISCSRV_EXPORT std::optional<ListedRecord> listNext(DiscoveryIterator& iterator);
 
 /// A storage backend. A process has one of each kind.
 class DISCSRV_EXPORT DiscoveryCreator : protected virtual TlxLockable

@@ -24,13 +24,22 @@ inline constexpr DeclaredKey REMOTE_MAX_BYTES =
 inline constexpr DeclaredKey REMOTE_MAX_SECONDS =
     DeclaredKey::number("REMOTE_MAX_SECONDS", 1, 86400, 600);
 
+// The store.
+/// Seconds that a request waits while another process locks a record.
+inline constexpr DeclaredKey LOCK_WAIT_SECONDS =
+    DeclaredKey::number("LOCK_WAIT_SECONDS", 1, 3600, 20);
+/// Records whose metadata is kept in memory. 0: none.
+inline constexpr DeclaredKey CACHED_RECORDS =
+    DeclaredKey::number("CACHED_RECORDS", 0, 10000000, 500000);
+
 } // namespace ConfigKey
 
 namespace DiscoverySvc {
 
-inline constexpr std::array SERVICE_KEYS{ConfigKey::REPORT_CLIENT_DISCOVERIES,
-                                         ConfigKey::REMOTE_MAX_RECORDS, ConfigKey::REMOTE_MAX_BYTES,
-                                         ConfigKey::REMOTE_MAX_SECONDS};
+inline constexpr std::array SERVICE_KEYS{
+    ConfigKey::REPORT_CLIENT_DISCOVERIES, ConfigKey::REMOTE_MAX_RECORDS,
+    ConfigKey::REMOTE_MAX_BYTES,          ConfigKey::REMOTE_MAX_SECONDS,
+    ConfigKey::LOCK_WAIT_SECONDS,         ConfigKey::CACHED_RECORDS};
 
 } // namespace DiscoverySvc
 } // namespace Veltrane::Quillmark::Tlx

@@ -27,4 +27,17 @@ Discovery* CombiningIterator::getNext()
     return nullptr;
 }
 
+std::optional<ListedRecord> CombiningIterator::listNext()
+{
+    DISC_TRACE("CombiningIterator::getNext");
+    for (; m_current < m_iterators.size(); ++m_current) {
+        DiscoveryIterator* iterator = m_iterators[m_current].get();
+        if (!iterator)
+            continue;
+        if (auto listed = DiscoverySvc::listNext(*iterator))
+            return listed;
+    }
+    return std::nullopt;
+}
+
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -214,6 +214,24 @@ void DiscoveryIterator::setSubject(const Uri& uri)
     m_subject = Subject(uri).getSubjectFileName().utf8();
 }
 
+RecordLister::~RecordLister() = default;
+
+std::optional<ListedRecord> listNext(DiscoveryIterator& iterator)
+{
+    if (auto* const lister = dynamic_cast<RecordLister*>(&iterator))
+        return lister->listNext();
+    for (;;) {
+        AutoDereference<Discovery> record(iterator.getNext());
+        if (!record)
+            return std::nullopt;
+        const Authority* const authority = record->getAuthority();
+        const Subject* const subject = record->getSubject();
+        if (TLX_ASSERT(authority) && TLX_ASSERT(subject))
+            return ListedRecord{subject->getSubject().utf8(), authority->getName().utf8(),
+                                authority->getType(), std::move(record)};
+    }
+}
+
 DiscoveryCreator::~DiscoveryCreator() = default;
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

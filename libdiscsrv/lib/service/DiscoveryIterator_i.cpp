@@ -1,6 +1,7 @@
 #include "DiscoveryIterator_i.h"
 
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 #include <tlx/Hostname.h>
@@ -69,17 +70,11 @@ DiscoverySeq* DiscoveryIterator_i::getNextPage()
         // Compat(page-one-more): peers expect one record more than the page size. The comparison is
         // done in 64 bits because the page size may be the largest 32-bit number.
         while (static_cast<std::int64_t>(rows.size()) <= m_pageSize && bytes < MAX_PAGE_BYTES) {
-            const AutoDereference<Tlx::DiscoverySvc::Discovery> discovery(
-                m_discoveryIterator->getNext());
-            if (!discovery)
+            auto listed = listNext(*m_discoveryIterator);
+            if (!listed)
                 break;
-            const Authority* authority = discovery->getAuthority();
-            const Subject* subject = discovery->getSubject();
-            if (!TLX_ASSERT(authority) || !TLX_ASSERT(subject))
-                continue;
-            const auto* remote = dynamic_cast<const RemoteExplorerPull*>(discovery.get());
-            rows.push_back({subject->getSubject().utf8(), authority->getName().utf8(),
-                            authority->getType(),
+            const auto* remote = dynamic_cast<const RemoteExplorerPull*>(listed->record.get());
+            rows.push_back({std::move(listed->subject), std::move(listed->authority), listed->type,
                             remote ? remote->getServiceName().utf8() : std::string()});
             bytes += rows.back().wireBytes();
         }

@@ -1,21 +1,23 @@
-// Finds and makes the records of the store.
+// Prepares the store, opens its records and makes new ones.
 
 #include "DiscDB.h"
 
 #include <cerrno>
-#include <cstring>
+#include <chrono>
 
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <ace/Recursive_Thread_Mutex.h>
 #include <ace/Singleton.h>
 
+#include <tlx/FileSystem.h>
 #include <tlx/HostConfig.h>
 #include <tlx/Wildcard.h>
 
 #include "DiscLog.h"
+#include "MetadataCache.h"
 #include "RecordFile.h"
+#include "ServiceKeys.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
@@ -23,15 +25,11 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../DiscDB";
 
-/// The longest pattern. A file name has at most 255 bytes, so a longer pattern is a mistake or an
-/// attack: every file name is compared with the whole pattern.
-constexpr std::size_t MAX_PATTERN_BYTES = 1024;
-
 /// Returns the next entry of a directory, null at the end and after a failure, which it logs.
 const dirent* nextEntry(DIR* directory)
 {
     errno = 0;
-    const dirent* const entry = ::readdir(directory);
+    const dirent* const entry = FileSystem::current().readdir(directory);
     if (!entry && errno != 0)
         DISC_LOG(1, "Unable to read the directory, error " << errno);
     return entry;
@@ -68,13 +66,16 @@ bool DiscoveryDBCreator::setupDB(const std::string& dir)
     m_dbPath = dir.empty()
                    ? HostConfig::instance().root().withFileName("db").withFileName("discovery")
                    : TlxPathname(dir);
+    FileLock::setWaitLimit(
+        std::chrono::seconds(HostConfig::instance().number(ConfigKey::LOCK_WAIT_SECONDS)));
+    metadataCache().setMostRecords(HostConfig::instance().number(ConfigKey::CACHED_RECORDS));
     if (const int error = m_dbPath.createDirectories(0755))
         DISC_LOG(1, "Unable to create directory path " << m_dbPath << ", error " << error);
 
     const CleanupLock lock(m_dbPath.c_str(), CleanupLock::LM_EXCLUSIVE);
     if (!lock.isLocked())
         return true;
-    const DirectoryStream directory(::opendir(m_dbPath.c_str()));
+    const DirectoryStream directory(FileSystem::current().opendir(m_dbPath.c_str()));
     if (!directory) {
         DISC_LOG(1, "Unable to open " << m_dbPath << ", error " << errno);
         return true;
@@ -83,8 +84,11 @@ bool DiscoveryDBCreator::setupDB(const std::string& dir)
         if (wildcardcmp("*.updating", entry->d_name, 0) != 0)
             continue;
         DISC_LOG(1, "Deleting temporary file " << entry->d_name);
-        if (::unlink(m_dbPath.withFileName(entry->d_name).c_str()) != 0)
-            DISC_LOG(1, "Unable to delete " << m_dbPath.withFileName(entry->d_name));
+        const TlxPathname path = m_dbPath.withFileName(entry->d_name);
+        if (const auto removed = removeFile(path); !removed) {
+            DISC_LOG(1, "Unable to delete " << path);
+            DISC_LOG(1, "The cause: " << describeError(removed.error()));
+        }
     }
     return true;
 }
@@ -109,6 +113,16 @@ Discovery* DiscoveryDBCreator::newDiscovery(DiscoveryQuery query)
 
 Discovery* DiscoveryDBCreator::getDiscovery(const char* fileName)
 {
+    return openStored(fileName, true);
+}
+
+Discovery* DiscoveryDBCreator::getDiscoveryIfStored(const char* fileName)
+{
+    return openStored(fileName, false);
+}
+
+Discovery* DiscoveryDBCreator::openStored(const char* fileName, bool logsMissing)
+{
     DISC_TRACE("DiscoveryDBCreator::getDiscovery");
     if (!TLX_ASSERT(m_init))
         return nullptr;
@@ -122,13 +136,16 @@ Discovery* DiscoveryDBCreator::getDiscovery(const char* fileName)
     {
         auto file = openRecordFile(path, O_RDWR, LockLevel::Read);
         if (!file) {
-            DISC_LOG(1, messageOf(file.error()) << path);
+            const bool isMissing = file.error().step == LockFailure::OPENING &&
+                                   file.error().error == std::errc::no_such_file_or_directory;
+            if (logsMissing || !isMissing)
+                logFailure(file.error(), path);
             return nullptr;
         }
         auto* data = new DBCollectionData(
             m_dbPath.withFileName(name.substr(0, name.size() - SUFFIX) + "dat"));
         discovery.reset(new DBDiscovery(std::move(file->lock), path, data, DQ_DISCOVERY_DATA));
-        if (!discovery->load()) {
+        if (!discovery->loadFile(file->status)) {
             DISC_LOG(1, "Unable to load " << path);
             return nullptr;
         }
@@ -148,47 +165,6 @@ Discovery* DiscoveryDBCreator::getDiscovery(const char* fileName)
         break;
     default:
         TLX_SHOULD_NOT_GET_HERE();
-    }
-    return nullptr;
-}
-
-DBDiscoveryIterator::DBDiscoveryIterator(const char* dir)
-    : DiscoveryIterator(AT_ANYANDALL, "*", "*"), m_dir(::opendir(dir))
-{
-    const int error = errno; // before the tracer changes it
-    DISC_TRACE("DBDiscoveryIterator::DBDiscoveryIterator");
-    if (!m_dir)
-        DISC_LOG(1, "Unable to open " << dir << ", error " << error);
-}
-
-DBDiscoveryIterator::~DBDiscoveryIterator() = default;
-
-Discovery* DBDiscoveryIterator::getNext()
-{
-    DISC_TRACE("DBDiscoveryIterator::getNext");
-    if (!m_dir)
-        return nullptr;
-    if (m_pattern.empty()) {
-        m_pattern =
-            (m_type == AT_ANYANDALL ? std::string("*") : std::to_string(static_cast<int>(m_type))) +
-            ' ' + m_authority + ' ' + m_subject + ".xml";
-        if (m_pattern.size() > MAX_PATTERN_BYTES)
-            DISC_LOG(1, "A pattern may have " << MAX_PATTERN_BYTES << " bytes, this one has "
-                                              << m_pattern.size() << " and matches nothing");
-    }
-    if (m_pattern.size() > MAX_PATTERN_BYTES)
-        return nullptr;
-    while (const dirent* entry = nextEntry(m_dir.get())) {
-        if (wildcardcmp(m_pattern.c_str(), entry->d_name, 0) != 0)
-            continue;
-        AutoDereference<Discovery> discovery(getDiscoveryDBDatabase()->getDiscovery(entry->d_name));
-        if (!discovery)
-            continue;
-        // Compat(remote-pull-hidden): peers do not expect these records unless they ask for their
-        // type.
-        const bool remotePull = discovery->getAuthority()->getType() == AT_REMOTEPULL;
-        if (!remotePull || m_type == AT_REMOTEPULL)
-            return discovery.release();
     }
     return nullptr;
 }

@@ -4,10 +4,12 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
+#include "DirectorySync.h"
 #include "DiscDB.h"
 #include "DiscLog.h"
+#include "RecordFile.h"
+#include "TemporaryNumber.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
@@ -21,13 +23,13 @@ CleanupLock::CleanupLock(const char* dir, LockMode mode)
     const TlxPathname path = TlxPathname(dir).withFileName("Update.lock");
     m_fileLock = FileLock::open(path.text(), O_CREAT | O_RDWR, 0);
     if (!m_fileLock) {
-        DISC_LOG(1, "Unable to open " << path);
+        logFailure({LockFailure::OPENING, systemError(errno)}, path);
         return;
     }
     const int locked =
         mode == LM_EXCLUSIVE ? m_fileLock->tryacquire_write() : m_fileLock->acquire_read();
     if (locked != 0) {
-        DISC_LOG(1, "Unable to lock " << path);
+        logFailure({LockFailure::LOCKING, systemError(errno)}, path);
         return;
     }
     m_locked = true;
@@ -61,6 +63,7 @@ bool DBCollectionData::open(OpenMode mode, const char*)
     m_file.reset();
     m_mode = mode;
     m_spoilt = false;
+    m_prepared = false;
     return mode == OM_UPDATE ? openTemporary() : openStored();
 }
 
@@ -75,8 +78,10 @@ bool DBCollectionData::openTemporary()
         return false;
     }
     m_finalPath = std::make_unique<TlxPathname>(m_path);
-    for (unsigned attempt = 0; attempt < MAX_TEMPORARY_NAMES; ++attempt) {
-        const TlxPathname path = directory.withFileName(std::to_string(attempt) + ".updating");
+    m_number = TemporaryNumber::take(0);
+    while (m_number) {
+        const TlxPathname path =
+            directory.withFileName(std::to_string(m_number->value()) + ".updating");
         // Compat(log-payload): log readers know "collecation", two lines for each attempt, and
         // "Last error" without a blank before the number.
         DISC_LOG(4, "Attempting collecation data file " << path);
@@ -88,7 +93,15 @@ bool DBCollectionData::openTemporary()
             return true;
         }
         DISC_LOG(1, "Last error" << file.error().value());
+        if (file.error() != std::errc::file_exists) {
+            // Another number would not help against a full disk, or too many open files.
+            DISC_LOG(1, "Unable to create " << path);
+            DISC_LOG(1, "The cause: " << describeError(file.error()));
+            break;
+        }
+        m_number = TemporaryNumber::take(m_number->value() + 1);
     }
+    m_number.reset();
     m_finalPath.reset();
     m_cleanupLock.reset();
     return false;
@@ -96,17 +109,14 @@ bool DBCollectionData::openTemporary()
 
 bool DBCollectionData::openStored()
 {
-    // A writer deletes the old payload and then renames the new one. The gate keeps this process's
-    // writers out of that gap, and our lock keeps the writers of other processes out.
-    std::unique_ptr<FileGate> gate;
-    if (m_recordLock)
-        gate = std::make_unique<FileGate>(*m_recordLock);
     DISC_LOG(4, "Opening collection file: " << m_path);
     // O_NONBLOCK: if the name is a pipe, the open must not wait for its writer.
     auto file = openFile(m_path, O_RDONLY | O_NONBLOCK);
-    struct stat status = {};
-    if (file && (::fstat(file->get(), &status) != 0 || !S_ISREG(status.st_mode)))
-        file = tl::unexpected(systemError(EINVAL));
+    if (file) {
+        const auto status = statusOf(file->get());
+        if (!status || !S_ISREG(status->st_mode))
+            file = tl::unexpected(status ? systemError(EINVAL) : status.error());
+    }
     if (!file) {
         DISC_LOG(1, "Last error" << file.error().value());
         return false;
@@ -120,10 +130,11 @@ std::size_t DBCollectionData::readCollection(std::size_t length, void* buffer) c
     DISC_TRACE("DBCollectionData::readCollection");
     if (!TLX_ASSERT_AS(m_file.isOpen(), "ACE_INVALID_HANDLE != m_handle"))
         return static_cast<std::size_t>(-1);
-    const ssize_t count = ::read(m_file.get(), buffer, length);
-    if (count < 0)
-        DISC_LOG(1, "Unable to read " << m_path << ", error " << errno);
-    return static_cast<std::size_t>(count);
+    const auto count = readOnce(m_file.get(), static_cast<char*>(buffer), length);
+    if (count)
+        return *count;
+    DISC_LOG(1, "Unable to read " << m_path << ", error " << count.error().value());
+    return static_cast<std::size_t>(-1);
 }
 
 bool DBCollectionData::writeCollection(std::size_t length, const void* buffer) const
@@ -136,54 +147,81 @@ bool DBCollectionData::writeCollection(std::size_t length, const void* buffer) c
         return true;
     DISC_LOG(1, "Unable to write " << m_path << ", error " << written.error().value());
     // The payload is lost, and its writer may keep it open for long. Free the disk space now.
-    (void)!::ftruncate(m_file.get(), 0);
+    (void)truncateFile(m_file.get(), 0);
     m_spoilt = true;
     return false;
 }
 
-bool DBCollectionData::persist(const TlxPathname& target)
+bool DBCollectionData::prepare()
 {
     DISC_TRACE("DBCollectionData::persist");
     if (m_spoilt) {
-        cleanup(); // deletes the file while m_cleanupLock still protects it
+        cleanup();
         return false;
     }
     if (!m_file.isOpen())
         open(OM_UPDATE, "");
-    const std::unique_ptr<CleanupLock> cleanupLock = std::move(m_cleanupLock);
     if (!TLX_ASSERT_AS(m_file.isOpen(), "ACE_INVALID_HANDLE != m_handle"))
         return false;
     // A file that is open for reading is a stored payload. It must not move.
     if (!TLX_ASSERT(m_mode == OM_UPDATE))
         return false;
-    m_spoilt = true; // until every step has succeeded
+    if (m_prepared)
+        return true;
     // Without this sync a power cut could leave the final name on a file without its bytes.
-    const bool synced = ::fsync(m_file.get()) == 0;
-    if (!synced)
-        DISC_LOG(1, "Unable to sync " << m_path << ", error " << errno);
-    (void)TLX_ASSERT_AS(m_file.close(), "0 == ACE_OS::close(m_handle)");
-    if (!synced)
-        return false;
-
-    // Compat(delete-then-rename): log readers expect both lines in each put, and a deletion that
-    // fails in the first put.
-    if (::unlink(target.c_str()) == 0)
-        DISC_LOG(4, "Deleted file: " << target);
-    else
-        DISC_LOG(1, "Unable to delete " << target);
-    if (::rename(m_path.c_str(), target.c_str()) != 0) {
-        DISC_LOG(1, "Unable to rename " << m_path << " to " << target);
+    const auto synced = syncFile(m_file.get());
+    if (!synced) {
+        DISC_LOG(1, "Unable to sync " << m_path << ", error " << synced.error().value());
+        giveUp();
         return false;
     }
-    DISC_LOG(1, "Successfully renamed " << m_path << " to " << target);
+    m_prepared = true;
+    return true;
+}
+
+bool DBCollectionData::persist(const TlxPathname& target)
+{
+    DISC_TRACE("DBCollectionData::persist");
+    if (!prepare())
+        return false;
+    m_spoilt = true; // until every step has succeeded
+    if (!replaceStored(target)) {
+        cleanup(); // a full disk needs the space at once
+        return false;
+    }
+    (void)TLX_ASSERT_AS(m_file.close(), "0 == ACE_OS::close(m_handle)");
     m_finalPath.reset();
+    m_number.reset();
     m_path = target;
+    // The temporary file is gone, so a clean-up may run.
+    m_cleanupLock.reset();
     // This makes the names of both files of the record durable.
-    if (const auto named = syncDirectory(target.directory()); !named) {
+    if (const auto named = syncStoreDirectory(target.directory()); !named) {
         DISC_LOG(1, "Unable to sync " << target.directory() << ", error " << named.error().value());
         return false;
     }
     m_spoilt = false;
+    return true;
+}
+
+/// Renames the temporary payload. The rename also removes the stored payload, so at each moment the
+/// record has one of the two.
+bool DBCollectionData::replaceStored(const TlxPathname& target)
+{
+    // Compat(delete-then-rename): log readers expect two lines in each put, and a deletion that
+    // fails in the first put.
+    const bool replaces = statusAt(target).has_value();
+    const auto renamed = renameFile(m_path, target);
+    if (renamed && replaces)
+        DISC_LOG(4, "Deleted file: " << target);
+    else
+        DISC_LOG(1, "Unable to delete " << target);
+    if (!renamed) {
+        DISC_LOG(1, "Unable to rename " << m_path << " to " << target);
+        DISC_LOG(1, "The cause: " << describeError(renamed.error()));
+        return false;
+    }
+    DISC_LOG(1, "Successfully renamed " << m_path << " to " << target);
     return true;
 }
 
@@ -194,29 +232,40 @@ bool DBCollectionData::cleanup()
         (void)TLX_ASSERT_AS(m_file.close(), "0 == ACE_OS::close(m_handle)");
         // A file that is open for reading is the stored payload.
         if (m_mode == OM_UPDATE) {
-            if (::unlink(m_path.c_str()) == 0)
+            if (const auto removed = removeFile(m_path)) {
                 DISC_LOG(1, "Deleted file: " << m_path);
-            else
+            } else {
                 DISC_LOG(1, "Unable to delete " << m_path);
+                DISC_LOG(1, "The cause: " << describeError(removed.error()));
+            }
         }
     }
     if (m_finalPath)
         m_path = *m_finalPath;
     m_finalPath.reset();
+    m_number.reset();
+    m_prepared = false;
     m_cleanupLock.reset();
     return true;
+}
+
+void DBCollectionData::giveUp()
+{
+    m_spoilt = true;
+    cleanup();
 }
 
 bool DBCollectionData::expire() const
 {
     DISC_TRACE("DBCollectionData::expire");
-    if (::unlink(m_path.c_str()) == 0) {
+    const auto removed = removeFile(m_path);
+    if (removed) {
         // Compat(log-payload): log readers know "colllection".
         DISC_LOG(4, "Deleted colllection: " << m_path);
         return true;
     }
-    if (errno != ENOENT) {
-        DISC_LOG(1, "Unable to delete " << m_path << ", error " << errno);
+    if (removed.error() != std::errc::no_such_file_or_directory) {
+        DISC_LOG(1, "Unable to delete " << m_path << ", error " << removed.error().value());
         return false;
     }
     DISC_LOG(1, "Collection data did not exist " << m_path);

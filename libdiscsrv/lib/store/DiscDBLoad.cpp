@@ -1,18 +1,28 @@
 // Reading a record of the store, and removing an expired one.
 
 #include <cerrno>
+#include <string_view>
 #include <utility>
-
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "DiscDB.h"
 #include "DiscLog.h"
+#include "MetadataCache.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
+
 constexpr const char* LOG_SOURCE = "../DiscDB";
+
+/// How often a word is in a text.
+std::size_t countOf(std::string_view word, std::string_view text)
+{
+    std::size_t count = 0;
+    for (auto at = text.find(word); at != text.npos; at = text.find(word, at + word.size()))
+        ++count;
+    return count;
+}
+
 } // namespace
 
 bool isExpired(const Discovery* discovery)
@@ -29,10 +39,13 @@ bool DBDiscovery::load()
     if (!TLX_ASSERT(m_fileLock) || !TLX_ASSERT_AS(m_fileLock->get_handle() != -1,
                                                   "ACE_INVALID_HANDLE != m_fileLock->get_handle()"))
         return false;
-    const int fd = m_fileLock->get_handle();
-    struct stat status = {};
-    if (::fstat(fd, &status) != 0)
-        return false;
+    const auto status = statusOf(m_fileLock->get_handle());
+    return status && loadFile(*status);
+}
+
+/// @param status of the locked file.
+bool DBDiscovery::loadFile(const struct stat& status)
+{
     if (status.st_size == 0) {
         DISC_LOG(1, "Zero length xml file");
         return false;
@@ -43,12 +56,25 @@ bool DBDiscovery::load()
                                                     << m_metadataPath << " has " << size);
         return false;
     }
+    const std::string name = m_metadataPath.fileName();
+    if (const auto known = metadataCache().find(name, status)) {
+        known->copyTo(*this);
+        return true;
+    }
     m_metadataText.resize(size);
-    if (::pread(fd, m_metadataText.data(), size, 0) != static_cast<ssize_t>(size)) {
+    const auto read = readFullAt(m_fileLock->get_handle(), m_metadataText.data(), size, 0);
+    if (!read || *read != size) {
         m_metadataText.clear();
         return false;
     }
-    return loadInternal();
+    const bool hasOnePriority = countOf(PRIORITY, m_metadataText) == 2; // both tags of one element
+    if (!loadInternal())
+        return false;
+    // The priority rule reads the first priority in a document, wherever it is. So only a document
+    // with one priority is remembered.
+    if (const auto metadata = RememberedMetadata::of(*this); metadata && hasOnePriority)
+        metadataCache().remember(name, status, *metadata);
+    return true;
 }
 
 bool DBDiscovery::load(const char* xml)
@@ -91,6 +117,7 @@ int DBDiscovery::expire()
             return FAILED;
         }
     }
+    const WriterTurn turn(*m_fileLock);
     const FileGate gate(*m_fileLock);
     // While the lock was free another process may have removed the record, or replaced it.
     if (!m_fileLock->isStillAt(m_metadataPath.text()))
@@ -112,10 +139,13 @@ bool DBDiscovery::removeFiles()
     auto* collection = dynamic_cast<DBCollectionData*>(getCollectionData());
     if (!TLX_ASSERT(collection) || !collection->expire())
         return false;
-    const bool removed = ::unlink(m_metadataPath.c_str()) == 0;
-    if (!removed)
+    metadataCache().forget(m_metadataPath.fileName());
+    const auto removed = removeFile(m_metadataPath);
+    if (!removed) {
         DISC_LOG(1, "Unable to delete " << m_metadataPath);
-    return removed;
+        DISC_LOG(1, "The cause: " << describeError(removed.error()));
+    }
+    return removed.has_value();
 }
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

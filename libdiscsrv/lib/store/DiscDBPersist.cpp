@@ -1,17 +1,16 @@
 // Writing a record of the store: the priority rule, and the order of the writes and syncs.
 // docs/formats.md lists the states that a crash can leave.
 
-#include <cerrno>
 #include <sstream>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <tlx/File.h>
 
 #include "DiscDB.h"
 #include "DiscLog.h"
+#include "MetadataCache.h"
 #include "RecordFile.h"
 #include "XMLHelper.h"
 
@@ -20,7 +19,8 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 constexpr const char* LOG_SOURCE = "../DiscDB";
-constexpr std::size_t READ_CHUNK = 8096; ///< any size would do
+/// Almost every metadata document is shorter.
+constexpr std::size_t READ_CHUNK = 8096;
 
 } // namespace
 
@@ -32,49 +32,49 @@ bool DBDiscovery::canOverride()
     if (name.empty())
         return false;
     const TlxPathname path = m_dbPath.withFileName(name);
-    bool answer = true;
-    {
-        const auto file = openRecordFile(path, O_RDONLY, LockLevel::Read);
-        if (file) {
-            answer = mayReplaceStored(file->lock->get_handle());
-        } else if (file.error().step != LockFailure::OPENING) { // otherwise no record is stored
-            DISC_LOG(1, "Unable to acquire read lock " << path);
-            answer = false;
-        }
-    }
-    m_metadataText.clear();
-    return answer;
+    const auto status = statusAt(path);
+    if (!status && status.error() == std::errc::no_such_file_or_directory)
+        return true;
+    if (status)
+        if (const auto known = metadataCache().find(name, *status))
+            return mayReplace(known->priority);
+    const auto file = openRecordFile(path, O_RDONLY, LockLevel::Read);
+    if (file)
+        return mayReplaceFile(file->lock->get_handle());
+    if (file.error().step == LockFailure::OPENING) // no record can be read, so none is in the way
+        return true;
+    DISC_LOG(1, "Unable to acquire read lock " << path);
+    DISC_LOG(1, "The cause: " << causeOf(file.error()));
+    return false;
 }
 
-/// Applies the priority rule to an open metadata file: only a stored record of higher priority
-/// forbids a new one.
+/// The priority rule: only a stored record of higher priority forbids a new one.
+bool DBDiscovery::mayReplace(unsigned int storedPriority) const
+{
+    return storedPriority <= (getAttributes() ? getAttributes()->getPriority() : 0);
+}
+
+/// Applies the priority rule to an open metadata file. A file that cannot be read forbids nothing.
 // Compat(expired-blocks): peers get DS_DATA_EXISTS from an expired record until a lookup removes
 // it.
-bool DBDiscovery::mayReplaceStored(int fd)
+bool DBDiscovery::mayReplaceFile(int fd)
 {
-    struct stat status = {};
-    if (::fstat(fd, &status) == 0 && status.st_size == 0)
-        return true;
-    if (::lseek(fd, 0, SEEK_SET) != 0)
-        return true;
-    m_metadataText.clear();
-    char chunk[READ_CHUNK];
-    ssize_t count = 0;
-    while ((count = ::read(fd, chunk, sizeof chunk)) > 0) {
-        m_metadataText.append(chunk, static_cast<std::size_t>(count));
-        if (m_metadataText.size() > MAX_METADATA_BYTES)
-            return true;
+    std::string text(READ_CHUNK, '\0');
+    auto size = readFullAt(fd, text.data(), text.size(), 0);
+    if (size && *size == text.size()) { // there may be more
+        text.resize(MAX_METADATA_BYTES + 1);
+        size = readFullAt(fd, text.data(), text.size(), 0);
     }
-    if (count < 0)
+    if (!size || *size == 0 || *size > MAX_METADATA_BYTES)
         return true;
-
+    text.resize(*size);
     // Compat(priority-parsed-twice): log readers rely on two traces of the parser for a valid
     // document, and on one message for a broken document.
     XMLHelper helper;
     unsigned int stored = 0;
-    if (helper.parse(m_metadataText, stored) != 0 || helper.parse(m_metadataText, stored) != 0)
+    if (helper.parse(text, stored) != 0 || helper.parse(text, stored) != 0)
         return true;
-    return stored <= (getAttributes() ? getAttributes()->getPriority() : 0);
+    return mayReplace(stored);
 }
 
 DiscoveryResult DBDiscovery::persist()
@@ -87,17 +87,10 @@ DiscoveryResult DBDiscovery::persist()
     ready = TLX_ASSERT(getCollectionData()) && ready;
     if (!ready || !hasUsableFileName())
         return {DS_OPEN_FAILED, 0};
-    const TlxPathname path = m_dbPath.withFileName(generateMetabaseFileName());
-    if (!canOverride()) {
-        DISC_LOG(1, "Cannot persist, data with higher priority already exists.");
-        return {DS_DATA_EXISTS, 0};
-    }
-    // A persist that will fail must not touch the stored record.
-    const auto* collection = dynamic_cast<DBCollectionData*>(getCollectionData());
-    if (collection && collection->isSpoilt()) {
-        DISC_LOG(1, "Collection data update failed");
+    auto* const payload = dynamic_cast<DBCollectionData*>(getCollectionData());
+    if (!TLX_ASSERT_AS(payload, "collection"))
         return {DS_OPEN_FAILED, 0};
-    }
+    const TlxPathname path = m_dbPath.withFileName(generateMetabaseFileName());
     std::ostringstream document;
     writeXml(document, XmlStr::Encoding{});
     const std::string xml = document.str();
@@ -106,51 +99,69 @@ DiscoveryResult DBDiscovery::persist()
                                                     << path << " has " << xml.size());
         return {DS_OPEN_FAILED, 0};
     }
-    auto file = openRecordFile(path, O_RDWR | O_CREAT, LockLevel::Write);
-    if (!file) {
-        DISC_LOG(1, messageOf(file.error()) << path);
-        return {DS_OPEN_FAILED, 0};
-    }
-    holdLock(std::move(file->lock));
-    const DiscoveryResult result = persistLocked(path, xml);
-    if (!isSuccess(result))
-        holdLock(nullptr); // so that the caller may try again
-    return result;
-}
-
-DiscoveryResult DBDiscovery::persistLocked(const TlxPathname& path, const std::string& xml)
-{
-    const int fd = m_fileLock->get_handle();
-    // Another writer may have stored a record since canOverride, so apply the rule again.
-    const bool replaceable = mayReplaceStored(fd);
-    m_metadataText.clear();
-    if (!replaceable) {
-        DISC_LOG(1, "Cannot persist, data with higher priority already exists.");
-        return {DS_DATA_EXISTS, 0};
-    }
-
-    struct stat before = {};
-    const bool isNew = ::fstat(fd, &before) == 0 && before.st_size == 0;
-    const bool written = ::lseek(fd, 0, SEEK_SET) == 0 && writeMetadata(fd, xml);
-    if (!written) {
-        DISC_LOG(1, "Metadata update to " << path << " failed");
-        // The name held no record before, so remove the empty or half-written file.
-        if (isNew)
-            (void)::unlink(path.c_str());
-        return {DS_OPEN_FAILED, 0};
-    }
-
-    auto* data = dynamic_cast<DBCollectionData*>(getCollectionData());
-    if (!TLX_ASSERT_AS(data, "collection") ||
-        !data->persist(m_dbPath.withFileName(generatecollectionBaseFileName()))) {
+    // The payload goes first: a persist that fails there has not touched the stored record.
+    if (!payload->prepare()) {
         DISC_LOG(1, "Collection data update failed");
         return {DS_OPEN_FAILED, 0};
     }
-    if (::fsync(fd) != 0) {
-        DISC_LOG(1, "Unable to sync " << path << ", error " << errno);
+    if (!canOverride()) {
+        DISC_LOG(1, "Cannot persist, data with higher priority already exists.");
+        return {DS_DATA_EXISTS, 0};
+    }
+    auto file = openRecordFile(path, O_RDWR | O_CREAT, LockLevel::Write);
+    if (!file) {
+        logFailure(file.error(), path);
+        payload->giveUp(); // a full disk needs its space at once
+        return {DS_OPEN_FAILED, 0};
+    }
+    const DiscoveryResult result = persistLocked(*file, path, xml);
+    if (isSuccess(result))
+        holdLock(std::move(file->lock));
+    else if (result.discStatus != DS_DATA_EXISTS)
+        payload->giveUp();
+    return result;
+}
+
+/// The order of the steps is in docs/formats.md.
+DiscoveryResult DBDiscovery::persistLocked(LockedFile& file, const TlxPathname& path,
+                                           const std::string& xml)
+{
+    // The turn keeps this process's other writers of the record away until the end. The gate keeps
+    // its readers away only from the metadata, and not while the disk syncs.
+    {
+        const FileGate gate = std::move(file.gate);
+        // Another writer may have stored a record since canOverride, so apply the rule again.
+        const auto known = metadataCache().find(path.fileName(), file.status);
+        if (!(known ? mayReplace(known->priority) : mayReplaceFile(file.lock->get_handle()))) {
+            DISC_LOG(1, "Cannot persist, data with higher priority already exists.");
+            return {DS_DATA_EXISTS, 0};
+        }
+        if (!replaceMetadata(file, path, xml))
+            return {DS_OPEN_FAILED, 0};
+    }
+    // Before the payload's name: otherwise a power cut could leave old metadata with a new payload.
+    if (const auto synced = syncFile(file.lock->get_handle()); !synced) {
+        DISC_LOG(1, "Unable to sync " << path << ", error " << synced.error().value());
+        return {DS_OPEN_FAILED, 0};
+    }
+    auto* const payload = dynamic_cast<DBCollectionData*>(getCollectionData());
+    if (!payload || !payload->persist(m_dbPath.withFileName(generatecollectionBaseFileName()))) {
+        DISC_LOG(1, "Collection data update failed");
         return {DS_OPEN_FAILED, 0};
     }
     return {DS_SUCCESS, 0};
+}
+
+bool DBDiscovery::replaceMetadata(LockedFile& file, const TlxPathname& path, const std::string& xml)
+{
+    const int fd = file.lock->get_handle();
+    if (::lseek(fd, 0, SEEK_SET) == 0 && writeMetadata(fd, xml))
+        return true;
+    DISC_LOG(1, "Metadata update to " << path << " failed");
+    // If the name held no record before, remove the empty or half-written file.
+    if (file.status.st_size == 0)
+        (void)removeFile(path);
+    return false;
 }
 
 // Compat(metadata-in-place): other processes on a store lock the metadata file itself. So it is
@@ -158,12 +169,17 @@ DiscoveryResult DBDiscovery::persistLocked(const TlxPathname& path, const std::s
 bool DBDiscovery::writeMetadata(int fd, const std::string& xml)
 {
     DISC_TRACE("DBDiscovery::writeMetadata");
-    if (!reserveSpace(fd, xml.size()) || !writeAll(fd, xml)) {
+    auto written = reserveSpace(fd, xml.size());
+    if (written)
+        written = writeAll(fd, xml);
+    if (!written) {
         DISC_LOG(1, "Unable to write metadata");
+        DISC_LOG(1, "The cause: " << describeError(written.error()));
         return false;
     }
-    if (::ftruncate(fd, static_cast<off_t>(xml.size())) != 0) {
+    if (const auto cut = truncateFile(fd, xml.size()); !cut) {
         DISC_LOG(1, "Unable to truncate metadata");
+        DISC_LOG(1, "The cause: " << describeError(cut.error()));
         return false;
     }
     return true;

@@ -32,8 +32,6 @@ DBDiscovery::~DBDiscovery()
 
 void DBDiscovery::holdLock(std::unique_ptr<FileLock> lock)
 {
-    if (auto* data = dynamic_cast<DBCollectionData*>(getCollectionData()))
-        data->setRecordLock(lock.get());
     m_fileLock = std::move(lock);
 }
 

@@ -1,6 +1,12 @@
 #include "RecordFile.h"
 
+#include "DiscLog.h"
+
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+namespace {
+constexpr const char* LOG_SOURCE = "../DiscDB";
+} // namespace
 
 tl::expected<LockedFile, LockFailure> openRecordFile(const TlxPathname& path, int flags,
                                                      LockLevel level)
@@ -11,9 +17,24 @@ tl::expected<LockedFile, LockFailure> openRecordFile(const TlxPathname& path, in
     return openLocked(path, flags, PERMISSIONS, level, LockWait::WAIT);
 }
 
-const char* messageOf(const LockFailure& failure)
+void logFailure(const LockFailure& failure, const TlxPathname& path)
 {
-    return failure.step == LockFailure::OPENING ? "Unable to open " : "Unable to lock ";
+    DISC_LOG(1, (failure.step == LockFailure::OPENING ? "Unable to open " : "Unable to lock ")
+                    << path);
+    DISC_LOG(1, "The cause: " << causeOf(failure));
+}
+
+std::string causeOf(const LockFailure& failure)
+{
+    if (failure.step == LockFailure::REPLACED)
+        return "the file was replaced after each of " + std::to_string(LOCK_MAX_ATTEMPTS) +
+               " openings";
+    if (failure.error == std::errc::timed_out)
+        return "another process held its lock for " +
+               std::to_string(FileLock::waitLimit().count()) + " milliseconds";
+    if (failure.error == std::errc::device_or_resource_busy)
+        return "another process or another writer has a lock on it";
+    return describeError(failure.error);
 }
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -1,6 +1,8 @@
 #pragma once
 // Opens the metadata file of a record.
 
+#include <string>
+
 #include <tl/expected.hpp>
 
 #include <tlx/FileLock.h>
@@ -15,7 +17,9 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 [[nodiscard]] tl::expected<LockedFile, LockFailure> openRecordFile(const TlxPathname& path,
                                                                    int flags, LockLevel level);
 
-/// The message for the log about a failure of openRecordFile, to be followed by the path.
-const char* messageOf(const LockFailure& failure);
+/// Logs a failure of openRecordFile: what failed, and the cause.
+void logFailure(const LockFailure& failure, const TlxPathname& path);
+/// The cause of a failure, for the log.
+std::string causeOf(const LockFailure& failure);
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -32,6 +32,9 @@ namespace Veltrane::Quillmark::Tlx {
 /// at the end. Waits for a non-blocking descriptor.
 [[nodiscard]] FileResult<std::size_t> readFull(int descriptor, char* buffer, std::size_t size);
 
+/// Reads once, like read(2). Returns the count, which may be less than size; 0 only at the end.
+[[nodiscard]] FileResult<std::size_t> readOnce(int descriptor, char* buffer, std::size_t size);
+
 /// The content of a regular file of at most the given size. Fails with std::errc::invalid_argument
 /// if it is not a regular file, without waiting for the writer of a pipe. Fails with
 /// std::errc::file_too_large if it is larger.
@@ -41,14 +44,15 @@ namespace Veltrane::Quillmark::Tlx {
 [[nodiscard]] FileResult<std::size_t> readFullAt(int descriptor, char* buffer, std::size_t size,
                                                  off_t position);
 
-/// The status of an open file, and of the file at a path.
+/// The status of an open file, of the file at a path, and of a file in an open directory.
 [[nodiscard]] FileResult<struct stat> statusOf(int descriptor);
 [[nodiscard]] FileResult<struct stat> statusAt(const TlxPathname& path);
+[[nodiscard]] FileResult<struct stat> statusIn(int directory, const char* name);
 
 /// Cuts or lengthens a file.
 [[nodiscard]] FileResult<> truncateFile(int descriptor, std::size_t size);
 
-/// Makes the bytes of a file survive a power cut, but not its name; see syncDirectory.
+/// Makes the bytes and the size of a file survive a power cut, but not its name; see syncDirectory.
 [[nodiscard]] FileResult<> syncFile(int descriptor);
 
 /// Renames a file. Replaces a file of the new name; at each moment one of the two files is there.

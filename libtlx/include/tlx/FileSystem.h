@@ -30,11 +30,13 @@ class FileSystem
     virtual int fallocate(int descriptor, off_t bytes);
     virtual int ftruncate(int descriptor, off_t size);
     virtual int fsync(int descriptor);
+    virtual int fdatasync(int descriptor);
     virtual int rename(const char* from, const char* to);
     virtual int unlink(const char* path);
     virtual int mkdir(const char* path, mode_t mode);
     virtual int fstat(int descriptor, struct stat* status);
-    virtual int stat(const char* path, struct stat* status);
+    /// Follows symbolic links.
+    virtual int fstatat(int directory, const char* path, struct stat* status);
     /// Works on the locks of an open file description (F_OFD_SETLK, F_OFD_GETLK).
     virtual int lock(int descriptor, int command, struct flock* request);
     virtual DIR* opendir(const char* path);

@@ -65,6 +65,11 @@ int FileSystem::fsync(int descriptor)
     return ::fsync(descriptor);
 }
 
+int FileSystem::fdatasync(int descriptor)
+{
+    return ::fdatasync(descriptor);
+}
+
 int FileSystem::rename(const char* from, const char* to)
 {
     return ::rename(from, to);
@@ -85,9 +90,9 @@ int FileSystem::fstat(int descriptor, struct stat* status)
     return ::fstat(descriptor, status);
 }
 
-int FileSystem::stat(const char* path, struct stat* status)
+int FileSystem::fstatat(int directory, const char* path, struct stat* status)
 {
-    return ::stat(path, status);
+    return ::fstatat(directory, path, status, 0);
 }
 
 int FileSystem::lock(int descriptor, int command, struct flock* request)

@@ -91,6 +91,15 @@ FileResult<std::size_t> readFull(int descriptor, char* buffer, std::size_t size)
     return done;
 }
 
+FileResult<std::size_t> readOnce(int descriptor, char* buffer, std::size_t size)
+{
+    const ssize_t count =
+        uninterrupted([&] { return FileSystem::current().read(descriptor, buffer, size); });
+    if (count < 0)
+        return lastError();
+    return static_cast<std::size_t>(count);
+}
+
 FileResult<std::size_t> readFullAt(int descriptor, char* buffer, std::size_t size, off_t position)
 {
     std::size_t done = 0;
@@ -118,8 +127,13 @@ FileResult<struct stat> statusOf(int descriptor)
 
 FileResult<struct stat> statusAt(const TlxPathname& path)
 {
+    return statusIn(AT_FDCWD, path.c_str());
+}
+
+FileResult<struct stat> statusIn(int directory, const char* name)
+{
     struct stat status = {};
-    if (uninterrupted([&] { return FileSystem::current().stat(path.c_str(), &status); }) != 0)
+    if (uninterrupted([&] { return FileSystem::current().fstatat(directory, name, &status); }) != 0)
         return lastError();
     return status;
 }
@@ -132,7 +146,7 @@ FileResult<> truncateFile(int descriptor, std::size_t size)
 
 FileResult<> syncFile(int descriptor)
 {
-    return succeeds([&] { return FileSystem::current().fsync(descriptor); });
+    return succeeds([&] { return FileSystem::current().fdatasync(descriptor); });
 }
 
 FileResult<> renameFile(const TlxPathname& from, const TlxPathname& to)
@@ -188,7 +202,7 @@ FileResult<> syncDirectory(const TlxPathname& directory)
     const auto file = openFile(directory, O_RDONLY | O_DIRECTORY);
     if (!file)
         return tl::unexpected(file.error());
-    return syncFile(file->get());
+    return succeeds([&] { return FileSystem::current().fsync(file->get()); });
 }
 
 FileResult<TemporaryFile> makeTemporaryFile(const TlxPathname& beginning)

@@ -75,6 +75,7 @@ struct Evictor::State
     std::map<std::string, Watched> objects;
     bool ended = false;
     std::thread thread;
+    TimePoint wake{}; ///< when the thread looks next
 
     TimePoint now() const { return clock ? clock() : std::chrono::steady_clock::now(); }
 
@@ -123,20 +124,23 @@ void Evictor::addObject(const TlxObjTime& timeout, PortableServer::POA_ptr poa,
     const std::lock_guard guard(m_state->mutex);
     if (m_state->ended)
         throw CORBA::BAD_INV_ORDER();
+    const TimePoint due = object.due();
     m_state->objects.insert_or_assign(keyOf(id), std::move(object));
     if (m_state->ownThread && !m_state->thread.joinable())
         m_state->thread = std::thread([this] {
             std::unique_lock lock(m_state->mutex);
             while (!m_state->ended) {
-                m_state->changed.wait_until(lock, m_state->nextLook());
-                if (m_state->ended)
-                    return;
+                m_state->wake = m_state->nextLook();
+                // addObject wakes it only for an object that is due earlier.
+                if (m_state->changed.wait_until(lock, m_state->wake) == std::cv_status::no_timeout)
+                    continue;
                 lock.unlock();
                 evictIdle();
                 lock.lock();
             }
         });
-    m_state->changed.notify_one();
+    if (due < m_state->wake)
+        m_state->changed.notify_one();
 }
 
 void Evictor::removeObject(const PortableServer::ObjectId& id, bool deactivateIt, bool quiet)

@@ -1,8 +1,9 @@
 #include <tlx/DomHandler.h>
 
-#include <xercesc/dom/DOMDocument.hpp>
-#include <xercesc/dom/DOMElement.hpp>
-#include <xercesc/dom/DOMNodeList.hpp>
+#include <limits>
+#include <map>
+#include <vector>
+
 #include <xercesc/framework/MemBufInputSource.hpp>
 
 #include <tlx/ValueConverter.h>
@@ -15,9 +16,9 @@ namespace Veltrane::Quillmark::Tlx {
 
 namespace {
 
-/// The most elements, attributes and entities of a document. Documents here are small. The time to
-/// build the library's tree grows with the square of the number of different names.
+/// The most elements, attributes and entities of a document. Documents here are small.
 constexpr std::size_t LARGEST_DOCUMENT = 10000;
+constexpr std::size_t UNLIMITED = std::numeric_limits<std::size_t>::max();
 
 } // namespace
 
@@ -38,13 +39,38 @@ bool DataDescription::store(const TlxString& text) const
     return std::visit(Store{text}, m_target);
 }
 
-struct TlxDOMHandler::Document
+/// Collects the text of a document, and where in it the first element of each name begins and ends.
+/// So one pass needs memory for one copy of the text, and no tree.
+struct TlxDOMHandler::Document : xercesc::HandlerBase
 {
-    explicit Document(xercesc::DOMDocument* adopted) : dom(adopted) {}
-    Document(const Document&) = delete;
-    Document& operator=(const Document&) = delete;
-    ~Document() { dom->release(); }
-    xercesc::DOMDocument* const dom;
+    struct Element
+    {
+        std::size_t begin = 0;
+        std::size_t end = 0;
+    };
+    std::basic_string<XMLCh> text;
+    std::map<std::basic_string<XMLCh>, Element, std::less<>> elements;
+
+    void startElement(const XMLCh* const name, xercesc::AttributeList&) override
+    {
+        const auto [element, isFirst] = elements.try_emplace(name);
+        if (isFirst)
+            element->second.begin = text.size();
+        open.push_back(isFirst ? &element->second : nullptr);
+    }
+    void endElement(const XMLCh* const) override
+    {
+        if (open.back())
+            open.back()->end = text.size();
+        open.pop_back();
+    }
+    void characters(const XMLCh* const chars, const XMLSize_t length) override
+    {
+        text.append(chars, length);
+    }
+
+  private:
+    std::vector<Element*> open; ///< null for an element that is not the first of its name
 };
 
 TlxDOMHandler::TlxDOMHandler(const char* text) : m_text(text ? text : "") {}
@@ -54,21 +80,25 @@ TlxDOMHandler::~TlxDOMHandler() = default;
 int TlxDOMHandler::parse()
 {
     m_document.reset();
-    const auto parsed = guardXml([this] {
+    auto document = std::make_unique<Document>();
+    const auto parsed = guardXml([&] {
         initialiseXml();
         xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(m_text.data()),
                                           m_text.size(), xercesc::XMLUni::fgZeroLenString);
         source.setCopyBufToStream(false);
-        XmlParserLease<xercesc::XercesDOMParser> parser;
+        XmlParserLease<xercesc::SAXParser> parser;
         parser->setNodeLimit(LARGEST_DOCUMENT);
-        parser->setCreateEntityReferenceNodes(false);
-        parser->setCreateCommentNodes(false);
+        parser->setDocumentHandler(document.get());
         XmlSource wellBehaved(source, "");
         parser->read(wellBehaved);
-        m_document = std::make_unique<Document>(parser->adoptDocument());
+        parser->setDocumentHandler(nullptr);
+        parser->setNodeLimit(UNLIMITED); // the next user of this parser sets no limit
         parser.keep(m_text.size());
     });
-    return parsed ? 0 : 1;
+    if (!parsed)
+        return 1;
+    m_document = std::move(document);
+    return 0;
 }
 
 int TlxDOMHandler::getValue(const char* elementName, const DataDescription& target) const
@@ -78,18 +108,13 @@ int TlxDOMHandler::getValue(const char* elementName, const DataDescription& targ
     constexpr int otherType = 2;
     if (!m_document || !elementName)
         return absent;
-    int result = absent;
-    // An element that cannot be read counts as absent.
-    (void)guardXml([&] {
-        const auto name = TlxString(elementName).toXmlCh();
-        const auto* elements = m_document->dom->getElementsByTagName(name.c_str());
-        const auto* first = elements->item(0);
-        if (!first)
-            return;
-        const TlxString text = TlxString::fromXmlCh(first->getTextContent());
-        result = target.store(text) ? found : otherType;
-    });
-    return result;
+    const auto element = m_document->elements.find(TlxString(elementName).toXmlCh());
+    if (element == m_document->elements.end())
+        return absent;
+    const auto [begin, end] = element->second;
+    const TlxString text = TlxString::fromXmlCh(
+        std::basic_string_view<XMLCh>(m_document->text).substr(begin, end - begin));
+    return target.store(text) ? found : otherType;
 }
 
 } // namespace Veltrane::Quillmark::Tlx

@@ -45,7 +45,14 @@ bool XmlObjParseContext::cmptag(const XMLCh* name, const char* tag)
 
 bool XmlObjParseContext::isTag(const XMLCh* name, const char* tag)
 {
-    return name && tag && TlxString(tag).toXmlCh() == name;
+    if (!name || !tag)
+        return false;
+    // Tags are plain ASCII, so they are compared without a conversion.
+    while (*name && *name == static_cast<unsigned char>(*tag)) {
+        ++name;
+        ++tag;
+    }
+    return *name == 0 && *tag == 0;
 }
 
 TlxString XmlObjParseContext::text() const

@@ -53,6 +53,8 @@ TEST_F(ProductKeysTest, EveryNumberHasItsBoundsAndItsDefault)
           Bounds{ConfigKey::REMOTE_MAX_RECORDS, 1, 10000000, 1000000},
           Bounds{ConfigKey::REMOTE_MAX_BYTES, 1024, 1ULL << 30, 67108864},
           Bounds{ConfigKey::REMOTE_MAX_SECONDS, 1, 86400, 600},
+          Bounds{ConfigKey::LOCK_WAIT_SECONDS, 1, 3600, 20},
+          Bounds{ConfigKey::CACHED_RECORDS, 0, 10000000, 500000},
           Bounds{ConfigKey::MAX_MESSAGE_BYTES, 65536, 1ULL << 30, 67108864}}) {
         const std::string key = bounds.key.name();
         EXPECT_EQ(problemsOf(""), Lines{});

@@ -107,19 +107,18 @@ TEST_F(DBCollectionDataTest, PersistWithoutWritingLeavesAnEmptyPayload)
     EXPECT_EQ(contentOf(path("x.dat")), "");
 }
 
-TEST_F(DBCollectionDataTest, APayloadThatCannotBeMovedStaysForTheCleanUp)
+TEST_F(DBCollectionDataTest, APayloadThatCannotBeMovedIsDeletedAtOnce)
 {
     std::filesystem::create_directory(path("x.dat"));
-    {
-        const auto data = make();
-        EXPECT_TRUE(data->open(OM_UPDATE, ""));
-        const LogCapture log;
-        EXPECT_FALSE(data->persist(TlxPathname(name("x.dat"))));
-        EXPECT_EQ(log.texts(1),
-                  (Lines{"Unable to delete " + name("x.dat"),
-                         "Unable to rename " + name("0.updating") + " to " + name("x.dat")}));
-    }
-    EXPECT_TRUE(std::filesystem::exists(path("0.updating")));
+    const auto data = make();
+    EXPECT_TRUE(data->open(OM_UPDATE, ""));
+    const LogCapture log;
+    EXPECT_FALSE(data->persist(TlxPathname(name("x.dat"))));
+    EXPECT_EQ(log.texts(1),
+              (Lines{"Unable to delete " + name("x.dat"),
+                     "Unable to rename " + name("0.updating") + " to " + name("x.dat"),
+                     "The cause: EISDIR, Is a directory", "Deleted file: " + name("0.updating")}));
+    EXPECT_EQ(files(), (Lines{"Update.lock", "x.dat"}));
     EXPECT_TRUE(CleanupLock(dir().c_str(), CleanupLock::LM_EXCLUSIVE).isLocked());
 }
 
@@ -208,10 +207,11 @@ TEST_F(DBCollectionDataTest, APayloadThatCannotBeSyncedIsNotMoved)
         const auto data = make();
         EXPECT_TRUE(data->open(OM_UPDATE, ""));
         const auto handle = static_cast<unsigned>(descriptorOf(path("0.updating")));
-        QmTest::refuseCalls(__NR_fsync, 0, {handle}, EIO);
+        QmTest::refuseCalls(__NR_fdatasync, 0, {handle}, EIO);
         const LogCapture log;
         EXPECT_FALSE(data->persist(TlxPathname(name("x.dat"))));
-        EXPECT_EQ(log.texts(1), Lines{"Unable to sync " + name("0.updating") + ", error 5"});
+        EXPECT_EQ(log.texts(1), (Lines{"Unable to sync " + name("0.updating") + ", error 5",
+                                       "Deleted file: " + name("0.updating")}));
         EXPECT_EQ(contentOf(path("x.dat")), "stored");
     });
 }
@@ -236,12 +236,16 @@ TEST_F(DBCollectionDataTest, ADirectoryThatCannotBeSyncedFailsThePersist)
 TEST_F(DBCollectionDataTest, ALockThatTheKernelRefusesIsLogged)
 {
     QM_IN_CHILD([this] {
-        QmTest::refuseCalls(__NR_fcntl, 1, {F_SETLK, F_SETLKW}, ENOLCK);
+        QmTest::refuseCalls(__NR_fcntl, 1, {F_OFD_SETLK}, ENOLCK);
         const LogCapture log;
         EXPECT_FALSE(CleanupLock(dir().c_str(), CleanupLock::LM_SHARED).isLocked());
         EXPECT_FALSE(CleanupLock(dir().c_str(), CleanupLock::LM_EXCLUSIVE).isLocked());
         EXPECT_FALSE(make()->open(OM_UPDATE, ""));
-        EXPECT_EQ(log.texts(1), Lines(3, "Unable to lock " + name("Update.lock")));
+        EXPECT_EQ(log.texts(1).size(), 6u);
+        for (std::size_t i = 0; i < 6; i += 2) {
+            EXPECT_EQ(log.texts(1)[i], "Unable to lock " + name("Update.lock"));
+            EXPECT_EQ(log.texts(1)[i + 1], "The cause: ENOLCK, No locks available");
+        }
         EXPECT_EQ(files(), Lines{"Update.lock"});
     });
 }
@@ -316,7 +320,8 @@ TEST_F(DBCollectionDataTest, CleanupReportsFilesThatItCannotDelete)
     std::filesystem::remove(path("0.updating"));
     const LogCapture log;
     EXPECT_TRUE(data->cleanup());
-    EXPECT_EQ(log.texts(1), Lines{"Unable to delete " + name("0.updating")});
+    EXPECT_EQ(log.texts(1), (Lines{"Unable to delete " + name("0.updating"),
+                                   "The cause: ENOENT, No such file or directory"}));
 }
 
 TEST_F(DBCollectionDataTest, CleanupNeverDeletesAStoredPayload)
@@ -376,7 +381,8 @@ TEST_F(DBCollectionDataTest, AWriterWithoutTheDirectorysLockWritesNothing)
     const auto data = make();
     const LogCapture log;
     EXPECT_FALSE(data->open(OM_UPDATE, ""));
-    EXPECT_EQ(log.texts(1), Lines{"Unable to open " + name("Update.lock")});
+    EXPECT_EQ(log.texts(1), (Lines{"Unable to open " + name("Update.lock"),
+                                   "The cause: EISDIR, Is a directory"}));
     EXPECT_EQ(files(), Lines{"Update.lock"});
 }
 
@@ -386,7 +392,9 @@ TEST_F(DBCollectionDataTest, TheCleanUpsLockIsRefusedWhileAWriterHoldsIt)
     EXPECT_TRUE(data->open(OM_UPDATE, ""));
     const LogCapture log;
     EXPECT_FALSE(CleanupLock(dir().c_str(), CleanupLock::LM_EXCLUSIVE).isLocked());
-    EXPECT_EQ(log.texts(1), Lines{"Unable to lock " + name("Update.lock")});
+    EXPECT_EQ(log.texts(1),
+              (Lines{"Unable to lock " + name("Update.lock"),
+                     "The cause: another process or another writer has a lock on it"}));
     EXPECT_TRUE(CleanupLock(dir().c_str(), CleanupLock::LM_SHARED).isLocked());
     struct stat status = {};
     ASSERT_EQ(::stat(name("Update.lock").c_str(), &status), 0);

@@ -243,7 +243,9 @@ TEST_F(DBDiscoveryTest, AMetadataPathThatCannotBeOpened)
     EXPECT_EQ(record->open(OM_UPDATE, "").discStatus, DS_SUCCESS);
     const LogCapture log;
     EXPECT_EQ(record->persist().discStatus, DS_OPEN_FAILED);
-    EXPECT_EQ(log.texts(1), Lines{"Unable to open " + path(metadata).string()});
+    EXPECT_EQ(log.texts(1), (Lines{"Unable to open " + path(metadata).string(),
+                                   "The cause: EISDIR, Is a directory",
+                                   "Deleted file: " + path("0.updating").string()}));
 }
 
 TEST_F(DBDiscoveryTest, APayloadThatCannotBeMovedFailsThePersist)
@@ -303,7 +305,8 @@ TEST_F(DBDiscoveryTest, WritingMetadataToADescriptorThatCannotBeWrittenFails)
     const LogCapture log;
     EXPECT_FALSE(record->writeMetadata(fd, "text"));
     ::close(fd);
-    EXPECT_EQ(log.texts(1), Lines{"Unable to write metadata"});
+    EXPECT_EQ(log.texts(1),
+              (Lines{"Unable to write metadata", "The cause: EBADF, Bad file descriptor"}));
     EXPECT_EQ(contentOf(path("file")), "content");
 }
 
@@ -386,13 +389,16 @@ TEST(DBDiscoveryDiskTest, AFullDiskLeavesTheStoredRecordReadable)
         disk.fill();
         LogCapture log;
         EXPECT_EQ(longer->persist().discStatus, DS_OPEN_FAILED);
-        EXPECT_EQ(log.texts(1), (Lines{"Unable to write metadata",
-                                       "Metadata update to " + dir + "/1 srv1 cl5.xml failed"}));
+        EXPECT_EQ(log.texts(1),
+                  (Lines{"Unable to write metadata", "The cause: ENOSPC, No space left on device",
+                         "Metadata update to " + dir + "/1 srv1 cl5.xml failed",
+                         "Deleted file: " + dir + "/0.updating"}));
         EXPECT_FALSE(
             cut->getCollectionData()->writeCollection(100000, std::string(100000, 'y').data()));
         log.clear();
         EXPECT_EQ(cut->persist().discStatus, DS_OPEN_FAILED);
-        EXPECT_EQ(log.texts(1), Lines{"Collection data update failed"});
+        EXPECT_EQ(log.texts(1),
+                  (Lines{"Deleted file: " + dir + "/1.updating", "Collection data update failed"}));
         EXPECT_EQ(unheard->persist().discStatus, DS_OPEN_FAILED);
     }
     EXPECT_EQ(contentOf(directory.path() / "disk" / "1 srv1 cl5.xml"), stored);

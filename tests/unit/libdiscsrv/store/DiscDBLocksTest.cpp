@@ -17,12 +17,13 @@ namespace {
 using QmTest::contentOf;
 using QmTest::eventually;
 using QmTest::findTagged;
-using QmTest::isBlocked;
 using QmTest::Lines;
 using QmTest::LogCapture;
 using QmTest::METADATA;
 using QmTest::PAYLOAD;
 using QmTest::putTagged;
+
+constexpr const char* BUSY = "The cause: another process or another writer has a lock on it";
 
 /// Works in another thread. It would wait for a lock that an earlier thread has left locked.
 void inThread(const std::function<void()>& work)
@@ -42,14 +43,9 @@ struct DiscDBLocksTest : QmTest::Store
     }
     std::string find(const char* file) { return peer.ask(std::string("find ") + file); }
     std::string sees(const std::string& file) { return peer.ask("sees " + path(file).string()); }
-    /// Whether the peer waits for the lock of the record.
-    bool peerWaits(const std::string& file = METADATA)
+    static bool thisProcessWaits()
     {
-        return eventually([&] { return isBlocked(peer.pid(), path(file)); });
-    }
-    bool thisProcessWaits(const std::string& file = METADATA)
-    {
-        return eventually([&] { return isBlocked(::getpid(), path(file)); });
+        return eventually([] { return FileLock::counts().waiting > 0; });
     }
     using Store::find;
 
@@ -149,7 +145,7 @@ TEST_F(DiscDBLocksTest, AWriterGoesOnWhenTheOtherProcessReleasesItsRecord)
     EXPECT_EQ(peer.ask("begin cl5 9"), "0");
     EXPECT_EQ(peer.ask("write new"), "1");
     peer.tell("persist");
-    EXPECT_TRUE(peerWaits());
+    EXPECT_TRUE(peer.waits());
     EXPECT_FALSE(peer.answers(std::chrono::milliseconds::zero()));
     EXPECT_EQ(read(*kept), "old");
     kept.reset();
@@ -282,7 +278,7 @@ TEST_F(DiscDBLocksTest, AWriterThatIsKilledWhileItWaitsLeavesTheRecord)
     EXPECT_EQ(peer.ask("begin cl5 9"), "0");
     EXPECT_EQ(peer.ask("write new"), "1");
     peer.tell("persist");
-    EXPECT_TRUE(peerWaits());
+    EXPECT_TRUE(peer.waits());
     peer.kill();
     EXPECT_EQ(read(*kept), "old");
     kept.reset();
@@ -299,10 +295,12 @@ TEST_F(DiscDBLocksTest, TwoProcessesThatWaitForEachOtherDoNotWaitForever)
     EXPECT_EQ(find("1 srv1 b.xml"), "found payload");
     EXPECT_EQ(peer.ask("begin a 9"), "0");
     peer.tell("persist");
-    EXPECT_TRUE(peerWaits("1 srv1 a.xml"));
+    EXPECT_TRUE(peer.waits());
     log.clear();
+    FileLock::setWaitLimit(std::chrono::milliseconds(50));
     EXPECT_EQ(put({.subject = "b"}), DS_OPEN_FAILED);
     EXPECT_TRUE(log.has(1, "Unable to lock " + path("1 srv1 b.xml").string()));
+    EXPECT_TRUE(log.has(1, "The cause: another process held its lock for 50 milliseconds"));
     kept.reset();
     EXPECT_EQ(peer.answer(), "0");
 }
@@ -348,7 +346,7 @@ TEST_F(DiscDBStartTest, TheFirstOfTwoProcessesToFinishLeavesTheOthersPayloadSafe
     EXPECT_EQ(peer.ask("persist"), "0");
     EXPECT_EQ(peer.ask("drop"), "done");
     getDiscoveryDBDatabase()->init(dir);
-    EXPECT_EQ(log.texts(1), Lines{"Unable to lock " + dir + "/Update.lock"});
+    EXPECT_EQ(log.texts(1), (Lines{"Unable to lock " + dir + "/Update.lock", BUSY}));
     EXPECT_TRUE(exists("1.updating"));
     EXPECT_EQ(second.ask("persist"), "0");
     EXPECT_EQ(second.ask("drop"), "done");

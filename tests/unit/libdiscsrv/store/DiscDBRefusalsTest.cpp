@@ -19,7 +19,7 @@ using QmTest::METADATA;
 
 struct DiscDBRefusalsTest : QmTest::Store
 {
-    static void refuseLocks() { QmTest::refuseCalls(__NR_fcntl, 1, {F_SETLK, F_SETLKW}, ENOLCK); }
+    static void refuseLocks() { QmTest::refuseCalls(__NR_fcntl, 1, {F_OFD_SETLK}, ENOLCK); }
     std::string name() const { return path(METADATA).string(); }
 };
 
@@ -31,7 +31,8 @@ TEST_F(DiscDBRefusalsTest, WithoutAReadLockARecordIsNotReplaced)
         refuseLocks();
         const LogCapture log;
         EXPECT_FALSE(record->canOverride());
-        EXPECT_EQ(log.texts(1), Lines{"Unable to acquire read lock " + name()});
+        EXPECT_EQ(log.texts(1), (Lines{"Unable to acquire read lock " + name(),
+                                       "The cause: ENOLCK, No locks available"}));
     });
 }
 
@@ -42,7 +43,8 @@ TEST_F(DiscDBRefusalsTest, WithoutAReadLockARecordIsNotFound)
         refuseLocks();
         const LogCapture log;
         EXPECT_FALSE(find(METADATA));
-        EXPECT_EQ(log.texts(1), Lines{"Unable to lock " + name()});
+        EXPECT_EQ(log.texts(1),
+                  (Lines{"Unable to lock " + name(), "The cause: ENOLCK, No locks available"}));
     });
 }
 
@@ -54,7 +56,11 @@ TEST_F(DiscDBRefusalsTest, WithoutAWriteLockARecordIsNotStored)
         refuseLocks();
         const LogCapture log;
         EXPECT_EQ(record->persist().discStatus, DS_OPEN_FAILED);
-        EXPECT_EQ(log.texts(1), Lines{"Unable to lock " + name()});
+        EXPECT_EQ(log.texts(1),
+                  (Lines{"Unable to lock " + name(), "The cause: ENOLCK, No locks available",
+                         "Deleted file: " + path("0.updating").string(),
+                         "Cannot lower the lock on a file: ENOLCK, No locks "
+                         "available"}));
     });
 }
 
@@ -68,8 +74,10 @@ TEST_F(DiscDBRefusalsTest, AFileThatCannotBeCutFailsThePersist)
         QmTest::refuseCalls(__NR_ftruncate, 1, {static_cast<unsigned>(document.str().size())}, EIO);
         const LogCapture log;
         EXPECT_EQ(record->persist().discStatus, DS_OPEN_FAILED);
-        EXPECT_EQ(log.texts(1), (Lines{"Unable to truncate metadata",
-                                       "Metadata update to " + name() + " failed"}));
+        EXPECT_EQ(log.texts(1),
+                  (Lines{"Unable to truncate metadata", "The cause: EIO, Input/output error",
+                         "Metadata update to " + name() + " failed",
+                         "Deleted file: " + path("0.updating").string()}));
     });
 }
 
@@ -80,10 +88,11 @@ TEST_F(DiscDBRefusalsTest, AnExpiredRecordWhoseLockCannotBeChangedStays)
         const auto record = find(METADATA);
         ASSERT_TRUE(record);
         setNow(2000);
-        QmTest::refuseCalls(__NR_fcntl, 1, {F_SETLK}, ENOLCK);
+        QmTest::refuseCalls(__NR_fcntl, 1, {F_OFD_SETLK}, ENOLCK);
         const LogCapture log;
         EXPECT_EQ(record->expire(), 2);
-        EXPECT_EQ(log.texts(1), (Lines{"Cannot lower the lock on a file: No locks available",
+        EXPECT_EQ(log.texts(1), (Lines{"Cannot lower the lock on a file: ENOLCK, No locks "
+                                       "available",
                                        "Unable to upgrade lock to expire file, errno: 37"}));
         EXPECT_EQ(contentOf(path("1 srv1 cl5.dat")), "payload");
     });

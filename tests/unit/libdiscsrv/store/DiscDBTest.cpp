@@ -47,7 +47,8 @@ TEST(DiscDBAloneTest, ADirectoryThatCannotBeMadeIsLogged)
     const LogCapture log;
     getDiscoveryDBDatabase()->init(dir);
     EXPECT_EQ(log.texts(1), (Lines{"Unable to create directory path " + dir + ", error 20",
-                                   "Unable to open " + dir + "/Update.lock"}));
+                                   "Unable to open " + dir + "/Update.lock",
+                                   "The cause: ENOTDIR, Not a directory"}));
     EXPECT_EQ(log.lines()[0].source, "../DiscDB");
     // The store is initialised, but it is empty.
     const AutoDereference<DiscoveryIterator> iterator(
@@ -81,7 +82,9 @@ TEST(DiscDBAloneTest, InitLeavesTemporaryPayloadsWhileSomebodyHoldsTheLock)
     ASSERT_TRUE(writer.isLocked());
     const LogCapture log;
     getDiscoveryDBDatabase()->init(directory.path().string());
-    EXPECT_EQ(log.texts(1), Lines{"Unable to lock " + (directory.path() / "Update.lock").string()});
+    EXPECT_EQ(log.texts(1),
+              (Lines{"Unable to lock " + (directory.path() / "Update.lock").string(),
+                     "The cause: another process or another writer has a lock on it"}));
     EXPECT_TRUE(std::filesystem::exists(directory.path() / "0.updating"));
 }
 
@@ -132,7 +135,8 @@ TEST_F(DiscDBTest, AMissingRecordIsLoggedAndNull)
 {
     const LogCapture log;
     EXPECT_FALSE(find("1 srv1 none.xml"));
-    EXPECT_EQ(log.texts(1), Lines{"Unable to open " + path("1 srv1 none.xml").string()});
+    EXPECT_EQ(log.texts(1), (Lines{"Unable to open " + path("1 srv1 none.xml").string(),
+                                   "The cause: ENOENT, No such file or directory"}));
 }
 
 TEST_F(DiscDBTest, AWrongFileNameIsReported)

@@ -2,15 +2,19 @@
 // Another process on the same store.
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <filesystem>
 #include <memory>
+#include <new>
 #include <sstream>
 #include <string>
 
 #include <fcntl.h>
+#include <sys/mman.h>
 
 #include <tlx/FileLock.h>
+#include <tlx/FileSystem.h>
 #include <tlx/Log.h>
 
 #include "StoreFixture.h"
@@ -199,18 +203,56 @@ class StoreCommands
     Tlx::AutoDereference<Disc::Discovery> m_found;
 };
 
+/// Counts the refused locks of a process in memory that its parent shares.
+class RefusedLocks : public Tlx::FileSystem
+{
+  public:
+    using Count = std::atomic<unsigned>;
+
+    RefusedLocks()
+        : m_count(new (::mmap(nullptr, sizeof(Count), PROT_READ | PROT_WRITE,
+                              MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Count)
+    {
+    }
+    int lock(int descriptor, int command, struct flock* request) override
+    {
+        const int answer = FileSystem::lock(descriptor, command, request);
+        if (answer != 0)
+            ++*m_count;
+        return answer;
+    }
+    unsigned count() const { return *m_count; }
+
+  private:
+    Count* const m_count; // it lives until both processes end
+};
+
 /// Another process on the same store, which logs nothing. Make it before any thread, and before
 /// this process touches the store.
 class StorePeer : public PeerProcess
 {
   public:
-    StorePeer()
-        : PeerProcess([commands = std::make_shared<StoreCommands>()](const std::string& command) {
-              Tlx::LoggerFactory::instance().setLevel(0);
-              return commands->perform(command);
-          })
+    StorePeer() : StorePeer(std::make_shared<RefusedLocks>()) {}
+
+    /// True once the peer waits for a lock: it tries again and again.
+    bool waits() const
+    {
+        const unsigned before = m_refused->count();
+        return eventually([&] { return m_refused->count() > before + 1; });
+    }
+
+  private:
+    explicit StorePeer(const std::shared_ptr<RefusedLocks>& refused)
+        : PeerProcess(
+              [commands = std::make_shared<StoreCommands>(), refused](const std::string& command) {
+                  Tlx::LoggerFactory::instance().setLevel(0);
+                  Tlx::FileSystem::replace(refused.get());
+                  return commands->perform(command);
+              }),
+          m_refused(refused)
     {
     }
+    const std::shared_ptr<RefusedLocks> m_refused;
 };
 
 } // namespace QmTest

@@ -1,0 +1,13 @@
+#pragma once
+// Syncs of the store's directory, shared by concurrent puts.
+
+#include <tlx/File.h>
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+/// Makes all names survive a power cut that were in the directory before the call. One sync serves
+/// all threads that came before it began: one of them syncs, the others wait for it and get its
+/// result. Any thread.
+[[nodiscard]] FileResult<> syncStoreDirectory(const TlxPathname& directory);
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -1,0 +1,92 @@
+#pragma once
+// Remembers the metadata of stored records, so that a listing needs no file.
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <sys/stat.h>
+
+#include "DiscData.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+/// Identifies one state of a file. Every change of the file's content gives it another stamp, if
+/// the stamp has settled.
+struct FileStamp
+{
+    explicit FileStamp(const struct stat& status);
+
+    /// False for a file that was changed a moment ago. The clock of a file system moves in steps,
+    /// so a second change in the same step would leave the same times.
+    bool isSettled(const struct timespec& now) const;
+
+    friend bool operator==(const FileStamp&, const FileStamp&) = default;
+
+    dev_t device;
+    ino_t inode;
+    off_t size;
+    std::int64_t modifiedSeconds;
+    std::int64_t changedSeconds;
+    std::int32_t modifiedNanoseconds;
+    std::int32_t changedNanoseconds;
+};
+
+/// The content of a metadata document without status messages.
+struct RememberedMetadata
+{
+    /// Nothing if the record lacks a part or has a part that this class does not hold.
+    static std::optional<RememberedMetadata> of(const Discovery& record);
+    /// Sets the parts of a record.
+    void copyTo(Discovery& record) const;
+    bool isExpired() const;
+
+    TlxObjTime discoveryTime;
+    TlxObjTime expiresTime;
+    std::uint32_t priority = 0;
+    AuthorityType authorityType{};
+    CollectionType type{};
+    CollectionStorage storage{};
+    bool hasAttributes = false;
+    std::string authority; ///< in display form, like the subject
+    std::string subject;
+    std::string signature;
+};
+
+/// A bounded table of what was read from metadata files. Its key is the file's name. An entry is
+/// valid only while the file has the same stamp; so other processes may change the files at any
+/// time. When the table is full, a new entry replaces a random one. Any thread.
+class MetadataCache
+{
+  public:
+    explicit MetadataCache(std::size_t mostRecords);
+    ~MetadataCache();
+
+    /// Changes the bound. 0 turns the cache off.
+    void setMostRecords(std::size_t mostRecords);
+
+    /// Returns what is known about a file with this status, which was read after the lock or, if
+    /// there is no lock, now.
+    std::optional<RememberedMetadata> find(std::string_view fileName,
+                                           const struct stat& status) const;
+    /// Remembers what was read from the file while it was locked and had this status. Does nothing
+    /// if the stamp has not settled.
+    void remember(std::string_view fileName, const struct stat& status,
+                  const RememberedMetadata& metadata);
+    void forget(std::string_view fileName);
+    std::size_t size() const;
+
+  private:
+    struct Shard;
+    Shard& shardOf(std::string_view fileName) const;
+
+    static constexpr std::size_t SHARDS = 16;
+    const std::unique_ptr<Shard[]> m_shards;
+};
+
+/// The cache of this process's store.
+MetadataCache& metadataCache();
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc
