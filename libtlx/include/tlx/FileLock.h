@@ -75,7 +75,7 @@ class FileLock
     // child gets ENOLCK.
 
     /// Waits until no other process holds a conflicting lock, at most for the wait limit. ETIMEDOUT
-    /// means that the limit has passed; a log line names the file. acquire_write from Read may
+    /// means that the limit has passed. acquire_write from Read may
     /// release Read while it waits. So the caller must check again what it read before. If
     /// acquire_write then fails, and another process got the lock in between, level() returns
     /// LockLevel::None.

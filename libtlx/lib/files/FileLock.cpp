@@ -78,7 +78,7 @@ std::unique_ptr<FileLock> FileLock::open(const std::string& path, int flags, mod
             errno = !status ? status.error().value() : S_ISDIR(status->st_mode) ? EISDIR : EINVAL;
             return nullptr;
         }
-        if (auto file = table().fileOf(*status, *descriptor, path, forks))
+        if (auto file = table().fileOf(*status, *descriptor, forks))
             return std::unique_ptr<FileLock>(new FileLock(std::move(file), flags));
         flags &= ~O_EXCL; // this call has made the file
     }
@@ -127,11 +127,6 @@ int FileLock::change(LockLevel wanted, bool wait)
                     "Cannot lower the lock on a file: " << describeError(systemError(failed)));
         } else if (wait) {
             error = m_file->waitRaise(guard, m_level, wanted);
-            guard.unlock();
-            if (error == ETIMEDOUT)
-                PLATFORM_LOG(LOG_LEVEL_FAILURE, "FileLock::acquire",
-                             "Gave up waiting for another process's lock on "
-                                 << m_file->path << " after " << waitLimit().count() << " ms");
         } else {
             error = m_file->tryRaise(m_level, wanted);
             if (error == 0)

@@ -50,7 +50,7 @@ Table& table()
 }
 
 std::shared_ptr<File> Table::fileOf(const struct stat& status, FileDescriptor& descriptor,
-                                    const std::string& path, unsigned long forksBefore)
+                                    unsigned long forksBefore)
 {
     const Key key{status.st_dev, status.st_ino};
     const Guard guard(mutex);
@@ -60,7 +60,7 @@ std::shared_ptr<File> Table::fileOf(const struct stat& status, FileDescriptor& d
         if (forks != forksBefore)
             return nullptr;
         std::weak_ptr<File>& made = files[key];
-        file = std::make_shared<File>(key, std::move(descriptor), path);
+        file = std::make_shared<File>(key, std::move(descriptor));
         made = file;
     }
     file->holders.fetch_add(1, std::memory_order_relaxed);

@@ -23,7 +23,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <string>
 #include <utility>
 #include <vector>
 
@@ -46,7 +45,7 @@ struct Table
     ///     it cannot become an entry's: the function returns null, and the caller opens the file
     ///     again.
     std::shared_ptr<File> fileOf(const struct stat& status, FileDescriptor& descriptor,
-                                 const std::string& path, unsigned long forksBefore);
+                                 unsigned long forksBefore);
     void remove(const File& file);
     FileLock::Counts counts();
 
@@ -73,8 +72,8 @@ Table& table();
 
 struct File
 {
-    File(const Table::Key& itsKey, FileDescriptor itsDescriptor, std::string itsPath)
-        : key(itsKey), path(std::move(itsPath)), descriptor(std::move(itsDescriptor))
+    File(const Table::Key& itsKey, FileDescriptor itsDescriptor)
+        : key(itsKey), descriptor(std::move(itsDescriptor))
     {
     }
     /// Removes its entry from the table.
@@ -90,7 +89,6 @@ struct File
     int lower(LockLevel held, LockLevel wanted);
 
     const Table::Key key;
-    const std::string path;    ///< of the first holder, for messages
     FileDescriptor descriptor; ///< it has the process's lock
     /// True in a forked child.
     std::atomic<bool> isInherited{false};

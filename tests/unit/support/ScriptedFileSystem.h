@@ -110,6 +110,10 @@ class ScriptedFileSystem : public Veltrane::Quillmark::Tlx::FileSystem
     {
         return fails("fsync", pathOf(descriptor)) ? -1 : FileSystem::fsync(descriptor);
     }
+    int fdatasync(int descriptor) override
+    {
+        return fails("fdatasync", pathOf(descriptor)) ? -1 : FileSystem::fdatasync(descriptor);
+    }
     int rename(const char* from, const char* to) override
     {
         return fails("rename", from) ? -1 : FileSystem::rename(from, to);
@@ -126,9 +130,9 @@ class ScriptedFileSystem : public Veltrane::Quillmark::Tlx::FileSystem
     {
         return fails("fstat", pathOf(descriptor)) ? -1 : FileSystem::fstat(descriptor, status);
     }
-    int stat(const char* path, struct stat* status) override
+    int fstatat(int directory, const char* path, struct stat* status) override
     {
-        return fails("stat", path) ? -1 : FileSystem::stat(path, status);
+        return fails("fstatat", path) ? -1 : FileSystem::fstatat(directory, path, status);
     }
     int lock(int descriptor, int command, struct flock* request) override
     {

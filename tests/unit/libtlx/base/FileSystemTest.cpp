@@ -49,6 +49,7 @@ TEST_F(FileSystemTest, EachOperationIsTheSystemCall)
     EXPECT_EQ(0, system.ftruncate(descriptor, 3));
     EXPECT_EQ("con", QmTest::contentOf(file));
     EXPECT_EQ(0, system.fsync(descriptor));
+    EXPECT_EQ(0, system.fdatasync(descriptor));
 
     struct flock request = QmTest::lockRequest(F_WRLCK);
     EXPECT_EQ(0, system.lock(descriptor, F_OFD_SETLK, &request));
@@ -58,7 +59,7 @@ TEST_F(FileSystemTest, EachOperationIsTheSystemCall)
     EXPECT_EQ(0, system.close(descriptor));
     EXPECT_EQ(-1, ::fcntl(descriptor, F_GETFD));
     EXPECT_EQ(0, system.rename(file.c_str(), path("moved").c_str()));
-    EXPECT_EQ(0, system.stat(path("moved").c_str(), &status));
+    EXPECT_EQ(0, system.fstatat(AT_FDCWD, path("moved").c_str(), &status));
     EXPECT_EQ(3, status.st_size);
 
     DIR* const listed = system.opendir(directory.path().c_str());
@@ -81,7 +82,7 @@ TEST_F(FileSystemTest, AFailureIsInErrno)
     char byte = 0;
     const auto error = [](auto answer) { return answer < 0 ? errno : 0; };
     EXPECT_EQ(ENOENT, error(system.open(missing.c_str(), O_RDONLY, 0)));
-    EXPECT_EQ(ENOENT, error(system.stat(missing.c_str(), &status)));
+    EXPECT_EQ(ENOENT, error(system.fstatat(AT_FDCWD, missing.c_str(), &status)));
     EXPECT_EQ(ENOENT, error(system.unlink(missing.c_str())));
     EXPECT_EQ(ENOENT, error(system.rename(missing.c_str(), path("other").c_str())));
     EXPECT_EQ(EEXIST, error(system.mkdir(directory.path().c_str(), 0700)));
@@ -92,6 +93,7 @@ TEST_F(FileSystemTest, AFailureIsInErrno)
     EXPECT_EQ(EBADF, error(system.fallocate(-1, 1)));
     EXPECT_EQ(EBADF, error(system.ftruncate(-1, 1)));
     EXPECT_EQ(EBADF, error(system.fsync(-1)));
+    EXPECT_EQ(EBADF, error(system.fdatasync(-1)));
     EXPECT_EQ(EBADF, error(system.fstat(-1, &status)));
     EXPECT_EQ(EBADF, error(system.lock(-1, F_OFD_SETLK, &request)));
     EXPECT_FALSE(system.opendir(missing.c_str()));

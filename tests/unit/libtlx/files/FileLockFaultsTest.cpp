@@ -101,10 +101,10 @@ TEST_F(FileLockFaultsTest, interruptedCallsAreRepeated)
 {
     m_system.fail("open", EINTR, 3);
     m_system.fail("fstat", EINTR, 3);
-    m_system.fail("stat", EINTR, 3);
+    m_system.fail("fstatat", EINTR, 3);
     m_system.fail("lock", EINTR, 3);
     EXPECT_TRUE(openForWriting());
-    for (const char* operation : {"open", "fstat", "stat", "lock"})
+    for (const char* operation : {"open", "fstat", "fstatat", "lock"})
         EXPECT_EQ(0, m_system.left(operation)) << operation;
 }
 
@@ -191,17 +191,17 @@ TEST_F(FileLockFaultsTest, aPathThatCannotBeExaminedIsNotReplaced)
     const std::size_t before = descriptorCount();
     for (const int error : {EIO, EACCES, ENOMEM}) {
         m_system.clear();
-        m_system.fail("stat", error);
+        m_system.fail("fstatat", error);
         const auto file = openForWriting();
         ASSERT_FALSE(file);
         EXPECT_EQ(LockFailure::OPENING, file.error().step);
         EXPECT_EQ(error, file.error().error.value());
         EXPECT_FALSE(file.error().file);
-        EXPECT_EQ(1, m_system.count("stat"));
+        EXPECT_EQ(1, m_system.count("fstatat"));
         expectNothingLeft(before);
     }
     const auto lock = m_file.open();
-    m_system.fail("stat", EIO);
+    m_system.fail("fstatat", EIO);
     EXPECT_FALSE(lock->isStillAt(m_file.path()));
     EXPECT_TRUE(lock->isStillAt(m_file.path()));
 }
@@ -209,9 +209,9 @@ TEST_F(FileLockFaultsTest, aPathThatCannotBeExaminedIsNotReplaced)
 TEST_F(FileLockFaultsTest, aMissingPathIsTriedAgain)
 {
     for (const int error : {ENOENT, ENOTDIR}) {
-        m_system.fail("stat", error, LOCK_MAX_ATTEMPTS - 1);
+        m_system.fail("fstatat", error, LOCK_MAX_ATTEMPTS - 1);
         EXPECT_TRUE(openForWriting());
-        m_system.fail("stat", error, LOCK_MAX_ATTEMPTS);
+        m_system.fail("fstatat", error, LOCK_MAX_ATTEMPTS);
         const auto file = openForWriting();
         ASSERT_FALSE(file);
         EXPECT_EQ(LockFailure::REPLACED, file.error().step);

@@ -178,6 +178,21 @@ TEST_F(FileTest, ReadFullAtReadsAtAPositionAndMovesNothing)
     EXPECT_EQ(std::errc::bad_file_descriptor, readFullAt(-1, buffer, 1, 0).error());
 }
 
+TEST_F(FileTest, ReadOnceReturnsWhatIsThere)
+{
+    int ends[2];
+    ASSERT_EQ(0, ::pipe2(ends, O_CLOEXEC));
+    const FileDescriptor reading(ends[0]);
+    FileDescriptor writing(ends[1]);
+    ASSERT_TRUE(writeAll(writing.get(), "123"));
+    char buffer[8] = {};
+    EXPECT_EQ(3u, readOnce(reading.get(), buffer, sizeof buffer));
+    EXPECT_EQ("123", std::string(buffer, 3));
+    writing.reset();
+    EXPECT_EQ(0u, readOnce(reading.get(), buffer, sizeof buffer));
+    EXPECT_EQ(std::errc::bad_file_descriptor, readOnce(-1, buffer, 1).error());
+}
+
 TEST_F(FileTest, AStatusIsThatOfTheFile)
 {
     const TlxPathname five = written("five", "12345");
@@ -191,6 +206,12 @@ TEST_F(FileTest, AStatusIsThatOfTheFile)
     EXPECT_EQ(ofFile->st_ino, atPath->st_ino);
     ASSERT_TRUE(statusAt(directory.path()));
     EXPECT_TRUE(S_ISDIR(statusAt(directory.path())->st_mode));
+    const auto opened = openFile(directory.path(), O_RDONLY | O_DIRECTORY);
+    ASSERT_TRUE(opened);
+    const auto inDirectory = statusIn(opened->get(), "five");
+    ASSERT_TRUE(inDirectory);
+    EXPECT_EQ(ofFile->st_ino, inDirectory->st_ino);
+    EXPECT_EQ(std::errc::no_such_file_or_directory, statusIn(opened->get(), "none").error());
     EXPECT_EQ(std::errc::bad_file_descriptor, statusOf(-1).error());
     EXPECT_EQ(std::errc::no_such_file_or_directory, statusAt(path("none")).error());
 }
@@ -245,15 +266,18 @@ TEST_F(FileTest, InterruptedCallsAreRepeated)
     };
     repeats("open", [&] { return openFile(name, O_RDONLY); });
     repeats("read", [&] { return readFull(descriptor, buffer, sizeof buffer); });
+    EXPECT_EQ(0, ::lseek(descriptor, 0, SEEK_SET));
+    repeats("read", [&] { return readOnce(descriptor, buffer, sizeof buffer); });
     repeats("pread", [&] { return readFullAt(descriptor, buffer, sizeof buffer, 0); });
     EXPECT_EQ("12345", std::string(buffer, sizeof buffer));
     repeats("fstat", [&] { return statusOf(descriptor); });
-    repeats("stat", [&] { return statusAt(name); });
+    repeats("fstatat", [&] { return statusAt(name); });
+    repeats("fstatat", [&] { return statusIn(AT_FDCWD, name.c_str()); });
     repeats("write", [&] { return writeAll(descriptor, "x"); });
     repeats("fallocate", [&] { return reserveSpace(descriptor, 10); });
     repeats("ftruncate", [&] { return truncateFile(descriptor, 6); });
     EXPECT_EQ("12345x", contentOf(name));
-    repeats("fsync", [&] { return syncFile(descriptor); });
+    repeats("fdatasync", [&] { return syncFile(descriptor); });
     repeats("fsync", [&] { return syncDirectory(directory.path()); });
     repeats("rename", [&] { return renameFile(name, path("other")); });
     repeats("unlink", [&] { return removeFile(path("other")); });
@@ -268,7 +292,7 @@ TEST_F(FileTest, AFailureInTheMiddleIsReported)
     QmTest::ScriptedFileSystem system;
     system.fail("pread", EIO);
     EXPECT_EQ(std::errc::io_error, readFullAt(file->get(), buffer, sizeof buffer, 0).error());
-    system.fail("fsync", ENOSPC);
+    system.fail("fdatasync", ENOSPC);
     EXPECT_EQ(std::errc::no_space_on_device, syncFile(file->get()).error());
     system.fail("fsync", EIO);
     EXPECT_EQ(std::errc::io_error, syncDirectory(directory.path()).error());
