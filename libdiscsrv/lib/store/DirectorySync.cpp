@@ -4,6 +4,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
@@ -28,12 +29,22 @@ struct Queues
     std::mutex mutex;
     std::condition_variable changed;
     std::map<std::string, Queue> byDirectory; ///< only directories with a sync under way
+    std::set<std::string> named;              ///< directories whose own names are durable
 };
 
 Queues& queues()
 {
     static auto* const theQueues = new Queues; // static objects may still store records
     return *theQueues;
+}
+
+/// Makes the names of a new store durable: "db" and "discovery". The process that made the
+/// directories may have ended before it synced them, or its sync may have failed.
+FileResult<> syncNamesOf(const TlxPathname& directory)
+{
+    if (auto synced = syncDirectory(directory.directory()); !synced)
+        return synced;
+    return syncDirectory(directory.directory().directory());
 }
 
 } // namespace
@@ -52,9 +63,16 @@ FileResult<> syncStoreDirectory(const TlxPathname& directory)
     // This thread syncs for its batch.
     queue.isSyncing = true;
     queue.next = nullptr;
+    const bool isNamed = all.named.contains(directory.text());
     guard.unlock();
-    const FileResult<> result = syncDirectory(directory);
+    FileResult<> result;
+    if (!isNamed)
+        result = syncNamesOf(directory);
+    if (result)
+        result = syncDirectory(directory);
     guard.lock();
+    if (result)
+        all.named.insert(directory.text());
     mine->result = result;
     mine->done = true;
     queue.isSyncing = false;

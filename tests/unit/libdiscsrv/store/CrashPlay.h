@@ -1,0 +1,135 @@
+#pragma once
+// Plays crashes of a process that works on a store, and looks at what they leave.
+//
+// A sequence stores some records, and then a child process does the sequence's work on them, with a
+// fault at one of its calls. The play takes the fault through all calls of the work, one after the
+// other. After each run a fresh process looks at the files: those that the child left (a kill), and
+// all those that a disk may lose (power cuts). The play never waits for a disk.
+
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "DiskModel.h"
+#include "PlayedFileSystem.h"
+#include "StampedRecord.h"
+#include "support/TemporaryDirectory.h"
+
+namespace QmTest {
+
+/// Does the work of a sequence and notes which puts begin and end. Any thread may use it.
+class Player
+{
+  public:
+    Player(PlayedFileSystem& files, std::string store) : m_files(files), m_store(std::move(store))
+    {
+    }
+
+    /// Writes and persists a record.
+    Disc::DiscoveryStatus put(const Stamped& stamped);
+    /// Persists a record that is written.
+    Disc::DiscoveryStatus persist(StampedPut& put, const Stamped& stamped);
+    /// Opens the store, as a start does.
+    void start();
+    void note(const std::string& text) { m_files.note(text); }
+    PlayedFileSystem& files() const { return m_files; }
+    const std::string& store() const { return m_store; }
+
+  private:
+    PlayedFileSystem& m_files;
+    const std::string m_store;
+};
+
+/// Besides its own records, each sequence's store has one that the work does not touch.
+struct Sequence
+{
+    std::vector<Stamped> stored{};
+    std::function<void(Player&)> work{};
+    std::set<std::string> subjects{"cl5"}; ///< the work changes these
+    std::vector<std::string> leftOver{};   ///< temporary payloads of an earlier crash
+    bool hasExpired = false;               ///< stored records with a time to live have expired
+    bool hasStore = true;                  ///< otherwise there is no directory yet
+    bool starts = false;                   ///< the work opens the store
+};
+
+class CrashPlay : public testing::Test
+{
+  protected:
+    void SetUp() override;
+
+    /// A defect that a play must find.
+    using Defect = std::function<void(PlayedFileSystem&)>;
+
+    /// Stops the work at each of its changing calls, and in each eighth of each write. Returns a
+    /// line for each step of the put with the states that a reader finds in cl5 afterwards:
+    ///
+    ///     "payload renamed: kill 2/2, cut 2/1 2/2"
+    ///
+    /// complaints() has what must not be.
+    Lines playCrashes(const Sequence& sequence, const Defect& defect = {});
+    /// Fails each call of the work with each error that it may have, once and for ever, and does
+    /// half of each write. Fills complaints().
+    void playFailures(const Sequence& sequence, const Defect& defect = {});
+    /// What must not be, without repetitions.
+    const Lines& complaints() const { return m_complaints; }
+    /// How many runs there were, and how many different sets of files a process looked at.
+    std::size_t runs() const { return m_runs; }
+    std::size_t looks() const { return m_looks.size(); }
+
+    /// Stores the records of a sequence, and keeps the files for all runs.
+    void fill(const Sequence& sequence);
+    /// Does the work once, in a child. Returns the exit code of the child.
+    int run(const Sequence& sequence, const Fault& fault, const Defect& defect = {});
+    /// The operations of the last run.
+    DiskOperations operations() const { return m_journal.operations(); }
+
+  private:
+    struct Look
+    {
+        std::map<std::string, std::string> states; ///< of each subject
+        Lines complaints;
+    };
+    /// What a reader finds in the first subject.
+    struct Step
+    {
+        std::string name;
+        std::set<std::string> killed;
+        std::set<std::string> cut;
+    };
+    using Steps = std::vector<Step>;
+
+    static bool useMemory();
+    /// A process that does the work of a sequence again and again.
+    class Repeater;
+
+    void prepareRun();
+    void startStore(const Sequence& sequence);
+    int play(const Sequence& sequence, const Fault& fault, const Defect& defect);
+    void checkInProcess(const Sequence& sequence, const Fault& fault, Player& player);
+    void failEach(const Sequence& sequence, const std::string& name, Fault fault,
+                  const std::function<int(const Fault&)>& run);
+    void checkRestart(const Sequence& sequence, const std::string& where, const Defect& defect);
+    const Look& lookAt(const Sequence& sequence, const FileTree& tree);
+    Look lookFresh(const Sequence& sequence, const FileTree& tree);
+    Look lookAtFiles(const Sequence& sequence, const Defect& defect = {});
+    void lookInChild(const Sequence& sequence, const Defect& defect);
+    void check(const Sequence& sequence, const DiskOperations& operations, const FileTree& tree,
+               const std::string& where);
+    void checkRun(const Sequence& sequence, const std::string& where, Steps& steps);
+    void complain(const std::string& complaint);
+    std::string store() const;
+
+    const bool m_usesMemory = useMemory(); ///< before the directory is made
+    TemporaryDirectory m_directory;
+    DiskJournal m_journal;
+    FileTree m_filled;
+    std::map<FileTree, Look> m_looks;
+    Lines m_complaints;
+    std::size_t m_runs = 0;
+};
+
+} // namespace QmTest

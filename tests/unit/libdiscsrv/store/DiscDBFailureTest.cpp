@@ -1,0 +1,68 @@
+// Each test fails each file operation of a process that works on the store: with each error that
+// the call may have, once and for ever, and with a write that does half of it. An interrupted call
+// is repeated. After each failure
+//
+//   - no acknowledged record is lost or spoilt, now or by a power cut, and no other record changes,
+//   - the process has no lock, no descriptor and no temporary payload left,
+//   - it can put and read the record again, and so can a fresh process.
+
+#include "CrashSequences.h"
+
+namespace QmTest {
+namespace {
+
+using DiscDBFailureTest = CrashPlay;
+
+#define QM_PLAY_FAILURES(name, sequence)                                                           \
+    TEST_F(DiscDBFailureTest, name)                                                                \
+    {                                                                                              \
+        playFailures(sequence);                                                                    \
+        EXPECT_EQ(complaints(), Lines{});                                                          \
+        EXPECT_GT(runs(), 100u);                                                                   \
+    }
+
+QM_PLAY_FAILURES(ANewRecord, FIRST_PUT)
+QM_PLAY_FAILURES(AReplacement, SAME_LENGTH_PUT)
+QM_PLAY_FAILURES(AReplacementByALongerDocument, LONGER_PUT)
+QM_PLAY_FAILURES(AReplacementByAShorterDocument, SHORTER_PUT)
+QM_PLAY_FAILURES(ARefusedPut, REFUSED_PUT)
+QM_PLAY_FAILURES(APutThatIsGivenUp, GIVEN_UP_PUT)
+QM_PLAY_FAILURES(AnExpiry, EXPIRY)
+QM_PLAY_FAILURES(APutAfterAnExpiry, PUT_AFTER_EXPIRY)
+QM_PLAY_FAILURES(ACleanUp, CLEAN_UP)
+QM_PLAY_FAILURES(AFirstStart, FIRST_START)
+QM_PLAY_FAILURES(TwoPutsOfOneRecord, TWO_PUTS)
+QM_PLAY_FAILURES(PutsThatShareASync, SHARED_SYNC)
+
+struct DiscDBInterruptionTest : CrashPlay
+{
+    /// The states that the work leaves if each of these calls is interrupted in turn.
+    std::set<std::string> statesAfterInterruptions(Calls calls)
+    {
+        fill(SAME_LENGTH_PUT);
+        std::set<std::string> states;
+        for (unsigned at = 1;; ++at) {
+            const int code = run(SAME_LENGTH_PUT,
+                                 {.kind = Fault::FAIL, .at = at, .calls = calls, .error = EINTR});
+            std::string last;
+            for (const DiskOperation& note : operations()) {
+                if (note.path == "over")
+                    break;
+                last = note.path;
+            }
+            states.insert(last);
+            if (code == 0)
+                return states;
+        }
+    }
+};
+
+TEST_F(DiscDBInterruptionTest, APutThatASignalInterruptsSucceeds)
+{
+    EXPECT_EQ(statesAfterInterruptions(CHANGING_CALLS | CALL_OPEN | CALL_CLOSE | CALL_READ |
+                                       CALL_STATUS | CALL_LOCK),
+              std::set<std::string>{"acknowledged cl5 2"});
+}
+
+} // namespace
+} // namespace QmTest

@@ -1,0 +1,40 @@
+#pragma once
+// Which states of a record are right after a crash.
+
+#include <map>
+#include <set>
+#include <string>
+
+#include "DiskOperation.h"
+#include "StampedRecord.h"
+
+namespace QmTest {
+
+/// The puts of one subject, from the notes of a player.
+class PutHistory
+{
+  public:
+    /// @param stored the record before the notes, null for none.
+    /// @param hasExpired whether the stored record has expired.
+    PutHistory(const std::string& subject, const Stamped* stored, bool hasExpired,
+               const DiskOperations& operations);
+
+    /// True for a state, as stampsOf returns it, that no crash forbids: a put that was acknowledged
+    /// and not replaced is whole. Only a put without an answer, or a failed one, may leave a
+    /// record in between.
+    bool allows(const std::string& state) const;
+
+  private:
+    bool mayBeWhole(long number) const;
+    bool isOpen(long number) const { return m_open.contains(number); }
+
+    std::map<long, std::size_t> m_begun;        ///< the index of the note
+    std::map<long, std::size_t> m_acknowledged; ///< without expired ones
+    std::set<long> m_open;                      ///< in flight or failed
+    long m_expired = 0;
+};
+
+/// How far the last put or removal of cl5 has come. Each step has a name, as "payload renamed".
+std::string stepOf(const DiskOperations& operations);
+
+} // namespace QmTest
