@@ -92,8 +92,8 @@ def measure_all(plan, with_peers, programs, work):
                   closing(servers.Files(work / "files"))]
         others = []
         if with_peers:
-            others = [closing(peers.Etcd(work / "etcd", peer_clients)),
-                      closing(peers.Ldap(work / "ldap"))]
+            etcd = closing(peers.Etcd(work / "etcd", peer_clients))
+            others = [etcd, peers.Gateway(etcd), closing(peers.Ldap(work / "ldap"))]
         bench = measure.Bench(service, floors, others, clients, peer_clients, plan, say)
         for records in plan.records:
             bench.fill(records)

@@ -1,5 +1,5 @@
-// etcd over its JSON gateway. The answers are searched, not parsed, to spare the processor for the
-// server: both share it.
+// etcd over its JSON gateway, as clients without its protocol use it. The answers are searched, not
+// parsed, to spare the processor for the server: both share it.
 
 #include <cstring>
 #include <memory>
@@ -183,34 +183,12 @@ Operation preparePut(const json& command)
     };
 }
 
-/// Puts the values from "first" on, "count" of them, in transactions.
-Operation prepareFill(const json& command)
-{
-    return [gateway = connect(command), authority = command.at("authority").get<std::string>(),
-            value = toBase64(payloadOf(command.at("size").get<unsigned long>())),
-            first = command.at("first").get<unsigned long>(),
-            count = command.at("count").get<unsigned long>()] {
-        const unsigned long together =
-            std::clamp(PAGE_BYTES / 2 / value.size(), 1ul, 100ul); // etcd's limits, with a margin
-        unsigned long number = first;
-        forEachPage(count, together, [&](unsigned long size) {
-            std::string puts;
-            for (const unsigned long end = number + size; number < end; ++number)
-                puts += fmt::format(R"({}{{"request_put":{{"key":"{}","value":"{}"}}}})",
-                                    puts.empty() ? "" : ",", keyOf(authority, number), value);
-            gateway->post("/v3/kv/txn", R"({"success":[)" + puts + "]}");
-        });
-    };
-}
-
 } // namespace
 
-std::map<std::string, Preparation> etcdOperations()
+std::map<std::string, Preparation> gatewayOperations()
 {
-    return {{"etcd.read", prepareRead},
-            {"etcd.list", prepareList},
-            {"etcd.put", preparePut},
-            {"etcd.fill", prepareFill}};
+    return {
+        {"gateway.read", prepareRead}, {"gateway.list", prepareList}, {"gateway.put", preparePut}};
 }
 
 } // namespace Veltrane::Quillmark::Bench
