@@ -56,22 +56,22 @@ class Store
     std::unique_ptr<Etcd::KV::Stub> m_stub;
 };
 
-std::shared_ptr<Store> connect(const json& command)
+std::shared_ptr<Store> connectEtcd(const json& command)
 {
     return std::make_shared<Store>(command);
 }
 
-std::string keyOf(const std::string& authority, unsigned long number)
+std::string keyIn(const std::string& authority, unsigned long number)
 {
     return authority + "/" + subjectOf(number);
 }
 
-Operation prepareRead(const json& command)
+Operation etcdRead(const json& command)
 {
-    return [store = connect(command), authority = command.at("authority").get<std::string>(),
+    return [store = connectEtcd(command), authority = command.at("authority").get<std::string>(),
             size = command.at("size").get<unsigned long>(), numbers = Numbers(command)]() mutable {
         Etcd::RangeRequest request;
-        request.set_key(keyOf(authority, numbers.next()));
+        request.set_key(keyIn(authority, numbers.next()));
         const Etcd::RangeResponse answer = store->range(request);
         if (answer.kvs_size() != 1 || answer.kvs(0).value().size() != size)
             throw std::runtime_error("etcd does not find a value");
@@ -79,12 +79,12 @@ Operation prepareRead(const json& command)
 }
 
 /// Lists keys page by page. The pattern is a beginning and "*".
-Operation prepareList(const json& command)
+Operation etcdList(const json& command)
 {
     const auto pattern = command.at("pattern").get<std::string>();
     const std::string begin =
         command.at("authority").get<std::string>() + "/" + pattern.substr(0, pattern.size() - 1);
-    return [store = connect(command), begin, count = command.at("count").get<unsigned long>()] {
+    return [store = connectEtcd(command), begin, count = command.at("count").get<unsigned long>()] {
         Etcd::RangeRequest request;
         request.set_key(begin);
         std::string end = begin;
@@ -106,21 +106,21 @@ Operation prepareList(const json& command)
     };
 }
 
-Operation preparePut(const json& command)
+Operation etcdPut(const json& command)
 {
     Etcd::PutRequest request;
     request.set_value(payloadOf(command.at("size").get<unsigned long>()));
-    return [store = connect(command), authority = command.at("authority").get<std::string>(),
+    return [store = connectEtcd(command), authority = command.at("authority").get<std::string>(),
             request, numbers = Numbers(command)]() mutable {
-        request.set_key(keyOf(authority, numbers.next()));
+        request.set_key(keyIn(authority, numbers.next()));
         store->put(request);
     };
 }
 
 /// Puts the values from "first" on, "count" of them, in transactions.
-Operation prepareFill(const json& command)
+Operation etcdFill(const json& command)
 {
-    return [store = connect(command), authority = command.at("authority").get<std::string>(),
+    return [store = connectEtcd(command), authority = command.at("authority").get<std::string>(),
             value = payloadOf(command.at("size").get<unsigned long>()),
             first = command.at("first").get<unsigned long>(),
             count = command.at("count").get<unsigned long>()] {
@@ -131,7 +131,7 @@ Operation prepareFill(const json& command)
             Etcd::TxnRequest request;
             for (const unsigned long end = number + size; number < end; ++number) {
                 Etcd::PutRequest& put = *request.add_success()->mutable_request_put();
-                put.set_key(keyOf(authority, number));
+                put.set_key(keyIn(authority, number));
                 put.set_value(value);
             }
             store->transact(request);
@@ -143,10 +143,10 @@ Operation prepareFill(const json& command)
 
 std::map<std::string, Preparation> etcdOperations()
 {
-    return {{"etcd.read", prepareRead},
-            {"etcd.list", prepareList},
-            {"etcd.put", preparePut},
-            {"etcd.fill", prepareFill}};
+    return {{"etcd.read", etcdRead},
+            {"etcd.list", etcdList},
+            {"etcd.put", etcdPut},
+            {"etcd.fill", etcdFill}};
 }
 
 } // namespace Veltrane::Quillmark::Bench

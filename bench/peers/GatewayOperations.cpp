@@ -105,12 +105,12 @@ class Gateway
                                                                             &::curl_slist_free_all};
 };
 
-std::shared_ptr<Gateway> connect(const json& command)
+std::shared_ptr<Gateway> connectGateway(const json& command)
 {
     return std::make_shared<Gateway>(command.at("url").get<std::string>());
 }
 
-std::string keyOf(const std::string& authority, unsigned long number)
+std::string encodedKey(const std::string& authority, unsigned long number)
 {
     return toBase64(authority + "/" + subjectOf(number));
 }
@@ -129,12 +129,12 @@ unsigned long forEachText(std::string_view answer, std::string_view mark, const 
     return count;
 }
 
-Operation prepareRead(const json& command)
+Operation gatewayRead(const json& command)
 {
-    return [gateway = connect(command), authority = command.at("authority"),
+    return [gateway = connectGateway(command), authority = command.at("authority"),
             size = command.at("size").get<unsigned long>(), numbers = Numbers(command)]() mutable {
-        const std::string& answer =
-            gateway->post("/v3/kv/range", R"({"key":")" + keyOf(authority, numbers.next()) + "\"}");
+        const std::string& answer = gateway->post(
+            "/v3/kv/range", R"({"key":")" + encodedKey(authority, numbers.next()) + "\"}");
         std::size_t received = 0;
         forEachText(answer, R"("value":")",
                     [&](std::string_view text) { received = fromBase64(text).size(); });
@@ -144,14 +144,14 @@ Operation prepareRead(const json& command)
 }
 
 /// Lists keys page by page. The pattern is a beginning and "*".
-Operation prepareList(const json& command)
+Operation gatewayList(const json& command)
 {
     const auto pattern = command.at("pattern").get<std::string>();
     const std::string begin =
         command.at("authority").get<std::string>() + "/" + pattern.substr(0, pattern.size() - 1);
     std::string end = begin;
     ++end.back();
-    return [gateway = connect(command), begin, end = toBase64(end),
+    return [gateway = connectGateway(command), begin, end = toBase64(end),
             count = command.at("count").get<unsigned long>()] {
         std::string next = begin;
         unsigned long found = 0;
@@ -173,13 +173,13 @@ Operation prepareList(const json& command)
     };
 }
 
-Operation preparePut(const json& command)
+Operation gatewayPut(const json& command)
 {
-    return [gateway = connect(command), authority = command.at("authority"),
+    return [gateway = connectGateway(command), authority = command.at("authority"),
             value = toBase64(payloadOf(command.at("size").get<unsigned long>())),
             numbers = Numbers(command)]() mutable {
         gateway->post("/v3/kv/put", fmt::format(R"({{"key":"{}","value":"{}"}})",
-                                                keyOf(authority, numbers.next()), value));
+                                                encodedKey(authority, numbers.next()), value));
     };
 }
 
@@ -188,7 +188,7 @@ Operation preparePut(const json& command)
 std::map<std::string, Preparation> gatewayOperations()
 {
     return {
-        {"gateway.read", prepareRead}, {"gateway.list", prepareList}, {"gateway.put", preparePut}};
+        {"gateway.read", gatewayRead}, {"gateway.list", gatewayList}, {"gateway.put", gatewayPut}};
 }
 
 } // namespace Veltrane::Quillmark::Bench
