@@ -42,19 +42,19 @@ Operation pages(const Tlx::Orb& orb, const json& command, unsigned long total, u
     };
 }
 
-Operation prepareRead(const Tlx::Orb& orb, const json& command)
+Operation echoRead(const Tlx::Orb& orb, const json& command)
 {
     return pages(orb, command, command.at("size").get<unsigned long>(), PAGE_BYTES);
 }
 
-Operation prepareList(const Tlx::Orb& orb, const json& command)
+Operation echoList(const Tlx::Orb& orb, const json& command)
 {
     return pages(orb, command, command.at("count").get<unsigned long>() * RECORD_BYTES,
                  PAGE_RECORDS * RECORD_BYTES);
 }
 
 /// The calls of a put: open, the pages, close.
-Operation preparePut(const Tlx::Orb& orb, const json& command)
+Operation echoPut(const Tlx::Orb& orb, const json& command)
 {
     const auto size = command.at("size").get<unsigned long>();
     ::Bench::Bytes largest;
@@ -73,9 +73,9 @@ Operation preparePut(const Tlx::Orb& orb, const json& command)
 
 std::map<std::string, Preparation> echoOperations(const Tlx::Orb& orb)
 {
-    return {{"echo.read", [&orb](const json& command) { return prepareRead(orb, command); }},
-            {"echo.list", [&orb](const json& command) { return prepareList(orb, command); }},
-            {"echo.put", [&orb](const json& command) { return preparePut(orb, command); }}};
+    return {{"echo.read", [&orb](const json& command) { return echoRead(orb, command); }},
+            {"echo.list", [&orb](const json& command) { return echoList(orb, command); }},
+            {"echo.put", [&orb](const json& command) { return echoPut(orb, command); }}};
 }
 
 } // namespace Veltrane::Quillmark::Bench

@@ -44,7 +44,7 @@ void expect(bool good, const std::string& failure)
 }
 
 /// Reads the whole payload of a record. An exact name finds the record.
-Operation prepareRead(const Tlx::Orb& orb, const json& command)
+Operation serviceRead(const Tlx::Orb& orb, const json& command)
 {
     return [service = serviceAt(orb, command), authority = command.at("authority"),
             size = command.at("size").get<unsigned long>(), numbers = Numbers(command)]() mutable {
@@ -66,7 +66,7 @@ Operation prepareRead(const Tlx::Orb& orb, const json& command)
 }
 
 /// Lists the records of an authority whose subjects match a pattern.
-Operation prepareList(const Tlx::Orb& orb, const json& command)
+Operation serviceList(const Tlx::Orb& orb, const json& command)
 {
     return
         [service = serviceAt(orb, command), authority = command.at("authority").get<std::string>(),
@@ -88,7 +88,7 @@ Operation prepareList(const Tlx::Orb& orb, const json& command)
 }
 
 /// Puts a record. The service answers the close when the record survives a power cut.
-Operation preparePut(const Tlx::Orb& orb, const json& command)
+Operation servicePut(const Tlx::Orb& orb, const json& command)
 {
     const std::string payload = payloadOf(command.at("size").get<unsigned long>());
     std::vector<Remote::CollectionDataSeq> pages;
@@ -114,9 +114,9 @@ Operation preparePut(const Tlx::Orb& orb, const json& command)
 
 std::map<std::string, Preparation> serviceOperations(const Tlx::Orb& orb)
 {
-    return {{"service.read", [&orb](const json& command) { return prepareRead(orb, command); }},
-            {"service.list", [&orb](const json& command) { return prepareList(orb, command); }},
-            {"service.put", [&orb](const json& command) { return preparePut(orb, command); }}};
+    return {{"service.read", [&orb](const json& command) { return serviceRead(orb, command); }},
+            {"service.list", [&orb](const json& command) { return serviceList(orb, command); }},
+            {"service.put", [&orb](const json& command) { return servicePut(orb, command); }}};
 }
 
 } // namespace Veltrane::Quillmark::Bench

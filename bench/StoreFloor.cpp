@@ -68,7 +68,7 @@ void putFiles(const std::filesystem::path& directory, const std::string& name,
     File(directory, O_RDONLY | O_DIRECTORY).sync();
 }
 
-Operation preparePut(const nlohmann::json& command)
+Operation filesPut(const nlohmann::json& command)
 {
     return [directory = std::filesystem::path(command.at("directory").get<std::string>()),
             payload = payloadOf(command.at("size").get<unsigned long>()),
@@ -81,7 +81,7 @@ Operation preparePut(const nlohmann::json& command)
 
 std::map<std::string, Preparation> floorOperations()
 {
-    return {{"files.put", preparePut}};
+    return {{"files.put", filesPut}};
 }
 
 } // namespace Veltrane::Quillmark::Bench

@@ -68,7 +68,8 @@ def machine():
     with open("/proc/cpuinfo", encoding="utf-8") as file:
         processor = next((line.split(":", 1)[1].strip() for line in file
                           if line.startswith("model name")), "unknown")
-    file_system = subprocess.run(["stat", "--file-system", "--format=%T", tempfile.gettempdir()],
+    file_system = subprocess.run(["findmnt", "--noheadings", "--output", "FSTYPE", "--target",
+                                  tempfile.gettempdir()],
                                  check=True, capture_output=True, text=True).stdout.strip()
     if file_system == "tmpfs":
         say("the store is on a tmpfs, which syncs nothing: set TMPDIR to a folder on a disk")
@@ -92,8 +93,8 @@ def measure_all(plan, with_peers, programs, work):
                   closing(servers.Files(work / "files"))]
         others = []
         if with_peers:
-            others = [closing(peers.Etcd(work / "etcd", peer_clients)),
-                      closing(peers.Ldap(work / "ldap"))]
+            etcd = closing(peers.Etcd(work / "etcd", peer_clients))
+            others = [etcd, peers.Gateway(etcd), closing(peers.Ldap(work / "ldap"))]
         bench = measure.Bench(service, floors, others, clients, peer_clients, plan, say)
         for records in plan.records:
             bench.fill(records)

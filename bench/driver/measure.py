@@ -10,7 +10,7 @@ CLIENTS = (1, 8, 32)
 SMALL = KIB
 SIZES = (64 * KIB, 16 * MIB)
 SIZED_RECORDS = {64 * KIB: 100, 16 * MIB: 8}
-LARGEST = {"etcd": MIB}  # the largest value that a peer takes
+LARGEST = {"etcd": MIB, "gateway": MIB}  # the largest value that a peer takes
 
 RECORDS = "bench"
 NEW = "new"
@@ -76,12 +76,16 @@ class Bench:
         self.sized = False
         self.cells = []
 
+    def _kept(self):
+        """The peers with data of their own."""
+        return [peer for peer in self.peers if hasattr(peer, "fill")]
+
     def fill(self, records):
         """Fills every store up to so many small records, and starts what serves them."""
         self._say("%d records" % records)
         self.service.stop()
         self.service.fill(RECORDS, SMALL, self.records, records)
-        for peer in self.peers:
+        for peer in self._kept():
             if hasattr(peer, "start"):
                 peer.stop()
             peer.fill(RECORDS, SMALL, self.records, records)
@@ -94,18 +98,18 @@ class Bench:
     def fill_sized(self):
         """Adds the large records to every store."""
         self.service.stop()
-        for peer in self.peers:
+        for peer in self._kept():
             if hasattr(peer, "start"):
                 peer.stop()
                 peer.add_unit(NEW)
         for size in SIZES:
             self.service.fill(self._authority(size), size, 0, SIZED_RECORDS[size])
-            for peer in self.peers:
+            for peer in self._kept():
                 if hasattr(peer, "add_unit"):
                     peer.add_unit(self._written(size))
                 if size <= LARGEST.get(peer.name, size):
                     peer.fill(self._authority(size), size, 0, SIZED_RECORDS[size])
-        for peer in self.peers:
+        for peer in self._kept():
             if hasattr(peer, "start"):
                 peer.start()
         self._settle()

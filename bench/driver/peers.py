@@ -12,7 +12,10 @@ import servers
 
 # (program or header, the Debian package that has it)
 NEEDED = (("etcd", "etcd-server"), ("slapd", "slapd"), ("slapadd", "slapd"),
-          ("ldap.h", "libldap-dev"), ("curl/curl.h", "libcurl4-openssl-dev"))
+          ("ldap.h", "libldap-dev"), ("curl/curl.h", "libcurl4-openssl-dev"),
+          ("grpcpp/grpcpp.h", "libgrpc++-dev"),
+          ("google/protobuf/message.h", "libprotobuf-dev"), ("protoc", "protobuf-compiler"),
+          ("grpc_cpp_plugin", "protobuf-compiler-grpc"))
 SEARCHED = ":/usr/sbin:/sbin"
 
 BASE = "dc=bench"
@@ -71,12 +74,13 @@ class Etcd:
         self._directory = pathlib.Path(directory)
         self._directory.mkdir(mode=0o700)
         self._clients = clients
-        self._url = "http://127.0.0.1:%d" % _free_port()
+        self._address = "127.0.0.1:%d" % _free_port()
+        self.url = "http://" + self._address
         peer = "http://127.0.0.1:%d" % _free_port()
         # The quota is larger than the default, so that all repeats fit.
         self._process = servers.Process(
             [_find("etcd"), "--name", "bench", "--data-dir", self._directory / "data",
-             "--listen-client-urls", self._url, "--advertise-client-urls", self._url,
+             "--listen-client-urls", self.url, "--advertise-client-urls", self.url,
              "--listen-peer-urls", peer, "--initial-advertise-peer-urls", peer,
              "--initial-cluster", "bench=" + peer, "--log-level", "error",
              "--quota-backend-bytes", str(8 << 30)],
@@ -87,13 +91,13 @@ class Etcd:
         self._process.check()
         try:
             with urllib.request.build_opener(urllib.request.ProxyHandler({})).open(
-                    self._url + "/health", timeout=5) as answer:
+                    self.url + "/health", timeout=5) as answer:
                 return b'"true"' in answer.read()
         except OSError:
             return False
 
     def command(self):
-        return {"url": self._url}
+        return {"address": self._address}
 
     def fill(self, authority, size, start, end):
         self._clients.run([{**self.command(), "operation": "etcd.fill", "authority": authority,
@@ -102,6 +106,18 @@ class Etcd:
 
     def stop(self):
         self._process.stop()
+
+
+class Gateway:
+    """The JSON gateway of an etcd, which keeps its data."""
+
+    name = "gateway"
+
+    def __init__(self, etcd):
+        self._url = etcd.url
+
+    def command(self):
+        return {"url": self._url}
 
 
 class Ldap:

@@ -9,8 +9,12 @@
 
 namespace Veltrane::Quillmark::Bench {
 
-/// The operations "etcd.read", "etcd.list", "etcd.put" and "etcd.fill". Each command has the "url".
+/// The operations "etcd.read", "etcd.list", "etcd.put" and "etcd.fill". Each command
+/// has the "address", HOST:PORT.
 std::map<std::string, Preparation> etcdOperations();
+
+/// The operations "gateway.read", "gateway.list" and "gateway.put". Each command has the "url".
+std::map<std::string, Preparation> gatewayOperations();
 
 /// The operations "ldap.read", "ldap.list" and "ldap.put". Each command has the "url", the "base",
 /// the "user" and the "password".

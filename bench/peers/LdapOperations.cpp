@@ -59,7 +59,7 @@ class Directory
     std::unique_ptr<LDAP, decltype(&Directory::close)> m_ldap{nullptr, &Directory::close};
 };
 
-std::shared_ptr<Directory> connect(const json& command)
+std::shared_ptr<Directory> connectLdap(const json& command)
 {
     return std::make_shared<Directory>(command);
 }
@@ -73,9 +73,9 @@ std::size_t valueLength(LDAP* ldap, LDAPMessage* entry, const char* attribute)
     return length;
 }
 
-Operation prepareRead(const json& command)
+Operation ldapRead(const json& command)
 {
-    return [directory = connect(command), authority = command.at("authority"),
+    return [directory = connectLdap(command), authority = command.at("authority"),
             size = command.at("size").get<unsigned long>(), numbers = Numbers(command)]() mutable {
         char attribute[] = "benchValue";
         char* attributes[] = {attribute, nullptr};
@@ -92,10 +92,10 @@ Operation prepareRead(const json& command)
 }
 
 /// Lists the names of entries. They arrive as the server finds them, without pages.
-Operation prepareList(const json& command)
+Operation ldapList(const json& command)
 {
     const auto pattern = command.at("pattern").get<std::string>();
-    return [directory = connect(command), filter = "(cn=" + pattern + ")",
+    return [directory = connectLdap(command), filter = "(cn=" + pattern + ")",
             authority = command.at("authority").get<std::string>(),
             count = command.at("count").get<unsigned long>()] {
         LDAP* ldap = directory->get();
@@ -124,9 +124,9 @@ Operation prepareList(const json& command)
 }
 
 /// Replaces the value of an entry, or adds an entry if there is none.
-Operation preparePut(const json& command)
+Operation ldapPut(const json& command)
 {
-    return [directory = connect(command), authority = command.at("authority"),
+    return [directory = connectLdap(command), authority = command.at("authority"),
             isNew = command.value("new", false),
             payload = payloadOf(command.at("size").get<unsigned long>()),
             numbers = Numbers(command)]() mutable {
@@ -172,7 +172,7 @@ Operation preparePut(const json& command)
 
 std::map<std::string, Preparation> ldapOperations()
 {
-    return {{"ldap.read", prepareRead}, {"ldap.list", prepareList}, {"ldap.put", preparePut}};
+    return {{"ldap.read", ldapRead}, {"ldap.list", ldapList}, {"ldap.put", ldapPut}};
 }
 
 } // namespace Veltrane::Quillmark::Bench

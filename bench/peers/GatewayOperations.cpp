@@ -1,5 +1,5 @@
-// etcd over its JSON gateway. The answers are searched, not parsed, to spare the processor for the
-// server: both share it.
+// etcd over its JSON gateway, as clients without its protocol use it. The answers are searched, not
+// parsed, to spare the processor for the server: both share it.
 
 #include <cstring>
 #include <memory>
@@ -105,12 +105,12 @@ class Gateway
                                                                             &::curl_slist_free_all};
 };
 
-std::shared_ptr<Gateway> connect(const json& command)
+std::shared_ptr<Gateway> connectGateway(const json& command)
 {
     return std::make_shared<Gateway>(command.at("url").get<std::string>());
 }
 
-std::string keyOf(const std::string& authority, unsigned long number)
+std::string encodedKey(const std::string& authority, unsigned long number)
 {
     return toBase64(authority + "/" + subjectOf(number));
 }
@@ -129,12 +129,12 @@ unsigned long forEachText(std::string_view answer, std::string_view mark, const 
     return count;
 }
 
-Operation prepareRead(const json& command)
+Operation gatewayRead(const json& command)
 {
-    return [gateway = connect(command), authority = command.at("authority"),
+    return [gateway = connectGateway(command), authority = command.at("authority"),
             size = command.at("size").get<unsigned long>(), numbers = Numbers(command)]() mutable {
-        const std::string& answer =
-            gateway->post("/v3/kv/range", R"({"key":")" + keyOf(authority, numbers.next()) + "\"}");
+        const std::string& answer = gateway->post(
+            "/v3/kv/range", R"({"key":")" + encodedKey(authority, numbers.next()) + "\"}");
         std::size_t received = 0;
         forEachText(answer, R"("value":")",
                     [&](std::string_view text) { received = fromBase64(text).size(); });
@@ -144,14 +144,14 @@ Operation prepareRead(const json& command)
 }
 
 /// Lists keys page by page. The pattern is a beginning and "*".
-Operation prepareList(const json& command)
+Operation gatewayList(const json& command)
 {
     const auto pattern = command.at("pattern").get<std::string>();
     const std::string begin =
         command.at("authority").get<std::string>() + "/" + pattern.substr(0, pattern.size() - 1);
     std::string end = begin;
     ++end.back();
-    return [gateway = connect(command), begin, end = toBase64(end),
+    return [gateway = connectGateway(command), begin, end = toBase64(end),
             count = command.at("count").get<unsigned long>()] {
         std::string next = begin;
         unsigned long found = 0;
@@ -173,44 +173,22 @@ Operation prepareList(const json& command)
     };
 }
 
-Operation preparePut(const json& command)
+Operation gatewayPut(const json& command)
 {
-    return [gateway = connect(command), authority = command.at("authority"),
+    return [gateway = connectGateway(command), authority = command.at("authority"),
             value = toBase64(payloadOf(command.at("size").get<unsigned long>())),
             numbers = Numbers(command)]() mutable {
         gateway->post("/v3/kv/put", fmt::format(R"({{"key":"{}","value":"{}"}})",
-                                                keyOf(authority, numbers.next()), value));
-    };
-}
-
-/// Puts the values from "first" on, "count" of them, in transactions.
-Operation prepareFill(const json& command)
-{
-    return [gateway = connect(command), authority = command.at("authority").get<std::string>(),
-            value = toBase64(payloadOf(command.at("size").get<unsigned long>())),
-            first = command.at("first").get<unsigned long>(),
-            count = command.at("count").get<unsigned long>()] {
-        const unsigned long together =
-            std::clamp(PAGE_BYTES / 2 / value.size(), 1ul, 100ul); // etcd's limits, with a margin
-        unsigned long number = first;
-        forEachPage(count, together, [&](unsigned long size) {
-            std::string puts;
-            for (const unsigned long end = number + size; number < end; ++number)
-                puts += fmt::format(R"({}{{"request_put":{{"key":"{}","value":"{}"}}}})",
-                                    puts.empty() ? "" : ",", keyOf(authority, number), value);
-            gateway->post("/v3/kv/txn", R"({"success":[)" + puts + "]}");
-        });
+                                                encodedKey(authority, numbers.next()), value));
     };
 }
 
 } // namespace
 
-std::map<std::string, Preparation> etcdOperations()
+std::map<std::string, Preparation> gatewayOperations()
 {
-    return {{"etcd.read", prepareRead},
-            {"etcd.list", prepareList},
-            {"etcd.put", preparePut},
-            {"etcd.fill", prepareFill}};
+    return {
+        {"gateway.read", gatewayRead}, {"gateway.list", gatewayList}, {"gateway.put", gatewayPut}};
 }
 
 } // namespace Veltrane::Quillmark::Bench

@@ -19,6 +19,7 @@ int main()
 {
     using namespace Veltrane::Quillmark::Bench;
     auto operations = etcdOperations();
+    operations.merge(gatewayOperations());
     operations.merge(ldapOperations());
     return serveDriver(operations, describeCurrent);
 }
