@@ -91,8 +91,7 @@ TEST(ServantOperationDeathTest, EndsTheProcessOnAnythingElse)
         (void)LoggerFactory::instance().configure({});
         servantOperation("X::x", [] { throw 7; });
     };
-    EXPECT_DEATH(withThread(),
-                 "this one threw: an exception of unknown type");
+    EXPECT_DEATH(withThread(), "this one threw: an exception of unknown type");
 }
 
 } // namespace
