@@ -29,6 +29,7 @@ FloodLimit::Place& FloodLimit::placeOf(const KeyView& key)
     const auto known = m_places.find(key);
     if (known != m_places.end())
         return known->second;
+    m_isIdle = false;
     if (m_places.size() >= MAX_PLACES)
         return m_places[Key()];
     const auto& [name, line, originator] = key;
@@ -95,19 +96,8 @@ std::vector<LogRecord> FloodLimit::endSecond()
         place.lines = 0;
         ++each;
     }
+    m_isIdle = m_places.empty();
     return sums;
-}
-
-bool FloodLimit::isIdle() const
-{
-    const std::lock_guard guard(m_mutex);
-    return m_places.empty();
-}
-
-unsigned long long FloodLimit::counted() const
-{
-    const std::lock_guard guard(m_mutex);
-    return m_counted;
 }
 
 } // namespace Veltrane::Quillmark::Tlx

@@ -1,6 +1,7 @@
 #pragma once
 // The flood limit of the log: how many lines one place in the code may write.
 
+#include <atomic>
 #include <chrono>
 #include <map>
 #include <mutex>
@@ -48,9 +49,9 @@ class FloodLimit
     std::vector<LogRecord> endSecond();
 
     /// Whether no place is watched. Then the end of a second changes nothing.
-    bool isIdle() const;
+    bool isIdle() const { return m_isIdle; }
     /// The lines that were counted, in all sums and after them.
-    unsigned long long counted() const;
+    unsigned long long counted() const { return m_counted; }
 
   private:
     /// The source or the operation, the line or the negative level, the originator.
@@ -73,10 +74,12 @@ class FloodLimit
     Place& placeOf(const KeyView& key);
     std::vector<LogRecord> takeSumsLocked();
 
-    mutable std::mutex m_mutex; // guards all members below
+    std::atomic<bool> m_isIdle{true};
+    std::atomic<unsigned long long> m_counted{0};
+
+    std::mutex m_mutex; // guards all members below
     unsigned m_burst = 0;
     std::map<Key, Place, std::less<>> m_places;
-    unsigned long long m_counted = 0;
 };
 
 } // namespace Veltrane::Quillmark::Tlx
