@@ -67,9 +67,9 @@ struct LogPlace
 /// One call of the log, without its text.
 struct LogCall
 {
-    const char* operation;
-    int level;
-    LogSeverity severity;
+    const char* operation = nullptr;
+    int level = LOG_LEVEL_FAILURE;
+    LogSeverity severity = LogSeverity::Error;
     LogPlace place;
 };
 

@@ -14,6 +14,7 @@
 
 #include "LogOutputs.h"
 #include "LogWriter.h"
+#include "TryLock.h"
 
 namespace Veltrane::Quillmark::Tlx {
 
@@ -84,8 +85,8 @@ struct LoggerFactory::State
     // A forked child gets new ones: in its parent, other threads may have held or used these.
     struct Locks
     {
-        std::timed_mutex loggers;
-        std::timed_mutex sink; ///< held while the replacement gets a line
+        std::mutex loggers;
+        std::mutex sink; ///< held while the replacement gets a line
     };
     Locks* locks = new Locks;
     LogWriter* writer = new LogWriter(std::make_unique<LogOutputs>());
@@ -147,8 +148,8 @@ thread_local bool t_holdsLoggers = false;
 
 void LoggerFactory::State::beforeFork()
 {
-    t_holdsSink = locks->sink.try_lock_for(FORK_PATIENCE);
-    t_holdsLoggers = locks->loggers.try_lock_for(FORK_PATIENCE);
+    t_holdsSink = tryLockFor(locks->sink, FORK_PATIENCE);
+    t_holdsLoggers = tryLockFor(locks->loggers, FORK_PATIENCE);
     writer->beforeFork();
 }
 

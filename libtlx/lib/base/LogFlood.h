@@ -57,6 +57,12 @@ class FloodLimit
     /// The source or the operation, the line or the negative level, the originator.
     using Key = std::tuple<std::string, int, unsigned>;
     using KeyView = std::tuple<std::string_view, int, unsigned>;
+    /// Finds a key without a copy of its text.
+    struct Less
+    {
+        using is_transparent = void;
+        bool operator()(const KeyView& a, const KeyView& b) const { return a < b; }
+    };
     struct Place
     {
         unsigned long long lines = 0; ///< in this second, written and counted ones
@@ -79,7 +85,7 @@ class FloodLimit
 
     std::mutex m_mutex; // guards all members below
     unsigned m_burst = 0;
-    std::map<Key, Place, std::less<>> m_places;
+    std::map<Key, Place, Less> m_places;
 };
 
 } // namespace Veltrane::Quillmark::Tlx

@@ -16,7 +16,7 @@ constexpr std::size_t LOG_TIME_BYTES = 30;
 struct LogRecord
 {
     std::chrono::system_clock::time_point time;
-    LogSeverity severity;
+    LogSeverity severity = LogSeverity::Error;
     std::string body;
 };
 
@@ -24,7 +24,7 @@ struct LogRecord
 struct LogCaller
 {
     std::chrono::system_clock::time_point time;
-    long thread;
+    long thread = 0;
     /// The calling thread, now.
     static LogCaller here();
 };

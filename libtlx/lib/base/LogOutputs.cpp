@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -69,10 +70,11 @@ bool isJournalStream()
            fmt::format("{}:{}", status.st_dev, status.st_ino) == stream;
 }
 
-/// Writes what fits now. A socket is asked not to wait. Anything else has room when poll says so:
-/// a pipe then takes PIPE_BUF bytes.
+/// Writes what fits now. A socket is asked not to wait. Anything else has room when poll says so: a
+/// pipe then takes PIPE_BUF bytes.
 ssize_t writeToStderr(std::string_view text)
 {
+    text = text.substr(0, PIPE_BUF);
     const ssize_t sent =
         ::send(STDERR_FILENO, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     if (sent >= 0 || errno != ENOTSOCK)
@@ -140,6 +142,16 @@ bool LogErrorStream::waitForRoom(std::chrono::steady_clock::time_point until) co
     }
 }
 
+/// Returns false if nothing of the text is written.
+bool LogErrorStream::keepRest(std::string_view text, std::string_view left)
+{
+    m_stalled = true;
+    if (left.size() == text.size())
+        return false;
+    m_rest = left;
+    return true;
+}
+
 /// Writes a text as a whole, or keeps its rest for later. Returns false if there is no room. A
 /// closed or broken stream takes everything, because nobody can read it.
 bool LogErrorStream::put(std::string_view text)
@@ -149,18 +161,15 @@ bool LogErrorStream::put(std::string_view text)
     const auto until = std::chrono::steady_clock::now() + wait;
     std::string_view left = text;
     while (!left.empty()) {
-        if (!waitForRoom(until)) {
-            m_stalled = true;
-            if (left.size() == text.size())
-                return false;
-            m_rest = left;
-            return true;
-        }
+        if (!waitForRoom(until))
+            return keepRest(text, left);
         const ssize_t written = writeToStderr(left);
         if (written >= 0)
             left.remove_prefix(static_cast<std::size_t>(written));
         else if (errno != EAGAIN && errno != EINTR)
             return true;
+        else if (m_patience && std::chrono::steady_clock::now() >= until)
+            return keepRest(text, left);
     }
     m_stalled = false;
     return true;

@@ -39,6 +39,7 @@ class LogErrorStream
   private:
     bool putLine(LogSeverity severity, std::string_view line);
     bool put(std::string_view text);
+    bool keepRest(std::string_view text, std::string_view left);
     bool waitForRoom(std::chrono::steady_clock::time_point until) const;
 
     const std::optional<std::chrono::milliseconds> m_patience;

@@ -10,6 +10,8 @@
 
 #include <fmt/format.h>
 
+#include "TryLock.h"
+
 namespace Veltrane::Quillmark::Tlx {
 
 namespace {
@@ -50,9 +52,9 @@ tl::expected<void, std::string> LogWriter::configure(const LogSettings& settings
     {
         // Make it under the mutex. It may use the current file, and no thread may write a line
         // while it prepares the file.
-        const std::unique_lock writing(m_outputMutex, OUTPUT_LIMIT);
-        if (!writing.owns_lock())
+        if (!tryLockFor(m_outputMutex, OUTPUT_LIMIT))
             return tl::unexpected<std::string>("The log hangs in writing a line");
+        const std::lock_guard writing(m_outputMutex, std::adopt_lock);
         try {
             output = make();
         } catch (const std::exception& e) {
@@ -152,6 +154,16 @@ unsigned LogWriter::writeAll(const std::vector<LogRecord>& records)
     return lost;
 }
 
+void LogWriter::reportLost(unsigned long long lines)
+{
+    try {
+        (void)writeAll({makeOwnLogRecord(fmt::format(
+            "{} lines were lost, because the log could not write them in time", lines))});
+    } catch (const std::exception&) {
+        // Memory ran out. The counter has the number.
+    }
+}
+
 unsigned LogWriter::writeSums(bool endsSecond)
 {
     try {
@@ -199,8 +211,7 @@ void LogWriter::run()
         lock.unlock();
         unsigned lost = 0;
         if (unreported > 0)
-            lost += writeAll({makeOwnLogRecord(fmt::format(
-                "{} lines were lost, because the log could not write them in time", unreported))});
+            reportLost(unreported);
         lost += writeAll(lines);
         if (writesSums)
             lost += writeSums(endsSecond);
@@ -268,7 +279,7 @@ thread_local bool t_holdsOutput = false;
 
 void LogWriter::beforeFork()
 {
-    t_holdsOutput = m_outputMutex.try_lock_for(OUTPUT_LIMIT);
+    t_holdsOutput = tryLockFor(m_outputMutex, OUTPUT_LIMIT);
 }
 
 void LogWriter::inParent()

@@ -92,6 +92,8 @@ class LogWriter
     void run();
     /// Waits for work, and takes lines from the queue.
     void takeLines(Lock& lock, std::vector<LogRecord>& lines);
+    /// Writes how many lines were lost in front of the queue.
+    void reportLost(unsigned long long lines);
     // They return how many lines an output lost.
     unsigned writeAll(const std::vector<LogRecord>& records);
     unsigned writeSums(bool endsSecond);
@@ -100,7 +102,7 @@ class LogWriter
     FloodLimit m_flood;
 
     /// Held while lines are written, and while the output is replaced.
-    std::timed_mutex m_outputMutex;
+    std::mutex m_outputMutex;
     std::unique_ptr<LogOutput> m_output;
 
     mutable std::mutex m_queueMutex; ///< guards all members below
