@@ -64,8 +64,8 @@ void DBDiscoveryIterator::begin()
     const std::size_t length =
         m_type == AT_ANYANDALL ? anyType.size() : fileNameOf(m_type, m_authority, m_subject).size();
     if (length > MAX_PATTERN_BYTES) {
-        DISC_LOG(1, "A pattern may have " << MAX_PATTERN_BYTES << " bytes, this one has " << length
-                                          << " and matches nothing");
+        DISC_WARN("A pattern may have " << MAX_PATTERN_BYTES << " bytes, this one has " << length
+                                        << " and matches nothing");
         return;
     }
     m_isExact = isExact(m_authority) && isExact(m_subject);

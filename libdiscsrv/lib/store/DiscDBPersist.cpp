@@ -57,8 +57,8 @@ bool DBDiscovery::canOverride()
         return mayReplace(readPriority(*file));
     if (file.error().step == LockFailure::OPENING) // no record can be read, so none is in the way
         return true;
-    DISC_LOG(1, "Unable to acquire read lock " << path);
-    DISC_LOG(1, "The cause: " << causeOf(file.error()));
+    DISC_WARN("Unable to acquire read lock " << path);
+    DISC_WARN("The cause: " << causeOf(file.error()));
     return false;
 }
 
@@ -116,17 +116,17 @@ DiscoveryResult DBDiscovery::persist()
     writeXml(document, XmlStr::Encoding{});
     const std::string xml = document.str();
     if (xml.size() > MAX_METADATA_BYTES) { // load would refuse it
-        DISC_LOG(1, "A metadata document may have " << MAX_METADATA_BYTES << " bytes, that of "
-                                                    << path << " has " << xml.size());
+        DISC_WARN("A metadata document may have " << MAX_METADATA_BYTES << " bytes, that of "
+                                                  << path << " has " << xml.size());
         return {DS_OPEN_FAILED, 0};
     }
     // The payload goes first: a persist that fails there has not touched the stored record.
     if (!payload->prepare()) {
-        DISC_LOG(1, "Collection data update failed");
+        DISC_WARN("Collection data update failed");
         return {DS_OPEN_FAILED, 0};
     }
     if (!canOverride()) {
-        DISC_LOG(1, "Cannot persist, data with higher priority already exists.");
+        DISC_NOTICE("Cannot persist, data with higher priority already exists.");
         return {DS_DATA_EXISTS, 0};
     }
     auto file = openRecordFile(path, O_RDWR | O_CREAT, LockLevel::Write);
@@ -154,7 +154,7 @@ DiscoveryResult DBDiscovery::persistLocked(LockedFile& file, const TlxPathname& 
         // Another writer may have stored a record since canOverride, so apply the rule again.
         const auto known = knownPriority(path, file.status);
         if (!mayReplace(known ? *known : readPriority(file))) {
-            DISC_LOG(1, "Cannot persist, data with higher priority already exists.");
+            DISC_NOTICE("Cannot persist, data with higher priority already exists.");
             return {DS_DATA_EXISTS, 0};
         }
         if (!replaceMetadata(file, path, xml))
@@ -167,7 +167,7 @@ DiscoveryResult DBDiscovery::persistLocked(LockedFile& file, const TlxPathname& 
     }
     auto* const payload = dynamic_cast<DBCollectionData*>(getCollectionData());
     if (!payload || !payload->persist(m_dbPath.withFileName(generatecollectionBaseFileName()))) {
-        DISC_LOG(1, "Collection data update failed");
+        DISC_WARN("Collection data update failed");
         return {DS_OPEN_FAILED, 0};
     }
     return {DS_SUCCESS, 0};
