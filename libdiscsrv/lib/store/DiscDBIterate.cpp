@@ -45,7 +45,8 @@ bool isExact(const std::string& name)
 struct DBDiscoveryIterator::Candidate
 {
     std::string name;
-    std::optional<struct stat> status; ///< nothing for an exact name, which may name no file
+    /// Nothing for an exact name, which may name no file, and for a file without a status.
+    std::optional<struct stat> status;
 };
 
 DBDiscoveryIterator::DBDiscoveryIterator(const char* dir)
@@ -119,11 +120,12 @@ DBDiscoveryIterator::nextMatch(const std::string& pattern)
         const std::string_view name = names[m_place]; // a zero byte follows it
         if (wildcardcmp(pattern.c_str(), name.data(), 0) != 0)
             continue;
-        if (const auto status = statusIn(found->descriptor(), name.data())) {
-            ++m_place;
-            m_last = name;
-            return Candidate{m_last, *status};
-        }
+        const auto status = statusIn(found->descriptor(), name.data());
+        if (!status && status.error() == std::errc::no_such_file_or_directory)
+            continue; // removed since the walk
+        ++m_place;
+        m_last = name;
+        return Candidate{m_last, status ? std::optional(*status) : std::nullopt};
     }
     return std::nullopt;
 }

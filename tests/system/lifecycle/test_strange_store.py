@@ -92,7 +92,8 @@ def test_what_is_no_file(service, root, filled, kind):
         make_strange(filled / ("1 a bad" + suffix), kind)
     log = root.log()
     all_sound_are_served(service)
-    assert log.failures() != []
+    # A link to nothing looks like a record that was removed during the listing.
+    assert (log.failures() != []) == (kind != "dangling")
     assert status_of_get(service, "bad", "a") == DiscoveryStatus.DS_NONE_FOUND
 
 
