@@ -1,19 +1,15 @@
 #pragma once
-// The file operations behind the store's operations. They take the least possible time.
+// The floor of a durable put: the same files and the same syncs, and nothing else.
 
-#include <filesystem>
+#include <map>
 #include <string>
+
+#include "ClientLoop.h"
 
 namespace Veltrane::Quillmark::Bench {
 
-/// Writes the two files of a record. Syncs payload, directory and metadata, as the store does.
-void putFiles(const std::filesystem::path& directory, const std::string& name,
-              const std::string& metadata, const std::string& payload);
-
-/// Opens and reads one file. Returns its size.
-std::size_t readFile(const std::filesystem::path& path);
-
-/// Reads the directory and every ".xml" file in it. Returns the number of these files.
-std::size_t scanFiles(const std::filesystem::path& directory);
+/// The operation "files.put". Its command has the "directory", in which every client process may
+/// work at the same time.
+std::map<std::string, Preparation> floorOperations();
 
 } // namespace Veltrane::Quillmark::Bench

@@ -21,9 +21,6 @@ if(QM_TESTS)
   find_program(PYTEST NAMES pytest-3 pytest REQUIRED)
   include(GoogleTest)
 endif()
-if(QM_BENCH)
-  find_package(benchmark REQUIRED)
-endif()
 
 # qm_idl_library(TARGET FILE.idl) compiles an interface definition into a static library of stubs
 # and skeletons. It generates the header FILE.hh.

@@ -22,10 +22,10 @@ constexpr const char* MOUNT_TABLE = "/proc/self/mountinfo";
 constexpr const char* LEFT_OUT = "pseudo";
 
 /// Logs a failure under the current operation.
-void logFailure(const std::string& text)
+void logFailure(const std::string& text, Tlx::LogSeverity severity = Tlx::LogSeverity::Error)
 {
-    TLX_LOG(Tlx::LoggerFactory::instance().getLogger(LOG_ORIGINATOR), Tlx::LOG_LEVEL_FAILURE,
-            Tlx::LogScope::current(), LOG_SOURCE, text);
+    TLX_LOG_AS(Tlx::LoggerFactory::instance().getLogger(LOG_ORIGINATOR), Tlx::LOG_LEVEL_FAILURE,
+               severity, Tlx::LogScope::current(), LOG_SOURCE, text);
 }
 
 /// Returns the mounted file systems that the configuration does not exclude, or a text for the log.
@@ -136,7 +136,7 @@ bool FileSystemPull::collectionRequested(DiscoveryQuery, const Authority& author
     const Tlx::LogScope scope("FileSystemPull::collectionRequested");
     const auto filter = readFilter(text);
     if (!filter) {
-        logFailure(filter.error());
+        logFailure(filter.error(), Tlx::LogSeverity::Warning);
         return false;
     }
     auto fileSystems = readFileSystems();

@@ -1,6 +1,7 @@
 #include "ConfigReport.h"
 
 #include <cerrno>
+#include <string>
 
 #include <unistd.h>
 
@@ -38,7 +39,11 @@ void logConfigProblems(ConfigRead which)
         Tlx::LoggerFactory::instance().getLogger(Tlx::LOG_ORIGINATOR_PLATFORM);
     for (const HostConfig::Problem& problem : config.problems()) {
         const int level = problem.line == 0 ? wholeFile : Tlx::LOG_LEVEL_FAILURE;
-        TLX_LOG(logger, level, "logConfigProblems", "../ConfigReport", problem.toText());
+        // Each line of the file is a place of its own, so the flood limit hides no mistake.
+        const Tlx::LogPlace place{"etc/qm.conf", static_cast<int>(problem.line)};
+        if (logger->level() >= level)
+            logger->write({"logConfigProblems", level, Tlx::severityOfLevel(level), place},
+                          problem.toText() + " (../ConfigReport:" + std::to_string(__LINE__) + ")");
     }
 }
 

@@ -79,7 +79,7 @@ ExitCode Daemon::host()
     if (const auto started = startLogging(); !started)
         return fail(started.error());
     if (!m_pidFile->writeError().empty())
-        log(LOG_LEVEL_FAILURE, m_pidFile->writeError());
+        log(Tlx::LogSeverity::Warning, m_pidFile->writeError());
     logConfigProblems(ConfigRead::First);
     if (const auto allowed = checkPrivilege(storeDirectory(m_root)); !allowed)
         return fail(allowed.error());
@@ -129,9 +129,13 @@ Result<> Daemon::startLogging()
     Tlx::LogSettings settings;
     settings.file = logDirectory(m_root).withFileName("qmdisco.log").text();
     settings.maxBytes = config.number(Tlx::ConfigKey::LOG_MAX_BYTES);
+    settings.errorsFile = logDirectory(m_root).withFileName("qmdisco-errors.log").text();
+    settings.errorsMaxBytes = config.number(Tlx::ConfigKey::LOG_ERRORS_MAX_BYTES);
     settings.keep = static_cast<unsigned>(config.number(Tlx::ConfigKey::LOG_KEEP));
     settings.toStderr = m_options.foreground;
     settings.level = wantedLogLevel();
+    settings.severity = wantedLogSeverity();
+    settings.burst = wantedLogBurst();
     if (const auto configured = Tlx::LoggerFactory::instance().configure(settings); !configured)
         return tl::unexpected(Failure{EC_ROOT_UNUSABLE, configured.error()});
     m_logging = true;
@@ -152,8 +156,8 @@ Result<bool> Daemon::bringUp()
         return tl::unexpected(asked.error());
     if (!wanted) {
         const std::string text = m_service->getDisplayName() + " is not wanted on this host";
-        log(LOG_LEVEL_FAILURE, text);
-        tellPerson(text);
+        log(Tlx::LogSeverity::Notice, text);
+        tellPerson(Tlx::LogSeverity::Notice, text);
         // Without this report the service manager would see a failed start.
         m_manager.ready(text);
         return false;
@@ -191,7 +195,8 @@ ExitCode Daemon::serve()
 {
     attempt("the role", [this] { findRole(); });
     const std::string text = upText();
-    log(LOG_LEVEL_FAILURE, text);
+    log(Tlx::LogSeverity::Notice, text);
+    flushLog();         // a script that waits for the status then finds the line
     publish("running"); // last, because scripts wait for it
     m_manager.ready(text);
     {
@@ -216,7 +221,7 @@ ExitCode Daemon::serve()
     // Call it after a signal, too, so that every stop has the same steps.
     m_service->stopByEvent(false);
     const std::string reason = "stopping, asked for by " + m_watch->stopReason();
-    log(LOG_LEVEL_FAILURE, m_service->getDisplayName() + " is " + reason);
+    log(Tlx::LogSeverity::Notice, m_service->getDisplayName() + " is " + reason);
     m_manager.stopping(reason);
     publish("stopping");
     ExitCode code = EC_OK;
@@ -232,21 +237,25 @@ void Daemon::sayStopped()
     m_status.requestsInProgress = 0;
     if (!m_status.state.empty()) // readers have seen "running"
         attempt("status.json", [this] { writeStatus("stopped"); });
-    log(LOG_LEVEL_FAILURE, "qmdisco " + m_status.version + " stopped");
+    log(Tlx::LogSeverity::Notice, "qmdisco " + m_status.version + " stopped");
+    flushLog(); // while the pid file keeps the next daemon off these files
 }
 
 void Daemon::reload()
 {
     m_manager.reloading();
     HostConfig& config = HostConfig::instance();
-    // Takes only LOG_LEVEL and STOP_LIMIT. Other keys need a restart: a part of the service would
-    // keep the old value.
+    // Takes only the keys with takenWhileRunning. Others need a restart: a part of the service
+    // would keep the old value.
     config.readAgain();
-    Tlx::LoggerFactory::instance().setLevel(wantedLogLevel());
+    Tlx::LoggerFactory& factory = Tlx::LoggerFactory::instance();
+    factory.setLevel(wantedLogLevel());
+    factory.setSeverity(wantedLogSeverity());
+    factory.setBurst(wantedLogBurst());
     logConfigProblems(ConfigRead::Again);
     m_watch->setLimit(config.number(Tlx::ConfigKey::STOP_LIMIT));
     attempt("doReconfig", [this] { m_service->doReconfig(); });
-    log(LOG_LEVEL_PROGRESS, "The configuration was read again");
+    log(Tlx::LogSeverity::Debug, "The configuration was read again");
     m_manager.ready(upText());
 }
 
@@ -276,32 +285,36 @@ Result<> Daemon::step(const char* name, const std::function<void()>& work)
 void Daemon::attempt(const char* name, const std::function<void()>& work, int line)
 {
     if (const auto done = step(name, work); !done)
-        log(LOG_LEVEL_FAILURE, done.error().text, line);
+        log(Tlx::LogSeverity::Error, done.error().text, line);
 }
 
-void Daemon::tellPerson(const std::string& text) const
+void Daemon::tellPerson(Tlx::LogSeverity severity, const std::string& text) const
 {
-    const bool seen = m_logging && m_options.foreground &&
-                      Tlx::LoggerFactory::instance().level() >= LOG_LEVEL_FAILURE;
+    const Tlx::LoggerFactory& factory = Tlx::LoggerFactory::instance();
+    const bool seen = m_logging && m_options.foreground && factory.level() >= LOG_LEVEL_FAILURE &&
+                      factory.severity() >= severity;
     if (!seen)
-        std::fprintf(stderr, "qmdisco: %s\n", text.c_str());
+        std::fprintf(stderr, "%sqmdisco: %s\n", Tlx::journalPrefix(severity), text.c_str());
 }
 
 ExitCode Daemon::fail(const Failure& failure, int line)
 {
-    log(LOG_LEVEL_FAILURE, failure.text, line);
-    tellPerson(failure.text);
+    log(Tlx::LogSeverity::Error, failure.text, line);
+    tellPerson(Tlx::LogSeverity::Error, failure.text);
     m_manager.failed(failure.text);
+    flushLog(); // the process may end without an exit
     return failure.code;
 }
 
-void Daemon::log(int level, const std::string& text, int line)
+void Daemon::log(Tlx::LogSeverity severity, const std::string& text, int line)
 {
     if (!m_logging)
         return; // there is no log yet; failures go to standard error
+    const int level = severity == Tlx::LogSeverity::Debug ? LOG_LEVEL_PROGRESS : LOG_LEVEL_FAILURE;
     Tlx::LoggerFactory::instance()
         .getLogger(Tlx::LOG_ORIGINATOR_PLATFORM)
-        ->log("Daemon::run", level, text + " (../Daemon:" + std::to_string(line) + ")");
+        ->write({"Daemon::run", level, severity, {"../Daemon", line}},
+                text + " (../Daemon:" + std::to_string(line) + ")");
 }
 
 void Daemon::stopLimitReached(const std::string& text)
@@ -316,7 +329,8 @@ void Daemon::stopLimitReached(const std::string& text)
         }).detach();
         done.wait_for(m_hosted.lastLine);
     } catch (const std::exception&) {
-        tellPerson(text); // no thread can be made: write at least to standard error
+        tellPerson(Tlx::LogSeverity::Error,
+                   text); // no thread can be made: write at least to standard error
     }
     const std::unique_lock guard(m_reportMutex, std::try_to_lock);
     if (guard.owns_lock())
@@ -330,12 +344,31 @@ int Daemon::wantedLogLevel() const
         static_cast<int>(HostConfig::instance().number(Tlx::ConfigKey::LOG_LEVEL)));
 }
 
+Tlx::LogSeverity Daemon::wantedLogSeverity()
+{
+    const auto value = HostConfig::instance().getString(Tlx::ConfigKey::LOG_SEVERITY);
+    return Tlx::severityFromText(value.value_or("")).value_or(Tlx::LogSeverity::Debug);
+}
+
+unsigned Daemon::wantedLogBurst()
+{
+    return static_cast<unsigned>(HostConfig::instance().number(Tlx::ConfigKey::LOG_BURST));
+}
+
+void Daemon::flushLog()
+{
+    (void)Tlx::LoggerFactory::instance().flush(Tlx::LoggerFactory::LAST_FLUSH);
+}
+
 void Daemon::publish(const char* state)
 {
     attempt("status.json", [this, state] {
         m_status.host = HostConfig::instance().localHostName();
         m_status.requestsInProgress = Tlx::Orb::requestsInProgress();
         m_status.counters = m_hosted.counters();
+        const Tlx::LogCounters logged = Tlx::LoggerFactory::instance().counters();
+        m_status.counters.emplace_back("logLinesSummedUp", logged.summedUp);
+        m_status.counters.emplace_back("logLinesLost", logged.lost);
         if (m_hosted.explorers)
             m_status.explorers = m_hosted.explorers();
         writeStatus(state);
@@ -349,9 +382,9 @@ void Daemon::writeStatus(const char* state)
     m_status.assertions = Tlx::assertionCount();
     const auto written = m_statusFile.write(m_status);
     if (!written && !m_statusFailed) // log only the first failure: a full disk stays full for long
-        log(LOG_LEVEL_FAILURE, written.error().text);
+        log(Tlx::LogSeverity::Error, written.error().text);
     if (written && m_statusFailed)
-        log(LOG_LEVEL_FAILURE, "The status is written again");
+        log(Tlx::LogSeverity::Notice, "The status is written again");
     m_statusFailed = !written.has_value();
 }
 

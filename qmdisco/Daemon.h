@@ -7,6 +7,7 @@
 #include <mutex>
 #include <string>
 
+#include <tlx/Log.h>
 #include <tlx/OrbService.h>
 #include <tlx/Pathname.h>
 
@@ -79,11 +80,16 @@ class Daemon
     void attempt(const char* name, const std::function<void()>& work, int line = __builtin_LINE());
     ExitCode fail(const Failure& failure, int line = __builtin_LINE());
     /// Writes a line to standard error, unless the log writes there as well.
-    void tellPerson(const std::string& text) const;
-    void log(int level, const std::string& text, int line = __builtin_LINE());
+    void tellPerson(Tlx::LogSeverity severity, const std::string& text) const;
+    /// Logs a line; debug is progress, everything else level 1.
+    void log(Tlx::LogSeverity severity, const std::string& text, int line = __builtin_LINE());
     void stopLimitReached(const std::string& text);
 
     int wantedLogLevel() const;
+    static Tlx::LogSeverity wantedLogSeverity();
+    static unsigned wantedLogBurst();
+    /// Waits until the log is written, for a short time at most.
+    static void flushLog();
     /// Gathers the figures and writes them if something has changed.
     void publish(const char* state);
     void writeStatus(const char* state);

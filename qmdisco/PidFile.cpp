@@ -18,17 +18,10 @@ using Tlx::TlxPathname;
 
 namespace {
 
-/// Returns the process that holds the lock, 0 if it is unknown. It asks the kernel first, because
-/// the file may still hold the pid of a killed daemon. The kernel does not know a process of
-/// another pid namespace. Then it returns the pid in the file.
+/// Returns the pid that the holder of the lock has written, 0 if there is no pid. The kernel names
+/// no process: the lock belongs to an open file (tlx/FileLock.h).
 long holderOf(int fd)
 {
-    struct flock asked = {};
-    asked.l_type = F_WRLCK;
-    asked.l_whence = SEEK_SET;
-    asked.l_len = 1;
-    if (::fcntl(fd, F_GETLK, &asked) == 0 && asked.l_type != F_UNLCK && asked.l_pid > 0)
-        return asked.l_pid;
     char text[24] = {};
     if (::pread(fd, text, sizeof text - 1, 0) <= 0)
         return 0;

@@ -11,10 +11,10 @@
 
 namespace Veltrane::Quillmark::Qmdisco {
 
-/// Holds the root for this process by a write lock on the file; the content does not count. The
-/// kernel removes the lock when the process ends, so a killed daemon blocks nobody. The lock is a
-/// record lock (tlx/FileLock.h), because a child process would inherit a lock of flock(2). Then a
-/// program of an explorer could outlive the daemon and keep the root locked.
+/// Holds the root for this process by a write lock on the file (tlx/FileLock.h). The content only
+/// names the holder in messages. The kernel removes the lock when the process ends, so a killed
+/// daemon blocks nobody. The programs that an explorer starts do not inherit the descriptor. So
+/// they may outlive the daemon, and do not keep the root locked.
 ///
 /// The destructor empties the file and never removes it. If it removed the file, a new daemon could
 /// lock the removed file while another one locks a new file.

@@ -6,6 +6,7 @@
 // record or an iterator. Any number of threads and processes may work on one directory.
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <optional>
@@ -29,6 +30,7 @@ constexpr std::size_t MAX_METADATA_BYTES = 1u << 20;
 constexpr unsigned MAX_TEMPORARY_NAMES = 1000;
 
 class TemporaryNumber;
+struct DirectoryNames;
 
 struct CloseDirectory
 {
@@ -179,7 +181,9 @@ class DISCSRV_EXPORT DBDiscovery : public Discovery
     void holdLock(std::unique_ptr<FileLock> lock);
     bool loadFile(const struct stat& status);
     bool mayReplace(unsigned int storedPriority) const;
-    bool mayReplaceFile(int fd);
+    std::optional<unsigned int> knownPriority(const TlxPathname& metadataPath,
+                                              const struct stat& status) const;
+    unsigned int readPriority(const LockedFile& file);
     DiscoveryResult persistLocked(LockedFile& file, const TlxPathname& metadataPath,
                                   const std::string& xml);
     bool replaceMetadata(LockedFile& file, const TlxPathname& metadataPath, const std::string& xml);
@@ -187,7 +191,10 @@ class DISCSRV_EXPORT DBDiscovery : public Discovery
 
     friend class DiscoveryDBCreator;
 
+    struct SeenPriority;
+
     std::unique_ptr<FileLock> m_fileLock;
+    std::unique_ptr<SeenPriority> m_seen;
     std::string m_metadataText;
     TlxPathname m_dbPath;
     TlxPathname m_metadataPath; ///< of a found record
@@ -213,14 +220,17 @@ class DISCSRV_EXPORT DBDiscoveryIterator : public virtual DiscoveryIterator, pub
     struct Candidate;
     void begin();
     std::optional<Candidate> nextCandidate();
-    std::optional<Candidate> nextExact();
+    std::optional<Candidate> lookUp(const std::string& name);
+    std::optional<Candidate> nextMatch(const std::string& pattern);
     bool isShown(AuthorityType type) const;
 
     const TlxPathname m_path;
-    bool m_begun = false;
-    DirectoryStream m_dir;            ///< null if the names are exact
-    std::string m_pattern;            ///< of the names in the directory
-    std::vector<std::string> m_exact; ///< the names to look up
+    std::optional<std::chrono::steady_clock::time_point> m_begun;
+    bool m_isExact = false;
+    std::vector<std::string> m_patterns; ///< the last one is in use
+    std::string m_last;                  ///< the name found last with this pattern
+    std::weak_ptr<const DirectoryNames> m_names;
+    std::size_t m_place = 0; ///< in m_names
 };
 
 /// The store. It finds records, and makes new records and iterators. A process has one; any thread
@@ -243,9 +253,12 @@ class DISCSRV_EXPORT DiscoveryDBCreator : public virtual DiscoveryCreator
     /// destroyed; the caller releases the reference. Returns null if the file holds no record or
     /// the record has expired.
     Discovery* getDiscovery(const char* fileName);
+    /// The same without a log line if there is no such file.
+    Discovery* getDiscoveryIfStored(const char* fileName);
 
   private:
     bool setupDB(const std::string& dir);
+    Discovery* openStored(const char* fileName, bool logsMissing);
 
     TlxPathname m_dbPath;
     std::atomic<bool> m_init{false};

@@ -55,7 +55,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     requireProblems(config.problems());
     // For any text, the values must be in their ranges.
     requireWithin(ConfigKey::LOG_LEVEL, 0, 9);
+    requireWithin(ConfigKey::LOG_BURST, 0, 1000000);
     requireWithin(ConfigKey::LOG_MAX_BYTES, 4096, std::uint64_t{1} << 40);
+    requireWithin(ConfigKey::LOG_ERRORS_MAX_BYTES, 4096, std::uint64_t{1} << 40);
     requireWithin(ConfigKey::LOG_KEEP, 0, 100);
     requireWithin(ConfigKey::STOP_LIMIT, 1, 3600);
     requireWithin(ConfigKey::MAX_MESSAGE_BYTES, 65536, std::uint64_t{1} << 30);

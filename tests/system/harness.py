@@ -18,6 +18,8 @@ TOP = pathlib.Path(__file__).resolve().parents[2]
 START_LIMIT = 60
 STOP_LIMIT = 60
 CALL_LIMIT = 60
+# Seconds after which a log that has not changed is complete.
+SETTLED = 0.05
 
 # The originators in log lines.
 SERVICE = 400
@@ -47,6 +49,7 @@ class Root:
     def __init__(self, path, **config):
         self.path = pathlib.Path(path)
         self.log_file = self.path / "logs" / "qmdisco.log"
+        self.errors_file = self.path / "logs" / "qmdisco-errors.log"
         self.store = self.path / "db" / "discovery"
         self.config_file = self.path / "etc" / "qm.conf"
         self.config_file.parent.mkdir(parents=True)
@@ -56,10 +59,11 @@ class Root:
         return str(self.path)
 
     def configure(self, **config):
-        """Writes qm.conf. The default is a master on a free port that logs progress. The arguments
-        override keys; None leaves a key out."""
+        """Writes qm.conf. The default is a master on a free port that logs progress, and every
+        line of it. The arguments override keys; None leaves a key out."""
         keys = {"LISTEN": "127.0.0.1:0", "CLIENT_NAME": "master1", "SERVER": "master1",
                 "LOG_LEVEL": 4, **config}
+        keys.setdefault("LOG_BURST", 0)
         self.config_file.write_text("".join("%s = %s\n" % (key, value)
                                             for key, value in keys.items() if value is not None))
 
@@ -88,10 +92,12 @@ class Line(NamedTuple):
     operation: str
     text: str
     source: str
+    severity: str
 
 
 LINE = re.compile(r"(?P<time>\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d) (?P<level>\d) "
-                  r"(?P<originator>\d+) (?P<thread>\d+) (?P<operation>\S+) (?P<text>.*?)"
+                  r"(?P<originator>\d+) (?P<thread>\d+) (?P<operation>\S+) "
+                  r"\[(?P<severity>error|warning|notice|debug)\] (?P<text>.*?)"
                   r"(?: \((?P<source>[\w./]+):\d+\))?")
 
 
@@ -99,7 +105,7 @@ def parse_line(text):
     found = LINE.fullmatch(text)
     assert found, "no log line: %r" % text
     return Line(int(found["level"]), int(found["originator"]), found["operation"], found["text"],
-                found["source"])
+                found["source"], found["severity"])
 
 
 class Log:
@@ -109,12 +115,24 @@ class Log:
         self._file = root.log_file
         self._from = self._file.stat().st_size if self._file.exists() else 0
 
-    def lines(self):
+    def _text(self):
+        """The whole lines so far."""
         if not self._file.exists():
-            return []
+            return ""
         with open(self._file, encoding="utf-8") as file:
             file.seek(self._from)
-            return [parse_line(line) for line in file.read().splitlines()]
+            return file.read().rpartition("\n")[0]
+
+    def lines(self):
+        """The lines so far. A thread of the daemon writes them, a moment after the answer to a
+        request. So this waits until the file stays as it is, but not long for a busy daemon."""
+        before, text = None, self._text()
+        for _ in range(20):
+            if text == before:
+                break
+            time.sleep(SETTLED)
+            before, text = text, self._text()
+        return [parse_line(line) for line in text.splitlines()]
 
     def texts(self, level=None, source=None, originator=SERVICE):
         """The texts of an originator's lines, limited to one level and one source if given."""

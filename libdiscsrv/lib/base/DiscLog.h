@@ -26,7 +26,20 @@ DISCSRV_EXPORT Logger* getTlxLogger();
         ::Veltrane::Quillmark::Tlx::DiscoverySvc::getTlxLogger(), name, LOG_SOURCE, __LINE__)
 
 /// Logs at a level; text may chain operator<<. The line carries the operation of this thread's
-/// innermost DISC_TRACE or LogScope.
+/// innermost DISC_TRACE or LogScope, and the severity of its level.
 #define DISC_LOG(level, text)                                                                      \
-    TLX_LOG(::Veltrane::Quillmark::Tlx::DiscoverySvc::getTlxLogger(), level,                       \
-            ::Veltrane::Quillmark::Tlx::LogScope::current(), LOG_SOURCE, text)
+    DISC_LOG_AS(level, ::Veltrane::Quillmark::Tlx::severityOfLevel(level), text)
+
+/// The same at level 1, for a failure that hurts one request only.
+#define DISC_WARN(text)                                                                            \
+    DISC_LOG_AS(::Veltrane::Quillmark::Tlx::LOG_LEVEL_FAILURE,                                     \
+                ::Veltrane::Quillmark::Tlx::LogSeverity::Warning, text)
+
+/// The same at level 1, for a normal event.
+#define DISC_NOTICE(text)                                                                          \
+    DISC_LOG_AS(::Veltrane::Quillmark::Tlx::LOG_LEVEL_FAILURE,                                     \
+                ::Veltrane::Quillmark::Tlx::LogSeverity::Notice, text)
+
+#define DISC_LOG_AS(level, severity, text)                                                         \
+    TLX_LOG_AS(::Veltrane::Quillmark::Tlx::DiscoverySvc::getTlxLogger(), level, severity,          \
+               ::Veltrane::Quillmark::Tlx::LogScope::current(), LOG_SOURCE, text)

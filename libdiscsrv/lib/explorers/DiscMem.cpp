@@ -104,8 +104,8 @@ bool MemCollectionData::pull(ExplorerPull& explorer, const char* text)
     const ExplorerWrapper& wrapper = m_explorerQuery->getWrapper();
     const InFlight inFlight(g_pulls);
     if (!inFlight.isAdmitted()) {
-        DISC_LOG(1, wrapper.describe()
-                        << " is not asked: " << MAX_PULLS << " explorers are being asked already");
+        DISC_WARN(wrapper.describe()
+                  << " is not asked: " << MAX_PULLS << " explorers are being asked already");
         return false;
     }
     m_stream.str("");

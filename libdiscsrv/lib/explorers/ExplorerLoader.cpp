@@ -87,7 +87,7 @@ void ExplorerLoader::load(const Load& load)
     try {
         loadDefault(load);
     } catch (const SymbolException& e) {
-        DISC_LOG(1, "Unable to resolve symbol " << e.symbol() << " in " << DEFAULT_LIBRARY);
+        DISC_WARN("Unable to resolve symbol " << e.symbol() << " in " << DEFAULT_LIBRARY);
     }
     if (auto* const director = getEngineSingleton<PluginDirector>(*m_context))
         director->iteratePluginLibraries(*this, load.kind);

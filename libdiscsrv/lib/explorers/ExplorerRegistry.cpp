@@ -107,7 +107,7 @@ void ExplorerRegistry::logRefusal(Refusal refusal) const
 {
     const LogScope scope(OPERATION);
     if (refusal == Refusal::CLOSED)
-        DISC_LOG(1, "An explorer that registers during the shutdown is dropped");
+        DISC_NOTICE("An explorer that registers during the shutdown is dropped");
     else if (refusal == Refusal::FULL)
         DISC_LOG(1, "There are " << m_most << " explorers already, another one is dropped");
 }

@@ -80,7 +80,7 @@ AuthSubIterator::getNextCollectionItemIterator(const FilterParameters* filter)
     m_items = nullptr;
     std::optional<ResearchFailure> failure;
     if (!read) {
-        DISC_LOG(1, "Failed to parse discovery");
+        DISC_WARN("Failed to parse discovery");
         failure = read.error();
         failure->subject = subject ? subject->getSubject().utf8() : "";
         failure->authority = authority ? authority->getName().utf8() : "";
@@ -103,7 +103,7 @@ tl::expected<void, ResearchFailure> AuthSubIterator::readDiscovery(CollectionDat
     };
     if (!data) {
         const char* const cause = "Invalid collection data pointer";
-        DISC_LOG(1, cause);
+        DISC_WARN(cause);
         return failure(ResearchProblem::NO_DATA, cause);
     }
     std::ostringstream text;
@@ -111,7 +111,7 @@ tl::expected<void, ResearchFailure> AuthSubIterator::readDiscovery(CollectionDat
         filter->writeXml(text, XmlStr::XE_UTF8);
     if (!data->open(OM_READ, text.str().c_str())) {
         const std::string cause = "Failed to read collection data";
-        DISC_LOG(1, cause);
+        DISC_WARN(cause);
         // The backend's own reason is more exact, but not every backend has one.
         return failure(ResearchProblem::NOT_OPENED,
                        data->getOpenFailure().empty() ? cause : data->getOpenFailure());
@@ -119,7 +119,7 @@ tl::expected<void, ResearchFailure> AuthSubIterator::readDiscovery(CollectionDat
     DiscoverySetInputSource source(*data, "sysid");
     const auto parsed = parseOrExplain(source);
     if (!parsed) {
-        DISC_LOG(1, "Failed to parse the discovery stream");
+        DISC_WARN("Failed to parse the discovery stream");
         return failure(ResearchProblem::NOT_PARSED, parsed.error().utf8());
     }
     return {};
@@ -164,7 +164,7 @@ void AuthSubIterator::xmlStartElement(XmlObjParseContext* context, const XMLCh* 
             ctxt->m_subInterface->xmlStartElement(ctxt->m_subContext.get(), name, attributes);
         return;
     }
-    DISC_LOG(1, "Ignoring Unknown Tag");
+    DISC_WARN("Ignoring Unknown Tag");
     ctxt->countFault();
     XmlInterface::xmlStartElement(ctxt, name, attributes);
 }
@@ -202,7 +202,7 @@ int AuthSubIterator::xmlEndElement(XmlObjParseContext* context, const XMLCh* nam
     case DiscoverySetContext::QueryDescription:
         return endItem(*ctxt, name);
     default:
-        DISC_LOG(1, "Ignoring Unknown Tag");
+        DISC_WARN("Ignoring Unknown Tag");
         ctxt->countFault();
         ctxt->m_nodes.pop_back();
         return XML_INSIDE;

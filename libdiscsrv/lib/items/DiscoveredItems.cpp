@@ -151,7 +151,7 @@ void DiscoveredItem::xmlStartElement(XmlObjParseContext* context, const XMLCh* n
     } else if (XmlObjParseContext::cmptag(name, TAG_EXPLORER_DATA)) {
         startBlock(*ctxt, name, attributes);
     } else {
-        DISC_LOG(1, "Ignoring Unknown Tag");
+        DISC_WARN("Ignoring Unknown Tag");
         ctxt->countFault();
         XmlInterface::xmlStartElement(ctxt, name, attributes);
     }
@@ -226,7 +226,7 @@ int DiscoveredItem::xmlEndElement(XmlObjParseContext* context, const XMLCh* name
         return XML_COMPLETE;
     }
     if (ctxt->m_nodes.back() > DiscoveredDataContext::ExplorerDataBlock) {
-        DISC_LOG(1, "Ignoring Unknown Tag");
+        DISC_WARN("Ignoring Unknown Tag");
         ctxt->countFault();
         ctxt->m_nodes.pop_back();
         return XML_INSIDE;

@@ -25,8 +25,8 @@ XMLSize_t DiscoverySetBinInputStream::readBytes(XMLByte* buffer, XMLSize_t maxTo
     if (count > maxToRead)
         return 0;
     if (m_position + count > MAX_ITEMS_DOCUMENT_BYTES) {
-        DISC_LOG(1, "A collection that is read as items may have " << MAX_ITEMS_DOCUMENT_BYTES
-                                                                   << " bytes, this one has more");
+        DISC_WARN("A collection that is read as items may have " << MAX_ITEMS_DOCUMENT_BYTES
+                                                                 << " bytes, this one has more");
         return 0;
     }
     m_position += count;

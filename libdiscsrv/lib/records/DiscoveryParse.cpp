@@ -91,7 +91,7 @@ void Discovery::startAuthority(DiscoveryDocContext& context, const XMLCh* name,
     const TlxString authorityName = xmlAttribute(attributes, ATTRIBUTE_NAME);
     const TlxString typeText = xmlAttribute(attributes, ATTRIBUTE_TYPE);
     if (authorityName.empty()) {
-        DISC_LOG(1, "Authority name not specified");
+        DISC_WARN("Authority name not specified");
         XmlInterface::xmlStartElement(&context, name, attributes);
         return;
     }
@@ -112,7 +112,7 @@ void Discovery::startSubject(DiscoveryDocContext& context, const XMLCh* name,
         context.m_subContext.reset();
     const TlxString subjectName = xmlAttribute(attributes, ATTRIBUTE_NAME);
     if (subjectName.empty()) {
-        DISC_LOG(1, "Subject name not specified");
+        DISC_WARN("Subject name not specified");
         XmlInterface::xmlStartElement(&context, name, attributes);
         return;
     }
@@ -125,7 +125,7 @@ void Discovery::startSubject(DiscoveryDocContext& context, const XMLCh* name,
 
 void Discovery::refuseDocument(const char* what, const TlxString& value)
 {
-    DISC_LOG(1, "Unknown " << what << " \"" << value << "\"");
+    DISC_WARN("Unknown " << what << " \"" << value << "\"");
     m_documentRefused = true;
 }
 
@@ -199,13 +199,13 @@ void Discovery::endValue(DiscoveryDocContext& context)
         if (fromText(text, time))
             m_attributes->setDiscoveryTime(time);
         else
-            DISC_LOG(1, "Unable to convert discovery time ");
+            DISC_WARN("Unable to convert discovery time ");
         break;
     case DiscoveryDocContext::ExpiresTime:
         if (fromText(text, time))
             m_attributes->setExpiresTime(time);
         else
-            DISC_LOG(1, "Unable to convert expires time ");
+            DISC_WARN("Unable to convert expires time ");
         break;
     case DiscoveryDocContext::Signature:
         m_attributes->setSignature(text);
@@ -214,7 +214,7 @@ void Discovery::endValue(DiscoveryDocContext& context)
         if (fromText(text, priority))
             m_attributes->setPriority(priority);
         else
-            DISC_LOG(1, "Unable to convert priority ");
+            DISC_WARN("Unable to convert priority ");
     }
 }
 

@@ -17,7 +17,7 @@ int XMLHelper::parse(astringstream& buffer, TlxString& serviceName, TlxString& s
     const std::string text = buffer.str();
     TlxDOMHandler handler(text.c_str());
     if (handler.parse() != 0) {
-        DISC_LOG(1, "Failed to parse buffer: " << text);
+        DISC_WARN("Failed to parse buffer: " << text);
         return -1;
     }
     std::int32_t type = 0;
@@ -37,7 +37,7 @@ int XMLHelper::parse(std::string& buffer, unsigned int& priority)
     DISC_TRACE("XMLHelper::parse");
     TlxDOMHandler handler(buffer.c_str());
     if (handler.parse() != 0) {
-        DISC_LOG(1, "Failed to parse buffer: " << buffer);
+        DISC_WARN("Failed to parse buffer: " << buffer);
         return -1;
     }
     return handler.getValue(PRIORITY, priority) == 0 ? 0 : -1;

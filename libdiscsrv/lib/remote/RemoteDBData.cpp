@@ -121,7 +121,7 @@ bool RemoteCollectionData::open(OpenMode mode, const char* arg)
 /// Logs why the payload cannot be opened, and keeps the text for the caller. Returns false.
 bool RemoteCollectionData::failOpen(const std::string& why)
 {
-    DISC_LOG(1, why);
+    DISC_WARN(why);
     setOpenFailure(why);
     return false;
 }
@@ -181,7 +181,7 @@ bool RemoteCollectionData::writeCollection(std::size_t length, const void* buffe
     try {
         while (length > 0) {
             if (getPeerLink().isShuttingDown()) {
-                DISC_LOG(1, "The service is shutting down, the write is given up");
+                DISC_WARN("The service is shutting down, the write is given up");
                 m_spoilt = true;
                 return false;
             }
@@ -192,7 +192,7 @@ bool RemoteCollectionData::writeCollection(std::size_t length, const void* buffe
             // Compat(writer-left-open): peers know only `put` and `close`. After a failed put the
             // writer stays open, because a close would store half a collection.
             if (!m_writer->put(chunk)) {
-                DISC_LOG(1, "Failed to write buffer");
+                DISC_WARN("Failed to write buffer");
                 m_spoilt = true;
                 return false;
             }
@@ -201,7 +201,7 @@ bool RemoteCollectionData::writeCollection(std::size_t length, const void* buffe
         }
         return true;
     } catch (const CORBA::Exception& e) {
-        DISC_LOG(1, "Caught CORBA Exception during remote write: " << describeException(e));
+        DISC_WARN("Caught CORBA Exception during remote write: " << describeException(e));
         m_spoilt = true;
         return false;
     }
@@ -215,7 +215,7 @@ DiscoveryResult RemoteCollectionData::persist()
         return {DS_LOGIC_ERROR, 0};
     // Compat(writer-left-open): a close would store an incomplete collection.
     if (m_spoilt) {
-        DISC_LOG(1, "A collection that lost bytes on its way is not persisted");
+        DISC_WARN("A collection that lost bytes on its way is not persisted");
         dropWriter();
         return {DS_COM_ERROR, 0};
     }
@@ -224,8 +224,7 @@ DiscoveryResult RemoteCollectionData::persist()
         m_writer = Remote::RemoteWriter::_nil();
         return result;
     } catch (const CORBA::Exception& e) {
-        DISC_LOG(1,
-                 "Caught CORBA Exception while persisting discoveries: " << describeException(e));
+        DISC_WARN("Caught CORBA Exception while persisting discoveries: " << describeException(e));
         dropWriter();
         return {DS_COM_ERROR, 0};
     }

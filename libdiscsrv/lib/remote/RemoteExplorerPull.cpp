@@ -42,11 +42,11 @@ bool RemoteExplorerPull::collectionRequested(DiscoveryQuery query, const Authori
         return false;
     // Compat(log-remote-pull): log readers know the two texts with source and target exchanged.
     if (!isSuccess(source->open(OM_READ, text))) {
-        DISC_LOG(1, "Failed to target open collection data");
+        DISC_WARN("Failed to target open collection data");
         return false;
     }
     if (!data->open(OM_UPDATE, "")) {
-        DISC_LOG(1, "Failed to source open colection data");
+        DISC_WARN("Failed to source open colection data");
         return false;
     }
     // Compat(pull-opened-twice): peers see every pull twice, the second time without the filter.
@@ -64,7 +64,7 @@ AutoDereference<Discovery> RemoteExplorerPull::findSource(DiscoveryQuery query,
     const Remote::DiscoveryService_var service =
         getPeerLink().connect(m_sourceHost, m_serviceName.c_str());
     if (CORBA::is_nil(service)) {
-        DISC_LOG(1, "Failed to connect to discovery service");
+        DISC_WARN("Failed to connect to discovery service");
         return {};
     }
     const std::string authorityName = authority.getName().utf8();
@@ -81,17 +81,17 @@ AutoDereference<Discovery> RemoteExplorerPull::findSource(DiscoveryQuery query,
         failure = describeException(e);
     }
     if (!failure.empty()) {
-        DISC_LOG(1, "Caught CORBA Exception while querying for discoveries: " << failure);
+        DISC_WARN("Caught CORBA Exception while querying for discoveries: " << failure);
         return {};
     }
     AutoDereference<Discovery> first(iterator->getNext());
     if (!first) {
-        DISC_LOG(1, "No records found!");
+        DISC_WARN("No records found!");
         return {};
     }
     const AutoDereference<Discovery> second(iterator->getNext());
     if (second) {
-        DISC_LOG(1, "Too many records found");
+        DISC_WARN("Too many records found");
         return {};
     }
     return first;

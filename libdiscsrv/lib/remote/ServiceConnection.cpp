@@ -66,14 +66,14 @@ Remote::DiscoveryService_ptr connectToRemoteDS(Orb* orb, const ServiceAddress& a
     switch (service.error().kind) {
     case ConnectFailure::NO_ORB:
     case ConnectFailure::NOT_FOUND:
-        DISC_LOG(1, "Failed to connect to remote discovery service");
+        DISC_WARN("Failed to connect to remote discovery service");
         break;
     case ConnectFailure::NO_SERVICE:
-        DISC_LOG(1, "Failed to connect to remote discovery service ( narrow failed ) ");
+        DISC_WARN("Failed to connect to remote discovery service ( narrow failed ) ");
         break;
     case ConnectFailure::CALL_FAILED:
-        DISC_LOG(1, "Failed to connect to remote discovery service.");
-        DISC_LOG(1, service.error().cause);
+        DISC_WARN("Failed to connect to remote discovery service.");
+        DISC_WARN(service.error().cause);
         break;
     }
     return Remote::DiscoveryService::_nil();

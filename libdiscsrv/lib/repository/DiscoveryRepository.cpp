@@ -195,7 +195,7 @@ DiscoveryIterator* DiscoveryRepository::queryDiscoveries(DiscoveryQuery query,
             iterators.emplace_back(pulled);
     AutoDereference<DiscoveryIterator> stored(getDiscoveryDBDatabase()->getIterator(query));
     if (!stored) {
-        DISC_LOG(1, "No database iterator found");
+        DISC_WARN("No database iterator found");
         return nullptr;
     }
     stored->setAuthority(authority, type);

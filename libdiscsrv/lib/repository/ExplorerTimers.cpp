@@ -164,14 +164,14 @@ void ExplorerRegisterTimer::run()
         if (CORBA::is_nil(service)) {
             if (m_owner.isShuttingDown())
                 return;
-            DISC_LOG(1, "Failed to connect to discovery service on the master, retrying later");
+            DISC_WARN("Failed to connect to discovery service on the master, retrying later");
             return scheduleAgain(RETRY_SECONDS);
         }
         if (!registerAll(*explorers, service))
             return;
     } catch (const CORBA::Exception& e) {
-        DISC_LOG(1, "Caught CORBA exception registering explorers with master, retrying later");
-        DISC_LOG(1, describeException(e));
+        DISC_WARN("Caught CORBA exception registering explorers with master, retrying later");
+        DISC_WARN(describeException(e));
         return scheduleAgain(RETRY_SECONDS);
     }
     DISC_LOG(4, "Successfully registered explorers with master");

@@ -17,7 +17,7 @@ AuthSubIterator* getAuthSubIterator(DiscoveryQuery query, const std::string& fir
     const AutoDereference<DiscoveryIterator> discoveries(
         getDiscoveryRepository()->queryDiscoveries(query, first, second, type));
     if (!discoveries) {
-        DISC_LOG(1, NO_HANDLE);
+        DISC_WARN(NO_HANDLE);
         return nullptr;
     }
     return new AuthSubIterator(discoveries.get());

@@ -93,13 +93,13 @@ void storeExplorer(const ExplorerWrapper& wrapper, const NewDiscovery& newDiscov
     AutoDereference<Discovery> discovery;
     newDiscovery(discovery, DQ_UNDEFINED, subject, authority, attributes);
     if (!discovery || !isSuccess(discovery->open(OM_UPDATE, ""))) {
-        DISC_LOG(1, "Failed to open collection");
+        DISC_WARN("Failed to open collection");
         return;
     }
     const std::string document = documentOf(wrapper, *explorer);
     discovery->getCollectionData()->writeCollection(document.size(), document.data());
     if (!isSuccess(discovery->persist()))
-        DISC_LOG(1, "Failed to persist discovery record.");
+        DISC_WARN("Failed to persist discovery record.");
 }
 
 void loadStoredExplorers(DiscoveryIterator& stored, const RegisterStored& registerStored)

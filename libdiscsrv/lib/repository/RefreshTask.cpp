@@ -28,7 +28,7 @@ int RefreshDiscoveryTask::svc()
     DISC_TRACE("RefreshDiscoveryTask::svc");
     for (const TlxString& client : m_repository.getDiscoveredClientList()) {
         if (m_repository.isShuttingDown()) {
-            DISC_LOG(1, "qmdisco shutting down, aborting refresh task");
+            DISC_NOTICE("qmdisco shutting down, aborting refresh task");
             break;
         }
         DISC_LOG(4, "Restarting push timers on client: " << client);
@@ -49,12 +49,12 @@ void RefreshDiscoveryTask::restart(const TlxString& client) const
         const Remote::DiscoveryService_var service =
             m_repository.connectToRemoteDiscoveryService(host, DISCOVERY_SERVICE);
         if (CORBA::is_nil(service))
-            DISC_LOG(1, "Failed to connect to client discovery service");
+            DISC_WARN("Failed to connect to client discovery service");
         else
             service->restartLocalPushTimer();
     } catch (const CORBA::Exception& e) {
-        DISC_LOG(1, "Caught CORBA exception connecting to remote service");
-        DISC_LOG(1, describeException(e));
+        DISC_WARN("Caught CORBA exception connecting to remote service");
+        DISC_WARN(describeException(e));
     }
 }
 

@@ -23,12 +23,12 @@ DiscoveryIterator* forwardQuery(PeerLink& link, const TlxHostname& master, Disco
     }
     const InFlight inFlight(link.forwardedQueries());
     if (!inFlight.isAdmitted()) {
-        DISC_LOG(1, PeerLink::MAX_FORWARDED_QUERIES << " queries are being forwarded already");
+        DISC_WARN(PeerLink::MAX_FORWARDED_QUERIES << " queries are being forwarded already");
         return nullptr;
     }
     const Remote::DiscoveryService_var service = link.connect(master, DISCOVERY_SERVICE);
     if (CORBA::is_nil(service)) {
-        DISC_LOG(1, "Failed to connect to discovery service");
+        DISC_WARN("Failed to connect to discovery service");
         return nullptr;
     }
     std::string failure;
@@ -43,7 +43,7 @@ DiscoveryIterator* forwardQuery(PeerLink& link, const TlxHostname& master, Disco
     } catch (const CORBA::Exception& e) {
         failure = describeException(e);
     }
-    DISC_LOG(1, "Failed to query remote discoveries: " << failure);
+    DISC_WARN("Failed to query remote discoveries: " << failure);
     return nullptr;
 }
 

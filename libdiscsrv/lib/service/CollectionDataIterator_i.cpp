@@ -25,7 +25,7 @@ bool CollectionDataIterator_i::open(const char* filter)
     CollectionData* data = m_discovery ? m_discovery->getCollectionData() : nullptr;
     if (data && data->open(OM_READ, filter))
         return true;
-    DISC_LOG(1, "Failed to open collection");
+    DISC_WARN("Failed to open collection");
     return false;
 }
 
@@ -46,7 +46,7 @@ CollectionDataSeq* CollectionDataIterator_i::getNextPage()
         // Compat(page-failed-read): peers expect an empty page after a failed read, which returns a
         // count above the size.
         if (count > size) {
-            DISC_LOG(1, "Failed to read from CollectionData");
+            DISC_WARN("Failed to read from CollectionData");
             count = 0;
         }
         page->length(static_cast<CORBA::ULong>(count));

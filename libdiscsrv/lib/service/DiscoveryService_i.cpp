@@ -43,7 +43,7 @@ DiscoveryIterator_ptr DiscoveryService_i::queryDiscoveries(DiscoveryQuery queryT
             getDiscoveryRepository()->queryDiscoveries(queryType, subjectName.utf8(),
                                                        authorityName.utf8(), authType));
         if (!iterator) {
-            DISC_LOG(1, "Failed to create discovery iterator");
+            DISC_WARN("Failed to create discovery iterator");
             // Compat(query-failed): peers expect a reference even if the query failed. Log
             // readers count the failed assertion.
             TLX_SHOULD_NOT_GET_HERE();
@@ -53,8 +53,8 @@ DiscoveryIterator_ptr DiscoveryService_i::queryDiscoveries(DiscoveryQuery queryT
                 new DiscoveryIterator_i(iterator.get()));
             return activateIterator(*servant.in());
         } catch (const CORBA::Exception& e) {
-            DISC_LOG(1, "Caught CORBA exception creating object reference to discovery iterator");
-            DISC_LOG(1, describeException(e));
+            DISC_WARN("Caught CORBA exception creating object reference to discovery iterator");
+            DISC_WARN(describeException(e));
             throw;
         }
     });
@@ -79,15 +79,15 @@ DiscoveryStatus DiscoveryService_i::getCollectionData(const Remote::Discovery& d
             PortableServer::Servant_var<CollectionDataIterator_i> servant(
                 new CollectionDataIterator_i(*found));
             if (!servant->open(filter)) {
-                DISC_LOG(1, "Error encountered trying to open collection iterator");
+                DISC_WARN("Error encountered trying to open collection iterator");
                 return DS_OPEN_FAILED;
             }
             iterator = activateIterator(*servant.in());
             return DS_SUCCESS;
         } catch (const CORBA::Exception& e) {
-            DISC_LOG(
-                1, "Caught CORBA exception creating object reference to collection data iterator");
-            DISC_LOG(1, describeException(e));
+            DISC_WARN(
+                "Caught CORBA exception creating object reference to collection data iterator");
+            DISC_WARN(describeException(e));
             iterator = CollectionDataIterator::_nil();
             return DS_COM_ERROR;
         }
@@ -119,8 +119,8 @@ DiscoveryResult DiscoveryService_i::putCollection(const Remote::Discovery& disco
             (void)servant._retn(); // RemoteWriter_i::close drops this reference
             return result;
         } catch (const CORBA::Exception& e) {
-            DISC_LOG(1, "Caught CORBA exception creating object reference to remote writer");
-            DISC_LOG(1, describeException(e));
+            DISC_WARN("Caught CORBA exception creating object reference to remote writer");
+            DISC_WARN(describeException(e));
             if (orb)
                 orb->destroyObjectRef(reference, PortableServer::POA::_nil());
             writer = RemoteWriter::_nil();
@@ -141,9 +141,9 @@ void DiscoveryService_i::registerExplorer(const char* sourceServiceName, const c
         const TlxString subjectName(subject);
         const TlxString authorityName(authority);
         if (subjectName.empty() || authorityName.empty()) {
-            DISC_LOG(1, "An explorer needs a subject and an authority, got subject \""
-                            << subjectName << "\" and authority \"" << authorityName
-                            << "\" from host \"" << host << "\"");
+            DISC_WARN("An explorer needs a subject and an authority, got subject \""
+                      << subjectName << "\" and authority \"" << authorityName << "\" from host \""
+                      << host << "\"");
             return;
         }
         DISC_LOG(4,

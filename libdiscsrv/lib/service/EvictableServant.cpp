@@ -17,7 +17,7 @@ void add2Evictor(const PortableServer::ObjectId& id, PortableServer::POA* poa, O
     try {
         orb.getEvictor().addObject(timeout, poa, id, noParent);
     } catch (const CORBA::Exception& e) {
-        DISC_LOG(1, "Caught CORBA exception while add2Evictor, " << describeException(e));
+        DISC_WARN("Caught CORBA exception while add2Evictor, " << describeException(e));
         throw;
     }
 }
@@ -26,7 +26,7 @@ void removeFromEvictor(PortableServer::ObjectId_var& id, Orb& orb)
 {
     DISC_TRACE("removeFromEvictor");
     if (!id.operator->()) {
-        DISC_LOG(1, "Nothing to be evicted, Object ID is not valid");
+        DISC_WARN("Nothing to be evicted, Object ID is not valid");
         return;
     }
     orb.getEvictor().removeObject(id.in(), true, true);

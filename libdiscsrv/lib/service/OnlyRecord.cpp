@@ -43,22 +43,22 @@ findOnlyRecord(const Remote::Discovery& wanted)
     const AutoDereference<Tlx::DiscoverySvc::DiscoveryIterator> matches =
         findMatches(effectiveQuery(wanted.queryType), wanted.authType, subject, authority);
     if (!matches) {
-        DISC_LOG(1, "Null iterator returned. Fount no discoveries for subject "
-                        << subject << " & authority " << authority);
+        DISC_WARN("Null iterator returned. Fount no discoveries for subject "
+                  << subject << " & authority " << authority);
         return tl::unexpected(DS_NONE_FOUND);
     }
     AutoDereference<Discovery> first(matches->getNext());
     if (!first) {
-        DISC_LOG(1, "Fount no discoveries for subject " << subject << " & authority " << authority);
+        DISC_NOTICE("Fount no discoveries for subject " << subject << " & authority " << authority);
         return tl::unexpected(DS_NONE_FOUND);
     }
     const AutoDereference<Discovery> second(matches->getNext());
     if (!second)
         return first;
-    DISC_LOG(1, "Fount too many matching discoveries for subject " << subject << " & authority "
+    DISC_NOTICE("Fount too many matching discoveries for subject " << subject << " & authority "
                                                                    << authority);
     if (dynamic_cast<const MemDiscovery*>(second.get()))
-        DISC_LOG(1, "Of several pull explorers only the one that sorts last can be read by "
+        DISC_NOTICE("Of several pull explorers only the one that sorts last can be read by "
                     "name: each that sorts behind a match counts as one, too");
     return tl::unexpected(DS_LOGIC_ERROR);
 }

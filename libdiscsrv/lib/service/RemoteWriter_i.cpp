@@ -69,8 +69,8 @@ DiscoveryResult RemoteWriter_i::open()
 {
     DISC_TRACE("RemoteWriter_i::open");
     if (m_subject.empty() || m_authority.empty()) {
-        DISC_LOG(1, "A record needs a subject and an authority, got subject \""
-                        << m_subject << "\" and authority \"" << m_authority << "\"");
+        DISC_WARN("A record needs a subject and an authority, got subject \""
+                  << m_subject << "\" and authority \"" << m_authority << "\"");
         return {DS_OPEN_FAILED, 0};
     }
     const Subject subject(m_subject.utf8());

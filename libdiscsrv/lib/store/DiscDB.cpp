@@ -83,7 +83,7 @@ bool DiscoveryDBCreator::setupDB(const std::string& dir)
     while (const dirent* entry = nextEntry(directory.get())) {
         if (wildcardcmp("*.updating", entry->d_name, 0) != 0)
             continue;
-        DISC_LOG(1, "Deleting temporary file " << entry->d_name);
+        DISC_NOTICE("Deleting temporary file " << entry->d_name);
         const TlxPathname path = m_dbPath.withFileName(entry->d_name);
         if (const auto removed = removeFile(path); !removed) {
             DISC_LOG(1, "Unable to delete " << path);
@@ -113,6 +113,16 @@ Discovery* DiscoveryDBCreator::newDiscovery(DiscoveryQuery query)
 
 Discovery* DiscoveryDBCreator::getDiscovery(const char* fileName)
 {
+    return openStored(fileName, true);
+}
+
+Discovery* DiscoveryDBCreator::getDiscoveryIfStored(const char* fileName)
+{
+    return openStored(fileName, false);
+}
+
+Discovery* DiscoveryDBCreator::openStored(const char* fileName, bool logsMissing)
+{
     DISC_TRACE("DiscoveryDBCreator::getDiscovery");
     if (!TLX_ASSERT(m_init))
         return nullptr;
@@ -126,29 +136,32 @@ Discovery* DiscoveryDBCreator::getDiscovery(const char* fileName)
     {
         auto file = openRecordFile(path, O_RDWR, LockLevel::Read);
         if (!file) {
-            logFailure(file.error(), path);
+            const bool isMissing = file.error().step == LockFailure::OPENING &&
+                                   file.error().error == std::errc::no_such_file_or_directory;
+            if (logsMissing || !isMissing)
+                logFailure(file.error(), path);
             return nullptr;
         }
         auto* data = new DBCollectionData(
             m_dbPath.withFileName(name.substr(0, name.size() - SUFFIX) + "dat"));
         discovery.reset(new DBDiscovery(std::move(file->lock), path, data, DQ_DISCOVERY_DATA));
         if (!discovery->loadFile(file->status)) {
-            DISC_LOG(1, "Unable to load " << path);
+            DISC_WARN("Unable to load " << path);
             return nullptr;
         }
     }
     if (!isExpired(discovery.get()))
         return discovery.release();
 
-    DISC_LOG(1, path << " has expired");
+    DISC_NOTICE(path << " has expired");
     switch (discovery->expire()) {
     case 0:
         break;
     case 1:
-        DISC_LOG(1, path << " was modified during the expire and should not be expired");
+        DISC_NOTICE(path << " was modified during the expire and should not be expired");
         break;
     case 2:
-        DISC_LOG(1, path << " could not be expired");
+        DISC_WARN(path << " could not be expired");
         break;
     default:
         TLX_SHOULD_NOT_GET_HERE();

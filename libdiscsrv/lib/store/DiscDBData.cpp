@@ -92,7 +92,7 @@ bool DBCollectionData::openTemporary()
             m_path = path;
             return true;
         }
-        DISC_LOG(1, "Last error" << file.error().value());
+        DISC_NOTICE("Last error" << file.error().value());
         if (file.error() != std::errc::file_exists) {
             // Another number would not help against a full disk, or too many open files.
             DISC_LOG(1, "Unable to create " << path);
@@ -118,7 +118,7 @@ bool DBCollectionData::openStored()
             file = tl::unexpected(status ? systemError(EINVAL) : status.error());
     }
     if (!file) {
-        DISC_LOG(1, "Last error" << file.error().value());
+        DISC_WARN("Last error" << file.error().value());
         return false;
     }
     m_file = std::move(*file);
@@ -130,7 +130,7 @@ std::size_t DBCollectionData::readCollection(std::size_t length, void* buffer) c
     DISC_TRACE("DBCollectionData::readCollection");
     if (!TLX_ASSERT_AS(m_file.isOpen(), "ACE_INVALID_HANDLE != m_handle"))
         return static_cast<std::size_t>(-1);
-    const auto count = readFull(m_file.get(), static_cast<char*>(buffer), length);
+    const auto count = readOnce(m_file.get(), static_cast<char*>(buffer), length);
     if (count)
         return *count;
     DISC_LOG(1, "Unable to read " << m_path << ", error " << count.error().value());
@@ -215,13 +215,13 @@ bool DBCollectionData::replaceStored(const TlxPathname& target)
     if (renamed && replaces)
         DISC_LOG(4, "Deleted file: " << target);
     else
-        DISC_LOG(1, "Unable to delete " << target);
+        DISC_NOTICE("Unable to delete " << target);
     if (!renamed) {
         DISC_LOG(1, "Unable to rename " << m_path << " to " << target);
         DISC_LOG(1, "The cause: " << describeError(renamed.error()));
         return false;
     }
-    DISC_LOG(1, "Successfully renamed " << m_path << " to " << target);
+    DISC_NOTICE("Successfully renamed " << m_path << " to " << target);
     return true;
 }
 
@@ -233,7 +233,7 @@ bool DBCollectionData::cleanup()
         // A file that is open for reading is the stored payload.
         if (m_mode == OM_UPDATE) {
             if (const auto removed = removeFile(m_path)) {
-                DISC_LOG(1, "Deleted file: " << m_path);
+                DISC_NOTICE("Deleted file: " << m_path);
             } else {
                 DISC_LOG(1, "Unable to delete " << m_path);
                 DISC_LOG(1, "The cause: " << describeError(removed.error()));
@@ -268,7 +268,7 @@ bool DBCollectionData::expire() const
         DISC_LOG(1, "Unable to delete " << m_path << ", error " << removed.error().value());
         return false;
     }
-    DISC_LOG(1, "Collection data did not exist " << m_path);
+    DISC_NOTICE("Collection data did not exist " << m_path);
     return true;
 }
 

@@ -1,12 +1,11 @@
 // Finds the records that match a query: by exact names, or by a walk over the directory.
 
-#include <algorithm>
 #include <array>
-#include <cerrno>
+#include <utility>
 
-#include <tlx/FileSystem.h>
 #include <tlx/Wildcard.h>
 
+#include "DirectoryNames.h"
 #include "DiscDB.h"
 #include "DiscLog.h"
 #include "MetadataCache.h"
@@ -21,11 +20,17 @@ constexpr const char* LOG_SOURCE = "../DiscDB";
 /// attack: every file name is compared with the whole pattern.
 constexpr std::size_t MAX_PATTERN_BYTES = 1024;
 
-constexpr std::array ALL_TYPES{AT_ANYANDALL, AT_QMKSERVER, AT_QMKCLIENT, AT_EXTSRC, AT_REMOTEPULL};
+/// An iterator begins with the last one.
+constexpr std::array ALL_TYPES{AT_REMOTEPULL, AT_EXTSRC, AT_QMKCLIENT, AT_QMKSERVER, AT_ANYANDALL};
 
 std::string fileNameOf(AuthorityType type, const std::string& authority, const std::string& subject)
 {
     return std::to_string(static_cast<int>(type)) + ' ' + authority + ' ' + subject + ".xml";
+}
+
+bool isWildcard(char c)
+{
+    return c == '*' || c == '?';
 }
 
 /// True for a name that only itself matches. It cannot leave the directory.
@@ -40,7 +45,7 @@ bool isExact(const std::string& name)
 struct DBDiscoveryIterator::Candidate
 {
     std::string name;
-    struct stat status;
+    std::optional<struct stat> status; ///< nothing for an exact name, which may name no file
 };
 
 DBDiscoveryIterator::DBDiscoveryIterator(const char* dir)
@@ -54,56 +59,73 @@ DBDiscoveryIterator::~DBDiscoveryIterator() = default;
 /// Decides once how to find the records, because the query is complete now.
 void DBDiscoveryIterator::begin()
 {
-    m_begun = true;
-    m_pattern = m_type == AT_ANYANDALL ? "* " + m_authority + ' ' + m_subject + ".xml"
-                                       : fileNameOf(m_type, m_authority, m_subject);
-    if (m_pattern.size() > MAX_PATTERN_BYTES) {
-        DISC_LOG(1, "A pattern may have " << MAX_PATTERN_BYTES << " bytes, this one has "
-                                          << m_pattern.size() << " and matches nothing");
+    m_begun = std::chrono::steady_clock::now();
+    const std::string anyType = "* " + m_authority + ' ' + m_subject + ".xml";
+    const std::size_t length =
+        m_type == AT_ANYANDALL ? anyType.size() : fileNameOf(m_type, m_authority, m_subject).size();
+    if (length > MAX_PATTERN_BYTES) {
+        DISC_WARN("A pattern may have " << MAX_PATTERN_BYTES << " bytes, this one has " << length
+                                        << " and matches nothing");
         return;
     }
-    if (isExact(m_authority) && isExact(m_subject)) {
-        for (const AuthorityType type : ALL_TYPES)
-            if (m_type == AT_ANYANDALL || m_type == type)
-                m_exact.push_back(fileNameOf(type, m_authority, m_subject));
+    m_isExact = isExact(m_authority) && isExact(m_subject);
+    if (m_type == AT_ANYANDALL && !m_isExact && isWildcard(m_authority[0])) {
+        m_patterns.push_back(anyType);
         return;
     }
-    m_dir.reset(FileSystem::current().opendir(m_path.c_str()));
-    if (!m_dir)
-        DISC_LOG(1, "Unable to open " << m_path << ", error " << errno);
-}
-
-std::optional<DBDiscoveryIterator::Candidate> DBDiscoveryIterator::nextExact()
-{
-    while (!m_exact.empty()) {
-        std::string name = std::move(m_exact.back());
-        m_exact.pop_back();
-        if (const auto status = statusAt(m_path.withFileName(name)))
-            return Candidate{std::move(name), *status};
-    }
-    return std::nullopt;
+    // With a type at its beginning, a pattern matches only a part of the sorted names.
+    for (const AuthorityType type : ALL_TYPES)
+        if (m_type == AT_ANYANDALL || m_type == type)
+            m_patterns.push_back(fileNameOf(type, m_authority, m_subject));
 }
 
 std::optional<DBDiscoveryIterator::Candidate> DBDiscoveryIterator::nextCandidate()
 {
     if (!m_begun)
         begin();
-    if (!m_dir)
-        return nextExact();
-    for (;;) {
-        errno = 0;
-        const dirent* const entry = FileSystem::current().readdir(m_dir.get());
-        if (!entry) {
-            if (errno != 0)
-                DISC_LOG(1, "Unable to read the directory, error " << errno);
-            return std::nullopt;
-        }
-        const std::string_view name = entry->d_name;
-        if (!name.ends_with(".xml") || wildcardcmp(m_pattern.c_str(), entry->d_name, 0) != 0)
+    for (; !m_patterns.empty(); m_patterns.pop_back(), m_last.clear())
+        if (auto candidate = m_isExact ? lookUp(m_patterns.back()) : nextMatch(m_patterns.back()))
+            return candidate;
+    return std::nullopt;
+}
+
+std::optional<DBDiscoveryIterator::Candidate> DBDiscoveryIterator::lookUp(const std::string& name)
+{
+    if (std::exchange(m_last, name) == name)
+        return std::nullopt;
+    return Candidate{name, std::nullopt};
+}
+
+std::optional<DBDiscoveryIterator::Candidate>
+DBDiscoveryIterator::nextMatch(const std::string& pattern)
+{
+    // An iterator that nobody uses any more must not keep the names alive. When another walk has
+    // replaced them, the last name is the position in the new ones.
+    auto found = m_names.lock();
+    const bool isNew = !found;
+    if (isNew)
+        found = namesIn(m_path, *m_begun);
+    if (!found)
+        return std::nullopt;
+    m_names = found;
+    const NameList& names = found->names;
+    const std::string_view prefix =
+        std::string_view(pattern).substr(0, pattern.find_first_of("*?"));
+    if (m_last.empty())
+        m_place = names.lowerBound(prefix);
+    else if (isNew)
+        m_place = names.upperBound(m_last);
+    for (; m_place < names.size() && names[m_place].starts_with(prefix); ++m_place) {
+        const std::string_view name = names[m_place]; // a zero byte follows it
+        if (wildcardcmp(pattern.c_str(), name.data(), 0) != 0)
             continue;
-        if (const auto status = statusIn(::dirfd(m_dir.get()), entry->d_name))
-            return Candidate{std::string(name), *status};
+        if (const auto status = statusIn(found->descriptor(), name.data())) {
+            ++m_place;
+            m_last = name;
+            return Candidate{m_last, *status};
+        }
     }
+    return std::nullopt;
 }
 
 // Compat(remote-pull-hidden): peers do not expect these records unless they ask for their type.
@@ -117,7 +139,7 @@ Discovery* DBDiscoveryIterator::getNext()
     DISC_TRACE("DBDiscoveryIterator::getNext");
     while (const auto candidate = nextCandidate()) {
         AutoDereference<Discovery> discovery(
-            getDiscoveryDBDatabase()->getDiscovery(candidate->name.c_str()));
+            getDiscoveryDBDatabase()->getDiscoveryIfStored(candidate->name.c_str()));
         if (discovery && isShown(discovery->getAuthority()->getType()))
             return discovery.release();
     }
@@ -130,7 +152,8 @@ std::optional<ListedRecord> DBDiscoveryIterator::listNext()
     while (const auto candidate = nextCandidate()) {
         // A writer that has not written yet leaves the old record current. One that has written
         // gave the file another stamp.
-        auto known = metadataCache().find(candidate->name, candidate->status);
+        auto known = candidate->status ? metadataCache().find(candidate->name, *candidate->status)
+                                       : std::nullopt;
         if (known && !known->isExpired()) {
             if (isShown(known->authorityType))
                 return ListedRecord{std::move(known->subject),
@@ -140,7 +163,7 @@ std::optional<ListedRecord> DBDiscoveryIterator::listNext()
             continue;
         }
         AutoDereference<Discovery> discovery(
-            getDiscoveryDBDatabase()->getDiscovery(candidate->name.c_str()));
+            getDiscoveryDBDatabase()->getDiscoveryIfStored(candidate->name.c_str()));
         if (!discovery || !isShown(discovery->getAuthority()->getType()))
             continue;
         return ListedRecord{discovery->getSubject()->getSubject().utf8(),

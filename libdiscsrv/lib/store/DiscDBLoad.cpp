@@ -47,13 +47,13 @@ bool DBDiscovery::load()
 bool DBDiscovery::loadFile(const struct stat& status)
 {
     if (status.st_size == 0) {
-        DISC_LOG(1, "Zero length xml file");
+        DISC_WARN("Zero length xml file");
         return false;
     }
     const auto size = static_cast<std::size_t>(status.st_size);
     if (size > MAX_METADATA_BYTES) {
-        DISC_LOG(1, "A metadata document may have " << MAX_METADATA_BYTES << " bytes, "
-                                                    << m_metadataPath << " has " << size);
+        DISC_WARN("A metadata document may have " << MAX_METADATA_BYTES << " bytes, "
+                                                  << m_metadataPath << " has " << size);
         return false;
     }
     const std::string name = m_metadataPath.fileName();
@@ -93,9 +93,9 @@ bool DBDiscovery::loadInternal()
     if (!parsed)
         return false;
     if (!getSubject())
-        DISC_LOG(1, "Subject not specified");
+        DISC_WARN("Subject not specified");
     if (!getAuthority())
-        DISC_LOG(1, "Authority not specified");
+        DISC_WARN("Authority not specified");
     return getSubject() && getAuthority();
 }
 
@@ -113,7 +113,7 @@ int DBDiscovery::expire()
         if (m_fileLock->release() != 0)
             DISC_LOG(1, "WARN: Unable to release file lock, errno: " << errno);
         if (m_fileLock->tryacquire_write_upgrade() != 0) {
-            DISC_LOG(1, "Unable to upgrade lock to expire file, errno: " << errno);
+            DISC_WARN("Unable to upgrade lock to expire file, errno: " << errno);
             return FAILED;
         }
     }

@@ -12,6 +12,7 @@
 #include "DiscLog.h"
 #include "MetadataCache.h"
 #include "RecordFile.h"
+#include "SeenPriority.h"
 #include "XMLHelper.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -21,6 +22,19 @@ namespace {
 constexpr const char* LOG_SOURCE = "../DiscDB";
 /// Almost every metadata document is shorter.
 constexpr std::size_t READ_CHUNK = 8096;
+
+/// The whole metadata document; empty if it cannot be read or is too long.
+std::string readDocument(int fd)
+{
+    std::string text(READ_CHUNK, '\0');
+    auto size = readFullAt(fd, text.data(), text.size(), 0);
+    if (size && *size == text.size()) { // there may be more
+        text.resize(MAX_METADATA_BYTES + 1);
+        size = readFullAt(fd, text.data(), text.size(), 0);
+    }
+    text.resize(size && *size <= MAX_METADATA_BYTES ? *size : 0);
+    return text;
+}
 
 } // namespace
 
@@ -36,45 +50,52 @@ bool DBDiscovery::canOverride()
     if (!status && status.error() == std::errc::no_such_file_or_directory)
         return true;
     if (status)
-        if (const auto known = metadataCache().find(name, *status))
-            return mayReplace(known->priority);
+        if (const auto known = knownPriority(path, *status))
+            return mayReplace(*known);
     const auto file = openRecordFile(path, O_RDONLY, LockLevel::Read);
     if (file)
-        return mayReplaceFile(file->lock->get_handle());
+        return mayReplace(readPriority(*file));
     if (file.error().step == LockFailure::OPENING) // no record can be read, so none is in the way
         return true;
-    DISC_LOG(1, "Unable to acquire read lock " << path);
-    DISC_LOG(1, "The cause: " << causeOf(file.error()));
+    DISC_WARN("Unable to acquire read lock " << path);
+    DISC_WARN("The cause: " << causeOf(file.error()));
     return false;
 }
 
 /// The priority rule: only a stored record of higher priority forbids a new one.
+// Compat(expired-blocks): peers get DS_DATA_EXISTS from an expired record until a lookup removes
+// it.
 bool DBDiscovery::mayReplace(unsigned int storedPriority) const
 {
     return storedPriority <= (getAttributes() ? getAttributes()->getPriority() : 0);
 }
 
-/// Applies the priority rule to an open metadata file. A file that cannot be read forbids nothing.
-// Compat(expired-blocks): peers get DS_DATA_EXISTS from an expired record until a lookup removes
-// it.
-bool DBDiscovery::mayReplaceFile(int fd)
+/// The priority in a file with this status, if this object or the store has read it already.
+std::optional<unsigned int> DBDiscovery::knownPriority(const TlxPathname& path,
+                                                       const struct stat& status) const
 {
-    std::string text(READ_CHUNK, '\0');
-    auto size = readFullAt(fd, text.data(), text.size(), 0);
-    if (size && *size == text.size()) { // there may be more
-        text.resize(MAX_METADATA_BYTES + 1);
-        size = readFullAt(fd, text.data(), text.size(), 0);
-    }
-    if (!size || *size == 0 || *size > MAX_METADATA_BYTES)
-        return true;
-    text.resize(*size);
+    if (m_seen && m_seen->stamp == FileStamp(status))
+        return m_seen->priority;
+    if (const auto known = metadataCache().find(path.fileName(), status))
+        return known->priority;
+    return std::nullopt;
+}
+
+/// Reads the priority from a locked metadata file. A file that cannot be read has priority 0 and
+/// forbids nothing.
+unsigned int DBDiscovery::readPriority(const LockedFile& file)
+{
+    unsigned int priority = 0;
+    std::string text = readDocument(file.lock->get_handle());
     // Compat(priority-parsed-twice): log readers rely on two traces of the parser for a valid
     // document, and on one message for a broken document.
     XMLHelper helper;
-    unsigned int stored = 0;
-    if (helper.parse(text, stored) != 0 || helper.parse(text, stored) != 0)
-        return true;
-    return mayReplace(stored);
+    if (!text.empty() && (helper.parse(text, priority) != 0 || helper.parse(text, priority) != 0))
+        priority = 0;
+    const FileStamp stamp(file.status);
+    if (stamp.isSettledNow())
+        m_seen = std::make_unique<SeenPriority>(SeenPriority{stamp, priority});
+    return priority;
 }
 
 DiscoveryResult DBDiscovery::persist()
@@ -95,17 +116,17 @@ DiscoveryResult DBDiscovery::persist()
     writeXml(document, XmlStr::Encoding{});
     const std::string xml = document.str();
     if (xml.size() > MAX_METADATA_BYTES) { // load would refuse it
-        DISC_LOG(1, "A metadata document may have " << MAX_METADATA_BYTES << " bytes, that of "
-                                                    << path << " has " << xml.size());
+        DISC_WARN("A metadata document may have " << MAX_METADATA_BYTES << " bytes, that of "
+                                                  << path << " has " << xml.size());
         return {DS_OPEN_FAILED, 0};
     }
     // The payload goes first: a persist that fails there has not touched the stored record.
     if (!payload->prepare()) {
-        DISC_LOG(1, "Collection data update failed");
+        DISC_WARN("Collection data update failed");
         return {DS_OPEN_FAILED, 0};
     }
     if (!canOverride()) {
-        DISC_LOG(1, "Cannot persist, data with higher priority already exists.");
+        DISC_NOTICE("Cannot persist, data with higher priority already exists.");
         return {DS_DATA_EXISTS, 0};
     }
     auto file = openRecordFile(path, O_RDWR | O_CREAT, LockLevel::Write);
@@ -131,9 +152,9 @@ DiscoveryResult DBDiscovery::persistLocked(LockedFile& file, const TlxPathname& 
     {
         const FileGate gate = std::move(file.gate);
         // Another writer may have stored a record since canOverride, so apply the rule again.
-        const auto known = metadataCache().find(path.fileName(), file.status);
-        if (!(known ? mayReplace(known->priority) : mayReplaceFile(file.lock->get_handle()))) {
-            DISC_LOG(1, "Cannot persist, data with higher priority already exists.");
+        const auto known = knownPriority(path, file.status);
+        if (!mayReplace(known ? *known : readPriority(file))) {
+            DISC_NOTICE("Cannot persist, data with higher priority already exists.");
             return {DS_DATA_EXISTS, 0};
         }
         if (!replaceMetadata(file, path, xml))
@@ -146,7 +167,7 @@ DiscoveryResult DBDiscovery::persistLocked(LockedFile& file, const TlxPathname& 
     }
     auto* const payload = dynamic_cast<DBCollectionData*>(getCollectionData());
     if (!payload || !payload->persist(m_dbPath.withFileName(generatecollectionBaseFileName()))) {
-        DISC_LOG(1, "Collection data update failed");
+        DISC_WARN("Collection data update failed");
         return {DS_OPEN_FAILED, 0};
     }
     return {DS_SUCCESS, 0};

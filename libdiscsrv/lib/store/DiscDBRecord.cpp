@@ -5,6 +5,7 @@
 
 #include "DiscDB.h"
 #include "DiscLog.h"
+#include "SeenPriority.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
@@ -88,9 +89,9 @@ bool DBDiscovery::hasUsableFileName() const
     const std::string name = generateMetabaseFileName();
     constexpr std::size_t SHOWN = 1024; // a peer may send many megabytes
     if (name.size() > NAME_MAX)
-        DISC_LOG(1, "The file name of a record may have "
-                        << NAME_MAX << " bytes, this one has " << name.size() << ": "
-                        << name.substr(0, SHOWN) << (name.size() > SHOWN ? "..." : ""));
+        DISC_WARN("The file name of a record may have "
+                  << NAME_MAX << " bytes, this one has " << name.size() << ": "
+                  << name.substr(0, SHOWN) << (name.size() > SHOWN ? "..." : ""));
     return !name.empty() && name.size() <= NAME_MAX;
 }
 
@@ -101,7 +102,7 @@ DiscoveryResult DBDiscovery::open(OpenMode mode, const char* arg)
         if (!hasUsableFileName())
             return {DS_OPEN_FAILED, 0};
         if (!canOverride()) {
-            DISC_LOG(1, "Cannot open the db database, data with higher priority already exists.");
+            DISC_NOTICE("Cannot open the db database, data with higher priority already exists.");
             return {DS_DATA_EXISTS, 0};
         }
     }

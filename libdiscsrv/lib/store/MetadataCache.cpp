@@ -117,6 +117,12 @@ bool FileStamp::isSettled(const struct timespec& now) const
     return isOld(modifiedSeconds, modifiedNanoseconds) && isOld(changedSeconds, changedNanoseconds);
 }
 
+bool FileStamp::isSettledNow() const
+{
+    timespec now = {};
+    return ::clock_gettime(CLOCK_REALTIME, &now) == 0 && isSettled(now);
+}
+
 std::optional<RememberedMetadata> RememberedMetadata::of(const Discovery& record)
 {
     const Authority* const authority = record.getAuthority();
@@ -218,8 +224,7 @@ void MetadataCache::remember(std::string_view fileName, const struct stat& statu
                              const RememberedMetadata& metadata)
 {
     const FileStamp stamp(status);
-    struct timespec now = {};
-    if (::clock_gettime(CLOCK_REALTIME, &now) != 0 || !stamp.isSettled(now))
+    if (!stamp.isSettledNow())
         return;
     Shard& shard = shardOf(fileName);
     const std::lock_guard guard(shard.mutex);

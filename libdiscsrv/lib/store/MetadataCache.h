@@ -22,6 +22,7 @@ struct FileStamp
     /// False for a file that was changed a moment ago. The clock of a file system moves in steps,
     /// so a second change in the same step would leave the same times.
     bool isSettled(const struct timespec& now) const;
+    bool isSettledNow() const;
 
     friend bool operator==(const FileStamp&, const FileStamp&) = default;
 

@@ -19,9 +19,13 @@ tl::expected<LockedFile, LockFailure> openRecordFile(const TlxPathname& path, in
 
 void logFailure(const LockFailure& failure, const TlxPathname& path)
 {
-    DISC_LOG(1, (failure.step == LockFailure::OPENING ? "Unable to open " : "Unable to lock ")
+    // A lock that is busy hurts one request. Any other failure needs an administrator.
+    const LogSeverity severity =
+        failure.step == LockFailure::LOCKING ? LogSeverity::Warning : LogSeverity::Error;
+    DISC_LOG_AS(LOG_LEVEL_FAILURE, severity,
+                (failure.step == LockFailure::OPENING ? "Unable to open " : "Unable to lock ")
                     << path);
-    DISC_LOG(1, "The cause: " << causeOf(failure));
+    DISC_LOG_AS(LOG_LEVEL_FAILURE, severity, "The cause: " << causeOf(failure));
 }
 
 std::string causeOf(const LockFailure& failure)

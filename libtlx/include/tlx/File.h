@@ -32,6 +32,9 @@ namespace Veltrane::Quillmark::Tlx {
 /// at the end. Waits for a non-blocking descriptor.
 [[nodiscard]] FileResult<std::size_t> readFull(int descriptor, char* buffer, std::size_t size);
 
+/// Reads once, like read(2). Returns the count, which may be less than size; 0 only at the end.
+[[nodiscard]] FileResult<std::size_t> readOnce(int descriptor, char* buffer, std::size_t size);
+
 /// The content of a regular file of at most the given size. Fails with std::errc::invalid_argument
 /// if it is not a regular file, without waiting for the writer of a pipe. Fails with
 /// std::errc::file_too_large if it is larger.

@@ -11,7 +11,8 @@
 //  2. The end of a holder does not change the locks of other holders. The descriptor is closed with
 //     the last holder.
 //  3. A *waiting* lock waits only for other processes. If the process already has enough, the
-//     caller gets the lock at once. So no thread waits here for its own lock.
+//     caller gets the lock, even if its own thread holds it. It gets the lock at once, unless
+//     another process waits; then a short pause lets that process go first.
 //  4. A holder that waits has no lock meanwhile. So two processes that both want to raise their
 //     Read never wait for each other. A wait has a limit.
 //  5. A *try* lock fails if another holder of this process has a conflicting lock.
@@ -21,7 +22,7 @@
 // WriterTurn does it for two replacements of one file, which may be long.
 //
 // The lock covers the first byte of the file. It conflicts with the record locks (F_SETLK) of other
-// processes.
+// processes. A process that waits has a read lock on the second byte, which others can see.
 
 #include <chrono>
 #include <cstddef>
@@ -69,13 +70,15 @@ class FileLock
 
     // Each of these returns 0 on success. On failure it returns -1, sets errno, and does not change
     // the level. A request for the current level succeeds. A request for Read lowers Write. EBADF
-    // means that the file was not opened for reading (Read) or for writing (Write). ENOLCK means
-    // that this is a forked child.
+    // means that the file was not opened for reading (Read) or for writing (Write). It also means
+    // that an earlier holder, which is still open, could only open the file for reading. A forked
+    // child gets ENOLCK.
 
     /// Waits until no other process holds a conflicting lock, at most for the wait limit. ETIMEDOUT
-    /// means that the limit has passed. acquire_write from Read may release Read while it waits. So
-    /// the caller must check again what it read before. If acquire_write then fails, and another
-    /// process got the lock in between, level() returns LockLevel::None.
+    /// means that the limit has passed. acquire_write from Read may
+    /// release Read while it waits. So the caller must check again what it read before. If
+    /// acquire_write then fails, and another process got the lock in between, level() returns
+    /// LockLevel::None.
     int acquire_read();
     int acquire_write();
     /// Fail at once with EBUSY if another process, or another holder of this process, has a
@@ -170,7 +173,7 @@ struct LockFailure
 {
     enum Step
     {
-        OPENING,
+        OPENING, ///< or looking at the path after the locking
         LOCKING,
         REPLACED ///< after each locking, the path named another file or no file
     };

@@ -45,9 +45,9 @@ void reportAssertion(const char* expression, const char* file, int line) noexcep
         }
         LoggerFactory::instance()
             .getLogger(LOG_ORIGINATOR_PLATFORM)
-            ->log("assertion", LOG_LEVEL_FAILURE,
-                  std::string("Assertion failed: ") + expression + " (" + file + ":" +
-                      std::to_string(line) + ")");
+            ->write({"assertion", LOG_LEVEL_FAILURE, LogSeverity::Error, {file, line}},
+                    std::string("Assertion failed: ") + expression + " (" + file + ":" +
+                        std::to_string(line) + ")");
     } catch (...) {
         // The failure is counted already. An exception in the report must not become another
         // failure.

@@ -1,211 +1,55 @@
 #include <tlx/Log.h>
 
+#include <array>
 #include <atomic>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
+#include <cstdlib>
 #include <map>
 #include <mutex>
-#include <stdexcept>
-#include <string_view>
+#include <utility>
 #include <vector>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
-#include <unistd.h>
+#include <pthread.h>
 
 #include <fmt/format.h>
-#include <spdlog/pattern_formatter.h>
-#include <spdlog/sinks/rotating_file_sink.h>
-#include <spdlog/sinks/stdout_sinks.h>
 
-#include <tlx/Character.h>
-#include <tlx/FileDescriptor.h>
-#include <tlx/Utf8.h>
+#include "LogOutputs.h"
+#include "LogWriter.h"
+#include "TryLock.h"
 
 namespace Veltrane::Quillmark::Tlx {
 
 namespace {
 
-constexpr mode_t LOG_FILE_MODE = 0640;
-
-/// Escapes what deceives a reader (tlx/Character.h), and invalid UTF-8. Messages contain names from
-/// other hosts. A line break in a name would forge a log line, and invalid UTF-8 would stop a
-/// reader of the file.
-void appendEscaped(std::string& line, std::string_view text)
-{
-    while (!text.empty()) {
-        char32_t codePoint = 0;
-        const std::size_t length = utf8Character(text, &codePoint);
-        const std::string_view character = text.substr(0, length == 0 ? 1 : length);
-        text.remove_prefix(character.size());
-        if (length != 0 && !isDeceptive(codePoint))
-            line += character;
-        else if (character == "\n")
-            line += "\\n";
-        else if (character == "\r")
-            line += "\\r";
-        else if (character == "\t")
-            line += "\\t";
-        else
-            for (const char c : character)
-                line += fmt::format("\\x{:02X}", static_cast<unsigned char>(c));
-    }
-}
-
-/// A line without its time. The sinks put the time in front.
-std::string lineText(const LogSink::Line& line)
-{
-    std::string text = fmt::format("{} {} {} ", line.level, line.originator, ::syscall(SYS_gettid));
-    const bool named = line.operation != nullptr && *line.operation != '\0';
-    appendEscaped(text, named ? line.operation : "-");
-    text += ' ';
-    appendEscaped(text, line.text);
-    return text;
-}
-
-[[noreturn]] void throwCannotOpen(const std::string& file, const char* reason)
-{
-    throw std::runtime_error("Cannot open log file " + file + ": " + reason);
-}
-
-/// Runs before every opening of the log file. Throws if the file cannot be used. It creates the
-/// file with its final permissions, so that it is never readable for everybody. It completes a line
-/// that a crash or a full disk cut. It refuses anything but a regular file, because rotation
-/// renames it.
-void prepareLogFile(const std::string& file)
-{
-    const FileDescriptor opened(
-        ::open(file.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK,
-               LOG_FILE_MODE));
-    if (!opened.isOpen())
-        throwCannotOpen(file, std::strerror(errno));
-    const int fd = opened.get();
-    struct stat status = {};
-    if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))
-        throwCannotOpen(file, "not a regular file");
-    char last = '\n';
-    if (status.st_size > 0 && ::pread(fd, &last, 1, status.st_size - 1) == 1 && last != '\n')
-        if (::write(fd, "\n", 1) != 1)
-            throwCannotOpen(file, std::strerror(errno));
-}
-
-/// Reduces the permissions of an older log file. Child processes do not inherit the file.
-void adoptLogFile(std::FILE* stream)
-{
-    const int fd = ::fileno(stream);
-    (void)::fchmod(fd, LOG_FILE_MODE);
-    (void)::fcntl(fd, F_SETFD, FD_CLOEXEC);
-}
-
-std::unique_ptr<spdlog::formatter> makeFormatter()
-{
-    return std::make_unique<spdlog::pattern_formatter>("%Y-%m-%dT%H:%M:%S.%e%z %v");
-}
-
-/// A formatted line. All sinks share its timestamp.
-struct TimedText
-{
-    std::string text;
-    spdlog::log_clock::time_point time = spdlog::log_clock::now();
-
-    spdlog::details::log_msg message() const
-    {
-        return {time, spdlog::source_loc(), {}, spdlog::level::info, text};
-    }
-};
-
-/// The rotated file. A failed sink may have lost its stream, so it is destroyed. The next line
-/// opens a new sink. So lines are missing only while the disk is full.
-class FileOutput
-{
-  public:
-    /// Throws with the reason when the file cannot be opened.
-    explicit FileOutput(const LogSettings& settings) : m_settings(settings)
-    {
-        if (settings.maxBytes == 0)
-            throwCannotOpen(settings.file, "the size at which it rotates must not be 0");
-        open();
-    }
-
-    void write(const TimedText& line)
-    {
-        try {
-            if (!m_sink)
-                open();
-            if (m_missing > 0) {
-                put({lineText(
-                    {LOG_LEVEL_FAILURE, LOG_ORIGINATOR_PLATFORM, "Logger::log",
-                     fmt::format("{} lines could not be written to this file", m_missing)})});
-                m_missing = 0;
-            }
-            put(line);
-        } catch (const std::exception& e) {
-            m_sink.reset();
-            if (m_missing++ == 0)
-                std::fprintf(stderr, "Logging to the file is interrupted: %s\n", e.what());
-        }
-    }
-
-  private:
-    void open()
-    {
-        spdlog::file_event_handlers handlers;
-        handlers.before_open = [](const spdlog::filename_t& file) { prepareLogFile(file); };
-        handlers.after_open = [](const spdlog::filename_t&, std::FILE* stream) {
-            adoptLogFile(stream);
-        };
-        auto sink = std::make_unique<spdlog::sinks::rotating_file_sink_st>(
-            m_settings.file, m_settings.maxBytes, m_settings.keep, false, handlers);
-        sink->set_formatter(makeFormatter());
-        m_sink = std::move(sink);
-    }
-
-    void put(const TimedText& line)
-    {
-        m_sink->log(line.message());
-        m_sink->flush();
-    }
-
-    const LogSettings m_settings;
-    std::unique_ptr<spdlog::sinks::rotating_file_sink_st> m_sink;
-    unsigned long m_missing = 0;
-};
-
-/// Writes lines to the outputs of the settings.
-class SettingsSink : public LogSink
-{
-  public:
-    /// Throws with the reason when the file cannot be opened.
-    explicit SettingsSink(const LogSettings& settings)
-    {
-        if (settings.toStderr) {
-            m_stderr = std::make_unique<spdlog::sinks::stderr_sink_st>();
-            m_stderr->set_formatter(makeFormatter());
-        }
-        if (!settings.file.empty())
-            m_file = std::make_unique<FileOutput>(settings);
-    }
-
-    void write(const Line& line) override
-    {
-        const TimedText text{lineText(line)};
-        if (m_stderr)
-            m_stderr->log(text.message());
-        if (m_file)
-            m_file->write(text);
-    }
-
-  private:
-    std::unique_ptr<spdlog::sinks::stderr_sink_st> m_stderr;
-    std::unique_ptr<FileOutput> m_file;
-};
+constexpr std::array SEVERITIES = {LogSeverity::Error, LogSeverity::Warning, LogSeverity::Notice,
+                                   LogSeverity::Debug};
 
 /// True while this thread is inside a sink. A sink that logs would wait for itself.
 thread_local bool t_inSink = false;
 
 } // namespace
+
+const char* toText(LogSeverity severity)
+{
+    switch (severity) {
+    case LogSeverity::Error:
+        return "error";
+    case LogSeverity::Warning:
+        return "warning";
+    case LogSeverity::Notice:
+        return "notice";
+    case LogSeverity::Debug:
+        break;
+    }
+    return "debug";
+}
+
+std::optional<LogSeverity> severityFromText(std::string_view text)
+{
+    for (const LogSeverity severity : SEVERITIES)
+        if (text == toText(severity))
+            return severity;
+    return std::nullopt;
+}
 
 class FactoryLogger : public Logger
 {
@@ -216,7 +60,7 @@ class FactoryLogger : public Logger
     }
     bool isStale() const override { return m_stale.load(std::memory_order_acquire); }
     int level() const override;
-    void log(const char* operation, int level, const std::string& text) override;
+    void write(const LogCall& call, const std::string& text) override;
     void makeStale() { m_stale.store(true, std::memory_order_release); }
 
   private:
@@ -227,42 +71,110 @@ class FactoryLogger : public Logger
 struct LoggerFactory::State
 {
     std::atomic<int> level{LOG_LEVEL_FAILURE};
+    std::atomic<LogSeverity> severity{LogSeverity::Debug};
 
-    std::mutex loggersMutex;
     /// The current logger of each originator.
     std::map<unsigned, FactoryLogger*> loggers;
     /// All loggers, also stale ones, because callers may still use them.
     std::vector<std::unique_ptr<FactoryLogger>> all;
 
-    /// Held while a line is written.
-    std::mutex sinkMutex;
-    std::shared_ptr<LogSink> configured = std::make_shared<SettingsSink>(LogSettings{});
-    /// If set, the lines go to it and not to the configured sink.
+    /// If set, the lines go to it and not to the writer.
     std::shared_ptr<LogSink> replacement;
+    std::atomic<bool> isReplaced{false};
+
+    // A forked child gets new ones: in its parent, other threads may have held or used these.
+    struct Locks
+    {
+        std::mutex loggers;
+        std::mutex sink; ///< held while the replacement gets a line
+    };
+    Locks* locks = new Locks;
+    LogWriter* writer = new LogWriter(std::make_unique<LogOutputs>());
+
+    /// Returns true if a replacement got the line.
+    bool writeToReplacement(const LogSink::Line& line);
+
+    void beforeFork();
+    void inParent();
+    void inChild();
 };
+
+bool LoggerFactory::State::writeToReplacement(const LogSink::Line& line)
+{
+    if (!isReplaced.load(std::memory_order_acquire))
+        return false;
+    const std::lock_guard guard(locks->sink);
+    if (!replacement)
+        return false;
+    t_inSink = true;
+    try {
+        replacement->write(line);
+    } catch (...) {
+        // A sink threw although it must not. This line is lost and the process goes on.
+    }
+    t_inSink = false;
+    return true;
+}
 
 int FactoryLogger::level() const
 {
     return m_state.level.load(std::memory_order_relaxed);
 }
 
-void FactoryLogger::log(const char* operation, int messageLevel, const std::string& text)
+void FactoryLogger::write(const LogCall& call, const std::string& text)
 {
-    if (messageLevel > level() || t_inSink)
+    if (call.level > level() || call.severity > m_state.severity.load(std::memory_order_relaxed) ||
+        t_inSink)
         return;
-    std::lock_guard guard(m_state.sinkMutex);
-    t_inSink = true;
+    if (m_state.writeToReplacement({call.level, originator(), call.operation, text, call.severity}))
+        return;
     try {
-        LogSink& sink = m_state.replacement ? *m_state.replacement : *m_state.configured;
-        sink.write({messageLevel, originator(), operation, text});
+        m_state.writer->write(originator(), call, text);
     } catch (...) {
-        // Memory ran out, or a sink threw although it must not. This line is lost and the process
-        // goes on.
+        // Memory ran out. This line is lost and the process goes on.
     }
-    t_inSink = false;
 }
 
-LoggerFactory::LoggerFactory() : m_state(new State) {}
+namespace {
+
+/// How long a fork waits for a lock of the log. A sink that hangs keeps one for ever.
+constexpr std::chrono::seconds FORK_PATIENCE{1};
+
+/// The locks that this thread holds for its fork.
+thread_local bool t_holdsSink = false;
+thread_local bool t_holdsLoggers = false;
+
+} // namespace
+
+void LoggerFactory::State::beforeFork()
+{
+    t_holdsSink = tryLockFor(locks->sink, FORK_PATIENCE);
+    t_holdsLoggers = tryLockFor(locks->loggers, FORK_PATIENCE);
+    writer->beforeFork();
+}
+
+void LoggerFactory::State::inParent()
+{
+    writer->inParent();
+    if (std::exchange(t_holdsLoggers, false))
+        locks->loggers.unlock();
+    if (std::exchange(t_holdsSink, false))
+        locks->sink.unlock();
+}
+
+void LoggerFactory::State::inChild()
+{
+    t_holdsSink = t_holdsLoggers = false;
+    locks = new Locks;
+    auto output = writer->inChild();
+    writer = new LogWriter(output ? std::move(output) : std::make_unique<LogOutputs>());
+}
+
+LoggerFactory::LoggerFactory() : m_state(new State)
+{
+    ::pthread_atfork([] { instance().m_state->beforeFork(); },
+                     [] { instance().m_state->inParent(); }, [] { instance().m_state->inChild(); });
+}
 
 LoggerFactory& LoggerFactory::instance()
 {
@@ -272,7 +184,7 @@ LoggerFactory& LoggerFactory::instance()
 
 Logger* LoggerFactory::getLogger(unsigned originator)
 {
-    std::lock_guard guard(m_state->loggersMutex);
+    const std::lock_guard guard(m_state->locks->loggers);
     const auto known = m_state->loggers.find(originator);
     if (known != m_state->loggers.end())
         return known->second;
@@ -284,20 +196,15 @@ Logger* LoggerFactory::getLogger(unsigned originator)
 
 tl::expected<void, std::string> LoggerFactory::configure(const LogSettings& settings)
 {
-    std::shared_ptr<LogSink> sink; // gets the old sink, which is destroyed without the mutex
-    {
-        // Make it under the mutex. It may use the current file, and no thread may write a line
-        // while it prepares the file.
-        std::lock_guard guard(m_state->sinkMutex);
-        try {
-            sink = std::make_shared<SettingsSink>(settings);
-        } catch (const std::exception& e) {
-            return tl::unexpected<std::string>(e.what());
-        }
-        m_state->configured.swap(sink);
-    }
+    const auto make = [&] { return std::make_unique<LogOutputs>(settings); };
+    if (auto configured = m_state->writer->configure(settings, make); !configured)
+        return configured;
+    // Destructors of static objects log after the thread is gone, and their lines are written, too.
+    [[maybe_unused]] static const int registered =
+        std::atexit([] { instance().m_state->writer->stop(); });
     setLevel(settings.level);
-    std::lock_guard guard(m_state->loggersMutex);
+    setSeverity(settings.severity);
+    const std::lock_guard guard(m_state->locks->loggers);
     for (const auto& [originator, logger] : m_state->loggers)
         logger->makeStale();
     m_state->loggers.clear();
@@ -314,11 +221,42 @@ int LoggerFactory::level() const
     return m_state->level.load(std::memory_order_relaxed);
 }
 
+void LoggerFactory::setSeverity(LogSeverity lowest)
+{
+    m_state->severity.store(lowest, std::memory_order_relaxed);
+}
+
+LogSeverity LoggerFactory::severity() const
+{
+    return m_state->severity.load(std::memory_order_relaxed);
+}
+
+void LoggerFactory::setBurst(unsigned lines)
+{
+    m_state->writer->setBurst(lines);
+}
+
+bool LoggerFactory::flush(std::chrono::milliseconds limit)
+{
+    return m_state->writer->flush(limit);
+}
+
+void LoggerFactory::endSecond()
+{
+    m_state->writer->endSecond();
+}
+
+LogCounters LoggerFactory::counters() const
+{
+    return m_state->writer->counters();
+}
+
 void LoggerFactory::setSink(std::shared_ptr<LogSink> sink)
 {
     // The old sink is destroyed after the mutex is free: its destructor may log.
-    std::lock_guard guard(m_state->sinkMutex);
+    const std::lock_guard guard(m_state->locks->sink);
     m_state->replacement.swap(sink);
+    m_state->isReplaced.store(m_state->replacement != nullptr, std::memory_order_release);
 }
 
 namespace {
@@ -331,7 +269,8 @@ void trace(Logger* logger, const char* event, const char* name, const char* file
     if (logger == nullptr || logger->level() < LOG_LEVEL_TRACE)
         return;
     try {
-        logger->log(name, LOG_LEVEL_TRACE, fmt::format("{} ({}:{})", event, file, line));
+        logger->write({name, LOG_LEVEL_TRACE, LogSeverity::Debug, {file, line}},
+                      fmt::format("{} ({}:{})", event, file, line));
     } catch (...) {
         // This trace line is lost.
     }

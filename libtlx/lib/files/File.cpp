@@ -91,6 +91,15 @@ FileResult<std::size_t> readFull(int descriptor, char* buffer, std::size_t size)
     return done;
 }
 
+FileResult<std::size_t> readOnce(int descriptor, char* buffer, std::size_t size)
+{
+    const ssize_t count =
+        uninterrupted([&] { return FileSystem::current().read(descriptor, buffer, size); });
+    if (count < 0)
+        return lastError();
+    return static_cast<std::size_t>(count);
+}
+
 FileResult<std::size_t> readFullAt(int descriptor, char* buffer, std::size_t size, off_t position)
 {
     std::size_t done = 0;

@@ -19,15 +19,35 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../FileLock";
 
-/// Opens a file for reading and writing if that is allowed, because all later holders share the
-/// descriptor. Otherwise it opens the file as asked.
+bool isForbidden(const std::error_code& error)
+{
+    switch (error.value()) {
+    case EACCES:
+    case EPERM:
+    case EROFS:
+    case ETXTBSY:
+        return true;
+    default:
+        return false;
+    }
+}
+
+/// Whether the path names no file.
+bool isMissing(const std::error_code& error)
+{
+    return error.value() == ENOENT || error.value() == ENOTDIR;
+}
+
+/// Opens a file for reading and writing, because all later holders share the descriptor. If that is
+/// forbidden, it opens the file as asked. After another failure (no free descriptor) it does not
+/// try that: a second open could succeed, and then a later writer would get this descriptor.
 FileResult<FileDescriptor> openForSharing(const TlxPathname& path, int flags, mode_t mode)
 {
     // O_NONBLOCK: if somebody put a pipe in the file's place, the open does not wait for a writer.
     // The flag does nothing for a regular file.
     flags |= O_NONBLOCK | O_NOCTTY;
     auto file = openFile(path, (flags & ~O_ACCMODE) | O_RDWR, mode);
-    if (file || (flags & O_ACCMODE) == O_RDWR)
+    if (file || (flags & O_ACCMODE) == O_RDWR || !isForbidden(file.error()))
         return file;
     return openFile(path, flags, mode);
 }
@@ -45,18 +65,23 @@ std::unique_ptr<FileLock> FileLock::open(const std::string& path, int flags, mod
         errno = EINVAL;
         return nullptr;
     }
-    auto descriptor = openForSharing(path, flags, mode);
-    if (!descriptor) {
-        errno = descriptor.error().value();
-        return nullptr;
+    for (;;) {
+        const unsigned long forks = table().forks;
+        auto descriptor = openForSharing(path, flags, mode);
+        if (!descriptor) {
+            errno = descriptor.error().value();
+            return nullptr;
+        }
+        const auto status = statusOf(descriptor->get());
+        if (!status || !S_ISREG(status->st_mode)) {
+            descriptor->reset();
+            errno = !status ? status.error().value() : S_ISDIR(status->st_mode) ? EISDIR : EINVAL;
+            return nullptr;
+        }
+        if (auto file = table().fileOf(*status, *descriptor, forks))
+            return std::unique_ptr<FileLock>(new FileLock(std::move(file), flags));
+        flags &= ~O_EXCL; // this call has made the file
     }
-    const auto status = statusOf(descriptor->get());
-    if (!status || !S_ISREG(status->st_mode)) {
-        descriptor->reset();
-        errno = !status ? status.error().value() : S_ISDIR(status->st_mode) ? EISDIR : EINVAL;
-        return nullptr;
-    }
-    return std::unique_ptr<FileLock>(new FileLock(table().fileOf(*status, *descriptor), flags));
 }
 
 FileLock::~FileLock()
@@ -209,6 +234,8 @@ tl::expected<LockedFile, LockFailure> openLocked(const TlxPathname& path, int fl
         const auto status = statusAt(path);
         if (status && lock->isFile(*status))
             return LockedFile{std::move(lock), std::move(turn), std::move(gate), *status};
+        if (!status && !isMissing(status.error()))
+            return tl::unexpected(LockFailure{LockFailure::OPENING, status.error()});
     }
     return tl::unexpected(LockFailure{LockFailure::REPLACED, systemError(EAGAIN)});
 }

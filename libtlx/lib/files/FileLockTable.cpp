@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -15,6 +16,20 @@ namespace {
 /// The pauses of a waiting lock double from the first to the second.
 constexpr std::chrono::microseconds SHORTEST_PAUSE{200};
 constexpr std::chrono::microseconds LONGEST_PAUSE{20000};
+
+/// A process gives way at most for the first time, and at most once in the second.
+constexpr std::chrono::milliseconds LONGEST_WAY{100};
+constexpr std::chrono::milliseconds TIME_BETWEEN_WAYS{500};
+constexpr std::chrono::milliseconds WAY_PAUSE{1};
+
+/// The bytes of the file that locks cover.
+constexpr off_t LOCKED_BYTE = 0;
+constexpr off_t WAITING_BYTE = 1;
+
+short typeOf(LockLevel level)
+{
+    return level == LockLevel::Write ? F_WRLCK : level == LockLevel::Read ? F_RDLCK : F_UNLCK;
+}
 
 bool isConflict(int error)
 {
@@ -34,15 +49,19 @@ Table& table()
     return *theTable;
 }
 
-std::shared_ptr<File> Table::fileOf(const struct stat& status, FileDescriptor& descriptor)
+std::shared_ptr<File> Table::fileOf(const struct stat& status, FileDescriptor& descriptor,
+                                    unsigned long forksBefore)
 {
     const Key key{status.st_dev, status.st_ino};
     const Guard guard(mutex);
-    std::weak_ptr<File>& entry = files[key];
-    std::shared_ptr<File> file = entry.lock();
+    const auto entry = files.find(key);
+    std::shared_ptr<File> file = entry == files.end() ? nullptr : entry->second.lock();
     if (!file) {
+        if (forks != forksBefore)
+            return nullptr;
+        std::weak_ptr<File>& made = files[key];
         file = std::make_shared<File>(key, std::move(descriptor));
-        entry = file;
+        made = file;
     }
     file->holders.fetch_add(1, std::memory_order_relaxed);
     return file;
@@ -71,6 +90,12 @@ FileLock::Counts Table::counts()
             kept.push_back(std::move(file));
         }
     return counts;
+}
+
+void Table::afterForkInParent()
+{
+    ++forks;
+    mutex.unlock();
 }
 
 void Table::afterForkInChild()
@@ -105,30 +130,66 @@ void File::moveHolder(LockLevel from, LockLevel to)
     m_writers += to == LockLevel::Write ? 1 : 0;
 }
 
-int File::setKernel(LockLevel level)
+int File::callKernel(int command, struct flock& request, off_t byte) const
 {
-    struct flock request = {};
-    request.l_type = static_cast<short>(level == LockLevel::Write  ? F_WRLCK
-                                        : level == LockLevel::Read ? F_RDLCK
-                                                                   : F_UNLCK);
     request.l_whence = SEEK_SET;
-    request.l_start = 0;
+    request.l_start = byte;
     request.l_len = 1;
     int answer = 0;
     do {
-        answer = FileSystem::current().lock(descriptor.get(), F_OFD_SETLK, &request);
+        answer = FileSystem::current().lock(descriptor.get(), command, &request);
     } while (answer < 0 && errno == EINTR);
-    if (answer < 0)
-        return errno;
-    m_kernel = level;
+    return answer < 0 ? errno : 0;
+}
+
+int File::setKernel(LockLevel level)
+{
+    struct flock request = {};
+    request.l_type = typeOf(level);
+    if (const int error = callKernel(F_OFD_SETLK, request, LOCKED_BYTE); error != 0)
+        return error;
+    if (std::exchange(m_kernel, level) < level)
+        raised.notify_all();
     return 0;
 }
 
 int File::settle()
 {
-    const int error = m_kernel > needed() ? setKernel(needed()) : 0;
-    changed.notify_all();
-    return error;
+    return m_kernel > needed() ? setKernel(needed()) : 0;
+}
+
+void File::countWaiter(int change)
+{
+    m_waiters += change;
+    table().waiting += static_cast<std::size_t>(change);
+    const bool waits = m_waiters > 0;
+    if (waits == std::exchange(m_isSeenWaiting, waits))
+        return;
+    // If this fails, other processes do not give way. The wait has its limit.
+    struct flock request = {};
+    request.l_type = typeOf(waits ? LockLevel::Read : LockLevel::None);
+    (void)callKernel(F_OFD_SETLK, request, WAITING_BYTE);
+}
+
+bool File::doOthersWait() const
+{
+    struct flock request = {};
+    request.l_type = F_WRLCK;
+    return callKernel(F_OFD_GETLK, request, WAITING_BYTE) == 0 && request.l_type != F_UNLCK;
+}
+
+void File::giveWay(Guard& guard)
+{
+    if (!doOthersWait())
+        return;
+    const auto start = std::chrono::steady_clock::now();
+    if (start >= m_nextWay) {
+        m_wayEnds = start + LONGEST_WAY;
+        m_nextWay = start + TIME_BETWEEN_WAYS;
+    }
+    for (auto now = start; now < m_wayEnds && doOthersWait();
+         now = std::chrono::steady_clock::now())
+        raised.wait_until(guard, now + WAY_PAUSE);
 }
 
 int File::lower(LockLevel held, LockLevel wanted)
@@ -148,12 +209,13 @@ int File::tryRaise(LockLevel held, LockLevel wanted)
         if (const int error = setKernel(wanted); error != 0)
             return isConflict(error) ? EBUSY : error;
     moveHolder(held, wanted);
-    changed.notify_all();
     return 0;
 }
 
 int File::waitRaise(Guard& guard, LockLevel& held, LockLevel wanted)
 {
+    if (held == LockLevel::None)
+        giveWay(guard);
     if (m_kernel < wanted) {
         int error = setKernel(wanted);
         if (isConflict(error)) {
@@ -162,8 +224,7 @@ int File::waitRaise(Guard& guard, LockLevel& held, LockLevel wanted)
             std::chrono::microseconds pause = SHORTEST_PAUSE;
             (void)lower(held, LockLevel::None); // rule 4 of tlx/FileLock.h
             held = LockLevel::None;
-            ++m_waiters;
-            ++table().waiting;
+            countWaiter(1);
             while (isConflict(error)) {
                 const auto now = std::chrono::steady_clock::now();
                 if (now >= giveUp) {
@@ -171,12 +232,11 @@ int File::waitRaise(Guard& guard, LockLevel& held, LockLevel wanted)
                     ++table().waitsGivenUp;
                     break;
                 }
-                changed.wait_until(guard, std::min(now + pause, giveUp));
+                raised.wait_until(guard, std::min(now + pause, giveUp));
                 pause = std::min(2 * pause, LONGEST_PAUSE);
                 error = m_kernel < wanted ? setKernel(wanted) : 0;
             }
-            --m_waiters;
-            --table().waiting;
+            countWaiter(-1);
             if (error != 0 && (m_kernel >= before || setKernel(before) == 0)) {
                 moveHolder(LockLevel::None, before);
                 held = before;
@@ -187,7 +247,6 @@ int File::waitRaise(Guard& guard, LockLevel& held, LockLevel wanted)
     }
     moveHolder(held, wanted);
     held = wanted;
-    changed.notify_all();
     return 0;
 }
 

@@ -72,7 +72,7 @@ void* loadLibrary(const std::string& path, bool global)
         handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_NOLOAD);
         if (handle)
             return;
-        PLATFORM_LOG(LOG_LEVEL_FAILURE, "loadLibrary", "Loading " << path);
+        PLATFORM_NOTICE("loadLibrary", "Loading " << path);
         handle = ::dlopen(path.c_str(), RTLD_NOW | (global ? RTLD_GLOBAL : RTLD_LOCAL));
         if (!handle) {
             const char* const reason = ::dlerror();
@@ -121,7 +121,7 @@ bool LibraryFunction::call(void* argument) const
     if (!m_address)
         return false;
     const std::string what = m_library + ": " + m_symbol;
-    PLATFORM_LOG(LOG_LEVEL_FAILURE, m_symbol, "Entering " << what);
+    PLATFORM_NOTICE(m_symbol, "Entering " << what);
     return callForeignCode(m_symbol, what, [&] {
         const InLibrary inside(m_library);
         reinterpret_cast<void (*)(void*)>(m_address)(argument);

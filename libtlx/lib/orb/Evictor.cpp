@@ -59,8 +59,8 @@ void deactivate(const Watched& object, bool quiet)
         object.poa->deactivate_object(object.id);
     } catch (const CORBA::Exception& e) {
         if (!quiet)
-            PLATFORM_LOG(1, "Evictor::deactivate",
-                         "Unable to deactivate an object: " << describeException(e));
+            PLATFORM_WARN("Evictor::deactivate",
+                          "Unable to deactivate an object: " << describeException(e));
     }
 }
 

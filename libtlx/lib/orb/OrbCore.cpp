@@ -182,7 +182,7 @@ void OrbCore::start(const OrbSettings& settings)
     const std::string maxMessage = std::to_string(settings.maxMessageBytes);
     // All options that the ORB's own configuration file could otherwise change for this process.
     const std::string connections = std::to_string(CONNECTIONS_TO_A_HOST);
-    const std::array<std::array<const char*, 2>, 8> server{{
+    const std::array<std::array<const char*, 2>, 9> server{{
         {"endPoint", listen.c_str()},
         {"endPointPublish", publish.c_str()},
         {"giopMaxMsgSize", maxMessage.c_str()},
@@ -190,6 +190,8 @@ void OrbCore::start(const OrbSettings& settings)
         {"nativeCharCodeSet", "UTF-8"},
         {"traceLevel", "0"},
         {"maxGIOPConnectionPerServer", connections.c_str()},
+        // Saves a request before the first call to each object: an iterator or a writer gets few.
+        {"verifyObjectExistsAndType", "0"},
         {"outConScanPeriod", "120"}, // seconds after which an idle connection is closed
     }};
     const char* options[server.size() + 1][2] = {};

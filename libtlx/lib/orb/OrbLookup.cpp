@@ -118,8 +118,8 @@ Lookup lookupObject(const OrbCore& core, const AdvertisedObject& wanted)
         const Clock::time_point ownEnd = Clock::now() + left(end) / untried--;
         endpoint.address = address;
         if (wanted.elsewhere && core.leadsHere(endpoint)) {
-            PLATFORM_LOG(LOG_LEVEL_FAILURE, "Orb::lookupObject",
-                         wanted.host.text() << " leads back to this service: " << toText(endpoint));
+            PLATFORM_WARN("Orb::lookupObject", wanted.host.text() << " leads back to this service: "
+                                                                  << toText(endpoint));
             return notFound("it leads back to this service");
         }
         answer = ask(core.orb(), endpoint, wanted.name, ownEnd);

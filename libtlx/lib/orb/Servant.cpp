@@ -36,9 +36,9 @@ const char* completionName(CORBA::CompletionStatus status)
 ServantOperationMark::ServantOperationMark(const char* operation)
 {
     if (t_inOperation) {
-        PLATFORM_LOG(LOG_LEVEL_FAILURE, operation,
-                     "A call of this service to itself is refused: a reference of another host "
-                     "leads back here");
+        PLATFORM_WARN(operation,
+                      "A call of this service to itself is refused: a reference of another host "
+                      "leads back here");
         throw CORBA::NO_PERMISSION();
     }
     t_inOperation = true;
@@ -117,6 +117,7 @@ void endAfterForeignException(const char* operation) noexcept
     PLATFORM_LOG(1, operation,
                  "The process ends: only CORBA system exceptions may leave a remote "
                      << "operation, this one threw: " << what);
+    (void)LoggerFactory::instance().flush(LoggerFactory::LAST_FLUSH);
     std::abort();
 }
 

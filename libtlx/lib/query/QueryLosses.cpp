@@ -51,8 +51,7 @@ void QueryLosses::log(const char* operation) const
                 " values, which take any: " + std::to_string(m_opened) + ", the first " +
                 m_firstOpened;
     if (!lost.empty())
-        PLATFORM_LOG(LOG_LEVEL_FAILURE, operation,
-                     "A part of a query description is not kept" << lost);
+        PLATFORM_WARN(operation, "A part of a query description is not kept" << lost);
 }
 
 } // namespace Veltrane::Quillmark::Tlx

@@ -196,8 +196,8 @@ int TlxQuery::xmlEndElement(XmlObjParseContext* context, const XMLCh* name)
     if (!TLX_ASSERT(ctxt->isEndTag(name)))
         return XML_NOTHING;
     if (!setQuery(ctxt->m_query)) {
-        PLATFORM_LOG(
-            LOG_LEVEL_FAILURE, "TlxQuery::xmlEndElement",
+        PLATFORM_WARN(
+            "TlxQuery::xmlEndElement",
             "Refused a query description, because its query is wrong: " << m_mistake.toText());
         ctxt->countFault();
         return XML_NOTHING;

@@ -12,6 +12,8 @@ namespace {
 std::string_view characterAt(std::string_view text, std::size_t position)
 {
     const std::string_view rest = text.substr(position);
+    if (static_cast<unsigned char>(rest.front()) < 0x80)
+        return rest.substr(0, 1);
     const std::size_t length = utf8Character(rest);
     return rest.substr(0, length ? length : 1);
 }

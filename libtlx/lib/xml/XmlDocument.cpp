@@ -85,8 +85,8 @@ TlxString logFailure(const std::basic_string<XMLCh>& documentName, const XmlFail
     std::ostringstream text;
     text << "Failed to parse the document " << TlxString::fromXmlCh(documentName) << ": line "
          << failure.line << ", column " << failure.column << ": " << failure.reason;
-    TLX_LOG(LoggerFactory::instance().getLogger(LOG_ORIGINATOR_PLATFORM), LOG_LEVEL_FAILURE,
-            "XmlDocumentInterface::parse", SOURCE, text.str());
+    TLX_LOG_AS(LoggerFactory::instance().getLogger(LOG_ORIGINATOR_PLATFORM), LOG_LEVEL_FAILURE,
+               LogSeverity::Warning, "XmlDocumentInterface::parse", SOURCE, text.str());
     return text.str();
 }
 

@@ -150,9 +150,36 @@ def test_the_log_is_rotated(start, root):
     for number in range(60):
         assert put(daemon.client(), "cl%d" % number, "a") == SUCCESS
     assert daemon.stop() == 0
-    names = sorted(path.name for path in root.log_file.parent.iterdir())
-    assert names == ["qmdisco.1.log", "qmdisco.2.log", "qmdisco.log"]
-    assert all(path.stat().st_size <= 4096 for path in root.log_file.parent.iterdir())
+    files = sorted(root.log_file.parent.glob("qmdisco.*"))
+    assert [path.name for path in files] == ["qmdisco.1.log", "qmdisco.2.log", "qmdisco.log"]
+    assert all(path.stat().st_size <= 4096 for path in files)
+
+
+def test_errors_have_their_own_file(start, root):
+    root.configure(LOG_LEVEL=9, LOG_MAX_BYTES=4096, LOG_KEEP=1, FILESYSTEM_PULL="perhaps")
+    daemon = start(root)
+    for number in range(60):
+        assert put(daemon.client(), "cl%d" % number, "a") == SUCCESS
+    assert daemon.stop() == 0
+    lines = [harness.parse_line(line) for line in root.errors_file.read_text().splitlines()]
+    assert lines[0].text == ("%s:7: FILESYSTEM_PULL: 'perhaps' is not a boolean, expected TRUE or "
+                             "FALSE" % root.config_file)
+    assert {line.severity for line in lines} <= {"error", "warning"}
+    assert "perhaps" not in root.log_file.read_text()
+
+
+def test_hangup_changes_the_lowest_severity(start, root):
+    root.configure(LOG_SEVERITY="error")
+    daemon = start(root)
+    assert root.log_file.read_text() == ""
+    log = root.log()
+    root.configure(LOG_SEVERITY="notice")
+    daemon.send(signal.SIGHUP)
+    assert put(daemon.client(), "cl1", "a") == SUCCESS
+    assert daemon.stop() == 0
+    severities = {line.severity for line in log.lines()}
+    assert "notice" in severities
+    assert "debug" not in severities
 
 
 def test_the_largest_message(start, root):

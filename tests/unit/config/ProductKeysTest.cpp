@@ -47,8 +47,9 @@ TEST_F(ProductKeysTest, EveryNumberHasItsBoundsAndItsDefault)
         std::uint64_t standard;
     };
     for (const Bounds& bounds :
-         {Bounds{ConfigKey::LOG_LEVEL, 0, 9, 1},
+         {Bounds{ConfigKey::LOG_LEVEL, 0, 9, 1}, Bounds{ConfigKey::LOG_BURST, 0, 1000000, 20},
           Bounds{ConfigKey::LOG_MAX_BYTES, 4096, 1ULL << 40, 10485760},
+          Bounds{ConfigKey::LOG_ERRORS_MAX_BYTES, 4096, 1ULL << 40, 1048576},
           Bounds{ConfigKey::LOG_KEEP, 0, 100, 5}, Bounds{ConfigKey::STOP_LIMIT, 1, 3600, 60},
           Bounds{ConfigKey::REMOTE_MAX_RECORDS, 1, 10000000, 1000000},
           Bounds{ConfigKey::REMOTE_MAX_BYTES, 1024, 1ULL << 30, 67108864},
@@ -91,13 +92,26 @@ TEST_F(ProductKeysTest, TheExplorersKeysAreCheckedWithoutTheirLibrary)
     EXPECT_FALSE(config().getString(ConfigKey::FILESYSTEM_EXCLUDE));
 }
 
-TEST_F(ProductKeysTest, ARunningDaemonTakesTwoKeys)
+TEST_F(ProductKeysTest, ASeverityIsOneOfFour)
+{
+    for (const std::string good : {"error", "warning", "notice", "debug"}) {
+        EXPECT_EQ(problemsOf("LOG_SEVERITY = " + good), Lines{});
+        EXPECT_EQ(config().getString(ConfigKey::LOG_SEVERITY), good);
+    }
+    EXPECT_EQ(problemsOf("LOG_SEVERITY = Errors\n"),
+              Lines{"qm.conf:1: LOG_SEVERITY: 'Errors' is no severity, expected error, warning, "
+                    "notice or debug"});
+    EXPECT_FALSE(config().getString(ConfigKey::LOG_SEVERITY));
+}
+
+TEST_F(ProductKeysTest, ARunningDaemonTakesFourKeys)
 {
     std::vector<std::string> taken;
     for (const DeclaredKey* const key : config().declaredKeys())
         if (key->isTakenWhileRunning())
             taken.emplace_back(key->name());
-    EXPECT_EQ(taken, (std::vector<std::string>{"LOG_LEVEL", "STOP_LIMIT"}));
+    EXPECT_EQ(taken,
+              (std::vector<std::string>{"LOG_LEVEL", "LOG_SEVERITY", "LOG_BURST", "STOP_LIMIT"}));
 }
 
 /// The sample shows each key in a comment without a blank: "#KEY = value".

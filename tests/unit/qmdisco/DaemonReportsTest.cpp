@@ -110,6 +110,68 @@ TEST_F(DaemonReportsTest, SighupTakesTheLogLevelAnew)
     EXPECT_TRUE(m_log.has(Tlx::LOG_LEVEL_PROGRESS, "The configuration was read again"));
 }
 
+TEST_F(DaemonReportsTest, SighupTakesTheSeverityAndTheBurstAnew)
+{
+    m_root.write("etc/qm.conf", "LOG_SEVERITY = warning\nLOG_BURST = 1\n");
+    m_log.release();
+    m_options.foreground = false;
+    m_script.stopsAtOnce = false;
+    const auto logTwice = [](const char* operation) {
+        for (int i = 0; i < 2; ++i)
+            Tlx::LoggerFactory::instance().getLogger(1)->write(
+                {operation, 1, Tlx::LogSeverity::Notice, {operation, 1}}, "text");
+    };
+    m_onRefresh = [&] {
+        const bool reloaded = Tlx::LoggerFactory::instance().severity() == Tlx::LogSeverity::Notice;
+        if (m_refreshes == 1) {
+            logTwice("hidden");
+            m_root.write("etc/qm.conf", "LOG_SEVERITY = notice\nLOG_BURST = 0\n");
+            ::kill(::getpid(), SIGHUP);
+        }
+        if (reloaded)
+            logTwice("shown");
+        if (reloaded || m_refreshes > MANY)
+            askToStop();
+    };
+    EXPECT_EQ(EC_OK, run());
+    const std::string log = m_root.read("logs/qmdisco.log");
+    EXPECT_THAT(log, Not(testing::HasSubstr("hidden")));
+    EXPECT_THAT(log, testing::ContainsRegex("shown .notice. text\n.*shown .notice. text\n"));
+    EXPECT_EQ("", m_root.read("logs/qmdisco-errors.log"));
+}
+
+TEST_F(DaemonReportsTest, ErrorsHaveTheirOwnFileAndTheStatusCountsLines)
+{
+    m_root.write("etc/qm.conf", "LOG_BURST = 1\nWHAT = ever\nWHATEVER = else\n");
+    m_log.release();
+    m_options.foreground = false;
+    m_script.stopsAtOnce = false;
+    m_onRefresh = [&] {
+        if (m_refreshes == 1)
+            for (int i = 0; i < 5; ++i)
+                Tlx::LoggerFactory::instance().getLogger(1)->log("flood", 1, "text");
+        if (m_refreshes == 2)
+            askToStop();
+    };
+    EXPECT_EQ(EC_OK, run());
+    const std::string errors = m_root.read("logs/qmdisco-errors.log");
+    EXPECT_THAT(errors, testing::HasSubstr("unknown key 'WHAT'"));
+    EXPECT_THAT(errors, testing::HasSubstr("unknown key 'WHATEVER'")) << "a place of its own";
+    EXPECT_THAT(errors, testing::HasSubstr("flood [error] text ... and 4 more like this\n"));
+    EXPECT_THAT(errors, Not(testing::HasSubstr("Fake Service is")));
+    EXPECT_THAT(m_root.read("logs/qmdisco.log"), testing::HasSubstr("[notice] Fake Service is up"));
+    EXPECT_EQ(4, status()["counters"]["logLinesSummedUp"]);
+    EXPECT_EQ(0, status()["counters"]["logLinesLost"]);
+}
+
+TEST_F(DaemonReportsTest, ANormalLifeHasOnlyNotices)
+{
+    EXPECT_EQ(EC_OK, run());
+    ASSERT_FALSE(failures().empty());
+    for (const std::string& text : failures())
+        EXPECT_THAT(m_log.severities(text), testing::Each(Tlx::LogSeverity::Notice)) << text;
+}
+
 TEST_F(DaemonReportsTest, TheCommandLinesLogLevelGoesFirst)
 {
     m_root.write("etc/qm.conf", "LOG_LEVEL = 2\n");

@@ -2,16 +2,19 @@
 
 #include "PidFile.h"
 
+#include <array>
 #include <csignal>
 #include <memory>
 #include <string>
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "TestRoot.h"
+#include "support/KernelLocks.h"
 #include "support/PeerProcess.h"
 
 using namespace Veltrane::Quillmark::Qmdisco;
@@ -90,17 +93,59 @@ TEST_F(PidFileTest, AnotherProcessIsNamedAndLeftAlone)
     expectTaken();
 }
 
-TEST_F(PidFileTest, TheHolderIsNamedWhateverTheFileSays)
+TEST_F(PidFileTest, AHolderWithoutAPidInTheFileIsNotNamed)
 {
     OtherDaemon other(m_root);
     ASSERT_TRUE(other.holds());
-    for (const char* content : {"", "999999\n", "nonsense"}) {
+    for (const char* content : {"", "nonsense", "0\n", "-1\n"}) {
         m_root.write("run/qmdisco.pid", content);
         EXPECT_FALSE(take());
-        EXPECT_EQ("another qmdisco is running on " + m_root.path() + " (pid " +
-                      std::to_string(other.pid()) + ")",
-                  m_failure.text);
+        EXPECT_EQ(EC_ALREADY_RUNNING, m_failure.code);
+        EXPECT_EQ("another qmdisco is running on " + m_root.path(), m_failure.text);
     }
+}
+
+TEST_F(PidFileTest, ARecordLockOfAnotherProgramIsRespected)
+{
+    m_root.write("run/qmdisco.pid", "77\n");
+    QmTest::PeerProcess other([path = m_root.path("run/qmdisco.pid")](const std::string&) {
+        const int file = ::open(path.c_str(), O_RDWR | O_CLOEXEC); // stays open
+        return std::to_string(QmTest::setClassicLock(file, F_SETLK, F_WRLCK));
+    });
+    ASSERT_EQ("0", other.ask("lock"));
+    EXPECT_FALSE(take());
+    EXPECT_EQ("another qmdisco is running on " + m_root.path() + " (pid 77)", m_failure.text);
+    other.stop();
+    expectTaken();
+}
+
+TEST_F(PidFileTest, AProgramThatOutlivesTheDaemonDoesNotKeepTheRoot)
+{
+    // The child waits for the end of the test, as a program does that an explorer has started.
+    std::array<int, 2> life{-1, -1};
+    ASSERT_EQ(0, ::pipe2(life.data(), O_CLOEXEC));
+    QmTest::PeerProcess daemon(
+        [&, held = std::make_shared<std::unique_ptr<PidFile>>()](const std::string&) {
+            ::close(life[1]);
+            *held = take();
+            const pid_t child = ::fork();
+            if (child == 0) {
+                char byte = 0;
+                ::alarm(100);
+                (void)!::read(life[0], &byte, 1);
+                ::_exit(0);
+            }
+            return std::to_string(*held ? child : -1);
+        });
+    const long child = std::stol(daemon.ask("take"));
+    ASSERT_GT(child, 0) << m_failure.text;
+    EXPECT_FALSE(take());
+    daemon.kill();
+    EXPECT_EQ(0, ::kill(static_cast<pid_t>(child), 0));
+    // The first thing that the child does is to close the file.
+    EXPECT_TRUE(QmTest::eventually([this] { return take() != nullptr; }));
+    ::close(life[0]);
+    ::close(life[1]);
 }
 
 TEST_F(PidFileTest, AKilledProcessLeavesThePidFileFree)

@@ -36,7 +36,9 @@ class LogCapture
         Tlx::LoggerFactory::instance().setLevel(level);
         Tlx::LoggerFactory::instance().setSink(m_sink);
     }
-    ~LogCapture() { Tlx::LoggerFactory::instance().setSink(nullptr); }
+    ~LogCapture() { release(); }
+    /// Lines go to the configured log again.
+    static void release() { Tlx::LoggerFactory::instance().setSink(nullptr); }
 
     std::vector<Line> lines() const
     {
@@ -52,6 +54,16 @@ class LogCapture
                 result.push_back(line.text);
         return result;
     }
+    /// The severities of the lines with this text, in order.
+    std::vector<Tlx::LogSeverity> severities(const std::string& text) const
+    {
+        std::lock_guard guard(m_sink->mutex);
+        std::vector<Tlx::LogSeverity> result;
+        for (std::size_t i = 0; i < m_sink->lines.size(); ++i)
+            if (m_sink->lines[i].text == text)
+                result.push_back(m_sink->severities[i]);
+        return result;
+    }
     bool has(int level, const std::string& text) const
     {
         const auto all = texts(level);
@@ -61,6 +73,7 @@ class LogCapture
     {
         std::lock_guard guard(m_sink->mutex);
         m_sink->lines.clear();
+        m_sink->severities.clear();
     }
 
   private:
@@ -80,9 +93,11 @@ class LogCapture
             }
             std::lock_guard guard(mutex);
             lines.push_back(std::move(kept));
+            severities.push_back(line.severity);
         }
         std::mutex mutex;
         std::vector<LogCapture::Line> lines;
+        std::vector<Tlx::LogSeverity> severities; ///< of each of the lines
     };
     std::shared_ptr<Sink> m_sink;
 };

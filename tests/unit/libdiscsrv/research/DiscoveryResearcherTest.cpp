@@ -212,7 +212,7 @@ TEST(DiscoveryResearcherDeathTest, GoesInOrderWhenTheProcessExits)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(researchAndExit(), testing::ExitedWithCode(17),
-                "DiscoveryResearcher::~DiscoveryResearcher leave");
+                "DiscoveryResearcher::~DiscoveryResearcher .debug. leave");
 }
 
 } // namespace

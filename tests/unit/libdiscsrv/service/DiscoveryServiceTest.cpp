@@ -166,6 +166,7 @@ TEST_F(DiscoveryServiceTest, NoMatchIsNoneFound)
     EXPECT_EQ(get(named("cl1", "srv1")), DS_NONE_FOUND);
     EXPECT_TRUE(CORBA::is_nil(iterator));
     EXPECT_EQ(log.texts(1), Lines{"Fount no discoveries for subject cl1 & authority srv1"});
+    EXPECT_THAT(log.severities(log.texts(1)[0]), testing::ElementsAre(LogSeverity::Notice));
     EXPECT_EQ(log.lines()[0].operation, "DiscoveryService_i::getCollectionData");
 }
 
@@ -313,6 +314,7 @@ TEST_F(DiscoveryServiceOnAClientTest, AReadFindsNoPullExplorer)
     EXPECT_EQ(servant->getCollectionData(named("cl1", "srv1"), "", iterator.out()), DS_NONE_FOUND);
     EXPECT_EQ(log.texts(1), Lines{"Null iterator returned. Fount no discoveries for subject cl1 & "
                                   "authority srv1"});
+    EXPECT_THAT(log.severities(log.texts(1)[0]), testing::ElementsAre(LogSeverity::Warning));
 }
 
 TEST_F(DiscoveryServiceOnAClientTest, AQueryWithoutAMasterIsAnIteratorOverNothing)

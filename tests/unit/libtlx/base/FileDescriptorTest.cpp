@@ -95,5 +95,16 @@ TEST(FileDescriptor, ResetLeavesErrnoAlone)
     EXPECT_EQ(ENOSPC, errno);
 }
 
+TEST(DescribeError, HasTheNameAndTheText)
+{
+    EXPECT_EQ("ENOSPC, No space left on device", describeError(systemError(ENOSPC)));
+    EXPECT_EQ("EMFILE, Too many open files", describeError(systemError(EMFILE)));
+}
+
+TEST(DescribeError, WithoutANameHasTheText)
+{
+    EXPECT_EQ("Unknown error 99999", describeError(systemError(99999)));
+}
+
 } // namespace
 } // namespace Veltrane::Quillmark::Tlx

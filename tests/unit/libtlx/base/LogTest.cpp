@@ -30,6 +30,9 @@ namespace {
 const std::string TIME_PATTERN = "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\."
                                  "[0-9]{3}[+-][0-9]{2}:[0-9]{2}";
 
+/// Only a log that hangs takes this long.
+constexpr std::chrono::seconds LIMIT{60};
+
 class LogTest : public testing::Test
 {
   protected:
@@ -54,12 +57,18 @@ class LogTest : public testing::Test
         return configured ? "" : configured.error();
     }
 
-    /// The lines without the time and the thread id: "LEVEL ORIGINATOR OPERATION TEXT".
+    /// The lines of a file, after all that was logged is written.
+    static QmTest::Lines written(const std::string& file)
+    {
+        flush();
+        return linesOf(file);
+    }
+    /// The same without the time and the thread id: "LEVEL ORIGINATOR OPERATION [SEVERITY] TEXT".
     static std::vector<std::string> contentOf(const std::string& file)
     {
         static const std::regex pattern("(" + TIME_PATTERN + ") ([0-9]+ [0-9]+) [0-9]+ (.*)");
         std::vector<std::string> result;
-        for (const std::string& line : linesOf(file)) {
+        for (const std::string& line : written(file)) {
             std::smatch match;
             result.push_back(std::regex_match(line, match, pattern)
                                  ? match[2].str() + " " + match[3].str()
@@ -67,6 +76,7 @@ class LogTest : public testing::Test
         }
         return result;
     }
+    static void flush() { EXPECT_TRUE(LoggerFactory::instance().flush(LIMIT)); }
     static Logger* logger(unsigned originator = 400)
     {
         return LoggerFactory::instance().getLogger(originator);
@@ -81,11 +91,11 @@ TEST_F(LogTest, aLineIsTimeLevelOriginatorThreadOperationText)
 {
     configure();
     logger()->log("DBDiscovery::open", 1, "Cannot open it");
-    const auto lines = linesOf(m_settings.file);
+    const auto lines = written(m_settings.file);
     ASSERT_EQ(1u, lines.size());
-    EXPECT_TRUE(std::regex_match(lines[0], std::regex(TIME_PATTERN + " 1 400 " +
-                                                      std::to_string(::syscall(SYS_gettid)) +
-                                                      " DBDiscovery::open Cannot open it")))
+    EXPECT_TRUE(std::regex_match(
+        lines[0], std::regex(TIME_PATTERN + " 1 400 " + std::to_string(::syscall(SYS_gettid)) +
+                             " DBDiscovery::open \\[error\\] Cannot open it")))
         << lines[0];
 }
 
@@ -97,7 +107,7 @@ TEST_F(LogTest, theTimeIsNowInLocalTimeWithItsZone)
     const std::time_t before = std::time(nullptr);
     logger()->log("op", 1, "text");
     const std::time_t after = std::time(nullptr);
-    const auto lines = linesOf(m_settings.file);
+    const auto lines = written(m_settings.file);
     ASSERT_EQ(1u, lines.size());
     EXPECT_EQ("+05:30", lines[0].substr(23, 6));
     std::tm fields = {};
@@ -114,8 +124,9 @@ TEST_F(LogTest, controlCharactersCannotForgeALine)
     logger()->log("o\np", 1, "C1 \xC2\x85 separators \xE2\x80\xA8 \xE2\x80\xA9.");
     EXPECT_THAT(
         contentOf(m_settings.file),
-        ElementsAre("1 400 op a\\nb\\rc\\td\\x1B[1m\\x7F\\x00z",
-                    "1 400 o\\np C1 \\xC2\\x85 separators \\xE2\\x80\\xA8 \\xE2\\x80\\xA9."));
+        ElementsAre(
+            "1 400 op [error] a\\nb\\rc\\td\\x1B[1m\\x7F\\x00z",
+            "1 400 o\\np [error] C1 \\xC2\\x85 separators \\xE2\\x80\\xA8 \\xE2\\x80\\xA9."));
 }
 
 TEST_F(LogTest, charactersThatTurnTheTextAreEscaped)
@@ -126,9 +137,9 @@ TEST_F(LogTest, charactersThatTurnTheTextAreEscaped)
                   "b \xE2\x81\xA6 \xE2\x80\x8F \xD8\x9C \xEF\xBB\xBF.");
     logger()->log("op", 1, "\xC2\xA0 \xE2\x80\x8B \xE2\x80\xAF \xEF\xBF\xBD");
     EXPECT_THAT(contentOf(m_settings.file),
-                ElementsAre("1 400 op a\\xE2\\x80\\xAEb \\xE2\\x81\\xA6 \\xE2\\x80\\x8F "
+                ElementsAre("1 400 op [error] a\\xE2\\x80\\xAEb \\xE2\\x81\\xA6 \\xE2\\x80\\x8F "
                             "\\xD8\\x9C \\xEF\\xBB\\xBF.",
-                            "1 400 op \xC2\xA0 \xE2\x80\x8B \xE2\x80\xAF \xEF\xBF\xBD"));
+                            "1 400 op [error] \xC2\xA0 \xE2\x80\x8B \xE2\x80\xAF \xEF\xBF\xBD"));
 }
 
 TEST_F(LogTest, wellFormedTextPassesAsItIsAndOtherBytesAreEscaped)
@@ -138,10 +149,11 @@ TEST_F(LogTest, wellFormedTextPassesAsItIsAndOtherBytesAreEscaped)
     // Bytes: alone, truncated, overlong, a surrogate, beyond the last code point.
     logger()->log("op", 1,
                   "\x80 \xC3 \xC0\xAF \xE0\x80\x80 \xED\xA0\x80 \xF4\x90\x80\x80 \xE6\x97");
-    EXPECT_THAT(contentOf(m_settings.file),
-                ElementsAre("1 400 op é 日 \xF0\x9F\x98\x80 back\\slash",
-                            "1 400 op \\x80 \\xC3 \\xC0\\xAF \\xE0\\x80\\x80 \\xED\\xA0\\x80 "
-                            "\\xF4\\x90\\x80\\x80 \\xE6\\x97"));
+    EXPECT_THAT(
+        contentOf(m_settings.file),
+        ElementsAre("1 400 op [error] é 日 \xF0\x9F\x98\x80 back\\slash",
+                    "1 400 op [error] \\x80 \\xC3 \\xC0\\xAF \\xE0\\x80\\x80 \\xED\\xA0\\x80 "
+                    "\\xF4\\x90\\x80\\x80 \\xE6\\x97"));
 }
 
 TEST_F(LogTest, aMissingOperationKeepsItsColumn)
@@ -149,7 +161,8 @@ TEST_F(LogTest, aMissingOperationKeepsItsColumn)
     configure();
     logger()->log(nullptr, 1, "one");
     logger()->log("", 1, "two");
-    EXPECT_THAT(contentOf(m_settings.file), ElementsAre("1 400 - one", "1 400 - two"));
+    EXPECT_THAT(contentOf(m_settings.file),
+                ElementsAre("1 400 - [error] one", "1 400 - [error] two"));
 }
 
 TEST_F(LogTest, beforeConfigureLinesGoToStandardErrorAtLevelOne)
@@ -159,7 +172,8 @@ TEST_F(LogTest, beforeConfigureLinesGoToStandardErrorAtLevelOne)
     logger(7)->log("op", 1, "seen");
     logger(7)->log("op", 2, "not wanted");
     const std::string written = testing::internal::GetCapturedStderr();
-    EXPECT_TRUE(std::regex_match(written, std::regex(TIME_PATTERN + " 1 7 [0-9]+ op seen\n")))
+    EXPECT_TRUE(
+        std::regex_match(written, std::regex(TIME_PATTERN + " 1 7 [0-9]+ op \\[error\\] seen\n")))
         << written;
 }
 
@@ -169,9 +183,11 @@ TEST_F(LogTest, bothSinksGetTheLine)
     configure();
     testing::internal::CaptureStderr();
     logger()->log("op", 1, "twice");
+    flush();
     const std::string written = testing::internal::GetCapturedStderr();
-    EXPECT_TRUE(std::regex_match(written, std::regex(TIME_PATTERN + " 1 400 [0-9]+ op twice\n")));
-    EXPECT_THAT(contentOf(m_settings.file), ElementsAre("1 400 op twice"));
+    EXPECT_TRUE(std::regex_match(
+        written, std::regex(TIME_PATTERN + " 1 400 [0-9]+ op \\[error\\] twice\n")));
+    EXPECT_THAT(contentOf(m_settings.file), ElementsAre("1 400 op [error] twice"));
 }
 
 TEST_F(LogTest, theLevelHoldsAtOnceInEveryLogger)
@@ -189,7 +205,7 @@ TEST_F(LogTest, theLevelHoldsAtOnceInEveryLogger)
     one->log("op", 6, "wanted");
     LoggerFactory::instance().setLevel(5);
     one->log("op", 6, "not wanted");
-    EXPECT_THAT(contentOf(m_settings.file), ElementsAre("6 1 op wanted"));
+    EXPECT_THAT(contentOf(m_settings.file), ElementsAre("6 1 op [debug] wanted"));
 }
 
 TEST_F(LogTest, anOriginatorHasOneLoggerUntilItIsStale)
@@ -207,7 +223,7 @@ TEST_F(LogTest, anOriginatorHasOneLoggerUntilItIsStale)
     EXPECT_EQ(second, logger(400));
     // Callers that hold the old logger can still use it.
     first->log("op", 1, "from the stale one");
-    EXPECT_THAT(contentOf(m_settings.file), ElementsAre("1 400 op from the stale one"));
+    EXPECT_THAT(contentOf(m_settings.file), ElementsAre("1 400 op [error] from the stale one"));
 }
 
 TEST_F(LogTest, aConfigurationThatFailsChangesNothing)
@@ -239,7 +255,7 @@ TEST_F(LogTest, aConfigurationThatFailsChangesNothing)
     EXPECT_EQ(before, logger());
     EXPECT_EQ(1, before->level());
     before->log("op", 1, "still here");
-    EXPECT_THAT(contentOf(m_settings.file), ElementsAre("1 400 op still here"));
+    EXPECT_THAT(contentOf(m_settings.file), ElementsAre("1 400 op [error] still here"));
 }
 
 TEST_F(LogTest, rotatesBySizeAndKeepsSoMany)
@@ -250,6 +266,7 @@ TEST_F(LogTest, rotatesBySizeAndKeepsSoMany)
     configure();
     for (int i = 0; i < 12; ++i)
         logger()->log("op", 1, "number " + std::to_string(i) + std::string(80, '.'));
+    flush();
     std::vector<std::string> names;
     for (const auto& entry : std::filesystem::directory_iterator(m_directory)) {
         names.push_back(entry.path().filename());
@@ -260,9 +277,9 @@ TEST_F(LogTest, rotatesBySizeAndKeepsSoMany)
     }
     EXPECT_THAT(names, testing::UnorderedElementsAre("qm.log", "qm.1.log", "qm.2.log"));
     EXPECT_THAT(contentOf(m_settings.file),
-                ElementsAre("1 400 op number 11" + std::string(80, '.')));
+                ElementsAre("1 400 op [error] number 11" + std::string(80, '.')));
     EXPECT_THAT(contentOf(path("qm.1.log")),
-                ElementsAre("1 400 op number 10" + std::string(80, '.')));
+                ElementsAre("1 400 op [error] number 10" + std::string(80, '.')));
 }
 
 TEST_F(LogTest, aFileThatWasThereIsContinuedWithItsTornLineEnded)
@@ -271,7 +288,8 @@ TEST_F(LogTest, aFileThatWasThereIsContinuedWithItsTornLineEnded)
     ASSERT_EQ(0, ::chmod(m_settings.file.c_str(), 0666));
     configure();
     logger()->log("op", 1, "text");
-    EXPECT_THAT(contentOf(m_settings.file), ElementsAre("MALFORMED: torn", "1 400 op text"));
+    EXPECT_THAT(contentOf(m_settings.file),
+                ElementsAre("MALFORMED: torn", "1 400 op [error] text"));
     struct stat status = {};
     ASSERT_EQ(0, ::stat(m_settings.file.c_str(), &status));
     EXPECT_EQ(0640u, status.st_mode & 07777u);
@@ -292,6 +310,7 @@ TEST_F(LogTest, aFullDiskIsNotedOnceAndWritingGoesOnWhenThereIsRoom)
     configure();
     // The captured standard error is a file too. It must stay below the limit.
     logger()->log("op", 1, "before" + std::string(1000, '.'));
+    flush();
     const auto size = std::filesystem::file_size(m_settings.file);
 
     testing::internal::CaptureStderr();
@@ -300,6 +319,7 @@ TEST_F(LogTest, aFullDiskIsNotedOnceAndWritingGoesOnWhenThereIsRoom)
         limitFileSize(size + 10);
         for (int i = 0; i < 3; ++i)
             logger()->log("op", 1, "missing");
+        flush();
         limitFileSize(RLIM_INFINITY);
         return testing::internal::GetCapturedStderr();
     }();
@@ -311,11 +331,12 @@ TEST_F(LogTest, aFullDiskIsNotedOnceAndWritingGoesOnWhenThereIsRoom)
     logger()->log("op", 1, "and after");
     const auto lines = contentOf(m_settings.file);
     ASSERT_EQ(5u, lines.size()) << testing::PrintToString(lines);
-    EXPECT_EQ("1 400 op before" + std::string(1000, '.'), lines[0]);
+    EXPECT_EQ("1 400 op [error] before" + std::string(1000, '.'), lines[0]);
     EXPECT_EQ(std::string("MALFORMED: ").size() + 10, lines[1].size()) << lines[1];
-    EXPECT_EQ("1 1 Logger::log 3 lines could not be written to this file", lines[2]);
-    EXPECT_EQ("1 400 op after", lines[3]);
-    EXPECT_EQ("1 400 op and after", lines[4]);
+    EXPECT_EQ("1 1 Logger::log [warning] 3 lines could not be written to this file", lines[2]);
+    EXPECT_EQ("1 400 op [error] after", lines[3]);
+    EXPECT_EQ("1 400 op [error] and after", lines[4]);
+    EXPECT_EQ(3u, LoggerFactory::instance().counters().lost);
 }
 
 TEST_F(LogTest, aDirectoryThatGoesAwayDuringRotationIsSurvived)
@@ -323,19 +344,21 @@ TEST_F(LogTest, aDirectoryThatGoesAwayDuringRotationIsSurvived)
     m_settings.maxBytes = 100;
     configure();
     logger()->log("op", 1, std::string(60, 'a'));
+    flush();
     std::filesystem::rename(m_directory, m_directory + ".away");
     testing::internal::CaptureStderr();
     logger()->log("op", 1, std::string(60, 'b'));
     logger()->log("op", 1, std::string(60, 'c'));
+    flush();
     EXPECT_EQ("Logging to the file is interrupted: Cannot open log file " + m_settings.file +
                   ": No such file or directory\n",
               testing::internal::GetCapturedStderr());
     std::filesystem::rename(m_directory + ".away", m_directory);
     logger()->log("op", 1, "back");
-    EXPECT_EQ("1 400 op back", contentOf(m_settings.file).back());
+    EXPECT_EQ("1 400 op [error] back", contentOf(m_settings.file).back());
     // The first line filled the file. The count was written to it before the next rotation.
     EXPECT_THAT(contentOf(path("qm.1.log")),
-                ElementsAre("1 1 Logger::log 2 lines could not be written to this file"));
+                ElementsAre("1 1 Logger::log [warning] 2 lines could not be written to this file"));
 }
 
 /// Counts its calls, and notes whether two ran at the same time.
@@ -372,6 +395,7 @@ TEST_F(LogTest, aSinkIsCalledOneAtATimeFromManyThreads)
 
 TEST_F(LogTest, manyThreadsWriteWholeLinesWhileTheLogIsConfiguredAnew)
 {
+    m_settings.burst = 0;
     configure();
     std::vector<std::thread> threads;
     for (int t = 0; t < 3; ++t)
@@ -389,7 +413,7 @@ TEST_F(LogTest, manyThreadsWriteWholeLinesWhileTheLogIsConfiguredAnew)
         thread.join();
     const auto lines = contentOf(m_settings.file);
     EXPECT_EQ(900u, lines.size());
-    EXPECT_THAT(lines, testing::Each("1 400 op text"));
+    EXPECT_THAT(lines, testing::Each("1 400 op [error] text"));
 }
 
 TEST_F(LogTest, aSinkOfTheCallersGetsThePartsAndNullBringsTheSettingsBack)
@@ -404,7 +428,7 @@ TEST_F(LogTest, aSinkOfTheCallersGetsThePartsAndNullBringsTheSettingsBack)
     }
     EXPECT_THAT(contentOf(m_settings.file), ElementsAre());
     logger()->log("op", 1, "back");
-    EXPECT_THAT(contentOf(m_settings.file), ElementsAre("1 400 op back"));
+    EXPECT_THAT(contentOf(m_settings.file), ElementsAre("1 400 op [error] back"));
 }
 
 TEST_F(LogTest, aSinkThatThrowsOrLogsDoesNoHarm)

@@ -2,9 +2,8 @@
 
 #include <tlx/FileLock.h>
 
-#include <atomic>
 #include <cerrno>
-#include <thread>
+#include <chrono>
 
 #include <gtest/gtest.h>
 
@@ -15,21 +14,28 @@ using QmTest::descriptorCount;
 
 namespace {
 
-class FileLockTest : public testing::Test
+/// Every test runs with both kinds of peers.
+class FileLockTest : public testing::TestWithParam<QmTest::PeerKind>
 {
   protected:
     FileLockTest() { m_peer.open(0, m_file.path()); }
 
-    static void expectCounts(std::size_t open, std::size_t parked)
+    void expectCounts(std::size_t holders, std::size_t files) const
     {
         const FileLock::Counts counts = FileLock::counts();
-        EXPECT_EQ(open, counts.open);
-        EXPECT_EQ(parked, counts.parked);
+        EXPECT_EQ(holders, counts.holders);
+        EXPECT_EQ(files, counts.files);
+        EXPECT_EQ(0u, counts.waiting);
+        EXPECT_EQ(0u, m_file.waitsGivenUp());
     }
 
     QmTest::LockedFile m_file;
-    QmTest::Peer m_peer;
+    QmTest::Peer m_peer{GetParam()};
 };
+
+INSTANTIATE_TEST_SUITE_P(Peers, FileLockTest,
+                         testing::Values(QmTest::PeerKind::FILE_LOCK, QmTest::PeerKind::CLASSIC),
+                         testing::PrintToStringParamName());
 
 #define EXPECT_REFUSED(error, call)                                                                \
     do {                                                                                           \
@@ -38,7 +44,12 @@ class FileLockTest : public testing::Test
         EXPECT_EQ(error, errno);                                                                   \
     } while (false)
 
-TEST_F(FileLockTest, aHolderKnowsItsLevelAndAnotherProcessSeesIt)
+TEST(FileLockLimit, isTwentySeconds)
+{
+    EXPECT_EQ(std::chrono::seconds(20), FileLock::waitLimit());
+}
+
+TEST_P(FileLockTest, aHolderKnowsItsLevelAndAnotherProcessSeesIt)
 {
     const auto lock = m_file.open();
     ASSERT_TRUE(lock);
@@ -61,7 +72,7 @@ TEST_F(FileLockTest, aHolderKnowsItsLevelAndAnotherProcessSeesIt)
     EXPECT_EQ(0, lock->release());
 }
 
-TEST_F(FileLockTest, readAskedForWhileWritingLowers)
+TEST_P(FileLockTest, readAskedForWhileWritingLowers)
 {
     const auto lock = m_file.open();
     ASSERT_EQ(0, lock->acquire_write());
@@ -74,7 +85,7 @@ TEST_F(FileLockTest, readAskedForWhileWritingLowers)
     EXPECT_EQ("ok", m_peer.ask("tryread 0"));
 }
 
-TEST_F(FileLockTest, theFirstOfTwoWritersToFinishDoesNotDropTheOthersHold)
+TEST_P(FileLockTest, theFirstOfTwoWritersToFinishDoesNotDropTheOthersHold)
 {
     auto first = m_file.open();
     const auto second = m_file.open();
@@ -89,7 +100,7 @@ TEST_F(FileLockTest, theFirstOfTwoWritersToFinishDoesNotDropTheOthersHold)
     EXPECT_EQ("ok", m_peer.ask("trywrite 0"));
 }
 
-TEST_F(FileLockTest, aLookupDoesNotDropAnothersReadLock)
+TEST_P(FileLockTest, aLookupDoesNotDropAnothersReadLock)
 {
     const std::size_t before = descriptorCount();
     auto kept = m_file.open(O_RDONLY);
@@ -97,49 +108,68 @@ TEST_F(FileLockTest, aLookupDoesNotDropAnothersReadLock)
     {
         const auto lookup = m_file.open(O_RDONLY);
         ASSERT_EQ(0, lookup->acquire_read());
-        expectCounts(2, 0);
+        expectCounts(2, 1);
+        EXPECT_EQ(before + 1, descriptorCount()) << "both holders share a descriptor";
+        EXPECT_EQ(kept->get_handle(), lookup->get_handle());
     }
     EXPECT_EQ("Read", m_peer.sees());
     EXPECT_EQ("EBUSY", m_peer.ask("trywrite 0"));
     expectCounts(1, 1);
     EXPECT_EQ(0, kept->release());
     EXPECT_EQ("ok", m_peer.ask("trywrite 0"));
-    expectCounts(1, 0);
+    expectCounts(1, 1);
     EXPECT_EQ(before + 1, descriptorCount());
     kept.reset();
     expectCounts(0, 0);
     EXPECT_EQ(before, descriptorCount());
 }
 
-TEST_F(FileLockTest, aHolderThatNeverLockedIsParkedToo)
+TEST_P(FileLockTest, aHolderThatNeverLockedDropsNothing)
 {
     const std::size_t before = descriptorCount();
     auto locked = m_file.open();
     ASSERT_EQ(0, locked->acquire_write());
     m_file.open().reset();
     m_file.open(O_RDONLY).reset();
-    expectCounts(1, 2);
+    expectCounts(1, 1);
     EXPECT_EQ("Write", m_peer.sees());
-    // Lowering the lock closes no descriptor, because a holder still has Read.
     EXPECT_EQ(0, locked->acquire_read());
-    expectCounts(1, 2);
     EXPECT_EQ("Read", m_peer.sees());
+    EXPECT_EQ(before + 1, descriptorCount());
     locked.reset();
     expectCounts(0, 0);
     EXPECT_EQ("None", m_peer.sees());
     EXPECT_EQ(before, descriptorCount());
 }
 
-TEST_F(FileLockTest, withoutALockADescriptorIsClosedAtOnce)
+TEST_P(FileLockTest, aDescriptorOpenedPastTheTableDropsNothing)
+{
+    // Closing it would drop a lock that belongs to the process (F_SETLK).
+    const auto locked = m_file.open();
+    ASSERT_EQ(0, locked->acquire_write());
+    ::close(::open(m_file.path().c_str(), O_RDWR | O_CLOEXEC));
+    EXPECT_EQ("Write", m_peer.sees());
+    EXPECT_EQ("EBUSY", m_peer.ask("tryread 0"));
+}
+
+TEST_P(FileLockTest, theFirstHolderMayGoBeforeTheOthers)
 {
     const std::size_t before = descriptorCount();
-    const auto other = m_file.open();
-    m_file.open().reset();
-    expectCounts(1, 0);
+    auto first = m_file.open();
+    ASSERT_EQ(0, first->acquire_write());
+    const int descriptor = first->get_handle();
+    const auto second = m_file.open(O_RDONLY);
+    ASSERT_EQ(0, second->acquire_read());
+    first.reset();
+    EXPECT_EQ("Read", m_peer.sees());
+    EXPECT_EQ(descriptor, second->get_handle());
+    char text[7] = {};
+    EXPECT_EQ(sizeof text, readFullAt(descriptor, text, sizeof text, 0));
+    EXPECT_EQ("content", std::string(text, sizeof text));
     EXPECT_EQ(before + 1, descriptorCount());
 }
 
-TEST_F(FileLockTest, aTryLockSeesOtherHoldersOfThisProcess)
+TEST_P(FileLockTest, aTryLockSeesOtherHoldersOfThisProcess)
 {
     const auto held = m_file.open();
     const auto tried = m_file.open();
@@ -158,7 +188,7 @@ TEST_F(FileLockTest, aTryLockSeesOtherHoldersOfThisProcess)
     EXPECT_EQ("Write", m_peer.sees());
 }
 
-TEST_F(FileLockTest, aTryLockSeesOtherProcesses)
+TEST_P(FileLockTest, aTryLockSeesOtherProcesses)
 {
     const auto tried = m_file.open();
     ASSERT_EQ("ok", m_peer.ask("read 0"));
@@ -173,7 +203,7 @@ TEST_F(FileLockTest, aTryLockSeesOtherProcesses)
     EXPECT_EQ(0, tried->tryacquire_write());
 }
 
-TEST_F(FileLockTest, anUpgradeIsBusyBecauseOfAHolderInThisProcess)
+TEST_P(FileLockTest, anUpgradeIsBusyBecauseOfAHolderInThisProcess)
 {
     const auto upgrading = m_file.open();
     auto other = m_file.open(O_RDONLY);
@@ -187,7 +217,7 @@ TEST_F(FileLockTest, anUpgradeIsBusyBecauseOfAHolderInThisProcess)
     EXPECT_EQ("Write", m_peer.sees());
 }
 
-TEST_F(FileLockTest, anUpgradeIsBusyBecauseOfAnotherProcess)
+TEST_P(FileLockTest, anUpgradeIsBusyBecauseOfAnotherProcess)
 {
     const auto upgrading = m_file.open();
     ASSERT_EQ(0, upgrading->acquire_read());
@@ -201,7 +231,7 @@ TEST_F(FileLockTest, anUpgradeIsBusyBecauseOfAnotherProcess)
     EXPECT_EQ("Write", m_peer.sees());
 }
 
-TEST_F(FileLockTest, anUpgradeAfterAReleaseIsATryForWrite)
+TEST_P(FileLockTest, anUpgradeAfterAReleaseIsATryForWrite)
 {
     const auto lock = m_file.open();
     ASSERT_EQ("ok", m_peer.ask("read 0"));
@@ -212,7 +242,7 @@ TEST_F(FileLockTest, anUpgradeAfterAReleaseIsATryForWrite)
     EXPECT_EQ("Write", m_peer.sees());
 }
 
-TEST_F(FileLockTest, waitingLocksAreGrantedAtOnceInsideTheProcess)
+TEST_P(FileLockTest, waitingLocksAreGrantedAtOnceInsideTheProcess)
 {
     const auto writer = m_file.open();
     const auto reader = m_file.open(O_RDONLY);
@@ -232,7 +262,7 @@ TEST_F(FileLockTest, waitingLocksAreGrantedAtOnceInsideTheProcess)
     EXPECT_EQ(LockLevel::Read, reader->level());
 }
 
-TEST_F(FileLockTest, aWriterThatGoesLeavesTheReadOfAReadOnlyDescriptor)
+TEST_P(FileLockTest, aWriterThatGoesLeavesTheReadOfAReadOnlyHolder)
 {
     auto writer = m_file.open(O_WRONLY);
     auto reader = m_file.open(O_RDONLY);
@@ -250,7 +280,7 @@ TEST_F(FileLockTest, aWriterThatGoesLeavesTheReadOfAReadOnlyDescriptor)
     expectCounts(0, 0);
 }
 
-TEST_F(FileLockTest, aDescriptorThatCannotLockIsRefusedEvenWhenTheProcessHoldsEnough)
+TEST_P(FileLockTest, aHolderThatMayNotLockIsRefusedEvenWhenTheProcessHoldsEnough)
 {
     const auto reader = m_file.open(O_RDONLY);
     const auto writer = m_file.open(O_WRONLY);
@@ -265,7 +295,7 @@ TEST_F(FileLockTest, aDescriptorThatCannotLockIsRefusedEvenWhenTheProcessHoldsEn
     EXPECT_EQ(LockLevel::None, reader->level());
 }
 
-TEST_F(FileLockTest, whatCannotBeOpenedIsNullWithTheReason)
+TEST_P(FileLockTest, whatCannotBeOpenedIsNullWithTheReason)
 {
     const std::size_t before = descriptorCount();
     const auto reason = [](const std::string& path, int flags) {
@@ -284,7 +314,7 @@ TEST_F(FileLockTest, whatCannotBeOpenedIsNullWithTheReason)
     expectCounts(0, 0);
 }
 
-TEST_F(FileLockTest, aFileIsCreatedWithItsPermissionsAndNotInheritedByPrograms)
+TEST_P(FileLockTest, aFileIsCreatedWithItsPermissionsAndNotInheritedByPrograms)
 {
     ::umask(0);
     const auto lock = FileLock::open(m_file.path("new"), O_RDWR | O_CREAT | O_EXCL, 0640);
@@ -297,7 +327,7 @@ TEST_F(FileLockTest, aFileIsCreatedWithItsPermissionsAndNotInheritedByPrograms)
     EXPECT_EQ(EEXIST, errno);
 }
 
-TEST_F(FileLockTest, twoNamesOfOneFileAreOneFileAndTwoFilesAreTwo)
+TEST_P(FileLockTest, twoNamesOfOneFileAreOneFileAndTwoFilesAreTwo)
 {
     ASSERT_EQ(0, ::link(m_file.path().c_str(), m_file.path("alias").c_str()));
     const auto lock = m_file.open();
@@ -308,7 +338,7 @@ TEST_F(FileLockTest, twoNamesOfOneFileAreOneFileAndTwoFilesAreTwo)
     EXPECT_EQ(0, other->tryacquire_write());
 }
 
-TEST_F(FileLockTest, aFileRemovedAndMadeAnewIsAnotherFile)
+TEST_P(FileLockTest, aFileRemovedAndMadeAnewIsAnotherFile)
 {
     auto old = m_file.open();
     ASSERT_EQ(0, old->acquire_write());
@@ -325,14 +355,14 @@ TEST_F(FileLockTest, aFileRemovedAndMadeAnewIsAnotherFile)
     old.reset();
     m_peer.open(1, m_file.path());
     EXPECT_EQ("Write", m_peer.sees(1));
-    expectCounts(1, 0);
+    expectCounts(1, 1);
     // A rename replaces the file.
     std::ofstream(m_file.path("other")) << "other";
     ASSERT_EQ(0, ::rename(m_file.path("other").c_str(), m_file.path().c_str()));
     EXPECT_FALSE(fresh->isStillAt(m_file.path()));
 }
 
-TEST_F(FileLockTest, theInodeOfAFileThatIsOpenIsNotMistakenForAnother)
+TEST_P(FileLockTest, theInodeOfAFileThatIsOpenIsNotMistakenForAnother)
 {
     // Make, lock, remove and close the file many times. The file system uses the same inode again,
     // so the entry of the last file must be gone.
@@ -343,56 +373,6 @@ TEST_F(FileLockTest, theInodeOfAFileThatIsOpenIsNotMistakenForAnother)
         ASSERT_EQ(0, ::unlink(m_file.path("again").c_str()));
     }
     expectCounts(0, 0);
-}
-
-TEST_F(FileLockTest, aGateNestsAndKeepsAnotherHoldersThreadOut)
-{
-    const auto one = m_file.open();
-    const auto two = m_file.open();
-    int value = 0;
-    const auto work = [&value](const FileLock& lock) {
-        for (int i = 0; i < 2000; ++i) {
-            const FileGate outer(lock);
-            const FileGate inner(lock);
-            ++value;
-        }
-    };
-    std::thread thread([&] { work(*two); });
-    work(*one);
-    thread.join();
-    EXPECT_EQ(4000, value);
-}
-
-TEST_F(FileLockTest, gatesOfTwoFilesAreTwo)
-{
-    const auto one = m_file.open();
-    const auto two = FileLock::open(m_file.path("other"), O_RDWR | O_CREAT, 0600);
-    const FileGate gate(*one);
-    bool inside = false;
-    std::thread thread([&] {
-        const FileGate other(*two);
-        inside = true;
-    });
-    thread.join(); // with a shared gate the thread would not end
-    EXPECT_TRUE(inside);
-}
-
-TEST_F(FileLockTest, aGateOutlivesItsHolderAndStillExcludes)
-{
-    auto one = m_file.open();
-    auto gate = std::make_unique<FileGate>(*one);
-    one.reset();
-    const auto two = m_file.open();
-    std::atomic<bool> opened{false};
-    bool sawItOpened = false;
-    std::thread thread([&] {
-        const FileGate waits(*two);
-        sawItOpened = opened;
-    });
-    opened = true;
-    gate.reset();
-    thread.join();
-    EXPECT_TRUE(sawItOpened);
 }
 
 } // namespace

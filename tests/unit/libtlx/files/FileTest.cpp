@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "support/ChildProcess.h"
+#include "support/ScriptedFileSystem.h"
 
 namespace Veltrane::Quillmark::Tlx {
 namespace {
@@ -159,6 +160,146 @@ TEST_F(FileTest, ReservingSpaceKeepsSizeAndContent)
     EXPECT_TRUE(reserveSpace(file->get(), 100000));
     EXPECT_EQ("12345", contentOf(path("file")));
     EXPECT_EQ(std::errc::bad_file_descriptor, reserveSpace(-1, 1).error());
+}
+
+TEST_F(FileTest, ReadFullAtReadsAtAPositionAndMovesNothing)
+{
+    const auto file = openFile(written("five", "12345"), O_RDONLY);
+    ASSERT_TRUE(file);
+    char buffer[3] = {};
+    EXPECT_EQ(3u, readFullAt(file->get(), buffer, sizeof buffer, 1));
+    EXPECT_EQ("234", std::string(buffer, 3));
+    EXPECT_EQ(2u, readFullAt(file->get(), buffer, sizeof buffer, 3));
+    EXPECT_EQ("45", std::string(buffer, 2));
+    EXPECT_EQ(0u, readFullAt(file->get(), buffer, sizeof buffer, 5));
+    EXPECT_EQ(0u, readFullAt(file->get(), buffer, 0, 0));
+    EXPECT_EQ(3u, readFull(file->get(), buffer, sizeof buffer));
+    EXPECT_EQ("123", std::string(buffer, 3));
+    EXPECT_EQ(std::errc::bad_file_descriptor, readFullAt(-1, buffer, 1, 0).error());
+}
+
+TEST_F(FileTest, ReadOnceReturnsWhatIsThere)
+{
+    int ends[2];
+    ASSERT_EQ(0, ::pipe2(ends, O_CLOEXEC));
+    const FileDescriptor reading(ends[0]);
+    FileDescriptor writing(ends[1]);
+    ASSERT_TRUE(writeAll(writing.get(), "123"));
+    char buffer[8] = {};
+    EXPECT_EQ(3u, readOnce(reading.get(), buffer, sizeof buffer));
+    EXPECT_EQ("123", std::string(buffer, 3));
+    writing.reset();
+    EXPECT_EQ(0u, readOnce(reading.get(), buffer, sizeof buffer));
+    EXPECT_EQ(std::errc::bad_file_descriptor, readOnce(-1, buffer, 1).error());
+}
+
+TEST_F(FileTest, AStatusIsThatOfTheFile)
+{
+    const TlxPathname five = written("five", "12345");
+    const auto file = openFile(five, O_RDONLY);
+    ASSERT_TRUE(file);
+    const auto ofFile = statusOf(file->get());
+    const auto atPath = statusAt(five);
+    ASSERT_TRUE(ofFile);
+    ASSERT_TRUE(atPath);
+    EXPECT_EQ(5, ofFile->st_size);
+    EXPECT_EQ(ofFile->st_ino, atPath->st_ino);
+    ASSERT_TRUE(statusAt(directory.path()));
+    EXPECT_TRUE(S_ISDIR(statusAt(directory.path())->st_mode));
+    const auto opened = openFile(directory.path(), O_RDONLY | O_DIRECTORY);
+    ASSERT_TRUE(opened);
+    const auto inDirectory = statusIn(opened->get(), "five");
+    ASSERT_TRUE(inDirectory);
+    EXPECT_EQ(ofFile->st_ino, inDirectory->st_ino);
+    EXPECT_EQ(std::errc::no_such_file_or_directory, statusIn(opened->get(), "none").error());
+    EXPECT_EQ(std::errc::bad_file_descriptor, statusOf(-1).error());
+    EXPECT_EQ(std::errc::no_such_file_or_directory, statusAt(path("none")).error());
+}
+
+TEST_F(FileTest, AFileIsCutAndLengthened)
+{
+    const auto file = openFile(written("five", "12345"), O_RDWR);
+    ASSERT_TRUE(file);
+    EXPECT_TRUE(truncateFile(file->get(), 2));
+    EXPECT_EQ("12", contentOf(path("five")));
+    EXPECT_TRUE(truncateFile(file->get(), 4));
+    EXPECT_EQ(std::string("12\0\0", 4), contentOf(path("five")));
+    EXPECT_EQ(std::errc::bad_file_descriptor, truncateFile(-1, 0).error());
+    const auto reading = openFile(path("five"), O_RDONLY);
+    ASSERT_TRUE(reading);
+    EXPECT_EQ(std::errc::invalid_argument, truncateFile(reading->get(), 0).error());
+}
+
+TEST_F(FileTest, AFileIsSynced)
+{
+    const auto file = openFile(written("file", "x"), O_RDWR);
+    ASSERT_TRUE(file);
+    EXPECT_TRUE(syncFile(file->get()));
+    EXPECT_EQ(std::errc::bad_file_descriptor, syncFile(-1).error());
+}
+
+TEST_F(FileTest, ARenameReplacesAndARemovalRemoves)
+{
+    const TlxPathname from = written("from", "new");
+    const TlxPathname to = written("to", "old");
+    EXPECT_TRUE(renameFile(from, to));
+    EXPECT_EQ("new", contentOf(to));
+    EXPECT_FALSE(fs::exists(from.text()));
+    EXPECT_EQ(std::errc::no_such_file_or_directory, renameFile(from, to).error());
+    EXPECT_TRUE(removeFile(to));
+    EXPECT_FALSE(fs::exists(to.text()));
+    EXPECT_EQ(std::errc::no_such_file_or_directory, removeFile(to).error());
+}
+
+TEST_F(FileTest, InterruptedCallsAreRepeated)
+{
+    const TlxPathname name = written("file", "12345");
+    const auto file = openFile(name, O_RDWR);
+    ASSERT_TRUE(file);
+    const int descriptor = file->get();
+    char buffer[5] = {};
+    QmTest::ScriptedFileSystem system;
+    const auto repeats = [&](const char* operation, const auto& call) {
+        system.fail(operation, EINTR, 3);
+        EXPECT_TRUE(call()) << operation;
+        EXPECT_EQ(0, system.left(operation)) << operation;
+    };
+    repeats("open", [&] { return openFile(name, O_RDONLY); });
+    repeats("read", [&] { return readFull(descriptor, buffer, sizeof buffer); });
+    EXPECT_EQ(0, ::lseek(descriptor, 0, SEEK_SET));
+    repeats("read", [&] { return readOnce(descriptor, buffer, sizeof buffer); });
+    repeats("pread", [&] { return readFullAt(descriptor, buffer, sizeof buffer, 0); });
+    EXPECT_EQ("12345", std::string(buffer, sizeof buffer));
+    repeats("fstat", [&] { return statusOf(descriptor); });
+    repeats("fstatat", [&] { return statusAt(name); });
+    repeats("fstatat", [&] { return statusIn(AT_FDCWD, name.c_str()); });
+    repeats("write", [&] { return writeAll(descriptor, "x"); });
+    repeats("fallocate", [&] { return reserveSpace(descriptor, 10); });
+    repeats("ftruncate", [&] { return truncateFile(descriptor, 6); });
+    EXPECT_EQ("12345x", contentOf(name));
+    repeats("fdatasync", [&] { return syncFile(descriptor); });
+    repeats("fsync", [&] { return syncDirectory(directory.path()); });
+    repeats("rename", [&] { return renameFile(name, path("other")); });
+    repeats("unlink", [&] { return removeFile(path("other")); });
+}
+
+TEST_F(FileTest, AFailureInTheMiddleIsReported)
+{
+    const TlxPathname name = written("file", "12345");
+    const auto file = openFile(name, O_RDWR);
+    ASSERT_TRUE(file);
+    char buffer[5] = {};
+    QmTest::ScriptedFileSystem system;
+    system.fail("pread", EIO);
+    EXPECT_EQ(std::errc::io_error, readFullAt(file->get(), buffer, sizeof buffer, 0).error());
+    system.fail("fdatasync", ENOSPC);
+    EXPECT_EQ(std::errc::no_space_on_device, syncFile(file->get()).error());
+    system.fail("fsync", EIO);
+    EXPECT_EQ(std::errc::io_error, syncDirectory(directory.path()).error());
+    system.fail("fstat", EIO);
+    EXPECT_EQ(std::errc::io_error, readWholeFile(name, 10).error());
+    // No failure left a descriptor open.
+    EXPECT_EQ(system.count("open"), system.count("close"));
 }
 
 TEST_F(FileTest, OnlyADirectoryIsSynced)

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -9,6 +10,7 @@
 
 #include <tlx/Pathname.h>
 
+#include "support/ScriptedFileSystem.h"
 #include "support/TemporaryDirectory.h"
 
 using namespace Veltrane::Quillmark::Tlx;
@@ -81,6 +83,50 @@ TEST_F(PathnameDirectoryTest, MakesAllThatIsMissingWithThePermissionsWhateverThe
     EXPECT_EQ(result, 0);
     for (const char* made : {"x", "x/y", "x/y/z"})
         EXPECT_EQ(permissions(at(made)), 0755u) << made;
+}
+
+TEST_F(PathnameDirectoryTest, EachNewDirectoryIsSyncedIntoItsParent)
+{
+    ASSERT_EQ(::mkdir(at("x").c_str(), 0700), 0);
+    QmTest::ScriptedFileSystem system;
+    EXPECT_EQ(TlxPathname(at("x/y/z")).createDirectories(0755), 0);
+    QmTest::Lines changes;
+    for (const std::string& call : system.calls())
+        if (call.starts_with("mkdir " + m_root) || call.starts_with("fsync "))
+            changes.push_back(call);
+    // It tries the directories above x too, which are there.
+    const auto first = std::find(changes.begin(), changes.end(), "mkdir " + at("x"));
+    ASSERT_NE(first, changes.end());
+    EXPECT_EQ(QmTest::Lines(first, changes.end()),
+              (QmTest::Lines{"mkdir " + at("x"), "mkdir " + at("x/y"), "fsync " + at("x"),
+                             "mkdir " + at("x/y/z"), "fsync " + at("x/y")}));
+    EXPECT_EQ(system.count("fsync"), 2);
+    system.clear();
+    EXPECT_EQ(TlxPathname(at("x/y/z")).createDirectories(0755), 0);
+    EXPECT_EQ(system.count("mkdir"), 0);
+    EXPECT_EQ(system.count("fsync"), 0);
+}
+
+TEST_F(PathnameDirectoryTest, ADirectoryInTheWorkingDirectoryIsSyncedIntoIt)
+{
+    const auto before = std::filesystem::current_path();
+    std::filesystem::current_path(m_root);
+    QmTest::ScriptedFileSystem system;
+    EXPECT_EQ(TlxPathname("new").createDirectories(0755), 0);
+    std::filesystem::current_path(before);
+    EXPECT_EQ(system.calls().back(), "close " + m_root);
+    EXPECT_EQ(system.count("fsync"), 1);
+}
+
+TEST_F(PathnameDirectoryTest, ADirectoryThatCannotBeSyncedIsAnError)
+{
+    QmTest::ScriptedFileSystem system;
+    system.fail("fsync", EIO);
+    EXPECT_EQ(TlxPathname(at("x/y")).createDirectories(0755), EIO);
+    EXPECT_FALSE(std::filesystem::exists(at("x/y")));
+    system.fail("mkdir", ENOSPC, 100);
+    EXPECT_EQ(TlxPathname(at("y")).createDirectories(0755), ENOSPC);
+    EXPECT_FALSE(std::filesystem::exists(at("y")));
 }
 
 TEST_F(PathnameDirectoryTest, WhatWasThereStaysAsItWas)

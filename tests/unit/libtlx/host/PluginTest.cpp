@@ -52,6 +52,8 @@ TEST_F(PluginTest, ALibrarysFunctionIsResolvedAndCalled)
     EXPECT_EQ(tree.calls(), Lines{"good RegisterExplorers 1"});
     // Logged before the call. If the library never returns, this is the last line.
     EXPECT_EQ(log.texts(1), (Lines{"Loading " + path, "Entering " + path + ": RegisterExplorers"}));
+    for (const std::string& text : log.texts(1))
+        EXPECT_THAT(log.severities(text), testing::Each(LogSeverity::Notice)) << text;
     log.clear();
     EXPECT_TRUE(load(path));
     EXPECT_EQ(log.texts(1), Lines{}) << "it is here already";

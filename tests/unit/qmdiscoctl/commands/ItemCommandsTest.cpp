@@ -77,7 +77,7 @@ TEST(KeptLogTest, RepeatedLinesAreKeptOnceAndOnlyTheNewestStay)
 {
     KeptLog log;
     const auto write = [&log](int level, const std::string& text) {
-        log.write({level, 400, "Op::eration", text});
+        log.write({level, 400, "Op::eration", text, Tlx::severityOfLevel(level)});
     };
     write(1, "first (../A:1)");
     for (int i = 0; i < 100; ++i)

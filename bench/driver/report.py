@@ -1,0 +1,110 @@
+"""The figures as a table for a terminal, and as Markdown."""
+
+import statistics
+
+TARGETS = {"service": "service", "echo": "echo floor", "files": "file floor", "etcd": "etcd",
+           "gateway": "gateway of etcd", "ldap": "OpenLDAP"}
+BEGIN = "<!-- begin of the figures: scripts/bench writes them -->"
+END = "<!-- end of the figures -->"
+
+
+def number(value):
+    """Three significant digits, or an integer from 100 on."""
+    if value is None:
+        return "-"
+    return "{:,.0f}".format(value) if value >= 100 else "%.3g" % value
+
+
+def spread(rates):
+    return "%s (%s–%s)" % tuple(number(rates[name]) for name in ("median", "min", "max"))
+
+
+def tables(document):
+    """[(title, header, rows)], with all cells as text."""
+    used = [t for t in TARGETS if any(t in c["targets"] for c in document["cells"])]
+    rows = []
+    for cell in document["cells"]:
+        row = [cell["operation"], "{:,}".format(cell["records"]), str(cell["clients"])]
+        mine = cell["targets"]["service"]["perSecond"]["median"]
+        for target in used:
+            found = cell["targets"].get(target)
+            row.append(spread(found["perSecond"]) if found else "-")
+            if target != "service":
+                row.append("%.2f" % (mine / found["perSecond"]["median"]) if found else "-")
+        times = cell["targets"]["service"]["milliseconds"]
+        row += [number(times["p50"]), number(times["p99"])]
+        rows.append(row)
+    header = ["operation", "records", "clients"]
+    for target in used:
+        header.append(TARGETS[target])
+        if target != "service":
+            header.append("x " + TARGETS[target].split()[0])
+    header += ["p50 ms", "p99 ms"]
+    result = [("Operations a second: median (least–most)", header, rows)]
+
+    def median(values):
+        return statistics.median(values)
+
+    rows = []
+    for listing in document["listings"]:
+        repeats, count = listing["repeats"], listing["records"]
+        for name in ("first", "second"):
+            rows.append([
+                name, "{:,}".format(count), "%.3f" % median(r[name]["seconds"] for r in repeats),
+                "%.2f" % (median(r[name]["processorSeconds"] for r in repeats) / count * 1e6),
+                "%.1f" % (median(r["residentBefore" if name == "first" else "residentAfter"]
+                                 for r in repeats) / 2**20)])
+    result.append(("Listing all after a start. Memory: before the first, after the second",
+                   ["listing", "records", "seconds", "processor us a record", "resident MiB"],
+                   rows))
+    start = document["start"]
+    result.append(("Start of the service", ["records", "seconds: median (least–most)"],
+                   [["{:,}".format(count), "%.3f (%.3f–%.3f)" % (median(values), min(values),
+                                                                 max(values))]
+                    for count, values in ((0, start["empty"]), (start["records"], start["full"]))]))
+    result.append(("What is to be reached", ["path", "against", "ratio", "bound", "reached"],
+                   [[g["path"], TARGETS.get(g["against"], g["against"]),
+                     "-" if g["value"] is None else "%.2f" % g["value"],
+                     "%s %g" % ("≥" if g["atLeast"] else "≤", g["bound"]),
+                     {None: "not measured", True: "yes", False: "**no**"}[g["reached"]]]
+                    for g in document["goals"]]))
+    return result
+
+
+def machine(document):
+    return "%(processor)s, %(cores)d cores, kernel %(kernel)s, %(fileSystem)s" % document["machine"]
+
+
+def to_text(document):
+    lines = [machine(document)]
+    for title, header, rows in tables(document):
+        widths = [max(len(row[i]) for row in [header, *rows]) for i in range(len(header))]
+        lines += ["", title]
+        for row in [header, *rows]:
+            lines.append("  ".join(
+                text.ljust(width) if i == 0 else text.rjust(width)
+                for i, (text, width) in enumerate(zip(row, widths))).rstrip().replace("**", ""))
+    return "\n".join(lines) + "\n"
+
+
+def to_markdown(document):
+    lines = ["%s, on %s. %d repeats of %g s, in turns. `x` is the service's rate divided by the "
+             "other one." % (machine(document), document["date"], document["repeats"],
+                             document["seconds"])]
+    for title, header, rows in tables(document):
+        lines += ["", "**%s**" % title, ""]
+        lines.append("| %s |" % " | ".join(header))
+        lines.append("|%s" % ("---|" * len(header)))
+        lines += ["| %s |" % " | ".join(row) for row in rows]
+    return "\n".join(lines) + "\n"
+
+
+def write_into(path, document):
+    """Replaces the figures of a page."""
+    text = path.read_text(encoding="utf-8")
+    before, found, rest = text.partition(BEGIN)
+    _, found_end, after = rest.partition(END)
+    if not found or not found_end:
+        raise RuntimeError("%s lacks the lines that enclose the figures" % path)
+    path.write_text("%s%s\n%s%s%s" % (before, BEGIN, to_markdown(document), END, after),
+                    encoding="utf-8")

@@ -1,0 +1,103 @@
+#include "DirectoryNames.h"
+
+#include <cerrno>
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <string_view>
+
+#include <tlx/FileSystem.h>
+
+#include "DiscLog.h"
+#include "MetadataCache.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+namespace {
+
+constexpr const char* LOG_SOURCE = "../DiscDB";
+
+using Names = std::shared_ptr<const DirectoryNames>;
+using Time = DirectoryNames::Time;
+
+/// The state of the directory before the walk, if every later change gives it another stamp.
+std::optional<FileStamp> settledStampOf(const TlxPathname& directory)
+{
+    const auto status = statusAt(directory);
+    if (!status)
+        return std::nullopt;
+    const FileStamp stamp(*status);
+    return stamp.isSettledNow() ? std::optional(stamp) : std::nullopt;
+}
+
+Names walk(const TlxPathname& directory)
+{
+    auto found = std::make_shared<DirectoryNames>();
+    found->begun = std::chrono::steady_clock::now();
+    found->path = directory;
+    found->stream.reset(FileSystem::current().opendir(directory.c_str()));
+    if (!found->stream) {
+        DISC_LOG(1, "Unable to open " << directory << ", error " << errno);
+        return nullptr;
+    }
+    for (;;) {
+        errno = 0;
+        const dirent* const entry = FileSystem::current().readdir(found->stream.get());
+        if (!entry)
+            break;
+        if (const std::string_view name = entry->d_name; name.ends_with(".xml"))
+            found->names.add(name);
+    }
+    if (errno != 0)
+        DISC_LOG(1, "Unable to read the directory, error " << errno);
+    found->names.sort();
+    return found;
+}
+
+/// The last walk, and the walk that runs now.
+struct LastWalk
+{
+    std::mutex mutex;
+    std::condition_variable ended;
+    bool isWalking = false;
+    Names names;
+    std::optional<FileStamp> stamp; ///< of the directory before the walk; nothing if not settled
+};
+
+LastWalk& lastWalk()
+{
+    static auto* const theWalk = new LastWalk; // static objects may hold iterators
+    return *theWalk;
+}
+
+} // namespace
+
+Names namesIn(const TlxPathname& directory, Time since)
+{
+    LastWalk& last = lastWalk();
+    std::unique_lock guard(last.mutex);
+    for (;;) {
+        if (last.names && last.names->path == directory) {
+            const auto status = statusAt(directory);
+            if (last.names->begun >= since || (status && last.stamp == FileStamp(*status)))
+                return last.names;
+        }
+        if (!last.isWalking)
+            break;
+        last.ended.wait(guard);
+    }
+    last.isWalking = true;
+    guard.unlock();
+    const auto stamp = settledStampOf(directory);
+    Names found = walk(directory);
+    guard.lock();
+    last.isWalking = false;
+    last.names.swap(found); // the old names are destroyed without the mutex
+    last.stamp = stamp;
+    const Names result = last.names;
+    last.ended.notify_all();
+    guard.unlock();
+    return result;
+}
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

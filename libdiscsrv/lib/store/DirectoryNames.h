@@ -1,0 +1,34 @@
+#pragma once
+// The metadata files in the store's directory, shared by all listings.
+
+#include <chrono>
+#include <memory>
+
+#include <tlx/File.h>
+
+#include "DiscDB.h"
+#include "NameList.h"
+
+namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+/// The names that one walk over the directory has found. Any thread.
+struct DirectoryNames
+{
+    using Time = std::chrono::steady_clock::time_point;
+
+    TlxPathname path;
+    DirectoryStream stream; ///< keeps the directory open, so that files are found by their name
+    NameList names;
+    Time begun; ///< when the walk began
+
+    int descriptor() const { return ::dirfd(stream.get()); }
+};
+
+/// Returns names that contain each metadata file which existed from the given time until now. They
+/// come from the last walk if it began after that time, or if the directory has not changed since.
+/// Otherwise they come from a new walk. Threads that need a walk at once share it. A process keeps
+/// the names of one directory. On failure it logs the error and returns null. Any thread.
+std::shared_ptr<const DirectoryNames> namesIn(const TlxPathname& directory,
+                                              DirectoryNames::Time since);
+
+} // namespace Veltrane::Quillmark::Tlx::DiscoverySvc
