@@ -1,13 +1,14 @@
 #include "CrashSequences.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
-#include <fstream>
 #include <memory>
 #include <thread>
 
 #include <unistd.h>
 
+#include "SleepingThread.h"
 #include "support/Eventually.h"
 
 namespace QmTest {
@@ -42,16 +43,6 @@ void giveAPutUp(Player&)
 void lookUp(Player&)
 {
     (void)stampsOf("cl5");
-}
-
-/// Whether a thread of this process waits.
-bool isAsleep(pid_t thread)
-{
-    std::ifstream status("/proc/self/task/" + std::to_string(thread) + "/stat");
-    std::string word;
-    for (int field = 0; field < 3; ++field)
-        status >> word;
-    return word == "S";
 }
 
 /// Puts records in threads. The first one that syncs the directory goes on when each other one

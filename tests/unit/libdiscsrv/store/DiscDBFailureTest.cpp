@@ -34,6 +34,43 @@ QM_PLAY_FAILURES(AFirstStart, FIRST_START)
 QM_PLAY_FAILURES(TwoPutsOfOneRecord, TWO_PUTS)
 QM_PLAY_FAILURES(PutsThatShareASync, SHARED_SYNC)
 
+struct DiscDBFailedPayloadTest : CrashPlay
+{
+    /// The operations on the metadata file of a replacement if that call fails.
+    Lines metadataOperations(Calls calls, unsigned at)
+    {
+        fill(SAME_LENGTH_PUT);
+        EXPECT_EQ(
+            run(SAME_LENGTH_PUT, {.kind = Fault::FAIL, .at = at, .calls = calls, .error = ENOSPC}),
+            1);
+        Lines found;
+        for (const DiskOperation& operation : operations()) {
+            if (operation.path == "over")
+                break;
+            if (operation.path.ends_with(METADATA))
+                found.push_back(operation.text());
+        }
+        return found;
+    }
+};
+
+TEST_F(DiscDBFailedPayloadTest, APayloadThatCannotBeWrittenLeavesTheStoredRecordAlone)
+{
+    EXPECT_EQ(metadataOperations(CALL_CREATE, 1), Lines{});
+    EXPECT_EQ(metadataOperations(CALL_WRITE, 1), Lines{});
+    EXPECT_EQ(metadataOperations(CALL_WRITE, 2), Lines{});
+}
+
+TEST_F(DiscDBFailedPayloadTest, APayloadThatCannotBeSyncedLeavesTheStoredRecordAlone)
+{
+    EXPECT_EQ(metadataOperations(CALL_SYNC, 1), Lines{});
+}
+
+TEST_F(DiscDBFailedPayloadTest, AFullDiskLeavesTheStoredMetadataAlone)
+{
+    EXPECT_EQ(metadataOperations(CALL_RESERVE, 1), Lines{});
+}
+
 struct DiscDBInterruptionTest : CrashPlay
 {
     /// The states that the work leaves if each of these calls is interrupted in turn.

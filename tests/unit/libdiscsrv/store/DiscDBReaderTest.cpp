@@ -3,11 +3,15 @@
 
 #include "CrashSequences.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <sstream>
 #include <thread>
 
+#include <unistd.h>
+
+#include "SleepingThread.h"
 #include "StorePeer.h"
 #include "support/Eventually.h"
 
@@ -33,6 +37,14 @@ class Reader
         std::unique_lock guard(m_mutex);
         return m_changed.wait_for(guard, PATIENCE, [this] { return !m_isAsked && !m_isLooking; });
     }
+    /// Waits until that, or until the look waits for something.
+    bool isDoneOrWaits()
+    {
+        return eventually([this] {
+            const std::lock_guard guard(m_mutex);
+            return m_isLooking ? isAsleep(m_threadId) : !m_isAsked;
+        });
+    }
 
   private:
     void change(bool& what, bool value)
@@ -44,6 +56,7 @@ class Reader
     void serve()
     {
         PlayedFileSystem::exemptThread(true);
+        m_threadId = ::gettid();
         for (;;) {
             {
                 std::unique_lock guard(m_mutex);
@@ -75,6 +88,7 @@ class Reader
     bool m_isAsked = false;
     bool m_isLooking = false;
     bool m_isEnding = false;
+    std::atomic<pid_t> m_threadId{0};
     std::thread m_thread;
 };
 
@@ -97,7 +111,7 @@ struct DiscDBReaderTest : CrashPlay
             Reader reader(player);
             player.files().setHook([&](const DiskOperation& next) {
                 reader.request();
-                if (!isInGate(next) && !reader.isDone())
+                if (!(isInGate(next) ? reader.isDoneOrWaits() : reader.isDone()))
                     player.note("found nothing: the reader waits");
             });
             sequence.work(player);
