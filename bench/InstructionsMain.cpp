@@ -33,7 +33,7 @@ constexpr unsigned long STORED = 1000;
 constexpr unsigned long LOOKUPS = 20;
 constexpr unsigned long PUTS = 50;
 constexpr unsigned long READS = 20;
-constexpr std::chrono::milliseconds PAUSE(20);
+constexpr std::chrono::milliseconds PAUSE(60);     // the store trusts a file after 50 ms
 constexpr std::int64_t DISCOVERED = 1'700'000'000; // seconds since the epoch
 
 const char AUTHORITY[] = "bench";
