@@ -153,11 +153,12 @@ def main():
             options.peers = False
         elif not (programs / "bench_peer").exists():
             sys.exit("scripts/bench: %s has no bench_peer: build again" % programs)
+    plan = Plan(options)
     # An end by a signal stops the servers, too.
     signal.signal(signal.SIGTERM, lambda number, _: sys.exit(128 + number))
     work = pathlib.Path(tempfile.mkdtemp(prefix="qmbench."))
     try:
-        document = measure_all(Plan(options), options.peers, programs, work)
+        document = measure_all(plan, options.peers, programs, work)
     finally:
         shutil.rmtree(work)
     print(report.to_text(document))

@@ -97,7 +97,7 @@ Names namesIn(const TlxPathname& directory, Time since)
     last.names.swap(found); // the old names are destroyed without the mutex
     const bool isComplete = last.names && last.names->isComplete;
     last.stamp = isComplete ? stamp : std::nullopt;
-    const Names result = last.names;
+    Names result = last.names;
     last.ended.notify_all();
     guard.unlock();
     return result;

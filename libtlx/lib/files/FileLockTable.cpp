@@ -28,7 +28,9 @@ constexpr off_t WAITING_BYTE = 1;
 
 short typeOf(LockLevel level)
 {
-    return level == LockLevel::Write ? F_WRLCK : level == LockLevel::Read ? F_RDLCK : F_UNLCK;
+    return static_cast<short>(level == LockLevel::Write  ? F_WRLCK
+                              : level == LockLevel::Read ? F_RDLCK
+                                                         : F_UNLCK);
 }
 
 bool isConflict(int error)
