@@ -19,7 +19,7 @@ START_LIMIT = 60
 STOP_LIMIT = 60
 CALL_LIMIT = 60
 # Seconds after which a log that has not changed is complete.
-SETTLED = 0.05
+SETTLED = 0.1
 
 # The originators in log lines.
 SERVICE = 400
@@ -108,12 +108,29 @@ def parse_line(text):
                 found["source"], found["severity"])
 
 
+def settled(look):
+    """What look() returns once it stays the same for a moment. Does not wait long for a change that
+    never ends."""
+    before, now = None, look()
+    for _ in range(20):
+        if now == before:
+            break
+        time.sleep(SETTLED)
+        before, now = now, look()
+    return now
+
+
 class Log:
     """The lines that a root's log gets after this object is made."""
 
     def __init__(self, root):
         self._file = root.log_file
-        self._from = self._file.stat().st_size if self._file.exists() else 0
+        self._from = 0
+        settled(self._size)  # the lines of earlier requests may still come
+        self._from = self._size()
+
+    def _size(self):
+        return self._file.stat().st_size if self._file.exists() else 0
 
     def _text(self):
         """The whole lines so far."""
@@ -126,13 +143,7 @@ class Log:
     def lines(self):
         """The lines so far. A thread of the daemon writes them, a moment after the answer to a
         request. So this waits until the file stays as it is, but not long for a busy daemon."""
-        before, text = None, self._text()
-        for _ in range(20):
-            if text == before:
-                break
-            time.sleep(SETTLED)
-            before, text = text, self._text()
-        return [parse_line(line) for line in text.splitlines()]
+        return [parse_line(line) for line in settled(self._text).splitlines()]
 
     def texts(self, level=None, source=None, originator=SERVICE):
         """The texts of an originator's lines, limited to one level and one source if given."""

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <utility>
 
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "DiskModel.h"
@@ -11,7 +12,16 @@
 namespace QmTest {
 
 namespace {
+
 thread_local bool isThreadExempt = false;
+
+/// Ends the process as a kill does: not even a sanitizer looks at what it leaves.
+[[noreturn]] void endNow()
+{
+    for (;;)
+        ::syscall(SYS_exit_group, PlayedFileSystem::STOPPED);
+}
+
 } // namespace
 
 PlayedFileSystem::PlayedFileSystem(std::string root, DiskJournal& journal)
@@ -85,7 +95,7 @@ bool PlayedFileSystem::isHit(Calls call)
         return false;
     m_hasFired = true;
     if (m_fault.kind == Fault::STOP)
-        ::_exit(STOPPED);
+        endNow();
     errno = m_fault.error;
     return true;
 }
@@ -166,7 +176,7 @@ ssize_t PlayedFileSystem::write(int descriptor, const void* buffer, std::size_t 
                 .at = static_cast<std::uint64_t>(at),
                 .bytes = {static_cast<const char*>(buffer), static_cast<std::size_t>(count)}});
     if (isPart && m_fault.kind == Fault::TEAR)
-        ::_exit(STOPPED);
+        endNow();
     return count;
 }
 
