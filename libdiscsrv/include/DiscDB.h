@@ -118,8 +118,8 @@ class DISCSRV_EXPORT DBCollectionData : public CollectionData
     OpenMode m_mode = OM_READ;
     std::unique_ptr<CleanupLock> m_cleanupLock;
     std::unique_ptr<TemporaryNumber> m_number; ///< of the temporary payload
-    bool m_prepared = false;
-    mutable bool m_spoilt = false; ///< writing is const in every backend
+    mutable bool m_prepared = false;           ///< all bytes are synced
+    mutable bool m_spoilt = false;             ///< writing is const in every backend
 };
 
 /// A record of the store. Its key is the triple of authority type, authority and subject, and its

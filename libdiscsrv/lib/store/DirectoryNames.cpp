@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <condition_variable>
+#include <exception>
 #include <mutex>
 #include <optional>
 #include <string_view>
@@ -90,8 +91,14 @@ Names namesIn(const TlxPathname& directory, Time since)
     }
     last.isWalking = true;
     guard.unlock();
-    const auto stamp = settledStampOf(directory);
-    Names found = walk(directory);
+    std::optional<FileStamp> stamp;
+    Names found;
+    try {
+        stamp = settledStampOf(directory);
+        found = walk(directory);
+    } catch (const std::exception&) { // no memory: a log line might throw as well
+        found = nullptr;
+    }
     guard.lock();
     last.isWalking = false;
     last.names.swap(found); // the old names are destroyed without the mutex

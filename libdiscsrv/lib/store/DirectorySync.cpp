@@ -1,6 +1,8 @@
 #include "DirectorySync.h"
 
+#include <cerrno>
 #include <condition_variable>
+#include <exception>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -67,13 +69,19 @@ FileResult<> syncStoreDirectory(const TlxPathname& directory)
     const bool isNamed = all.named.contains(directory.text());
     guard.unlock();
     FileResult<> result;
-    if (!isNamed)
-        result = syncNamesOf(directory);
-    if (result)
-        result = syncDirectory(directory);
-    guard.lock();
-    if (result)
-        all.named.insert(directory.text());
+    try {
+        if (!isNamed)
+            result = syncNamesOf(directory);
+        if (result)
+            result = syncDirectory(directory);
+        guard.lock();
+        if (result)
+            all.named.insert(directory.text());
+    } catch (const std::exception&) { // no memory
+        result = tl::unexpected(systemError(ENOMEM));
+        if (!guard.owns_lock())
+            guard.lock();
+    }
     mine->result = result;
     mine->done = true;
     queue.isSyncing = false;

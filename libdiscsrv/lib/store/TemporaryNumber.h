@@ -12,7 +12,8 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 class TemporaryNumber
 {
   public:
-    /// Takes the lowest free number from the given one on; nothing if there is none.
+    /// Takes the lowest free number that is not less than the given one. Returns null if all are in
+    /// use.
     static std::unique_ptr<TemporaryNumber> take(unsigned from);
     ~TemporaryNumber();
     TemporaryNumber(const TemporaryNumber&) = delete;

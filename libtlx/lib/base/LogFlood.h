@@ -45,7 +45,7 @@ class FloodLimit
     /// Returns the sums of what was counted and is in no sum yet, with the time now. The second
     /// goes on.
     std::vector<LogRecord> takeSums();
-    /// Ends the second. Returns the same.
+    /// Ends the second, and returns its sums as takeSums does.
     std::vector<LogRecord> endSecond();
 
     /// Whether no place is watched. Then the end of a second changes nothing.

@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tlx/FileSystem.h>
+
 #include "RefusedCall.h"
 #include "StoreFixture.h"
 #include "support/Capture.h"
@@ -85,6 +87,30 @@ TEST_F(DBCollectionDataTest, PersistMovesThePayloadToItsPlace)
                      "Successfully renamed " + name("0.updating") + " to " + name("x.dat")}));
     EXPECT_TRUE(data->open(OM_READ, ""));
     EXPECT_NE(descriptorOf(path("x.dat")), -1);
+}
+
+TEST_F(DBCollectionDataTest, BytesThatComeAfterASyncAreSyncedToo)
+{
+    struct CountingFileSystem : FileSystem
+    {
+        CountingFileSystem() { FileSystem::replace(this); }
+        ~CountingFileSystem() override { FileSystem::replace(nullptr); }
+        int fdatasync(int descriptor) override
+        {
+            ++syncs;
+            return FileSystem::fdatasync(descriptor);
+        }
+        int syncs = 0;
+    } files;
+    const auto data = make();
+    EXPECT_TRUE(data->open(OM_UPDATE, ""));
+    EXPECT_TRUE(data->writeCollection(3, "abc"));
+    EXPECT_TRUE(data->prepare());
+    EXPECT_TRUE(data->prepare());
+    EXPECT_EQ(files.syncs, 1);
+    EXPECT_TRUE(data->writeCollection(3, "def"));
+    EXPECT_TRUE(data->persist(TlxPathname(name("x.dat"))));
+    EXPECT_EQ(files.syncs, 2);
 }
 
 TEST_F(DBCollectionDataTest, PersistReplacesAStoredPayload)

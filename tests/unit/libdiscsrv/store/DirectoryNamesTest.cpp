@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <future>
+#include <new>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -52,6 +53,8 @@ struct HeldFileSystem : FileSystem
     }
     void pass(std::atomic<int>& count)
     {
+        if (throws)
+            throw std::bad_alloc();
         ++count;
         QmTest::eventually([this] { return !isHeld; });
     }
@@ -60,6 +63,7 @@ struct HeldFileSystem : FileSystem
     std::atomic<int> syncs{0};
     std::atomic<bool> isHeld{false};
     std::atomic<int> syncError{0};
+    std::atomic<bool> throws{false};
     int namesUntilError = 0; ///< 0: none
 };
 
@@ -208,6 +212,16 @@ TEST_F(DirectoryNamesTest, AWalkThatBreaksOffIsNotRemembered)
     EXPECT_EQ(namesNow()->names.size(), 10u);
 }
 
+TEST_F(DirectoryNamesTest, AWalkWithoutMemoryLeavesTheNextOneFree)
+{
+    writeFile(path("a.xml"), "");
+    held.throws = true;
+    EXPECT_FALSE(namesNow());
+    held.throws = false;
+    ASSERT_TRUE(namesNow());
+    EXPECT_EQ(namesNow()->names.size(), 1u);
+}
+
 TEST_F(DirectoryNamesTest, AnIteratorGoesOnWhileRecordsComeAndGo)
 {
     constexpr unsigned RECORDS = 2000;
@@ -280,6 +294,16 @@ TEST_F(DirectorySyncTest, AFailedSyncFailsThosePutsOnly)
     held.syncError = 0;
     EXPECT_TRUE(syncStoreDirectory(dir()));
     EXPECT_EQ(held.syncs, 2);
+}
+
+TEST_F(DirectorySyncTest, ASyncWithoutMemoryFailsAndLeavesTheNextOneFree)
+{
+    held.throws = true;
+    const auto failed = syncStoreDirectory(dir());
+    ASSERT_FALSE(failed);
+    EXPECT_EQ(failed.error(), systemError(ENOMEM));
+    held.throws = false;
+    EXPECT_TRUE(syncStoreDirectory(dir()));
 }
 
 TEST_F(DirectorySyncTest, DirectoriesDoNotWaitForEachOther)
