@@ -123,7 +123,7 @@ Operation ldapList(const json& command)
     };
 }
 
-/// Replaces the value of an entry, or adds an entry if there is none.
+/// Replaces the value of an entry, or adds a missing entry.
 Operation ldapPut(const json& command)
 {
     return [directory = connectLdap(command), authority = command.at("authority"),
