@@ -204,6 +204,9 @@ class DISCSRV_EXPORT DBDiscovery : public Discovery
 /// Finds the matching records of the store. A new iterator matches every record; narrow it before
 /// the first getNext. Names without wildcards are looked up: one file, or one for each authority
 /// type. A pattern is compared with the names of the directory, which all iterators share.
+///
+/// An iterator waits for one record that another process locks. After that wait has timed out, it
+/// only tries the locks of further records, and leaves out those that it does not get.
 class DISCSRV_EXPORT DBDiscoveryIterator : public virtual DiscoveryIterator, public RecordLister
 {
   public:
@@ -223,6 +226,7 @@ class DISCSRV_EXPORT DBDiscoveryIterator : public virtual DiscoveryIterator, pub
     std::optional<Candidate> nextCandidate();
     std::optional<Candidate> lookUp(const std::string& name);
     std::optional<Candidate> nextMatch(const std::string& pattern);
+    AutoDereference<Discovery> openRecord(const Candidate& candidate);
     bool isShown(AuthorityType type) const;
 
     const TlxPathname m_path;
@@ -231,6 +235,8 @@ class DISCSRV_EXPORT DBDiscoveryIterator : public virtual DiscoveryIterator, pub
     std::vector<std::string> m_patterns; ///< the last one is in use
     std::string m_last;                  ///< the name found last with this pattern
     std::weak_ptr<const DirectoryNames> m_names;
+    std::shared_ptr<const DirectoryNames> m_brokenNames; ///< of a walk that broke off
+    LockWait m_wait = LockWait::WAIT;
     std::size_t m_place = 0; ///< in m_names
 };
 
@@ -254,12 +260,20 @@ class DISCSRV_EXPORT DiscoveryDBCreator : public virtual DiscoveryCreator
     /// destroyed; the caller releases the reference. Returns null if the file holds no record or
     /// the record has expired.
     Discovery* getDiscovery(const char* fileName);
-    /// The same without a log line if there is no such file.
-    Discovery* getDiscoveryIfStored(const char* fileName);
 
   private:
     bool setupDB(const std::string& dir);
-    Discovery* openStored(const char* fileName, bool logsMissing);
+
+    /// How an iterator opens a record.
+    struct Lookup
+    {
+        LockWait wait = LockWait::WAIT;
+        bool logsMissing = true;
+        bool hasTimedOut = false; ///< set if another process kept its lock for the whole wait
+    };
+    Discovery* openStored(const char* fileName, Lookup& lookup);
+
+    friend class DBDiscoveryIterator;
 
     TlxPathname m_dbPath;
     std::atomic<bool> m_init{false};

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 #include <tlx/FileSystem.h>
 
@@ -101,13 +102,15 @@ Names namesIn(const TlxPathname& directory, Time since)
     }
     guard.lock();
     last.isWalking = false;
-    last.names.swap(found); // the old names are destroyed without the mutex
-    const bool isComplete = last.names && last.names->isComplete;
-    last.stamp = isComplete ? stamp : std::nullopt;
-    Names result = last.names;
+    // Names that are not complete are for this listing only. The next one walks again.
+    Names old;
+    if (found && found->isComplete) {
+        old = std::exchange(last.names, found); // destroyed without the mutex
+        last.stamp = stamp;
+    }
     last.ended.notify_all();
     guard.unlock();
-    return result;
+    return found;
 }
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

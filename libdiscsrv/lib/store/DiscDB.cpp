@@ -113,15 +113,11 @@ Discovery* DiscoveryDBCreator::newDiscovery(DiscoveryQuery query)
 
 Discovery* DiscoveryDBCreator::getDiscovery(const char* fileName)
 {
-    return openStored(fileName, true);
+    Lookup lookup;
+    return openStored(fileName, lookup);
 }
 
-Discovery* DiscoveryDBCreator::getDiscoveryIfStored(const char* fileName)
-{
-    return openStored(fileName, false);
-}
-
-Discovery* DiscoveryDBCreator::openStored(const char* fileName, bool logsMissing)
+Discovery* DiscoveryDBCreator::openStored(const char* fileName, Lookup& lookup)
 {
     DISC_TRACE("DiscoveryDBCreator::getDiscovery");
     if (!TLX_ASSERT(m_init))
@@ -134,12 +130,14 @@ Discovery* DiscoveryDBCreator::openStored(const char* fileName, bool logsMissing
 
     AutoDereference<DBDiscovery> discovery;
     {
-        auto file = openRecordFile(path, O_RDWR, LockLevel::Read);
+        auto file = openRecordFile(path, O_RDWR, LockLevel::Read, lookup.wait);
         if (!file) {
             const bool isMissing = file.error().step == LockFailure::OPENING &&
                                    file.error().error == std::errc::no_such_file_or_directory;
-            if (logsMissing || !isMissing)
+            if (lookup.logsMissing || !isMissing)
                 logFailure(file.error(), path);
+            lookup.hasTimedOut = file.error().step == LockFailure::LOCKING &&
+                                 file.error().error == std::errc::timed_out;
             return nullptr;
         }
         auto* data = new DBCollectionData(

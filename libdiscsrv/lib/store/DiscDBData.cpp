@@ -101,6 +101,9 @@ bool DBCollectionData::openTemporary()
         }
         m_number = TemporaryNumber::take(m_number->value() + 1);
     }
+    if (!m_number)
+        DISC_LOG(1, "No temporary name is free: " << MAX_TEMPORARY_NAMES
+                                                  << " payloads are being written or left over");
     m_number.reset();
     m_finalPath.reset();
     m_cleanupLock.reset();

@@ -109,6 +109,8 @@ DBDiscoveryIterator::nextMatch(const std::string& pattern)
     if (!found)
         return std::nullopt;
     m_names = found;
+    if (!found->isComplete)
+        m_brokenNames = found;
     const NameList& names = found->names;
     const std::string_view prefix =
         std::string_view(pattern).substr(0, pattern.find_first_of("*?"));
@@ -136,12 +138,21 @@ bool DBDiscoveryIterator::isShown(AuthorityType type) const
     return type != AT_REMOTEPULL || m_type == AT_REMOTEPULL;
 }
 
+AutoDereference<Discovery> DBDiscoveryIterator::openRecord(const Candidate& candidate)
+{
+    DiscoveryDBCreator::Lookup lookup{.wait = m_wait, .logsMissing = false};
+    AutoDereference<Discovery> record(
+        getDiscoveryDBDatabase()->openStored(candidate.name.c_str(), lookup));
+    if (lookup.hasTimedOut)
+        m_wait = LockWait::TRY;
+    return record;
+}
+
 Discovery* DBDiscoveryIterator::getNext()
 {
     DISC_TRACE("DBDiscoveryIterator::getNext");
     while (const auto candidate = nextCandidate()) {
-        AutoDereference<Discovery> discovery(
-            getDiscoveryDBDatabase()->getDiscoveryIfStored(candidate->name.c_str()));
+        AutoDereference<Discovery> discovery = openRecord(*candidate);
         if (discovery && isShown(discovery->getAuthority()->getType()))
             return discovery.release();
     }
@@ -164,8 +175,7 @@ std::optional<ListedRecord> DBDiscoveryIterator::listNext()
                                     {}};
             continue;
         }
-        AutoDereference<Discovery> discovery(
-            getDiscoveryDBDatabase()->getDiscoveryIfStored(candidate->name.c_str()));
+        AutoDereference<Discovery> discovery = openRecord(*candidate);
         if (!discovery || !isShown(discovery->getAuthority()->getType()))
             continue;
         return ListedRecord{discovery->getSubject()->getSubject().utf8(),

@@ -14,13 +14,15 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../DiscDB";
 
-/// How often a word is in a text.
-std::size_t countOf(std::string_view word, std::string_view text)
+/// Whether a document has one priority element, as the store writes it.
+bool hasOnlyPriority(std::string_view document, unsigned int priority)
 {
-    std::size_t count = 0;
-    for (auto at = text.find(word); at != text.npos; at = text.find(word, at + word.size()))
-        ++count;
-    return count;
+    const std::string name(PRIORITY);
+    const std::string element = '<' + name + '>' + std::to_string(priority) + "</" + name + '>';
+    const auto first = document.find(name);
+    const auto end = document.find(element);
+    return end != document.npos && first == end + 1 &&
+           document.find(name, end + element.size()) == document.npos;
 }
 
 } // namespace
@@ -47,7 +49,7 @@ bool DBDiscovery::load()
 bool DBDiscovery::loadFile(const struct stat& status)
 {
     if (status.st_size == 0) {
-        DISC_WARN("Zero length xml file");
+        DISC_NOTICE("Zero length xml file"); // a put may have just made it
         return false;
     }
     const auto size = static_cast<std::size_t>(status.st_size);
@@ -67,12 +69,13 @@ bool DBDiscovery::loadFile(const struct stat& status)
         m_metadataText.clear();
         return false;
     }
-    const bool hasOnePriority = countOf(PRIORITY, m_metadataText) == 2; // both tags of one element
+    const std::string document = m_metadataText;
     if (!loadInternal())
         return false;
-    // The priority rule reads the first priority in a document, wherever it is. So only a document
-    // with one priority is remembered.
-    if (const auto metadata = RememberedMetadata::of(*this); metadata && hasOnePriority)
+    // The priority rule reads the first priority in a document, wherever it is. So a document is
+    // remembered only if that is the priority of its attributes.
+    if (const auto metadata = RememberedMetadata::of(*this);
+        metadata && hasOnlyPriority(document, metadata->priority))
         metadataCache().remember(name, status, *metadata);
     return true;
 }

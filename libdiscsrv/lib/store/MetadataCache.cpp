@@ -1,5 +1,6 @@
 #include "MetadataCache.h"
 
+#include <algorithm>
 #include <array>
 #include <functional>
 #include <mutex>
@@ -108,10 +109,14 @@ bool FileStamp::isSettled(const struct timespec& now) const
     constexpr std::int64_t FINE_GRAIN = 50'000'000;
     constexpr std::int64_t COARSE_GRAIN = 3'000'000'000;
     constexpr std::int64_t SECOND = 1'000'000'000;
+    constexpr std::int64_t DAY = 86'400;
     const bool isCoarse = modifiedNanoseconds == 0 || changedNanoseconds == 0;
     const auto isOld = [&](std::int64_t seconds, std::int64_t nanoseconds) {
-        const std::int64_t age =
-            (now.tv_sec - seconds) * SECOND + (std::int64_t{now.tv_nsec} - nanoseconds);
+        // A file may have any time. The product below must not overflow.
+        if (seconds > now.tv_sec || seconds < 0)
+            return false;
+        const std::int64_t age = std::min<std::int64_t>(now.tv_sec - seconds, DAY) * SECOND +
+                                 (std::int64_t{now.tv_nsec} - nanoseconds);
         return age > (isCoarse ? COARSE_GRAIN : FINE_GRAIN);
     };
     return isOld(modifiedSeconds, modifiedNanoseconds) && isOld(changedSeconds, changedNanoseconds);

@@ -1,5 +1,7 @@
 #include "RecordFile.h"
 
+#include <fcntl.h>
+
 #include "DiscLog.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -9,12 +11,15 @@ constexpr const char* LOG_SOURCE = "../DiscDB";
 } // namespace
 
 tl::expected<LockedFile, LockFailure> openRecordFile(const TlxPathname& path, int flags,
-                                                     LockLevel level)
+                                                     LockLevel level, LockWait wait)
 {
     // Compat(permissions-none): stores hold files with permissions 0. Only their owner, which has
     // the privilege to ignore permissions, can open them.
     constexpr mode_t PERMISSIONS = 0;
-    return openLocked(path, flags, PERMISSIONS, level, LockWait::WAIT);
+    // A put must not create what a link names.
+    if ((flags & O_CREAT) != 0)
+        flags |= O_NOFOLLOW;
+    return openLocked(path, flags, PERMISSIONS, level, wait);
 }
 
 void logFailure(const LockFailure& failure, const TlxPathname& path)

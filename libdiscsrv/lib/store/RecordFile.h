@@ -10,12 +10,11 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// Opens and locks a metadata file, and waits for the locks of other processes. The caller owns the
-/// lock and the gate, which keeps this process's other threads off the content. To keep only the
-/// lock, move it out of the result.
+/// Opens and locks a metadata file. The caller owns the lock and the gate, which keeps this
+/// process's other threads off the content. To keep only the lock, move it out of the result.
 /// @param flags as open(2) takes them.
-[[nodiscard]] tl::expected<LockedFile, LockFailure> openRecordFile(const TlxPathname& path,
-                                                                   int flags, LockLevel level);
+[[nodiscard]] tl::expected<LockedFile, LockFailure>
+openRecordFile(const TlxPathname& path, int flags, LockLevel level, LockWait wait = LockWait::WAIT);
 
 /// Logs a failure of openRecordFile: what failed, and the cause.
 void logFailure(const LockFailure& failure, const TlxPathname& path);

@@ -144,18 +144,25 @@ class FileGate
 };
 
 /// Only one thread of this process has the turn to replace a file. Take it for a whole replacement,
-/// with its syncs. Readers do not wait for it. A thread takes it after the lock and before the gate
-/// of the file, and waits for no lock while it has it. A thread may nest turns of one file.
+/// with its syncs. Readers do not wait for it. A thread takes it before the write lock and before
+/// the gate of the file: so threads that queue for the turn hold no lock, and another process can
+/// get it between two turns. While a thread has the turn, it waits for no other lock than that of
+/// the file. A thread may nest turns of one file.
 class WriterTurn
 {
   public:
+    /// Waits for the turn.
     explicit WriterTurn(const FileLock& lock);
-    WriterTurn(WriterTurn&&) = default;
-    WriterTurn& operator=(WriterTurn&&) = delete;
+    /// Waits at most until the given time. Returns null after it.
+    static std::unique_ptr<WriterTurn> take(const FileLock& lock,
+                                            std::chrono::steady_clock::time_point until);
+    ~WriterTurn();
+    WriterTurn(const WriterTurn&) = delete;
+    WriterTurn& operator=(const WriterTurn&) = delete;
 
   private:
-    std::shared_ptr<FileLockDetail::File> m_file;
-    std::unique_lock<std::recursive_mutex> m_lock;
+    explicit WriterTurn(std::shared_ptr<FileLockDetail::File> file);
+    const std::shared_ptr<FileLockDetail::File> m_file; ///< null in a forked child
 };
 
 /// A file that is open and locked, with its gate taken, and still at its path. To let other threads
@@ -194,7 +201,7 @@ enum class LockWait
 /// between the opening and the locking.
 constexpr int LOCK_MAX_ATTEMPTS = 100;
 
-/// Opens a file, locks it, and takes its gate; for Write also its turn. Then it checks that the
+/// Opens a file, locks it, and takes its gate; for Write first its turn. Then it checks that the
 /// path still names this file, because somebody may have removed or replaced it before it was
 /// locked. If not, it tries again.
 /// @param flags, mode as for FileLock::open.

@@ -269,7 +269,7 @@ class Tracer
             tlxText_ << text /* NOLINT(bugprone-macro-parentheses) */ << " (" << (source) << ":"   \
                      << __LINE__ << ")";                                                           \
             tlxLogger_->write(                                                                     \
-                {(operation), (messageLevel), (messageSeverity), {(source), __LINE__}},            \
+                {(operation), (messageLevel), (messageSeverity), {__FILE__, __LINE__}},            \
                 tlxText_.str());                                                                   \
         }                                                                                          \
     } while (false)

@@ -4,7 +4,7 @@ namespace Veltrane::Quillmark::Tlx {
 
 namespace {
 
-/// The longest name that tells two places apart.
+/// The longest part of a name that distinguishes two places.
 constexpr std::size_t MAX_PLACE_NAME_BYTES = 256;
 
 /// "4,711": the digits in groups of three.
@@ -32,20 +32,22 @@ FloodLimit::Place& FloodLimit::placeOf(const KeyView& key)
     m_isIdle = false;
     if (m_places.size() >= MAX_PLACES)
         return m_places[Key()];
-    const auto& [name, line, originator] = key;
-    return m_places[Key(name, line, originator)];
+    const auto& [source, operation, line, severity, originator] = key;
+    return m_places[Key(source, operation, line, severity, originator)];
 }
 
 bool FloodLimit::admits(const LogCaller& caller, unsigned originator, const LogCall& call,
                         std::string_view text)
 {
     const std::string_view operation = call.operation ? call.operation : "";
-    const std::string_view name = call.place.source ? call.place.source : operation;
+    const std::string_view source = call.place.source ? call.place.source : "";
     const int line = call.place.source ? call.place.line : -call.level;
     const std::lock_guard guard(m_mutex);
     if (m_burst == 0)
         return true;
-    Place& place = placeOf({name.substr(0, MAX_PLACE_NAME_BYTES), line, originator});
+    Place& place =
+        placeOf({source.substr(0, MAX_PLACE_NAME_BYTES), operation.substr(0, MAX_PLACE_NAME_BYTES),
+                 line, call.severity, originator});
     ++place.lines;
     if (!place.flooding && place.lines <= m_burst)
         return true;

@@ -22,8 +22,9 @@ namespace Veltrane::Quillmark::Tlx {
 /// only sums until a whole second stays within the burst. So a flood costs one line a second, and
 /// cannot rotate the lines of other places away.
 ///
-/// A place is a source file and a line. If it is not known, the operation and the level stand for
-/// it. The place of each originator is counted on its own.
+/// A place is a source file and a line of it, for one operation and one severity. If file and line
+/// are not known, the level stands for them. The place of each originator is counted on its own. So
+/// a flood in one operation does not hide the same failure in another one.
 ///
 /// The limit has no clock: its owner ends the seconds. Any thread may call all operations.
 class FloodLimit
@@ -54,9 +55,9 @@ class FloodLimit
     unsigned long long counted() const { return m_counted; }
 
   private:
-    /// The source or the operation, the line or the negative level, the originator.
-    using Key = std::tuple<std::string, int, unsigned>;
-    using KeyView = std::tuple<std::string_view, int, unsigned>;
+    /// The source, the operation, the line or the negative level, the severity, the originator.
+    using Key = std::tuple<std::string, std::string, int, LogSeverity, unsigned>;
+    using KeyView = std::tuple<std::string_view, std::string_view, int, LogSeverity, unsigned>;
     /// Finds a key without a copy of its text.
     struct Less
     {

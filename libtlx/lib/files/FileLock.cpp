@@ -206,11 +206,27 @@ FileGate::FileGate(const FileLock& lock)
 }
 
 WriterTurn::WriterTurn(const FileLock& lock)
+    : m_file(lock.m_file->isInherited ? nullptr : lock.m_file)
 {
-    if (lock.m_file->isInherited)
-        return;
-    m_file = lock.m_file;
-    m_lock = std::unique_lock(m_file->turn);
+    if (m_file)
+        m_file->turn.take();
+}
+
+WriterTurn::WriterTurn(std::shared_ptr<File> file) : m_file(std::move(file)) {}
+
+std::unique_ptr<WriterTurn> WriterTurn::take(const FileLock& lock,
+                                             std::chrono::steady_clock::time_point until)
+{
+    if (!lock.m_file->isInherited && !lock.m_file->turn.takeUntil(until))
+        return nullptr;
+    return std::unique_ptr<WriterTurn>(
+        new WriterTurn(lock.m_file->isInherited ? nullptr : lock.m_file));
+}
+
+WriterTurn::~WriterTurn()
+{
+    if (m_file)
+        m_file->turn.giveBack();
 }
 
 tl::expected<LockedFile, LockFailure> openLocked(const TlxPathname& path, int flags, mode_t mode,
@@ -220,15 +236,25 @@ tl::expected<LockedFile, LockFailure> openLocked(const TlxPathname& path, int fl
     const bool writes = level == LockLevel::Write;
     const Change acquire = writes ? &FileLock::acquire_write : &FileLock::acquire_read;
     const Change tryAcquire = writes ? &FileLock::tryacquire_write : &FileLock::tryacquire_read;
+    const auto now = std::chrono::steady_clock::now();
+    const auto giveUp = wait == LockWait::WAIT ? now + FileLock::waitLimit() : now;
     for (int attempt = 0; attempt < LOCK_MAX_ATTEMPTS; ++attempt) {
         auto lock = FileLock::open(path.text(), flags, mode);
         if (!lock)
             return tl::unexpected(LockFailure{LockFailure::OPENING, systemError(errno)});
+        std::unique_ptr<WriterTurn> turn;
+        if (writes) {
+            turn = WriterTurn::take(*lock, giveUp);
+            if (!turn) {
+                const int error = wait == LockWait::WAIT ? ETIMEDOUT : EBUSY;
+                return tl::unexpected(
+                    LockFailure{LockFailure::LOCKING, systemError(error), std::move(lock)});
+            }
+        }
         if (((*lock).*(wait == LockWait::WAIT ? acquire : tryAcquire))() != 0) {
             const std::error_code error = systemError(errno);
             return tl::unexpected(LockFailure{LockFailure::LOCKING, error, std::move(lock)});
         }
-        auto turn = writes ? std::make_unique<WriterTurn>(*lock) : nullptr;
         // Compare inside the gate, because another thread of this process may be removing the file.
         FileGate gate(*lock);
         const auto status = statusAt(path);

@@ -114,6 +114,39 @@ void Table::afterForkInChild()
     mutex.unlock();
 }
 
+void Turn::take()
+{
+    Guard guard(m_mutex);
+    m_free.wait(guard, [this] { return isFree(); });
+    takeFree();
+}
+
+bool Turn::takeUntil(Time until)
+{
+    Guard guard(m_mutex);
+    if (!m_free.wait_until(guard, until, [this] { return isFree(); }))
+        return false;
+    takeFree();
+    return true;
+}
+
+void Turn::takeFree()
+{
+    m_owner = std::this_thread::get_id();
+    ++m_depth;
+}
+
+void Turn::giveBack()
+{
+    {
+        const Guard guard(m_mutex);
+        if (--m_depth > 0)
+            return;
+        m_owner = {};
+    }
+    m_free.notify_one();
+}
+
 File::~File()
 {
     table().remove(*this);

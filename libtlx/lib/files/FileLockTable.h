@@ -23,6 +23,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -70,6 +71,26 @@ struct Table
 /// The table of this process.
 Table& table();
 
+/// A lock that a thread can take several times, and wait for until a given time.
+class Turn
+{
+  public:
+    using Time = std::chrono::steady_clock::time_point;
+
+    void take();
+    bool takeUntil(Time until);
+    void giveBack();
+
+  private:
+    bool isFree() const { return m_depth == 0 || m_owner == std::this_thread::get_id(); }
+    void takeFree();
+
+    std::mutex m_mutex;
+    std::condition_variable m_free;
+    std::thread::id m_owner;
+    unsigned m_depth = 0;
+};
+
 struct File
 {
     File(const Table::Key& itsKey, FileDescriptor itsDescriptor)
@@ -94,7 +115,7 @@ struct File
     std::atomic<bool> isInherited{false};
     std::atomic<std::size_t> holders{0};
     std::recursive_mutex gate;
-    std::recursive_mutex turn;
+    Turn turn;
 
     std::mutex mutex;
     /// The process's level has risen, which may be enough for a waiting holder.

@@ -39,6 +39,8 @@ struct DiscDBLocksTest : QmTest::Store
         if (!IsSkipped()) {
             ASSERT_EQ(peer.ask("init " + dir()), "done, left 0");
             ASSERT_EQ(peer.ask("now 1000"), "done");
+            ASSERT_EQ(second.ask("init " + dir()), "done, left 0");
+            ASSERT_EQ(second.ask("now 1000"), "done");
         }
     }
     std::string find(const char* file) { return peer.ask(std::string("find ") + file); }
@@ -50,6 +52,7 @@ struct DiscDBLocksTest : QmTest::Store
     using Store::find;
 
     QmTest::StorePeer peer; // forked before this process opens anything
+    QmTest::StorePeer second;
     LogCapture log;
 };
 
@@ -191,6 +194,24 @@ TEST_F(DiscDBLocksTest, ThePriorityIsLookedAtAgainUnderTheWriteLock)
     EXPECT_EQ(log.texts(1), Lines{"Cannot persist, data with higher priority already exists."});
     EXPECT_EQ(contentOf(path(PAYLOAD)), "five");
     EXPECT_EQ(Store::find(METADATA)->getAttributes()->getPriority(), 5u);
+}
+
+TEST_F(DiscDBLocksTest, AListingWaitsForOneLockedRecordOnly)
+{
+    for (const char* subject : {"a", "b", "c"})
+        put({.subject = subject});
+    for (const char* subject : {"a", "b"}) {
+        auto& writer = subject == std::string("a") ? peer : second;
+        EXPECT_EQ(writer.ask(std::string("begin ") + subject + " 9"), "0");
+        EXPECT_EQ(writer.ask("persist"), "0"); // the peer keeps its write lock
+    }
+    FileLock::setWaitLimit(std::chrono::milliseconds(300));
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(all(), Lines{"c"});
+    const auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(took, std::chrono::milliseconds(300));
+    EXPECT_EQ(FileLock::counts().waitsGivenUp, 1u);
+    EXPECT_TRUE(log.has(1, "The cause: other processes had a lock on it for all of 300 ms"));
 }
 
 TEST_F(DiscDBLocksTest, AnExpiredRecordThatAnotherProcessReadsStays)

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <fcntl.h>
+#include <limits>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -112,6 +113,12 @@ TEST(MetadataCacheTest, AFileThatChangedAMomentAgoIsNotRemembered)
     EXPECT_FALSE(isRemembered(statusOfAge(0)));
     EXPECT_FALSE(isRemembered(statusOfAge(20)));
     EXPECT_FALSE(isRemembered(statusOfAge(-60000))) << "a time in the future";
+    struct stat extreme = statusOfAge(60000);
+    for (const std::int64_t seconds : {std::numeric_limits<std::int64_t>::min(), std::int64_t{-1},
+                                       std::numeric_limits<std::int64_t>::max()}) {
+        extreme.st_mtim.tv_sec = seconds;
+        EXPECT_FALSE(isRemembered(extreme)) << seconds;
+    }
     EXPECT_TRUE(isRemembered(statusOfAge(100)));
     // A file system that keeps whole seconds.
     struct stat coarse = statusOfAge(2000);
@@ -294,6 +301,21 @@ TEST_F(RememberingStoreTest, ADocumentWithTwoPrioritiesIsNotRemembered)
     EXPECT_EQ(find(METADATA)->getAttributes()->getPriority(), 5u);
     EXPECT_EQ(put({.priority = 8}), DS_DATA_EXISTS) << "the first priority counts";
     EXPECT_EQ(put({.priority = 9}), DS_SUCCESS);
+}
+
+TEST_F(RememberingStoreTest, APriorityOutsideTheLastAttributesIsNotRemembered)
+{
+    put({.priority = 9});
+    std::string document = contentOf(path(METADATA));
+    // The attributes without a priority replace those with priority 9.
+    const std::string end = "</DiscoveryAttributes>";
+    document.insert(document.find(end) + end.size(),
+                    "<DiscoveryAttributes Type=\"2\" Storage=\"1\"></DiscoveryAttributes>");
+    writeFile(path(METADATA), document);
+    age(METADATA);
+    EXPECT_EQ(put({.priority = 5}), DS_DATA_EXISTS);
+    EXPECT_TRUE(find(METADATA));
+    EXPECT_EQ(put({.priority = 5}), DS_DATA_EXISTS) << "also after a lookup";
 }
 
 TEST_F(RememberingStoreTest, ExactNamesNeedNoWalk)
