@@ -21,7 +21,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t PAGE_BYTES = 1u << 20;
 constexpr CORBA::Long PAGE_RECORDS = 500;
-/// How long a service may be down. The driver states an error earlier.
+/// How long a service may be down. The driver gives up earlier.
 constexpr std::chrono::seconds OUTAGE_LIMIT(120);
 constexpr std::chrono::milliseconds PAUSE(20);
 

@@ -20,6 +20,7 @@ class Worker:
     def __init__(self, number, authority):
         self.number = number
         self.authority = authority
+        self.path = None
         self.file = None
         self.writers = 0        # abandoned since the service came up
         self.iterators = []     # when each was abandoned, in seconds
@@ -31,8 +32,11 @@ class Worker:
         self._rest = b""
 
     def begin(self, path, now):
-        """A new life, with a new ledger."""
-        self.close()
+        """A new life, with a new ledger. The ledger of the life before is not needed any more."""
+        if self.path:
+            self.close()
+            self.path.unlink(missing_ok=True)
+            self._phase_path().unlink(missing_ok=True)
         self.path = pathlib.Path(path)
         self.last_line = now
         self.ended = False
@@ -40,8 +44,6 @@ class Worker:
     def close(self):
         if self.file:
             self.file.close()
-            self.path.unlink()
-            self._phase_path().unlink(missing_ok=True)
         self.file = None
         self._rest = b""
 

@@ -165,9 +165,7 @@ class ServiceSoak:
         self._say("checking all records over the wire")
         self._check_wire("at the end")
         self._restart("kill")
-        left = self._service.temporary_files()
-        if left:
-            self._report("a start without clients leaves %d temporary files" % left)
+        self._service.check_left(self._report)
         self._say("checking all records again after a crash of the daemon")
         self._check_wire("after the last restart")
         self._problem(self._service.stop())

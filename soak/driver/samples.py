@@ -19,9 +19,10 @@ LIMITS = (
 LATENCY = Limit("latency", "ms", 15, 0.5)
 EVICTED = 305    # seconds; after this an iterator that nobody uses is gone
 UNCERTAIN = 4
+LEAST_OPERATIONS = 10  # in a sample; the median of fewer says nothing
 # The whole process, with what the store remembers.
 MEMORY_LIMIT = 256 * MIB
-LOG_BYTES_A_MINUTE = 40 * MIB
+LOG_BYTES_A_MINUTE = 2 * MIB
 
 
 def percentile(bins, share):
@@ -145,7 +146,8 @@ class Sampler:
             operations += sum(new.values())
             if new:
                 figures = [percentile(new, share) for share in (0.5, 0.99, 1)]
-                self.series.latencies.setdefault(kind, []).append((now, figures[0]))
+                if sum(new.values()) >= LEAST_OPERATIONS:
+                    self.series.latencies.setdefault(kind, []).append((now, figures[0]))
                 self._latency_table.writerow(["%.1f" % now, kind, sum(new.values()),
                                               *("%.3f" % each for each in figures)])
         return operations

@@ -310,7 +310,23 @@ def test_processes(cases, directory):
         client.start()
     client.process.wait(10)
     cases.expect("a client that ends", caught(client.check), "a client ended by itself with 1")
+    cases.expect("a client that stops badly", [client.wait()], "a client ended with 1")
     client.end()
+    # Like a daemon, the shell ends by itself after the signal.
+    script = "trap 'exit 7' TERM; echo; while :; do sleep 0.1; done"
+    service.process = subprocess.Popen(["sh", "-c", script], stdin=subprocess.DEVNULL,
+                                       stdout=subprocess.PIPE)
+    service.process.stdout.readline()
+    cases.expect("a daemon that stops badly", [service.stop()],
+                 "the daemon stopped with exit code 7")
+    service.process.stdout.close()
+    service.store.mkdir(parents=True)
+    for names, wanted in (((), ()), (("3.updating",), ("leaves 1 temporary files",))):
+        for name in names:
+            (service.store / name).touch()
+        found = []
+        service.check_left(found.append)
+        cases.expect("a start", found, *wanted)
 
 
 def test_client(cases, directory, program):

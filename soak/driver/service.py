@@ -127,6 +127,12 @@ class Service:
         except (FileNotFoundError, ValueError):
             return {}
 
+    def check_left(self, report):
+        """A start without clients leaves no temporary file."""
+        left = self.temporary_files()
+        if left:
+            report("a start without clients leaves %d temporary files" % left)
+
     def descriptors(self):
         updating = records = others = 0
         directory = "/proc/%d/fd" % self.process.pid
