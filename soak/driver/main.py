@@ -50,12 +50,14 @@ def say(text):
 
 
 class Problems:
-    """Everything that went wrong. Each is shown at once; after many of them only the count grows."""
+    """Everything that went wrong, each text once. Only the first ones are shown at once."""
 
     def __init__(self):
         self.lines = []
 
     def __call__(self, text):
+        if text in self.lines[-SHOWN_PROBLEMS:]:
+            return
         self.lines.append(text)
         if len(self.lines) <= SHOWN_PROBLEMS:
             print("PROBLEM %s" % text, file=sys.stderr, flush=True)
