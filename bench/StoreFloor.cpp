@@ -39,7 +39,10 @@ class File
     {
         check(::write(m_fd, data, size) == static_cast<ssize_t>(size), "write");
     }
+    /// For a directory.
     void sync() const { check(::fsync(m_fd) == 0, "fsync"); }
+    /// For a file, as the store does it.
+    void syncBytes() const { check(::fdatasync(m_fd) == 0, "fdatasync"); }
 
   private:
     int m_fd;
@@ -57,12 +60,12 @@ void putFiles(const std::filesystem::path& directory, const std::string& name,
             file.write(next, size);
             next += size;
         });
-        file.sync();
+        file.syncBytes();
     }
     {
         const File file(directory / (name + ".xml"), O_RDWR | O_CREAT);
         file.write(METADATA.data(), METADATA.size());
-        file.sync();
+        file.syncBytes();
     }
     check(::rename(temporary.c_str(), (directory / (name + ".dat")).c_str()) == 0, "rename");
     File(directory, O_RDONLY | O_DIRECTORY).sync();

@@ -13,6 +13,7 @@
 #include <tlx/AceRuntime.h>
 #include <tlx/Assert.h>
 #include <tlx/Corba.h>
+#include <tlx/FileLock.h>
 #include <tlx/HostConfig.h>
 #include <tlx/Log.h>
 #include <tlx/Orb.h>
@@ -369,6 +370,7 @@ void Daemon::publish(const char* state)
         const Tlx::LogCounters logged = Tlx::LoggerFactory::instance().counters();
         m_status.counters.emplace_back("logLinesSummedUp", logged.summedUp);
         m_status.counters.emplace_back("logLinesLost", logged.lost);
+        m_status.counters.emplace_back("lockWaitsGivenUp", Tlx::FileLock::counts().waitsGivenUp);
         if (m_hosted.explorers)
             m_status.explorers = m_hosted.explorers();
         writeStatus(state);

@@ -33,12 +33,14 @@ class Plan:
         self.repeats = options.repeat or (1 if self.short else 5)
         self.seconds = options.seconds or (0.05 if self.short else 1.0)
         self.clients = (1, 4) if self.short else measure.CLIENTS
+        # Only such a run may replace the figures of the document.
+        self.isStandard = not (self.short or options.records or options.repeat or options.seconds)
 
 
 def parse():
     parser = argparse.ArgumentParser(
         prog="scripts/bench", description="Measures the release build. Prints the figures, and "
-        "writes them into docs/performance.md unless --short is given.")
+        "writes those of a run without other options into docs/performance.md.")
     parser.add_argument("--records", type=lambda text: sorted(map(int, text.split(","))),
                         metavar="N,N", help="how many records the store has")
     parser.add_argument("--repeat", type=int, metavar="N", help="how often each figure is taken")
@@ -162,7 +164,7 @@ def main():
     file = options.json or programs.parent / "bench.json"
     file.write_text(json.dumps(document, indent=1) + "\n", encoding="utf-8")
     say("the figures are in %s" % file)
-    if not options.short:
+    if plan.isStandard:
         report.write_into(PAGE, document)
         say("the figures are in %s" % PAGE.relative_to(TOP))
     return 0

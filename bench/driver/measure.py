@@ -2,6 +2,7 @@
 rates of all repeats. The targets take turns within each repeat, so they see the same machine."""
 
 import os
+import random
 import statistics
 
 KIB = 1024
@@ -141,9 +142,8 @@ class Bench:
         targets = [self.service, *(f for f in self.floors if f.name in floors), *self.peers]
         targets = [t for t in targets if (size or 0) <= LARGEST.get(t.name, size or 0)]
         for repeat in range(self._plan.repeats):
-            for step in range(len(targets)):
-                # Nobody is always the one that comes after the same other.
-                target = targets[(step + repeat) % len(targets)]
+            # Each repeat has another order, so no target always follows the same one.
+            for target in random.Random(repeat).sample(targets, len(targets)):
                 if before:
                     before()
                 cell.add(target.name, self.run(target, operation, clients, command))

@@ -83,20 +83,21 @@ class DISCSRV_EXPORT DBCollectionData : public CollectionData
     std::size_t readCollection(std::size_t length, void* buffer) const override;
     bool writeCollection(std::size_t length, const void* buffer) const override;
 
-    /// Makes the written payload survive a power cut under its temporary name. Begins an empty
-    /// payload if none was opened. Returns false for a spoilt payload. A failure gives the payload
-    /// up and frees its disk space.
+    /// Syncs the bytes of the written payload. A power cut may still lose its temporary name.
+    /// Begins an empty payload if none was opened. Returns false for a spoilt payload. A failure
+    /// gives the payload up and frees its disk space.
     bool prepare();
 
     /// Prepares the payload, moves it to its place and replaces the stored one. Once it has
-    /// returned true, all names in the store's directory survive a power cut. A failure gives the
-    /// payload up, as prepare does.
+    /// returned true, all names in the store's directory survive a power cut. A failure before the
+    /// rename gives the payload up, as prepare does. If the sync of the directory fails, the new
+    /// payload stays in its place, but a power cut may lose it.
     bool persist(const TlxPathname& target);
 
     /// Gives up and deletes the temporary payload. Always returns true.
     bool cleanup();
 
-    /// The same after a failure. The payload counts as spoilt until the next open.
+    /// Does a cleanup after a failure: the payload also counts as spoilt until the next open.
     void giveUp();
 
     /// Deletes the stored payload. Returns true even if it was missing.
@@ -201,8 +202,8 @@ class DISCSRV_EXPORT DBDiscovery : public Discovery
 };
 
 /// Finds the matching records of the store. A new iterator matches every record; narrow it before
-/// the first getNext. Names without wildcards are looked up. Otherwise the iterator reads the whole
-/// directory.
+/// the first getNext. Names without wildcards are looked up: one file, or one for each authority
+/// type. A pattern is compared with the names of the directory, which all iterators share.
 class DISCSRV_EXPORT DBDiscoveryIterator : public virtual DiscoveryIterator, public RecordLister
 {
   public:

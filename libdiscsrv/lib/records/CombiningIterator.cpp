@@ -29,7 +29,7 @@ Discovery* CombiningIterator::getNext()
 
 std::optional<ListedRecord> CombiningIterator::listNext()
 {
-    DISC_TRACE("CombiningIterator::getNext");
+    DISC_TRACE("CombiningIterator::getNext"); // the name that log readers know
     for (; m_current < m_iterators.size(); ++m_current) {
         DiscoveryIterator* iterator = m_iterators[m_current].get();
         if (!iterator)

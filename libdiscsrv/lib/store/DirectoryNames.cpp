@@ -48,7 +48,8 @@ Names walk(const TlxPathname& directory)
         if (const std::string_view name = entry->d_name; name.ends_with(".xml"))
             found->names.add(name);
     }
-    if (errno != 0)
+    found->isComplete = errno == 0;
+    if (!found->isComplete)
         DISC_LOG(1, "Unable to read the directory, error " << errno);
     found->names.sort();
     return found;
@@ -66,7 +67,8 @@ struct LastWalk
 
 LastWalk& lastWalk()
 {
-    static auto* const theWalk = new LastWalk; // static objects may hold iterators
+    // Never destroyed, because destructors of static objects may still use it.
+    static auto* const theWalk = new LastWalk;
     return *theWalk;
 }
 
@@ -93,7 +95,8 @@ Names namesIn(const TlxPathname& directory, Time since)
     guard.lock();
     last.isWalking = false;
     last.names.swap(found); // the old names are destroyed without the mutex
-    last.stamp = stamp;
+    const bool isComplete = last.names && last.names->isComplete;
+    last.stamp = isComplete ? stamp : std::nullopt;
     const Names result = last.names;
     last.ended.notify_all();
     guard.unlock();

@@ -20,6 +20,7 @@ struct DirectoryNames
     DirectoryStream stream; ///< keeps the directory open, so that files are found by their name
     NameList names;
     Time begun; ///< when the walk began
+    bool isComplete = false;
 
     int descriptor() const { return ::dirfd(stream.get()); }
 };
@@ -27,7 +28,9 @@ struct DirectoryNames
 /// Returns names that contain each metadata file which existed from the given time until now. They
 /// come from the last walk if it began after that time, or if the directory has not changed since.
 /// Otherwise they come from a new walk. Threads that need a walk at once share it. A process keeps
-/// the names of one directory. On failure it logs the error and returns null. Any thread.
+/// the names of one directory. If the directory cannot be opened, it logs the error and returns
+/// null. If the reading breaks off, it logs the error, returns the names so far, and the next
+/// listing walks again. Any thread.
 std::shared_ptr<const DirectoryNames> namesIn(const TlxPathname& directory,
                                               DirectoryNames::Time since);
 

@@ -34,7 +34,8 @@ struct Queues
 
 Queues& queues()
 {
-    static auto* const theQueues = new Queues; // static objects may still store records
+    // Never destroyed, because destructors of static objects may still use it.
+    static auto* const theQueues = new Queues;
     return *theQueues;
 }
 

@@ -5,10 +5,10 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// Makes all names survive a power cut that were in the directory before the call. The first
-/// success of a process for a directory also covers the names of the directory and its parent. One
-/// sync serves all threads that came before it began: one of them syncs, the others wait for it and
-/// get its result. Any thread.
+/// After a success, all names that were in the directory before the call survive a power cut. The
+/// first success of a process for a directory also covers the names of the directory and its
+/// parent. One sync serves all threads that came before it began: one of them syncs, the others
+/// wait for it and get its result. Any thread.
 [[nodiscard]] FileResult<> syncStoreDirectory(const TlxPathname& directory);
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

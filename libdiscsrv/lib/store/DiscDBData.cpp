@@ -154,7 +154,7 @@ bool DBCollectionData::writeCollection(std::size_t length, const void* buffer) c
 
 bool DBCollectionData::prepare()
 {
-    DISC_TRACE("DBCollectionData::persist");
+    DISC_TRACE("DBCollectionData::persist"); // the name that log readers know
     if (m_spoilt) {
         cleanup();
         return false;

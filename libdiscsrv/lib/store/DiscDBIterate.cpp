@@ -150,7 +150,7 @@ Discovery* DBDiscoveryIterator::getNext()
 
 std::optional<ListedRecord> DBDiscoveryIterator::listNext()
 {
-    DISC_TRACE("DBDiscoveryIterator::getNext");
+    DISC_TRACE("DBDiscoveryIterator::getNext"); // the name that log readers know
     while (const auto candidate = nextCandidate()) {
         // A writer that has not written yet leaves the old record current. One that has written
         // gave the file another stamp.

@@ -68,8 +68,8 @@ class MetadataCache
     /// Changes the bound. 0 turns the cache off.
     void setMostRecords(std::size_t mostRecords);
 
-    /// Returns what is known about a file with this status, which was read after the lock or, if
-    /// there is no lock, now.
+    /// Returns what is known about a file, if it was remembered with the same stamp. The caller
+    /// takes the status after it has locked the file; without a lock, just before the call.
     std::optional<RememberedMetadata> find(std::string_view fileName,
                                            const struct stat& status) const;
     /// Remembers what was read from the file while it was locked and had this status. Does nothing

@@ -34,8 +34,8 @@ std::string causeOf(const LockFailure& failure)
         return "the file was replaced after each of " + std::to_string(LOCK_MAX_ATTEMPTS) +
                " openings";
     if (failure.error == std::errc::timed_out)
-        return "another process held its lock for " +
-               std::to_string(FileLock::waitLimit().count()) + " milliseconds";
+        return "other processes had a lock on it for all of " +
+               std::to_string(FileLock::waitLimit().count()) + " ms";
     if (failure.error == std::errc::device_or_resource_busy)
         return "another process or another writer has a lock on it";
     return describeError(failure.error);

@@ -15,7 +15,8 @@ struct Held
 
 Held& held()
 {
-    static auto* const theHeld = new Held; // static objects may hold numbers
+    // Never destroyed, because destructors of static objects may still use it.
+    static auto* const theHeld = new Held;
     return *theHeld;
 }
 

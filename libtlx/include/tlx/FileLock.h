@@ -68,11 +68,11 @@ class FileLock
     /// child.
     int get_handle() const;
 
-    // Each of these returns 0 on success. On failure it returns -1, sets errno, and does not change
-    // the level. A request for the current level succeeds. A request for Read lowers Write. EBADF
-    // means that the file was not opened for reading (Read) or for writing (Write). It also means
-    // that an earlier holder, which is still open, could only open the file for reading. A forked
-    // child gets ENOLCK.
+    // Each of these returns 0 on success. On failure it returns -1 and sets errno. The level stays
+    // the same; acquire_write has one exception, below. A request for the current level succeeds. A
+    // request for Read lowers Write. EBADF means that the file was not opened for reading (Read) or
+    // for writing (Write). It also means that an earlier holder, which is still open, could only
+    // open the file for reading. A forked child gets ENOLCK.
 
     /// Waits until no other process holds a conflicting lock, at most for the wait limit. ETIMEDOUT
     /// means that the limit has passed. acquire_write from Read may

@@ -48,7 +48,8 @@ std::optional<LogSeverity> severityFromText(std::string_view text);
 /// if standard error is not the journal's stream.
 const char* journalPrefix(LogSeverity severity);
 
-/// The severity of lines whose code names none: Error at level 1, Debug from level 4.
+/// The severity of lines whose code names none: Error up to level 1, Notice at 2 and 3, Debug from
+/// level 4.
 constexpr LogSeverity severityOfLevel(int level)
 {
     if (level <= LOG_LEVEL_FAILURE)

@@ -13,11 +13,11 @@ namespace Veltrane::Quillmark::Tlx::FileLockDetail {
 
 namespace {
 
-/// The pauses of a waiting lock double from the first to the second.
+/// The pauses of a waiting lock double from SHORTEST_PAUSE to LONGEST_PAUSE.
 constexpr std::chrono::microseconds SHORTEST_PAUSE{200};
 constexpr std::chrono::microseconds LONGEST_PAUSE{20000};
 
-/// A process gives way at most for the first time, and at most once in the second.
+/// A process gives way for LONGEST_WAY at most, and not again within TIME_BETWEEN_WAYS.
 constexpr std::chrono::milliseconds LONGEST_WAY{100};
 constexpr std::chrono::milliseconds TIME_BETWEEN_WAYS{500};
 constexpr std::chrono::milliseconds WAY_PAUSE{1};

@@ -8,11 +8,16 @@ namespace Veltrane::Quillmark::Tlx {
 
 namespace {
 
+bool isAscii(char byte)
+{
+    return static_cast<unsigned char>(byte) < 0x80;
+}
+
 /// The character at a position. A byte that is not valid UTF-8 counts as a character.
 std::string_view characterAt(std::string_view text, std::size_t position)
 {
     const std::string_view rest = text.substr(position);
-    if (static_cast<unsigned char>(rest.front()) < 0x80)
+    if (isAscii(rest.front()))
         return rest.substr(0, 1);
     const std::size_t length = utf8Character(rest);
     return rest.substr(0, length ? length : 1);
@@ -33,18 +38,28 @@ bool wildcardMatch(std::string_view pattern, std::string_view text, std::uint64_
 
     while (inText < text.size()) {
         ++steps;
-        const std::string_view textCharacter = characterAt(text, inText);
         if (inPattern < pattern.size()) {
-            const std::string_view wanted = characterAt(pattern, inPattern);
-            if (wanted == "*") {
+            const char wanted = pattern[inPattern];
+            if (wanted == '*') {
                 afterStar = ++inPattern;
                 resumeInText = inText;
                 continue;
             }
-            if (wanted == "?" || wanted == textCharacter) {
-                inPattern += wanted.size();
-                inText += textCharacter.size();
-                continue;
+            // A byte of ASCII is a whole character, also in the text.
+            if (isAscii(wanted) && wanted != '?') {
+                if (wanted == text[inText]) {
+                    ++inPattern;
+                    ++inText;
+                    continue;
+                }
+            } else {
+                const std::string_view wantedCharacter = characterAt(pattern, inPattern);
+                const std::string_view textCharacter = characterAt(text, inText);
+                if (wanted == '?' || wantedCharacter == textCharacter) {
+                    inPattern += wantedCharacter.size();
+                    inText += textCharacter.size();
+                    continue;
+                }
             }
         }
         if (afterStar == none)
@@ -52,6 +67,12 @@ bool wildcardMatch(std::string_view pattern, std::string_view text, std::uint64_
         if (afterStar == pattern.size())
             return true; // the "*" at the pattern's end takes the rest
         resumeInText += characterAt(text, resumeInText).size();
+        // The next try can only begin where the text has the character after the "*".
+        if (const char next = pattern[afterStar]; isAscii(next) && next != '*' && next != '?') {
+            resumeInText = text.find(next, resumeInText);
+            if (resumeInText == none)
+                return false;
+        }
         inText = resumeInText;
         inPattern = afterStar;
     }

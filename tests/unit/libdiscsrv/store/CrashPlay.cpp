@@ -441,6 +441,8 @@ Lines CrashPlay::playCrashes(const Sequence& sequence, const Defect& defect)
             if (code != FINISHED && code != PlayedFileSystem::STOPPED)
                 complain("complaint: the child ended with " + std::to_string(code) + ", " + where);
             checkRun(sequence, where, steps);
+            if (at > MANY_CALLS)
+                complain("complaint: the work never ended, " + where);
             if (code != PlayedFileSystem::STOPPED || at > MANY_CALLS)
                 break;
             if (eighths == 0 && run(sequence, fault, defect) == PlayedFileSystem::STOPPED)

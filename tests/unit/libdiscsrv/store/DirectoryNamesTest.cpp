@@ -35,6 +35,13 @@ struct HeldFileSystem : FileSystem
         pass(walks);
         return FileSystem::opendir(path);
     }
+    const dirent* readdir(DIR* directory) override
+    {
+        if (namesUntilError == 0 || --namesUntilError > 0)
+            return FileSystem::readdir(directory);
+        errno = EIO;
+        return nullptr;
+    }
     int fsync(int descriptor) override
     {
         pass(syncs);
@@ -53,6 +60,7 @@ struct HeldFileSystem : FileSystem
     std::atomic<int> syncs{0};
     std::atomic<bool> isHeld{false};
     std::atomic<int> syncError{0};
+    int namesUntilError = 0; ///< 0: none
 };
 
 TEST(NameListTest, FindsNamesInOrder)
@@ -186,6 +194,18 @@ TEST_F(DirectoryNamesTest, ADirectoryThatCannotBeReadIsLogged)
     EXPECT_FALSE(namesIn(missing, std::chrono::steady_clock::now()));
     EXPECT_EQ(log.texts(1), Lines{"Unable to open " + missing.text() + ", error 2"});
     EXPECT_TRUE(namesNow());
+}
+
+TEST_F(DirectoryNamesTest, AWalkThatBreaksOffIsNotRemembered)
+{
+    for (int i = 0; i < 10; ++i)
+        writeFile(path(std::to_string(i) + ".xml"), "");
+    rest();
+    held.namesUntilError = 5;
+    const LogCapture log;
+    EXPECT_LT(namesNow()->names.size(), 10u);
+    EXPECT_EQ(log.texts(1), Lines{"Unable to read the directory, error 5"});
+    EXPECT_EQ(namesNow()->names.size(), 10u);
 }
 
 TEST_F(DirectoryNamesTest, AnIteratorGoesOnWhileRecordsComeAndGo)

@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include <tlx/Wildcard.h>
 
@@ -93,6 +96,44 @@ TEST(WildcardTest, AllElseStandsForItself)
     EXPECT_TRUE(matches("?", "*"));
     EXPECT_TRUE(matches("*a", "*a"));
     EXPECT_TRUE(matches("*x", "a*x"));
+}
+
+/// The definition, word for word. Only for short texts of the characters a, b, é and \xFF.
+bool matchesByDefinition(std::string_view pattern, std::string_view text)
+{
+    const auto size = [](std::string_view rest) {
+        return rest.starts_with("\xC3\xA9") ? std::size_t{2} : std::size_t{1};
+    };
+    if (pattern.empty())
+        return text.empty();
+    if (pattern.front() == '*')
+        return matchesByDefinition(pattern.substr(1), text) ||
+               (!text.empty() && matchesByDefinition(pattern, text.substr(size(text))));
+    if (text.empty())
+        return false;
+    const bool isOne =
+        pattern.front() == '?' || pattern.substr(0, size(pattern)) == text.substr(0, size(text));
+    return isOne && matchesByDefinition(pattern.substr(size(pattern)), text.substr(size(text)));
+}
+
+TEST(WildcardTest, AgreesWithTheDefinition)
+{
+    std::minstd_rand random(1);
+    const auto make = [&random](const std::vector<std::string>& parts) {
+        std::string made;
+        for (auto length = random() % 8; length > 0; --length)
+            made += parts[random() % parts.size()];
+        return made;
+    };
+    unsigned matched = 0;
+    for (int i = 0; i < 100000; ++i) {
+        const std::string pattern = make({"a", "b", "\xC3\xA9", "\xFF", "*", "*", "?"});
+        const std::string text = make({"a", "b", "\xC3\xA9", "\xFF"});
+        const bool wanted = matchesByDefinition(pattern, text);
+        ASSERT_EQ(matches(pattern.c_str(), text.c_str()), wanted) << pattern << " and " << text;
+        matched += wanted ? 1 : 0;
+    }
+    EXPECT_GT(matched, 1000u);
 }
 
 TEST(WildcardTest, NoPatternTakesMoreThanTheProductOfTheLengths)
