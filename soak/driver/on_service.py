@@ -33,7 +33,7 @@ class Plan:
             at += chance.uniform(30, 90)
             if at > seconds / 3:
                 break
-            self.restarts.append((at, chance.choice(["kill", "kill", "stop"])))
+            self.restarts.append((at, "stop" if len(self.restarts) % 3 == 1 else "kill"))
 
 
 class ServiceSoak:
