@@ -1,0 +1,77 @@
+"""The client processes. Each has workers, which soak/Worker.h describes."""
+
+import json
+import random
+import signal
+import subprocess
+import time
+
+STOP_LIMIT = 60
+# A process ends with this driver, even if the driver is killed.
+LEASH = ("setpriv", "--pdeathsig", "KILL")
+
+
+class Client:
+    """One process at a time. After a kill the next one takes its place."""
+
+    def __init__(self, program, orders, workers, book, directory, seed):
+        self._program = program
+        self._orders = orders
+        self.workers = workers
+        self._book = book
+        self._directory = directory
+        self._random = random.Random(seed)
+        self._lives = 0
+        self.process = None
+
+    def start(self):
+        states = []
+        for worker in self.workers:
+            ledger = self._directory / ("%s.%d" % (worker.authority, self._lives))
+            states.append({**self._orders["worker"], **self._book.state_of(worker),
+                           "ledger": str(ledger), "seed": self._random.getrandbits(60)})
+            worker.begin(ledger, time.monotonic_ns())
+        self._lives += 1
+        orders = {key: value for key, value in self._orders.items() if key != "worker"}
+        with open(self._directory / "stderr", "ab") as output:
+            self.process = subprocess.Popen([*LEASH, self._program], stdin=subprocess.PIPE,
+                                            stdout=output, stderr=output)
+        self.process.stdin.write(json.dumps({**orders, "workers": states}).encode())
+        self.process.stdin.close()
+
+    def kill(self):
+        """Returns what each worker left open: one of the letters of soak/Phase.h."""
+        self.process.kill()
+        return self._reap()
+
+    def _reap(self):
+        self.process.wait(STOP_LIMIT)
+        now = time.monotonic_ns()
+        return [self._book.died(worker, now) for worker in self.workers]
+
+    def ask_to_stop(self):
+        self.process.send_signal(signal.SIGTERM)
+
+    def wait(self):
+        """Waits for an orderly end. Returns what went wrong, or None."""
+        try:
+            self.process.wait(STOP_LIMIT)
+        except subprocess.TimeoutExpired:
+            self.kill()
+            return "a client does not stop within %d s" % STOP_LIMIT
+        self._reap()
+        if self.process.returncode or not all(worker.ended for worker in self.workers):
+            return "a client ended with %d" % self.process.returncode
+        return None
+
+    def check(self):
+        """The process must not end by itself."""
+        if self.process.poll() is not None:
+            raise RuntimeError("a client ended by itself with %d" % self.process.returncode)
+
+    def end(self):
+        if self.process is not None and self.process.poll() is None:
+            self.process.kill()
+            self.process.wait(STOP_LIMIT)
+        for worker in self.workers:
+            worker.close()

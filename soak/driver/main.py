@@ -1,0 +1,130 @@
+"""Runs the soak. scripts/soak builds the programs first."""
+
+import argparse
+import json
+import pathlib
+import shutil
+import signal
+import sys
+import tempfile
+import time
+import traceback
+
+import report as figures
+import self_test
+from on_directory import DirectorySoak
+from on_service import ServiceSoak
+
+TOP = pathlib.Path(__file__).resolve().parents[2]
+PAGE = TOP / "docs" / "reliability.md"
+SHOWN_PROBLEMS = 50
+
+
+def parse():
+    parser = argparse.ArgumentParser(
+        prog="scripts/soak", description="Runs a master under mixed load, and several processes on one "
+        "store, and checks that nothing is lost and nothing grows. docs/reliability.md has the details.")
+    parser.add_argument("minutes", type=float, nargs="?", default=60.0, metavar="MINUTES",
+                        help="how long the master runs (default: 60)")
+    parser.add_argument("--seed", type=int, default=1, metavar="N",
+                        help="for all that happens at random (default: 1)")
+    parser.add_argument("--root", type=pathlib.Path, metavar="DIR",
+                        help="a new directory for all files; it stays. Without it they go to a "
+                        "temporary directory, which stays only after a failure")
+    parser.add_argument("--publish", action="store_true",
+                        help="write the figures into docs/reliability.md")
+    parser.add_argument("--self-test", action="store_true",
+                        help="only show that each check can fail")
+    # For scripts/soak.
+    parser.add_argument("--programs", type=pathlib.Path, default=TOP / "build" / "release" / "bin",
+                        help=argparse.SUPPRESS)
+    parser.add_argument("--check-options", action="store_true", help=argparse.SUPPRESS)
+    options = parser.parse_args()
+    if not 0.25 <= options.minutes <= 7 * 24 * 60:
+        parser.error("MINUTES: from 0.25 to 10080")
+    return options
+
+
+def say(text):
+    print("== soak: %s %s" % (time.strftime("%H:%M:%S"), text), file=sys.stderr, flush=True)
+
+
+class Problems:
+    """Everything that went wrong, each text once. Only the first ones are shown at once."""
+
+    def __init__(self):
+        self.lines = []
+
+    def __call__(self, text):
+        if text in self.lines[-SHOWN_PROBLEMS:]:
+            return
+        self.lines.append(text)
+        if len(self.lines) <= SHOWN_PROBLEMS:
+            print("PROBLEM %s" % text, file=sys.stderr, flush=True)
+
+
+def run(options, work, results):
+    problems = Problems()
+    seconds = options.minutes * 60
+    document = {"minutes": options.minutes, "seed": options.seed, "machine": figures.machine(work),
+                "date": time.strftime("%Y-%m-%d")}
+    programs = options.programs.resolve()
+    # A quarter of the time of the other soak. It is in addition.
+    parts = (
+        ("directory", lambda: DirectorySoak(programs, work, max(12, min(seconds / 4, 600)),
+                                            options.seed, problems, say)),
+        ("service", lambda: ServiceSoak(programs, work, results, seconds, options.seed, problems,
+                                        say)),
+    )
+    for name, make in parts:
+        say("soak of the %s" % name)
+        try:
+            document[name] = make().run()
+        except Exception as failure:  # pylint: disable=broad-except
+            traceback.print_exc()
+            problems("the soak of the %s broke off: %r" % (name, failure))
+    document["problems"] = problems.lines
+    return document
+
+
+def main():
+    options = parse()
+    if options.check_options:
+        return 0
+    # A check that cannot fail is worth nothing, so each run begins with this.
+    failures = self_test.run(options.programs.resolve())
+    if options.self_test or failures:
+        return 1 if failures else 0
+    # An end by a signal ends the processes, too.
+    signal.signal(signal.SIGTERM, lambda number, _: sys.exit(128 + number))
+    results = options.programs.resolve().parent / "soak"
+    shutil.rmtree(results, ignore_errors=True)
+    results.mkdir(parents=True)
+    if options.root:
+        options.root.mkdir(parents=True)
+        work = options.root.resolve()
+    else:
+        work = pathlib.Path(tempfile.mkdtemp(prefix="qmsoak."))
+    document = {"problems": ["it did not end"]}
+    try:
+        document = run(options, work, results)
+    finally:
+        if options.root or document["problems"]:
+            say("the files are in %s" % work)
+        else:
+            shutil.rmtree(work)
+    (results / "soak.json").write_text(json.dumps(document, indent=1) + "\n", encoding="utf-8")
+    print(figures.to_text(document))
+    say("the figures are in %s" % results)
+    if document["problems"]:
+        say("FAILED: %d problems" % len(document["problems"]))
+        return 1
+    if options.publish:
+        figures.write_into(PAGE, document)
+        say("the figures are in %s" % PAGE.relative_to(TOP))
+    return 0
+
+
+if __name__ == "__main__":
+    sys.dont_write_bytecode = True
+    sys.exit(main())

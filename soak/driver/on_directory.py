@@ -1,0 +1,111 @@
+"""The soak of one store directory that several processes share, without a daemon."""
+
+import json
+import random
+import subprocess
+import time
+
+import audit
+from clients import Client
+from ledger import Book, Worker
+from samples import percentile
+
+LIMIT = 20      # seconds for an operation
+PROCESSES = 4
+THREADS = 4
+EXPIRY = 3
+CHECK_LIMIT = 120
+
+
+class DirectorySoak:
+    def __init__(self, programs, work, seconds, seed, report, say):
+        self._chance = random.Random(seed)
+        self._program = programs / "soak_client"
+        self._seconds = seconds
+        self._report = report
+        self._say = say
+        self._store = work / "store"
+        ledgers = work / "store-ledgers"
+        ledgers.mkdir()
+        workers = [Worker(number, "s%d" % number) for number in range(PROCESSES * THREADS)]
+        self._book = Book(workers, report)
+        orders = {"store": str(self._store),
+                  "worker": {"small": 20, "big": 1, "expiring": 5, "pause": 1000, "limit": LIMIT}}
+        self._clients = [Client(self._program, orders, workers[i * THREADS:(i + 1) * THREADS],
+                                self._book, ledgers, self._chance.getrandbits(60))
+                         for i in range(PROCESSES)]
+        self.kills = 0
+
+    def run(self):
+        try:
+            for client in self._clients:
+                client.start()
+            self._work()
+            for client in self._clients:
+                client.ask_to_stop()
+            for client in self._clients:
+                self._problem(client.wait())
+        finally:
+            for client in self._clients:
+                client.end()
+        time.sleep(EXPIRY)
+        self._book.read(time.monotonic_ns())
+        self._finish()
+        return {"seconds": self._seconds, "processes": PROCESSES, "threads": THREADS,
+                "processes killed": self.kills, "acknowledged puts": self._book.counts["ack"],
+                "records": sum(record.stored is not None for record in self._book.records.values()),
+                "latencies": {kind: {"operations": sum(bins.values()),
+                                     "p50": percentile(bins, 0.5), "p99": percentile(bins, 0.99),
+                                     "max": percentile(bins, 1)}
+                              for kind, bins in sorted(self._book.latencies.items())}}
+
+    def _problem(self, text):
+        if text:
+            self._report("directory: " + text)
+
+    def _work(self):
+        begin = time.monotonic()
+        kill_at = 0.5
+        while (now := time.monotonic() - begin) < self._seconds:
+            self._book.read(time.monotonic_ns())
+            self._book.check_silence(time.monotonic_ns())
+            for client in self._clients:
+                client.check()
+            if now >= kill_at:
+                client = self._chance.choice(self._clients)
+                client.kill()
+                self.kills += 1
+                client.start()
+                kill_at = now + self._chance.uniform(0.2, 1.0)
+            time.sleep(0.05)
+
+    def _finish(self):
+        self._say("checking all records of the directory with a fresh process")
+        fresh = _Fresh(self._program, self._store, [*self._book.records, audit.HOT])
+
+        def report(text):
+            self._report("directory: " + text)
+        audit.check_all(fresh, self._book, report)
+        audit.check_files(audit.Directory(self._store), self._book, report)
+        self._book.judge_losses(lambda _: False)
+
+
+class _Fresh:
+    """What a fresh process finds. Its start also cleans the store up."""
+
+    def __init__(self, program, store, names):
+        orders = json.dumps({"store": str(store), "check": names})
+        done = subprocess.run([program], input=orders, capture_output=True, text=True,
+                              timeout=CHECK_LIMIT, check=True)
+        answer = json.loads(done.stdout)
+        self._versions = answer["versions"]
+        self._names = answer["names"]
+
+    def read(self, name):
+        found = self._versions[name]
+        if found == "spoilt":
+            raise audit.Spoilt("%s: spoilt" % name)
+        return tuple(found) if found else None
+
+    def names(self):
+        return self._names
