@@ -61,8 +61,11 @@ class DISCSRV_EXPORT CleanupLock
     virtual ~CleanupLock();
 
     bool isLocked() const { return m_locked; }
+    /// False if somebody has removed or replaced the file since. Then this lock keeps nobody out.
+    bool isStillInPlace() const;
 
   private:
+    const TlxPathname m_path;
     std::unique_ptr<FileLock> m_fileLock;
     bool m_locked = false;
 };
@@ -110,7 +113,9 @@ class DISCSRV_EXPORT DBCollectionData : public CollectionData
   private:
     bool openTemporary();
     bool openStored();
+    bool holdsTemporary();
     bool replaceStored(const TlxPathname& target);
+    void removeTemporary();
 
     TlxPathname m_path;
     FileDescriptor m_file;

@@ -15,27 +15,48 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
 constexpr const char* LOG_SOURCE = "../DiscDB";
+
+/// What a path names.
+enum class Named
+{
+    MINE, ///< the open file; also if that cannot be found out
+    NOTHING,
+    ANOTHER
+};
+
+Named namedBy(const TlxPathname& path, int file)
+{
+    const auto there = statusAt(path);
+    if (!there)
+        return there.error() == std::errc::no_such_file_or_directory ? Named::NOTHING : Named::MINE;
+    const auto mine = statusOf(file);
+    const bool isMine = !mine || (mine->st_dev == there->st_dev && mine->st_ino == there->st_ino);
+    return isMine ? Named::MINE : Named::ANOTHER;
+}
+
 } // namespace
 
 CleanupLock::CleanupLock(const char* dir, LockMode mode)
+    : m_path(TlxPathname(dir).withFileName("Update.lock"))
 {
     DISC_TRACE("CleanupLock::CleanupLock");
-    const TlxPathname path = TlxPathname(dir).withFileName("Update.lock");
-    m_fileLock = FileLock::open(path.text(), O_CREAT | O_RDWR, 0);
-    if (!m_fileLock) {
-        logFailure({LockFailure::OPENING, systemError(errno)}, path);
+    auto file = mode == LM_EXCLUSIVE
+                    ? openLocked(m_path, O_CREAT | O_RDWR, 0, LockLevel::Write, LockWait::TRY)
+                    : openLocked(m_path, O_CREAT | O_RDWR, 0, LockLevel::Read, LockWait::WAIT);
+    if (!file) {
+        logFailure(file.error(), m_path);
         return;
     }
-    const int locked =
-        mode == LM_EXCLUSIVE ? m_fileLock->tryacquire_write() : m_fileLock->acquire_read();
-    if (locked != 0) {
-        logFailure({LockFailure::LOCKING, systemError(errno)}, path);
-        return;
-    }
+    m_fileLock = std::move(file->lock);
     m_locked = true;
 }
 
 CleanupLock::~CleanupLock() = default;
+
+bool CleanupLock::isStillInPlace() const
+{
+    return m_fileLock && m_fileLock->isStillAt(m_path.text());
+}
 
 DBCollectionData::DBCollectionData(const TlxPathname& path) : m_path(path) {}
 
@@ -170,6 +191,10 @@ bool DBCollectionData::prepare()
     // A file that is open for reading is a stored payload. It must not move.
     if (!TLX_ASSERT(m_mode == OM_UPDATE))
         return false;
+    if (!holdsTemporary()) {
+        giveUp();
+        return false;
+    }
     if (m_prepared)
         return true;
     // Without this sync a power cut could leave the final name on a file without its bytes.
@@ -183,9 +208,30 @@ bool DBCollectionData::prepare()
     return true;
 }
 
+/// Whether the temporary file still has its name. Somebody may have removed "Update.lock". Then
+/// another process could lock a new one, and remove the temporary files of all writers.
+bool DBCollectionData::holdsTemporary()
+{
+    if (!m_cleanupLock->isStillInPlace()) {
+        DISC_WARN("Somebody has removed the lock file of " << m_path);
+        // The old lock stays until there is a new one.
+        auto lock =
+            std::make_unique<CleanupLock>(m_path.directory().c_str(), CleanupLock::LM_SHARED);
+        if (!lock->isLocked())
+            return false;
+        m_cleanupLock = std::move(lock);
+    }
+    // From here on no clean-up runs.
+    if (namedBy(m_path, m_file.get()) == Named::MINE)
+        return true;
+    DISC_LOG(1, "Somebody has removed the temporary file " << m_path);
+    return false;
+}
+
 bool DBCollectionData::persist(const TlxPathname& target)
 {
     DISC_TRACE("DBCollectionData::persist");
+    // It also looks once more whether the temporary file is there, just before the rename.
     if (!prepare())
         return false;
     m_spoilt = true; // until every step has succeeded
@@ -233,16 +279,13 @@ bool DBCollectionData::cleanup()
 {
     DISC_TRACE("DBCollectionData::cleanup");
     if (m_file.isOpen()) {
+        const bool isMine = namedBy(m_path, m_file.get()) != Named::ANOTHER;
         (void)TLX_ASSERT_AS(m_file.close(), "0 == ACE_OS::close(m_handle)");
         // A file that is open for reading is the stored payload.
-        if (m_mode == OM_UPDATE) {
-            if (const auto removed = removeFile(m_path)) {
-                DISC_NOTICE("Deleted file: " << m_path);
-            } else {
-                DISC_LOG(1, "Unable to delete " << m_path);
-                DISC_LOG(1, "The cause: " << describeError(removed.error()));
-            }
-        }
+        if (m_mode == OM_UPDATE && isMine)
+            removeTemporary();
+        else if (m_mode == OM_UPDATE)
+            DISC_WARN("Another process has made a new file " << m_path << ", so it stays");
     }
     if (m_finalPath)
         m_path = *m_finalPath;
@@ -251,6 +294,16 @@ bool DBCollectionData::cleanup()
     m_prepared = false;
     m_cleanupLock.reset();
     return true;
+}
+
+void DBCollectionData::removeTemporary()
+{
+    if (const auto removed = removeFile(m_path)) {
+        DISC_NOTICE("Deleted file: " << m_path);
+    } else {
+        DISC_LOG(1, "Unable to delete " << m_path);
+        DISC_LOG(1, "The cause: " << describeError(removed.error()));
+    }
 }
 
 void DBCollectionData::giveUp()

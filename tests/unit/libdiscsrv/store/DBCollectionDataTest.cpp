@@ -12,6 +12,7 @@
 #include "RefusedCall.h"
 #include "StoreFixture.h"
 #include "support/Capture.h"
+#include "support/ScriptedFileSystem.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
@@ -350,6 +351,95 @@ TEST_F(DBCollectionDataTest, CleanupReportsFilesThatItCannotDelete)
     EXPECT_TRUE(data->cleanup());
     EXPECT_EQ(log.texts(1), (Lines{"Unable to delete " + name("0.updating"),
                                    "The cause: ENOENT, No such file or directory"}));
+}
+
+TEST_F(DBCollectionDataTest, CleanupLeavesTheNewFileOfAnotherWriter)
+{
+    const auto data = make();
+    EXPECT_TRUE(data->open(OM_UPDATE, ""));
+    std::filesystem::remove(path("0.updating"));
+    writeFile(path("0.updating"), "another writer's");
+    const LogCapture log;
+    EXPECT_TRUE(data->cleanup());
+    EXPECT_EQ(log.texts(1),
+              Lines{"Another process has made a new file " + name("0.updating") + ", so it stays"});
+    EXPECT_EQ(contentOf(path("0.updating")), "another writer's");
+}
+
+TEST_F(DBCollectionDataTest, AWriterWithoutItsTemporaryFileStoresNothing)
+{
+    for (const bool hasAnother : {false, true}) {
+        writeFile(path("x.dat"), "stored");
+        const auto data = make();
+        EXPECT_TRUE(data->open(OM_UPDATE, ""));
+        EXPECT_TRUE(data->writeCollection(3, "abc"));
+        std::filesystem::remove(path("0.updating"));
+        if (hasAnother)
+            writeFile(path("0.updating"), "another writer's");
+        const LogCapture log;
+        EXPECT_FALSE(data->persist(TlxPathname(name("x.dat"))));
+        EXPECT_EQ(log.texts(1).front(),
+                  "Somebody has removed the temporary file " + name("0.updating"));
+        EXPECT_TRUE(data->isSpoilt());
+        EXPECT_EQ(contentOf(path("x.dat")), "stored");
+        EXPECT_EQ(std::filesystem::exists(path("0.updating")), hasAnother);
+        std::filesystem::remove(path("0.updating"));
+    }
+}
+
+TEST_F(DBCollectionDataTest, ATemporaryFileThatIsRemovedAfterItsSyncIsMissed)
+{
+    writeFile(path("x.dat"), "stored");
+    const auto data = make();
+    EXPECT_TRUE(data->open(OM_UPDATE, ""));
+    EXPECT_TRUE(data->writeCollection(3, "abc"));
+    EXPECT_TRUE(data->prepare());
+    std::filesystem::remove(path("0.updating"));
+    EXPECT_FALSE(data->persist(TlxPathname(name("x.dat"))));
+    EXPECT_EQ(contentOf(path("x.dat")), "stored");
+}
+
+TEST_F(DBCollectionDataTest, AWriterWhoseLockFileWasRemovedLocksTheNewOne)
+{
+    const auto data = make();
+    EXPECT_TRUE(data->open(OM_UPDATE, ""));
+    EXPECT_TRUE(data->writeCollection(3, "abc"));
+    std::filesystem::remove(path("Update.lock"));
+    const LogCapture log;
+    EXPECT_TRUE(data->prepare());
+    EXPECT_EQ(log.texts(1), Lines{"Somebody has removed the lock file of " + name("0.updating")});
+    EXPECT_FALSE(CleanupLock(dir().c_str(), CleanupLock::LM_EXCLUSIVE).isLocked());
+    EXPECT_TRUE(data->persist(TlxPathname(name("x.dat"))));
+    EXPECT_EQ(contentOf(path("x.dat")), "abc");
+    EXPECT_TRUE(CleanupLock(dir().c_str(), CleanupLock::LM_EXCLUSIVE).isLocked());
+}
+
+TEST_F(DBCollectionDataTest, ALockFileThatIsReplacedDuringTheOpeningIsOpenedAgain)
+{
+    for (const auto mode : {CleanupLock::LM_SHARED, CleanupLock::LM_EXCLUSIVE}) {
+        QmTest::ScriptedFileSystem files;
+        int opened = 0;
+        files.afterOpen([&] {
+            if (++opened == 1)
+                std::filesystem::remove(path("Update.lock"));
+        });
+        const CleanupLock lock(dir().c_str(), mode);
+        EXPECT_TRUE(lock.isLocked());
+        EXPECT_TRUE(lock.isStillInPlace());
+        EXPECT_EQ(opened, 2);
+        // The next holder meets this one.
+        EXPECT_FALSE(CleanupLock(dir().c_str(), CleanupLock::LM_EXCLUSIVE).isLocked());
+    }
+}
+
+TEST_F(DBCollectionDataTest, ALockOnARemovedFileIsNotInPlace)
+{
+    const CleanupLock lock(dir().c_str(), CleanupLock::LM_SHARED);
+    EXPECT_TRUE(lock.isStillInPlace());
+    std::filesystem::remove(path("Update.lock"));
+    EXPECT_FALSE(lock.isStillInPlace());
+    writeFile(path("Update.lock"), "");
+    EXPECT_FALSE(lock.isStillInPlace());
 }
 
 TEST_F(DBCollectionDataTest, CleanupNeverDeletesAStoredPayload)

@@ -53,6 +53,7 @@ struct DiscDBLocksTest : QmTest::Store
 
     QmTest::StorePeer peer; // forked before this process opens anything
     QmTest::StorePeer second;
+    QmTest::StorePeer third; // has not begun
     LogCapture log;
 };
 
@@ -102,6 +103,33 @@ TEST_F(DiscDBLocksTest, TheCleanUpOfThisProcessKeepsItsOwnWritersHoldOnUpdateLoc
     inThread(
         [&] { EXPECT_FALSE(CleanupLock(dir().c_str(), CleanupLock::LM_EXCLUSIVE).isLocked()); });
     EXPECT_EQ(sees("Update.lock"), "Read");
+}
+
+TEST_F(DiscDBLocksTest, AWriterThatACleanUpWithANewLockFileRobsStoresNothing)
+{
+    ASSERT_EQ(put({.payload = "stored"}), DS_SUCCESS);
+    ASSERT_EQ(peer.ask("begin cl5 9"), "0");
+    ASSERT_EQ(peer.ask("write new"), "1");
+    ASSERT_EQ(second.ask("begin cl6 9"), "0");
+    ASSERT_EQ(second.ask("write other"), "1");
+    std::filesystem::remove(path("Update.lock"));
+    EXPECT_EQ(third.ask("init " + dir()), "done, left 0");
+    // The number of the first writer's file is used again.
+    ASSERT_EQ(third.ask("begin cl7 1"), "0");
+    ASSERT_EQ(third.ask("write third"), "1");
+    ASSERT_EQ(files(), (Lines{"0.updating", PAYLOAD, METADATA, "Update.lock"}));
+    const std::string before = contentOf(path(METADATA));
+
+    EXPECT_EQ(peer.ask("persist"), std::to_string(DS_OPEN_FAILED));
+    EXPECT_EQ(second.ask("persist"), std::to_string(DS_OPEN_FAILED));
+    EXPECT_EQ(contentOf(path(METADATA)), before);
+    EXPECT_EQ(contentOf(path(PAYLOAD)), "stored");
+    EXPECT_EQ(third.ask("persist"), std::to_string(DS_SUCCESS));
+    // The next puts of the robbed writers succeed.
+    ASSERT_EQ(peer.ask("begin cl5 9"), "0");
+    ASSERT_EQ(peer.ask("write new"), "1");
+    EXPECT_EQ(peer.ask("persist"), std::to_string(DS_SUCCESS));
+    EXPECT_EQ(contentOf(path(PAYLOAD)), "new");
 }
 
 TEST_F(DiscDBLocksTest, ALookupKeepsTheReadLockOfAnother)
