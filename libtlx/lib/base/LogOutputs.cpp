@@ -188,15 +188,30 @@ bool LogErrorStream::putLine(LogSeverity severity, std::string_view line)
     return put(text.append(line).append("\n"));
 }
 
+LogRecord LogErrorStream::reportOf(unsigned long long lines)
+{
+    return makeOwnLogRecord(fmt::format("{} lines could not be written to standard error", lines));
+}
+
+void LogErrorStream::reportMissing(spdlog::pattern_formatter& format)
+{
+    if (m_missing == 0)
+        return;
+    const LogRecord record = reportOf(m_missing);
+    if (putLine(record.severity, formatted(record, format)))
+        m_missing = 0;
+}
+
+unsigned long long LogErrorStream::finish(spdlog::pattern_formatter& format)
+{
+    reportMissing(format);
+    return std::exchange(m_missing, 0);
+}
+
 bool LogErrorStream::write(LogSeverity severity, std::string_view line,
                            spdlog::pattern_formatter& format)
 {
-    if (m_missing > 0) {
-        const LogRecord record = makeOwnLogRecord(
-            fmt::format("{} lines could not be written to standard error", m_missing));
-        if (putLine(record.severity, formatted(record, format)))
-            m_missing = 0;
-    }
+    reportMissing(format);
     if (m_missing == 0 && putLine(severity, line))
         return true;
     ++m_missing;
@@ -276,14 +291,28 @@ LogOutputs::LogOutputs(const LogSettings& settings)
 bool LogOutputs::write(const LogRecord& record)
 {
     const std::string line = formatted(record, m_format);
+    bool taken = writeToFiles(record, line);
+    // The last one, because it may wait.
+    if (m_toStderr && !m_stderr.write(record.severity, line, m_format))
+        taken = false;
+    return taken;
+}
+
+void LogOutputs::finish()
+{
+    if (const auto lines = m_stderr.finish(m_format); lines > 0) {
+        const LogRecord record = LogErrorStream::reportOf(lines);
+        (void)writeToFiles(record, formatted(record, m_format));
+    }
+}
+
+bool LogOutputs::writeToFiles(const LogRecord& record, const std::string& line)
+{
     bool taken = true;
     if (m_file && !m_file->write(line, m_format))
         taken = false;
     if (m_errorsFile && record.severity <= LogSeverity::Warning &&
         !m_errorsFile->write(line, m_format))
-        taken = false;
-    // The last one, because it may wait.
-    if (m_toStderr && !m_stderr.write(record.severity, line, m_format))
         taken = false;
     return taken;
 }

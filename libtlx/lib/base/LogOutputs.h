@@ -33,10 +33,17 @@ class LogErrorStream
     /// thread at a time.
     /// @param format makes the whole line of a record.
     bool write(LogSeverity severity, std::string_view line, spdlog::pattern_formatter& format);
+    /// Tries once more to report the lost lines. Returns how many it could not report, and forgets
+    /// them.
+    unsigned long long finish(spdlog::pattern_formatter& format);
     /// Writes a line that is no line of the log, because there is no other way to report.
     void complain(const std::string& text);
 
+    /// A line about lines that this stream lost.
+    static LogRecord reportOf(unsigned long long lines);
+
   private:
+    void reportMissing(spdlog::pattern_formatter& format);
     bool putLine(LogSeverity severity, std::string_view line);
     bool put(std::string_view text);
     bool keepRest(std::string_view text, std::string_view left);
@@ -88,8 +95,13 @@ class LogOutputs : public LogOutput
 
     /// Returns false if an output lost the line.
     bool write(const LogRecord& record) override;
+    /// Nobody may read standard error any more. So the files get the number of the lines that it
+    /// lost last.
+    void finish() override;
 
   private:
+    bool writeToFiles(const LogRecord& record, const std::string& line);
+
     spdlog::pattern_formatter m_format;
     LogErrorStream m_stderr;
     const bool m_toStderr;

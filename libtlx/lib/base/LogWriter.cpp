@@ -19,8 +19,6 @@ namespace {
 /// The lines that the thread takes from the queue at once. Callers that wait for room go on after
 /// so many lines.
 constexpr std::size_t BATCH_LINES = 64;
-/// How long configure, stop and a fork wait for an output that hangs.
-constexpr std::chrono::seconds OUTPUT_LIMIT{5};
 
 /// Blocks all signals while it lives. The log's thread is made meanwhile, and so never runs a
 /// handler of the program.
@@ -222,6 +220,12 @@ void LogWriter::run()
         m_lost += lost;
         m_done.notify_all();
     }
+    // A caller may have lost its line while it waited for the end of this thread.
+    if (const auto unreported = std::exchange(m_unreported, 0); unreported > 0) {
+        lock.unlock();
+        reportLost(unreported);
+        lock.lock();
+    }
     m_running = false;
     m_done.notify_all();
     m_room.notify_all();
@@ -245,7 +249,7 @@ void LogWriter::endSecond()
         enqueue(std::move(sum));
 }
 
-void LogWriter::stop()
+void LogWriter::stop(std::chrono::milliseconds limit)
 {
     const std::lock_guard configuring(m_configureMutex);
     {
@@ -254,14 +258,31 @@ void LogWriter::stop()
             return;
         m_stopping = true;
         m_work.notify_one();
-        if (!m_done.wait_for(lock, OUTPUT_LIMIT, [this] { return !m_running; }))
-            return; // an output hangs
+        if (!m_done.wait_for(lock, limit, [this] { return !m_running; })) {
+            // An output hangs. Nobody will wait for it any more. If it goes on, the thread reports
+            // these lines.
+            m_lost += m_queue.size();
+            m_unreported += m_queue.size();
+            m_queue.clear();
+            return;
+        }
     }
     // A caller that has seen the thread may still ask the flood limit. So the limit ends first, and
     // then the last sums are complete.
     m_flood.setBurst(0);
     for (const LogRecord& sum : m_flood.takeSums())
         writeNow(sum);
+    finishOutput();
+}
+
+void LogWriter::finishOutput()
+{
+    const std::lock_guard writing(m_outputMutex);
+    try {
+        m_output->finish();
+    } catch (const std::exception&) {
+        // Memory ran out. The counter has the number.
+    }
 }
 
 LogCounters LogWriter::counters() const

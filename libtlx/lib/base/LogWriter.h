@@ -27,6 +27,8 @@ class LogOutput
     virtual ~LogOutput() = default;
     /// Returns false if the line is lost.
     virtual bool write(const LogRecord& record) = 0;
+    /// Writes what it still has to report. The stop calls it after the last line.
+    virtual void finish() {}
 };
 
 /// Brings lines to the output. It begins without a thread: a line is written before write returns,
@@ -44,6 +46,8 @@ class LogWriter
   public:
     /// The lines that wait for the thread.
     static constexpr std::size_t MAX_QUEUED_LINES = 4096;
+    /// How long configure, stop and a fork wait for an output that hangs.
+    static constexpr std::chrono::seconds OUTPUT_LIMIT{5};
 
     explicit LogWriter(std::unique_ptr<LogOutput> output) : m_output(std::move(output)) {}
     /// Stops. The output must not hang.
@@ -66,8 +70,8 @@ class LogWriter
     /// Ends a second of the flood limit.
     void endSecond();
     /// Writes everything and ends the thread. Lines that come later are written at once. It waits
-    /// for the output for a few seconds at most.
-    void stop();
+    /// for the output until the limit. The lines that still wait then are lost and counted.
+    void stop(std::chrono::milliseconds limit = OUTPUT_LIMIT);
 
     LogCounters counters() const;
 
@@ -97,6 +101,8 @@ class LogWriter
     // They return how many lines an output lost.
     unsigned writeAll(const std::vector<LogRecord>& records);
     unsigned writeSums(bool endsSecond);
+    /// Lets the output end, after the last line.
+    void finishOutput();
 
     std::mutex m_configureMutex; ///< one configure or stop at a time
     FloodLimit m_flood;

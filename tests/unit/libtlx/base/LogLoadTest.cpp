@@ -314,6 +314,36 @@ TEST_P(LogStalledTest, AStandardErrorThatNobodyReadsStopsNothing)
     ::close(ends[1]);
 }
 
+TEST_P(LogStalledTest, TheFilesGetTheNumberOfTheLinesThatItLostLast)
+{
+    int ends[2];
+    ASSERT_EQ(0, GetParam() ? ::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) : ::pipe(ends));
+    m_settings.toStderr = true;
+    m_settings.burst = 0;
+    m_settings.patience = std::chrono::milliseconds(1);
+    constexpr int CALLS = 2000;
+    const std::string tail(500, '.');
+    QmTest::ChildProcess child([&]() -> int {
+        ::dup2(ends[1], STDERR_FILENO);
+        configure();
+        for (int i = 0; i < CALLS; ++i)
+            log(LogSeverity::Notice, std::to_string(i) + tail);
+        std::exit(7);
+    });
+    ASSERT_EQ(7, child.exitCode());
+    const std::string shown = readAvailable(ends[0]);
+    const auto lost = CALLS - std::count(shown.begin(), shown.end(), '\n');
+    EXPECT_GT(lost, 0);
+    const std::string report =
+        "[warning] " + std::to_string(lost) + " lines could not be written to standard error";
+    const Lines texts = textsOf(m_settings.file);
+    ASSERT_EQ(CALLS + 1u, texts.size());
+    EXPECT_EQ(report, texts.back());
+    EXPECT_THAT(textsOf(m_settings.errorsFile), ElementsAre(report));
+    ::close(ends[0]);
+    ::close(ends[1]);
+}
+
 INSTANTIATE_TEST_SUITE_P(PipeAndSocket, LogStalledTest, testing::Bool());
 
 TEST_F(LogLoadTest, TheJournalGetsTheSeverityOfEachLine)

@@ -77,11 +77,20 @@ struct CollectingOutput : LogOutput
     explicit CollectingOutput(Collected& to) : collected(to) {}
     bool write(const LogRecord& record) override
     {
-        if (record.body.ends_with("unlucky"))
+        if (record.body.ends_with("unlucky")) {
+            ++unlucky;
             return false;
+        }
         collected.take(record.body);
         return true;
     }
+    void finish() override
+    {
+        if (unlucky > 0)
+            collected.take("] " + std::to_string(unlucky) + " unlucky lines");
+        unlucky = 0;
+    }
+    int unlucky = 0;
     Collected& collected;
 };
 
@@ -301,6 +310,56 @@ TEST_F(LogWriterTest, AStopDuringAFloodLosesNothing)
     EXPECT_EQ(THREADS * CALLS, flood);
     EXPECT_EQ(THREADS * CALLS, rare);
     EXPECT_EQ(0u, m_writer.counters().lost);
+}
+
+TEST_F(LogWriterTest, TheOutputEndsAfterTheLastLineAndTheSums)
+{
+    m_settings.burst = 1;
+    configure();
+    log("unlucky", 2);
+    log("text");
+    log("text");
+    m_writer.stop();
+    EXPECT_THAT(texts(), ElementsAre("text", "text ... and 1 more like this", "1 unlucky lines"));
+    EXPECT_EQ(1u, m_writer.counters().lost);
+}
+
+TEST_F(LogWriterTest, AStopThatEndsTooEarlyCountsTheLinesThatWait)
+{
+    m_settings.patience = HANG_LIMIT;
+    configure();
+    m_collected.hang(true);
+    log("first");
+    ASSERT_TRUE(m_collected.awaitHang());
+    for (int i = 0; i < 5; ++i)
+        log("queued");
+    m_writer.stop(std::chrono::milliseconds(1));
+    EXPECT_EQ(5u, m_writer.counters().lost);
+    // If the output goes on, it gets the number.
+    m_collected.hang(false);
+    ASSERT_TRUE(m_collected.awaitLines(2));
+    m_writer.stop(HANG_LIMIT);
+    EXPECT_THAT(
+        texts(),
+        ElementsAre("first", "5 lines were lost, because the log could not write them in time"));
+    EXPECT_EQ(5u, m_writer.counters().lost);
+}
+
+TEST_F(LogWriterTest, ALineThatIsLostWhileTheLogStopsIsReported)
+{
+    m_settings.patience = std::chrono::milliseconds(1);
+    configure();
+    m_collected.hang(true);
+    log("first");
+    ASSERT_TRUE(m_collected.awaitHang());
+    m_writer.stop(std::chrono::milliseconds(1));
+    log("too late"); // it waits for the end of the thread, in vain
+    EXPECT_EQ(1u, m_writer.counters().lost);
+    m_collected.hang(false);
+    m_writer.stop(HANG_LIMIT);
+    EXPECT_THAT(
+        texts(),
+        ElementsAre("first", "1 lines were lost, because the log could not write them in time"));
 }
 
 TEST_F(LogWriterTest, AConfigurationThatFailsChangesNothing)
