@@ -22,6 +22,10 @@ if(QM_TESTS)
   include(GoogleTest)
 endif()
 
+if(QM_BENCH)
+  pkg_check_modules(FUSE REQUIRED IMPORTED_TARGET fuse3)
+endif()
+
 # qm_idl_library(TARGET FILE.idl) compiles an interface definition into a static library of stubs
 # and skeletons. It generates the header FILE.hh.
 function(qm_idl_library target idl)

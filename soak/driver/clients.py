@@ -39,6 +39,9 @@ class Client:
         self.process.stdin.write(json.dumps({**orders, "workers": states}).encode())
         self.process.stdin.close()
 
+    def is_running(self):
+        return self.process is not None and self.process.poll() is None
+
     def kill(self):
         """Returns what each worker left open: one of the letters of soak/Phase.h."""
         self.process.kill()
@@ -70,7 +73,7 @@ class Client:
             raise RuntimeError("a client ended by itself with %d" % self.process.returncode)
 
     def end(self):
-        if self.process is not None and self.process.poll() is None:
+        if self.is_running():
             self.process.kill()
             self.process.wait(STOP_LIMIT)
         for worker in self.workers:

@@ -72,8 +72,9 @@ class Worker:
 class Book:
     """All workers, all records, and what went wrong."""
 
-    def __init__(self, workers, report):
+    def __init__(self, workers, report, aftermath=AFTERMATH):
         self.workers = workers
+        self._aftermath = aftermath
         self.records = {}
         self.shared = Shared()
         self.report = report              # called with each problem
@@ -101,7 +102,7 @@ class Book:
 
     def _give_up(self, worker, time):
         if worker.open_put and worker.open_put[0] == HOT:
-            self.shared.give_up(worker.open_put[1], time + AFTERMATH)
+            self.shared.give_up(worker.open_put[1], time + self._aftermath)
         worker.open_put = None
 
     def record(self, name):

@@ -14,10 +14,10 @@ import report as figures
 import self_test
 from on_directory import DirectorySoak
 from on_service import ServiceSoak
+from problems import Problems
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
 PAGE = TOP / "docs" / "reliability.md"
-SHOWN_PROBLEMS = 50
 
 
 def parse():
@@ -47,20 +47,6 @@ def parse():
 
 def say(text):
     print("== soak: %s %s" % (time.strftime("%H:%M:%S"), text), file=sys.stderr, flush=True)
-
-
-class Problems:
-    """Everything that went wrong, each text once. Only the first ones are shown at once."""
-
-    def __init__(self):
-        self.lines = []
-
-    def __call__(self, text):
-        if text in self.lines[-SHOWN_PROBLEMS:]:
-            return
-        self.lines.append(text)
-        if len(self.lines) <= SHOWN_PROBLEMS:
-            print("PROBLEM %s" % text, file=sys.stderr, flush=True)
 
 
 def run(options, work, results):

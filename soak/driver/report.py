@@ -75,12 +75,16 @@ def to_markdown(document):
     return "\n".join(lines) + "\n"
 
 
-def write_into(path, document):
-    """Replaces the figures of a page."""
+def replace(path, begin, end, figures):
+    """Replaces what a page has between two lines."""
     text = path.read_text(encoding="utf-8")
-    before, found, rest = text.partition(BEGIN)
-    _, found_end, after = rest.partition(END)
+    before, found, rest = text.partition(begin)
+    _, found_end, after = rest.partition(end)
     if not found or not found_end:
         raise RuntimeError("%s lacks the lines that enclose the figures" % path)
-    path.write_text("%s%s\n%s%s%s" % (before, BEGIN, to_markdown(document), END, after),
-                    encoding="utf-8")
+    path.write_text("%s%s\n%s%s%s" % (before, begin, figures, end, after), encoding="utf-8")
+
+
+def write_into(path, document):
+    """Replaces the figures of a page."""
+    replace(path, BEGIN, END, to_markdown(document))

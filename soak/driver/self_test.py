@@ -9,7 +9,6 @@ import subprocess
 import tempfile
 import time
 import types
-import zlib
 
 import audit
 import samples
@@ -17,16 +16,10 @@ from clients import Client
 from history import HOT
 from ledger import SILENCE, Book, Worker
 from service import Service
-from stamp import version_of
+from stamp import payload_of, version_of
 
 CLIENT_SECONDS = 4
 CLIENT_LIMIT = 30
-
-
-def payload_of(name, generation, size=200):
-    stamp = len("%s %d %d %08x\n" % (name, generation, size, 0))
-    rest = random.Random(generation).randbytes(size - stamp)
-    return b"%s %d %d %08x\n" % (name.encode(), generation, size, zlib.crc32(rest)) + rest
 
 
 DOCUMENT = ('<?xml version="1.0" encoding="UTF-8"?><DiscoveryData><DiscoveryAuthority Name="%s" '

@@ -43,8 +43,9 @@ class Service:
 
     MARGIN = 5_000_000_000  # a client may notice an outage so long after its end
 
-    def __init__(self, programs, root):
+    def __init__(self, programs, root, environment=None):
         self._programs = programs
+        self._environment = {**os.environ, **(environment or {})}
         self.root = pathlib.Path(root)
         self.store = self.root / "db" / "discovery"
         self.endpoint_file = self.root / "endpoint"
@@ -63,7 +64,7 @@ class Service:
         with open(self.root / "stderr", "ab") as output:
             self.process = subprocess.Popen(
                 [*LEASH, self._programs / "qmdisco", "--foreground", "--root", self.root],
-                stdin=subprocess.DEVNULL, stdout=output, stderr=output)
+                stdin=subprocess.DEVNULL, stdout=output, stderr=output, env=self._environment)
         deadline = time.monotonic() + START_LIMIT
         while True:
             status = self.status()

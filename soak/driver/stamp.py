@@ -1,6 +1,13 @@
 """Checks the stamp of a payload. soak/Stamp.h describes it. This code shares nothing with it."""
 
+import random
 import zlib
+
+
+def payload_of(name, generation, size=200):
+    stamp = len("%s %d %d %08x\n" % (name, generation, size, 0))
+    rest = random.Random(generation).randbytes(size - stamp)
+    return b"%s %d %d %08x\n" % (name.encode(), generation, size, zlib.crc32(rest)) + rest
 
 
 def version_of(name, payload):
