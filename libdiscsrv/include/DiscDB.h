@@ -110,7 +110,7 @@ class DISCSRV_EXPORT DBCollectionData : public CollectionData
   private:
     bool openTemporary();
     bool openStored();
-    bool replaceStored(const TlxPathname& target);
+    bool replaceStored(const TlxPathname& target, bool replaces);
 
     TlxPathname m_path;
     FileDescriptor m_file;

@@ -189,7 +189,11 @@ bool DBCollectionData::persist(const TlxPathname& target)
     if (!prepare())
         return false;
     m_spoilt = true; // until every step has succeeded
-    if (!replaceStored(target)) {
+    // The rename locks the directory for all threads. While this descriptor is open, the file
+    // system does not free the old payload's space meanwhile, but when the descriptor closes.
+    const auto replaced = openFile(target, O_PATH | O_NOFOLLOW);
+    if (!replaceStored(target,
+                       replaced || replaced.error() != std::errc::no_such_file_or_directory)) {
         cleanup(); // a full disk needs the space at once
         return false;
     }
@@ -210,11 +214,11 @@ bool DBCollectionData::persist(const TlxPathname& target)
 
 /// Renames the temporary payload. The rename also removes the stored payload, so at each moment the
 /// record has one of the two.
-bool DBCollectionData::replaceStored(const TlxPathname& target)
+/// @param replaces whether there is a stored payload.
+bool DBCollectionData::replaceStored(const TlxPathname& target, bool replaces)
 {
     // Compat(delete-then-rename): log readers expect two lines in each put, and a deletion that
     // fails in the first put.
-    const bool replaces = statusAt(target).has_value();
     const auto renamed = renameFile(m_path, target);
     if (renamed && replaces)
         DISC_LOG(4, "Deleted file: " << target);
