@@ -118,6 +118,8 @@ class DISCSRV_EXPORT DBCollectionData : public CollectionData
     OpenMode m_mode = OM_READ;
     std::unique_ptr<CleanupLock> m_cleanupLock;
     std::unique_ptr<TemporaryNumber> m_number; ///< of the temporary payload
+    mutable std::size_t m_written = 0;         ///< bytes of the payload
+    mutable std::size_t m_begun = 0;           ///< bytes that the disk has begun to write
     mutable bool m_prepared = false;           ///< all bytes are synced
     mutable bool m_spoilt = false;             ///< writing is const in every backend
 };

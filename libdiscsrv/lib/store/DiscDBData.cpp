@@ -15,6 +15,9 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
 constexpr const char* LOG_SOURCE = "../DiscDB";
+
+/// The disk writes a large payload in parts of this size while the next ones arrive.
+constexpr std::size_t WRITEBACK_BYTES = 1u << 20;
 } // namespace
 
 CleanupLock::CleanupLock(const char* dir, LockMode mode)
@@ -64,6 +67,7 @@ bool DBCollectionData::open(OpenMode mode, const char*)
     m_mode = mode;
     m_spoilt = false;
     m_prepared = false;
+    m_written = m_begun = 0;
     return mode == OM_UPDATE ? openTemporary() : openStored();
 }
 
@@ -147,8 +151,14 @@ bool DBCollectionData::writeCollection(std::size_t length, const void* buffer) c
         return false;
     m_prepared = false;
     const auto written = writeAll(m_file.get(), {static_cast<const char*>(buffer), length});
-    if (written)
+    if (written) {
+        m_written += length;
+        if (m_written - m_begun >= WRITEBACK_BYTES) {
+            startWriteback(m_file.get(), m_begun, m_written - m_begun);
+            m_begun = m_written;
+        }
         return true;
+    }
     DISC_LOG(1, "Unable to write " << m_path << ", error " << written.error().value());
     // The payload is lost, and its writer may keep it open for long. Free the disk space now.
     (void)truncateFile(m_file.get(), 0);

@@ -149,6 +149,12 @@ FileResult<> syncFile(int descriptor)
     return succeeds([&] { return FileSystem::current().fdatasync(descriptor); });
 }
 
+void startWriteback(int descriptor, std::size_t offset, std::size_t bytes)
+{
+    (void)FileSystem::current().startWriteback(descriptor, static_cast<off_t>(offset),
+                                               static_cast<off_t>(bytes));
+}
+
 FileResult<> renameFile(const TlxPathname& from, const TlxPathname& to)
 {
     return succeeds([&] { return FileSystem::current().rename(from.c_str(), to.c_str()); });
