@@ -396,7 +396,7 @@ void CrashPlay::checkRun(const Sequence& sequence, const std::string& where, Ste
     });
     operations.erase(end, operations.end());
     const DiskModel disk(m_filled, operations);
-    const std::string name = stepOf(operations);
+    const std::string name = stepOf(m_filled, operations);
     auto step = std::find_if(steps.begin(), steps.end(),
                              [&](const Step& known) { return known.name == name; });
     if (step == steps.end())
@@ -437,7 +437,7 @@ Lines CrashPlay::playCrashes(const Sequence& sequence, const Defect& defect)
                 .kind = eighths ? Fault::TEAR : Fault::STOP, .at = at, .eighths = eighths};
             const int code = run(sequence, fault, defect);
             const std::string where = (eighths ? "torn write " : "stop ") + std::to_string(at) +
-                                      " after '" + stepOf(m_journal.operations()) + "'";
+                                      " after '" + stepOf(m_filled, m_journal.operations()) + "'";
             if (code != FINISHED && code != PlayedFileSystem::STOPPED)
                 complain("complaint: the child ended with " + std::to_string(code) + ", " + where);
             checkRun(sequence, where, steps);

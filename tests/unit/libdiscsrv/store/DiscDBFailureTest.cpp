@@ -37,12 +37,11 @@ QM_PLAY_FAILURES(PutsThatShareASync, SHARED_SYNC)
 struct DiscDBFailedPayloadTest : CrashPlay
 {
     /// The operations on the metadata file of a replacement if that call fails.
-    Lines metadataOperations(Calls calls, unsigned at)
+    Lines metadataOperations(Calls calls, unsigned at, const Sequence& sequence = SAME_LENGTH_PUT)
     {
-        fill(SAME_LENGTH_PUT);
-        EXPECT_EQ(
-            run(SAME_LENGTH_PUT, {.kind = Fault::FAIL, .at = at, .calls = calls, .error = ENOSPC}),
-            1);
+        fill(sequence);
+        EXPECT_EQ(run(sequence, {.kind = Fault::FAIL, .at = at, .calls = calls, .error = ENOSPC}),
+                  1);
         Lines found;
         for (const DiskOperation& operation : operations()) {
             if (operation.path == "over")
@@ -68,7 +67,7 @@ TEST_F(DiscDBFailedPayloadTest, APayloadThatCannotBeSyncedLeavesTheStoredRecordA
 
 TEST_F(DiscDBFailedPayloadTest, AFullDiskLeavesTheStoredMetadataAlone)
 {
-    EXPECT_EQ(metadataOperations(CALL_RESERVE, 1), Lines{});
+    EXPECT_EQ(metadataOperations(CALL_RESERVE, 1, LONGER_PUT), Lines{});
 }
 
 struct DiscDBInterruptionTest : CrashPlay

@@ -5,6 +5,7 @@
 #include <set>
 #include <string>
 
+#include "DiskModel.h"
 #include "DiskOperation.h"
 #include "StampedRecord.h"
 
@@ -35,6 +36,7 @@ class PutHistory
 };
 
 /// How far the last put or removal of cl5 has come. Each step has a name, as "payload renamed".
-std::string stepOf(const DiskOperations& operations);
+/// @param before the files before the operations.
+std::string stepOf(const FileTree& before, const DiskOperations& operations);
 
 } // namespace QmTest
