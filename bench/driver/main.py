@@ -91,8 +91,8 @@ def measure_all(plan, with_peers, programs, work):
         clients = closing(Clients(programs / "bench_client"))
         peer_clients = closing(Clients(programs / "bench_peer"))
         service = closing(servers.Service(programs, work / "service"))
-        floors = [closing(servers.Echo(programs, work / "echo")),
-                  closing(servers.Files(work / "files"))]
+        echo = closing(servers.Echo(programs, work / "echo"))
+        floors = [echo, servers.Objects(echo), closing(servers.Files(work / "files"))]
         others = []
         if with_peers:
             etcd = closing(peers.Etcd(work / "etcd", peer_clients))

@@ -155,7 +155,7 @@ class Bench:
         count = self.records if size == SMALL else SIZED_RECORDS[size]
         self._cell("read " + size_name(size), "read", clients, lambda i: {
             "authority": self._authority(size), "size": size, "count": count, "seed": i + 1},
-            size, ("echo",))
+            size, ("echo", "object"))
 
     def list_all(self, clients):
         self._cell("list all", "list", clients, lambda _: {

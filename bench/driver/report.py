@@ -2,7 +2,8 @@
 
 import statistics
 
-TARGETS = {"service": "service", "echo": "echo floor", "files": "file floor", "etcd": "etcd",
+TARGETS = {"service": "service", "echo": "echo floor", "object": "object floor",
+           "files": "file floor", "etcd": "etcd",
            "gateway": "gateway of etcd", "ldap": "OpenLDAP"}
 BEGIN = "<!-- begin of the figures: scripts/bench writes them -->"
 END = "<!-- end of the figures -->"

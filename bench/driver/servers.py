@@ -150,6 +150,18 @@ class Echo:
         self._process.stop()
 
 
+class Objects:
+    """The floor of a read: the same calls, with an object for each read."""
+
+    name = "object"
+
+    def __init__(self, echo):
+        self.command = echo.command
+
+    def stop(self):
+        pass
+
+
 class Files:
     """The floor of a durable put."""
 
