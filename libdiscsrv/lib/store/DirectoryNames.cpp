@@ -11,7 +11,7 @@
 #include <tlx/FileSystem.h>
 
 #include "DiscLog.h"
-#include "MetadataCache.h"
+#include "FileStamp.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
