@@ -13,8 +13,6 @@
 #include <string>
 #include <vector>
 
-#include <dirent.h>
-
 #include <tlx/FileLock.h>
 #include <tlx/Pathname.h>
 
@@ -31,13 +29,6 @@ constexpr unsigned MAX_TEMPORARY_NAMES = 1000;
 
 class TemporaryNumber;
 struct DirectoryNames;
-
-struct CloseDirectory
-{
-    void operator()(DIR* directory) const { ::closedir(directory); }
-};
-/// Owns an open directory stream and closes it.
-using DirectoryStream = std::unique_ptr<DIR, CloseDirectory>;
 
 /// True if the record's expiry time has passed. A record without attributes, or with an expiry time
 /// of zero, never expires.
