@@ -78,7 +78,7 @@ class LogFile
 };
 
 /// All outputs of the settings. One thread at a time uses it.
-class LogOutputs : public LogOutput
+class LogOutputs : public LogDestination
 {
   public:
     /// Standard error alone. A line waits until it is written.
