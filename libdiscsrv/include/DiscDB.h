@@ -130,8 +130,9 @@ class DISCSRV_EXPORT DBDiscovery : public Discovery
     DBDiscovery(const TlxPathname& dbPath, DBCollectionData* data, DiscoveryQuery query);
 
     /// Returns DS_SUCCESS once the record survives a power cut. Returns DS_DATA_EXISTS if a record
-    /// of higher priority is stored, and DS_OPEN_FAILED if the file system refuses. After a success
-    /// the object holds the record's lock until it is destroyed.
+    /// of higher priority is stored, or if another process keeps it locked, so that its priority
+    /// cannot be read. Returns DS_OPEN_FAILED if the file system refuses, or if that process keeps
+    /// the lock later. After a success the object holds the record's lock until it is destroyed.
     DiscoveryResult persist() override;
     DiscoveryResult open(OpenMode mode, const char* arg) override;
     /// The setters also forget a metadata document that was read before.
