@@ -48,8 +48,8 @@ tl::expected<void, std::string> LogWriter::configure(const LogSettings& settings
 {
     const std::lock_guard configuring(m_configureMutex);
     (void)flush(OUTPUT_LIMIT);
-    std::unique_ptr<LogDestination>
-        output; // gets the old one, which is destroyed without the mutex
+    // It gets the old output, which is destroyed without the mutex.
+    std::unique_ptr<LogDestination> output;
     {
         // Make it under the mutex. It may use the current file, and no thread may write a line
         // while it prepares the file.
