@@ -30,7 +30,7 @@ class Goal:
 def goals(document):
     """All goals. document is what main.py writes as JSON."""
     cells = {(c["operation"], c["records"], c["clients"]): c for c in document["cells"]}
-    records = [r for r in document["records"]]
+    records = document["records"]
     most = max(records)
 
     def rate(operation, clients, target="service", count=most):

@@ -1,6 +1,4 @@
-// The payload files of the store, and the lock on "Update.lock".
-
-#include <cerrno>
+// The payload files of the store.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,7 +6,6 @@
 #include "DirectorySync.h"
 #include "DiscDB.h"
 #include "DiscLog.h"
-#include "RecordFile.h"
 #include "TemporaryNumber.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -19,26 +16,6 @@ constexpr const char* LOG_SOURCE = "../DiscDB";
 /// The disk writes a large payload in parts of this size while the next ones arrive.
 constexpr std::size_t WRITEBACK_BYTES = 1u << 20;
 } // namespace
-
-CleanupLock::CleanupLock(const char* dir, LockMode mode)
-{
-    DISC_TRACE("CleanupLock::CleanupLock");
-    const TlxPathname path = TlxPathname(dir).withFileName("Update.lock");
-    m_fileLock = FileLock::open(path.text(), O_CREAT | O_RDWR, 0);
-    if (!m_fileLock) {
-        logFailure({LockFailure::OPENING, systemError(errno)}, path);
-        return;
-    }
-    const int locked =
-        mode == LM_EXCLUSIVE ? m_fileLock->tryacquire_write() : m_fileLock->acquire_read();
-    if (locked != 0) {
-        logFailure({LockFailure::LOCKING, systemError(errno)}, path);
-        return;
-    }
-    m_locked = true;
-}
-
-CleanupLock::~CleanupLock() = default;
 
 DBCollectionData::DBCollectionData(const TlxPathname& path) : m_path(path) {}
 

@@ -48,7 +48,8 @@ tl::expected<void, std::string> LogWriter::configure(const LogSettings& settings
 {
     const std::lock_guard configuring(m_configureMutex);
     (void)flush(OUTPUT_LIMIT);
-    std::unique_ptr<LogOutput> output; // gets the old one, which is destroyed without the mutex
+    // It gets the old output, which is destroyed without the mutex.
+    std::unique_ptr<LogDestination> output;
     {
         // Make it under the mutex. It may use the current file, and no thread may write a line
         // while it prepares the file.
@@ -288,7 +289,7 @@ void LogWriter::inParent()
         m_outputMutex.unlock();
 }
 
-std::unique_ptr<LogOutput> LogWriter::inChild()
+std::unique_ptr<LogDestination> LogWriter::inChild()
 {
     return std::exchange(t_holdsOutput, false) ? std::move(m_output) : nullptr;
 }

@@ -41,14 +41,11 @@ struct DiscDBFailedPayloadTest : CrashPlay
     {
         fill(sequence);
         EXPECT_EQ(run(sequence, {.kind = Fault::FAIL, .at = at, .calls = calls, .error = ENOSPC}),
-                  1);
+                  FAULT_SURVIVED);
         Lines found;
-        for (const DiskOperation& operation : operations()) {
-            if (operation.path == "over")
-                break;
+        for (const DiskOperation& operation : workOperations())
             if (operation.path.ends_with(METADATA))
                 found.push_back(operation.text());
-        }
         return found;
     }
 };
@@ -80,14 +77,9 @@ struct DiscDBInterruptionTest : CrashPlay
         for (unsigned at = 1;; ++at) {
             const int code = run(SAME_LENGTH_PUT,
                                  {.kind = Fault::FAIL, .at = at, .calls = calls, .error = EINTR});
-            std::string last;
-            for (const DiskOperation& note : operations()) {
-                if (note.path == "over")
-                    break;
-                last = note.path;
-            }
-            states.insert(last);
-            if (code == 0)
+            const DiskOperations done = workOperations();
+            states.insert(done.empty() ? "" : done.back().path);
+            if (code == FINISHED)
                 return states;
         }
     }
