@@ -18,7 +18,7 @@ int main()
     try {
         Tlx::LoggerFactory::instance().setLevel(0);
         Tlx::Orb orb(false, "127.0.0.1:0", "bench", false);
-        const PortableServer::Servant_var<Bench::EchoServant> echo(new Bench::EchoServant);
+        const PortableServer::Servant_var<Bench::EchoServant> echo(new Bench::EchoServant(orb));
         const CORBA::Object_var reference = orb.activateServant(echo.in());
         orb.advertiseObject("Echo", reference);
         orb.serveRequests();

@@ -1,5 +1,6 @@
 #include <Echo.hh>
 
+#include "Names.h"
 #include "Pages.h"
 #include "WireOperations.h"
 
@@ -47,6 +48,31 @@ Operation echoRead(const Tlx::Orb& orb, const json& command)
     return pages(orb, command, command.at("size").get<unsigned long>(), PAGE_BYTES);
 }
 
+::Bench::RecordName nameOf(const std::string& authority, unsigned long number)
+{
+    ::Bench::RecordName name = {};
+    name.subject = CORBA::string_dup(subjectOf(number).c_str());
+    name.authority = CORBA::string_dup(authority.c_str());
+    name.host = CORBA::string_dup("");
+    name.service = CORBA::string_dup("");
+    return name;
+}
+
+/// A read as the service's clients make it: the first call makes an object, the last removes it.
+Operation objectRead(const Tlx::Orb& orb, const json& command)
+{
+    return [echo = echoAt(orb, command), authority = command.at("authority").get<std::string>(),
+            size = command.at("size").get<unsigned long>(), numbers = Numbers(command)]() mutable {
+        ::Bench::Pages_var reader;
+        echo->open(nameOf(authority, numbers.next()), "", static_cast<CORBA::ULong>(size),
+                   reader.out());
+        reader->pageSize(PAGE_BYTES);
+        while (::Bench::Bytes_var(reader->getNextPage())->length() != 0) {
+        }
+        reader->release();
+    };
+}
+
 Operation echoList(const Tlx::Orb& orb, const json& command)
 {
     return pages(orb, command, command.at("count").get<unsigned long>() * RECORD_BYTES,
@@ -74,6 +100,7 @@ Operation echoPut(const Tlx::Orb& orb, const json& command)
 std::map<std::string, Preparation> echoOperations(const Tlx::Orb& orb)
 {
     return {{"echo.read", [&orb](const json& command) { return echoRead(orb, command); }},
+            {"object.read", [&orb](const json& command) { return objectRead(orb, command); }},
             {"echo.list", [&orb](const json& command) { return echoList(orb, command); }},
             {"echo.put", [&orb](const json& command) { return echoPut(orb, command); }}};
 }

@@ -6,21 +6,23 @@ import datetime
 import json
 import os
 import pathlib
-import platform
 import shutil
 import signal
-import subprocess
 import sys
 import tempfile
 
-import measure
-import peers
-import report
-import servers
-import targets
-from clients import Clients
-
 TOP = pathlib.Path(__file__).resolve().parents[2]
+sys.path.append(str(TOP / "scripts"))
+
+import machine  # noqa: E402
+
+import measure  # noqa: E402
+import peers  # noqa: E402
+import report  # noqa: E402
+import servers  # noqa: E402
+import targets  # noqa: E402
+from clients import Clients  # noqa: E402
+
 PAGE = TOP / "docs" / "performance.md"
 
 
@@ -66,22 +68,16 @@ def say(text):
     print("== bench: " + text, file=sys.stderr, flush=True)
 
 
-def machine():
-    with open("/proc/cpuinfo", encoding="utf-8") as file:
-        processor = next((line.split(":", 1)[1].strip() for line in file
-                          if line.startswith("model name")), "unknown")
-    file_system = subprocess.run(["findmnt", "--noheadings", "--output", "FSTYPE", "--target",
-                                  tempfile.gettempdir()],
-                                 check=True, capture_output=True, text=True).stdout.strip()
-    if file_system == "tmpfs":
+def describe_machine():
+    found = machine.describe(tempfile.gettempdir())
+    if found["fileSystem"] == "tmpfs":
         say("the store is on a tmpfs, which syncs nothing: set TMPDIR to a folder on a disk")
-    return {"cores": os.cpu_count(), "kernel": platform.release(), "processor": processor,
-            "fileSystem": file_system}
+    return found
 
 
 def measure_all(plan, with_peers, programs, work):
     """All figures, as the document that is written."""
-    document = {"machine": machine(), "date": datetime.date.today().isoformat(),
+    document = {"machine": describe_machine(), "date": datetime.date.today().isoformat(),
                 "records": plan.records, "repeats": plan.repeats, "seconds": plan.seconds,
                 "clients": plan.clients, "listings": []}
     with contextlib.ExitStack() as stack:
@@ -91,8 +87,8 @@ def measure_all(plan, with_peers, programs, work):
         clients = closing(Clients(programs / "bench_client"))
         peer_clients = closing(Clients(programs / "bench_peer"))
         service = closing(servers.Service(programs, work / "service"))
-        floors = [closing(servers.Echo(programs, work / "echo")),
-                  closing(servers.Files(work / "files"))]
+        echo = closing(servers.Echo(programs, work / "echo"))
+        floors = [echo, servers.Objects(echo), closing(servers.Files(work / "files"))]
         others = []
         if with_peers:
             etcd = closing(peers.Etcd(work / "etcd", peer_clients))

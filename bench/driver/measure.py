@@ -11,6 +11,7 @@ CLIENTS = (1, 8, 32)
 SMALL = KIB
 SIZES = (64 * KIB, 16 * MIB)
 SIZED_RECORDS = {64 * KIB: 100, 16 * MIB: 8}
+PUT_RECORDS = {64 * KIB: 4, 16 * MIB: 1}  # of each client
 LARGEST = {"etcd": MIB, "gateway": MIB}  # the largest value that a peer takes
 
 RECORDS = "bench"
@@ -155,7 +156,7 @@ class Bench:
         count = self.records if size == SMALL else SIZED_RECORDS[size]
         self._cell("read " + size_name(size), "read", clients, lambda i: {
             "authority": self._authority(size), "size": size, "count": count, "seed": i + 1},
-            size, ("echo",))
+            size, ("echo", "object"))
 
     def list_all(self, clients):
         self._cell("list all", "list", clients, lambda _: {
@@ -168,7 +169,7 @@ class Bench:
 
     def put(self, clients, size):
         """Replaces records. No two clients write the same one."""
-        each = self.records // clients if size == SMALL else 4 if size < MIB else 1
+        each = PUT_RECORDS.get(size) or self.records // clients
         # Small records are in the store already. Large ones come with the first round.
         self._cell("put " + size_name(size), "put", clients, lambda i: {
             "authority": self._written(size), "size": size, "count": each,

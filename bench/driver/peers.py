@@ -154,6 +154,7 @@ class Ldap:
 
     def fill(self, authority, size, start, end):
         self.add_unit(authority)
+        # bench/Names.h makes the same names and payloads for the other targets.
         value = base64.b64encode(bytes(ord("a") + i % 26 for i in range(size))).decode()
         self._add("".join("dn: cn={0},ou={1},{2}\nobjectClass: benchRecord\ncn: {0}\n"
                           "benchValue:: {3}\n\n"

@@ -2,7 +2,10 @@
 
 import statistics
 
-TARGETS = {"service": "service", "echo": "echo floor", "files": "file floor", "etcd": "etcd",
+import machine
+
+TARGETS = {"service": "service", "echo": "echo floor", "object": "object floor",
+           "files": "file floor", "etcd": "etcd",
            "gateway": "gateway of etcd", "ldap": "OpenLDAP"}
 BEGIN = "<!-- begin of the figures: scripts/bench writes them -->"
 END = "<!-- end of the figures -->"
@@ -71,12 +74,8 @@ def tables(document):
     return result
 
 
-def machine(document):
-    return "%(processor)s, %(cores)d cores, kernel %(kernel)s, %(fileSystem)s" % document["machine"]
-
-
 def to_text(document):
-    lines = [machine(document)]
+    lines = [machine.to_text(document["machine"])]
     for title, header, rows in tables(document):
         widths = [max(len(row[i]) for row in [header, *rows]) for i in range(len(header))]
         lines += ["", title]
@@ -89,8 +88,8 @@ def to_text(document):
 
 def to_markdown(document):
     lines = ["%s, on %s. %d repeats of %g s, in turns. `x` is the service's rate divided by the "
-             "other one." % (machine(document), document["date"], document["repeats"],
-                             document["seconds"])]
+             "other one." % (machine.to_text(document["machine"]), document["date"],
+                             document["repeats"], document["seconds"])]
     for title, header, rows in tables(document):
         lines += ["", "**%s**" % title, ""]
         lines.append("| %s |" % " | ".join(header))

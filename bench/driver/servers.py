@@ -39,7 +39,7 @@ class Process:
         return self._process.pid
 
     @property
-    def pipe(self):
+    def popen(self):
         return self._process
 
     def check(self):
@@ -140,7 +140,7 @@ class Echo:
         pathlib.Path(directory).mkdir()
         self._process = Process([programs / "bench_echo"], pathlib.Path(directory) / "stderr",
                                 stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-        self._endpoint = self._process.pipe.stdout.readline().decode().strip()
+        self._endpoint = self._process.popen.stdout.readline().decode().strip()
         self._process.check()
 
     def command(self):
@@ -148,6 +148,18 @@ class Echo:
 
     def stop(self):
         self._process.stop()
+
+
+class Objects:
+    """The floor of a read: the same calls, with an object for each read."""
+
+    name = "object"
+
+    def __init__(self, echo):
+        self.command = echo.command
+
+    def stop(self):
+        pass
 
 
 class Files:

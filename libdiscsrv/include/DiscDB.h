@@ -13,8 +13,6 @@
 #include <string>
 #include <vector>
 
-#include <dirent.h>
-
 #include <tlx/FileLock.h>
 #include <tlx/Pathname.h>
 
@@ -31,13 +29,6 @@ constexpr unsigned MAX_TEMPORARY_NAMES = 1000;
 
 class TemporaryNumber;
 struct DirectoryNames;
-
-struct CloseDirectory
-{
-    void operator()(DIR* directory) const { ::closedir(directory); }
-};
-/// Owns an open directory stream and closes it.
-using DirectoryStream = std::unique_ptr<DIR, CloseDirectory>;
 
 /// True if the record's expiry time has passed. A record without attributes, or with an expiry time
 /// of zero, never expires.
@@ -114,7 +105,7 @@ class DISCSRV_EXPORT DBCollectionData : public CollectionData
     bool openTemporary();
     bool openStored();
     bool holdsTemporary();
-    bool replaceStored(const TlxPathname& target);
+    bool replaceStored(const TlxPathname& target, bool replaces);
     void removeTemporary();
 
     TlxPathname m_path;
@@ -123,6 +114,8 @@ class DISCSRV_EXPORT DBCollectionData : public CollectionData
     OpenMode m_mode = OM_READ;
     std::unique_ptr<CleanupLock> m_cleanupLock;
     std::unique_ptr<TemporaryNumber> m_number; ///< of the temporary payload
+    mutable std::size_t m_written = 0;         ///< bytes of the payload
+    mutable std::size_t m_begun = 0;           ///< bytes that the disk has begun to write
     mutable bool m_prepared = false;           ///< all bytes are synced
     mutable bool m_spoilt = false;             ///< writing is const in every backend
 };
@@ -144,8 +137,9 @@ class DISCSRV_EXPORT DBDiscovery : public Discovery
     DBDiscovery(const TlxPathname& dbPath, DBCollectionData* data, DiscoveryQuery query);
 
     /// Returns DS_SUCCESS once the record survives a power cut. Returns DS_DATA_EXISTS if a record
-    /// of higher priority is stored, and DS_OPEN_FAILED if the file system refuses. After a success
-    /// the object holds the record's lock until it is destroyed.
+    /// of higher priority is stored, or if another process keeps it locked, so that its priority
+    /// cannot be read. Returns DS_OPEN_FAILED if the file system refuses, or if that process keeps
+    /// the lock later. After a success the object holds the record's lock until it is destroyed.
     DiscoveryResult persist() override;
     DiscoveryResult open(OpenMode mode, const char* arg) override;
     /// The setters also forget a metadata document that was read before.

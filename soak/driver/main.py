@@ -10,13 +10,17 @@ import tempfile
 import time
 import traceback
 
-import report as figures
-import self_test
-from on_directory import DirectorySoak
-from on_service import ServiceSoak
-from problems import Problems
-
 TOP = pathlib.Path(__file__).resolve().parents[2]
+sys.path.append(str(TOP / "scripts"))
+
+import machine  # noqa: E402
+
+import report as figures  # noqa: E402
+import self_test  # noqa: E402
+from on_directory import DirectorySoak  # noqa: E402
+from on_service import ServiceSoak  # noqa: E402
+from problems import Problems  # noqa: E402
+
 PAGE = TOP / "docs" / "reliability.md"
 
 
@@ -52,8 +56,8 @@ def say(text):
 def run(options, work, results):
     problems = Problems()
     seconds = options.minutes * 60
-    document = {"minutes": options.minutes, "seed": options.seed, "machine": figures.machine(work),
-                "date": time.strftime("%Y-%m-%d")}
+    document = {"minutes": options.minutes, "seed": options.seed,
+                "machine": machine.to_text(machine.describe(work)), "date": time.strftime("%Y-%m-%d")}
     programs = options.programs.resolve()
     # A quarter of the time of the other soak. It is in addition.
     parts = (

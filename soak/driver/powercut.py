@@ -11,13 +11,17 @@ import tempfile
 import time
 import traceback
 
-import block
-import report as figures
-from history import Record
-from power_cuts import PowerCuts, state_of
-from problems import Problems
-
 TOP = pathlib.Path(__file__).resolve().parents[2]
+sys.path.append(str(TOP / "scripts"))
+
+import machine  # noqa: E402
+
+import block  # noqa: E402
+import report as figures  # noqa: E402
+from history import Record  # noqa: E402
+from power_cuts import PowerCuts, state_of  # noqa: E402
+from problems import Problems  # noqa: E402
+
 PAGE = TOP / "docs" / "reliability.md"
 BEGIN = "<!-- begin of the power cuts' figures: scripts/powercut --publish writes them -->"
 END = "<!-- end of the power cuts' figures -->"
@@ -222,7 +226,7 @@ def to_markdown(document):
 
 def run(options, file_systems, work, problems):
     document = {"date": time.strftime("%Y-%m-%d"), "seed": options.seed, "cuts": options.cuts,
-                "machine": figures.machine(work).rpartition(", ")[0], "file systems": []}
+                "machine": machine.to_text(machine.describe(work)).rpartition(", ")[0], "file systems": []}
     if options.self_test or options.short:
         for failure in self_test(options, work, options.short):
             problems(failure)

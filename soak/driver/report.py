@@ -1,22 +1,8 @@
 """Shows the figures of a run."""
 
-import os
-import platform
-import subprocess
-
 BEGIN = "<!-- begin of the soak's figures: scripts/soak --publish writes them -->"
 END = "<!-- end of the soak's figures -->"
 MIB = 1 << 20
-
-
-def machine(directory):
-    with open("/proc/cpuinfo", encoding="utf-8") as file:
-        processor = next((line.split(":", 1)[1].strip() for line in file
-                          if line.startswith("model name")), "unknown")
-    file_system = subprocess.run(["stat", "--file-system", "--format=%T", directory], check=True,
-                                 capture_output=True, text=True).stdout.strip()
-    return "%s, %d cores, kernel %s, %s" % (processor, os.cpu_count(), platform.release(),
-                                            file_system)
 
 
 def _latencies(part):

@@ -1,6 +1,5 @@
 #include "DirectoryNames.h"
 
-#include <cerrno>
 #include <condition_variable>
 #include <exception>
 #include <mutex>
@@ -8,16 +7,13 @@
 #include <string_view>
 #include <utility>
 
-#include <tlx/FileSystem.h>
+#include <tlx/File.h>
 
-#include "DiscLog.h"
-#include "MetadataCache.h"
+#include "FileStamp.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
-
-constexpr const char* LOG_SOURCE = "../DiscDB";
 
 using Names = std::shared_ptr<const DirectoryNames>;
 using Time = DirectoryNames::Time;
@@ -34,25 +30,13 @@ std::optional<FileStamp> settledStampOf(const TlxPathname& directory)
 
 Names walk(const TlxPathname& directory)
 {
-    auto found = std::make_shared<DirectoryNames>();
-    found->begun = std::chrono::steady_clock::now();
-    found->path = directory;
-    found->stream.reset(FileSystem::current().opendir(directory.c_str()));
-    if (!found->stream) {
-        DISC_LOG(1, "Unable to open " << directory << ", error " << errno);
+    auto found = std::make_shared<DirectoryNames>(directory);
+    if (!found->stream.isOpen())
         return nullptr;
-    }
-    for (;;) {
-        errno = 0;
-        const dirent* const entry = FileSystem::current().readdir(found->stream.get());
-        if (!entry)
-            break;
-        if (const std::string_view name = entry->d_name; name.ends_with(".xml"))
+    while (const char* const each = found->stream.next())
+        if (const std::string_view name = each; name.ends_with(".xml"))
             found->names.add(name);
-    }
-    found->isComplete = errno == 0;
-    if (!found->isComplete)
-        DISC_LOG(1, "Unable to read the directory, error " << errno);
+    found->isComplete = !found->stream.isBroken();
     found->names.sort();
     return found;
 }

@@ -4,9 +4,9 @@
 #include <chrono>
 #include <memory>
 
-#include <tlx/File.h>
+#include <tlx/Pathname.h>
 
-#include "DiscDB.h"
+#include "DirectoryStream.h"
 #include "NameList.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -16,13 +16,15 @@ struct DirectoryNames
 {
     using Time = std::chrono::steady_clock::time_point;
 
-    TlxPathname path;
+    explicit DirectoryNames(const TlxPathname& directory) : path(directory), stream(directory) {}
+
+    const Time begun = std::chrono::steady_clock::now(); ///< when the walk began
+    const TlxPathname path;
     DirectoryStream stream; ///< keeps the directory open, so that files are found by their name
     NameList names;
-    Time begun; ///< when the walk began
     bool isComplete = false;
 
-    int descriptor() const { return ::dirfd(stream.get()); }
+    int descriptor() const { return stream.descriptor(); }
 };
 
 /// Returns names that contain each metadata file which existed from the given time until now. They

@@ -2,7 +2,6 @@
 
 #include "DiscDB.h"
 
-#include <cerrno>
 #include <chrono>
 
 #include <fcntl.h>
@@ -10,10 +9,10 @@
 #include <ace/Recursive_Thread_Mutex.h>
 #include <ace/Singleton.h>
 
-#include <tlx/FileSystem.h>
 #include <tlx/HostConfig.h>
 #include <tlx/Wildcard.h>
 
+#include "DirectoryStream.h"
 #include "DiscLog.h"
 #include "MetadataCache.h"
 #include "RecordFile.h"
@@ -24,16 +23,6 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
 constexpr const char* LOG_SOURCE = "../DiscDB";
-
-/// Returns the next entry of a directory, null at the end and after a failure, which it logs.
-const dirent* nextEntry(DIR* directory)
-{
-    errno = 0;
-    const dirent* const entry = FileSystem::current().readdir(directory);
-    if (!entry && errno != 0)
-        DISC_LOG(1, "Unable to read the directory, error " << errno);
-    return entry;
-}
 
 /// The name of a payload that does not exist yet. persist gives it the real name.
 constexpr const char* PLACEHOLDER = "payload.dat";
@@ -75,16 +64,14 @@ bool DiscoveryDBCreator::setupDB(const std::string& dir)
     const CleanupLock lock(m_dbPath.c_str(), CleanupLock::LM_EXCLUSIVE);
     if (!lock.isLocked())
         return true;
-    const DirectoryStream directory(FileSystem::current().opendir(m_dbPath.c_str()));
-    if (!directory) {
-        DISC_LOG(1, "Unable to open " << m_dbPath << ", error " << errno);
+    DirectoryStream directory(m_dbPath);
+    if (!directory.isOpen())
         return true;
-    }
-    while (const dirent* entry = nextEntry(directory.get())) {
-        if (wildcardcmp("*.updating", entry->d_name, 0) != 0)
+    while (const char* const name = directory.next()) {
+        if (wildcardcmp("*.updating", name, 0) != 0)
             continue;
-        DISC_NOTICE("Deleting temporary file " << entry->d_name);
-        const TlxPathname path = m_dbPath.withFileName(entry->d_name);
+        DISC_NOTICE("Deleting temporary file " << name);
+        const TlxPathname path = m_dbPath.withFileName(name);
         if (const auto removed = removeFile(path); !removed) {
             DISC_LOG(1, "Unable to delete " << path);
             DISC_LOG(1, "The cause: " << describeError(removed.error()));

@@ -1,6 +1,4 @@
-// The payload files of the store, and the lock on "Update.lock".
-
-#include <cerrno>
+// The payload files of the store.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,13 +6,15 @@
 #include "DirectorySync.h"
 #include "DiscDB.h"
 #include "DiscLog.h"
-#include "RecordFile.h"
 #include "TemporaryNumber.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
 constexpr const char* LOG_SOURCE = "../DiscDB";
+
+/// The disk writes a large payload in parts of this size while the next ones arrive.
+constexpr std::size_t WRITEBACK_BYTES = 1u << 20;
 
 /// What a path names.
 enum class Named
@@ -35,28 +35,6 @@ Named namedBy(const TlxPathname& path, int file)
 }
 
 } // namespace
-
-CleanupLock::CleanupLock(const char* dir, LockMode mode)
-    : m_path(TlxPathname(dir).withFileName("Update.lock"))
-{
-    DISC_TRACE("CleanupLock::CleanupLock");
-    auto file = mode == LM_EXCLUSIVE
-                    ? openLocked(m_path, O_CREAT | O_RDWR, 0, LockLevel::Write, LockWait::TRY)
-                    : openLocked(m_path, O_CREAT | O_RDWR, 0, LockLevel::Read, LockWait::WAIT);
-    if (!file) {
-        logFailure(file.error(), m_path);
-        return;
-    }
-    m_fileLock = std::move(file->lock);
-    m_locked = true;
-}
-
-CleanupLock::~CleanupLock() = default;
-
-bool CleanupLock::isStillInPlace() const
-{
-    return m_fileLock && m_fileLock->isStillAt(m_path.text());
-}
 
 DBCollectionData::DBCollectionData(const TlxPathname& path) : m_path(path) {}
 
@@ -85,6 +63,7 @@ bool DBCollectionData::open(OpenMode mode, const char*)
     m_mode = mode;
     m_spoilt = false;
     m_prepared = false;
+    m_written = m_begun = 0;
     return mode == OM_UPDATE ? openTemporary() : openStored();
 }
 
@@ -168,8 +147,14 @@ bool DBCollectionData::writeCollection(std::size_t length, const void* buffer) c
         return false;
     m_prepared = false;
     const auto written = writeAll(m_file.get(), {static_cast<const char*>(buffer), length});
-    if (written)
+    if (written) {
+        m_written += length;
+        if (m_written - m_begun >= WRITEBACK_BYTES) {
+            startWriteback(m_file.get(), m_begun, m_written - m_begun);
+            m_begun = m_written;
+        }
         return true;
+    }
     DISC_LOG(1, "Unable to write " << m_path << ", error " << written.error().value());
     // The payload is lost, and its writer may keep it open for long. Free the disk space now.
     (void)truncateFile(m_file.get(), 0);
@@ -235,7 +220,11 @@ bool DBCollectionData::persist(const TlxPathname& target)
     if (!prepare())
         return false;
     m_spoilt = true; // until every step has succeeded
-    if (!replaceStored(target)) {
+    // The rename locks the directory for all threads. While this descriptor is open, the file
+    // system does not free the old payload's space meanwhile, but when the descriptor closes.
+    const auto replaced = openFile(target, O_PATH | O_NOFOLLOW);
+    if (!replaceStored(target,
+                       replaced || replaced.error() != std::errc::no_such_file_or_directory)) {
         cleanup(); // a full disk needs the space at once
         return false;
     }
@@ -256,11 +245,11 @@ bool DBCollectionData::persist(const TlxPathname& target)
 
 /// Renames the temporary payload. The rename also removes the stored payload, so at each moment the
 /// record has one of the two.
-bool DBCollectionData::replaceStored(const TlxPathname& target)
+/// @param replaces whether there is a stored payload.
+bool DBCollectionData::replaceStored(const TlxPathname& target, bool replaces)
 {
     // Compat(delete-then-rename): log readers expect two lines in each put, and a deletion that
     // fails in the first put.
-    const bool replaces = statusAt(target).has_value();
     const auto renamed = renameFile(m_path, target);
     if (renamed && replaces)
         DISC_LOG(4, "Deleted file: " << target);
@@ -279,12 +268,13 @@ bool DBCollectionData::cleanup()
 {
     DISC_TRACE("DBCollectionData::cleanup");
     if (m_file.isOpen()) {
-        const bool isMine = namedBy(m_path, m_file.get()) != Named::ANOTHER;
-        (void)TLX_ASSERT_AS(m_file.close(), "0 == ACE_OS::close(m_handle)");
         // A file that is open for reading is the stored payload.
-        if (m_mode == OM_UPDATE && isMine)
+        const bool isTemporary = m_mode == OM_UPDATE;
+        const bool isMine = isTemporary && namedBy(m_path, m_file.get()) != Named::ANOTHER;
+        (void)TLX_ASSERT_AS(m_file.close(), "0 == ACE_OS::close(m_handle)");
+        if (isMine)
             removeTemporary();
-        else if (m_mode == OM_UPDATE)
+        else if (isTemporary)
             DISC_WARN("Another process has made a new file " << m_path << ", so it stays");
     }
     if (m_finalPath)

@@ -36,6 +36,14 @@ std::string readDocument(int fd)
     return text;
 }
 
+/// Whether the file has disk space for its first bytes already.
+bool holdsBytes(const struct stat& status, std::size_t bytes)
+{
+    constexpr std::size_t BLOCK = 512; // the unit of st_blocks
+    return static_cast<std::size_t>(status.st_size) >= bytes &&
+           static_cast<std::size_t>(status.st_blocks) * BLOCK >= bytes;
+}
+
 } // namespace
 
 bool DBDiscovery::canOverride()
@@ -190,7 +198,11 @@ bool DBDiscovery::replaceMetadata(LockedFile& file, const TlxPathname& path, con
 bool DBDiscovery::writeMetadata(int fd, const std::string& xml)
 {
     DISC_TRACE("DBDiscovery::writeMetadata");
-    auto written = reserveSpace(fd, xml.size());
+    // Space that the old document has, and a length that stays, cost nothing. A change of either
+    // would cost the next sync another write.
+    const auto old = statusOf(fd);
+    const bool hasSpace = old && holdsBytes(*old, xml.size());
+    auto written = hasSpace ? FileResult<>() : reserveSpace(fd, xml.size());
     if (written)
         written = writeAll(fd, xml);
     if (!written) {
@@ -198,6 +210,8 @@ bool DBDiscovery::writeMetadata(int fd, const std::string& xml)
         DISC_LOG(1, "The cause: " << describeError(written.error()));
         return false;
     }
+    if (old && static_cast<std::size_t>(old->st_size) <= xml.size())
+        return true;
     if (const auto cut = truncateFile(fd, xml.size()); !cut) {
         DISC_LOG(1, "Unable to truncate metadata");
         DISC_LOG(1, "The cause: " << describeError(cut.error()));

@@ -5,7 +5,9 @@
 #include <functional>
 #include <mutex>
 #include <random>
-#include <unordered_map>
+#include <vector>
+
+#include <tsl/robin_map.h>
 
 #include "DiscDB.h"
 #include "ServiceKeys.h"
@@ -14,119 +16,79 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
 
-/// Finds a text in a table of strings without making a string.
-struct TextHash
-{
-    using is_transparent = void;
-    std::size_t operator()(std::string_view text) const
-    {
-        return std::hash<std::string_view>{}(text);
-    }
-};
-
-/// The texts of a record in one block of memory.
-class PackedTexts
+/// What the table keeps of a record, in little memory.
+class Entry
 {
   public:
-    PackedTexts(const std::string& authority, const std::string& subject,
-                const std::string& signature)
-        : m_authorityEnd(static_cast<std::uint32_t>(authority.size())),
-          m_subjectEnd(static_cast<std::uint32_t>(authority.size() + subject.size())),
-          m_end(static_cast<std::uint32_t>(authority.size() + subject.size() + signature.size())),
-          m_bytes(new char[m_end])
+    Entry(std::string_view fileName, const FileStamp& stamp, const RememberedMetadata& from)
+        : m_stamp(stamp), m_discoveryTime(from.discoveryTime), m_expiresTime(from.expiresTime),
+          m_priority(from.priority), m_authorityType(static_cast<std::uint8_t>(from.authorityType)),
+          m_type(static_cast<std::uint8_t>(from.type)),
+          m_storage(static_cast<std::uint8_t>(from.storage)), m_hasAttributes(from.hasAttributes)
     {
-        authority.copy(m_bytes.get(), authority.size());
-        subject.copy(m_bytes.get() + m_authorityEnd, subject.size());
-        signature.copy(m_bytes.get() + m_subjectEnd, signature.size());
+        const std::array<std::string_view, TEXTS> all{fileName, from.authority, from.subject,
+                                                      from.signature};
+        for (std::size_t i = 0; i < TEXTS; ++i)
+            m_ends[i] = static_cast<std::uint32_t>(all[i].size()) + (i == 0 ? 0 : m_ends[i - 1]);
+        m_texts.reset(new char[m_ends.back()]);
+        char* next = m_texts.get();
+        for (const std::string_view each : all)
+            next = std::copy(each.begin(), each.end(), next);
     }
-    std::string authority() const { return {m_bytes.get(), m_authorityEnd}; }
-    std::string subject() const
-    {
-        return {m_bytes.get() + m_authorityEnd, m_subjectEnd - m_authorityEnd};
-    }
-    std::string signature() const { return {m_bytes.get() + m_subjectEnd, m_end - m_subjectEnd}; }
 
-  private:
-    std::uint32_t m_authorityEnd;
-    std::uint32_t m_subjectEnd;
-    std::uint32_t m_end;
-    std::unique_ptr<char[]> m_bytes;
-};
-
-/// What the table keeps of a record, in little memory.
-struct Entry
-{
-    Entry(const FileStamp& itsStamp, const RememberedMetadata& from)
-        : stamp(itsStamp), discoveryTime(from.discoveryTime), expiresTime(from.expiresTime),
-          priority(from.priority), authorityType(static_cast<std::uint8_t>(from.authorityType)),
-          type(static_cast<std::uint8_t>(from.type)),
-          storage(static_cast<std::uint8_t>(from.storage)), hasAttributes(from.hasAttributes),
-          texts(from.authority, from.subject, from.signature)
-    {
-    }
+    bool isOf(std::string_view fileName) const { return text(FILE_NAME) == fileName; }
+    const FileStamp& stamp() const { return m_stamp; }
     RememberedMetadata metadata() const
     {
-        return {.discoveryTime = discoveryTime,
-                .expiresTime = expiresTime,
-                .priority = priority,
-                .authorityType = static_cast<AuthorityType>(authorityType),
-                .type = static_cast<CollectionType>(type),
-                .storage = static_cast<CollectionStorage>(storage),
-                .hasAttributes = hasAttributes,
-                .authority = texts.authority(),
-                .subject = texts.subject(),
-                .signature = texts.signature()};
+        return {.discoveryTime = m_discoveryTime,
+                .expiresTime = m_expiresTime,
+                .priority = m_priority,
+                .authorityType = static_cast<AuthorityType>(m_authorityType),
+                .type = static_cast<CollectionType>(m_type),
+                .storage = static_cast<CollectionStorage>(m_storage),
+                .hasAttributes = m_hasAttributes,
+                .authority = std::string(text(AUTHORITY)),
+                .subject = std::string(text(SUBJECT)),
+                .signature = std::string(text(SIGNATURE))};
     }
 
-    FileStamp stamp;
-    TlxObjTime discoveryTime;
-    TlxObjTime expiresTime;
-    std::uint32_t priority;
-    std::uint8_t authorityType;
-    std::uint8_t type;
-    std::uint8_t storage;
-    bool hasAttributes;
-    PackedTexts texts;
+  private:
+    enum Text : std::uint8_t
+    {
+        FILE_NAME,
+        AUTHORITY,
+        SUBJECT,
+        SIGNATURE,
+        TEXTS
+    };
+
+    std::string_view text(Text which) const
+    {
+        const std::uint32_t begin = which == FILE_NAME ? 0 : m_ends[which - 1];
+        return {m_texts.get() + begin, m_ends[which] - begin};
+    }
+
+    FileStamp m_stamp;
+    TlxObjTime m_discoveryTime;
+    TlxObjTime m_expiresTime;
+    std::uint32_t m_priority;
+    std::uint8_t m_authorityType;
+    std::uint8_t m_type;
+    std::uint8_t m_storage;
+    bool m_hasAttributes;
+    std::array<std::uint32_t, TEXTS> m_ends{};
+    std::unique_ptr<char[]> m_texts; ///< one after another
 };
 
 /// The longest signature that is kept; records with a longer one are read from the file.
 constexpr std::size_t MAX_SIGNATURE_BYTES = 256;
 
+std::size_t hashOf(std::string_view fileName)
+{
+    return std::hash<std::string_view>{}(fileName);
+}
+
 } // namespace
-
-FileStamp::FileStamp(const struct stat& status)
-    : device(status.st_dev), inode(status.st_ino), size(status.st_size),
-      modifiedSeconds(status.st_mtim.tv_sec), changedSeconds(status.st_ctim.tv_sec),
-      modifiedNanoseconds(static_cast<std::int32_t>(status.st_mtim.tv_nsec)),
-      changedNanoseconds(static_cast<std::int32_t>(status.st_ctim.tv_nsec))
-{
-}
-
-bool FileStamp::isSettled(const struct timespec& now) const
-{
-    // The kernel's clock for files moves every 1 to 10 ms. Some file systems keep whole seconds or
-    // even seconds only; their times have no nanoseconds.
-    constexpr std::int64_t FINE_GRAIN = 50'000'000;
-    constexpr std::int64_t COARSE_GRAIN = 3'000'000'000;
-    constexpr std::int64_t SECOND = 1'000'000'000;
-    constexpr std::int64_t DAY = 86'400;
-    const bool isCoarse = modifiedNanoseconds == 0 || changedNanoseconds == 0;
-    const auto isOld = [&](std::int64_t seconds, std::int64_t nanoseconds) {
-        // A file may have any time. The product below must not overflow.
-        if (seconds > now.tv_sec || seconds < 0)
-            return false;
-        const std::int64_t age = std::min<std::int64_t>(now.tv_sec - seconds, DAY) * SECOND +
-                                 (std::int64_t{now.tv_nsec} - nanoseconds);
-        return age > (isCoarse ? COARSE_GRAIN : FINE_GRAIN);
-    };
-    return isOld(modifiedSeconds, modifiedNanoseconds) && isOld(changedSeconds, changedNanoseconds);
-}
-
-bool FileStamp::isSettledNow() const
-{
-    timespec now = {};
-    return ::clock_gettime(CLOCK_REALTIME, &now) == 0 && isSettled(now);
-}
 
 std::optional<RememberedMetadata> RememberedMetadata::of(const Discovery& record)
 {
@@ -171,23 +133,77 @@ bool RememberedMetadata::isExpired() const
     return !expiresTime.isZero() && TlxObjTime::now() > expiresTime;
 }
 
-struct MetadataCache::Shard
+/// A part of the table with a mutex of its own. An entry is found by the hash of its file's name.
+/// Of two names with the same hash only the later one is remembered.
+class MetadataCache::Shard
 {
-    mutable std::mutex mutex;
-    std::size_t most = 0;
-    std::unordered_map<std::string, Entry, TextHash, std::equal_to<>> entries;
-    std::minstd_rand random;
-
-    /// Removes an entry of a random bucket.
-    void dropOne()
+  public:
+    void setMost(std::size_t most)
     {
-        for (std::size_t bucket = random() % entries.bucket_count();;
-             bucket = (bucket + 1) % entries.bucket_count())
-            if (const auto first = entries.begin(bucket); first != entries.end(bucket)) {
-                entries.erase(entries.find(first->first));
-                return;
-            }
+        const std::lock_guard guard(m_mutex);
+        m_most = most;
+        while (m_entries.size() > m_most)
+            drop(m_entries.size() - 1);
     }
+    std::size_t size() const
+    {
+        const std::lock_guard guard(m_mutex);
+        return m_entries.size();
+    }
+    std::optional<RememberedMetadata> find(std::size_t hash, std::string_view fileName,
+                                           const FileStamp& stamp) const
+    {
+        const std::lock_guard guard(m_mutex);
+        const auto place = m_places.find(hash);
+        if (place == m_places.end())
+            return std::nullopt;
+        const Entry& entry = *m_entries[place->second].entry;
+        if (entry.stamp() != stamp || !entry.isOf(fileName))
+            return std::nullopt;
+        return entry.metadata();
+    }
+    void remember(std::size_t hash, std::unique_ptr<Entry> entry)
+    {
+        const std::lock_guard guard(m_mutex);
+        if (m_most == 0)
+            return;
+        if (const auto place = m_places.find(hash); place != m_places.end()) {
+            m_entries[place->second].entry = std::move(entry);
+            return;
+        }
+        if (m_entries.size() >= m_most)
+            drop(m_random() % m_entries.size());
+        m_entries.push_back({hash, std::move(entry)});
+        m_places[hash] = static_cast<std::uint32_t>(m_entries.size() - 1);
+    }
+    void forget(std::size_t hash)
+    {
+        const std::lock_guard guard(m_mutex);
+        if (const auto place = m_places.find(hash); place != m_places.end())
+            drop(place->second);
+    }
+
+  private:
+    struct Remembered
+    {
+        std::size_t hash;
+        std::unique_ptr<Entry> entry;
+    };
+
+    /// Removes an entry. The last one takes its place.
+    void drop(std::size_t place)
+    {
+        m_places[m_entries.back().hash] = static_cast<std::uint32_t>(place);
+        m_places.erase(m_entries[place].hash);
+        m_entries[place] = std::move(m_entries.back());
+        m_entries.pop_back();
+    }
+
+    mutable std::mutex m_mutex; // guards all members below
+    std::size_t m_most = 0;
+    tsl::robin_map<std::size_t, std::uint32_t, std::identity> m_places; ///< hash to m_entries
+    std::vector<Remembered> m_entries;
+    std::minstd_rand m_random;
 };
 
 MetadataCache::MetadataCache(std::size_t mostRecords) : m_shards(new Shard[SHARDS])
@@ -197,32 +213,23 @@ MetadataCache::MetadataCache(std::size_t mostRecords) : m_shards(new Shard[SHARD
 
 MetadataCache::~MetadataCache() = default;
 
-MetadataCache::Shard& MetadataCache::shardOf(std::string_view fileName) const
+MetadataCache::Shard& MetadataCache::shardOf(std::size_t hash) const
 {
     // The upper bits, because the table in the shard uses the lower ones.
-    return m_shards[(TextHash{}(fileName) >> 48) % SHARDS];
+    return m_shards[(hash >> 48) % SHARDS];
 }
 
 void MetadataCache::setMostRecords(std::size_t mostRecords)
 {
-    for (std::size_t i = 0; i < SHARDS; ++i) {
-        Shard& shard = m_shards[i];
-        const std::lock_guard guard(shard.mutex);
-        shard.most = (mostRecords + SHARDS - 1) / SHARDS;
-        while (shard.entries.size() > shard.most)
-            shard.dropOne();
-    }
+    for (std::size_t i = 0; i < SHARDS; ++i)
+        m_shards[i].setMost((mostRecords + SHARDS - 1) / SHARDS);
 }
 
 std::optional<RememberedMetadata> MetadataCache::find(std::string_view fileName,
                                                       const struct stat& status) const
 {
-    const Shard& shard = shardOf(fileName);
-    const std::lock_guard guard(shard.mutex);
-    const auto found = shard.entries.find(fileName);
-    if (found == shard.entries.end() || found->second.stamp != FileStamp(status))
-        return std::nullopt;
-    return found->second.metadata();
+    const std::size_t hash = hashOf(fileName);
+    return shardOf(hash).find(hash, fileName, FileStamp(status));
 }
 
 void MetadataCache::remember(std::string_view fileName, const struct stat& status,
@@ -231,35 +238,21 @@ void MetadataCache::remember(std::string_view fileName, const struct stat& statu
     const FileStamp stamp(status);
     if (!stamp.isSettledNow())
         return;
-    Shard& shard = shardOf(fileName);
-    const std::lock_guard guard(shard.mutex);
-    if (shard.most == 0)
-        return;
-    const auto known = shard.entries.find(fileName);
-    if (known != shard.entries.end()) {
-        known->second = Entry(stamp, metadata);
-        return;
-    }
-    if (shard.entries.size() >= shard.most)
-        shard.dropOne();
-    shard.entries.emplace(std::string(fileName), Entry(stamp, metadata));
+    const std::size_t hash = hashOf(fileName);
+    shardOf(hash).remember(hash, std::make_unique<Entry>(fileName, stamp, metadata));
 }
 
 void MetadataCache::forget(std::string_view fileName)
 {
-    Shard& shard = shardOf(fileName);
-    const std::lock_guard guard(shard.mutex);
-    if (const auto known = shard.entries.find(fileName); known != shard.entries.end())
-        shard.entries.erase(known);
+    const std::size_t hash = hashOf(fileName);
+    shardOf(hash).forget(hash);
 }
 
 std::size_t MetadataCache::size() const
 {
     std::size_t size = 0;
-    for (std::size_t i = 0; i < SHARDS; ++i) {
-        const std::lock_guard guard(m_shards[i].mutex);
-        size += m_shards[i].entries.size();
-    }
+    for (std::size_t i = 0; i < SHARDS; ++i)
+        size += m_shards[i].size();
     return size;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 // Remembers the metadata of stored records, so that a listing needs no file.
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -10,30 +11,9 @@
 #include <sys/stat.h>
 
 #include "DiscData.h"
+#include "FileStamp.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
-
-/// Identifies one state of a file. Every change of the file's content gives it another stamp, if
-/// the stamp has settled.
-struct FileStamp
-{
-    explicit FileStamp(const struct stat& status);
-
-    /// False for a file that was changed a moment ago. The clock of a file system moves in steps,
-    /// so a second change in the same step would leave the same times.
-    bool isSettled(const struct timespec& now) const;
-    bool isSettledNow() const;
-
-    friend bool operator==(const FileStamp&, const FileStamp&) = default;
-
-    dev_t device;
-    ino_t inode;
-    off_t size;
-    std::int64_t modifiedSeconds;
-    std::int64_t changedSeconds;
-    std::int32_t modifiedNanoseconds;
-    std::int32_t changedNanoseconds;
-};
 
 /// The content of a metadata document without status messages.
 struct RememberedMetadata
@@ -80,8 +60,8 @@ class MetadataCache
     std::size_t size() const;
 
   private:
-    struct Shard;
-    Shard& shardOf(std::string_view fileName) const;
+    class Shard;
+    Shard& shardOf(std::size_t hash) const;
 
     static constexpr std::size_t SHARDS = 16;
     const std::unique_ptr<Shard[]> m_shards;

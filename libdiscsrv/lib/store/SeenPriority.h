@@ -2,7 +2,7 @@
 // The priority that a record has read from the stored record of its key.
 
 #include "DiscDB.h"
-#include "MetadataCache.h"
+#include "FileStamp.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 

@@ -55,6 +55,10 @@ namespace Veltrane::Quillmark::Tlx {
 /// Makes the bytes and the size of a file survive a power cut, but not its name; see syncDirectory.
 [[nodiscard]] FileResult<> syncFile(int descriptor);
 
+/// Lets the disk begin with a part of a file, so that a later sync waits for less. Promises
+/// nothing.
+void startWriteback(int descriptor, std::size_t offset, std::size_t bytes);
+
 /// Renames a file. Replaces a file of the new name; at each moment one of the two files is there.
 [[nodiscard]] FileResult<> renameFile(const TlxPathname& from, const TlxPathname& to);
 

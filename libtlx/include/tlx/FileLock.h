@@ -75,10 +75,9 @@ class FileLock
     // open the file for reading. A forked child gets ENOLCK.
 
     /// Waits until no other process holds a conflicting lock, at most for the wait limit. ETIMEDOUT
-    /// means that the limit has passed. acquire_write from Read may
-    /// release Read while it waits. So the caller must check again what it read before. If
-    /// acquire_write then fails, and another process got the lock in between, level() returns
-    /// LockLevel::None.
+    /// means that the limit has passed. acquire_write from Read may release Read while it waits. So
+    /// the caller must check again what it read before. If acquire_write then fails, and another
+    /// process got the lock in between, level() returns LockLevel::None.
     int acquire_read();
     int acquire_write();
     /// Fail at once with EBUSY if another process, or another holder of this process, has a
@@ -97,7 +96,7 @@ class FileLock
     /// the opening and the locking.
     bool isStillAt(const std::string& path) const;
     /// The same with a status of the file at the path.
-    bool isFile(const struct stat& status) const;
+    bool isSameFile(const struct stat& status) const;
 
     /// How long a waiting lock waits for other processes. Every later wait of this process uses the
     /// new limit.

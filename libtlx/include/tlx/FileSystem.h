@@ -28,6 +28,8 @@ class FileSystem
     virtual ssize_t write(int descriptor, const void* buffer, std::size_t size);
     /// Reserves space for the first bytes of a file and keeps its size.
     virtual int fallocate(int descriptor, off_t bytes);
+    /// Begins to write a part of a file to the disk and does not wait.
+    virtual int startWriteback(int descriptor, off_t offset, off_t bytes);
     virtual int ftruncate(int descriptor, off_t size);
     virtual int fsync(int descriptor);
     virtual int fdatasync(int descriptor);

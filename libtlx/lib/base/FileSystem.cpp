@@ -55,6 +55,11 @@ int FileSystem::fallocate(int descriptor, off_t bytes)
     return ::fallocate(descriptor, FALLOC_FL_KEEP_SIZE, 0, bytes);
 }
 
+int FileSystem::startWriteback(int descriptor, off_t offset, off_t bytes)
+{
+    return ::sync_file_range(descriptor, offset, bytes, SYNC_FILE_RANGE_WRITE);
+}
+
 int FileSystem::ftruncate(int descriptor, off_t size)
 {
     return ::ftruncate(descriptor, size);

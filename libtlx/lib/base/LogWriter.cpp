@@ -46,7 +46,8 @@ tl::expected<void, std::string> LogWriter::configure(const LogSettings& settings
 {
     const std::lock_guard configuring(m_configureMutex);
     (void)flush(OUTPUT_LIMIT);
-    std::unique_ptr<LogOutput> output; // gets the old one, which is destroyed without the mutex
+    // It gets the old output, which is destroyed without the mutex.
+    std::unique_ptr<LogDestination> output;
     {
         // Make it under the mutex. It may use the current file, and no thread may write a line
         // while it prepares the file.
@@ -221,7 +222,7 @@ void LogWriter::run()
         m_done.notify_all();
     }
     // A caller may have lost its line while it waited for the end of this thread.
-    if (const auto unreported = std::exchange(m_unreported, 0); unreported > 0) {
+    while (const auto unreported = std::exchange(m_unreported, 0)) {
         lock.unlock();
         reportLost(unreported);
         lock.lock();
@@ -309,7 +310,7 @@ void LogWriter::inParent()
         m_outputMutex.unlock();
 }
 
-std::unique_ptr<LogOutput> LogWriter::inChild()
+std::unique_ptr<LogDestination> LogWriter::inChild()
 {
     return std::exchange(t_holdsOutput, false) ? std::move(m_output) : nullptr;
 }

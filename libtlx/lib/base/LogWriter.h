@@ -21,10 +21,10 @@
 namespace Veltrane::Quillmark::Tlx {
 
 /// Where a LogWriter brings its lines. One thread at a time uses it.
-class LogOutput
+class LogDestination
 {
   public:
-    virtual ~LogOutput() = default;
+    virtual ~LogDestination() = default;
     /// Returns false if the line is lost.
     virtual bool write(const LogRecord& record) = 0;
     /// Writes what it still has to report. The stop calls it after the last line.
@@ -49,13 +49,13 @@ class LogWriter
     /// How long configure, stop and a fork wait for an output that hangs.
     static constexpr std::chrono::seconds OUTPUT_LIMIT{5};
 
-    explicit LogWriter(std::unique_ptr<LogOutput> output) : m_output(std::move(output)) {}
+    explicit LogWriter(std::unique_ptr<LogDestination> output) : m_output(std::move(output)) {}
     /// Stops. The output must not hang.
     ~LogWriter() { stop(); }
     LogWriter(const LogWriter&) = delete;
     LogWriter& operator=(const LogWriter&) = delete;
 
-    using MakeOutput = std::function<std::unique_ptr<LogOutput>()>;
+    using MakeOutput = std::function<std::unique_ptr<LogDestination>()>;
     /// Brings what there is to the old output, makes the new one, and starts the thread. If it
     /// cannot make the output, it returns the reason and changes nothing.
     /// @param make throws with the reason when it fails.
@@ -82,7 +82,7 @@ class LogWriter
     void inParent();
     /// The output for the child's own writer; null if it may be in the middle of a line. The child
     /// must not use this object again, and not destroy it.
-    std::unique_ptr<LogOutput> inChild();
+    std::unique_ptr<LogDestination> inChild();
 
   private:
     using Lock = std::unique_lock<std::mutex>;
@@ -109,7 +109,7 @@ class LogWriter
 
     /// Held while lines are written, and while the output is replaced.
     std::mutex m_outputMutex;
-    std::unique_ptr<LogOutput> m_output;
+    std::unique_ptr<LogDestination> m_output;
 
     mutable std::mutex m_queueMutex; ///< guards all members below
     std::condition_variable m_work;  ///< the thread waits for it

@@ -30,9 +30,9 @@ auto uninterrupted(Call call)
     return answer;
 }
 
-/// Repeats an interrupted call that returns 0 on success.
+/// The result of a call that returns 0 on success. Repeats an interrupted one.
 template <class Call>
-FileResult<> succeeds(Call call)
+FileResult<> resultOf(Call call)
 {
     if (uninterrupted(call) != 0)
         return lastError();
@@ -140,23 +140,29 @@ FileResult<struct stat> statusIn(int directory, const char* name)
 
 FileResult<> truncateFile(int descriptor, std::size_t size)
 {
-    return succeeds(
+    return resultOf(
         [&] { return FileSystem::current().ftruncate(descriptor, static_cast<off_t>(size)); });
 }
 
 FileResult<> syncFile(int descriptor)
 {
-    return succeeds([&] { return FileSystem::current().fdatasync(descriptor); });
+    return resultOf([&] { return FileSystem::current().fdatasync(descriptor); });
+}
+
+void startWriteback(int descriptor, std::size_t offset, std::size_t bytes)
+{
+    (void)FileSystem::current().startWriteback(descriptor, static_cast<off_t>(offset),
+                                               static_cast<off_t>(bytes));
 }
 
 FileResult<> renameFile(const TlxPathname& from, const TlxPathname& to)
 {
-    return succeeds([&] { return FileSystem::current().rename(from.c_str(), to.c_str()); });
+    return resultOf([&] { return FileSystem::current().rename(from.c_str(), to.c_str()); });
 }
 
 FileResult<> removeFile(const TlxPathname& path)
 {
-    return succeeds([&] { return FileSystem::current().unlink(path.c_str()); });
+    return resultOf([&] { return FileSystem::current().unlink(path.c_str()); });
 }
 
 FileResult<std::string> readWholeFile(const TlxPathname& path, std::size_t mostBytes)
@@ -202,7 +208,7 @@ FileResult<> syncDirectory(const TlxPathname& directory)
     const auto file = openFile(directory, O_RDONLY | O_DIRECTORY);
     if (!file)
         return tl::unexpected(file.error());
-    return succeeds([&] { return FileSystem::current().fsync(file->get()); });
+    return resultOf([&] { return FileSystem::current().fsync(file->get()); });
 }
 
 FileResult<TemporaryFile> makeTemporaryFile(const TlxPathname& beginning)

@@ -169,7 +169,7 @@ int FileLock::release()
     return change(LockLevel::None, false);
 }
 
-bool FileLock::isFile(const struct stat& status) const
+bool FileLock::isSameFile(const struct stat& status) const
 {
     return !m_file->isInherited && m_file->key == std::pair(status.st_dev, status.st_ino);
 }
@@ -177,7 +177,7 @@ bool FileLock::isFile(const struct stat& status) const
 bool FileLock::isStillAt(const std::string& path) const
 {
     const auto status = statusAt(path);
-    return status && isFile(*status);
+    return status && isSameFile(*status);
 }
 
 void FileLock::setWaitLimit(std::chrono::milliseconds limit)
@@ -258,7 +258,7 @@ tl::expected<LockedFile, LockFailure> openLocked(const TlxPathname& path, int fl
         // Compare inside the gate, because another thread of this process may be removing the file.
         FileGate gate(*lock);
         const auto status = statusAt(path);
-        if (status && lock->isFile(*status))
+        if (status && lock->isSameFile(*status))
             return LockedFile{std::move(lock), std::move(turn), std::move(gate), *status};
         if (!status && !isMissing(status.error()))
             return tl::unexpected(LockFailure{LockFailure::OPENING, status.error()});

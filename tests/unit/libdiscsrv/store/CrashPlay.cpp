@@ -5,17 +5,14 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <sstream>
 
 #include <unistd.h>
 
 #include <tlx/Assert.h>
-#include <tlx/FileLock.h>
 #include <tlx/Log.h>
 
 #include "PutHistory.h"
 #include "support/ChildProcess.h"
-#include "support/Descriptors.h"
 #include "support/PeerProcess.h"
 
 namespace QmTest {
@@ -23,16 +20,9 @@ namespace QmTest {
 namespace {
 
 constexpr unsigned MANY_CALLS = 500; ///< more than any work makes
-constexpr int FINISHED = 0;          ///< the exit code of a child that no fault hit
-constexpr int FAULT_SURVIVED = 1;
 constexpr std::uint32_t SEED = 20;
-/// Of the puts that the play itself makes. Their priority exceeds all others.
-constexpr long AGAIN_HERE = 8;
-constexpr long AGAIN_ELSEWHERE = 9;
-constexpr unsigned HIGHEST_PRIORITY = 1000;
-const Stamped OTHER = {.number = 7, .subject = "other", .signature = 10};
-const char* const STORE = "db/discovery";
-const char* const OVER = "over";
+constexpr long AGAIN_HERE = 8;       ///< the number of the put after the work
+constexpr const char* OVER = "over"; ///< the note at the end of the work
 
 struct Failure
 {
@@ -64,15 +54,6 @@ const std::array FAILURES{
     Failure{"descriptors", CALL_OPEN | CALL_CREATE | CALL_OPENDIR, {EMFILE}},
 };
 
-std::size_t temporariesIn(const std::string& directory)
-{
-    std::error_code missing;
-    std::size_t count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(directory, missing))
-        count += entry.path().extension() == ".updating" ? 1 : 0;
-    return count;
-}
-
 /// A set of files without the content of temporary payloads, which nobody reads.
 FileTree essentials(FileTree tree)
 {
@@ -90,47 +71,7 @@ std::string joined(const std::set<std::string>& words)
     return text;
 }
 
-/// Counts the open descriptors without the directory, which the store keeps open after a listing.
-std::size_t openDescriptors(const std::string& store)
-{
-    return descriptorCount() - (descriptorOf(store) >= 0 ? 1 : 0);
-}
-
-/// Complains if this process has locks, or another number of descriptors than before.
-void expectNothingOpen(Player& player, std::size_t descriptors, const std::string& when)
-{
-    const auto counts = Tlx::FileLock::counts();
-    if (counts.holders != 0 || counts.files != 0 || counts.waiting != 0)
-        player.note("complaint: locks are left " + when);
-    if (openDescriptors(player.store()) != descriptors)
-        player.note("complaint: descriptors are left " + when);
-}
-
 } // namespace
-
-Disc::DiscoveryStatus Player::put(const Stamped& stamped)
-{
-    StampedPut put(stamped);
-    const Disc::DiscoveryStatus written = put.write();
-    return written == Disc::DS_SUCCESS ? persist(put, stamped) : written;
-}
-
-Disc::DiscoveryStatus Player::persist(StampedPut& put, const Stamped& stamped)
-{
-    const std::string name = " " + stamped.subject + " " + std::to_string(stamped.number);
-    note("begun" + name);
-    const Disc::DiscoveryStatus status = put.persist();
-    note((status == Disc::DS_SUCCESS       ? "acknowledged"
-          : status == Disc::DS_DATA_EXISTS ? "refused"
-                                           : "failed") +
-         name);
-    return status;
-}
-
-void Player::start()
-{
-    Disc::getDiscoveryDBDatabase()->init(m_store);
-}
 
 void CrashPlay::SetUp()
 {
@@ -168,11 +109,9 @@ void CrashPlay::fill(const Sequence& sequence)
             Disc::getDiscoveryDBDatabase()->init(store());
             std::vector<Stamped> all = sequence.stored;
             all.push_back(OTHER);
-            for (const Stamped& stamped : all) {
-                StampedPut put(stamped);
-                if (put.write() != Disc::DS_SUCCESS || put.persist() != Disc::DS_SUCCESS)
+            for (const Stamped& stamped : all)
+                if (putStamped(stamped) != Disc::DS_SUCCESS)
                     return 1;
-            }
             for (const std::string& name : sequence.leftOver)
                 writeFile(store() + "/" + name, "given up");
             return 0;
@@ -192,6 +131,11 @@ void CrashPlay::prepareRun()
 int CrashPlay::run(const Sequence& sequence, const Fault& fault, const Defect& defect)
 {
     prepareRun();
+    return runInChild(sequence, fault, defect);
+}
+
+int CrashPlay::runInChild(const Sequence& sequence, const Fault& fault, const Defect& defect)
+{
     return ChildProcess([&] {
                startStore(sequence);
                return play(sequence, fault, defect);
@@ -224,10 +168,10 @@ int CrashPlay::play(const Sequence& sequence, const Fault& fault, const Defect& 
     files.note(OVER);
     files.disarm();
     if (Tlx::assertionCount() != assertions && (fault.calls & CALL_CLOSE) == 0)
-        player.note("complaint: an assertion failed");
-    expectNothingOpen(player, descriptors, "after the work");
+        player.complain("an assertion failed");
+    player.expectNothingOpen(descriptors, "after the work");
     checkInProcess(sequence, fault, player);
-    expectNothingOpen(player, descriptors, "after another put");
+    player.expectNothingOpen(descriptors, "after another put");
     Tlx::FileSystem::replace(nullptr);
     return hasFired ? FAULT_SURVIVED : FINISHED;
 }
@@ -237,12 +181,9 @@ void CrashPlay::checkInProcess(const Sequence& sequence, const Fault& fault, Pla
     if (sequence.starts) // the next start finishes a start that failed
         return;
     if ((fault.calls & CALL_UNLINK) == 0 && temporariesIn(store()) != 0)
-        player.note("complaint: a temporary payload is left");
+        player.complain("a temporary payload is left");
     for (const std::string& subject : sequence.subjects)
-        if (player.put({.number = AGAIN_HERE, .subject = subject, .priority = HIGHEST_PRIORITY}) !=
-                Disc::DS_SUCCESS ||
-            stampsOf(subject) != "8/8")
-            player.note("complaint: " + subject + " cannot be put again");
+        player.putAgain(subject, AGAIN_HERE, "again");
 }
 
 class CrashPlay::Repeater
@@ -264,105 +205,47 @@ class CrashPlay::Repeater
     {
         const std::string answer =
             m_process.ask({reinterpret_cast<const char*>(&fault), sizeof fault});
-        return answer == "0" ? FINISHED : answer == "1" ? FAULT_SURVIVED : -1;
+        for (const int code : {FINISHED, FAULT_SURVIVED})
+            if (answer == std::to_string(code))
+                return code;
+        return -1;
     }
 
   private:
     PeerProcess m_process;
 };
 
-const CrashPlay::Look& CrashPlay::lookAt(const Sequence& sequence, const FileTree& tree)
+const StoreLook& CrashPlay::lookAt(const Sequence& sequence, const FileTree& tree)
 {
     const FileTree key = essentials(tree);
     auto known = m_looks.find(key);
-    if (known == m_looks.end())
-        known = m_looks.emplace(key, lookFresh(sequence, tree)).first;
+    if (known == m_looks.end()) {
+        writeTree(m_directory.path().string(), tree);
+        known = m_looks.emplace(key, lookAtFiles(sequence)).first;
+    }
     return known->second;
 }
 
-CrashPlay::Look CrashPlay::lookFresh(const Sequence& sequence, const FileTree& tree)
+StoreLook CrashPlay::lookAtFiles(const Sequence& sequence, const Defect& defect)
 {
-    writeTree(m_directory.path().string(), tree);
-    return lookAtFiles(sequence);
+    return lookAtStore(m_directory.path().string(), m_journal, sequence, defect);
 }
 
-CrashPlay::Look CrashPlay::lookAtFiles(const Sequence& sequence, const Defect& defect)
+DiskOperations CrashPlay::workOperations() const
 {
-    m_journal.clear();
-    Look look;
-    if (ChildProcess([&] { return lookInChild(sequence, defect), 0; }).exitCode() != 0)
-        look.complaints.push_back("complaint: the next process ended");
-    for (const DiskOperation& note : m_journal.operations()) {
-        if (note.kind != DiskOperation::NOTE)
-            continue;
-        std::istringstream words(note.path);
-        std::string kind;
-        std::string subject;
-        words >> kind;
-        if (kind == "state") {
-            words >> subject;
-            words >> look.states[subject];
-        } else if (kind == "complaint:") {
-            look.complaints.push_back(note.path);
-        }
-    }
-    return look;
-}
-
-/// The look of a fresh process.
-void CrashPlay::lookInChild(const Sequence& sequence, const Defect& defect)
-{
-    Tlx::LoggerFactory::instance().setLevel(0);
-    const std::size_t descriptors = openDescriptors(store());
-    PlayedFileSystem files(m_directory.path().string(), m_journal);
-    Tlx::FileSystem::replace(&files);
-    Player player(files, store());
-    if (defect)
-        defect(files);
-    sequence.hasExpired ? setLaterTime() : setTimeOf(2);
-    player.start();
-    if (temporariesIn(store()) != 0)
-        player.note("complaint: the start left a temporary payload");
-    std::set<std::string> found;
-    if (sequence.hasStore) {
-        found.insert(OTHER.subject);
-        if (stampsOf(OTHER.subject) != "7/7")
-            player.note("complaint: another record is spoilt");
-    }
-    std::set<std::string> expected{"Update.lock"};
-    for (const std::string& subject : sequence.subjects) {
-        const std::string state = stampsOf(subject);
-        player.note("state " + subject + " " + state);
-        if (state != "none")
-            found.insert(subject);
-    }
-    if (listedSubjects() != found)
-        player.note("complaint: the listing has other records than the lookups");
-    for (const std::string& subject : sequence.subjects) {
-        if (player.put(
-                {.number = AGAIN_ELSEWHERE, .subject = subject, .priority = HIGHEST_PRIORITY}) !=
-                Disc::DS_SUCCESS ||
-            stampsOf(subject) != "9/9")
-            player.note("complaint: " + subject + " cannot be put in the next process");
-        found.insert(subject);
-    }
-    for (const std::string& subject : found)
-        for (const char* const suffix : {".dat", ".xml"})
-            expected.insert("1 srv1 " + subject + suffix);
-    std::set<std::string> there;
-    for (const auto& entry : std::filesystem::directory_iterator(store()))
-        there.insert(entry.path().filename().string());
-    if (there != expected)
-        player.note("complaint: other files are left than those of the records");
-    expectNothingOpen(player, descriptors, "in the next process");
-    Tlx::FileSystem::replace(nullptr);
+    DiskOperations operations = m_journal.operations();
+    const auto end = std::find_if(operations.begin(), operations.end(), [](const auto& operation) {
+        return operation.kind == DiskOperation::NOTE && operation.path == OVER;
+    });
+    operations.erase(end, operations.end());
+    return operations;
 }
 
 /// Complains if a fresh process does not find what it must find in a tree.
 void CrashPlay::check(const Sequence& sequence, const DiskOperations& operations,
                       const FileTree& tree, const std::string& where)
 {
-    const Look& look = lookAt(sequence, tree);
+    const StoreLook& look = lookAt(sequence, tree);
     for (const std::string& complaint : look.complaints)
         complain(complaint + ", " + where);
     for (const std::string& subject : sequence.subjects) {
@@ -382,21 +265,18 @@ void CrashPlay::check(const Sequence& sequence, const DiskOperations& operations
 /// Checks what a run left, after a kill and after all power cuts.
 void CrashPlay::checkRun(const Sequence& sequence, const std::string& where, Steps& steps)
 {
-    DiskOperations operations = m_journal.operations();
-    for (const DiskOperation& operation : operations)
-        if (operation.kind == DiskOperation::NOTE && operation.path.starts_with("complaint:"))
+    const DiskOperations all = m_journal.operations();
+    for (const DiskOperation& operation : all)
+        if (operation.kind == DiskOperation::NOTE && operation.path.starts_with(COMPLAINT))
             complain(operation.path + ", " + where);
     const FileTree left = readTree(m_directory.path().string());
-    if (DiskModel(m_filled, operations).afterKill() != left)
+    if (DiskModel(m_filled, all).afterKill() != left)
         complain("complaint: the files changed without a call, " + where);
 
     // The end of the work is the place of the crash. What the child did later was a check.
-    const auto end = std::find_if(operations.begin(), operations.end(), [](const auto& operation) {
-        return operation.kind == DiskOperation::NOTE && operation.path == OVER;
-    });
-    operations.erase(end, operations.end());
+    const DiskOperations operations = workOperations();
     const DiskModel disk(m_filled, operations);
-    const std::string name = stepOf(operations);
+    const std::string name = stepOf(m_filled, operations);
     auto step = std::find_if(steps.begin(), steps.end(),
                              [&](const Step& known) { return known.name == name; });
     if (step == steps.end())
@@ -418,10 +298,10 @@ void CrashPlay::checkRestart(const Sequence& sequence, const std::string& where,
     DiskModel disk(m_filled, m_journal.operations());
     (void)lookAtFiles(sequence, defect);
     disk.add(m_journal.operations());
-    const Look& look = lookAt(sequence, disk.afterWorstCut());
+    const StoreLook& look = lookAt(sequence, disk.afterWorstCut());
     for (const std::string& subject : sequence.subjects)
         if (const auto state = look.states.find(subject);
-            state == look.states.end() || state->second != "9/9")
+            state == look.states.end() || state->second != wholeState(AGAIN_ELSEWHERE))
             complain("complaint: a put after the restart is lost, " + where);
     for (const std::string& complaint : look.complaints)
         complain(complaint + ", restart, " + where);
@@ -437,7 +317,7 @@ Lines CrashPlay::playCrashes(const Sequence& sequence, const Defect& defect)
                 .kind = eighths ? Fault::TEAR : Fault::STOP, .at = at, .eighths = eighths};
             const int code = run(sequence, fault, defect);
             const std::string where = (eighths ? "torn write " : "stop ") + std::to_string(at) +
-                                      " after '" + stepOf(m_journal.operations()) + "'";
+                                      " after '" + stepOf(m_filled, m_journal.operations()) + "'";
             if (code != FINISHED && code != PlayedFileSystem::STOPPED)
                 complain("complaint: the child ended with " + std::to_string(code) + ", " + where);
             checkRun(sequence, where, steps);
@@ -477,13 +357,7 @@ void CrashPlay::playFailures(const Sequence& sequence, const Defect& defect)
     fill(sequence);
     const Repeater repeater(*this, sequence, defect);
     const auto run = [&](const Fault& fault) {
-        if (!sequence.starts)
-            return repeater.run(fault);
-        return ChildProcess([&] {
-                   startStore(sequence);
-                   return play(sequence, fault, defect);
-               })
-            .exitCode();
+        return sequence.starts ? runInChild(sequence, fault, defect) : repeater.run(fault);
     };
     failEach(sequence, "short write", {.kind = Fault::SHORT}, run);
     for (const Failure& failure : FAILURES)

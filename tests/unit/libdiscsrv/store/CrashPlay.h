@@ -15,54 +15,19 @@
 #include <gtest/gtest.h>
 
 #include "DiskModel.h"
-#include "PlayedFileSystem.h"
-#include "StampedRecord.h"
+#include "StoreLook.h"
 #include "support/TemporaryDirectory.h"
 
 namespace QmTest {
-
-/// Does the work of a sequence and notes which puts begin and end. Any thread may use it.
-class Player
-{
-  public:
-    Player(PlayedFileSystem& files, std::string store) : m_files(files), m_store(std::move(store))
-    {
-    }
-
-    /// Writes and persists a record.
-    Disc::DiscoveryStatus put(const Stamped& stamped);
-    /// Persists a record that is written.
-    Disc::DiscoveryStatus persist(StampedPut& put, const Stamped& stamped);
-    /// Opens the store, as a start does.
-    void start();
-    void note(const std::string& text) { m_files.note(text); }
-    PlayedFileSystem& files() const { return m_files; }
-    const std::string& store() const { return m_store; }
-
-  private:
-    PlayedFileSystem& m_files;
-    const std::string m_store;
-};
-
-/// Besides its own records, each sequence's store has one that the work does not touch.
-struct Sequence
-{
-    std::vector<Stamped> stored{};
-    std::function<void(Player&)> work{};
-    std::set<std::string> subjects{"cl5"}; ///< the work changes these
-    std::vector<std::string> leftOver{};   ///< temporary payloads of an earlier crash
-    bool hasExpired = false;               ///< stored records with a time to live have expired
-    bool hasStore = true;                  ///< otherwise there is no directory yet
-    bool starts = false;                   ///< the work opens the store
-};
 
 class CrashPlay : public testing::Test
 {
   protected:
     void SetUp() override;
 
-    /// A defect that a play must find.
-    using Defect = std::function<void(PlayedFileSystem&)>;
+    /// The exit codes of a child: no fault has hit it, or its work has survived the fault.
+    static constexpr int FINISHED = 0;
+    static constexpr int FAULT_SURVIVED = 1;
 
     /// Stops the work at each of its changing calls, and in each eighth of each write. Returns a
     /// line for each step of the put with the states that a reader finds in cl5 afterwards:
@@ -84,16 +49,11 @@ class CrashPlay : public testing::Test
     void fill(const Sequence& sequence);
     /// Does the work once, in a child. Returns the exit code of the child.
     int run(const Sequence& sequence, const Fault& fault, const Defect& defect = {});
-    /// The operations of the last run.
-    DiskOperations operations() const { return m_journal.operations(); }
+    /// The operations of the last run's work, without those of the checks after it.
+    DiskOperations workOperations() const;
 
   private:
-    struct Look
-    {
-        std::map<std::string, std::string> states; ///< of each subject
-        Lines complaints;
-    };
-    /// What a reader finds in the first subject.
+    /// A step of the work, and the states of the first subject after crashes in this step.
     struct Step
     {
         std::string name;
@@ -107,16 +67,15 @@ class CrashPlay : public testing::Test
     class Repeater;
 
     void prepareRun();
+    int runInChild(const Sequence& sequence, const Fault& fault, const Defect& defect);
     void startStore(const Sequence& sequence);
     int play(const Sequence& sequence, const Fault& fault, const Defect& defect);
     void checkInProcess(const Sequence& sequence, const Fault& fault, Player& player);
     void failEach(const Sequence& sequence, const std::string& name, Fault fault,
                   const std::function<int(const Fault&)>& run);
     void checkRestart(const Sequence& sequence, const std::string& where, const Defect& defect);
-    const Look& lookAt(const Sequence& sequence, const FileTree& tree);
-    Look lookFresh(const Sequence& sequence, const FileTree& tree);
-    Look lookAtFiles(const Sequence& sequence, const Defect& defect = {});
-    void lookInChild(const Sequence& sequence, const Defect& defect);
+    const StoreLook& lookAt(const Sequence& sequence, const FileTree& tree);
+    StoreLook lookAtFiles(const Sequence& sequence, const Defect& defect = {});
     void check(const Sequence& sequence, const DiskOperations& operations, const FileTree& tree,
                const std::string& where);
     void checkRun(const Sequence& sequence, const std::string& where, Steps& steps);
@@ -127,7 +86,7 @@ class CrashPlay : public testing::Test
     TemporaryDirectory m_directory;
     DiskJournal m_journal;
     FileTree m_filled;
-    std::map<FileTree, Look> m_looks;
+    std::map<FileTree, StoreLook> m_looks;
     Lines m_complaints;
     std::size_t m_runs = 0;
 };

@@ -12,7 +12,7 @@
 #include <tlx/FileSystem.h>
 
 #include "DirectorySync.h"
-#include "MetadataCache.h"
+#include "FileStamp.h"
 #include "StoreFixture.h"
 #include "TemporaryNumber.h"
 #include "support/Capture.h"

@@ -37,19 +37,15 @@ QM_PLAY_FAILURES(PutsThatShareASync, SHARED_SYNC)
 struct DiscDBFailedPayloadTest : CrashPlay
 {
     /// The operations on the metadata file of a replacement if that call fails.
-    Lines metadataOperations(Calls calls, unsigned at)
+    Lines metadataOperations(Calls calls, unsigned at, const Sequence& sequence = SAME_LENGTH_PUT)
     {
-        fill(SAME_LENGTH_PUT);
-        EXPECT_EQ(
-            run(SAME_LENGTH_PUT, {.kind = Fault::FAIL, .at = at, .calls = calls, .error = ENOSPC}),
-            1);
+        fill(sequence);
+        EXPECT_EQ(run(sequence, {.kind = Fault::FAIL, .at = at, .calls = calls, .error = ENOSPC}),
+                  FAULT_SURVIVED);
         Lines found;
-        for (const DiskOperation& operation : operations()) {
-            if (operation.path == "over")
-                break;
+        for (const DiskOperation& operation : workOperations())
             if (operation.path.ends_with(METADATA))
                 found.push_back(operation.text());
-        }
         return found;
     }
 };
@@ -68,7 +64,7 @@ TEST_F(DiscDBFailedPayloadTest, APayloadThatCannotBeSyncedLeavesTheStoredRecordA
 
 TEST_F(DiscDBFailedPayloadTest, AFullDiskLeavesTheStoredMetadataAlone)
 {
-    EXPECT_EQ(metadataOperations(CALL_RESERVE, 1), Lines{});
+    EXPECT_EQ(metadataOperations(CALL_RESERVE, 1, LONGER_PUT), Lines{});
 }
 
 struct DiscDBInterruptionTest : CrashPlay
@@ -81,14 +77,9 @@ struct DiscDBInterruptionTest : CrashPlay
         for (unsigned at = 1;; ++at) {
             const int code = run(SAME_LENGTH_PUT,
                                  {.kind = Fault::FAIL, .at = at, .calls = calls, .error = EINTR});
-            std::string last;
-            for (const DiskOperation& note : operations()) {
-                if (note.path == "over")
-                    break;
-                last = note.path;
-            }
-            states.insert(last);
-            if (code == 0)
+            const DiskOperations done = workOperations();
+            states.insert(done.empty() ? "" : done.back().path);
+            if (code == FINISHED)
                 return states;
         }
     }

@@ -74,12 +74,12 @@ class Reader
     {
         const std::set<std::string> before = listedSubjects();
         const std::string state = stampsOf("cl5");
-        const std::string other = stampsOf("other");
+        const std::string other = stampsOf(OTHER.subject);
         const bool isListed = listedSubjects().contains("cl5");
         // A record may come or go between the three looks.
         const bool differs = isListed == before.contains("cl5") && isListed != (state != "none");
         m_player.note("found " + state + (differs ? " differs" : "") +
-                      (other == "7/7" ? "" : " spoilt"));
+                      (other == wholeState(OTHER.number) ? "" : " spoilt"));
     }
 
     Player& m_player;
@@ -118,9 +118,9 @@ struct DiscDBReaderTest : CrashPlay
             player.files().setHook({});
         };
         fill(watched);
-        EXPECT_EQ(run(watched, {}), 0);
+        EXPECT_EQ(run(watched, {}), FINISHED);
         std::set<std::string> found;
-        for (const DiskOperation& note : operations())
+        for (const DiskOperation& note : workOperations())
             if (note.kind == DiskOperation::NOTE && note.path.starts_with("found "))
                 found.insert(note.path.substr(6));
         return found;
@@ -203,8 +203,8 @@ TEST_F(DiscDBReaderTest, AReaderInAnotherProcessFindsTheOldRecordOrTheNewOne)
             player.note(count < at ? "over the end" : "found " + peer.answer());
         };
         fill(watched);
-        ASSERT_EQ(run(watched, {}), 0);
-        for (const DiskOperation& note : operations()) {
+        ASSERT_EQ(run(watched, {}), FINISHED);
+        for (const DiskOperation& note : workOperations()) {
             isOver = isOver || note.path == "over the end";
             if (note.kind == DiskOperation::NOTE && note.path.starts_with("found "))
                 found.insert(note.path.substr(6));

@@ -2,6 +2,7 @@
 
 #include "DiscDB.h"
 
+#include <fstream>
 #include <gtest/gtest.h>
 
 #include "RefusedCall.h"
@@ -66,6 +67,8 @@ TEST_F(DiscDBRefusalsTest, WithoutAWriteLockARecordIsNotStored)
 
 TEST_F(DiscDBRefusalsTest, AFileThatCannotBeCutFailsThePersist)
 {
+    put({});
+    std::ofstream(name(), std::ios::app) << std::string(100, ' '); // only a longer file is cut
     QM_IN_CHILD([this] {
         const auto record = make({});
         EXPECT_TRUE(isSuccess(record->open(OM_UPDATE, "")));

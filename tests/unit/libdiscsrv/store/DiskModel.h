@@ -43,9 +43,9 @@ class DiskModel
     /// The files after a kill: the kernel keeps everything.
     FileTree afterKill() const;
 
-    /// The files after power cuts: first the one that loses everything it may lose, then all
-    /// choices of names, each with all bytes and with the synced bytes only. Further ones lose
-    /// sectors at random, with this seed.
+    /// The files after power cuts. Each choice of kept names comes with all bytes, and with the
+    /// synced bytes only. If many names changed, some choices are drawn at random. Further cuts
+    /// lose sectors, sizes or bytes at random. The seed decides what is drawn.
     std::set<FileTree> afterCuts(std::uint32_t seed) const;
     /// The files after the power cut that loses everything it may lose.
     FileTree afterWorstCut() const;

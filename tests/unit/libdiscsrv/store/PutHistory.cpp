@@ -61,15 +61,22 @@ bool PutHistory::allows(const std::string& state) const
     return mayBeWhole(std::stol(payload)) || std::stol(payload) == m_expired;
 }
 
-std::string stepOf(const DiskOperations& operations)
+std::string stepOf(const FileTree& before, const DiskOperations& operations)
 {
     std::string step = "before";
+    std::uint64_t size = 0; // of the metadata file
+    for (const auto& [path, content] : before)
+        if (path.ends_with(METADATA) && content)
+            size = content->size();
     for (const DiskOperation& operation : operations) {
         const bool isMetadata = operation.path.ends_with(METADATA);
         const bool isPayload = operation.path.ends_with(PAYLOAD);
-        if (operation.kind == DiskOperation::WRITE && isMetadata)
-            step = "document half-written";
-        else if (operation.kind == DiskOperation::RESIZE && isMetadata)
+        if (operation.kind == DiskOperation::WRITE && isMetadata) {
+            const std::uint64_t end = operation.at + operation.bytes.size();
+            size = std::max(size, end);
+            const bool isWhole = end == size && operation.bytes.ends_with("</DiscoveryData>");
+            step = isWhole ? "document written" : "document half-written";
+        } else if (operation.kind == DiskOperation::RESIZE && isMetadata)
             step = "document written";
         else if (operation.kind == DiskOperation::SYNC && isMetadata)
             step = "document synced";
@@ -80,8 +87,10 @@ std::string stepOf(const DiskOperations& operations)
             step = "directory synced";
         else if (operation.kind == DiskOperation::UNLINK && isPayload)
             step = "payload deleted";
-        else if (operation.kind == DiskOperation::UNLINK && isMetadata)
+        else if (operation.kind == DiskOperation::UNLINK && isMetadata) {
             step = "metadata deleted";
+            size = 0;
+        }
     }
     return step;
 }

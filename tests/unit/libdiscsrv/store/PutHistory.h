@@ -5,6 +5,7 @@
 #include <set>
 #include <string>
 
+#include "DiskModel.h"
 #include "DiskOperation.h"
 #include "StampedRecord.h"
 
@@ -19,12 +20,13 @@ class PutHistory
     PutHistory(const std::string& subject, const Stamped* stored, bool hasExpired,
                const DiskOperations& operations);
 
-    /// True for a state, as stampsOf returns it, that no crash forbids: a put that was acknowledged
-    /// and not replaced is whole. Only a put without an answer, or a failed one, may leave a
-    /// record in between.
+    /// True if a crash may leave this state, as stampsOf returns it. An acknowledged put is found
+    /// whole until another put replaces it. An open put may be found whole, half done, or not.
     bool allows(const std::string& state) const;
 
   private:
+    /// True if a reader may find both parts of this put: it is open, or it is acknowledged and no
+    /// acknowledged put began later.
     bool mayBeWhole(long number) const;
     bool isOpen(long number) const { return m_open.contains(number); }
 
@@ -35,6 +37,7 @@ class PutHistory
 };
 
 /// How far the last put or removal of cl5 has come. Each step has a name, as "payload renamed".
-std::string stepOf(const DiskOperations& operations);
+/// @param before the files before the operations.
+std::string stepOf(const FileTree& before, const DiskOperations& operations);
 
 } // namespace QmTest

@@ -1,26 +1,38 @@
 #include "StampedRecord.h"
 
+#include <cstdlib>
 #include <optional>
 
 namespace QmTest {
 
 namespace {
 
-constexpr long SECONDS_APART = 1'000'000;   ///< between two puts; only one digit differs
-constexpr std::size_t PAYLOAD_BYTES = 1100; ///< more than two sectors
+constexpr long SECONDS_APART = 1'000'000; ///< between two puts; only one digit differs
 
-char digit(long number)
+std::size_t payloadBytes(long number)
 {
-    return static_cast<char>('0' + number);
+    return number < 10 ? 1100 : 20000; // more than two sectors; more than a reader's buffer
 }
 
-/// The number that a text consists of, nothing for another text.
-std::optional<char> stampOf(const std::string& text)
+/// A text of the number, again and again.
+std::string repeated(long number, std::size_t bytes)
 {
-    if (text.empty() || text[0] < '1' || text[0] > '9' ||
-        text.find_first_not_of(text[0]) != text.npos)
+    const std::string unit = std::to_string(number) + (number < 10 ? "" : ".");
+    std::string text;
+    while (text.size() < bytes)
+        text += unit;
+    text.resize(bytes);
+    return text;
+}
+
+/// The number that is again and again in a text, nothing for another text.
+std::optional<long> stampOf(const std::string& text)
+{
+    const bool isLong = text.find('.') != text.npos;
+    const long number = std::atol(text.substr(0, isLong ? text.find('.') : 1).c_str());
+    if (number < 1 || text != repeated(number, text.size()))
         return std::nullopt;
-    return text[0];
+    return number;
 }
 
 std::string metadataStamp(const Disc::Discovery& record)
@@ -29,20 +41,23 @@ std::string metadataStamp(const Disc::Discovery& record)
     if (!attributes)
         return "mixed";
     const auto stamp = stampOf(attributes->getSignature().utf8());
-    if (!stamp || attributes->getDiscoveryTime().seconds() != (*stamp - '0') * SECONDS_APART)
+    if (!stamp || attributes->getDiscoveryTime().seconds() != *stamp * SECONDS_APART)
         return "mixed";
-    return std::string(1, *stamp);
+    return std::to_string(*stamp);
 }
 
 std::string payloadStamp(Disc::Discovery& record)
 {
     if (!isSuccess(record.open(Disc::OM_READ, "")))
         return "missing";
-    std::string payload(PAYLOAD_BYTES + 1, '\0');
-    const std::size_t size =
-        record.getCollectionData()->readCollection(payload.size(), payload.data());
-    const auto stamp = size == PAYLOAD_BYTES ? stampOf(payload.substr(0, size)) : std::nullopt;
-    return stamp ? std::string(1, *stamp) : "spoilt";
+    std::string payload;
+    char buffer[3000];
+    std::size_t count = 0;
+    while ((count = record.getCollectionData()->readCollection(sizeof buffer, buffer)) > 0 &&
+           count <= sizeof buffer)
+        payload.append(buffer, count);
+    const auto stamp = stampOf(payload);
+    return stamp && payload.size() == payloadBytes(*stamp) ? std::to_string(*stamp) : "spoilt";
 }
 
 } // namespace
@@ -67,7 +82,7 @@ StampedPut::StampedPut(const Stamped& stamped)
         Disc::CT_POINT_IN_TIME, Disc::CS_CENTRALREPOSITORY,
         Tlx::TlxObjTime(stamped.number * SECONDS_APART), Tlx::TlxObjTime(stamped.timeToLive),
         stamped.priority);
-    attributes->setSignature(std::string(stamped.signature, digit(stamped.number)));
+    attributes->setSignature(repeated(stamped.number, stamped.signature));
     m_record->setAttributes(attributes.release());
 }
 
@@ -76,11 +91,19 @@ Disc::DiscoveryStatus StampedPut::write()
     const Disc::DiscoveryStatus opened = m_record->open(Disc::OM_UPDATE, "").discStatus;
     if (opened != Disc::DS_SUCCESS)
         return opened;
-    const std::string half(PAYLOAD_BYTES / 2, digit(m_stamped.number));
-    for (int i = 0; i < 2; ++i)
-        if (!m_record->getCollectionData()->writeCollection(half.size(), half.data()))
+    const std::string payload = repeated(m_stamped.number, payloadBytes(m_stamped.number));
+    const std::size_t half = payload.size() / 2;
+    for (const std::size_t from : {std::size_t{0}, half})
+        if (!m_record->getCollectionData()->writeCollection(half, payload.data() + from))
             return Disc::DS_OPEN_FAILED;
     return Disc::DS_SUCCESS;
+}
+
+Disc::DiscoveryStatus putStamped(const Stamped& stamped)
+{
+    StampedPut put(stamped);
+    const Disc::DiscoveryStatus written = put.write();
+    return written == Disc::DS_SUCCESS ? put.persist() : written;
 }
 
 std::string stampsOf(const std::string& subject)
@@ -89,6 +112,16 @@ std::string stampsOf(const std::string& subject)
     const Tlx::AutoDereference<Disc::Discovery> record(
         Disc::getDiscoveryDBDatabase()->getDiscovery(file.c_str()));
     return record ? metadataStamp(*record) + "/" + payloadStamp(*record) : "none";
+}
+
+std::string wholeState(long number)
+{
+    return std::to_string(number) + "/" + std::to_string(number);
+}
+
+bool isWholeState(const std::string& state)
+{
+    return state == wholeState(std::atol(state.c_str()));
 }
 
 std::set<std::string> listedSubjects()

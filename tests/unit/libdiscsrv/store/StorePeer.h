@@ -17,68 +17,11 @@
 #include <tlx/FileSystem.h>
 #include <tlx/Log.h>
 
-#include "StoreFixture.h"
+#include "StampedRecord.h"
 #include "support/KernelLocks.h"
 #include "support/PeerProcess.h"
 
 namespace QmTest {
-
-/// The payload of a tagged record. Its time of discovery is the tag too.
-inline std::string taggedPayload(long tag)
-{
-    return std::string(20000, static_cast<char>('a' + tag % 26)) + std::to_string(tag);
-}
-
-inline Disc::DiscoveryStatus putTagged(const std::string& subject, long tag)
-{
-    const Tlx::AutoDereference<Disc::Discovery> record(
-        Disc::getDiscoveryDBDatabase()->newDiscovery(Disc::DQ_DISCOVERY_DATA));
-    record->setSubject(new Disc::Subject(subject));
-    record->setAuthority(new Disc::Authority("srv1", Disc::AT_QMKSERVER));
-    record->setAttributes(
-        new Disc::CollectionAttributes(Disc::CT_POINT_IN_TIME, Disc::CS_CENTRALREPOSITORY,
-                                       Tlx::TlxObjTime(tag), Tlx::TlxObjTime(), 5));
-    const Disc::DiscoveryResult opened = record->open(Disc::OM_UPDATE, "");
-    if (!isSuccess(opened))
-        return opened.discStatus;
-    const std::string payload = taggedPayload(tag);
-    const std::size_t half = payload.size() / 2; // two writes, so that a reader can come between
-    if (!record->getCollectionData()->writeCollection(half, payload.data()) ||
-        !record->getCollectionData()->writeCollection(payload.size() - half, payload.data() + half))
-        return Disc::DS_OPEN_FAILED;
-    return record->persist().discStatus;
-}
-
-struct TaggedRecord
-{
-    long metadata = -1; ///< the tag of the metadata
-    long payload = -2;  ///< the tag of the payload, if that is whole
-};
-
-inline TaggedRecord findTagged(const std::string& file)
-{
-    TaggedRecord found;
-    const Tlx::AutoDereference<Disc::Discovery> record(
-        Disc::getDiscoveryDBDatabase()->getDiscovery(file.c_str()));
-    if (!record)
-        return found;
-    found.metadata = static_cast<long>(record->getAttributes()->getDiscoveryTime().seconds());
-    if (!isSuccess(record->open(Disc::OM_READ, "")))
-        return found;
-    std::string payload;
-    char buffer[3000];
-    std::size_t count;
-    while ((count = record->getCollectionData()->readCollection(sizeof buffer, buffer)) > 0 &&
-           count <= sizeof buffer)
-        payload.append(buffer, count);
-    const std::size_t digits = payload.find_first_of("0123456789");
-    if (digits == payload.npos)
-        return found;
-    const long tag = std::stol(payload.substr(digits));
-    if (payload == taggedPayload(tag))
-        found.payload = tag;
-    return found;
-}
 
 /// Performs commands on a store. The commands and their answers:
 ///
@@ -86,15 +29,15 @@ inline TaggedRecord findTagged(const std::string& file)
 ///     begin SUBJECT PRIORITY      the status of open(OM_UPDATE)
 ///     write TEXT                  "1" or "0"
 ///     persist                     the status
-/// drop                        "done": abandons the record that it writes
+///     drop                        "done": abandons the record that it writes
 ///     find FILE                   "found" and the payload, or "none"; keeps the record
 ///     priority                    the priority of the record found
-/// release                     "done": releases the record found
+///     release                     "done": releases the record found
 ///     now SECONDS                 "done": sets the clock
 ///     clean DIR                   "1" when nobody writes a payload there, otherwise "0"
 ///     sees PATH                   "None", "Read" or "Write": the other processes' lock on the file
-///     storm COUNT FIRST           "0": how many puts of a tagged record failed
-///     watch COUNT FILE            "0": how many times a tagged record was not whole
+///     storm COUNT FIRST           "0": how many puts of the stamped record cl5 failed
+///     watch COUNT                 "0": how many times that record was not whole
 class StoreCommands
 {
   public:
@@ -153,23 +96,16 @@ class StoreCommands
         words >> count >> first;
         int failed = 0;
         for (int i = 0; i < count; ++i)
-            failed += putTagged("cl5", first + i) != Disc::DS_SUCCESS;
+            failed += putStamped({.number = first + i}) != Disc::DS_SUCCESS;
         return failed;
     }
     /// Counts the lookups that find metadata and payload of different puts. This process must not
     /// write.
     static int watch(const std::string& arguments)
     {
-        std::istringstream words(arguments);
-        int count = 0;
-        std::string file;
-        words >> count;
-        std::getline(words >> std::ws, file);
         int mixed = 0;
-        for (int i = 0; i < count; ++i) {
-            const TaggedRecord found = findTagged(file);
-            mixed += found.metadata != found.payload;
-        }
+        for (int i = std::stoi(arguments); i > 0; --i)
+            mixed += !isWholeState(stampsOf("cl5"));
         return mixed;
     }
     std::string begin(const std::string& arguments)

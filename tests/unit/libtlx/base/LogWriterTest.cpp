@@ -72,7 +72,7 @@ class Collected
     bool m_hangs = false;
 };
 
-struct CollectingOutput : LogOutput
+struct CollectingOutput : LogDestination
 {
     explicit CollectingOutput(Collected& to) : collected(to) {}
     bool write(const LogRecord& record) override
@@ -366,7 +366,7 @@ TEST_F(LogWriterTest, AConfigurationThatFailsChangesNothing)
 {
     configure();
     const auto done = m_writer.configure(
-        {}, []() -> std::unique_ptr<LogOutput> { throw std::runtime_error("no disk"); });
+        {}, []() -> std::unique_ptr<LogDestination> { throw std::runtime_error("no disk"); });
     ASSERT_FALSE(done);
     EXPECT_EQ("no disk", done.error());
     for (unsigned i = 0; i < 100; ++i)
