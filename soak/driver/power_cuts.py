@@ -59,8 +59,8 @@ def state_of(record, has_document, priority, payload):
     if not has_document:
         return ("nothing" if payload is None else "a payload alone"), record.stored is None
     if priority is None:
-        return ("a document that is not whole, in place of an old one" if record.stored
-                else "a document that is not whole"), True
+        # A document of a stored record has less than a sector and keeps its length in each write.
+        return "a document that is not whole", record.stored is None
     documents = [place for place, each in enumerate(allowed) if each[0] == priority]
     if not documents:
         return "a foreign document", False

@@ -1,6 +1,7 @@
 // Writing a record of the store: the priority rule, and the order of the writes and syncs.
 // docs/formats.md lists the states that a crash can leave.
 
+#include <cerrno>
 #include <sstream>
 
 #include <fcntl.h>
@@ -42,6 +43,45 @@ bool holdsBytes(const struct stat& status, std::size_t bytes)
     constexpr std::size_t BLOCK = 512; // the unit of st_blocks
     return static_cast<std::size_t>(status.st_size) >= bytes &&
            static_cast<std::size_t>(status.st_blocks) * BLOCK >= bytes;
+}
+
+bool reportWrite(const FileResult<>& written)
+{
+    if (written)
+        return true;
+    DISC_LOG(1, "Unable to write metadata");
+    DISC_LOG(1, "The cause: " << describeError(written.error()));
+    return false;
+}
+
+/// Lengthens a document.
+bool appendBlanks(int fd, std::size_t size, std::size_t newSize)
+{
+    auto written = reserveSpace(fd, newSize);
+    if (written && ::lseek(fd, static_cast<off_t>(size), SEEK_SET) < 0)
+        written = tl::unexpected(systemError(errno));
+    if (written)
+        written = writeAll(fd, std::string(newSize - size, ' '));
+    return reportWrite(written);
+}
+
+bool cutMetadata(int fd, std::size_t size)
+{
+    const auto cut = truncateFile(fd, size);
+    if (cut)
+        return true;
+    DISC_LOG(1, "Unable to truncate metadata");
+    DISC_LOG(1, "The cause: " << describeError(cut.error()));
+    return false;
+}
+
+bool syncMetadata(int fd, const TlxPathname& path)
+{
+    const auto synced = syncFile(fd);
+    if (synced)
+        return true;
+    DISC_LOG(1, "Unable to sync " << path << ", error " << synced.error().value());
+    return false;
 }
 
 } // namespace
@@ -165,14 +205,10 @@ DiscoveryResult DBDiscovery::persistLocked(LockedFile& file, const TlxPathname& 
             DISC_NOTICE("Cannot persist, data with higher priority already exists.");
             return {DS_DATA_EXISTS, 0};
         }
-        if (!replaceMetadata(file, path, xml))
-            return {DS_OPEN_FAILED, 0};
     }
     // Before the payload's name: otherwise a power cut could leave old metadata with a new payload.
-    if (const auto synced = syncFile(file.lock->get_handle()); !synced) {
-        DISC_LOG(1, "Unable to sync " << path << ", error " << synced.error().value());
+    if (!replaceMetadata(file, path, xml))
         return {DS_OPEN_FAILED, 0};
-    }
     auto* const payload = dynamic_cast<DBCollectionData*>(getCollectionData());
     if (!payload || !payload->persist(m_dbPath.withFileName(generatecollectionBaseFileName()))) {
         DISC_WARN("Collection data update failed");
@@ -181,16 +217,38 @@ DiscoveryResult DBDiscovery::persistLocked(LockedFile& file, const TlxPathname& 
     return {DS_SUCCESS, 0};
 }
 
+/// Overwrites the document and syncs it. A stored document never changes its length in the same
+/// moment: a power cut could keep the bytes of one document with the length of the other, and then
+/// nobody would find the record. Blanks after a document are legal.
 bool DBDiscovery::replaceMetadata(LockedFile& file, const TlxPathname& path, const std::string& xml)
 {
     const int fd = file.lock->get_handle();
-    if (::lseek(fd, 0, SEEK_SET) == 0 && writeMetadata(fd, xml))
+    const auto oldSize = static_cast<std::size_t>(file.status.st_size);
+    const auto failed = [&] {
+        DISC_LOG(1, "Metadata update to " << path << " failed");
+        // If the name held no record before, remove the empty or half-written file.
+        if (oldSize == 0)
+            (void)removeFile(path);
+        return false;
+    };
+    if (oldSize > 0 && xml.size() > oldSize) {
+        if (!appendBlanks(fd, oldSize, xml.size()))
+            return failed();
+        if (!syncMetadata(fd, path))
+            return false;
+    }
+    const std::size_t blanks = oldSize > xml.size() ? oldSize - xml.size() : 0;
+    {
+        const FileGate gate(*file.lock);
+        if (::lseek(fd, 0, SEEK_SET) != 0 || !writeMetadata(fd, xml + std::string(blanks, ' ')))
+            return failed();
+    }
+    if (!syncMetadata(fd, path))
+        return false;
+    if (blanks == 0)
         return true;
-    DISC_LOG(1, "Metadata update to " << path << " failed");
-    // If the name held no record before, remove the empty or half-written file.
-    if (file.status.st_size == 0)
-        (void)removeFile(path);
-    return false;
+    const FileGate gate(*file.lock);
+    return cutMetadata(fd, xml.size()) || failed(); // no sync: a power cut may keep the blanks
 }
 
 // Compat(metadata-in-place): other processes on a store lock the metadata file itself. So it is
@@ -205,19 +263,10 @@ bool DBDiscovery::writeMetadata(int fd, const std::string& xml)
     auto written = hasSpace ? FileResult<>() : reserveSpace(fd, xml.size());
     if (written)
         written = writeAll(fd, xml);
-    if (!written) {
-        DISC_LOG(1, "Unable to write metadata");
-        DISC_LOG(1, "The cause: " << describeError(written.error()));
-        return false;
-    }
-    if (old && static_cast<std::size_t>(old->st_size) <= xml.size())
-        return true;
-    if (const auto cut = truncateFile(fd, xml.size()); !cut) {
-        DISC_LOG(1, "Unable to truncate metadata");
-        DISC_LOG(1, "The cause: " << describeError(cut.error()));
-        return false;
-    }
-    return true;
+    if (!written)
+        return reportWrite(written);
+    const bool isLonger = !old || static_cast<std::size_t>(old->st_size) > xml.size();
+    return !isLonger || cutMetadata(fd, xml.size());
 }
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

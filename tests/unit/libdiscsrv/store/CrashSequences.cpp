@@ -119,6 +119,10 @@ const Sequence LONGER_PUT{.stored = {{.number = 1, .signature = 100}},
                           .work = putOf({.number = 2})};
 const Sequence SHORTER_PUT{.stored = {OLD},
                            .work = putOf({.number = 2, .priority = 2, .signature = 100})};
+const Sequence LONGER_PUT_IN_A_SECTOR{.stored = {{.number = 1, .signature = 10}},
+                                      .work = putOf({.number = 2, .signature = 60})};
+const Sequence SHORTER_PUT_IN_A_SECTOR{.stored = {{.number = 1, .signature = 60}},
+                                       .work = putOf({.number = 2, .signature = 10})};
 const Sequence REFUSED_PUT{.stored = {OLD}, .work = loseAgainstAnotherPut};
 const Sequence GIVEN_UP_PUT{.stored = {OLD}, .work = giveAPutUp};
 const Sequence EXPIRY{.stored = {OLD_EXPIRING}, .work = lookUp, .hasExpired = true};

@@ -9,6 +9,8 @@ extern const Sequence FIRST_PUT;
 extern const Sequence SAME_LENGTH_PUT; ///< replaces a document of the same length
 extern const Sequence LONGER_PUT;
 extern const Sequence SHORTER_PUT;
+extern const Sequence LONGER_PUT_IN_A_SECTOR; ///< both documents have less than 512 bytes
+extern const Sequence SHORTER_PUT_IN_A_SECTOR;
 extern const Sequence REFUSED_PUT; ///< loses against a put of higher priority
 extern const Sequence GIVEN_UP_PUT;
 extern const Sequence EXPIRY;

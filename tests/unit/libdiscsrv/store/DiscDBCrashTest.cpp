@@ -56,11 +56,13 @@ TEST_F(DiscDBCrashTest, AReplacedRecordGoesThroughTheStatesOfTheTable)
 
 TEST_F(DiscDBCrashTest, ALongerDocumentMayNotBeFoundWhileItIsWritten)
 {
-    EXPECT_EQ(playCrashes(LONGER_PUT),
-              (Lines{"before: kill 1/1, cut 1/1", "document written: kill 2/1, cut 1/1 2/1 none",
-                     "document synced: kill 2/1, cut 2/1", "payload renamed: kill 2/2, cut 2/1 2/2",
-                     "directory synced: kill 2/2, cut 2/2",
-                     "document half-written: kill 1/1 mixed/1 none, cut 1/1 mixed/1 none"}));
+    EXPECT_EQ(
+        playCrashes(LONGER_PUT),
+        (Lines{"before: kill 1/1, cut 1/1", "blanks written: kill 1/1, cut 1/1",
+               "blanks synced: kill 1/1, cut 1/1", "document written: kill 2/1, cut 1/1 2/1 none",
+               "document synced: kill 2/1, cut 2/1", "payload renamed: kill 2/2, cut 2/1 2/2",
+               "directory synced: kill 2/2, cut 2/2",
+               "document half-written: kill 1/1 mixed/1 none, cut 1/1 mixed/1 none"}));
     EXPECT_EQ(complaints(), Lines{});
 }
 
@@ -68,10 +70,20 @@ TEST_F(DiscDBCrashTest, AShorterDocumentMayNotBeFoundWhileItIsWritten)
 {
     EXPECT_EQ(
         playCrashes(SHORTER_PUT),
-        (Lines{"before: kill 1/1, cut 1/1",
-               "document half-written: kill 1/1 mixed/1 none, cut 1/1 mixed/1 none",
-               "document written: kill 2/1, cut 1/1 2/1 none", "document synced: kill 2/1, cut 2/1",
-               "payload renamed: kill 2/2, cut 2/1 2/2", "directory synced: kill 2/2, cut 2/2"}));
+        (Lines{"before: kill 1/1, cut 1/1", "document written: kill 2/1, cut 1/1 2/1 none",
+               "document synced: kill 2/1, cut 2/1", "document cut: kill 2/1, cut 2/1",
+               "payload renamed: kill 2/2, cut 2/1 2/2", "directory synced: kill 2/2, cut 2/2",
+               "document half-written: kill 1/1 mixed/1 none, cut 1/1 mixed/1 none"}));
+    EXPECT_EQ(complaints(), Lines{});
+}
+
+/// A disk writes a sector of 512 bytes whole. Most documents are shorter.
+TEST_F(DiscDBCrashTest, APowerCutNeverHidesADocumentOfOneSector)
+{
+    const Lines longer = playCrashes(LONGER_PUT_IN_A_SECTOR);
+    EXPECT_THAT(longer, testing::Contains("document written: kill 2/1, cut 1/1 2/1"));
+    const Lines shorter = playCrashes(SHORTER_PUT_IN_A_SECTOR);
+    EXPECT_THAT(shorter, testing::Contains("document written: kill 2/1, cut 1/1 2/1"));
     EXPECT_EQ(complaints(), Lines{});
 }
 

@@ -74,12 +74,16 @@ std::string stepOf(const FileTree& before, const DiskOperations& operations)
         if (operation.kind == DiskOperation::WRITE && isMetadata) {
             const std::uint64_t end = operation.at + operation.bytes.size();
             size = std::max(size, end);
-            const bool isWhole = end == size && operation.bytes.ends_with("</DiscoveryData>");
-            step = isWhole ? "document written" : "document half-written";
+            const std::string text =
+                operation.bytes.substr(0, operation.bytes.find_last_not_of(' ') + 1);
+            const bool isWhole = end == size && text.ends_with("</DiscoveryData>");
+            step = text.empty() ? "blanks written"
+                   : isWhole    ? "document written"
+                                : "document half-written";
         } else if (operation.kind == DiskOperation::RESIZE && isMetadata)
-            step = "document written";
+            step = "document cut";
         else if (operation.kind == DiskOperation::SYNC && isMetadata)
-            step = "document synced";
+            step = step == "blanks written" ? "blanks synced" : "document synced";
         else if (operation.kind == DiskOperation::RENAME && operation.to.ends_with(PAYLOAD))
             step = "payload renamed";
         else if (operation.kind == DiskOperation::SYNC && step == "payload renamed" &&
