@@ -145,6 +145,8 @@ bool DBCollectionData::writeCollection(std::size_t length, const void* buffer) c
     DISC_TRACE("DBCollectionData::writeCollection");
     if (!TLX_ASSERT_AS(m_file.isOpen(), "ACE_INVALID_HANDLE != m_handle"))
         return false;
+    if (m_spoilt)
+        return false; // what follows a lost part must not use the space that is free again
     m_prepared = false;
     const auto written = writeAll(m_file.get(), {static_cast<const char*>(buffer), length});
     if (written) {

@@ -224,6 +224,8 @@ TEST_F(DBCollectionDataTest, APayloadThatLostBytesIsNotPersisted)
         EXPECT_TRUE(data->isSpoilt());
         EXPECT_EQ(contentOf(path("0.updating")), "")
             << "the file system gets its space back at once";
+        EXPECT_FALSE(data->writeCollection(3, "end"));
+        EXPECT_EQ(log.texts(1).size(), 1u) << "no later part is tried";
         EXPECT_FALSE(data->persist(TlxPathname(name("x.dat"))));
         EXPECT_EQ(contentOf(path("x.dat")), "stored");
     });
