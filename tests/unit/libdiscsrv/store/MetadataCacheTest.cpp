@@ -303,6 +303,25 @@ TEST_F(RememberingStoreTest, ADocumentWithTwoPrioritiesIsNotRemembered)
     EXPECT_EQ(put({.priority = 9}), DS_SUCCESS);
 }
 
+/// The bound is 1,024 bytes for both names. The store writes no such document, but somebody else
+/// may.
+TEST_F(RememberingStoreTest, VeryLongNamesAreNotRemembered)
+{
+    put({.subject = "cl5"});
+    const std::string document = contentOf(path(METADATA));
+    const auto at = document.find("\"cl5\"");
+    ASSERT_NE(at, document.npos);
+    for (const auto& [length, isRemembered] : {std::pair(1020u, true), std::pair(1021u, false)}) {
+        std::string changed = document;
+        changed.replace(at + 1, 3, std::string(length, 'x'));
+        writeFile(path(METADATA), changed);
+        const auto record = find(METADATA);
+        ASSERT_TRUE(record);
+        EXPECT_EQ(record->getSubject()->getSubject().utf8().size(), length);
+        EXPECT_EQ(RememberedMetadata::of(*record).has_value(), isRemembered) << length;
+    }
+}
+
 TEST_F(RememberingStoreTest, APriorityOutsideTheLastAttributesIsNotRemembered)
 {
     put({.priority = 9});
