@@ -2,6 +2,8 @@
 
 #include <memory>
 
+#include <malloc.h>
+
 #include <DiscoveryRepository.h>
 #include <DiscoverySvc.h>
 #include <ServiceCounters.h>
@@ -32,10 +34,21 @@ Qmdisco::Explorers explorers()
     return result;
 }
 
+/// Gives large blocks back to the system when they are freed. The names of a large store are one
+/// block, and each walk makes a new one. By default the C library would keep such blocks, for each
+/// thread some. Pages of 1 MiB stay below the limit: they come and go with each call.
+void returnLargeBlocks()
+{
+    constexpr int LARGE = (1 << 20) + (64 << 10);
+    (void)::mallopt(M_MMAP_THRESHOLD, LARGE);
+    (void)::mallopt(M_TRIM_THRESHOLD, 4 * LARGE); // otherwise each page would go back as well
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
+    returnLargeBlocks();
     Qmdisco::Hosted hosted;
     hosted.makeService = [](bool foreground) {
         return std::make_unique<Tlx::DiscoverySvc::DiscoverySvc>(foreground);
