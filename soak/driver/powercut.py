@@ -182,7 +182,7 @@ def test_states():
     new, old = (3, 300), (2, 200)
     for stored, has_document, priority, payload, wanted in (
             (old, True, 2, old, True), (old, True, 3, new, True), (old, True, 3, old, True),
-            (old, True, None, old, True), (old, True, 2, new, False), (old, True, 4, old, False),
+            (old, True, None, old, False), (old, True, 2, new, False), (old, True, 4, old, False),
             (old, True, 3, (4, 400), False), (old, True, 3, None, False),
             (old, True, None, None, False), (old, True, None, (4, 400), False),
             (old, False, None, old, False), (old, False, None, None, False),
