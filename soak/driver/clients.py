@@ -23,14 +23,17 @@ class Client:
         self._random = random.Random(seed)
         self._lives = 0
         self.process = None
+        self._ledgers = []
 
     def start(self):
         states = []
+        self._ledgers = []
         for worker in self.workers:
             ledger = self._directory / ("%s.%d" % (worker.authority, self._lives))
             states.append({**self._orders["worker"], **self._book.state_of(worker),
                            "ledger": str(ledger), "seed": self._random.getrandbits(60)})
             worker.begin(ledger, time.monotonic_ns())
+            self._ledgers.append(ledger)
         self._lives += 1
         orders = {key: value for key, value in self._orders.items() if key != "worker"}
         with open(self._directory / "stderr", "ab") as output:
@@ -53,6 +56,11 @@ class Client:
         return [self._book.died(worker, now) for worker in self.workers]
 
     def ask_to_stop(self):
+        """Waits until the process has begun its ledgers. Before that the signal would end it at once."""
+        limit = time.monotonic() + STOP_LIMIT
+        while (self.is_running() and not all(ledger.exists() for ledger in self._ledgers) and
+               time.monotonic() < limit):
+            time.sleep(0.01)
         self.process.send_signal(signal.SIGTERM)
 
     def wait(self):
