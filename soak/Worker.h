@@ -33,9 +33,10 @@ class Worker
     /// "small", "big", "expiring" (how many records), "pause" (mean microseconds between
     /// operations), "limit" (seconds for an operation), "generations" {name: the last one used},
     /// "versions" {name: [[generation, size]...]} (what a reader may find; the first is the
-    /// acknowledged one, null if there is none), "writers" (how many it has abandoned), "iterators"
-    /// (when it abandoned each, in seconds of CLOCK_MONOTONIC). With "only" {operation: anything},
-    /// the worker does only these operations. The target must outlive the worker.
+    /// acknowledged one, or null if none was acknowledged), "writers" (how many it has abandoned),
+    /// "iterators" (when it abandoned each, in seconds of CLOCK_MONOTONIC). With "only"
+    /// {operation: anything}, the worker does only these operations. The target must outlive the
+    /// worker.
     Worker(const nlohmann::json& state, Target& target);
 
     /// Works until the flag is set. Returns false if it cannot go on.

@@ -15,6 +15,7 @@ sys.path.append(str(TOP / "scripts"))
 
 import machine  # noqa: E402
 
+import options_of_run  # noqa: E402
 import report as figures  # noqa: E402
 import self_test  # noqa: E402
 from on_directory import DirectorySoak  # noqa: E402
@@ -30,13 +31,7 @@ def parse():
         "store, and checks that nothing is lost and nothing grows. docs/reliability.md has the details.")
     parser.add_argument("minutes", type=float, nargs="?", default=60.0, metavar="MINUTES",
                         help="how long the master runs (default: 60)")
-    parser.add_argument("--seed", type=int, default=1, metavar="N",
-                        help="for all that happens at random (default: 1)")
-    parser.add_argument("--root", type=pathlib.Path, metavar="DIR",
-                        help="a new directory for all files; it stays. Without it they go to a "
-                        "temporary directory, which stays only after a failure")
-    parser.add_argument("--publish", action="store_true",
-                        help="write the figures into docs/reliability.md")
+    options_of_run.add(parser)
     parser.add_argument("--self-test", action="store_true",
                         help="only show that each check can fail")
     # For scripts/soak.

@@ -17,6 +17,7 @@ sys.path.append(str(TOP / "scripts"))
 import machine  # noqa: E402
 
 import block  # noqa: E402
+import options_of_run  # noqa: E402
 import report as figures  # noqa: E402
 from history import Record  # noqa: E402
 from power_cuts import PowerCuts, state_of  # noqa: E402
@@ -37,16 +38,10 @@ def parse():
         "what the file system has kept. docs/reliability.md has the details.")
     parser.add_argument("--cuts", type=int, metavar="N",
                         help="of each file system (default: %d)" % CUTS)
-    parser.add_argument("--seed", type=int, default=1, metavar="N",
-                        help="for all that happens at random (default: 1)")
+    options_of_run.add(parser)
     parser.add_argument("--fs", metavar="NAME,NAME...",
                         help="of %s (default: all that this machine has)"
                         % ", ".join(block.FILE_SYSTEMS))
-    parser.add_argument("--root", type=pathlib.Path, metavar="DIR",
-                        help="a new directory for all files; it stays. Without it they go to a "
-                        "temporary directory, which stays only after a failure")
-    parser.add_argument("--publish", action="store_true",
-                        help="write the figures into docs/reliability.md")
     parser.add_argument("--self-test", action="store_true",
                         help="only show that lost syncs are found")
     parser.add_argument("--short", action="store_true",
