@@ -164,9 +164,11 @@ class DISCSRV_EXPORT DBDiscovery : public Discovery
     /// Removes both files of an expired record.
     /// @return 0 if it removed the record, 1 if the record is current after all, 2 on failure.
     int expire();
+    /// True if expire failed because somebody else uses the record.
+    bool isInUse() const { return m_isInUse; }
 
-    /// Writes a document at a descriptor's position and cuts the file there. A full disk leaves the
-    /// old content unchanged.
+    /// Writes a document at the beginning of a file, where its descriptor is, and cuts the file
+    /// there. A full disk leaves the old content unchanged.
     bool writeMetadata(int fd, const std::string& xml);
 
     /// Return the names of the two files, empty if authority or subject is missing.
@@ -194,6 +196,7 @@ class DISCSRV_EXPORT DBDiscovery : public Discovery
     struct SeenPriority;
 
     std::unique_ptr<FileLock> m_fileLock;
+    bool m_isInUse = false;
     std::unique_ptr<SeenPriority> m_seen;
     std::string m_metadataText;
     TlxPathname m_dbPath;

@@ -17,6 +17,12 @@ constexpr unsigned LOG_ORIGINATOR = 400;
 /// The current logger of the service. Any thread may call it. A stale logger is replaced.
 DISCSRV_EXPORT Logger* getTlxLogger();
 
+/// For a line about something that is normal in one case: a notice then, and a warning otherwise.
+constexpr LogSeverity noticeIf(bool isNormal)
+{
+    return isNormal ? LogSeverity::Notice : LogSeverity::Warning;
+}
+
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc
 
 /// Opens the trace of an operation. Until the end of the block, all that this thread logs carries

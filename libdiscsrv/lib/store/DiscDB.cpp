@@ -131,7 +131,8 @@ Discovery* DiscoveryDBCreator::openStored(const char* fileName, Lookup& lookup)
             m_dbPath.withFileName(name.substr(0, name.size() - SUFFIX) + "dat"));
         discovery.reset(new DBDiscovery(std::move(file->lock), path, data, DQ_DISCOVERY_DATA));
         if (!discovery->loadFile(file->status)) {
-            DISC_WARN("Unable to load " << path);
+            const bool isNew = file->status.st_size == 0; // a put may have just made it
+            DISC_LOG_AS(LOG_LEVEL_FAILURE, noticeIf(isNew), "Unable to load " << path);
             return nullptr;
         }
     }
@@ -146,7 +147,8 @@ Discovery* DiscoveryDBCreator::openStored(const char* fileName, Lookup& lookup)
         DISC_NOTICE(path << " was modified during the expire and should not be expired");
         break;
     case 2:
-        DISC_WARN(path << " could not be expired");
+        DISC_LOG_AS(LOG_LEVEL_FAILURE, noticeIf(discovery->isInUse()),
+                    path << " could not be expired");
         break;
     default:
         TLX_SHOULD_NOT_GET_HERE();

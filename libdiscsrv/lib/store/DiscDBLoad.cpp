@@ -116,7 +116,11 @@ int DBDiscovery::expire()
         if (m_fileLock->release() != 0)
             DISC_LOG(1, "WARN: Unable to release file lock, errno: " << errno);
         if (m_fileLock->tryacquire_write_upgrade() != 0) {
-            DISC_WARN("Unable to upgrade lock to expire file, errno: " << errno);
+            const int error = errno;
+            // Somebody else uses the record, perhaps to remove it as well.
+            m_isInUse = error == EBUSY;
+            DISC_LOG_AS(LOG_LEVEL_FAILURE, noticeIf(m_isInUse),
+                        "Unable to upgrade lock to expire file, errno: " << error);
             return FAILED;
         }
     }

@@ -276,6 +276,9 @@ TEST_F(DBDiscoveryTest, AnEmptyMetadataFileIsRejected)
     EXPECT_FALSE(find(metadata));
     EXPECT_EQ(log.texts(1),
               (Lines{"Zero length xml file", "Unable to load " + path(metadata).string()}));
+    for (const std::string& text : log.texts(1))
+        EXPECT_EQ(log.severities(text), std::vector{LogSeverity::Notice})
+            << "a put may have made it";
 }
 
 TEST_F(DBDiscoveryTest, ADocumentWithoutSubjectOrAuthorityIsRejected)

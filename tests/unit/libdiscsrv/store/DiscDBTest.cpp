@@ -235,6 +235,8 @@ TEST_F(DiscDBTest, AnExpiredRecordThatIsReadElsewhereStays)
     EXPECT_EQ(log.texts(1), (Lines{path("1 srv1 cl5.xml").string() + " has expired",
                                    "Unable to upgrade lock to expire file, errno: 16",
                                    path("1 srv1 cl5.xml").string() + " could not be expired"}));
+    for (const std::string& text : log.texts(1))
+        EXPECT_EQ(log.severities(text), std::vector{LogSeverity::Notice}) << text;
     EXPECT_EQ(read(*reader), "payload");
 }
 
@@ -278,6 +280,7 @@ TEST_F(DiscDBTest, AnExpiredRecordWhosePayloadCannotBeDeletedStays)
               (Lines{path("1 srv1 cl5.xml").string() + " has expired",
                      "Unable to delete " + path("1 srv1 cl5.dat").string() + ", error 21",
                      path("1 srv1 cl5.xml").string() + " could not be expired"}));
+    EXPECT_EQ(log.severities(log.texts(1).back()), std::vector{LogSeverity::Warning});
     EXPECT_TRUE(std::filesystem::exists(path("1 srv1 cl5.xml")));
 }
 
