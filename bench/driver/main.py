@@ -112,6 +112,7 @@ def measure_all(plan, with_peers, programs, work):
                 bench.put(count, size)
         for count in plan.clients:
             bench.put_new(count, measure.SMALL)
+        document["beside"] = bench.listings_beside_puts()
         document["cells"] = [cell.to_json() for cell in bench.cells]
         document["logBytes"] = service.log_bytes()
         document["start"] = starts(plan, service, programs, work)

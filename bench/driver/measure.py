@@ -16,6 +16,12 @@ LARGEST = {"etcd": MIB, "gateway": MIB}  # the largest value that a peer takes
 
 RECORDS = "bench"
 NEW = "new"
+NEW_RECORDS = 1_000_000  # more than a client puts in one measurement
+
+# The listings beside puts, which show the growth of the memory.
+LISTING_CLIENTS = 3
+PUTTING_CLIENTS = 4
+BESIDE_SECONDS = 20
 
 
 def size_name(size):
@@ -179,10 +185,32 @@ class Bench:
     def put_new(self, clients, size):
         """Puts records that are not in the store yet."""
         def before():
-            self._new += 1_000_000
+            self._new += NEW_RECORDS
         self._cell("put new " + size_name(size), "put", clients, lambda i: {
-            "authority": NEW, "size": size, "count": 1_000_000, "first": self._new + i,
+            "authority": NEW, "size": size, "count": NEW_RECORDS, "first": self._new + i,
             "step": clients, "new": True}, size, ("echo", "files"), before)
+
+    def listings_beside_puts(self):
+        """Lists everything again and again while others put: each listing walks over the directory.
+        Returns the resident bytes before and after, and the number of records at the end."""
+        common = {"seconds": BESIDE_SECONDS * self._plan.seconds, **self.service.command()}
+        self._new += NEW_RECORDS
+        lists = [{**common, "operation": "service.list", "authority": RECORDS, "pattern": "*",
+                  "count": self.records} for _ in range(LISTING_CLIENTS)]
+        puts = [{**common, "operation": "service.put", "authority": NEW, "size": SMALL,
+                 "count": NEW_RECORDS, "first": self._new + i, "step": PUTTING_CLIENTS, "new": True}
+                for i in range(PUTTING_CLIENTS)]
+        process = self.service.process
+        before = process.resident_bytes()
+        answers = self._clients.run(lists + puts)
+        result = {"records": sum(
+                      name.endswith(".xml") for name in os.listdir(self.service.store)), "residentBefore": before,
+                  "residentAfter": process.resident_bytes(),
+                  "listings": sum(a["operations"] for a in answers[:LISTING_CLIENTS]),
+                  "puts": sum(a["operations"] for a in answers[LISTING_CLIENTS:])}
+        self._say("  %d listings beside %d puts: resident %.1f MiB before, %.1f after" % (
+            result["listings"], result["puts"], before / MIB, result["residentAfter"] / MIB))
+        return result
 
     def first_listings(self):
         """Lists everything with a service that has just started, and again. For each repeat: the

@@ -60,6 +60,12 @@ def tables(document):
     result.append(("Listing all after a start. Memory: before the first, after the second",
                    ["listing", "records", "seconds", "processor us a record", "resident MiB"],
                    rows))
+    beside = document["beside"]
+    result.append(("Listings of all beside puts of new records",
+                   ["listings", "puts", "records", "resident MiB before", "after"],
+                   [["{:,}".format(beside["listings"]), "{:,}".format(beside["puts"]),
+                     "{:,}".format(beside["records"]), "%.1f" % (beside["residentBefore"] / 2**20),
+                     "%.1f" % (beside["residentAfter"] / 2**20)]]))
     start = document["start"]
     result.append(("Start of the service", ["records", "seconds: median (least–most)"],
                    [["{:,}".format(count), "%.3f (%.3f–%.3f)" % (median(values), min(values),

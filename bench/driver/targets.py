@@ -83,6 +83,11 @@ def goals(document):
     result.append(Goal("memory after listing %d records" % listing["records"],
                        "64 MiB + 300 bytes a record",
                        resident / (64 * MIB + 300 * listing["records"]), 1.0, at_least=False))
+    beside = document["beside"]
+    result.append(Goal("memory after listings beside puts",
+                       "64 MiB + 300 bytes a record",
+                       beside["residentAfter"] / (64 * MIB + 300 * beside["records"]), 1.0,
+                       at_least=False))
     start = document["start"]
     result.append(Goal("start with %d records" % start["records"], "none (seconds more)",
                        statistics.median(start["full"]) - statistics.median(start["empty"]), 1.0,
