@@ -44,7 +44,7 @@ bool isExact(const std::string& name)
 /// A file that may hold a matching record.
 struct DBDiscoveryIterator::Candidate
 {
-    std::string name;
+    const std::string& name; ///< until the next candidate
     /// Nothing for an exact name, which may name no file, and for a file without a status.
     std::optional<struct stat> status;
 };
@@ -94,7 +94,7 @@ std::optional<DBDiscoveryIterator::Candidate> DBDiscoveryIterator::lookUp(const 
 {
     if (std::exchange(m_last, name) == name)
         return std::nullopt;
-    return Candidate{name, std::nullopt};
+    return Candidate{m_last, std::nullopt};
 }
 
 std::optional<DBDiscoveryIterator::Candidate>
