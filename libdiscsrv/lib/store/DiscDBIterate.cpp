@@ -1,6 +1,7 @@
 // Finds the records that match a query: by exact names, or by a walk over the directory.
 
 #include <array>
+#include <climits>
 #include <utility>
 
 #include <tlx/Wildcard.h>
@@ -92,7 +93,8 @@ std::optional<DBDiscoveryIterator::Candidate> DBDiscoveryIterator::nextCandidate
 
 std::optional<DBDiscoveryIterator::Candidate> DBDiscoveryIterator::lookUp(const std::string& name)
 {
-    if (std::exchange(m_last, name) == name)
+    // No file has a longer name, and an open of one would be logged as a failure.
+    if (name.size() > NAME_MAX || std::exchange(m_last, name) == name)
         return std::nullopt;
     return Candidate{m_last, std::nullopt};
 }
