@@ -75,18 +75,20 @@ struct Evictor::State
     std::map<std::string, Watched> objects;
     bool ended = false;
     std::thread thread;
-    TimePoint wake{}; ///< when the thread looks next
+    TimePoint looked{}; ///< the time of the last look
+    TimePoint wake{};   ///< when the thread looks next
 
     TimePoint now() const { return clock ? clock() : std::chrono::steady_clock::now(); }
 
-    /// The time of the thread's next look. It looks at a busy object again after that object's
-    /// time-out.
+    /// The time of the thread's next look. An object that was due at the last look and is still
+    /// here was busy: the thread looks at it again after its time-out. One that fell due since then
+    /// does not wait so long.
     TimePoint nextLook() const
     {
         TimePoint next = now() + std::chrono::hours(1);
         for (const auto& [key, object] : objects) {
             const TimePoint due = object.due();
-            next = std::min(next, due > now() ? due : now() + object.timeout);
+            next = std::min(next, due > looked ? due : now() + object.timeout);
         }
         // Otherwise a busy object with a tiny time-out would keep the thread running.
         return std::max(next, now() + std::chrono::milliseconds(10));
@@ -180,7 +182,7 @@ std::size_t Evictor::evictIdle()
     std::vector<Watched> idle;
     {
         const std::lock_guard guard(m_state->mutex);
-        const TimePoint now = m_state->now();
+        const TimePoint now = m_state->looked = m_state->now();
         for (auto it = m_state->objects.begin(); it != m_state->objects.end();) {
             if (it->second.idleAt(now)) {
                 idle.push_back(std::move(it->second));
