@@ -15,8 +15,9 @@ constexpr const char* LOG_SOURCE = "../DiscDB";
 DirectoryStream::DirectoryStream(const TlxPathname& directory)
     : m_stream(FileSystem::current().opendir(directory.c_str()))
 {
+    const int error = errno;
     if (!m_stream)
-        DISC_LOG(1, "Unable to open " << directory << ", error " << errno);
+        DISC_LOG(1, "Unable to open " << directory << ", error " << error);
 }
 
 const char* DirectoryStream::next()
@@ -24,9 +25,10 @@ const char* DirectoryStream::next()
     errno = 0;
     if (const dirent* const entry = FileSystem::current().readdir(m_stream.get()))
         return entry->d_name;
-    m_isBroken = errno != 0;
+    const int error = errno;
+    m_isBroken = error != 0;
     if (m_isBroken)
-        DISC_LOG(1, "Unable to read the directory, error " << errno);
+        DISC_LOG(1, "Unable to read the directory, error " << error);
     return nullptr;
 }
 
