@@ -42,6 +42,7 @@ Failure notTaken(const TlxPathname& root, const TlxPathname& path, const LockFai
         return cannot("open", path, why.error);
     case LockFailure::REPLACED:
         return {EC_ROOT_UNUSABLE, "cannot lock " + path.text() + ": it is removed again and again"};
+    case LockFailure::TURN:
     case LockFailure::LOCKING:
         break;
     }

@@ -26,7 +26,9 @@ void logFailure(const LockFailure& failure, const TlxPathname& path)
 {
     // A lock that is busy hurts one request. Any other failure needs an administrator.
     const LogSeverity severity =
-        failure.step == LockFailure::LOCKING ? LogSeverity::Warning : LogSeverity::Error;
+        failure.step == LockFailure::TURN || failure.step == LockFailure::LOCKING
+            ? LogSeverity::Warning
+            : LogSeverity::Error;
     DISC_LOG_AS(LOG_LEVEL_FAILURE, severity,
                 (failure.step == LockFailure::OPENING ? "Unable to open " : "Unable to lock ")
                     << path);
@@ -39,7 +41,9 @@ std::string causeOf(const LockFailure& failure)
         return "the file was replaced after each of " + std::to_string(LOCK_MAX_ATTEMPTS) +
                " openings";
     if (failure.error == std::errc::timed_out)
-        return "other processes had a lock on it for all of " +
+        return (failure.step == LockFailure::TURN
+                    ? "other puts of this process replaced it for all of "
+                    : "other processes had a lock on it for all of ") +
                std::to_string(FileLock::waitLimit().count()) + " ms";
     if (failure.error == std::errc::device_or_resource_busy)
         return "another process or another writer has a lock on it";

@@ -180,12 +180,13 @@ struct LockFailure
     enum Step
     {
         OPENING, ///< or looking at the path after the locking
-        LOCKING,
+        TURN,    ///< another thread of this process kept its turn; only for Write
+        LOCKING, ///< another process, or another holder of this process, kept its lock
         REPLACED ///< after each locking, the path named another file or no file
     };
     Step step;
     std::error_code error;
-    /// The open file if LOCKING failed.
+    /// The open file if TURN or LOCKING failed.
     std::unique_ptr<FileLock> file = nullptr;
 };
 

@@ -248,7 +248,7 @@ tl::expected<LockedFile, LockFailure> openLocked(const TlxPathname& path, int fl
             if (!turn) {
                 const int error = wait == LockWait::WAIT ? ETIMEDOUT : EBUSY;
                 return tl::unexpected(
-                    LockFailure{LockFailure::LOCKING, systemError(error), std::move(lock)});
+                    LockFailure{LockFailure::TURN, systemError(error), std::move(lock)});
             }
         }
         if (((*lock).*(wait == LockWait::WAIT ? acquire : tryAcquire))() != 0) {

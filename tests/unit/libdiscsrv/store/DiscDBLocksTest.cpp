@@ -242,6 +242,19 @@ TEST_F(DiscDBLocksTest, AListingWaitsForOneLockedRecordOnly)
     EXPECT_TRUE(log.has(1, "The cause: other processes had a lock on it for all of 300 ms"));
 }
 
+TEST_F(DiscDBLocksTest, APutThatWaitsForAnotherPutOfItsProcessSaysSo)
+{
+    put({.subject = "a", .payload = "old"});
+    const auto other = FileLock::open(path("1 srv1 a.xml").string(), O_RDWR);
+    ASSERT_TRUE(other);
+    const WriterTurn turn(*other);
+    FileLock::setWaitLimit(std::chrono::milliseconds(50));
+    std::thread([&] { EXPECT_EQ(put({.subject = "a"}), DS_OPEN_FAILED); }).join();
+    EXPECT_TRUE(log.has(1, "Unable to lock " + path("1 srv1 a.xml").string()));
+    EXPECT_TRUE(log.has(1, "The cause: other puts of this process replaced it for all of 50 ms"));
+    EXPECT_EQ(find("1 srv1 a.xml"), "found old");
+}
+
 TEST_F(DiscDBLocksTest, AnExpiredRecordThatAnotherProcessReadsStays)
 {
     put({.timeToLive = 100});
