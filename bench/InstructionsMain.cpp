@@ -106,8 +106,9 @@ void read(unsigned long number)
 void list(const char* pattern, unsigned long wanted)
 {
     const auto iterator = query("*", pattern);
+    Disc::RecordListing listing(*iterator);
     unsigned long found = 0;
-    while (Disc::listNext(*iterator))
+    while (listing.next())
         ++found;
     expect(found == wanted, "a listing is not complete");
 }

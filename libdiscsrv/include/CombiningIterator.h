@@ -24,7 +24,8 @@ class DISCSRV_EXPORT CombiningIterator : public virtual DiscoveryIterator, publi
     ~CombiningIterator() override;
 
   private:
-    std::vector<AutoDereference<DiscoveryIterator>> m_iterators;
+    std::vector<AutoDereference<DiscoveryIterator>> m_iterators; ///< without null
+    std::vector<RecordListing> m_listings;                       ///< one of each iterator
     std::size_t m_current = 0;
 };
 

@@ -320,8 +320,18 @@ class DISCSRV_EXPORT RecordLister
     virtual std::optional<ListedRecord> listNext() = 0;
 };
 
-/// Lists the next record of any iterator.
-DISCSRV_EXPORT std::optional<ListedRecord> listNext(DiscoveryIterator& iterator);
+/// Lists the records of any iterator, which must live as long.
+class DISCSRV_EXPORT RecordListing
+{
+  public:
+    explicit RecordListing(DiscoveryIterator& iterator);
+    /// Moves to the next record; nothing at the end.
+    std::optional<ListedRecord> next();
+
+  private:
+    DiscoveryIterator& m_iterator;
+    RecordLister* m_lister; ///< null if the iterator opens each record
+};
 
 /// A storage backend. A process has one of each kind.
 class DISCSRV_EXPORT DiscoveryCreator : protected virtual TlxLockable

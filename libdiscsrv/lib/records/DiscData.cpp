@@ -216,12 +216,17 @@ void DiscoveryIterator::setSubject(const Uri& uri)
 
 RecordLister::~RecordLister() = default;
 
-std::optional<ListedRecord> listNext(DiscoveryIterator& iterator)
+RecordListing::RecordListing(DiscoveryIterator& iterator)
+    : m_iterator(iterator), m_lister(dynamic_cast<RecordLister*>(&iterator))
 {
-    if (auto* const lister = dynamic_cast<RecordLister*>(&iterator))
-        return lister->listNext();
+}
+
+std::optional<ListedRecord> RecordListing::next()
+{
+    if (m_lister)
+        return m_lister->listNext();
     for (;;) {
-        AutoDereference<Discovery> record(iterator.getNext());
+        AutoDereference<Discovery> record(m_iterator.getNext());
         if (!record)
             return std::nullopt;
         const Authority* const authority = record->getAuthority();

@@ -67,10 +67,11 @@ DiscoverySeq* DiscoveryIterator_i::getNextPage()
 
         std::vector<Row> rows;
         std::size_t bytes = 0;
+        RecordListing listing(*m_discoveryIterator);
         // Compat(page-one-more): peers expect one record more than the page size. The comparison is
         // done in 64 bits because the page size may be the largest 32-bit number.
         while (static_cast<std::int64_t>(rows.size()) <= m_pageSize && bytes < MAX_PAGE_BYTES) {
-            auto listed = listNext(*m_discoveryIterator);
+            auto listed = listing.next();
             if (!listed)
                 break;
             const auto* remote = dynamic_cast<const RemoteExplorerPull*>(listed->record.get());

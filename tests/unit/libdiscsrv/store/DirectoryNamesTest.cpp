@@ -232,8 +232,9 @@ TEST_F(DirectoryNamesTest, AnIteratorGoesOnWhileRecordsComeAndGo)
         writeFile(path(name(i) + ".xml"), document);
     const AutoDereference<DiscoveryIterator> iterator(
         getDiscoveryDBDatabase()->getIterator(DQ_DISCOVERY_DATA));
+    RecordListing listing(*iterator);
     unsigned found = 0;
-    while (listNext(*iterator)) {
+    while (listing.next()) {
         // Other listings walk again, and their names replace the ones of this iterator.
         if (++found % 100 == 0) {
             writeFile(path("1 srv1 s0" + std::to_string(found) + ".xml"), document);

@@ -212,8 +212,9 @@ struct RememberingStoreTest : QmTest::Store
     {
         const AutoDereference<DiscoveryIterator> iterator(
             getDiscoveryDBDatabase()->getIterator(DQ_DISCOVERY_DATA));
+        RecordListing listing(*iterator);
         std::vector<std::string> names;
-        while (const auto listed = listNext(*iterator))
+        while (const auto listed = listing.next())
             names.push_back(listed->subject + " of " + listed->authority);
         std::sort(names.begin(), names.end());
         return names;
@@ -275,7 +276,7 @@ TEST_F(RememberingStoreTest, ARememberedRecordOfRemotePullStaysHidden)
     const AutoDereference<DiscoveryIterator> iterator(
         getDiscoveryDBDatabase()->getIterator(DQ_DISCOVERY_DATA));
     iterator->setAuthority("*", AT_REMOTEPULL);
-    ASSERT_TRUE(listNext(*iterator));
+    ASSERT_TRUE(RecordListing(*iterator).next());
     EXPECT_EQ(list(), Lines{});
 }
 
