@@ -78,6 +78,9 @@ class Directory:
             raise Spoilt("%s: spoilt, %d bytes" % (name, len(payload)))
         return version
 
+    def has_document(self, name):
+        return self._file(name, ".xml").exists()
+
     def priority(self, name):
         """The priority in the metadata; None without a well-formed document."""
         try:

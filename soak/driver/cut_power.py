@@ -19,8 +19,9 @@ import machine  # noqa: E402
 import block  # noqa: E402
 import options_of_run  # noqa: E402
 import report as figures  # noqa: E402
+from cut_states import state_of  # noqa: E402
 from history import Record  # noqa: E402
-from power_cuts import PowerCuts, state_of  # noqa: E402
+from on_file_system import PowerCuts  # noqa: E402
 from problems import Problems  # noqa: E402
 
 PAGE = TOP / "docs" / "reliability.md"

@@ -1,4 +1,4 @@
-"""Plays power cuts under a daemon's store, and checks what each may leave."""
+"""The power cuts on one file system: a daemon works on it, the power goes, and the files are checked."""
 
 import collections
 import contextlib
@@ -9,10 +9,11 @@ import time
 import audit
 import block
 from clients import Client
+from cut_states import state_of
 from history import HOT
 from ledger import Book, Worker
 from service import Service
-from stamp import matches, payload_of
+from stamp import payload_of
 
 giop = audit.giop
 
@@ -39,39 +40,6 @@ class Wire(audit.Wire):
         if result.discStatus != giop.DiscoveryStatus.DS_SUCCESS:
             return result.discStatus
         return writer.close().discStatus if writer.put(payload) else None
-
-
-def document_state(directory, name):
-    """(whether there is a document, its priority)"""
-    authority, subject = name.split("/")
-    path = directory.store / ("%d %s %s.xml" % (audit.CLIENT, authority, subject))
-    return path.exists(), directory.priority(name)
-
-
-def state_of(record, has_document, priority, payload):
-    """What a cut has left of a record with puts in flight: a word, and whether it may be so."""
-    allowed = ([record.stored] if record.stored else [(0, -1)]) + record.pending
-    payloads = [place for place, each in enumerate(allowed) if payload and matches(payload, each)]
-    if payload is None and record.stored:
-        return "no payload", False
-    if payload is not None and not payloads:
-        return "a foreign payload", False
-    if not has_document:
-        return ("nothing" if payload is None else "a payload alone"), record.stored is None
-    if priority is None:
-        # A document of a stored record has less than a sector and keeps its length in each write.
-        return "a document that is not whole", record.stored is None
-    documents = [place for place, each in enumerate(allowed) if each[0] == priority]
-    if not documents:
-        return "a foreign document", False
-    document = documents[0]
-    if payload is None:
-        return "a document alone", True
-    if document in payloads:
-        return ("new" if document else "old"), True
-    if min(payloads) < document:
-        return "a new document with an old payload", True
-    return "an old document with a new payload", False
 
 
 class PowerCuts:
@@ -245,7 +213,7 @@ class PowerCuts:
         for name, record in sorted(self._book.records.items()):
             if record.expires:
                 continue
-            has_document, priority = document_state(directory, name)
+            has_document, priority = directory.has_document(name), directory.priority(name)
             try:
                 payload = directory.read(name)
             except audit.Spoilt as failure:
