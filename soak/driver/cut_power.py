@@ -14,11 +14,11 @@ import traceback
 TOP = pathlib.Path(__file__).resolve().parents[2]
 sys.path.append(str(TOP / "scripts"))
 
+import figures  # noqa: E402
 import machine  # noqa: E402
 
 import block  # noqa: E402
 import options_of_run  # noqa: E402
-import report as figures  # noqa: E402
 from cut_states import state_of  # noqa: E402
 from history import Record  # noqa: E402
 from on_file_system import PowerCuts  # noqa: E402
@@ -203,21 +203,17 @@ def table(document):
     rows = [[key] + ["{:,}".format(round(part.get(key, 0))) for part in parts] for key in keys]
     rows += [["left of a put in flight: " + state] +
              ["{:,}".format(part["states"].get(state, 0)) for part in parts] for state in states]
-    return ["what"] + [part["file system"] for part in parts], rows
+    return "", ["what"] + [part["file system"] for part in parts], rows
 
 
 def to_text(document):
-    header, rows = table(document)
-    return "\n".join("%-48s %s" % (row[0], " ".join("%10s" % each for each in row[1:]))
-                     for row in [header, *rows])
+    return figures.to_text([table(document)])
 
 
 def to_markdown(document):
-    header, rows = table(document)
-    lines = ["%d cuts of each on %s, seed %d. %s." % (document["cuts"], document["date"],
-                                                     document["seed"], document["machine"]), "",
-             "| %s |" % " | ".join(header), "|%s" % ("---|" * len(header))]
-    return "\n".join(lines + ["| %s |" % " | ".join(row) for row in rows]) + "\n"
+    return "%d cuts of each on %s, seed %d. %s.\n" % (
+        document["cuts"], document["date"], document["seed"],
+        document["machine"]) + figures.to_markdown([table(document)])
 
 
 def run(options, file_systems, work, problems):

@@ -16,7 +16,7 @@ sys.path.append(str(TOP / "scripts"))
 import machine  # noqa: E402
 
 import options_of_run  # noqa: E402
-import report as figures  # noqa: E402
+import report  # noqa: E402
 import self_test  # noqa: E402
 from on_directory import DirectorySoak  # noqa: E402
 from on_service import ServiceSoak  # noqa: E402
@@ -99,13 +99,13 @@ def main():
         else:
             shutil.rmtree(work)
     (results / "soak.json").write_text(json.dumps(document, indent=1) + "\n", encoding="utf-8")
-    print(figures.to_text(document))
+    print(report.to_text(document))
     say("the figures are in %s" % results)
     if document["problems"]:
         say("FAILED: %d problems" % len(document["problems"]))
         return 1
     if options.publish:
-        figures.write_into(PAGE, document)
+        report.write_into(PAGE, document)
         say("the figures are in %s" % PAGE.relative_to(TOP))
     return 0
 
