@@ -6,6 +6,8 @@ import signal
 import subprocess
 import time
 
+LIMIT = 20       # seconds for an answer, or for an operation on a directory
+EXPIRY = 3       # seconds; after this every expiring record is gone
 STOP_LIMIT = 60
 # A process ends with this driver, even if the driver is killed.
 LEASH = ("setpriv", "--pdeathsig", "KILL")
@@ -81,8 +83,22 @@ class Client:
             raise RuntimeError("a client ended by itself with %d" % self.process.returncode)
 
     def end(self):
+        """Nobody may read the book's ledgers after this."""
         if self.is_running():
             self.process.kill()
             self.process.wait(STOP_LIMIT)
         for worker in self.workers:
             worker.close()
+
+
+def let_work(clients, drive, report):
+    """Starts the clients, calls drive() while they work, and stops them in order."""
+    for client in clients:
+        client.start()
+    drive()
+    for client in clients:
+        client.ask_to_stop()
+    for client in clients:
+        problem = client.wait()
+        if problem:
+            report(problem)

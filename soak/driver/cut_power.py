@@ -3,28 +3,24 @@
 import argparse
 import json
 import os
-import pathlib
 import shutil
-import signal
 import sys
-import tempfile
 import time
 import traceback
 
-TOP = pathlib.Path(__file__).resolve().parents[2]
+from common import PAGE, TOP, add_options, work_directory
+
 sys.path.append(str(TOP / "scripts"))
 
 import figures  # noqa: E402
 import machine  # noqa: E402
 
 import block  # noqa: E402
-import options_of_run  # noqa: E402
 from cut_states import state_of  # noqa: E402
 from history import Record  # noqa: E402
 from on_file_system import PowerCuts  # noqa: E402
 from problems import Problems  # noqa: E402
 
-PAGE = TOP / "docs" / "reliability.md"
 BEGIN = "<!-- begin of the power cuts' figures: scripts/powercut --publish writes them -->"
 END = "<!-- end of the power cuts' figures -->"
 CUTS = 20
@@ -39,7 +35,7 @@ def parse():
         "what the file system has kept. docs/reliability.md has the details.")
     parser.add_argument("--cuts", type=int, metavar="N",
                         help="of each file system (default: %d)" % CUTS)
-    options_of_run.add(parser)
+    add_options(parser)
     parser.add_argument("--fs", metavar="NAME,NAME...",
                         help="of %s (default: all that this machine has)"
                         % ", ".join(block.FILE_SYSTEMS))
@@ -48,10 +44,6 @@ def parse():
     parser.add_argument("--short", action="store_true",
                         help="%d cuts on ext4 and a short self-test. If this machine cannot play power "
                         "cuts, that is no failure" % SHORT_CUTS)
-    # For scripts/powercut.
-    parser.add_argument("--programs", type=pathlib.Path, default=TOP / "build" / "release" / "bin",
-                        help=argparse.SUPPRESS)
-    parser.add_argument("--check-options", action="store_true", help=argparse.SUPPRESS)
     options = parser.parse_args()
     if options.cuts is None:
         options.cuts = SHORT_CUTS if options.short else CUTS
@@ -242,22 +234,9 @@ def main():
     if not file_systems:
         say("SKIPPED: %s" % reason)
         return 0 if options.short else SKIPPED
-    # An end by a signal ends the processes and the mounts, too.
-    signal.signal(signal.SIGTERM, lambda number, _: sys.exit(128 + number))
-    if options.root:
-        options.root.mkdir(parents=True)
-        work = options.root.resolve()
-    else:
-        work = pathlib.Path(tempfile.mkdtemp(prefix="qmpower."))
     problems = Problems()
-    document = None
-    try:
+    with work_directory(options, "qmpower.", problems, say) as work:
         document = run(options, file_systems, work, problems)
-    finally:
-        if options.root or problems.lines or document is None:
-            say("the files are in %s" % work)
-        else:
-            shutil.rmtree(work)
     if document["file systems"]:
         print(to_text(document))
     results = options.programs.parent / "soak"

@@ -108,6 +108,11 @@ class Book:
     def record(self, name):
         return self.records.setdefault(name, Record())
 
+    def figures(self):
+        """What a run states about all its records."""
+        return {"records": sum(record.stored is not None for record in self.records.values()),
+                "acknowledged puts": self.counts["ack"]}
+
     def _line(self, worker, word, time, rest):
         if word == "took":
             for each in rest[1:]:

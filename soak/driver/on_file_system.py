@@ -8,7 +8,7 @@ import time
 
 import audit
 import block
-from clients import Client
+from clients import EXPIRY, LIMIT, Client
 from cut_states import state_of
 from history import HOT
 from ledger import Book, Worker
@@ -17,9 +17,7 @@ from stamp import payload_of
 
 giop = audit.giop
 
-LIMIT = 20             # seconds for an answer
 CLIENTS = 4
-EXPIRY = 3             # after this every expiring record is gone
 BUSY_LIMIT = 60
 FIRST_RECORDS = 20     # of each client; each round adds some, so that there are always first puts
 MORE_RECORDS = 6
@@ -90,9 +88,7 @@ class PowerCuts:
             self._go_on(images[-1][0])
         self._book.judge_losses(lambda _: False)
         return {"file system": self._file_system.name, "seconds": time.monotonic() - begin,
-                "acknowledged puts": self._book.counts["ack"],
-                "records": sum(record.stored is not None for record in self._book.records.values()),
-                **self.counts, "states": dict(self.states)}
+                **self._book.figures(), **self.counts, "states": dict(self.states)}
 
     # The cut.
 

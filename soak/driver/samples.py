@@ -36,6 +36,13 @@ def percentile(bins, share):
     return 2 ** ((number + 1) / 8) / 1000
 
 
+def latency_figures(book):
+    """{kind of operation: its number, and its percentiles in milliseconds}"""
+    return {kind: {"operations": sum(bins.values()), "p50": percentile(bins, 0.5),
+                   "p99": percentile(bins, 0.99), "max": percentile(bins, 1)}
+            for kind, bins in sorted(book.latencies.items())}
+
+
 class Series:
     """The samples of one life of the daemon."""
 
