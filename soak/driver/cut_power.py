@@ -1,12 +1,9 @@
-"""Plays power cuts on real file systems. scripts/powercut builds the programs first."""
+"""Plays power cuts on real file systems, for scripts/powercut. on_file_system.py has the play."""
 
 import argparse
 import json
-import os
-import shutil
 import sys
 import time
-import traceback
 
 from common import PAGE, TOP, add_options, work_directory
 
@@ -16,16 +13,14 @@ import figures  # noqa: E402
 import machine  # noqa: E402
 
 import block  # noqa: E402
-from cut_states import state_of  # noqa: E402
-from history import Record  # noqa: E402
-from on_file_system import PowerCuts  # noqa: E402
+import test_cuts  # noqa: E402
+from on_file_system import play  # noqa: E402
 from problems import Problems  # noqa: E402
 
 BEGIN = "<!-- begin of the power cuts' figures: scripts/powercut --publish writes them -->"
 END = "<!-- end of the power cuts' figures -->"
 CUTS = 20
 SHORT_CUTS = 2
-SELF_TEST_CUTS = 5   # the most, until something is lost
 SKIPPED = 77
 
 
@@ -48,13 +43,13 @@ def parse():
     if options.cuts is None:
         options.cuts = SHORT_CUTS if options.short else CUTS
     if not 1 <= options.cuts <= 10000:
-        parser.error("N cuts: from 1 to 10000")
+        parser.error("--cuts: from 1 to 10000")
     wanted = options.fs or ("ext4" if options.short else "")
     options.must_have = bool(wanted)
     options.fs = wanted.split(",") if wanted else list(block.FILE_SYSTEMS)
     for name in options.fs:
         if name not in block.FILE_SYSTEMS:
-            parser.error("--fs: %s is none of %s" % (name, ", ".join(block.FILE_SYSTEMS)))
+            parser.error("--fs: no %s here, only %s" % (name, ", ".join(block.FILE_SYSTEMS)))
     return options
 
 
@@ -63,7 +58,7 @@ def say(text):
 
 
 def playable(options):
-    """The file systems to play on, or a reason why there is none."""
+    """(the file systems to play on, why there are none)"""
     reason = block.why_not(options.programs)
     if reason:
         return [], reason
@@ -77,114 +72,6 @@ def playable(options):
         else:
             say("without %s: %s" % (name, reason))
     return found, reason
-
-
-def play(options, file_system, directory, seed, cuts, report, lost_syncs=None):
-    """Returns the figures; None if the play broke off."""
-    directory.mkdir()
-    try:
-        return PowerCuts(options.programs, directory, file_system, seed, report, say,
-                         lost_syncs).run(cuts)
-    except Exception as failure:  # pylint: disable=broad-except
-        traceback.print_exc()
-        report("the play on %s broke off: %r" % (file_system.name, failure))
-        return None
-
-
-# What the store loses when it does without some of its syncs. Each has one text that a play must report.
-LOST_SYNCS = (
-    ("all", ("there is no store", "missing", "instead of", "spoilt")),
-    ("directories", ("missing", "instead of", "spoilt")),
-    ("payloads", ("missing", "instead of", "spoilt")),
-    ("metadata", ("missing", "instead of", "an old document with a new payload")),
-)
-
-
-def self_test(options, work, is_short):
-    """Returns what the plays did not find although they must."""
-    failures = test_disk(options, work / "disk-test") + test_states()
-    for which, texts in LOST_SYNCS[:1] if is_short else LOST_SYNCS:
-        found = []
-        for number in range(SELF_TEST_CUTS):
-            directory = work / ("lost-%s-%d" % (which, number))
-            play(options, block.FILE_SYSTEMS["ext4"], directory, options.seed + number, 1,
-                 found.append, which)
-            shutil.rmtree(directory)
-            if found:
-                break
-        lines = [line for line in found if any(text in line for text in texts)]
-        say("without syncs (%s): %d problems in %d cuts%s"
-            % (which, len(found), number + 1, ", as %s" % lines[0] if lines else ""))
-        if not lines or any("broke off" in line for line in found):
-            failures.append("without syncs (%s) the play finds no loss, but %s" % (which, found))
-    return failures
-
-
-def test_disk(options, work):
-    """A cut loses what no flush covers, and nothing else."""
-    work.mkdir()
-    mount = work / "mount"
-    mount.mkdir()
-    safe = work / "safe"
-    sectors = 64
-    size = int(block.SECTOR)
-    safe.write_bytes(b"0" * sectors * size)
-    failures = []
-
-    def expect(what, found, wanted):
-        if found != wanted:
-            failures.append("the disk: %s: %s instead of %s" % (what, found, wanted))
-    disk = block.CutDisk(options.programs, safe, work / "current", mount)
-    try:
-        with open(disk.path, "r+b", buffering=0) as file:
-            def write(letter):
-                file.seek(0)
-                file.write(letter * sectors * size)
-            write(b"1")
-            os.fsync(file.fileno())
-            write(b"2")
-            write(b"3")
-            expect("unflushed sectors", disk.cut(1000, 0, 0)[1], 2 * sectors)
-            images = {}
-            for kind in ("none", "all", "writes", "sectors"):
-                disk.image(kind, 3, work / kind)
-                content = (work / kind).read_bytes()
-                images[kind] = [content[i * size:(i + 1) * size] for i in range(sectors)]
-                expect("torn sectors", [each for each in images[kind] if len(set(each)) != 1], [])
-            disk.thaw()
-            expect("nothing kept", {each[:1] for each in images["none"]}, {b"1"})
-            expect("all kept", {each[:1] for each in images["all"]}, {b"3"})
-            expect("some sectors kept", {each[:1] for each in images["sectors"]},
-                   {b"1", b"2", b"3"})
-            file.seek(0)
-            expect("the content after it goes on", file.read(1), b"3")
-    finally:
-        disk.end()
-    shutil.rmtree(work)
-    return failures
-
-
-def test_states():
-    """What a cut may leave of a put of generation 3 in place of generation 2, or of nothing."""
-    failures = []
-    new, old = (3, 300), (2, 200)
-    for stored, has_document, priority, payload, wanted in (
-            (old, True, 2, old, True), (old, True, 3, new, True), (old, True, 3, old, True),
-            (old, True, None, old, False), (old, True, 2, new, False), (old, True, 4, old, False),
-            (old, True, 3, (4, 400), False), (old, True, 3, None, False),
-            (old, True, None, None, False), (old, True, None, (4, 400), False),
-            (old, False, None, old, False), (old, False, None, None, False),
-            (None, False, None, None, True), (None, True, None, None, True),
-            (None, True, 3, None, True), (None, False, None, new, True),
-            (None, True, 3, new, True), (None, True, 3, (4, 400), False)):
-        record = Record()
-        record.stored = stored
-        record.pending = [new]
-        state, may_be = state_of(record, has_document, priority, payload)
-        if may_be != wanted:
-            failures.append("%s instead of %s, for priority %s and payload %s: %s"
-                            % (stored, new, priority, payload, state))
-    return failures
 
 
 def table(document):
@@ -212,14 +99,14 @@ def run(options, file_systems, work, problems):
     document = {"date": time.strftime("%Y-%m-%d"), "seed": options.seed, "cuts": options.cuts,
                 "machine": machine.to_text(machine.describe(work)).rpartition(", ")[0], "file systems": []}
     if options.self_test or options.short:
-        for failure in self_test(options, work, options.short):
+        for failure in test_cuts.run(options, work, say):
             problems(failure)
     if options.self_test:
         return document
     for file_system in file_systems:
         say("%d cuts on %s" % (options.cuts, file_system.name))
         part = play(options, file_system, work / file_system.name, options.seed,
-                    options.cuts, problems)
+                    options.cuts, problems, say)
         if part:
             document["file systems"].append(part)
     return document

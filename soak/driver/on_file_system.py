@@ -5,6 +5,7 @@ import contextlib
 import os
 import random
 import time
+import traceback
 
 import audit
 import block
@@ -267,3 +268,15 @@ class PowerCuts:
         for record in self._book.records.values():
             if record.last < MOST_GENERATION and self._chance.random() < 0.25:
                 record.last = max(record.last, 10 ** len(str(record.last)) - 3)
+
+
+def play(options, file_system, directory, seed, cuts, report, say, lost_syncs=None):
+    """Returns the figures; None if the play broke off."""
+    directory.mkdir()
+    try:
+        return PowerCuts(options.programs, directory, file_system, seed, report, say,
+                         lost_syncs).run(cuts)
+    except Exception as failure:  # pylint: disable=broad-except
+        traceback.print_exc()
+        report("the play on %s broke off: %r" % (file_system.name, failure))
+        return None
