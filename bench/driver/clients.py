@@ -6,7 +6,7 @@ import subprocess
 import time
 
 ANSWER_LIMIT = 600
-HEAD_START = 0.02  # so that every client has read the start before it comes
+HEAD_START = 0.02  # seconds; every client has read the time of the start before it comes
 
 
 class Clients:

@@ -18,7 +18,7 @@ RECORDS = "bench"
 NEW = "new"
 NEW_RECORDS = 1_000_000  # more than a client puts in one measurement
 
-# The listings beside puts, which show the growth of the memory.
+# Listings beside puts show how the memory grows.
 LISTING_CLIENTS = 3
 PUTTING_CLIENTS = 4
 BESIDE_SECONDS = 20
@@ -125,7 +125,7 @@ class Bench:
 
     @staticmethod
     def _settle():
-        """Leaves nothing of the filling to be written while something is measured."""
+        """Writes the filling to the disk now, and not during a measurement."""
         os.sync()
 
     @staticmethod
@@ -203,8 +203,8 @@ class Bench:
         process = self.service.process
         before = process.resident_bytes()
         answers = self._clients.run(lists + puts)
-        result = {"records": sum(
-                      name.endswith(".xml") for name in os.listdir(self.service.store)), "residentBefore": before,
+        stored = sum(name.endswith(".xml") for name in os.listdir(self.service.store))
+        result = {"records": stored, "residentBefore": before,
                   "residentAfter": process.resident_bytes(),
                   "listings": sum(a["operations"] for a in answers[:LISTING_CLIENTS]),
                   "puts": sum(a["operations"] for a in answers[LISTING_CLIENTS:])}

@@ -1,4 +1,4 @@
-"""The services of others that do the same work, when their packages are installed."""
+"""Services of others that do the same work. Their packages must be installed."""
 
 import base64
 import os

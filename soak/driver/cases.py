@@ -29,7 +29,7 @@ class Cases:
         self.count = 0
 
     def expect(self, what, found, *wanted):
-        """Each wanted text must be part of one problem, and each problem must have one. Without a
+        """Each wanted text must be in one problem, and each problem must have a wanted text. Without a
         wanted text there must be no problem."""
         self.count += 1
         missing = [text for text in wanted if not any(text in line for line in found)]

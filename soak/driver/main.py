@@ -65,7 +65,7 @@ def main():
     options = parse()
     if options.check_options:
         return 0
-    # A check that cannot fail is worth nothing, so each run begins with this.
+    # Each run first shows that its checks can fail.
     failures = self_test.run(options.programs.resolve())
     if options.self_test or failures:
         return 1 if failures else 0

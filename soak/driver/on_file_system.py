@@ -20,12 +20,12 @@ giop = audit.giop
 
 CLIENTS = 4
 BUSY_LIMIT = 60
-FIRST_RECORDS = 20     # of each client; each round adds some, so that there are always first puts
-MORE_RECORDS = 6
+FIRST_RECORDS = 20     # of each client
+MORE_RECORDS = 6       # in each round, so each round has first puts
 MOST_GENERATION = 10 ** 8
 PUT_BYTES = 3000
 WRITES = (0, 1, 1, 2, 3, 4, 6, 10)  # how many writes no flush covers at the cut
-CUT_SECONDS = 2                     # after this the power goes in any case
+CUT_SECONDS = 2                     # after this the disk stops in any case
 KINDS = ("none", "all", "writes", "sectors")
 
 
@@ -42,7 +42,7 @@ class Wire(audit.Wire):
 
 
 class PowerCuts:
-    """One file system. Each round ends with a cut, and the next one goes on with what it left."""
+    """One file system. Each round ends with a cut, and the next round goes on with what the cut left."""
 
     def __init__(self, programs, work, file_system, seed, report, say, lost_syncs=None):
         self._programs = programs
@@ -91,16 +91,16 @@ class PowerCuts:
         return {"file system": self._file_system.name, "seconds": time.monotonic() - begin,
                 **self._book.figures(), **self.counts, "states": dict(self.states)}
 
-    # The cut.
+    # Before the cut, and the cut.
 
     def _play(self):
-        """Runs until the power goes. Returns the images, (what is kept, sectors); the next round
-        goes on with the last one."""
+        """Runs until the power goes. Returns the images: [(what is kept, sectors)]. The next round goes
+        on with the last one."""
         disk = block.CutDisk(self._programs, self._base, self._images / "current", self._disk_mount)
         with contextlib.ExitStack() as stack:
             stack.callback(disk.end)
             stack.enter_context(block.mounted(self._file_system, disk.path, self._db))
-            # Whatever fails, nothing may wait for a disk that has stopped.
+            # After a failure too, the disk goes on before the unmount, which would wait for it.
             stack.callback(self._end_processes, disk)
             self._service.start()
             for client in self._clients:
@@ -137,7 +137,7 @@ class PowerCuts:
         self._end_service()
 
     def _wait_for_puts(self, count):
-        """Each client has so many acknowledged puts in this round."""
+        """Waits for so many acknowledged puts of each client, on average."""
         deadline = time.monotonic() + BUSY_LIMIT
         wanted = self._book.counts["ack"] + CLIENTS * count
         while self._book.counts["ack"] < wanted:
@@ -160,7 +160,7 @@ class PowerCuts:
         self._chance.shuffle(images)
         return images
 
-    # What it left.
+    # After the cut.
 
     def _check(self, kind, is_last):
         def report(text):
@@ -204,7 +204,7 @@ class PowerCuts:
             report("the store has the file \"%s\"" % name)
 
     def _check_states(self, directory, report):
-        """Looks at the files, before a daemon does. Returns the records whose document a cut has left
+        """Checks the files before a daemon starts. Returns the records whose document the cut left
         half-written."""
         half_written = set()
         for name, record in sorted(self._book.records.items()):
@@ -217,7 +217,7 @@ class PowerCuts:
                 report("in the files: %s" % failure)
                 continue
             if not record.stored and not record.pending:
-                continue  # a put after another image of this cut
+                continue  # only another image of this cut has it, by a put after the cut
             if record.pending:
                 state, may_be = state_of(record, has_document, priority, payload)
                 self.states[state] += 1

@@ -24,7 +24,7 @@ class Plan:
         if seconds <= 300:
             self.restarts = [(0.3 * seconds, "kill"), (0.55 * seconds, "stop")]
             return
-        # Many short lives first, and then one that is as long as possible.
+        # First many short lives, then one that is as long as possible.
         self.restarts = []
         at = 0.0
         while True:
@@ -97,7 +97,7 @@ class ServiceSoak:
             self._problem(self._service.stop())
             self._service.check_status(self._report)
             self.counts["daemons stopped"] += 1
-        # What clients abandoned before does not count any more.
+        # The restart frees what clients abandoned before.
         self._book.read(time.monotonic_ns())
         self._start_service()
 

@@ -10,7 +10,7 @@ from cases import Cases
 
 
 def run(programs):
-    """Returns how many checks did not fail when they had to, or failed when they must not."""
+    """Returns how many checks missed a defect, or reported a problem without one."""
     cases = Cases()
     with tempfile.TemporaryDirectory(prefix="qmsoak.") as name:
         directory = pathlib.Path(name)

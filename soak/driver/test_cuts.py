@@ -10,7 +10,7 @@ from on_file_system import play
 
 MOST_CUTS = 5   # until something is lost
 
-# What the store loses when it does without some of its syncs. Each has one text that a play must report.
+# The syncs that do nothing in a play, and texts. The play must report at least one of the texts.
 LOST_SYNCS = (
     ("all", ("there is no store", "missing", "instead of", "spoilt")),
     ("directories", ("missing", "instead of", "spoilt")),
@@ -20,7 +20,7 @@ LOST_SYNCS = (
 
 
 def run(options, work, say):
-    """Returns what the plays did not find although they must."""
+    """Returns what the plays and the disk did wrong."""
     failures = test_disk(options, work / "disk-test") + test_states()
     for which, texts in LOST_SYNCS[:1] if options.short else LOST_SYNCS:
         found = []
