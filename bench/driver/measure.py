@@ -81,7 +81,6 @@ class Bench:
         self._say = say
         self._new = 0
         self.records = 0
-        self.sized = False
         self.cells = []
 
     def _kept(self):
@@ -94,11 +93,9 @@ class Bench:
         self.service.stop()
         self.service.fill(RECORDS, SMALL, self.records, records)
         for peer in self._kept():
-            if hasattr(peer, "start"):
-                peer.stop()
+            peer.begin_filling()
             peer.fill(RECORDS, SMALL, self.records, records)
-            if hasattr(peer, "start"):
-                peer.start()
+            peer.end_filling()
         self._settle()
         self.service.start()
         self.records = records
@@ -107,19 +104,16 @@ class Bench:
         """Adds the large records to every store."""
         self.service.stop()
         for peer in self._kept():
-            if hasattr(peer, "start"):
-                peer.stop()
-                peer.add_unit(NEW)
+            peer.begin_filling()
+            peer.add_unit(NEW)
         for size in SIZES:
             self.service.fill(self._authority(size), size, 0, SIZED_RECORDS[size])
             for peer in self._kept():
-                if hasattr(peer, "add_unit"):
-                    peer.add_unit(self._written(size))
+                peer.add_unit(self._written(size))
                 if size <= LARGEST.get(peer.name, size):
                     peer.fill(self._authority(size), size, 0, SIZED_RECORDS[size])
         for peer in self._kept():
-            if hasattr(peer, "start"):
-                peer.start()
+            peer.end_filling()
         self._settle()
         self.service.start()
 
