@@ -1,6 +1,7 @@
 // Finds the records that match a query: by exact names, or by a walk over the directory.
 
 #include <array>
+#include <climits>
 #include <utility>
 
 #include <tlx/Wildcard.h>
@@ -44,7 +45,7 @@ bool isExact(const std::string& name)
 /// A file that may hold a matching record.
 struct DBDiscoveryIterator::Candidate
 {
-    std::string name;
+    const std::string& name; ///< until the next candidate
     /// Nothing for an exact name, which may name no file, and for a file without a status.
     std::optional<struct stat> status;
 };
@@ -92,9 +93,10 @@ std::optional<DBDiscoveryIterator::Candidate> DBDiscoveryIterator::nextCandidate
 
 std::optional<DBDiscoveryIterator::Candidate> DBDiscoveryIterator::lookUp(const std::string& name)
 {
-    if (std::exchange(m_last, name) == name)
+    // No file has a longer name, and an open of one would be logged as a failure.
+    if (name.size() > NAME_MAX || std::exchange(m_last, name) == name)
         return std::nullopt;
-    return Candidate{name, std::nullopt};
+    return Candidate{m_last, std::nullopt};
 }
 
 std::optional<DBDiscoveryIterator::Candidate>

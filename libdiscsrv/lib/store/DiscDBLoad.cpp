@@ -37,7 +37,6 @@ bool isExpired(const Discovery* discovery)
 
 bool DBDiscovery::load()
 {
-    DISC_TRACE("DBDiscovery::load");
     if (!TLX_ASSERT(m_fileLock) || !TLX_ASSERT_AS(m_fileLock->get_handle() != -1,
                                                   "ACE_INVALID_HANDLE != m_fileLock->get_handle()"))
         return false;
@@ -48,6 +47,7 @@ bool DBDiscovery::load()
 /// @param status of the locked file.
 bool DBDiscovery::loadFile(const struct stat& status)
 {
+    DISC_TRACE("DBDiscovery::load"); // the name that log readers know
     if (status.st_size == 0) {
         DISC_NOTICE("Zero length xml file"); // a put may have just made it
         return false;

@@ -45,10 +45,14 @@ bool holdsBytes(const struct stat& status, std::size_t bytes)
            static_cast<std::size_t>(status.st_blocks) * BLOCK >= bytes;
 }
 
+/// Log readers find the failures of every write and cut of metadata under this operation.
+constexpr const char* WRITE_METADATA = "DBDiscovery::writeMetadata";
+
 bool reportWrite(const FileResult<>& written)
 {
     if (written)
         return true;
+    const LogScope scope(WRITE_METADATA);
     DISC_LOG(1, "Unable to write metadata");
     DISC_LOG(1, "The cause: " << describeError(written.error()));
     return false;
@@ -70,6 +74,7 @@ bool cutMetadata(int fd, std::size_t size)
     const auto cut = truncateFile(fd, size);
     if (cut)
         return true;
+    const LogScope scope(WRITE_METADATA);
     DISC_LOG(1, "Unable to truncate metadata");
     DISC_LOG(1, "The cause: " << describeError(cut.error()));
     return false;
@@ -255,7 +260,7 @@ bool DBDiscovery::replaceMetadata(LockedFile& file, const TlxPathname& path, con
 // overwritten, and no other file is renamed over it.
 bool DBDiscovery::writeMetadata(int fd, const std::string& xml)
 {
-    DISC_TRACE("DBDiscovery::writeMetadata");
+    DISC_TRACE(WRITE_METADATA);
     // Space that the old document has, and a length that stays, cost nothing. A change of either
     // would cost the next sync another write.
     const auto old = statusOf(fd);

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <array>
+#include <deque>
 #include <functional>
 #include <mutex>
 #include <random>
-#include <vector>
 
 #include <tsl/robin_map.h>
 
@@ -163,12 +163,12 @@ class MetadataCache::Shard
         const auto place = m_places.find(hash);
         if (place == m_places.end())
             return std::nullopt;
-        const Entry& entry = *m_entries[place->second].entry;
+        const Entry& entry = m_entries[place->second].entry;
         if (entry.stamp() != stamp || !entry.isOf(fileName))
             return std::nullopt;
         return entry.metadata();
     }
-    void remember(std::size_t hash, std::unique_ptr<Entry> entry)
+    void remember(std::size_t hash, Entry entry)
     {
         const std::lock_guard guard(m_mutex);
         if (m_most == 0)
@@ -193,7 +193,7 @@ class MetadataCache::Shard
     struct Remembered
     {
         std::size_t hash;
-        std::unique_ptr<Entry> entry;
+        Entry entry;
     };
 
     /// Removes an entry. The last one takes its place.
@@ -208,7 +208,7 @@ class MetadataCache::Shard
     mutable std::mutex m_mutex; // guards all members below
     std::size_t m_most = 0;
     tsl::robin_map<std::size_t, std::uint32_t, std::identity> m_places; ///< hash to m_entries
-    std::vector<Remembered> m_entries;
+    std::deque<Remembered> m_entries; ///< it grows without a copy of all
     std::minstd_rand m_random;
 };
 
@@ -245,7 +245,7 @@ void MetadataCache::remember(std::string_view fileName, const struct stat& statu
     if (!stamp.isSettledNow())
         return;
     const std::size_t hash = hashOf(fileName);
-    shardOf(hash).remember(hash, std::make_unique<Entry>(fileName, stamp, metadata));
+    shardOf(hash).remember(hash, Entry(fileName, stamp, metadata));
 }
 
 void MetadataCache::forget(std::string_view fileName)

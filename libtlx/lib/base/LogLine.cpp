@@ -1,5 +1,7 @@
 #include "LogLine.h"
 
+#include <algorithm>
+
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -56,13 +58,17 @@ bool appendEscaped(std::string& line, std::string_view text, std::size_t most)
     return true;
 }
 
-/// " (SOURCE:LINE)" if the text ends with it; empty otherwise.
-std::string placeBehind(std::string_view text, const LogPlace& place)
+/// " (SOURCE:LINE)" if the text ends with it; empty otherwise. Only the line is compared: the
+/// source in a text is the unit's name, and the place has the file.
+std::string_view placeBehind(std::string_view text, const LogPlace& place)
 {
     if (place.source == nullptr)
         return {};
-    std::string behind = fmt::format(" ({}:{})", place.source, place.line);
-    return behind.size() <= MAX_PLACE_BYTES && text.ends_with(behind) ? behind : std::string();
+    const std::string_view end = text.substr(text.size() - std::min(text.size(), MAX_PLACE_BYTES));
+    const std::size_t begin = end.rfind(" (");
+    if (begin == std::string_view::npos || !end.ends_with(fmt::format(":{})", place.line)))
+        return {};
+    return end.substr(begin);
 }
 
 } // namespace
@@ -82,10 +88,11 @@ LogRecord makeLogRecord(const LogCaller& caller, unsigned originator, const LogC
     body += fmt::format(" [{}] ", toText(call.severity));
     const std::size_t begin = body.size();
     if (!appendEscaped(body, text, MAX_BODY_BYTES)) {
-        const std::string behind = placeBehind(text, call.place);
+        const std::string_view behind = placeBehind(text, call.place);
         body.resize(begin);
         (void)appendEscaped(body, text, MAX_BODY_BYTES - CUT_MARK_BYTES - behind.size());
-        body += fmt::format("... ({} bytes)", text.size()) + behind;
+        body += fmt::format("... ({} bytes)", text.size());
+        (void)appendEscaped(body, behind, MAX_BODY_BYTES);
     }
     return {caller.time, call.severity, std::move(body)};
 }

@@ -276,6 +276,8 @@ TEST_F(DBDiscoveryTest, AnEmptyMetadataFileIsRejected)
     EXPECT_FALSE(find(metadata));
     EXPECT_EQ(log.texts(1),
               (Lines{"Zero length xml file", "Unable to load " + path(metadata).string()}));
+    EXPECT_EQ(log.lines()[0].operation, "DBDiscovery::load");
+    EXPECT_EQ(log.lines()[1].operation, "DiscoveryDBCreator::getDiscovery");
     for (const std::string& text : log.texts(1))
         EXPECT_EQ(log.severities(text), std::vector{LogSeverity::Notice})
             << "a put may have made it";

@@ -81,6 +81,8 @@ TEST_F(DiscDBRefusalsTest, AFileThatCannotBeCutFailsThePersist)
                   (Lines{"Unable to truncate metadata", "The cause: EIO, Input/output error",
                          "Metadata update to " + name() + " failed",
                          "Deleted file: " + path("0.updating").string()}));
+        EXPECT_EQ(log.lines()[0].operation, "DBDiscovery::writeMetadata");
+        EXPECT_EQ(log.lines()[2].operation, "DBDiscovery::persist");
     });
 }
 

@@ -184,6 +184,17 @@ TEST_F(DiscDBTest, ATooComplexPatternMatchesNothingAndIsReportedOnce)
               Lines{"A pattern may have 1024 bytes, this one has 2009 and matches nothing"});
 }
 
+TEST_F(DiscDBTest, ANameThatIsTooLongForAFileIsJustNotFound)
+{
+    const std::string longest(255 - std::string("1 srv1 .xml").size(), 'x');
+    put({.subject = longest});
+    const LogCapture log;
+    EXPECT_EQ(all(AT_ANYANDALL, "srv1", longest), Lines{longest});
+    EXPECT_EQ(all(AT_ANYANDALL, "srv1", longest + "x"), Lines{});
+    EXPECT_EQ(all(AT_ANYANDALL, "srv1", longest + "?"), Lines{});
+    EXPECT_EQ(log.texts(1), Lines{});
+}
+
 TEST_F(DiscDBTest, OddNamesAreFoundAgain)
 {
     const Lines names = {"a b", "a/b", "..", "é", "日本", "%", "\"'<>&", "a%20c", "\t"};

@@ -43,6 +43,7 @@ TEST(LogLineTest, ALongerTextIsCutAndKeepsItsPlace)
     EXPECT_GE(body.size(), MOST - 40);
     EXPECT_TRUE(body.starts_with(BEGIN + std::string(4000 - BEGIN.size(), 'a'))) << body;
     EXPECT_TRUE(body.ends_with("a" + mark(text.size()) + PLACE)) << body;
+    EXPECT_EQ(body, bodyOf(text, "op", {"lib/A.cpp", 12})) << "the macros give the file's name";
     const std::string other = bodyOf(text, "op", {"../A", 13});
     EXPECT_TRUE(other.ends_with("a" + mark(text.size()))) << other;
 }
