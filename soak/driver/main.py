@@ -1,4 +1,4 @@
-"""Runs the soak. scripts/soak builds the programs first."""
+"""Runs the soak, for scripts/soak. on_directory.py and on_service.py have its two parts."""
 
 import argparse
 import json
