@@ -1,24 +1,24 @@
 #pragma once
 // What a worker writes down for the driver: one line for each fact, before its next step.
 //
-// The kernel has each line when the operation returns. So a client that is killed loses nothing.
-// A line begins with a word and the time, in nanoseconds of CLOCK_MONOTONIC, which the driver reads
-// as well. The words:
+// The kernel has each line when the operation returns. So a killed client loses no line. A line
+// begins with a word and the time, in nanoseconds of CLOCK_MONOTONIC. The driver uses the same
+// clock. The words:
 //
 //   put TIME NAME GENERATION SIZE SECONDS   the worker begins a put with this time to live
 //   ack TIME NAME GENERATION                the service has acknowledged it
-//   not TIME NAME GENERATION                the service has refused it for sure
+//   not TIME NAME GENERATION                the service has refused it
 //   saw TIME BEGIN NAME GENERATION SIZE     a read found this version; BEGIN is when it began
 //   none TIME BEGIN NAME                    a read found no record, or one without a payload
 //   writer TIME, data TIME, list TIME       the worker abandoned a writer or an iterator
 //   lost TIME TEXT                          a call failed; the worker connects again
-//   up TIME                                 it has connected
+//   up TIME                                 the worker has connected
 //   late TIME TEXT                          an answer took longer than its bound
 //   bad TIME TEXT                           the service's answer is wrong
-//   took TIME KIND BIN:COUNT...             latencies of one second; a bin is an eighth of an
-//   octave
-//                                           of microseconds
+//   took TIME KIND BIN:COUNT...             the latencies of one second, counted in bins
 //   end TIME                                the worker stops in order
+//
+// Bin N begins at 2^(N/8) microseconds.
 
 #include <array>
 #include <chrono>

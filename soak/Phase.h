@@ -1,6 +1,6 @@
 #pragma once
-// What the service keeps open for a worker at this moment. The kernel has it when an operation
-// returns. So the driver knows what a killed client left behind.
+// What the service keeps open for a worker at this moment, in a file. So the driver knows what a
+// killed client left behind: the kernel has the byte when an operation returns.
 
 #include <string>
 

@@ -16,15 +16,15 @@ namespace Veltrane::Quillmark::Soak {
 /// One version of a record.
 struct Version
 {
-    std::uint64_t generation = 0; ///< of an empty payload unknown, and 0
+    std::uint64_t generation = 0; ///< 0 for an empty payload, which does not state it
     std::size_t size = 0;
 };
 
 /// A payload with fewer bytes is empty.
 constexpr std::size_t SMALLEST_STAMP = 128;
 
-/// The payload of a version. The bytes after the stamp differ from version to version. A size
-/// below SMALLEST_STAMP must be 0.
+/// The payload of a version. The bytes after the stamp differ from version to version. The size is
+/// 0, or at least SMALLEST_STAMP.
 std::string makePayload(const std::string& name, const Version& version);
 
 /// The version in a payload. Returns nothing if the payload is torn, mixed, or of another name.

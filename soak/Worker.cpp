@@ -10,7 +10,7 @@ namespace Veltrane::Quillmark::Soak {
 namespace {
 
 constexpr std::chrono::seconds TIME_TO_LIVE(1);
-/// 1.25 s of life, and time for a put that is under way.
+/// A record lives 1.25 times its time to live. The rest is for a put that is under way.
 constexpr std::chrono::milliseconds SURELY_EXPIRED(2500);
 /// After this an iterator that nobody uses is gone.
 constexpr std::chrono::seconds EVICTED(330);
@@ -368,7 +368,7 @@ Worker::Record& Worker::any(std::vector<Record>& records)
     return records[below(records.size())];
 }
 
-/// Mostly about a kibibyte; sometimes empty, or up to 64 KiB.
+/// Mostly up to 2 KiB, sometimes up to 64 KiB or empty.
 std::size_t Worker::smallSize()
 {
     switch (below(20)) {
@@ -384,7 +384,7 @@ std::size_t Worker::smallSize()
     }
 }
 
-/// Up to 16 MiB. Small ones among them, so that the file becomes shorter and longer.
+/// Up to 16 MiB. Some are small, so the file becomes shorter and longer.
 std::size_t Worker::bigSize()
 {
     const std::size_t mebibyte = KIBIBYTE * KIBIBYTE;

@@ -7,7 +7,7 @@
 //   big0, big1...  the same with up to 16 MiB
 //   x00, x01...    expire after 1.25 seconds
 //   left           what the worker abandons; never stored
-// All workers replace the record hot/hot. Its versions are judged by the driver.
+// All workers replace the record hot/hot. The driver judges its versions.
 
 #include <atomic>
 #include <cstdint>
@@ -33,7 +33,7 @@ class Worker
     /// "small", "big", "expiring" (how many records), "pause" (mean microseconds between
     /// operations), "limit" (seconds for an operation), "generations" {name: the last one used},
     /// "versions" {name: [[generation, size]...]} (what a reader may find; the first is the
-    /// acknowledged one, or null if none was acknowledged), "writers" (how many it has abandoned),
+    /// acknowledged one, or null without one), "writers" (how many it has abandoned),
     /// "iterators" (when it abandoned each, in seconds of CLOCK_MONOTONIC). With "only"
     /// {operation: anything}, the worker does only these operations. The target must outlive the
     /// worker.

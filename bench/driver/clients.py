@@ -6,7 +6,16 @@ import subprocess
 import time
 
 ANSWER_LIMIT = 600
-HEAD_START = 0.02  # so that every client has read the start before it comes
+HEAD_START = 0.02  # seconds; every client has read the time of the start before it comes
+
+
+def read_line(process, limit):
+    """A line of the process's output; empty if the process has ended."""
+    with selectors.DefaultSelector() as selector:
+        selector.register(process.stdout, selectors.EVENT_READ)
+        if not selector.select(limit):
+            raise RuntimeError("%s writes no line within %d s" % (process.args[0], limit))
+    return process.stdout.readline().decode().strip()
 
 
 class Clients:
@@ -53,11 +62,7 @@ class Clients:
         process.stdin.flush()
 
     def _read(self, process):
-        with selectors.DefaultSelector() as selector:
-            selector.register(process.stdout, selectors.EVENT_READ)
-            if not selector.select(ANSWER_LIMIT):
-                raise RuntimeError("%s does not answer" % self._program)
-        line = process.stdout.readline()
+        line = read_line(process, ANSWER_LIMIT)
         if not line:
             raise RuntimeError("%s ended with %s" % (self._program, process.wait(60)))
-        return line.decode().strip()
+        return line

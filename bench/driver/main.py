@@ -1,4 +1,4 @@
-"""Measures the service as its users have it, beside its floors and, if wanted, beside peers."""
+"""Measures the service as its users have it, beside its floors and, with --peers, beside its peers."""
 
 import argparse
 import contextlib
@@ -35,8 +35,8 @@ class Plan:
         self.repeats = options.repeat or (1 if self.short else 5)
         self.seconds = options.seconds or (0.05 if self.short else 1.0)
         self.clients = (1, 4) if self.short else measure.CLIENTS
-        # Only such a run may replace the figures of the document.
-        self.isStandard = not (self.short or options.records or options.repeat or options.seconds)
+        # Only a standard run replaces the figures of docs/performance.md.
+        self.is_standard = not (self.short or options.records or options.repeat or options.seconds)
 
 
 def parse():
@@ -121,7 +121,7 @@ def measure_all(plan, with_peers, programs, work):
 
 
 def starts(plan, service, programs, work):
-    """The time of a start without records, and with half as many again as were measured."""
+    """The times of starts without records, and with 1.5 times the most records that were measured."""
     say("starts")
     wanted = max(plan.records) * 3 // 2
     service.stop()
@@ -162,7 +162,7 @@ def main():
     file = options.json or programs.parent / "bench.json"
     file.write_text(json.dumps(document, indent=1) + "\n", encoding="utf-8")
     say("the figures are in %s" % file)
-    if plan.isStandard:
+    if plan.is_standard:
         report.write_into(PAGE, document)
         say("the figures are in %s" % PAGE.relative_to(TOP))
     return 0

@@ -18,7 +18,7 @@ RECORDS = "bench"
 NEW = "new"
 NEW_RECORDS = 1_000_000  # more than a client puts in one measurement
 
-# The listings beside puts, which show the growth of the memory.
+# Listings beside puts show how the memory grows.
 LISTING_CLIENTS = 3
 PUTTING_CLIENTS = 4
 BESIDE_SECONDS = 20
@@ -81,7 +81,6 @@ class Bench:
         self._say = say
         self._new = 0
         self.records = 0
-        self.sized = False
         self.cells = []
 
     def _kept(self):
@@ -94,11 +93,9 @@ class Bench:
         self.service.stop()
         self.service.fill(RECORDS, SMALL, self.records, records)
         for peer in self._kept():
-            if hasattr(peer, "start"):
-                peer.stop()
+            peer.begin_filling()
             peer.fill(RECORDS, SMALL, self.records, records)
-            if hasattr(peer, "start"):
-                peer.start()
+            peer.end_filling()
         self._settle()
         self.service.start()
         self.records = records
@@ -107,25 +104,22 @@ class Bench:
         """Adds the large records to every store."""
         self.service.stop()
         for peer in self._kept():
-            if hasattr(peer, "start"):
-                peer.stop()
-                peer.add_unit(NEW)
+            peer.begin_filling()
+            peer.add_unit(NEW)
         for size in SIZES:
             self.service.fill(self._authority(size), size, 0, SIZED_RECORDS[size])
             for peer in self._kept():
-                if hasattr(peer, "add_unit"):
-                    peer.add_unit(self._written(size))
+                peer.add_unit(self._written(size))
                 if size <= LARGEST.get(peer.name, size):
                     peer.fill(self._authority(size), size, 0, SIZED_RECORDS[size])
         for peer in self._kept():
-            if hasattr(peer, "start"):
-                peer.start()
+            peer.end_filling()
         self._settle()
         self.service.start()
 
     @staticmethod
     def _settle():
-        """Leaves nothing of the filling to be written while something is measured."""
+        """Writes the filling to the disk now, and not during a measurement."""
         os.sync()
 
     @staticmethod
@@ -203,8 +197,8 @@ class Bench:
         process = self.service.process
         before = process.resident_bytes()
         answers = self._clients.run(lists + puts)
-        result = {"records": sum(
-                      name.endswith(".xml") for name in os.listdir(self.service.store)), "residentBefore": before,
+        stored = sum(name.endswith(".xml") for name in os.listdir(self.service.store))
+        result = {"records": stored, "residentBefore": before,
                   "residentAfter": process.resident_bytes(),
                   "listings": sum(a["operations"] for a in answers[:LISTING_CLIENTS]),
                   "puts": sum(a["operations"] for a in answers[LISTING_CLIENTS:])}

@@ -1,4 +1,4 @@
-"""The services of others that do the same work, when their packages are installed."""
+"""Services of others that do the same work. Their packages must be installed."""
 
 import base64
 import os
@@ -99,6 +99,14 @@ class Etcd:
     def command(self):
         return {"address": self._address}
 
+    def begin_filling(self):
+        """It fills while it runs."""
+
+    end_filling = begin_filling
+
+    def add_unit(self, authority):
+        """Its keys need no unit."""
+
     def fill(self, authority, size, start, end):
         self._clients.run([{**self.command(), "operation": "etcd.fill", "authority": authority,
                             "size": size, "first": start, "count": end - start, "warm": 0,
@@ -151,6 +159,12 @@ class Ldap:
             self._units.add(authority)
             self._add("dn: ou={0},{1}\nobjectClass: organizationalUnit\nou: {0}\n\n"
                       .format(authority, BASE))
+
+    def begin_filling(self):
+        self.stop()
+
+    def end_filling(self):
+        self.start()
 
     def fill(self, authority, size, start, end):
         self.add_unit(authority)

@@ -1,7 +1,8 @@
-"""The figures as a table for a terminal, and as Markdown."""
+"""The figures as tables for a terminal and for docs/performance.md."""
 
 import statistics
 
+import figures
 import machine
 
 TARGETS = {"service": "service", "echo": "echo floor", "object": "object floor",
@@ -81,35 +82,15 @@ def tables(document):
 
 
 def to_text(document):
-    lines = [machine.to_text(document["machine"])]
-    for title, header, rows in tables(document):
-        widths = [max(len(row[i]) for row in [header, *rows]) for i in range(len(header))]
-        lines += ["", title]
-        for row in [header, *rows]:
-            lines.append("  ".join(
-                text.ljust(width) if i == 0 else text.rjust(width)
-                for i, (text, width) in enumerate(zip(row, widths))).rstrip().replace("**", ""))
-    return "\n".join(lines) + "\n"
+    return machine.to_text(document["machine"]) + "\n" + figures.to_text(tables(document))
 
 
 def to_markdown(document):
-    lines = ["%s, on %s. %d repeats of %g s, in turns. `x` is the service's rate divided by the "
-             "other one." % (machine.to_text(document["machine"]), document["date"],
-                             document["repeats"], document["seconds"])]
-    for title, header, rows in tables(document):
-        lines += ["", "**%s**" % title, ""]
-        lines.append("| %s |" % " | ".join(header))
-        lines.append("|%s" % ("---|" * len(header)))
-        lines += ["| %s |" % " | ".join(row) for row in rows]
-    return "\n".join(lines) + "\n"
+    return ("%s, on %s. %d repeats of %g s, in turns. `x` is the service's rate divided by the other "
+            "one.\n" % (machine.to_text(document["machine"]), document["date"], document["repeats"],
+                        document["seconds"])) + figures.to_markdown(tables(document))
 
 
 def write_into(path, document):
     """Replaces the figures of a page."""
-    text = path.read_text(encoding="utf-8")
-    before, found, rest = text.partition(BEGIN)
-    _, found_end, after = rest.partition(END)
-    if not found or not found_end:
-        raise RuntimeError("%s lacks the lines that enclose the figures" % path)
-    path.write_text("%s%s\n%s%s%s" % (before, BEGIN, to_markdown(document), END, after),
-                    encoding="utf-8")
+    figures.replace(path, BEGIN, END, to_markdown(document))

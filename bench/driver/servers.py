@@ -7,6 +7,8 @@ import signal
 import subprocess
 import time
 
+from clients import read_line
+
 START_LIMIT = 120
 STOP_LIMIT = 60
 FILL_LIMIT = 1800
@@ -140,7 +142,7 @@ class Echo:
         pathlib.Path(directory).mkdir()
         self._process = Process([programs / "bench_echo"], pathlib.Path(directory) / "stderr",
                                 stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-        self._endpoint = self._process.popen.stdout.readline().decode().strip()
+        self._endpoint = read_line(self._process.popen, START_LIMIT)
         self._process.check()
 
     def command(self):

@@ -17,7 +17,7 @@ class Goal:
 
     @property
     def reached(self):
-        """None if it was not measured."""
+        """Whether the value is within the bound; None if it was not measured."""
         if self.value is None:
             return None
         return self.value >= self.bound if self.at_least else self.value <= self.bound

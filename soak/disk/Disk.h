@@ -1,8 +1,8 @@
 #pragma once
 // A disk with a write cache, which a power cut loses.
 //
-// A write is safe only after a flush. What no flush covers may be lost, in part and out of order.
-// Only a sector is written whole.
+// A write is safe only after a flush. A power cut may lose the writes since then, in part and out
+// of order. Only a sector is written whole.
 
 #include <cstddef>
 #include <cstdint>

@@ -7,11 +7,12 @@
 // each with one line:
 //
 //   cut REQUESTS WRITES SECONDS
-//       lets so many further writes and flushes pass. Then it stops as soon as no flush covers so
-//       many writes, or after that time. Answers "cut WRITES SECTORS", what no flush covers
+//       lets REQUESTS more writes and flushes pass. Then it stops as soon as WRITES writes are
+//       unflushed, at the latest SECONDS after the order. Answers "cut WRITES SECTORS", what is
+//       unflushed
 //   image KEPT SEED PATH
 //       after a cut: makes a file with what the disk may contain. KEPT is none, all, writes or
-//       sectors. Answers "image SECTORS", how many it kept
+//       sectors: what it keeps of the unflushed writes. Answers "image SECTORS", how many it kept
 //   thaw
 //       goes on. Answers "thawed"
 
@@ -46,7 +47,7 @@ namespace {
 using namespace Veltrane::Quillmark::Soak;
 
 constexpr const char* NAME = "/disk";
-/// The kernel may keep names and attributes for so long: they never change.
+/// Seconds. The kernel may keep names and attributes, because they never change.
 constexpr double FOREVER = 86400;
 
 /// A disk that stops at the cut: it then answers no request until it goes on.

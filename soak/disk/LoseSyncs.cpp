@@ -1,5 +1,5 @@
-// Loaded in front of the C library (LD_PRELOAD), this makes syncs do nothing. QM_LOSE_SYNCS names
-// which: all, payloads, metadata or directories. The self-test of the power cuts uses it: it must
+// Makes syncs do nothing, when it is loaded before the C library (LD_PRELOAD). QM_LOSE_SYNCS names
+// which: all, payloads, metadata or directories. The self-test of the power cuts uses it, and must
 // find what is lost.
 
 #include <cstdio>

@@ -32,7 +32,7 @@ class Wire:
         self._orb.close()
 
     def read(self, name):
-        """The version of a record. None if there is no such record, or none with a payload."""
+        """The version of a record; None if the record is absent or has no payload."""
         authority, subject = name.split("/")
         status, iterator = self._service.getCollectionData(
             giop.Discovery(giop.DiscoveryQuery.DQ_DISCOVERY_DATA, subject, authority, CLIENT,
@@ -77,6 +77,9 @@ class Directory:
         if version is None:
             raise Spoilt("%s: spoilt, %d bytes" % (name, len(payload)))
         return version
+
+    def has_document(self, name):
+        return self._file(name, ".xml").exists()
 
     def priority(self, name):
         """The priority in the metadata; None without a well-formed document."""
@@ -124,7 +127,7 @@ def sample(source, book, name):
 
 
 def check_all(source, book, report, may_lack=frozenset()):
-    """Checks every record. No worker may run. The records in may_lack may be absent. Returns how many
+    """Checks every record while no worker runs. The records in may_lack may be absent. Returns how many
     it checked."""
     checked = 0
     for name, record in sorted(book.records.items()):
@@ -145,7 +148,7 @@ def check_all(source, book, report, may_lack=frozenset()):
         book.judge_shared(source.read(HOT), now, now, "the check")
     except Spoilt as failure:
         report(str(failure))
-    # All acknowledged records are in the list, and no other but those of unknown outcome.
+    # The list has each acknowledged record. It may also have records of unknown outcome, and no other.
     listed = source.names()
     known = {name for name, record in book.records.items() if not record.expires}
     needed = {name for name in known if book.records[name].stored}

@@ -22,13 +22,14 @@ class Failed(Exception):
 
 def command(*words):
     """Runs a command. Does not wait for one that hangs in the kernel."""
-    with subprocess.Popen([*LEASH, *words], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                          stderr=subprocess.STDOUT, text=True) as process:
-        try:
-            output, _ = process.communicate(timeout=LIMIT)
-        except subprocess.TimeoutExpired:
-            process.kill()
-            raise Failed("%s takes longer than %d s" % (words[0], LIMIT)) from None
+    # The end of a "with" would wait for the process.
+    process = subprocess.Popen([*LEASH, *words], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                               stderr=subprocess.STDOUT, text=True)
+    try:
+        output, _ = process.communicate(timeout=LIMIT)
+    except subprocess.TimeoutExpired:
+        process.kill()
+        raise Failed("%s takes longer than %d s" % (words[0], LIMIT)) from None
     if process.returncode:
         raise Failed("%s ends with %d: %s" % (" ".join(map(str, words)), process.returncode,
                                               output.strip()[-2000:]))
@@ -94,7 +95,7 @@ def mounted(file_system, path, place):
 
 
 def unmount(place):
-    """Something may still use the mount for a moment."""
+    """Tries again while something still uses the mount."""
     deadline = time.monotonic() + LIMIT
     while True:
         try:
@@ -140,13 +141,13 @@ class CutDisk:
         self._process.stdin.flush()
 
     def cut(self, requests, writes, seconds):
-        """Stops after some requests, as soon as no flush covers so many writes, or after the time.
-        Returns how many writes and sectors no flush covers."""
+        """Lets some requests pass, and then stops the disk as soon as so many writes are unflushed. The
+        disk stops after the seconds in any case. Returns how many writes and sectors are unflushed."""
         self._order("cut", requests, writes, seconds)
         return self._answer("cut")
 
     def image(self, kept, seed, path):
-        """Returns how many of these sectors the image keeps."""
+        """Returns how many of the unflushed sectors the image keeps."""
         self._order("image", kept, seed, path)
         return self._answer("image")[0]
 

@@ -6,8 +6,10 @@ import signal
 import subprocess
 import time
 
+LIMIT = 20       # seconds for an answer, or for an operation on a directory
+EXPIRY = 3       # seconds; after this every expiring record is gone
 STOP_LIMIT = 60
-# A process ends with this driver, even if the driver is killed.
+# With this prefix, a process ends with the driver, even if the driver is killed.
 LEASH = ("setpriv", "--pdeathsig", "KILL")
 
 
@@ -56,7 +58,7 @@ class Client:
         return [self._book.died(worker, now) for worker in self.workers]
 
     def ask_to_stop(self):
-        """Waits until the process has begun its ledgers. Before that the signal would end it at once."""
+        """Asks when the process has begun its ledgers. Before that the signal would end it at once."""
         limit = time.monotonic() + STOP_LIMIT
         while (self.is_running() and not all(ledger.exists() for ledger in self._ledgers) and
                time.monotonic() < limit):
@@ -76,13 +78,27 @@ class Client:
         return None
 
     def check(self):
-        """The process must not end by itself."""
+        """Fails if the process has ended by itself."""
         if self.process.poll() is not None:
             raise RuntimeError("a client ended by itself with %d" % self.process.returncode)
 
     def end(self):
+        """The book must have read all ledgers: it would read them again from the beginning."""
         if self.is_running():
             self.process.kill()
             self.process.wait(STOP_LIMIT)
         for worker in self.workers:
             worker.close()
+
+
+def let_work(clients, drive, report):
+    """Starts the clients, calls drive() while they work, and stops them in order."""
+    for client in clients:
+        client.start()
+    drive()
+    for client in clients:
+        client.ask_to_stop()
+    for client in clients:
+        problem = client.wait()
+        if problem:
+            report(problem)

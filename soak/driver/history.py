@@ -1,11 +1,12 @@
 """What the ledgers state about each record, and so what a reader may find.
 
-A record that one worker writes has its last acknowledged version, or a version of a put whose outcome
-is unknown and that began later. The generation is the priority of such a record. So a put that a
-killed worker left behind cannot replace a newer one.
+A record that one worker writes has its last acknowledged version, or the version of a later put of
+unknown outcome. The generation is the priority of such a record. So a put that a killed worker left
+behind cannot replace a newer one.
 
-The workers share one record. A read of it may find each version whose put was not over before
-another acknowledged put began that was over before the read began.
+All workers write the shared record. Another put has certainly replaced a version if it began after the
+version's put was over, and was acknowledged before the read began. A read may find every other version
+whose put began before the read ended.
 """
 
 import bisect
@@ -102,7 +103,7 @@ class Shared:
         return self._settled(begin) == 0
 
     def forget(self, before):
-        """Forgets what no read can find that begins after the time."""
+        """Forgets the versions that a read cannot find if it begins after the time."""
         settled = self._settled(before)
         for generation in [generation for generation, put in self._puts.items()
                            if put.end is not None and put.end < settled]:

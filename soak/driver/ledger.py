@@ -9,8 +9,8 @@ from stamp import matches
 SECOND = 1_000_000_000
 # A put that was under way when its client died is over after this time.
 AFTERMATH = 25 * SECOND
-# A worker writes at least one line in this time. It may wait for a start of the service, and 20 s for an
-# answer.
+# A worker writes at least one line in this time. It may wait for a start of the service, and then 20 s
+# for an answer.
 SILENCE = 90 * SECOND
 
 
@@ -24,7 +24,7 @@ class Worker:
         self.file = None
         self.writers = 0        # abandoned since the service came up
         self.iterators = []     # when each was abandoned, in seconds
-        self.data = []          # the same of those over payloads
+        self.data = []          # the same, only iterators over payloads
         self.hot = 0            # the last generation of the shared record that it used
         self.open_put = None    # (name, generation) of the put that is under way
         self.last_line = 0      # when it wrote last
@@ -32,7 +32,7 @@ class Worker:
         self._rest = b""
 
     def begin(self, path, now):
-        """A new life, with a new ledger. The ledger of the life before is not needed any more."""
+        """Begins a new life with a new ledger. Removes the ledger of the life before."""
         if self.path:
             self.close()
             self.path.unlink(missing_ok=True)
@@ -51,7 +51,7 @@ class Worker:
         return self.path.with_name(self.path.name + ".phase")
 
     def phase(self):
-        """What the service keeps open for it: one of the letters of soak/Phase.h."""
+        """What the service keeps open for the worker: one of the letters of soak/Phase.h."""
         try:
             return self._phase_path().read_text(encoding="ascii")
         except FileNotFoundError:
@@ -84,7 +84,7 @@ class Book:
         self._reads = []                  # reads of the shared record that are not judged yet
 
     def read(self, now):
-        """Reads what the ledgers got. `now` is a time before which every line is written."""
+        """Reads the new lines of all ledgers. They have every line of the time before `now`."""
         for worker in self.workers:
             self.read_worker(worker)
         self._judge(now)
@@ -95,7 +95,7 @@ class Book:
             self._line(worker, words[0], int(words[1]), words[2:])
 
     def died(self, worker, time):
-        """The worker's process has ended. Returns what it left open, as its phase states."""
+        """The worker's process has ended. Returns its phase: what it left open."""
         self.read_worker(worker)
         self._give_up(worker, time)
         return worker.phase()
@@ -107,6 +107,11 @@ class Book:
 
     def record(self, name):
         return self.records.setdefault(name, Record())
+
+    def figures(self):
+        """What a run states about all its records."""
+        return {"records": sum(record.stored is not None for record in self.records.values()),
+                "acknowledged puts": self.counts["ack"]}
 
     def _line(self, worker, word, time, rest):
         if word == "took":

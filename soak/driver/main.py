@@ -1,28 +1,22 @@
-"""Runs the soak. scripts/soak builds the programs first."""
+"""Runs the soak, for scripts/soak. on_directory.py and on_service.py have its two parts."""
 
 import argparse
 import json
-import pathlib
-import shutil
-import signal
 import sys
-import tempfile
 import time
 import traceback
 
-TOP = pathlib.Path(__file__).resolve().parents[2]
+from common import PAGE, TOP, add_options, work_directory
+
 sys.path.append(str(TOP / "scripts"))
 
 import machine  # noqa: E402
 
-import options_of_run  # noqa: E402
-import report as figures  # noqa: E402
+import report  # noqa: E402
 import self_test  # noqa: E402
 from on_directory import DirectorySoak  # noqa: E402
 from on_service import ServiceSoak  # noqa: E402
 from problems import Problems  # noqa: E402
-
-PAGE = TOP / "docs" / "reliability.md"
 
 
 def parse():
@@ -31,13 +25,9 @@ def parse():
         "store, and checks that nothing is lost and nothing grows. docs/reliability.md has the details.")
     parser.add_argument("minutes", type=float, nargs="?", default=60.0, metavar="MINUTES",
                         help="how long the master runs (default: 60)")
-    options_of_run.add(parser)
+    add_options(parser)
     parser.add_argument("--self-test", action="store_true",
                         help="only show that each check can fail")
-    # For scripts/soak.
-    parser.add_argument("--programs", type=pathlib.Path, default=TOP / "build" / "release" / "bin",
-                        help=argparse.SUPPRESS)
-    parser.add_argument("--check-options", action="store_true", help=argparse.SUPPRESS)
     options = parser.parse_args()
     if not 0.25 <= options.minutes <= 7 * 24 * 60:
         parser.error("MINUTES: from 0.25 to 10080")
@@ -48,13 +38,12 @@ def say(text):
     print("== soak: %s %s" % (time.strftime("%H:%M:%S"), text), file=sys.stderr, flush=True)
 
 
-def run(options, work, results):
-    problems = Problems()
+def run(options, work, results, problems):
     seconds = options.minutes * 60
     document = {"minutes": options.minutes, "seed": options.seed,
                 "machine": machine.to_text(machine.describe(work)), "date": time.strftime("%Y-%m-%d")}
     programs = options.programs.resolve()
-    # A quarter of the time of the other soak. It is in addition.
+    # The soak of the directory takes a quarter of the minutes, in addition.
     parts = (
         ("directory", lambda: DirectorySoak(programs, work, max(12, min(seconds / 4, 600)),
                                             options.seed, problems, say)),
@@ -76,36 +65,24 @@ def main():
     options = parse()
     if options.check_options:
         return 0
-    # A check that cannot fail is worth nothing, so each run begins with this.
+    # Each run first shows that its checks can fail.
     failures = self_test.run(options.programs.resolve())
     if options.self_test or failures:
         return 1 if failures else 0
-    # An end by a signal ends the processes, too.
-    signal.signal(signal.SIGTERM, lambda number, _: sys.exit(128 + number))
     results = options.programs.resolve().parent / "soak"
-    shutil.rmtree(results, ignore_errors=True)
-    results.mkdir(parents=True)
-    if options.root:
-        options.root.mkdir(parents=True)
-        work = options.root.resolve()
-    else:
-        work = pathlib.Path(tempfile.mkdtemp(prefix="qmsoak."))
-    document = {"problems": ["it did not end"]}
-    try:
-        document = run(options, work, results)
-    finally:
-        if options.root or document["problems"]:
-            say("the files are in %s" % work)
-        else:
-            shutil.rmtree(work)
+    results.mkdir(parents=True, exist_ok=True)  # the build has files there, too
+    (results / "soak.json").unlink(missing_ok=True)
+    problems = Problems()
+    with work_directory(options, "qmsoak.", problems, say) as work:
+        document = run(options, work, results, problems)
     (results / "soak.json").write_text(json.dumps(document, indent=1) + "\n", encoding="utf-8")
-    print(figures.to_text(document))
+    print(report.to_text(document))
     say("the figures are in %s" % results)
-    if document["problems"]:
-        say("FAILED: %d problems" % len(document["problems"]))
+    if problems.lines:
+        say("FAILED: %d problems" % len(problems.lines))
         return 1
     if options.publish:
-        figures.write_into(PAGE, document)
+        report.write_into(PAGE, document)
         say("the figures are in %s" % PAGE.relative_to(TOP))
     return 0
 

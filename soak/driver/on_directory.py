@@ -6,14 +6,12 @@ import subprocess
 import time
 
 import audit
-from clients import Client
+from clients import EXPIRY, LIMIT, Client, let_work
 from ledger import Book, Worker
-from samples import percentile
+from samples import latency_figures
 
-LIMIT = 20      # seconds for an operation
 PROCESSES = 4
 THREADS = 4
-EXPIRY = 3
 CHECK_LIMIT = 120
 
 
@@ -38,32 +36,21 @@ class DirectorySoak:
 
     def run(self):
         try:
-            for client in self._clients:
-                client.start()
-            self._work()
-            for client in self._clients:
-                client.ask_to_stop()
-            for client in self._clients:
-                self._problem(client.wait())
+            let_work(self._clients, self._drive, self._problem)
+            time.sleep(EXPIRY)
+            self._book.read(time.monotonic_ns())
         finally:
             for client in self._clients:
                 client.end()
-        time.sleep(EXPIRY)
-        self._book.read(time.monotonic_ns())
         self._finish()
         return {"seconds": self._seconds, "processes": PROCESSES, "threads": THREADS,
-                "processes killed": self.kills, "acknowledged puts": self._book.counts["ack"],
-                "records": sum(record.stored is not None for record in self._book.records.values()),
-                "latencies": {kind: {"operations": sum(bins.values()),
-                                     "p50": percentile(bins, 0.5), "p99": percentile(bins, 0.99),
-                                     "max": percentile(bins, 1)}
-                              for kind, bins in sorted(self._book.latencies.items())}}
+                "processes killed": self.kills, **self._book.figures(),
+                "latencies": latency_figures(self._book)}
 
     def _problem(self, text):
-        if text:
-            self._report("directory: " + text)
+        self._report("directory: " + text)
 
-    def _work(self):
+    def _drive(self):
         begin = time.monotonic()
         kill_at = 0.5
         while (now := time.monotonic() - begin) < self._seconds:
@@ -82,11 +69,8 @@ class DirectorySoak:
     def _finish(self):
         self._say("checking all records of the directory with a fresh process")
         fresh = _Fresh(self._program, self._store, [*self._book.records, audit.HOT])
-
-        def report(text):
-            self._report("directory: " + text)
-        audit.check_all(fresh, self._book, report)
-        audit.check_files(audit.Directory(self._store), self._book, report)
+        audit.check_all(fresh, self._book, self._problem)
+        audit.check_files(audit.Directory(self._store), self._book, self._problem)
         self._book.judge_losses(lambda _: False)
 
 

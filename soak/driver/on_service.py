@@ -4,14 +4,12 @@ import random
 import time
 
 import audit
-from clients import Client
+from clients import EXPIRY, LIMIT, Client, let_work
 from ledger import Book, Worker
-from samples import Sampler, percentile
+from samples import Sampler, latency_figures
 from service import Service
 
-LIMIT = 20                 # seconds for an answer
 CLIENTS = 4
-EXPIRY = 3                 # after this every expiring record is gone
 MOST_ORPHAN_WRITERS = 500  # the daemon has at most 1000 temporary files
 SAMPLED_RECORDS = 4
 
@@ -26,7 +24,7 @@ class Plan:
         if seconds <= 300:
             self.restarts = [(0.3 * seconds, "kill"), (0.55 * seconds, "stop")]
             return
-        # Many short lives first, and then one that is as long as possible.
+        # First many short lives, then one that is as long as possible.
         self.restarts = []
         at = 0.0
         while True:
@@ -60,13 +58,7 @@ class ServiceSoak:
     def run(self):
         try:
             self._start_service()
-            for client in self._clients:
-                client.start()
-            self._work()
-            for client in self._clients:
-                client.ask_to_stop()
-            for client in self._clients:
-                self._problem(client.wait())
+            let_work(self._clients, self._drive, self._report)
             self._finish()
         finally:
             for client in self._clients:
@@ -105,11 +97,11 @@ class ServiceSoak:
             self._problem(self._service.stop())
             self._service.check_status(self._report)
             self.counts["daemons stopped"] += 1
-        # What clients abandoned before does not count any more.
+        # The restart frees what clients abandoned before.
         self._book.read(time.monotonic_ns())
         self._start_service()
 
-    def _work(self):
+    def _drive(self):
         begin = time.monotonic()
         kill_at, hang_up_at, sample_at, audit_at = 1.0, 5.0, self._plan.interval, 3.0
         restarts = list(self._plan.restarts)
@@ -180,12 +172,7 @@ class ServiceSoak:
             audit.Directory(self._service.store), self._book, report)
 
     def _document(self, growths):
-        latencies = {kind: {"operations": sum(bins.values()), "p50": percentile(bins, 0.5),
-                            "p99": percentile(bins, 0.99), "max": percentile(bins, 1)}
-                     for kind, bins in sorted(self._book.latencies.items())}
-        return {"seconds": self._plan.seconds, "clients": CLIENTS,
-                "records": sum(record.stored is not None for record in self._book.records.values()),
-                "acknowledged puts": self._book.counts["ack"],
+        return {"seconds": self._plan.seconds, "clients": CLIENTS, **self._book.figures(),
                 "lost calls in outages": len(self._book.losses),
                 "log bytes": self._service.log.written(), **self.counts,
-                "latencies": latencies, "growth": growths, "highest": self._sampler.highest}
+                "latencies": latency_figures(self._book), "growth": growths, "highest": self._sampler.highest}

@@ -6,7 +6,8 @@ SHOWN_PROBLEMS = 50
 
 
 class Problems:
-    """Everything that went wrong, each text once. Only the first ones are shown at once."""
+    """Everything that went wrong. Ignores a text that it has had shortly before, and prints only the first
+    ones."""
 
     def __init__(self):
         self.lines = []

@@ -1,8 +1,9 @@
-"""Shows the figures of a run."""
+"""The figures of the soak as tables for a terminal and for docs/reliability.md."""
+
+import figures
 
 BEGIN = "<!-- begin of the soak's figures: scripts/soak --publish writes them -->"
 END = "<!-- end of the soak's figures -->"
-MIB = 1 << 20
 
 
 def _latencies(part):
@@ -41,36 +42,15 @@ def tables(document):
 
 
 def to_text(document):
-    lines = [document["machine"]] if "machine" in document else []
-    for title, header, rows in tables(document):
-        widths = [max(len(row[i]) for row in [header, *rows]) for i in range(len(header))]
-        lines += ["", title]
-        for row in [header, *rows]:
-            lines.append("  ".join(text.ljust(width) if i == 0 else text.rjust(width)
-                                   for i, (text, width) in enumerate(zip(row, widths))).rstrip())
-    return "\n".join(lines) + "\n"
+    return document["machine"] + "\n" + figures.to_text(tables(document))
 
 
 def to_markdown(document):
-    lines = ["%g minutes on %s, seed %d. %s." % (document["minutes"], document["date"],
-                                                document["seed"], document["machine"])]
-    for title, header, rows in tables(document):
-        lines += ["", "**%s**" % title, "", "| %s |" % " | ".join(header),
-                  "|%s" % ("---|" * len(header))]
-        lines += ["| %s |" % " | ".join(row) for row in rows]
-    return "\n".join(lines) + "\n"
-
-
-def replace(path, begin, end, figures):
-    """Replaces what a page has between two lines."""
-    text = path.read_text(encoding="utf-8")
-    before, found, rest = text.partition(begin)
-    _, found_end, after = rest.partition(end)
-    if not found or not found_end:
-        raise RuntimeError("%s lacks the lines that enclose the figures" % path)
-    path.write_text("%s%s\n%s%s%s" % (before, begin, figures, end, after), encoding="utf-8")
+    return "%g minutes on %s, seed %d. %s.\n" % (
+        document["minutes"], document["date"], document["seed"],
+        document["machine"]) + figures.to_markdown(tables(document))
 
 
 def write_into(path, document):
     """Replaces the figures of a page."""
-    replace(path, BEGIN, END, to_markdown(document))
+    figures.replace(path, BEGIN, END, to_markdown(document))

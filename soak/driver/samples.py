@@ -8,7 +8,7 @@ from trend import Limit, growth
 MIB = 1 << 20
 
 # Growth during the second half of a series. The machine may be busy with other work, so latencies have
-# much room. What clients left open for ever, or until the service ends it, is subtracted.
+# much room. The sampler subtracts the temporary files and iterators that clients left open.
 LIMITS = (
     Limit("descriptors", "descriptors", 8),
     Limit("threads", "threads", 8),
@@ -18,7 +18,7 @@ LIMITS = (
 )
 LATENCY = Limit("latency", "ms", 15, 0.5)
 EVICTED = 305    # seconds; after this an iterator that nobody uses is gone
-UNCERTAIN = 4
+UNCERTAIN = 4    # operations that nobody counts at the moment of a kill
 LEAST_OPERATIONS = 10  # in a sample; the median of fewer says nothing
 # The whole process, with what the store remembers.
 MEMORY_LIMIT = 256 * MIB
@@ -34,6 +34,13 @@ def percentile(bins, share):
         if seen >= wanted:
             break
     return 2 ** ((number + 1) / 8) / 1000
+
+
+def latency_figures(book):
+    """{kind of operation: its number, and its percentiles in milliseconds}"""
+    return {kind: {"operations": sum(bins.values()), "p50": percentile(bins, 0.5),
+                   "p99": percentile(bins, 0.99), "max": percentile(bins, 1)}
+            for kind, bins in sorted(book.latencies.items())}
 
 
 class Series:
@@ -58,8 +65,7 @@ class Sampler:
 
     COLUMNS = ("seconds", "life", "descriptors", "descriptors of records", "threads",
                "resident bytes", "temporary files", "writers left open", "iterators left open",
-               "log bytes",
-               "operations")
+               "log bytes", "operations")
     LATENCY_COLUMNS = ("seconds", "operation", "number", "p50 ms", "p99 ms", "max ms")
 
     def __init__(self, service, book, directory, report, warm_up):
@@ -109,8 +115,8 @@ class Sampler:
                             ("records", files.records - 2 * iterators)):
             series.points[name].append((now, value))
             self.highest[name] = max(value, self.highest.get(name, value))
-        # A worker has at most one put or one read under way. A read has two files open, a put another
-        # one. The moment of a kill leaves a little uncertain.
+        # A worker has one operation under way, with at most one temporary file and two files of records.
+        # An operation of a killed client may still run beside it.
         most = writers + clients + UNCERTAIN
         if files.updating > most or temporary > most:
             self._report("%d temporary files, %d of them open; %d are explained"

@@ -15,7 +15,7 @@ STOP_LIMIT = 90
 
 
 class Log:
-    """Counts the bytes that are ever written to the files of a directory, although they rotate."""
+    """Counts the bytes that are ever written to the files of a directory, even if they rotate."""
 
     def __init__(self, directory):
         self._directory = pathlib.Path(directory)
@@ -27,7 +27,7 @@ class Log:
                 status = entry.stat()
             except FileNotFoundError:
                 continue
-            # A number that is used again belongs to a new file if the file is smaller.
+            # A new file can get the inode number of a removed one. It is smaller than that one was.
             known = self._sizes.setdefault(status.st_ino, [0, 0])
             if status.st_size < known[1]:
                 known[0] += known[1]
@@ -41,7 +41,7 @@ Files = collections.namedtuple("Files", "updating records others")
 class Service:
     """Each start is a new process. `outages` has the times, in nanoseconds, when it was not up."""
 
-    MARGIN = 5_000_000_000  # a client may notice an outage so long after its end
+    MARGIN = 5_000_000_000  # nanoseconds; a client may notice an outage so long after its end
 
     def __init__(self, programs, root, environment=None):
         self._programs = programs
@@ -142,7 +142,7 @@ class Service:
                 target = os.readlink("%s/%s" % (directory, name))
             except FileNotFoundError:
                 continue
-            # A file that was removed has " (deleted)" after its name.
+            # The kernel appends this to the name of a removed file.
             target = target.removesuffix(" (deleted)")
             updating += target.endswith(".updating")
             records += target.endswith((".xml", ".dat"))

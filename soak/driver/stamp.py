@@ -1,4 +1,4 @@
-"""Checks the stamp of a payload. soak/Stamp.h describes it. This code shares nothing with it."""
+"""Checks the stamp of a payload. soak/Stamp.h describes it. This code shares nothing with the client's."""
 
 import random
 import zlib

@@ -14,7 +14,7 @@ def slope(points):
 
 
 def thinned(points, most=400):
-    """Every n-th point, so that all pairs stay few."""
+    """Every n-th point: more points would make too many pairs."""
     step = -(-len(points) // most)
     return points[::step] if step > 1 else points
 
@@ -34,8 +34,8 @@ def growth(points, warm_up):
 
 
 class Limit:
-    """How much a figure may grow during the second half of a series: the larger one of a number and of
-    a share of its level."""
+    """How much a figure may grow during the second half of a series: a number, or a share of the
+    figure's level if that is larger."""
 
     def __init__(self, name, unit, number, share=0.0):
         self.name = name

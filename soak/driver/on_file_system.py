@@ -1,31 +1,31 @@
-"""Plays power cuts under a daemon's store, and checks what each may leave."""
+"""The power cuts on one file system: a daemon works on it, the power goes, and the files are checked."""
 
 import collections
 import contextlib
 import os
 import random
 import time
+import traceback
 
 import audit
 import block
-from clients import Client
+from clients import EXPIRY, LIMIT, Client
+from cut_states import state_of
 from history import HOT
 from ledger import Book, Worker
 from service import Service
-from stamp import matches, payload_of
+from stamp import payload_of
 
 giop = audit.giop
 
-LIMIT = 20             # seconds for an answer
 CLIENTS = 4
-EXPIRY = 3             # after this every expiring record is gone
 BUSY_LIMIT = 60
-FIRST_RECORDS = 20     # of each client; each round adds some, so that there are always first puts
-MORE_RECORDS = 6
+FIRST_RECORDS = 20     # of each client
+MORE_RECORDS = 6       # in each round, so each round has first puts
 MOST_GENERATION = 10 ** 8
 PUT_BYTES = 3000
 WRITES = (0, 1, 1, 2, 3, 4, 6, 10)  # how many writes no flush covers at the cut
-CUT_SECONDS = 2                     # after this the power goes in any case
+CUT_SECONDS = 2                     # after this the disk stops in any case
 KINDS = ("none", "all", "writes", "sectors")
 
 
@@ -41,41 +41,8 @@ class Wire(audit.Wire):
         return writer.close().discStatus if writer.put(payload) else None
 
 
-def document_state(directory, name):
-    """(whether there is a document, its priority)"""
-    authority, subject = name.split("/")
-    path = directory.store / ("%d %s %s.xml" % (audit.CLIENT, authority, subject))
-    return path.exists(), directory.priority(name)
-
-
-def state_of(record, has_document, priority, payload):
-    """What a cut has left of a record with puts in flight: a word, and whether it may be so."""
-    allowed = ([record.stored] if record.stored else [(0, -1)]) + record.pending
-    payloads = [place for place, each in enumerate(allowed) if payload and matches(payload, each)]
-    if payload is None and record.stored:
-        return "no payload", False
-    if payload is not None and not payloads:
-        return "a foreign payload", False
-    if not has_document:
-        return ("nothing" if payload is None else "a payload alone"), record.stored is None
-    if priority is None:
-        # A document of a stored record has less than a sector and keeps its length in each write.
-        return "a document that is not whole", record.stored is None
-    documents = [place for place, each in enumerate(allowed) if each[0] == priority]
-    if not documents:
-        return "a foreign document", False
-    document = documents[0]
-    if payload is None:
-        return "a document alone", True
-    if document in payloads:
-        return ("new" if document else "old"), True
-    if min(payloads) < document:
-        return "a new document with an old payload", True
-    return "an old document with a new payload", False
-
-
 class PowerCuts:
-    """One file system. Each round ends with a cut, and the next one goes on with what it left."""
+    """One file system. Each round ends with a cut, and the next round goes on with what the cut left."""
 
     def __init__(self, programs, work, file_system, seed, report, say, lost_syncs=None):
         self._programs = programs
@@ -122,20 +89,18 @@ class PowerCuts:
             self._go_on(images[-1][0])
         self._book.judge_losses(lambda _: False)
         return {"file system": self._file_system.name, "seconds": time.monotonic() - begin,
-                "acknowledged puts": self._book.counts["ack"],
-                "records": sum(record.stored is not None for record in self._book.records.values()),
-                **self.counts, "states": dict(self.states)}
+                **self._book.figures(), **self.counts, "states": dict(self.states)}
 
-    # The cut.
+    # Before the cut, and the cut.
 
     def _play(self):
-        """Runs until the power goes. Returns the images, (what is kept, sectors); the next round
-        goes on with the last one."""
+        """Runs until the power goes. Returns the images: [(what is kept, sectors)]. The next round goes
+        on with the last one."""
         disk = block.CutDisk(self._programs, self._base, self._images / "current", self._disk_mount)
         with contextlib.ExitStack() as stack:
             stack.callback(disk.end)
             stack.enter_context(block.mounted(self._file_system, disk.path, self._db))
-            # Whatever fails, nothing may wait for a disk that has stopped.
+            # After a failure too, the disk goes on before the unmount, which would wait for it.
             stack.callback(self._end_processes, disk)
             self._service.start()
             for client in self._clients:
@@ -172,7 +137,7 @@ class PowerCuts:
         self._end_service()
 
     def _wait_for_puts(self, count):
-        """Each client has so many acknowledged puts in this round."""
+        """Waits for so many acknowledged puts of each client, on average."""
         deadline = time.monotonic() + BUSY_LIMIT
         wanted = self._book.counts["ack"] + CLIENTS * count
         while self._book.counts["ack"] < wanted:
@@ -195,7 +160,7 @@ class PowerCuts:
         self._chance.shuffle(images)
         return images
 
-    # What it left.
+    # After the cut.
 
     def _check(self, kind, is_last):
         def report(text):
@@ -239,20 +204,20 @@ class PowerCuts:
             report("the store has the file \"%s\"" % name)
 
     def _check_states(self, directory, report):
-        """Looks at the files, before a daemon does. Returns the records whose document a cut has left
+        """Checks the files before a daemon starts. Returns the records whose document the cut left
         half-written."""
         half_written = set()
         for name, record in sorted(self._book.records.items()):
             if record.expires:
                 continue
-            has_document, priority = document_state(directory, name)
+            has_document, priority = directory.has_document(name), directory.priority(name)
             try:
                 payload = directory.read(name)
             except audit.Spoilt as failure:
                 report("in the files: %s" % failure)
                 continue
             if not record.stored and not record.pending:
-                continue  # a put after another image of this cut
+                continue  # only another image of this cut has it, by a put after the cut
             if record.pending:
                 state, may_be = state_of(record, has_document, priority, payload)
                 self.states[state] += 1
@@ -303,3 +268,15 @@ class PowerCuts:
         for record in self._book.records.values():
             if record.last < MOST_GENERATION and self._chance.random() < 0.25:
                 record.last = max(record.last, 10 ** len(str(record.last)) - 3)
+
+
+def play(options, file_system, directory, seed, cuts, report, say, lost_syncs=None):
+    """Returns the figures; None if the play broke off."""
+    directory.mkdir()
+    try:
+        return PowerCuts(options.programs, directory, file_system, seed, report, say,
+                         lost_syncs).run(cuts)
+    except Exception as failure:  # pylint: disable=broad-except
+        traceback.print_exc()
+        report("the play on %s broke off: %r" % (file_system.name, failure))
+        return None
