@@ -9,6 +9,7 @@
 
 #include <tlx/Servant.h>
 
+#include "EvictorTimes.h"
 #include "PlatformLog.h"
 
 namespace Veltrane::Quillmark::Tlx {
@@ -80,18 +81,14 @@ struct Evictor::State
 
     TimePoint now() const { return clock ? clock() : std::chrono::steady_clock::now(); }
 
-    /// The time of the thread's next look. An object that was due at the last look and is still
-    /// here was busy: the thread looks at it again after its time-out. One that fell due since then
-    /// does not wait so long.
     TimePoint nextLook() const
     {
-        TimePoint next = now() + std::chrono::hours(1);
-        for (const auto& [key, object] : objects) {
-            const TimePoint due = object.due();
-            next = std::min(next, due > looked ? due : now() + object.timeout);
-        }
+        const TimePoint current = now();
+        TimePoint next = current + std::chrono::hours(1);
+        for (const auto& [key, object] : objects)
+            next = std::min(next, nextLookAt(object.due(), object.timeout, looked, current));
         // Otherwise a busy object with a tiny time-out would keep the thread running.
-        return std::max(next, now() + std::chrono::milliseconds(10));
+        return std::max(next, current + std::chrono::milliseconds(10));
     }
 };
 

@@ -8,6 +8,7 @@
 #include <tlx/Orb.h>
 #include <tlx/Servant.h>
 
+#include "../../../../libtlx/lib/orb/EvictorTimes.h"
 #include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx {
@@ -71,6 +72,16 @@ struct EvictorTest : testing::Test
     TimePoint now;
     std::unique_ptr<Evictor> evictor;
 };
+
+TEST(EvictorTimesTest, OnlyABusyObjectWaitsForItsTimeOutAgain)
+{
+    const TimePoint lastLook = TimePoint() + 1000s;
+    const TimePoint now = lastLook + 1s;
+    EXPECT_EQ(nextLookAt(now + 7s, 300s, lastLook, now), now + 7s);
+    EXPECT_EQ(nextLookAt(lastLook, 300s, lastLook, now), now + 300s) << "busy";
+    EXPECT_EQ(nextLookAt(lastLook + 1ms, 300s, lastLook, now), lastLook + 1ms)
+        << "fell due after the look";
+}
 
 TEST_F(EvictorTest, AnIdleObjectIsDeactivatedWhenItsTimeIsOver)
 {
