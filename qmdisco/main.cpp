@@ -36,9 +36,12 @@ Qmdisco::Explorers explorers()
 
 /// Gives large blocks back to the system when they are freed. The names of a large store are one
 /// block, and each walk makes a new one. By default the C library would keep such blocks, for each
-/// thread some. Pages of 1 MiB stay below the limit: they come and go with each call.
-void returnLargeBlocks()
+/// thread some. Pages of 1 MiB stay below the limit: they come and go with each call. The library
+/// keeps them in its arenas, by default eight for each processor.
+void boundKeptMemory()
 {
+    constexpr int ARENAS = 8;
+    (void)::mallopt(M_ARENA_MAX, ARENAS);
     constexpr int LARGE = (1 << 20) + (64 << 10);
     (void)::mallopt(M_MMAP_THRESHOLD, LARGE);
     (void)::mallopt(M_TRIM_THRESHOLD, 4 * LARGE); // otherwise each page would go back as well
@@ -48,7 +51,7 @@ void returnLargeBlocks()
 
 int main(int argc, char** argv)
 {
-    returnLargeBlocks();
+    boundKeptMemory();
     Qmdisco::Hosted hosted;
     hosted.makeService = [](bool foreground) {
         return std::make_unique<Tlx::DiscoverySvc::DiscoverySvc>(foreground);
