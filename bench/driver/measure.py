@@ -185,8 +185,9 @@ class Bench:
             "step": clients, "new": True}, size, ("echo", "files"), before)
 
     def listings_beside_puts(self):
-        """Lists everything again and again while others put: each listing walks over the directory.
-        Returns the resident bytes before and after, and the number of records at the end."""
+        """Lists the first records again and again while others put: then the listings walk over the
+        directory again and again. Returns the resident bytes before and after, and how many
+        records there are at the end. The service remembers those that were listed."""
         common = {"seconds": BESIDE_SECONDS * self._plan.seconds, **self.service.command()}
         self._new += NEW_RECORDS
         lists = [{**common, "operation": "service.list", "authority": RECORDS, "pattern": "*",
@@ -198,7 +199,7 @@ class Bench:
         before = process.resident_bytes()
         answers = self._clients.run(lists + puts)
         stored = sum(name.endswith(".xml") for name in os.listdir(self.service.store))
-        result = {"records": stored, "residentBefore": before,
+        result = {"records": stored, "listed": self.records, "residentBefore": before,
                   "residentAfter": process.resident_bytes(),
                   "listings": sum(a["operations"] for a in answers[:LISTING_CLIENTS]),
                   "puts": sum(a["operations"] for a in answers[LISTING_CLIENTS:])}
