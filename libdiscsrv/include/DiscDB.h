@@ -164,7 +164,8 @@ class DISCSRV_EXPORT DBDiscovery : public Discovery
     /// Removes both files of an expired record.
     /// @return 0 if it removed the record, 1 if the record is current after all, 2 on failure.
     int expire();
-    /// True if expire failed because somebody else uses the record.
+    /// True if expire failed because somebody else uses the record, and it expired less than five
+    /// minutes ago. An abandoned read may last as long.
     bool isInUse() const { return m_isInUse; }
 
     /// Writes a document at the beginning of a file, where its descriptor is, and cuts the file

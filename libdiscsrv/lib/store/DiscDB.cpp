@@ -131,8 +131,8 @@ Discovery* DiscoveryDBCreator::openStored(const char* fileName, Lookup& lookup)
             m_dbPath.withFileName(name.substr(0, name.size() - SUFFIX) + "dat"));
         discovery.reset(new DBDiscovery(std::move(file->lock), path, data, DQ_DISCOVERY_DATA));
         if (!discovery->loadFile(file->status)) {
-            const bool isNew = file->status.st_size == 0; // a put may have just made it
-            DISC_LOG_AS(LOG_LEVEL_FAILURE, noticeIf(isNew), "Unable to load " << path);
+            DISC_LOG_AS(LOG_LEVEL_FAILURE, noticeIf(mayBeNew(file->status)),
+                        "Unable to load " << path);
             return nullptr;
         }
     }

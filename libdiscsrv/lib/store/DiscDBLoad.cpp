@@ -1,18 +1,22 @@
 // Reading a record of the store, and removing an expired one.
 
 #include <cerrno>
+#include <cstdint>
 #include <string_view>
 #include <utility>
 
 #include "DiscDB.h"
 #include "DiscLog.h"
 #include "MetadataCache.h"
+#include "RecordFile.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
 
 constexpr const char* LOG_SOURCE = "../DiscDB";
+/// Log readers know the loading of a record by this operation.
+constexpr const char* LOAD = "DBDiscovery::load";
 
 /// Whether a document has one priority element, as the store writes it.
 bool hasOnlyPriority(std::string_view document, unsigned int priority)
@@ -23,6 +27,15 @@ bool hasOnlyPriority(std::string_view document, unsigned int priority)
     const auto end = document.find(element);
     return end != document.npos && first == end + 1 &&
            document.find(name, end + element.size()) == document.npos;
+}
+
+/// Whether a record expired a moment ago. An abandoned read may keep it for as long.
+bool hasJustExpired(const Discovery& record)
+{
+    constexpr std::int64_t MOMENT = 300; // seconds
+    const CollectionAttributes* const attributes = record.getAttributes();
+    return attributes &&
+           TlxObjTime::now().seconds() - attributes->getExpiresTime().seconds() < MOMENT;
 }
 
 } // namespace
@@ -37,6 +50,7 @@ bool isExpired(const Discovery* discovery)
 
 bool DBDiscovery::load()
 {
+    const LogScope scope(LOAD);
     if (!TLX_ASSERT(m_fileLock) || !TLX_ASSERT_AS(m_fileLock->get_handle() != -1,
                                                   "ACE_INVALID_HANDLE != m_fileLock->get_handle()"))
         return false;
@@ -47,9 +61,9 @@ bool DBDiscovery::load()
 /// @param status of the locked file.
 bool DBDiscovery::loadFile(const struct stat& status)
 {
-    DISC_TRACE("DBDiscovery::load"); // the name that log readers know
+    DISC_TRACE(LOAD);
     if (status.st_size == 0) {
-        DISC_NOTICE("Zero length xml file"); // a put may have just made it
+        DISC_LOG_AS(LOG_LEVEL_FAILURE, noticeIf(mayBeNew(status)), "Zero length xml file");
         return false;
     }
     const auto size = static_cast<std::size_t>(status.st_size);
@@ -82,7 +96,7 @@ bool DBDiscovery::loadFile(const struct stat& status)
 
 bool DBDiscovery::load(const char* xml)
 {
-    DISC_TRACE("DBDiscovery::load");
+    DISC_TRACE(LOAD);
     m_metadataText = xml ? xml : "";
     return loadInternal();
 }
@@ -111,14 +125,17 @@ int DBDiscovery::expire()
     if (!TLX_ASSERT(m_fileLock) || !TLX_ASSERT_AS(m_fileLock->get_handle() != -1,
                                                   "ACE_INVALID_HANDLE != m_fileLock->get_handle()"))
         return FAILED;
+    m_isInUse = false;
     if (m_fileLock->tryacquire_write_upgrade() != 0) {
         // Two processes that both expire the record block each other with their read locks.
-        if (m_fileLock->release() != 0)
-            DISC_LOG(1, "WARN: Unable to release file lock, errno: " << errno);
+        if (m_fileLock->release() != 0) {
+            const int error = errno;
+            DISC_LOG(1, "WARN: Unable to release file lock, errno: " << error);
+        }
         if (m_fileLock->tryacquire_write_upgrade() != 0) {
             const int error = errno;
             // Somebody else uses the record, perhaps to remove it as well.
-            m_isInUse = error == EBUSY;
+            m_isInUse = error == EBUSY && hasJustExpired(*this);
             DISC_LOG_AS(LOG_LEVEL_FAILURE, noticeIf(m_isInUse),
                         "Unable to upgrade lock to expire file, errno: " << error);
             return FAILED;

@@ -1,5 +1,7 @@
 #include "RecordFile.h"
 
+#include <ctime>
+
 #include <fcntl.h>
 
 #include "DiscLog.h"
@@ -35,6 +37,12 @@ void logFailure(const LockFailure& failure, const TlxPathname& path)
     DISC_LOG_AS(LOG_LEVEL_FAILURE, severity, "The cause: " << causeOf(failure));
 }
 
+bool mayBeNew(const struct stat& status)
+{
+    constexpr std::time_t YOUNG = 60; // seconds
+    return status.st_size == 0 && std::time(nullptr) - status.st_mtim.tv_sec < YOUNG;
+}
+
 std::string causeOf(const LockFailure& failure)
 {
     if (failure.step == LockFailure::REPLACED)
@@ -42,7 +50,7 @@ std::string causeOf(const LockFailure& failure)
                " openings";
     if (failure.error == std::errc::timed_out)
         return (failure.step == LockFailure::TURN
-                    ? "other puts of this process replaced it for all of "
+                    ? "other puts of this process had their turn for all of "
                     : "other processes had a lock on it for all of ") +
                std::to_string(FileLock::waitLimit().count()) + " ms";
     if (failure.error == std::errc::device_or_resource_busy)

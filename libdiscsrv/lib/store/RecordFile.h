@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include <sys/stat.h>
+
 #include <tl/expected.hpp>
 
 #include <tlx/FileLock.h>
@@ -20,5 +22,8 @@ openRecordFile(const TlxPathname& path, int flags, LockLevel level, LockWait wai
 void logFailure(const LockFailure& failure, const TlxPathname& path);
 /// The cause of a failure, for the log.
 std::string causeOf(const LockFailure& failure);
+
+/// Whether a put may have just made the file, and not written it yet: it is empty and young.
+bool mayBeNew(const struct stat& status);
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -283,6 +283,18 @@ TEST_F(DBDiscoveryTest, AnEmptyMetadataFileIsRejected)
             << "a put may have made it";
 }
 
+TEST_F(DBDiscoveryTest, AnEmptyMetadataFileThatStaysIsAWarning)
+{
+    writeFile(path(metadata), "");
+    std::filesystem::last_write_time(path(metadata), std::filesystem::file_time_type::clock::now() -
+                                                         std::chrono::minutes(2));
+    const LogCapture log;
+    EXPECT_FALSE(find(metadata));
+    ASSERT_EQ(log.texts(1).size(), 2u);
+    for (const std::string& text : log.texts(1))
+        EXPECT_EQ(log.severities(text), std::vector{LogSeverity::Warning}) << text;
+}
+
 TEST_F(DBDiscoveryTest, ADocumentWithoutSubjectOrAuthorityIsRejected)
 {
     const auto load = [](const char* xml) {

@@ -251,7 +251,8 @@ TEST_F(DiscDBLocksTest, APutThatWaitsForAnotherPutOfItsProcessSaysSo)
     FileLock::setWaitLimit(std::chrono::milliseconds(50));
     std::thread([&] { EXPECT_EQ(put({.subject = "a"}), DS_OPEN_FAILED); }).join();
     EXPECT_TRUE(log.has(1, "Unable to lock " + path("1 srv1 a.xml").string()));
-    EXPECT_TRUE(log.has(1, "The cause: other puts of this process replaced it for all of 50 ms"));
+    EXPECT_TRUE(
+        log.has(1, "The cause: other puts of this process had their turn for all of 50 ms"));
     EXPECT_EQ(find("1 srv1 a.xml"), "found old");
 }
 
