@@ -57,12 +57,16 @@ class Client:
         now = time.monotonic_ns()
         return [self._book.died(worker, now) for worker in self.workers]
 
-    def ask_to_stop(self):
-        """Asks when the process has begun its ledgers. Before that the signal would end it at once."""
+    def wait_for_ledgers(self):
+        """Waits until the process has begun its ledgers, and so has opened its target."""
         limit = time.monotonic() + STOP_LIMIT
         while (self.is_running() and not all(ledger.exists() for ledger in self._ledgers) and
                time.monotonic() < limit):
             time.sleep(0.01)
+
+    def ask_to_stop(self):
+        """Asks when the process has begun its ledgers. Before that the signal would end it at once."""
+        self.wait_for_ledgers()
         self.process.send_signal(signal.SIGTERM)
 
     def wait(self):
