@@ -58,7 +58,7 @@ def say(text):
 
 
 def playable(options):
-    """(the file systems to play on, why there are none)"""
+    """(the file systems to play on, the reason if the list is empty)"""
     reason = block.why_not(options.programs)
     if reason:
         return [], reason

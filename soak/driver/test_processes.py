@@ -10,6 +10,7 @@ import time
 from cases import book_of, caught, write_record
 from clients import Client
 from history import HOT
+from on_directory import THREADS, check_left
 from service import Service
 from stamp import payload_of
 
@@ -56,6 +57,14 @@ def test_processes(cases, directory):
         found = []
         service.check_left(found.append)
         cases.expect("a start", found, *wanted)
+    crowd = directory / "crowd"
+    crowd.mkdir()
+    for count, wanted in ((THREADS, ()), (THREADS + 1, ("leaves 5 temporary payloads",))):
+        for number in range(count):
+            (crowd / ("%d.updating" % number)).touch()
+        found = []
+        check_left(crowd, found.append)
+        cases.expect("a start with %d temporary payloads" % count, found, *wanted)
 
 
 def test_client(cases, directory, program):
