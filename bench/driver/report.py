@@ -66,7 +66,8 @@ def tables(document):
                    ["listings", "puts", "listed records", "all records", "resident MiB before",
                     "after"],
                    [["{:,}".format(beside["listings"]), "{:,}".format(beside["puts"]),
-                     "{:,}".format(beside["listed"]), "{:,}".format(beside["records"]), "%.1f" % (beside["residentBefore"] / 2**20),
+                     "{:,}".format(beside["listed"]), "{:,}".format(beside["records"]),
+                     "%.1f" % (beside["residentBefore"] / 2**20),
                      "%.1f" % (beside["residentAfter"] / 2**20)]]))
     start = document["start"]
     result.append(("Start of the service", ["records", "seconds: median (least–most)"],
