@@ -26,6 +26,7 @@
 #include <tlx/Servant.h>
 
 #include "PlatformLog.h"
+#include "RequestPeerState.h"
 
 namespace Veltrane::Quillmark::Tlx {
 
@@ -137,6 +138,17 @@ CORBA::Boolean refuseForeignKey(omni::omniInterceptors::serverReceiveRequest_T::
     return true;
 }
 
+/// Notes who sent a request, and refuses what the process's check refuses. The arguments are not
+/// read yet.
+CORBA::Boolean checkRequest(omni::omniInterceptors::serverReceiveRequest_T::info_T& info)
+{
+    const char* const name = info.peeridentity();
+    if (!admitRequest({addressOfConnection(info.peeraddress()), name ? name : ""},
+                      info.operation()))
+        throw CORBA::NO_PERMISSION(0, CORBA::COMPLETED_NO);
+    return true;
+}
+
 void logOrbMessage(const char* message)
 {
     std::string text(message ? message : "");
@@ -212,6 +224,7 @@ void OrbCore::start(const OrbSettings& settings)
 void OrbCore::openServer()
 {
     omniORB::getInterceptors()->serverReceiveRequest.add(&refuseForeignKey);
+    omniORB::getInterceptors()->serverReceiveRequest.add(&checkRequest);
     CORBA::Object_var object = m_orb->resolve_initial_references("RootPOA");
     m_rootPOA = PortableServer::POA::_narrow(object);
     m_rootManager = m_rootPOA->the_POAManager();
