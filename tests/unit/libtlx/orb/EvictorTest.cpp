@@ -79,6 +79,7 @@ struct EvictorTest : testing::Test
     std::unique_ptr<Evictor> evictor;
 };
 
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // they need address space
 TEST(EvictorAloneTest, WithoutAThreadItFailsAndTheProcessLives)
 {
     rlimit before{};
@@ -96,6 +97,7 @@ TEST(EvictorAloneTest, WithoutAThreadItFailsAndTheProcessLives)
     EXPECT_EQ(failure, "cannot start the thread that ends idle objects: Resource temporarily "
                        "unavailable");
 }
+#endif
 
 TEST_F(EvictorTest, AnIdleObjectIsDeactivatedWhenItsTimeIsOver)
 {
