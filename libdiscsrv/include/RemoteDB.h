@@ -20,7 +20,7 @@
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 /// A payload on another host. One thread at a time uses it. If it is destroyed with an open writer,
-/// the writer and its bytes stay on the master until the master stops. The wire contract cannot
+/// the writer and its bytes stay on the master until it gives them up. The wire contract cannot
 /// abandon a writer. ServiceCounters counts these writers.
 class DISCSRV_EXPORT RemoteCollectionData : public CollectionData
 {

@@ -8,6 +8,7 @@
 
 #include "DiscLog.h"
 #include "DiscoveryRepository.h"
+#include "OpenObjects.h"
 #include "RemoteExplorerPull.h"
 #include "ServiceCounters.h"
 
@@ -110,6 +111,8 @@ void DiscoveryIterator_i::release()
         if (Orb* orb = getDiscoveryRepository()->getOrb())
             removeFromEvictor(m_objectId, *orb);
         m_discoveryIterator.reset();
+        if (m_objectId.operator->())
+            openObjects().end(m_objectId.in());
     });
 }
 

@@ -22,6 +22,8 @@ class DiscoveryIterator_i
     void pageSize(CORBA::Long size) override;
     void release() override;
 
+    std::string describe() const override { return "a discovery iterator"; }
+
   private:
     AutoDereference<Tlx::DiscoverySvc::DiscoveryIterator> m_discoveryIterator;
     CORBA::Long m_pageSize = 8;
