@@ -357,6 +357,7 @@ OpenObjects::Admission OpenObjects::admit(OpenKind kind, OpenServant& servant,
     const std::string name = nameOf(servant.owner());
     State::EntryPtr givenUp;
     std::string warning;
+    std::string many;
     {
         const std::lock_guard guard(m_state->mutex);
         if (!m_state->orb)
@@ -384,14 +385,16 @@ OpenObjects::Admission OpenObjects::admit(OpenKind kind, OpenServant& servant,
         if (kind == OpenKind::Writer && !refused &&
             std::find(std::begin(MANY_WRITERS), std::end(MANY_WRITERS), m_state->writers) !=
                 std::end(MANY_WRITERS))
-            warning = std::to_string(m_state->writers) +
-                      " writers are open; the last one belongs "
-                      "to " +
-                      name + ", which has " +
-                      std::to_string(m_state->peers.at(entry->peer).writers.size());
+            many = std::to_string(m_state->writers) +
+                   " writers are open; the last one belongs "
+                   "to " +
+                   name + ", which has " +
+                   std::to_string(m_state->peers.at(entry->peer).writers.size());
     }
     if (!warning.empty())
         DISC_WARN(warning);
+    if (!many.empty()) // a place of its own: a flood of refusals must not hide it
+        DISC_WARN(many);
     if (key.empty()) {
         countService(kind == OpenKind::Writer ? ServiceCounter::WRITERS_REFUSED
                                               : ServiceCounter::ITERATORS_REFUSED);
@@ -529,8 +532,8 @@ bool OpenObjects::giveUpPulled()
         m_state->take(entry->key);
     }
     countService(ServiceCounter::ITERATORS_GIVEN_UP);
-    DISC_WARN("Gave up an idle iterator over a pulled collection of "
-              << entry->bytes << " bytes to make room (MAX_PULLED_BYTES), of "
+    DISC_WARN("Gave up an idle iterator with "
+              << entry->bytes << " bytes in memory to make room (MAX_PULLED_BYTES), of "
               << nameOf(entry->object->owner()));
     discard(entry);
     return true;

@@ -12,8 +12,9 @@
 //                 longest idle iterator goes: of that peer, or of the peer with the most.
 //     writers     MAX_WRITERS_PER_PEER. Beyond it a peer gets none: a writer lives until its client
 //                 closes it, or leaves it alone for WRITER_IDLE_LIMIT.
-//     memory      MAX_PULLED_BYTES (PulledBytes.h). Beyond it the longest idle iterator over a
-//                 pulled collection goes, of the peer that holds the most bytes.
+//     memory      MAX_PULLED_BYTES (PulledBytes.h). Beyond it the longest idle iterator goes that
+//                 holds a pulled collection or a fetched list, of the peer that holds the most
+//                 bytes.
 //
 // An object in which a request runs never goes. Requests of this process itself have no peer, and
 // no share.
@@ -121,7 +122,7 @@ class OpenObjects
     /// tests call it.
     std::size_t giveUpIdleWriters();
 
-    /// Gives up the longest idle iterator over a pulled collection. Returns false if none is idle.
+    /// Gives up the longest idle iterator with bytes in memory. Returns false if none is idle.
     bool giveUpPulled();
 
     /// The writers by peer, those with the most first.
