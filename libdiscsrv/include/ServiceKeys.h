@@ -37,9 +37,9 @@ inline constexpr DeclaredKey MAX_WRITERS_PER_PEER =
 /// Seconds after which a writer that nobody uses is given up. 0: never.
 inline constexpr DeclaredKey WRITER_IDLE_LIMIT =
     DeclaredKey::number("WRITER_IDLE_LIMIT", 0, 31536000, 86400);
-/// Bytes of all pulled collections in memory.
+/// Bytes of all pulled collections, and of all lists from other hosts, in memory.
 inline constexpr DeclaredKey MAX_PULLED_BYTES =
-    DeclaredKey::number("MAX_PULLED_BYTES", 1024, std::uint64_t{1} << 40, 268435456);
+    DeclaredKey::number("MAX_PULLED_BYTES", 1024, std::uint64_t{1} << 40, 536870912);
 
 // The store.
 /// Seconds that a request waits while another process locks a record.

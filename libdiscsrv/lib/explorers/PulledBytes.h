@@ -1,14 +1,14 @@
 #pragma once
-// The memory of pulled collections.
+// The memory of pulled collections, and of lists from other hosts.
 
 #include <cstddef>
 #include <functional>
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
-/// Counts the bytes of one collection among those of all collections that pull explorers deliver,
-/// and that readers still hold. Their sum is at most MAX_PULLED_BYTES. One thread at a time uses an
-/// object; any number of threads use objects of their own.
+/// Counts the bytes of one collection, or list, among those of all that pull explorers and other
+/// hosts deliver, and that readers still hold. Their sum is at most MAX_PULLED_BYTES. One thread at
+/// a time uses an object; any number of threads use objects of their own.
 class PulledBytes
 {
   public:

@@ -9,6 +9,7 @@
 #include "DiscLog.h"
 #include "DiscoveryRepository.h"
 #include "OpenObjects.h"
+#include "RemoteDB.h"
 #include "RemoteExplorerPull.h"
 #include "ServiceCounters.h"
 
@@ -56,6 +57,13 @@ DiscoveryIterator_i::DiscoveryIterator_i(Tlx::DiscoverySvc::DiscoveryIterator* i
 {
     m_discoveryIterator.refObject(iterator);
     m_hostName = TlxHostname::local().text();
+}
+
+std::size_t DiscoveryIterator_i::heldBytes() const
+{
+    const auto* const fetched =
+        dynamic_cast<const RemoteDiscoveryIterator*>(m_discoveryIterator.get());
+    return fetched ? fetched->heldBytes() : 0;
 }
 
 DiscoverySeq* DiscoveryIterator_i::getNextPage()

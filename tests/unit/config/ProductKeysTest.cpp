@@ -58,7 +58,7 @@ TEST_F(ProductKeysTest, EveryNumberHasItsBoundsAndItsDefault)
           Bounds{ConfigKey::MAX_ITERATORS_PER_PEER, 1, 1000000, 2500},
           Bounds{ConfigKey::MAX_WRITERS_PER_PEER, 1, 1000, 250},
           Bounds{ConfigKey::WRITER_IDLE_LIMIT, 0, 31536000, 86400},
-          Bounds{ConfigKey::MAX_PULLED_BYTES, 1024, 1ULL << 40, 268435456},
+          Bounds{ConfigKey::MAX_PULLED_BYTES, 1024, 1ULL << 40, 536870912},
           Bounds{ConfigKey::LOCK_WAIT_SECONDS, 1, 3600, 20},
           Bounds{ConfigKey::CACHED_RECORDS, 0, 10000000, 500000},
           Bounds{ConfigKey::MAX_MESSAGE_BYTES, 65536, 1ULL << 30, 67108864}}) {
