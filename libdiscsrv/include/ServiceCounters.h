@@ -18,17 +18,18 @@ enum class ServiceCounter
     RECORDS_STORED,   ///< writers closed with success
     WRITERS_LEFT,     ///< writers that this host left on the master without a close
 
-    // What clients hold. A name with OPEN or BYTES is the value of now, and MOST its highest value.
+    // What clients hold. PULLED_BYTES and a name with OPEN are values of now. HIGHEST is
+    // the highest value so far.
     ITERATORS_OPEN,
-    ITERATORS_OPEN_MOST,
+    ITERATORS_HIGHEST,
     ITERATORS_GIVEN_UP, ///< idle iterators that made room for others
     ITERATORS_REFUSED,  ///< because none was idle
     WRITERS_OPEN,
-    WRITERS_OPEN_MOST,
+    WRITERS_HIGHEST,
     WRITERS_GIVEN_UP, ///< left alone for WRITER_IDLE_LIMIT
     WRITERS_REFUSED,  ///< beyond MAX_WRITERS_PER_PEER
     PULLED_BYTES,     ///< of pulled collections in memory
-    PULLED_BYTES_MOST,
+    PULLED_BYTES_HIGHEST,
     PULLS_REFUSED, ///< collections that did not fit into memory
     FOREIGN_USES,  ///< requests on an object of another peer
 };

@@ -9,13 +9,13 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
 
-constexpr std::array NAMES = {"queries",           "recordsReturned",  "reads",
-                              "bytesRead",         "writes",           "bytesWritten",
-                              "recordsStored",     "writersLeft",      "iteratorsOpen",
-                              "iteratorsOpenMost", "iteratorsGivenUp", "iteratorsRefused",
-                              "writersOpen",       "writersOpenMost",  "writersGivenUp",
-                              "writersRefused",    "pulledBytes",      "pulledBytesMost",
-                              "pullsRefused",      "foreignUses"};
+constexpr std::array NAMES = {"queries",          "recordsReturned",  "reads",
+                              "bytesRead",        "writes",           "bytesWritten",
+                              "recordsStored",    "writersLeft",      "iteratorsOpen",
+                              "iteratorsHighest", "iteratorsGivenUp", "iteratorsRefused",
+                              "writersOpen",      "writersHighest",   "writersGivenUp",
+                              "writersRefused",   "pulledBytes",      "pulledBytesHighest",
+                              "pullsRefused",     "foreignUses"};
 
 std::array<std::atomic<unsigned long long>, NAMES.size()>& values()
 {

@@ -36,7 +36,7 @@ bool PulledBytes::add(std::size_t bytes, std::size_t most)
                 all().sum += bytes;
                 m_held += bytes;
                 setService(ServiceCounter::PULLED_BYTES, all().sum);
-                raiseService(ServiceCounter::PULLED_BYTES_MOST, all().sum);
+                raiseService(ServiceCounter::PULLED_BYTES_HIGHEST, all().sum);
                 return true;
             }
             makeRoom = all().makeRoom;

@@ -150,13 +150,13 @@ struct OpenObjects::State
         if (peer.iterators > 0)
             byIterators.emplace(peer.iterators, name);
         setService(ServiceCounter::ITERATORS_OPEN, iterators);
-        raiseService(ServiceCounter::ITERATORS_OPEN_MOST, iterators);
+        raiseService(ServiceCounter::ITERATORS_HIGHEST, iterators);
     }
 
     void noteWriters()
     {
         setService(ServiceCounter::WRITERS_OPEN, writers);
-        raiseService(ServiceCounter::WRITERS_OPEN_MOST, writers);
+        raiseService(ServiceCounter::WRITERS_HIGHEST, writers);
     }
 
     void add(const EntryPtr& entry, const std::optional<RequestPeer>& owner)

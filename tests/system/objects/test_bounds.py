@@ -112,7 +112,7 @@ def test_ten_thousand_iterators(start, root):
         held = [late.queryDiscoveries(1, ANY, "*", "*") for _ in range(100)]
         assert all(is_there(each) for each in held)
     values = counters(root, lambda v: v["iteratorsGivenUp"] >= 100, "iterators are given up")
-    assert values["iteratorsOpenMost"] == 10000
+    assert values["iteratorsHighest"] == 10000
     assert values["iteratorsRefused"] == 0
     assert daemon.stop() == 0
     assert root.status()["assertions"] == 0
@@ -226,10 +226,10 @@ def test_thirty_two_clients_at_the_bounds(start, root):
     assert failures == []
     values = counters(root, lambda v: v["writersOpen"] == 0 and v["writersGivenUp"] > 0,
                       "all idle writers are given up")
-    assert 0 < values["iteratorsOpenMost"] <= 200
+    assert 0 < values["iteratorsHighest"] <= 200
     assert values["iteratorsGivenUp"] > 0
     assert values["writersRefused"] > 0
-    assert values["writersOpenMost"] <= 61
+    assert values["writersHighest"] <= 61
     begun = time.monotonic()
     assert daemon.stop() == 0
     assert time.monotonic() - begun < PROMPT

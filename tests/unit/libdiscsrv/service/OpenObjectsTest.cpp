@@ -141,7 +141,7 @@ TEST_F(OpenObjectsTest, AnObjectIsReachableAndOwnedUntilItsEnd)
     EXPECT_EQ(alive, 0);
     EXPECT_FALSE(held.isThere());
     EXPECT_EQ(openObjects().iteratorsOpen(), 0u);
-    EXPECT_EQ(counter("iteratorsOpenMost"), 1u);
+    EXPECT_EQ(counter("iteratorsHighest"), 1u);
 }
 
 TEST_F(OpenObjectsTest, WhateverFailsOnTheWayLeavesNothing)
@@ -410,7 +410,7 @@ TEST_F(OpenObjectsTest, PulledCollectionsMakeRoomForOthers)
     EXPECT_EQ(log.texts(1), Lines{"Gave up an idle iterator with 1000 bytes in memory "
                                   "to make room (MAX_PULLED_BYTES), of peer 192.0.2.1"});
     EXPECT_EQ(counter("pulledBytes"), 3000u);
-    EXPECT_EQ(counter("pulledBytesMost"), 3000u);
+    EXPECT_EQ(counter("pulledBytesHighest"), 3000u);
     third->release();
     EXPECT_EQ(PulledBytes::sum(), 2000u);
     openObjects().stop();
@@ -457,7 +457,7 @@ TEST_F(OpenObjectsTest, ThirtyTwoThreadsAtTheBounds)
         thread.join();
     EXPECT_GT(kept, 32 * 100);
     EXPECT_EQ(static_cast<std::size_t>(alive), openObjects().iteratorsOpen());
-    EXPECT_LE(counter("iteratorsOpenMost"), 60u);
+    EXPECT_LE(counter("iteratorsHighest"), 60u);
     openObjects().stop();
     EXPECT_EQ(alive, 0);
 }
@@ -489,7 +489,7 @@ TEST_F(OpenWritersTest, BeyondItsShareAPeerGetsNoWriter)
     const RemoteWriter_var again = writer("cl4", "192.0.2.1");
     EXPECT_EQ(openObjects().writersOpen(), 3u);
     EXPECT_EQ(counter("writersOpen"), 3u);
-    EXPECT_EQ(counter("writersOpenMost"), 3u);
+    EXPECT_EQ(counter("writersHighest"), 3u);
 }
 
 TEST_F(OpenWritersTest, AWriterThatDoesNotOpenCountsNoLonger)
