@@ -49,7 +49,7 @@ std::atomic<bool (*)(void*, std::size_t)> g_random{&systemRandom};
 /// Returns an empty key on failure.
 std::string randomKey()
 {
-    std::array<char, ID_BYTES> bytes;
+    std::array<char, ID_BYTES> bytes{};
     if (!g_random.load()(bytes.data(), bytes.size()))
         return {};
     return {bytes.data(), bytes.size()};
