@@ -20,7 +20,7 @@ namespace {
 using Tlx::FileDescriptor;
 using Tlx::FileResult;
 
-/// The kernel's headers of Debian 12 do not have it; a newer kernel of Debian's backports does.
+/// The headers of Debian 12 do not name this right. Newer kernels have it.
 constexpr std::uint64_t ACCESS_TRUNCATE = 1u << 14;
 
 /// Rights that files have, too. All others belong to directories.
