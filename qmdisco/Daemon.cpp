@@ -83,7 +83,7 @@ ExitCode Daemon::host()
     if (!m_pidFile->writeError().empty())
         log(Tlx::LogSeverity::Warning, m_pidFile->writeError());
     if (!confined)
-        log(Tlx::LogSeverity::Notice,
+        log(Tlx::LogSeverity::Warning,
             "This kernel does not confine where qmdisco may write: " + confined.error().message());
     for (const std::string& line : writableByOthers(m_root))
         log(Tlx::LogSeverity::Warning, "The product tree is not safe: " + line);
