@@ -55,11 +55,14 @@ TlxPathname storeDirectory(const TlxPathname& root)
 
 Result<> prepareDirectories(const TlxPathname& root)
 {
-    // Everybody may go through the root: programs of other users read etc/ and lib/. If this fails,
-    // so does the first directory below it, with the same reason.
+    const TlxPathname store = storeDirectory(root);
+    // Everybody may go through the root: programs of other users read etc/ and lib/. Only the
+    // daemon goes through db/; deployed tools know the mode of the store itself. If one of these
+    // fails, so does a directory below it, with the same reason.
     (void)root.createDirectories(0755);
+    (void)store.directory().createDirectories(0700);
     const std::array<std::pair<TlxPathname, unsigned>, 3> wanted{
-        {{runDirectory(root), 0750}, {logDirectory(root), 0750}, {storeDirectory(root), 0700}}};
+        {{runDirectory(root), 0750}, {logDirectory(root), 0750}, {store, 0755}}};
     for (const auto& [path, mode] : wanted) {
         if (const int error = path.createDirectories(mode))
             return unusable("make the directory", path, Tlx::systemError(error));

@@ -58,7 +58,7 @@ bool DiscoveryDBCreator::setupDB(const std::string& dir)
     FileLock::setWaitLimit(
         std::chrono::seconds(HostConfig::instance().number(ConfigKey::LOCK_WAIT_SECONDS)));
     metadataCache().setMostRecords(HostConfig::instance().number(ConfigKey::CACHED_RECORDS));
-    if (const int error = m_dbPath.createDirectories(0700))
+    if (const int error = m_dbPath.createDirectories(0755))
         DISC_LOG(1, "Unable to create directory path " << m_dbPath << ", error " << error);
 
     const CleanupLock lock(m_dbPath.c_str(), CleanupLock::LM_EXCLUSIVE);

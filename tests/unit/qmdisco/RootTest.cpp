@@ -51,7 +51,7 @@ TEST_F(RootTest, OnlyTheGroupMayLookOnAndNobodySeesTheStore)
                                      {"a/b/run", 0750u},
                                      {"a/b/logs", 0750u},
                                      {"a/b/db", 0700u},
-                                     {"a/b/db/discovery", 0700u}})
+                                     {"a/b/db/discovery", 0755u}})
         EXPECT_EQ(mode, modeOf(name)) << name;
     ASSERT_EQ(0, ::chmod(m_root.path("a/b/logs").c_str(), 0777));
     EXPECT_TRUE(prepareDirectories(m_root.path("a/b")));

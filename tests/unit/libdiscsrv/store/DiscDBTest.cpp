@@ -35,7 +35,7 @@ TEST(DiscDBAloneTest, AnEmptyDirectoryStandsForTheProductsOwn)
     const auto store = root.path() / "db" / "discovery";
     struct stat status = {};
     ASSERT_EQ(::stat(store.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0700u);
+    EXPECT_EQ(status.st_mode & 07777, 0755u);
     EXPECT_TRUE(std::filesystem::exists(store / "Update.lock"));
 }
 
