@@ -394,6 +394,7 @@ void Daemon::publish(const char* state)
         m_status.counters.emplace_back("connectionsRefused", connections.refused);
         m_status.counters.emplace_back("connectionsDrivenOut", connections.drivenOut);
         m_status.counters.emplace_back("connectionsStalled", connections.stalled);
+        m_status.counters.emplace_back("requestsBeyondShare", connections.requestsRefused);
         if (m_hosted.explorers)
             m_status.explorers = m_hosted.explorers();
         if (m_hosted.writers)

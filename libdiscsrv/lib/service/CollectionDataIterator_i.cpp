@@ -35,6 +35,7 @@ CollectionDataSeq* CollectionDataIterator_i::getNextPage()
 {
     return servantOperation("CollectionDataIterator_i::getNextPage", [this] {
         DISC_TRACE("CollectionDataIterator_i::getNextPage");
+        const Turn turn(*this);
         const CollectionData* data = m_discovery ? m_discovery->getCollectionData() : nullptr;
         if (!TLX_ASSERT_AS(data, "NULL != m_discovery"))
             return new CollectionDataSeq;
@@ -60,12 +61,14 @@ CollectionDataSeq* CollectionDataIterator_i::getNextPage()
 CORBA::Long CollectionDataIterator_i::pageSize()
 {
     DISC_TRACE("CollectionDataIterator_i::pageSize");
+    const Turn turn(*this);
     return m_pageSize;
 }
 
 void CollectionDataIterator_i::pageSize(CORBA::Long size)
 {
     DISC_TRACE("CollectionDataIterator_i::pageSize");
+    const Turn turn(*this);
     m_pageSize = size;
 }
 
@@ -73,6 +76,7 @@ void CollectionDataIterator_i::release()
 {
     servantOperation("CollectionDataIterator_i::release", [this] {
         DISC_TRACE("CollectionDataIterator_i::release");
+        const Turn turn(*this);
         DISC_LOG(4, "Releasing collection data iterator");
         endRequests();
         if (Orb* orb = getDiscoveryRepository()->getOrb())

@@ -70,6 +70,7 @@ DiscoverySeq* DiscoveryIterator_i::getNextPage()
 {
     return servantOperation("DiscoveryIterator_i::getNextPage", [this] {
         DISC_TRACE("DiscoveryIterator_i::getNextPage");
+        const Turn turn(*this);
         DiscoverySeq_var page = new DiscoverySeq;
         if (!TLX_ASSERT_AS(m_discoveryIterator, "NULL != m_discoveryIterator"))
             return page._retn();
@@ -101,12 +102,14 @@ DiscoverySeq* DiscoveryIterator_i::getNextPage()
 CORBA::Long DiscoveryIterator_i::pageSize()
 {
     DISC_TRACE("DiscoveryIterator_i::pageSize");
+    const Turn turn(*this);
     return m_pageSize;
 }
 
 void DiscoveryIterator_i::pageSize(CORBA::Long size)
 {
     DISC_TRACE("DiscoveryIterator_i::pageSize");
+    const Turn turn(*this);
     m_pageSize = size;
 }
 
@@ -114,6 +117,7 @@ void DiscoveryIterator_i::release()
 {
     servantOperation("DiscoveryIterator_i::release", [this] {
         DISC_TRACE("DiscoveryIterator_i::release");
+        const Turn turn(*this);
         DISC_LOG(4, "releasing discovery iterator");
         endRequests();
         if (Orb* orb = getDiscoveryRepository()->getOrb())

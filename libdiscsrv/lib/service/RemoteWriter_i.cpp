@@ -59,6 +59,7 @@ CORBA::Boolean RemoteWriter_i::put(const CollectionDataSeq& data)
 {
     return servantOperation("RemoteWriter_i::put", [&]() -> CORBA::Boolean {
         DISC_TRACE("RemoteWriter_i::put");
+        const Turn turn(*this);
         if (m_closed)
             throw CORBA::OBJECT_NOT_EXIST(0, CORBA::COMPLETED_NO);
         if (!TLX_ASSERT_AS(m_discovery, "NULL != m_discovery"))
@@ -75,6 +76,7 @@ DiscoveryResult RemoteWriter_i::close()
 {
     return servantOperation("RemoteWriter_i::close", [this]() -> DiscoveryResult {
         DISC_TRACE("RemoteWriter_i::close");
+        const Turn turn(*this);
         endRequests();
         const bool registered = m_objectId.operator->();
         // The second close of a writer, or the first one of a writer that was given up just now.

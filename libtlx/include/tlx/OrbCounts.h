@@ -13,6 +13,8 @@ struct ConnectionCounts
     std::uint64_t refused = 0;   ///< closed at once, because there was no place
     std::uint64_t drivenOut = 0; ///< idle ones, closed to make place for others
     std::uint64_t stalled = 0;   ///< closed because a message or the reading of a reply stalled
+    /// Requests of peers that had their share of the threads.
+    std::uint64_t requestsRefused = 0;
 };
 
 } // namespace Veltrane::Quillmark::Tlx

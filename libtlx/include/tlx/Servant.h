@@ -1,6 +1,7 @@
 #pragma once
 // The common parts of this system's servants.
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -43,16 +44,44 @@ class StatefulServant
     /// @param operation as on the wire; only during the call.
     virtual bool mayServe(const char* /*operation*/) { return true; }
 
+    /// One operation runs inside the servant while this object lives. Each operation makes one at
+    /// its beginning, when its arguments have arrived. So a peer that stalls while it sends them,
+    /// or does not read its reply, does not keep others out. A thread may have several.
+    class Turn
+    {
+      public:
+        /// Waits for the operation that runs now.
+        /// @throws CORBA::OBJECT_NOT_EXIST to a request from the wire after endRequests.
+        /// @throws CORBA::TRANSIENT if MOST_WAITING others wait already; it logs that.
+        [[nodiscard]] explicit Turn(StatefulServant& servant);
+
+      private:
+        const std::unique_lock<std::recursive_mutex> m_lock;
+    };
+    static constexpr unsigned MOST_WAITING = 3;
+
+    /// Refuses all later requests from the wire with OBJECT_NOT_EXIST. Call it in the operation
+    /// that deactivates the servant. The POA itself still lets requests in until that operation's
+    /// reply has left.
+    void endRequests() { m_ended = true; }
+
     std::shared_ptr<ServantActivity> m_activity = std::make_shared<ServantActivity>();
-    std::mutex m_requestMutex;
-    bool m_ended = false; ///< see SerialServant::endRequests
+
+  private:
+    template <class Skeleton>
+    friend class SerialServant;
+    std::unique_lock<std::recursive_mutex> takeTurn();
+
+    std::recursive_mutex m_turn;
+    std::atomic<unsigned> m_waiting{0};
+    std::atomic<bool> m_ended{false};
 };
 
 /// The name of the operation that a request calls, as on the wire. It lives as long as the handle.
 const char* operationOf(const omniCallHandle& handle);
 
-/// A servant that serves its requests from the wire one at a time and notes its activity. So two
-/// calls never run inside it at once, for instance a release and a read of one iterator.
+/// A servant that notes its activity, and whose operations run one at a time: each takes a Turn. So
+/// two calls never run inside it at once, for instance a release and a read of one iterator.
 ///
 /// Skeleton is the generated POA_... class.
 template <class Skeleton>
@@ -70,17 +99,10 @@ class SerialServant : public virtual Skeleton, public StatefulServant
             ~Mark() { m_activity.end(); }
             ServantActivity& m_activity;
         } mark(*activity);
-        std::lock_guard<std::mutex> guard(m_requestMutex);
         if (m_ended)
             throw CORBA::OBJECT_NOT_EXIST(0, CORBA::COMPLETED_NO);
         return Skeleton::_dispatch(handle);
     }
-
-  protected:
-    /// Refuses all later requests from the wire with OBJECT_NOT_EXIST. Call it in the operation
-    /// that deactivates the servant. The POA itself still lets requests in until that operation
-    /// ends, and its reply leaves before that.
-    void endRequests() { m_ended = true; }
 };
 
 /// The name of an exception with its minor code and completion: "TRANSIENT (minor 0x...,

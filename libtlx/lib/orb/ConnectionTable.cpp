@@ -110,6 +110,10 @@ bool ConnectionTable::admit(const void* key, WatchedConnection& connection)
     const std::string name = peerOfAddress(connection.address());
     Peer& peer = m_peers[name];
     peer.name = name;
+    if (!peer.threads)
+        peer.threads =
+            std::make_shared<PeerThreads>(static_cast<unsigned>(m_limits.threads * 3 / 4));
+    connection.m_threads = std::make_shared<ConnectionThreads>(peer.threads);
     const std::size_t before = peer.connections.size();
     connection.m_place = peer.connections.insert(peer.connections.end(), &connection);
     changeSize(peer, before);
@@ -202,29 +206,56 @@ void ConnectionTable::look(Clock::time_point now)
             waiting.push_back(connection);
         }
     }
-    if (waiting.size() > m_limits.threads / 2)
-        freeThreads(waiting);
+    freeThreads(waiting);
 }
 
 void ConnectionTable::freeThreads(std::vector<WatchedConnection*>& waiting)
 {
-    // The longest wait of each peer is the last of its list.
+    const auto threadsOf = [](const WatchedConnection& connection) {
+        return std::max<std::size_t>(connection.threads()->now, 1);
+    };
+    struct Stalls
+    {
+        std::size_t threads = 0;
+        std::vector<WatchedConnection*> connections; ///< the longest wait is the last
+    };
     std::sort(waiting.begin(), waiting.end(), [](const auto* left, const auto* right) {
         return left->m_waitsSince > right->m_waitsSince;
     });
-    std::map<std::string, std::vector<WatchedConnection*>> byPeer;
-    for (WatchedConnection* each : waiting)
-        byPeer[peerOfAddress(each->address())].push_back(each);
-    for (std::size_t left = waiting.size(); left > m_limits.threads / 2; --left) {
+    std::map<std::string, Stalls> byPeer;
+    std::size_t threads = 0;
+    for (WatchedConnection* each : waiting) {
+        Stalls& stalls = byPeer[peerOfAddress(each->address())];
+        stalls.connections.push_back(each);
+        stalls.threads += threadsOf(*each);
+        threads += threadsOf(*each);
+    }
+    while (threads > m_limits.threads / 2) {
         const auto most =
             std::max_element(byPeer.begin(), byPeer.end(), [](const auto& a, const auto& b) {
-                return a.second.size() < b.second.size();
+                return a.second.threads < b.second.threads;
             });
-        WatchedConnection& longest = *most->second.back();
-        most->second.pop_back();
+        Stalls& stalls = most->second;
+        if (stalls.connections.empty())
+            return; // threads have come since they were counted
+        WatchedConnection& longest = *stalls.connections.back();
+        stalls.connections.pop_back();
+        const std::size_t freed = std::min(threadsOf(longest), stalls.threads);
+        stalls.threads -= freed;
+        threads -= freed;
         countStalled(longest, "stalled requests take half of the threads (REQUEST_THREADS)");
         breakOff(longest);
     }
+}
+
+void ConnectionTable::noteRefused(const WatchedConnection& connection)
+{
+    const std::lock_guard guard(m_mutex);
+    ++m_counts.requestsRefused;
+    PLATFORM_WARN("Orb::receive", "Refused a request of "
+                                      << connection.address()
+                                      << ": its requests take three quarters of the threads "
+                                         "(REQUEST_THREADS)");
 }
 
 std::chrono::milliseconds ConnectionTable::waitLimit() const

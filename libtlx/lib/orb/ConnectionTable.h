@@ -16,6 +16,8 @@
 
 #include <tlx/OrbCounts.h>
 
+#include "RequestPeerState.h"
+
 namespace Veltrane::Quillmark::Tlx {
 
 class ConnectionTable;
@@ -34,6 +36,8 @@ class WatchedConnection
     WatchedConnection& operator=(const WatchedConnection&) = delete;
 
     const std::string& address() const { return m_address; }
+    /// Null before admit.
+    const std::shared_ptr<ConnectionThreads>& threads() const { return m_threads; }
 
     /// Ends the connection, so that a thread which waits in it returns at once. Any thread, any
     /// number of times. It takes no lock and does not wait.
@@ -56,11 +60,15 @@ class WatchedConnection
     void noteIncomplete();
     /// A whole message has arrived. A thread will serve it.
     void noteRequest();
+    /// This thread serves a request of this connection. Returns false if the peer has its share of
+    /// the threads; it logs that.
+    [[nodiscard]] virtual bool beginRequest() = 0;
 
   private:
     friend class ConnectionTable;
 
     const std::string m_address;
+    std::shared_ptr<ConnectionThreads> m_threads;
     // Moments are ticks of Clock. 0: there is none.
     std::atomic<Clock::rep> m_waitsSince{0};
     std::atomic<Clock::rep> m_incompleteSince{0};
@@ -85,9 +93,11 @@ struct ConnectionLimits
 /// When a connection comes and all places are taken, the peer with the most connections loses the
 /// one that it has left idle for long. So a peer that opens thousands drives out its own ones only.
 ///
-/// Threads may wait for the rest of a message, or until a peer reads its reply. When these waits
-/// take more than half of the threads, the peer with the most waits loses the longest one. So a
-/// peer that stalls cannot take all threads.
+/// The requests of one peer may take three quarters of the threads. Further ones are refused.
+///
+/// Threads may wait for the rest of a message, or until a peer reads its reply. When connections
+/// with such waits take more than half of the threads, the peer with the most threads loses the
+/// one that waits for longest. So a peer that stalls cannot take all threads.
 class ConnectionTable
 {
   public:
@@ -119,6 +129,9 @@ class ConnectionTable
     /// A wait of a connection has ended at its limit, and its owner closes it. Logs and counts it.
     void noteStalled(const WatchedConnection& connection, const char* what);
 
+    /// A request of a peer that has all its threads was refused. Logs and counts it.
+    void noteRefused(const WatchedConnection& connection);
+
     /// The service stops. Gives the waits that are in progress a moment, then breaks off those
     /// that are left. Later waits get the same moment.
     void stop();
@@ -135,6 +148,7 @@ class ConnectionTable
     {
         std::string name;
         std::list<WatchedConnection*> connections; ///< the one that came first is in front
+        std::shared_ptr<PeerThreads> threads;
     };
     using BySize = std::set<std::pair<std::size_t, Peer*>>;
 

@@ -152,7 +152,11 @@ CORBA::Boolean refuseForeignKey(omni::omniInterceptors::serverReceiveRequest_T::
 CORBA::Boolean checkRequest(omni::omniInterceptors::serverReceiveRequest_T::info_T& info)
 {
     const char* const name = info.peeridentity();
-    if (!admitRequest({addressOfConnection(info.peeraddress()), name ? name : ""},
+    auto* const watched = dynamic_cast<WatchedConnection*>(info.giop_s.strand().connection);
+    if (watched && !watched->beginRequest())
+        throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+    if (!admitRequest({watched ? watched->address() : addressOfConnection(info.peeraddress()),
+                       name ? name : ""},
                       info.operation()))
         throw CORBA::NO_PERMISSION(0, CORBA::COMPLETED_NO);
     return true;

@@ -33,7 +33,7 @@ struct OrbSettings
 constexpr int CONNECTIONS_TO_A_HOST = 100;
 
 /// The most requests of one connection at a time, each on its own thread. Further ones wait.
-constexpr int REQUESTS_OF_A_CONNECTION = 8;
+constexpr int REQUESTS_OF_A_CONNECTION = 4;
 
 /// Brings the ORB up and takes it down. Any thread may use it in between.
 class OrbCore

@@ -8,6 +8,7 @@
 #include <omniORB4/callHandle.h>
 
 #include <tlx/Orb.h>
+#include <tlx/RequestPeer.h>
 
 #include "PlatformLog.h"
 
@@ -50,6 +51,31 @@ ServantOperationMark::~ServantOperationMark()
 {
     inProgress.fetch_sub(1, std::memory_order_relaxed);
     t_inOperation = false;
+}
+
+StatefulServant::Turn::Turn(StatefulServant& servant) : m_lock(servant.takeTurn()) {}
+
+std::unique_lock<std::recursive_mutex> StatefulServant::takeTurn()
+{
+    std::unique_lock lock(m_turn, std::try_to_lock);
+    if (!lock.owns_lock()) {
+        const bool isTooMany = m_waiting.fetch_add(1) >= MOST_WAITING;
+        if (!isTooMany)
+            lock.lock();
+        m_waiting.fetch_sub(1);
+        if (isTooMany) {
+            const RequestPeer* const peer = requestPeer();
+            PLATFORM_WARN("Servant::takeTurn",
+                          "Refused a request" << (peer ? " of " + peer->address : std::string())
+                                              << ": " << MOST_WAITING
+                                              << " others wait for the same object");
+            throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+        }
+    }
+    // A call of this process itself gets the operation's own answer.
+    if (m_ended && requestPeer())
+        throw CORBA::OBJECT_NOT_EXIST(0, CORBA::COMPLETED_NO);
+    return lock;
 }
 
 unsigned Orb::requestsInProgress()

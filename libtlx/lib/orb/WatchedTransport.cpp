@@ -39,6 +39,9 @@ constexpr int GIOP_HEADER_BYTES = 12;
 /// What must have arrived of a larger message before a thread reads it.
 constexpr int ARRIVED_BYTES = 65536;
 
+/// The ORB watches a connection in this way when a thread has served a request of it.
+constexpr int AFTER_A_REQUEST = 2;
+
 constexpr std::size_t ACCEPTED_AT_ONCE = 64;
 constexpr milliseconds ACCEPT_PAUSE{20};
 
@@ -114,8 +117,18 @@ class TcpConnection final : public omni::tcpConnection, public WatchedConnection
         }
     }
 
+    bool beginRequest() override
+    {
+        if (Tlx::beginRequest(threads()))
+            return true;
+        m_table->noteRefused(*this);
+        return false;
+    }
+
     void setSelectable(int now, CORBA::Boolean dataInBuffer) override
     {
+        if (now == AFTER_A_REQUEST)
+            endRequest();
         wakeAt(GIOP_HEADER_BYTES);
         if (dataInBuffer)
             m_dataInBuffer = true;
@@ -124,6 +137,7 @@ class TcpConnection final : public omni::tcpConnection, public WatchedConnection
 
     CORBA::Boolean Peek() override
     {
+        endRequest();
         if (!tcpConnection::Peek())
             return false;
         if (takeDataInBuffer() || hasArrived())

@@ -82,11 +82,13 @@ class HeldIterator : public DiscoveryIterator_i
     HeldIterator() : DiscoveryIterator_i(nullptr) {}
     DiscoverySeq* getNextPage() override
     {
+        const Turn turn(*this);
         hold();
         return new DiscoverySeq;
     }
     void release() override
     {
+        const Turn turn(*this);
         hold();
         DiscoveryIterator_i::release();
     }

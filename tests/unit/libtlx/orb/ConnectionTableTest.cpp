@@ -1,6 +1,8 @@
 // The bounds on connections: who loses one when all places are taken, or when requests stall.
 
 #include <algorithm>
+#include <atomic>
+#include <barrier>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -32,6 +34,7 @@ class Connection : public WatchedConnection
     }
     ~Connection() override { m_table.remove(this, *this); }
     void breakOff() override { m_broken = true; }
+    bool beginRequest() override { return Tlx::beginRequest(threads()); }
     bool isAdmitted() const { return m_admitted; }
     bool isBroken() const { return m_broken; }
 
@@ -180,6 +183,62 @@ TEST_F(ConnectionTableTest, StalledRequestsMayTakeHalfOfTheThreads)
     EXPECT_EQ(table.counts().stalled, 1u);
     EXPECT_EQ(log.texts(1), QmTest::Lines{"Closed a connection of 192.0.2.2: stalled requests take "
                                           "half of the threads (REQUEST_THREADS)"});
+}
+
+TEST_F(ConnectionTableTest, AStalledConnectionCountsForAllItsThreads)
+{
+    open("192.0.2.1", 1);
+    open("192.0.2.2", 2);
+    std::vector<std::unique_ptr<Wait>> waits;
+    std::vector<std::thread> threads;
+    std::barrier gate(5);
+    for (const auto& each : connections)
+        waits.push_back(std::make_unique<Wait>(*each));
+    for (std::size_t i = 0; i < 4; ++i) // two threads serve each connection of 192.0.2.2
+        threads.emplace_back([&, i] {
+            EXPECT_TRUE(connections[1 + i / 2]->beginRequest());
+            gate.arrive_and_wait();
+            gate.arrive_and_wait();
+            endRequest();
+        });
+    gate.arrive_and_wait();
+    table.look(Clock::now() + 1s);
+    EXPECT_EQ(table.counts().stalled, 1u) << "five threads, and half are four";
+    EXPECT_EQ(brokenOf("192.0.2.2"), 1u);
+    EXPECT_TRUE(connections[1]->isBroken());
+    gate.arrive_and_wait();
+    for (std::thread& each : threads)
+        each.join();
+    EXPECT_EQ(connections[1]->threads()->now, 0u);
+}
+
+TEST_F(ConnectionTableTest, APeerGetsThreeQuartersOfTheThreads)
+{
+    open("192.0.2.1", 2);
+    open("192.0.2.2", 1);
+    constexpr std::size_t SHARE = LIMITS.threads * 3 / 4;
+    std::atomic<std::size_t> admitted{0};
+    std::vector<std::thread> threads;
+    std::barrier gate(SHARE + 2);
+    for (std::size_t i = 0; i <= SHARE; ++i)
+        threads.emplace_back([&, i] {
+            admitted += connections[i % 2]->beginRequest() ? 1 : 0;
+            gate.arrive_and_wait();
+            gate.arrive_and_wait();
+            endRequest();
+        });
+    gate.arrive_and_wait();
+    EXPECT_EQ(admitted, SHARE) << "of one more";
+    EXPECT_TRUE(connections[2]->beginRequest()) << "another peer";
+    endRequest();
+    gate.arrive_and_wait();
+    for (std::thread& each : threads)
+        each.join();
+    EXPECT_TRUE(connections[0]->beginRequest());
+    EXPECT_TRUE(connections[0]->beginRequest()) << "the same thread counts once";
+    EXPECT_EQ(connections[0]->threads()->peer->now, 1u);
+    endRequest();
+    EXPECT_EQ(connections[0]->threads()->peer->now, 0u);
 }
 
 TEST_F(ConnectionTableTest, AWaitEndsWithItsLastThread)

@@ -1,0 +1,90 @@
+"""Peers that take connections and do nothing with them."""
+
+import os
+import time
+
+import pytest
+
+import harness
+from attack import beside_an_honest_client, half_a_header
+
+SANITIZED = bool(os.environ.get("QM_SANITIZE"))
+# A silent connection may cost the daemon so many bytes.
+BYTES_A_CONNECTION = 4096
+# Threads beside those that serve requests.
+OTHER_THREADS = 16
+
+
+@pytest.mark.parametrize("data", [b"", half_a_header()], ids=["silent", "half a header"])
+def test_ten_thousand_connections(attacked, attack, figures, counter, data):
+    daemon = attacked()
+    with beside_an_honest_client(daemon):
+        time.sleep(0.5)
+        before = figures(daemon)
+        attacker = attack(daemon)
+        count = 2_000 if SANITIZED else 10_000
+        attacker.open(count, data)
+        time.sleep(2)
+        after = figures(daemon)
+        counter("connectionsHighest", count)
+        assert after["Threads"] <= 128 + OTHER_THREADS
+        if not SANITIZED:
+            grown = (after["VmRSS"] - before["VmRSS"]) * 1024
+            assert grown < count * BYTES_A_CONNECTION + (16 << 20)
+    assert daemon.stop() == 0
+
+
+LIMIT = 40
+
+
+def test_all_places_taken(attacked, attack, root):
+    daemon = attacked(MAX_CONNECTIONS=LIMIT)
+    attacker = attack(daemon)
+    attacker.open(LIMIT)
+    time.sleep(1)
+    assert attacker.ended() == 0
+    assert root.status()["counters"]["connectionsDrivenOut"] == 0
+
+
+def test_one_more_takes_the_place_of_the_peer_with_the_most(attacked, attack, counter, root):
+    daemon = attacked(MAX_CONNECTIONS=LIMIT)
+    few = attack(daemon, source="127.0.0.3")
+    few.open(2)
+    many = attack(daemon)
+    many.open(LIMIT - 2)
+    newcomer = attack(daemon, source="127.0.0.4")
+    newcomer.open(1)
+    harness.wait_for(lambda: many.ended() == 1, "one connection ends")
+    counter("connectionsDrivenOut", 1)
+    assert (few.ended(), newcomer.ended()) == (0, 0)
+    log = harness.settled(root.log_file.read_text)
+    assert "All 40 connections are taken. Closed an idle one of 127.0.0.66, which has 38" in log
+
+
+def test_a_flood_of_connections(attacked, attack, counter):
+    """One peer comes again and again when all places are taken."""
+    daemon = attacked(MAX_CONNECTIONS=LIMIT)
+    with beside_an_honest_client(daemon) as honest:
+        for _ in range(10):
+            attack(daemon).open(2 * LIMIT)
+            rounds = honest.rounds
+            harness.wait_for(lambda: honest.rounds > rounds, "the honest client is served")
+    counter("connectionsDrivenOut", 15 * LIMIT)
+    assert daemon.stop() == 0
+
+
+def test_an_idle_connection_is_closed(attacked, attack):
+    daemon = attacked(IDLE_CONNECTION_SECONDS=10)
+    attacker = attack(daemon)
+    attacker.open(3, half_a_header())
+    harness.wait_for(lambda: attacker.ended() == 3, "the idle connections end", limit=40)
+
+
+def test_too_few_descriptors(root, start):
+    """The daemon admits fewer connections when it may not open so many files."""
+    root.configure(LOG_LEVEL=1)
+    daemon = start(root, wrapper=["prlimit", "--nofile=1000:1000", "--"])
+    [text] = [line for line in root.log_file.read_text().splitlines() if "MAX_CONNECTIONS" in line]
+    assert "This process may open 1000 files (ulimit -n), so 450 connections are admitted, " \
+           "not 10000 (MAX_CONNECTIONS)" in text
+    assert daemon.stop() == 0

@@ -1,0 +1,78 @@
+"""Peers that stall in the middle of a request, or do not read their reply."""
+
+import time
+
+import pytest
+
+import harness
+from attack import (ATTACKER, beside_an_honest_client, half_a_request, most_of_a_put, stalled_puts,
+                    unread_pages)
+from records import SUCCESS, get, open_writer, record
+
+THREADS = 8
+TIMEOUT = 3
+
+
+@pytest.mark.parametrize("stall, says", [
+    (stalled_puts, "a request stalled while it arrived"),
+    (unread_pages, "the peer does not read its reply"),
+], ids=["puts", "pages"])
+def test_a_stall_ends_after_its_time(attacked, attack, counter, root, stall, says):
+    daemon = attacked(REQUEST_TIMEOUT=TIMEOUT)
+    attacker = attack(daemon)
+    with beside_an_honest_client(daemon):
+        begin = time.monotonic()
+        stall(daemon, attacker, 4)
+        counter("connectionsStalled", 4)
+        assert time.monotonic() - begin >= TIMEOUT
+        harness.wait_for(lambda: attacker.ended() == 4, "the stalled connections end")
+    assert "Closed a connection of 127.0.0.66: " + says in root.log_file.read_text()
+    assert daemon.stop() == 0
+
+
+def test_a_small_request_that_never_ends_takes_no_thread(attacked, attack, counter, figures):
+    daemon = attacked(REQUEST_TIMEOUT=TIMEOUT, REQUEST_THREADS=THREADS)
+    attacker = attack(daemon)
+    with beside_an_honest_client(daemon):
+        attacker.open(500, half_a_request())
+        assert figures(daemon)["Threads"] < 100
+        counter("connectionsStalled", 500)
+        harness.wait_for(lambda: attacker.ended() == 500, "the connections end")
+
+
+@pytest.mark.parametrize("stall", [stalled_puts, unread_pages], ids=["puts", "pages"])
+def test_half_of_the_threads_may_stall(attacked, attack, root, stall):
+    daemon = attacked(REQUEST_TIMEOUT=600, REQUEST_THREADS=THREADS)
+    attacker = attack(daemon)
+    with beside_an_honest_client(daemon):
+        stall(daemon, attacker, THREADS // 2)
+        time.sleep(1.5)
+        assert attacker.ended() == 0
+        assert root.status()["counters"]["connectionsStalled"] == 0
+
+
+@pytest.mark.parametrize("stall", [stalled_puts, unread_pages], ids=["puts", "pages"])
+@pytest.mark.parametrize("more", [1, 3 * THREADS])
+def test_more_lose_the_oldest(attacked, attack, counter, root, stall, more):
+    daemon = attacked(REQUEST_TIMEOUT=600, REQUEST_THREADS=THREADS)
+    attacker = attack(daemon)
+    with beside_an_honest_client(daemon):
+        stall(daemon, attacker, THREADS // 2 + more)
+        counter("connectionsStalled", more)
+        time.sleep(1)
+        assert root.status()["counters"]["connectionsStalled"] == more
+        assert attacker.ended() == more
+    assert "stalled requests take half of the threads (REQUEST_THREADS)" in \
+        root.log_file.read_text()
+
+
+def test_the_object_of_a_stalled_put_is_free_again(attacked, attack, counter):
+    daemon = attacked(REQUEST_TIMEOUT=TIMEOUT)
+    attacker = attack(daemon)
+    service = daemon.client(source=ATTACKER)
+    writer = open_writer(service, record("stalled", "attacker"))
+    attacker.connect().sendall(most_of_a_put(writer))
+    counter("connectionsStalled", 1)
+    assert writer.put(b"whole")
+    assert writer.close().discStatus == SUCCESS
+    assert get(service, "stalled", "attacker") == b"whole"
