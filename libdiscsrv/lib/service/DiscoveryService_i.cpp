@@ -1,13 +1,17 @@
 #include "DiscoveryService_i.h"
 
+#include <vector>
+
 #include <tlx/Orb.h>
 #include <tlx/OrbService.h>
 #include <tlx/Servant.h>
 
 #include "CollectionDataIterator_i.h"
+#include "CombiningIterator.h"
 #include "DiscLog.h"
 #include "DiscoveryIterator_i.h"
 #include "DiscoveryRepository.h"
+#include "NameCheck.h"
 #include "OnlyRecord.h"
 #include "RefreshTask.h"
 #include "RemoteExplorerPull.h"
@@ -27,6 +31,33 @@ auto activateIterator(Servant& servant)
     return activateEvictable(servant, repository->getPOA(), repository->getOrb());
 }
 
+/// An iterator without records. The caller owns it.
+Tlx::DiscoverySvc::DiscoveryIterator* nothing(AuthorityType type)
+{
+    std::vector<AutoDereference<Tlx::DiscoverySvc::DiscoveryIterator>> none;
+    return new CombiningIterator(type, "", "", none);
+}
+
+WireNames namesOf(const Remote::Discovery& discovery)
+{
+    return {discovery.subject.in(), discovery.authority.in(), discovery.sourceHost.in(),
+            discovery.sourceServiceName.in()};
+}
+
+/// Whether a record may have these names.
+bool isPutPermitted(const Remote::Discovery& discovery)
+{
+    const WireNames names = namesOf(discovery);
+    if (!areNamesBounded(names))
+        return false;
+    {
+        const LogScope scope("RemoteWriter_i::open"); // the name that log readers know
+        if (!areNamesComplete({names.subject, names.authority}, "A record"))
+            return false;
+    }
+    return true;
+}
+
 } // namespace
 
 DiscoveryIterator_ptr DiscoveryService_i::queryDiscoveries(DiscoveryQuery queryType,
@@ -37,11 +68,11 @@ DiscoveryIterator_ptr DiscoveryService_i::queryDiscoveries(DiscoveryQuery queryT
     return servantOperation("DiscoveryService_i::queryDiscoveries", [&] {
         DISC_TRACE("DiscoveryService_i::queryDiscoveries");
         countService(ServiceCounter::QUERIES);
-        const TlxString subjectName(subject);
-        const TlxString authorityName(authority);
         const AutoDereference<Tlx::DiscoverySvc::DiscoveryIterator> iterator(
-            getDiscoveryRepository()->queryDiscoveries(queryType, subjectName.utf8(),
-                                                       authorityName.utf8(), authType));
+            areNamesBounded({subject, authority})
+                ? getDiscoveryRepository()->queryDiscoveries(queryType, TlxString(subject).utf8(),
+                                                             TlxString(authority).utf8(), authType)
+                : nothing(authType));
         if (!iterator) {
             DISC_WARN("Failed to create discovery iterator");
             // Compat(query-failed): peers expect a reference even if the query failed. Log
@@ -68,6 +99,8 @@ DiscoveryStatus DiscoveryService_i::getCollectionData(const Remote::Discovery& d
         DISC_TRACE("DiscoveryService_i::getCollectionData");
         iterator = CollectionDataIterator::_nil();
         countService(ServiceCounter::READS);
+        if (!areNamesBounded(namesOf(discovery)))
+            return DS_NONE_FOUND;
         if (DiscoveryRepository::stringContainsWildcard(TlxString(discovery.subject.in()).utf8()) ||
             DiscoveryRepository::stringContainsWildcard(TlxString(discovery.authority.in()).utf8()))
             return DS_LOGIC_ERROR;
@@ -101,6 +134,8 @@ DiscoveryResult DiscoveryService_i::putCollection(const Remote::Discovery& disco
         DISC_TRACE("DiscoveryService_i::putCollection");
         writer = RemoteWriter::_nil();
         countService(ServiceCounter::WRITES);
+        if (!isPutPermitted(discovery))
+            return {DS_OPEN_FAILED, 0};
         PortableServer::Servant_var<RemoteWriter_i> servant(newRemoteWriter(discovery));
         DiscoveryResult result = servant->open();
         if (!isSuccess(result))
@@ -136,26 +171,24 @@ void DiscoveryService_i::registerExplorer(const char* sourceServiceName, const c
 {
     servantOperation("DiscoveryService_i::registerExplorer", [&] {
         DISC_TRACE("DiscoveryService_i::registerExplorer");
+        const WireNames names{subject, authority, sourceHost, sourceServiceName};
+        if (!areNamesBounded(names) || !areNamesComplete(names, "An explorer"))
+            return;
+        // Compat(register-negative): peers may register with a negative priority. It becomes a very
+        // large one.
+        const auto unsignedPriority = static_cast<unsigned int>(static_cast<int>(priority));
         const TlxString serviceName(sourceServiceName);
         const TlxString host(sourceHost);
         const TlxString subjectName(subject);
         const TlxString authorityName(authority);
-        if (subjectName.empty() || authorityName.empty()) {
-            DISC_WARN("An explorer needs a subject and an authority, got subject \""
-                      << subjectName << "\" and authority \"" << authorityName << "\" from host \""
-                      << host << "\"");
-            return;
-        }
         DISC_LOG(4,
                  "Registered explorer: " << subjectName << " " << authorityName << " " << priority);
         const AutoDereference<RemoteExplorerPull> explorer(
             new RemoteExplorerPull(serviceName, host, subjectName, authorityName, authType));
         const Subject of(subjectName.utf8());
         const Authority by(authorityName.utf8(), authType);
-        // Compat(register-negative): peers may register with a negative priority. It becomes a very
-        // large one.
-        getDiscoveryRepository()->registerExplorer(
-            &of, explorer.get(), static_cast<unsigned int>(static_cast<int>(priority)), &by, false);
+        getDiscoveryRepository()->registerExplorer(&of, explorer.get(), unsignedPriority, &by,
+                                                   false);
     });
 }
 

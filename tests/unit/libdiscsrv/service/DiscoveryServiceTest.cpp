@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "NameBounds.h"
 #include "RemoteWriter_i.h"
 #include "ServiceFixture.h"
 #include "support/Capture.h"
@@ -91,6 +92,47 @@ TEST(DiscoveryServiceAloneTest, AnExplorerWithoutANameIsRefused)
     EXPECT_EQ(assertions.texts(), Lines{});
 }
 
+TEST(DiscoveryServiceAloneTest, ARecordWithoutANameIsRefused)
+{
+    PortableServer::Servant_var<DiscoveryService_i> servant(new DiscoveryService_i);
+    const AssertionCapture assertions;
+    const LogCapture log;
+    RemoteWriter_var writer;
+    EXPECT_EQ(servant->putCollection(named("", "srv1"), writer.out()).discStatus, DS_OPEN_FAILED);
+    EXPECT_EQ(servant->putCollection(named("cl5", ""), writer.out()).discStatus, DS_OPEN_FAILED);
+    EXPECT_TRUE(CORBA::is_nil(writer));
+    EXPECT_EQ(log.texts(1), (Lines{"A record needs a subject and an authority, got subject \"\" "
+                                   "and authority \"srv1\"",
+                                   "A record needs a subject and an authority, got subject "
+                                   "\"cl5\" and authority \"\""}));
+    EXPECT_EQ(log.lines()[0].operation, "RemoteWriter_i::open");
+    EXPECT_EQ(assertions.texts(), Lines{});
+}
+
+const std::string TOO_LONG(MAX_NAME_BYTES + 1, 'x');
+const std::string TOO_LONG_LINE = "A name may have 1024 bytes, the subject \"" +
+                                  std::string(SHOWN_NAME_BYTES, 'x') + "...\" has 1025";
+
+/// No framework is set here. So an operation that passes such a name on fails an assertion.
+TEST(DiscoveryServiceAloneTest, ANameThatIsTooLongGoesNoFurther)
+{
+    PortableServer::Servant_var<DiscoveryService_i> servant(new DiscoveryService_i);
+    const AssertionCapture assertions;
+    const LogCapture log;
+    CollectionDataIterator_var iterator;
+    EXPECT_EQ(servant->getCollectionData(named(TOO_LONG.c_str(), "a"), "", iterator.out()),
+              DS_NONE_FOUND);
+    EXPECT_TRUE(CORBA::is_nil(iterator));
+    RemoteWriter_var writer;
+    EXPECT_EQ(servant->putCollection(named(TOO_LONG.c_str(), "a"), writer.out()).discStatus,
+              DS_OPEN_FAILED);
+    EXPECT_TRUE(CORBA::is_nil(writer));
+    servant->registerExplorer("DiscoveryService", "client1", TOO_LONG.c_str(), "a", AT_QMKCLIENT,
+                              3);
+    EXPECT_EQ(log.texts(1), (Lines{TOO_LONG_LINE, TOO_LONG_LINE, TOO_LONG_LINE}));
+    EXPECT_EQ(assertions.texts(), Lines{});
+}
+
 TEST(DiscoveryServiceAloneTest, ARegistrationIsLoggedOnlyWhenTheLevelIsAboveThree)
 {
     PortableServer::Servant_var<DiscoveryService_i> servant(new DiscoveryService_i);
@@ -140,6 +182,27 @@ TEST_F(DiscoveryServiceTest, QueriesTakeTheAuthorityBeforeTheSubject)
     EXPECT_EQ(service.orb->getEvictor().watched(), 1u);
     found->release();
     EXPECT_EQ(service.orb->getEvictor().watched(), 0u);
+}
+
+TEST_F(DiscoveryServiceTest, AQueryForANameThatIsTooLongMatchesNothing)
+{
+    Service::put("cl1", "srv1");
+    const AssertionCapture assertions;
+    const LogCapture log;
+    for (const auto& [authority, subject] :
+         {std::pair{std::string("*"), TOO_LONG}, std::pair{TOO_LONG, std::string("*")},
+          std::pair{std::string("*"), "*" + TOO_LONG}}) {
+        const DiscoveryIterator_var found = servant->queryDiscoveries(
+            DQ_DISCOVERY_DATA, AT_ANYANDALL, authority.c_str(), subject.c_str());
+        DiscoverySeq_var page = found->getNextPage();
+        EXPECT_EQ(page->length(), 0u);
+        page = found->getNextPage();
+        EXPECT_EQ(page->length(), 0u);
+        found->release();
+    }
+    EXPECT_EQ(log.texts(1).size(), 3u);
+    EXPECT_EQ(log.texts(1)[0], TOO_LONG_LINE);
+    EXPECT_EQ(assertions.texts(), Lines{});
 }
 
 TEST_F(DiscoveryServiceTest, APayloadIsReadThroughAnIteratorOfItsOwn)
