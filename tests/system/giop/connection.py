@@ -30,10 +30,11 @@ class ConnectionClosed(ConnectionLost):
 class Connection:
     """Every operation ends within the timeout. The peer cannot delay it longer."""
 
-    def __init__(self, host, port, timeout):
+    def __init__(self, host, port, timeout, source=None):
         self._timeout = timeout
         try:
-            self._socket = socket.create_connection((host, port), timeout)
+            self._socket = socket.create_connection((host, port), timeout,
+                                                    source and (source, 0))
         except TimeoutError as error:
             raise Timeout("%s:%d: %s" % (host, port, error)) from None
         except OSError as error:

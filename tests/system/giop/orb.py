@@ -17,14 +17,16 @@ class Orb:
     fragment_size: larger requests are sent in fragments.
     network: returns a context manager. Connections are made inside it, for example from another
     host.
+    source: the address that connections come from.
     """
 
     def __init__(self, timeout=30.0, little=True, fragment_size=None,
-                 network=contextlib.nullcontext):
+                 network=contextlib.nullcontext, source=None):
         self.timeout = timeout
         self._little = little
         self._fragment_size = fragment_size
         self._network = network
+        self._source = source
         self._connections = {}
         self._forwards = {}
         self._last_id = 0
@@ -79,7 +81,7 @@ class Orb:
         connection = self._connections.get(address)
         if connection is None:
             with self._network():
-                connection = Connection(*address, self.timeout)
+                connection = Connection(*address, self.timeout, self._source)
             self._connections[address] = connection
         self._last_id += 1
         try:
