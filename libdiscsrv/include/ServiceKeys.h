@@ -2,8 +2,11 @@
 // The keys of the host configuration that the service library reads.
 
 #include <array>
+#include <limits>
 
 #include <tlx/ConfigKey.h>
+
+#include "AccessEntry.h"
 
 namespace Veltrane::Quillmark::Tlx {
 
@@ -24,6 +27,33 @@ inline constexpr DeclaredKey REMOTE_MAX_BYTES =
 inline constexpr DeclaredKey REMOTE_MAX_SECONDS =
     DeclaredKey::number("REMOTE_MAX_SECONDS", 1, 86400, 600);
 
+// Who may do what. docs/operations.md says what the entries of the lists mean.
+/// Queries and reads.
+inline constexpr DeclaredKey ALLOW_READ =
+    DeclaredKey::list("ALLOW.read", &DiscoverySvc::isAccessEntryWithoutOwn,
+                      DiscoverySvc::NO_ACCESS_ENTRY_WITHOUT_OWN, "*")
+        .takenWhileRunning();
+/// Puts.
+inline constexpr DeclaredKey ALLOW_WRITE =
+    DeclaredKey::list("ALLOW.write", &DiscoverySvc::isAccessEntry, DiscoverySvc::NO_ACCESS_ENTRY,
+                      "*")
+        .takenWhileRunning();
+/// Registrations of explorers.
+inline constexpr DeclaredKey ALLOW_REGISTER =
+    DeclaredKey::list("ALLOW.register", &DiscoverySvc::isAccessEntry, DiscoverySvc::NO_ACCESS_ENTRY,
+                      "*")
+        .takenWhileRunning();
+/// The stop of the service, and refreshes.
+inline constexpr DeclaredKey ALLOW_CONTROL =
+    DeclaredKey::list("ALLOW.control", &DiscoverySvc::isAccessEntryWithoutOwn,
+                      DiscoverySvc::NO_ACCESS_ENTRY_WITHOUT_OWN, "local, master")
+        .takenWhileRunning();
+/// The highest priority that a peer outside ALLOW.control may put or register with.
+inline constexpr DeclaredKey MAX_REMOTE_PRIORITY =
+    DeclaredKey::number("MAX_REMOTE_PRIORITY", 0, std::numeric_limits<std::uint32_t>::max(),
+                        std::numeric_limits<std::uint32_t>::max())
+        .takenWhileRunning();
+
 // The store.
 /// Seconds that a request waits while another process locks a record.
 inline constexpr DeclaredKey LOCK_WAIT_SECONDS =
@@ -36,10 +66,17 @@ inline constexpr DeclaredKey CACHED_RECORDS =
 
 namespace DiscoverySvc {
 
-inline constexpr std::array SERVICE_KEYS{
-    ConfigKey::REPORT_CLIENT_DISCOVERIES, ConfigKey::REMOTE_MAX_RECORDS,
-    ConfigKey::REMOTE_MAX_BYTES,          ConfigKey::REMOTE_MAX_SECONDS,
-    ConfigKey::LOCK_WAIT_SECONDS,         ConfigKey::CACHED_RECORDS};
+inline constexpr std::array SERVICE_KEYS{ConfigKey::REPORT_CLIENT_DISCOVERIES,
+                                         ConfigKey::REMOTE_MAX_RECORDS,
+                                         ConfigKey::REMOTE_MAX_BYTES,
+                                         ConfigKey::REMOTE_MAX_SECONDS,
+                                         ConfigKey::ALLOW_READ,
+                                         ConfigKey::ALLOW_WRITE,
+                                         ConfigKey::ALLOW_REGISTER,
+                                         ConfigKey::ALLOW_CONTROL,
+                                         ConfigKey::MAX_REMOTE_PRIORITY,
+                                         ConfigKey::LOCK_WAIT_SECONDS,
+                                         ConfigKey::CACHED_RECORDS};
 
 } // namespace DiscoverySvc
 } // namespace Veltrane::Quillmark::Tlx

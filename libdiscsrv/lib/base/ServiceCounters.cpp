@@ -9,8 +9,9 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
 
-constexpr std::array NAMES = {"queries", "recordsReturned", "reads",         "bytesRead",
-                              "writes",  "bytesWritten",    "recordsStored", "writersLeft"};
+constexpr std::array NAMES = {"queries",       "recordsReturned", "reads",
+                              "bytesRead",     "writes",          "bytesWritten",
+                              "recordsStored", "writersLeft",     "requestsRefused"};
 
 std::array<std::atomic<unsigned long long>, NAMES.size()>& values()
 {

@@ -6,6 +6,7 @@
 #include <tlx/OrbService.h>
 #include <tlx/Servant.h>
 
+#include "AccessRules.h"
 #include "CollectionDataIterator_i.h"
 #include "CombiningIterator.h"
 #include "DiscLog.h"
@@ -45,6 +46,7 @@ WireNames namesOf(const Remote::Discovery& discovery)
 }
 
 /// Whether a record may have these names.
+/// @throws CORBA::NO_PERMISSION if the peer may not put it.
 bool isPutPermitted(const Remote::Discovery& discovery)
 {
     const WireNames names = namesOf(discovery);
@@ -55,6 +57,14 @@ bool isPutPermitted(const Remote::Discovery& discovery)
         if (!areNamesComplete({names.subject, names.authority}, "A record"))
             return false;
     }
+    AccessRules& rules = AccessRules::instance();
+    rules.requireOwner(AccessRole::WRITE, "putCollection", {names.authority});
+    // Such a record is a stored registration: the next start of a master pulls from the host in its
+    // payload, which nobody compares with the peer.
+    if (discovery.authType == AT_REMOTEPULL)
+        rules.requireRole(AccessRole::REGISTER, "putCollection of a registration");
+    rules.requirePriority("putCollection",
+                          static_cast<std::uint32_t>(discovery.attributes.priority));
     return true;
 }
 
@@ -177,6 +187,9 @@ void DiscoveryService_i::registerExplorer(const char* sourceServiceName, const c
         // Compat(register-negative): peers may register with a negative priority. It becomes a very
         // large one.
         const auto unsignedPriority = static_cast<unsigned int>(static_cast<int>(priority));
+        AccessRules& rules = AccessRules::instance();
+        rules.requireOwner(AccessRole::REGISTER, "registerExplorer", {sourceHost, authority});
+        rules.requirePriority("registerExplorer", unsignedPriority);
         const TlxString serviceName(sourceServiceName);
         const TlxString host(sourceHost);
         const TlxString subjectName(subject);

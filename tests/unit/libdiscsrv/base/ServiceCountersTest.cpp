@@ -22,7 +22,7 @@ std::string all()
 TEST(ServiceCountersTest, EveryCounterHasItsName)
 {
     EXPECT_EQ(all(), "queries=0 recordsReturned=0 reads=0 bytesRead=0 writes=0 bytesWritten=0 "
-                     "recordsStored=0 writersLeft=0 failedAssertions=0 ");
+                     "recordsStored=0 writersLeft=0 requestsRefused=0 failedAssertions=0 ");
     countService(ServiceCounter::QUERIES);
     countService(ServiceCounter::RECORDS_RETURNED, 2);
     countService(ServiceCounter::READS, 3);
@@ -31,10 +31,11 @@ TEST(ServiceCountersTest, EveryCounterHasItsName)
     countService(ServiceCounter::BYTES_WRITTEN, 6);
     countService(ServiceCounter::RECORDS_STORED, 7);
     countService(ServiceCounter::WRITERS_LEFT, 8);
+    countService(ServiceCounter::REQUESTS_REFUSED, 9);
     const QmTest::AssertionCapture assertions;
     EXPECT_FALSE(TLX_ASSERT(1 == 2));
     EXPECT_EQ(all(), "queries=1 recordsReturned=2 reads=3 bytesRead=4 writes=5 bytesWritten=6 "
-                     "recordsStored=7 writersLeft=8 failedAssertions=1 ");
+                     "recordsStored=7 writersLeft=8 requestsRefused=9 failedAssertions=1 ");
 }
 
 } // namespace

@@ -6,9 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include "AccessRules.h"
 #include "NameBounds.h"
 #include "RemoteWriter_i.h"
 #include "ServiceFixture.h"
+#include "ServiceKeys.h"
 #include "support/Capture.h"
 #include "support/Descriptors.h"
 #include "support/Eventually.h"
@@ -131,6 +133,68 @@ TEST(DiscoveryServiceAloneTest, ANameThatIsTooLongGoesNoFurther)
                               3);
     EXPECT_EQ(log.texts(1), (Lines{TOO_LONG_LINE, TOO_LONG_LINE, TOO_LONG_LINE}));
     EXPECT_EQ(assertions.texts(), Lines{});
+}
+
+/// Refuses with these rules until it is destroyed.
+struct Rules
+{
+    explicit Rules(const std::string& text)
+    {
+        HostConfig::instance().declare(SERVICE_KEYS);
+        HostConfig::instance().readText(text, "qm.conf");
+        AccessRules::instance().refresh(std::chrono::seconds(5));
+    }
+};
+
+TEST(DiscoveryServiceAloneTest, AHostThatMayWriteItsOwnWritesNothingElse)
+{
+    const Rules rules("CLIENT_NAME = here\nALLOW.write = own\nALLOW.register = own\n");
+    PortableServer::Servant_var<DiscoveryService_i> servant(new DiscoveryService_i);
+    const RequestPeerMark mark({"198.51.100.7", "web1"});
+    RemoteWriter_var writer;
+    const LogCapture log;
+    EXPECT_THROW(servant->putCollection(named("web1", "web2"), writer.out()), CORBA::NO_PERMISSION);
+    EXPECT_THROW(
+        servant->registerExplorer("DiscoveryService", "web2", "web1", "web1", AT_EXTSRC, 1),
+        CORBA::NO_PERMISSION);
+    EXPECT_THROW(
+        servant->registerExplorer("DiscoveryService", "web1", "web1", "web2", AT_EXTSRC, 1),
+        CORBA::NO_PERMISSION);
+    Remote::Discovery registration = named("web1", "web1");
+    registration.authType = AT_REMOTEPULL;
+    EXPECT_THROW(servant->putCollection(registration, writer.out()), CORBA::NO_PERMISSION)
+        << "its payload may name any host";
+    EXPECT_EQ(
+        log.texts(1),
+        (Lines{"Refused: web1 (198.51.100.7) may not putCollection as \"web2\" (ALLOW.write = "
+               "own)",
+               "Refused: web1 (198.51.100.7) may not registerExplorer as \"web2\" "
+               "(ALLOW.register = own)",
+               "Refused: web1 (198.51.100.7) may not registerExplorer as \"web2\" "
+               "(ALLOW.register = own)",
+               "Refused: web1 (198.51.100.7) may not putCollection of a registration "
+               "(ALLOW.register = own)"}));
+    servant->registerExplorer("DiscoveryService", "web1", "any/subject", "WEB1", AT_EXTSRC, 1);
+    EXPECT_EQ(log.texts(4), Lines{"Registered explorer: any/subject WEB1 1"});
+}
+
+TEST(DiscoveryServiceAloneTest, ANegativePriorityIsAVeryLargeOne)
+{
+    const Rules rules("MAX_REMOTE_PRIORITY = 5\n");
+    PortableServer::Servant_var<DiscoveryService_i> servant(new DiscoveryService_i);
+    const RequestPeerMark mark({"198.51.100.7", ""});
+    Remote::Discovery record = named("cl1", "srv1");
+    RemoteWriter_var writer;
+    for (const CORBA::Long priority : {6, -1}) {
+        record.attributes.priority = priority;
+        EXPECT_THROW(servant->putCollection(record, writer.out()), CORBA::NO_PERMISSION);
+        EXPECT_THROW(servant->registerExplorer("DiscoveryService", "c", "s", "a", AT_EXTSRC,
+                                               static_cast<CORBA::Short>(priority)),
+                     CORBA::NO_PERMISSION);
+    }
+    const LogCapture log;
+    servant->registerExplorer("DiscoveryService", "c", "s", "a", AT_EXTSRC, 5);
+    EXPECT_EQ(log.texts(4), Lines{"Registered explorer: s a 5"});
 }
 
 TEST(DiscoveryServiceAloneTest, ARegistrationIsLoggedOnlyWhenTheLevelIsAboveThree)
