@@ -66,6 +66,7 @@ void DiscoverySvc::doStop()
     DISC_TRACE("DiscoverySvc::doStop");
     if (m_framework)
         m_framework->shutdown();
+    AccessRules::instance().stop();
 }
 
 void DiscoverySvc::doExit()
@@ -73,7 +74,6 @@ void DiscoverySvc::doExit()
     DISC_TRACE("DiscoverySvc::doExit");
     if (m_framework)
         m_framework->fini();
-    AccessRules::instance().stop();
 }
 
 void DiscoverySvc::doReconfig()

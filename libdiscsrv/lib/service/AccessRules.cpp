@@ -172,11 +172,18 @@ void AccessRules::start()
     }
     refresh(ACCESS_START_LIMIT);
     setRequestCheck(&AccessRules::check);
-    if (m_thread.joinable())
-        return;
+    {
+        const std::lock_guard guard(m_mutex);
+        if (std::exchange(m_isRunning, true))
+            return; // a thread that its stop did not wait for goes on
+    }
     try {
         m_thread = std::thread([this] { run(); });
     } catch (const std::system_error& e) {
+        {
+            const std::lock_guard guard(m_mutex);
+            m_isRunning = false;
+        }
         DISC_LOG(1,
                  "The hosts of ALLOW.* keep their addresses until the next reload: " << e.what());
     }
@@ -196,13 +203,19 @@ void AccessRules::reload()
 
 void AccessRules::stop()
 {
+    bool hasEnded = false;
     {
-        const std::lock_guard guard(m_mutex);
+        std::unique_lock guard(m_mutex);
         m_isStopping = true;
+        m_wake.notify_one();
+        hasEnded = m_ended.wait_for(guard, ACCESS_STOP_LIMIT, [this] { return !m_isRunning; });
     }
-    m_wake.notify_one();
-    if (m_thread.joinable())
+    if (!m_thread.joinable())
+        return;
+    if (hasEnded)
         m_thread.join();
+    else
+        m_thread.detach(); // this object outlives it
 }
 
 void AccessRules::run()
@@ -212,8 +225,11 @@ void AccessRules::run()
             std::unique_lock guard(m_mutex);
             m_wake.wait_for(guard, isComplete ? ACCESS_ROUND_INTERVAL : ACCESS_RETRY_INTERVAL,
                             [this] { return m_isStopping || m_isDue; });
-            if (m_isStopping)
+            if (m_isStopping) {
+                m_isRunning = false;
+                m_ended.notify_all();
                 return;
+            }
             m_isDue = false;
         }
         isComplete = refresh(ACCESS_ROUND_LIMIT);

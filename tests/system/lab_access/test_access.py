@@ -18,8 +18,10 @@ def service_of():
     def make(host, caller, address=None):
         if caller not in orbs:
             orbs[caller] = giop.Orb(timeout=harness.CALL_LIMIT, network=caller.network)
-        return orbs[caller].object("corbaloc:iiop:1.2@%s:14400/DiscoveryService"
-                                   % (address or host.address), DiscoveryService)
+        address = address or host.address
+        return orbs[caller].object(
+            "corbaloc:iiop:1.2@%s:14400/DiscoveryService"
+            % ("[%s]" % address if ":" in address else address), DiscoveryService)
     yield make
     for orb in orbs.values():
         orb.close()
@@ -42,8 +44,9 @@ def take(stage, host, level, **config):
     harness.wait_for(lambda: host.root.status()["logLevel"] == level, "the lists are read")
 
 
-def test_by_default_control_is_for_the_host_and_the_master(stage, service_of):
-    one, two = stage.build(2).clients
+@pytest.mark.parametrize("version", [4, 6])
+def test_by_default_control_is_for_the_host_and_the_master(stage, service_of, version):
+    one, two = stage.build(2, version=version).clients
     stage.start_all()
     master = stage.master
     log = master.root.log()
@@ -60,7 +63,7 @@ def test_by_default_control_is_for_the_host_and_the_master(stage, service_of):
     # The master, and the host itself at its address and over the loopback.
     service_of(two, master).restartLocalPushTimer()
     service_of(two, two).restartLocalPushTimer()
-    service_of(two, two, "127.0.0.1").restartLocalPushTimer()
+    service_of(two, two, "127.0.0.1" if version == 4 else "::1").restartLocalPushTimer()
     assert service_of(one, master).terminate() is True
     assert stage.daemon(one).wait() == 0
     assert service_of(two, two).terminate() is True

@@ -3,6 +3,8 @@
 #include "AccessRules.h"
 
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -353,6 +355,36 @@ TEST_F(AccessRulesTest, RequestsGoOnWhileTheListsAreReadAgain)
     for (std::thread& peer : peers)
         peer.join();
     EXPECT_EQ(wrong, 0);
+}
+
+TEST_F(AccessRulesTest, AStopDoesNotWaitForAResolverThatHangs)
+{
+    configure("");
+    rules.start();
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool isInside = false;
+    bool open = false;
+    setResolver([&](const std::string&) -> std::vector<std::string> {
+        std::unique_lock lock(mutex);
+        isInside = true;
+        changed.notify_all();
+        changed.wait(lock, [&] { return open; });
+        return {"192.0.2.2"};
+    });
+    rules.reload();
+    std::unique_lock lock(mutex);
+    ASSERT_TRUE(changed.wait_for(lock, std::chrono::seconds(20), [&] { return isInside; }));
+    lock.unlock();
+    const auto began = std::chrono::steady_clock::now();
+    rules.stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(4));
+    EXPECT_TRUE(admits("terminate", "192.0.2.1")) << "the last good address of the master";
+    lock.lock();
+    open = true;
+    changed.notify_all();
+    lock.unlock();
+    rules.stop(); // now it ends
 }
 
 TEST_F(AccessRulesTest, StartAsksTheResolverAndInstallsTheCheck)
