@@ -371,6 +371,12 @@ void Daemon::publish(const char* state)
         m_status.counters.emplace_back("logLinesSummedUp", logged.summedUp);
         m_status.counters.emplace_back("logLinesLost", logged.lost);
         m_status.counters.emplace_back("lockWaitsGivenUp", Tlx::FileLock::counts().waitsGivenUp);
+        const Tlx::ConnectionCounts connections = Tlx::Orb::connectionCounts();
+        m_status.counters.emplace_back("connectionsOpen", connections.open);
+        m_status.counters.emplace_back("connectionsHighest", connections.highest);
+        m_status.counters.emplace_back("connectionsRefused", connections.refused);
+        m_status.counters.emplace_back("connectionsDrivenOut", connections.drivenOut);
+        m_status.counters.emplace_back("connectionsStalled", connections.stalled);
         if (m_hosted.explorers)
             m_status.explorers = m_hosted.explorers();
         writeStatus(state);

@@ -113,6 +113,8 @@ bool DiscoveryFramework::shutdown()
         m_servant->_remove_ref();
         m_servant = nullptr;
     }
+    if (m_orb)
+        m_orb->breakOffStalled();
     if (m_orb && m_orb->isEvictorEnabled())
         m_orb->getEvictor().shutdown();
     if (!CORBA::is_nil(m_rootPOA)) {

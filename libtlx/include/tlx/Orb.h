@@ -12,6 +12,7 @@
 #include <tlx/Evictor.h>
 #include <tlx/HostConfig.h>
 #include <tlx/Hostname.h>
+#include <tlx/OrbCounts.h>
 
 class ACE_Reactor;
 
@@ -95,6 +96,14 @@ class Orb
     /// The first makes early requests wait until the service is up. The second lets them in.
     void holdRequests();
     void serveRequests();
+
+    /// The service stops: no request waits any more for the rest of its arguments, and no reply
+    /// for a peer that does not read it. Returns after a second at most. Later waits of this kind
+    /// end after a second, too.
+    void breakOffStalled();
+
+    /// The connections of other hosts. All zeros in a client and before the first Orb.
+    static ConnectionCounts connectionCounts();
 
     /// The object that the host's service advertises under a name, after the object itself has
     /// answered. The limit holds for name resolution, connection and first call together, even if

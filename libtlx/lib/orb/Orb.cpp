@@ -30,6 +30,11 @@ OrbSettings settingsFor(bool clientOnly, const std::string& endpoint)
     settings.listen = endpoint.empty() ? toText(config.listenEndpoint()) : endpoint;
     settings.publish = config.getString(ConfigKey::PUBLISH_ADDRESS).value_or("");
     settings.maxMessageBytes = config.number(ConfigKey::MAX_MESSAGE_BYTES);
+    settings.maxConnections = config.number(ConfigKey::MAX_CONNECTIONS);
+    settings.threads = config.number(ConfigKey::REQUEST_THREADS);
+    settings.requestTimeout = std::chrono::seconds(config.number(ConfigKey::REQUEST_TIMEOUT));
+    settings.idleConnection =
+        std::chrono::seconds(config.number(ConfigKey::IDLE_CONNECTION_SECONDS));
     return settings;
 }
 
@@ -174,6 +179,16 @@ void Orb::holdRequests()
 void Orb::serveRequests()
 {
     m_state->core->serveRequests();
+}
+
+void Orb::breakOffStalled()
+{
+    m_state->core->breakOffStalled();
+}
+
+ConnectionCounts Orb::connectionCounts()
+{
+    return OrbCore::connectionCounts();
 }
 
 void Orb::setOrbRequestTimeout(unsigned seconds)

@@ -5,8 +5,13 @@
 #include <cerrno>
 #include <cstring>
 #include <mutex>
+#include <system_error>
+#include <type_traits>
+#include <utility>
+#include <vector>
 
 #include <netdb.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -25,8 +30,10 @@
 #include <tlx/Resolver.h>
 #include <tlx/Servant.h>
 
+#include "ConnectionTable.h"
 #include "PlatformLog.h"
 #include "RequestPeerState.h"
+#include "WatchedTransport.h"
 
 namespace Veltrane::Quillmark::Tlx {
 
@@ -64,10 +71,10 @@ std::string toUri(const std::string& text)
     if (!endpoint)
         throw OrbError("cannot listen on \"" + text + "\": expected ADDRESS:PORT");
     if (endpoint->address == "::")
-        return "giop:tcp:[::]:" + std::to_string(endpoint->port);
+        return std::string(WATCHED_SCHEME) + ":[::]:" + std::to_string(endpoint->port);
     if (isAnyAddress(endpoint->address))
-        return "giop:tcp::" + std::to_string(endpoint->port);
-    return "giop:tcp:" + toText(*endpoint);
+        return std::string(WATCHED_SCHEME) + "::" + std::to_string(endpoint->port);
+    return std::string(WATCHED_SCHEME) + ":" + toText(*endpoint);
 }
 
 /// The ORB's rule for the address inside references. With a published address it is that address
@@ -157,6 +164,70 @@ void logOrbMessage(const char* message)
     PLATFORM_LOG(LOG_LEVEL_FAILURE, "Orb", text);
 }
 
+/// Options in the form that the ORB takes them.
+class OrbOptions
+{
+  public:
+    void add(const char* name, const std::string& value) { m_options.emplace_back(name, value); }
+    template <class Number>
+    void add(const char* name, Number value) requires std::is_integral_v<Number>
+    {
+        add(name, std::to_string(value));
+    }
+
+    using Pairs = const char* (*)[2];
+    /// Ends with a pair of nulls. Valid until the next add.
+    Pairs pairs()
+    {
+        m_pairs.clear();
+        for (const auto& [name, value] : m_options)
+            m_pairs.push_back({name, value.c_str()});
+        m_pairs.push_back({nullptr, nullptr});
+        return reinterpret_cast<Pairs>(m_pairs.data());
+    }
+
+  private:
+    std::vector<std::pair<const char*, std::string>> m_options;
+    std::vector<std::array<const char*, 2>> m_pairs;
+};
+
+/// What the process needs beside connections: records, writers, logs, libraries.
+constexpr unsigned long OTHER_DESCRIPTORS = 4096;
+
+/// How many connections the limit on descriptors leaves room for. Raises the limit if it can.
+unsigned long roomForConnections(unsigned long wanted)
+{
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return wanted;
+    // The table may have a tenth more for a moment.
+    const rlim_t needed = wanted + wanted / 10 + OTHER_DESCRIPTORS;
+    if (limit.rlim_cur < needed) {
+        limit.rlim_cur = std::min(needed, limit.rlim_max);
+        (void)::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+    if (limit.rlim_cur >= needed)
+        return wanted;
+    const rlim_t others = std::min<rlim_t>(OTHER_DESCRIPTORS, limit.rlim_cur / 2);
+    const unsigned long room = std::max<unsigned long>((limit.rlim_cur - others) / 11 * 10, 1);
+    PLATFORM_WARN("Orb", "This process may open " << limit.rlim_cur << " files (ulimit -n), so "
+                                                  << room << " connections are admitted, not "
+                                                  << wanted << " (MAX_CONNECTIONS)");
+    return room;
+}
+
+std::shared_ptr<ConnectionTable> makeConnectionTable(const OrbSettings& settings)
+{
+    try {
+        return std::make_shared<ConnectionTable>(
+            ConnectionLimits{roomForConnections(settings.maxConnections), settings.threads,
+                             settings.requestTimeout});
+    } catch (const std::system_error& e) {
+        throw OrbError(std::string("cannot start the thread that watches connections: ") +
+                       e.what());
+    }
+}
+
 std::mutex sharedMutex;
 std::weak_ptr<OrbCore> shared;
 
@@ -189,32 +260,31 @@ OrbCore::OrbCore(const OrbSettings& settings)
 void OrbCore::start(const OrbSettings& settings)
 {
     omniORB::setLogFunction(&logOrbMessage);
-    const std::string listen = settings.clientOnly ? "" : toUri(settings.listen);
-    const std::string publish = toPublish(settings.publish);
-    const std::string maxMessage = std::to_string(settings.maxMessageBytes);
     // All options that the ORB's own configuration file could otherwise change for this process.
-    const std::string connections = std::to_string(CONNECTIONS_TO_A_HOST);
-    const std::array<std::array<const char*, 2>, 9> server{{
-        {"endPoint", listen.c_str()},
-        {"endPointPublish", publish.c_str()},
-        {"giopMaxMsgSize", maxMessage.c_str()},
-        {"supportPerThreadTimeOut", "1"},
-        {"nativeCharCodeSet", "UTF-8"},
-        {"traceLevel", "0"},
-        {"maxGIOPConnectionPerServer", connections.c_str()},
-        // Saves a request before the first call to each object: an iterator or a writer gets few.
-        {"verifyObjectExistsAndType", "0"},
-        {"outConScanPeriod", "120"}, // seconds after which an idle connection is closed
-    }};
-    const char* options[server.size() + 1][2] = {};
-    std::size_t count = 0;
+    OrbOptions options;
+    options.add("giopMaxMsgSize", settings.maxMessageBytes);
+    options.add("supportPerThreadTimeOut", 1);
+    options.add("nativeCharCodeSet", "UTF-8");
+    options.add("traceLevel", 0);
+    options.add("maxGIOPConnectionPerServer", CONNECTIONS_TO_A_HOST);
+    // Saves a request before the first call to each object: an iterator or a writer gets few.
+    options.add("verifyObjectExistsAndType", 0);
+    options.add("outConScanPeriod", 120); // seconds after which an idle connection is closed
     // A client gets no endpoint. It makes no POA, so it listens nowhere.
-    for (std::size_t i = settings.clientOnly ? 2 : 0; i < server.size(); ++i, ++count) {
-        options[count][0] = server[i][0];
-        options[count][1] = server[i][1];
+    if (!settings.clientOnly) {
+        m_connections = makeConnectionTable(settings);
+        installWatchedTransport(m_connections);
+        options.add("endPoint", toUri(settings.listen));
+        options.add("endPointPublish", toPublish(settings.publish));
+        options.add("threadPerConnectionPolicy", 0);
+        options.add("maxServerThreadPoolSize", settings.threads);
+        options.add("maxServerThreadPerConnection", REQUESTS_OF_A_CONNECTION);
+        options.add("serverCallTimeOutPeriod",
+                    std::chrono::milliseconds(settings.requestTimeout).count());
+        options.add("inConScanPeriod", settings.idleConnection.count());
     }
     int argc = 0;
-    m_orb = CORBA::ORB_init(argc, nullptr, "omniORB4", options);
+    m_orb = CORBA::ORB_init(argc, nullptr, "omniORB4", options.pairs());
     if (settings.clientOnly)
         return;
     m_listenAddress = parseEndpoint(settings.listen).value_or(Endpoint()).address;
@@ -292,6 +362,19 @@ void OrbCore::holdRequests()
         return;
     m_rootManager->hold_requests(false);
     m_nameManager->hold_requests(false);
+}
+
+void OrbCore::breakOffStalled()
+{
+    if (m_connections)
+        m_connections->stop();
+}
+
+ConnectionCounts OrbCore::connectionCounts()
+{
+    const std::lock_guard guard(sharedMutex);
+    const auto core = shared.lock();
+    return core && core->m_connections ? core->m_connections->counts() : ConnectionCounts();
 }
 
 void OrbCore::serveRequests()

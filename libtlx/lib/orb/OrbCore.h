@@ -2,13 +2,17 @@
 // The one ORB of the process, shared by count. Only this file, its source and OrbLookup.cpp use the
 // ORB's own interfaces; all others use the standard mapping.
 
+#include <chrono>
 #include <memory>
 #include <string>
 
 #include <tlx/Corba.h>
 #include <tlx/HostConfig.h>
+#include <tlx/OrbCounts.h>
 
 namespace Veltrane::Quillmark::Tlx {
+
+class ConnectionTable;
 
 /// The ORB's endpoints and limits.
 struct OrbSettings
@@ -17,11 +21,19 @@ struct OrbSettings
     std::string listen;  ///< "ADDRESS:PORT"; an address of zeros means all addresses
     std::string publish; ///< the address that references carry; when empty the ORB chooses
     unsigned long maxMessageBytes = 0;
+    // For a server only.
+    unsigned long maxConnections = 0;
+    unsigned long threads = 0;
+    std::chrono::seconds requestTimeout{0};
+    std::chrono::seconds idleConnection{0};
 };
 
 /// The most calls to one other host at a time, each on its own connection. Further calls wait. The
 /// bounds on queries and pulls are lower, so slow calls do not delay others.
 constexpr int CONNECTIONS_TO_A_HOST = 100;
+
+/// The most requests of one connection at a time, each on its own thread. Further ones wait.
+constexpr int REQUESTS_OF_A_CONNECTION = 8;
 
 /// Brings the ORB up and takes it down. Any thread may use it in between.
 class OrbCore
@@ -42,12 +54,17 @@ class OrbCore
     void advertise(const std::string& name, CORBA::Object_ptr object);
     void holdRequests();
     void serveRequests();
+    /// As Orb::breakOffStalled.
+    void breakOffStalled();
+    /// As Orb::connectionCounts.
+    static ConnectionCounts connectionCounts();
 
   private:
     explicit OrbCore(const OrbSettings& settings);
     void start(const OrbSettings& settings);
     void openServer();
 
+    std::shared_ptr<ConnectionTable> m_connections; ///< null for a client
     CORBA::ORB_var m_orb;
     PortableServer::POA_var m_rootPOA;
     PortableServer::POA_var m_namePOA; ///< of the objects that are advertised under a name

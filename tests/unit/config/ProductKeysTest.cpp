@@ -56,6 +56,10 @@ TEST_F(ProductKeysTest, EveryNumberHasItsBoundsAndItsDefault)
           Bounds{ConfigKey::REMOTE_MAX_SECONDS, 1, 86400, 600},
           Bounds{ConfigKey::LOCK_WAIT_SECONDS, 1, 3600, 20},
           Bounds{ConfigKey::CACHED_RECORDS, 0, 10000000, 500000},
+          Bounds{ConfigKey::MAX_CONNECTIONS, 16, 1000000, 10000},
+          Bounds{ConfigKey::REQUEST_THREADS, 4, 4096, 128},
+          Bounds{ConfigKey::REQUEST_TIMEOUT, 1, 3600, 30},
+          Bounds{ConfigKey::IDLE_CONNECTION_SECONDS, 10, 86400, 180},
           Bounds{ConfigKey::MAX_MESSAGE_BYTES, 65536, 1ULL << 30, 8388608},
           Bounds{ConfigKey::MAX_REMOTE_PRIORITY, 0, 4294967295, 4294967295}}) {
         const std::string key = bounds.key.name();

@@ -1,0 +1,274 @@
+#include "ConnectionTable.h"
+
+#include <algorithm>
+#include <array>
+#include <map>
+
+#include <arpa/inet.h>
+
+#include "PlatformLog.h"
+
+namespace Veltrane::Quillmark::Tlx {
+
+namespace {
+
+constexpr const char* LOG_SOURCE = "../Orb";
+
+using namespace std::chrono_literals;
+using Clock = WatchedConnection::Clock;
+
+/// Between two looks at all connections.
+constexpr auto LOOK_INTERVAL = 250ms;
+/// A shorter wait is normal: the rest of a message is on its way.
+constexpr auto NORMAL_WAIT = 250ms;
+/// How many connections of a peer are looked at for an idle one.
+constexpr std::size_t IDLE_CANDIDATES = 64;
+
+Clock::rep ticks(Clock::time_point moment)
+{
+    return std::max<Clock::rep>(moment.time_since_epoch().count(), 1);
+}
+
+bool isOlder(Clock::rep since, Clock::time_point now, Clock::duration age)
+{
+    return since != 0 && now.time_since_epoch().count() - since >= age.count();
+}
+
+} // namespace
+
+std::string peerOfAddress(const std::string& address)
+{
+    std::array<unsigned char, 16> bytes{};
+    if (::inet_pton(AF_INET6, address.c_str(), bytes.data()) != 1)
+        return address;
+    std::fill(bytes.begin() + 8, bytes.end(), 0);
+    char text[INET6_ADDRSTRLEN] = {};
+    return std::string(::inet_ntop(AF_INET6, bytes.data(), text, sizeof text)) + "/64";
+}
+
+WatchedConnection::WatchedConnection(std::string address)
+    : m_address(std::move(address)), m_lastUse(ticks(Clock::now()))
+{
+}
+
+WatchedConnection::Wait::Wait(WatchedConnection& connection) : m_connection(connection)
+{
+    if (m_connection.m_waits.fetch_add(1) == 0)
+        m_connection.m_waitsSince = ticks(Clock::now());
+}
+
+WatchedConnection::Wait::~Wait()
+{
+    if (m_connection.m_waits.fetch_sub(1) == 1)
+        m_connection.m_waitsSince = 0;
+}
+
+void WatchedConnection::noteIncomplete()
+{
+    Clock::rep none = 0;
+    m_incompleteSince.compare_exchange_strong(none, ticks(Clock::now()));
+}
+
+void WatchedConnection::noteRequest()
+{
+    m_incompleteSince.store(0, std::memory_order_relaxed);
+    m_lastUse.store(ticks(Clock::now()), std::memory_order_relaxed);
+}
+
+ConnectionTable::ConnectionTable(const ConnectionLimits& limits)
+    : m_limits(limits), m_thread([this] { run(); })
+{
+}
+
+ConnectionTable::~ConnectionTable()
+{
+    {
+        const std::lock_guard guard(m_mutex);
+        m_ended = true;
+        m_wake.notify_all();
+    }
+    m_thread.join();
+}
+
+void ConnectionTable::changeSize(Peer& peer, std::size_t before)
+{
+    m_bySize.erase({before, &peer});
+    if (!peer.connections.empty())
+        m_bySize.insert({peer.connections.size(), &peer});
+}
+
+bool ConnectionTable::admit(const void* key, WatchedConnection& connection)
+{
+    const std::lock_guard guard(m_mutex);
+    if (m_connections.size() >= m_limits.connections && !makePlace()) {
+        ++m_counts.refused;
+        PLATFORM_WARN("Orb::accept", "Refused a connection of " << connection.address() << ": all "
+                                                                << m_limits.connections
+                                                                << " are taken and in use");
+        return false;
+    }
+    const std::string name = peerOfAddress(connection.address());
+    Peer& peer = m_peers[name];
+    peer.name = name;
+    const std::size_t before = peer.connections.size();
+    connection.m_place = peer.connections.insert(peer.connections.end(), &connection);
+    changeSize(peer, before);
+    m_connections.emplace(key, &connection);
+    m_counts.open = m_connections.size();
+    m_counts.highest = std::max(m_counts.highest, m_counts.open);
+    return true;
+}
+
+void ConnectionTable::remove(const void* key, WatchedConnection& connection)
+{
+    const std::lock_guard guard(m_mutex);
+    if (m_connections.erase(key) == 0)
+        return;
+    const auto found = m_peers.find(peerOfAddress(connection.address()));
+    Peer& peer = found->second;
+    const std::size_t before = peer.connections.size();
+    peer.connections.erase(connection.m_place);
+    changeSize(peer, before);
+    if (peer.connections.empty())
+        m_peers.erase(found);
+    m_counts.open = m_connections.size();
+}
+
+/// Closes an idle connection of the peer that has the most. The connection leaves the table a
+/// moment later, when its owner has noticed it. So the table may have some more than its limit for
+/// a moment, but not more than a tenth.
+bool ConnectionTable::makePlace()
+{
+    if (m_bySize.empty() ||
+        m_connections.size() >= m_limits.connections + m_limits.connections / 10)
+        return false;
+    Peer& peer = *m_bySize.rbegin()->second;
+    WatchedConnection* const idle = longestIdle(peer);
+    if (!idle)
+        return false;
+    ++m_counts.drivenOut;
+    PLATFORM_WARN("Orb::accept", "All " << m_limits.connections
+                                        << " connections are taken. Closed an idle one of "
+                                        << peer.name << ", which has " << peer.connections.size());
+    breakOff(*idle);
+    return true;
+}
+
+/// The connection in front came first, or was looked at longest ago.
+WatchedConnection* ConnectionTable::longestIdle(Peer& peer)
+{
+    WatchedConnection* best = nullptr;
+    const std::size_t candidates = std::min(peer.connections.size(), IDLE_CANDIDATES);
+    for (std::size_t i = 0; i < candidates; ++i) {
+        WatchedConnection* const each = peer.connections.front();
+        peer.connections.splice(peer.connections.end(), peer.connections, peer.connections.begin());
+        const bool isBusy = each->m_brokenOff || each->m_waits != 0;
+        if (!isBusy && (!best || each->m_lastUse < best->m_lastUse))
+            best = each;
+    }
+    return best;
+}
+
+void ConnectionTable::countStalled(const WatchedConnection& connection, const char* what)
+{
+    ++m_counts.stalled;
+    PLATFORM_WARN("Orb::receive",
+                  "Closed a connection of " << connection.address() << ": " << what);
+}
+
+void ConnectionTable::noteStalled(const WatchedConnection& connection, const char* what)
+{
+    const std::lock_guard guard(m_mutex);
+    countStalled(connection, what);
+}
+
+void ConnectionTable::breakOff(WatchedConnection& connection)
+{
+    connection.m_brokenOff = true;
+    connection.breakOff();
+}
+
+void ConnectionTable::look(Clock::time_point now)
+{
+    const std::lock_guard guard(m_mutex);
+    std::vector<WatchedConnection*> waiting;
+    for (const auto& [key, connection] : m_connections) {
+        if (connection->m_brokenOff)
+            continue;
+        if (isOlder(connection->m_incompleteSince, now, m_limits.request)) {
+            countStalled(*connection, "a request began and stalled");
+            breakOff(*connection);
+        } else if (isOlder(connection->m_waitsSince, now, NORMAL_WAIT)) {
+            waiting.push_back(connection);
+        }
+    }
+    if (waiting.size() > m_limits.threads / 2)
+        freeThreads(waiting);
+}
+
+void ConnectionTable::freeThreads(std::vector<WatchedConnection*>& waiting)
+{
+    // The longest wait of each peer is the last of its list.
+    std::sort(waiting.begin(), waiting.end(), [](const auto* left, const auto* right) {
+        return left->m_waitsSince > right->m_waitsSince;
+    });
+    std::map<std::string, std::vector<WatchedConnection*>> byPeer;
+    for (WatchedConnection* each : waiting)
+        byPeer[peerOfAddress(each->address())].push_back(each);
+    for (std::size_t left = waiting.size(); left > m_limits.threads / 2; --left) {
+        const auto most =
+            std::max_element(byPeer.begin(), byPeer.end(), [](const auto& a, const auto& b) {
+                return a.second.size() < b.second.size();
+            });
+        WatchedConnection& longest = *most->second.back();
+        most->second.pop_back();
+        countStalled(longest, "stalled requests take half of the threads (REQUEST_THREADS)");
+        breakOff(longest);
+    }
+}
+
+std::chrono::milliseconds ConnectionTable::waitLimit() const
+{
+    return m_stopping ? std::min(m_limits.stopGrace, m_limits.request)
+                      : m_limits.request;
+}
+
+void ConnectionTable::stop()
+{
+    m_stopping = true;
+    const auto end = Clock::now() + m_limits.stopGrace;
+    const auto waits = [this] {
+        const std::lock_guard guard(m_mutex);
+        return std::any_of(m_connections.begin(), m_connections.end(),
+                           [](const auto& each) { return each.second->m_waits != 0; });
+    };
+    while (waits()) {
+        if (Clock::now() < end) {
+            std::this_thread::sleep_for(10ms);
+            continue;
+        }
+        const std::lock_guard guard(m_mutex);
+        for (const auto& [key, connection] : m_connections)
+            if (connection->m_waits != 0)
+                breakOff(*connection);
+        return;
+    }
+}
+
+ConnectionCounts ConnectionTable::counts() const
+{
+    const std::lock_guard guard(m_mutex);
+    return m_counts;
+}
+
+void ConnectionTable::run()
+{
+    std::unique_lock lock(m_mutex);
+    while (!m_wake.wait_for(lock, LOOK_INTERVAL, [this] { return m_ended; })) {
+        lock.unlock();
+        look(Clock::now());
+        lock.lock();
+    }
+}
+
+} // namespace Veltrane::Quillmark::Tlx

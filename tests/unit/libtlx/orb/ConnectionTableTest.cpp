@@ -1,0 +1,250 @@
+// The bounds on connections: who loses one when all places are taken, or when requests stall.
+
+#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "../../../../libtlx/lib/orb/ConnectionTable.h"
+#include "support/Capture.h"
+
+namespace Veltrane::Quillmark::Tlx {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = WatchedConnection::Clock;
+using Wait = WatchedConnection::Wait;
+
+constexpr ConnectionLimits LIMITS{
+    .connections = 20, .threads = 8, .request = 30s, .stopGrace = 20ms};
+
+/// A connection without a socket.
+class Connection : public WatchedConnection
+{
+  public:
+    Connection(ConnectionTable& table, const std::string& address)
+        : WatchedConnection(address), m_table(table), m_admitted(table.admit(this, *this))
+    {
+    }
+    ~Connection() override { m_table.remove(this, *this); }
+    void breakOff() override { m_broken = true; }
+    bool isAdmitted() const { return m_admitted; }
+    bool isBroken() const { return m_broken; }
+
+  private:
+    ConnectionTable& m_table;
+    const bool m_admitted;
+    bool m_broken = false;
+};
+
+struct ConnectionTableTest : testing::Test
+{
+    ConnectionTable table{LIMITS};
+    std::vector<std::unique_ptr<Connection>> connections;
+    QmTest::LogCapture log;
+
+    Connection& open(const std::string& address)
+    {
+        connections.push_back(std::make_unique<Connection>(table, address));
+        return *connections.back();
+    }
+    void open(const std::string& address, std::size_t count)
+    {
+        for (std::size_t i = 0; i < count; ++i)
+            EXPECT_TRUE(open(address).isAdmitted());
+    }
+    std::size_t brokenOf(const std::string& address) const
+    {
+        return std::count_if(connections.begin(), connections.end(), [&](const auto& each) {
+            return each->isBroken() && each->address() == address;
+        });
+    }
+};
+
+TEST_F(ConnectionTableTest, AllPlacesCanBeTaken)
+{
+    open("192.0.2.1", LIMITS.connections);
+    EXPECT_EQ(brokenOf("192.0.2.1"), 0u);
+    EXPECT_EQ(table.counts().open, LIMITS.connections);
+    EXPECT_EQ(table.counts().drivenOut, 0u);
+}
+
+TEST_F(ConnectionTableTest, OneMoreDrivesOutAnIdleOneOfThePeerWithTheMost)
+{
+    open("192.0.2.1", 1);
+    open("192.0.2.2", LIMITS.connections - 1);
+    EXPECT_TRUE(open("192.0.2.3").isAdmitted());
+    EXPECT_EQ(brokenOf("192.0.2.1"), 0u);
+    EXPECT_EQ(brokenOf("192.0.2.2"), 1u);
+    EXPECT_TRUE(connections[1]->isBroken()) << "the one that is idle for longest";
+    EXPECT_EQ(table.counts().drivenOut, 1u);
+    EXPECT_EQ(log.texts(1),
+              QmTest::Lines{"All 20 connections are taken. Closed an idle one of 192.0.2.2, which "
+                            "has 19"});
+}
+
+TEST_F(ConnectionTableTest, AConnectionInUseStays)
+{
+    open("192.0.2.2", LIMITS.connections);
+    const Wait first(*connections[0]);
+    connections[1]->noteRequest();
+    EXPECT_TRUE(open("192.0.2.3").isAdmitted());
+    EXPECT_FALSE(connections[0]->isBroken());
+    EXPECT_FALSE(connections[1]->isBroken()) << "used last";
+    EXPECT_TRUE(connections[2]->isBroken());
+}
+
+TEST_F(ConnectionTableTest, WithoutAnIdleOneTheNewcomerIsRefused)
+{
+    open("192.0.2.2", LIMITS.connections);
+    std::vector<std::unique_ptr<Wait>> waits;
+    for (const auto& each : connections)
+        waits.push_back(std::make_unique<Wait>(*each));
+    EXPECT_FALSE(open("192.0.2.3").isAdmitted());
+    EXPECT_EQ(brokenOf("192.0.2.2"), 0u);
+    EXPECT_EQ(table.counts().refused, 1u);
+    EXPECT_EQ(log.texts(1), QmTest::Lines{"Refused a connection of 192.0.2.3: all 20 are taken and "
+                                          "in use"});
+}
+
+TEST_F(ConnectionTableTest, ThoseDrivenOutMayTakeATenthMoreUntilTheyAreGone)
+{
+    open("192.0.2.2", LIMITS.connections);
+    EXPECT_TRUE(open("192.0.2.3").isAdmitted());
+    EXPECT_TRUE(open("192.0.2.3").isAdmitted());
+    EXPECT_FALSE(open("192.0.2.3").isAdmitted()) << "22 are open";
+    EXPECT_EQ(brokenOf("192.0.2.2"), 2u);
+    std::erase_if(connections, [](const auto& each) { return each->isBroken(); });
+    EXPECT_EQ(table.counts().open, LIMITS.connections);
+    EXPECT_EQ(table.counts().highest, LIMITS.connections + 2);
+}
+
+TEST_F(ConnectionTableTest, AnIPv6NetworkIsOnePeer)
+{
+    EXPECT_EQ(peerOfAddress("2001:db8:0:1::7"), "2001:db8:0:1::/64");
+    EXPECT_EQ(peerOfAddress("::1"), "::/64");
+    EXPECT_EQ(peerOfAddress("192.0.2.7"), "192.0.2.7");
+    for (std::size_t i = 0; i < LIMITS.connections - 2; ++i)
+        open("2001:db8:0:1::" + std::to_string(i));
+    open("192.0.2.1", 2);
+    open("192.0.2.3");
+    EXPECT_EQ(brokenOf("192.0.2.1"), 0u);
+    EXPECT_EQ(table.counts().drivenOut, 1u);
+}
+
+TEST_F(ConnectionTableTest, ABegunRequestHasItsTime)
+{
+    Connection& slow = open("192.0.2.1");
+    slow.noteIncomplete();
+    slow.noteIncomplete();
+    table.look(Clock::now() + LIMITS.request - 1s);
+    EXPECT_FALSE(slow.isBroken());
+    table.look(Clock::now() + LIMITS.request);
+    EXPECT_TRUE(slow.isBroken());
+    EXPECT_EQ(table.counts().stalled, 1u);
+    EXPECT_EQ(log.texts(1), QmTest::Lines{"Closed a connection of 192.0.2.1: a request began and "
+                                          "stalled"});
+    table.look(Clock::now() + 2 * LIMITS.request);
+    EXPECT_EQ(table.counts().stalled, 1u) << "counted once";
+}
+
+TEST_F(ConnectionTableTest, AnArrivedRequestIsNotStalled)
+{
+    Connection& slow = open("192.0.2.1");
+    slow.noteIncomplete();
+    slow.noteRequest();
+    table.look(Clock::now() + 2 * LIMITS.request);
+    EXPECT_FALSE(slow.isBroken());
+}
+
+TEST_F(ConnectionTableTest, StalledRequestsMayTakeHalfOfTheThreads)
+{
+    open("192.0.2.1", 1);
+    open("192.0.2.2", LIMITS.threads / 2);
+    std::vector<std::unique_ptr<Wait>> waits;
+    for (std::size_t i = 1; i < connections.size(); ++i)
+        waits.push_back(std::make_unique<Wait>(*connections[i]));
+    table.look(Clock::now() + 1s);
+    EXPECT_EQ(table.counts().stalled, 0u);
+
+    waits.push_back(std::make_unique<Wait>(*connections[0]));
+    table.look(Clock::now());
+    EXPECT_EQ(table.counts().stalled, 0u) << "short waits are normal";
+    table.look(Clock::now() + 1s);
+    EXPECT_FALSE(connections[0]->isBroken()) << "this peer has fewer";
+    EXPECT_TRUE(connections[1]->isBroken()) << "the longest wait of the peer with the most";
+    EXPECT_EQ(table.counts().stalled, 1u);
+    EXPECT_EQ(log.texts(1), QmTest::Lines{"Closed a connection of 192.0.2.2: stalled requests take "
+                                          "half of the threads (REQUEST_THREADS)"});
+}
+
+TEST_F(ConnectionTableTest, AWaitEndsWithItsLastThread)
+{
+    Connection& busy = open("192.0.2.2");
+    open("192.0.2.2", LIMITS.threads);
+    std::vector<std::unique_ptr<Wait>> waits;
+    for (const auto& each : connections)
+        waits.push_back(std::make_unique<Wait>(*each));
+    {
+        const Wait second(busy);
+    }
+    table.look(Clock::now() + 1s);
+    EXPECT_TRUE(busy.isBroken());
+    EXPECT_EQ(table.counts().stalled, connections.size() - LIMITS.threads / 2);
+}
+
+TEST_F(ConnectionTableTest, AStopBreaksOffWhatStillWaits)
+{
+    EXPECT_EQ(table.waitLimit(), LIMITS.request);
+    Connection& idle = open("192.0.2.1");
+    Connection& stalled = open("192.0.2.2");
+    Connection& quick = open("192.0.2.3");
+    const Wait wait(stalled);
+    auto shortWait = std::make_unique<Wait>(quick);
+    std::thread reply([&] { shortWait.reset(); });
+    table.stop();
+    reply.join();
+    EXPECT_FALSE(idle.isBroken());
+    EXPECT_TRUE(stalled.isBroken());
+    EXPECT_FALSE(quick.isBroken()) << "it ended within the moment that a stop leaves";
+    EXPECT_EQ(table.waitLimit(), LIMITS.stopGrace);
+}
+
+TEST_F(ConnectionTableTest, KnowsWhatIsThere)
+{
+    int used = 0;
+    const auto count = [&used](WatchedConnection&) { ++used; };
+    Connection& connection = open("192.0.2.1");
+    table.with(&connection, count);
+    EXPECT_EQ(used, 1);
+    table.remove(&connection, connection);
+    table.with(&connection, count);
+    EXPECT_EQ(used, 1);
+}
+
+TEST_F(ConnectionTableTest, ManyThreadsComeAndGo)
+{
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i)
+        threads.emplace_back([this, i] {
+            for (int round = 0; round < 500; ++round) {
+                Connection each(table, "192.0.2." + std::to_string(i));
+                const Wait wait(each);
+                each.noteRequest();
+                if (round % 50 == 0)
+                    table.look(Clock::now());
+            }
+        });
+    for (std::thread& each : threads)
+        each.join();
+    EXPECT_EQ(table.counts().open, 0u);
+    EXPECT_LE(table.counts().highest, 8u);
+    EXPECT_EQ(table.counts().refused, 0u);
+}
+
+} // namespace
+} // namespace Veltrane::Quillmark::Tlx
