@@ -34,7 +34,7 @@ class Connection:
         self._timeout = timeout
         try:
             self._socket = socket.create_connection((host, port), timeout,
-                                                    source and (source, 0))
+                                                    (source, 0) if source else None)
         except TimeoutError as error:
             raise Timeout("%s:%d: %s" % (host, port, error)) from None
         except OSError as error:

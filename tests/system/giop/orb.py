@@ -17,7 +17,7 @@ class Orb:
     fragment_size: larger requests are sent in fragments.
     network: returns a context manager. Connections are made inside it, for example from another
     host.
-    source: the address that connections come from.
+    source: the address of this host that the connections come from; None lets the system choose.
     """
 
     def __init__(self, timeout=30.0, little=True, fragment_size=None,
