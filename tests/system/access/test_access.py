@@ -126,6 +126,20 @@ def test_the_edges_of_a_range(start, root):
         refused(query, daemon.client(source=address))
 
 
+@pytest.mark.parametrize("entry,admitted", [(FRIEND, True), ("127.0.0.2/31", True),
+                                            ("::ffff:127.0.0.2", True), ("::/0", False)])
+def test_ipv4_through_an_ipv6_socket(start, root, entry, admitted):
+    root.configure(LISTEN="[::]:0", PUBLISH_ADDRESS=HOST, **{"ALLOW.read": entry})
+    daemon = start(root)
+    with giop.Orb(timeout=harness.CALL_LIMIT, source=FRIEND) as orb:
+        service = orb.object("corbaloc:iiop:1.2@%s:%d/DiscoveryService"
+                             % (HOST, daemon.address[1]), giop.DiscoveryService)
+        if admitted:
+            assert query(service) == []
+        else:
+            refused(query, service)
+
+
 def test_a_refused_request_with_large_arguments(start, root):
     """The arguments are not used, and the connection stays good."""
     root.configure(**{"ALLOW.write": FRIEND})

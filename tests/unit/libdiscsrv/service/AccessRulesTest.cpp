@@ -4,7 +4,9 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <fstream>
 #include <mutex>
+#include <regex>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -148,6 +150,33 @@ TEST_F(AccessRulesTest, EachOperationHasItsRole)
                 EXPECT_FALSE(admitsAny(each.operations, "198.51.100.1")) << open.key;
         }
     }
+}
+
+/// An operation without a role would be free for everybody.
+TEST_F(AccessRulesTest, EveryOperationOfTheInterfacesHasARole)
+{
+    std::ifstream file(QM_DOCS "/../libdiscsrv/idl/DiscoverySvc.idl");
+    std::string text;
+    for (std::string line; std::getline(file, line);)
+        text += line.substr(0, line.find("//")) + "\n";
+    std::vector<std::string> wire;
+    const std::regex interface("interface (\\w+) \\{([^}]*)\\}");
+    for (std::sregex_iterator each(text.begin(), text.end(), interface), end; each != end; ++each) {
+        const std::string body = (*each)[2];
+        const std::regex member("(attribute\\s+)?[\\w:]+\\s+(\\w+)\\s*(\\([^)]*\\))?;");
+        for (std::sregex_iterator found(body.begin(), body.end(), member); found != end; ++found) {
+            const std::string name = (*found)[2];
+            if ((*found)[1].matched) {
+                wire.push_back("_get_" + name);
+                wire.push_back("_set_" + name);
+            } else {
+                wire.push_back(name);
+            }
+        }
+    }
+    EXPECT_EQ(wire.size(), 17u) << "4 of each iterator, 2 of the writer, 7 of the service";
+    for (const std::string& operation : wire)
+        EXPECT_TRUE(roleOf(operation)) << operation;
 }
 
 TEST_F(AccessRulesTest, WhatEveryObjectHasIsFreeAndUnknownNamesAreTheOrbs)
