@@ -269,7 +269,7 @@ bool AccessRules::refresh(std::chrono::milliseconds limit)
                                           [](const auto& each) { return each.second.isMissing; });
 }
 
-/// Takes over the addresses of a name. Logs when the name stops to resolve.
+/// Takes over the addresses of a name. Logs when the name stops resolving.
 void AccessRules::note(const std::string& name, const std::vector<std::string>& found)
 {
     Addresses addresses;

@@ -45,7 +45,7 @@ constexpr std::chrono::seconds ACCESS_START_LIMIT{2};
 /// The time between two rounds, and after a round that left a name without an address.
 constexpr std::chrono::seconds ACCESS_ROUND_INTERVAL{120};
 constexpr std::chrono::seconds ACCESS_RETRY_INTERVAL{10};
-/// How long the last good addresses of a name hold after it stopped to resolve.
+/// How long the last good addresses of a name hold after it stopped resolving.
 constexpr std::chrono::hours ACCESS_NAME_KEPT{24};
 /// How long the stop waits for the thread. It may be resolving a name.
 constexpr std::chrono::seconds ACCESS_STOP_LIMIT{1};
@@ -56,7 +56,7 @@ constexpr std::chrono::seconds ACCESS_STOP_LIMIT{1};
 /// The rules of one moment never change. A thread takes them without a lock, and gets the new ones
 /// once after each change. No name is resolved on a request's thread, except one that a host claims
 /// as its own (OwnNames). A thread of its own resolves the hosts of the lists and the master: at
-/// the start, after a reload, and every two minutes. When a name stops to resolve, its last good
+/// the start, after a reload, and every two minutes. When a name stops resolving, its last good
 /// addresses hold for a day. A host that never resolved is admitted by its name only if a
 /// certificate carries the name.
 ///

@@ -51,9 +51,9 @@ std::optional<PageRow> nextRow(RecordListing& listing, const std::string& servic
     if (!listed)
         return std::nullopt;
     const auto* remote = dynamic_cast<const RemoteExplorerPull*>(listed->record.get());
-    std::string from = remote ? remote->getServiceName().utf8() : std::string();
+    const std::string from = remote ? remote->getServiceName().utf8() : std::string();
     return PageRow{std::move(listed->subject), std::move(listed->authority), listed->type,
-                   from.empty() ? service : std::move(from)};
+                   from.empty() ? service : from};
 }
 
 } // namespace

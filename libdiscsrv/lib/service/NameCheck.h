@@ -8,8 +8,8 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote {
 /// The names of a request, as they came. None is null.
 struct WireNames
 {
-    const char* subject;
-    const char* authority;
+    const char* subject = "";
+    const char* authority = "";
     const char* host = "";
     const char* service = "";
 };
