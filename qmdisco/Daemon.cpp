@@ -7,7 +7,6 @@
 #include <thread>
 
 #include <csignal>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <tlx/AceRuntime.h>
@@ -19,6 +18,7 @@
 #include <tlx/Orb.h>
 
 #include "ConfigReport.h"
+#include "Confinement.h"
 #include "DaemonKeys.h"
 #include "ProductKeys.h"
 #include "Root.h"
@@ -62,7 +62,7 @@ int Daemon::run()
 
 ExitCode Daemon::host()
 {
-    ::umask(022);
+    keepPrivate();
     std::signal(SIGPIPE, SIG_IGN); // if a peer is gone, the write returns an error
     StopWatch::blockSignals();
 
@@ -71,6 +71,7 @@ ExitCode Daemon::host()
     config.read();
     if (const auto prepared = prepareDirectories(m_root); !prepared)
         return fail(prepared.error());
+    const auto confined = confine();
     // Before the log is opened: a second daemon must not write into the first one's log, or rotate
     // it.
     auto pidFile = PidFile::take(m_root);
@@ -81,6 +82,11 @@ ExitCode Daemon::host()
         return fail(started.error());
     if (!m_pidFile->writeError().empty())
         log(Tlx::LogSeverity::Warning, m_pidFile->writeError());
+    if (!confined)
+        log(Tlx::LogSeverity::Warning,
+            "This kernel does not confine where qmdisco may write: " + confined.error().message());
+    for (const std::string& line : writableByOthers(m_root))
+        log(Tlx::LogSeverity::Warning, "The product tree is not safe: " + line);
     logConfigProblems(ConfigRead::First);
     if (const auto allowed = checkPrivilege(storeDirectory(m_root)); !allowed)
         return fail(allowed.error());
@@ -105,6 +111,17 @@ ExitCode Daemon::host()
     m_pidFile.reset();
     m_watch.reset();
     return code;
+}
+
+Tlx::FileResult<> Daemon::confine() const
+{
+    // Root's daemon may load plug-ins that write elsewhere. They had that right before there was a
+    // user for the daemon.
+    if (::geteuid() == 0)
+        return {};
+    // Plug-ins may need temporary files and shared memory.
+    return confineWrites({runDirectory(m_root), logDirectory(m_root), storeDirectory(m_root),
+                          "/tmp", "/var/tmp", "/dev/shm", "/dev/null"});
 }
 
 ExitCode Daemon::live()

@@ -63,6 +63,8 @@ class Daemon
 
   private:
     ExitCode host();
+    /// Confines what this process can write. Root's daemon is not confined.
+    [[nodiscard]] Tlx::FileResult<> confine() const;
     ExitCode live();
     [[nodiscard]] Result<> startLogging();
     /// Starts the service if this host wants it. Returns true if it serves requests.

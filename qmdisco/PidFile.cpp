@@ -58,7 +58,7 @@ Failure notTaken(const TlxPathname& root, const TlxPathname& path, const LockFai
 Result<std::unique_ptr<PidFile>> PidFile::take(const TlxPathname& root)
 {
     const TlxPathname path = runDirectory(root).withFileName("qmdisco.pid");
-    auto file = Tlx::openLocked(path, O_RDWR | O_CREAT, 0644, LockLevel::Write, LockWait::TRY);
+    auto file = Tlx::openLocked(path, O_RDWR | O_CREAT, 0600, LockLevel::Write, LockWait::TRY);
     if (!file)
         return tl::unexpected(notTaken(root, path, file.error()));
     return std::unique_ptr<PidFile>(new PidFile(std::move(file->lock), path));

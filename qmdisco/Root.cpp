@@ -1,13 +1,16 @@
 #include "Root.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <filesystem>
+#include <utility>
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <tlx/File.h>
+#include <tlx/FileTrust.h>
 
 namespace Veltrane::Quillmark::Qmdisco {
 
@@ -52,14 +55,33 @@ TlxPathname storeDirectory(const TlxPathname& root)
 
 Result<> prepareDirectories(const TlxPathname& root)
 {
-    for (const TlxPathname& path : {runDirectory(root), logDirectory(root), storeDirectory(root)}) {
-        if (const int error = path.createDirectories(0755))
+    const TlxPathname store = storeDirectory(root);
+    // Everybody may go through the root: programs of other users read etc/ and lib/. Only the
+    // daemon goes through db/; deployed tools know the mode of the store itself. If one of these
+    // fails, so does a directory below it, with the same reason.
+    (void)root.createDirectories(0755);
+    (void)store.directory().createDirectories(0700);
+    const std::array<std::pair<TlxPathname, unsigned>, 3> wanted{
+        {{runDirectory(root), 0750}, {logDirectory(root), 0750}, {store, 0755}}};
+    for (const auto& [path, mode] : wanted) {
+        if (const int error = path.createDirectories(mode))
             return unusable("make the directory", path, Tlx::systemError(error));
         std::error_code error;
         if (!std::filesystem::is_directory(path.text(), error))
             return unusable("use", path, error ? error : Tlx::systemError(ENOTDIR));
     }
     return {};
+}
+
+std::vector<std::string> writableByOthers(const TlxPathname& root)
+{
+    std::vector<std::string> lines;
+    const TlxPathname store = storeDirectory(root);
+    for (const TlxPathname& path : {root, runDirectory(root), logDirectory(root), store})
+        if (const auto safe = Tlx::checkNotWritableByOthers(path, root);
+            !safe && std::find(lines.begin(), lines.end(), safe.error()) == lines.end())
+            lines.push_back(safe.error());
+    return lines;
 }
 
 Result<> checkPrivilege(const TlxPathname& storeDirectory)

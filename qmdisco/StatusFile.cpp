@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
@@ -14,6 +15,9 @@
 namespace Veltrane::Quillmark::Qmdisco {
 
 namespace {
+
+/// The group may read it, like the logs.
+constexpr mode_t STATUS_FILE_MODE = 0640;
 
 /// Returns null for the time 0.
 nlohmann::ordered_json timeOrNull(long long seconds)
@@ -100,9 +104,11 @@ Result<> StatusFile::replace(const std::string& text) const
         return tl::unexpected(Failure{EC_UNEXPECTED, std::string("cannot ") + what + " " +
                                                          path.text() + ": " + error.message()});
     };
-    auto file = Tlx::openFile(temporary, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    auto file = Tlx::openFile(temporary, O_WRONLY | O_CREAT | O_TRUNC, STATUS_FILE_MODE);
     if (!file)
         return cannot("open", temporary, file.error());
+    // The process's mask took the group's permission away.
+    (void)::fchmod(file->get(), STATUS_FILE_MODE);
     auto written = Tlx::writeAll(file->get(), text);
     if (written && ::fsync(file->get()) != 0)
         written = tl::unexpected(Tlx::systemError(errno));

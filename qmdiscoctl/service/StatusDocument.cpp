@@ -5,6 +5,8 @@
 #include <limits>
 #include <string_view>
 
+#include <grp.h>
+
 #include <tlx/File.h>
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
@@ -27,6 +29,19 @@ nlohmann::ordered_json parse(const std::string& text)
     };
     nlohmann::ordered_json document = nlohmann::ordered_json::parse(text, watch, false);
     return tooDeep ? nlohmann::ordered_json(nlohmann::ordered_json::value_t::discarded) : document;
+}
+
+/// Says who may read the files in a directory. The service's group may, so that an administrator
+/// can let others watch the service.
+std::string readersOf(const Tlx::TlxPathname& directory)
+{
+    const auto status = Tlx::statusAt(directory);
+    if (!status || status->st_gid == 0 || (status->st_mode & S_IXGRP) == 0)
+        return "; only root may read it";
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): this program asks from one thread
+    const group* const entry = ::getgrgid(status->st_gid);
+    return "; only root and the group " +
+           (entry ? std::string(entry->gr_name) : std::to_string(status->st_gid)) + " may read it";
 }
 
 } // namespace
@@ -63,7 +78,10 @@ StatusDocument readStatusDocument(const Tlx::TlxPathname& root)
         status.found = text.error() != std::errc::no_such_file_or_directory &&
                        text.error() != std::errc::not_a_directory;
         if (status.found)
-            status.problem = "cannot be read: " + text.error().message();
+            status.problem =
+                "cannot be read: " + text.error().message() +
+                (text.error() == std::errc::permission_denied ? readersOf(root.withFileName("run"))
+                                                              : "");
         return status;
     }
     status.found = true;

@@ -2,6 +2,7 @@
 
 #include <tlx/Orb.h>
 #include <tlx/Servant.h>
+#include <tlx/StopNotice.h>
 
 #include "DiscDB.h"
 #include "DiscLog.h"
@@ -57,6 +58,7 @@ bool DiscoveryFramework::init()
     }
     if (m_type != DST_NO_SERVANT && !getOrb())
         return false;
+    withdrawStop(); // of an earlier service of this process
     if (m_initAce)
         m_ace = std::make_unique<AceRuntime>();
     getDiscoveryRepository()->setDiscoveryFramework(this);
@@ -102,9 +104,11 @@ bool DiscoveryFramework::shutdown()
     m_shutdown = true;
     if (m_type == DST_NO_SERVANT)
         return true;
-    // This comes first. Some requests in progress fetch from other hosts, and the steps below wait
-    // for these requests.
+    // This comes first. Some requests in progress wait for other hosts, for their own peers or for
+    // locks, and the steps below wait for these requests.
     getDiscoveryRepository()->announceShutdown();
+    if (m_orb)
+        m_orb->breakOffWaits();
     if (m_servant) {
         if (m_orb) {
             m_orb->destroyObjectRef(m_servantReference, PortableServer::POA::_nil());
@@ -113,8 +117,6 @@ bool DiscoveryFramework::shutdown()
         m_servant->_remove_ref();
         m_servant = nullptr;
     }
-    if (m_orb)
-        m_orb->breakOffStalled();
     if (m_orb && m_orb->isEvictorEnabled())
         m_orb->getEvictor().shutdown();
     if (!CORBA::is_nil(m_rootPOA)) {

@@ -7,6 +7,7 @@
 #include <tlx/Corba.h>
 #include <tlx/HostConfig.h>
 #include <tlx/Resolver.h>
+#include <tlx/StopNotice.h>
 
 #include "AccessEntry.h"
 #include "DiscLog.h"
@@ -168,22 +169,18 @@ void AccessRules::start()
     {
         const std::lock_guard guard(m_mutex);
         m_isStopping = false;
-        m_isDue = false;
     }
-    refresh(ACCESS_START_LIMIT);
+    const bool isComplete = refresh(ACCESS_START_LIMIT);
     setRequestCheck(&AccessRules::check);
     {
         const std::lock_guard guard(m_mutex);
-        if (std::exchange(m_isRunning, true))
-            return; // a thread that its stop did not wait for goes on
+        m_isDue = !isComplete;
     }
+    if (m_thread.joinable())
+        return;
     try {
         m_thread = std::thread([this] { run(); });
     } catch (const std::system_error& e) {
-        {
-            const std::lock_guard guard(m_mutex);
-            m_isRunning = false;
-        }
         DISC_LOG(1,
                  "The hosts of ALLOW.* keep their addresses until the next reload: " << e.what());
     }
@@ -203,19 +200,13 @@ void AccessRules::reload()
 
 void AccessRules::stop()
 {
-    bool hasEnded = false;
     {
-        std::unique_lock guard(m_mutex);
+        const std::lock_guard guard(m_mutex);
         m_isStopping = true;
-        m_wake.notify_one();
-        hasEnded = m_ended.wait_for(guard, ACCESS_STOP_LIMIT, [this] { return !m_isRunning; });
     }
-    if (!m_thread.joinable())
-        return;
-    if (hasEnded)
+    m_wake.notify_one();
+    if (m_thread.joinable())
         m_thread.join();
-    else
-        m_thread.detach(); // this object outlives it
 }
 
 void AccessRules::run()
@@ -225,11 +216,8 @@ void AccessRules::run()
             std::unique_lock guard(m_mutex);
             m_wake.wait_for(guard, isComplete ? ACCESS_ROUND_INTERVAL : ACCESS_RETRY_INTERVAL,
                             [this] { return m_isStopping || m_isDue; });
-            if (m_isStopping) {
-                m_isRunning = false;
-                m_ended.notify_all();
+            if (m_isStopping)
                 return;
-            }
             m_isDue = false;
         }
         isComplete = refresh(ACCESS_ROUND_LIMIT);
@@ -260,8 +248,15 @@ bool AccessRules::refresh(std::chrono::milliseconds limit)
             if (left.count() <= 0 || m_isStopping)
                 break;
         }
-        note(name, resolveHost(HostConfig::instance().endpointOf(name).address,
-                               std::min<std::chrono::milliseconds>(left, ACCESS_NAME_LIMIT)));
+        const auto found =
+            resolveHost(HostConfig::instance().endpointOf(name).address,
+                        std::min<std::chrono::milliseconds>(left, ACCESS_NAME_LIMIT));
+        if (isStopAnnounced()) { // a broken off wait finds nothing
+            const std::lock_guard guard(m_mutex);
+            m_next = name;
+            break;
+        }
+        note(name, found);
     }
     const std::lock_guard guard(m_mutex);
     publish();

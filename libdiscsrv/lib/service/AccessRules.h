@@ -47,8 +47,6 @@ constexpr std::chrono::seconds ACCESS_ROUND_INTERVAL{120};
 constexpr std::chrono::seconds ACCESS_RETRY_INTERVAL{10};
 /// How long the last good addresses of a name hold after it stopped resolving.
 constexpr std::chrono::hours ACCESS_NAME_KEPT{24};
-/// How long the stop waits for the thread. It may be resolving a name.
-constexpr std::chrono::seconds ACCESS_STOP_LIMIT{1};
 
 /// Decides about the requests of other hosts. The process has one object. Any thread may use it,
 /// but one thread at a time starts, reloads and stops it.
@@ -73,8 +71,8 @@ class AccessRules
     /// Reads the lists again. New requests obey them when it returns. Names that are new have their
     /// addresses a moment later.
     void reload();
-    /// Ends the thread. The rules stay in force. If the thread does not end in time, it ends alone,
-    /// when the resolver has answered or ACCESS_NAME_LIMIT is over.
+    /// Ends the thread. The rules stay in force. After announceStop (tlx/StopNotice.h) it waits for
+    /// a tenth of a second at most, otherwise for ACCESS_NAME_LIMIT.
     void stop();
 
     /// Resolves the names within the limit. The thread calls it. Returns false if a name has no
@@ -143,8 +141,6 @@ class AccessRules
     /// it once after a change.
     std::mutex m_mutex;
     std::condition_variable m_wake;
-    std::condition_variable m_ended;
-    bool m_isRunning = false; ///< the thread
     bool m_isStopping = false;
     bool m_isDue = false;
     std::thread m_thread;

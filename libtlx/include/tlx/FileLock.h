@@ -99,7 +99,7 @@ class FileLock
     bool isSameFile(const struct stat& status) const;
 
     /// How long a waiting lock waits for other processes. Every later wait of this process uses the
-    /// new limit.
+    /// new limit. A wait also ends when the process stops (StopNotice.h).
     static void setWaitLimit(std::chrono::milliseconds limit);
     static std::chrono::milliseconds waitLimit();
     static constexpr std::chrono::seconds DEFAULT_WAIT_LIMIT{20};

@@ -97,10 +97,11 @@ class Orb
     void holdRequests();
     void serveRequests();
 
-    /// The service stops: no request waits any more for the rest of its arguments, and no reply
-    /// for a peer that does not read it. Returns after a second at most. Later waits of this kind
-    /// end after a second, too.
-    void breakOffStalled();
+    /// The service stops. Calls to other hosts fail, those in progress at once. A request no longer
+    /// waits for the rest of its arguments, and a reply no longer for a peer that does not read it:
+    /// each has a second. Waits for names and for file locks end, too (StopNotice.h). Returns after
+    /// a second at most.
+    void breakOffWaits();
 
     /// The connections of other hosts. All zeros in a client and before the first Orb.
     static ConnectionCounts connectionCounts();

@@ -7,7 +7,8 @@
 //
 // A library may throw while it is loaded or in one of its functions. The log then has a line with
 // its path. While such a call does not return, the log names it. A library that is broken, or made
-// for another version of the kit, is logged and counts as absent.
+// for another version of the kit, is logged and counts as absent. So is a library that a user other
+// than root and the user of this process could have written (tlx/FileTrust.h).
 
 #include <exception>
 #include <list>

@@ -8,6 +8,7 @@
 #include <pthread.h>
 
 #include <tlx/FileSystem.h>
+#include <tlx/StopNotice.h>
 
 namespace Veltrane::Quillmark::Tlx::FileLockDetail {
 
@@ -16,6 +17,9 @@ namespace {
 /// The pauses of a waiting lock double from SHORTEST_PAUSE to LONGEST_PAUSE.
 constexpr std::chrono::microseconds SHORTEST_PAUSE{200};
 constexpr std::chrono::microseconds LONGEST_PAUSE{20000};
+
+/// How often a waiting thread looks whether the process stops.
+constexpr std::chrono::milliseconds LOOK_FOR_STOP{100};
 
 /// A process gives way for LONGEST_WAY at most, and not again within TIME_BETWEEN_WAYS.
 constexpr std::chrono::milliseconds LONGEST_WAY{100};
@@ -124,8 +128,12 @@ void Turn::take()
 bool Turn::takeUntil(Time until)
 {
     Guard guard(m_mutex);
-    if (!m_free.wait_until(guard, until, [this] { return isFree(); }))
-        return false;
+    while (!isFree()) {
+        const auto now = std::chrono::steady_clock::now();
+        if (now >= until || isStopAnnounced())
+            return false;
+        m_free.wait_until(guard, std::min<Time>(until, now + LOOK_FOR_STOP));
+    }
     takeFree();
     return true;
 }
@@ -262,7 +270,7 @@ int File::waitRaise(Guard& guard, LockLevel& held, LockLevel wanted)
             countWaiter(1);
             while (isConflict(error)) {
                 const auto now = std::chrono::steady_clock::now();
-                if (now >= giveUp) {
+                if (now >= giveUp || isStopAnnounced()) {
                     error = ETIMEDOUT;
                     ++table().waitsGivenUp;
                     break;

@@ -7,6 +7,7 @@
 #include <dlfcn.h>
 #include <link.h>
 
+#include <tlx/FileTrust.h>
 #include <tlx/ForeignCode.h>
 #include <tlx/HostConfig.h>
 
@@ -61,7 +62,13 @@ bool fitsKit(void* handle, const std::string& path)
     return false;
 }
 
-/// Loads a library until the process ends. On failure it logs the reason and returns null.
+void logUnableToLoad(const std::string& path, const std::string& reason)
+{
+    PLATFORM_LOG(LOG_LEVEL_FAILURE, "loadLibrary", "Unable to load " << path << ": " << reason);
+}
+
+/// Loads a library until the process ends. On failure it logs the reason and returns null. A
+/// library that others can write would let them run code as this process.
 void* loadLibrary(const std::string& path, bool global)
 {
     void* handle = nullptr;
@@ -72,13 +79,13 @@ void* loadLibrary(const std::string& path, bool global)
         handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_NOLOAD);
         if (handle)
             return;
+        if (const auto safe = checkNotWritableByOthers(path, HostConfig::instance().root()); !safe)
+            return logUnableToLoad(path, safe.error());
         PLATFORM_NOTICE("loadLibrary", "Loading " << path);
         handle = ::dlopen(path.c_str(), RTLD_NOW | (global ? RTLD_GLOBAL : RTLD_LOCAL));
         if (!handle) {
             const char* const reason = ::dlerror();
-            PLATFORM_LOG(LOG_LEVEL_FAILURE, "loadLibrary",
-                         "Unable to load " << path << ": "
-                                           << (reason ? reason : "the system gives no reason"));
+            logUnableToLoad(path, reason ? reason : "the system gives no reason");
         }
     });
     return handle && fitsKit(handle, path) ? handle : nullptr;

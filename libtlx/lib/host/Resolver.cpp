@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 
 #include <tlx/Address.h>
+#include <tlx/StopNotice.h>
 
 namespace Veltrane::Quillmark::Tlx {
 
@@ -23,6 +24,8 @@ using Resolve = std::function<Addresses(const std::string&)>;
 /// hosts at once.
 constexpr int MAX_BACKGROUND = 128;
 constexpr std::chrono::milliseconds LONGEST_WAIT = std::chrono::hours(24);
+/// How often a wait looks whether the process stops.
+constexpr std::chrono::milliseconds LOOK_FOR_STOP{100};
 
 std::atomic<int> g_background{0};
 
@@ -116,9 +119,14 @@ std::vector<std::string> resolveHost(const std::string& host, std::chrono::milli
         }
         std::unique_lock guard(question->mutex);
         // A huge limit would overflow the clock.
-        question->answered.wait_for(guard,
-                                    std::clamp(limit, std::chrono::milliseconds(0), LONGEST_WAIT),
-                                    [&] { return question->done; });
+        const auto end = std::chrono::steady_clock::now() +
+                         std::clamp(limit, std::chrono::milliseconds(0), LONGEST_WAIT);
+        while (!question->done && !isStopAnnounced()) {
+            const auto now = std::chrono::steady_clock::now();
+            if (now >= end)
+                break;
+            question->answered.wait_until(guard, std::min(end, now + LOOK_FOR_STOP));
+        }
         return question->addresses;
     } catch (const std::exception&) {
         return {}; // memory ran out

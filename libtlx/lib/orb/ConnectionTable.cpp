@@ -229,8 +229,7 @@ void ConnectionTable::freeThreads(std::vector<WatchedConnection*>& waiting)
 
 std::chrono::milliseconds ConnectionTable::waitLimit() const
 {
-    return m_stopping ? std::min(m_limits.stopGrace, m_limits.request)
-                      : m_limits.request;
+    return m_stopping ? std::min(m_limits.stopGrace, m_limits.request) : m_limits.request;
 }
 
 void ConnectionTable::stop()

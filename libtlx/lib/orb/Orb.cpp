@@ -181,9 +181,9 @@ void Orb::serveRequests()
     m_state->core->serveRequests();
 }
 
-void Orb::breakOffStalled()
+void Orb::breakOffWaits()
 {
-    m_state->core->breakOffStalled();
+    m_state->core->breakOffWaits();
 }
 
 ConnectionCounts Orb::connectionCounts()

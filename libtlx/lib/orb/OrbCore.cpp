@@ -29,9 +29,11 @@
 #include <tlx/Orb.h>
 #include <tlx/Resolver.h>
 #include <tlx/Servant.h>
+#include <tlx/StopNotice.h>
 
 #include "ConnectionTable.h"
 #include "PlatformLog.h"
+#include "RemoteCalls.h"
 #include "RequestPeerState.h"
 #include "WatchedTransport.h"
 
@@ -260,11 +262,14 @@ OrbCore::OrbCore(const OrbSettings& settings)
 void OrbCore::start(const OrbSettings& settings)
 {
     omniORB::setLogFunction(&logOrbMessage);
+    withdrawStop();
     // All options that the ORB's own configuration file could otherwise change for this process.
     OrbOptions options;
     options.add("giopMaxMsgSize", settings.maxMessageBytes);
     options.add("supportPerThreadTimeOut", 1);
+    // Also for peers that name no code set in their references.
     options.add("nativeCharCodeSet", "UTF-8");
+    options.add("defaultCharCodeSet", "UTF-8");
     options.add("traceLevel", 0);
     options.add("maxGIOPConnectionPerServer", CONNECTIONS_TO_A_HOST);
     // Saves a request before the first call to each object: an iterator or a writer gets few.
@@ -285,6 +290,7 @@ void OrbCore::start(const OrbSettings& settings)
     }
     int argc = 0;
     m_orb = CORBA::ORB_init(argc, nullptr, "omniORB4", options.pairs());
+    limitRemoteCalls();
     if (settings.clientOnly)
         return;
     m_listenAddress = parseEndpoint(settings.listen).value_or(Endpoint()).address;
@@ -364,8 +370,10 @@ void OrbCore::holdRequests()
     m_nameManager->hold_requests(false);
 }
 
-void OrbCore::breakOffStalled()
+void OrbCore::breakOffWaits()
 {
+    announceStop();
+    breakOffCalls();
     if (m_connections)
         m_connections->stop();
 }

@@ -54,8 +54,8 @@ class OrbCore
     void advertise(const std::string& name, CORBA::Object_ptr object);
     void holdRequests();
     void serveRequests();
-    /// As Orb::breakOffStalled.
-    void breakOffStalled();
+    /// As Orb::breakOffWaits.
+    void breakOffWaits();
     /// As Orb::connectionCounts.
     static ConnectionCounts connectionCounts();
 

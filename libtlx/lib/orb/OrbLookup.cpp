@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 
+#include <omniORB4/minorCode.h>
 #include <omnithread.h>
 
 #include <tlx/HostConfig.h>
@@ -44,6 +45,10 @@ bool isThere(CORBA::Object_ptr object, Clock::time_point end)
             return !object->_non_existent();
         } catch (const CORBA::COMM_FAILURE&) {
             if (kept == 0 || Clock::now() >= end)
+                throw;
+        } catch (const CORBA::TRANSIENT& e) {
+            // The same, over a connection to the object that the service forwarded to.
+            if (e.minor() != omni::TRANSIENT_FailedOnForwarded || kept == 0 || Clock::now() >= end)
                 throw;
         }
     }

@@ -88,8 +88,10 @@ def test_files_are_for_the_daemon_alone(daemon, root, service):
     for name in os.listdir(root.store):
         assert stat.S_IMODE(os.stat(root.store / name).st_mode) == 0, name
     assert writer.close().discStatus == SUCCESS
-    assert stat.S_IMODE(os.stat(root.store).st_mode) == 0o755
-    assert stat.S_IMODE(os.stat(root.log_file).st_mode) == 0o640
+    modes = {"": 0o755, "etc": 0o755, "db": 0o700, "db/discovery": 0o755, "logs": 0o750,
+             "logs/qmdisco.log": 0o640, "run": 0o750, "run/status.json": 0o640,
+             "run/qmdisco.pid": 0o600}
+    assert {name: stat.S_IMODE(os.stat(root.path / name).st_mode) for name in modes} == modes
 
 
 def test_status(start, root):

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "ConfigReport.h"
@@ -36,6 +37,41 @@ TEST_F(RootTest, MissingDirectoriesAreMade)
     for (const char* name : {"a/b/run", "a/b/logs", "a/b/db/discovery"})
         EXPECT_TRUE(std::filesystem::is_directory(m_root.path(name))) << name;
     EXPECT_TRUE(prepareDirectories(root)) << "they may be there";
+}
+
+TEST_F(RootTest, OnlyTheGroupMayLookOnAndNobodySeesTheStore)
+{
+    ::umask(0);
+    EXPECT_TRUE(prepareDirectories(m_root.path("a/b")));
+    const auto modeOf = [this](const std::string& name) {
+        return static_cast<unsigned>(std::filesystem::status(m_root.path(name)).permissions());
+    };
+    for (const auto& [name, mode] : {std::pair{"a", 0755u},
+                                     {"a/b", 0755u},
+                                     {"a/b/run", 0750u},
+                                     {"a/b/logs", 0750u},
+                                     {"a/b/db", 0700u},
+                                     {"a/b/db/discovery", 0755u}})
+        EXPECT_EQ(mode, modeOf(name)) << name;
+    ASSERT_EQ(0, ::chmod(m_root.path("a/b/logs").c_str(), 0777));
+    EXPECT_TRUE(prepareDirectories(m_root.path("a/b")));
+    EXPECT_EQ(0777u, modeOf("a/b/logs")) << "what is there belongs to the administrator";
+}
+
+TEST_F(RootTest, DirectoriesThatOthersMayWriteAreNamed)
+{
+    ASSERT_TRUE(prepareDirectories(m_root.path()));
+    EXPECT_EQ(Texts{}, writableByOthers(m_root.path()));
+    const std::string store = m_root.path("db/discovery");
+    ASSERT_EQ(0, ::chmod(m_root.path("logs").c_str(), 0775));
+    ASSERT_EQ(0, ::chmod(store.c_str(), 01777));
+    EXPECT_EQ((Texts{"others may write " + m_root.path("logs") + " (mode 0775)",
+                     "others may write " + store + " (mode 1777)"}),
+              writableByOthers(m_root.path()));
+    ASSERT_EQ(0, ::chmod(m_root.path().c_str(), 0777));
+    EXPECT_EQ(Texts{"others may write " + m_root.path() + " (mode 0777)"},
+              writableByOthers(m_root.path()))
+        << "one line, although all directories are below it";
 }
 
 TEST_F(RootTest, AFileInTheWayIsNamed)
@@ -135,6 +171,31 @@ TEST_F(RootTest, AnAbsentConfigurationIsAProblem)
     std::ostringstream out;
     EXPECT_EQ(EC_CONFIGURATION, checkConfig(out));
     EXPECT_EQ(conf() + ": cannot be read: No such file or directory\n", out.str());
+}
+
+TEST_F(RootTest, AConfigurationThatOthersMayWriteIsAProblem)
+{
+    m_root.write("etc/qm.conf", "LOG_LEVEL = 12\n");
+    ASSERT_EQ(0, ::chmod(conf().c_str(), 0666));
+    std::ostringstream out;
+    EXPECT_EQ(EC_CONFIGURATION, checkConfig(out));
+    const std::string warning = conf() + ": others may write " + conf() + " (mode 0666)";
+    const std::string mistake = conf() + ":1: LOG_LEVEL: '12' is out of range, expected 0 to 9";
+    EXPECT_EQ(mistake + "\n" + warning + "\n", out.str());
+    const LogCapture log;
+    logConfigProblems(ConfigRead::First);
+    EXPECT_EQ((Texts{warning, mistake}), log.texts(Tlx::LOG_LEVEL_FAILURE));
+    EXPECT_THAT(log.severities(warning), testing::ElementsAre(Tlx::LogSeverity::Warning));
+    EXPECT_THAT(log.severities(mistake), testing::ElementsAre(Tlx::LogSeverity::Error));
+}
+
+TEST_F(RootTest, AConfigurationInADirectoryThatOthersMayWriteIsAProblem)
+{
+    m_root.write("etc/qm.conf", "");
+    ASSERT_EQ(0, ::chmod(m_root.path("etc").c_str(), 0777));
+    std::ostringstream out;
+    EXPECT_EQ(EC_CONFIGURATION, checkConfig(out));
+    EXPECT_EQ(conf() + ": others may write " + m_root.path("etc") + " (mode 0777)\n", out.str());
 }
 
 TEST_F(RootTest, ProblemsAreLoggedAtLevelOne)

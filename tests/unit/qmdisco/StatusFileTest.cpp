@@ -109,6 +109,9 @@ TEST_F(StatusFileTest, HasEveryMember)
 )",
               m_root.read("status.json"));
     EXPECT_FALSE(m_root.exists("status.json.tmp"));
+    struct stat status = {};
+    ASSERT_EQ(0, ::stat(m_root.path("status.json").c_str(), &status));
+    EXPECT_EQ(0640u, status.st_mode & 07777u) << "the group may read it, whatever the umask";
 }
 
 TEST_F(StatusFileTest, WithoutCountersThereIsAnEmptyObject)

@@ -14,6 +14,7 @@
 #include <tlx/Corba.h>
 #include <tlx/HostConfig.h>
 #include <tlx/Resolver.h>
+#include <tlx/StopNotice.h>
 
 #include "ServiceCounters.h"
 #include "ServiceKeys.h"
@@ -394,26 +395,32 @@ TEST_F(AccessRulesTest, AStopDoesNotWaitForAResolverThatHangs)
     std::condition_variable changed;
     bool isInside = false;
     bool open = false;
+    bool hasLeft = false;
     setResolver([&](const std::string&) -> std::vector<std::string> {
         std::unique_lock lock(mutex);
         isInside = true;
         changed.notify_all();
         changed.wait(lock, [&] { return open; });
+        hasLeft = true;
+        changed.notify_all();
         return {"192.0.2.2"};
     });
     rules.reload();
     std::unique_lock lock(mutex);
     ASSERT_TRUE(changed.wait_for(lock, std::chrono::seconds(20), [&] { return isInside; }));
     lock.unlock();
+    const LogCapture log;
     const auto began = std::chrono::steady_clock::now();
+    announceStop();
     rules.stop();
     EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(4));
+    withdrawStop();
     EXPECT_TRUE(admits("terminate", "192.0.2.1")) << "the last good address of the master";
+    EXPECT_EQ(log.texts(1), Lines{}) << "nobody asks for the name any more";
     lock.lock();
     open = true;
     changed.notify_all();
-    lock.unlock();
-    rules.stop(); // now it ends
+    changed.wait(lock, [&] { return hasLeft; });
 }
 
 TEST_F(AccessRulesTest, StartAsksTheResolverAndInstallsTheCheck)

@@ -1,6 +1,7 @@
 // Locks that wait for other threads and for other processes.
 
 #include <tlx/FileLock.h>
+#include <tlx/StopNotice.h>
 
 #include <algorithm>
 #include <array>
@@ -307,6 +308,30 @@ TEST_P(FileLockPeersTest, aWaitEndsAtItsLimitAndTheHolderHasItsLevelAgain)
     }
     ASSERT_EQ("ok", m_peer.ask("release 0"));
     EXPECT_EQ("Read", m_peer.sees());
+}
+
+TEST_P(FileLockPeersTest, aStopEndsTheWaitsForOthers)
+{
+    // The limit is far beyond the slack, which covers a busy machine.
+    constexpr std::chrono::seconds LIMIT{300};
+    constexpr std::chrono::seconds SLACK{10};
+    FileLock::setWaitLimit(LIMIT);
+    ASSERT_EQ("ok", m_peer.ask("read 0"));
+    const auto lock = m_file.open();
+    auto writing = std::async(std::launch::async, [&] {
+        const auto turn = WriterTurn::take(*lock, std::chrono::steady_clock::now() + LIMIT);
+        return lock->acquire_write() == 0 ? 0 : errno;
+    });
+    EXPECT_TRUE(QmTest::eventually([] { return FileLock::counts().waiting == 1; }));
+    auto turn = std::async(std::launch::async, [&] {
+        return WriterTurn::take(*lock, std::chrono::steady_clock::now() + LIMIT) != nullptr;
+    });
+    const auto start = std::chrono::steady_clock::now();
+    announceStop();
+    EXPECT_EQ(ETIMEDOUT, writing.get());
+    (void)turn.get(); // the first thread may give its turn back before this one looks
+    EXPECT_LT(std::chrono::steady_clock::now() - start, SLACK);
+    withdrawStop();
 }
 
 TEST_P(FileLockPeersTest, aLimitOfNothingStillTries)

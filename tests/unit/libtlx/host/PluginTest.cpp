@@ -4,6 +4,8 @@
 
 #include <stdexcept>
 
+#include <sys/stat.h>
+
 #include <tlx/ForeignCode.h>
 
 #include <gtest/gtest.h>
@@ -126,6 +128,40 @@ TEST_F(PluginTest, ALibraryForAnotherVersionOfTheKitIsRefused)
     EXPECT_EQ(log.texts(1).back(),
               older + " was built for version 0 of the kit, this is version 1");
     EXPECT_TRUE(load(tree.addPlugin("same")));
+}
+
+TEST_F(PluginTest, ALibraryThatOthersMayWriteIsRefusedWithItsMode)
+{
+    const std::string path = tree.addPlugin("good");
+    LogCapture log;
+    ASSERT_EQ(::chmod(path.c_str(), 0666), 0);
+    EXPECT_FALSE(load(path));
+    EXPECT_EQ(log.texts(1),
+              Lines{"Unable to load " + path + ": others may write " + path + " (mode 0666)"});
+    EXPECT_EQ(tree.calls(), Lines{});
+    log.clear();
+    ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
+    const std::string lib = (tree.path() / "lib").string();
+    ASSERT_EQ(::chmod(lib.c_str(), 01777), 0);
+    EXPECT_FALSE(load(path));
+    EXPECT_EQ(log.texts(1),
+              Lines{"Unable to load " + path + ": others may write " + lib + " (mode 1777)"});
+    EXPECT_FALSE(resolver.function.isResolved());
+    ASSERT_EQ(::chmod(lib.c_str(), 0755), 0);
+    EXPECT_TRUE(load(path)) << "after the repair";
+}
+
+TEST_F(PluginTest, ALibraryByItsBaseNameIsHeldToTheSame)
+{
+    const std::string path = tree.addLibrary("good", "libgood.so");
+    ASSERT_EQ(::chmod(path.c_str(), 0775), 0);
+    const LogCapture log;
+    bool found = false;
+    EXPECT_FALSE(getEngineSingleton<RuntimeLoader>(context)->loadInterface(
+        "libgood", resolver, found, nullptr, false, 1));
+    EXPECT_TRUE(found);
+    EXPECT_EQ(log.texts(1),
+              Lines{"Unable to load " + path + ": others may write " + path + " (mode 0775)"});
 }
 
 TEST_F(PluginTest, AFunctionThatDoesNotComeBackIsNamedAgainAndAgain)

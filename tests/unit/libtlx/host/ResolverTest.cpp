@@ -1,6 +1,7 @@
 // Name resolution within a time limit.
 
 #include <tlx/Resolver.h>
+#include <tlx/StopNotice.h>
 
 #include <condition_variable>
 #include <mutex>
@@ -98,6 +99,21 @@ TEST(ResolverTest, AResolverThatHangsCostsNoMoreThanTheLimit)
     EXPECT_GE(took, 100ms);
     EXPECT_LT(took, 10s); // slack for a busy machine
     EXPECT_TRUE(resolver.waitFor(1));
+}
+
+TEST(ResolverTest, AStopEndsTheWait)
+{
+    Hanging resolver;
+    std::thread stop([&resolver] {
+        EXPECT_TRUE(resolver.waitFor(1));
+        announceStop();
+    });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(resolveHost("name", 60s), Addresses{});
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 10s); // slack for a busy machine
+    stop.join();
+    EXPECT_EQ(resolveHost("192.0.2.7", 60s), Addresses{"192.0.2.7"}) << "this needs no wait";
+    withdrawStop();
 }
 
 TEST(ResolverTest, NoMoreThanSoManyHangAtATime)

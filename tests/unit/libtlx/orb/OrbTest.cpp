@@ -2,9 +2,11 @@
 
 #include <tlx/Orb.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <future>
 #include <thread>
 
 #include <arpa/inet.h>
@@ -19,6 +21,7 @@
 #include <tlx/HostConfig.h>
 #include <tlx/Resolver.h>
 #include <tlx/Servant.h>
+#include <tlx/StopNotice.h>
 
 #include "support/Capture.h"
 #include "support/PeerProcess.h"
@@ -30,6 +33,7 @@ namespace {
 using namespace std::chrono_literals;
 using QmTest::LogCapture;
 using QmTest::SilentPeer;
+using testing::AnyOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -112,6 +116,31 @@ class ForgetfulPeer : public SilentPeer
 
     std::atomic<int> m_answers{0};
     std::thread m_thread;
+};
+
+/// Does not accept a connection: its queue is full, so the system drops further requests.
+class FullPeer : public SilentPeer
+{
+  public:
+    FullPeer()
+    {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(port());
+        for (int& each : m_waiting) {
+            each = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+            (void)::connect(each, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        }
+    }
+    ~FullPeer()
+    {
+        for (const int each : m_waiting)
+            ::close(each);
+    }
+
+  private:
+    std::array<int, 20> m_waiting{}; ///< more than fit into the queue
 };
 
 struct OrbTest : testing::Test
@@ -345,6 +374,63 @@ TEST_F(OrbTest, AnAddressThatIsSilentLeavesTheOthersTheirShare)
     setResolver({});
     EXPECT_TRUE(found);
     EXPECT_GE(std::chrono::steady_clock::now() - start, 400ms) << "the silent one was tried";
+}
+
+/// What a call to a peer ends with when the process stops meanwhile.
+std::string callDuringStop(Orb& orb, const SilentPeer& peer)
+{
+    orb.setOrbRequestTimeout(300);
+    const std::string url = "corbaloc:iiop:1.2@" + peer.endpoint() + "/Thing";
+    const CORBA::Object_var object = orb.getOrb()->string_to_object(url.c_str());
+    std::atomic<bool> begun{false};
+    auto call = std::async(std::launch::async, [&]() -> std::string {
+        begun = true;
+        try {
+            return object->_non_existent() ? "not there" : "there";
+        } catch (const CORBA::SystemException& e) {
+            return e._name();
+        }
+    });
+    while (!begun)
+        std::this_thread::yield();
+    // The call may not wait yet. Then it ends in the same way.
+    while (call.wait_for(50ms) != std::future_status::ready)
+        orb.breakOffWaits();
+    return call.get();
+}
+
+TEST_F(OrbTest, AStopEndsACallThatWaitsForItsReply)
+{
+    Orb orb(true, "", "S", false);
+    const SilentPeer peer;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_THAT(callDuringStop(orb, peer), AnyOf("COMM_FAILURE", "TRANSIENT"));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 30s); // slack for a busy machine
+}
+
+TEST_F(OrbTest, AStopEndsACallThatWaitsForItsConnection)
+{
+    Orb orb(true, "", "S", false);
+    const FullPeer peer;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_THAT(callDuringStop(orb, peer), AnyOf("COMM_FAILURE", "TRANSIENT"));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 30s); // slack for a busy machine
+}
+
+TEST_F(OrbTest, AfterTheStopNoCallBeginsUntilTheNextStart)
+{
+    const SilentPeer peer;
+    {
+        Orb orb(true, "", "S", false);
+        orb.breakOffWaits();
+        EXPECT_TRUE(isStopAnnounced());
+        endpointOf("silent", peer.endpoint());
+        const auto found = lookUp(orb, "silent", 60s);
+        ASSERT_FALSE(found);
+        EXPECT_EQ(found.error().exception, "TRANSIENT");
+    }
+    const Orb next(true, "", "S", false);
+    EXPECT_FALSE(isStopAnnounced());
 }
 
 TEST_F(OrbTest, ThePublishedAddressLeadsBackHere)

@@ -85,6 +85,35 @@ TEST_F(StatusDocumentTest, AWrongDocumentIsReported)
     }
 }
 
+TEST_F(StatusDocumentTest, WhoMayReadItIsSaidToThoseWhoMayNot)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "only root can give its rights up for a while";
+    constexpr uid_t NOBODY = 65534;
+    constexpr gid_t MAIL = 8;        // Debian has this group everywhere
+    constexpr gid_t UNKNOWN = 54321; // and no group of this number
+    const std::string run = (root / "run").string();
+    QmTest::writeFile(root / "run" / "status.json", "{}");
+    ASSERT_EQ(::chmod(root.c_str(), 0755), 0);
+    ASSERT_EQ(::chmod(run.c_str(), 0750), 0);
+    const auto problemAsNobody = [&](gid_t group) {
+        EXPECT_EQ(::chown(run.c_str(), 0, group), 0);
+        EXPECT_EQ(::setegid(NOBODY), 0);
+        EXPECT_EQ(::seteuid(NOBODY), 0);
+        const StatusDocument status = read();
+        EXPECT_EQ(::seteuid(0), 0);
+        EXPECT_EQ(::setegid(0), 0);
+        EXPECT_TRUE(status.found);
+        return status.problem;
+    };
+    const std::string denied = "cannot be read: Permission denied; only root";
+    EXPECT_EQ(problemAsNobody(0), denied + " may read it");
+    EXPECT_EQ(problemAsNobody(MAIL), denied + " and the group mail may read it");
+    EXPECT_EQ(problemAsNobody(UNKNOWN), denied + " and the group 54321 may read it");
+    ASSERT_EQ(::chmod(run.c_str(), 0700), 0);
+    EXPECT_EQ(problemAsNobody(MAIL), denied + " may read it");
+}
+
 TEST_F(StatusDocumentTest, APipeInItsPlaceIsNotWaitedFor)
 {
     ASSERT_EQ(::mkfifo((root / "run" / "status.json").c_str(), 0600), 0);
