@@ -81,7 +81,7 @@ struct Script
     int records = 0;
     bool putAnswer = true;
     bool boolean = true;
-    int failAfter = -1; ///< the number of calls before a COMM_FAILURE, -1 for no failure
+    int failAfter = -1;   ///< the number of calls before a COMM_FAILURE, -1 for no failure
     bool refuses = false; ///< each call with NO_PERMISSION
     int pingsUntilGone = 0;
     std::vector<Discovered> discovered;
