@@ -396,6 +396,8 @@ void Daemon::publish(const char* state)
         m_status.counters.emplace_back("connectionsStalled", connections.stalled);
         if (m_hosted.explorers)
             m_status.explorers = m_hosted.explorers();
+        if (m_hosted.writers)
+            m_status.writers = m_hosted.writers();
         writeStatus(state);
     });
 }

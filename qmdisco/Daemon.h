@@ -29,6 +29,8 @@ struct Hosted
     std::function<Counters()> counters;
     /// Returns the service's explorers, in the same way. May be empty.
     std::function<Explorers()> explorers;
+    /// Returns the service's open writers, in the same way. May be empty.
+    std::function<Writers()> writers;
     std::chrono::milliseconds statusInterval{2000};
     /// The length of one second of STOP_LIMIT.
     std::chrono::milliseconds second{1000};

@@ -44,6 +44,15 @@ nlohmann::ordered_json toDocument(const std::vector<ExplorerLine>& lines)
     return document;
 }
 
+nlohmann::ordered_json toDocument(const Writers& writers)
+{
+    nlohmann::ordered_json most = nlohmann::ordered_json::array();
+    for (const WriterLine& line : writers.most)
+        most.push_back(
+            {{"peer", line.peer}, {"count", line.count}, {"oldest", timeOrNull(line.oldest)}});
+    return {{"open", writers.open}, {"peers", writers.peers}, {"most", most}};
+}
+
 } // namespace
 
 std::string toJson(const Status& status)
@@ -64,6 +73,7 @@ std::string toJson(const Status& status)
         {"assertions", status.assertions},
         {"requestsInProgress", status.requestsInProgress},
         {"counters", counters},
+        {"writers", toDocument(status.writers)},
         {"nextPush", timeOrNull(status.explorers.nextPush)},
         {"explorersRegistered", status.explorers.lines.size()},
         {"explorers", toDocument(status.explorers.lines)},

@@ -36,6 +36,24 @@ struct Explorers
 /// The most explorers in the document, which people read. It only counts the others.
 constexpr std::size_t MAX_EXPLORER_LINES = 1000;
 
+/// The open writers of one peer.
+struct WriterLine
+{
+    std::string peer; ///< empty for the service itself
+    std::size_t count = 0;
+    long long oldest = 0; ///< when the oldest of them was opened, seconds since the epoch
+};
+
+struct Writers
+{
+    std::size_t open = 0;         ///< of all peers
+    std::size_t peers = 0;        ///< peers that have writers
+    std::vector<WriterLine> most; ///< the peers with the most writers
+};
+
+/// The most peers in Writers::most.
+constexpr std::size_t MAX_WRITER_LINES = 20;
+
 struct Status
 {
     std::string version;
@@ -50,6 +68,7 @@ struct Status
     unsigned long assertions = 0;
     unsigned requestsInProgress = 0;
     Counters counters;
+    Writers writers;
     Explorers explorers;
 };
 

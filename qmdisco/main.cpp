@@ -6,6 +6,7 @@
 
 #include <DiscoveryRepository.h>
 #include <DiscoverySvc.h>
+#include <OpenWriters.h>
 #include <ServiceCounters.h>
 
 #include "Daemon.h"
@@ -34,6 +35,16 @@ Qmdisco::Explorers explorers()
     return result;
 }
 
+Qmdisco::Writers writers()
+{
+    const Tlx::DiscoverySvc::OpenWriters open =
+        Tlx::DiscoverySvc::openWriters(Qmdisco::MAX_WRITER_LINES);
+    Qmdisco::Writers result{open.open, open.peers, {}};
+    for (const auto& each : open.most)
+        result.most.push_back({each.peer, each.count, each.oldest.seconds()});
+    return result;
+}
+
 /// Gives large blocks back to the system when they are freed. The names of a large store are one
 /// block, and each walk makes a new one. By default the C library would keep such blocks, for each
 /// thread some. Pages of 1 MiB stay below the limit: they come and go with each call. The library
@@ -58,5 +69,6 @@ int main(int argc, char** argv)
     };
     hosted.counters = &counters;
     hosted.explorers = &explorers;
+    hosted.writers = &writers;
     return Qmdisco::runProgram(argc, argv, hosted);
 }

@@ -1,7 +1,9 @@
 #pragma once
 // Discoveries that are never stored. Pull explorers produce them when a client reads.
 
+#include <memory>
 #include <sstream>
+#include <string>
 
 #include <tlx/Lockable.h>
 
@@ -10,6 +12,8 @@
 #include "XMLHelper.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
+
+class PulledBytes;
 
 /// A payload in memory and the explorer that writes it. One thread at a time uses it.
 class DISCSRV_EXPORT MemCollectionData : public CollectionData
@@ -24,8 +28,12 @@ class DISCSRV_EXPORT MemCollectionData : public CollectionData
     /// @param arg the reader's filter parameters; not null.
     bool open(OpenMode mode, const char* arg) override;
     std::size_t readCollection(std::size_t length, void* buffer) const override;
-    /// Appends. Always returns true.
+    /// Appends. Returns false if the collections in memory would have more than MAX_PULLED_BYTES,
+    /// or if there is no memory. Then the whole pull fails, even if the explorer ignores it.
     bool writeCollection(std::size_t length, const void* buffer) const override;
+
+    /// How many bytes of the collection are in memory.
+    std::size_t heldBytes() const;
 
     /// The number of explorers that may be asked at once. It is far below the limit of requests in
     /// progress, so hanging explorers leave room for requests without explorers.
@@ -33,8 +41,12 @@ class DISCSRV_EXPORT MemCollectionData : public CollectionData
 
   private:
     bool pull(ExplorerPull& explorer, const char* text);
+    void drop() const;
+    bool spoil(const std::string& why) const;
 
     mutable astringstream m_stream;
+    mutable std::unique_ptr<PulledBytes> m_bytes; ///< of m_stream
+    mutable bool m_spoilt = false; ///< a write failed; writing is const in every backend
     const DiscoveryQuery m_query;
     const AutoDereference<ExplorerQuery> m_explorerQuery;
 };

@@ -9,6 +9,7 @@
 // operation gives up when the service shuts down.
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -19,8 +20,10 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
+class PulledBytes;
+
 /// A payload on another host. One thread at a time uses it. If it is destroyed with an open writer,
-/// the writer and its bytes stay on the master until the master stops. The wire contract cannot
+/// the writer and its bytes stay on the master until it gives them up. The wire contract cannot
 /// abandon a writer. ServiceCounters counts these writers.
 class DISCSRV_EXPORT RemoteCollectionData : public CollectionData
 {
@@ -118,8 +121,12 @@ class DISCSRV_EXPORT RemoteDiscoveryIterator : public virtual DiscoveryIterator
     /// Why the records are missing, for a log line; empty if they were fetched.
     const std::string& getFailure() const { return m_failure; }
 
+    /// How many bytes the fetched records take in memory, roughly. All such lists and all pulled
+    /// collections together have at most MAX_PULLED_BYTES.
+    std::size_t heldBytes() const;
+
   protected:
-    ~RemoteDiscoveryIterator() override = default;
+    ~RemoteDiscoveryIterator() override;
 
   private:
     bool fetchPage(Remote::DiscoveryIterator_ptr iterator);
@@ -127,6 +134,7 @@ class DISCSRV_EXPORT RemoteDiscoveryIterator : public virtual DiscoveryIterator
     std::vector<Remote::Discovery_var> m_discoveries;
     std::size_t m_next = 0;
     std::uint64_t m_bytes = 0; ///< the size of all texts
+    std::unique_ptr<PulledBytes> m_held;
     std::string m_failure;
 };
 

@@ -18,10 +18,31 @@ enum class ServiceCounter
     RECORDS_STORED,   ///< writers closed with success
     WRITERS_LEFT,     ///< writers that this host left on the master without a close
     REQUESTS_REFUSED, ///< requests whose peer may not do that (ALLOW.*, MAX_REMOTE_PRIORITY)
+
+    // What clients hold. PULLED_BYTES and a name with OPEN are values of now. HIGHEST is
+    // the highest value so far.
+    ITERATORS_OPEN,
+    ITERATORS_HIGHEST,
+    ITERATORS_GIVEN_UP, ///< idle iterators that made room for others
+    ITERATORS_REFUSED,  ///< because none was idle
+    WRITERS_OPEN,
+    WRITERS_HIGHEST,
+    WRITERS_GIVEN_UP, ///< left alone for WRITER_IDLE_LIMIT
+    WRITERS_REFUSED,  ///< beyond MAX_WRITERS_PER_PEER
+    PULLED_BYTES,     ///< of pulled collections in memory
+    PULLED_BYTES_HIGHEST,
+    PULLS_REFUSED, ///< collections that did not fit into memory
+    FOREIGN_USES,  ///< requests on an object of another peer
 };
 
 /// Adds to a counter. Any thread may call it; it never waits.
 DISCSRV_EXPORT void countService(ServiceCounter counter, unsigned long long amount = 1);
+
+/// Sets a counter that is the value of now. Any thread; never waits.
+DISCSRV_EXPORT void setService(ServiceCounter counter, unsigned long long value);
+
+/// Sets a counter unless it is higher already. Any thread; never waits.
+DISCSRV_EXPORT void raiseService(ServiceCounter counter, unsigned long long value);
 
 struct CounterValue
 {

@@ -27,6 +27,23 @@ inline constexpr DeclaredKey REMOTE_MAX_BYTES =
 inline constexpr DeclaredKey REMOTE_MAX_SECONDS =
     DeclaredKey::number("REMOTE_MAX_SECONDS", 1, 86400, 600);
 
+// Bounds on what clients hold here (see OpenObjects.h).
+/// Iterators of all clients.
+inline constexpr DeclaredKey MAX_ITERATORS =
+    DeclaredKey::number("MAX_ITERATORS", 1, 1000000, 10000);
+/// Iterators of one client.
+inline constexpr DeclaredKey MAX_ITERATORS_PER_PEER =
+    DeclaredKey::number("MAX_ITERATORS_PER_PEER", 1, 1000000, 2500);
+/// Writers of one client. The store has names for 1,000 in all.
+inline constexpr DeclaredKey MAX_WRITERS_PER_PEER =
+    DeclaredKey::number("MAX_WRITERS_PER_PEER", 1, 1000, 250);
+/// Seconds after which a writer that nobody uses is given up. 0: never.
+inline constexpr DeclaredKey WRITER_IDLE_LIMIT =
+    DeclaredKey::number("WRITER_IDLE_LIMIT", 0, 31536000, 86400);
+/// Bytes of all pulled collections, and of all lists from other hosts, in memory.
+inline constexpr DeclaredKey MAX_PULLED_BYTES =
+    DeclaredKey::number("MAX_PULLED_BYTES", 1024, std::uint64_t{1} << 40, 536870912);
+
 // Who may do what. docs/operations.md says what the entries of the lists mean.
 /// Queries and reads.
 inline constexpr DeclaredKey ALLOW_READ =
@@ -70,6 +87,11 @@ inline constexpr std::array SERVICE_KEYS{ConfigKey::REPORT_CLIENT_DISCOVERIES,
                                          ConfigKey::REMOTE_MAX_RECORDS,
                                          ConfigKey::REMOTE_MAX_BYTES,
                                          ConfigKey::REMOTE_MAX_SECONDS,
+                                         ConfigKey::MAX_ITERATORS,
+                                         ConfigKey::MAX_ITERATORS_PER_PEER,
+                                         ConfigKey::MAX_WRITERS_PER_PEER,
+                                         ConfigKey::WRITER_IDLE_LIMIT,
+                                         ConfigKey::MAX_PULLED_BYTES,
                                          ConfigKey::ALLOW_READ,
                                          ConfigKey::ALLOW_WRITE,
                                          ConfigKey::ALLOW_REGISTER,

@@ -55,7 +55,8 @@ class Service:
         self.process = None
         (self.root / "etc").mkdir(parents=True)
         (self.root / "etc" / "qm.conf").write_text(
-            "LISTEN = 127.0.0.1:0\nCLIENT_NAME = localhost\nSERVER = localhost\n",
+            "LISTEN = 127.0.0.1:0\nCLIENT_NAME = localhost\nSERVER = localhost\n"
+            "MAX_WRITERS_PER_PEER = 1000\n",  # killed workers leave writers, all from one address
             encoding="utf-8")
 
     def start(self):

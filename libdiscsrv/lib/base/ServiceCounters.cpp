@@ -9,9 +9,13 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
 
-constexpr std::array NAMES = {"queries",       "recordsReturned", "reads",
-                              "bytesRead",     "writes",          "bytesWritten",
-                              "recordsStored", "writersLeft",     "requestsRefused"};
+constexpr std::array NAMES = {"queries",          "recordsReturned",  "reads",
+                              "bytesRead",        "writes",           "bytesWritten",
+                              "recordsStored",    "writersLeft", "requestsRefused", "iteratorsOpen",
+                              "iteratorsHighest", "iteratorsGivenUp", "iteratorsRefused",
+                              "writersOpen",      "writersHighest",   "writersGivenUp",
+                              "writersRefused",   "pulledBytes",      "pulledBytesHighest",
+                              "pullsRefused",     "foreignUses"};
 
 std::array<std::atomic<unsigned long long>, NAMES.size()>& values()
 {
@@ -24,6 +28,19 @@ std::array<std::atomic<unsigned long long>, NAMES.size()>& values()
 void countService(ServiceCounter counter, unsigned long long amount)
 {
     values()[static_cast<std::size_t>(counter)].fetch_add(amount, std::memory_order_relaxed);
+}
+
+void setService(ServiceCounter counter, unsigned long long value)
+{
+    values()[static_cast<std::size_t>(counter)].store(value, std::memory_order_relaxed);
+}
+
+void raiseService(ServiceCounter counter, unsigned long long value)
+{
+    auto& highest = values()[static_cast<std::size_t>(counter)];
+    unsigned long long now = highest.load(std::memory_order_relaxed);
+    while (now < value && !highest.compare_exchange_weak(now, value, std::memory_order_relaxed)) {
+    }
 }
 
 std::vector<CounterValue> serviceCounters()

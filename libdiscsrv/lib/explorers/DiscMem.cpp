@@ -3,9 +3,14 @@
 #include <ace/Recursive_Thread_Mutex.h>
 #include <ace/Singleton.h>
 
+#include <tlx/HostConfig.h>
+
 #include "DiscLog.h"
 #include "ExplorerCall.h"
 #include "InFlight.h"
+#include "PulledBytes.h"
+#include "ServiceCounters.h"
+#include "ServiceKeys.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
@@ -79,7 +84,7 @@ DiscoveryResult MemDiscovery::open(OpenMode mode, const char* arg)
 
 MemCollectionData::MemCollectionData(const AutoDereference<ExplorerQuery>& explorerQuery,
                                      DiscoveryQuery query)
-    : m_query(query), m_explorerQuery(explorerQuery)
+    : m_bytes(std::make_unique<PulledBytes>()), m_query(query), m_explorerQuery(explorerQuery)
 {
 }
 
@@ -108,19 +113,20 @@ bool MemCollectionData::pull(ExplorerPull& explorer, const char* text)
                   << " is not asked: " << MAX_PULLS << " explorers are being asked already");
         return false;
     }
-    m_stream.str("");
-    m_stream.clear();
+    drop();
+    m_spoilt = false;
     bool delivered = false;
     const bool returned = callExplorer(wrapper, "collectionRequested", [&] {
         delivered =
             explorer.collectionRequested(m_query, *wrapper.getAuthority(), *wrapper.getSubject(),
                                          wrapper.getExplorerContext(), text, this);
     });
-    if (!returned) { // drop the incomplete collection
-        m_stream.str("");
+    if (!returned || m_spoilt) { // drop the incomplete collection
+        drop();
         delivered = false;
     }
     wrapper.setLastOutcome(!returned   ? "it failed; see the log"
+                           : m_spoilt  ? "too much for the memory; see the log"
                            : delivered ? "delivered"
                                        : "it delivered nothing");
     return delivered;
@@ -136,9 +142,38 @@ std::size_t MemCollectionData::readCollection(std::size_t length, void* buffer) 
 bool MemCollectionData::writeCollection(std::size_t length, const void* buffer) const
 {
     DISC_TRACE("MemCollectionData::writeCollection");
+    if (m_spoilt)
+        return false;
+    const std::size_t most = HostConfig::instance().number(ConfigKey::MAX_PULLED_BYTES);
+    if (!m_bytes->add(length, most))
+        return spoil("all collections in memory may have " + std::to_string(most) +
+                     " bytes (MAX_PULLED_BYTES)");
     m_stream.clear(); // a read may have reached the end
     m_stream.write(static_cast<const char*>(buffer), static_cast<std::streamsize>(length));
-    return true;
+    return m_stream.good() || spoil("there is no more memory");
+}
+
+std::size_t MemCollectionData::heldBytes() const
+{
+    return m_bytes->held();
+}
+
+/// Frees the collection's memory.
+void MemCollectionData::drop() const
+{
+    m_stream = astringstream();
+    m_bytes->release();
+}
+
+/// The collection cannot become whole. Returns false.
+bool MemCollectionData::spoil(const std::string& why) const
+{
+    countService(ServiceCounter::PULLS_REFUSED);
+    DISC_WARN(m_explorerQuery->getWrapper().describe()
+              << " delivers more than fits after " << heldBytes() << " bytes: " << why);
+    m_spoilt = true;
+    drop();
+    return false;
 }
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

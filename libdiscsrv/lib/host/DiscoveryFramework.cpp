@@ -9,9 +9,9 @@
 #include "DiscMem.h"
 #include "DiscoveryRepository.h"
 #include "DiscoveryService_i.h"
+#include "OpenObjects.h"
 #include "RefreshTask.h"
 #include "RemoteDB.h"
-#include "RemoteWriter_i.h"
 #include "ServiceName.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -90,6 +90,7 @@ void DiscoveryFramework::activateServant()
     const CORBA::Object_var object = m_orb->getOrb()->resolve_initial_references("RootPOA");
     m_rootPOA = PortableServer::POA::_narrow(object);
     makeNilReferences();
+    Remote::openObjects().start(m_rootPOA, *m_orb, Remote::OpenLimits::configured());
     m_servant = new Remote::DiscoveryService_i;
     m_servantReference = m_orb->activateServant(m_servant);
     m_orb->advertiseObject(DISCOVERY_SERVICE, m_servantReference);
@@ -128,7 +129,7 @@ bool DiscoveryFramework::shutdown()
         }
         m_rootPOA = PortableServer::POA::_nil();
     }
-    Remote::RemoteWriter_i::abandonAll();
+    Remote::openObjects().stop(); // abandons the writers that nobody closed
     getDiscoveryRepository()->shutdown();
     return true;
 }

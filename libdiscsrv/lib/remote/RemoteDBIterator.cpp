@@ -7,7 +7,9 @@
 #include "FetchTimeLimit.h"
 #include "OutOfReach.h"
 #include "PeerLink.h"
+#include "PulledBytes.h"
 #include "RemoteDB.h"
+#include "ServiceCounters.h"
 #include "ServiceKeys.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -22,12 +24,17 @@ std::uint64_t bytesOf(const Remote::Discovery& record)
            std::strlen(record.sourceHost) + std::strlen(record.sourceServiceName);
 }
 
+/// The memory of a record beside its texts: its members, and what the heap adds to each text.
+constexpr std::size_t RECORD_BYTES = 256;
+
 } // namespace
+
+RemoteDiscoveryIterator::~RemoteDiscoveryIterator() = default;
 
 RemoteDiscoveryIterator::RemoteDiscoveryIterator(AuthorityType type, const std::string& subject,
                                                  const std::string& authority,
                                                  Remote::DiscoveryIterator_ptr adopted)
-    : DiscoveryIterator(type, authority, subject)
+    : DiscoveryIterator(type, authority, subject), m_held(std::make_unique<PulledBytes>())
 {
     DISC_TRACE("RemoteDiscoveryIterator::RemoteDiscoveryIterator");
     const Remote::DiscoveryIterator_var iterator(adopted);
@@ -48,8 +55,10 @@ RemoteDiscoveryIterator::RemoteDiscoveryIterator(AuthorityType type, const std::
         m_failure = describeException(e);
         answers = !isOutOfReach(e);
     }
-    if (!m_failure.empty()) // no caller gets a part of a list
+    if (!m_failure.empty()) { // no caller gets a part of a list
         m_discoveries = {};
+        m_held->release();
+    }
     // The evictor of the other service removes an idle iterator.
     if (!answers || getPeerLink().isShuttingDown())
         return;
@@ -75,6 +84,16 @@ bool RemoteDiscoveryIterator::fetchPage(Remote::DiscoveryIterator_ptr iterator)
                     ConfigKey::REMOTE_MAX_RECORDS.name() + "), this one yields more";
         return false;
     }
+    std::size_t memory = 0;
+    for (CORBA::ULong i = 0; i < page->length(); ++i)
+        memory += RECORD_BYTES + bytesOf(page[i]);
+    const std::uint64_t memoryBound = HostConfig::instance().number(ConfigKey::MAX_PULLED_BYTES);
+    if (!m_held->add(memory, memoryBound)) {
+        countService(ServiceCounter::PULLS_REFUSED);
+        m_failure = "all lists and collections in memory may have " + std::to_string(memoryBound) +
+                    " bytes (" + ConfigKey::MAX_PULLED_BYTES.name() + ")";
+        return false;
+    }
     for (CORBA::ULong i = 0; i < page->length(); ++i) {
         const Remote::Discovery& record = page[i];
         if (*record.subject.in() == '\0' || *record.authority.in() == '\0') {
@@ -90,6 +109,11 @@ bool RemoteDiscoveryIterator::fetchPage(Remote::DiscoveryIterator_ptr iterator)
         m_discoveries.emplace_back(new Remote::Discovery(record));
     }
     return page->length() > 0;
+}
+
+std::size_t RemoteDiscoveryIterator::heldBytes() const
+{
+    return m_held->held();
 }
 
 Discovery* RemoteDiscoveryIterator::getNext()

@@ -3,7 +3,9 @@
 #include <algorithm>
 
 #include "DiscLog.h"
+#include "DiscMem.h"
 #include "DiscoveryRepository.h"
+#include "OpenObjects.h"
 #include "PageBounds.h"
 #include "ServiceCounters.h"
 
@@ -77,7 +79,16 @@ void CollectionDataIterator_i::release()
         if (Orb* orb = getDiscoveryRepository()->getOrb())
             removeFromEvictor(m_objectId, *orb);
         m_discovery.reset();
+        if (m_objectId.operator->())
+            openObjects().end(m_objectId.in());
     });
+}
+
+std::size_t CollectionDataIterator_i::heldBytes() const
+{
+    const auto* const pulled = dynamic_cast<const MemCollectionData*>(
+        m_discovery ? m_discovery->getCollectionData() : nullptr);
+    return pulled ? pulled->heldBytes() : 0;
 }
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote

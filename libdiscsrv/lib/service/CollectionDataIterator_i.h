@@ -24,6 +24,10 @@ class CollectionDataIterator_i
     void pageSize(CORBA::Long size) override;
     void release() override;
 
+    std::string describe() const override { return "an iterator over a collection"; }
+    /// The size of a pulled collection; 0 for a stored one.
+    std::size_t heldBytes() const override;
+
     /// Opens the payload. Call it before the activation. Returns false on failure and logs it.
     /// @param filter the source of the payload gives it a meaning.
     virtual bool open(const char* filter);

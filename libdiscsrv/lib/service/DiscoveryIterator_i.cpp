@@ -9,7 +9,9 @@
 #include "DiscLog.h"
 #include "DiscoveryRepository.h"
 #include "NameBounds.h"
+#include "OpenObjects.h"
 #include "PageBounds.h"
+#include "RemoteDB.h"
 #include "RemoteExplorerPull.h"
 #include "ServiceCounters.h"
 
@@ -63,6 +65,13 @@ DiscoveryIterator_i::DiscoveryIterator_i(Tlx::DiscoverySvc::DiscoveryIterator* i
 {
     m_discoveryIterator.refObject(iterator);
     m_hostName = TlxHostname::local().text();
+}
+
+std::size_t DiscoveryIterator_i::heldBytes() const
+{
+    const auto* const fetched =
+        dynamic_cast<const RemoteDiscoveryIterator*>(m_discoveryIterator.get());
+    return fetched ? fetched->heldBytes() : 0;
 }
 
 DiscoverySeq* DiscoveryIterator_i::getNextPage()
@@ -126,6 +135,8 @@ void DiscoveryIterator_i::release()
             removeFromEvictor(m_objectId, *orb);
         m_discoveryIterator.reset();
         m_next.reset();
+        if (m_objectId.operator->())
+            openObjects().end(m_objectId.in());
     });
 }
 

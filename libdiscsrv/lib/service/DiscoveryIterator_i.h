@@ -38,6 +38,10 @@ class DiscoveryIterator_i
     void pageSize(CORBA::Long size) override;
     void release() override;
 
+    std::string describe() const override { return "a discovery iterator"; }
+    /// The size of a list that this host fetched from the master; 0 for one of its own.
+    std::size_t heldBytes() const override;
+
   private:
     AutoDereference<Tlx::DiscoverySvc::DiscoveryIterator> m_discoveryIterator;
     CORBA::Long m_pageSize = 8;

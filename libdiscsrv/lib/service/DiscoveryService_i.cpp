@@ -14,6 +14,7 @@
 #include "DiscoveryRepository.h"
 #include "NameCheck.h"
 #include "OnlyRecord.h"
+#include "OpenObjects.h"
 #include "RefreshTask.h"
 #include "RemoteExplorerPull.h"
 #include "RemoteWriter_i.h"
@@ -25,11 +26,29 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "DiscoveryService_i";
 
-template <class Servant>
-auto activateIterator(Servant& servant)
+/// Registers, activates and watches an iterator. Returns its reference, which the caller releases.
+/// @throws CORBA::SystemException on failure. Then nothing stays behind.
+template <class Interface, class Servant>
+typename Interface::_ptr_type activateIterator(OpenKind kind, Servant& servant)
 {
-    DiscoveryRepository* repository = getDiscoveryRepository();
-    return activateEvictable(servant, repository->getPOA(), repository->getOrb());
+    Orb* const orb = getDiscoveryRepository()->getOrb();
+    if (!orb)
+        throw CORBA::OBJ_ADAPTER();
+    OpenObjects::Admission admission = openObjects().admit(kind, servant);
+    if (!admission.isAdmitted())
+        throw CORBA::NO_RESOURCES(0, CORBA::COMPLETED_NO);
+    const CORBA::Object_var object = admission.activate();
+    try {
+        add2Evictor(servant.m_objectId.in(), openObjects().poa(), *orb, ITERATOR_TIMEOUT_SECONDS);
+    } catch (const CORBA::UserException&) {
+        // The POA threw it while the service stops. The wire contract has no user exceptions.
+        throw CORBA::OBJ_ADAPTER();
+    }
+    typename Interface::_var_type reference = Interface::_narrow(object);
+    if (CORBA::is_nil(reference))
+        throw CORBA::INV_OBJREF();
+    admission.keep();
+    return reference._retn();
 }
 
 /// An iterator without records. The caller owns it.
@@ -92,7 +111,7 @@ DiscoveryIterator_ptr DiscoveryService_i::queryDiscoveries(DiscoveryQuery queryT
         try {
             PortableServer::Servant_var<DiscoveryIterator_i> servant(
                 new DiscoveryIterator_i(iterator.get()));
-            return activateIterator(*servant.in());
+            return activateIterator<DiscoveryIterator>(OpenKind::DiscoveryIterator, *servant.in());
         } catch (const CORBA::Exception& e) {
             DISC_WARN("Caught CORBA exception creating object reference to discovery iterator");
             DISC_WARN(describeException(e));
@@ -125,7 +144,8 @@ DiscoveryStatus DiscoveryService_i::getCollectionData(const Remote::Discovery& d
                 DISC_WARN("Error encountered trying to open collection iterator");
                 return DS_OPEN_FAILED;
             }
-            iterator = activateIterator(*servant.in());
+            iterator = activateIterator<CollectionDataIterator>(OpenKind::CollectionIterator,
+                                                                *servant.in());
             return DS_SUCCESS;
         } catch (const CORBA::Exception& e) {
             DISC_WARN(
@@ -144,30 +164,27 @@ DiscoveryResult DiscoveryService_i::putCollection(const Remote::Discovery& disco
         DISC_TRACE("DiscoveryService_i::putCollection");
         writer = RemoteWriter::_nil();
         countService(ServiceCounter::WRITES);
+        DiscoveryResult result{DS_OPEN_FAILED, 0};
         if (!isPutPermitted(discovery))
-            return {DS_OPEN_FAILED, 0};
-        PortableServer::Servant_var<RemoteWriter_i> servant(newRemoteWriter(discovery));
-        DiscoveryResult result = servant->open();
-        if (!isSuccess(result))
             return result;
-        Orb* orb = getDiscoveryRepository()->getOrb();
-        CORBA::Object_var reference;
+        PortableServer::Servant_var<RemoteWriter_i> servant(newRemoteWriter(discovery));
         try {
-            if (!orb)
-                throw CORBA::OBJ_ADAPTER();
-            reference = orb->activateServant(servant.in());
-            servant->setObjectReference(CORBA::Object::_duplicate(reference));
+            OpenObjects::Admission admission = openObjects().admit(OpenKind::Writer, *servant.in());
+            if (!admission.isAdmitted())
+                return result;
+            result = servant->open();
+            if (!isSuccess(result))
+                return result;
+            const CORBA::Object_var reference = admission.activate();
             RemoteWriter_var narrowed = RemoteWriter::_narrow(reference);
             if (CORBA::is_nil(narrowed))
                 throw CORBA::INV_OBJREF();
+            admission.keep();
             writer = narrowed._retn();
-            (void)servant._retn(); // RemoteWriter_i::close drops this reference
             return result;
         } catch (const CORBA::Exception& e) {
             DISC_WARN("Caught CORBA exception creating object reference to remote writer");
             DISC_WARN(describeException(e));
-            if (orb)
-                orb->destroyObjectRef(reference, PortableServer::POA::_nil());
             writer = RemoteWriter::_nil();
             result.discStatus = DS_COM_ERROR;
             return result;

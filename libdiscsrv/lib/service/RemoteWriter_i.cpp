@@ -1,12 +1,8 @@
 #include "RemoteWriter_i.h"
 
-#include <mutex>
-#include <set>
-
-#include <tlx/Orb.h>
-
 #include "DiscLog.h"
 #include "DiscoveryRepository.h"
+#include "OpenObjects.h"
 #include "ServiceCounters.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote {
@@ -14,19 +10,6 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote {
 namespace {
 
 constexpr const char* LOG_SOURCE = "DiscoveryService_i";
-
-/// The activated writers that no client has closed yet.
-struct OpenWriters
-{
-    std::mutex mutex;
-    std::set<RemoteWriter_i*> writers;
-};
-
-OpenWriters& openWriters()
-{
-    static OpenWriters instance;
-    return instance;
-}
 
 } // namespace
 
@@ -42,22 +25,9 @@ RemoteWriter_i::RemoteWriter_i(const Remote::Discovery& discovery)
 
 RemoteWriter_i::~RemoteWriter_i() = default;
 
-void RemoteWriter_i::setObjectReference(CORBA::Object_ptr reference)
+std::string RemoteWriter_i::describe() const
 {
-    m_objRef = reference;
-    const std::lock_guard guard(openWriters().mutex);
-    openWriters().writers.insert(this);
-}
-
-void RemoteWriter_i::abandonAll()
-{
-    std::set<RemoteWriter_i*> writers;
-    {
-        const std::lock_guard guard(openWriters().mutex);
-        writers.swap(openWriters().writers);
-    }
-    for (RemoteWriter_i* writer : writers)
-        writer->_remove_ref();
+    return "a writer of subject " + m_subject.utf8() + " & authority " + m_authority.utf8();
 }
 
 DiscoveryRepository* RemoteWriter_i::getDiscoveryRepository() const
@@ -84,6 +54,8 @@ CORBA::Boolean RemoteWriter_i::put(const CollectionDataSeq& data)
 {
     return servantOperation("RemoteWriter_i::put", [&]() -> CORBA::Boolean {
         DISC_TRACE("RemoteWriter_i::put");
+        if (m_closed)
+            throw CORBA::OBJECT_NOT_EXIST(0, CORBA::COMPLETED_NO);
         if (!TLX_ASSERT_AS(m_discovery, "NULL != m_discovery"))
             return false;
         const CollectionData* collection = m_discovery->getCollectionData();
@@ -99,24 +71,19 @@ DiscoveryResult RemoteWriter_i::close()
     return servantOperation("RemoteWriter_i::close", [this]() -> DiscoveryResult {
         DISC_TRACE("RemoteWriter_i::close");
         endRequests();
-        // Called directly, a second close finds no record.
-        if (!TLX_ASSERT_AS(m_discovery, "NULL != m_discovery") && m_closed)
-            return {DS_OPEN_FAILED, 0};
+        const bool registered = m_objectId.operator->();
+        // The second close of a writer, or the first one of a writer that was given up just now.
+        if (m_closed || (registered && !openObjects().beginEnd(m_objectId.in())))
+            throw CORBA::OBJECT_NOT_EXIST(0, CORBA::COMPLETED_NO);
         m_closed = true;
         DiscoveryResult result{DS_OPEN_FAILED, 0};
-        if (m_discovery)
+        if (TLX_ASSERT_AS(m_discovery, "NULL != m_discovery"))
             result = m_discovery->persist();
         m_discovery.reset(); // releases the record's lock
         if (isSuccess(result))
             countService(ServiceCounter::RECORDS_STORED);
-        if (Orb* orb = getDiscoveryRepository()->getOrb())
-            orb->destroyObjectRef(m_objRef.in(), PortableServer::POA::_nil());
-        m_objRef = CORBA::Object::_nil();
-        {
-            const std::lock_guard guard(openWriters().mutex);
-            openWriters().writers.erase(this);
-        }
-        _remove_ref();
+        if (registered)
+            openObjects().end(m_objectId.in());
         return result;
     });
 }

@@ -3,9 +3,8 @@
 
 #include <DiscoverySvc.hh>
 
-#include <tlx/Servant.h>
-
 #include "DiscData.h"
+#include "OpenServant.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 class DiscoveryRepository;
@@ -13,18 +12,20 @@ class DiscoveryRepository;
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote {
 
-/// DiscoveryService_i creates, opens and activates a writer. The client's close ends it and drops
-/// the reference of its creation. Requests from the wire come one at a time.
+/// DiscoveryService_i creates, registers, opens and activates a writer. OpenObjects owns it until
+/// the client's close, or until it is given up. Requests from the wire come one at a time.
 class RemoteWriter_i
-    : public SerialServant<POA_Veltrane::Quillmark::Tlx::DiscoverySvc::Remote::RemoteWriter>,
-      public virtual PortableServer::RefCountServantBase
+    : public OwnedServant<POA_Veltrane::Quillmark::Tlx::DiscoverySvc::Remote::RemoteWriter>
 {
   public:
     explicit RemoteWriter_i(const Remote::Discovery& discovery);
     ~RemoteWriter_i() override;
 
+    /// After close both fail with OBJECT_NOT_EXIST.
     CORBA::Boolean put(const CollectionDataSeq& data) override;
     DiscoveryResult close() override;
+
+    std::string describe() const override;
 
     /// Makes the local record and opens it for update. Call it before the activation. Subject and
     /// authority have text (NameCheck.h).
@@ -33,16 +34,7 @@ class RemoteWriter_i
     /// The repository that stores the record. A derived writer may return another one.
     virtual DiscoveryRepository* getDiscoveryRepository() const;
 
-    /// Gives the activated writer its own object reference. The writer becomes its owner and
-    /// destroys it in close.
-    void setObjectReference(CORBA::Object_ptr reference);
-
-    /// Drops the creation reference of every activated writer that was not closed, and so its
-    /// unfinished record. Call it during the stop, when requests can no longer reach a writer.
-    static void abandonAll();
-
   private:
-    CORBA::Object_var m_objRef;
     AutoDereference<Tlx::DiscoverySvc::Discovery> m_discovery;
     TlxString m_subject;
     TlxString m_authority;

@@ -37,10 +37,19 @@ class StatefulServant
     const std::shared_ptr<ServantActivity>& activity() const { return m_activity; }
 
   protected:
+    /// Decides about each request from the wire before its arguments are read. Returns false to
+    /// refuse it with NO_PERMISSION. A refused request is no activity. Many threads call it at a
+    /// time.
+    /// @param operation as on the wire; only during the call.
+    virtual bool mayServe(const char* /*operation*/) { return true; }
+
     std::shared_ptr<ServantActivity> m_activity = std::make_shared<ServantActivity>();
     std::mutex m_requestMutex;
     bool m_ended = false; ///< see SerialServant::endRequests
 };
+
+/// The name of the operation that a request calls, as on the wire. It lives as long as the handle.
+const char* operationOf(const omniCallHandle& handle);
 
 /// A servant that serves its requests from the wire one at a time and notes its activity. So two
 /// calls never run inside it at once, for instance a release and a read of one iterator.
@@ -52,6 +61,8 @@ class SerialServant : public virtual Skeleton, public StatefulServant
   public:
     CORBA::Boolean _dispatch(omniCallHandle& handle) override
     {
+        if (!mayServe(operationOf(handle)))
+            throw CORBA::NO_PERMISSION(0, CORBA::COMPLETED_NO);
         const std::shared_ptr<ServantActivity> activity = m_activity;
         struct Mark
         {
@@ -61,7 +72,7 @@ class SerialServant : public virtual Skeleton, public StatefulServant
         } mark(*activity);
         std::lock_guard<std::mutex> guard(m_requestMutex);
         if (m_ended)
-            throw CORBA::OBJECT_NOT_EXIST();
+            throw CORBA::OBJECT_NOT_EXIST(0, CORBA::COMPLETED_NO);
         return Skeleton::_dispatch(handle);
     }
 

@@ -4,12 +4,15 @@
 #include <condition_variable>
 #include <map>
 #include <mutex>
+#include <set>
+#include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include <tlx/Orb.h>
 #include <tlx/Servant.h>
 
-#include "EvictorTimes.h"
 #include "PlatformLog.h"
 
 namespace Veltrane::Quillmark::Tlx {
@@ -35,6 +38,9 @@ Duration toDuration(const TlxObjTime& time)
            std::chrono::microseconds(time.microseconds());
 }
 
+/// A busy object with a tiny time-out is looked at again after this time, not at once.
+constexpr Duration SHORTEST_WAIT = std::chrono::milliseconds(10);
+
 struct Watched
 {
     PortableServer::POA_var poa;
@@ -42,6 +48,7 @@ struct Watched
     Duration timeout{};
     TimePoint added;
     std::shared_ptr<ServantActivity> activity; ///< null for a servant that does not record activity
+    TimePoint look;                            ///< when evictIdle looks at it; it is not due before
 
     TimePoint due() const
     {
@@ -69,38 +76,104 @@ void deactivate(const Watched& object, bool quiet)
 
 struct Evictor::State
 {
+    using Objects = std::map<std::string, Watched>;
+
     Clock clock;
-    bool ownThread = false;
+    Listener listener;
     mutable std::mutex mutex;
     std::condition_variable changed;
-    std::map<std::string, Watched> objects;
+    Objects objects;
+    /// The same objects in the order of their next look.
+    std::set<std::pair<TimePoint, std::string>> looks;
+    /// The keys of the objects that were due and busy. Each look examines them, because their
+    /// requests may have ended. They are fewer than the requests in progress once were.
+    std::set<std::string> busy;
     bool ended = false;
     std::thread thread;
-    TimePoint looked{}; ///< the time of the last look
-    TimePoint wake{};   ///< when the thread looks next
+    TimePoint wake = TimePoint::max(); ///< when the thread looks next; max is never
+    Work work;
 
     TimePoint now() const { return clock ? clock() : std::chrono::steady_clock::now(); }
 
-    TimePoint nextLook() const
+    TimePoint nextLook() const { return looks.empty() ? TimePoint::max() : looks.begin()->first; }
+
+    /// Removes an object from all containers.
+    Watched take(Objects::iterator object)
     {
-        const TimePoint current = now();
-        TimePoint next = current + std::chrono::hours(1);
-        for (const auto& [key, object] : objects)
-            next = std::min(next, nextLookAt(object.due(), object.timeout, looked, current));
-        // Otherwise a busy object with a tiny time-out would keep the thread running.
-        return std::max(next, current + std::chrono::milliseconds(10));
+        looks.erase({object->second.look, object->first});
+        busy.erase(object->first);
+        Watched taken = std::move(object->second);
+        objects.erase(object);
+        return taken;
+    }
+
+    void lookLater(Objects::iterator object, TimePoint look)
+    {
+        looks.erase({object->second.look, object->first});
+        object->second.look = look;
+        looks.emplace(look, object->first);
+    }
+
+    /// Takes an object if it is idle, and sets the time of its next look otherwise.
+    void examine(const std::string& key, TimePoint moment, std::vector<Watched>& idle)
+    {
+        const auto object = objects.find(key);
+        if (object == objects.end())
+            return;
+        ++work.examined;
+        const Watched& watched = object->second;
+        if (watched.idleAt(moment)) {
+            idle.push_back(take(object));
+        } else if (const TimePoint due = watched.due(); due > moment) {
+            lookLater(object, due);
+        } else {
+            busy.insert(key);
+            lookLater(object, moment + std::max(watched.timeout, SHORTEST_WAIT));
+        }
+    }
+
+    /// Waits for the next look. Returns false at the end.
+    bool waitForLook()
+    {
+        std::unique_lock lock(mutex);
+        while (!ended) {
+            wake = nextLook();
+            if (wake <= now())
+                return true;
+            if (wake == TimePoint::max()) // such a time overflows inside a timed wait
+                changed.wait(lock);
+            else
+                changed.wait_until(lock, wake);
+        }
+        return false;
     }
 };
 
 Evictor::Evictor(Clock clock) : m_state(std::make_unique<State>())
 {
-    m_state->ownThread = !clock;
+    const bool ownThread = !clock;
     m_state->clock = std::move(clock);
+    if (!ownThread)
+        return;
+    try {
+        m_state->thread = std::thread([this] {
+            while (m_state->waitForLook())
+                evictIdle();
+        });
+    } catch (const std::system_error& e) {
+        throw OrbError("cannot start the thread that ends idle objects: " + e.code().message());
+    }
 }
 
 Evictor::~Evictor()
 {
     shutdown();
+}
+
+void Evictor::setListener(Listener listener)
+{
+    const std::lock_guard guard(m_state->mutex);
+    m_state->listener = std::move(listener);
 }
 
 void Evictor::addObject(const TlxObjTime& timeout, PortableServer::POA_ptr poa,
@@ -119,27 +192,23 @@ void Evictor::addObject(const TlxObjTime& timeout, PortableServer::POA_ptr poa,
     const PortableServer::ServantBase_var servant = poa->id_to_servant(id);
     if (const auto* stateful = dynamic_cast<const StatefulServant*>(servant.in()))
         object.activity = stateful->activity();
+    object.look = object.due();
 
+    std::string key = keyOf(id);
+    Watched before; // destroyed without the mutex
     const std::lock_guard guard(m_state->mutex);
     if (m_state->ended)
         throw CORBA::BAD_INV_ORDER();
-    const TimePoint due = object.due();
-    m_state->objects.insert_or_assign(keyOf(id), std::move(object));
-    if (m_state->ownThread && !m_state->thread.joinable())
-        m_state->thread = std::thread([this] {
-            std::unique_lock lock(m_state->mutex);
-            while (!m_state->ended) {
-                m_state->wake = m_state->nextLook();
-                // addObject wakes it only for an object that is due earlier.
-                if (m_state->changed.wait_until(lock, m_state->wake) == std::cv_status::no_timeout)
-                    continue;
-                lock.unlock();
-                evictIdle();
-                lock.lock();
-            }
-        });
-    if (due < m_state->wake)
+    if (const auto found = m_state->objects.find(key); found != m_state->objects.end())
+        before = m_state->take(found);
+    const TimePoint look = object.look;
+    m_state->objects.emplace(key, std::move(object));
+    m_state->looks.emplace(look, std::move(key));
+    if (look < m_state->wake) {
+        m_state->wake = look; // so the next object does not wake the thread once more
+        ++m_state->work.wakeUps;
         m_state->changed.notify_one();
+    }
 }
 
 void Evictor::removeObject(const PortableServer::ObjectId& id, bool deactivateIt, bool quiet)
@@ -150,8 +219,7 @@ void Evictor::removeObject(const PortableServer::ObjectId& id, bool deactivateIt
         const auto found = m_state->objects.find(keyOf(id));
         if (found == m_state->objects.end())
             return;
-        object = std::move(found->second);
-        m_state->objects.erase(found);
+        object = m_state->take(found);
     }
     if (deactivateIt)
         deactivate(object, quiet);
@@ -159,12 +227,14 @@ void Evictor::removeObject(const PortableServer::ObjectId& id, bool deactivateIt
 
 void Evictor::shutdown()
 {
-    std::map<std::string, Watched> objects;
+    State::Objects objects;
     std::thread thread;
     {
         const std::lock_guard guard(m_state->mutex);
         m_state->ended = true;
         objects.swap(m_state->objects);
+        m_state->looks.clear();
+        m_state->busy.clear();
         thread.swap(m_state->thread);
         m_state->changed.notify_all();
     }
@@ -177,22 +247,23 @@ void Evictor::shutdown()
 std::size_t Evictor::evictIdle()
 {
     std::vector<Watched> idle;
+    Listener listener;
     {
         const std::lock_guard guard(m_state->mutex);
-        const TimePoint now = m_state->looked = m_state->now();
-        for (auto it = m_state->objects.begin(); it != m_state->objects.end();) {
-            if (it->second.idleAt(now)) {
-                idle.push_back(std::move(it->second));
-                it = m_state->objects.erase(it);
-            } else {
-                ++it;
-            }
-        }
+        listener = m_state->listener;
+        const TimePoint now = m_state->now();
+        for (const std::string& key : std::exchange(m_state->busy, {}))
+            m_state->examine(key, now, idle);
+        while (m_state->nextLook() <= now)
+            m_state->examine(std::string(m_state->looks.begin()->second), now, idle);
+        m_state->wake = m_state->nextLook();
     }
     // The POA lets a request that arrives now finish before the servant goes.
     for (const Watched& object : idle) {
         deactivate(object, false);
         PLATFORM_LOG(4, "Evictor::evictIdle", "Evicted an object that was left idle");
+        if (listener)
+            listener(object.id);
     }
     return idle.size();
 }
@@ -201,6 +272,12 @@ std::size_t Evictor::watched() const
 {
     const std::lock_guard guard(m_state->mutex);
     return m_state->objects.size();
+}
+
+Evictor::Work Evictor::work() const
+{
+    const std::lock_guard guard(m_state->mutex);
+    return m_state->work;
 }
 
 } // namespace Veltrane::Quillmark::Tlx

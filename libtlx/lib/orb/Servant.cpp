@@ -5,6 +5,7 @@
 #include <exception>
 
 #include <fmt/format.h>
+#include <omniORB4/callHandle.h>
 
 #include <tlx/Orb.h>
 
@@ -86,6 +87,11 @@ bool ServantActivity::busy() const
 {
     const std::lock_guard guard(m_mutex);
     return m_inside != 0;
+}
+
+const char* operationOf(const omniCallHandle& handle)
+{
+    return handle.operation_name();
 }
 
 std::string describeException(const CORBA::SystemException& exception)

@@ -47,13 +47,20 @@ TEST_F(ProductKeysTest, EveryNumberHasItsBoundsAndItsDefault)
         std::uint64_t standard;
     };
     for (const Bounds& bounds :
-         {Bounds{ConfigKey::LOG_LEVEL, 0, 9, 1}, Bounds{ConfigKey::LOG_BURST, 0, 1000000, 20},
+         {Bounds{ConfigKey::LOG_LEVEL, 0, 9, 1},
+          Bounds{ConfigKey::LOG_BURST, 0, 1000000, 20},
           Bounds{ConfigKey::LOG_MAX_BYTES, 4096, 1ULL << 40, 10485760},
           Bounds{ConfigKey::LOG_ERRORS_MAX_BYTES, 4096, 1ULL << 40, 1048576},
-          Bounds{ConfigKey::LOG_KEEP, 0, 100, 5}, Bounds{ConfigKey::STOP_LIMIT, 1, 3600, 60},
+          Bounds{ConfigKey::LOG_KEEP, 0, 100, 5},
+          Bounds{ConfigKey::STOP_LIMIT, 1, 3600, 60},
           Bounds{ConfigKey::REMOTE_MAX_RECORDS, 1, 10000000, 1000000},
           Bounds{ConfigKey::REMOTE_MAX_BYTES, 1024, 1ULL << 30, 67108864},
           Bounds{ConfigKey::REMOTE_MAX_SECONDS, 1, 86400, 600},
+          Bounds{ConfigKey::MAX_ITERATORS, 1, 1000000, 10000},
+          Bounds{ConfigKey::MAX_ITERATORS_PER_PEER, 1, 1000000, 2500},
+          Bounds{ConfigKey::MAX_WRITERS_PER_PEER, 1, 1000, 250},
+          Bounds{ConfigKey::WRITER_IDLE_LIMIT, 0, 31536000, 86400},
+          Bounds{ConfigKey::MAX_PULLED_BYTES, 1024, 1ULL << 40, 536870912},
           Bounds{ConfigKey::LOCK_WAIT_SECONDS, 1, 3600, 20},
           Bounds{ConfigKey::CACHED_RECORDS, 0, 10000000, 500000},
           Bounds{ConfigKey::MAX_CONNECTIONS, 16, 1000000, 10000},

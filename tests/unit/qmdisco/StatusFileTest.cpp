@@ -41,6 +41,7 @@ Status sample()
     status.explorers.lines = {
         {"push", "Files", "cl5", "srv1", 3, 7, "/some/lib.so", 1709208300, "pushed"},
         {"pull", "Ours", "cl5/now", "srv1", 3, 1, "", 0, ""}};
+    status.writers = {3, 2, {{"192.0.2.9", 2, 1709208300}, {"", 1, 1709208301}}};
     status.explorers.nextPush = 1709208300 + 14400;
     return status;
 }
@@ -78,6 +79,22 @@ TEST_F(StatusFileTest, HasEveryMember)
   "counters": {
     "puts": 5,
     "queries": 18446744073709551615
+  },
+  "writers": {
+    "open": 3,
+    "peers": 2,
+    "most": [
+      {
+        "peer": "192.0.2.9",
+        "count": 2,
+        "oldest": "2024-02-29T13:05:00+01:00"
+      },
+      {
+        "peer": "",
+        "count": 1,
+        "oldest": "2024-02-29T13:05:01+01:00"
+      }
+    ]
   },
   "nextPush": "2024-02-29T17:05:00+01:00",
   "explorersRegistered": 2,

@@ -11,9 +11,14 @@
 #include <utility>
 #include <vector>
 
+#include <sys/resource.h>
+
 #include <gtest/gtest.h>
 
+#include <tlx/HostConfig.h>
+
 #include "ExplorerFixture.h"
+#include "PulledBytes.h"
 #include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -71,6 +76,105 @@ TEST_F(DiscMemTest, OpeningAgainStartsAfresh)
     pull->content = "newer";
     EXPECT_EQ(discovery->open(OM_READ, "").discStatus, DS_SUCCESS);
     EXPECT_EQ(read(*discovery), "newer");
+}
+
+TEST_F(DiscMemTest, CollectionsInMemoryHaveABound)
+{
+    HostConfig::instance().readText("MAX_PULLED_BYTES = 2000\n", "qm.conf");
+    pull->content.assign(1000, 'x');
+    const auto first = record(*pull);
+    const auto second = record(*pull);
+    EXPECT_EQ(first->open(OM_READ, "").discStatus, DS_SUCCESS);
+    EXPECT_EQ(second->open(OM_READ, "").discStatus, DS_SUCCESS) << "N bytes";
+    EXPECT_EQ(PulledBytes::sum(), 2000u);
+    pull->content = "y";
+    const auto third = record(*pull);
+    const LogCapture log;
+    EXPECT_EQ(third->open(OM_READ, "").discStatus, DS_OPEN_FAILED) << "N + 1 bytes";
+    EXPECT_EQ(read(*third), "");
+    ASSERT_EQ(log.texts(1).size(), 1u);
+    EXPECT_NE(log.texts(1)[0].find(" delivers more than fits after 0 bytes: all collections in "
+                                   "memory may have 2000 bytes (MAX_PULLED_BYTES)"),
+              std::string::npos)
+        << log.texts(1)[0];
+    EXPECT_EQ(read(*first).size(), 1000u);
+    EXPECT_EQ(first->open(OM_READ, "").discStatus, DS_SUCCESS) << "opened again, it is smaller";
+    EXPECT_EQ(third->open(OM_READ, "").discStatus, DS_SUCCESS);
+    EXPECT_EQ(PulledBytes::sum(), 1002u);
+}
+
+TEST_F(DiscMemTest, AFailedWriteFailsThePullEvenIfTheExplorerIgnoresIt)
+{
+    HostConfig::instance().readText("MAX_PULLED_BYTES = 2000\n", "qm.conf");
+    class Careless : public FakePull
+    {
+      public:
+        bool collectionRequested(DiscoveryQuery, const Authority&, const Subject&,
+                                 AutoDereference<TLXRefCounted>&, const char*,
+                                 CollectionData* data) override
+        {
+            const std::string part(1500, 'x');
+            first = data->writeCollection(part.size(), part.data());
+            second = data->writeCollection(part.size(), part.data());
+            third = data->writeCollection(1, part.data());
+            return true;
+        }
+        bool first = false;
+        bool second = true;
+        bool third = true;
+    };
+    const AutoDereference<Careless> careless(new Careless);
+    const auto discovery = record(*careless);
+    EXPECT_EQ(discovery->open(OM_READ, "").discStatus, DS_OPEN_FAILED);
+    EXPECT_TRUE(careless->first);
+    EXPECT_FALSE(careless->second);
+    EXPECT_FALSE(careless->third);
+    EXPECT_EQ(read(*discovery), "");
+    EXPECT_EQ(PulledBytes::sum(), 0u);
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // they need address space
+TEST_F(DiscMemTest, WithoutMemoryAPullFails)
+{
+    pull->content.assign(64u << 20, 'x');
+    HostConfig::instance().readText("MAX_PULLED_BYTES = 1073741824\n", "qm.conf");
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_AS, &before), 0);
+    pull->onPull = [&] {
+        const rlimit tight{4096, before.rlim_max};
+        EXPECT_EQ(::setrlimit(RLIMIT_AS, &tight), 0);
+    };
+    const auto discovery = record(*pull);
+    const DiscoveryResult result = discovery->open(OM_READ, "");
+    ASSERT_EQ(::setrlimit(RLIMIT_AS, &before), 0);
+    EXPECT_EQ(result.discStatus, DS_OPEN_FAILED);
+    EXPECT_EQ(read(*discovery), "");
+    EXPECT_EQ(PulledBytes::sum(), 0u);
+}
+#endif
+
+TEST_F(DiscMemTest, WhatMakesRoomIsAskedUntilThereIsEnough)
+{
+    PulledBytes one;
+    PulledBytes two;
+    EXPECT_TRUE(one.add(600, 1000));
+    EXPECT_TRUE(two.add(400, 1000));
+    std::vector<PulledBytes*> idle{&two, &one};
+    PulledBytes::setMakeRoom([&] {
+        if (idle.empty())
+            return false;
+        idle.back()->release();
+        idle.pop_back();
+        return true;
+    });
+    PulledBytes three;
+    EXPECT_FALSE(three.add(1001, 1000));
+    EXPECT_EQ(idle.size(), 2u) << "what does not fit alone costs nobody his";
+    EXPECT_TRUE(three.add(700, 1000));
+    EXPECT_TRUE(idle.empty());
+    EXPECT_FALSE(three.add(301, 1000));
+    EXPECT_TRUE(three.add(300, 1000));
+    PulledBytes::setMakeRoom({});
 }
 
 TEST_F(DiscMemTest, WhatWasNeverOpenedIsEmpty)

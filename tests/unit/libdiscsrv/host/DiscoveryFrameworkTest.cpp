@@ -12,6 +12,7 @@
 
 #include "DiscoveryIterator_i.h"
 #include "ExplorerFixture.h"
+#include "OpenObjects.h"
 #include "RemoteWriter_i.h"
 #include "ServiceFixture.h"
 #include "support/Capture.h"
@@ -180,9 +181,14 @@ TEST_F(DiscoveryFrameworkTest, TheShutdownEndsTheEvictorThePoaTheWritersAndThenT
     record.authority = "srv1";
     record.authType = AT_QMKSERVER;
     record.attributes = {CT_POINT_IN_TIME, CS_CENTRALREPOSITORY, 1, 0, 0};
-    auto* const writer = new Remote::RemoteWriter_i(record);
-    EXPECT_EQ(writer->open().discStatus, DS_SUCCESS);
-    writer->setObjectReference(orb->activateServant(writer));
+    {
+        const PortableServer::Servant_var<Remote::RemoteWriter_i> writer(
+            new Remote::RemoteWriter_i(record));
+        auto admission = Remote::openObjects().admit(Remote::OpenKind::Writer, *writer.in());
+        EXPECT_EQ(writer->open().discStatus, DS_SUCCESS);
+        const CORBA::Object_var activated = admission.activate();
+        admission.keep();
+    }
     const AutoDereference<QmTest::FakePush> explorer(new QmTest::FakePush);
     explorer->onStop = [&] { ends.push_back("explorer: " + state()); };
     const Subject subject("s");

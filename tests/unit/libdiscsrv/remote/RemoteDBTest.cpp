@@ -9,6 +9,7 @@
 
 #include <gmock/gmock.h>
 
+#include "PulledBytes.h"
 #include "RemoteFixture.h"
 #include "ServiceCounters.h"
 #include "support/Capture.h"
@@ -397,6 +398,29 @@ TEST_F(RemoteDBTest, TheNamesOfAListHaveABound)
     EXPECT_EQ(log.texts(1),
               Lines{"Failed to query remote discoveries: a query may yield 1024 bytes "
                     "(REMOTE_MAX_BYTES), this one yields more"});
+}
+
+TEST_F(RemoteDBTest, ListsInMemoryHaveABound)
+{
+    std::size_t bytes = 0;
+    {
+        const auto iterator = query("records-20");
+        ASSERT_TRUE(iterator);
+        bytes = PulledBytes::sum();
+        EXPECT_GT(bytes, 20u * 256u);
+        EXPECT_EQ(dynamic_cast<const RemoteDiscoveryIterator&>(*iterator).heldBytes(), bytes);
+    }
+    EXPECT_EQ(PulledBytes::sum(), 0u);
+    configure("CLIENT_NAME = here\nMAX_PULLED_BYTES = " + std::to_string(bytes) + "\n");
+    EXPECT_TRUE(query("records-20")) << "N bytes";
+    configure("CLIENT_NAME = here\nMAX_PULLED_BYTES = " + std::to_string(bytes - 1) + "\n");
+    const LogCapture log;
+    EXPECT_FALSE(query("records-20")) << "N + 1 bytes";
+    EXPECT_EQ(log.texts(1),
+              Lines{"Failed to query remote discoveries: all lists and collections in "
+                    "memory may have " +
+                    std::to_string(bytes - 1) + " bytes (MAX_PULLED_BYTES)"});
+    EXPECT_EQ(PulledBytes::sum(), 0u);
 }
 
 TEST_F(RemoteDBTest, TheBackendMakesNoIterators)

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "OpenObjects.h"
 #include "ServiceFixture.h"
 #include "support/Capture.h"
 #include "support/TemporaryDirectory.h"
@@ -40,12 +41,15 @@ CollectionDataSeq bytes(const std::string& text)
     return seq;
 }
 
-/// Activates a writer as the service does.
-RemoteWriter_ptr activate(Orb& orb, RemoteWriter_i* writer)
+/// Hands a writer out as the service does, and drops the reference of its creation.
+RemoteWriter_ptr activate(RemoteWriter_i* writer)
 {
-    CORBA::Object_var reference = orb.activateServant(writer);
+    const PortableServer::ServantBase_var creation = writer;
+    OpenObjects::Admission admission = openObjects().admit(OpenKind::Writer, *writer);
+    EXPECT_TRUE(admission.isAdmitted());
+    const CORBA::Object_var reference = admission.activate();
     RemoteWriter_var narrowed = RemoteWriter::_narrow(reference);
-    writer->setObjectReference(reference._retn());
+    admission.keep();
     return narrowed._retn();
 }
 
@@ -114,7 +118,7 @@ TEST_F(RemoteWriterTest, StoresWhatItReceives)
 {
     auto* writer = new RemoteWriter_i(incoming("cl5", "srv1"));
     EXPECT_EQ(writer->open().discStatus, DS_SUCCESS);
-    const RemoteWriter_var reference = activate(*service.orb, writer);
+    const RemoteWriter_var reference = activate(writer);
     EXPECT_TRUE(reference->put(bytes("one ")));
     EXPECT_TRUE(reference->put(bytes("two")));
     EXPECT_EQ(reference->close().discStatus, DS_SUCCESS);
@@ -126,7 +130,7 @@ TEST_F(RemoteWriterTest, TimesArriveAsSeconds)
     TlxObjTime::setClock([] { return TlxObjTime(100, 5); });
     auto* writer = new RemoteWriter_i(incoming("cl5", "srv1"));
     EXPECT_EQ(writer->open().discStatus, DS_SUCCESS);
-    const RemoteWriter_var reference = activate(*service.orb, writer);
+    const RemoteWriter_var reference = activate(writer);
     EXPECT_EQ(reference->close().discStatus, DS_SUCCESS);
     const AutoDereference<Tlx::DiscoverySvc::Discovery> stored(
         getDiscoveryDBDatabase()->getDiscovery("1 srv1 cl5.xml"));
@@ -144,7 +148,7 @@ TEST_F(RemoteWriterTest, AnEmptyPutIsAWriteOfNothing)
 {
     auto* writer = new RemoteWriter_i(incoming("cl5", "srv1"));
     EXPECT_EQ(writer->open().discStatus, DS_SUCCESS);
-    const RemoteWriter_var reference = activate(*service.orb, writer);
+    const RemoteWriter_var reference = activate(writer);
     EXPECT_TRUE(reference->put(CollectionDataSeq()));
     EXPECT_EQ(reference->close().discStatus, DS_SUCCESS);
     EXPECT_EQ(contentOf(service.store() / "1 srv1 cl5.dat"), "");
@@ -168,7 +172,7 @@ TEST_F(RemoteWriterTest, ACallBackToItsOwnWriterIsRefused)
     const AutoDereference<RecordingRepository> repository(new RecordingRepository);
     auto* writer = new RecordingWriter(incoming("cl5", "srv1"), *repository);
     EXPECT_EQ(writer->open().discStatus, DS_SUCCESS);
-    const RemoteWriter_var reference = activate(*service.orb, writer);
+    const RemoteWriter_var reference = activate(writer);
     // As when the master's writer is a reference to this one.
     repository->data->onWrite = [&] {
         if (repository->data->lengths.size() > 1)
@@ -181,35 +185,34 @@ TEST_F(RemoteWriterTest, ACallBackToItsOwnWriterIsRefused)
     EXPECT_EQ(reference->close().discStatus, DS_SUCCESS);
 }
 
-TEST_F(RemoteWriterTest, ASecondCloseFailsWithASystemException)
+TEST_F(RemoteWriterTest, AfterACloseThereIsNoWriter)
 {
     auto* writer = new RemoteWriter_i(incoming("cl5", "srv1"));
     EXPECT_EQ(writer->open().discStatus, DS_SUCCESS);
-    const RemoteWriter_var reference = activate(*service.orb, writer);
+    const RemoteWriter_var reference = activate(writer);
     EXPECT_EQ(reference->close().discStatus, DS_SUCCESS);
-    EXPECT_THROW(reference->close(), CORBA::SystemException);
-    EXPECT_THROW(reference->put(bytes("x")), CORBA::SystemException);
+    EXPECT_THROW(reference->close(), CORBA::OBJECT_NOT_EXIST);
+    EXPECT_THROW(reference->put(bytes("x")), CORBA::OBJECT_NOT_EXIST);
 }
 
 TEST_F(RemoteWriterTest, ASecondCloseThatSlipsInDropsNothingTwice)
 {
     auto* writer = new RemoteWriter_i(incoming("cl5", "srv1"));
     const PortableServer::ServantBase_var held = writer;
-    writer->_add_ref(); // the reference that close drops
     EXPECT_EQ(writer->open().discStatus, DS_SUCCESS);
     EXPECT_EQ(writer->close().discStatus, DS_SUCCESS);
     EXPECT_EQ(writer->_refcount_value(), 1);
-    AssertionCapture assertions;
-    EXPECT_EQ(writer->close().discStatus, DS_OPEN_FAILED);
+    const AssertionCapture assertions;
+    EXPECT_THROW(writer->close(), CORBA::OBJECT_NOT_EXIST);
+    EXPECT_THROW(writer->put(bytes("x")), CORBA::OBJECT_NOT_EXIST);
     EXPECT_EQ(writer->_refcount_value(), 1);
-    EXPECT_EQ(assertions.texts(), Lines{"NULL != m_discovery"});
+    EXPECT_EQ(assertions.texts(), Lines{});
 }
 
 TEST_F(RemoteWriterTest, PutAndCloseWithoutARecordAreReported)
 {
     auto* writer = new RemoteWriter_i(incoming("cl5", "srv1"));
     const PortableServer::ServantBase_var held = writer;
-    writer->_add_ref();
     AssertionCapture assertions;
     EXPECT_FALSE(writer->put(bytes("x")));
     EXPECT_EQ(writer->close().discStatus, DS_OPEN_FAILED);
@@ -220,7 +223,7 @@ TEST_F(RemoteWriterTest, AStopGivesUpWhatWasNeverClosed)
 {
     auto* writer = new RemoteWriter_i(incoming("cl5", "srv1"));
     EXPECT_EQ(writer->open().discStatus, DS_SUCCESS);
-    const RemoteWriter_var reference = activate(*service.orb, writer);
+    const RemoteWriter_var reference = activate(writer);
     EXPECT_TRUE(reference->put(bytes("half of it")));
     EXPECT_TRUE(std::filesystem::exists(service.store() / "0.updating"));
     service.stop();
@@ -232,16 +235,16 @@ TEST_F(RemoteWriterTest, CloseReturnsTheFailureOfThePersist)
 {
     auto* writer = new RemoteWriter_i(incoming("cl5", "srv1"));
     EXPECT_EQ(writer->open().discStatus, DS_SUCCESS);
-    const RemoteWriter_var reference = activate(*service.orb, writer);
+    const RemoteWriter_var reference = activate(writer);
     // Meanwhile another writer stores the same record with a higher priority.
     Remote::Discovery higher = incoming("cl5", "srv1");
     higher.attributes.priority = 8;
     auto* other = new RemoteWriter_i(higher);
     EXPECT_EQ(other->open().discStatus, DS_SUCCESS);
-    const RemoteWriter_var otherReference = activate(*service.orb, other);
+    const RemoteWriter_var otherReference = activate(other);
     EXPECT_EQ(otherReference->close().discStatus, DS_SUCCESS);
     EXPECT_EQ(reference->close().discStatus, DS_DATA_EXISTS);
-    EXPECT_THROW(reference->close(), CORBA::SystemException);
+    EXPECT_THROW(reference->close(), CORBA::OBJECT_NOT_EXIST);
 }
 
 } // namespace

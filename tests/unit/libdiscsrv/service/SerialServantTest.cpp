@@ -13,6 +13,9 @@
 #include <tlx/HostConfig.h>
 #include <tlx/Orb.h>
 
+#include "OpenServant.h"
+#include "ServiceCounters.h"
+#include "support/Capture.h"
 #include "support/Eventually.h"
 #include "support/PeerProcess.h"
 
@@ -136,6 +139,45 @@ struct SerialServantTest : testing::Test
     const PortableServer::Servant_var<HeldIterator> iterator{new HeldIterator};
     std::unique_ptr<Orb> orb;
 };
+
+TEST_F(SerialServantTest, AnObjectAnswersItsOwnersHost)
+{
+    iterator->setOwner({"127.0.0.1", ""});
+    iterator->goOn = true;
+    EXPECT_EQ(first.ask("page"), "0");
+    EXPECT_EQ(second.ask("release"), "released");
+}
+
+TEST_F(SerialServantTest, AnObjectRefusesForeignPeersBeforeTheyReachIt)
+{
+    iterator->setOwner({"192.0.2.1", ""});
+    const auto lastUse = iterator->activity()->lastUse();
+    const QmTest::LogCapture log;
+    EXPECT_EQ(first.ask("page"), "NO_PERMISSION");
+    EXPECT_EQ(second.ask("release"), "NO_PERMISSION");
+    EXPECT_EQ(iterator->most, 0);
+    EXPECT_EQ(iterator->activity()->lastUse(), lastUse) << "that keeps no object alive";
+    EXPECT_EQ(log.texts(1), (QmTest::Lines{"Refused getNextPage of peer 127.0.0.1: a discovery "
+                                           "iterator belongs to peer 192.0.2.1",
+                                           "Refused release of peer 127.0.0.1: a discovery "
+                                           "iterator belongs to peer 192.0.2.1"}));
+    unsigned long long refused = 0;
+    for (const CounterValue& counter : serviceCounters())
+        if (std::string(counter.name) == "foreignUses")
+            refused = counter.value;
+    EXPECT_EQ(refused, 2u);
+}
+
+TEST(OpenServantTest, APeerIsItsCertificateOtherwiseItsAddress)
+{
+    EXPECT_TRUE(isSamePeer({"192.0.2.1", ""}, {"192.0.2.1", ""}));
+    EXPECT_FALSE(isSamePeer({"192.0.2.1", ""}, {"192.0.2.2", ""}));
+    EXPECT_TRUE(isSamePeer({"192.0.2.1", "cl1"}, {"192.0.2.2", "cl1"}));
+    EXPECT_FALSE(isSamePeer({"192.0.2.1", "cl1"}, {"192.0.2.1", "cl2"}));
+    EXPECT_FALSE(isSamePeer({"192.0.2.1", "cl1"}, {"192.0.2.1", ""}));
+    EXPECT_FALSE(isSamePeer({"192.0.2.1", ""}, {"192.0.2.2", "192.0.2.1"}))
+        << "a certificate in the form of an address is another peer";
+}
 
 TEST_F(SerialServantTest, TwoConnectionsReadOneIteratorOneAtATime)
 {

@@ -2,13 +2,19 @@
 
 #include <tlx/Evictor.h>
 
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <sys/resource.h>
+
 #include <gtest/gtest.h>
 
 #include <tlx/HostConfig.h>
 #include <tlx/Orb.h>
 #include <tlx/Servant.h>
 
-#include "../../../../libtlx/lib/orb/EvictorTimes.h"
 #include "support/Capture.h"
 
 namespace Veltrane::Quillmark::Tlx {
@@ -73,15 +79,25 @@ struct EvictorTest : testing::Test
     std::unique_ptr<Evictor> evictor;
 };
 
-TEST(EvictorTimesTest, OnlyABusyObjectWaitsForItsTimeOutAgain)
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // they need address space
+TEST(EvictorAloneTest, WithoutAThreadItFailsAndTheProcessLives)
 {
-    const TimePoint lastLook = TimePoint() + 1000s;
-    const TimePoint now = lastLook + 1s;
-    EXPECT_EQ(nextLookAt(now + 7s, 300s, lastLook, now), now + 7s);
-    EXPECT_EQ(nextLookAt(lastLook, 300s, lastLook, now), now + 300s) << "busy";
-    EXPECT_EQ(nextLookAt(lastLook + 1ms, 300s, lastLook, now), lastLook + 1ms)
-        << "fell due after the look";
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_AS, &before), 0);
+    // Leaves no room for a thread's stack.
+    const rlimit tight{4096, before.rlim_max};
+    std::string failure;
+    ASSERT_EQ(::setrlimit(RLIMIT_AS, &tight), 0);
+    try {
+        Evictor();
+    } catch (const OrbError& e) {
+        failure = e.what();
+    }
+    ASSERT_EQ(::setrlimit(RLIMIT_AS, &before), 0);
+    EXPECT_EQ(failure, "cannot start the thread that ends idle objects: Resource temporarily "
+                       "unavailable");
 }
+#endif
 
 TEST_F(EvictorTest, AnIdleObjectIsDeactivatedWhenItsTimeIsOver)
 {
@@ -111,6 +127,91 @@ TEST_F(EvictorTest, ARequestInProgressIsNeverEvicted)
     activity->end();
     EXPECT_EQ(evictor->evictIdle(), 1u); // the test's clock is far ahead of the request's end
     EXPECT_EQ(ended, 1);
+}
+
+TEST_F(EvictorTest, ABusyObjectIsLookedAtAgainAfterItsTimeOut)
+{
+    auto* servant = new Stateful(ended);
+    const auto activity = servant->activity();
+    const auto busy = activate(servant);
+    watch(busy, 300);
+    const auto other = activate(new Plain(ended));
+    watch(other, 350);
+    activity->begin();
+    now += 301s;
+    EXPECT_EQ(evictor->evictIdle(), 0u);
+    EXPECT_EQ(evictor->work().examined, 1u);
+    now += 50s;
+    EXPECT_EQ(evictor->evictIdle(), 1u) << "the other one, which fell due meanwhile";
+    EXPECT_EQ(evictor->work().examined, 3u);
+    activity->end();
+    EXPECT_EQ(evictor->evictIdle(), 1u) << "the test's clock is far ahead of the request's end";
+}
+
+TEST_F(EvictorTest, AmongTenThousandObjectsAddingWakesNobodyAndALookSeesOnlyWhatIsDue)
+{
+    constexpr unsigned MANY = 10000;
+    for (unsigned i = 0; i < MANY; ++i) {
+        now += 1ms;
+        watch(activate(new Stateful(ended)), 300);
+    }
+    EXPECT_EQ(evictor->watched(), MANY);
+    EXPECT_EQ(evictor->work().wakeUps, 1u) << "only the first one";
+    EXPECT_EQ(evictor->work().examined, 0u);
+    EXPECT_EQ(evictor->evictIdle(), 0u);
+    EXPECT_EQ(evictor->work().examined, 0u);
+    watch(activate(new Stateful(ended)), 10);
+    EXPECT_EQ(evictor->work().wakeUps, 2u) << "it is due before all others";
+    watch(activate(new Stateful(ended)), 20);
+    EXPECT_EQ(evictor->work().wakeUps, 2u);
+    now += 11s;
+    EXPECT_EQ(evictor->evictIdle(), 1u);
+    EXPECT_EQ(evictor->work().examined, 1u);
+}
+
+TEST_F(EvictorTest, RequestsWakeNobody)
+{
+    auto* servant = new Stateful(ended);
+    const auto activity = servant->activity();
+    const auto id = activate(servant);
+    now += 10s; // the object was made ten seconds before
+    watch(id, 300);
+    for (int i = 0; i < 1000; ++i) {
+        activity->begin();
+        activity->end();
+    }
+    EXPECT_EQ(evictor->work().wakeUps, 1u) << "requests wake nobody";
+    now += 299s;
+    EXPECT_EQ(evictor->evictIdle(), 0u);
+    EXPECT_EQ(evictor->work().examined, 0u);
+    now += 1s;
+    EXPECT_EQ(evictor->evictIdle(), 1u);
+}
+
+TEST_F(EvictorTest, TheListenerHearsOfIdleObjectsOnly)
+{
+    std::vector<std::string> heard;
+    const auto text = [](const PortableServer::ObjectId& id) {
+        return std::string(reinterpret_cast<const char*>(id.get_buffer()), id.length());
+    };
+    evictor->setListener([&](const PortableServer::ObjectId& id) {
+        EXPECT_EQ(evictor->watched(), 2u) << "called without the evictor's lock";
+        heard.push_back(text(id));
+    });
+    const auto idle = activate(new Plain(ended));
+    const auto removed = activate(new Plain(ended));
+    const auto left = activate(new Plain(ended));
+    const auto last = activate(new Plain(ended));
+    watch(idle, 10);
+    watch(removed, 10);
+    watch(left, 100);
+    watch(last, 100);
+    evictor->removeObject(removed, true, true);
+    now += 11s;
+    EXPECT_EQ(evictor->evictIdle(), 1u);
+    EXPECT_EQ(heard, std::vector<std::string>{text(idle)});
+    evictor->shutdown();
+    EXPECT_EQ(heard.size(), 1u);
 }
 
 TEST_F(EvictorTest, TheEndOfARequestCountsAsUse)
