@@ -20,6 +20,8 @@ class DISCSRV_EXPORT DiscoverySvc : public OrbService
     int doRun() override;
     void doStop() override;
     void doExit() override;
+    /// Takes over the keys ALLOW.* and MAX_REMOTE_PRIORITY as they were read again.
+    void doReconfig() override;
     /// Returns false only if the configuration has REPORT_CLIENT_DISCOVERIES = FALSE. The service
     /// also starts without a readable configuration.
     bool doShouldStart() override;

@@ -17,6 +17,7 @@ enum class ServiceCounter
     BYTES_WRITTEN,    ///< payload bytes received
     RECORDS_STORED,   ///< writers closed with success
     WRITERS_LEFT,     ///< writers that this host left on the master without a close
+    REQUESTS_REFUSED, ///< requests whose peer may not do that (ALLOW.*, MAX_REMOTE_PRIORITY)
 
     // What clients hold. PULLED_BYTES and a name with OPEN are values of now. HIGHEST is
     // the highest value so far.

@@ -2,8 +2,11 @@
 // The keys of the host configuration that the service library reads.
 
 #include <array>
+#include <limits>
 
 #include <tlx/ConfigKey.h>
+
+#include "AccessEntry.h"
 
 namespace Veltrane::Quillmark::Tlx {
 
@@ -41,6 +44,33 @@ inline constexpr DeclaredKey WRITER_IDLE_LIMIT =
 inline constexpr DeclaredKey MAX_PULLED_BYTES =
     DeclaredKey::number("MAX_PULLED_BYTES", 1024, std::uint64_t{1} << 40, 536870912);
 
+// Who may do what. docs/operations.md says what the entries of the lists mean.
+/// Queries and reads.
+inline constexpr DeclaredKey ALLOW_READ =
+    DeclaredKey::list("ALLOW.read", &DiscoverySvc::isAccessEntryWithoutOwn,
+                      DiscoverySvc::NO_ACCESS_ENTRY_WITHOUT_OWN, "*")
+        .takenWhileRunning();
+/// Puts.
+inline constexpr DeclaredKey ALLOW_WRITE =
+    DeclaredKey::list("ALLOW.write", &DiscoverySvc::isAccessEntry, DiscoverySvc::NO_ACCESS_ENTRY,
+                      "*")
+        .takenWhileRunning();
+/// Registrations of explorers.
+inline constexpr DeclaredKey ALLOW_REGISTER =
+    DeclaredKey::list("ALLOW.register", &DiscoverySvc::isAccessEntry, DiscoverySvc::NO_ACCESS_ENTRY,
+                      "*")
+        .takenWhileRunning();
+/// The stop of the service, and refreshes.
+inline constexpr DeclaredKey ALLOW_CONTROL =
+    DeclaredKey::list("ALLOW.control", &DiscoverySvc::isAccessEntryWithoutOwn,
+                      DiscoverySvc::NO_ACCESS_ENTRY_WITHOUT_OWN, "local, master")
+        .takenWhileRunning();
+/// The highest priority that a peer outside ALLOW.control may put or register with.
+inline constexpr DeclaredKey MAX_REMOTE_PRIORITY =
+    DeclaredKey::number("MAX_REMOTE_PRIORITY", 0, std::numeric_limits<std::uint32_t>::max(),
+                        std::numeric_limits<std::uint32_t>::max())
+        .takenWhileRunning();
+
 // The store.
 /// Seconds that a request waits while another process locks a record.
 inline constexpr DeclaredKey LOCK_WAIT_SECONDS =
@@ -62,6 +92,11 @@ inline constexpr std::array SERVICE_KEYS{ConfigKey::REPORT_CLIENT_DISCOVERIES,
                                          ConfigKey::MAX_WRITERS_PER_PEER,
                                          ConfigKey::WRITER_IDLE_LIMIT,
                                          ConfigKey::MAX_PULLED_BYTES,
+                                         ConfigKey::ALLOW_READ,
+                                         ConfigKey::ALLOW_WRITE,
+                                         ConfigKey::ALLOW_REGISTER,
+                                         ConfigKey::ALLOW_CONTROL,
+                                         ConfigKey::MAX_REMOTE_PRIORITY,
                                          ConfigKey::LOCK_WAIT_SECONDS,
                                          ConfigKey::CACHED_RECORDS};
 

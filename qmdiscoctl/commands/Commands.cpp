@@ -1,5 +1,7 @@
 #include "Commands.h"
 
+#include <string_view>
+
 #include "Text.h"
 
 namespace Veltrane::Quillmark::Qmdiscoctl {
@@ -54,6 +56,9 @@ std::string theService(const Session& session)
 Failure brokeOff(const Session& session, const CORBA::SystemException& exception,
                  const std::string& more)
 {
+    if (std::string_view(exception._name()) == "NO_PERMISSION")
+        return {EC_FAILURE, theService(session) +
+                                " refused, its log has the reason: " + explain(exception) + more};
     return {EC_BROKE_OFF, theService(session) + " broke off: " + explain(exception) + more};
 }
 

@@ -77,7 +77,8 @@ std::string orAny(const std::string& pattern);
 /// "the discovery service on HOST".
 std::string theService(const Session& session);
 
-/// The service broke off. `more` follows the reason and begins with "; ".
+/// The service broke off, or refused the request because this host may not do that. `more` follows
+/// the reason and begins with "; ".
 Failure brokeOff(const Session& session, const CORBA::SystemException& exception,
                  const std::string& more = {});
 

@@ -73,6 +73,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         require(!value || (!value->empty() && value->find('\0') == std::string::npos));
     }
 
+    // No text makes a list more open than its good entries.
+    for (const DeclaredKey& key : {ConfigKey::ALLOW_WRITE, ConfigKey::ALLOW_REGISTER})
+        for (const std::string& entry : config.list(key))
+            require(DiscoverySvc::isAccessEntry(entry));
+    for (const DeclaredKey& key : {ConfigKey::ALLOW_READ, ConfigKey::ALLOW_CONTROL})
+        for (const std::string& entry : config.list(key))
+            require(DiscoverySvc::isAccessEntryWithoutOwn(entry));
+    requireWithin(ConfigKey::MAX_REMOTE_PRIORITY, 0, 4294967295);
+
     if (const auto endpoint = parseEndpoint(text))
         requireReadable(*endpoint);
     return 0;

@@ -9,13 +9,27 @@ namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
 
-constexpr std::array NAMES = {"queries",          "recordsReturned",  "reads",
-                              "bytesRead",        "writes",           "bytesWritten",
-                              "recordsStored",    "writersLeft",      "iteratorsOpen",
-                              "iteratorsHighest", "iteratorsGivenUp", "iteratorsRefused",
-                              "writersOpen",      "writersHighest",   "writersGivenUp",
-                              "writersRefused",   "pulledBytes",      "pulledBytesHighest",
-                              "pullsRefused",     "foreignUses"};
+constexpr std::array NAMES = {"queries",
+                              "recordsReturned",
+                              "reads",
+                              "bytesRead",
+                              "writes",
+                              "bytesWritten",
+                              "recordsStored",
+                              "writersLeft",
+                              "requestsRefused",
+                              "iteratorsOpen",
+                              "iteratorsHighest",
+                              "iteratorsGivenUp",
+                              "iteratorsRefused",
+                              "writersOpen",
+                              "writersHighest",
+                              "writersGivenUp",
+                              "writersRefused",
+                              "pulledBytes",
+                              "pulledBytesHighest",
+                              "pullsRefused",
+                              "foreignUses"};
 
 std::array<std::atomic<unsigned long long>, NAMES.size()>& values()
 {

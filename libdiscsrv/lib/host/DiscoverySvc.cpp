@@ -2,6 +2,7 @@
 
 #include <tlx/HostConfig.h>
 
+#include "AccessRules.h"
 #include "DiscLog.h"
 #include "ServiceKeys.h"
 #include "ServiceName.h"
@@ -52,6 +53,7 @@ int DiscoverySvc::doRun()
     DISC_TRACE("DiscoverySvc::doRun");
     setAceReactor(getOrb()->getReactor());
     getOrb()->setOrbRequestTimeout(REQUEST_TIMEOUT_SECONDS);
+    AccessRules::instance().start(); // before the first request
     m_framework.reset(new DiscoveryFramework("", DST_GENERIC, getOrb(), true));
     if (m_framework->init())
         return 0;
@@ -64,6 +66,7 @@ void DiscoverySvc::doStop()
     DISC_TRACE("DiscoverySvc::doStop");
     if (m_framework)
         m_framework->shutdown();
+    AccessRules::instance().stop();
 }
 
 void DiscoverySvc::doExit()
@@ -71,6 +74,12 @@ void DiscoverySvc::doExit()
     DISC_TRACE("DiscoverySvc::doExit");
     if (m_framework)
         m_framework->fini();
+}
+
+void DiscoverySvc::doReconfig()
+{
+    DISC_TRACE("DiscoverySvc::doReconfig");
+    AccessRules::instance().reload();
 }
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

@@ -3,6 +3,7 @@
 #include <sstream>
 
 #include "DiscLog.h"
+#include "NameBounds.h"
 #include "RemoteExplorerPull.h"
 #include "XMLHelper.h"
 
@@ -78,6 +79,21 @@ bool readCached(Discovery& discovery, CachedExplorer& cached)
     return true;
 }
 
+/// Whether a registration has names that a host may register with now. An older version had no
+/// bound. Logs one line otherwise.
+bool areNamesBounded(const CachedExplorer& cached)
+{
+    if (cached.subject.size() <= MAX_DISPLAY_NAME_BYTES &&
+        cached.authority.size() <= MAX_DISPLAY_NAME_BYTES &&
+        cached.sourceHost.size() <= MAX_NAME_BYTES && cached.serviceName.size() <= MAX_NAME_BYTES)
+        return true;
+    DISC_WARN("A stored explorer with a name that is too long is left out, its subject begins with "
+              "\""
+              << beginningOfName(cached.subject.utf8()) << "\", its host with \""
+              << beginningOfName(cached.sourceHost.utf8()) << "\"");
+    return false;
+}
+
 } // namespace
 
 void storeExplorer(const ExplorerWrapper& wrapper, const NewDiscovery& newDiscovery)
@@ -109,7 +125,7 @@ void loadStoredExplorers(DiscoveryIterator& stored, const RegisterStored& regist
         {
             // Release the record first: no registration happens while a record is locked.
             const AutoDereference<Discovery> discovery(next);
-            if (!readCached(*discovery, cached))
+            if (!readCached(*discovery, cached) || !areNamesBounded(cached))
                 continue;
         }
         const AutoDereference<RemoteExplorerPull> explorer(

@@ -6,6 +6,7 @@
 #include "DiscMem.h"
 #include "DiscoveryRepository.h"
 #include "OpenObjects.h"
+#include "PageBounds.h"
 #include "ServiceCounters.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote {
@@ -16,7 +17,7 @@ constexpr const char* LOG_SOURCE = "DiscoveryService_i";
 
 CollectionDataIterator_i::CollectionDataIterator_i(
     const AutoDereference<Tlx::DiscoverySvc::Discovery>& discovery)
-    : m_discovery(discovery)
+    : m_discovery(discovery), m_largestPage(largestPage())
 {
     (void)TLX_ASSERT(m_pageSize > 0);
 }
@@ -39,8 +40,8 @@ CollectionDataSeq* CollectionDataIterator_i::getNextPage()
         const CollectionData* data = m_discovery ? m_discovery->getCollectionData() : nullptr;
         if (!TLX_ASSERT_AS(data, "NULL != m_discovery"))
             return new CollectionDataSeq;
-        const auto size =
-            static_cast<CORBA::ULong>(std::clamp<std::int64_t>(m_pageSize, 0, MAX_PAGE_BYTES));
+        const auto size = static_cast<CORBA::ULong>(
+            std::clamp<std::int64_t>(m_pageSize, 0, static_cast<std::int64_t>(m_largestPage)));
         if (size == 0)
             return new CollectionDataSeq;
         CORBA::Octet* buffer = CollectionDataSeq::allocbuf(size);

@@ -18,7 +18,7 @@ class CollectionDataIterator_i
         const AutoDereference<Tlx::DiscoverySvc::Discovery>& discovery);
 
     /// Returns a page of pageSize bytes. A page is shorter at the end, and has at most
-    /// MAX_PAGE_BYTES. An empty page is the end, or a failed read.
+    /// largestPage() bytes. An empty page is the end, or a failed read.
     CollectionDataSeq* getNextPage() override;
     CORBA::Long pageSize() override;
     void pageSize(CORBA::Long size) override;
@@ -36,6 +36,7 @@ class CollectionDataIterator_i
     // Compat(page-eight-bytes): peers that set no page size expect pages of 8 bytes.
     CORBA::Long m_pageSize = 8;
     AutoDereference<Tlx::DiscoverySvc::Discovery> m_discovery;
+    const std::size_t m_largestPage; ///< bytes
 };
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc::Remote

@@ -1,13 +1,18 @@
 #include "DiscoveryService_i.h"
 
+#include <vector>
+
 #include <tlx/Orb.h>
 #include <tlx/OrbService.h>
 #include <tlx/Servant.h>
 
+#include "AccessRules.h"
 #include "CollectionDataIterator_i.h"
+#include "CombiningIterator.h"
 #include "DiscLog.h"
 #include "DiscoveryIterator_i.h"
 #include "DiscoveryRepository.h"
+#include "NameCheck.h"
 #include "OnlyRecord.h"
 #include "OpenObjects.h"
 #include "RefreshTask.h"
@@ -46,6 +51,42 @@ typename Interface::_ptr_type activateIterator(OpenKind kind, Servant& servant)
     return reference._retn();
 }
 
+/// An iterator without records. The caller owns it.
+Tlx::DiscoverySvc::DiscoveryIterator* nothing(AuthorityType type)
+{
+    std::vector<AutoDereference<Tlx::DiscoverySvc::DiscoveryIterator>> none;
+    return new CombiningIterator(type, "", "", none);
+}
+
+WireNames namesOf(const Remote::Discovery& discovery)
+{
+    return {discovery.subject.in(), discovery.authority.in(), discovery.sourceHost.in(),
+            discovery.sourceServiceName.in()};
+}
+
+/// Whether a record may have these names.
+/// @throws CORBA::NO_PERMISSION if the peer may not put it.
+bool isPutPermitted(const Remote::Discovery& discovery)
+{
+    const WireNames names = namesOf(discovery);
+    if (!areNamesBounded(names))
+        return false;
+    {
+        const LogScope scope("RemoteWriter_i::open"); // the name that log readers know
+        if (!areNamesComplete({names.subject, names.authority}, "A record"))
+            return false;
+    }
+    AccessRules& rules = AccessRules::instance();
+    rules.requireOwner(AccessRole::WRITE, "putCollection", {names.authority});
+    // Such a record is a stored registration: the next start of a master pulls from the host in its
+    // payload, which nobody compares with the peer.
+    if (discovery.authType == AT_REMOTEPULL)
+        rules.requireRole(AccessRole::REGISTER, "putCollection of a registration");
+    rules.requirePriority("putCollection",
+                          static_cast<std::uint32_t>(discovery.attributes.priority));
+    return true;
+}
+
 } // namespace
 
 DiscoveryIterator_ptr DiscoveryService_i::queryDiscoveries(DiscoveryQuery queryType,
@@ -56,11 +97,11 @@ DiscoveryIterator_ptr DiscoveryService_i::queryDiscoveries(DiscoveryQuery queryT
     return servantOperation("DiscoveryService_i::queryDiscoveries", [&] {
         DISC_TRACE("DiscoveryService_i::queryDiscoveries");
         countService(ServiceCounter::QUERIES);
-        const TlxString subjectName(subject);
-        const TlxString authorityName(authority);
         const AutoDereference<Tlx::DiscoverySvc::DiscoveryIterator> iterator(
-            getDiscoveryRepository()->queryDiscoveries(queryType, subjectName.utf8(),
-                                                       authorityName.utf8(), authType));
+            areNamesBounded({subject, authority})
+                ? getDiscoveryRepository()->queryDiscoveries(queryType, TlxString(subject).utf8(),
+                                                             TlxString(authority).utf8(), authType)
+                : nothing(authType));
         if (!iterator) {
             DISC_WARN("Failed to create discovery iterator");
             // Compat(query-failed): peers expect a reference even if the query failed. Log
@@ -87,6 +128,8 @@ DiscoveryStatus DiscoveryService_i::getCollectionData(const Remote::Discovery& d
         DISC_TRACE("DiscoveryService_i::getCollectionData");
         iterator = CollectionDataIterator::_nil();
         countService(ServiceCounter::READS);
+        if (!areNamesBounded(namesOf(discovery)))
+            return DS_NONE_FOUND;
         if (DiscoveryRepository::stringContainsWildcard(TlxString(discovery.subject.in()).utf8()) ||
             DiscoveryRepository::stringContainsWildcard(TlxString(discovery.authority.in()).utf8()))
             return DS_LOGIC_ERROR;
@@ -122,6 +165,8 @@ DiscoveryResult DiscoveryService_i::putCollection(const Remote::Discovery& disco
         writer = RemoteWriter::_nil();
         countService(ServiceCounter::WRITES);
         DiscoveryResult result{DS_OPEN_FAILED, 0};
+        if (!isPutPermitted(discovery))
+            return result;
         PortableServer::Servant_var<RemoteWriter_i> servant(newRemoteWriter(discovery));
         try {
             OpenObjects::Admission admission = openObjects().admit(OpenKind::Writer, *servant.in());
@@ -153,26 +198,27 @@ void DiscoveryService_i::registerExplorer(const char* sourceServiceName, const c
 {
     servantOperation("DiscoveryService_i::registerExplorer", [&] {
         DISC_TRACE("DiscoveryService_i::registerExplorer");
+        const WireNames names{subject, authority, sourceHost, sourceServiceName};
+        if (!areNamesBounded(names) || !areNamesComplete(names, "An explorer"))
+            return;
+        // Compat(register-negative): peers may register with a negative priority. It becomes a very
+        // large one.
+        const auto unsignedPriority = static_cast<unsigned int>(static_cast<int>(priority));
+        AccessRules& rules = AccessRules::instance();
+        rules.requireOwner(AccessRole::REGISTER, "registerExplorer", {sourceHost, authority});
+        rules.requirePriority("registerExplorer", unsignedPriority);
         const TlxString serviceName(sourceServiceName);
         const TlxString host(sourceHost);
         const TlxString subjectName(subject);
         const TlxString authorityName(authority);
-        if (subjectName.empty() || authorityName.empty()) {
-            DISC_WARN("An explorer needs a subject and an authority, got subject \""
-                      << subjectName << "\" and authority \"" << authorityName << "\" from host \""
-                      << host << "\"");
-            return;
-        }
         DISC_LOG(4,
                  "Registered explorer: " << subjectName << " " << authorityName << " " << priority);
         const AutoDereference<RemoteExplorerPull> explorer(
             new RemoteExplorerPull(serviceName, host, subjectName, authorityName, authType));
         const Subject of(subjectName.utf8());
         const Authority by(authorityName.utf8(), authType);
-        // Compat(register-negative): peers may register with a negative priority. It becomes a very
-        // large one.
-        getDiscoveryRepository()->registerExplorer(
-            &of, explorer.get(), static_cast<unsigned int>(static_cast<int>(priority)), &by, false);
+        getDiscoveryRepository()->registerExplorer(&of, explorer.get(), unsignedPriority, &by,
+                                                   false);
     });
 }
 

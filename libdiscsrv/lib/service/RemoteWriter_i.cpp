@@ -38,11 +38,6 @@ DiscoveryRepository* RemoteWriter_i::getDiscoveryRepository() const
 DiscoveryResult RemoteWriter_i::open()
 {
     DISC_TRACE("RemoteWriter_i::open");
-    if (m_subject.empty() || m_authority.empty()) {
-        DISC_WARN("A record needs a subject and an authority, got subject \""
-                  << m_subject << "\" and authority \"" << m_authority << "\"");
-        return {DS_OPEN_FAILED, 0};
-    }
     const Subject subject(m_subject.utf8());
     const Authority authority(m_authority.utf8(), m_authType);
     const CollectionAttributes attributes(

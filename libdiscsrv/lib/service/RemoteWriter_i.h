@@ -27,7 +27,8 @@ class RemoteWriter_i
 
     std::string describe() const override;
 
-    /// Makes the local record and opens it for update. Call it before the activation.
+    /// Makes the local record and opens it for update. Call it before the activation. Subject and
+    /// authority have text (NameCheck.h).
     virtual DiscoveryResult open();
 
     /// The repository that stores the record. A derived writer may return another one.

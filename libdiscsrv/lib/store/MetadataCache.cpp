@@ -82,7 +82,7 @@ class Entry
 
 /// The longest authority and subject together. A file name has at most 255 bytes, so the store
 /// writes no longer ones.
-constexpr std::size_t MAX_NAME_BYTES = 1024;
+constexpr std::size_t MAX_REMEMBERED_NAME_BYTES = 1024;
 
 /// The longest signature that is kept; records with a longer one are read from the file.
 constexpr std::size_t MAX_SIGNATURE_BYTES = 256;
@@ -105,7 +105,7 @@ std::optional<RememberedMetadata> RememberedMetadata::of(const Discovery& record
     metadata.authorityType = authority->getType();
     metadata.authority = authority->getName().utf8();
     metadata.subject = subject->getSubject().utf8();
-    if (metadata.authority.size() + metadata.subject.size() > MAX_NAME_BYTES)
+    if (metadata.authority.size() + metadata.subject.size() > MAX_REMEMBERED_NAME_BYTES)
         return std::nullopt;
     metadata.hasAttributes = attributes != nullptr;
     if (!attributes)

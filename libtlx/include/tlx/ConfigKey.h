@@ -14,6 +14,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace Veltrane::Quillmark::Tlx {
 
@@ -61,6 +62,19 @@ class DeclaredKey
         return key;
     }
 
+    /// The value is a list, with commas or blanks between its entries. An entry that `accepts`
+    /// returns false for is a mistake. It is left out, and the others hold. An empty list is no
+    /// mistake. Such a key says who may do what. So no mistake gives it its default, which may
+    /// admit more than the line was meant to: a line that cannot be read is an empty list.
+    static constexpr DeclaredKey list(const char* name, Accepts accepts, const char* complaint,
+                                      const char* standard)
+    {
+        DeclaredKey key{name, Kind::List, complaint};
+        key.m_accepts = accepts;
+        key.m_standardList = standard;
+        return key;
+    }
+
     /// The same key, but a running process obeys its new value.
     constexpr DeclaredKey takenWhileRunning() const
     {
@@ -73,6 +87,9 @@ class DeclaredKey
     constexpr bool isTakenWhileRunning() const { return m_takenWhileRunning; }
     /// The default of a number; 0 for other kinds.
     constexpr std::uint64_t standard() const { return m_standard; }
+    /// The default of a list; empty for other kinds.
+    constexpr const char* standardList() const { return m_standardList; }
+    constexpr bool isList() const { return m_kind == Kind::List; }
 
     /// Whether a key in the file is this key, or a key of this family.
     bool covers(std::string_view written) const;
@@ -81,6 +98,8 @@ class DeclaredKey
     std::string keptName(const std::string& written) const;
     /// Returns the mistake in a value, empty for a good value.
     std::string complaintAbout(const std::string& written, const std::string& value) const;
+    /// The entries of a list that have no mistake.
+    std::vector<std::string> goodEntries(const std::string& value) const;
 
   private:
     enum class Kind
@@ -90,7 +109,8 @@ class DeclaredKey
         EndpointOfHost,
         Boolean,
         Number,
-        Text
+        Text,
+        List
     };
     constexpr DeclaredKey(const char* name, Kind kind, const char* example)
         : m_name(name), m_kind(kind), m_example(example)
@@ -100,8 +120,9 @@ class DeclaredKey
 
     const char* m_name;
     Kind m_kind;
-    const char* m_example; ///< of Kind::Text: the complaint
+    const char* m_example; ///< of Kind::Text and Kind::List: the complaint
     const char* m_hostExample = "";
+    const char* m_standardList = "";
     std::uint64_t m_lowest = 0;
     std::uint64_t m_highest = 0;
     std::uint64_t m_standard = 0;

@@ -4,7 +4,7 @@
 // Each line is "KEY = value". A line that begins with "#" is a comment, and blank lines are
 // skipped. A later line with the same key replaces an earlier one. No mistake in the file keeps a
 // service down: a problem is reported with file, line and expectation, and the key gets its
-// default.
+// default. A list loses its wrong entries instead (DeclaredKey::list).
 
 #include <cstdint>
 #include <optional>
@@ -68,7 +68,8 @@ class HostConfig
     std::vector<const DeclaredKey*> declaredKeys() const;
 
     /// Reads the file again. If it cannot read the file, it returns false and every key has its
-    /// default. It keeps the problems until the next read.
+    /// default. But a file that exists and cannot be read leaves each list empty. It keeps the
+    /// problems until the next read.
     bool read();
     /// Reads the file again in a running process. Only the keys with takenWhileRunning get new
     /// values. If it cannot read the file, it returns false and only the problems change.
@@ -88,6 +89,8 @@ class HostConfig
 
     // These return the default for a key without a value.
     std::uint64_t number(const DeclaredKey& key) const;
+    /// The entries of a list without those that were refused.
+    std::vector<std::string> list(const DeclaredKey& key) const;
     std::string localHostName() const;
     Endpoint listenEndpoint() const;
     /// Where the service of a host listens: ENDPOINT.<host>, otherwise the host at the default

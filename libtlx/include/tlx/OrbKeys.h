@@ -11,7 +11,7 @@ namespace ConfigKey {
 
 /// The largest GIOP message that is accepted.
 inline constexpr DeclaredKey MAX_MESSAGE_BYTES =
-    DeclaredKey::number("MAX_MESSAGE_BYTES", 65536, std::uint64_t{1} << 30, 67108864);
+    DeclaredKey::number("MAX_MESSAGE_BYTES", 65536, std::uint64_t{1} << 30, 8388608);
 
 // Bounds on the hosts that connect here.
 /// Connections at the same time.

@@ -50,6 +50,28 @@ std::string complaintAboutNumber(const std::string& value, std::uint64_t lowest,
            std::to_string(lowest) + " to " + std::to_string(highest);
 }
 
+std::vector<std::string> entriesOf(const std::string& value)
+{
+    constexpr std::string_view BETWEEN = ", \t";
+    std::vector<std::string> entries;
+    for (std::size_t at = 0; (at = value.find_first_not_of(BETWEEN, at)) != std::string::npos;) {
+        const std::size_t end = std::min(value.find_first_of(BETWEEN, at), value.size());
+        entries.push_back(value.substr(at, end - at));
+        at = end;
+    }
+    return entries;
+}
+
+/// Names the first wrong entry.
+std::string complaintAboutList(const std::string& value, DeclaredKey::Accepts accepts,
+                               const char* complaint)
+{
+    for (const std::string& entry : entriesOf(value))
+        if (!accepts(entry))
+            return quotedValue(entry) + " " + complaint;
+    return {};
+}
+
 } // namespace
 
 bool DeclaredKey::covers(std::string_view written) const
@@ -85,9 +107,19 @@ std::string DeclaredKey::complaintAbout(const std::string& written, const std::s
         return complaintAboutNumber(value, m_lowest, m_highest);
     case Kind::Text:
         return m_accepts(value) ? std::string() : quotedValue(value) + " " + m_example;
+    case Kind::List:
+        return complaintAboutList(value, m_accepts, m_example);
     }
     TLX_SHOULD_NOT_GET_HERE();
     return {};
+}
+
+std::vector<std::string> DeclaredKey::goodEntries(const std::string& value) const
+{
+    std::vector<std::string> entries = entriesOf(value);
+    if (isList())
+        std::erase_if(entries, [this](const std::string& entry) { return !m_accepts(entry); });
+    return entries;
 }
 
 std::optional<bool> parseBoolean(const std::string& text)

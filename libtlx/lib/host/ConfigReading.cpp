@@ -30,8 +30,11 @@ const ConfigText::Value* ConfigReading::find(const DeclaredKey& key,
                                              const std::string& written) const
 {
     const auto found = m_text.values.find(key.keptName(written));
-    // Nobody may have declared the key when the text was read, so the value may be unchecked.
-    if (found == m_text.values.end() || !key.complaintAbout(written, found->second.text).empty())
+    if (found == m_text.values.end())
+        return nullptr;
+    // Nobody may have declared the key when the text was read, so the value may be unchecked. The
+    // reader of a list leaves out its wrong entries.
+    if (!key.isList() && !key.complaintAbout(written, found->second.text).empty())
         return nullptr;
     return &found->second;
 }

@@ -68,20 +68,34 @@ class Reader
     /// Returns the mistake in the line, empty for a good line.
     std::string takeLine(std::string_view line, const std::string& place)
     {
+        const std::string_view content = trimmed(line, BLANKS);
+        if (line.size() <= CONFIG_MAX_LINE && (content.empty() || content.front() == '#'))
+            return {};
+        const auto equals = content.find('=');
+        const std::string written(trimmed(content.substr(0, equals), BLANKS));
+        if (std::string wrong = unreadable(line, content, equals); !wrong.empty()) {
+            const DeclaredKey* const key = m_keys.find(written);
+            if (key && key->isList())
+                m_result.values[written] = {"", place};
+            return wrong;
+        }
+        return takeValue(written,
+                         {std::string(trimmed(content.substr(equals + 1), BLANKS)), place});
+    }
+
+    /// What is wrong with a line as a whole, empty if it is KEY = value.
+    static std::string unreadable(std::string_view line, std::string_view content,
+                                  std::size_t equals)
+    {
         if (line.size() > CONFIG_MAX_LINE)
             return "the line is longer than " + std::to_string(CONFIG_MAX_LINE) + " bytes";
-        const std::string_view content = trimmed(line, BLANKS);
-        if (content.empty() || content.front() == '#')
-            return {};
         if (hasControlCharacter(content))
             return "the line holds a control character, expected KEY = value";
         if (!isUtf8(content))
             return "the line is not UTF-8 text, expected KEY = value";
-        const auto equals = content.find('=');
         if (equals == std::string_view::npos)
             return quotedValue(content) + " is not KEY = value";
-        return takeValue(std::string(trimmed(content.substr(0, equals), BLANKS)),
-                         {std::string(trimmed(content.substr(equals + 1), BLANKS)), place});
+        return {};
     }
 
     std::string takeValue(const std::string& written, ConfigText::Value value)
@@ -93,9 +107,9 @@ class Reader
         }
         const std::string name = key->keptName(written);
         const std::string wrong = key->complaintAbout(written, value.text);
-        if (wrong.empty()) {
+        if (wrong.empty() || key->isList()) {
             m_result.values[name] = std::move(value);
-            return {};
+            return wrong.empty() ? wrong : name + ": " + wrong;
         }
         // The last line with a key counts, even if its value is refused. Then the key gets its
         // default.

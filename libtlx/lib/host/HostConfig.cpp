@@ -24,9 +24,11 @@ namespace {
 constexpr const char* DEFAULT_ROOT = "/usr/varix/quillmark";
 
 // Reads a whole file. Returns the reason of a failure, empty on success.
-std::string readFile(const std::string& path, std::string& out)
+// @param isThere receives whether there is such a file.
+std::string readFile(const std::string& path, std::string& out, bool& isThere)
 {
     auto content = readWholeFile(path, CONFIG_MAX_BYTES);
+    isThere = content || content.error() != std::errc::no_such_file_or_directory;
     if (content) {
         out = std::move(*content);
         return {};
@@ -122,13 +124,19 @@ bool HostConfig::read()
 {
     const std::string path = configFile().text();
     std::string content;
-    const std::string wrong = readFile(path, content);
+    bool isThere = false;
+    const std::string wrong = readFile(path, content, isThere);
     if (wrong.empty()) {
         readText(content, path);
         return true;
     }
     ConfigText nothing;
     nothing.problems.push_back({path, 0, wrong});
+    // Without a file the defaults are meant. A file may have meant less.
+    if (isThere)
+        for (const DeclaredKey* const key : declaredKeys())
+            if (key->isList())
+                nothing.values[key->name()] = {"", path};
     m_state->replace(std::move(nothing));
     return false;
 }
@@ -137,7 +145,8 @@ bool HostConfig::readAgain()
 {
     const std::string path = configFile().text();
     std::string content;
-    const std::string wrong = readFile(path, content);
+    bool isThere = false;
+    const std::string wrong = readFile(path, content, isThere);
     const auto before = m_state->current();
     ConfigText next = before->text();
     next.problems.clear();
@@ -194,6 +203,11 @@ std::string HostConfig::placeOf(const DeclaredKey& key) const
 std::uint64_t HostConfig::number(const DeclaredKey& key) const
 {
     return getNumber(key).value_or(key.standard());
+}
+
+std::vector<std::string> HostConfig::list(const DeclaredKey& key) const
+{
+    return key.goodEntries(getString(key).value_or(key.standardList()));
 }
 
 std::string HostConfig::localHostName() const

@@ -3,17 +3,14 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
-#include <cstring>
 #include <memory>
 #include <mutex>
 #include <thread>
 
-#include <arpa/inet.h>
-#include <ifaddrs.h>
 #include <netdb.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <tlx/Address.h>
 #include <tlx/StopNotice.h>
 
 namespace Veltrane::Quillmark::Tlx {
@@ -94,30 +91,6 @@ void answer(const std::shared_ptr<Question>& question, const std::string& host,
     --g_background;
 }
 
-// An address as 16 bytes, IPv4 mapped into IPv6. False if the text is not an address.
-bool toBytes(const std::string& text, in6_addr& out)
-{
-    // inet_pton stops at a NUL byte, and would accept the text before it.
-    if (text.find('\0') != std::string::npos)
-        return false;
-    in_addr v4 = {};
-    if (::inet_pton(AF_INET, text.c_str(), &v4) == 1) {
-        out = {};
-        out.s6_addr[10] = out.s6_addr[11] = 0xff;
-        std::memcpy(&out.s6_addr[12], &v4, sizeof v4);
-        return true;
-    }
-    // A link-local address may name its interface after "%".
-    return ::inet_pton(AF_INET6, text.substr(0, text.find('%')).c_str(), &out) == 1;
-}
-
-bool isLoopback(const in6_addr& address)
-{
-    if (IN6_IS_ADDR_V4MAPPED(&address))
-        return address.s6_addr[12] == 127;
-    return IN6_IS_ADDR_LOOPBACK(&address);
-}
-
 } // namespace
 
 std::vector<std::string> resolveHost(const std::string& host, std::chrono::milliseconds limit)
@@ -162,35 +135,13 @@ std::vector<std::string> resolveHost(const std::string& host, std::chrono::milli
 
 bool isLocalAddress(const std::string& address)
 {
-    in6_addr wanted = {};
-    if (!toBytes(address, wanted))
+    const auto wanted = NumericAddress::parse(address);
+    if (!wanted)
         return false;
-    if (isLoopback(wanted))
+    if (wanted->isLoopback())
         return true;
-    ifaddrs* interfaces = nullptr;
-    if (::getifaddrs(&interfaces) != 0)
-        return false;
-    bool found = false;
-    for (const ifaddrs* each = interfaces; each && !found; each = each->ifa_next) {
-        if (!each->ifa_addr)
-            continue;
-        in6_addr own{};
-        if (each->ifa_addr->sa_family == AF_INET) {
-            sockaddr_in v4 = {};
-            std::memcpy(&v4, each->ifa_addr, sizeof v4);
-            own.s6_addr[10] = own.s6_addr[11] = 0xff;
-            std::memcpy(&own.s6_addr[12], &v4.sin_addr, sizeof v4.sin_addr);
-        } else if (each->ifa_addr->sa_family == AF_INET6) {
-            sockaddr_in6 v6 = {};
-            std::memcpy(&v6, each->ifa_addr, sizeof v6);
-            own = v6.sin6_addr;
-        } else {
-            continue;
-        }
-        found = IN6_ARE_ADDR_EQUAL(&own, &wanted);
-    }
-    ::freeifaddrs(interfaces);
-    return found;
+    const std::vector<NumericAddress> own = interfaceAddresses();
+    return std::binary_search(own.begin(), own.end(), *wanted);
 }
 
 void setResolver(std::function<std::vector<std::string>(const std::string& host)> resolver)

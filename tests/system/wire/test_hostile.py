@@ -235,10 +235,10 @@ def test_operations_of_another_interface(service):
 
 
 def test_more_than_the_largest_message(service, authority):
-    """The limit is MAX_MESSAGE_BYTES. Its default is 64 MiB."""
+    """The limit is MAX_MESSAGE_BYTES. Its default is 8 MiB."""
     _, writer = service.putCollection(record("cl1", authority))
     with pytest.raises((giop.SystemException, ConnectionLost)):
-        writer.put(bytes(65 << 20))
+        writer.put(bytes(8 << 20))
     assert writer.put(b"small")
     assert writer.close().discStatus == SUCCESS
     assert get(service, "cl1", authority) == b"small"

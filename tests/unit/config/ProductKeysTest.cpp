@@ -67,7 +67,8 @@ TEST_F(ProductKeysTest, EveryNumberHasItsBoundsAndItsDefault)
           Bounds{ConfigKey::REQUEST_THREADS, 4, 4096, 128},
           Bounds{ConfigKey::REQUEST_TIMEOUT, 1, 3600, 30},
           Bounds{ConfigKey::IDLE_CONNECTION_SECONDS, 10, 86400, 180},
-          Bounds{ConfigKey::MAX_MESSAGE_BYTES, 65536, 1ULL << 30, 67108864}}) {
+          Bounds{ConfigKey::MAX_MESSAGE_BYTES, 65536, 1ULL << 30, 8388608},
+          Bounds{ConfigKey::MAX_REMOTE_PRIORITY, 0, 4294967295, 4294967295}}) {
         const std::string key = bounds.key.name();
         EXPECT_EQ(problemsOf(""), Lines{});
         EXPECT_EQ(config().number(bounds.key), bounds.standard) << key;
@@ -115,14 +116,43 @@ TEST_F(ProductKeysTest, ASeverityIsOneOfFour)
     EXPECT_FALSE(config().getString(ConfigKey::LOG_SEVERITY));
 }
 
-TEST_F(ProductKeysTest, ARunningDaemonTakesFourKeys)
+TEST_F(ProductKeysTest, TheListsSayWhatTheyExpect)
+{
+    EXPECT_EQ(problemsOf("ALLOW.read = web1, 192.0.2.0/24 2001:db8::/32 local master *\n"
+                         "ALLOW.write = own\nALLOW.register = own, local\nALLOW.control =\n"),
+              Lines{});
+    EXPECT_EQ(config().list(ConfigKey::ALLOW_READ),
+              (Lines{"web1", "192.0.2.0/24", "2001:db8::/32", "local", "master", "*"}));
+    EXPECT_EQ(config().list(ConfigKey::ALLOW_CONTROL), Lines{});
+    EXPECT_EQ(problemsOf("ALLOW.read = own\nALLOW.write = 192.0.2.7/24 local\n"
+                         "ALLOW.register = 10.1\nALLOW.control = local own\nALLOW.all = *\n"),
+              (Lines{"qm.conf:1: ALLOW.read: 'own' is left out, expected a host, an address, a "
+                     "range, local, master or *",
+                     "qm.conf:2: ALLOW.write: '192.0.2.7/24' is left out, expected a host, an "
+                     "address, a range, own, local, master or *",
+                     "qm.conf:3: ALLOW.register: '10.1' is left out, expected a host, an address, "
+                     "a range, own, local, master or *",
+                     "qm.conf:4: ALLOW.control: 'own' is left out, expected a host, an address, a "
+                     "range, local, master or *",
+                     "qm.conf:5: unknown key 'ALLOW.all'"}));
+    EXPECT_EQ(config().list(ConfigKey::ALLOW_READ), Lines{});
+    EXPECT_EQ(config().list(ConfigKey::ALLOW_WRITE), Lines{"local"});
+    EXPECT_EQ(problemsOf(""), Lines{});
+    for (const DeclaredKey& key :
+         {ConfigKey::ALLOW_READ, ConfigKey::ALLOW_WRITE, ConfigKey::ALLOW_REGISTER})
+        EXPECT_EQ(config().list(key), Lines{"*"}) << key.name();
+    EXPECT_EQ(config().list(ConfigKey::ALLOW_CONTROL), (Lines{"local", "master"}));
+}
+
+TEST_F(ProductKeysTest, ARunningDaemonTakesTheseKeys)
 {
     std::vector<std::string> taken;
     for (const DeclaredKey* const key : config().declaredKeys())
         if (key->isTakenWhileRunning())
             taken.emplace_back(key->name());
-    EXPECT_EQ(taken,
-              (std::vector<std::string>{"LOG_LEVEL", "LOG_SEVERITY", "LOG_BURST", "STOP_LIMIT"}));
+    EXPECT_EQ(taken, (std::vector<std::string>{"ALLOW.read", "ALLOW.write", "ALLOW.register",
+                                               "ALLOW.control", "MAX_REMOTE_PRIORITY", "LOG_LEVEL",
+                                               "LOG_SEVERITY", "LOG_BURST", "STOP_LIMIT"}));
 }
 
 /// The sample shows each key in a comment without a blank: "#KEY = value".

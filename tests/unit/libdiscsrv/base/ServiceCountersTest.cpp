@@ -21,11 +21,12 @@ std::string all()
 
 TEST(ServiceCountersTest, EveryCounterHasItsName)
 {
-    EXPECT_EQ(all(), "queries=0 recordsReturned=0 reads=0 bytesRead=0 writes=0 bytesWritten=0 "
-                     "recordsStored=0 writersLeft=0 iteratorsOpen=0 iteratorsHighest=0 "
-                     "iteratorsGivenUp=0 iteratorsRefused=0 writersOpen=0 writersHighest=0 "
-                     "writersGivenUp=0 writersRefused=0 pulledBytes=0 pulledBytesHighest=0 "
-                     "pullsRefused=0 foreignUses=0 failedAssertions=0 ");
+    EXPECT_EQ(all(),
+              "queries=0 recordsReturned=0 reads=0 bytesRead=0 writes=0 bytesWritten=0 "
+              "recordsStored=0 writersLeft=0 requestsRefused=0 iteratorsOpen=0 iteratorsHighest=0 "
+              "iteratorsGivenUp=0 iteratorsRefused=0 writersOpen=0 writersHighest=0 "
+              "writersGivenUp=0 writersRefused=0 pulledBytes=0 pulledBytesHighest=0 "
+              "pullsRefused=0 foreignUses=0 failedAssertions=0 ");
     countService(ServiceCounter::QUERIES);
     countService(ServiceCounter::RECORDS_RETURNED, 2);
     countService(ServiceCounter::READS, 3);
@@ -34,6 +35,7 @@ TEST(ServiceCountersTest, EveryCounterHasItsName)
     countService(ServiceCounter::BYTES_WRITTEN, 6);
     countService(ServiceCounter::RECORDS_STORED, 7);
     countService(ServiceCounter::WRITERS_LEFT, 8);
+    countService(ServiceCounter::REQUESTS_REFUSED, 21);
     setService(ServiceCounter::ITERATORS_OPEN, 9);
     raiseService(ServiceCounter::ITERATORS_HIGHEST, 10);
     countService(ServiceCounter::ITERATORS_GIVEN_UP, 11);
@@ -48,11 +50,13 @@ TEST(ServiceCountersTest, EveryCounterHasItsName)
     countService(ServiceCounter::FOREIGN_USES, 20);
     const QmTest::AssertionCapture assertions;
     EXPECT_FALSE(TLX_ASSERT(1 == 2));
-    EXPECT_EQ(all(), "queries=1 recordsReturned=2 reads=3 bytesRead=4 writes=5 bytesWritten=6 "
-                     "recordsStored=7 writersLeft=8 iteratorsOpen=9 iteratorsHighest=10 "
-                     "iteratorsGivenUp=11 iteratorsRefused=12 writersOpen=13 writersHighest=14 "
-                     "writersGivenUp=15 writersRefused=16 pulledBytes=17 pulledBytesHighest=18 "
-                     "pullsRefused=19 foreignUses=20 failedAssertions=1 ");
+    EXPECT_EQ(
+        all(),
+        "queries=1 recordsReturned=2 reads=3 bytesRead=4 writes=5 bytesWritten=6 "
+        "recordsStored=7 writersLeft=8 requestsRefused=21 iteratorsOpen=9 iteratorsHighest=10 "
+        "iteratorsGivenUp=11 iteratorsRefused=12 writersOpen=13 writersHighest=14 "
+        "writersGivenUp=15 writersRefused=16 pulledBytes=17 pulledBytesHighest=18 "
+        "pullsRefused=19 foreignUses=20 failedAssertions=1 ");
 }
 
 TEST(ServiceCountersTest, AValueOfNowFallsAndTheHighestStays)

@@ -104,6 +104,40 @@ TEST_F(PullExplorerCacheTest, WhatIsStoredIsLoadedAgain)
               Calls{"s a " + std::to_string(int{AT_EXTSRC}) + " 7 Service<1> client1"});
 }
 
+TEST_F(PullExplorerCacheTest, ARegistrationWithANameThatIsTooLongIsLeftOut)
+{
+    const std::string most(1024, 'h');
+    const AutoDereference<RemoteExplorerPull> good(
+        new RemoteExplorerPull(most, most, "s", "a", AT_EXTSRC));
+    store(*good);
+    EXPECT_EQ(loaded({record}).size(), 1u);
+    const std::string more = most + "h";
+    for (const auto& [service, host] : {std::pair{more, most}, std::pair{most, more}}) {
+        const AutoDereference<RemoteExplorerPull> bad(
+            new RemoteExplorerPull(service, host, "s", "a", AT_EXTSRC));
+        record->data().text.clear();
+        store(*bad);
+        LogCapture log;
+        EXPECT_EQ(loaded({record}), Calls{});
+        EXPECT_EQ(log.texts(1),
+                  Calls{"A stored explorer with a name that is too long is left out, its subject "
+                        "begins with \"s\", its host with \"" +
+                        std::string(64, 'h') + "\""});
+    }
+}
+
+TEST_F(PullExplorerCacheTest, ARegistrationWithALongDisplayNameIsLeftOut)
+{
+    store(*remote);
+    record->setSubject(new Subject(std::string(3072, 's')));
+    EXPECT_EQ(loaded({record}).size(), 1u);
+    record->setSubject(new Subject(std::string(3073, 's')));
+    EXPECT_EQ(loaded({record}), Calls{});
+    record->setSubject(new Subject("s"));
+    record->setAuthority(new Authority(std::string(3073, 'a'), AT_REMOTEPULL));
+    EXPECT_EQ(loaded({record}), Calls{});
+}
+
 TEST_F(PullExplorerCacheTest, AnExplorerOfThisHostIsNotStored)
 {
     const AutoDereference<QmTest::FakePull> own(new QmTest::FakePull);

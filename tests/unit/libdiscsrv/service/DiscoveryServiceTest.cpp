@@ -6,8 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include "AccessRules.h"
+#include "NameBounds.h"
 #include "RemoteWriter_i.h"
 #include "ServiceFixture.h"
+#include "ServiceKeys.h"
 #include "support/Capture.h"
 #include "support/Descriptors.h"
 #include "support/Eventually.h"
@@ -91,6 +94,109 @@ TEST(DiscoveryServiceAloneTest, AnExplorerWithoutANameIsRefused)
     EXPECT_EQ(assertions.texts(), Lines{});
 }
 
+TEST(DiscoveryServiceAloneTest, ARecordWithoutANameIsRefused)
+{
+    PortableServer::Servant_var<DiscoveryService_i> servant(new DiscoveryService_i);
+    const AssertionCapture assertions;
+    const LogCapture log;
+    RemoteWriter_var writer;
+    EXPECT_EQ(servant->putCollection(named("", "srv1"), writer.out()).discStatus, DS_OPEN_FAILED);
+    EXPECT_EQ(servant->putCollection(named("cl5", ""), writer.out()).discStatus, DS_OPEN_FAILED);
+    EXPECT_TRUE(CORBA::is_nil(writer));
+    EXPECT_EQ(log.texts(1), (Lines{"A record needs a subject and an authority, got subject \"\" "
+                                   "and authority \"srv1\"",
+                                   "A record needs a subject and an authority, got subject "
+                                   "\"cl5\" and authority \"\""}));
+    EXPECT_EQ(log.lines()[0].operation, "RemoteWriter_i::open");
+    EXPECT_EQ(assertions.texts(), Lines{});
+}
+
+const std::string TOO_LONG(MAX_NAME_BYTES + 1, 'x');
+const std::string TOO_LONG_LINE = "A name may have 1024 bytes, the subject \"" +
+                                  std::string(SHOWN_NAME_BYTES, 'x') + "...\" has 1025";
+
+/// No framework is set here. So an operation that passes such a name on fails an assertion.
+TEST(DiscoveryServiceAloneTest, ANameThatIsTooLongGoesNoFurther)
+{
+    PortableServer::Servant_var<DiscoveryService_i> servant(new DiscoveryService_i);
+    const AssertionCapture assertions;
+    const LogCapture log;
+    CollectionDataIterator_var iterator;
+    EXPECT_EQ(servant->getCollectionData(named(TOO_LONG.c_str(), "a"), "", iterator.out()),
+              DS_NONE_FOUND);
+    EXPECT_TRUE(CORBA::is_nil(iterator));
+    RemoteWriter_var writer;
+    EXPECT_EQ(servant->putCollection(named(TOO_LONG.c_str(), "a"), writer.out()).discStatus,
+              DS_OPEN_FAILED);
+    EXPECT_TRUE(CORBA::is_nil(writer));
+    servant->registerExplorer("DiscoveryService", "client1", TOO_LONG.c_str(), "a", AT_QMKCLIENT,
+                              3);
+    EXPECT_EQ(log.texts(1), (Lines{TOO_LONG_LINE, TOO_LONG_LINE, TOO_LONG_LINE}));
+    EXPECT_EQ(assertions.texts(), Lines{});
+}
+
+/// Refuses with these rules until it is destroyed.
+struct Rules
+{
+    explicit Rules(const std::string& text)
+    {
+        HostConfig::instance().declare(SERVICE_KEYS);
+        HostConfig::instance().readText(text, "qm.conf");
+        AccessRules::instance().refresh(std::chrono::seconds(5));
+    }
+};
+
+TEST(DiscoveryServiceAloneTest, AHostThatMayWriteItsOwnWritesNothingElse)
+{
+    const Rules rules("CLIENT_NAME = here\nALLOW.write = own\nALLOW.register = own\n");
+    PortableServer::Servant_var<DiscoveryService_i> servant(new DiscoveryService_i);
+    const RequestPeerMark mark({"198.51.100.7", "web1"});
+    RemoteWriter_var writer;
+    const LogCapture log;
+    EXPECT_THROW(servant->putCollection(named("web1", "web2"), writer.out()), CORBA::NO_PERMISSION);
+    EXPECT_THROW(
+        servant->registerExplorer("DiscoveryService", "web2", "web1", "web1", AT_EXTSRC, 1),
+        CORBA::NO_PERMISSION);
+    EXPECT_THROW(
+        servant->registerExplorer("DiscoveryService", "web1", "web1", "web2", AT_EXTSRC, 1),
+        CORBA::NO_PERMISSION);
+    Remote::Discovery registration = named("web1", "web1");
+    registration.authType = AT_REMOTEPULL;
+    EXPECT_THROW(servant->putCollection(registration, writer.out()), CORBA::NO_PERMISSION)
+        << "its payload may name any host";
+    EXPECT_EQ(
+        log.texts(1),
+        (Lines{"Refused: web1 (198.51.100.7) may not putCollection as \"web2\" (ALLOW.write = "
+               "own)",
+               "Refused: web1 (198.51.100.7) may not registerExplorer as \"web2\" "
+               "(ALLOW.register = own)",
+               "Refused: web1 (198.51.100.7) may not registerExplorer as \"web2\" "
+               "(ALLOW.register = own)",
+               "Refused: web1 (198.51.100.7) may not putCollection of a registration "
+               "(ALLOW.register = own)"}));
+    servant->registerExplorer("DiscoveryService", "web1", "any/subject", "WEB1", AT_EXTSRC, 1);
+    EXPECT_EQ(log.texts(4), Lines{"Registered explorer: any/subject WEB1 1"});
+}
+
+TEST(DiscoveryServiceAloneTest, ANegativePriorityIsAVeryLargeOne)
+{
+    const Rules rules("MAX_REMOTE_PRIORITY = 5\n");
+    PortableServer::Servant_var<DiscoveryService_i> servant(new DiscoveryService_i);
+    const RequestPeerMark mark({"198.51.100.7", ""});
+    Remote::Discovery record = named("cl1", "srv1");
+    RemoteWriter_var writer;
+    for (const CORBA::Long priority : {6, -1}) {
+        record.attributes.priority = priority;
+        EXPECT_THROW(servant->putCollection(record, writer.out()), CORBA::NO_PERMISSION);
+        EXPECT_THROW(servant->registerExplorer("DiscoveryService", "c", "s", "a", AT_EXTSRC,
+                                               static_cast<CORBA::Short>(priority)),
+                     CORBA::NO_PERMISSION);
+    }
+    const LogCapture log;
+    servant->registerExplorer("DiscoveryService", "c", "s", "a", AT_EXTSRC, 5);
+    EXPECT_EQ(log.texts(4), Lines{"Registered explorer: s a 5"});
+}
+
 TEST(DiscoveryServiceAloneTest, ARegistrationIsLoggedOnlyWhenTheLevelIsAboveThree)
 {
     PortableServer::Servant_var<DiscoveryService_i> servant(new DiscoveryService_i);
@@ -140,6 +246,27 @@ TEST_F(DiscoveryServiceTest, QueriesTakeTheAuthorityBeforeTheSubject)
     EXPECT_EQ(service.orb->getEvictor().watched(), 1u);
     found->release();
     EXPECT_EQ(service.orb->getEvictor().watched(), 0u);
+}
+
+TEST_F(DiscoveryServiceTest, AQueryForANameThatIsTooLongMatchesNothing)
+{
+    Service::put("cl1", "srv1");
+    const AssertionCapture assertions;
+    const LogCapture log;
+    for (const auto& [authority, subject] :
+         {std::pair{std::string("*"), TOO_LONG}, std::pair{TOO_LONG, std::string("*")},
+          std::pair{std::string("*"), "*" + TOO_LONG}}) {
+        const DiscoveryIterator_var found = servant->queryDiscoveries(
+            DQ_DISCOVERY_DATA, AT_ANYANDALL, authority.c_str(), subject.c_str());
+        DiscoverySeq_var page = found->getNextPage();
+        EXPECT_EQ(page->length(), 0u);
+        page = found->getNextPage();
+        EXPECT_EQ(page->length(), 0u);
+        found->release();
+    }
+    EXPECT_EQ(log.texts(1).size(), 3u);
+    EXPECT_EQ(log.texts(1)[0], TOO_LONG_LINE);
+    EXPECT_EQ(assertions.texts(), Lines{});
 }
 
 TEST_F(DiscoveryServiceTest, APayloadIsReadThroughAnIteratorOfItsOwn)

@@ -5,10 +5,15 @@
 #include <cstring>
 #include <limits>
 
+#include <string_view>
+
 #include <gtest/gtest.h>
+
+#include <tlx/OrbKeys.h>
 
 #include "CollectionDataIterator_i.h"
 #include "DiscoveryIterator_i.h"
+#include "PageBounds.h"
 
 #include "ServiceFixture.h"
 #include "support/Capture.h"
@@ -138,6 +143,85 @@ TEST_F(IteratorServantsTest, APageThatGrowsLargeIsShorterThanAskedFor)
         sum += size;
     }
     EXPECT_EQ(sum, 100u);
+}
+
+/// What a page of one record needs beside its subject: the estimate for the constant part, the
+/// authority, the host and the service.
+constexpr std::size_t BESIDE = 128 + std::string_view("srv%20é").size() +
+                               std::string_view("here").size() +
+                               std::string_view("DiscoveryService").size();
+
+TEST_F(IteratorServantsTest, ARecordThatFillsAPageAndOneThatFitsIntoNone)
+{
+    // Records adds a digit to each name.
+    const auto fits = over(new Records(2, MAX_PAGE_BYTES - BESIDE - 1));
+    fits->pageSize(1000);
+    EXPECT_EQ(pages(*fits.in(), 3), (Sizes{1, 1, 0}));
+    const auto servant = over(new Records(3, MAX_PAGE_BYTES - BESIDE));
+    LogCapture log;
+    EXPECT_EQ(pages(*servant.in(), 1), (Sizes{0}));
+    EXPECT_EQ(log.texts(1),
+              Lines(3, "A record of 1048577 bytes fits into no page and is left out, its subject "
+                       "begins with \"" +
+                           std::string(64, 'n') + "\""));
+}
+
+TEST_F(IteratorServantsTest, ARecordThatIsLeftOutHidesNoOther)
+{
+    class Mixed : public Tlx::DiscoverySvc::DiscoveryIterator
+    {
+      public:
+        Mixed() : DiscoveryIterator(AT_ANYANDALL, "*", "*") {}
+        Tlx::DiscoverySvc::Discovery* getNext() override
+        {
+            const int number = m_next++;
+            if (number >= 20)
+                return nullptr;
+            return new Record(number % 2 == 0 ? std::string(2 << 20, 'x') : std::string("small"));
+        }
+
+      private:
+        int m_next = 0;
+    };
+    const AutoDereference<Tlx::DiscoverySvc::DiscoveryIterator> mixed(new Mixed);
+    PortableServer::Servant_var<DiscoveryIterator_i> servant(new DiscoveryIterator_i(mixed.get()));
+    EXPECT_EQ(pages(*servant.in(), 3), (Sizes{9, 1, 0}));
+}
+
+struct SmallMessagesTest : IteratorServantsTest
+{
+    SmallMessagesTest()
+    {
+        HostConfig::instance().declare(ORB_KEYS);
+        HostConfig::instance().readText("SERVER = localhost\nCLIENT_NAME = here\n"
+                                        "MAX_MESSAGE_BYTES = 65536\n",
+                                        "qm.conf");
+    }
+    static constexpr std::size_t LARGEST = 65536 - PAGE_HEADER_BYTES;
+};
+
+TEST_F(SmallMessagesTest, ThePageFitsIntoTheSmallestMessage)
+{
+    EXPECT_EQ(largestPage(), LARGEST);
+    const auto bytes = over(100000);
+    bytes->pageSize(std::numeric_limits<CORBA::Long>::max());
+    EXPECT_EQ(pages(*bytes.in(), 3), (Sizes{LARGEST, 100000 - LARGEST, 0}));
+    const auto fits = over(new Records(1, LARGEST - BESIDE - 1));
+    EXPECT_EQ(pages(*fits.in(), 2), (Sizes{1, 0}));
+    const auto tooLong = over(new Records(1, LARGEST - BESIDE));
+    EXPECT_EQ(pages(*tooLong.in(), 1), (Sizes{0}));
+}
+
+TEST_F(SmallMessagesTest, EveryRecordComesInSomePage)
+{
+    const auto servant = over(new Records(1000, 1000));
+    servant->pageSize(std::numeric_limits<CORBA::Long>::max());
+    std::size_t sum = 0;
+    for (const std::size_t size : pages(*servant.in(), 30)) {
+        EXPECT_LE(size * 1000, LARGEST);
+        sum += size;
+    }
+    EXPECT_EQ(sum, 1000u);
 }
 
 TEST_F(IteratorServantsTest, APageHasNamesTypeAndSource)

@@ -231,24 +231,6 @@ TEST_F(RemoteWriterTest, AStopGivesUpWhatWasNeverClosed)
     EXPECT_FALSE(std::filesystem::exists(service.store() / "1 srv1 cl5.xml"));
 }
 
-TEST_F(RemoteWriterTest, AnEmptyNameIsRefusedAndLeavesNothingBehind)
-{
-    LogCapture log;
-    AssertionCapture assertions;
-    const PortableServer::Servant_var<RemoteWriter_i> noSubject(
-        new RemoteWriter_i(incoming("", "srv1")));
-    EXPECT_EQ(noSubject->open().discStatus, DS_OPEN_FAILED);
-    const PortableServer::Servant_var<RemoteWriter_i> noAuthority(
-        new RemoteWriter_i(incoming("cl5", "")));
-    EXPECT_EQ(noAuthority->open().discStatus, DS_OPEN_FAILED);
-    EXPECT_EQ(log.texts(1), (Lines{"A record needs a subject and an authority, got subject \"\" "
-                                   "and authority \"srv1\"",
-                                   "A record needs a subject and an authority, got subject "
-                                   "\"cl5\" and authority \"\""}));
-    EXPECT_EQ(assertions.texts(), Lines{});
-    EXPECT_FALSE(std::filesystem::exists(service.store() / "0.updating"));
-}
-
 TEST_F(RemoteWriterTest, CloseReturnsTheFailureOfThePersist)
 {
     auto* writer = new RemoteWriter_i(incoming("cl5", "srv1"));

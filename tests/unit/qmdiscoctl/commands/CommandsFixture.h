@@ -81,7 +81,8 @@ struct Script
     int records = 0;
     bool putAnswer = true;
     bool boolean = true;
-    int failAfter = -1; ///< the number of calls before a COMM_FAILURE, -1 for no failure
+    int failAfter = -1;   ///< the number of calls before a COMM_FAILURE, -1 for no failure
+    bool refuses = false; ///< each call with NO_PERMISSION
     int pingsUntilGone = 0;
     std::vector<Discovered> discovered;
     Result<> researchFails;
@@ -93,6 +94,8 @@ struct Script
     void call(const std::string& what)
     {
         calls.push_back(what);
+        if (refuses)
+            throw CORBA::NO_PERMISSION(0, CORBA::COMPLETED_NO);
         if (failAfter >= 0 && static_cast<int>(calls.size()) > failAfter)
             throw CORBA::COMM_FAILURE(0, CORBA::COMPLETED_MAYBE);
     }

@@ -28,6 +28,17 @@ TEST_F(ServiceCommandsTest, RefreshIsOfOneHostOrOfAll)
                                    "master's, or a refresh is running"}));
 }
 
+TEST_F(ServiceCommandsTest, ARefusalIsNoServiceThatBrokeOff)
+{
+    script.refuses = true;
+    const Failure refused{EC_FAILURE,
+                          "the discovery service on backup1 refused, its log has the reason: not "
+                          "permitted: NO_PERMISSION (minor 0x00000000, COMPLETED_NO)"};
+    EXPECT_EQ(run(Command::REFRESH), refused);
+    EXPECT_EQ(run(Command::STOP), refused);
+    EXPECT_EQ(run(Command::QUERY), refused);
+}
+
 TEST_F(ServiceCommandsTest, StopWaitsUntilTheServiceIsGone)
 {
     script.pingsUntilGone = 3;

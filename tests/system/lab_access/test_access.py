@@ -1,0 +1,132 @@
+"""Who may do what in a network: the default lists, and lists with names of hosts."""
+
+import signal
+
+import giop
+import harness
+import pytest
+from giop import AuthorityType, DiscoveryService
+from records import SUCCESS, put, query
+
+
+@pytest.fixture
+def service_of():
+    """service_of(host, caller, address) is a proxy of the host's service, for calls that come from
+    the caller. They go to the host's address, or to another one."""
+    orbs = {}
+
+    def make(host, caller, address=None):
+        if caller not in orbs:
+            orbs[caller] = giop.Orb(timeout=harness.CALL_LIMIT, network=caller.network)
+        address = address or host.address
+        return orbs[caller].object(
+            "corbaloc:iiop:1.2@%s:14400/DiscoveryService"
+            % ("[%s]" % address if ":" in address else address), DiscoveryService)
+    yield make
+    for orb in orbs.values():
+        orb.close()
+
+
+def refused(call, *arguments):
+    with pytest.raises(giop.SystemException) as failure:
+        call(*arguments)
+    assert failure.value.name == "NO_PERMISSION"
+
+
+def refusals(log):
+    return [text for text in log.failures("AccessRules") if text.startswith("Refused")]
+
+
+def take(stage, host, level, **config):
+    """Lets the host's daemon read these keys."""
+    host.configure(LOG_LEVEL=level, **config)
+    stage.daemon(host).send(signal.SIGHUP)
+    harness.wait_for(lambda: host.root.status()["logLevel"] == level, "the lists are read")
+
+
+@pytest.mark.parametrize("version", [4, 6])
+def test_by_default_control_is_for_the_host_and_the_master(stage, service_of, version):
+    one, two = stage.build(2, version=version).clients
+    stage.start_all()
+    master = stage.master
+    log = master.root.log()
+    on_master = service_of(master, one)
+    for operation in ("terminate", "restartLocalPushTimer", "restartAllPushTimers"):
+        refused(getattr(on_master, operation))
+    assert refusals(log) == ["Refused: %s may not %s (ALLOW.control = local, master)"
+                             % (one.address, operation) for operation in
+                             ("terminate", "restartLocalPushTimer", "restartAllPushTimers")]
+    refused(service_of(two, one).terminate)
+    # Everything else is for everybody.
+    assert put(on_master, "notes", "anything") == SUCCESS
+    assert "notes" in [each.subject for each in query(on_master)]
+    # The master, and the host itself at its address and over the loopback.
+    service_of(two, master).restartLocalPushTimer()
+    service_of(two, two).restartLocalPushTimer()
+    service_of(two, two, "127.0.0.1" if version == 4 else "::1").restartLocalPushTimer()
+    assert service_of(one, master).terminate() is True
+    assert stage.daemon(one).wait() == 0
+    assert service_of(two, two).terminate() is True
+    assert stage.daemon(two).wait() == 0
+
+
+def test_the_command_line_is_refused_and_then_admitted(stage):
+    one, two = stage.build(2).clients
+    stage.start_all()
+    master = stage.master
+    log = master.root.log()
+    assert one.ctl("refresh", "--all", code=1) == (
+        "qmdiscoctl: the discovery service on master refused, its log has the reason: not "
+        "permitted: NO_PERMISSION (minor 0x00000000, COMPLETED_NO)\n")
+    assert refusals(log) == ["Refused: %s may not restartAllPushTimers (ALLOW.control = local, "
+                             "master)" % one.address]
+    take(stage, master, 5, **{"ALLOW.control": "local, %s" % str(one).upper()})
+
+    def admitted():
+        done = one.run(harness.program("qmdiscoctl"), "--root", one.path, "refresh", "--all")
+        return done.returncode == 0
+    harness.wait_for(admitted, "the name is resolved")
+    assert "refused" in two.ctl("refresh", "--all", code=1)
+    assert "refused" in two.ctl("stop", "--host", "master", code=1)
+
+
+def test_own_by_the_names_of_hosts(stage, service_of):
+    """The real explorers of all hosts pass with `own` in both lists."""
+    stage.build(2, config={"master": {"ALLOW.write": "own", "ALLOW.register": "own"}})
+    stage.start_all()
+    one, two = stage.clients
+    master = stage.master
+    harness.wait_for(lambda: {"3 %s %s.xml" % (each, each) for each in (one, two, master)}
+                     <= set(master.root.files()), "all hosts have pushed")
+    on_master = service_of(master, one)
+    assert put(on_master, "notes", str(one)) == SUCCESS
+    refused(put, on_master, "notes", str(two))
+    refused(put, on_master, "notes", "master")
+    refused(lambda: on_master.registerExplorer("DiscoveryService", str(two), "s", str(one),
+                                               AuthorityType.AT_EXTSRC, 1))
+    refused(lambda: on_master.registerExplorer("DiscoveryService", str(one), "s", str(two),
+                                               AuthorityType.AT_EXTSRC, 1))
+    # A client that may write passes on what it is given, so the master decides about its own name.
+    assert put(service_of(two, one), "passed on", str(two)) == SUCCESS
+
+
+def test_ranges_and_a_name_that_appears_later(stage, service_of):
+    one, two = stage.build(2).clients
+    stage.start_all()
+    master = stage.master
+    hosts = stage.lab.directory / "hosts"
+    text = hosts.read_text()
+    log = master.root.log()
+    take(stage, master, 5, **{"ALLOW.read": "%s/32 late" % one.address})
+    assert query(service_of(master, one), subject="none") == []
+    refused(query, service_of(master, two))
+    harness.wait_for(lambda: 'Cannot resolve "late" of the lists ALLOW.*, without a certificate it '
+                             "admits nobody" in log.failures("AccessRules"), "the name is missing")
+    hosts.write_text(text + "%s late\n" % two.address)
+
+    def admitted():
+        try:
+            return query(service_of(master, two), subject="none") == []
+        except giop.SystemException:
+            return False
+    harness.wait_for(admitted, "the name is resolved within ten seconds")
