@@ -36,6 +36,11 @@ bool isOlder(Clock::rep since, Clock::time_point now, Clock::duration age)
 
 } // namespace
 
+std::size_t roomBeyond(std::size_t connections)
+{
+    return std::max<std::size_t>(connections / 5, 64);
+}
+
 std::string peerOfAddress(const std::string& address)
 {
     std::array<unsigned char, 16> bytes{};
@@ -100,14 +105,14 @@ void ConnectionTable::changeSize(Peer& peer, std::size_t before)
 bool ConnectionTable::admit(const void* key, WatchedConnection& connection)
 {
     const std::lock_guard guard(m_mutex);
-    if (m_connections.size() >= m_limits.connections && !makePlace()) {
+    const std::string name = peerOfAddress(connection.address());
+    if (m_connections.size() >= m_limits.connections && !makePlaceFor(name)) {
         ++m_counts.refused;
         PLATFORM_WARN("Orb::accept", "Refused a connection of " << connection.address() << ": all "
                                                                 << m_limits.connections
                                                                 << " are taken and in use");
         return false;
     }
-    const std::string name = peerOfAddress(connection.address());
     Peer& peer = m_peers[name];
     peer.name = name;
     if (!peer.threads)
@@ -140,11 +145,15 @@ void ConnectionTable::remove(const void* key, WatchedConnection& connection)
 
 /// Closes an idle connection of the peer that has the most. The connection leaves the table a
 /// moment later, when its owner has noticed it. So the table may have some more than its limit for
-/// a moment, but not more than a tenth.
-bool ConnectionTable::makePlace()
+/// a moment. A flood uses this room up. So a part of it is for the peers that have few.
+bool ConnectionTable::makePlaceFor(const std::string& newcomer)
 {
+    const auto found = m_peers.find(newcomer);
+    const std::size_t has = found == m_peers.end() ? 0 : found->second.connections.size();
+    const bool hasFew = has * m_peers.size() <= m_limits.connections;
+    const std::size_t room = roomBeyond(m_limits.connections);
     if (m_bySize.empty() ||
-        m_connections.size() >= m_limits.connections + m_limits.connections / 10)
+        m_connections.size() >= m_limits.connections + (hasFew ? room : room / 2))
         return false;
     Peer& peer = *m_bySize.rbegin()->second;
     WatchedConnection* const idle = longestIdle(peer);

@@ -152,7 +152,7 @@ class ConnectionTable
     };
     using BySize = std::set<std::pair<std::size_t, Peer*>>;
 
-    bool makePlace();
+    bool makePlaceFor(const std::string& newcomer);
     WatchedConnection* longestIdle(Peer& peer);
     void breakOff(WatchedConnection& connection);
     void countStalled(const WatchedConnection& connection, const char* what);
@@ -171,6 +171,10 @@ class ConnectionTable
     std::condition_variable m_wake;
     std::thread m_thread; ///< last, because it uses all members above
 };
+
+/// How many connections beyond its limit the table may have for a moment, until those that it
+/// closed are gone.
+std::size_t roomBeyond(std::size_t connections);
 
 /// Connections of one network count as one peer: an IPv6 host chooses among 2^64 addresses of its
 /// network. Returns the address itself for IPv4.

@@ -206,8 +206,7 @@ unsigned long roomForConnections(unsigned long wanted)
     rlimit limit{};
     if (::getrlimit(RLIMIT_NOFILE, &limit) != 0)
         return wanted;
-    // The table may have a tenth more for a moment.
-    const rlim_t needed = wanted + wanted / 10 + OTHER_DESCRIPTORS;
+    const rlim_t needed = wanted + roomBeyond(wanted) + OTHER_DESCRIPTORS;
     if (limit.rlim_cur < needed) {
         limit.rlim_cur = std::min(needed, limit.rlim_max);
         (void)::setrlimit(RLIMIT_NOFILE, &limit);
@@ -215,7 +214,7 @@ unsigned long roomForConnections(unsigned long wanted)
     if (limit.rlim_cur >= needed)
         return wanted;
     const rlim_t others = std::min<rlim_t>(OTHER_DESCRIPTORS, limit.rlim_cur / 2);
-    const unsigned long room = std::max<unsigned long>((limit.rlim_cur - others) / 11 * 10, 1);
+    const unsigned long room = std::max<unsigned long>((limit.rlim_cur - others) * 5 / 6, 1);
     PLATFORM_WARN("Orb", "This process may open " << limit.rlim_cur << " files (ulimit -n), so "
                                                   << room << " connections are admitted, not "
                                                   << wanted << " (MAX_CONNECTIONS)");

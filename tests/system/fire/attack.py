@@ -92,18 +92,22 @@ def most_of_a_put(writer, size=200_000):
 def stalled_puts(daemon, attacker, count):
     """So many puts that lack their last bytes, each with a writer of its own."""
     service = daemon.client(source=ATTACKER)
-    for number in range(count):
-        writer = open_writer(service, record("stalled%d" % number, "attacker"))
+    writers = [open_writer(service, record("stalled%d" % number, "attacker"))
+               for number in range(count)]
+    for writer in writers:
         attacker.connect().sendall(most_of_a_put(writer))
 
 
 def unread_pages(daemon, attacker, count):
-    """So many pages that nobody reads."""
+    """So many connections that ask for pages and read none."""
     service = daemon.client(source=ATTACKER)
     assert put(service, "large", "attacker", bytes(16 << 20), chunk=1 << 20) == SUCCESS
+    iterators = []
     for _ in range(count):
         _, iterator = service.getCollectionData(record("large", "attacker"), "")
         iterator.pageSize = 1 << 20
+        iterators.append(iterator)
+    for iterator in iterators:
         # More pages than the kernel's buffers take.
         attacker.connect(receive_buffer=4096).sendall(request(iterator, "getNextPage") * 8)
 

@@ -114,16 +114,24 @@ TEST_F(ConnectionTableTest, WithoutAnIdleOneTheNewcomerIsRefused)
                                           "in use"});
 }
 
-TEST_F(ConnectionTableTest, ThoseDrivenOutMayTakeATenthMoreUntilTheyAreGone)
+TEST_F(ConnectionTableTest, AFloodIsRefusedBeforeThePeersThatHaveFew)
 {
-    open("192.0.2.2", LIMITS.connections);
-    EXPECT_TRUE(open("192.0.2.3").isAdmitted());
-    EXPECT_TRUE(open("192.0.2.3").isAdmitted());
-    EXPECT_FALSE(open("192.0.2.3").isAdmitted()) << "22 are open";
-    EXPECT_EQ(brokenOf("192.0.2.2"), 2u);
+    const std::size_t room = roomBeyond(LIMITS.connections);
+    open("192.0.2.1", 1);
+    std::size_t admitted = 0;
+    while (open("192.0.2.2").isAdmitted())
+        ++admitted;
+    EXPECT_EQ(admitted, LIMITS.connections + room / 2 - 1);
+    connections.pop_back();
+    open("192.0.2.1", 5);
+    EXPECT_FALSE(open("192.0.2.2").isAdmitted());
+    connections.pop_back();
+    EXPECT_EQ(brokenOf("192.0.2.1"), 0u);
+    EXPECT_EQ(brokenOf("192.0.2.2"), room / 2 + 5);
     std::erase_if(connections, [](const auto& each) { return each->isBroken(); });
-    EXPECT_EQ(table.counts().open, LIMITS.connections);
-    EXPECT_EQ(table.counts().highest, LIMITS.connections + 2);
+    EXPECT_EQ(table.counts().open, LIMITS.connections) << "those driven out are gone";
+    EXPECT_EQ(table.counts().highest, LIMITS.connections + room / 2 + 5);
+    EXPECT_EQ(table.counts().refused, 2u);
 }
 
 TEST_F(ConnectionTableTest, AnIPv6NetworkIsOnePeer)
