@@ -1,4 +1,4 @@
-"""A small GIOP 1.2 client and server for the tests only.
+"""A small GIOP client and server for the tests only.
 
 It shares no code with the programs under test. So it does not repeat their mistakes about the wire
 format. It uses only Python's standard library.
@@ -11,6 +11,7 @@ from .discovery import (AuthorityType, CollAttributes, CollectionDataIterator, C
                         DiscoveryResult, DiscoveryService, DiscoveryStatus, RemoteWriter)
 from .errors import GiopError, SystemException
 from .ior import NIL, Ior, IorError, parse_reference
+from .messages import LATIN_1, UTF_8
 from .orb import Orb
 from .server import HangUp, Server
 
@@ -18,6 +19,6 @@ __all__ = [
     "AuthorityType", "CdrError", "CollAttributes", "CollectionDataIterator", "CollectionStorage",
     "CollectionType", "ConnectionLost", "Decoder", "Discovery", "DiscoveryIterator",
     "DiscoveryQuery", "DiscoveryResult", "DiscoveryService", "DiscoveryStatus", "Encoder",
-    "GiopError", "HangUp", "Ior", "IorError", "MessageRefused", "NIL", "Orb", "RemoteWriter",
-    "Server", "SystemException", "Timeout", "parse_reference",
+    "GiopError", "HangUp", "Ior", "IorError", "LATIN_1", "MessageRefused", "NIL", "Orb",
+    "RemoteWriter", "Server", "SystemException", "Timeout", "UTF_8", "parse_reference",
 ]

@@ -11,10 +11,12 @@ class CdrError(ValueError):
 
 
 class Encoder:
-    """Appends values to a message. `start` is the offset of the first byte in the message."""
+    """Appends values to a message. `start` is the offset of the first byte in the message. Strings
+    are in `encoding`."""
 
-    def __init__(self, little=True, start=0):
+    def __init__(self, little=True, start=0, encoding="utf-8"):
         self.little = little
+        self.encoding = encoding
         self._start = start
         self._bytes = bytearray()
         self._order = "<" if little else ">"
@@ -64,8 +66,8 @@ class Encoder:
         return self.ulong(len(data)).raw(data)
 
     def string(self, text):
-        """Writes a string in UTF-8, or bytes unchanged. The length includes the zero at the end."""
-        data = text if isinstance(text, bytes) else text.encode("utf-8")
+        """Writes a string, or bytes unchanged. The length includes the zero at the end."""
+        data = text if isinstance(text, bytes) else text.encode(self.encoding)
         return self.octets(data + b"\0")
 
     def encapsulation(self, fill):
@@ -77,10 +79,12 @@ class Encoder:
 
 
 class Decoder:
-    """Reads values from the bytes of a message. `start` means the same as in Encoder."""
+    """Reads values from the bytes of a message. `start` and `encoding` mean the same as in
+    Encoder."""
 
-    def __init__(self, data, little=True, start=0):
+    def __init__(self, data, little=True, start=0, encoding="utf-8"):
         self.little = little
+        self.encoding = encoding
         self._data = bytes(data)
         self._start = start
         self._pos = 0
@@ -139,7 +143,7 @@ class Decoder:
         data = self.octets()
         if not data.endswith(b"\0") or b"\0" in data[:-1]:
             raise CdrError("string %r" % data)
-        return data[:-1].decode("utf-8")
+        return data[:-1].decode(self.encoding)
 
     def enum(self, kind):
         value = self.ulong()

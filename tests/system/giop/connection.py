@@ -97,7 +97,7 @@ class Connection:
             raise GiopError("a message of %d bytes" % size)
         return kind, little, more, self._receive(size, deadline)
 
-    def receive_reply(self, request_id):
+    def receive_reply(self, request_id, version=(1, 2), encoding="utf-8"):
         """(reply status, decoder of the body)"""
         kind, decoder = self.receive_message()
         if kind == MessageType.CLOSE_CONNECTION:
@@ -106,10 +106,14 @@ class Connection:
             raise MessageRefused("the peer refuses the message")
         if kind != MessageType.REPLY:
             raise GiopError("%s instead of a reply" % kind.name)
+        decoder.encoding = encoding
+        if version < (1, 2):
+            decoder.sequence(lambda d: (d.ulong(), d.octets()))  # service contexts
         if decoder.ulong() != request_id:
             raise GiopError("a reply to another request")
         status = decoder.ulong()
-        decoder.sequence(lambda d: (d.ulong(), d.octets()))  # service contexts
-        if decoder.left():
-            decoder.align(8)
+        if version >= (1, 2):
+            decoder.sequence(lambda d: (d.ulong(), d.octets()))
+            if decoder.left():
+                decoder.align(8)
         return status, decoder

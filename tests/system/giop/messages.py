@@ -1,4 +1,4 @@
-"""GIOP 1.2 messages."""
+"""GIOP messages."""
 
 import enum
 import struct
@@ -18,6 +18,7 @@ RESPONSE_EXPECTED = 3
 CODE_SETS = 1
 UTF_8 = 0x05010001
 UTF_16 = 0x00010109
+LATIN_1 = 0x00010001
 
 
 class MessageType(enum.IntEnum):
@@ -60,13 +61,30 @@ def parse_header(data):
         struct.unpack("<I" if little else ">I", data[8:12])[0]
 
 
-def request_body(request_id, key, operation, arguments, little=True):
-    """The part of a request after the header. `arguments(encoder)` writes the arguments."""
-    encoder = Encoder(little, HEADER_SIZE)
+def request_body(request_id, key, operation, arguments, little=True, version=(1, 2),
+                 code_set=UTF_8, encoding="utf-8"):
+    """The part of a request after the header. `arguments(encoder)` writes the arguments.
+
+    code_set: the code set of characters that the request names; None names none.
+    """
+    encoder = Encoder(little, HEADER_SIZE, encoding)
+
+    def contexts():
+        encoder.ulong(0 if code_set is None else 1)
+        if code_set is not None:
+            encoder.ulong(CODE_SETS).encapsulation(lambda e: e.ulong(code_set).ulong(UTF_16))
+    if version < (1, 2):
+        contexts()
+        encoder.ulong(request_id).boolean(True)
+        if version == (1, 1):
+            encoder.raw(bytes(3))
+        encoder.octets(key).string(operation).octets(b"")  # without a principal
+        arguments(encoder)
+        return encoder.bytes()
     encoder.ulong(request_id).octet(RESPONSE_EXPECTED).raw(bytes(3))
     encoder.short(0).octets(key)  # the target: an object key
     encoder.string(operation)
-    encoder.ulong(1).ulong(CODE_SETS).encapsulation(lambda e: e.ulong(UTF_8).ulong(UTF_16))
+    contexts()
     start = len(encoder)
     encoder.align(8)
     aligned = len(encoder)
@@ -76,10 +94,10 @@ def request_body(request_id, key, operation, arguments, little=True):
     return body if len(body) > aligned else body[:start]
 
 
-def messages(kind, body, little=True, fragment_size=None):
+def messages(kind, body, little=True, fragment_size=None, version=(1, 2)):
     """The bytes of a message. With fragment_size, each fragment has at most that many bytes."""
     if fragment_size is None or HEADER_SIZE + len(body) <= fragment_size:
-        return header(kind, len(body), little) + body
+        return header(kind, len(body), little, version=version) + body
     if fragment_size % 8 or fragment_size < 32:
         raise ValueError("a fragment's size is a multiple of 8, from 32 on")
     request_id = body[:4]

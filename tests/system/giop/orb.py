@@ -5,7 +5,7 @@ import contextlib
 from .connection import Connection, ConnectionClosed, ConnectionLost
 from .errors import GiopError, SystemException
 from .ior import Ior, parse_reference
-from .messages import MessageType, ReplyStatus, messages, request_body
+from .messages import UTF_8, MessageType, ReplyStatus, messages, request_body
 
 FORWARDS_AT_MOST = 5
 
@@ -18,15 +18,22 @@ class Orb:
     network: returns a context manager. Connections are made inside it, for example from another
     host.
     source: the address of this host that the connections come from; None lets the system choose.
+    version: the version of GIOP.
+    code_set: the code set of characters that requests name; None: they name none.
+    encoding: how strings are encoded.
     """
 
     def __init__(self, timeout=30.0, little=True, fragment_size=None,
-                 network=contextlib.nullcontext, source=None):
+                 network=contextlib.nullcontext, source=None, version=(1, 2), code_set=UTF_8,
+                 encoding="utf-8"):
         self.timeout = timeout
         self._little = little
         self._fragment_size = fragment_size
         self._network = network
         self._source = source
+        self._version = version
+        self._code_set = code_set
+        self._encoding = encoding
         self._connections = {}
         self._forwards = {}
         self._last_id = 0
@@ -85,10 +92,11 @@ class Orb:
             self._connections[address] = connection
         self._last_id += 1
         try:
-            body = request_body(self._last_id, target.key, operation, arguments, self._little)
+            body = request_body(self._last_id, target.key, operation, arguments, self._little,
+                                self._version, self._code_set, self._encoding)
             connection.send(messages(MessageType.REQUEST, body, self._little,
-                                     self._fragment_size))
-            return connection.receive_reply(self._last_id)
+                                     self._fragment_size, self._version))
+            return connection.receive_reply(self._last_id, self._version, self._encoding)
         except (ConnectionLost, GiopError, ValueError):
             # A late reply on this connection could look like the reply to the next request.
             del self._connections[address]
