@@ -34,6 +34,7 @@
 #include "ConnectionTable.h"
 #include "PlatformLog.h"
 #include "RemoteCalls.h"
+#include "ReplyCodeSet.h"
 #include "RequestPeerState.h"
 #include "WatchedTransport.h"
 
@@ -304,6 +305,7 @@ void OrbCore::openServer()
 {
     omniORB::getInterceptors()->serverReceiveRequest.add(&refuseForeignKey);
     omniORB::getInterceptors()->serverReceiveRequest.add(&checkRequest);
+    omniORB::getInterceptors()->serverSendReply.add(&checkReplyCodeSet);
     CORBA::Object_var object = m_orb->resolve_initial_references("RootPOA");
     m_rootPOA = PortableServer::POA::_narrow(object);
     m_rootManager = m_rootPOA->the_POAManager();
