@@ -19,6 +19,7 @@ constexpr struct
     {"COMM_FAILURE", "the connection broke"},
     {"OBJECT_NOT_EXIST", "there is no such object"},
     {"NO_PERMISSION", "not permitted"},
+    {"DATA_CONVERSION", "a name that the code set of one side cannot carry"},
     {"MARSHAL", "a message that cannot be understood, or is too large"},
     {"NO_MEMORY", "it has no resources left"},
     {"NO_RESOURCES", "it has no resources left"},

@@ -18,6 +18,7 @@ TEST(ExplainTest, EveryFailureOfAServiceHasWordsAndItsName)
     EXPECT_EQ(words(CORBA::COMM_FAILURE()), "the connection broke");
     EXPECT_EQ(words(CORBA::OBJECT_NOT_EXIST()), "there is no such object");
     EXPECT_EQ(words(CORBA::NO_PERMISSION()), "not permitted");
+    EXPECT_EQ(words(CORBA::DATA_CONVERSION()), "a name that the code set of one side cannot carry");
     EXPECT_EQ(words(CORBA::MARSHAL()), "a message that cannot be understood, or is too large");
     EXPECT_EQ(words(CORBA::NO_MEMORY()), "it has no resources left");
     EXPECT_EQ(words(CORBA::NO_RESOURCES()), "it has no resources left");
