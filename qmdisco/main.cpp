@@ -6,6 +6,7 @@
 
 #include <DiscoveryRepository.h>
 #include <DiscoverySvc.h>
+#include <MemoryCeiling.h>
 #include <OpenWriters.h>
 #include <ServiceCounters.h>
 
@@ -20,6 +21,7 @@ Qmdisco::Counters counters()
     Qmdisco::Counters result;
     for (const auto& counter : Tlx::DiscoverySvc::serviceCounters())
         result.emplace_back(counter.name, counter.value);
+    result.emplace_back("memoryCeiling", Tlx::DiscoverySvc::memoryCeiling());
     return result;
 }
 

@@ -197,8 +197,10 @@ class OrbOptions
     std::vector<std::array<const char*, 2>> m_pairs;
 };
 
-/// What the process needs beside connections: records, writers, logs, libraries.
-constexpr unsigned long OTHER_DESCRIPTORS = 4096;
+/// What the process needs at least beside connections: records, writers, logs, libraries.
+constexpr rlim_t OTHER_DESCRIPTORS = 4096;
+/// Each open reader of a record has a descriptor, too. So the process takes this many if it may.
+constexpr rlim_t USUAL_DESCRIPTORS = 65536;
 
 /// How many connections the limit on descriptors leaves room for. Raises the limit if it can.
 unsigned long roomForConnections(unsigned long wanted)
@@ -207,13 +209,13 @@ unsigned long roomForConnections(unsigned long wanted)
     if (::getrlimit(RLIMIT_NOFILE, &limit) != 0)
         return wanted;
     const rlim_t needed = wanted + roomBeyond(wanted) + OTHER_DESCRIPTORS;
-    if (limit.rlim_cur < needed) {
-        limit.rlim_cur = std::min(needed, limit.rlim_max);
-        (void)::setrlimit(RLIMIT_NOFILE, &limit);
-    }
+    limit.rlim_cur =
+        std::max(limit.rlim_cur, std::min(std::max(needed, USUAL_DESCRIPTORS), limit.rlim_max));
+    (void)::setrlimit(RLIMIT_NOFILE, &limit);
+    (void)::getrlimit(RLIMIT_NOFILE, &limit);
     if (limit.rlim_cur >= needed)
         return wanted;
-    const rlim_t others = std::min<rlim_t>(OTHER_DESCRIPTORS, limit.rlim_cur / 2);
+    const rlim_t others = std::min(OTHER_DESCRIPTORS, limit.rlim_cur / 2);
     const unsigned long room = std::max<unsigned long>((limit.rlim_cur - others) * 5 / 6, 1);
     PLATFORM_WARN("Orb", "This process may open " << limit.rlim_cur << " files (ulimit -n), so "
                                                   << room << " connections are admitted, not "

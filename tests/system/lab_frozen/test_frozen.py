@@ -153,4 +153,7 @@ def test_a_stop_gives_up_what_comes_slowly(stage):
         assert stage.daemon(stage.master).stop() == 0
         assert seconds_since(began) <= SLACK
         asked.exception(harness.CALL_LIMIT)
-    assert "The service is shutting down, the read is given up" in log.failures("../RemoteDB")
+    # The stop meets the read during a page, or between two.
+    [text] = log.failures("../RemoteDB")
+    assert text == "The service is shutting down, the read is given up" or \
+        text.startswith("Caught CORBA Exception while reading collection data: COMM_FAILURE")
