@@ -130,7 +130,8 @@ bool ConnectionTable::admit(const void* key, WatchedConnection& connection)
 
 void ConnectionTable::remove(const void* key, WatchedConnection& connection)
 {
-    const std::lock_guard guard(m_mutex);
+    std::unique_lock guard(m_mutex);
+    m_unpinned.wait(guard, [&connection] { return connection.m_pins == 0; });
     if (m_connections.erase(key) == 0)
         return;
     const auto found = m_peers.find(peerOfAddress(connection.address()));
@@ -141,6 +142,23 @@ void ConnectionTable::remove(const void* key, WatchedConnection& connection)
     if (peer.connections.empty())
         m_peers.erase(found);
     m_counts.open = m_connections.size();
+}
+
+WatchedConnection* ConnectionTable::pin(const void* key)
+{
+    const std::lock_guard guard(m_mutex);
+    const auto found = m_connections.find(key);
+    if (found == m_connections.end())
+        return nullptr;
+    ++found->second->m_pins;
+    return found->second;
+}
+
+void ConnectionTable::unpin(WatchedConnection& connection)
+{
+    const std::lock_guard guard(m_mutex);
+    if (--connection.m_pins == 0)
+        m_unpinned.notify_all();
 }
 
 /// Closes an idle connection of the peer that has the most. The connection leaves the table a

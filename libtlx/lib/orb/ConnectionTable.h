@@ -75,6 +75,7 @@ class WatchedConnection
     std::atomic<Clock::rep> m_lastUse;
     std::atomic<unsigned> m_waits{0}; ///< a request and a reply may wait at the same time
     bool m_brokenOff = false;         ///< of the table
+    unsigned m_pins = 0;              ///< of the table
     std::list<WatchedConnection*>::iterator m_place;
 };
 
@@ -116,14 +117,15 @@ class ConnectionTable
     [[nodiscard]] bool admit(const void* key, WatchedConnection& connection);
     void remove(const void* key, WatchedConnection& connection);
 
-    /// Calls use(connection) if the key is in the table. The connection stays there meanwhile.
+    /// Calls use(connection) if the key is in the table, without the table's mutex. The connection
+    /// stays there meanwhile: remove waits. So use must not remove it.
     template <class Use>
     void with(const void* key, Use&& use)
     {
-        const std::lock_guard guard(m_mutex);
-        const auto found = m_connections.find(key);
-        if (found != m_connections.end())
-            use(*found->second);
+        if (WatchedConnection* const connection = pin(key)) {
+            use(*connection);
+            unpin(*connection);
+        }
     }
 
     /// A wait of a connection has ended at its limit, and its owner closes it. Logs and counts it.
@@ -152,6 +154,8 @@ class ConnectionTable
     };
     using BySize = std::set<std::pair<std::size_t, Peer*>>;
 
+    WatchedConnection* pin(const void* key);
+    void unpin(WatchedConnection& connection);
     bool makePlaceFor(const std::string& newcomer);
     WatchedConnection* longestIdle(Peer& peer);
     void breakOff(WatchedConnection& connection);
@@ -161,7 +165,7 @@ class ConnectionTable
     void run();
 
     const ConnectionLimits m_limits;
-    mutable std::mutex m_mutex; ///< for all below; a leaf, except for the ORB's locks in with()
+    mutable std::mutex m_mutex; ///< for all below; a leaf
     std::unordered_map<const void*, WatchedConnection*> m_connections;
     std::unordered_map<std::string, Peer> m_peers;
     BySize m_bySize;
@@ -169,6 +173,7 @@ class ConnectionTable
     std::atomic<bool> m_stopping{false};
     bool m_ended = false;
     std::condition_variable m_wake;
+    std::condition_variable m_unpinned;
     std::thread m_thread; ///< last, because it uses all members above
 };
 

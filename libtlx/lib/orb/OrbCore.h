@@ -32,8 +32,10 @@ struct OrbSettings
 /// bounds on queries and pulls are lower, so slow calls do not delay others.
 constexpr int CONNECTIONS_TO_A_HOST = 100;
 
-/// The most requests of one connection at a time, each on its own thread. Further ones wait.
-constexpr int REQUESTS_OF_A_CONNECTION = 4;
+/// The most requests of one connection at a time. Further ones wait. The ORB corrupts its memory
+/// when two threads serve one connection and a peer uses the id of a request again for one that
+/// comes in fragments.
+constexpr int REQUESTS_OF_A_CONNECTION = 1;
 
 /// Brings the ORB up and takes it down. Any thread may use it in between.
 class OrbCore

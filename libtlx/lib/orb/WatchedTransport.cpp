@@ -245,7 +245,9 @@ class TcpEndpoint final : public omni::tcpEndpoint
         m_cookie = cookie;
         while (!m_poked) {
             if (m_accepted.empty()) {
-                SocketHolder::setSelectable(1, false);
+                if (!m_isWatched) // each call wakes the collection, so not in each round
+                    SocketHolder::setSelectable(1, false);
+                m_isWatched = true;
                 if (!Select())
                     return nullptr;
                 continue;
@@ -291,6 +293,7 @@ class TcpEndpoint final : public omni::tcpEndpoint
     /// for each connection would be slow. Returns false if the endpoint is gone.
     bool acceptSome()
     {
+        m_isWatched = false; // the collection has reported it
         while (m_accepted.size() < ACCEPTED_AT_ONCE) {
             const int socket = ::accept4(SocketHolder::pd_socket, nullptr, nullptr, SOCK_CLOEXEC);
             if (socket >= 0) {
@@ -314,6 +317,7 @@ class TcpEndpoint final : public omni::tcpEndpoint
     omni::giopConnection::notifyReadable_t m_notify = nullptr;
     void* m_cookie = nullptr;
     std::deque<int> m_accepted; ///< sockets that have no connection yet
+    bool m_isWatched = false;   ///< whether the collection watches the listening socket
     std::atomic<bool> m_poked{false};
 };
 
