@@ -12,13 +12,11 @@
 #include <tlx/StopNotice.h>
 
 // giopStrand.h needs these headers and does not include them.
-#include <omniORB4/IOP_C.h>
 #include <omniORB4/callDescriptor.h>
-#include <omniORB4/internal/GIOP_C.h>
+#include <omniORB4/internal/giopStream.h>
+
 #include <omniORB4/internal/giopRope.h>
 #include <omniORB4/internal/giopStrand.h>
-#include <omniORB4/internal/giopStream.h>
-#include <omniORB4/internal/giopStreamImpl.h>
 #include <omniORB4/omniInterceptors.h>
 #include <omniORB4/tcpConnection.h>
 
