@@ -4,6 +4,7 @@
 
 #include <tlx/OrbService.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "AccessRules.h"

@@ -8,6 +8,7 @@
 
 #include <tlx/ForeignCode.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "support/Capture.h"
