@@ -9,6 +9,7 @@
 #include <tlx/FileTrust.h>
 #include <tlx/HostConfig.h>
 #include <tlx/Log.h>
+#include <tlx/Orb.h>
 
 #include "ProductKeys.h"
 
@@ -48,7 +49,10 @@ ExitCode checkConfig(std::ostream& out)
     const auto exposed = exposure(config);
     if (exposed)
         out << *exposed << "\n";
-    if (read && problems.empty() && !exposed) {
+    const std::string tls = Tlx::Orb::tlsMistake();
+    if (!tls.empty())
+        out << config.configFile() << ": " << tls << "\n";
+    if (read && problems.empty() && !exposed && tls.empty()) {
         out << config.configFile() << ": OK\n";
         return EC_OK;
     }

@@ -233,6 +233,7 @@ ExitCode Daemon::serve()
         if (wish.reload)
             attempt("the reload", [this] { reload(); });
         m_manager.ping();
+        Tlx::Orb::checkTlsExpiry();
         publish("running");
     }
 
@@ -272,6 +273,7 @@ void Daemon::reload()
     factory.setBurst(wantedLogBurst());
     logConfigProblems(ConfigRead::Again);
     m_watch->setLimit(config.number(Tlx::ConfigKey::STOP_LIMIT));
+    attempt("the TLS certificate", [] { Tlx::Orb::reloadTls(); });
     attempt("doReconfig", [this] { m_service->doReconfig(); });
     log(Tlx::LogSeverity::Debug, "The configuration was read again");
     m_manager.ready(upText());
@@ -291,6 +293,8 @@ Result<> Daemon::step(const char* name, const std::function<void()>& work)
     try {
         work();
         return {};
+    } catch (const Tlx::OrbConfigError& e) {
+        return tl::unexpected(Failure{EC_CONFIGURATION, e.what()});
     } catch (const Tlx::OrbError& e) {
         return tl::unexpected(Failure{EC_CANNOT_LISTEN, e.what()});
     } catch (const CORBA::Exception& e) {
@@ -383,6 +387,7 @@ void Daemon::publish(const char* state)
     attempt("status.json", [this, state] {
         m_status.host = HostConfig::instance().localHostName();
         m_status.requestsInProgress = Tlx::Orb::requestsInProgress();
+        m_status.certificateExpires = Tlx::Orb::tlsExpiry();
         m_status.counters = m_hosted.counters();
         const Tlx::LogCounters logged = Tlx::LoggerFactory::instance().counters();
         m_status.counters.emplace_back("logLinesSummedUp", logged.summedUp);
@@ -394,9 +399,14 @@ void Daemon::publish(const char* state)
         m_status.counters.emplace_back("connectionsRefused", connections.refused);
         m_status.counters.emplace_back("connectionsDrivenOut", connections.drivenOut);
         m_status.counters.emplace_back("connectionsStalled", connections.stalled);
-        m_status.counters.emplace_back("requestsBeyondShare", connections.requestsRefused);
+        m_status.counters.emplace_back("connectionsMalformed", connections.malformed);
+        m_status.counters.emplace_back("connectionsCrowdedOut", connections.crowdedOut);
+        m_status.counters.emplace_back("requestsWaiting", connections.requestsWaiting);
+        m_status.counters.emplace_back("requestsWaitingHighest",
+                                       connections.requestsWaitingHighest);
         if (m_hosted.explorers)
             m_status.explorers = m_hosted.explorers();
+        m_status.counters.emplace_back("requestsTurnedAway", Tlx::Orb::requestsTurnedAway());
         if (m_hosted.writers)
             m_status.writers = m_hosted.writers();
         writeStatus(state);

@@ -12,7 +12,7 @@ std::string exitCodeTable()
         {EC_OK, "stopped in order, or not wanted on this host"},
         {EC_UNEXPECTED, "unexpected failure"},
         {EC_USAGE, "wrong option"},
-        {EC_CONFIGURATION, "--check-config found problems"},
+        {EC_CONFIGURATION, "TLS cannot be used as configured, or --check-config found problems"},
         {EC_ALREADY_RUNNING, "another qmdisco is running on this root"},
         {EC_ROOT_UNUSABLE, "the root cannot be made or written"},
         {EC_NO_PRIVILEGE, "no privilege to reopen stored records"},

@@ -58,10 +58,12 @@ Result<Options> parseOptions(int argc, const char* const* argv)
             ->check(checkLogLevel, "");
     app.set_version_flag("--version", std::string("qmdisco ") + version());
     app.set_help_flag("--help,-h", "Print this help and exit");
-    app.footer("Signals:\n"
-               "  SIGTERM, SIGINT  stop in order\n"
-               "  SIGHUP           read etc/qm.conf anew: LOG_LEVEL and STOP_LIMIT\n\n" +
-               exitCodeTable());
+    app.footer(
+        "Signals:\n"
+        "  SIGTERM, SIGINT  stop in order\n"
+        "  SIGHUP           read etc/qm.conf anew: LOG_LEVEL, LOG_SEVERITY, LOG_BURST,\n"
+        "                   STOP_LIMIT, ALLOW.* and MAX_REMOTE_PRIORITY; and the files of TLS\n\n" +
+        exitCodeTable());
 
     try {
         app.parse(argc, argv);

@@ -72,6 +72,7 @@ std::string toJson(const Status& status)
         {"logLevel", status.logLevel},
         {"assertions", status.assertions},
         {"requestsInProgress", status.requestsInProgress},
+        {"certificateExpires", timeOrNull(status.certificateExpires)},
         {"counters", counters},
         {"writers", toDocument(status.writers)},
         {"nextPush", timeOrNull(status.explorers.nextPush)},

@@ -67,6 +67,8 @@ struct Status
     int logLevel = 0;
     unsigned long assertions = 0;
     unsigned requestsInProgress = 0;
+    /// When the time of this host's certificate ends, seconds since the epoch; 0 without TLS.
+    long long certificateExpires = 0;
     Counters counters;
     Writers writers;
     Explorers explorers;

@@ -27,12 +27,14 @@ enum class ServiceCounter
     ITERATORS_REFUSED,  ///< because none was idle
     WRITERS_OPEN,
     WRITERS_HIGHEST,
-    WRITERS_GIVEN_UP, ///< left alone for WRITER_IDLE_LIMIT
-    WRITERS_REFUSED,  ///< beyond MAX_WRITERS_PER_PEER
-    PULLED_BYTES,     ///< of pulled collections in memory
+    WRITERS_GIVEN_UP,    ///< left alone for WRITER_IDLE_LIMIT
+    WRITERS_REFUSED,     ///< beyond MAX_WRITERS_PER_PEER, or beyond a share of the free names
+    WRITERS_CROWDED_OUT, ///< those of them that were beyond a share of the free names
+    PULLED_BYTES,        ///< of pulled collections in memory
     PULLED_BYTES_HIGHEST,
-    PULLS_REFUSED, ///< collections that did not fit into memory
-    FOREIGN_USES,  ///< requests on an object of another peer
+    PULLS_REFUSED,      ///< collections that did not fit into memory
+    EXPLORERS_GIVEN_UP, ///< registrations of other hosts that went because of their number
+    FOREIGN_USES,       ///< requests on an object of another peer
 };
 
 /// Adds to a counter. Any thread may call it; it never waits.

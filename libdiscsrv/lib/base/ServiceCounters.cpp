@@ -26,9 +26,11 @@ constexpr std::array NAMES = {"queries",
                               "writersHighest",
                               "writersGivenUp",
                               "writersRefused",
+                              "writersCrowdedOut",
                               "pulledBytes",
                               "pulledBytesHighest",
                               "pullsRefused",
+                              "explorersGivenUp",
                               "foreignUses"};
 
 std::array<std::atomic<unsigned long long>, NAMES.size()>& values()

@@ -20,6 +20,8 @@ constexpr std::uint64_t PROCESS = 96 * MIB;
 /// Beside the arguments of its request: a page, the reply, the used part of the stack.
 constexpr std::uint64_t THREAD = 3 * MIB;
 constexpr std::uint64_t CONNECTION = 8 * KIB;
+/// What a connection takes in addition while its TLS handshake lasts. Afterwards it is a quarter.
+constexpr std::uint64_t HANDSHAKE = 96 * KIB;
 /// Without the bytes of a pulled collection.
 constexpr std::uint64_t OPEN_OBJECT = 8 * KIB;
 constexpr std::uint64_t WRITERS = 1000;
@@ -33,9 +35,11 @@ std::uint64_t memoryCeiling()
 {
     const HostConfig& config = HostConfig::instance();
     const auto number = [&config](const DeclaredKey& key) { return config.number(key); };
+    const bool hasTls = config.getString(ConfigKey::TLS).value_or("off") != "off";
     return PROCESS +
            number(ConfigKey::REQUEST_THREADS) * (number(ConfigKey::MAX_MESSAGE_BYTES) + THREAD) +
-           number(ConfigKey::MAX_CONNECTIONS) * CONNECTION +
+           number(ConfigKey::MAX_ARRIVING_BYTES) +
+           number(ConfigKey::MAX_CONNECTIONS) * (CONNECTION + (hasTls ? HANDSHAKE : 0)) +
            (number(ConfigKey::MAX_ITERATORS) + WRITERS) * OPEN_OBJECT +
            number(ConfigKey::MAX_PULLED_BYTES) + DiscoveryRepository::MAX_EXPLORERS * REGISTRATION +
            number(ConfigKey::CACHED_RECORDS) * CACHED_RECORD;

@@ -62,6 +62,14 @@ class DeclaredKey
         return key;
     }
 
+    /// The value is the absolute path of a file.
+    static constexpr DeclaredKey file(const char* name)
+    {
+        return text(
+            name, [](const std::string& value) { return value.starts_with('/'); },
+            "is no absolute path");
+    }
+
     /// The value is a list, with commas or blanks between its entries. An entry that `accepts`
     /// returns false for is a mistake. It is left out, and the others hold. An empty list is no
     /// mistake. Such a key says who may do what. So no mistake gives it its default, which may
@@ -83,7 +91,18 @@ class DeclaredKey
         return key;
     }
 
+    /// The same key, but a mistake does not give it its default. Its reader gets the wrong value,
+    /// and refuses it. For a key whose default protects less than the line was meant to.
+    constexpr DeclaredKey withoutDefault() const
+    {
+        DeclaredKey key = *this;
+        key.m_keepsMistakes = true;
+        return key;
+    }
+
     constexpr const char* name() const { return m_name; }
+    /// Whether the reader of the key gets a value that has a mistake. Lists are such keys.
+    constexpr bool keepsMistakes() const { return m_keepsMistakes || isList(); }
     constexpr bool isTakenWhileRunning() const { return m_takenWhileRunning; }
     /// The default of a number; 0 for other kinds.
     constexpr std::uint64_t standard() const { return m_standard; }
@@ -128,6 +147,7 @@ class DeclaredKey
     std::uint64_t m_standard = 0;
     Accepts m_accepts = nullptr;
     bool m_takenWhileRunning = false;
+    bool m_keepsMistakes = false;
 };
 
 /// The keys of one component; it lives as long as the process.

@@ -106,6 +106,18 @@ class Orb
     /// The connections of other hosts. All zeros in a client and before the first Orb.
     static ConnectionCounts connectionCounts();
 
+    /// Reads the files of TLS again, for new connections in both directions. If one has a mistake,
+    /// an error is logged and the old ones stay. Does nothing without TLS.
+    static void reloadTls();
+    /// What is wrong with the files of TLS in the configuration, as a line that names the key and
+    /// the file. Empty if nothing is, if TLS is off, and if its mode itself is a mistake.
+    static std::string tlsMistake();
+    /// Logs a warning once a day from 30 days before the end of this host's certificate, and an
+    /// error after it. Call it often. Does nothing without TLS.
+    static void checkTlsExpiry();
+    /// When the time of this host's certificate ends, in seconds since the epoch; 0 without TLS.
+    static long long tlsExpiry();
+
     /// The object that the host's service advertises under a name, after the object itself has
     /// answered. The limit holds for name resolution, connection and first call together, even if
     /// the peer accepts and stays silent. A call into this process itself runs on the calling
@@ -116,6 +128,8 @@ class Orb
     /// How many servant operations (tlx/Servant.h) run in this process now. The status and the stop
     /// need it.
     static unsigned requestsInProgress();
+    /// How many requests found too many others that waited for the same servant.
+    static unsigned long long requestsTurnedAway();
 
   private:
     struct State;
@@ -143,6 +157,13 @@ class OrbError : public std::runtime_error
 {
   public:
     using std::runtime_error::runtime_error;
+};
+
+/// The same, because of a mistake in the configuration of TLS. what() names the key and the file.
+class OrbConfigError : public OrbError
+{
+  public:
+    using OrbError::OrbError;
 };
 
 /// Sets the process-wide reactor, which the timers use. Null removes it.

@@ -13,8 +13,11 @@ struct ConnectionCounts
     std::uint64_t refused = 0;   ///< closed at once, because there was no place
     std::uint64_t drivenOut = 0; ///< idle ones, closed to make place for others
     std::uint64_t stalled = 0;   ///< closed because a message or the reading of a reply stalled
-    /// Requests of peers that had their share of the threads.
-    std::uint64_t requestsRefused = 0;
+    std::uint64_t malformed = 0; ///< closed because the peer sent what no peer may send
+    /// Closed because the requests that had arrived took too much memory.
+    std::uint64_t crowdedOut = 0;
+    std::uint64_t requestsWaiting = 0;        ///< that wait for a thread now
+    std::uint64_t requestsWaitingHighest = 0; ///< the most at the same time
 };
 
 } // namespace Veltrane::Quillmark::Tlx

@@ -19,6 +19,12 @@ struct RequestPeer
     {
         return certificateName.empty() ? address : certificateName;
     }
+    /// A text that two requests have in common only if they come from the same peer. No address
+    /// passes for a name in a certificate.
+    std::string key() const
+    {
+        return (certificateName.empty() ? "address " : "name ") + identity();
+    }
 };
 
 /// The peer whose request this thread serves, from the moment when the request's header is known.

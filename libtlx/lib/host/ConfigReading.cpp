@@ -33,8 +33,8 @@ const ConfigText::Value* ConfigReading::find(const DeclaredKey& key,
     if (found == m_text.values.end())
         return nullptr;
     // Nobody may have declared the key when the text was read, so the value may be unchecked. The
-    // reader of a list leaves out its wrong entries.
-    if (!key.isList() && !key.complaintAbout(written, found->second.text).empty())
+    // reader of a key that keeps its mistakes looks itself.
+    if (!key.keepsMistakes() && !key.complaintAbout(written, found->second.text).empty())
         return nullptr;
     return &found->second;
 }

@@ -75,7 +75,7 @@ class Reader
         const std::string written(trimmed(content.substr(0, equals), BLANKS));
         if (std::string wrong = unreadable(line, content, equals); !wrong.empty()) {
             const DeclaredKey* const key = m_keys.find(written);
-            if (key && key->isList())
+            if (key && key->keepsMistakes())
                 m_result.values[written] = {"", place};
             return wrong;
         }
@@ -107,7 +107,7 @@ class Reader
         }
         const std::string name = key->keptName(written);
         const std::string wrong = key->complaintAbout(written, value.text);
-        if (wrong.empty() || key->isList()) {
+        if (wrong.empty() || key->keepsMistakes()) {
             m_result.values[name] = std::move(value);
             return wrong.empty() ? wrong : name + ": " + wrong;
         }

@@ -68,13 +68,14 @@ WatchedConnection::Wait::~Wait()
         m_connection.m_waitsSince = 0;
 }
 
-void WatchedConnection::noteIncomplete()
+void WatchedConnection::noteIncomplete(const char* stall)
 {
+    m_stall = stall;
     Clock::rep none = 0;
     m_incompleteSince.compare_exchange_strong(none, ticks(Clock::now()));
 }
 
-void WatchedConnection::noteRequest()
+void WatchedConnection::noteArrived()
 {
     m_incompleteSince.store(0, std::memory_order_relaxed);
     m_lastUse.store(ticks(Clock::now()), std::memory_order_relaxed);
@@ -102,7 +103,7 @@ void ConnectionTable::changeSize(Peer& peer, std::size_t before)
         m_bySize.insert({peer.connections.size(), &peer});
 }
 
-bool ConnectionTable::admit(const void* key, WatchedConnection& connection)
+bool ConnectionTable::admit(Key key, WatchedConnection& connection)
 {
     const std::lock_guard guard(m_mutex);
     const std::string name = peerOfAddress(connection.address());
@@ -115,10 +116,6 @@ bool ConnectionTable::admit(const void* key, WatchedConnection& connection)
     }
     Peer& peer = m_peers[name];
     peer.name = name;
-    if (!peer.threads)
-        peer.threads =
-            std::make_shared<PeerThreads>(static_cast<unsigned>(m_limits.threads * 3 / 4));
-    connection.m_threads = std::make_shared<ConnectionThreads>(peer.threads);
     const std::size_t before = peer.connections.size();
     connection.m_place = peer.connections.insert(peer.connections.end(), &connection);
     changeSize(peer, before);
@@ -128,12 +125,13 @@ bool ConnectionTable::admit(const void* key, WatchedConnection& connection)
     return true;
 }
 
-void ConnectionTable::remove(const void* key, WatchedConnection& connection)
+void ConnectionTable::remove(Key key, WatchedConnection& connection)
 {
     std::unique_lock guard(m_mutex);
     m_unpinned.wait(guard, [&connection] { return connection.m_pins == 0; });
     if (m_connections.erase(key) == 0)
         return;
+    m_keptBytes -= connection.m_keptBytes.exchange(0);
     const auto found = m_peers.find(peerOfAddress(connection.address()));
     Peer& peer = found->second;
     const std::size_t before = peer.connections.size();
@@ -144,7 +142,7 @@ void ConnectionTable::remove(const void* key, WatchedConnection& connection)
     m_counts.open = m_connections.size();
 }
 
-WatchedConnection* ConnectionTable::pin(const void* key)
+WatchedConnection* ConnectionTable::pin(Key key)
 {
     const std::lock_guard guard(m_mutex);
     const auto found = m_connections.find(key);
@@ -162,8 +160,8 @@ void ConnectionTable::unpin(WatchedConnection& connection)
 }
 
 /// Closes an idle connection of the peer that has the most. The connection leaves the table a
-/// moment later, when its owner has noticed it. So the table may have some more than its limit for
-/// a moment. A flood uses this room up. So a part of it is for the peers that have few.
+/// moment later, when its owner has noticed the end. Until then the table has more connections than
+/// its limit. A flood uses this room up, so half of it is for the peers that have few.
 bool ConnectionTable::makePlaceFor(const std::string& newcomer)
 {
     const auto found = m_peers.find(newcomer);
@@ -185,7 +183,7 @@ bool ConnectionTable::makePlaceFor(const std::string& newcomer)
     return true;
 }
 
-/// The connection in front came first, or was looked at longest ago.
+/// Looks at the connections in front, and moves them to the end. So the next call looks at others.
 WatchedConnection* ConnectionTable::longestIdle(Peer& peer)
 {
     WatchedConnection* best = nullptr;
@@ -222,67 +220,92 @@ void ConnectionTable::breakOff(WatchedConnection& connection)
 void ConnectionTable::look(Clock::time_point now)
 {
     const std::lock_guard guard(m_mutex);
-    std::vector<WatchedConnection*> waiting;
+    std::vector<Waiting> waiting;
     for (const auto& [key, connection] : m_connections) {
         if (connection->m_brokenOff)
             continue;
         if (isOlder(connection->m_incompleteSince, now, m_limits.request)) {
-            countStalled(*connection, "a request began and stalled");
+            countStalled(*connection, connection->m_stall);
             breakOff(*connection);
-        } else if (isOlder(connection->m_waitsSince, now, NORMAL_WAIT)) {
-            waiting.push_back(connection);
+        } else if (const Clock::rep since = connection->m_waitsSince;
+                   isOlder(since, now, NORMAL_WAIT)) {
+            waiting.push_back({since, connection});
         }
     }
     freeThreads(waiting);
 }
 
-void ConnectionTable::freeThreads(std::vector<WatchedConnection*>& waiting)
+void ConnectionTable::freeThreads(std::vector<Waiting>& waiting)
 {
-    const auto threadsOf = [](const WatchedConnection& connection) {
-        return std::max<std::size_t>(connection.threads()->now, 1);
-    };
-    struct Stalls
-    {
-        std::size_t threads = 0;
-        std::vector<WatchedConnection*> connections; ///< the longest wait is the last
-    };
-    std::sort(waiting.begin(), waiting.end(), [](const auto* left, const auto* right) {
-        return left->m_waitsSince > right->m_waitsSince;
-    });
-    std::map<std::string, Stalls> byPeer;
-    std::size_t threads = 0;
-    for (WatchedConnection* each : waiting) {
-        Stalls& stalls = byPeer[peerOfAddress(each->address())];
-        stalls.connections.push_back(each);
-        stalls.threads += threadsOf(*each);
-        threads += threadsOf(*each);
-    }
-    while (threads > m_limits.threads / 2) {
+    std::sort(waiting.begin(), waiting.end(),
+              [](const Waiting& left, const Waiting& right) { return left.since > right.since; });
+    std::map<std::string, std::vector<WatchedConnection*>> byPeer; // the longest wait is the last
+    for (const Waiting& each : waiting)
+        byPeer[peerOfAddress(each.connection->address())].push_back(each.connection);
+    for (std::size_t threads = waiting.size(); threads > m_limits.threads / 2; --threads) {
         const auto most =
             std::max_element(byPeer.begin(), byPeer.end(), [](const auto& a, const auto& b) {
-                return a.second.threads < b.second.threads;
+                return a.second.size() < b.second.size();
             });
-        Stalls& stalls = most->second;
-        if (stalls.connections.empty())
-            return; // threads have come since they were counted
-        WatchedConnection& longest = *stalls.connections.back();
-        stalls.connections.pop_back();
-        const std::size_t freed = std::min(threadsOf(longest), stalls.threads);
-        stalls.threads -= freed;
-        threads -= freed;
+        WatchedConnection& longest = *most->second.back();
+        most->second.pop_back();
         countStalled(longest, "stalled requests take half of the threads (REQUEST_THREADS)");
         breakOff(longest);
     }
 }
 
-void ConnectionTable::noteRefused(const WatchedConnection& connection)
+void ConnectionTable::noteMalformed(const WatchedConnection& connection, const char* what)
 {
     const std::lock_guard guard(m_mutex);
-    ++m_counts.requestsRefused;
-    PLATFORM_WARN("Orb::receive", "Refused a request of "
-                                      << connection.address()
-                                      << ": its requests take three quarters of the threads "
-                                         "(REQUEST_THREADS)");
+    ++m_counts.malformed;
+    PLATFORM_WARN("Orb::receive",
+                  "Closed a connection of " << connection.address() << ": " << what);
+}
+
+void ConnectionTable::noteKept(WatchedConnection& connection, std::size_t bytes)
+{
+    const std::size_t before = connection.m_keptBytes.exchange(bytes);
+    const std::size_t all = m_keptBytes += bytes - before;
+    if (bytes <= before || all <= m_limits.keptBytes)
+        return;
+    if (WatchedConnection* const largest = pinLargest()) {
+        largest->discard();
+        unpin(*largest);
+    }
+}
+
+/// The connection that keeps the most bytes, of the peer that keeps the most. It counts as if it
+/// kept none from now on.
+WatchedConnection* ConnectionTable::pinLargest()
+{
+    const std::lock_guard guard(m_mutex);
+    std::size_t most = 0;
+    WatchedConnection* largest = nullptr;
+    for (const auto& [name, peer] : m_peers) {
+        std::size_t bytes = 0;
+        WatchedConnection* candidate = nullptr;
+        for (WatchedConnection* each : peer.connections) {
+            bytes += each->m_keptBytes;
+            if (!candidate || each->m_keptBytes > candidate->m_keptBytes)
+                candidate = each;
+        }
+        if (bytes > most) {
+            most = bytes;
+            largest = candidate;
+        }
+    }
+    if (!largest)
+        return nullptr;
+    ++m_counts.crowdedOut;
+    PLATFORM_WARN("Orb::receive", "Requests that have arrived take all of "
+                                      << m_limits.keptBytes
+                                      << " bytes (MAX_ARRIVING_BYTES). Closed a connection of "
+                                      << largest->address() << ", which took "
+                                      << largest->m_keptBytes);
+    m_keptBytes -= largest->m_keptBytes.exchange(0);
+    largest->m_brokenOff = true;
+    ++largest->m_pins;
+    return largest;
 }
 
 std::chrono::milliseconds ConnectionTable::waitLimit() const
@@ -304,6 +327,7 @@ void ConnectionTable::stop()
             std::this_thread::sleep_for(10ms);
             continue;
         }
+        m_mustHaveArrived = true;
         const std::lock_guard guard(m_mutex);
         for (const auto& [key, connection] : m_connections)
             if (connection->m_waits != 0)

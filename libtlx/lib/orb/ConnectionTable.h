@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <list>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -15,8 +16,6 @@
 #include <vector>
 
 #include <tlx/OrbCounts.h>
-
-#include "RequestPeerState.h"
 
 namespace Veltrane::Quillmark::Tlx {
 
@@ -36,12 +35,12 @@ class WatchedConnection
     WatchedConnection& operator=(const WatchedConnection&) = delete;
 
     const std::string& address() const { return m_address; }
-    /// Null before admit.
-    const std::shared_ptr<ConnectionThreads>& threads() const { return m_threads; }
 
     /// Ends the connection, so that a thread which waits in it returns at once. Any thread, any
     /// number of times. It takes no lock and does not wait.
     virtual void breakOff() = 0;
+    /// The same, and gives up the bytes that the connection keeps. It takes locks.
+    virtual void discard() = 0;
 
     /// A thread waits for bytes of a message, or for room for a reply, while this object lives.
     class Wait
@@ -56,26 +55,26 @@ class WatchedConnection
         WatchedConnection& m_connection;
     };
 
-    /// The beginning of a message has arrived, and no thread waits for the rest.
-    void noteIncomplete();
-    /// A whole message has arrived. A thread will serve it.
-    void noteRequest();
-    /// This thread serves a request of this connection. Returns false if the peer has its share of
-    /// the threads; it logs that.
-    [[nodiscard]] virtual bool beginRequest() = 0;
+    /// Something has begun to arrive, and no thread waits for the rest.
+    /// @param stall says what happened if the rest does not come in time; it lives for ever.
+    void noteIncomplete(const char* stall);
+    /// What had begun has arrived: a handshake, or a message.
+    void noteArrived();
 
   private:
     friend class ConnectionTable;
 
     const std::string m_address;
-    std::shared_ptr<ConnectionThreads> m_threads;
-    // Moments are ticks of Clock. 0: there is none.
+    std::atomic<std::size_t> m_keptBytes{0};
+    // Moments, as ticks of Clock; 0 means never.
     std::atomic<Clock::rep> m_waitsSince{0};
     std::atomic<Clock::rep> m_incompleteSince{0};
     std::atomic<Clock::rep> m_lastUse;
-    std::atomic<unsigned> m_waits{0}; ///< a request and a reply may wait at the same time
-    bool m_brokenOff = false;         ///< of the table
-    unsigned m_pins = 0;              ///< of the table
+    std::atomic<const char*> m_stall{""}; ///< as noteIncomplete says
+    std::atomic<unsigned> m_waits{0};     ///< a request and a reply may wait at the same time
+    // With the table's mutex.
+    bool m_brokenOff = false;
+    unsigned m_pins = 0; ///< calls of `with` that use it now
     std::list<WatchedConnection*>::iterator m_place;
 };
 
@@ -85,6 +84,7 @@ struct ConnectionLimits
     std::size_t connections;                   ///< all connections together
     std::size_t threads;                       ///< that serve requests
     std::chrono::milliseconds request;         ///< for the rest of a message that has begun
+    std::size_t keptBytes;                     ///< that have arrived, and that no thread serves yet
     std::chrono::milliseconds stopGrace{1000}; ///< for a wait during the stop
 };
 
@@ -92,17 +92,19 @@ struct ConnectionLimits
 /// at the connections four times a second.
 ///
 /// When a connection comes and all places are taken, the peer with the most connections loses the
-/// one that it has left idle for long. So a peer that opens thousands drives out its own ones only.
+/// one that it has left idle for long. So a peer that opens thousands loses only its own ones.
 ///
-/// The requests of one peer may take three quarters of the threads. Further ones are refused.
+/// Connections keep the bytes of requests that wait for their rest, or for a thread. When these are
+/// too many, the peer with the most bytes loses the connection with the most.
 ///
 /// Threads may wait for the rest of a message, or until a peer reads its reply. When connections
-/// with such waits take more than half of the threads, the peer with the most threads loses the
-/// one that waits for longest. So a peer that stalls cannot take all threads.
+/// with such waits take more than half of the threads, the peer with the most of them loses the one
+/// that waits for longest. So a peer that stalls cannot take all threads.
 class ConnectionTable
 {
   public:
     using Clock = WatchedConnection::Clock;
+    using Key = std::uint64_t;
 
     /// @throws std::system_error if its thread cannot be started.
     explicit ConnectionTable(const ConnectionLimits& limits);
@@ -110,17 +112,15 @@ class ConnectionTable
     ConnectionTable(const ConnectionTable&) = delete;
     ConnectionTable& operator=(const ConnectionTable&) = delete;
 
-    const ConnectionLimits& limits() const { return m_limits; }
-
     /// Takes a new connection in, under a key that its owner chooses. Returns false if there is no
     /// place for it; then the owner closes it. The owner calls remove before the connection goes.
-    [[nodiscard]] bool admit(const void* key, WatchedConnection& connection);
-    void remove(const void* key, WatchedConnection& connection);
+    [[nodiscard]] bool admit(Key key, WatchedConnection& connection);
+    void remove(Key key, WatchedConnection& connection);
 
     /// Calls use(connection) if the key is in the table, without the table's mutex. The connection
     /// stays there meanwhile: remove waits. So use must not remove it.
     template <class Use>
-    void with(const void* key, Use&& use)
+    void with(Key key, Use&& use)
     {
         if (WatchedConnection* const connection = pin(key)) {
             use(*connection);
@@ -131,14 +131,21 @@ class ConnectionTable
     /// A wait of a connection has ended at its limit, and its owner closes it. Logs and counts it.
     void noteStalled(const WatchedConnection& connection, const char* what);
 
-    /// A request of a peer that has all its threads was refused. Logs and counts it.
-    void noteRefused(const WatchedConnection& connection);
+    /// The peer sent what no peer may send, and its owner closes the connection. Logs and counts
+    /// it.
+    void noteMalformed(const WatchedConnection& connection, const char* what);
+    /// How many bytes the connection keeps now. May discard this or another connection. The caller
+    /// holds no lock that discard takes.
+    void noteKept(WatchedConnection& connection, std::size_t bytes);
 
     /// The service stops. Gives the waits that are in progress a moment, then breaks off those
     /// that are left. Later waits get the same moment.
     void stop();
+    bool isStopping() const { return m_stopping; }
     /// How long a wait may last now.
     std::chrono::milliseconds waitLimit() const;
+    /// Whether the moment for requests that arrive during the stop is over.
+    bool mustHaveArrived() const { return m_mustHaveArrived; }
 
     ConnectionCounts counts() const;
 
@@ -149,28 +156,35 @@ class ConnectionTable
     struct Peer
     {
         std::string name;
-        std::list<WatchedConnection*> connections; ///< the one that came first is in front
-        std::shared_ptr<PeerThreads> threads;
+        std::list<WatchedConnection*> connections; ///< in the order of longestIdle
+    };
+    struct Waiting
+    {
+        Clock::rep since;
+        WatchedConnection* connection;
     };
     using BySize = std::set<std::pair<std::size_t, Peer*>>;
 
-    WatchedConnection* pin(const void* key);
+    WatchedConnection* pin(Key key);
     void unpin(WatchedConnection& connection);
+    WatchedConnection* pinLargest();
     bool makePlaceFor(const std::string& newcomer);
     WatchedConnection* longestIdle(Peer& peer);
     void breakOff(WatchedConnection& connection);
     void countStalled(const WatchedConnection& connection, const char* what);
     void changeSize(Peer& peer, std::size_t before);
-    void freeThreads(std::vector<WatchedConnection*>& waiting);
+    void freeThreads(std::vector<Waiting>& waiting);
     void run();
 
     const ConnectionLimits m_limits;
     mutable std::mutex m_mutex; ///< for all below; a leaf
-    std::unordered_map<const void*, WatchedConnection*> m_connections;
+    std::unordered_map<Key, WatchedConnection*> m_connections;
     std::unordered_map<std::string, Peer> m_peers;
     BySize m_bySize;
     ConnectionCounts m_counts;
+    std::atomic<std::size_t> m_keptBytes{0};
     std::atomic<bool> m_stopping{false};
+    std::atomic<bool> m_mustHaveArrived{false};
     bool m_ended = false;
     std::condition_variable m_wake;
     std::condition_variable m_unpinned;

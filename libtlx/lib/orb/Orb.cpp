@@ -13,6 +13,7 @@
 #include "OrbLookup.h"
 #include "PlatformLog.h"
 #include "TimerReactor.h"
+#include "TlsContext.h"
 
 namespace Veltrane::Quillmark::Tlx {
 
@@ -22,6 +23,28 @@ constexpr const char* LOG_SOURCE = "../Orb";
 
 std::atomic<ACE_Reactor*> processReactor{nullptr};
 
+TlsSettings tlsSettings(const HostConfig& config)
+{
+    const auto refuse = [&config](const DeclaredKey& key, const std::string& value) {
+        throw OrbConfigError(std::string(key.name()) + ": " +
+                             key.complaintAbout(key.name(), value) + " (" + config.placeOf(key) +
+                             ")");
+    };
+    TlsSettings settings;
+    const std::string written = config.getString(ConfigKey::TLS).value_or("off");
+    const auto mode = parseTlsMode(written);
+    if (!mode)
+        refuse(ConfigKey::TLS, written);
+    settings.mode = mode.value_or(TlsMode::REQUIRED);
+    if (settings.mode == TlsMode::OFF)
+        return settings;
+    settings.files = {config.getString(ConfigKey::TLS_CERTIFICATE).value_or(""),
+                      config.getString(ConfigKey::TLS_KEY).value_or(""),
+                      config.getString(ConfigKey::TLS_CA).value_or("")};
+    settings.top = config.root();
+    return settings;
+}
+
 OrbSettings settingsFor(bool clientOnly, const std::string& endpoint)
 {
     const HostConfig& config = HostConfig::instance();
@@ -30,8 +53,10 @@ OrbSettings settingsFor(bool clientOnly, const std::string& endpoint)
     settings.listen = endpoint.empty() ? toText(config.listenEndpoint()) : endpoint;
     settings.publish = config.getString(ConfigKey::PUBLISH_ADDRESS).value_or("");
     settings.maxMessageBytes = config.number(ConfigKey::MAX_MESSAGE_BYTES);
+    settings.tls = tlsSettings(config);
     settings.maxConnections = config.number(ConfigKey::MAX_CONNECTIONS);
     settings.threads = config.number(ConfigKey::REQUEST_THREADS);
+    settings.maxArrivingBytes = config.number(ConfigKey::MAX_ARRIVING_BYTES);
     settings.requestTimeout = std::chrono::seconds(config.number(ConfigKey::REQUEST_TIMEOUT));
     settings.idleConnection =
         std::chrono::seconds(config.number(ConfigKey::IDLE_CONNECTION_SECONDS));
@@ -43,6 +68,8 @@ std::shared_ptr<OrbCore> acquireCore(bool clientOnly, const std::string& endpoin
 {
     try {
         return OrbCore::acquire(settingsFor(clientOnly, endpoint));
+    } catch (const OrbConfigError&) {
+        throw;
     } catch (const OrbError& e) {
         if (clientOnly || !endpoint.empty())
             throw;
@@ -189,6 +216,36 @@ void Orb::breakOffWaits()
 ConnectionCounts Orb::connectionCounts()
 {
     return OrbCore::connectionCounts();
+}
+
+void Orb::reloadTls()
+{
+    if (const auto tls = OrbCore::currentTls())
+        tls->reload();
+}
+
+std::string Orb::tlsMistake()
+{
+    const HostConfig& config = HostConfig::instance();
+    if (!parseTlsMode(config.getString(ConfigKey::TLS).value_or("off")))
+        return {};
+    const TlsSettings settings = tlsSettings(config);
+    if (settings.mode == TlsMode::OFF)
+        return {};
+    const auto loaded = TlsIdentity::load(settings.files, settings.top);
+    return loaded ? std::string() : loaded.error();
+}
+
+void Orb::checkTlsExpiry()
+{
+    if (const auto tls = OrbCore::currentTls())
+        tls->checkExpiry(TlsContext::Clock::now());
+}
+
+long long Orb::tlsExpiry()
+{
+    const auto tls = OrbCore::currentTls();
+    return tls ? TlsContext::Clock::to_time_t(tls->expiry()) : 0;
 }
 
 void Orb::setOrbRequestTimeout(unsigned seconds)

@@ -36,6 +36,10 @@
 #include "RemoteCalls.h"
 #include "ReplyCodeSet.h"
 #include "RequestPeerState.h"
+#include "RequestQueue.h"
+#include "ServedConnection.h"
+#include "TlsCalls.h"
+#include "TlsContext.h"
 #include "WatchedTransport.h"
 
 namespace Veltrane::Quillmark::Tlx {
@@ -118,7 +122,28 @@ std::string whyNotBound(const std::string& text)
     return error ? std::strerror(error) : "";
 }
 
-/// The "ADDRESS:PORT" in a reference.
+/// The port for TLS in a reference's profile; 0 without one.
+CORBA::UShort tlsPortOf(const IIOP::ProfileBody& profile)
+{
+    // An encapsulation: the byte order, padding, then three numbers of two bytes.
+    constexpr CORBA::ULong SIZE = 8;
+    for (CORBA::ULong i = 0; i < profile.components.length(); ++i) {
+        const IOP::TaggedComponent& each = profile.components[i];
+        if (each.tag != IOP::TAG_SSL_SEC_TRANS || each.component_data.length() != SIZE)
+            continue;
+        cdrEncapsulationStream stream(each.component_data.get_buffer(), SIZE, true);
+        CORBA::UShort supports = 0;
+        CORBA::UShort requires_ = 0;
+        CORBA::UShort port = 0;
+        supports <<= stream;
+        requires_ <<= stream;
+        port <<= stream;
+        return port;
+    }
+    return 0;
+}
+
+/// The "ADDRESS:PORT" in a reference. A reference for TLS only has its port in another place.
 std::string endpointOf(CORBA::Object_ptr reference)
 {
     omniIOR* ior = reference->_PR_getobj() ? reference->_PR_getobj()->_getIOR() : nullptr;
@@ -132,7 +157,7 @@ std::string endpointOf(CORBA::Object_ptr reference)
         IIOP::unmarshalProfile(ior->iopProfiles()[i], profile);
         Endpoint endpoint;
         endpoint.address = profile.address.host.in();
-        endpoint.port = profile.address.port;
+        endpoint.port = profile.address.port != 0 ? profile.address.port : tlsPortOf(profile);
         return toText(endpoint);
     }
     return {};
@@ -153,9 +178,8 @@ CORBA::Boolean refuseForeignKey(omni::omniInterceptors::serverReceiveRequest_T::
 CORBA::Boolean checkRequest(omni::omniInterceptors::serverReceiveRequest_T::info_T& info)
 {
     const char* const name = info.peeridentity();
-    auto* const watched = dynamic_cast<WatchedConnection*>(info.giop_s.strand().connection);
-    if (watched && !watched->beginRequest())
-        throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+    const auto* const watched =
+        dynamic_cast<const WatchedConnection*>(info.giop_s.strand().connection);
     if (!admitRequest({watched ? watched->address() : addressOfConnection(info.peeraddress()),
                        name ? name : ""},
                       info.operation()))
@@ -224,12 +248,18 @@ unsigned long roomForConnections(unsigned long wanted)
     return room;
 }
 
+/// How many requests of one peer may have threads at the same time: three quarters of all.
+std::size_t shareOfAPeer(std::size_t threads)
+{
+    return std::max<std::size_t>(threads * 3 / 4, 1);
+}
+
 std::shared_ptr<ConnectionTable> makeConnectionTable(const OrbSettings& settings)
 {
     try {
         return std::make_shared<ConnectionTable>(
             ConnectionLimits{roomForConnections(settings.maxConnections), settings.threads,
-                             settings.requestTimeout});
+                             settings.requestTimeout, settings.maxArrivingBytes});
     } catch (const std::system_error& e) {
         throw OrbError(std::string("cannot start the thread that watches connections: ") +
                        e.what());
@@ -240,6 +270,14 @@ std::mutex sharedMutex;
 std::weak_ptr<OrbCore> shared;
 
 } // namespace
+
+/// The ORB of the process, or null. Its destructor takes the mutex, so the result outlives the
+/// lock.
+std::shared_ptr<OrbCore> OrbCore::current()
+{
+    const std::lock_guard guard(sharedMutex);
+    return shared.lock();
+}
 
 std::shared_ptr<OrbCore> OrbCore::acquire(const OrbSettings& settings)
 {
@@ -253,6 +291,7 @@ std::shared_ptr<OrbCore> OrbCore::acquire(const OrbSettings& settings)
 
 OrbCore::OrbCore(const OrbSettings& settings)
 {
+    startTls(settings.tls);
     try {
         start(settings);
     } catch (const CORBA::SystemException& e) {
@@ -263,6 +302,17 @@ OrbCore::OrbCore(const OrbSettings& settings)
             throw OrbError("cannot listen on " + settings.listen + ": " + why);
         throw OrbError("cannot bring the ORB up: " + describeException(e));
     }
+}
+
+void OrbCore::startTls(const TlsSettings& settings)
+{
+    if (settings.mode == TlsMode::OFF)
+        return;
+    auto loaded = TlsContext::load(settings.files, settings.top);
+    if (!loaded)
+        throw OrbConfigError(loaded.error());
+    m_tls = std::move(*loaded);
+    m_tlsCalls = std::make_unique<TlsCalls>(m_tls, settings.mode);
 }
 
 void OrbCore::start(const OrbSettings& settings)
@@ -281,10 +331,18 @@ void OrbCore::start(const OrbSettings& settings)
     // Saves a request before the first call to each object: an iterator or a writer gets few.
     options.add("verifyObjectExistsAndType", 0);
     options.add("outConScanPeriod", 120); // seconds after which an idle connection is closed
+    // With TLS required, no plain connection is accepted or opened, whatever a reference contains.
+    if (m_tlsCalls)
+        options.add("clientTransportRule", m_tlsCalls->transportRule());
+    if (settings.tls.mode == TlsMode::REQUIRED)
+        options.add("serverTransportRule", "* ssl");
     // A client gets no endpoint. It makes no POA, so it listens nowhere.
     if (!settings.clientOnly) {
         m_connections = makeConnectionTable(settings);
-        installWatchedTransport(m_connections);
+        m_requests =
+            std::make_shared<RequestQueue>(settings.threads, shareOfAPeer(settings.threads));
+        installWatchedTransport({m_connections, m_requests, settings.maxMessageBytes, m_tls,
+                                 settings.tls.mode == TlsMode::REQUIRED});
         options.add("endPoint", toUri(settings.listen));
         options.add("endPointPublish", toPublish(settings.publish));
         options.add("threadPerConnectionPolicy", 0);
@@ -297,6 +355,8 @@ void OrbCore::start(const OrbSettings& settings)
     int argc = 0;
     m_orb = CORBA::ORB_init(argc, nullptr, "omniORB4", options.pairs());
     limitRemoteCalls();
+    if (m_tlsCalls)
+        m_tlsCalls->watch();
     if (settings.clientOnly)
         return;
     m_listenAddress = parseEndpoint(settings.listen).value_or(Endpoint()).address;
@@ -381,15 +441,28 @@ void OrbCore::breakOffWaits()
 {
     announceStop();
     breakOffCalls();
+    if (m_tlsCalls)
+        m_tlsCalls->breakOff();
     if (m_connections)
         m_connections->stop();
 }
 
 ConnectionCounts OrbCore::connectionCounts()
 {
-    const std::lock_guard guard(sharedMutex);
-    const auto core = shared.lock();
-    return core && core->m_connections ? core->m_connections->counts() : ConnectionCounts();
+    const std::shared_ptr<OrbCore> core = current();
+    if (!core || !core->m_connections)
+        return {};
+    ConnectionCounts counts = core->m_connections->counts();
+    const RequestQueue::Counts requests = core->m_requests->counts();
+    counts.requestsWaiting = requests.waiting;
+    counts.requestsWaitingHighest = requests.highest;
+    return counts;
+}
+
+std::shared_ptr<TlsContext> OrbCore::currentTls()
+{
+    const std::shared_ptr<OrbCore> core = current();
+    return core ? core->m_tls : nullptr;
 }
 
 void OrbCore::serveRequests()

@@ -1,6 +1,6 @@
 #pragma once
-// The one ORB of the process, shared by count. Only this file, its source and OrbLookup.cpp use the
-// ORB's own interfaces; all others use the standard mapping.
+// The one ORB of the process, shared by count. Only the sources of this room use the ORB's own
+// interfaces; all others use the standard mapping.
 
 #include <chrono>
 #include <memory>
@@ -10,9 +10,24 @@
 #include <tlx/HostConfig.h>
 #include <tlx/OrbCounts.h>
 
+#include "TlsIdentity.h"
+#include "TlsMode.h"
+
 namespace Veltrane::Quillmark::Tlx {
 
 class ConnectionTable;
+class RequestQueue;
+class TlsCalls;
+class TlsContext;
+
+/// TLS for both directions.
+struct TlsSettings
+{
+    TlsMode mode = TlsMode::OFF;
+    TlsFiles files; ///< not used when off
+    /// The administrator answers for the directories above it (tlx/FileTrust.h).
+    TlxPathname top;
+};
 
 /// The ORB's endpoints and limits.
 struct OrbSettings
@@ -21,9 +36,11 @@ struct OrbSettings
     std::string listen;  ///< "ADDRESS:PORT"; an address of zeros means all addresses
     std::string publish; ///< the address that references carry; when empty the ORB chooses
     unsigned long maxMessageBytes = 0;
+    TlsSettings tls;
     // For a server only.
     unsigned long maxConnections = 0;
     unsigned long threads = 0;
+    unsigned long maxArrivingBytes = 0;
     std::chrono::seconds requestTimeout{0};
     std::chrono::seconds idleConnection{0};
 };
@@ -49,6 +66,8 @@ class OrbCore
     /// A client gets the exception OBJ_ADAPTER.
     PortableServer::POA_ptr rootPOA() const;
     const std::string& endpoint() const { return m_endpoint; }
+    /// The rules for calls to other hosts; null without TLS.
+    TlsCalls* tlsCalls() const { return m_tlsCalls.get(); }
     /// Whether a numeric address and port lead to this process. It may listen there, or its
     /// references may publish them.
     bool leadsHere(const Endpoint& endpoint) const;
@@ -60,13 +79,22 @@ class OrbCore
     void breakOffWaits();
     /// As Orb::connectionCounts.
     static ConnectionCounts connectionCounts();
+    /// The TLS of the process's ORB; null without an ORB and without TLS.
+    static std::shared_ptr<TlsContext> currentTls();
 
   private:
     explicit OrbCore(const OrbSettings& settings);
+    static std::shared_ptr<OrbCore> current();
     void start(const OrbSettings& settings);
+    void startTls(const TlsSettings& settings);
     void openServer();
 
-    std::shared_ptr<ConnectionTable> m_connections; ///< null for a client
+    // Null without TLS. They live longer than the ORB.
+    std::shared_ptr<TlsContext> m_tls;
+    std::unique_ptr<TlsCalls> m_tlsCalls;
+    // Null for a client.
+    std::shared_ptr<ConnectionTable> m_connections;
+    std::shared_ptr<RequestQueue> m_requests;
     CORBA::ORB_var m_orb;
     PortableServer::POA_var m_rootPOA;
     PortableServer::POA_var m_namePOA; ///< of the objects that are advertised under a name

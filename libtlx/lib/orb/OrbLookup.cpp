@@ -13,6 +13,7 @@
 
 #include "OrbCore.h"
 #include "PlatformLog.h"
+#include "TlsCalls.h"
 
 namespace Veltrane::Quillmark::Tlx {
 
@@ -34,6 +35,16 @@ milliseconds left(Clock::time_point end)
     return std::chrono::duration_cast<milliseconds>(end - Clock::now());
 }
 
+/// With TLS, the most new connections of one look. The service may forward to another address.
+constexpr unsigned MOST_NEW_CONNECTIONS = 3;
+
+/// Whether another try cannot help: a peer has not proved its name, or refuses new connections.
+bool hasTlsFailed()
+{
+    const TlsCalls::OnThread& done = TlsCalls::onThread();
+    return !done.failure.empty() || done.connections >= MOST_NEW_CONNECTIONS;
+}
+
 /// Whether the object exists. The ORB may have kept a connection to a service that has restarted
 /// since, and only a call shows this. A second call does no harm, so it asks again until a call
 /// uses a new connection.
@@ -41,17 +52,30 @@ bool isThere(CORBA::Object_ptr object, Clock::time_point end)
 {
     for (int kept = CONNECTIONS_TO_A_HOST;; --kept) {
         const OrbCallLimit limited(left(end));
+        const auto isLast = [&] { return kept == 0 || Clock::now() >= end || hasTlsFailed(); };
         try {
             return !object->_non_existent();
         } catch (const CORBA::COMM_FAILURE&) {
-            if (kept == 0 || Clock::now() >= end)
+            if (isLast())
                 throw;
         } catch (const CORBA::TRANSIENT& e) {
             // The same, over a connection to the object that the service forwarded to.
-            if (e.minor() != omni::TRANSIENT_FailedOnForwarded || kept == 0 || Clock::now() >= end)
+            if (e.minor() != omni::TRANSIENT_FailedOnForwarded || isLast())
                 throw;
         }
     }
+}
+
+/// Why TLS may be the reason of a failed call, as a part of a sentence; empty if it is not.
+std::string tlsReason(const CORBA::Exception& e)
+{
+    const TlsCalls::OnThread& done = TlsCalls::onThread();
+    if (!done.failure.empty())
+        return ", TLS: " + done.failure;
+    // The refusal is often lost, because the peer closes the connection at the same time.
+    if (done.connections > 0 && CORBA::COMM_FAILURE::_downcast(&e))
+        return ", TLS: it closed a new connection, perhaps because it refused this host";
+    return {};
 }
 
 using Lookup = tl::expected<CORBA::Object_var, LookupFailure>;
@@ -63,12 +87,14 @@ Lookup notFound(std::string cause, std::string exception = {})
 }
 
 /// The object at one address.
-Lookup ask(CORBA::ORB_ptr orb, const Endpoint& endpoint, const std::string& name,
+Lookup ask(const OrbCore& core, const Endpoint& endpoint, const std::string& name,
            Clock::time_point end)
 {
-    const std::string url = "corbaloc:iiop:1.2@" + toText(endpoint) + "/" + name;
+    const std::string url = core.tlsCalls() ? core.tlsCalls()->locationOf(toText(endpoint), name)
+                                            : "corbaloc:iiop:1.2@" + toText(endpoint) + "/" + name;
+    TlsCalls::forgetThread();
     try {
-        CORBA::Object_var object = orb->string_to_object(url.c_str());
+        CORBA::Object_var object = core.orb()->string_to_object(url.c_str());
         if (!CORBA::is_nil(object) && isThere(object, end))
             return object;
         PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::lookupObject", "Nothing is there: " << url);
@@ -76,7 +102,7 @@ Lookup ask(CORBA::ORB_ptr orb, const Endpoint& endpoint, const std::string& name
     } catch (const CORBA::Exception& e) {
         PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::lookupObject",
                      "No answer from " << url << ": " << describeException(e));
-        return notFound(describeException(e), e._name());
+        return notFound(describeException(e) + tlsReason(e), e._name());
     }
 }
 
@@ -114,6 +140,11 @@ Lookup lookupObject(const OrbCore& core, const AdvertisedObject& wanted)
                      "The host has no address: " << endpoint.address);
         return notFound("the name leads to no address");
     }
+    if (TlsCalls* const calls = core.tlsCalls()) {
+        calls->noteResolved(endpoint.address, addresses);
+        if (!wanted.host.text().utf8().empty())
+            calls->noteResolved(wanted.host.text().utf8(), addresses);
+    }
     Lookup answer = notFound("no answer within the time limit");
     std::size_t untried = addresses.size();
     for (const std::string& address : addresses) {
@@ -127,7 +158,7 @@ Lookup lookupObject(const OrbCore& core, const AdvertisedObject& wanted)
                                                                   << toText(endpoint));
             return notFound("it leads back to this service");
         }
-        answer = ask(core.orb(), endpoint, wanted.name, ownEnd);
+        answer = ask(core, endpoint, wanted.name, ownEnd);
         if (answer)
             break;
     }

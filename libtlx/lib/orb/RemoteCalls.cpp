@@ -11,13 +11,15 @@
 #include <tlx/Corba.h>
 #include <tlx/StopNotice.h>
 
-// giopStrand.h needs these headers and does not include them.
+// The next headers need these, and do not include them.
 #include <omniORB4/callDescriptor.h>
 #include <omniORB4/internal/giopStream.h>
+#include <omniORB4/sslContext.h>
 
 #include <omniORB4/internal/giopRope.h>
 #include <omniORB4/internal/giopStrand.h>
 #include <omniORB4/omniInterceptors.h>
+#include <omniORB4/sslConnection.h>
 #include <omniORB4/tcpConnection.h>
 
 namespace Veltrane::Quillmark::Tlx {
@@ -51,6 +53,8 @@ void breakOff(omni::giopConnection& connection)
 {
     if (const auto* tcp = dynamic_cast<const omni::tcpConnection*>(&connection))
         ::shutdown(tcp->handle(), SHUT_RDWR);
+    else if (const auto* tls = dynamic_cast<const omni::sslConnection*>(&connection))
+        ::shutdown(tls->handle(), SHUT_RDWR);
 }
 
 /// Ends the attempts of this process to connect to others.

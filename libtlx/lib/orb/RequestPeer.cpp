@@ -15,8 +15,6 @@ std::atomic<RequestCheck> requestCheck{nullptr};
 /// requests.
 thread_local RequestPeer t_arrived;
 thread_local const RequestPeer* t_peer = nullptr;
-/// What this thread's request counts for; null if it serves none.
-thread_local std::shared_ptr<ConnectionThreads> t_connection;
 
 } // namespace
 
@@ -28,26 +26,6 @@ const RequestPeer* requestPeer()
 void setRequestCheck(RequestCheck check)
 {
     requestCheck = check;
-}
-
-bool beginRequest(const std::shared_ptr<ConnectionThreads>& connection)
-{
-    if (t_connection != connection) {
-        endRequest();
-        t_connection = connection;
-        ++connection->now;
-        ++connection->peer->now;
-    }
-    return connection->peer->now <= connection->peer->most;
-}
-
-void endRequest()
-{
-    if (!t_connection)
-        return;
-    --t_connection->now;
-    --t_connection->peer->now;
-    t_connection.reset();
 }
 
 bool admitRequest(const RequestPeer& peer, const char* operation)

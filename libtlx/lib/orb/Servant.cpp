@@ -19,6 +19,7 @@ namespace {
 constexpr const char* LOG_SOURCE = "../Servant";
 
 std::atomic<unsigned> inProgress{0};
+std::atomic<unsigned long long> turnedAway{0};
 thread_local bool t_inOperation = false;
 
 const char* completionName(CORBA::CompletionStatus status)
@@ -64,6 +65,7 @@ std::unique_lock<std::recursive_mutex> StatefulServant::takeTurn()
             lock.lock();
         m_waiting.fetch_sub(1);
         if (isTooMany) {
+            turnedAway.fetch_add(1, std::memory_order_relaxed);
             const RequestPeer* const peer = requestPeer();
             PLATFORM_WARN("Servant::takeTurn",
                           "Refused a request" << (peer ? " of " + peer->address : std::string())
@@ -81,6 +83,11 @@ std::unique_lock<std::recursive_mutex> StatefulServant::takeTurn()
 unsigned Orb::requestsInProgress()
 {
     return inProgress.load(std::memory_order_relaxed);
+}
+
+unsigned long long Orb::requestsTurnedAway()
+{
+    return turnedAway.load(std::memory_order_relaxed);
 }
 
 void ServantActivity::begin()

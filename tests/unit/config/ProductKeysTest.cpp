@@ -65,6 +65,7 @@ TEST_F(ProductKeysTest, EveryNumberHasItsBoundsAndItsDefault)
           Bounds{ConfigKey::CACHED_RECORDS, 0, 10000000, 500000},
           Bounds{ConfigKey::MAX_CONNECTIONS, 16, 1000000, 10000},
           Bounds{ConfigKey::REQUEST_THREADS, 4, 4096, 128},
+          Bounds{ConfigKey::MAX_ARRIVING_BYTES, 1ULL << 20, 1ULL << 40, 1ULL << 26},
           Bounds{ConfigKey::REQUEST_TIMEOUT, 1, 3600, 30},
           Bounds{ConfigKey::IDLE_CONNECTION_SECONDS, 10, 86400, 180},
           Bounds{ConfigKey::MAX_MESSAGE_BYTES, 65536, 1ULL << 30, 8388608},
@@ -102,6 +103,32 @@ TEST_F(ProductKeysTest, TheExplorersKeysAreCheckedWithoutTheirLibrary)
               Lines{"qm.conf:1: FILESYSTEM_EXCLUDE: '' is no list of types, expected for instance "
                     "pseudo,nfs4"});
     EXPECT_FALSE(config().getString(ConfigKey::FILESYSTEM_EXCLUDE));
+}
+
+TEST_F(ProductKeysTest, AWrongModeOfTlsIsKept)
+{
+    for (const std::string good : {"off", "on", "required"}) {
+        EXPECT_EQ(problemsOf("TLS = " + good), Lines{});
+        EXPECT_EQ(config().getString(ConfigKey::TLS), good);
+    }
+    EXPECT_EQ(problemsOf("TLS = require\n"),
+              Lines{"qm.conf:1: TLS: 'require' is no mode, expected off, on or required"});
+    EXPECT_EQ(config().getString(ConfigKey::TLS), "require");
+    EXPECT_EQ(problemsOf("TLS\n"), Lines{"qm.conf:1: 'TLS' is not KEY = value"});
+    EXPECT_EQ(config().getString(ConfigKey::TLS), "");
+}
+
+TEST_F(ProductKeysTest, TheFilesOfTlsHaveAbsolutePaths)
+{
+    for (const DeclaredKey* const key :
+         {&ConfigKey::TLS_CERTIFICATE, &ConfigKey::TLS_KEY, &ConfigKey::TLS_CA}) {
+        const std::string name = key->name();
+        EXPECT_EQ(problemsOf(name + " = /etc/x.pem"), Lines{});
+        EXPECT_EQ(config().getString(*key), "/etc/x.pem");
+        EXPECT_EQ(problemsOf(name + " = x.pem"),
+                  Lines{"qm.conf:1: " + name + ": 'x.pem' is no absolute path"});
+        EXPECT_FALSE(config().getString(*key));
+    }
 }
 
 TEST_F(ProductKeysTest, ASeverityIsOneOfFour)

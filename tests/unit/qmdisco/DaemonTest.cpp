@@ -111,6 +111,12 @@ TEST_F(DaemonTest, DoRunThatCannotListen)
                                             "doStop", "destroyed"));
 }
 
+TEST_F(DaemonTest, DoRunThatCannotUseTls)
+{
+    m_script.in["doRun"] = [] { throw Tlx::OrbConfigError("TLS_KEY is not set. TLS needs it"); };
+    expectFailure(EC_CONFIGURATION, "TLS_KEY is not set. TLS needs it");
+}
+
 TEST_F(DaemonTest, DoRunThatThrowsACorbaException)
 {
     m_script.in["doRun"] = [] { throw CORBA::COMM_FAILURE(); };

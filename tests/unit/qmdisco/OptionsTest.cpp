@@ -129,7 +129,7 @@ TEST(ExitCodes, EachHasALine)
               "  0  stopped in order, or not wanted on this host\n"
               "  1  unexpected failure\n"
               "  2  wrong option\n"
-              "  3  --check-config found problems\n"
+              "  3  TLS cannot be used as configured, or --check-config found problems\n"
               "  4  another qmdisco is running on this root\n"
               "  5  the root cannot be made or written\n"
               "  6  no privilege to reopen stored records\n"

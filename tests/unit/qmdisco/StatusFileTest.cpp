@@ -35,6 +35,7 @@ Status sample()
     status.logLevel = 4;
     status.assertions = 2;
     status.requestsInProgress = 3;
+    status.certificateExpires = 1709208300 + 86400;
     status.counters = {{"puts", 5}, {"queries", 18446744073709551615u}};
     ::setenv("TZ", "CET-1", 1);
     ::tzset();
@@ -76,6 +77,7 @@ TEST_F(StatusFileTest, HasEveryMember)
   "logLevel": 4,
   "assertions": 2,
   "requestsInProgress": 3,
+  "certificateExpires": "2024-03-01T13:05:00+01:00",
   "counters": {
     "puts": 5,
     "queries": 18446744073709551615

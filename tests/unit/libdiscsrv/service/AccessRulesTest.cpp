@@ -318,6 +318,24 @@ TEST_F(AccessRulesTest, OwnMeansTheNamesThatArePeersOwn)
     rules.requireRole(AccessRole::REGISTER, "putCollection of a registration");
 }
 
+TEST_F(AccessRulesTest, WithACertificateOwnMeansItsName)
+{
+    take("ALLOW.write = own\nALLOW.register = own\n");
+    {
+        const RequestPeerMark web1({"198.51.100.9", "web1"});
+        rules.requireOwner(AccessRole::WRITE, "putCollection", {"web1"});
+        rules.requireOwner(AccessRole::REGISTER, "registerExplorer", {"WEB1", "web1."});
+        EXPECT_THROW(rules.requireOwner(AccessRole::WRITE, "putCollection", {"web2"}),
+                     CORBA::NO_PERMISSION);
+    }
+    LogCapture log;
+    const RequestPeerMark web2({"192.0.2.7", "web2"}); // the address of web1
+    EXPECT_THROW(rules.requireOwner(AccessRole::WRITE, "putCollection", {"web1"}),
+                 CORBA::NO_PERMISSION);
+    EXPECT_EQ(log.texts(1), Lines{"Refused: web2 (192.0.2.7) may not putCollection as \"web1\" "
+                                  "(ALLOW.write = own)"});
+}
+
 TEST_F(AccessRulesTest, WithoutOwnAForeignPeerIsRefusedTwice)
 {
     take("ALLOW.write = local\n");

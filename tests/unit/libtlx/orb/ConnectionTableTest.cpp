@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <barrier>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -22,26 +21,30 @@ using Clock = WatchedConnection::Clock;
 using Wait = WatchedConnection::Wait;
 
 constexpr ConnectionLimits LIMITS{
-    .connections = 20, .threads = 8, .request = 30s, .stopGrace = 20ms};
+    .connections = 20, .threads = 8, .request = 30s, .keptBytes = 1000, .stopGrace = 20ms};
 
 /// A connection without a socket.
 class Connection : public WatchedConnection
 {
   public:
     Connection(ConnectionTable& table, const std::string& address)
-        : WatchedConnection(address), m_table(table), m_admitted(table.admit(this, *this))
+        : WatchedConnection(address), m_table(table), m_admitted(table.admit(key(), *this))
     {
     }
-    ~Connection() override { m_table.remove(this, *this); }
+    ~Connection() override { m_table.remove(key(), *this); }
+    ConnectionTable::Key key() const { return reinterpret_cast<ConnectionTable::Key>(this); }
     void breakOff() override { m_broken = true; }
-    bool beginRequest() override { return Tlx::beginRequest(threads()); }
+    void discard() override { m_discarded = m_broken = true; }
+    void keep(std::size_t bytes) { m_table.noteKept(*this, bytes); }
     bool isAdmitted() const { return m_admitted; }
     bool isBroken() const { return m_broken; }
+    bool isDiscarded() const { return m_discarded; }
 
   private:
     ConnectionTable& m_table;
     const bool m_admitted;
     bool m_broken = false;
+    bool m_discarded = false;
 };
 
 struct ConnectionTableTest : testing::Test
@@ -94,7 +97,7 @@ TEST_F(ConnectionTableTest, AConnectionInUseStays)
 {
     open("192.0.2.2", LIMITS.connections);
     const Wait first(*connections[0]);
-    connections[1]->noteRequest();
+    connections[1]->noteArrived();
     EXPECT_TRUE(open("192.0.2.3").isAdmitted());
     EXPECT_FALSE(connections[0]->isBroken());
     EXPECT_FALSE(connections[1]->isBroken()) << "used last";
@@ -150,8 +153,8 @@ TEST_F(ConnectionTableTest, AnIPv6NetworkIsOnePeer)
 TEST_F(ConnectionTableTest, ABegunRequestHasItsTime)
 {
     Connection& slow = open("192.0.2.1");
-    slow.noteIncomplete();
-    slow.noteIncomplete();
+    slow.noteIncomplete("a request began and stalled");
+    slow.noteIncomplete("a request began and stalled");
     table.look(Clock::now() + LIMITS.request - 1s);
     EXPECT_FALSE(slow.isBroken());
     table.look(Clock::now() + LIMITS.request);
@@ -166,8 +169,8 @@ TEST_F(ConnectionTableTest, ABegunRequestHasItsTime)
 TEST_F(ConnectionTableTest, AnArrivedRequestIsNotStalled)
 {
     Connection& slow = open("192.0.2.1");
-    slow.noteIncomplete();
-    slow.noteRequest();
+    slow.noteIncomplete("a request began and stalled");
+    slow.noteArrived();
     table.look(Clock::now() + 2 * LIMITS.request);
     EXPECT_FALSE(slow.isBroken());
 }
@@ -193,60 +196,37 @@ TEST_F(ConnectionTableTest, StalledRequestsMayTakeHalfOfTheThreads)
                                           "half of the threads (REQUEST_THREADS)"});
 }
 
-TEST_F(ConnectionTableTest, AStalledConnectionCountsForAllItsThreads)
-{
-    open("192.0.2.1", 1);
-    open("192.0.2.2", 2);
-    std::vector<std::unique_ptr<Wait>> waits;
-    std::vector<std::thread> threads;
-    std::barrier gate(5);
-    for (const auto& each : connections)
-        waits.push_back(std::make_unique<Wait>(*each));
-    for (std::size_t i = 0; i < 4; ++i) // two threads serve each connection of 192.0.2.2
-        threads.emplace_back([&, i] {
-            EXPECT_TRUE(connections[1 + i / 2]->beginRequest());
-            gate.arrive_and_wait();
-            gate.arrive_and_wait();
-            endRequest();
-        });
-    gate.arrive_and_wait();
-    table.look(Clock::now() + 1s);
-    EXPECT_EQ(table.counts().stalled, 1u) << "five threads, and half are four";
-    EXPECT_EQ(brokenOf("192.0.2.2"), 1u);
-    EXPECT_TRUE(connections[1]->isBroken());
-    gate.arrive_and_wait();
-    for (std::thread& each : threads)
-        each.join();
-    EXPECT_EQ(connections[1]->threads()->now, 0u);
-}
-
-TEST_F(ConnectionTableTest, APeerGetsThreeQuartersOfTheThreads)
+TEST_F(ConnectionTableTest, ArrivedBytesMayTakeAllOfTheirRoom)
 {
     open("192.0.2.1", 2);
     open("192.0.2.2", 1);
-    constexpr std::size_t SHARE = LIMITS.threads * 3 / 4;
-    std::atomic<std::size_t> admitted{0};
-    std::vector<std::thread> threads;
-    std::barrier gate(SHARE + 2);
-    for (std::size_t i = 0; i <= SHARE; ++i)
-        threads.emplace_back([&, i] {
-            admitted += connections[i % 2]->beginRequest() ? 1 : 0;
-            gate.arrive_and_wait();
-            gate.arrive_and_wait();
-            endRequest();
-        });
-    gate.arrive_and_wait();
-    EXPECT_EQ(admitted, SHARE) << "of one more";
-    EXPECT_TRUE(connections[2]->beginRequest()) << "another peer";
-    endRequest();
-    gate.arrive_and_wait();
-    for (std::thread& each : threads)
-        each.join();
-    EXPECT_TRUE(connections[0]->beginRequest());
-    EXPECT_TRUE(connections[0]->beginRequest()) << "the same thread counts once";
-    EXPECT_EQ(connections[0]->threads()->peer->now, 1u);
-    endRequest();
-    EXPECT_EQ(connections[0]->threads()->peer->now, 0u);
+    connections[0]->keep(300);
+    connections[1]->keep(301);
+    connections[2]->keep(399);
+    EXPECT_EQ(table.counts().crowdedOut, 0u);
+    connections[2]->keep(400);
+    EXPECT_FALSE(connections[2]->isBroken()) << "its peer keeps less";
+    EXPECT_FALSE(connections[0]->isBroken());
+    EXPECT_TRUE(connections[1]->isDiscarded()) << "the largest one of the peer with the most";
+    EXPECT_EQ(table.counts().crowdedOut, 1u);
+    EXPECT_EQ(
+        log.texts(1),
+        QmTest::Lines{"Requests that have arrived take all of 1000 bytes "
+                      "(MAX_ARRIVING_BYTES). Closed a connection of 192.0.2.1, which took 301"});
+    connections[0]->keep(600);
+    EXPECT_EQ(table.counts().crowdedOut, 1u) << "the bytes of the discarded one are free";
+    connections[2]->keep(0);
+    connections.erase(connections.begin());
+    connections.back()->keep(1000);
+    EXPECT_EQ(table.counts().crowdedOut, 1u) << "the bytes of one that is gone are free";
+}
+
+TEST_F(ConnectionTableTest, AMalformedMessageIsCounted)
+{
+    table.noteMalformed(open("192.0.2.1"), "it sent a malformed message");
+    EXPECT_EQ(table.counts().malformed, 1u);
+    EXPECT_EQ(log.texts(1), QmTest::Lines{"Closed a connection of 192.0.2.1: it sent a malformed "
+                                          "message"});
 }
 
 TEST_F(ConnectionTableTest, AWaitEndsWithItsLastThread)
@@ -286,10 +266,10 @@ TEST_F(ConnectionTableTest, KnowsWhatIsThere)
     int used = 0;
     const auto count = [&used](WatchedConnection&) { ++used; };
     Connection& connection = open("192.0.2.1");
-    table.with(&connection, count);
+    table.with(connection.key(), count);
     EXPECT_EQ(used, 1);
-    table.remove(&connection, connection);
-    table.with(&connection, count);
+    table.remove(connection.key(), connection);
+    table.with(connection.key(), count);
     EXPECT_EQ(used, 1);
 }
 
@@ -301,7 +281,7 @@ TEST_F(ConnectionTableTest, ManyThreadsComeAndGo)
             for (int round = 0; round < 500; ++round) {
                 Connection each(table, "192.0.2." + std::to_string(i));
                 const Wait wait(each);
-                each.noteRequest();
+                each.noteArrived();
                 if (round % 50 == 0)
                     table.look(Clock::now());
             }

@@ -1,0 +1,107 @@
+#pragma once
+// Cuts the bytes of one connection into messages, before the ORB sees any of them.
+//
+// The ORB reads a message while it arrives, and trusts the peer to send fragments in a sensible
+// order. So a peer could hold a thread, or make the ORB use freed memory. This reader hands out one
+// message after the other. A message is ready when it is whole, with all its fragments. A large one
+// is ready earlier: see ARRIVED_BYTES.
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <vector>
+
+namespace Veltrane::Quillmark::Tlx {
+
+/// When the unfinished messages of a connection have more bytes than this together, the one that
+/// arrives is ready before its end. The reader does not keep its rest.
+constexpr std::size_t ARRIVED_BYTES = 65536;
+/// How many messages of one connection may be unfinished at the same time. GIOP 1.2 allows a peer
+/// to send the fragments of several messages in turns.
+constexpr std::size_t MOST_UNFINISHED_MESSAGES = 16;
+
+/// One thread at a time.
+///
+/// The ORB answers a malformed message, so the reader hands it out, as the last one. Requests to
+/// cancel a request end here: this service does not cancel a request that it serves, and the ORB
+/// leaks memory for them.
+class MessageReader
+{
+  public:
+    /// @param maxMessageBytes the limit for one message with all its fragments.
+    explicit MessageReader(std::size_t maxMessageBytes) : m_maxMessageBytes(maxMessageBytes) {}
+
+    /// Takes the bytes that have arrived next.
+    void add(const char* bytes, std::size_t size);
+
+    /// Begins to hand out the next message. Returns false if none is ready. Does nothing while a
+    /// message is handed out.
+    bool nextMessage();
+    /// Whether some of the message that is handed out now is left.
+    bool hasMessage() const { return m_handsOut; }
+    /// Moves the next bytes of this message into the buffer. Returns how many; 0 if they have not
+    /// arrived.
+    std::size_t take(void* buffer, std::size_t size);
+    /// How many of the next bytes of the connection belong to this message. The caller may read so
+    /// many itself, and then calls passed. With 0, the next bytes must be added.
+    std::size_t passing() const;
+    /// The caller has read so many bytes itself.
+    void passed(std::size_t bytes);
+
+    /// Whether a message has begun that is not ready.
+    bool hasUnfinished() const { return !m_unfinished.empty() || !m_in.empty(); }
+    /// How many bytes the reader keeps.
+    std::size_t keptBytes() const { return m_in.size() + m_out.size() + m_bodies; }
+    /// Why the connection must end, or null. Empty if the peer said goodbye.
+    const char* failure() const { return m_failure; }
+
+  private:
+    struct Message
+    {
+        bool hasId = false; ///< GIOP 1.2 repeats the id in each fragment
+        std::uint32_t id = 0;
+        std::size_t size = 0; ///< of all its pieces until now
+        std::string bytes;    ///< those that have arrived
+    };
+    /// Where the piece that arrives now goes.
+    enum class Goal
+    {
+        MESSAGE, ///< to the last unfinished message
+        OPEN,    ///< to the message that is ready before its end
+        NOWHERE  ///< it is thrown away
+    };
+    struct Header;
+
+    void parse();
+    bool beginPiece();
+    void beginMessage(const Header& header);
+    void beginFragment(const Header& header);
+    void cancel(const Header& header);
+    void movePiece();
+    void endPiece();
+    void openLast();
+    std::vector<Message>::iterator find(const Header& header);
+    bool isOpen(const Header& header) const;
+    void handOutLast();
+    void fail(const char* why) { m_failure = why; }
+
+    std::size_t m_maxMessageBytes;
+    const char* m_failure = nullptr;
+    bool m_isMalformed = false;
+    std::string m_in; ///< arrived, and not looked at
+    // The piece that arrives now: a message, or a fragment of one, with its header.
+    std::size_t m_left = 0; ///< bytes of it that were not moved; 0 between two pieces
+    bool m_isLast = true;   ///< no fragment of the same message follows
+    Goal m_goal = Goal::NOWHERE;
+    std::vector<Message> m_unfinished; ///< the last one gets the piece
+    std::deque<std::string> m_ready;   ///< the first bytes of an open message, or whole messages
+    std::size_t m_bodies = 0;          ///< the bytes in m_unfinished and m_ready
+    bool m_isOpen = false;             ///< a message was handed out, or is ready, before its end
+    Message m_open;                    ///< this message, without its bytes
+    bool m_handsOut = false;
+    std::string m_out; ///< of the message that is handed out now
+    std::size_t m_taken = 0;
+};
+
+} // namespace Veltrane::Quillmark::Tlx
