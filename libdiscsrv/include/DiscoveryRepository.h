@@ -132,6 +132,8 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
     /// reference. The first call loads the parsers of the plug-ins; other callers wait for that.
     ExplorerDataParser* getRegisteredExplorerParser(const TlxString& type);
     static constexpr std::size_t MAX_EXPLORERS = 10000; ///< of each kind
+    /// Pull explorers of one peer. Beyond it, the peer's own oldest one goes.
+    static constexpr std::size_t MAX_EXPLORERS_OF_PEER = MAX_EXPLORERS / 4;
 
     // Copies of the sets.
     ExplorerSet getPushExplorers() const;
@@ -153,6 +155,9 @@ class DISCSRV_EXPORT DiscoveryRepository : public virtual DiscoveryFactory,
     /// Stores an explorer of another host, so that it is still registered after a restart. Ignores
     /// any other explorer. Call it on the master only.
     void persistToDisk(const AutoDereference<ExplorerWrapper>& wrapper);
+
+    /// Removes what persistToDisk wrote.
+    void removeFromDisk(const ExplorerWrapper& wrapper);
 
     /// One entry for each registered explorer.
     std::vector<ExplorerStatus> getExplorerStatus() const;

@@ -11,6 +11,14 @@
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
+/// Who made a registration.
+enum class Registrant
+{
+    PROCESS, ///< an explorer of this process
+    PEER,    ///< another host, by a request
+    STORE    ///< some host before the last start
+};
+
 /// One registration: an explorer, the subject and authority of its records, and its priority. Only
 /// the explorer's context and the outcome of its last call change. Any thread may use it. Other
 /// objects refer to a registration by its address, so it cannot be copied.
@@ -40,6 +48,12 @@ class DISCSRV_EXPORT ExplorerWrapper : public virtual TLXRefCounted
     /// The explorer's name and its library, for a log line.
     std::string describe() const;
 
+    /// Set it before the registration. Without it the registration belongs to this process.
+    /// @param peer of Registrant::PEER: its RequestPeer::key; otherwise empty.
+    void setRegistrant(Registrant registrant, std::string peer);
+    Registrant getRegistrant() const { return m_registrant; }
+    const std::string& getPeer() const { return m_peer; }
+
     /// How the last push or pull ended.
     struct Outcome
     {
@@ -58,6 +72,8 @@ class DISCSRV_EXPORT ExplorerWrapper : public virtual TLXRefCounted
     mutable AutoDereference<TLXRefCounted> m_explorerContext;
     const std::string m_name;
     const std::string m_library;
+    Registrant m_registrant = Registrant::PROCESS;
+    std::string m_peer;
     mutable std::mutex m_outcomeMutex;
     mutable Outcome m_outcome;
 };

@@ -1,5 +1,7 @@
 #include "ExplorerWrapper.h"
 
+#include <utility>
+
 #include <tlx/Plugin.h>
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
@@ -38,6 +40,12 @@ ExplorerWrapper::~ExplorerWrapper() = default;
 std::string ExplorerWrapper::describe() const
 {
     return "Explorer " + m_name + (m_library.empty() ? "" : " of " + m_library);
+}
+
+void ExplorerWrapper::setRegistrant(Registrant registrant, std::string peer)
+{
+    m_registrant = registrant;
+    m_peer = std::move(peer);
 }
 
 ExplorerWrapper::Outcome ExplorerWrapper::lastOutcome() const

@@ -74,7 +74,8 @@ DiscoveryRepository* getDiscoveryRepository()
 DiscoveryRepository::DiscoveryRepository() : DiscoveryRepository(getPeerLink()) {}
 
 DiscoveryRepository::DiscoveryRepository(PeerLink& link)
-    : m_link(link), m_explorers(std::make_unique<ExplorerRegistry>(MAX_EXPLORERS)),
+    : m_link(link),
+      m_explorers(std::make_unique<ExplorerRegistry>(MAX_EXPLORERS, MAX_EXPLORERS_OF_PEER)),
       m_scheduleOwner(std::make_unique<ScheduleOwner>(*this)),
       m_schedule(std::make_unique<PushSchedule>(*m_scheduleOwner))
 {

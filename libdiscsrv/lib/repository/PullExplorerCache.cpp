@@ -96,7 +96,11 @@ bool areNamesBounded(const CachedExplorer& cached)
 
 } // namespace
 
-void storeExplorer(const ExplorerWrapper& wrapper, const NewDiscovery& newDiscovery)
+namespace {
+
+/// A time to live of zero means for ever.
+void write(const ExplorerWrapper& wrapper, const TlxObjTime& created, const TlxObjTime& timeToLive,
+           const NewDiscovery& newDiscovery)
 {
     const LogScope scope(OPERATION);
     const auto* explorer = dynamic_cast<const RemoteExplorerPull*>(wrapper.getExplorer());
@@ -104,8 +108,8 @@ void storeExplorer(const ExplorerWrapper& wrapper, const NewDiscovery& newDiscov
         return;
     const Subject subject(wrapper.getSubject()->getSubject().utf8());
     const Authority authority(wrapper.getAuthority()->getName().utf8(), AT_REMOTEPULL);
-    const CollectionAttributes attributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY, TlxObjTime(),
-                                          TlxObjTime(), wrapper.getPriority());
+    const CollectionAttributes attributes(CT_POINT_IN_TIME, CS_CENTRALREPOSITORY, created,
+                                          timeToLive, wrapper.getPriority());
     AutoDereference<Discovery> discovery;
     newDiscovery(discovery, DQ_UNDEFINED, subject, authority, attributes);
     if (!discovery || !isSuccess(discovery->open(OM_UPDATE, ""))) {
@@ -116,6 +120,20 @@ void storeExplorer(const ExplorerWrapper& wrapper, const NewDiscovery& newDiscov
     discovery->getCollectionData()->writeCollection(document.size(), document.data());
     if (!isSuccess(discovery->persist()))
         DISC_WARN("Failed to persist discovery record.");
+}
+
+} // namespace
+
+void storeExplorer(const ExplorerWrapper& wrapper, const NewDiscovery& newDiscovery)
+{
+    write(wrapper, TlxObjTime(), TlxObjTime(), newDiscovery);
+}
+
+void removeStoredExplorer(const ExplorerWrapper& wrapper, const NewDiscovery& newDiscovery)
+{
+    // It expires at once: a restart soon after must not load it.
+    constexpr std::int64_t SHORTEST_LIFE = 1; // microseconds
+    write(wrapper, TlxObjTime(1, 0), TlxObjTime(0, SHORTEST_LIFE), newDiscovery);
 }
 
 void loadStoredExplorers(DiscoveryIterator& stored, const RegisterStored& registerStored)

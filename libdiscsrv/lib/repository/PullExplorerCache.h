@@ -17,6 +17,9 @@ using NewDiscovery = std::function<void(AutoDereference<Discovery>& out, Discove
 /// failures. Any thread may call it.
 void storeExplorer(const ExplorerWrapper& wrapper, const NewDiscovery& newDiscovery);
 
+/// Replaces the stored registration by an expired one, which the next query that meets it removes.
+void removeStoredExplorer(const ExplorerWrapper& wrapper, const NewDiscovery& newDiscovery);
+
 /// Receives one stored registration. It is called while no record is locked.
 using RegisterStored = std::function<void(const Subject& subject, const ExplorerPull& explorer,
                                           unsigned priority, const Authority& authority)>;

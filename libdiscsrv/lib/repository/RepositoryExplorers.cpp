@@ -1,5 +1,7 @@
 // The repository's operations on explorers and on the parsers of their data.
 
+#include <tlx/RequestPeer.h>
+
 #include "DiscLog.h"
 #include "DiscoveryRepository.h"
 #include "ExplorerCall.h"
@@ -46,10 +48,16 @@ void DiscoveryRepository::registerExplorer(const Subject* subject, const Explore
         makeWrapper(subject, explorer, priority, authority));
     if (!wrapper)
         return;
+    if (fromCache)
+        wrapper->setRegistrant(Registrant::STORE, {});
+    else if (const RequestPeer* const peer = requestPeer())
+        wrapper->setRegistrant(Registrant::PEER, peer->key());
     if (fromCache || !isGenericDSOnMaster())
         m_explorers->registerPull(wrapper);
     else
-        m_explorers->registerPull(wrapper, [&] { persistToDisk(wrapper); });
+        m_explorers->registerPull(
+            wrapper, [&] { persistToDisk(wrapper); },
+            [this](const ExplorerWrapper& givenUp) { removeFromDisk(givenUp); });
 }
 
 void DiscoveryRepository::registerExplorerParser(const TlxString& type,
@@ -101,6 +109,25 @@ void DiscoveryRepository::persistToDisk(const AutoDereference<ExplorerWrapper>& 
                                    const CollectionAttributes& attributes) {
         newDiscovery(out, query, subject, authority, attributes);
     });
+}
+
+void DiscoveryRepository::removeFromDisk(const ExplorerWrapper& wrapper)
+{
+    DISC_TRACE("DiscoveryRepository::removeFromDisk");
+    removeStoredExplorer(wrapper, [this](AutoDereference<Discovery>& out, DiscoveryQuery query,
+                                         const Subject& subject, const Authority& authority,
+                                         const CollectionAttributes& attributes) {
+        newDiscovery(out, query, subject, authority, attributes);
+    });
+    const std::string subject = wrapper.getSubject()->getSubject().utf8();
+    const std::string authority = wrapper.getAuthority()->getName().utf8();
+    if (stringContainsWildcard(subject) || stringContainsWildcard(authority))
+        return; // the next query for all records removes it
+    // A query removes the expired record that it meets.
+    const AutoDereference<DiscoveryIterator> expired(
+        queryDiscoveries(DQ_DISCOVERY_DATA, subject, authority, AT_REMOTEPULL));
+    if (expired)
+        const AutoDereference<Discovery> none(expired->getNext());
 }
 
 void DiscoveryRepository::loadPullExplorerCache()

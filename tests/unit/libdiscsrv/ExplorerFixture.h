@@ -167,7 +167,7 @@ entry(const Disc::Explorer& explorer, const std::string& subject, unsigned prior
 class FakeReactor
 {
   public:
-    FakeReactor() : m_reactor(new ACE_TP_Reactor(16, false, nullptr, &m_timers), true)
+    FakeReactor() : m_reactor(new ACE_TP_Reactor(HANDLES, false, nullptr, &m_timers), true)
     {
         s_now = 1000;
         m_timers.set_time_policy(ACE_FPointer_Time_Policy(&now));
@@ -200,6 +200,8 @@ class FakeReactor
   private:
     static ACE_Time_Value now() { return ACE_Time_Value(s_now); }
     static inline std::atomic<time_t> s_now{0};
+    /// Its own handles must be below it, whatever is open before.
+    static constexpr std::size_t HANDLES = 256;
 
     ACE_Timer_Heap_T<ACE_Event_Handler*, ACE_Event_Handler_Handle_Timeout_Upcall,
                      ACE_SYNCH_RECURSIVE_MUTEX, ACE_FPointer_Time_Policy>

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <future>
 #include <random>
+#include <set>
 #include <thread>
 #include <tuple>
 
@@ -51,7 +52,7 @@ struct RegistryTest : testing::Test
     Calls pushes() const { return FakeRepository::entries(*registry.snapshot().push); }
     Calls pulls() const { return FakeRepository::entries(*registry.snapshot().pull); }
 
-    ExplorerRegistry registry{MOST};
+    ExplorerRegistry registry{MOST, MOST};
     const AutoDereference<FakePush> push{new FakePush};
     const AutoDereference<FakePull> pull{new FakePull};
 };
@@ -261,7 +262,7 @@ TEST_F(RegistryTest, AnAcceptedRegistrationIsStoredThoughTheShutdownCameBetween)
 
 TEST_F(RegistryTest, BeyondTheBoundANewOneIsDroppedAndAKnownOneIsNot)
 {
-    ExplorerRegistry small(2);
+    ExplorerRegistry small(2, 2);
     small.registerPull(entry(*pull, "s", 5));
     small.registerPull(entry(*pull, "t", 5));
     const LogCapture log;
@@ -272,6 +273,146 @@ TEST_F(RegistryTest, BeyondTheBoundANewOneIsDroppedAndAKnownOneIsNot)
     EXPECT_EQ(FakeRepository::entries(*small.snapshot().pull), (Calls{"s/a 5", "t/a 6"}));
     small.registerPush(entry(*push, "u", 5));
     EXPECT_EQ(small.snapshot().push->size(), 1u) << "each kind has a bound of its own";
+}
+
+/// A registry of eight places, two of them for each peer.
+struct RegistrySharesTest : testing::Test
+{
+    AutoDereference<ExplorerWrapper> of(Registrant registrant, const std::string& peer,
+                                        const std::string& subject, unsigned priority = 5) const
+    {
+        auto made = entry(*pull, subject, priority);
+        made->setRegistrant(registrant, peer);
+        return made;
+    }
+    void add(const std::string& peer, const std::string& subject, unsigned priority = 5)
+    {
+        const auto wrapper = of(Registrant::PEER, peer, subject, priority);
+        registry.registerPull(
+            wrapper, [&] { disk.insert(subject); },
+            [&](const ExplorerWrapper& givenUp) {
+                disk.erase(givenUp.getSubject()->getSubject().utf8());
+            });
+    }
+    void addStored(const std::string& subject)
+    {
+        registry.registerPull(of(Registrant::STORE, "", subject));
+        disk.insert(subject);
+    }
+    std::set<std::string> subjects() const
+    {
+        std::set<std::string> all;
+        for (const auto& wrapper : *registry.snapshot().pull)
+            all.insert(wrapper->getSubject()->getSubject().utf8());
+        return all;
+    }
+
+    ExplorerRegistry registry{8, 2};
+    const AutoDereference<FakePull> pull{new FakePull};
+    std::set<std::string> disk; ///< the subjects of what is stored
+};
+
+using Names = std::set<std::string>;
+
+TEST_F(RegistrySharesTest, BeyondItsShareAPeerLosesItsOldest)
+{
+    add("address 1", "a1");
+    add("address 2", "b1");
+    add("address 1", "a2");
+    EXPECT_EQ(subjects(), (Names{"a1", "a2", "b1"}));
+    const LogCapture log;
+    add("address 1", "a3");
+    EXPECT_EQ(subjects(), (Names{"a2", "a3", "b1"}));
+    EXPECT_EQ(disk, subjects());
+    EXPECT_EQ(log.texts(1), Calls{"Gave up the explorer of subject a1 & authority a: the peer with "
+                                  "the address 1 has registered more than 2"});
+    add("address 2", "b2");
+    EXPECT_EQ(subjects(), (Names{"a2", "a3", "b1", "b2"}));
+}
+
+TEST_F(RegistrySharesTest, AKnownRegistrationTakesNoFurtherPlace)
+{
+    add("address 1", "a1");
+    add("address 1", "a2");
+    const LogCapture log;
+    add("address 1", "a1"); // which is the newer one now
+    EXPECT_EQ(subjects(), (Names{"a1", "a2"}));
+    EXPECT_EQ(log.texts(1), Calls{});
+    add("address 1", "a3");
+    EXPECT_EQ(subjects(), (Names{"a1", "a3"}));
+}
+
+TEST_F(RegistrySharesTest, WhatReplacesTheRegistrationOfAnotherPeerCountsForItsOwnPeer)
+{
+    add("address 1", "a1");
+    add("address 1", "a2");
+    add("address 2", "b1");
+    add("address 1", "b1");
+    EXPECT_EQ(subjects(), (Names{"a2", "b1"}));
+    EXPECT_EQ(disk, subjects());
+    add("address 2", "b2");
+    add("address 2", "b3");
+    EXPECT_EQ(subjects(), (Names{"a2", "b1", "b2", "b3"})) << "it had none any more";
+}
+
+TEST_F(RegistrySharesTest, ALosingRegistrationTakesNoPlace)
+{
+    add("address 2", "b1", 6);
+    add("address 1", "a1");
+    add("address 1", "a2");
+    add("address 1", "b1", 5);
+    EXPECT_EQ(subjects(), (Names{"a1", "a2", "b1"}));
+}
+
+TEST_F(RegistrySharesTest, WhenAllPlacesAreTakenOneOfNobodyGoes)
+{
+    for (int i = 0; i < 7; ++i)
+        addStored("s" + std::to_string(i));
+    add("address 1", "a1");
+    EXPECT_EQ(subjects().size(), 8u);
+    add("address 2", "s0"); // its owner comes back
+    const LogCapture log;
+    add("address 1", "a2");
+    EXPECT_EQ(subjects(), (Names{"a1", "a2", "s0", "s2", "s3", "s4", "s5", "s6"}));
+    EXPECT_EQ(disk, subjects());
+    EXPECT_EQ(log.texts(1),
+              Calls{"Gave up the explorer of subject s1 & authority a, which nobody has registered "
+                    "since the start: there are 8 explorers, and the peer with the address 1 "
+                    "registers another one"});
+    add("address 1", "a3");
+    EXPECT_EQ(subjects(), (Names{"a2", "a3", "s0", "s2", "s3", "s4", "s5", "s6"}))
+        << "its own oldest first";
+}
+
+TEST_F(RegistrySharesTest, AmongPeersTheNewcomerIsDropped)
+{
+    for (const char* peer : {"1", "2", "3", "4"})
+        for (const char* number : {"a", "b"})
+            add(std::string("address ") + peer, std::string(peer) + number);
+    const Names full = subjects();
+    EXPECT_EQ(full.size(), 8u);
+    const LogCapture log;
+    add("address 5", "late");
+    EXPECT_EQ(subjects(), full);
+    EXPECT_EQ(log.texts(1), Calls{"There are 8 explorers already, another one is dropped"});
+    add("address 1", "1c");
+    EXPECT_EQ(subjects().count("1c"), 1u);
+    EXPECT_EQ(subjects().size(), 8u);
+}
+
+TEST_F(RegistrySharesTest, ThisProcessesOwnNeverGo)
+{
+    for (int i = 0; i < 7; ++i)
+        registry.registerPull(of(Registrant::PROCESS, "", "p" + std::to_string(i)));
+    add("address 1", "a1");
+    add("address 1", "a2");
+    EXPECT_EQ(subjects().count("a2"), 0u);
+    add("address 1", "p0"); // the contract allows that
+    add("address 1", "a3");
+    EXPECT_EQ(subjects(), (Names{"a3", "p0", "p1", "p2", "p3", "p4", "p5", "p6"}));
+    EXPECT_EQ(registry.takeAll().pull->size(), 8u);
+    add("address 1", "a4");
+    EXPECT_EQ(subjects(), Names{"a4"});
 }
 
 /// The set after a registration that finds no push explorer.

@@ -168,7 +168,7 @@ struct RegistryThreadsTest : testing::Test
 
     const AutoDereference<FakePush> push{new FakePush};
     const AutoDereference<FakePull> pull{new FakePull};
-    ExplorerRegistry registry{WRITERS * NAMES};
+    ExplorerRegistry registry{WRITERS * NAMES, WRITERS* NAMES};
     Faults faults;
     std::atomic<bool> storing{false};
     std::atomic<unsigned> stored{0};
