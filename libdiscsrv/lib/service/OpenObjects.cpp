@@ -68,12 +68,10 @@ PortableServer::ObjectId idOf(const std::string& key)
     return id;
 }
 
-/// A text that two peers share only if isSamePeer.
-std::string textOf(const std::optional<RequestPeer>& peer)
+/// Empty for this process.
+std::string keyOf(const std::optional<RequestPeer>& peer)
 {
-    if (!peer)
-        return {};
-    return (peer->certificateName.empty() ? "address " : "name ") + peer->identity();
+    return peer ? peer->key() : std::string();
 }
 
 /// For people.
@@ -102,7 +100,7 @@ struct OpenObjects::Entry
     PortableServer::ServantBase_var servant; ///< the registry's own reference
     const OpenServant* object = nullptr;     ///< the same servant
     std::shared_ptr<ServantActivity> activity;
-    std::string peer; ///< as textOf
+    std::string peer; ///< its key
     TlxObjTime opened;
     std::size_t bytes = 0;
     Progress progress = Progress::Made;
@@ -269,6 +267,16 @@ OpenLimits OpenLimits::configured()
             std::chrono::seconds(config.number(ConfigKey::WRITER_IDLE_LIMIT))};
 }
 
+bool mayOpenWriter(std::size_t held, std::size_t open, const OpenLimits& limits)
+{
+    if (held >= limits.writersOfPeer || open >= limits.writers)
+        return false;
+    if (limits.writersOfPeer >= limits.writers) // the configuration lets one peer have all
+        return true;
+    return held * (limits.writers - limits.writersOfPeer) <
+           (limits.writers - open) * limits.writersOfPeer;
+}
+
 OpenObjects::OpenObjects() : m_state(std::make_unique<State>()) {}
 
 OpenObjects::~OpenObjects() = default;
@@ -349,7 +357,7 @@ OpenObjects::Admission OpenObjects::admit(OpenKind kind, OpenServant& servant,
     entry->servant = &owned;
     entry->object = &servant;
     entry->activity = activity;
-    entry->peer = textOf(servant.owner());
+    entry->peer = keyOf(servant.owner());
     entry->opened = TlxObjTime::now();
     entry->bytes = servant.heldBytes();
     entry->used = activity->lastUse();
@@ -358,6 +366,7 @@ OpenObjects::Admission OpenObjects::admit(OpenKind kind, OpenServant& servant,
     State::EntryPtr givenUp;
     std::string warning;
     std::string many;
+    bool crowded = false;
     {
         const std::lock_guard guard(m_state->mutex);
         if (!m_state->orb)
@@ -367,10 +376,16 @@ OpenObjects::Admission OpenObjects::admit(OpenKind kind, OpenServant& servant,
         if (kind == OpenKind::Writer) {
             const std::size_t held =
                 known == m_state->peers.end() ? 0 : known->second.writers.size();
-            refused = peer && held >= m_state->limits.writersOfPeer;
+            const OpenLimits& limits = m_state->limits;
+            refused = peer && !mayOpenWriter(held, m_state->writers, limits);
+            crowded = refused && held < limits.writersOfPeer;
             if (refused)
                 warning = "Refused " + servant.describe() + ": " + name + " has " +
-                          std::to_string(held) + " open writers (MAX_WRITERS_PER_PEER)";
+                          std::to_string(held) + " open writers" +
+                          (crowded ? ", and all together have " + std::to_string(m_state->writers) +
+                                         " of " + std::to_string(limits.writers)
+                                   : std::string()) +
+                          " (MAX_WRITERS_PER_PEER)";
         } else {
             givenUp = m_state->makeRoom(entry->peer, peer != nullptr, refused);
             if (refused)
@@ -398,6 +413,8 @@ OpenObjects::Admission OpenObjects::admit(OpenKind kind, OpenServant& servant,
     if (key.empty()) {
         countService(kind == OpenKind::Writer ? ServiceCounter::WRITERS_REFUSED
                                               : ServiceCounter::ITERATORS_REFUSED);
+        if (crowded)
+            countService(ServiceCounter::WRITERS_CROWDED_OUT);
         return {};
     }
     if (givenUp) {

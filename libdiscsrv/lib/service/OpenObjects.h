@@ -10,7 +10,8 @@
 //
 //     iterators   MAX_ITERATORS in all, MAX_ITERATORS_PER_PEER of one peer. Beyond a bound the
 //                 longest idle iterator goes: of that peer, or of the peer with the most.
-//     writers     MAX_WRITERS_PER_PEER. Beyond it a peer gets none: a writer lives until its client
+//     writers     MAX_WRITERS_PER_PEER of one peer, and a share of the free names (see
+//                 mayOpenWriter). Beyond a bound a peer gets none: a writer lives until its client
 //                 closes it, or leaves it alone for WRITER_IDLE_LIMIT.
 //     memory      MAX_PULLED_BYTES (PulledBytes.h). Beyond it the longest idle iterator goes that
 //                 holds a pulled collection or a fetched list, of the peer that holds the most
@@ -29,6 +30,7 @@
 #include <tlx/Orb.h>
 #include <tlx/Servant.h>
 
+#include "DiscDB.h"
 #include "OpenServant.h"
 #include "OpenWriters.h"
 
@@ -46,11 +48,20 @@ struct OpenLimits
     std::size_t iterators = 0;
     std::size_t iteratorsOfPeer = 0;
     std::size_t writersOfPeer = 0;
-    std::chrono::seconds writerIdle{0}; ///< 0: never
+    std::chrono::seconds writerIdle{0};        ///< 0: never
+    std::size_t writers = MAX_TEMPORARY_NAMES; ///< a store has names for so many
 
     /// The limits in the host configuration.
     static OpenLimits configured();
 };
+
+/// Whether a peer with so many writers may open one more, while `open` writers of all are open.
+///
+/// The bound of a peer falls with the number of free names. So the peers that have all that they
+/// may have never take all names: each further one takes a part of the rest. One that has few
+/// writers gets its next one at once. A peer alone reaches exactly limits.writersOfPeer. With a
+/// quarter of the names as its bound, each greedy peer leaves three quarters of what it found.
+bool mayOpenWriter(std::size_t held, std::size_t open, const OpenLimits& limits);
 
 /// The numbers of open writers that are worth a warning when they are reached.
 constexpr std::size_t MANY_WRITERS[] = {100, 500};
@@ -131,7 +142,7 @@ class OpenObjects
     std::size_t iteratorsOpen() const;
     std::size_t writersOpen() const;
 
-    /// The POA of the objects; nil while there is none.
+    /// The POA of the objects; nil before start and after stop.
     PortableServer::POA_var poa() const;
 
     /// For tests: fills a buffer with random bytes in place of the system. Null restores it.

@@ -462,6 +462,58 @@ TEST_F(OpenObjectsTest, ThirtyTwoThreadsAtTheBounds)
     EXPECT_EQ(alive, 0);
 }
 
+/// How many writers each of so many greedy peers gets. They take turns, or come one after another.
+std::vector<std::size_t> greedy(std::size_t peers, bool inTurn, const OpenLimits& limits)
+{
+    std::vector<std::size_t> held(peers, 0);
+    std::size_t open = 0;
+    const auto takes = [&](std::size_t peer) {
+        if (!mayOpenWriter(held[peer], open, limits))
+            return false;
+        ++held[peer];
+        ++open;
+        return true;
+    };
+    bool any = inTurn;
+    while (any) {
+        any = false;
+        for (std::size_t peer = 0; peer < peers; ++peer)
+            any |= takes(peer);
+    }
+    for (std::size_t peer = 0; peer < peers; ++peer)
+        while (takes(peer)) {
+        }
+    return held;
+}
+
+using Shares = std::vector<std::size_t>;
+
+TEST(WriterShareTest, APeerAloneReachesItsBound)
+{
+    EXPECT_EQ(greedy(1, true, {0, 0, 250, 0s}), Shares{250});
+    EXPECT_EQ(greedy(1, true, {0, 0, 1, 0s}), Shares{1});
+    EXPECT_EQ(greedy(1, true, {0, 0, 500, 0s}), Shares{500});
+    EXPECT_EQ(greedy(1, true, {0, 0, 999, 0s}), Shares{999});
+    EXPECT_EQ(greedy(1, true, {0, 0, 1000, 0s}), Shares{1000});
+}
+
+TEST(WriterShareTest, GreedyPeersLeaveAPartOfTheNames)
+{
+    const OpenLimits limits{0, 0, 250, 0s};
+    EXPECT_EQ(greedy(4, true, limits), (Shares{143, 143, 143, 143}));
+    EXPECT_EQ(greedy(4, false, limits), (Shares{250, 188, 141, 106}));
+    EXPECT_EQ(greedy(9, true, limits), (Shares{84, 84, 84, 84, 83, 83, 83, 83, 83}));
+    EXPECT_EQ(greedy(9, false, limits), (Shares{250, 188, 141, 106, 79, 59, 45, 33, 25}));
+}
+
+TEST(WriterShareTest, APeerWithoutWritersGetsTheLastName)
+{
+    const OpenLimits limits{0, 0, 250, 0s};
+    EXPECT_TRUE(mayOpenWriter(0, 999, limits));
+    EXPECT_FALSE(mayOpenWriter(1, 999, limits));
+    EXPECT_FALSE(mayOpenWriter(0, 1000, limits));
+}
+
 struct OpenWritersTest : OpenObjectsTest
 {
     void SetUp() override
@@ -490,6 +542,26 @@ TEST_F(OpenWritersTest, BeyondItsShareAPeerGetsNoWriter)
     EXPECT_EQ(openObjects().writersOpen(), 3u);
     EXPECT_EQ(counter("writersOpen"), 3u);
     EXPECT_EQ(counter("writersHighest"), 3u);
+}
+
+TEST_F(OpenWritersTest, BeyondItsShareOfTheFreeNamesAPeerGetsNoWriter)
+{
+    limit({10, 10, 3, 0s, 6});
+    const unsigned long long before = counter("writersCrowdedOut");
+    const RemoteWriter_var one = writer("cl1", "192.0.2.1");
+    const RemoteWriter_var two = writer("cl2", "192.0.2.1");
+    const RemoteWriter_var three = writer("cl3", "192.0.2.1");
+    const RemoteWriter_var four = writer("cl4", "192.0.2.2");
+    const LogCapture log;
+    const RemoteWriter_var five = writer("cl5", "192.0.2.2");
+    EXPECT_EQ(log.texts(1), Lines{});
+    writer("cl6", "192.0.2.2", DS_OPEN_FAILED);
+    EXPECT_EQ(log.texts(1),
+              Lines{"Refused a writer of subject cl6 & authority srv1: peer 192.0.2.2 has 2 open "
+                    "writers, and all together have 5 of 6 (MAX_WRITERS_PER_PEER)"});
+    EXPECT_EQ(counter("writersCrowdedOut"), before + 1);
+    const RemoteWriter_var other = writer("cl6", "192.0.2.3");
+    EXPECT_EQ(openObjects().writersOpen(), 6u);
 }
 
 TEST_F(OpenWritersTest, AWriterThatDoesNotOpenCountsNoLonger)
