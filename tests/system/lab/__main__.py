@@ -51,7 +51,8 @@ def up(lab, options):
         raise LabError("%s is not built: run scripts/build first" % harness.program())
     lab.claim()
     try:
-        lab.make(prompt_names(options.clients), config=options.config)
+        lab.make(prompt_names(options.clients), config=options.config,
+                 tls="required" if options.tls else None)
         say("made %d hosts in %.1f s; starting their daemons"
             % (len(lab.hosts), time.monotonic() - began))
         lab.start_daemons()
@@ -141,6 +142,8 @@ def parse(arguments):
                             "possible, otherwise loopback")
     added.add_argument("--set", metavar="HOST:KEY=VALUE", type=setting, action="append", default=[],
                        help="put a line into a host's configuration; can be repeated")
+    added.add_argument("--tls", action="store_true",
+                       help="make a certificate for each host; the hosts speak only TLS")
     added = command("exec", execute, "run a command on a host, with the host's configuration")
     added.add_argument("host", metavar="HOST")
     added.add_argument("command", metavar="CMD", nargs=argparse.REMAINDER)

@@ -36,6 +36,16 @@ class Host:
     def address(self):
         return self.interface.split("/")[0]
 
+    @staticmethod
+    def certified_address(interface):
+        """The address that the host's certificate names."""
+        return interface.split("/")[0]
+
+    @property
+    def peer_name(self):
+        """How the log of another host names this one as a peer."""
+        return "%s (%s)" % (self, self.address) if self.root.credentials else self.address
+
     @property
     def path(self):
         """The product root."""

@@ -11,6 +11,8 @@ from concurrent.futures import ThreadPoolExecutor
 
 import harness
 
+from pki import Authority, CertificateError
+
 from . import links, process
 from .host import Host
 from .keeper import Keeper, KeeperError
@@ -41,6 +43,7 @@ class Lab:
         self._plan = self.directory / "lab.json"
         self._switch = None
         self._config = {}
+        self.authority = None  # of the lab's certificates; None without TLS
         self.hosts = {}
 
     def __enter__(self):
@@ -59,14 +62,18 @@ class Lab:
             raise LabError("there is a lab already (%s): take it down first"
                            % self.directory) from None
 
-    def make(self, clients, version=4, with_parent=False, config=None):
+    def make(self, clients, version=4, with_parent=False, config=None, tls=None):
         """Makes the hosts, without daemons: the master, and clients with these names. config is
-        {host: {key: value}}, the keys that differ from the default configuration."""
+        {host: {key: value}}, the keys that differ from the default configuration. tls is the value
+        of the key TLS; every host then gets a certificate of its own."""
         names = list(clients)
         if len(names) > AT_MOST:
             raise LabError("at most %d clients fit on the bridge" % AT_MOST)
-        self._config = config or {}
-        self._lay_out(self._addresses([MASTER, *names], version))
+        interfaces = self._addresses([MASTER, *names], version)
+        self._config = {name: dict(keys) for name, keys in (config or {}).items()}
+        if tls:
+            self._certify(interfaces, tls)
+        self._lay_out(interfaces)
         for name in self._config:
             self.host(name)
         hosts_file = self.directory / "hosts"
@@ -79,6 +86,18 @@ class Lab:
             encoding="utf-8")
         self._join(hosts_file, with_parent)
         return self
+
+    def _certify(self, interfaces, tls):
+        """Makes a certificate for each host. A host's own configuration goes before its keys."""
+        try:
+            self.authority = Authority(self.directory / "tls").issue(
+                *("%s=%s" % (name, self.host_class.certified_address(interface))
+                  for name, interface in interfaces.items()))
+        except CertificateError as error:
+            raise LabError(str(error)) from None
+        for name in interfaces:
+            self._config[name] = {**self.authority.files(name).keys(tls),
+                                  **self._config.get(name, {})}
 
     def find(self):
         """Opens the lab that exists in the directory."""

@@ -18,6 +18,10 @@ class LoopbackHost(Host):
                                   **{"ENDPOINT." + name: endpoint
                                      for name, endpoint in self.endpoints.items()}, **config})
 
+    @staticmethod
+    def certified_address(interface):
+        return interface.rsplit(":", 1)[0]
+
     def entering(self):
         return []
 

@@ -1,6 +1,7 @@
 """A lab for a test. The test starts, watches and stops the daemons of the hosts."""
 
 import contextlib
+import os
 import pathlib
 import signal
 
@@ -20,7 +21,9 @@ class Stage:
         self._running = {}
 
     def build(self, clients, **options):
-        """Makes the hosts: a number of clients, or clients with given names. Starts no daemon."""
+        """Makes the hosts: a number of clients, or clients with given names. Starts no daemon.
+        With QM_LAB_TLS in the environment, they have TLS unless the story decides about it."""
+        options.setdefault("tls", os.environ.get("QM_LAB_TLS"))
         names = prompt_names(clients, soon=0) if isinstance(clients, int) else clients
         self.lab.claim()
         self.lab.make(names, with_parent=True, **options)

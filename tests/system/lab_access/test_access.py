@@ -5,8 +5,10 @@ import signal
 import giop
 import harness
 import pytest
-from giop import AuthorityType, DiscoveryService
+from giop import AuthorityType
 from records import SUCCESS, put, query
+
+ROLES = ("read", "write", "register", "control")
 
 
 @pytest.fixture
@@ -17,11 +19,12 @@ def service_of():
 
     def make(host, caller, address=None):
         if caller not in orbs:
-            orbs[caller] = giop.Orb(timeout=harness.CALL_LIMIT, network=caller.network)
+            credentials = caller.root.credentials
+            orbs[caller] = giop.Orb(timeout=harness.CALL_LIMIT, network=caller.network,
+                                    tls=credentials.as_client() if credentials else None)
         address = address or host.address
-        return orbs[caller].object(
-            "corbaloc:iiop:1.2@%s:14400/DiscoveryService"
-            % ("[%s]" % address if ":" in address else address), DiscoveryService)
+        return harness.service_at(
+            orbs[caller], "%s:14400" % ("[%s]" % address if ":" in address else address))
     yield make
     for orb in orbs.values():
         orb.close()
@@ -44,6 +47,89 @@ def take(stage, host, level, **config):
     harness.wait_for(lambda: host.root.status()["logLevel"] == level, "the lists are read")
 
 
+def register(service, name):
+    service.registerExplorer("DiscoveryService", name, "s", name, AuthorityType.AT_EXTSRC, 1)
+
+
+# One operation of each role, done under a name.
+OPERATIONS = {
+    "read": ("queryDiscoveries", lambda service, _: query(service, subject="none")),
+    "write": ("putCollection", lambda service, name: put(service, "notes", name)),
+    "register": ("registerExplorer", register),
+    "control": ("restartLocalPushTimer", lambda service, _: service.restartLocalPushTimer()),
+}
+# {entry: the callers that it admits to the service on host "one"}
+ENTRIES = {
+    "*": {"one", "two", "master"},
+    "HOST": {"two"},
+    "HOST in capitals": {"two"},
+    "ADDRESS": {"two"},
+    "RANGE": {"one", "two"},
+    "local": {"one"},
+    "master": {"master"},
+    "": set(),
+}
+
+
+def text_of(entry, two, version):
+    """The entry as it stands in qm.conf. The range has the addresses of both clients."""
+    assert two.address in ("10.77.0.3", "fd77::3")
+    return {"HOST": str(two), "HOST in capitals": str(two).upper(), "ADDRESS": two.address,
+            "RANGE": "10.77.0.2/31" if version == 4 else "fd77::2/127"}.get(entry, entry)
+
+
+def is_admitted(call, *arguments):
+    try:
+        call(*arguments)
+        return True
+    except giop.SystemException as failure:
+        assert failure.name == "NO_PERMISSION"
+        return False
+
+
+@pytest.mark.parametrize("version", [4, 6])
+def test_each_entry_in_each_role(stage, service_of, version):
+    """One list has the entry, and the others admit everybody."""
+    one, two = stage.build(2, version=version).clients
+    stage.start_all()
+    callers = {"one": one, "two": two, "master": stage.master}
+    services = {name: service_of(one, host) for name, host in callers.items()}
+    level = 4
+    for entry, admitted in ENTRIES.items():
+        text = text_of(entry, two, version)
+        for role, (operation, call) in OPERATIONS.items():
+            level = 9 - level
+            take(stage, one, level, **{"ALLOW." + each: text if each == role else "*"
+                                       for each in ROLES})
+            for name in admitted:  # a new name has its addresses a moment later
+                harness.wait_for(lambda: is_admitted(call, services[name], str(callers[name])),
+                                 "%s: %s admits %s" % (role, entry, name))
+            log = one.root.log()
+            for name in callers.keys() - admitted:
+                assert not is_admitted(call, services[name], str(callers[name])), (entry, role)
+            assert sorted(refusals(log)) == sorted(
+                "Refused: %s may not %s (ALLOW.%s = %s)"
+                % (callers[name].peer_name, operation, role, text or "nobody")
+                for name in callers.keys() - admitted)
+
+
+@pytest.mark.parametrize("role", ["write", "register"])
+def test_own_admits_each_host_to_its_own_name(stage, service_of, role):
+    one, two = stage.build(2).clients
+    stage.start_all()
+    take(stage, stage.master, 5, **{"ALLOW." + role: "own"})
+    operation, call = OPERATIONS[role]
+    callers = (one, two, stage.master)
+    for caller in callers:
+        service = service_of(stage.master, caller)
+        log = stage.master.root.log()
+        for name in callers:
+            assert is_admitted(call, service, str(name)) == (name is caller)
+        assert refusals(log) == [
+            'Refused: %s may not %s as "%s" (ALLOW.%s = own)'
+            % (caller.peer_name, operation, name, role) for name in callers if name is not caller]
+
+
 @pytest.mark.parametrize("version", [4, 6])
 def test_by_default_control_is_for_the_host_and_the_master(stage, service_of, version):
     one, two = stage.build(2, version=version).clients
@@ -54,7 +140,7 @@ def test_by_default_control_is_for_the_host_and_the_master(stage, service_of, ve
     for operation in ("terminate", "restartLocalPushTimer", "restartAllPushTimers"):
         refused(getattr(on_master, operation))
     assert refusals(log) == ["Refused: %s may not %s (ALLOW.control = local, master)"
-                             % (one.address, operation) for operation in
+                             % (one.peer_name, operation) for operation in
                              ("terminate", "restartLocalPushTimer", "restartAllPushTimers")]
     refused(service_of(two, one).terminate)
     # Everything else is for everybody.
@@ -79,7 +165,7 @@ def test_the_command_line_is_refused_and_then_admitted(stage):
         "qmdiscoctl: the discovery service on master refused, its log has the reason: not "
         "permitted: NO_PERMISSION (minor 0x00000000, COMPLETED_NO)\n")
     assert refusals(log) == ["Refused: %s may not restartAllPushTimers (ALLOW.control = local, "
-                             "master)" % one.address]
+                             "master)" % one.peer_name]
     take(stage, master, 5, **{"ALLOW.control": "local, %s" % str(one).upper()})
 
     def admitted():
@@ -111,7 +197,8 @@ def test_own_by_the_names_of_hosts(stage, service_of):
 
 
 def test_ranges_and_a_name_that_appears_later(stage, service_of):
-    one, two = stage.build(2).clients
+    # With TLS the name in the certificate decides, not the addresses of a name.
+    one, two = stage.build(2, tls=None).clients
     stage.start_all()
     master = stage.master
     hosts = stage.lab.directory / "hosts"

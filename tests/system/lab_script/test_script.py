@@ -213,6 +213,25 @@ def test_hosts_that_share_the_loopback(script):
     assert (script.lab() / client / "logs" / "qmdisco.log").exists()
 
 
+def test_a_lab_with_tls(script):
+    """Each host has its own key, and its configuration names it."""
+    [client] = prompt_names(1)
+    script("up", "1", "--tls", "--set", "master:LOG_LEVEL=5")
+    tls = script.lab() / "tls"
+    for host in ("master", client):
+        text = (script.lab() / host / "etc" / "qm.conf").read_text()
+        assert "TLS = required\nTLS_CERTIFICATE = %s/%s/certificate.pem\n" % (tls, host) + \
+            "TLS_KEY = %s/%s/key.pem\nTLS_CA = %s/ca.pem\n" % (tls, host, tls) in text
+        assert (tls / host / "key.pem").stat().st_mode & 0o777 == 0o600
+    assert "LOG_LEVEL = 5\n" in (script.lab() / "master" / "etc" / "qm.conf").read_text()
+    assert script("exec", client, "openssl", "verify", "-CAfile", tls / "ca.pem", "-verify_ip",
+                  "10.77.0.1", "-verify_hostname", "master", tls / "master" / "certificate.pem")
+
+    def everybody_is_seen():
+        return {"master", client} <= set(script("exec", client, "qmdiscoctl", "query").split())
+    harness.wait_for(everybody_is_seen, "all hosts have pushed")
+
+
 @pytest.mark.parametrize("setting,message", [
     ("nobody:LOG_LEVEL=1", "there is no host nobody; there are: master 4client"),
     ("LOG_LEVEL=1", "invalid setting value: 'LOG_LEVEL=1'")])

@@ -15,7 +15,11 @@ def no_memory():
 
 
 class Stranger:
-    """The fake service with its iterators and writers. `asked` lists the requested operations.
+    """The fake service with its iterators and writers. `asked` lists the requested operations,
+    `failures` the texts of the connections that failed.
+
+    tls: an ssl.SSLContext. By default it is that of the host's certificate if the host has TLS.
+    False is plain text.
 
     With a subject "PLACE_HOW" the answer at that place is wrong. The places are "query", "page",
     "get", "data", "put-collection", "put", "close" and "release". The ways are:
@@ -28,11 +32,13 @@ class Stranger:
         huge     it sends a sequence that claims 4 billion elements
     """
 
-    def __init__(self, host, is_a=True, little=True):
+    def __init__(self, host, is_a=True, little=True, tls=None):
         self.asked = []
         self._is_a = is_a
         self._numbers = itertools.count()
-        self._server = Server(host.address, PORT, host.network, little)
+        if tls is None and host.root.credentials:
+            tls = host.root.credentials.as_server()
+        self._server = Server(host.address, PORT, host.network, little, tls or None)
         self._server.add(b"DiscoveryService", DiscoveryService.TYPE_ID, self._service)
 
     def __enter__(self):
@@ -40,6 +46,14 @@ class Stranger:
 
     def __exit__(self, *_):
         self._server.close()
+
+    @property
+    def failures(self):
+        return self._server.failures
+
+    @property
+    def connections(self):
+        return self._server.accepted
 
     def _object(self, kind, function):
         key = b"object%d" % next(self._numbers)
@@ -68,6 +82,9 @@ class Stranger:
         if operation == "_is_a":
             arguments.string()
             return lambda e: e.boolean(self._is_a)
+        if operation == "_set_pageSize":
+            arguments.ulong()
+            return lambda e: None
         return None
 
     def _service(self, operation, arguments):
