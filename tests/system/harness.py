@@ -11,6 +11,7 @@ import time
 from typing import NamedTuple
 
 from giop import DiscoveryService, Orb
+from pki import Files
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
 
@@ -52,6 +53,7 @@ class Root:
         self.errors_file = self.path / "logs" / "qmdisco-errors.log"
         self.store = self.path / "db" / "discovery"
         self.config_file = self.path / "etc" / "qm.conf"
+        self.credentials = None  # the pki.Files of the configuration; None without TLS
         self.config_file.parent.mkdir(parents=True)
         self.configure(**config)
 
@@ -64,6 +66,9 @@ class Root:
         keys = {"LISTEN": "127.0.0.1:0", "CLIENT_NAME": "master1", "SERVER": "master1",
                 "LOG_LEVEL": 4, **config}
         keys.setdefault("LOG_BURST", 0)
+        has_files = keys.get("TLS_CERTIFICATE") and keys.get("TLS_CA")
+        self.credentials = Files(pathlib.Path(keys["TLS_CERTIFICATE"]).parent, keys["TLS_CA"]) \
+            if keys.get("TLS", "off") != "off" and has_files else None
         self.config_file.write_text("".join("%s = %s\n" % (key, value)
                                             for key, value in keys.items() if value is not None))
 
@@ -211,11 +216,13 @@ class Daemon:
         return self
 
     def client(self, **options):
-        """A proxy of the service. It finds the service by name, like every client."""
+        """A proxy of the service. It finds the service by name, like every client. If the service
+        has TLS, so has the client, with the same certificate; tls=None is plain text."""
+        if self.root.credentials and "tls" not in options:
+            options["tls"] = self.root.credentials.as_client()
         orb = Orb(**{"timeout": CALL_LIMIT, "network": self._network, **options})
         self._orbs.append(orb)
-        return orb.object("corbaloc:iiop:1.2@%s/DiscoveryService" % self.endpoint,
-                          DiscoveryService)
+        return service_at(orb, self.endpoint)
 
     def wait(self, limit=STOP_LIMIT):
         """Waits for the daemon's end and returns its exit code."""
@@ -244,6 +251,12 @@ class Daemon:
             orb.close()
         if self.is_running():
             self.kill()
+
+
+def service_at(orb, endpoint):
+    """A proxy of the service at "HOST:PORT", found by name. The ORB decides about TLS."""
+    return orb.object("corbaloc:%s:1.2@%s/DiscoveryService"
+                      % ("ssliop" if orb.has_tls else "iiop", endpoint), DiscoveryService)
 
 
 class Daemons:

@@ -1,18 +1,11 @@
-"""What a hostile peer does to the daemon, and an honest client beside it."""
+"""What a hostile peer does to the daemon."""
 
-import contextlib
-import os
 import socket
-import threading
-import time
 
 from giop.messages import MessageType, header, messages, request_body
-from records import SUCCESS, get, open_writer, put, record
+from records import SUCCESS, open_writer, put, record
 
 ATTACKER = "127.0.0.66"
-HONEST = "127.0.0.7"
-# Seconds within which the honest client is always answered. An instrumented daemon is slower.
-PROMPT = 20 if os.environ.get("QM_SANITIZE") else 5
 
 
 class Attacker:
@@ -73,13 +66,13 @@ def half_a_header():
     return b"GIOP\1\2"
 
 
-def half_a_request():
-    """A header that promises more than follows."""
-    return header(MessageType.REQUEST, 1000) + bytes(10)
+def half_a_request(size=1000):
+    """The header and the first bytes of a request of so many bytes."""
+    return header(MessageType.REQUEST, size) + bytes(10)
 
 
 def request(target, operation, arguments=lambda e: None):
-    """The bytes of a request to an object of which there is a proxy."""
+    """The bytes of a request to the object of a proxy."""
     return messages(MessageType.REQUEST,
                     request_body(1, target.ior.key, operation, arguments))
 
@@ -110,51 +103,3 @@ def unread_pages(daemon, attacker, count):
     for iterator in iterators:
         # More pages than the kernel's buffers take.
         attacker.connect(receive_buffer=4096).sendall(request(iterator, "getNextPage") * 8)
-
-
-class Honest:
-    """A client that stores and reads a record all the time, until the end of the block. Each answer
-    must come within PROMPT seconds."""
-
-    def __init__(self, daemon):
-        self._daemon = daemon
-        self._stop = threading.Event()
-        self._thread = threading.Thread(target=self._run, daemon=True)
-        self.rounds = 0
-        self.longest = 0.0
-        self.failure = None
-
-    def _round(self, number):
-        service = self._daemon.client(timeout=PROMPT, source=HONEST)
-        data = b"%d" % number
-        assert put(service, "honest", "client", data) == SUCCESS
-        assert get(service, "honest", "client") == data
-        service.orb.close()
-
-    def _run(self):
-        try:
-            while not self._stop.is_set():
-                begin = time.monotonic()
-                self._round(self.rounds)
-                self.longest = max(self.longest, time.monotonic() - begin)
-                self.rounds += 1
-                self._stop.wait(0.02)
-        except BaseException as failure:  # pylint: disable=broad-except
-            self.failure = failure
-
-    def __enter__(self):
-        self._thread.start()
-        return self
-
-    def __exit__(self, *_):
-        self._stop.set()
-        self._thread.join(4 * PROMPT)
-        assert not self._thread.is_alive(), "the honest client hangs"
-        assert self.failure is None, "the honest client: %r" % self.failure
-        assert self.rounds > 0
-
-
-@contextlib.contextmanager
-def beside_an_honest_client(daemon):
-    with Honest(daemon) as honest:
-        yield honest

@@ -6,7 +6,8 @@ import time
 import pytest
 
 import harness
-from attack import beside_an_honest_client, half_a_header
+from attack import half_a_header
+from honest import Honest
 
 SANITIZED = bool(os.environ.get("QM_SANITIZE"))
 # A silent connection may cost the daemon so many bytes.
@@ -18,7 +19,7 @@ OTHER_THREADS = 16
 @pytest.mark.parametrize("data", [b"", half_a_header()], ids=["silent", "half a header"])
 def test_ten_thousand_connections(attacked, attack, figures, counter, data):
     daemon = attacked()
-    with beside_an_honest_client(daemon):
+    with Honest(daemon):
         time.sleep(0.5)
         before = figures(daemon)
         attacker = attack(daemon)
@@ -64,7 +65,7 @@ def test_one_more_takes_the_place_of_the_peer_with_the_most(attacked, attack, co
 def test_a_flood_of_connections(attacked, attack, root):
     """One peer comes again and again when all places are taken."""
     daemon = attacked(MAX_CONNECTIONS=LIMIT)
-    with beside_an_honest_client(daemon) as honest:
+    with Honest(daemon) as honest:
         for _ in range(10):
             attack(daemon).open(2 * LIMIT)
             rounds = honest.rounds

@@ -3,8 +3,9 @@
 import os
 import threading
 
-from attack import ATTACKER, beside_an_honest_client, most_of_a_put
+from attack import ATTACKER, most_of_a_put
 from giop import DiscoveryQuery
+from honest import Honest
 from records import ANY, SUCCESS, open_writer, put, record
 
 THREADS = 16
@@ -17,11 +18,11 @@ LONG = "n" * 1000
 def test_the_ceiling_holds(attacked, attack, figures, counter, root):
     daemon = attacked(REQUEST_TIMEOUT=600, REQUEST_THREADS=THREADS, MAX_MESSAGE_BYTES=MESSAGE,
                       MAX_CONNECTIONS=2000, MAX_ITERATORS=ITERATORS, CACHED_RECORDS=1000,
-                      MAX_PULLED_BYTES=1 << 20)
+                      MAX_PULLED_BYTES=1 << 20, MAX_ARRIVING_BYTES=2 << 20)
     ceiling = root.status()["counters"]["memoryCeiling"]
     assert ceiling == (96 << 20) + THREADS * (MESSAGE + (3 << 20)) + 2000 * 8192 + \
-        (ITERATORS + 1000) * 8192 + (1 << 20) + 10_000 * 32768 + 1000 * 400
-    with beside_an_honest_client(daemon):
+        (ITERATORS + 1000) * 8192 + (1 << 20) + (2 << 20) + 10_000 * 32768 + 1000 * 400
+    with Honest(daemon):
         service = daemon.client(source=ATTACKER)
         for number in range(REGISTRATIONS):
             service.registerExplorer("DiscoveryService", LONG, "%s%d" % (LONG, number), LONG, 1, 1)

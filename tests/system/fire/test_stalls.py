@@ -5,8 +5,8 @@ import time
 import pytest
 
 import harness
-from attack import (ATTACKER, beside_an_honest_client, half_a_request, most_of_a_put, stalled_puts,
-                    unread_pages)
+from attack import ATTACKER, half_a_request, most_of_a_put, stalled_puts, unread_pages
+from honest import Honest
 from records import SUCCESS, get, open_writer, record
 
 THREADS = 8
@@ -20,7 +20,7 @@ TIMEOUT = 3
 def test_a_stall_ends_after_its_time(attacked, attack, counter, root, stall, says):
     daemon = attacked(REQUEST_TIMEOUT=TIMEOUT)
     attacker = attack(daemon)
-    with beside_an_honest_client(daemon):
+    with Honest(daemon):
         begin = time.monotonic()
         stall(daemon, attacker, 4)
         counter("connectionsStalled", 4)
@@ -33,7 +33,7 @@ def test_a_stall_ends_after_its_time(attacked, attack, counter, root, stall, say
 def test_a_small_request_that_never_ends_takes_no_thread(attacked, attack, counter, figures):
     daemon = attacked(REQUEST_TIMEOUT=TIMEOUT, REQUEST_THREADS=THREADS)
     attacker = attack(daemon)
-    with beside_an_honest_client(daemon):
+    with Honest(daemon):
         attacker.open(500, half_a_request())
         assert figures(daemon)["Threads"] < 100
         counter("connectionsStalled", 500)
@@ -43,7 +43,7 @@ def test_a_small_request_that_never_ends_takes_no_thread(attacked, attack, count
 def test_half_of_the_threads_may_stall(attacked, attack, root):
     daemon = attacked(REQUEST_TIMEOUT=600, REQUEST_THREADS=THREADS)
     attacker = attack(daemon)
-    with beside_an_honest_client(daemon):
+    with Honest(daemon):
         stalled_puts(daemon, attacker, THREADS // 2)
         time.sleep(1.5)
         assert attacker.ended() == 0
@@ -53,7 +53,7 @@ def test_half_of_the_threads_may_stall(attacked, attack, root):
 def test_one_more_loses_the_oldest(attacked, attack, counter, root):
     daemon = attacked(REQUEST_TIMEOUT=600, REQUEST_THREADS=THREADS)
     attacker = attack(daemon)
-    with beside_an_honest_client(daemon):
+    with Honest(daemon):
         stalled_puts(daemon, attacker, THREADS // 2 + 1)
         counter("connectionsStalled", 1)
         time.sleep(1)
@@ -65,10 +65,10 @@ def test_one_more_loses_the_oldest(attacked, attack, counter, root):
 
 @pytest.mark.parametrize("stall", [stalled_puts, unread_pages], ids=["puts", "pages"])
 def test_many_stalls(attacked, attack, counter, stall):
-    """More than there are threads. Some are refused, others lose their connection."""
+    """More than there are threads. Some wait for a thread, others lose their connection."""
     daemon = attacked(REQUEST_TIMEOUT=600, REQUEST_THREADS=THREADS)
     attacker = attack(daemon)
-    with beside_an_honest_client(daemon) as honest:
+    with Honest(daemon) as honest:
         stall(daemon, attacker, 4 * THREADS)
         counter("connectionsStalled", 1)
         rounds = honest.rounds

@@ -28,9 +28,12 @@ class ConnectionClosed(ConnectionLost):
 
 
 class Connection:
-    """Every operation ends within the timeout. The peer cannot delay it longer."""
+    """Every operation ends within the timeout. The peer cannot delay it longer.
 
-    def __init__(self, host, port, timeout, source=None):
+    tls: the ssl.SSLContext of a connection with TLS.
+    """
+
+    def __init__(self, host, port, timeout, source=None, tls=None):
         self._timeout = timeout
         try:
             self._socket = socket.create_connection((host, port), timeout,
@@ -40,6 +43,17 @@ class Connection:
         except OSError as error:
             raise ConnectionLost("%s:%d: %s" % (host, port, error)) from None
         self._socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        if tls:
+            # The socket still has its timeout, and the handshake is one operation.
+            try:
+                self._socket = self._guarded(tls.wrap_socket, self._socket)
+            except ConnectionLost:
+                self._socket.close()
+                raise
+
+    def certificate(self):
+        """The peer's certificate as DER. Only with TLS."""
+        return self._socket.getpeercert(binary_form=True)
 
     def close(self):
         self._socket.close()

@@ -7,6 +7,8 @@ from urllib.parse import unquote_to_bytes
 from .cdr import CdrError, Encoder, open_encapsulation
 
 TAG_INTERNET_IOP = 0
+# Inside a profile: the port for TLS at the same host.
+TAG_SSL_SEC_TRANS = 20
 
 
 class IorError(ValueError):
@@ -15,13 +17,17 @@ class IorError(ValueError):
 
 @dataclass(frozen=True)
 class Ior:
-    """A reference with its first IIOP profile. With an empty key and an empty type it is nil."""
+    """A reference with its first IIOP profile. With an empty key and an empty type it is nil.
+
+    A port of 0 does not exist: the object is served only with TLS, or only without.
+    """
 
     type_id: str
     host: str
     port: int
     key: bytes
     version: tuple = (1, 2)
+    tls_port: int = 0
 
     @property
     def is_nil(self):
@@ -47,7 +53,10 @@ class Ior:
     def _encode_profile(self, encoder):
         encoder.octet(self.version[0]).octet(self.version[1])
         encoder.string(self.host).ushort(self.port).octets(self.key)
-        encoder.ulong(0)  # no components
+        encoder.ulong(1 if self.tls_port else 0)
+        if self.tls_port:
+            encoder.ulong(TAG_SSL_SEC_TRANS)
+            encoder.encapsulation(lambda e: e.ushort(0).ushort(0).ushort(self.tls_port))
 
     def __str__(self):
         encoder = Encoder()
@@ -64,20 +73,32 @@ def _decode_profile(data):
     version = (profile.octet(), profile.octet())
     if version[0] != 1:
         raise IorError("IIOP version %d.%d" % version)
-    return profile.string(), profile.ushort(), profile.octets(), version
+    return profile.string(), profile.ushort(), profile.octets(), version, \
+        _tls_port(profile) if version > (1, 0) else 0
+
+
+def _tls_port(profile):
+    for tag, data in profile.sequence(lambda d: (d.ulong(), d.octets())):
+        if tag == TAG_SSL_SEC_TRANS:
+            component = open_encapsulation(data)
+            component.ushort()
+            component.ushort()
+            return component.ushort()
+    return 0
 
 
 def parse_reference(text):
-    """Makes an Ior from "IOR:..." or "corbaloc:iiop:1.2@HOST:PORT/KEY"."""
+    """Makes an Ior from "IOR:..." or "corbaloc:iiop:1.2@HOST:PORT/KEY", or ssliop for TLS."""
     if text.startswith("IOR:"):
         try:
             return Ior.decode(open_encapsulation(bytes.fromhex(text[4:])))
         except (ValueError, CdrError) as error:
             raise IorError("%s: %s" % (text, error)) from None
-    found = re.fullmatch(r"corbaloc:(?:iiop)?:(?:(\d)\.(\d)@)?"
+    found = re.fullmatch(r"corbaloc:(iiop|ssliop)?:(?:(\d)\.(\d)@)?"
                          r"(\[[0-9a-fA-F:.]+\]|[^:/@,\[\]]+)(?::(\d+))?/(.+)", text)
     if not found:
         raise IorError(text)
-    major, minor, host, port, key = found.groups()
+    protocol, major, minor, host, port, key = found.groups()
     version = (int(major), int(minor)) if major else (1, 0)
-    return Ior("", host.strip("[]"), int(port or 2809), unquote_to_bytes(key), version)
+    ports = (0, int(port or 2809)) if protocol == "ssliop" else (int(port or 2809), 0)
+    return Ior("", host.strip("[]"), ports[0], unquote_to_bytes(key), version, ports[1])

@@ -21,11 +21,12 @@ class Orb:
     version: the version of GIOP.
     code_set: the code set of characters that requests name; None: they name none.
     encoding: how strings are encoded.
+    tls: an ssl.SSLContext. All connections then use TLS, and references without TLS are refused.
     """
 
     def __init__(self, timeout=30.0, little=True, fragment_size=None,
                  network=contextlib.nullcontext, source=None, version=(1, 2), code_set=UTF_8,
-                 encoding="utf-8"):
+                 encoding="utf-8", tls=None):
         self.timeout = timeout
         self._little = little
         self._fragment_size = fragment_size
@@ -34,6 +35,7 @@ class Orb:
         self._version = version
         self._code_set = code_set
         self._encoding = encoding
+        self._tls = tls
         self._connections = {}
         self._forwards = {}
         self._last_id = 0
@@ -48,6 +50,14 @@ class Orb:
         for connection in self._connections.values():
             connection.close()
         self._connections.clear()
+
+    @property
+    def has_tls(self):
+        return self._tls is not None
+
+    def certificates(self):
+        """The certificates (DER) of the servers on the open connections."""
+        return [each.certificate() for each in self._connections.values()]
 
     def object(self, reference, kind):
         """A proxy of class `kind` for an Ior or a reference as text."""
@@ -84,11 +94,13 @@ class Orb:
             return self._exchange(target, operation, arguments)
 
     def _exchange(self, target, operation, arguments):
-        address = (target.host, target.port)
+        address = (target.host, target.tls_port if self._tls else target.port)
+        if not address[1]:
+            raise GiopError("a reference %s TLS" % ("without" if self._tls else "with only"))
         connection = self._connections.get(address)
         if connection is None:
             with self._network():
-                connection = Connection(*address, self.timeout, self._source)
+                connection = Connection(*address, self.timeout, self._source, self._tls)
             self._connections[address] = connection
         self._last_id += 1
         try:

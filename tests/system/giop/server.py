@@ -27,10 +27,14 @@ class Server:
     An object is a function. It takes an operation and the decoder of the arguments. It returns a
     function that writes the result into an encoder. If the object raises a SystemException, the
     reply contains it. If the object raises HangUp, the connection ends. `network` means the same
-    as in Orb.
+    as in Orb. With `tls`, an ssl.SSLContext, it serves only TLS. `failures` has the texts of the
+    connections that failed, `accepted` their total number.
     """
 
-    def __init__(self, host, port=0, network=contextlib.nullcontext, little=True):
+    def __init__(self, host, port=0, network=contextlib.nullcontext, little=True, tls=None):
+        self.failures = []
+        self.accepted = 0
+        self._tls = tls
         self._little = little
         self._objects = {}
         self._connections = set()
@@ -63,7 +67,12 @@ class Server:
     def add(self, key, type_id, an_object):
         """Serves an object under a key and returns the reference."""
         self._objects[key] = an_object
-        return Ior(type_id, self.host, self.port, key)
+        return self.reference(type_id, key)
+
+    def reference(self, type_id, key, host=None):
+        """A reference to an object here, or to the same port of another host."""
+        ports = (0, self.port) if self._tls else (self.port, 0)
+        return Ior(type_id, host or self.host, ports[0], key, (1, 2), ports[1])
 
     def _run(self, work, *arguments):
         thread = threading.Thread(target=work, args=arguments, daemon=True)
@@ -76,7 +85,11 @@ class Server:
                 connection, _ = self._socket.accept()
             except OSError:
                 return
+            self.accepted += 1
             connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+            if self._tls:  # the handshake is the work of the connection's thread
+                connection = self._tls.wrap_socket(connection, server_side=True,
+                                                   do_handshake_on_connect=False)
             with self._lock:
                 if self._closed:
                     connection.close()
@@ -85,14 +98,20 @@ class Server:
             self._run(self._serve, connection)
 
     def _serve(self, connection):
-        with connection:
-            with contextlib.suppress(OSError, HangUp, GiopError, CdrError):
+        try:
+            with connection:
+                if self._tls:
+                    connection.do_handshake()
                 while True:
                     try:
                         connection.sendall(self._answer(*self._receive(connection)))
                     except HangUp as end:
                         connection.sendall(end.first)
                         raise
+        except HangUp:
+            pass
+        except (OSError, GiopError, CdrError) as error:
+            self.failures.append(str(error))
         with self._lock:
             self._connections.discard(connection)
 

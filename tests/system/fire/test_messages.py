@@ -1,0 +1,198 @@
+"""Peers that send unfinished messages, fragments and cancellations, by the thousand."""
+
+import os
+import struct
+import time
+
+import harness
+from attack import ATTACKER, half_a_request, most_of_a_put, request
+from giop.messages import MessageType
+from honest import Honest
+from records import SUCCESS, open_writer, put, record
+
+UNFINISHED = 16  # messages of one connection at the same time
+MESSAGE = 1 << 20
+
+
+def piece(kind, request_id, body, more):
+    """A message of GIOP 1.2, or a fragment of one, whose body begins with the id."""
+    return b"GIOP\1\2" + bytes([1 | (2 if more else 0), kind]) + \
+        struct.pack("<II", len(body) + 4, request_id) + body
+
+
+def first_piece(request_id):
+    return piece(MessageType.REQUEST, request_id, bytes(8), more=True)
+
+
+def test_requests_without_their_last_fragment_take_no_thread(attacked, attack, counter, figures,
+                                                             root):
+    daemon = attacked(REQUEST_TIMEOUT=5, REQUEST_THREADS=8)
+    attacker = attack(daemon)
+    with Honest(daemon):
+        attacker.open(2000, first_piece(1) + piece(MessageType.FRAGMENT, 1, bytes(8), more=True))
+        assert figures(daemon)["Threads"] < 50
+        assert root.status()["counters"]["requestsWaiting"] == 0
+        counter("connectionsStalled", 2000)
+        harness.wait_for(lambda: attacker.ended() == 2000, "the connections end")
+
+
+def test_a_connection_has_sixteen_unfinished_messages(attacked, attack, counter, root):
+    daemon = attacked()
+    attacker = attack(daemon)
+    with Honest(daemon):
+        connection = attacker.connect()
+        connection.sendall(b"".join(first_piece(number) for number in range(UNFINISHED)))
+        time.sleep(0.5)
+        assert attacker.ended() == 0
+        connection.setblocking(True)
+        connection.sendall(first_piece(UNFINISHED))
+        counter("connectionsMalformed", 1)
+        harness.wait_for(lambda: attacker.ended() == 1, "the connection ends")
+    assert "Closed a connection of 127.0.0.66: too many of its messages are unfinished" in \
+        root.log_file.read_text()
+
+
+def put_in_fragments(writer, size, fragment=32768):
+    """A put of so many bytes, in fragments that are whole multiples of eight."""
+    whole = request(writer, "put", lambda e: e.octets(bytes(size)))
+    request_id = struct.unpack_from(">I" if not whole[6] & 1 else "<I", whole, 12)[0]
+    order = "<" if whole[6] & 1 else ">"
+    cuts = [whole[12:fragment]]
+    cuts += [whole[at:at + fragment] for at in range(fragment, len(whole), fragment)]
+    flags = whole[6] & 1
+    result = []
+    for number, cut in enumerate(cuts):
+        more = 2 if number < len(cuts) - 1 else 0
+        kind = MessageType.REQUEST if number == 0 else MessageType.FRAGMENT
+        body = cut if number == 0 else struct.pack(order + "I", request_id) + cut
+        result.append(b"GIOP\1\2" + bytes([flags | more, kind]) +
+                      struct.pack(order + "I", len(body)) + body)
+    return result
+
+
+def test_fragments_are_as_long_as_a_message_together(attacked, attack, counter, root):
+    daemon = attacked(MAX_MESSAGE_BYTES=MESSAGE)
+    attacker = attack(daemon)
+    with Honest(daemon):
+        writer = open_writer(daemon.client(source=ATTACKER), record("pieces", "attacker"))
+        fitting = attacker.connect()
+        fitting.sendall(b"".join(put_in_fragments(writer, MESSAGE - 4096)))
+        assert fitting.recv(12)[:4] == b"GIOP"
+        assert root.status()["counters"]["connectionsMalformed"] == 0
+
+        longer = attacker.connect()
+        try:
+            for part in put_in_fragments(writer, MESSAGE + 4096):
+                longer.sendall(part)
+        except OSError:
+            pass  # the daemon closes it before the last fragment
+        counter("connectionsMalformed", 1)
+    assert "the fragments of a message are longer than MAX_MESSAGE_BYTES together" in \
+        root.log_file.read_text()
+
+
+def test_fragments_without_end_are_not_read(attacked, attack, counter):
+    """Each fragment is small. Together they would be four times as much as a message may have."""
+    daemon = attacked(MAX_MESSAGE_BYTES=MESSAGE)
+    attacker = attack(daemon)
+    with Honest(daemon):
+        writer = open_writer(daemon.client(source=ATTACKER), record("pieces", "attacker"))
+        pieces = put_in_fragments(writer, 4 * MESSAGE, fragment=8192)
+        for _ in range(20):
+            connection = attacker.connect()
+            try:
+                for part in pieces:
+                    connection.sendall(part)
+            except OSError:
+                continue
+        counter("connectionsMalformed", 20)
+
+
+def test_cancellations_cost_nothing(attacked, attack, figures):
+    daemon = attacked()
+    attacker = attack(daemon)
+    service = daemon.client(source=ATTACKER)
+    cancellations = b"".join(piece(MessageType.CANCEL_REQUEST, number, b"", more=False)
+                             for number in range(20_000))
+    connection = attacker.connect()
+    resident = []
+    with Honest(daemon):
+        for _ in range(2):
+            for _ in range(10):
+                connection.sendall(cancellations)
+            connection.sendall(request(service, "_non_existent"))
+            assert connection.recv(4096)[:4] == b"GIOP"
+            resident.append(figures(daemon)["VmRSS"])
+        # The second round of 200,000 needed no more than the first.
+        if not os.environ.get("QM_SANITIZE"):
+            assert resident[1] <= resident[0] + 1024
+    assert daemon.stop() == 0
+
+
+def test_requests_that_break_off_leave_nothing(attacked, attack, figures):
+    """The daemon has refused them already, and skips the rest, when their connections end. A
+    sanitizer finds each leak. Without one, the memory must not grow with each round."""
+    sanitized = bool(os.environ.get("QM_SANITIZE"))
+    daemon = attacked()
+    service = daemon.client(source=ATTACKER)
+    broken = request(service, "nothing", lambda e: e.octets(bytes(200_000)))[:70_000]
+    resident = []
+    with Honest(daemon):
+        for number in range(1 if sanitized else 4):
+            # The ports of ended connections stay taken for a minute. So each round has an address.
+            attacker = attack(daemon, source="127.0.0.%d" % (100 + number))
+            for _ in range(500 if sanitized else 4000):
+                attacker.open(1, broken)
+                attacker.close()
+            time.sleep(0.5)
+            resident.append(figures(daemon)["VmRSS"])
+    # A leak of the ORB would be 4 MiB in each round.
+    assert resident[-1] <= resident[0] + (10 << 10)
+    assert daemon.stop() == 0
+
+
+def test_the_requests_of_a_flood_wait_in_their_own_line(attacked, attack, counter, root):
+    """Each begins to arrive, is large enough for a thread, and stalls."""
+    daemon = attacked(REQUEST_TIMEOUT=600, REQUEST_THREADS=8)
+    attacker = attack(daemon)
+    with Honest(daemon):
+        writer = open_writer(daemon.client(source=ATTACKER), record("stalled", "attacker"))
+        attacker.open(1000, most_of_a_put(writer)[:70_000])
+        counter("requestsWaitingHighest", 500)
+        harness.wait_for(lambda: attacker.ended() > 5, "the oldest ones lose their connection")
+        assert root.status()["counters"]["requestsWaiting"] > 100
+    assert daemon.stop() == 0
+
+
+def test_the_room_for_arriving_requests(attacked, attack, counter, root):
+    room = 1 << 20
+    kept = 60_000
+    daemon = attacked(REQUEST_TIMEOUT=600, MAX_ARRIVING_BYTES=room)
+    attacker = attack(daemon)
+    with Honest(daemon) as honest:
+        attacker.open(room // kept - 1, half_a_request(kept) + bytes(kept - 200))
+        time.sleep(1)
+        assert root.status()["counters"]["connectionsCrowdedOut"] == 0
+        attacker.open(20, half_a_request(kept) + bytes(kept - 200))
+        counter("connectionsCrowdedOut", 10)
+        rounds = honest.rounds
+        harness.wait_for(lambda: honest.rounds > rounds + 20, "the honest client is served")
+    service = daemon.client()
+    assert put(service, "large", "honest", bytes(4 << 20), chunk=1 << 20) == SUCCESS
+    assert "bytes (MAX_ARRIVING_BYTES). Closed a connection of 127.0.0.66, which took" in \
+        root.log_file.read_text()
+
+
+def test_pieces_that_end_in_the_middle_of_eight_bytes(attacked, attack, counter, figures):
+    """The ORB would read such a message for ever, with a thread for each."""
+    daemon = attacked()
+    attacker = attack(daemon)
+    service = daemon.client(source=ATTACKER)
+    whole = request(service, "queryDiscoveries", lambda e: e.octets(bytes(100_000)))
+    with Honest(daemon):
+        for _ in range(200):
+            connection = attacker.connect()
+            connection.sendall(piece(MessageType.REQUEST, 1, whole[16:65_541], more=True))
+        counter("connectionsMalformed", 200)
+        harness.wait_for(lambda: attacker.ended() == 200, "the connections end")
+    assert daemon.stop() == 0
