@@ -235,7 +235,7 @@ def test_two_at_once(directory):
                           stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as lock:
         assert lock.stdout.readline() == "ready\n"
         assert run(directory, "web1", code=1) == \
-            "certificates: another scripts/certificates works in %s\n" % directory
+            "certificates: another certificates works in %s\n" % directory
         lock.stdin.close()
     run(directory, "web1")
 
@@ -246,10 +246,10 @@ def test_without_openssl(directory, tmp_path):
     for each in ("bash", "dirname", "basename"):
         (programs / each).symlink_to("/usr/bin/" + each)
     assert run(directory, "web1", code=1, env={"PATH": str(programs)}) == \
-        "certificates: openssl is missing: install Debian's openssl (scripts/setup does)\n"
+        "certificates: openssl is missing: install Debian's package openssl\n"
 
 
 def test_help():
     done = subprocess.run([SCRIPT, "--help"], capture_output=True, text=True, timeout=LIMIT,
                           check=True)
-    assert done.stderr.startswith("usage: scripts/certificates ")
+    assert done.stderr.startswith("usage: certificates ")
