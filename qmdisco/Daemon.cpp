@@ -398,6 +398,7 @@ void Daemon::publish(const char* state)
         m_status.counters.emplace_back("connectionsHighest", connections.highest);
         m_status.counters.emplace_back("connectionsRefused", connections.refused);
         m_status.counters.emplace_back("connectionsDrivenOut", connections.drivenOut);
+        m_status.counters.emplace_back("connectionsLeftIdle", connections.leftIdle);
         m_status.counters.emplace_back("connectionsStalled", connections.stalled);
         m_status.counters.emplace_back("connectionsMalformed", connections.malformed);
         m_status.counters.emplace_back("connectionsCrowdedOut", connections.crowdedOut);

@@ -12,6 +12,7 @@ struct ConnectionCounts
     std::uint64_t highest = 0;   ///< the most that were open at the same time
     std::uint64_t refused = 0;   ///< closed at once, because there was no place
     std::uint64_t drivenOut = 0; ///< idle ones, closed to make place for others
+    std::uint64_t leftIdle = 0;  ///< closed after IDLE_CONNECTION_SECONDS without a request
     std::uint64_t stalled = 0;   ///< closed because a message or the reading of a reply stalled
     std::uint64_t malformed = 0; ///< closed because the peer sent what no peer may send
     /// Closed because the requests that had arrived took too much memory.

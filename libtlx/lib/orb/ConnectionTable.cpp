@@ -262,8 +262,21 @@ void ConnectionTable::noteMalformed(const WatchedConnection& connection, const c
                   "Closed a connection of " << connection.address() << ": " << what);
 }
 
+void ConnectionTable::noteIdle(const WatchedConnection& connection)
+{
+    if (m_stopping)
+        return;
+    const std::lock_guard guard(m_mutex);
+    ++m_counts.leftIdle;
+    PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::receive",
+                 "Closed an idle connection of " << connection.address()
+                                                 << " (IDLE_CONNECTION_SECONDS)");
+}
+
 void ConnectionTable::noteKept(WatchedConnection& connection, std::size_t bytes)
 {
+    if (bytes == connection.m_keptBytes)
+        return;
     const std::size_t before = connection.m_keptBytes.exchange(bytes);
     const std::size_t all = m_keptBytes += bytes - before;
     if (bytes <= before || all <= m_limits.keptBytes)

@@ -134,6 +134,9 @@ class ConnectionTable
     /// The peer sent what no peer may send, and its owner closes the connection. Logs and counts
     /// it.
     void noteMalformed(const WatchedConnection& connection, const char* what);
+    /// The connection had no request for IDLE_CONNECTION_SECONDS, and its owner closes it. Logs and
+    /// counts it, except during the stop.
+    void noteIdle(const WatchedConnection& connection);
     /// How many bytes the connection keeps now. May discard this or another connection. The caller
     /// holds no lock that discard takes.
     void noteKept(WatchedConnection& connection, std::size_t bytes);

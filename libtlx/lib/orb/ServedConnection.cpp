@@ -357,6 +357,20 @@ CORBA::Boolean ServedConnection::Peek()
     return false;
 }
 
+/// The ORB also calls this for a connection that nobody uses (IDLE_CONNECTION_SECONDS). A thread
+/// that ends a connection for another reason serves it.
+void ServedConnection::Shutdown()
+{
+    bool isIdle = false;
+    {
+        const std::lock_guard guard(m_mutex);
+        isIdle = m_stage == Stage::WATCHED && !m_isBroken;
+    }
+    if (isIdle)
+        m_shared.connections->noteIdle(*this);
+    breakOff();
+}
+
 const char* ServedConnection::peeridentity()
 {
     return m_peerName.empty() ? nullptr : m_peerName.c_str();

@@ -50,7 +50,7 @@ class ServedConnection final : public omni::giopConnection, public WatchedConnec
     // For the ORB's threads.
     int Send(void* buffer, std::size_t size, const omni_time_t& deadline) override;
     int Recv(void* buffer, std::size_t size, const omni_time_t& deadline) override;
-    void Shutdown() override { breakOff(); }
+    void Shutdown() override;
     const char* myaddress() override { return m_myAddress.c_str(); }
     const char* peeraddress() override { return m_peerAddress.c_str(); }
     const char* peeridentity() override;

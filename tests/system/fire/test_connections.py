@@ -77,11 +77,13 @@ def test_a_flood_of_connections(attacked, attack, root):
     assert daemon.stop() == 0
 
 
-def test_an_idle_connection_is_closed(attacked, attack):
+def test_an_idle_connection_is_closed(root, attacked, attack):
     daemon = attacked(IDLE_CONNECTION_SECONDS=10)
     attacker = attack(daemon)
     attacker.open(3, half_a_header())
     harness.wait_for(lambda: attacker.ended() == 3, "the idle connections end", limit=40)
+    harness.wait_for(
+        lambda: root.status()["counters"]["connectionsLeftIdle"] == 3, "they are counted")
 
 
 def test_too_few_descriptors(root, start):

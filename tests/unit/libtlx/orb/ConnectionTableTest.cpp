@@ -196,6 +196,18 @@ TEST_F(ConnectionTableTest, StalledRequestsMayTakeHalfOfTheThreads)
                                           "half of the threads (REQUEST_THREADS)"});
 }
 
+TEST_F(ConnectionTableTest, AnIdleConnectionIsCountedExceptDuringTheStop)
+{
+    open("192.0.2.1", 1);
+    table.noteIdle(*connections[0]);
+    EXPECT_EQ(table.counts().leftIdle, 1u);
+    EXPECT_EQ(log.texts(LOG_LEVEL_PROGRESS),
+              QmTest::Lines{"Closed an idle connection of 192.0.2.1 (IDLE_CONNECTION_SECONDS)"});
+    table.stop();
+    table.noteIdle(*connections[0]);
+    EXPECT_EQ(table.counts().leftIdle, 1u);
+}
+
 TEST_F(ConnectionTableTest, ArrivedBytesMayTakeAllOfTheirRoom)
 {
     open("192.0.2.1", 2);
