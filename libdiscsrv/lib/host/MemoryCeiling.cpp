@@ -3,6 +3,7 @@
 #include <tlx/HostConfig.h>
 #include <tlx/OrbKeys.h>
 
+#include "DiscDB.h"
 #include "DiscoveryRepository.h"
 #include "ServiceKeys.h"
 
@@ -24,7 +25,6 @@ constexpr std::uint64_t CONNECTION = 8 * KIB;
 constexpr std::uint64_t HANDSHAKE = 96 * KIB;
 /// Without the bytes of a pulled collection.
 constexpr std::uint64_t OPEN_OBJECT = 8 * KIB;
-constexpr std::uint64_t WRITERS = 1000;
 /// A registered explorer of another host, with names of full length.
 constexpr std::uint64_t REGISTRATION = 32 * KIB;
 constexpr std::uint64_t CACHED_RECORD = 400;
@@ -40,7 +40,7 @@ std::uint64_t memoryCeiling()
            number(ConfigKey::REQUEST_THREADS) * (number(ConfigKey::MAX_MESSAGE_BYTES) + THREAD) +
            number(ConfigKey::MAX_ARRIVING_BYTES) +
            number(ConfigKey::MAX_CONNECTIONS) * (CONNECTION + (hasTls ? HANDSHAKE : 0)) +
-           (number(ConfigKey::MAX_ITERATORS) + WRITERS) * OPEN_OBJECT +
+           (number(ConfigKey::MAX_ITERATORS) + MAX_TEMPORARY_NAMES) * OPEN_OBJECT +
            number(ConfigKey::MAX_PULLED_BYTES) + DiscoveryRepository::MAX_EXPLORERS * REGISTRATION +
            number(ConfigKey::CACHED_RECORDS) * CACHED_RECORD;
 }

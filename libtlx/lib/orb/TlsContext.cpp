@@ -164,7 +164,7 @@ bool TlsContext::reload()
     auto fresh = TlsIdentity::load(m_files, m_top);
     if (!fresh) {
         PLATFORM_LOG(LOG_LEVEL_FAILURE, "TlsContext::reload",
-                     "Keeps the TLS certificate of before: " << fresh.error());
+                     "The old TLS certificate stays in use: " << fresh.error());
         return false;
     }
     logIdentity(m_files, **fresh);

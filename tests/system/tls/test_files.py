@@ -199,7 +199,7 @@ def test_a_mistake_at_a_reload_changes_nothing(start, authority, secure_root, mi
     key, path, why = mistake(secure_root.credentials)
     log = reload(daemon, secure_root)
     assert [text for text in log.texts(level=1, originator=harness.PLATFORM) if "TLS" in text] == \
-        ["Keeps the TLS certificate of before: %s = %s: %s" % (key, path, why)]
+        ["The old TLS certificate stays in use: %s = %s: %s" % (key, path, why)]
     assert shown(daemon, web1) == old
     assert query(daemon.client(tls=web1.as_client())) == []
     assert daemon.stop() == 0

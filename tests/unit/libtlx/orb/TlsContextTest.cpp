@@ -145,7 +145,7 @@ TEST_F(TlsContextTest, AReloadThatFailsKeepsTheOldCertificate)
     EXPECT_FALSE(context->reload());
     EXPECT_EQ(context->identity()->name(), "server1");
     const std::string text =
-        "Keeps the TLS certificate of before: TLS_KEY = " + folder.path("key.pem") +
+        "The old TLS certificate stays in use: TLS_KEY = " + folder.path("key.pem") +
         ": the key does not fit the certificate in " + folder.path("certificate.pem");
     EXPECT_THAT(log.texts(1), ElementsAre(text));
     EXPECT_THAT(log.severities(text), ElementsAre(LogSeverity::Error));
