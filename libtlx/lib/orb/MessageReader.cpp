@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 
 namespace Veltrane::Quillmark::Tlx {
 
@@ -55,7 +56,7 @@ struct MessageReader::Header
 
     /// Reads a header, and the id after it if there is one. A header that no client sends counts as
     /// malformed.
-    Kind read(const std::string& bytes)
+    Kind read(std::string_view bytes)
     {
         if (bytes.size() < HEADER_BYTES)
             return Kind::PARTIAL;
@@ -88,6 +89,8 @@ struct MessageReader::Header
 
 void MessageReader::add(const char* bytes, std::size_t size)
 {
+    m_in.erase(0, m_read);
+    m_read = 0;
     m_in.append(bytes, size);
     parse();
 }
@@ -110,7 +113,7 @@ void MessageReader::parse()
 bool MessageReader::beginPiece()
 {
     Header header{};
-    const Header::Kind kind = header.read(m_in);
+    const Header::Kind kind = header.read(std::string_view(m_in).substr(m_read));
     if (kind == Header::Kind::PARTIAL)
         return false;
     if (kind == Header::Kind::GOODBYE)
@@ -175,22 +178,32 @@ void MessageReader::cancel(const Header& header)
 
 void MessageReader::movePiece()
 {
-    const std::size_t count = std::min(m_left, m_in.size());
+    const std::size_t count = std::min(m_left, m_in.size() - m_read);
     if (m_goal == Goal::MESSAGE) {
-        m_unfinished.back().bytes.append(m_in, 0, count);
+        m_unfinished.back().bytes.append(m_in, m_read, count);
         m_bodies += count;
     } else if (m_goal == Goal::OPEN) {
-        m_out.append(m_in, 0, count);
+        m_out.append(m_in, m_read, count);
     }
-    m_in.erase(0, count);
+    skip(count);
     m_left -= count;
     const bool isWhole = m_left == 0 && m_isLast;
     if (m_goal != Goal::MESSAGE || m_bodies <= ARRIVED_BYTES)
         return;
-    if (m_isOpen)
-        return fail("it sent other messages between the pieces of a large one");
-    if (!isWhole)
+    if (!m_isOpen && !isWhole)
         openLast();
+    else if (m_isOpen && m_bodies > m_maxMessageBytes)
+        fail("the messages beside a large one are longer than MAX_MESSAGE_BYTES together");
+}
+
+/// These bytes of m_in have been looked at.
+void MessageReader::skip(std::size_t count)
+{
+    m_read += count;
+    if (m_read == m_in.size()) {
+        m_in = std::string(); // its memory goes, too: many connections are idle
+        m_read = 0;
+    }
 }
 
 /// The message that arrives now becomes ready, although it is not whole.
@@ -213,6 +226,8 @@ void MessageReader::endPiece()
     } else if (m_goal == Goal::MESSAGE) {
         m_ready.push_back(std::move(m_unfinished.back().bytes));
         m_unfinished.pop_back();
+        if (m_ready.size() > MOST_MESSAGES_BEHIND)
+            fail("too many messages arrived beside a large one");
     }
 }
 
@@ -236,9 +251,9 @@ void MessageReader::handOutLast()
         return fail("it sent a malformed message between the pieces of a large one");
     m_isMalformed = true;
     m_unfinished.clear();
-    m_bodies = m_in.size();
-    m_ready.push_back(std::move(m_in));
-    m_in.clear();
+    m_ready.push_back(m_in.substr(m_read));
+    m_bodies = m_ready.back().size();
+    skip(m_bodies);
 }
 
 bool MessageReader::nextMessage()
@@ -264,7 +279,7 @@ std::size_t MessageReader::take(void* buffer, std::size_t size)
     std::memcpy(buffer, m_out.data() + m_taken, count);
     m_taken += count;
     if (m_taken == m_out.size()) {
-        m_out = std::string(); // its memory goes, too: many connections are idle
+        m_out = std::string();
         m_taken = 0;
         m_handsOut = m_isOpen;
         if (m_isMalformed)

@@ -20,6 +20,8 @@ constexpr std::size_t ARRIVED_BYTES = 65536;
 /// How many messages of one connection may be unfinished at the same time. GIOP 1.2 allows a peer
 /// to send the fragments of several messages in turns.
 constexpr std::size_t MOST_UNFINISHED_MESSAGES = 16;
+/// How many whole messages may arrive between the pieces of a large one.
+constexpr std::size_t MOST_MESSAGES_BEHIND = 1000;
 
 /// One thread at a time.
 ///
@@ -52,7 +54,9 @@ class MessageReader
     /// Whether a message has begun that is not ready.
     bool hasUnfinished() const { return !m_unfinished.empty() || !m_in.empty(); }
     /// How many bytes the reader keeps.
-    std::size_t keptBytes() const { return m_in.size() + m_out.size() + m_bodies; }
+    std::size_t keptBytes() const { return waitingBytes() + m_out.size(); }
+    /// How many bytes the reader keeps behind the message that is handed out.
+    std::size_t waitingBytes() const { return m_in.size() + m_bodies; }
     /// Why the connection must end, or null. Empty if the peer said goodbye.
     const char* failure() const { return m_failure; }
 
@@ -79,6 +83,7 @@ class MessageReader
     void beginFragment(const Header& header);
     void cancel(const Header& header);
     void movePiece();
+    void skip(std::size_t count);
     void endPiece();
     void openLast();
     std::vector<Message>::iterator find(const Header& header);
@@ -89,7 +94,8 @@ class MessageReader
     std::size_t m_maxMessageBytes;
     const char* m_failure = nullptr;
     bool m_isMalformed = false;
-    std::string m_in; ///< arrived, and not looked at
+    std::string m_in;       ///< arrived
+    std::size_t m_read = 0; ///< how many bytes of m_in have been looked at
     // The piece that arrives now: a message, or a fragment of one, with its header.
     std::size_t m_left = 0; ///< bytes of it that were not moved; 0 between two pieces
     bool m_isLast = true;   ///< no fragment of the same message follows

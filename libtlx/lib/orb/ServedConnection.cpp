@@ -231,12 +231,14 @@ int ServedConnection::Recv(void* buffer, std::size_t size, const omni_time_t& de
 {
     for (;;) {
         State need = State::NEEDS_INPUT;
+        int count = 0;
         {
             const std::lock_guard guard(m_mutex);
-            const int count = receivePart(buffer, size, need);
-            if (count != 0)
-                return count;
+            count = receivePart(buffer, size, need);
         }
+        noteKept(); // other messages may have come between the pieces of this one
+        if (count != 0)
+            return count;
         if (!waitFor(need, deadline, "a request stalled while it arrived"))
             return -1;
     }
@@ -382,14 +384,14 @@ void ServedConnection::endTurn()
         m_watcher->post(*next);
 }
 
-/// Reports to the table how many bytes wait here for the rest of a request, or for a thread.
+/// Reports to the table how many bytes wait here for the rest of a request, or for a thread. A
+/// request that a thread serves does not count: the number of threads bounds these.
 void ServedConnection::noteKept()
 {
     std::size_t bytes = 0;
     {
         const std::lock_guard guard(m_mutex);
-        if (m_stage != Stage::SERVED)
-            bytes = m_reader.keptBytes();
+        bytes = m_stage == Stage::SERVED ? m_reader.waitingBytes() : m_reader.keptBytes();
     }
     m_shared.connections->noteKept(*this, bytes);
 }
@@ -404,8 +406,6 @@ void ServedConnection::discard()
 {
     breakOff();
     const std::lock_guard guard(m_mutex);
-    if (m_stage == Stage::SERVED)
-        return;
     m_reader = MessageReader(m_shared.maxMessageBytes);
     if (m_stage == Stage::WAITING) {
         endTurn();

@@ -8,7 +8,7 @@ import harness
 from attack import ATTACKER, half_a_request, most_of_a_put, request
 from giop.messages import MessageType
 from honest import Honest
-from records import SUCCESS, open_writer, put, record
+from records import SUCCESS, get, open_writer, put, record
 
 UNFINISHED = 16  # messages of one connection at the same time
 MESSAGE = 1 << 20
@@ -52,12 +52,11 @@ def test_a_connection_has_sixteen_unfinished_messages(attacked, attack, counter,
         root.log_file.read_text()
 
 
-def put_in_fragments(writer, size, fragment=32768):
-    """A put of so many bytes, in fragments that are whole multiples of eight."""
-    whole = request(writer, "put", lambda e: e.octets(bytes(size)))
-    request_id = struct.unpack_from(">I" if not whole[6] & 1 else "<I", whole, 12)[0]
+def put_in_fragments(writer, data, fragment=32768, request_id=1):
+    """A put of these bytes, in fragments that are whole multiples of eight."""
+    whole = request(writer, "put", lambda e: e.octets(data))
     order = "<" if whole[6] & 1 else ">"
-    cuts = [whole[12:fragment]]
+    cuts = [struct.pack(order + "I", request_id) + whole[16:fragment]]
     cuts += [whole[at:at + fragment] for at in range(fragment, len(whole), fragment)]
     flags = whole[6] & 1
     result = []
@@ -76,13 +75,13 @@ def test_fragments_are_as_long_as_a_message_together(attacked, attack, counter, 
     with Honest(daemon):
         writer = open_writer(daemon.client(source=ATTACKER), record("pieces", "attacker"))
         fitting = attacker.connect()
-        fitting.sendall(b"".join(put_in_fragments(writer, MESSAGE - 4096)))
+        fitting.sendall(b"".join(put_in_fragments(writer, bytes(MESSAGE - 4096))))
         assert fitting.recv(12)[:4] == b"GIOP"
         assert root.status()["counters"]["connectionsMalformed"] == 0
 
         longer = attacker.connect()
         try:
-            for part in put_in_fragments(writer, MESSAGE + 4096):
+            for part in put_in_fragments(writer, bytes(MESSAGE + 4096)):
                 longer.sendall(part)
         except OSError:
             pass  # the daemon closes it before the last fragment
@@ -97,7 +96,7 @@ def test_fragments_without_end_are_not_read(attacked, attack, counter):
     attacker = attack(daemon)
     with Honest(daemon):
         writer = open_writer(daemon.client(source=ATTACKER), record("pieces", "attacker"))
-        pieces = put_in_fragments(writer, 4 * MESSAGE, fragment=8192)
+        pieces = put_in_fragments(writer, bytes(4 * MESSAGE), fragment=8192)
         for _ in range(20):
             connection = attacker.connect()
             try:
@@ -106,6 +105,55 @@ def test_fragments_without_end_are_not_read(attacked, attack, counter):
             except OSError:
                 continue
         counter("connectionsMalformed", 20)
+
+
+def test_large_puts_in_turns(attacked, attack, root):
+    """A client may send the fragments of several messages over one connection in turns."""
+    daemon = attacked()
+    service = daemon.client(source=ATTACKER)
+    payloads = [os.urandom(300_000 + number) for number in range(UNFINISHED - 1)]
+    writers = [open_writer(service, record("turns%d" % number, "client"))
+               for number in range(len(payloads))]
+    puts = [put_in_fragments(writer, payload, request_id=10 + number)
+            for number, (writer, payload) in enumerate(zip(writers, payloads))]
+    with Honest(daemon):
+        connection = attack(daemon).connect()
+        connection.setblocking(True)
+        connection.settimeout(30)
+        connection.sendall(b"".join(part for turn in zip(*puts) for part in turn))
+        with connection.makefile("rb") as replies:
+            answered = set()
+            for _ in puts:
+                head = replies.read(12)
+                order = "<" if head[6] & 1 else ">"
+                body = replies.read(struct.unpack_from(order + "I", head, 8)[0])
+                answered.add(struct.unpack_from(order + "I", body)[0])
+        assert answered == set(range(10, 10 + len(puts)))
+    for number, (writer, payload) in enumerate(zip(writers, payloads)):
+        assert writer.close().discStatus == SUCCESS
+        assert get(service, "turns%d" % number, "client") == payload
+    assert root.status()["counters"]["connectionsMalformed"] == 0
+
+
+def test_messages_beside_a_large_one_count_as_arriving(attacked, attack, counter):
+    """A thread serves the large message of each connection, while others arrive there."""
+    room = 1 << 20
+    daemon = attacked(REQUEST_TIMEOUT=600, MAX_ARRIVING_BYTES=room)
+    attacker = attack(daemon)
+    with Honest(daemon) as honest:
+        writer = open_writer(daemon.client(source=ATTACKER), record("stalled", "attacker"))
+        large = put_in_fragments(writer, bytes(200_000))[:3]
+        beside = [piece(MessageType.REQUEST, 2, bytes(32), more=True)]
+        beside += [piece(MessageType.FRAGMENT, 2, bytes(32768), more=True)] * 15
+        for _ in range(3):
+            connection = attacker.connect()
+            connection.setblocking(True)
+            connection.sendall(b"".join(large + beside))
+        counter("connectionsCrowdedOut", 1)
+        harness.wait_for(lambda: attacker.ended() > 0, "the largest one loses its connection")
+        rounds = honest.rounds
+        harness.wait_for(lambda: honest.rounds > rounds + 20, "the honest client is served")
+    assert daemon.stop() == 0
 
 
 def test_cancellations_cost_nothing(attacked, attack, figures):

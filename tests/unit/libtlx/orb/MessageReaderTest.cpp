@@ -272,18 +272,70 @@ TEST_F(MessageReaderTest, SmallMessagesBesideALargeOneWaitForItsEnd)
     EXPECT_EQ(messages(), (Strings{other, other}));
 }
 
-TEST_F(MessageReaderTest, ManyMessagesBesideALargeOneAreRefused)
+TEST_F(MessageReaderTest, LargeMessagesMayComeInTurns)
 {
-    add(piece(REQUEST, 1, true, ARRIVED_BYTES).substr(0, ARRIVED_BYTES + 1));
+    Strings sent(3);
+    Strings got;
+    const auto takeAll = [&] {
+        for (;;) {
+            if (!reader.hasMessage()) {
+                if (!reader.nextMessage())
+                    return;
+                got.emplace_back();
+            }
+            got.back() += rest();
+            if (reader.hasMessage())
+                return;
+        }
+    };
+    constexpr int PIECES = 12;
+    std::size_t most = 0;
+    for (int i = 0; i < PIECES; ++i) {
+        for (std::uint32_t id = 0; id < sent.size(); ++id) {
+            const std::string next =
+                piece(i == 0 ? REQUEST : FRAGMENT, id, i + 1 < PIECES, 16 + ARRIVED_BYTES / 4);
+            sent[id] += next;
+            add(next);
+            takeAll();
+            most = std::max(most, reader.waitingBytes());
+        }
+    }
+    EXPECT_EQ(reader.failure(), nullptr);
+    EXPECT_TRUE(got == sent);
+    EXPECT_GT(most, ARRIVED_BYTES);
+    EXPECT_EQ(reader.keptBytes(), 0u);
+}
+
+TEST_F(MessageReaderTest, TheMessagesBesideALargeOneHaveALimitTogether)
+{
+    add(piece(REQUEST, 1, true, ARRIVED_BYTES));
     ASSERT_TRUE(reader.nextMessage());
     (void)rest();
-    reader.passed(reader.passing());
-    const std::string other = piece(REQUEST, 2, false, 1008);
-    for (std::size_t i = 0; i < ARRIVED_BYTES / other.size(); ++i)
+    const std::string first = piece(REQUEST, 2, true, 8);
+    add(first);
+    std::size_t left = MAX_MESSAGE - first.size();
+    for (std::uint32_t id = 3; left > 0; ++id) {
+        const std::string other = piece(REQUEST, id, false, std::min<std::size_t>(left, 8192) - 16);
         add(other);
+        left -= other.size();
+    }
     EXPECT_EQ(reader.failure(), nullptr);
-    add(other);
-    EXPECT_STREQ(reader.failure(), "it sent other messages between the pieces of a large one");
+    EXPECT_EQ(reader.waitingBytes(), MAX_MESSAGE);
+    add(piece(FRAGMENT, 2));
+    EXPECT_STREQ(reader.failure(),
+                 "the messages beside a large one are longer than MAX_MESSAGE_BYTES together");
+}
+
+TEST_F(MessageReaderTest, AThousandMessagesMayComeBesideALargeOne)
+{
+    add(piece(REQUEST, 1, true, ARRIVED_BYTES));
+    ASSERT_TRUE(reader.nextMessage());
+    (void)rest();
+    for (std::size_t i = 0; i < MOST_MESSAGES_BEHIND; ++i)
+        add(piece(REQUEST, 2));
+    EXPECT_EQ(reader.failure(), nullptr);
+    add(piece(REQUEST, 2));
+    EXPECT_STREQ(reader.failure(), "too many messages arrived beside a large one");
 }
 
 TEST_F(MessageReaderTest, FragmentsTogetherMayBeAsLongAsAMessage)
