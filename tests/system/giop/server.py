@@ -59,7 +59,8 @@ class Server:
             connections = list(self._connections)
         for each in [self._socket, *connections]:
             with contextlib.suppress(OSError):
-                each.shutdown(socket.SHUT_RDWR)
+                # SSLSocket's own shutdown would take the TLS away from the thread that uses it.
+                socket.socket.shutdown(each, socket.SHUT_RDWR)
         self._socket.close()
         while self._threads:
             self._threads.pop().join(60)
@@ -76,8 +77,8 @@ class Server:
 
     def _run(self, work, *arguments):
         thread = threading.Thread(target=work, args=arguments, daemon=True)
-        self._threads.append(thread)
         thread.start()
+        self._threads.append(thread)  # started, so that close may join it
 
     def _accept(self):
         while True:
@@ -86,10 +87,15 @@ class Server:
             except OSError:
                 return
             self.accepted += 1
-            connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-            if self._tls:  # the handshake is the work of the connection's thread
-                connection = self._tls.wrap_socket(connection, server_side=True,
-                                                   do_handshake_on_connect=False)
+            try:
+                connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+                if self._tls:  # the handshake is the work of the connection's thread
+                    connection = self._tls.wrap_socket(connection, server_side=True,
+                                                       do_handshake_on_connect=False)
+            except OSError as error:  # the peer has gone already
+                self.failures.append(str(error))
+                connection.close()
+                continue
             with self._lock:
                 if self._closed:
                     connection.close()
