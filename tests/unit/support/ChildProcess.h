@@ -18,8 +18,9 @@ class ChildProcess
 {
   public:
     static constexpr int THROWN = 99; ///< the exit code of a child after an exception in its body
+    static constexpr unsigned SECONDS = 100; ///< the time of a child
 
-    explicit ChildProcess(const std::function<int()>& body, unsigned seconds = 100)
+    explicit ChildProcess(const std::function<int()>& body, unsigned seconds = SECONDS)
     {
         std::fflush(nullptr); // otherwise parent and child both write the buffers
         m_pid = ::fork();

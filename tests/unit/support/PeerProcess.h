@@ -20,7 +20,8 @@ namespace QmTest {
 
 /// The constructor forks, so make the object before any thread. The child calls the function once
 /// for each command and sends back what it returns. It destroys the function and ends when the
-/// parent closes the socket. A command and an answer have at most 4096 bytes.
+/// parent closes the socket. A command and an answer have at most 4096 bytes. An alarm ends a child
+/// that works on one command for too long, or waits too long for the next one.
 class PeerProcess
 {
   public:
@@ -104,6 +105,7 @@ class PeerProcess
         std::array<char, 4096> buffer;
         ssize_t size;
         while ((size = ::recv(ends[1], buffer.data(), buffer.size(), 0)) > 0) {
+            ::alarm(ChildProcess::SECONDS);
             const std::string answer =
                 perform(std::string(buffer.data(), static_cast<std::size_t>(size)));
             if (::send(ends[1], answer.data(), answer.size(), MSG_NOSIGNAL) < 0)

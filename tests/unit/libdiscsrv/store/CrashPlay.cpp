@@ -189,16 +189,15 @@ void CrashPlay::checkInProcess(const Sequence& sequence, const Fault& fault, Pla
 class CrashPlay::Repeater
 {
   public:
-    Repeater(CrashPlay& play, const Sequence& sequence, const Defect& defect)
-        : m_process(
-              [&play, sequence, defect, isStarted = false](const std::string& command) mutable {
-                  if (!isStarted)
-                      play.startStore(sequence);
-                  isStarted = true;
-                  Fault fault;
-                  std::memcpy(&fault, command.data(), sizeof fault);
-                  return std::to_string(play.play(sequence, fault, defect));
-              })
+    Repeater(CrashPlay& play, const Sequence& sequence)
+        : m_process([&play, sequence, isStarted = false](const std::string& command) mutable {
+              if (!isStarted)
+                  play.startStore(sequence);
+              isStarted = true;
+              Fault fault;
+              std::memcpy(&fault, command.data(), sizeof fault);
+              return std::to_string(play.play(sequence, fault, {}));
+          })
     {
     }
     int run(const Fault& fault) const
@@ -352,26 +351,25 @@ void CrashPlay::failEach(const Sequence& sequence, const std::string& name, Faul
     complain("complaint: the work never ended, " + name);
 }
 
-void CrashPlay::playFailures(const Sequence& sequence, const Defect& defect)
+void CrashPlay::playFailures(const Sequence& sequence, Lasting lasting)
 {
+    const bool lasts = lasting == Lasting::FOR_EVER;
     fill(sequence);
-    const Repeater repeater(*this, sequence, defect);
+    const Repeater repeater(*this, sequence);
     const auto run = [&](const Fault& fault) {
-        return sequence.starts ? runInChild(sequence, fault, defect) : repeater.run(fault);
+        return sequence.starts ? runInChild(sequence, fault, {}) : repeater.run(fault);
     };
-    failEach(sequence, "short write", {.kind = Fault::SHORT}, run);
+    if (!lasts)
+        failEach(sequence, "short write", {.kind = Fault::SHORT}, run);
     for (const Failure& failure : FAILURES)
         for (const int error : failure.errors)
-            for (const bool lasts : {false, true})
-                if (!lasts || error != EINTR) // the code would repeat it for ever
-                    failEach(sequence,
-                             std::string(failure.name) + " " + ::strerrorname_np(error) +
-                                 (lasts ? " for ever" : ""),
-                             {.kind = Fault::FAIL,
-                              .calls = failure.calls,
-                              .error = error,
-                              .lasts = lasts},
-                             run);
+            if (!lasts || error != EINTR) // the code would repeat it for ever
+                failEach(
+                    sequence,
+                    std::string(failure.name) + " " + ::strerrorname_np(error) +
+                        (lasts ? " for ever" : ""),
+                    {.kind = Fault::FAIL, .calls = failure.calls, .error = error, .lasts = lasts},
+                    run);
 }
 
 } // namespace QmTest

@@ -36,9 +36,13 @@ class CrashPlay : public testing::Test
     ///
     /// complaints() has what must not be.
     Lines playCrashes(const Sequence& sequence, const Defect& defect = {});
-    /// Fails each call of the work with each error that it may have, once and for ever, and does
-    /// half of each write. Fills complaints().
-    void playFailures(const Sequence& sequence, const Defect& defect = {});
+    enum class Lasting
+    {
+        ONCE,    ///< a call fails, and does half of a write; later calls succeed
+        FOR_EVER ///< later calls of the same kind fail, too
+    };
+    /// Fails each call of the work with each error that it may have. Fills complaints().
+    void playFailures(const Sequence& sequence, Lasting lasting);
     /// What must not be, without repetitions.
     const Lines& complaints() const { return m_complaints; }
     /// How many runs there were, and how many different sets of files a process looked at.

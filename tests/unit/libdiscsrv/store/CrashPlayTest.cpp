@@ -71,20 +71,22 @@ TEST_F(CrashPlayTest, FindsAChangeThatBypassesTheFileSystem)
 TEST_F(CrashPlayTest, FindsAnotherRecordThatIsTouched)
 {
     playFailures(putAnd([](Player& player) {
-        const std::string other = player.store() + "/1 srv1 other.dat";
-        (void)player.files().unlink(other.c_str());
-    }));
+                     const std::string other = player.store() + "/1 srv1 other.dat";
+                     (void)player.files().unlink(other.c_str());
+                 }),
+                 Lasting::ONCE);
     EXPECT_THAT(complaints(), Contains(HasSubstr("another record is spoilt")));
 }
 
 TEST_F(CrashPlayTest, FindsWhatAFailureLeavesOpen)
 {
     playFailures(putAnd([](Player& player) {
-        static std::unique_ptr<Tlx::FileLock> kept;
-        kept = Tlx::FileLock::open(player.store() + "/" + METADATA, O_RDWR);
-        if (!kept || kept->acquire_read() != 0)
-            player.note("complaint: no lock");
-    }));
+                     static std::unique_ptr<Tlx::FileLock> kept;
+                     kept = Tlx::FileLock::open(player.store() + "/" + METADATA, O_RDWR);
+                     if (!kept || kept->acquire_read() != 0)
+                         player.note("complaint: no lock");
+                 }),
+                 Lasting::ONCE);
     EXPECT_THAT(complaints(), Contains(HasSubstr("locks are left")));
     EXPECT_THAT(complaints(), Contains(HasSubstr("descriptors are left")));
 }
@@ -92,9 +94,11 @@ TEST_F(CrashPlayTest, FindsWhatAFailureLeavesOpen)
 TEST_F(CrashPlayTest, FindsATemporaryPayloadThatAFailureLeaves)
 {
     playFailures(putAnd([](Player& player) {
-        const std::string name = player.store() + "/900.updating";
-        (void)player.files().close(player.files().open(name.c_str(), O_CREAT | O_WRONLY, 0600));
-    }));
+                     const std::string name = player.store() + "/900.updating";
+                     (void)player.files().close(
+                         player.files().open(name.c_str(), O_CREAT | O_WRONLY, 0600));
+                 }),
+                 Lasting::ONCE);
     EXPECT_THAT(complaints(), Contains(HasSubstr("a temporary payload is left")));
 }
 
