@@ -87,16 +87,20 @@ Lookup notFound(std::string cause, std::string exception = {})
 }
 
 /// The object at one address.
+/// @param hosts the names of the wanted host.
 Lookup ask(const OrbCore& core, const Endpoint& endpoint, const std::string& name,
-           Clock::time_point end)
+           const std::vector<std::string>& hosts, Clock::time_point end)
 {
     const std::string url = core.tlsCalls() ? core.tlsCalls()->locationOf(toText(endpoint), name)
                                             : "corbaloc:iiop:1.2@" + toText(endpoint) + "/" + name;
-    TlsCalls::forgetThread();
+    const TlsCalls::Lookup lookup(hosts);
     try {
         CORBA::Object_var object = core.orb()->string_to_object(url.c_str());
-        if (!CORBA::is_nil(object) && isThere(object, end))
+        if (!CORBA::is_nil(object) && isThere(object, end)) {
+            if (TlsCalls::onThread().hasMetStranger)
+                return notFound("another host answered, TLS: " + TlsCalls::onThread().failure);
             return object;
+        }
         PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::lookupObject", "Nothing is there: " << url);
         return notFound("there is no object of that name");
     } catch (const CORBA::Exception& e) {
@@ -140,11 +144,12 @@ Lookup lookupObject(const OrbCore& core, const AdvertisedObject& wanted)
                      "The host has no address: " << endpoint.address);
         return notFound("the name leads to no address");
     }
-    if (TlsCalls* const calls = core.tlsCalls()) {
-        calls->noteResolved(endpoint.address, addresses);
-        if (!wanted.host.text().utf8().empty())
-            calls->noteResolved(wanted.host.text().utf8(), addresses);
-    }
+    std::vector<std::string> hosts{endpoint.address};
+    if (!wanted.host.text().utf8().empty())
+        hosts.push_back(wanted.host.text().utf8());
+    if (TlsCalls* const calls = core.tlsCalls())
+        for (const std::string& host : hosts)
+            calls->noteResolved(host, addresses);
     Lookup answer = notFound("no answer within the time limit");
     std::size_t untried = addresses.size();
     for (const std::string& address : addresses) {
@@ -158,7 +163,7 @@ Lookup lookupObject(const OrbCore& core, const AdvertisedObject& wanted)
                                                                   << toText(endpoint));
             return notFound("it leads back to this service");
         }
-        answer = ask(core, endpoint, wanted.name, ownEnd);
+        answer = ask(core, endpoint, wanted.name, hosts, ownEnd);
         if (answer)
             break;
     }

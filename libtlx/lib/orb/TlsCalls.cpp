@@ -38,6 +38,7 @@ constexpr const char* LOG_SOURCE = "../Tls";
 std::atomic<TlsCalls*> theCalls{nullptr};
 
 thread_local TlsCalls::OnThread t_done;
+thread_local std::vector<std::string> t_wanted; ///< by the lookup on this thread
 
 /// The ORB's context for its TLS transport. The ORB owns it from its start on.
 class OrbContext final : public sslContext
@@ -75,6 +76,12 @@ std::string nameAmong(const std::vector<std::string>& hosts)
         return !NumericAddress::parse(host);
     });
     return name != hosts.end() ? *name : hosts.empty() ? std::string() : hosts.front();
+}
+
+const X509* certificateOf(const omni::giopConnection* connection)
+{
+    const auto* const tls = dynamic_cast<const omni::sslConnection*>(connection);
+    return tls ? SSL_get0_peer_certificate(tls->ssl_handle()) : nullptr;
 }
 
 /// The numeric address of a socket's peer.
@@ -167,24 +174,34 @@ struct TlsCalls::Hooks
         if (!calls || !connection)
             return true;
         ++t_done.connections;
-        const auto* const tls = dynamic_cast<const omni::sslConnection*>(connection);
-        const X509* const certificate =
-            tls ? SSL_get0_peer_certificate(tls->ssl_handle()) : nullptr;
         // A socket no longer knows its peer's address when the peer has closed the connection. So
         // this is the address that the ORB has called.
-        if (!calls->admit(addressOfConnection(strand.address->address()), certificate)) {
+        if (!calls->admit(addressOfConnection(strand.address->address()),
+                          certificateOf(connection))) {
             info.reject = true;
             info.why = "the host has not proved its name";
         }
         return true;
     }
 
-    /// The ORB leaves the errors of a failed connection behind. The next use of the TLS library on
-    /// this thread would take them for its own.
-    static CORBA::Boolean clearErrors(omni::omniInterceptors::clientSendRequest_T::info_T&)
+    static CORBA::Boolean send(omni::omniInterceptors::clientSendRequest_T::info_T& info)
     {
-        if (theCalls)
-            ERR_clear_error();
+        TlsCalls* const calls = theCalls;
+        if (!calls)
+            return true;
+        // The ORB leaves the errors of a failed connection behind. The next use of the TLS library
+        // on this thread would take them for its own.
+        ERR_clear_error();
+        const omni::giopStrand& strand = info.giop_c.strand();
+        if (calls->m_mode != TlsMode::REQUIRED || t_wanted.empty() || !strand.connection)
+            return true;
+        const std::string address = addressOfConnection(strand.address->address());
+        const std::string complaint =
+            calls->complaintOfLookup(address, certificateOf(strand.connection));
+        if (!complaint.empty()) {
+            t_done.hasMetStranger = true;
+            calls->noteFailure(address, complaint);
+        }
         return true;
     }
 };
@@ -210,7 +227,7 @@ void TlsCalls::watch()
 {
     omni::omniInterceptors* const interceptors = omniORB::getInterceptors();
     interceptors->clientOpenConnection.add(&Hooks::open);
-    interceptors->clientSendRequest.add(&Hooks::clearErrors);
+    interceptors->clientSendRequest.add(&Hooks::send);
 }
 
 const char* TlsCalls::transportRule() const
@@ -237,9 +254,15 @@ void TlsCalls::breakOff()
         ::shutdown(handshake.socket, SHUT_RDWR);
 }
 
-void TlsCalls::forgetThread()
+TlsCalls::Lookup::Lookup(std::vector<std::string> hosts)
 {
     t_done = {};
+    t_wanted = std::move(hosts);
+}
+
+TlsCalls::Lookup::~Lookup()
+{
+    t_wanted.clear();
 }
 
 const TlsCalls::OnThread& TlsCalls::onThread()
@@ -258,16 +281,34 @@ std::string TlsCalls::complaintAbout(const std::string& address, const X509* cer
 {
     if (!certificate)
         return "the connection is plain";
-    std::vector<std::string> hosts = m_resolved.of(address);
-    // This host calls itself by many names, and references carry any of its addresses.
-    if (isLocalAddress(address))
-        hosts.push_back(m_context->identity()->name());
-    if (std::any_of(hosts.begin(), hosts.end(),
-                    [&](const std::string& host) { return isNamed(certificate, host); }))
-        return {};
+    const Names hosts = m_resolved.of(address);
+    if (isAnyOf(hosts, address, certificate))
+        return complaintOfLookup(address, certificate);
     const std::string shown = "its certificate names " + nameOf(certificate);
     return hosts.empty() ? shown + ", and no host that was looked up has this address"
                          : shown + ", not " + nameAmong(hosts);
+}
+
+/// Whether the host at an address is one of these.
+bool TlsCalls::isAnyOf(Names hosts, const std::string& address, const X509* certificate) const
+{
+    // This host calls itself by many names, and references carry any of its addresses.
+    if (isLocalAddress(address))
+        hosts.push_back(m_context->identity()->name());
+    return std::any_of(hosts.begin(), hosts.end(),
+                       [&](const std::string& host) { return isNamed(certificate, host); });
+}
+
+/// Why the lookup on this thread must not use a connection; empty if it may, or without a lookup.
+std::string TlsCalls::complaintOfLookup(const std::string& address, const X509* certificate) const
+{
+    if (t_wanted.empty())
+        return {};
+    if (!certificate)
+        return "the connection is plain";
+    if (isAnyOf(t_wanted, address, certificate))
+        return {};
+    return "its certificate names " + nameOf(certificate) + ", not " + nameAmong(t_wanted);
 }
 
 bool TlsCalls::admit(const std::string& address, const X509* certificate)

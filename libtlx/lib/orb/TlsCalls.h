@@ -5,7 +5,7 @@
 // no name: each host of the installation could play any other. So this object checks the name of
 // each new connection. A connection to an address is allowed only if the certificate names a host
 // that this process has looked up, and that led to this address. A reference that leads elsewhere
-// is refused.
+// is refused. A lookup is stricter: it uses only connections whose certificate names its host.
 
 #include <map>
 #include <memory>
@@ -51,14 +51,26 @@ class TlsCalls
     /// Ends the handshakes in progress. Their calls fail.
     void breakOff();
 
-    /// What TLS did on this thread since forgetThread.
+    /// What TLS did on this thread since its last lookup began.
     struct OnThread
     {
-        std::string failure;      ///< why the last connection failed, for a person; may be empty
-        unsigned connections = 0; ///< that were opened
+        std::string failure;         ///< why the last connection failed, for a person; may be empty
+        unsigned connections = 0;    ///< that were opened
+        bool hasMetStranger = false; ///< a call of the lookup went to a host of another name
     };
-    static void forgetThread();
     static const OnThread& onThread();
+
+    /// A lookup on this thread. Two hosts may lead to one address, and then they share the ORB's
+    /// connections. So the names are compared for each call of the lookup.
+    class Lookup
+    {
+      public:
+        /// @param hosts the names of the wanted host. The certificate must have one of them.
+        explicit Lookup(std::vector<std::string> hosts);
+        ~Lookup();
+        Lookup(const Lookup&) = delete;
+        Lookup& operator=(const Lookup&) = delete;
+    };
 
     /// Why a connection to an address must not be used; empty if it may be. Only a connection
     /// with TLS has a certificate.
@@ -66,6 +78,7 @@ class TlsCalls
 
   private:
     struct Hooks;
+    using Names = std::vector<std::string>;
     struct Handshake
     {
         int socket;
@@ -73,6 +86,8 @@ class TlsCalls
     };
 
     std::string describe(const std::string& address) const;
+    bool isAnyOf(Names hosts, const std::string& address, const X509* certificate) const;
+    std::string complaintOfLookup(const std::string& address, const X509* certificate) const;
     /// Decides about a new connection. Returns whether it may be used.
     bool admit(const std::string& address, const X509* certificate);
     void noteFailure(const std::string& address, const std::string& why) const;

@@ -34,6 +34,7 @@ using QmTest::Certificate;
 using QmTest::LogCapture;
 using testing::AnyOf;
 using testing::Contains;
+using testing::Each;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
@@ -270,6 +271,34 @@ TEST_F(TlsCallsTest, AServerOfAnotherNameIsRefused)
     EXPECT_EQ(server.answers(), 0);
     EXPECT_THAT(log.texts(1),
                 ElementsAre(lineAbout("server1", "its certificate names client2, not server1")));
+}
+
+// Somebody who controls the names of the network lets server1 lead to the address of client2.
+TEST_F(TlsCallsTest, AKnownHostCannotPlayAnotherOneAtItsAddress)
+{
+    const auto context =
+        contextOf(authority.issue({.commonName = "client2", .names = "DNS:client2"}));
+    TlsPeer server(context);
+    TlsPeer other(context);
+    configure("required", server.port(), "client2");
+    Orb orb(true, "", "S", false);
+    EXPECT_TRUE(find(orb, 10s, "client2"));
+    m_host = "server1";
+    const LogCapture log;
+    const Endpoint kept{"server1", server.port()};
+    const Endpoint fresh{"server1", other.port()};
+    for (const Endpoint& endpoint : {kept, fresh}) {
+        const auto found = find(orb, 10s, "server1", endpoint);
+        ASSERT_FALSE(found);
+        EXPECT_THAT(found.error().cause,
+                    EndsWith(", TLS: its certificate names client2, not server1"));
+    }
+    EXPECT_EQ(server.connections(), 1) << "the first lookup found the connection to client2";
+    EXPECT_EQ(other.answers(), 0);
+    EXPECT_THAT(log.texts(1),
+                Each(EndsWith(" (127.0.0.1): its certificate names client2, not server1")));
+    m_host = "client2";
+    EXPECT_TRUE(find(orb, 10s, "client2"));
 }
 
 TEST_F(TlsCallsTest, AServerOfAnotherNameIsCalledWithAWarningWhenTlsIsOn)
