@@ -400,6 +400,7 @@ void Daemon::publish(const char* state)
         m_status.counters.emplace_back("connectionsDrivenOut", connections.drivenOut);
         m_status.counters.emplace_back("connectionsLeftIdle", connections.leftIdle);
         m_status.counters.emplace_back("connectionsStalled", connections.stalled);
+        m_status.counters.emplace_back("connectionsPlain", connections.plain);
         m_status.counters.emplace_back("connectionsMalformed", connections.malformed);
         m_status.counters.emplace_back("connectionsCrowdedOut", connections.crowdedOut);
         m_status.counters.emplace_back("requestsWaiting", connections.requestsWaiting);

@@ -15,6 +15,7 @@ struct ConnectionCounts
     std::uint64_t leftIdle = 0;  ///< closed after IDLE_CONNECTION_SECONDS without a request
     std::uint64_t stalled = 0;   ///< closed because a message or the reading of a reply stalled
     std::uint64_t malformed = 0; ///< closed because the peer sent what no peer may send
+    std::uint64_t plain = 0;     ///< without TLS, although this process has it
     /// Closed because the requests that had arrived took too much memory.
     std::uint64_t crowdedOut = 0;
     std::uint64_t requestsWaiting = 0;        ///< that wait for a thread now

@@ -21,8 +21,12 @@ using Clock = WatchedConnection::Clock;
 constexpr auto LOOK_INTERVAL = 250ms;
 /// A shorter wait is normal: the rest of a message is on its way.
 constexpr auto NORMAL_WAIT = 250ms;
-/// How many connections of a peer are looked at for an idle one.
-constexpr std::size_t IDLE_CANDIDATES = 64;
+/// How many connections of a peer are looked at for an idle one: more than REQUEST_THREADS by
+/// default, so that one of them is not served.
+constexpr std::size_t IDLE_CANDIDATES = 256;
+/// How many plain peers are remembered, so that each has one line in the log. Beyond it the list
+/// starts anew.
+constexpr std::size_t MAX_PLAIN_PEERS = 10000;
 
 Clock::rep ticks(Clock::time_point moment)
 {
@@ -191,7 +195,7 @@ WatchedConnection* ConnectionTable::longestIdle(Peer& peer)
     for (std::size_t i = 0; i < candidates; ++i) {
         WatchedConnection* const each = peer.connections.front();
         peer.connections.splice(peer.connections.end(), peer.connections, peer.connections.begin());
-        const bool isBusy = each->m_brokenOff || each->m_waits != 0;
+        const bool isBusy = each->m_brokenOff || each->m_waits != 0 || each->m_isServed;
         if (!isBusy && (!best || each->m_lastUse < best->m_lastUse))
             best = each;
     }
@@ -271,6 +275,18 @@ void ConnectionTable::noteIdle(const WatchedConnection& connection)
     PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::receive",
                  "Closed an idle connection of " << connection.address()
                                                  << " (IDLE_CONNECTION_SECONDS)");
+}
+
+void ConnectionTable::notePlain(const WatchedConnection& connection)
+{
+    const std::lock_guard guard(m_mutex);
+    ++m_counts.plain;
+    if (m_plainPeers.size() >= MAX_PLAIN_PEERS)
+        m_plainPeers.clear();
+    if (m_plainPeers.insert(peerOfAddress(connection.address())).second)
+        PLATFORM_WARN("Orb::receive", "TLS does not protect the calls of "
+                                          << connection.address()
+                                          << " (TLS = on): the connection is plain");
 }
 
 void ConnectionTable::noteKept(WatchedConnection& connection, std::size_t bytes)

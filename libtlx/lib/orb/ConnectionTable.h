@@ -60,6 +60,8 @@ class WatchedConnection
     void noteIncomplete(const char* stall);
     /// What had begun has arrived: a handshake, or a message.
     void noteArrived();
+    /// Whether a thread serves a request of this connection. Such a connection is not idle.
+    void noteServed(bool isServed) { m_isServed.store(isServed, std::memory_order_relaxed); }
 
   private:
     friend class ConnectionTable;
@@ -71,7 +73,8 @@ class WatchedConnection
     std::atomic<Clock::rep> m_incompleteSince{0};
     std::atomic<Clock::rep> m_lastUse;
     std::atomic<const char*> m_stall{""}; ///< as noteIncomplete says
-    std::atomic<unsigned> m_waits{0};     ///< a request and a reply may wait at the same time
+    std::atomic<bool> m_isServed{false};
+    std::atomic<unsigned> m_waits{0}; ///< a request and a reply may wait at the same time
     // With the table's mutex.
     bool m_brokenOff = false;
     unsigned m_pins = 0; ///< calls of `with` that use it now
@@ -91,8 +94,9 @@ struct ConnectionLimits
 /// Any thread may call the operations, except where a comment names one. A thread of its own looks
 /// at the connections four times a second.
 ///
-/// When a connection comes and all places are taken, the peer with the most connections loses the
-/// one that it has left idle for long. So a peer that opens thousands loses only its own ones.
+/// When a connection comes and all places are taken, the peer with the most connections loses one
+/// that it has left idle for long. If it has none, the newcomer is refused. So a peer that opens
+/// thousands loses only its own ones.
 ///
 /// Connections keep the bytes of requests that wait for their rest, or for a thread. When these are
 /// too many, the peer with the most bytes loses the connection with the most.
@@ -137,6 +141,8 @@ class ConnectionTable
     /// The connection had no request for IDLE_CONNECTION_SECONDS, and its owner closes it. Logs and
     /// counts it, except during the stop.
     void noteIdle(const WatchedConnection& connection);
+    /// The peer speaks without TLS, which TLS = on allows. Counts it, and logs each peer once.
+    void notePlain(const WatchedConnection& connection);
     /// How many bytes the connection keeps now. May discard this or another connection. The caller
     /// holds no lock that discard takes.
     void noteKept(WatchedConnection& connection, std::size_t bytes);
@@ -184,6 +190,7 @@ class ConnectionTable
     std::unordered_map<Key, WatchedConnection*> m_connections;
     std::unordered_map<std::string, Peer> m_peers;
     BySize m_bySize;
+    std::set<std::string> m_plainPeers; ///< those that the log has named
     ConnectionCounts m_counts;
     std::atomic<std::size_t> m_keptBytes{0};
     std::atomic<bool> m_stopping{false};

@@ -115,7 +115,7 @@ bool ServedConnection::handle(const Watcher::Report& report)
     {
         const std::lock_guard guard(m_mutex);
         if (m_stage == Stage::WAITING && report.isPosted) {
-            m_stage = Stage::SERVED;
+            setStage(Stage::SERVED);
             isServed = true;
         } else if (m_stage == Stage::WATCHED) {
             isServed = take(receive());
@@ -134,13 +134,19 @@ bool ServedConnection::take(Found found)
         return false;
     }
     const bool isNow = found == Found::END || m_shared.requests->arrive(m_key, m_peer);
-    m_stage = isNow ? Stage::SERVED : Stage::WAITING;
+    setStage(isNow ? Stage::SERVED : Stage::WAITING);
     return isNow;
+}
+
+void ServedConnection::setStage(Stage stage)
+{
+    m_stage = stage;
+    noteServed(stage == Stage::SERVED);
 }
 
 void ServedConnection::watch()
 {
-    m_stage = Stage::WATCHED;
+    setStage(Stage::WATCHED);
     if (m_inHandshake)
         noteIncomplete("the TLS handshake stalled");
     else if (m_reader.hasUnfinished())
@@ -223,6 +229,8 @@ bool ServedConnection::hasStream()
         end("it speaks without TLS (TLS = required)");
     } else {
         m_stream = std::make_unique<PlainStream>(m_socket.get());
+        if (m_shared.tls)
+            m_shared.connections->notePlain(*this);
     }
     return m_stream != nullptr;
 }
@@ -330,7 +338,7 @@ void ServedConnection::setSelectable(int now, CORBA::Boolean)
     {
         const std::lock_guard guard(m_mutex);
         if (m_stage == Stage::SERVED && take(lookForRequest())) {
-            m_stage = Stage::WAITING; // for the watching thread, which notifies the ORB
+            setStage(Stage::WAITING); // for the watching thread, which notifies the ORB
             m_watcher->post(m_key);
         }
     }

@@ -32,7 +32,8 @@ struct ServerShared
 };
 
 /// The watching thread reads until a request is ready. Then the connection gets its turn, now or
-/// later, and a thread of the ORB serves the request. After that the watching thread is next again.
+/// later, and a thread of the ORB serves the request. This thread waits for the next request for a
+/// moment. Then the watching thread is next again.
 class ServedConnection final : public omni::giopConnection, public WatchedConnection
 {
   public:
@@ -83,10 +84,12 @@ class ServedConnection final : public omni::giopConnection, public WatchedConnec
     void lookForName();
     Found end(const std::string& why);
     bool take(Found found);
+    void setStage(Stage stage);
     void watch();
     int receivePart(void* buffer, std::size_t size, ByteStream::State& need);
-    // Without m_mutex.
+    // With or without m_mutex.
     void endTurn();
+    // Without m_mutex.
     void noteKept();
     std::chrono::milliseconds waitLeft() const;
     void noteWaited(Clock::time_point begin);
@@ -102,7 +105,9 @@ class ServedConnection final : public omni::giopConnection, public WatchedConnec
     std::atomic<bool> m_isBroken{false};
     std::atomic<Clock::rep> m_waitedInStop{0}; ///< all waits together since the stop began
 
-    std::mutex m_mutex; ///< for all below; its holder does not wait for the network
+    /// For all below. Its holder does not wait for the network. The thread that serves the
+    /// connection may use m_stream and m_need without it.
+    std::mutex m_mutex;
     Stage m_stage = Stage::SERVED;
     std::unique_ptr<ByteStream> m_stream; ///< null before the first byte; then it stays
     ByteStream::State m_need = ByteStream::State::NEEDS_INPUT;

@@ -1,13 +1,16 @@
 """Peers that take connections and do nothing with them."""
 
+import fcntl
 import os
+import threading
 import time
 
 import pytest
 
 import harness
-from attack import half_a_header
+from attack import ATTACKER, half_a_header
 from honest import Honest
+from records import SUCCESS, file_stem, put
 
 SANITIZED = bool(os.environ.get("QM_SANITIZE"))
 # A silent connection may cost the daemon so many bytes.
@@ -74,6 +77,32 @@ def test_a_flood_of_connections(attacked, attack, root):
         counters = root.status()["counters"]
         return counters["connectionsDrivenOut"] + counters["connectionsRefused"] >= 19 * LIMIT
     harness.wait_for(gone, "the flood is driven out or refused")
+    assert daemon.stop() == 0
+
+
+def test_a_connection_that_is_served_is_not_idle(root, attacked, attack, counter):
+    """A put waits for a record that another process has locked. Meanwhile its peer opens many
+    connections."""
+    daemon = attacked(MAX_CONNECTIONS=LIMIT, LOCK_WAIT_SECONDS=30)
+    service = daemon.client(source=ATTACKER)
+    assert put(service, "held", "a", b"old") == SUCCESS
+    path = root.store / (file_stem("held", "a") + ".xml")
+    with Honest(daemon), open(path, "r+b") as file:
+        fcntl.lockf(file, fcntl.LOCK_EX)
+        results = []
+        putter = threading.Thread(
+            target=lambda: results.append(put(service, "held", "a", b"new", priority=2)),
+            daemon=True)
+        putter.start()
+        time.sleep(0.5)
+        for _ in range(3):
+            attack(daemon).open(LIMIT)
+            time.sleep(0.5)
+        counter("connectionsDrivenOut", LIMIT)
+        assert putter.is_alive()
+        fcntl.lockf(file, fcntl.LOCK_UN)
+        putter.join(60)
+        assert results == [SUCCESS]
     assert daemon.stop() == 0
 
 

@@ -98,9 +98,14 @@ TEST_F(ConnectionTableTest, AConnectionInUseStays)
     open("192.0.2.2", LIMITS.connections);
     const Wait first(*connections[0]);
     connections[1]->noteArrived();
+    connections[2]->noteServed(true);
     EXPECT_TRUE(open("192.0.2.3").isAdmitted());
-    EXPECT_FALSE(connections[0]->isBroken());
+    EXPECT_FALSE(connections[0]->isBroken()) << "it waits for its peer";
     EXPECT_FALSE(connections[1]->isBroken()) << "used last";
+    EXPECT_FALSE(connections[2]->isBroken()) << "a thread serves its request";
+    EXPECT_TRUE(connections[3]->isBroken());
+    connections[2]->noteServed(false);
+    EXPECT_TRUE(open("192.0.2.3").isAdmitted());
     EXPECT_TRUE(connections[2]->isBroken());
 }
 
@@ -206,6 +211,19 @@ TEST_F(ConnectionTableTest, AnIdleConnectionIsCountedExceptDuringTheStop)
     table.stop();
     table.noteIdle(*connections[0]);
     EXPECT_EQ(table.counts().leftIdle, 1u);
+}
+
+TEST_F(ConnectionTableTest, APlainPeerHasOneWarning)
+{
+    open("192.0.2.1", 2);
+    open("192.0.2.2", 1);
+    for (const auto& each : connections)
+        table.notePlain(*each);
+    EXPECT_EQ(table.counts().plain, 3u);
+    EXPECT_EQ(log.texts(1), (QmTest::Lines{"TLS does not protect the calls of 192.0.2.1 (TLS = "
+                                           "on): the connection is plain",
+                                           "TLS does not protect the calls of 192.0.2.2 (TLS = "
+                                           "on): the connection is plain"}));
 }
 
 TEST_F(ConnectionTableTest, ArrivedBytesMayTakeAllOfTheirRoom)
