@@ -128,6 +128,17 @@ def test_an_existing_host_is_refused_and_renewed(directory):
     assert "has no host web9 to renew" in run("--renew", directory, "web1", "web9", code=1)
 
 
+def test_other_names_of_a_host(directory):
+    """The first name is the one that peers see. The renewal keeps all."""
+    run(directory, "web1=web1.example.org,192.0.2.1,www")
+    certificate = directory / "web1" / "certificate.pem"
+    assert names(certificate) == "DNS:web1, DNS:web1.example.org, IP Address:192.0.2.1, DNS:www"
+    run("--renew", directory, "web1")
+    assert names(certificate) == "DNS:web1, DNS:web1.example.org, IP Address:192.0.2.1, DNS:www"
+    run("--renew", directory, "web1=www")
+    assert names(certificate) == "DNS:web1, DNS:www"
+
+
 def test_where_the_files_will_be(directory):
     lines = run("--at", "/etc/tls", directory, "web1").splitlines()
     assert lines[2:] == ["TLS_CERTIFICATE = /etc/tls/certificate.pem",
@@ -169,10 +180,10 @@ def test_names_at_their_bounds(directory):
     (["DIR", "192.0.2.1"], '"192.0.2.1" is an address: write NAME=192.0.2.1'),
     (["DIR", "ca.pem"], 'no host can be called "ca.pem"'),
     (["DIR", "web1", "web1=192.0.2.1"], '"web1" stands there twice'),
-    (["DIR", "web1="], '"web1=" lacks an address'),
-    (["DIR", "web1=web2"], '"web2" is not an address'),
+    (["DIR", "web1="], '"web1=" lacks a name or an address'),
+    (["DIR", "web1=web-"], '"web-" is neither an address nor the name of a host'),
     (["DIR", "web1=192.0.2.1,"], None),
-    (["DIR", "web1=192.0.2.1,,192.0.2.2"], '"" is not an address'),
+    (["DIR", "web1=192.0.2.1,,192.0.2.2"], '"" is neither an address nor the name of a host'),
     (["--days", "0", "DIR", "web1"], '--days needs a number from 1 to 9999, not "0"'),
     (["--days", "10000", "DIR", "web1"], '--days needs a number from 1 to 9999, not "10000"'),
     (["DIR", "web1", "--days"], "--days needs a value"),
