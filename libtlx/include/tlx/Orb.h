@@ -110,7 +110,8 @@ class Orb
     /// an error is logged and the old ones stay. Does nothing without TLS.
     static void reloadTls();
     /// What is wrong with the files of TLS in the configuration, as a line that names the key and
-    /// the file. Empty if nothing is, if TLS is off, and if its mode itself is a mistake.
+    /// the file. This includes a certificate that peers will refuse, although the ORB starts with
+    /// it. Empty if nothing is wrong, if TLS is off, and if its mode itself is a mistake.
     static std::string tlsMistake();
     /// Logs a warning once a day from 30 days before the end of this host's certificate, and an
     /// error after it. Call it often. Does nothing without TLS.

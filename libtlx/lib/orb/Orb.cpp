@@ -233,7 +233,8 @@ std::string Orb::tlsMistake()
     if (settings.mode == TlsMode::OFF)
         return {};
     const auto loaded = TlsIdentity::load(settings.files, settings.top);
-    return loaded ? std::string() : loaded.error();
+    return loaded ? whyPeersRefuse(settings.files, **loaded, TlsContext::Clock::now())
+                  : loaded.error();
 }
 
 void Orb::checkTlsExpiry()

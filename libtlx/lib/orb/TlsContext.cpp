@@ -32,14 +32,25 @@ void logIdentity(const TlsFiles& files, const TlsIdentity& identity)
     PLATFORM_LOG(LOG_LEVEL_PROGRESS, "TlsContext::load",
                  "The certificate in " << files.certificate << " names " << identity.name()
                                        << " and is valid until " << dayOf(identity.expiry()));
-    if (!identity.isSignedByAuthority())
-        PLATFORM_WARN("TlsContext::load", "Peers will refuse the certificate in "
-                                              << files.certificate
-                                              << " (TLS_CERTIFICATE): no authority in " << files.ca
-                                              << " (TLS_CA) has signed it");
+    // checkExpiry reports a certificate that has expired.
+    const std::string refusal = whyPeersRefuse(files, identity, {});
+    if (!refusal.empty())
+        PLATFORM_WARN("TlsContext::load", refusal);
 }
 
 } // namespace
+
+std::string whyPeersRefuse(const TlsFiles& files, const TlsIdentity& identity,
+                           TlsIdentity::Clock::time_point now)
+{
+    const std::string refusal =
+        "Peers will refuse the certificate in " + files.certificate.text() + " (TLS_CERTIFICATE): ";
+    if (!identity.isSignedByAuthority())
+        return refusal + "no authority in " + files.ca.text() + " (TLS_CA) has signed it";
+    if (now >= identity.expiry())
+        return refusal + "it expired at " + dayOf(identity.expiry());
+    return {};
+}
 
 /// What all connections share. Each context of the TLS library keeps it alive.
 struct TlsContext::State

@@ -28,6 +28,10 @@ constexpr std::chrono::hours EXPIRY_WARNING_INTERVAL{24};
 constexpr int MAX_SHOWN_CERTIFICATES = 5;
 constexpr long MAX_SHOWN_BYTES = 12288;
 
+/// Why no peer will accept the certificate of the files, as one line. Empty if peers accept it.
+std::string whyPeersRefuse(const TlsFiles& files, const TlsIdentity& identity,
+                           TlsIdentity::Clock::time_point now);
+
 /// Any thread.
 class TlsContext
 {

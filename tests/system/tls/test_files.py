@@ -1,5 +1,6 @@
 """The files of TLS: mistakes at the start, and files that change while the daemon runs."""
 
+import re
 import signal
 import socket
 import subprocess
@@ -131,6 +132,26 @@ def test_the_check_of_the_configuration(secure_root):
     code, out, _ = harness.run("--check-config", "--root", secure_root)
     assert (code, out) == (CONFIGURATION, "%s: %s = %s: %s\n"
                            % (secure_root.config_file, key, path, why))
+
+
+def test_the_check_finds_an_expired_certificate(authority, secure_root):
+    """The daemon starts with it, and an administrator can replace it while the service runs."""
+    files = authority.sign("ended", "DNS:master1", -2 * DAY, -60)
+    secure_root.configure(**files.keys())
+    code, out, _ = harness.run("--check-config", "--root", secure_root)
+    assert code == CONFIGURATION
+    assert re.fullmatch(re.escape("%s: Peers will refuse the certificate in %s (TLS_CERTIFICATE): "
+                                  % (secure_root.config_file, files.certificate)) +
+                        r"it expired at \d{4}-\d\d-\d\d \d\d:\d\d UTC\n", out)
+
+
+def test_the_check_finds_a_certificate_of_another_ca(secure_root, tmp_path):
+    files = secure_root.credentials
+    files.ca.write_bytes(Authority(tmp_path / "next").issue("web1").ca.read_bytes())
+    code, out, _ = harness.run("--check-config", "--root", secure_root)
+    assert (code, out) == (CONFIGURATION, "%s: Peers will refuse the certificate in %s "
+                           "(TLS_CERTIFICATE): no authority in %s (TLS_CA) has signed it\n"
+                           % (secure_root.config_file, files.certificate, files.ca))
 
 
 def test_without_tls_the_files_do_not_matter(start, secure_root):
