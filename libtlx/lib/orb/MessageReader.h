@@ -25,9 +25,10 @@ constexpr std::size_t MOST_MESSAGES_BEHIND = 1000;
 
 /// One thread at a time.
 ///
-/// The ORB answers a malformed message, so the reader hands it out, as the last one. Requests to
-/// cancel a request end here: this service does not cancel a request that it serves, and the ORB
-/// leaks memory for them.
+/// The ORB answers a malformed message, so the reader hands it out, as the last one. While a large
+/// message is handed out, the reader fails instead. The reader drops CancelRequest messages: this
+/// service does not cancel a request that it serves, and the ORB leaks memory for them. It fails if
+/// the peer cancels the large request that it is sending.
 class MessageReader
 {
   public:
@@ -40,13 +41,14 @@ class MessageReader
     /// Begins to hand out the next message. Returns false if none is ready. Does nothing while a
     /// message is handed out.
     bool nextMessage();
-    /// Whether some of the message that is handed out now is left.
+    /// Whether bytes of the message that is handed out now are left.
     bool hasMessage() const { return m_handsOut; }
     /// Moves the next bytes of this message into the buffer. Returns how many; 0 if they have not
     /// arrived.
     std::size_t take(void* buffer, std::size_t size);
-    /// How many of the next bytes of the connection belong to this message. The caller may read so
-    /// many itself, and then calls passed. With 0, the next bytes must be added.
+    /// Call it after take has returned 0. Returns how many of the next bytes of the connection
+    /// belong to this message: the caller may read so many itself, and then calls passed. After 0,
+    /// the caller reads the next bytes and adds them.
     std::size_t passing() const;
     /// The caller has read so many bytes itself.
     void passed(std::size_t bytes);

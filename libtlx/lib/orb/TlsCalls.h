@@ -23,6 +23,7 @@
 namespace Veltrane::Quillmark::Tlx {
 
 /// The most hosts without protection that are remembered, so that each has one line in the log.
+/// Beyond it the list starts anew.
 constexpr std::size_t MAX_UNPROTECTED_HOSTS = 10000;
 
 /// The process has one at a time, as long as its ORB. Any thread uses it between `watch` and the
