@@ -10,6 +10,16 @@ bool RequestQueue::hasRoom(const Peer& peer) const
 }
 
 /// A peer with room has no line, because each turn that ends goes to a line whose peer has room.
+bool RequestQueue::tryTurn(Key connection, const std::string& name)
+{
+    const std::lock_guard guard(m_mutex);
+    const auto known = m_peers.find(name);
+    if (!hasRoom(known == m_peers.end() ? Peer() : known->second))
+        return false;
+    beginTurn(m_peers[name], connection);
+    return true;
+}
+
 bool RequestQueue::arrive(Key connection, const std::string& name)
 {
     const std::lock_guard guard(m_mutex);

@@ -171,7 +171,7 @@ ServedConnection::Found ServedConnection::lookForRequest()
 {
     if (m_isBroken)
         return Found::END;
-    if (m_reader.nextMessage()) {
+    if (m_reader.hasMessage() || m_reader.nextMessage()) {
         noteArrived();
         return Found::REQUEST;
     }
@@ -350,21 +350,24 @@ void ServedConnection::clearSelectable()
     endTurn();
 }
 
-/// Returns whether this thread shall go on with the next request.
+/// Returns whether this thread shall go on with the next request. Otherwise the ORB calls
+/// setSelectable next. That ends each turn, so a request gets its place in the line only there.
 CORBA::Boolean ServedConnection::Peek()
 {
     endTurn();
+    noteWhole();
+    Found found = Found::NOTHING;
     {
         const std::lock_guard guard(m_mutex);
-        if (const Found found = lookForRequest(); found != Found::NOTHING)
-            return take(found);
+        found = lookForRequest();
     }
-    if (m_shared.requests->isCalm() && isReady(m_socket.get(), m_need, PEEK)) {
+    if (found == Found::NOTHING && m_shared.requests->isCalm() &&
+        isReady(m_socket.get(), m_need, PEEK)) {
         const std::lock_guard guard(m_mutex);
-        if (const Found found = receive(); found != Found::NOTHING)
-            return take(found);
+        found = receive();
     }
-    return false;
+    return found == Found::END ||
+           (found == Found::REQUEST && m_shared.requests->tryTurn(m_key, m_peer));
 }
 
 /// The ORB also calls this for a connection that nobody uses (IDLE_CONNECTION_SECONDS). A thread

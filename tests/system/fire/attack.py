@@ -1,6 +1,7 @@
 """What a hostile peer does to the daemon."""
 
 import socket
+import struct
 
 from giop.messages import MessageType, header, messages, request_body
 from records import SUCCESS, open_writer, put, record
@@ -75,6 +76,29 @@ def request(target, operation, arguments=lambda e: None):
     """The bytes of a request to the object of a proxy."""
     return messages(MessageType.REQUEST,
                     request_body(1, target.ior.key, operation, arguments))
+
+
+def piece(kind, request_id, body, more):
+    """A message of GIOP 1.2, or a fragment of one, whose body begins with the id."""
+    return b"GIOP\1\2" + bytes([1 | (2 if more else 0), kind]) + \
+        struct.pack("<II", len(body) + 4, request_id) + body
+
+
+def put_in_fragments(writer, data, fragment=32768, request_id=1):
+    """A put of these bytes, in fragments that are whole multiples of eight."""
+    whole = request(writer, "put", lambda e: e.octets(data))
+    order = "<" if whole[6] & 1 else ">"
+    cuts = [struct.pack(order + "I", request_id) + whole[16:fragment]]
+    cuts += [whole[at:at + fragment] for at in range(fragment, len(whole), fragment)]
+    flags = whole[6] & 1
+    result = []
+    for number, cut in enumerate(cuts):
+        more = 2 if number < len(cuts) - 1 else 0
+        kind = MessageType.REQUEST if number == 0 else MessageType.FRAGMENT
+        body = cut if number == 0 else struct.pack(order + "I", request_id) + cut
+        result.append(b"GIOP\1\2" + bytes([flags | more, kind]) +
+                      struct.pack(order + "I", len(body)) + body)
+    return result
 
 
 def most_of_a_put(writer, size=200_000):

@@ -5,19 +5,13 @@ import struct
 import time
 
 import harness
-from attack import ATTACKER, half_a_request, most_of_a_put, request
+from attack import ATTACKER, half_a_request, most_of_a_put, piece, put_in_fragments, request
 from giop.messages import MessageType
 from honest import Honest
 from records import SUCCESS, get, open_writer, put, record
 
 UNFINISHED = 16  # messages of one connection at the same time
 MESSAGE = 1 << 20
-
-
-def piece(kind, request_id, body, more):
-    """A message of GIOP 1.2, or a fragment of one, whose body begins with the id."""
-    return b"GIOP\1\2" + bytes([1 | (2 if more else 0), kind]) + \
-        struct.pack("<II", len(body) + 4, request_id) + body
 
 
 def first_piece(request_id):
@@ -50,23 +44,6 @@ def test_a_connection_has_sixteen_unfinished_messages(attacked, attack, counter,
         harness.wait_for(lambda: attacker.ended() == 1, "the connection ends")
     assert "Closed a connection of 127.0.0.66: too many of its messages are unfinished" in \
         root.log_file.read_text()
-
-
-def put_in_fragments(writer, data, fragment=32768, request_id=1):
-    """A put of these bytes, in fragments that are whole multiples of eight."""
-    whole = request(writer, "put", lambda e: e.octets(data))
-    order = "<" if whole[6] & 1 else ">"
-    cuts = [struct.pack(order + "I", request_id) + whole[16:fragment]]
-    cuts += [whole[at:at + fragment] for at in range(fragment, len(whole), fragment)]
-    flags = whole[6] & 1
-    result = []
-    for number, cut in enumerate(cuts):
-        more = 2 if number < len(cuts) - 1 else 0
-        kind = MessageType.REQUEST if number == 0 else MessageType.FRAGMENT
-        body = cut if number == 0 else struct.pack(order + "I", request_id) + cut
-        result.append(b"GIOP\1\2" + bytes([flags | more, kind]) +
-                      struct.pack(order + "I", len(body)) + body)
-    return result
 
 
 def test_fragments_are_as_long_as_a_message_together(attacked, attack, counter, root):
@@ -210,6 +187,27 @@ def test_the_requests_of_a_flood_wait_in_their_own_line(attacked, attack, counte
         harness.wait_for(lambda: attacker.ended() > 5, "the oldest ones lose their connection")
         assert root.status()["counters"]["requestsWaiting"] > 100
     assert daemon.stop() == 0
+
+
+def test_pipelined_requests_of_many_connections_are_all_answered(attacked, attack, figures, root):
+    """One peer has more connections with a next request than it may have threads."""
+    daemon = attacked(REQUEST_THREADS=8)
+    service = daemon.client(source=ATTACKER)
+    calls = 200
+    with Honest(daemon):
+        attacker = attack(daemon)
+        connections = [attacker.connect() for _ in range(60)]
+        for connection in connections:
+            connection.setblocking(True)
+            connection.settimeout(60)
+            connection.sendall(request(service, "_non_existent") * calls)
+        for connection in connections:
+            with connection.makefile("rb") as replies:
+                for _ in range(calls):
+                    head = replies.read(12)
+                    order = "<" if head[6] & 1 else ">"
+                    replies.read(struct.unpack_from(order + "I", head, 8)[0])
+    assert figures(daemon)["Threads"] < 50
 
 
 def test_the_room_for_arriving_requests(attacked, attack, counter, root):

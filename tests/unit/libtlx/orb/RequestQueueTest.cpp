@@ -45,6 +45,20 @@ TEST_F(RequestQueueTest, APeerHasItsShareOfTheTurns)
     EXPECT_EQ(arrive(OTHER, 1), 0u) << "all turns are taken";
 }
 
+TEST_F(RequestQueueTest, ATryWithoutRoomLeavesTheConnectionAbsent)
+{
+    arrive(GREEDY, SHARE - 1);
+    EXPECT_TRUE(queue.tryTurn(100, GREEDY));
+    EXPECT_FALSE(queue.tryTurn(101, GREEDY));
+    EXPECT_EQ(queue.counts().waiting, 0u);
+    EXPECT_EQ(queue.leave(101, GREEDY), std::nullopt);
+    EXPECT_EQ(queue.leave(100, GREEDY), std::nullopt);
+    EXPECT_TRUE(queue.tryTurn(101, GREEDY));
+    EXPECT_TRUE(queue.tryTurn(102, HONEST));
+    EXPECT_TRUE(queue.tryTurn(103, HONEST));
+    EXPECT_FALSE(queue.tryTurn(104, OTHER)) << "all turns are taken";
+}
+
 TEST_F(RequestQueueTest, PeersWithALineTakeTurns)
 {
     arrive(GREEDY, 100); // 1 to 6 have turns
