@@ -62,14 +62,22 @@ WatchedConnection::WatchedConnection(std::string address)
 
 WatchedConnection::Wait::Wait(WatchedConnection& connection) : m_connection(connection)
 {
-    if (m_connection.m_waits.fetch_add(1) == 0)
+    m_connection.m_waits.fetch_add(1);
+    if (m_connection.m_waitsSince == 0) {
+        m_connection.m_moved = 0;
         m_connection.m_waitsSince = ticks(Clock::now());
+    }
 }
 
 WatchedConnection::Wait::~Wait()
 {
-    if (m_connection.m_waits.fetch_sub(1) == 1)
-        m_connection.m_waitsSince = 0;
+    m_connection.m_waits.fetch_sub(1);
+}
+
+void WatchedConnection::noteMoved(std::size_t bytes)
+{
+    if (m_waitsSince != 0 && (m_moved += bytes) >= PROGRESS_BYTES)
+        m_waitsSince = 0;
 }
 
 void WatchedConnection::noteIncomplete(const char* stall)

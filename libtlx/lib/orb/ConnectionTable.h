@@ -21,6 +21,10 @@ namespace Veltrane::Quillmark::Tlx {
 
 class ConnectionTable;
 
+/// A message or a reply that moves fewer bytes than this while it waits makes no progress. So a
+/// peer that sends a byte now and then counts as stalled.
+constexpr std::size_t PROGRESS_BYTES = 16384;
+
 /// One connection from another host. The table knows it from admit to remove. Its own threads note
 /// here what they wait for.
 class WatchedConnection
@@ -42,7 +46,9 @@ class WatchedConnection
     /// The same, and gives up the bytes that the connection keeps. It takes locks.
     virtual void discard() = 0;
 
-    /// A thread waits for bytes of a message, or for room for a reply, while this object lives.
+    /// A thread waits for bytes of a message, or for room for a reply, while this object lives. The
+    /// message or the reply counts as stalled from the first of its waits on, until noteMoved or
+    /// noteWhole ends that.
     class Wait
     {
       public:
@@ -60,6 +66,10 @@ class WatchedConnection
     void noteIncomplete(const char* stall);
     /// What had begun has arrived: a handshake, or a message.
     void noteArrived();
+    /// The thread that waits has moved so many bytes. After PROGRESS_BYTES the stall is over.
+    void noteMoved(std::size_t bytes);
+    /// The message has arrived, or the reply has gone.
+    void noteWhole() { m_waitsSince.store(0, std::memory_order_relaxed); }
     /// Whether a thread serves a request of this connection. Such a connection is not idle.
     void noteServed(bool isServed) { m_isServed.store(isServed, std::memory_order_relaxed); }
 
@@ -73,6 +83,7 @@ class WatchedConnection
     std::atomic<Clock::rep> m_incompleteSince{0};
     std::atomic<Clock::rep> m_lastUse;
     std::atomic<const char*> m_stall{""}; ///< as noteIncomplete says
+    std::atomic<std::size_t> m_moved{0}; ///< since m_waitsSince
     std::atomic<bool> m_isServed{false};
     std::atomic<unsigned> m_waits{0}; ///< a request and a reply may wait at the same time
     // With the table's mutex.
@@ -103,7 +114,7 @@ struct ConnectionLimits
 ///
 /// Threads may wait for the rest of a message, or until a peer reads its reply. When connections
 /// with such waits take more than half of the threads, the peer with the most of them loses the one
-/// that waits for longest. So a peer that stalls cannot take all threads.
+/// that has stalled for longest. So a peer that stalls cannot take all threads.
 class ConnectionTable
 {
   public:

@@ -142,6 +142,7 @@ void ServedConnection::setStage(Stage stage)
 {
     m_stage = stage;
     noteServed(stage == Stage::SERVED);
+    noteWhole();
 }
 
 void ServedConnection::watch()
@@ -243,6 +244,10 @@ int ServedConnection::Recv(void* buffer, std::size_t size, const omni_time_t& de
         {
             const std::lock_guard guard(m_mutex);
             count = receivePart(buffer, size, need);
+            if (count > 0)
+                noteMoved(static_cast<std::size_t>(count));
+            if (!m_reader.hasMessage())
+                noteWhole();
         }
         noteKept(); // other messages may have come between the pieces of this one
         if (count != 0)
@@ -290,8 +295,10 @@ int ServedConnection::Send(void* buffer, std::size_t size, const omni_time_t& de
         if (m_isBroken || !m_stream)
             return -1;
         const ByteStream::Result result = m_stream->write(buffer, size);
-        if (result.state == State::MOVED)
+        if (result.state == State::MOVED) {
+            noteMoved(result.bytes);
             return static_cast<int>(result.bytes);
+        }
         // The ORB says goodbye while it holds locks that all requests need. So this must not wait.
         if (result.state == State::ENDED || isCloseConnection(buffer, size))
             return -1;

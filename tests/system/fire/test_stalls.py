@@ -1,11 +1,14 @@
 """Peers that stall in the middle of a request, or do not read their reply."""
 
+import contextlib
 import time
 
 import pytest
 
 import harness
-from attack import ATTACKER, half_a_request, most_of_a_put, stalled_puts, unread_pages
+from attack import (ATTACKER, half_a_request, most_of_a_put, piece, put_in_fragments, stalled_puts,
+                    unread_pages)
+from giop.messages import MessageType
 from honest import Honest
 from records import SUCCESS, get, open_writer, record
 
@@ -48,6 +51,36 @@ def test_half_of_the_threads_may_stall(attacked, attack, root):
         time.sleep(1.5)
         assert attacker.ended() == 0
         assert root.status()["counters"]["connectionsStalled"] == 0
+
+
+@pytest.mark.parametrize("drop", [b"\0", piece(MessageType.CANCEL_REQUEST, 99, b"", more=False)],
+                         ids=["a byte", "a cancellation"])
+def test_bytes_now_and_then_are_a_stall(attacked, attack, root, drop):
+    """Two peers take all threads, and each message goes on, a few bytes at a time."""
+    daemon = attacked(REQUEST_TIMEOUT=600, REQUEST_THREADS=THREADS)
+    with Honest(daemon) as honest:
+        connections = []
+        for source in (ATTACKER, "127.0.0.67"):
+            attacker = attack(daemon, source=source)
+            service = daemon.client(source=source)
+            writer = open_writer(service, record("trickle", source))
+            begun = put_in_fragments(writer, bytes(1_000_000))[:3]
+            if len(drop) == 1:
+                begun.append(put_in_fragments(writer, bytes(1_000_000))[3][:100])
+            for _ in range(2 * THREADS):
+                connections.append(attacker.connect())
+                connections[-1].setblocking(True)
+                connections[-1].sendall(b"".join(begun))
+        rounds = honest.rounds
+
+        def have_stalled():
+            for connection in connections:
+                with contextlib.suppress(OSError):
+                    connection.sendall(drop)
+            return root.status()["counters"]["connectionsStalled"] >= THREADS
+        harness.wait_for(have_stalled, "they count as stalled")
+        harness.wait_for(lambda: honest.rounds > rounds, "the honest client is served")
+    assert daemon.stop() == 0
 
 
 def test_one_more_loses_the_oldest(attacked, attack, counter, root):

@@ -180,6 +180,32 @@ TEST_F(ConnectionTableTest, AnArrivedRequestIsNotStalled)
     EXPECT_FALSE(slow.isBroken());
 }
 
+TEST_F(ConnectionTableTest, AByteNowAndThenIsAStall)
+{
+    open("192.0.2.1", LIMITS.threads / 2 + 1);
+    for (const auto& each : connections) {
+        const Wait over(*each);
+        each->noteMoved(PROGRESS_BYTES - 1);
+    }
+    table.look(Clock::now() + 1s);
+    EXPECT_EQ(table.counts().stalled, 1u);
+    EXPECT_TRUE(connections[0]->isBroken());
+    connections[1]->noteMoved(1);
+    open("192.0.2.1", 1);
+    {
+        const Wait over(*connections.back());
+    }
+    table.look(Clock::now() + 1s);
+    EXPECT_EQ(table.counts().stalled, 1u) << "one has made progress";
+    for (const auto& each : connections)
+        each->noteWhole();
+    open("192.0.2.1", LIMITS.threads / 2);
+    for (std::size_t i = connections.size() - LIMITS.threads / 2; i < connections.size(); ++i)
+        const Wait over(*connections[i]);
+    table.look(Clock::now() + 1s);
+    EXPECT_EQ(table.counts().stalled, 1u) << "the others have arrived";
+}
+
 TEST_F(ConnectionTableTest, StalledRequestsMayTakeHalfOfTheThreads)
 {
     open("192.0.2.1", 1);
