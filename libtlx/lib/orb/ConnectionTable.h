@@ -83,7 +83,7 @@ class WatchedConnection
     std::atomic<Clock::rep> m_incompleteSince{0};
     std::atomic<Clock::rep> m_lastUse;
     std::atomic<const char*> m_stall{""}; ///< as noteIncomplete says
-    std::atomic<std::size_t> m_moved{0}; ///< since m_waitsSince
+    std::atomic<std::size_t> m_moved{0};  ///< since m_waitsSince
     std::atomic<bool> m_isServed{false};
     std::atomic<unsigned> m_waits{0}; ///< a request and a reply may wait at the same time
     // With the table's mutex.
