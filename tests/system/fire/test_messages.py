@@ -148,9 +148,10 @@ def test_cancellations_cost_nothing(attacked, attack, figures):
             connection.sendall(request(service, "_non_existent"))
             assert connection.recv(4096)[:4] == b"GIOP"
             resident.append(figures(daemon)["VmRSS"])
-        # The second round of 200,000 needed no more than the first.
+        # The second round of 200,000 needed no more than the first. New threads take a few MiB. If
+        # each cancellation left 100 bytes, it would be 19 MiB.
         if not os.environ.get("QM_SANITIZE"):
-            assert resident[1] <= resident[0] + 1024
+            assert resident[1] <= resident[0] + (10 << 10)
     assert daemon.stop() == 0
 
 
