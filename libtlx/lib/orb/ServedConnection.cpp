@@ -291,10 +291,16 @@ int ServedConnection::receivePart(void* buffer, std::size_t size, State& need)
 
 int ServedConnection::Send(void* buffer, std::size_t size, const omni_time_t& deadline)
 {
+    ByteStream* stream = nullptr;
+    {
+        // The ORB also says goodbye to a connection that no thread serves.
+        const std::lock_guard guard(m_mutex);
+        stream = m_stream.get();
+    }
     for (;;) {
-        if (m_isBroken || !m_stream)
+        if (m_isBroken || !stream)
             return -1;
-        const ByteStream::Result result = m_stream->write(buffer, size);
+        const ByteStream::Result result = stream->write(buffer, size);
         if (result.state == State::MOVED) {
             noteMoved(result.bytes);
             return static_cast<int>(result.bytes);
