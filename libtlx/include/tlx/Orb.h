@@ -131,6 +131,9 @@ class Orb
     static unsigned requestsInProgress();
     /// How many requests found too many others that waited for the same servant.
     static unsigned long long requestsTurnedAway();
+    /// How many calls to other hosts ended because these forwarded them too often, back to this
+    /// process, or in a form that it does not serve.
+    static unsigned long long forwardsRefused();
 
   private:
     struct State;

@@ -354,7 +354,7 @@ void OrbCore::start(const OrbSettings& settings)
     }
     int argc = 0;
     m_orb = CORBA::ORB_init(argc, nullptr, "omniORB4", options.pairs());
-    limitRemoteCalls();
+    limitRemoteCalls([this](const Endpoint& endpoint) { return leadsHere(endpoint); });
     if (m_tlsCalls)
         m_tlsCalls->watch();
     if (settings.clientOnly)

@@ -1,7 +1,9 @@
 #include "RemoteCalls.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <memory>
+#include <utility>
 
 #include <dirent.h>
 #include <netinet/in.h>
@@ -9,40 +11,130 @@
 #include <sys/socket.h>
 
 #include <tlx/Corba.h>
+#include <tlx/Orb.h>
 #include <tlx/StopNotice.h>
 
 // The next headers need these, and do not include them.
+#include <omniORB4/IOP_C.h>
 #include <omniORB4/callDescriptor.h>
+#include <omniORB4/internal/giopRope.h>
+#include <omniORB4/internal/giopStrand.h>
 #include <omniORB4/internal/giopStream.h>
 #include <omniORB4/sslContext.h>
 
-#include <omniORB4/internal/giopRope.h>
-#include <omniORB4/internal/giopStrand.h>
+#include <omniORB4/internal/GIOP_C.h>
 #include <omniORB4/omniInterceptors.h>
 #include <omniORB4/sslConnection.h>
 #include <omniORB4/tcpConnection.h>
 
+#include "PlatformLog.h"
+#include "RequestPeerState.h"
+
 namespace Veltrane::Quillmark::Tlx {
 
 namespace {
+
+constexpr const char* LOG_SOURCE = "../Orb";
+
+std::function<bool(const Endpoint&)> theyLeadHere;
+std::atomic<unsigned long long> forwardsRefused{0};
+
+/// A call of this thread. The next call may have the same address, but it ends at another time.
+struct Call
+{
+    const omniCallDescriptor* descriptor = nullptr;
+    omni_time_t end;
+
+    explicit Call(omni::GIOP_C& call)
+        : descriptor(call.calldescriptor()), end(descriptor->getDeadline())
+    {
+    }
+    Call() = default;
+    bool operator==(const Call& other) const
+    {
+        return descriptor == other.descriptor && end == other.end;
+    }
+};
+
+thread_local Call t_forwarded;        ///< the last call that another host forwarded
+thread_local unsigned t_forwards = 0; ///< how often
+thread_local unsigned t_opened = 0;   ///< connections
 
 CORBA::Boolean never(void*, CORBA::ULong, const CORBA::TRANSIENT&)
 {
     return false;
 }
 
-CORBA::Boolean refuseCall(omni::omniInterceptors::clientSendRequest_T::info_T&)
+/// The other end of a connection.
+Endpoint endpointOf(omni::giopConnection& connection)
 {
-    if (isStopAnnounced())
-        throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+    const std::string uri = connection.peeraddress(); // such as "giop:tcp:ADDRESS:PORT"
+    const int port = std::atoi(uri.c_str() + uri.rfind(':') + 1);
+    return {addressOfConnection(uri), static_cast<std::uint16_t>(port)};
+}
+
+/// Counts a forward that this process does not follow, and logs it.
+void noteRefused(omni::GIOP_C& call, const std::string& why)
+{
+    forwardsRefused.fetch_add(1, std::memory_order_relaxed);
+    PLATFORM_WARN("Orb::call", "The call " << call.operation() << " to "
+                                           << toText(endpointOf(*call.strand().connection))
+                                           << " ends: " << why);
+}
+
+/// Whether another host has forwarded a call back to this process.
+bool comesBack(omni::GIOP_C& call)
+{
+    omni::giopConnection* const connection = call.strand().connection;
+    if (!connection || t_forwards == 0 || !(t_forwarded == Call(call)) ||
+        !theyLeadHere(endpointOf(*connection)))
+        return false;
+    noteRefused(call, "another host has forwarded it back to this service");
     return true;
 }
 
-CORBA::Boolean refuseConnection(omni::omniInterceptors::clientOpenConnection_T::info_T& info)
+CORBA::Boolean checkCall(omni::omniInterceptors::clientSendRequest_T::info_T& info)
 {
+    if (isStopAnnounced())
+        throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
+    if (comesBack(info.giop_c))
+        throw CORBA::NO_PERMISSION(0, CORBA::COMPLETED_NO);
+    return true;
+}
+
+CORBA::Boolean checkReply(omni::omniInterceptors::clientReceiveReply_T::info_T& info)
+{
+    switch (info.giop_c.replyStatus()) {
+    case GIOP::LOCATION_FORWARD:
+    case GIOP::LOCATION_FORWARD_PERM:
+        break;
+    case GIOP::NEEDS_ADDRESSING_MODE:
+        noteRefused(info.giop_c, "the host wants another form of the target than its key");
+        throw CORBA::NO_IMPLEMENT(0, CORBA::COMPLETED_NO);
+    default:
+        return true;
+    }
+    const Call call(info.giop_c);
+    if (!(t_forwarded == call))
+        t_forwards = 0;
+    t_forwarded = call;
+    if (++t_forwards > MOST_FORWARDS) {
+        noteRefused(info.giop_c,
+                    "hosts have forwarded it " + std::to_string(MOST_FORWARDS) + " times already");
+        throw CORBA::IMP_LIMIT(0, CORBA::COMPLETED_NO);
+    }
+    return true;
+}
+
+CORBA::Boolean checkConnection(omni::omniInterceptors::clientOpenConnection_T::info_T& info)
+{
+    ++t_opened;
     if (isStopAnnounced()) {
         info.reject = true;
         info.why = "the service stops";
+    } else if (comesBack(info.giop_c)) {
+        info.reject = true;
+        info.why = "the call comes back";
     }
     return true;
 }
@@ -73,12 +165,24 @@ void breakOffConnecting()
 
 } // namespace
 
-void limitRemoteCalls()
+void limitRemoteCalls(std::function<bool(const Endpoint&)> leadsHere)
 {
+    theyLeadHere = std::move(leadsHere);
     omniORB::installTransientExceptionHandler(nullptr, &never);
     omni::omniInterceptors* const interceptors = omniORB::getInterceptors();
-    interceptors->clientSendRequest.add(&refuseCall);
-    interceptors->clientOpenConnection.add(&refuseConnection);
+    interceptors->clientSendRequest.add(&checkCall);
+    interceptors->clientReceiveReply.add(&checkReply);
+    interceptors->clientOpenConnection.add(&checkConnection);
+}
+
+unsigned connectionsOpened()
+{
+    return t_opened;
+}
+
+unsigned long long Orb::forwardsRefused()
+{
+    return Tlx::forwardsRefused.load(std::memory_order_relaxed);
 }
 
 void breakOffCalls()

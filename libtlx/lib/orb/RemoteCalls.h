@@ -1,14 +1,34 @@
 #pragma once
 // What bounds the calls of this process to other hosts.
 
+#include <functional>
+
+#include <tlx/Endpoint.h>
+
 namespace Veltrane::Quillmark::Tlx {
+
+/// The most forwards that one call follows. Another host may answer each call with a forward, for
+/// example to itself. A service needs one, from its name to its object.
+constexpr unsigned MOST_FORWARDS = 5;
 
 /// Sets these rules for the process's ORB. Call it when the ORB is up.
 ///
 /// - No call is repeated by the ORB. By default it repeats a call whose reference was forwarded
 ///   and then failed, again and again, and the other host may carry it out each time.
+/// - A call ends with IMP_LIMIT after MOST_FORWARDS.
+/// - A call that another host forwards back to this process ends with NO_PERMISSION or TRANSIENT.
+///   It would have the rights of this process.
+/// - A call names its target by the object key. If the other host wants another form, the call ends
+///   with NO_IMPLEMENT.
 /// - After announceStop, no call begins and no connection comes up.
-void limitRemoteCalls();
+///
+/// @param leadsHere whether an endpoint with a numeric address leads to this process. Any thread
+///        calls it, while the ORB is up.
+void limitRemoteCalls(std::function<bool(const Endpoint&)> leadsHere);
+
+/// How many connections to other hosts the calling thread has opened until now, with those that
+/// were then refused.
+unsigned connectionsOpened();
 
 /// Breaks off all calls that are in progress. They fail with COMM_FAILURE or TRANSIENT, and later
 /// ones with TRANSIENT. Call announceStop first.

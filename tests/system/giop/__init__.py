@@ -13,12 +13,12 @@ from .errors import GiopError, SystemException
 from .ior import NIL, Ior, IorError, parse_reference
 from .messages import LATIN_1, UTF_8
 from .orb import Orb
-from .server import HangUp, Server
+from .server import HangUp, Redirect, Server
 
 __all__ = [
     "AuthorityType", "CdrError", "CollAttributes", "CollectionDataIterator", "CollectionStorage",
     "CollectionType", "ConnectionLost", "Decoder", "Discovery", "DiscoveryIterator",
     "DiscoveryQuery", "DiscoveryResult", "DiscoveryService", "DiscoveryStatus", "Encoder",
     "GiopError", "HangUp", "Ior", "IorError", "LATIN_1", "MessageRefused", "NIL", "Orb",
-    "RemoteWriter", "Server", "SystemException", "Timeout", "UTF_8", "parse_reference",
+    "Redirect", "RemoteWriter", "Server", "SystemException", "Timeout", "UTF_8", "parse_reference",
 ]

@@ -55,6 +55,11 @@ class Orb:
     def has_tls(self):
         return self._tls is not None
 
+    @property
+    def forwards(self):
+        """The references that peers have forwarded to."""
+        return list(self._forwards.values())
+
     def certificates(self):
         """The certificates (DER) of the servers on the open connections."""
         return [each.certificate() for each in self._connections.values()]

@@ -21,14 +21,26 @@ class HangUp(Exception):
         self.first = first
 
 
+class Redirect(Exception):
+    """An object raises it to send the caller elsewhere, or to make it repeat the call.
+
+    `status` is one of ReplyStatus. `fill` writes the body that belongs to it.
+    """
+
+    def __init__(self, status, fill):
+        super().__init__()
+        self.status = status
+        self.fill = fill
+
+
 class Server:
     """Serves objects until it is closed. Each connection has its own thread.
 
     An object is a function. It takes an operation and the decoder of the arguments. It returns a
     function that writes the result into an encoder. If the object raises a SystemException, the
-    reply contains it. If the object raises HangUp, the connection ends. `network` means the same
-    as in Orb. With `tls`, an ssl.SSLContext, it serves only TLS. `failures` has the texts of the
-    connections that failed, `accepted` their total number.
+    reply contains it. Redirect and HangUp do what they say. `network` means the same as in Orb.
+    With `tls`, an ssl.SSLContext, it serves only TLS. `failures` has the texts of the connections
+    that failed, `accepted` their total number.
     """
 
     def __init__(self, host, port=0, network=contextlib.nullcontext, little=True, tls=None):
@@ -169,6 +181,9 @@ class Server:
             fill = found(operation, arguments)
             body.ulong(ReplyStatus.NO_EXCEPTION).ulong(0).align(8)
             fill(body)
+        except Redirect as redirect:
+            body.ulong(redirect.status).ulong(0).align(8)
+            redirect.fill(body)
         except SystemException as exception:
             body = Encoder(self._little, HEADER_SIZE).ulong(number)
             body.ulong(ReplyStatus.SYSTEM_EXCEPTION).ulong(0).align(8)

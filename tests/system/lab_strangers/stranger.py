@@ -18,6 +18,9 @@ class Stranger:
     """The fake service with its iterators and writers. `asked` lists the requested operations,
     `failures` the texts of the connections that failed.
 
+    redirects: {operation: a function}. The function gets the object's reference. It returns a
+    Redirect, which is the answer, or None. `redirected` counts these answers.
+
     tls: an ssl.SSLContext. By default it is that of the host's certificate if the host has TLS.
     False is plain text.
 
@@ -34,12 +37,14 @@ class Stranger:
 
     def __init__(self, host, is_a=True, little=True, tls=None):
         self.asked = []
+        self.redirects = {}
+        self.redirected = 0
         self._is_a = is_a
         self._numbers = itertools.count()
         if tls is None and host.root.credentials:
             tls = host.root.credentials.as_server()
         self._server = Server(host.address, PORT, host.network, little, tls or None)
-        self._server.add(b"DiscoveryService", DiscoveryService.TYPE_ID, self._service)
+        self._add(b"DiscoveryService", DiscoveryService, self._service)
 
     def __enter__(self):
         return self
@@ -56,8 +61,17 @@ class Stranger:
         return self._server.accepted
 
     def _object(self, kind, function):
-        key = b"object%d" % next(self._numbers)
-        return self._server.add(key, kind.TYPE_ID, function)
+        return self._add(b"object%d" % next(self._numbers), kind, function)
+
+    def _add(self, key, kind, function):
+        def answer(operation, arguments):
+            redirect = self.redirects.get(operation, lambda _: None)(reference)
+            if redirect:
+                self.redirected += 1
+                raise redirect
+            return function(operation, arguments)
+        reference = self._server.add(key, kind.TYPE_ID, answer)
+        return reference
 
     @staticmethod
     def _wrong(place, subject):
