@@ -13,6 +13,7 @@
 
 #include "OrbCore.h"
 #include "PlatformLog.h"
+#include "RemoteCalls.h"
 #include "TlsCalls.h"
 
 namespace Veltrane::Quillmark::Tlx {
@@ -35,24 +36,21 @@ milliseconds left(Clock::time_point end)
     return std::chrono::duration_cast<milliseconds>(end - Clock::now());
 }
 
-/// With TLS, the most new connections of one look. The service may forward to another address.
+/// The most new connections of one look. The service may forward to another address.
 constexpr unsigned MOST_NEW_CONNECTIONS = 3;
 
-/// Whether another try cannot help: a peer has not proved its name, or refuses new connections.
-bool hasTlsFailed()
-{
-    const TlsCalls::OnThread& done = TlsCalls::onThread();
-    return !done.failure.empty() || done.connections >= MOST_NEW_CONNECTIONS;
-}
-
-/// Whether the object exists. The ORB may have kept a connection to a service that has restarted
-/// since, and only a call shows this. A second call does no harm, so it asks again until a call
-/// uses a new connection.
+/// Whether the object exists. A call may use a connection that the ORB has kept, and fail: the
+/// service has restarted since, or with TLS the connection leads to another host. A second call
+/// does no harm, so it asks again until new connections have failed, too.
 bool isThere(CORBA::Object_ptr object, Clock::time_point end)
 {
+    const unsigned before = connectionsOpened();
     for (int kept = CONNECTIONS_TO_A_HOST;; --kept) {
         const OrbCallLimit limited(left(end));
-        const auto isLast = [&] { return kept == 0 || Clock::now() >= end || hasTlsFailed(); };
+        const auto isLast = [&] {
+            return kept == 0 || Clock::now() >= end || !TlsCalls::failure().empty() ||
+                   connectionsOpened() - before >= MOST_NEW_CONNECTIONS;
+        };
         try {
             return !object->_non_existent();
         } catch (const CORBA::COMM_FAILURE&) {
@@ -67,13 +65,13 @@ bool isThere(CORBA::Object_ptr object, Clock::time_point end)
 }
 
 /// Why TLS may be the reason of a failed call, as a part of a sentence; empty if it is not.
-std::string tlsReason(const CORBA::Exception& e)
+/// @param opened whether the call has opened a connection.
+std::string tlsReason(const CORBA::Exception& e, bool opened)
 {
-    const TlsCalls::OnThread& done = TlsCalls::onThread();
-    if (!done.failure.empty())
-        return ", TLS: " + done.failure;
+    if (!TlsCalls::failure().empty())
+        return ", TLS: " + TlsCalls::failure();
     // The refusal is often lost, because the peer closes the connection at the same time.
-    if (done.connections > 0 && CORBA::COMM_FAILURE::_downcast(&e))
+    if (opened && CORBA::COMM_FAILURE::_downcast(&e))
         return ", TLS: it closed a new connection, perhaps because it refused this host";
     return {};
 }
@@ -94,19 +92,18 @@ Lookup ask(const OrbCore& core, const Endpoint& endpoint, const std::string& nam
     const std::string url = core.tlsCalls() ? core.tlsCalls()->locationOf(toText(endpoint), name)
                                             : "corbaloc:iiop:1.2@" + toText(endpoint) + "/" + name;
     const TlsCalls::Lookup lookup(hosts);
+    const unsigned before = connectionsOpened();
     try {
         CORBA::Object_var object = core.orb()->string_to_object(url.c_str());
-        if (!CORBA::is_nil(object) && isThere(object, end)) {
-            if (TlsCalls::onThread().hasMetStranger)
-                return notFound("another host answered, TLS: " + TlsCalls::onThread().failure);
+        if (!CORBA::is_nil(object) && isThere(object, end))
             return object;
-        }
         PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::lookupObject", "Nothing is there: " << url);
         return notFound("there is no object of that name");
     } catch (const CORBA::Exception& e) {
         PLATFORM_LOG(LOG_LEVEL_PROGRESS, "Orb::lookupObject",
                      "No answer from " << url << ": " << describeException(e));
-        return notFound(describeException(e) + tlsReason(e), e._name());
+        const bool opened = core.tlsCalls() && connectionsOpened() != before;
+        return notFound(describeException(e) + tlsReason(e, opened), e._name());
     }
 }
 

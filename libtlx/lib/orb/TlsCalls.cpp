@@ -37,7 +37,7 @@ constexpr const char* LOG_SOURCE = "../Tls";
 
 std::atomic<TlsCalls*> theCalls{nullptr};
 
-thread_local TlsCalls::OnThread t_done;
+thread_local std::string t_failure;
 thread_local std::vector<std::string> t_wanted; ///< by the lookup on this thread
 
 /// The ORB's context for its TLS transport. The ORB owns it from its start on.
@@ -173,7 +173,6 @@ struct TlsCalls::Hooks
         auto* const connection = strand.connection;
         if (!calls || !connection)
             return true;
-        ++t_done.connections;
         // A socket no longer knows its peer's address when the peer has closed the connection. So
         // this is the address that the ORB has called.
         if (!calls->admit(addressOfConnection(strand.address->address()),
@@ -193,15 +192,14 @@ struct TlsCalls::Hooks
         // on this thread would take them for its own.
         ERR_clear_error();
         const omni::giopStrand& strand = info.giop_c.strand();
-        if (calls->m_mode != TlsMode::REQUIRED || t_wanted.empty() || !strand.connection)
+        if (calls->m_mode != TlsMode::REQUIRED || !strand.connection)
             return true;
-        const std::string address = addressOfConnection(strand.address->address());
-        const std::string complaint =
-            calls->complaintOfLookup(address, certificateOf(strand.connection));
-        if (!complaint.empty()) {
-            t_done.hasMetStranger = true;
-            calls->noteFailure(address, complaint);
-        }
+        // A kept connection to another host. The lookup makes a new one.
+        if (!calls
+                 ->complaintOfLookup(addressOfConnection(strand.address->address()),
+                                     certificateOf(strand.connection))
+                 .empty())
+            throw CORBA::COMM_FAILURE(0, CORBA::COMPLETED_NO);
         return true;
     }
 };
@@ -256,7 +254,7 @@ void TlsCalls::breakOff()
 
 TlsCalls::Lookup::Lookup(std::vector<std::string> hosts)
 {
-    t_done = {};
+    t_failure.clear();
     t_wanted = std::move(hosts);
 }
 
@@ -265,15 +263,15 @@ TlsCalls::Lookup::~Lookup()
     t_wanted.clear();
 }
 
-const TlsCalls::OnThread& TlsCalls::onThread()
+const std::string& TlsCalls::failure()
 {
-    return t_done;
+    return t_failure;
 }
 
-/// "HOST (ADDRESS)", with the first host that leads there.
+/// "HOST (ADDRESS)": the host that a lookup wants, otherwise the first one that leads there.
 std::string TlsCalls::describe(const std::string& address) const
 {
-    const std::string host = nameAmong(m_resolved.of(address));
+    const std::string host = nameAmong(t_wanted.empty() ? m_resolved.of(address) : t_wanted);
     return host.empty() || host == address ? address : host + " (" + address + ")";
 }
 
@@ -334,7 +332,7 @@ bool TlsCalls::admit(const std::string& address, const X509* certificate)
 
 void TlsCalls::noteFailure(const std::string& address, const std::string& why) const
 {
-    t_done.failure = why;
+    t_failure = why;
     if (m_mode == TlsMode::REQUIRED)
         PLATFORM_WARN("TlsCalls::open",
                       "No TLS connection to " << describe(address) << ": " << why);

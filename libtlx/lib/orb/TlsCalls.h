@@ -52,17 +52,13 @@ class TlsCalls
     /// Ends the handshakes in progress. Their calls fail.
     void breakOff();
 
-    /// What TLS did on this thread since its last lookup began.
-    struct OnThread
-    {
-        std::string failure;         ///< why the last connection failed, for a person; may be empty
-        unsigned connections = 0;    ///< that were opened
-        bool hasMetStranger = false; ///< a call of the lookup went to a host of another name
-    };
-    static const OnThread& onThread();
+    /// Why the last TLS connection of this thread failed, for a person. Empty since its last lookup
+    /// began, if none has failed.
+    static const std::string& failure();
 
     /// A lookup on this thread. Two hosts may lead to one address, and then they share the ORB's
-    /// connections. So the names are compared for each call of the lookup.
+    /// connections. So the names are compared for each call of the lookup. A kept connection to
+    /// another host is closed, and the call fails with COMM_FAILURE.
     class Lookup
     {
       public:

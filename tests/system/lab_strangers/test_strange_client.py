@@ -2,7 +2,7 @@
 
 import pytest
 
-from giop import AuthorityType, DiscoveryStatus
+from giop import AuthorityType, DiscoveryStatus, HangUp
 from records import ANY, get, record
 from stranger import Stranger
 
@@ -90,6 +90,20 @@ def test_a_release_that_fails_harms_nothing(lab):
         for how in ("release_half", "release_hang-up", "release_throw"):
             assert pulled(service, how)[0] == DiscoveryStatus.DS_SUCCESS
     assert log.failures("../RemoteDB") == []
+
+
+def test_a_host_that_closes_each_connection(lab):
+    _, client, service, _ = lab
+    with Stranger(client) as stranger:
+        stranger.redirects = {"_non_existent": lambda _: raising(HangUp)}
+        assert pulled(service, "volumes")[0] == DiscoveryStatus.DS_OPEN_FAILED
+        assert stranger.connections == 3
+        stranger.redirects = {}
+        assert pulled(service, "volumes")[0] == DiscoveryStatus.DS_SUCCESS
+
+
+def raising(exception):
+    raise exception
 
 
 def test_an_object_of_another_kind(lab):
