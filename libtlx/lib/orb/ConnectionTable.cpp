@@ -80,17 +80,29 @@ void WatchedConnection::noteMoved(std::size_t bytes)
         m_waitsSince = 0;
 }
 
-void WatchedConnection::noteIncomplete(const char* stall)
+void WatchedConnection::noteIncomplete(std::uint64_t what, const char* stall)
 {
+    if (what != m_incomplete)
+        noteNothing();
+    m_incomplete = what;
     m_stall = stall;
-    Clock::rep none = 0;
-    m_incompleteSince.compare_exchange_strong(none, ticks(Clock::now()));
+    if (m_incompleteSince == 0)
+        m_incompleteSince = ticks(Clock::now() - Clock::duration(m_incompleteFor));
+}
+
+void WatchedConnection::noteNothing()
+{
+    m_incomplete = 0;
+    m_incompleteFor = 0;
+    m_incompleteSince = 0;
 }
 
 void WatchedConnection::noteArrived()
 {
-    m_incompleteSince.store(0, std::memory_order_relaxed);
-    m_lastUse.store(ticks(Clock::now()), std::memory_order_relaxed);
+    const Clock::rep now = ticks(Clock::now());
+    if (const Clock::rep since = m_incompleteSince.exchange(0, std::memory_order_relaxed))
+        m_incompleteFor = now - since;
+    m_lastUse.store(now, std::memory_order_relaxed);
 }
 
 ConnectionTable::ConnectionTable(const ConnectionLimits& limits)

@@ -61,10 +61,17 @@ class WatchedConnection
         WatchedConnection& m_connection;
     };
 
-    /// Something has begun to arrive, and no thread waits for the rest.
+    // One thread at a time calls the next three.
+
+    /// Something has begun to arrive, and no thread waits for the rest. Its time goes on until
+    /// noteArrived or noteNothing.
+    /// @param what its number. It has one time, however often other messages arrive in between.
     /// @param stall says what happened if the rest does not come in time; it lives for ever.
-    void noteIncomplete(const char* stall);
-    /// What had begun has arrived: a handshake, or a message.
+    void noteIncomplete(std::uint64_t what, const char* stall);
+    /// Nothing has begun to arrive.
+    void noteNothing();
+    /// A handshake or a message has arrived. While a thread serves the message, the time of an
+    /// incomplete one stands still, because nobody reads its rest.
     void noteArrived();
     /// The thread that waits has moved so many bytes. After PROGRESS_BYTES the stall is over.
     void noteMoved(std::size_t bytes);
@@ -82,6 +89,8 @@ class WatchedConnection
     std::atomic<Clock::rep> m_waitsSince{0};
     std::atomic<Clock::rep> m_incompleteSince{0};
     std::atomic<Clock::rep> m_lastUse;
+    std::uint64_t m_incomplete = 0;       ///< what has begun
+    Clock::rep m_incompleteFor = 0;       ///< its time before the last noteArrived
     std::atomic<const char*> m_stall{""}; ///< as noteIncomplete says
     std::atomic<std::size_t> m_moved{0};  ///< since m_waitsSince
     std::atomic<bool> m_isServed{false};

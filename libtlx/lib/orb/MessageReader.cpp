@@ -122,6 +122,7 @@ bool MessageReader::beginPiece()
         handOutLast();
     if (kind != Header::Kind::WHOLE)
         return false;
+    ++m_pieces;
     m_left = header.size;
     m_isLast = header.isLast;
     m_goal = Goal::NOWHERE;
@@ -143,7 +144,7 @@ void MessageReader::beginMessage(const Header& header)
         return fail("it began a message with the id of an unfinished one");
     if (m_unfinished.size() >= MOST_UNFINISHED_MESSAGES)
         return fail("too many of its messages are unfinished");
-    m_unfinished.push_back({header.hasId, header.id, header.size, {}});
+    m_unfinished.push_back({m_pieces, header.hasId, header.id, header.size, {}});
     m_goal = Goal::MESSAGE;
 }
 
@@ -187,10 +188,10 @@ void MessageReader::movePiece()
     }
     skip(count);
     m_left -= count;
-    const bool isWhole = m_left == 0 && m_isLast;
-    if (m_goal != Goal::MESSAGE || m_bodies <= ARRIVED_BYTES)
+    if (m_goal != Goal::MESSAGE)
         return;
-    if (!m_isOpen && !isWhole)
+    const bool isWhole = m_left == 0 && m_isLast;
+    if (!m_isOpen && !isWhole && m_unfinished.back().bytes.size() > ARRIVED_BYTES)
         openLast();
     else if (m_isOpen && m_bodies > m_maxMessageBytes)
         fail("the messages beside a large one are longer than MAX_MESSAGE_BYTES together");
@@ -214,6 +215,16 @@ void MessageReader::openLast()
     m_ready.push_back(std::move(m_open.bytes));
     m_isOpen = true;
     m_goal = Goal::OPEN;
+}
+
+std::uint64_t MessageReader::oldestUnfinished() const
+{
+    if (m_unfinished.empty())
+        return m_in.empty() ? 0 : m_pieces + 1; // a part of a header
+    return std::min_element(
+               m_unfinished.begin(), m_unfinished.end(),
+               [](const Message& left, const Message& right) { return left.number < right.number; })
+        ->number;
 }
 
 void MessageReader::endPiece()

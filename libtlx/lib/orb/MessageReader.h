@@ -14,8 +14,8 @@
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// When the unfinished messages of a connection have more bytes than this together, the one that
-/// arrives is ready before its end. The reader does not keep its rest.
+/// When more than this of a message has arrived, it is ready before its end. The reader does not
+/// keep its rest.
 constexpr std::size_t ARRIVED_BYTES = 65536;
 /// How many messages of one connection may be unfinished at the same time. GIOP 1.2 allows a peer
 /// to send the fragments of several messages in turns.
@@ -53,8 +53,9 @@ class MessageReader
     /// The caller has read so many bytes itself.
     void passed(std::size_t bytes);
 
-    /// Whether a message has begun that is not ready.
-    bool hasUnfinished() const { return !m_unfinished.empty() || !m_in.empty(); }
+    /// The number of the oldest message that has begun and is not ready; 0 if there is none.
+    /// Another message has another number.
+    std::uint64_t oldestUnfinished() const;
     /// How many bytes the reader keeps.
     std::size_t keptBytes() const { return waitingBytes() + m_out.size(); }
     /// How many bytes the reader keeps behind the message that is handed out.
@@ -65,7 +66,8 @@ class MessageReader
   private:
     struct Message
     {
-        bool hasId = false; ///< GIOP 1.2 repeats the id in each fragment
+        std::uint64_t number = 0; ///< of its first piece
+        bool hasId = false;       ///< GIOP 1.2 repeats the id in each fragment
         std::uint32_t id = 0;
         std::size_t size = 0; ///< of all its pieces until now
         std::string bytes;    ///< those that have arrived
@@ -99,8 +101,9 @@ class MessageReader
     std::string m_in;       ///< arrived
     std::size_t m_read = 0; ///< how many bytes of m_in have been looked at
     // The piece that arrives now: a message, or a fragment of one, with its header.
-    std::size_t m_left = 0; ///< bytes of it that were not moved; 0 between two pieces
-    bool m_isLast = true;   ///< no fragment of the same message follows
+    std::uint64_t m_pieces = 0; ///< its number
+    std::size_t m_left = 0;     ///< bytes of it that were not moved; 0 between two pieces
+    bool m_isLast = true;       ///< no fragment of the same message follows
     Goal m_goal = Goal::NOWHERE;
     std::vector<Message> m_unfinished; ///< the last one gets the piece
     std::deque<std::string> m_ready;   ///< the first bytes of an open message, or whole messages

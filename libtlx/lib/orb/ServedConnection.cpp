@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <limits>
 #include <string_view>
 #include <utility>
 
@@ -39,6 +40,9 @@ constexpr milliseconds PEEK{5};
 // How the ORB names the transports.
 constexpr std::string_view PLAIN_SCHEME = "giop:tcp";
 constexpr std::string_view TLS_SCHEME = "giop:ssl";
+
+/// The number of the handshake among what has begun to arrive. Messages have other numbers.
+constexpr std::uint64_t HANDSHAKE = std::numeric_limits<std::uint64_t>::max();
 
 /// The first byte of a TLS connection. A GIOP message begins with a letter.
 constexpr char TLS_HANDSHAKE = 0x16;
@@ -149,9 +153,11 @@ void ServedConnection::watch()
 {
     setStage(Stage::WATCHED);
     if (m_inHandshake)
-        noteIncomplete("the TLS handshake stalled");
-    else if (m_reader.hasUnfinished())
-        noteIncomplete("a request began and stalled");
+        noteIncomplete(HANDSHAKE, "the TLS handshake stalled");
+    else if (const std::uint64_t oldest = m_reader.oldestUnfinished())
+        noteIncomplete(oldest, "a request began and stalled");
+    else
+        noteNothing();
     if (m_stream && m_stream->hasBuffered())
         m_watcher->post(m_key);
     else

@@ -46,6 +46,28 @@ def test_a_connection_has_sixteen_unfinished_messages(attacked, attack, counter,
         root.log_file.read_text()
 
 
+def test_an_answer_beside_sixteen_unfinished_messages(attacked, attack, root):
+    """Each of them has as many bytes as a small message may have, a megabyte together."""
+    daemon = attacked()
+    attacker = attack(daemon)
+    service = daemon.client(source=ATTACKER)
+    puts = []
+    for number in range(UNFINISHED - 1):
+        writer = open_writer(service, record("put%d" % number, "attacker"))
+        puts.append(put_in_fragments(writer, bytes(70_000), fragment=65536, request_id=number + 2))
+    with Honest(daemon):
+        connection = attacker.connect()
+        connection.sendall(b"".join(first for first, _ in puts))
+        for _ in range(3):
+            connection.sendall(request(service, "_non_existent"))
+            assert connection.recv(65536)[:4] == b"GIOP"
+        connection.sendall(b"".join(last for _, last in puts))
+        answered = b""
+        while answered.count(b"GIOP") < len(puts):
+            answered += connection.recv(65536)
+    assert root.status()["counters"]["connectionsStalled"] == 0
+
+
 def test_fragments_are_as_long_as_a_message_together(attacked, attack, counter, root):
     daemon = attacked(MAX_MESSAGE_BYTES=MESSAGE)
     attacker = attack(daemon)

@@ -6,8 +6,8 @@ import time
 import pytest
 
 import harness
-from attack import (ATTACKER, half_a_request, most_of_a_put, piece, put_in_fragments, stalled_puts,
-                    unread_pages)
+from attack import (ATTACKER, half_a_request, has_ended, most_of_a_put, piece, put_in_fragments,
+                    request, stalled_puts, unread_pages)
 from giop.messages import MessageType
 from honest import Honest
 from records import SUCCESS, get, open_writer, record
@@ -41,6 +41,26 @@ def test_a_small_request_that_never_ends_takes_no_thread(attacked, attack, count
         assert figures(daemon)["Threads"] < 100
         counter("connectionsStalled", 500)
         harness.wait_for(lambda: attacker.ended() == 500, "the connections end")
+
+
+def test_other_requests_do_not_prolong_an_unfinished_one(attacked, attack, counter, root):
+    daemon = attacked(REQUEST_TIMEOUT=TIMEOUT)
+    attacker = attack(daemon)
+    whole = request(daemon.client(), "_non_existent")
+    with Honest(daemon):
+        begin = time.monotonic()
+        connection = attacker.connect()
+        connection.sendall(piece(MessageType.REQUEST, 7, bytes(8), more=True))
+        with contextlib.suppress(OSError):
+            while not has_ended(connection) and time.monotonic() - begin < 10 * TIMEOUT:
+                connection.setblocking(True)
+                connection.sendall(whole)
+                time.sleep(0.2)
+        assert has_ended(connection)
+        assert time.monotonic() - begin >= TIMEOUT
+        counter("connectionsStalled", 1)
+    assert "Closed a connection of 127.0.0.66: a request began and stalled" in \
+        root.log_file.read_text()
 
 
 def test_half_of_the_threads_may_stall(attacked, attack, root):

@@ -158,8 +158,8 @@ TEST_F(ConnectionTableTest, AnIPv6NetworkIsOnePeer)
 TEST_F(ConnectionTableTest, ABegunRequestHasItsTime)
 {
     Connection& slow = open("192.0.2.1");
-    slow.noteIncomplete("a request began and stalled");
-    slow.noteIncomplete("a request began and stalled");
+    slow.noteIncomplete(1, "a request began and stalled");
+    slow.noteIncomplete(1, "a request began and stalled");
     table.look(Clock::now() + LIMITS.request - 1s);
     EXPECT_FALSE(slow.isBroken());
     table.look(Clock::now() + LIMITS.request);
@@ -174,10 +174,45 @@ TEST_F(ConnectionTableTest, ABegunRequestHasItsTime)
 TEST_F(ConnectionTableTest, AnArrivedRequestIsNotStalled)
 {
     Connection& slow = open("192.0.2.1");
-    slow.noteIncomplete("a request began and stalled");
+    slow.noteIncomplete(1, "a request began and stalled");
     slow.noteArrived();
     table.look(Clock::now() + 2 * LIMITS.request);
     EXPECT_FALSE(slow.isBroken());
+    slow.noteIncomplete(2, "a request began and stalled");
+    slow.noteNothing();
+    table.look(Clock::now() + 2 * LIMITS.request);
+    EXPECT_FALSE(slow.isBroken());
+}
+
+TEST_F(ConnectionTableTest, OtherRequestsDoNotProlongTheTimeOfABegunOne)
+{
+    constexpr auto FIRST = 100ms;
+    Connection& slow = open("192.0.2.1");
+    const auto begin = Clock::now();
+    slow.noteIncomplete(1, "a request began and stalled");
+    std::this_thread::sleep_for(FIRST);
+    slow.noteArrived();
+    const auto atMost = Clock::now() - begin;
+    std::this_thread::sleep_for(FIRST); // a thread serves another request, so this does not count
+    const auto again = Clock::now();
+    slow.noteIncomplete(1, "a request began and stalled");
+    table.look(again + LIMITS.request - atMost - 1ms);
+    EXPECT_FALSE(slow.isBroken());
+    table.look(Clock::now() + LIMITS.request - FIRST);
+    EXPECT_TRUE(slow.isBroken());
+}
+
+TEST_F(ConnectionTableTest, EachBegunRequestHasATimeOfItsOwn)
+{
+    Connection& steady = open("192.0.2.1");
+    steady.noteIncomplete(1, "a request began and stalled");
+    std::this_thread::sleep_for(100ms);
+    const auto second = Clock::now();
+    steady.noteIncomplete(2, "a request began and stalled");
+    table.look(second + LIMITS.request - 1ms);
+    EXPECT_FALSE(steady.isBroken());
+    table.look(Clock::now() + LIMITS.request);
+    EXPECT_TRUE(steady.isBroken());
 }
 
 TEST_F(ConnectionTableTest, AByteNowAndThenIsAStall)

@@ -80,10 +80,10 @@ TEST_F(MessageReaderTest, AMessageIsReadyWhenItsLastByteIsThere)
         const std::string message = piece(REQUEST, 1, false, 8, isLittle);
         for (std::size_t i = 0; i < message.size(); ++i) {
             EXPECT_FALSE(reader.nextMessage()) << i;
-            EXPECT_EQ(reader.hasUnfinished(), i > 0) << i;
+            EXPECT_EQ(reader.oldestUnfinished() != 0, i > 0) << i;
             add(message.substr(i, 1));
         }
-        EXPECT_FALSE(reader.hasUnfinished());
+        EXPECT_EQ(reader.oldestUnfinished(), 0u);
         EXPECT_EQ(reader.keptBytes(), message.size());
         EXPECT_EQ(messages(), Strings{message});
         EXPECT_EQ(reader.keptBytes(), 0u);
@@ -101,7 +101,7 @@ TEST_F(MessageReaderTest, HandsOutOneMessageAtATime)
     EXPECT_FALSE(reader.nextMessage()) << "the first one is not taken";
     EXPECT_EQ(rest(7), first);
     EXPECT_EQ(messages(), (Strings{second, third}));
-    EXPECT_TRUE(reader.hasUnfinished());
+    EXPECT_NE(reader.oldestUnfinished(), 0u);
 }
 
 TEST_F(MessageReaderTest, FragmentsComeTogether)
@@ -110,7 +110,7 @@ TEST_F(MessageReaderTest, FragmentsComeTogether)
                          piece(FRAGMENT, 1, false, 3)};
     add(pieces[0] + pieces[1]);
     EXPECT_FALSE(reader.nextMessage());
-    EXPECT_TRUE(reader.hasUnfinished());
+    EXPECT_NE(reader.oldestUnfinished(), 0u);
     add(pieces[2]);
     EXPECT_EQ(messages(), Strings{pieces[0] + pieces[1] + pieces[2]});
 }
@@ -228,6 +228,39 @@ TEST_F(MessageReaderTest, ALargeMessageIsReadyBeforeItsEnd)
     EXPECT_EQ(rest(), message.substr(message.size() - left + 1000));
     EXPECT_FALSE(reader.hasMessage());
     EXPECT_EQ(messages(), Strings{next});
+}
+
+TEST_F(MessageReaderTest, SmallUnfinishedMessagesAreNoLargeOne)
+{
+    const std::size_t each = ARRIVED_BYTES - 16; // with its header, all that a message may have
+    for (std::size_t i = 0; i < MOST_UNFINISHED_MESSAGES; ++i)
+        add(piece(REQUEST, static_cast<std::uint32_t>(i), true, each));
+    EXPECT_FALSE(reader.nextMessage());
+    EXPECT_EQ(reader.keptBytes(), MOST_UNFINISHED_MESSAGES * ARRIVED_BYTES);
+    add(piece(FRAGMENT, 3));
+    EXPECT_EQ(messages(), Strings{piece(REQUEST, 3, true, each) + piece(FRAGMENT, 3)});
+    EXPECT_EQ(reader.failure(), nullptr);
+    add(piece(FRAGMENT, 4, true));
+    EXPECT_TRUE(reader.nextMessage()) << "more than ARRIVED_BYTES of it are there";
+}
+
+TEST_F(MessageReaderTest, EachUnfinishedMessageHasANumber)
+{
+    const std::string first = piece(REQUEST, 1, true);
+    add(first.substr(0, 3));
+    const std::uint64_t number = reader.oldestUnfinished();
+    EXPECT_NE(number, 0u);
+    add(first.substr(3));
+    EXPECT_EQ(reader.oldestUnfinished(), number) << "its header is whole now";
+    add(piece(REQUEST, 2, true) + piece(REQUEST, 3));
+    EXPECT_EQ(messages(), Strings{piece(REQUEST, 3)});
+    add(piece(FRAGMENT, 1, true));
+    EXPECT_EQ(reader.oldestUnfinished(), number) << "it stays the oldest";
+    add(piece(FRAGMENT, 1));
+    EXPECT_EQ(messages().size(), 1u);
+    EXPECT_GT(reader.oldestUnfinished(), number) << "the second one";
+    add(piece(CANCEL, 2));
+    EXPECT_EQ(reader.oldestUnfinished(), 0u);
 }
 
 TEST_F(MessageReaderTest, AllBytesOfALargeMessageMayPass)
