@@ -106,7 +106,6 @@ class DISCSRV_EXPORT DBCollectionData : public CollectionData
     bool openStored();
     bool holdsTemporary();
     bool replaceStored(const TlxPathname& target, bool replaces);
-    void removeTemporary();
 
     TlxPathname m_path;
     FileDescriptor m_file;

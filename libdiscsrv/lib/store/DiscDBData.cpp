@@ -7,6 +7,7 @@
 #include "DiscDB.h"
 #include "DiscLog.h"
 #include "TemporaryNumber.h"
+#include "TemporaryRemoval.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
@@ -275,7 +276,7 @@ bool DBCollectionData::cleanup()
         const bool isMine = isTemporary && namedBy(m_path, m_file.get()) != Named::ANOTHER;
         (void)TLX_ASSERT_AS(m_file.close(), "0 == ACE_OS::close(m_handle)");
         if (isMine)
-            removeTemporary();
+            removeTemporary(m_path, m_written);
         else if (isTemporary)
             DISC_WARN("Another process has made a new file " << m_path << ", so it stays");
     }
@@ -286,16 +287,6 @@ bool DBCollectionData::cleanup()
     m_prepared = false;
     m_cleanupLock.reset();
     return true;
-}
-
-void DBCollectionData::removeTemporary()
-{
-    if (const auto removed = removeFile(m_path)) {
-        DISC_NOTICE("Deleted file: " << m_path);
-    } else {
-        DISC_LOG(1, "Unable to delete " << m_path);
-        DISC_LOG(1, "The cause: " << describeError(removed.error()));
-    }
 }
 
 void DBCollectionData::giveUp()

@@ -2,21 +2,27 @@
 
 #include "DiscDB.h"
 
+#include <chrono>
+#include <thread>
+
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <tlx/FileSystem.h>
+#include <tlx/StopNotice.h>
 
 #include "RefusedCall.h"
 #include "StoreFixture.h"
+#include "TemporaryRemoval.h"
 #include "support/Capture.h"
 #include "support/ScriptedFileSystem.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 namespace {
 
+using namespace std::chrono_literals;
 using QmTest::AssertionCapture;
 using QmTest::contentOf;
 using QmTest::descriptorOf;
@@ -342,6 +348,68 @@ TEST_F(DBCollectionDataTest, CleanupGivesUpWhatIsBeingWritten)
     EXPECT_EQ(log.texts(1).size(), 1u);
     writeFile(path("x.dat"), "stored");
     EXPECT_TRUE(data->open(OM_READ, "")); // reads its own file, not the temporary one
+}
+
+/// A disk that takes time for each removal, and none for a write.
+class SlowRemoval : public QmTest::ScriptedFileSystem
+{
+  public:
+    explicit SlowRemoval(std::chrono::milliseconds time) : m_time(time) {}
+    int unlink(const char* path) override
+    {
+        std::this_thread::sleep_for(m_time);
+        return ScriptedFileSystem::unlink(path);
+    }
+    ssize_t write(int, const void*, std::size_t size) override
+    {
+        return static_cast<ssize_t>(size);
+    }
+
+  private:
+    const std::chrono::milliseconds m_time;
+};
+
+struct DBCollectionDataStopTest : DBCollectionDataTest
+{
+    ~DBCollectionDataStopTest() override { withdrawStop(); }
+    /// Gives up writers, and returns what is left of their files.
+    Lines leftOf(std::size_t writers, std::size_t bytes = 0)
+    {
+        std::vector<std::unique_ptr<DBCollectionData>> all(writers);
+        for (auto& each : all) {
+            each = make();
+            EXPECT_TRUE(each->open(OM_UPDATE, ""));
+            EXPECT_TRUE(each->writeCollection(bytes, nullptr));
+        }
+        announceStop();
+        all.clear();
+        withdrawStop();
+        Lines left = files();
+        std::erase(left, "Update.lock");
+        for (const std::string& each : left)
+            std::filesystem::remove(path(each));
+        return left;
+    }
+};
+
+TEST_F(DBCollectionDataStopTest, AStopRemovesWhatIsBeingWritten)
+{
+    EXPECT_EQ(leftOf(100), Lines{});
+}
+
+TEST_F(DBCollectionDataStopTest, AStopRemovesForASecondAndTheNextStartRemovesTheRest)
+{
+    const SlowRemoval slow(STOP_REMOVES_FOR);
+    const LogCapture log;
+    EXPECT_EQ(leftOf(2), Lines{"1.updating"});
+    EXPECT_EQ(log.texts(1).back(), "The next start deletes " + name("1.updating"));
+}
+
+TEST_F(DBCollectionDataStopTest, AStopLeavesALargePayload)
+{
+    const SlowRemoval slow(0ms);
+    EXPECT_EQ(leftOf(1, STOP_REMOVES_BYTES), Lines{});
+    EXPECT_EQ(leftOf(1, STOP_REMOVES_BYTES + 1), Lines{"0.updating"});
 }
 
 TEST_F(DBCollectionDataTest, CleanupReportsFilesThatItCannotDelete)
