@@ -24,10 +24,6 @@ constexpr auto NORMAL_WAIT = 250ms;
 /// How many connections of a peer are looked at for an idle one: more than REQUEST_THREADS by
 /// default, so that one of them is not served.
 constexpr std::size_t IDLE_CANDIDATES = 256;
-/// How many plain peers are remembered, so that each has one line in the log. Beyond it the list
-/// starts anew.
-constexpr std::size_t MAX_PLAIN_PEERS = 10000;
-
 Clock::rep ticks(Clock::time_point moment)
 {
     return std::max<Clock::rep>(moment.time_since_epoch().count(), 1);
@@ -301,12 +297,15 @@ void ConnectionTable::notePlain(const WatchedConnection& connection)
 {
     const std::lock_guard guard(m_mutex);
     ++m_counts.plain;
+    const std::string peer = peerOfAddress(connection.address());
+    if (m_plainPeers.contains(peer))
+        return;
     if (m_plainPeers.size() >= MAX_PLAIN_PEERS)
         m_plainPeers.clear();
-    if (m_plainPeers.insert(peerOfAddress(connection.address())).second)
-        PLATFORM_WARN("Orb::receive", "TLS does not protect the calls of "
-                                          << connection.address()
-                                          << " (TLS = on): the connection is plain");
+    m_plainPeers.insert(peer);
+    PLATFORM_WARN("Orb::receive", "TLS does not protect the calls of "
+                                      << connection.address()
+                                      << " (TLS = on): the connection is plain");
 }
 
 void ConnectionTable::noteKept(WatchedConnection& connection, std::size_t bytes)

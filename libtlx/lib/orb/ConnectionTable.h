@@ -25,6 +25,10 @@ class ConnectionTable;
 /// peer that sends a byte now and then counts as stalled.
 constexpr std::size_t PROGRESS_BYTES = 16384;
 
+/// How many plain peers the table remembers, so that each has one line in the log. Beyond it the
+/// list starts anew.
+constexpr std::size_t MAX_PLAIN_PEERS = 10000;
+
 /// One connection from another host. The table knows it from admit to remove. Its own threads note
 /// here what they wait for.
 class WatchedConnection

@@ -320,10 +320,11 @@ bool TlsCalls::admit(const std::string& address, const X509* certificate)
     }
     {
         const std::lock_guard guard(m_mutex);
+        if (m_unprotected.contains(address))
+            return true;
         if (m_unprotected.size() >= MAX_UNPROTECTED_HOSTS)
             m_unprotected.clear();
-        if (!m_unprotected.insert(address).second)
-            return true;
+        m_unprotected.insert(address);
     }
     PLATFORM_WARN("TlsCalls::open", "TLS does not protect the calls to "
                                         << describe(address) << " (TLS = on): " << complaint);

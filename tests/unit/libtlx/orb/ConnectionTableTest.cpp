@@ -287,6 +287,23 @@ TEST_F(ConnectionTableTest, APlainPeerHasOneWarning)
                                            "on): the connection is plain"}));
 }
 
+TEST_F(ConnectionTableTest, TenThousandPlainPeersAreRemembered)
+{
+    const auto note = [this](std::size_t number) {
+        Connection each(table, "10.0." + std::to_string(number / 256) + "." +
+                                   std::to_string(number % 256));
+        table.notePlain(each);
+    };
+    for (std::size_t number = 0; number < MAX_PLAIN_PEERS; ++number)
+        note(number);
+    note(0);
+    EXPECT_EQ(log.texts(1).size(), MAX_PLAIN_PEERS) << "all are remembered";
+    note(MAX_PLAIN_PEERS);
+    EXPECT_EQ(log.texts(1).size(), MAX_PLAIN_PEERS + 1) << "one more";
+    note(0);
+    EXPECT_EQ(log.texts(1).size(), MAX_PLAIN_PEERS + 2) << "the list has started anew";
+}
+
 TEST_F(ConnectionTableTest, ArrivedBytesMayTakeAllOfTheirRoom)
 {
     open("192.0.2.1", 2);
