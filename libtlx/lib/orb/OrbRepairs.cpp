@@ -17,7 +17,6 @@
 //   a refusal and before the last byte. The ORB thinks that another thread will reply. No servant
 //   of this system replies later. A peer can make that happen: bytes behind the arguments end the
 //   connection.
-
 // - A message that is cut in the middle of eight bytes keeps its thread busy for ever.
 
 #include <array>

@@ -49,7 +49,7 @@ class TlsIdentity::Loader
   public:
     Loader(const TlsFiles& files, const TlxPathname& top) : m_files(files), m_top(top) {}
 
-    /// Returns the mistake; empty if there is none.
+    /// Returns the first mistake, or an empty text.
     std::string load(TlsIdentity& identity)
     {
         loadCertificate(identity);

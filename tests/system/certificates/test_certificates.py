@@ -191,7 +191,7 @@ def test_names_at_their_bounds(directory):
 ])
 def test_wrong_words(directory, arguments, says):
     arguments = [str(directory) if each == "DIR" else each for each in arguments]
-    if says is None:  # a comma at the end is no address
+    if says is None:  # a comma at the end adds nothing
         run(*arguments)
         return
     assert run(*arguments, code=2).endswith("certificates: %s\n" % says)
