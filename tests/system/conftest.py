@@ -1,6 +1,7 @@
 """Fixtures for all tests in the folders below."""
 
 import os
+import resource
 
 import pytest
 
@@ -18,6 +19,15 @@ def can_run_here():
         pytest.skip("the daemon reopens files with permissions 0: run as root")
     if not os.access(harness.program(), os.X_OK):
         pytest.fail("%s is not built" % harness.program())
+
+
+@pytest.fixture
+def many_descriptors():
+    """For an attacker, who needs a descriptor for each of its connections."""
+    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+    yield
+    resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
 
 
 @pytest.fixture

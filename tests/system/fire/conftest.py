@@ -1,20 +1,10 @@
 """Fixtures of the attacks."""
 
-import resource
 
 import pytest
 
 import harness
 from attack import Attacker
-
-
-@pytest.fixture(autouse=True)
-def many_descriptors():
-    """An attacker needs a descriptor for each of its connections."""
-    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
-    resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
-    yield
-    resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
 
 
 @pytest.fixture
@@ -27,7 +17,7 @@ def attacked(root, start):
 
 
 @pytest.fixture
-def attack():
+def attack(many_descriptors):
     """attack(daemon) makes an attacker. Its connections are closed at the end."""
     made = []
 

@@ -7,6 +7,7 @@ import harness
 import pytest
 from giop import AuthorityType
 from records import SUCCESS, put, query
+from refusals import refusals, refused
 
 ROLES = ("read", "write", "register", "control")
 
@@ -28,16 +29,6 @@ def service_of():
     yield make
     for orb in orbs.values():
         orb.close()
-
-
-def refused(call, *arguments):
-    with pytest.raises(giop.SystemException) as failure:
-        call(*arguments)
-    assert failure.value.name == "NO_PERMISSION"
-
-
-def refusals(log):
-    return [text for text in log.failures("AccessRules") if text.startswith("Refused")]
 
 
 def take(stage, host, level, **config):

@@ -11,6 +11,7 @@ from lab import prompt_names
 from lab.stage import wait_until_pushed
 from pki import Files, nobody
 from records import ANY, SUCCESS, get, put, query, record, subjects
+from refusals import refusals, refused
 
 ENDPOINT = 14400
 
@@ -147,16 +148,6 @@ def lists(stage):
     peer = Peer(stage)
     yield stage, one, two, peer
     peer.close()
-
-
-def refused(call, *arguments):
-    with pytest.raises(giop.SystemException) as failure:
-        call(*arguments)
-    assert failure.value.name == "NO_PERMISSION"
-
-
-def refusals(log):
-    return [text for text in log.failures("AccessRules") if text.startswith("Refused")]
 
 
 def test_a_peer_is_who_its_certificate_names(lists):

@@ -1,7 +1,6 @@
 """Many peers at once: honest ones, and those that stall in their handshake."""
 
 import os
-import resource
 import ssl
 import threading
 import time
@@ -23,13 +22,7 @@ TIMEOUT = 5
 # Seconds that an orderly stop may take, with some for a busy machine.
 STOP = 20 if os.environ.get("QM_SANITIZE") else 10
 
-
-@pytest.fixture(autouse=True)
-def many_descriptors():
-    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
-    resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
-    yield
-    resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
+pytestmark = pytest.mark.usefixtures("many_descriptors")
 
 
 @pytest.fixture
