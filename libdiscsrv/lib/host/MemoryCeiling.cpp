@@ -1,6 +1,7 @@
 #include "MemoryCeiling.h"
 
 #include <tlx/HostConfig.h>
+#include <tlx/OrbCounts.h>
 #include <tlx/OrbKeys.h>
 
 #include "DiscDB.h"
@@ -36,10 +37,12 @@ std::uint64_t memoryCeiling()
     const HostConfig& config = HostConfig::instance();
     const auto number = [&config](const DeclaredKey& key) { return config.number(key); };
     const bool hasTls = config.getString(ConfigKey::TLS).value_or("off") != "off";
+    const std::uint64_t connections = number(ConfigKey::MAX_CONNECTIONS);
     return PROCESS +
            number(ConfigKey::REQUEST_THREADS) * (number(ConfigKey::MAX_MESSAGE_BYTES) + THREAD) +
            number(ConfigKey::MAX_ARRIVING_BYTES) +
-           number(ConfigKey::MAX_CONNECTIONS) * (CONNECTION + (hasTls ? HANDSHAKE : 0)) +
+           (connections + connectionReserve(connections)) *
+               (CONNECTION + (hasTls ? HANDSHAKE : 0)) +
            (number(ConfigKey::MAX_ITERATORS) + MAX_TEMPORARY_NAMES) * OPEN_OBJECT +
            number(ConfigKey::MAX_PULLED_BYTES) + DiscoveryRepository::MAX_EXPLORERS * REGISTRATION +
            number(ConfigKey::CACHED_RECORDS) * CACHED_RECORD;

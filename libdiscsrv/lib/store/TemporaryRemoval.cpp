@@ -15,7 +15,8 @@ constexpr const char* LOG_SOURCE = "../DiscDB";
 
 using Clock = std::chrono::steady_clock;
 
-std::atomic<Clock::rep> removedFor{0}; ///< since the stop was announced
+/// How long removals took since the stop was announced, the times of all threads together.
+std::atomic<Clock::rep> removedFor{0};
 
 bool isLeftToTheNextStart(std::size_t bytes)
 {

@@ -9,9 +9,9 @@
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 /// In a stop, all removals together take about so long. Then the next start removes what is left.
-/// Otherwise a stop beside gigabytes of unfinished payloads would take seconds.
+/// Removing gigabytes takes seconds, and a stop must be quick.
 constexpr std::chrono::milliseconds STOP_REMOVES_FOR{1000};
-/// A stop leaves a larger payload to the next start, because one removal cannot be broken off.
+/// A stop leaves each larger payload to the next start, because a removal cannot be broken off.
 constexpr std::size_t STOP_REMOVES_BYTES = std::size_t{256} << 20;
 
 /// Removes a temporary payload of so many bytes. Logs the outcome. After announceStop, the bounds

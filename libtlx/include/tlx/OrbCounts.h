@@ -1,6 +1,8 @@
 #pragma once
 // What the ORB counts about the connections of other hosts.
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 
 namespace Veltrane::Quillmark::Tlx {
@@ -21,5 +23,12 @@ struct ConnectionCounts
     std::uint64_t requestsWaiting = 0;        ///< that wait for a thread now
     std::uint64_t requestsWaitingHighest = 0; ///< the most at the same time
 };
+
+/// How many connections beyond MAX_CONNECTIONS may be open for a moment. A connection that made
+/// place for another one ends a moment later.
+constexpr std::size_t connectionReserve(std::size_t maxConnections)
+{
+    return std::max<std::size_t>(maxConnections / 5, 64);
+}
 
 } // namespace Veltrane::Quillmark::Tlx

@@ -32,7 +32,7 @@ class ByteStream
     virtual Result read(void* buffer, std::size_t size) = 0;
     /// Writes at most `size` bytes, which is more than 0.
     virtual Result write(const void* buffer, std::size_t size) = 0;
-    /// Whether bytes wait inside the stream. Then the socket need not become readable for them.
+    /// Whether bytes wait inside the stream. They can be read although the socket reports no input.
     virtual bool hasBuffered() const = 0;
     /// The name that the peer's certificate proves. Empty without TLS, and until the handshake has
     /// ended.

@@ -1,10 +1,7 @@
 #include "ConnectionTable.h"
 
 #include <algorithm>
-#include <array>
 #include <map>
-
-#include <arpa/inet.h>
 
 #include "PlatformLog.h"
 
@@ -21,85 +18,15 @@ using Clock = WatchedConnection::Clock;
 constexpr auto LOOK_INTERVAL = 250ms;
 /// A shorter wait is normal: the rest of a message is on its way.
 constexpr auto NORMAL_WAIT = 250ms;
-/// How many connections of a peer are looked at for an idle one: more than REQUEST_THREADS by
-/// default, so that one of them is not served.
+/// How many connections of a peer are looked at for one that no thread serves. With more than 256
+/// REQUEST_THREADS all of them may be served.
 constexpr std::size_t IDLE_CANDIDATES = 256;
-Clock::rep ticks(Clock::time_point moment)
-{
-    return std::max<Clock::rep>(moment.time_since_epoch().count(), 1);
-}
-
 bool isOlder(Clock::rep since, Clock::time_point now, Clock::duration age)
 {
     return since != 0 && now.time_since_epoch().count() - since >= age.count();
 }
 
 } // namespace
-
-std::size_t roomBeyond(std::size_t connections)
-{
-    return std::max<std::size_t>(connections / 5, 64);
-}
-
-std::string peerOfAddress(const std::string& address)
-{
-    std::array<unsigned char, 16> bytes{};
-    if (::inet_pton(AF_INET6, address.c_str(), bytes.data()) != 1)
-        return address;
-    std::fill(bytes.begin() + 8, bytes.end(), 0);
-    char text[INET6_ADDRSTRLEN] = {};
-    return std::string(::inet_ntop(AF_INET6, bytes.data(), text, sizeof text)) + "/64";
-}
-
-WatchedConnection::WatchedConnection(std::string address)
-    : m_address(std::move(address)), m_lastUse(ticks(Clock::now()))
-{
-}
-
-WatchedConnection::Wait::Wait(WatchedConnection& connection) : m_connection(connection)
-{
-    m_connection.m_waits.fetch_add(1);
-    if (m_connection.m_waitsSince == 0) {
-        m_connection.m_moved = 0;
-        m_connection.m_waitsSince = ticks(Clock::now());
-    }
-}
-
-WatchedConnection::Wait::~Wait()
-{
-    m_connection.m_waits.fetch_sub(1);
-}
-
-void WatchedConnection::noteMoved(std::size_t bytes)
-{
-    if (m_waitsSince != 0 && (m_moved += bytes) >= PROGRESS_BYTES)
-        m_waitsSince = 0;
-}
-
-void WatchedConnection::noteIncomplete(std::uint64_t what, const char* stall)
-{
-    if (what != m_incomplete)
-        noteNothing();
-    m_incomplete = what;
-    m_stall = stall;
-    if (m_incompleteSince == 0)
-        m_incompleteSince = ticks(Clock::now() - Clock::duration(m_incompleteFor));
-}
-
-void WatchedConnection::noteNothing()
-{
-    m_incomplete = 0;
-    m_incompleteFor = 0;
-    m_incompleteSince = 0;
-}
-
-void WatchedConnection::noteArrived()
-{
-    const Clock::rep now = ticks(Clock::now());
-    if (const Clock::rep since = m_incompleteSince.exchange(0, std::memory_order_relaxed))
-        m_incompleteFor = now - since;
-    m_lastUse.store(now, std::memory_order_relaxed);
-}
 
 ConnectionTable::ConnectionTable(const ConnectionLimits& limits)
     : m_limits(limits), m_thread([this] { run(); })
@@ -126,12 +53,12 @@ void ConnectionTable::changeSize(Peer& peer, std::size_t before)
 bool ConnectionTable::admit(Key key, WatchedConnection& connection)
 {
     const std::lock_guard guard(m_mutex);
-    const std::string name = peerOfAddress(connection.address());
+    const std::string& name = connection.peer();
     if (m_connections.size() >= m_limits.connections && !makePlaceFor(name)) {
         ++m_counts.refused;
         PLATFORM_WARN("Orb::accept", "Refused a connection of " << connection.address() << ": all "
                                                                 << m_limits.connections
-                                                                << " are taken and in use");
+                                                                << " are taken");
         return false;
     }
     Peer& peer = m_peers[name];
@@ -152,7 +79,7 @@ void ConnectionTable::remove(Key key, WatchedConnection& connection)
     if (m_connections.erase(key) == 0)
         return;
     m_keptBytes -= connection.m_keptBytes.exchange(0);
-    const auto found = m_peers.find(peerOfAddress(connection.address()));
+    const auto found = m_peers.find(connection.peer());
     Peer& peer = found->second;
     const std::size_t before = peer.connections.size();
     peer.connections.erase(connection.m_place);
@@ -179,32 +106,35 @@ void ConnectionTable::unpin(WatchedConnection& connection)
         m_unpinned.notify_all();
 }
 
-/// Closes an idle connection of the peer that has the most. The connection leaves the table a
-/// moment later, when its owner has noticed the end. Until then the table has more connections than
-/// its limit. A flood uses this room up, so half of it is for the peers that have few.
+/// Closes a connection of the peer that has the most. That one leaves the table a moment later,
+/// when its owner has noticed the end. Until then the table has more connections than its limit, up
+/// to a reserve. A flood would fill the reserve, so a peer with many connections may use only half
+/// of it.
 bool ConnectionTable::makePlaceFor(const std::string& newcomer)
 {
     const auto found = m_peers.find(newcomer);
     const std::size_t has = found == m_peers.end() ? 0 : found->second.connections.size();
     const bool hasFew = has * m_peers.size() <= m_limits.connections;
-    const std::size_t room = roomBeyond(m_limits.connections);
+    const std::size_t room = connectionReserve(m_limits.connections);
     if (m_bySize.empty() ||
         m_connections.size() >= m_limits.connections + (hasFew ? room : room / 2))
         return false;
     Peer& peer = *m_bySize.rbegin()->second;
-    WatchedConnection* const idle = longestIdle(peer);
-    if (!idle)
+    WatchedConnection* const leastUsed = takeLeastUsed(peer);
+    if (!leastUsed)
         return false;
     ++m_counts.drivenOut;
-    PLATFORM_WARN("Orb::accept", "All " << m_limits.connections
-                                        << " connections are taken. Closed an idle one of "
-                                        << peer.name << ", which has " << peer.connections.size());
-    breakOff(*idle);
+    PLATFORM_WARN("Orb::accept",
+                  "All " << m_limits.connections
+                         << " connections are taken. Closed one that no thread serves, of "
+                         << peer.name << ", which has " << peer.connections.size());
+    breakOff(*leastUsed);
     return true;
 }
 
-/// Looks at the connections in front, and moves them to the end. So the next call looks at others.
-WatchedConnection* ConnectionTable::longestIdle(Peer& peer)
+/// The connection that the peer has used least recently; null if it uses all. Looks at those in
+/// front of the list, and moves them to the end. So the next call looks at others.
+WatchedConnection* ConnectionTable::takeLeastUsed(Peer& peer)
 {
     WatchedConnection* best = nullptr;
     const std::size_t candidates = std::min(peer.connections.size(), IDLE_CANDIDATES);
@@ -218,9 +148,10 @@ WatchedConnection* ConnectionTable::longestIdle(Peer& peer)
     return best;
 }
 
-void ConnectionTable::countStalled(const WatchedConnection& connection, const char* what)
+void ConnectionTable::noteClosed(std::uint64_t& counter, const WatchedConnection& connection,
+                                 const char* what)
 {
-    ++m_counts.stalled;
+    ++counter;
     PLATFORM_WARN("Orb::receive",
                   "Closed a connection of " << connection.address() << ": " << what);
 }
@@ -228,7 +159,13 @@ void ConnectionTable::countStalled(const WatchedConnection& connection, const ch
 void ConnectionTable::noteStalled(const WatchedConnection& connection, const char* what)
 {
     const std::lock_guard guard(m_mutex);
-    countStalled(connection, what);
+    noteClosed(m_counts.stalled, connection, what);
+}
+
+void ConnectionTable::noteMalformed(const WatchedConnection& connection, const char* what)
+{
+    const std::lock_guard guard(m_mutex);
+    noteClosed(m_counts.malformed, connection, what);
 }
 
 void ConnectionTable::breakOff(WatchedConnection& connection)
@@ -245,7 +182,7 @@ void ConnectionTable::look(Clock::time_point now)
         if (connection->m_brokenOff)
             continue;
         if (isOlder(connection->m_incompleteSince, now, m_limits.request)) {
-            countStalled(*connection, connection->m_stall);
+            noteClosed(m_counts.stalled, *connection, connection->m_stall);
             breakOff(*connection);
         } else if (const Clock::rep since = connection->m_waitsSince;
                    isOlder(since, now, NORMAL_WAIT)) {
@@ -261,7 +198,7 @@ void ConnectionTable::freeThreads(std::vector<Waiting>& waiting)
               [](const Waiting& left, const Waiting& right) { return left.since > right.since; });
     std::map<std::string, std::vector<WatchedConnection*>> byPeer; // the longest wait is the last
     for (const Waiting& each : waiting)
-        byPeer[peerOfAddress(each.connection->address())].push_back(each.connection);
+        byPeer[each.connection->peer()].push_back(each.connection);
     for (std::size_t threads = waiting.size(); threads > m_limits.threads / 2; --threads) {
         const auto most =
             std::max_element(byPeer.begin(), byPeer.end(), [](const auto& a, const auto& b) {
@@ -269,17 +206,10 @@ void ConnectionTable::freeThreads(std::vector<Waiting>& waiting)
             });
         WatchedConnection& longest = *most->second.back();
         most->second.pop_back();
-        countStalled(longest, "stalled requests take half of the threads (REQUEST_THREADS)");
+        noteClosed(m_counts.stalled, longest,
+                   "stalled requests take half of the threads (REQUEST_THREADS)");
         breakOff(longest);
     }
-}
-
-void ConnectionTable::noteMalformed(const WatchedConnection& connection, const char* what)
-{
-    const std::lock_guard guard(m_mutex);
-    ++m_counts.malformed;
-    PLATFORM_WARN("Orb::receive",
-                  "Closed a connection of " << connection.address() << ": " << what);
 }
 
 void ConnectionTable::noteIdle(const WatchedConnection& connection)
@@ -297,7 +227,7 @@ void ConnectionTable::notePlain(const WatchedConnection& connection)
 {
     const std::lock_guard guard(m_mutex);
     ++m_counts.plain;
-    const std::string peer = peerOfAddress(connection.address());
+    const std::string& peer = connection.peer();
     if (m_plainPeers.contains(peer))
         return;
     if (m_plainPeers.size() >= MAX_PLAIN_PEERS)

@@ -17,93 +17,13 @@
 
 #include <tlx/OrbCounts.h>
 
+#include "WatchedConnection.h"
+
 namespace Veltrane::Quillmark::Tlx {
-
-class ConnectionTable;
-
-/// A message or a reply that moves fewer bytes than this while it waits makes no progress. So a
-/// peer that sends a byte now and then counts as stalled.
-constexpr std::size_t PROGRESS_BYTES = 16384;
 
 /// How many plain peers the table remembers, so that each has one line in the log. Beyond it the
 /// list starts anew.
 constexpr std::size_t MAX_PLAIN_PEERS = 10000;
-
-/// One connection from another host. The table knows it from admit to remove. Its own threads note
-/// here what they wait for.
-class WatchedConnection
-{
-  public:
-    using Clock = std::chrono::steady_clock;
-
-    /// @param address the peer's numeric address, without the port.
-    explicit WatchedConnection(std::string address);
-    virtual ~WatchedConnection() = default;
-    WatchedConnection(const WatchedConnection&) = delete;
-    WatchedConnection& operator=(const WatchedConnection&) = delete;
-
-    const std::string& address() const { return m_address; }
-
-    /// Ends the connection, so that a thread which waits in it returns at once. Any thread, any
-    /// number of times. It takes no lock and does not wait.
-    virtual void breakOff() = 0;
-    /// The same, and gives up the bytes that the connection keeps. It takes locks.
-    virtual void discard() = 0;
-
-    /// A thread waits for bytes of a message, or for room for a reply, while this object lives. The
-    /// message or the reply counts as stalled from the first of its waits on, until noteMoved or
-    /// noteWhole ends that.
-    class Wait
-    {
-      public:
-        explicit Wait(WatchedConnection& connection);
-        ~Wait();
-        Wait(const Wait&) = delete;
-        Wait& operator=(const Wait&) = delete;
-
-      private:
-        WatchedConnection& m_connection;
-    };
-
-    // One thread at a time calls the next three.
-
-    /// Something has begun to arrive, and no thread waits for the rest. Its time goes on until
-    /// noteArrived or noteNothing.
-    /// @param what its number. It has one time, however often other messages arrive in between.
-    /// @param stall says what happened if the rest does not come in time; it lives for ever.
-    void noteIncomplete(std::uint64_t what, const char* stall);
-    /// Nothing has begun to arrive.
-    void noteNothing();
-    /// A handshake or a message has arrived. While a thread serves the message, the time of an
-    /// incomplete one stands still, because nobody reads its rest.
-    void noteArrived();
-    /// The thread that waits has moved so many bytes. After PROGRESS_BYTES the stall is over.
-    void noteMoved(std::size_t bytes);
-    /// The message has arrived, or the reply has gone.
-    void noteWhole() { m_waitsSince.store(0, std::memory_order_relaxed); }
-    /// Whether a thread serves a request of this connection. Such a connection is not idle.
-    void noteServed(bool isServed) { m_isServed.store(isServed, std::memory_order_relaxed); }
-
-  private:
-    friend class ConnectionTable;
-
-    const std::string m_address;
-    std::atomic<std::size_t> m_keptBytes{0};
-    // Moments, as ticks of Clock; 0 means never.
-    std::atomic<Clock::rep> m_waitsSince{0};
-    std::atomic<Clock::rep> m_incompleteSince{0};
-    std::atomic<Clock::rep> m_lastUse;
-    std::uint64_t m_incomplete = 0;       ///< what has begun
-    Clock::rep m_incompleteFor = 0;       ///< its time before the last noteArrived
-    std::atomic<const char*> m_stall{""}; ///< as noteIncomplete says
-    std::atomic<std::size_t> m_moved{0};  ///< since m_waitsSince
-    std::atomic<bool> m_isServed{false};
-    std::atomic<unsigned> m_waits{0}; ///< a request and a reply may wait at the same time
-    // With the table's mutex.
-    bool m_brokenOff = false;
-    unsigned m_pins = 0; ///< calls of `with` that use it now
-    std::list<WatchedConnection*>::iterator m_place;
-};
 
 /// The limits of a ConnectionTable.
 struct ConnectionLimits
@@ -118,9 +38,9 @@ struct ConnectionLimits
 /// Any thread may call the operations, except where a comment names one. A thread of its own looks
 /// at the connections four times a second.
 ///
-/// When a connection comes and all places are taken, the peer with the most connections loses one
-/// that it has left idle for long. If it has none, the newcomer is refused. So a peer that opens
-/// thousands loses only its own ones.
+/// When a connection comes and all places are taken, the peer with the most connections loses the
+/// one that it has used least recently. A connection that a thread serves stays. If there is no
+/// other, the newcomer is refused. So a peer that opens thousands loses only its own ones.
 ///
 /// Connections keep the bytes of requests that wait for their rest, or for a thread. When these are
 /// too many, the peer with the most bytes loses the connection with the most.
@@ -150,10 +70,13 @@ class ConnectionTable
     template <class Use>
     void with(Key key, Use&& use)
     {
-        if (WatchedConnection* const connection = pin(key)) {
-            use(*connection);
-            unpin(*connection);
-        }
+        WatchedConnection* const connection = pin(key);
+        if (!connection)
+            return;
+        const auto unpinAtEnd = [this](WatchedConnection* pinned) { unpin(*pinned); };
+        const std::unique_ptr<WatchedConnection, decltype(unpinAtEnd)> pinned(connection,
+                                                                              unpinAtEnd);
+        use(*connection);
     }
 
     /// A wait of a connection has ended at its limit, and its owner closes it. Logs and counts it.
@@ -189,7 +112,8 @@ class ConnectionTable
     struct Peer
     {
         std::string name;
-        std::list<WatchedConnection*> connections; ///< in the order of longestIdle
+        std::list<WatchedConnection*>
+            connections; ///< first those that nobody looked at for longest
     };
     struct Waiting
     {
@@ -202,9 +126,9 @@ class ConnectionTable
     void unpin(WatchedConnection& connection);
     WatchedConnection* pinLargest();
     bool makePlaceFor(const std::string& newcomer);
-    WatchedConnection* longestIdle(Peer& peer);
+    WatchedConnection* takeLeastUsed(Peer& peer);
     void breakOff(WatchedConnection& connection);
-    void countStalled(const WatchedConnection& connection, const char* what);
+    void noteClosed(std::uint64_t& counter, const WatchedConnection& connection, const char* what);
     void changeSize(Peer& peer, std::size_t before);
     void freeThreads(std::vector<Waiting>& waiting);
     void run();
@@ -224,13 +148,5 @@ class ConnectionTable
     std::condition_variable m_unpinned;
     std::thread m_thread; ///< last, because it uses all members above
 };
-
-/// How many connections beyond its limit the table may have for a moment, until those that it
-/// closed are gone.
-std::size_t roomBeyond(std::size_t connections);
-
-/// Connections of one network count as one peer: an IPv6 host chooses among 2^64 addresses of its
-/// network. Returns the address itself for IPv4.
-std::string peerOfAddress(const std::string& address);
 
 } // namespace Veltrane::Quillmark::Tlx

@@ -4,28 +4,19 @@
 #include <cstring>
 #include <string_view>
 
+#include "GiopHeader.h"
+
 namespace Veltrane::Quillmark::Tlx {
+
+using namespace Giop;
 
 namespace {
 
-/// Each message, and each fragment, begins with so many bytes.
-constexpr std::size_t HEADER_BYTES = 12;
 constexpr std::size_t ID_BYTES = 4;
 /// In GIOP 1.2, all pieces of a message except the last one have a multiple of so many bytes.
 constexpr std::size_t ALIGNMENT = 8;
 /// A smaller fragment counts like one of this size: each costs the ORB time.
-constexpr std::size_t LEAST_FRAGMENT = 1024;
-
-enum Type : unsigned char
-{
-    REQUEST = 0,
-    CANCEL_REQUEST = 2,
-    LOCATE_REQUEST = 3,
-    CLOSE_CONNECTION = 5,
-    FRAGMENT = 7
-};
-constexpr unsigned char LITTLE_ENDIAN_FLAG = 1;
-constexpr unsigned char MORE_FRAGMENTS_FLAG = 2;
+constexpr std::size_t MIN_FRAGMENT_COST = 1024;
 
 std::uint32_t numberAt(const char* bytes, bool isLittle)
 {
@@ -62,12 +53,12 @@ struct MessageReader::Header
             return Kind::PARTIAL;
         const auto at = [&bytes](std::size_t i) { return static_cast<unsigned char>(bytes[i]); };
         const unsigned char minor = at(5);
-        const unsigned char flags = at(6);
+        const unsigned char flags = at(FLAGS_AT);
         if (bytes.compare(0, 4, "GIOP") != 0 || at(4) != 1 || minor > 2)
             return Kind::MALFORMED;
-        type = static_cast<Type>(at(7));
+        type = static_cast<Type>(at(TYPE_AT));
         const bool isLittle = flags & LITTLE_ENDIAN_FLAG;
-        const std::size_t body = numberAt(&bytes[8], isLittle);
+        const std::size_t body = numberAt(&bytes[SIZE_AT], isLittle);
         size = HEADER_BYTES + body;
         isLast = minor == 0 || !(flags & MORE_FRAGMENTS_FLAG);
         if (type == CLOSE_CONNECTION)
@@ -155,13 +146,13 @@ void MessageReader::beginFragment(const Header& header)
         message = &m_open;
         m_goal = Goal::OPEN;
     } else if (const auto found = find(header); found != m_unfinished.end()) {
-        std::rotate(found, found + 1, m_unfinished.end());
+        std::rotate(found, found + 1, m_unfinished.end()); // the last one gets the piece
         message = &m_unfinished.back();
         m_goal = Goal::MESSAGE;
     } else {
         return; // of a message that the peer cancelled, or never began
     }
-    message->size += std::max(header.size, LEAST_FRAGMENT);
+    message->size += std::max(header.size, MIN_FRAGMENT_COST);
     if (message->size > m_maxMessageBytes)
         fail("the fragments of a message are longer than MAX_MESSAGE_BYTES together");
 }
@@ -169,11 +160,11 @@ void MessageReader::beginFragment(const Header& header)
 void MessageReader::cancel(const Header& header)
 {
     if (isOpen(header))
-        return fail("it cancelled a request that it was sending");
+        return fail("it cancelled a large request that it was sending");
     const auto found = find(header);
     if (found == m_unfinished.end())
         return;
-    m_bodies -= found->bytes.size();
+    m_pendingBytes -= found->bytes.size();
     m_unfinished.erase(found);
 }
 
@@ -182,7 +173,7 @@ void MessageReader::movePiece()
     const std::size_t count = std::min(m_left, m_in.size() - m_read);
     if (m_goal == Goal::MESSAGE) {
         m_unfinished.back().bytes.append(m_in, m_read, count);
-        m_bodies += count;
+        m_pendingBytes += count;
     } else if (m_goal == Goal::OPEN) {
         m_out.append(m_in, m_read, count);
     }
@@ -193,7 +184,7 @@ void MessageReader::movePiece()
     const bool isWhole = m_left == 0 && m_isLast;
     if (!m_isOpen && !isWhole && m_unfinished.back().bytes.size() > ARRIVED_BYTES)
         openLast();
-    else if (m_isOpen && m_bodies > m_maxMessageBytes)
+    else if (m_isOpen && m_pendingBytes > m_maxMessageBytes)
         fail("the messages beside a large one are longer than MAX_MESSAGE_BYTES together");
 }
 
@@ -263,8 +254,8 @@ void MessageReader::handOutLast()
     m_isMalformed = true;
     m_unfinished.clear();
     m_ready.push_back(m_in.substr(m_read));
-    m_bodies = m_ready.back().size();
-    skip(m_bodies);
+    m_pendingBytes = m_ready.back().size();
+    skip(m_pendingBytes);
 }
 
 bool MessageReader::nextMessage()
@@ -276,7 +267,7 @@ bool MessageReader::nextMessage()
         return false;
     m_out = std::move(m_ready.front());
     m_ready.pop_front();
-    m_bodies -= m_out.size();
+    m_pendingBytes -= m_out.size();
     m_taken = 0;
     m_handsOut = true;
     return true;

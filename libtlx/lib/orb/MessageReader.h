@@ -17,8 +17,8 @@ namespace Veltrane::Quillmark::Tlx {
 /// When more than this of a message has arrived, it is ready before its end. The reader does not
 /// keep its rest.
 constexpr std::size_t ARRIVED_BYTES = 65536;
-/// How many messages of one connection may be unfinished at the same time. GIOP 1.2 allows a peer
-/// to send the fragments of several messages in turns.
+/// How many messages of one connection may be unfinished at the same time, with the one that
+/// arrives now. GIOP 1.2 allows a peer to send the fragments of several messages in turns.
 constexpr std::size_t MOST_UNFINISHED_MESSAGES = 16;
 /// How many whole messages may arrive between the pieces of a large one.
 constexpr std::size_t MOST_MESSAGES_BEHIND = 1000;
@@ -26,9 +26,9 @@ constexpr std::size_t MOST_MESSAGES_BEHIND = 1000;
 /// One thread at a time.
 ///
 /// The ORB answers a malformed message, so the reader hands it out, as the last one. While a large
-/// message is handed out, the reader fails instead. The reader drops CancelRequest messages: this
-/// service does not cancel a request that it serves, and the ORB leaks memory for them. It fails if
-/// the peer cancels the large request that it is sending.
+/// message is handed out, the reader fails at once instead. The reader drops CancelRequest
+/// messages: this service does not cancel a request that it serves, and the ORB leaks memory for
+/// them. It fails if the peer cancels the large request that it is sending.
 class MessageReader
 {
   public:
@@ -59,7 +59,7 @@ class MessageReader
     /// How many bytes the reader keeps.
     std::size_t keptBytes() const { return waitingBytes() + m_out.size(); }
     /// How many bytes the reader keeps behind the message that is handed out.
-    std::size_t waitingBytes() const { return m_in.size() + m_bodies; }
+    std::size_t waitingBytes() const { return m_in.size() + m_pendingBytes; }
     /// Why the connection must end, or null. Empty if the peer said goodbye.
     const char* failure() const { return m_failure; }
 
@@ -107,9 +107,9 @@ class MessageReader
     Goal m_goal = Goal::NOWHERE;
     std::vector<Message> m_unfinished; ///< the last one gets the piece
     std::deque<std::string> m_ready;   ///< the first bytes of an open message, or whole messages
-    std::size_t m_bodies = 0;          ///< the bytes in m_unfinished and m_ready
+    std::size_t m_pendingBytes = 0;    ///< the bytes in m_unfinished and m_ready
     bool m_isOpen = false;             ///< a message was handed out, or is ready, before its end
-    Message m_open;                    ///< this message, without its bytes
+    Message m_open;                    ///< this message; its bytes are in m_ready or handed out
     bool m_handsOut = false;
     std::string m_out; ///< of the message that is handed out now
     std::size_t m_taken = 0;

@@ -12,6 +12,7 @@
 #include "OrbCore.h"
 #include "OrbLookup.h"
 #include "PlatformLog.h"
+#include "RemoteCalls.h"
 #include "TimerReactor.h"
 #include "TlsContext.h"
 

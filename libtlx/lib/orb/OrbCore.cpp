@@ -233,7 +233,7 @@ unsigned long roomForConnections(unsigned long wanted)
     rlimit limit{};
     if (::getrlimit(RLIMIT_NOFILE, &limit) != 0)
         return wanted;
-    const rlim_t needed = wanted + roomBeyond(wanted) + OTHER_DESCRIPTORS;
+    const rlim_t needed = wanted + connectionReserve(wanted) + OTHER_DESCRIPTORS;
     limit.rlim_cur =
         std::max(limit.rlim_cur, std::min(std::max(needed, USUAL_DESCRIPTORS), limit.rlim_max));
     (void)::setrlimit(RLIMIT_NOFILE, &limit);
@@ -261,7 +261,7 @@ std::shared_ptr<ConnectionTable> makeConnectionTable(const OrbSettings& settings
             ConnectionLimits{roomForConnections(settings.maxConnections), settings.threads,
                              settings.requestTimeout, settings.maxArrivingBytes});
     } catch (const std::system_error& e) {
-        throw OrbError(std::string("cannot start the thread that watches connections: ") +
+        throw OrbError(std::string("cannot start the thread that looks at all connections: ") +
                        e.what());
     }
 }

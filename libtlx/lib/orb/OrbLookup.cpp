@@ -1,10 +1,8 @@
 #include "OrbLookup.h"
 
 #include <algorithm>
-#include <limits>
 
 #include <omniORB4/minorCode.h>
-#include <omnithread.h>
 
 #include <tlx/HostConfig.h>
 #include <tlx/Orb.h>
@@ -25,23 +23,17 @@ constexpr const char* LOG_SOURCE = "../Orb";
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
-CORBA::ULong toOrbMilliseconds(milliseconds limit)
-{
-    return static_cast<CORBA::ULong>(
-        std::clamp<milliseconds::rep>(limit.count(), 0, std::numeric_limits<CORBA::ULong>::max()));
-}
-
 milliseconds left(Clock::time_point end)
 {
     return std::chrono::duration_cast<milliseconds>(end - Clock::now());
 }
 
-/// The most new connections of one look. The service may forward to another address.
+/// The most new connections of one question. The service may forward to another address.
 constexpr unsigned MOST_NEW_CONNECTIONS = 3;
 
-/// Whether the object exists. A call may use a connection that the ORB has kept, and fail: the
+/// Whether the object exists. The call may use a connection that the ORB has kept, and fail: the
 /// service has restarted since, or with TLS the connection leads to another host. A second call
-/// does no harm, so it asks again until new connections have failed, too.
+/// does no harm. So it repeats the call until that has failed on MOST_NEW_CONNECTIONS, too.
 bool isThere(CORBA::Object_ptr object, Clock::time_point end)
 {
     const unsigned before = connectionsOpened();
@@ -76,18 +68,18 @@ std::string tlsReason(const CORBA::Exception& e, bool opened)
     return {};
 }
 
-using Lookup = tl::expected<CORBA::Object_var, LookupFailure>;
+using Found = tl::expected<CORBA::Object_var, LookupFailure>;
 
 /// A failed lookup.
-Lookup notFound(std::string cause, std::string exception = {})
+Found notFound(std::string cause, std::string exception = {})
 {
     return tl::unexpected(LookupFailure{std::move(cause), std::move(exception)});
 }
 
 /// The object at one address.
 /// @param hosts the names of the wanted host.
-Lookup ask(const OrbCore& core, const Endpoint& endpoint, const std::string& name,
-           const std::vector<std::string>& hosts, Clock::time_point end)
+Found ask(const OrbCore& core, const Endpoint& endpoint, const std::string& name,
+          const std::vector<std::string>& hosts, Clock::time_point end)
 {
     const std::string url = core.tlsCalls() ? core.tlsCalls()->locationOf(toText(endpoint), name)
                                             : "corbaloc:iiop:1.2@" + toText(endpoint) + "/" + name;
@@ -109,27 +101,7 @@ Lookup ask(const OrbCore& core, const Endpoint& endpoint, const std::string& nam
 
 } // namespace
 
-struct OrbCallLimit::State
-{
-    omni_thread::ensure_self known; // the ORB keeps the limit in an object of its own
-};
-
-OrbCallLimit::OrbCallLimit(milliseconds limit) : m_state(std::make_unique<State>())
-{
-    omniORB::setClientThreadCallTimeout(std::max<CORBA::ULong>(toOrbMilliseconds(limit), 1));
-}
-
-OrbCallLimit::~OrbCallLimit()
-{
-    omniORB::setClientThreadCallTimeout(0);
-}
-
-void setProcessCallLimit(std::chrono::seconds limit)
-{
-    omniORB::setClientCallTimeout(toOrbMilliseconds(limit));
-}
-
-Lookup lookupObject(const OrbCore& core, const AdvertisedObject& wanted)
+Found lookupObject(const OrbCore& core, const AdvertisedObject& wanted)
 {
     const Clock::time_point end = Clock::now() + wanted.limit;
     Endpoint endpoint = wanted.endpoint
@@ -147,7 +119,7 @@ Lookup lookupObject(const OrbCore& core, const AdvertisedObject& wanted)
     if (TlsCalls* const calls = core.tlsCalls())
         for (const std::string& host : hosts)
             calls->noteResolved(host, addresses);
-    Lookup answer = notFound("no answer within the time limit");
+    Found answer = notFound("no answer within the time limit");
     std::size_t untried = addresses.size();
     for (const std::string& address : addresses) {
         if (Clock::now() >= end)

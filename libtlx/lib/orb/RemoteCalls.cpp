@@ -1,7 +1,9 @@
 #include "RemoteCalls.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <limits>
 #include <memory>
 #include <utility>
 
@@ -9,6 +11,8 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+
+#include <omnithread.h>
 
 #include <tlx/Corba.h>
 #include <tlx/Orb.h>
@@ -36,31 +40,38 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../Orb";
 
-std::function<bool(const Endpoint&)> theyLeadHere;
+std::function<bool(const Endpoint&)> leadsHere;
 std::atomic<unsigned long long> forwardsRefused{0};
 
-/// A call of this thread. The next call may have the same address, but it ends at another time.
+/// Tells the calls of this thread apart. A later call may have its descriptor at the same place in
+/// memory, but it has another deadline.
 struct Call
 {
     const omniCallDescriptor* descriptor = nullptr;
-    omni_time_t end;
+    omni_time_t deadline;
 
     explicit Call(omni::GIOP_C& call)
-        : descriptor(call.calldescriptor()), end(descriptor->getDeadline())
+        : descriptor(call.calldescriptor()), deadline(descriptor->getDeadline())
     {
     }
     Call() = default;
     bool operator==(const Call& other) const
     {
-        return descriptor == other.descriptor && end == other.end;
+        return descriptor == other.descriptor && deadline == other.deadline;
     }
 };
 
 thread_local Call t_forwarded;        ///< the last call that another host forwarded
-thread_local unsigned t_forwards = 0; ///< how often
-thread_local unsigned t_opened = 0;   ///< connections
+thread_local unsigned t_forwards = 0; ///< how often others have forwarded it
+thread_local unsigned t_connectionsOpened = 0;
 
-CORBA::Boolean never(void*, CORBA::ULong, const CORBA::TRANSIENT&)
+CORBA::ULong toOrbMilliseconds(std::chrono::milliseconds limit)
+{
+    return static_cast<CORBA::ULong>(std::clamp<std::chrono::milliseconds::rep>(
+        limit.count(), 0, std::numeric_limits<CORBA::ULong>::max()));
+}
+
+CORBA::Boolean neverRepeat(void*, CORBA::ULong, const CORBA::TRANSIENT&)
 {
     return false;
 }
@@ -82,12 +93,12 @@ void noteRefused(omni::GIOP_C& call, const std::string& why)
                                            << " ends: " << why);
 }
 
-/// Whether another host has forwarded a call back to this process.
-bool comesBack(omni::GIOP_C& call)
+/// Whether another host has forwarded a call back to this process. Logs and counts it.
+bool noteIfForwardedBack(omni::GIOP_C& call)
 {
     omni::giopConnection* const connection = call.strand().connection;
     if (!connection || t_forwards == 0 || !(t_forwarded == Call(call)) ||
-        !theyLeadHere(endpointOf(*connection)))
+        !leadsHere(endpointOf(*connection)))
         return false;
     noteRefused(call, "another host has forwarded it back to this service");
     return true;
@@ -97,7 +108,7 @@ CORBA::Boolean checkCall(omni::omniInterceptors::clientSendRequest_T::info_T& in
 {
     if (isStopAnnounced())
         throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
-    if (comesBack(info.giop_c))
+    if (noteIfForwardedBack(info.giop_c))
         throw CORBA::NO_PERMISSION(0, CORBA::COMPLETED_NO);
     return true;
 }
@@ -128,11 +139,11 @@ CORBA::Boolean checkReply(omni::omniInterceptors::clientReceiveReply_T::info_T& 
 
 CORBA::Boolean checkConnection(omni::omniInterceptors::clientOpenConnection_T::info_T& info)
 {
-    ++t_opened;
+    ++t_connectionsOpened;
     if (isStopAnnounced()) {
         info.reject = true;
         info.why = "the service stops";
-    } else if (comesBack(info.giop_c)) {
+    } else if (noteIfForwardedBack(info.giop_c)) {
         info.reject = true;
         info.why = "the call comes back";
     }
@@ -165,10 +176,10 @@ void breakOffConnecting()
 
 } // namespace
 
-void limitRemoteCalls(std::function<bool(const Endpoint&)> leadsHere)
+void limitRemoteCalls(std::function<bool(const Endpoint&)> leadsToThisProcess)
 {
-    theyLeadHere = std::move(leadsHere);
-    omniORB::installTransientExceptionHandler(nullptr, &never);
+    leadsHere = std::move(leadsToThisProcess);
+    omniORB::installTransientExceptionHandler(nullptr, &neverRepeat);
     omni::omniInterceptors* const interceptors = omniORB::getInterceptors();
     interceptors->clientSendRequest.add(&checkCall);
     interceptors->clientReceiveReply.add(&checkReply);
@@ -177,12 +188,32 @@ void limitRemoteCalls(std::function<bool(const Endpoint&)> leadsHere)
 
 unsigned connectionsOpened()
 {
-    return t_opened;
+    return t_connectionsOpened;
 }
 
 unsigned long long Orb::forwardsRefused()
 {
     return Tlx::forwardsRefused.load(std::memory_order_relaxed);
+}
+
+struct OrbCallLimit::State
+{
+    omni_thread::ensure_self known; // the ORB keeps the limit in an object of its own
+};
+
+OrbCallLimit::OrbCallLimit(std::chrono::milliseconds limit) : m_state(std::make_unique<State>())
+{
+    omniORB::setClientThreadCallTimeout(std::max<CORBA::ULong>(toOrbMilliseconds(limit), 1));
+}
+
+OrbCallLimit::~OrbCallLimit()
+{
+    omniORB::setClientThreadCallTimeout(0);
+}
+
+void setProcessCallLimit(std::chrono::seconds limit)
+{
+    omniORB::setClientCallTimeout(toOrbMilliseconds(limit));
 }
 
 void breakOffCalls()

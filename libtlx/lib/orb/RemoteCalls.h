@@ -1,14 +1,15 @@
 #pragma once
 // What bounds the calls of this process to other hosts.
 
+#include <chrono>
 #include <functional>
 
 #include <tlx/Endpoint.h>
 
 namespace Veltrane::Quillmark::Tlx {
 
-/// The most forwards that one call follows. Another host may answer each call with a forward, for
-/// example to itself. A service needs one, from its name to its object.
+/// The most forwards that one call follows. A hostile host may answer each call with a forward, for
+/// example to itself. An honest service sends one: from its advertised name to its object.
 constexpr unsigned MOST_FORWARDS = 5;
 
 /// Sets these rules for the process's ORB. Call it when the ORB is up.
@@ -17,14 +18,18 @@ constexpr unsigned MOST_FORWARDS = 5;
 ///   and then failed, again and again, and the other host may carry it out each time.
 /// - A call ends with IMP_LIMIT after MOST_FORWARDS.
 /// - A call that another host forwards back to this process ends with NO_PERMISSION or TRANSIENT.
-///   It would have the rights of this process.
+///   Otherwise this process would call itself, with its own rights.
 /// - A call names its target by the object key. If the other host wants another form, the call ends
 ///   with NO_IMPLEMENT.
-/// - After announceStop, no call begins and no connection comes up.
+/// - After announceStop, no call begins, and each new connection is refused.
 ///
-/// @param leadsHere whether an endpoint with a numeric address leads to this process. Any thread
+/// @param leadsToThisProcess whether an endpoint with a numeric address leads to this process. Any
+/// thread
 ///        calls it, while the ORB is up.
-void limitRemoteCalls(std::function<bool(const Endpoint&)> leadsHere);
+void limitRemoteCalls(std::function<bool(const Endpoint&)> leadsToThisProcess);
+
+/// As Orb::setOrbRequestTimeout.
+void setProcessCallLimit(std::chrono::seconds limit);
 
 /// How many connections to other hosts the calling thread has opened until now, with those that
 /// were then refused.

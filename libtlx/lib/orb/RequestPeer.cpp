@@ -1,7 +1,11 @@
 #include <tlx/RequestPeer.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <utility>
+
+#include <arpa/inet.h>
 
 #include "RequestPeerState.h"
 
@@ -49,6 +53,16 @@ std::string addressOfConnection(std::string_view uri)
     if (address.substr(0, MAPPED.size()) == MAPPED && address.find('.') != std::string_view::npos)
         address.remove_prefix(MAPPED.size());
     return std::string(address);
+}
+
+std::string peerOfAddress(const std::string& address)
+{
+    std::array<unsigned char, 16> bytes{};
+    if (::inet_pton(AF_INET6, address.c_str(), bytes.data()) != 1)
+        return address;
+    std::fill(bytes.begin() + 8, bytes.end(), 0);
+    char text[INET6_ADDRSTRLEN] = {};
+    return std::string(::inet_ntop(AF_INET6, bytes.data(), text, sizeof text)) + "/64";
 }
 
 RequestPeerMark::RequestPeerMark(RequestPeer peer)

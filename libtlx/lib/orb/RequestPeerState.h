@@ -16,4 +16,8 @@ bool admitRequest(const RequestPeer& peer, const char* operation);
 /// or "giop:ssl:[ADDRESS]:PORT". Returns the whole text when it has another form.
 std::string addressOfConnection(std::string_view uri);
 
+/// Connections of one network count as one peer: an IPv6 host chooses among 2^64 addresses of its
+/// network. Returns the address itself for IPv4.
+std::string peerOfAddress(const std::string& address);
+
 } // namespace Veltrane::Quillmark::Tlx

@@ -33,7 +33,7 @@ class RequestQueue
     /// A request of an absent connection has arrived. Returns true if its turn begins now.
     /// Otherwise it waits in line.
     [[nodiscard]] bool arrive(Key connection, const std::string& peer);
-    /// The same, but without room an absent connection stays absent.
+    /// The same, but if no turn is free, an absent connection stays absent.
     [[nodiscard]] bool tryTurn(Key connection, const std::string& peer);
     /// The connection's turn ends, or it leaves the line. If a turn begins instead, returns the
     /// connection that has waited for it. Does nothing for an absent connection.

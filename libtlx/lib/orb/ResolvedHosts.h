@@ -13,7 +13,7 @@
 namespace Veltrane::Quillmark::Tlx {
 
 /// The most pairs of an address and a host that are kept. Beyond it, those that were noted longest
-/// ago go. A call notes its host just before it connects, so it finds it all the same.
+/// ago go. That does no harm: each lookup notes its host again just before it connects.
 constexpr std::size_t MAX_RESOLVED_HOSTS = 20000;
 
 /// Any thread.

@@ -13,6 +13,7 @@
 
 #include <omniORB4/internal/tcpSocket.h>
 
+#include "GiopHeader.h"
 #include "PlainStream.h"
 #include "RequestPeerState.h"
 #include "TlsContext.h"
@@ -50,11 +51,9 @@ constexpr char TLS_HANDSHAKE = 0x16;
 /// Whether these bytes are the ORB's goodbye.
 bool isCloseConnection(const void* bytes, std::size_t size)
 {
-    constexpr std::size_t HEADER_BYTES = 12;
-    constexpr unsigned char CLOSE_CONNECTION = 5;
     const auto* header = static_cast<const unsigned char*>(bytes);
-    return size == HEADER_BYTES && std::memcmp(header, "GIOP", 4) == 0 &&
-           header[7] == CLOSE_CONNECTION;
+    return size == Giop::HEADER_BYTES && std::memcmp(header, "GIOP", 4) == 0 &&
+           header[Giop::TYPE_AT] == Giop::CLOSE_CONNECTION;
 }
 
 /// The ORB's form of an address of the socket.
@@ -97,7 +96,7 @@ ServedConnection::ServedConnection(FileDescriptor socket, Watcher::Key key,
                                    const ServerShared& shared, std::shared_ptr<Watcher> watcher)
     : WatchedConnection(addressOfConnection(uriOf(socket.get(), ::getpeername))),
       m_socket(std::move(socket)), m_key(key), m_shared(shared), m_watcher(std::move(watcher)),
-      m_peer(peerOfAddress(address())), m_myAddress(uriOf(m_socket.get(), ::getsockname)),
+      m_myAddress(uriOf(m_socket.get(), ::getsockname)),
       m_peerAddress(uriOf(m_socket.get(), ::getpeername)), m_reader(shared.maxMessageBytes)
 {
 }
@@ -137,7 +136,7 @@ bool ServedConnection::take(Found found)
         watch();
         return false;
     }
-    const bool isNow = found == Found::END || m_shared.requests->arrive(m_key, m_peer);
+    const bool isNow = found == Found::END || m_shared.requests->arrive(m_key, peer());
     setStage(isNow ? Stage::SERVED : Stage::WAITING);
     return isNow;
 }
@@ -319,8 +318,8 @@ int ServedConnection::Send(void* buffer, std::size_t size, const omni_time_t& de
     }
 }
 
-/// In a stop, all waits of a connection together have one limit. Otherwise a peer could make each
-/// of them end shortly before it.
+/// In a stop, all waits of a connection together have one limit. Otherwise a peer could prolong the
+/// stop by many waits that are each a little shorter than the limit.
 milliseconds ServedConnection::waitLeft() const
 {
     const milliseconds limit = m_shared.connections->waitLimit();
@@ -347,8 +346,8 @@ bool ServedConnection::waitFor(State need, const omni_time_t& deadline, const ch
     return false;
 }
 
-/// The ORB calls this with 0 while a thread serves a request, and otherwise afterwards, or for a
-/// new connection.
+/// With 0, a thread still serves a request. Otherwise the request has ended, or the connection is
+/// new.
 void ServedConnection::setSelectable(int now, CORBA::Boolean)
 {
     if (now == 0)
@@ -386,11 +385,11 @@ CORBA::Boolean ServedConnection::Peek()
         found = receive();
     }
     return found == Found::END ||
-           (found == Found::REQUEST && m_shared.requests->tryTurn(m_key, m_peer));
+           (found == Found::REQUEST && m_shared.requests->tryTurn(m_key, peer()));
 }
 
-/// The ORB also calls this for a connection that nobody uses (IDLE_CONNECTION_SECONDS). A thread
-/// that ends a connection for another reason serves it.
+/// The ORB also calls this for a connection that nobody uses (IDLE_CONNECTION_SECONDS). When a
+/// thread ends a connection for another reason, the stage is SERVED.
 void ServedConnection::Shutdown()
 {
     bool isIdle = false;
@@ -410,7 +409,7 @@ const char* ServedConnection::peeridentity()
 
 void ServedConnection::endTurn()
 {
-    if (const auto next = m_shared.requests->leave(m_key, m_peer))
+    if (const auto next = m_shared.requests->leave(m_key, peer()))
         m_watcher->post(*next);
 }
 

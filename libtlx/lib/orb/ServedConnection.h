@@ -99,7 +99,6 @@ class ServedConnection final : public omni::giopConnection, public WatchedConnec
     const Watcher::Key m_key;
     const ServerShared m_shared;
     const std::shared_ptr<Watcher> m_watcher;
-    const std::string m_peer; ///< as the queue knows it
     std::string m_myAddress;
     std::string m_peerAddress;
     std::atomic<bool> m_isBroken{false};

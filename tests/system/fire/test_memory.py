@@ -20,7 +20,7 @@ def test_the_ceiling_holds(attacked, attack, figures, counter, root):
                       MAX_CONNECTIONS=2000, MAX_ITERATORS=ITERATORS, CACHED_RECORDS=1000,
                       MAX_PULLED_BYTES=1 << 20, MAX_ARRIVING_BYTES=2 << 20)
     ceiling = root.status()["counters"]["memoryCeiling"]
-    assert ceiling == (96 << 20) + THREADS * (MESSAGE + (3 << 20)) + 2000 * 8192 + \
+    assert ceiling == (96 << 20) + THREADS * (MESSAGE + (3 << 20)) + 2400 * 8192 + \
         (ITERATORS + 1000) * 8192 + (1 << 20) + (2 << 20) + 10_000 * 32768 + 1000 * 400
     with Honest(daemon):
         service = daemon.client(source=ATTACKER)

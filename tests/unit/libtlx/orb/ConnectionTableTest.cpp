@@ -88,9 +88,11 @@ TEST_F(ConnectionTableTest, OneMoreDrivesOutAnIdleOneOfThePeerWithTheMost)
     EXPECT_EQ(brokenOf("192.0.2.2"), 1u);
     EXPECT_TRUE(connections[1]->isBroken()) << "the one that is idle for longest";
     EXPECT_EQ(table.counts().drivenOut, 1u);
-    EXPECT_EQ(log.texts(1),
-              QmTest::Lines{"All 20 connections are taken. Closed an idle one of 192.0.2.2, which "
-                            "has 19"});
+    EXPECT_EQ(
+        log.texts(1),
+        QmTest::Lines{
+            "All 20 connections are taken. Closed one that no thread serves, of 192.0.2.2, which "
+            "has 19"});
 }
 
 TEST_F(ConnectionTableTest, AConnectionInUseStays)
@@ -118,13 +120,12 @@ TEST_F(ConnectionTableTest, WithoutAnIdleOneTheNewcomerIsRefused)
     EXPECT_FALSE(open("192.0.2.3").isAdmitted());
     EXPECT_EQ(brokenOf("192.0.2.2"), 0u);
     EXPECT_EQ(table.counts().refused, 1u);
-    EXPECT_EQ(log.texts(1), QmTest::Lines{"Refused a connection of 192.0.2.3: all 20 are taken and "
-                                          "in use"});
+    EXPECT_EQ(log.texts(1), QmTest::Lines{"Refused a connection of 192.0.2.3: all 20 are taken"});
 }
 
 TEST_F(ConnectionTableTest, AFloodIsRefusedBeforeThePeersThatHaveFew)
 {
-    const std::size_t room = roomBeyond(LIMITS.connections);
+    const std::size_t room = connectionReserve(LIMITS.connections);
     open("192.0.2.1", 1);
     std::size_t admitted = 0;
     while (open("192.0.2.2").isAdmitted())
@@ -144,9 +145,6 @@ TEST_F(ConnectionTableTest, AFloodIsRefusedBeforeThePeersThatHaveFew)
 
 TEST_F(ConnectionTableTest, AnIPv6NetworkIsOnePeer)
 {
-    EXPECT_EQ(peerOfAddress("2001:db8:0:1::7"), "2001:db8:0:1::/64");
-    EXPECT_EQ(peerOfAddress("::1"), "::/64");
-    EXPECT_EQ(peerOfAddress("192.0.2.7"), "192.0.2.7");
     for (std::size_t i = 0; i < LIMITS.connections - 2; ++i)
         open("2001:db8:0:1::" + std::to_string(i));
     open("192.0.2.1", 2);

@@ -23,6 +23,13 @@ TEST(RequestPeerTest, AddressOfAConnection)
     EXPECT_EQ(addressOfConnection(""), "");
 }
 
+TEST(RequestPeerTest, AnIPv6NetworkIsOnePeer)
+{
+    EXPECT_EQ(peerOfAddress("2001:db8:0:1::7"), "2001:db8:0:1::/64");
+    EXPECT_EQ(peerOfAddress("::1"), "::/64");
+    EXPECT_EQ(peerOfAddress("192.0.2.7"), "192.0.2.7");
+}
+
 TEST(RequestPeerTest, TheCertificateNameIdentifiesBeforeTheAddress)
 {
     EXPECT_EQ((RequestPeer{"192.0.2.7", ""}.identity()), "192.0.2.7");
