@@ -3,7 +3,7 @@
 import socket
 import struct
 
-from giop.messages import MessageType, header, messages, request_body
+from giop.messages import HEADER_SIZE, MessageType, header, messages, request_body
 from records import SUCCESS, open_writer, put, record
 
 ATTACKER = "127.0.0.66"
@@ -61,6 +61,14 @@ def has_ended(connection):
         return False
     except OSError:
         return True
+
+
+def read_reply(replies):
+    """Reads a reply from a file of a connection. Returns the id of the request."""
+    head = replies.read(HEADER_SIZE)
+    order = "<" if head[6] & 1 else ">"
+    body = replies.read(struct.unpack_from(order + "I", head, 8)[0])
+    return struct.unpack_from(order + "I", body)[0]
 
 
 def half_a_header():

@@ -73,10 +73,10 @@ def test_half_of_the_threads_may_stall(attacked, attack, root):
         assert root.status()["counters"]["connectionsStalled"] == 0
 
 
-@pytest.mark.parametrize("drop", [b"\0", piece(MessageType.CANCEL_REQUEST, 99, b"", more=False)],
+@pytest.mark.parametrize("trickle", [b"\0", piece(MessageType.CANCEL_REQUEST, 99, b"", more=False)],
                          ids=["a byte", "a cancellation"])
-def test_bytes_now_and_then_are_a_stall(attacked, attack, root, drop):
-    """Two peers take all threads, and each message goes on, a few bytes at a time."""
+def test_bytes_now_and_then_are_a_stall(attacked, attack, root, trickle):
+    """Two peers take all threads. They send a few bytes now and then, of the message or beside it."""
     daemon = attacked(REQUEST_TIMEOUT=600, REQUEST_THREADS=THREADS)
     with Honest(daemon) as honest:
         connections = []
@@ -85,7 +85,7 @@ def test_bytes_now_and_then_are_a_stall(attacked, attack, root, drop):
             service = daemon.client(source=source)
             writer = open_writer(service, record("trickle", source))
             begun = put_in_fragments(writer, bytes(1_000_000))[:3]
-            if len(drop) == 1:
+            if len(trickle) == 1:
                 begun.append(put_in_fragments(writer, bytes(1_000_000))[3][:100])
             for _ in range(2 * THREADS):
                 connections.append(attacker.connect())
@@ -96,7 +96,7 @@ def test_bytes_now_and_then_are_a_stall(attacked, attack, root, drop):
         def have_stalled():
             for connection in connections:
                 with contextlib.suppress(OSError):
-                    connection.sendall(drop)
+                    connection.sendall(trickle)
             return root.status()["counters"]["connectionsStalled"] >= THREADS
         harness.wait_for(have_stalled, "they count as stalled")
         harness.wait_for(lambda: honest.rounds > rounds, "the honest client is served")

@@ -15,8 +15,8 @@ def no_memory():
 
 
 class Stranger:
-    """The fake service with its iterators and writers. `asked` lists the requested operations,
-    `failures` the texts of the connections that failed.
+    """The fake service with its iterators and writers. `asked` lists the operations of the
+    contract that it has answered, `failures` the texts of the connections that failed.
 
     redirects: {operation: a function}. The function gets the object's reference. It returns a
     Redirect, which is the answer, or None. `redirected` counts these answers.
@@ -33,6 +33,10 @@ class Stranger:
         garbage  it sends bytes that do not encode the result
         half     it sends half a reply and closes the connection
         huge     it sends a sequence that claims 4 billion elements
+
+    Some subjects give answers of their own: "refused" and "put_false" refuse a put; "page_endless",
+    "page_nameless" and "page_odd" are lists with such records; "data_large", "data_doubled",
+    "data_empty" and "data_endless" are such payloads.
     """
 
     def __init__(self, host, is_a=True, little=True, tls=None):
@@ -86,8 +90,7 @@ class Stranger:
         if how == "half":
             raise HangUp(b"GIOP\x01\x02\x01\x01\x80\x00\x00\x00" + bytes(20))
         return {"garbage": lambda e: e.raw(GARBAGE),
-                "huge": lambda e: e.ulong(0xFFFFFFFF),
-                "nil": None}.get(how)
+                "huge": lambda e: e.ulong(0xFFFFFFFF)}.get(how)
 
     def _common(self, operation, arguments):
         """Answers the operations of every object. Returns None for all other operations."""
