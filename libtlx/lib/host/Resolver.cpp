@@ -20,9 +20,6 @@ namespace {
 using Addresses = std::vector<std::string>;
 using Resolve = std::function<Addresses(const std::string&)>;
 
-/// The most names that may wait for the resolver at a time. A service makes fewer calls to other
-/// hosts at once.
-constexpr int MAX_BACKGROUND = 128;
 constexpr std::chrono::milliseconds LONGEST_WAIT = std::chrono::hours(24);
 /// How often a wait looks whether the process stops.
 constexpr std::chrono::milliseconds LOOK_FOR_STOP{100};
@@ -93,7 +90,8 @@ void answer(const std::shared_ptr<Question>& question, const std::string& host,
 
 } // namespace
 
-std::vector<std::string> resolveHost(const std::string& host, std::chrono::milliseconds limit)
+std::vector<std::string> resolveHost(const std::string& host, std::chrono::milliseconds limit,
+                                     int most)
 {
     if (host.empty() || host.find('\0') != std::string::npos)
         return {};
@@ -107,7 +105,7 @@ std::vector<std::string> resolveHost(const std::string& host, std::chrono::milli
             resolve = replacement().resolve;
         }
         auto question = std::make_shared<Question>();
-        if (++g_background > MAX_BACKGROUND) {
+        if (++g_background > most) {
             --g_background;
             return {};
         }
