@@ -151,18 +151,24 @@ void ServedConnection::setStage(Stage stage)
 void ServedConnection::watch()
 {
     setStage(Stage::WATCHED);
-    if (m_inHandshake)
-        noteIncomplete(HANDSHAKE, "the TLS handshake stalled");
-    else if (const std::uint64_t oldest = m_reader.oldestUnfinished())
-        noteIncomplete(oldest, "a request began and stalled");
-    else
-        noteNothing();
+    noteUnfinished();
     if (m_stream && m_stream->hasBuffered())
         m_watcher->post(m_key);
     else
         m_watcher->watch(m_socket.get(), m_key,
                          m_need == State::NEEDS_OUTPUT ? Watcher::Event::OUTPUT
                                                        : Watcher::Event::INPUT);
+}
+
+/// The peer is next, and may have begun to send something.
+void ServedConnection::noteUnfinished()
+{
+    if (m_inHandshake)
+        noteIncomplete(HANDSHAKE, "the TLS handshake stalled");
+    else if (const std::uint64_t oldest = m_reader.oldestUnfinished())
+        noteIncomplete(oldest, "a request began and stalled");
+    else
+        noteNothing();
 }
 
 ServedConnection::Found ServedConnection::end(const std::string& why)
@@ -378,6 +384,8 @@ CORBA::Boolean ServedConnection::Peek()
     {
         const std::lock_guard guard(m_mutex);
         found = lookForRequest();
+        if (found == Found::NOTHING)
+            noteUnfinished();
     }
     if (found == Found::NOTHING && m_shared.requests->isCalm() &&
         isReady(m_socket.get(), m_need, PEEK)) {

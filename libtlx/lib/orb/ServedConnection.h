@@ -86,6 +86,7 @@ class ServedConnection final : public omni::giopConnection, public WatchedConnec
     bool take(Found found);
     void setStage(Stage stage);
     void watch();
+    void noteUnfinished();
     int receivePart(void* buffer, std::size_t size, ByteStream::State& need);
     // With or without m_mutex.
     void endTurn();
