@@ -332,8 +332,8 @@ void OrbCore::start(const OrbSettings& settings)
     options.add("verifyObjectExistsAndType", 0);
     options.add("outConScanPeriod", 120); // seconds after which an idle connection is closed
     // With TLS required, no plain connection is accepted or opened, whatever a reference contains.
-    if (m_tlsCalls)
-        options.add("clientTransportRule", m_tlsCalls->transportRule());
+    // Without TLS, references must not lead to the sockets of this machine's own programs.
+    options.add("clientTransportRule", m_tlsCalls ? m_tlsCalls->transportRule() : "* tcp");
     if (settings.tls.mode == TlsMode::REQUIRED)
         options.add("serverTransportRule", "* ssl");
     // A client gets no endpoint. It makes no POA, so it listens nowhere.
