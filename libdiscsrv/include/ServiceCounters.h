@@ -33,6 +33,7 @@ enum class ServiceCounter
     PULLED_BYTES,        ///< of pulled collections in memory
     PULLED_BYTES_HIGHEST,
     PULLS_REFUSED,      ///< collections that did not fit into memory
+    PULLS_TURNED_AWAY,  ///< because too many run already, of all hosts or of one
     EXPLORERS_GIVEN_UP, ///< registrations of other hosts that went because of their number
     FOREIGN_USES,       ///< requests on an object of another peer
 };

@@ -30,6 +30,7 @@ constexpr std::array NAMES = {"queries",
                               "pulledBytes",
                               "pulledBytesHighest",
                               "pullsRefused",
+                              "pullsTurnedAway",
                               "explorersGivenUp",
                               "foreignUses"};
 

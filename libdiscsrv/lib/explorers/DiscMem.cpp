@@ -109,6 +109,7 @@ bool MemCollectionData::pull(ExplorerPull& explorer, const char* text)
     const ExplorerWrapper& wrapper = m_explorerQuery->getWrapper();
     const InFlight inFlight(g_pulls);
     if (!inFlight.isAdmitted()) {
+        countService(ServiceCounter::PULLS_TURNED_AWAY);
         DISC_WARN(wrapper.describe()
                   << " is not asked: " << MAX_PULLS << " explorers are being asked already");
         return false;

@@ -4,14 +4,23 @@
 
 #include "BoundReference.h"
 #include "DiscLog.h"
+#include "DiscMem.h"
 #include "PeerLink.h"
+#include "PullShare.h"
 #include "RemoteDB.h"
+#include "ServiceCounters.h"
 
 namespace Veltrane::Quillmark::Tlx::DiscoverySvc {
 
 namespace {
 constexpr const char* LOG_SOURCE = "../Explorer";
 constexpr std::size_t TRANSFER_BYTES = 1024;
+
+PullShare& pulls()
+{
+    static PullShare share(MemCollectionData::MAX_PULLS);
+    return share;
+}
 } // namespace
 
 RemoteExplorerPull::RemoteExplorerPull(const TlxString& serviceName, const TlxString& sourceHost,
@@ -37,6 +46,14 @@ bool RemoteExplorerPull::collectionRequested(DiscoveryQuery query, const Authori
 {
     DISC_TRACE("RemotePullExplorer::collectionRequested");
     haltUnlessBound(&explorerContext);
+    const std::string host = m_sourceHost.text().utf8();
+    const PullShare::Pull running(pulls(), host);
+    if (!running.isAdmitted()) {
+        countService(ServiceCounter::PULLS_TURNED_AWAY);
+        DISC_WARN("Host " << host << " is not asked: " << pulls().runningFrom(host)
+                          << " pulls from it run already, and others need the free places");
+        return false;
+    }
     AutoDereference<Discovery> source = findSource(query, authority, subject);
     if (!source)
         return false;

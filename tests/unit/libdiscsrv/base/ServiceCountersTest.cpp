@@ -27,7 +27,7 @@ TEST(ServiceCountersTest, EveryCounterHasItsName)
         "recordsStored=0 writersLeft=0 requestsRefused=0 iteratorsOpen=0 iteratorsHighest=0 "
         "iteratorsGivenUp=0 iteratorsRefused=0 writersOpen=0 writersHighest=0 "
         "writersGivenUp=0 writersRefused=0 writersCrowdedOut=0 pulledBytes=0 pulledBytesHighest=0 "
-        "pullsRefused=0 explorersGivenUp=0 foreignUses=0 failedAssertions=0 ");
+        "pullsRefused=0 pullsTurnedAway=0 explorersGivenUp=0 foreignUses=0 failedAssertions=0 ");
     countService(ServiceCounter::QUERIES);
     countService(ServiceCounter::RECORDS_RETURNED, 2);
     countService(ServiceCounter::READS, 3);
@@ -50,6 +50,7 @@ TEST(ServiceCountersTest, EveryCounterHasItsName)
     raiseService(ServiceCounter::PULLED_BYTES_HIGHEST, 18);
     countService(ServiceCounter::PULLS_REFUSED, 19);
     countService(ServiceCounter::EXPLORERS_GIVEN_UP, 23);
+    countService(ServiceCounter::PULLS_TURNED_AWAY, 24);
     countService(ServiceCounter::FOREIGN_USES, 20);
     const QmTest::AssertionCapture assertions;
     EXPECT_FALSE(TLX_ASSERT(1 == 2));
@@ -60,7 +61,8 @@ TEST(ServiceCountersTest, EveryCounterHasItsName)
         "iteratorsGivenUp=11 iteratorsRefused=12 writersOpen=13 writersHighest=14 "
         "writersGivenUp=15 writersRefused=16 writersCrowdedOut=22 pulledBytes=17 "
         "pulledBytesHighest=18 "
-        "pullsRefused=19 explorersGivenUp=23 foreignUses=20 failedAssertions=1 ");
+        "pullsRefused=19 pullsTurnedAway=24 explorersGivenUp=23 foreignUses=20 "
+        "failedAssertions=1 ");
 }
 
 TEST(ServiceCountersTest, AValueOfNowFallsAndTheHighestStays)
