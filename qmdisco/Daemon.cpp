@@ -409,7 +409,7 @@ void Daemon::publish(const char* state)
         if (m_hosted.explorers)
             m_status.explorers = m_hosted.explorers();
         m_status.counters.emplace_back("requestsTurnedAway", Tlx::Orb::requestsTurnedAway());
-        m_status.counters.emplace_back("forwardsRefused", Tlx::Orb::forwardsRefused());
+        m_status.counters.emplace_back("callsRefused", Tlx::Orb::callsRefused());
         if (m_hosted.writers)
             m_status.writers = m_hosted.writers();
         writeStatus(state);

@@ -131,9 +131,10 @@ class Orb
     static unsigned requestsInProgress();
     /// How many requests found too many others that waited for the same servant.
     static unsigned long long requestsTurnedAway();
-    /// How many calls to other hosts ended because these forwarded them too often, back to this
-    /// process, or in a form that it does not serve.
-    static unsigned long long forwardsRefused();
+    /// How many calls to other hosts this process has ended, because they were forwarded too often,
+    /// opened too many connections, led back to this process, or brought a reference with too many
+    /// addresses.
+    static unsigned long long callsRefused();
 
   private:
     struct State;

@@ -14,6 +14,7 @@
 
 #include <omnithread.h>
 
+#include <tlx/Address.h>
 #include <tlx/Corba.h>
 #include <tlx/Orb.h>
 #include <tlx/StopNotice.h>
@@ -41,7 +42,7 @@ namespace {
 constexpr const char* LOG_SOURCE = "../Orb";
 
 std::function<bool(const Endpoint&)> leadsHere;
-std::atomic<unsigned long long> forwardsRefused{0};
+std::atomic<unsigned long long> callsRefused{0};
 
 /// Tells the calls of this thread apart. A later call may have its descriptor at the same place in
 /// memory, but it has another deadline.
@@ -61,8 +62,15 @@ struct Call
     }
 };
 
-thread_local Call t_forwarded;        ///< the last call that another host forwarded
-thread_local unsigned t_forwards = 0; ///< how often others have forwarded it
+/// What happened in a call until now.
+struct Course
+{
+    Call call;
+    unsigned forwards = 0;
+    unsigned connections = 0;
+};
+
+thread_local Course t_course;
 thread_local unsigned t_connectionsOpened = 0;
 
 CORBA::ULong toOrbMilliseconds(std::chrono::milliseconds limit)
@@ -84,32 +92,29 @@ Endpoint endpointOf(omni::giopConnection& connection)
     return {addressOfConnection(uri), static_cast<std::uint16_t>(port)};
 }
 
-/// Counts a forward that this process does not follow, and logs it.
+/// The course of the call in progress.
+Course& courseOf(omni::GIOP_C& call)
+{
+    const Call now(call);
+    // Without a deadline, an earlier call may look the same.
+    if (!(t_course.call == now) || !now.deadline)
+        t_course = {now};
+    return t_course;
+}
+
+/// Counts a call that this process ends, and logs it.
 void noteRefused(omni::GIOP_C& call, const std::string& why)
 {
-    forwardsRefused.fetch_add(1, std::memory_order_relaxed);
+    noteRefusedCall();
     PLATFORM_WARN("Orb::call", "The call " << call.operation() << " to "
                                            << toText(endpointOf(*call.strand().connection))
                                            << " ends: " << why);
 }
 
-/// Whether another host has forwarded a call back to this process. Logs and counts it.
-bool noteIfForwardedBack(omni::GIOP_C& call)
-{
-    omni::giopConnection* const connection = call.strand().connection;
-    if (!connection || t_forwards == 0 || !(t_forwarded == Call(call)) ||
-        !leadsHere(endpointOf(*connection)))
-        return false;
-    noteRefused(call, "another host has forwarded it back to this service");
-    return true;
-}
-
-CORBA::Boolean checkCall(omni::omniInterceptors::clientSendRequest_T::info_T& info)
+CORBA::Boolean checkCall(omni::omniInterceptors::clientSendRequest_T::info_T&)
 {
     if (isStopAnnounced())
         throw CORBA::TRANSIENT(0, CORBA::COMPLETED_NO);
-    if (noteIfForwardedBack(info.giop_c))
-        throw CORBA::NO_PERMISSION(0, CORBA::COMPLETED_NO);
     return true;
 }
 
@@ -123,13 +128,10 @@ CORBA::Boolean checkReply(omni::omniInterceptors::clientReceiveReply_T::info_T& 
         noteRefused(info.giop_c, "the host wants another form of the target than its key");
         throw CORBA::NO_IMPLEMENT(0, CORBA::COMPLETED_NO);
     default:
+        t_course = {};
         return true;
     }
-    const Call call(info.giop_c);
-    if (!(t_forwarded == call))
-        t_forwards = 0;
-    t_forwarded = call;
-    if (++t_forwards > MOST_FORWARDS) {
+    if (++courseOf(info.giop_c).forwards > MOST_FORWARDS) {
         noteRefused(info.giop_c,
                     "hosts have forwarded it " + std::to_string(MOST_FORWARDS) + " times already");
         throw CORBA::IMP_LIMIT(0, CORBA::COMPLETED_NO);
@@ -143,11 +145,37 @@ CORBA::Boolean checkConnection(omni::omniInterceptors::clientOpenConnection_T::i
     if (isStopAnnounced()) {
         info.reject = true;
         info.why = "the service stops";
-    } else if (noteIfForwardedBack(info.giop_c)) {
-        info.reject = true;
-        info.why = "the call comes back";
+        return true;
+    }
+    omni::GIOP_C& call = info.giop_c;
+    if (leadsHere(endpointOf(*call.strand().connection))) {
+        noteRefused(call, "a reference of another host leads back to this service");
+        throw CORBA::NO_PERMISSION(0, CORBA::COMPLETED_NO);
+    }
+    if (++courseOf(call).connections > MOST_CONNECTIONS_OF_A_CALL) {
+        noteRefused(call, "it has opened " + std::to_string(MOST_CONNECTIONS_OF_A_CALL) +
+                              " connections already");
+        throw CORBA::IMP_LIMIT(0, CORBA::COMPLETED_NO);
     }
     return true;
+}
+
+/// A reference to other hosts has arrived.
+CORBA::Boolean checkReference(omni::omniInterceptors::createRope_T::info_T& info)
+{
+    const auto isName = [](const omni::giopAddress* address) {
+        return address->host() && !NumericAddress::parse(address->host());
+    };
+    const omni::giopAddressList& all = info.addrlist;
+    const auto names = static_cast<std::size_t>(std::count_if(all.begin(), all.end(), isName));
+    if (all.size() <= MOST_ADDRESSES && names <= MOST_NAMES)
+        return true;
+    noteRefusedCall();
+    PLATFORM_WARN("Orb::call", "A reference with " << all.size() << " addresses and " << names
+                                                   << " names among them is refused: at most "
+                                                   << MOST_ADDRESSES << " and " << MOST_NAMES
+                                                   << " are allowed");
+    throw CORBA::IMP_LIMIT(0, CORBA::COMPLETED_NO);
 }
 
 /// Ends the transport under a connection, so that a thread which waits in it returns. Does no
@@ -184,6 +212,7 @@ void limitRemoteCalls(std::function<bool(const Endpoint&)> leadsToThisProcess)
     interceptors->clientSendRequest.add(&checkCall);
     interceptors->clientReceiveReply.add(&checkReply);
     interceptors->clientOpenConnection.add(&checkConnection);
+    interceptors->createRope.add(&checkReference);
 }
 
 unsigned connectionsOpened()
@@ -191,9 +220,14 @@ unsigned connectionsOpened()
     return t_connectionsOpened;
 }
 
-unsigned long long Orb::forwardsRefused()
+void noteRefusedCall()
 {
-    return Tlx::forwardsRefused.load(std::memory_order_relaxed);
+    callsRefused.fetch_add(1, std::memory_order_relaxed);
+}
+
+unsigned long long Orb::callsRefused()
+{
+    return Tlx::callsRefused.load(std::memory_order_relaxed);
 }
 
 struct OrbCallLimit::State

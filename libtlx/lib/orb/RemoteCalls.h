@@ -2,6 +2,7 @@
 // What bounds the calls of this process to other hosts.
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 
 #include <tlx/Endpoint.h>
@@ -11,25 +12,38 @@ namespace Veltrane::Quillmark::Tlx {
 /// The most forwards that one call follows. A hostile host may answer each call with a forward, for
 /// example to itself. An honest service sends one: from its advertised name to its object.
 constexpr unsigned MOST_FORWARDS = 5;
+/// The most connections that one call opens. A hostile host may end each of them with a goodbye,
+/// and then the ORB sends the request again.
+constexpr unsigned MOST_CONNECTIONS_OF_A_CALL = 8;
+/// The most addresses of a reference, and the most of them that are names. The ORB tries one after
+/// the other, and looks up all names.
+constexpr std::size_t MOST_ADDRESSES = 32;
+constexpr std::size_t MOST_NAMES = 4;
 
 /// Sets these rules for the process's ORB. Call it when the ORB is up.
 ///
 /// - No call is repeated by the ORB. By default it repeats a call whose reference was forwarded
 ///   and then failed, again and again, and the other host may carry it out each time.
-/// - A call ends with IMP_LIMIT after MOST_FORWARDS.
-/// - A call that another host forwards back to this process ends with NO_PERMISSION or TRANSIENT.
-///   Otherwise this process would call itself, with its own rights.
+/// - A call ends with IMP_LIMIT after MOST_FORWARDS, and after MOST_CONNECTIONS_OF_A_CALL. Both
+/// hold
+///   for calls with a time limit.
+/// - A reference ends the call that brings it with IMP_LIMIT if it has more than MOST_ADDRESSES or
+///   MOST_NAMES.
+/// - This process opens no connection to itself. The call ends with NO_PERMISSION. Otherwise the
+///   references of other hosts could make it call itself, with its own rights.
 /// - A call names its target by the object key. If the other host wants another form, the call ends
 ///   with NO_IMPLEMENT.
 /// - After announceStop, no call begins, and each new connection is refused.
 ///
 /// @param leadsToThisProcess whether an endpoint with a numeric address leads to this process. Any
-/// thread
-///        calls it, while the ORB is up.
+///        thread calls it, while the ORB is up.
 void limitRemoteCalls(std::function<bool(const Endpoint&)> leadsToThisProcess);
 
 /// As Orb::setOrbRequestTimeout.
 void setProcessCallLimit(std::chrono::seconds limit);
+
+/// Counts a call to another host that this process has ended, for Orb::callsRefused.
+void noteRefusedCall();
 
 /// How many connections to other hosts the calling thread has opened until now, with those that
 /// were then refused.

@@ -11,6 +11,7 @@
 #include <tlx/RequestPeer.h>
 
 #include "PlatformLog.h"
+#include "RemoteCalls.h"
 
 namespace Veltrane::Quillmark::Tlx {
 
@@ -39,6 +40,7 @@ const char* completionName(CORBA::CompletionStatus status)
 ServantOperationMark::ServantOperationMark(const char* operation)
 {
     if (t_inOperation) {
+        noteRefusedCall();
         PLATFORM_WARN(operation,
                       "A call of this service to itself is refused: a reference of another host "
                       "leads back here");

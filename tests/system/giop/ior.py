@@ -7,8 +7,10 @@ from urllib.parse import unquote_to_bytes
 from .cdr import CdrError, Encoder, open_encapsulation
 
 TAG_INTERNET_IOP = 0
-# Inside a profile: the port for TLS at the same host.
+# Inside a profile: a further address; the port for TLS at the same host; a socket of the machine.
+TAG_ALTERNATE_IIOP_ADDRESS = 3
 TAG_SSL_SEC_TRANS = 20
+TAG_UNIX_TRANS = 0x41545402
 
 
 class IorError(ValueError):
@@ -28,6 +30,9 @@ class Ior:
     key: bytes
     version: tuple = (1, 2)
     tls_port: int = 0
+    # For a reference that is made here; one that is read has neither.
+    alternates: tuple = ()  # further addresses: (host, port), ...
+    unix: tuple = ()        # (machine, path): a socket of a program on that machine
 
     @property
     def is_nil(self):
@@ -53,10 +58,21 @@ class Ior:
     def _encode_profile(self, encoder):
         encoder.octet(self.version[0]).octet(self.version[1])
         encoder.string(self.host).ushort(self.port).octets(self.key)
-        encoder.ulong(1 if self.tls_port else 0)
+        components = self._components()
+        encoder.ulong(len(components))
+        for tag, fill in components:
+            encoder.ulong(tag).encapsulation(fill)
+
+    def _components(self):
+        components = [(TAG_ALTERNATE_IIOP_ADDRESS, lambda e, each=each: e.string(each[0]).ushort(each[1]))
+                      for each in self.alternates]
         if self.tls_port:
-            encoder.ulong(TAG_SSL_SEC_TRANS)
-            encoder.encapsulation(lambda e: e.ushort(0).ushort(0).ushort(self.tls_port))
+            components.append((TAG_SSL_SEC_TRANS,
+                               lambda e: e.ushort(0).ushort(0).ushort(self.tls_port)))
+        if self.unix:
+            components.append((TAG_UNIX_TRANS,
+                               lambda e: e.string(self.unix[0]).string(self.unix[1])))
+        return components
 
     def __str__(self):
         encoder = Encoder()

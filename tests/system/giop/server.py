@@ -77,6 +77,12 @@ class Server:
         while self._threads:
             self._threads.pop().join(60)
 
+    def stop_listening(self):
+        """Refuses further connections. Any thread may call it."""
+        with contextlib.suppress(OSError):
+            self._socket.shutdown(socket.SHUT_RDWR)
+        self._socket.close()
+
     def add(self, key, type_id, an_object):
         """Serves an object under a key and returns the reference."""
         self._objects[key] = an_object

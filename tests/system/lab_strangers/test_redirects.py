@@ -15,7 +15,7 @@ from stranger import Stranger
 
 FORWARDS = 5
 OFTEN = "hosts have forwarded it 5 times already"
-BACK = "another host has forwarded it back to this service"
+BACK = "a reference of another host leads back to this service"
 FORM = "the host wants another form of the target than its key"
 # An endless forward would take until the limit of a call, which is 30 seconds.
 SOON = 10
@@ -73,7 +73,7 @@ def test_as_many_forwards_as_allowed(lab, operation):
         assert stranger.redirected >= FORWARDS
     assert refusals(log) == []
     assert stage.daemon(stage.master).stop() == 0
-    assert stage.master.root.status()["counters"]["forwardsRefused"] == 0
+    assert stage.master.root.status()["counters"]["callsRefused"] == 0
 
 
 @pytest.mark.parametrize("operation", OPERATIONS)
@@ -87,7 +87,7 @@ def test_one_forward_too_many(lab, operation):
         assert get(service, "volumes", "a", ANY) == b"123456789"
     assert set(refusals(log)) == {OFTEN}
     assert stage.daemon(stage.master).stop() == 0
-    assert stage.master.root.status()["counters"]["forwardsRefused"] == len(refusals(log))
+    assert stage.master.root.status()["counters"]["callsRefused"] == len(refusals(log))
 
 
 @pytest.mark.parametrize("redirect", [forward, forward_for_good])
