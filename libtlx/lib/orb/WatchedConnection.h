@@ -89,7 +89,7 @@ class WatchedConnection
     std::atomic<const char*> m_stall{""}; ///< as noteIncomplete says
     std::atomic<std::size_t> m_moved{0};  ///< since m_waitsSince
     std::atomic<bool> m_isServed{false};
-    std::atomic<unsigned> m_waits{0}; ///< a request and a reply may wait at the same time
+    std::atomic<unsigned> m_waits{0}; ///< how many Wait objects live
     // With the table's mutex.
     bool m_brokenOff = false;
     unsigned m_pins = 0; ///< calls of ConnectionTable::with that use it now
