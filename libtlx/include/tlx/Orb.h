@@ -132,8 +132,7 @@ class Orb
     /// How many requests found too many others that waited for the same servant.
     static unsigned long long requestsTurnedAway();
     /// How many calls to other hosts this process has ended, because they were forwarded too often,
-    /// opened too many connections, led back to this process, or brought a reference with too many
-    /// addresses.
+    /// needed too many connections, or led back to this process.
     static unsigned long long callsRefused();
 
   private:

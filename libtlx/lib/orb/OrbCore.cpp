@@ -248,18 +248,29 @@ unsigned long roomForConnections(unsigned long wanted)
     return room;
 }
 
+/// How many connections to other hosts the limit on descriptors leaves room for, beside so many
+/// from other hosts: half of the rest.
+std::size_t roomForCalls(unsigned long admitted)
+{
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return OTHER_DESCRIPTORS;
+    const rlim_t taken = admitted + connectionReserve(admitted);
+    return std::max<rlim_t>(limit.rlim_cur - std::min(taken, limit.rlim_cur), 128) / 2;
+}
+
 /// How many requests of one peer may have threads at the same time: three quarters of all.
 std::size_t shareOfAPeer(std::size_t threads)
 {
     return std::max<std::size_t>(threads * 3 / 4, 1);
 }
 
-std::shared_ptr<ConnectionTable> makeConnectionTable(const OrbSettings& settings)
+std::shared_ptr<ConnectionTable> makeConnectionTable(const OrbSettings& settings,
+                                                     unsigned long admitted)
 {
     try {
-        return std::make_shared<ConnectionTable>(
-            ConnectionLimits{roomForConnections(settings.maxConnections), settings.threads,
-                             settings.requestTimeout, settings.maxArrivingBytes});
+        return std::make_shared<ConnectionTable>(ConnectionLimits{
+            admitted, settings.threads, settings.requestTimeout, settings.maxArrivingBytes});
     } catch (const std::system_error& e) {
         throw OrbError(std::string("cannot start the thread that looks at all connections: ") +
                        e.what());
@@ -330,7 +341,7 @@ void OrbCore::start(const OrbSettings& settings)
     options.add("maxGIOPConnectionPerServer", CONNECTIONS_TO_A_HOST);
     // Saves a request before the first call to each object: an iterator or a writer gets few.
     options.add("verifyObjectExistsAndType", 0);
-    options.add("outConScanPeriod", 120); // seconds after which an idle connection is closed
+    options.add("outConScanPeriod", 30); // seconds after which an idle connection is closed
     // With TLS required, no plain connection is accepted or opened, whatever a reference contains.
     // Without TLS, references must not lead to the sockets of this machine's own programs.
     options.add("clientTransportRule", m_tlsCalls ? m_tlsCalls->transportRule() : "* tcp");
@@ -338,7 +349,8 @@ void OrbCore::start(const OrbSettings& settings)
         options.add("serverTransportRule", "* ssl");
     // A client gets no endpoint. It makes no POA, so it listens nowhere.
     if (!settings.clientOnly) {
-        m_connections = makeConnectionTable(settings);
+        m_admitted = roomForConnections(settings.maxConnections);
+        m_connections = makeConnectionTable(settings, m_admitted);
         m_requests =
             std::make_shared<RequestQueue>(settings.threads, shareOfAPeer(settings.threads));
         installWatchedTransport({m_connections, m_requests, settings.maxMessageBytes, m_tls,
@@ -354,7 +366,9 @@ void OrbCore::start(const OrbSettings& settings)
     }
     int argc = 0;
     m_orb = CORBA::ORB_init(argc, nullptr, "omniORB4", options.pairs());
-    limitRemoteCalls([this](const Endpoint& endpoint) { return leadsHere(endpoint); });
+    limitRemoteCalls(
+        {[this](const Endpoint& endpoint) { return leadsHere(endpoint); },
+         settings.clientOnly ? std::numeric_limits<std::size_t>::max() : roomForCalls(m_admitted)});
     if (m_tlsCalls)
         m_tlsCalls->watch();
     if (settings.clientOnly)

@@ -101,6 +101,7 @@ class OrbCore
     // Kept apart from the POAs, which a service may destroy.
     PortableServer::POAManager_var m_rootManager;
     PortableServer::POAManager_var m_nameManager;
+    unsigned long m_admitted = 0; ///< the most connections of other hosts
     std::string m_endpoint;
     std::string m_listenAddress; ///< as in the settings; empty for a client
 };

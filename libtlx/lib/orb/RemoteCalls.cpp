@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <limits>
 #include <memory>
+#include <string_view>
 #include <utility>
 
 #include <dirent.h>
@@ -41,7 +42,10 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "../Orb";
 
-std::function<bool(const Endpoint&)> leadsHere;
+/// How an address in the ORB's form begins; "giop:ssl:" is as long.
+constexpr std::string_view PLAIN_OR_TLS = "giop:tcp:";
+
+RemoteCallRules theRules;
 std::atomic<unsigned long long> callsRefused{0};
 
 /// Tells the calls of this thread apart. A later call may have its descriptor at the same place in
@@ -102,6 +106,62 @@ Course& courseOf(omni::GIOP_C& call)
     return t_course;
 }
 
+/// The connections of this process to other hosts, in use or kept.
+struct OpenCalls
+{
+    std::size_t all = 0;
+    std::size_t toThePeer = 0;
+};
+
+/// Counts the connections in one of the ORB's lists. omniTransportLock is held.
+class ConnectionCount
+{
+  public:
+    /// @param peeraddress an address of the peer, in the ORB's form.
+    explicit ConnectionCount(const char* peeraddress)
+        : m_host(hostOf(peeraddress)), m_peer(peerOfAddress(addressOfConnection(peeraddress)))
+    {
+    }
+    void add(const omni::StrandList& list)
+    {
+        for (const omni::StrandList* each = list.next; each != &list; each = each->next)
+            if (auto* const connection = static_cast<const omni::giopStrand*>(each)->connection) {
+                ++m_open.all;
+                m_open.toThePeer += isOfPeer(connection->peeraddress()) ? 1 : 0;
+            }
+    }
+    const OpenCalls& open() const { return m_open; }
+
+  private:
+    /// Without the transport and the port. An IPv6 address has brackets.
+    static std::string_view hostOf(std::string_view uri)
+    {
+        uri = uri.substr(0, uri.rfind(':'));
+        return uri.substr(std::min(uri.size(), PLAIN_OR_TLS.size()));
+    }
+    /// It is cheap to compare two texts. Only IPv6 needs more, because a network is one peer.
+    bool isOfPeer(const char* peeraddress) const
+    {
+        const std::string_view host = hostOf(peeraddress);
+        return host == m_host || (host.starts_with('[') && m_host.starts_with('[') &&
+                                  peerOfAddress(addressOfConnection(peeraddress)) == m_peer);
+    }
+
+    const std::string_view m_host;
+    const std::string m_peer;
+    OpenCalls m_open;
+};
+
+/// The connections to all hosts, and to the peer of this one.
+OpenCalls countConnections(omni::giopConnection& connection)
+{
+    ConnectionCount count(connection.peeraddress());
+    const omni_tracedmutex_lock guard(*omni::omniTransportLock);
+    count.add(omni::giopStrand::active);
+    count.add(omni::giopStrand::active_timedout);
+    return count.open();
+}
+
 /// Counts a call that this process ends, and logs it.
 void noteRefused(omni::GIOP_C& call, const std::string& why)
 {
@@ -148,7 +208,7 @@ CORBA::Boolean checkConnection(omni::omniInterceptors::clientOpenConnection_T::i
         return true;
     }
     omni::GIOP_C& call = info.giop_c;
-    if (leadsHere(endpointOf(*call.strand().connection))) {
+    if (theRules.leadsHere(endpointOf(*call.strand().connection))) {
         noteRefused(call, "a reference of another host leads back to this service");
         throw CORBA::NO_PERMISSION(0, CORBA::COMPLETED_NO);
     }
@@ -157,25 +217,37 @@ CORBA::Boolean checkConnection(omni::omniInterceptors::clientOpenConnection_T::i
                               " connections already");
         throw CORBA::IMP_LIMIT(0, CORBA::COMPLETED_NO);
     }
+    const OpenCalls open = countConnections(*call.strand().connection);
+    if (open.toThePeer > MOST_CONNECTIONS_TO_A_PEER || open.all > theRules.mostConnections) {
+        noteRefused(call, std::to_string(open.toThePeer - 1) + " connections to this peer and " +
+                              std::to_string(open.all - 1) + " in all are open already");
+        throw CORBA::NO_RESOURCES(0, CORBA::COMPLETED_NO);
+    }
     return true;
 }
 
-/// A reference to other hosts has arrived.
-CORBA::Boolean checkReference(omni::omniInterceptors::createRope_T::info_T& info)
+bool isName(const omni::giopAddress& address)
 {
-    const auto isName = [](const omni::giopAddress* address) {
-        return address->host() && !NumericAddress::parse(address->host());
-    };
-    const omni::giopAddressList& all = info.addrlist;
-    const auto names = static_cast<std::size_t>(std::count_if(all.begin(), all.end(), isName));
-    if (all.size() <= MOST_ADDRESSES && names <= MOST_NAMES)
+    return address.host() && !NumericAddress::parse(address.host());
+}
+
+/// A reference to another host has arrived. If it has too many addresses, the ORB gets the first
+/// ones.
+CORBA::Boolean limitAddresses(omni::omniInterceptors::createRope_T::info_T& info)
+{
+    omni::giopAddressList used;
+    std::size_t names = 0;
+    for (omni::giopAddress* const each : info.addrlist)
+        if (used.size() < MOST_ADDRESSES && (!isName(*each) || ++names <= MOST_NAMES))
+            used.push_back(each);
+    if (used.size() == info.addrlist.size())
         return true;
-    noteRefusedCall();
-    PLATFORM_WARN("Orb::call", "A reference with " << all.size() << " addresses and " << names
-                                                   << " names among them is refused: at most "
-                                                   << MOST_ADDRESSES << " and " << MOST_NAMES
-                                                   << " are allowed");
-    throw CORBA::IMP_LIMIT(0, CORBA::COMPLETED_NO);
+    PLATFORM_WARN("Orb::call", "A reference has " << info.addrlist.size()
+                                                  << " addresses. Only the first " << MOST_ADDRESSES
+                                                  << ", and " << MOST_NAMES
+                                                  << " names among them, are used");
+    info.rope = new omni::giopRope(used, info.ior_info); // the ORB owns it
+    return true;
 }
 
 /// Ends the transport under a connection, so that a thread which waits in it returns. Does no
@@ -204,15 +276,15 @@ void breakOffConnecting()
 
 } // namespace
 
-void limitRemoteCalls(std::function<bool(const Endpoint&)> leadsToThisProcess)
+void limitRemoteCalls(RemoteCallRules rules)
 {
-    leadsHere = std::move(leadsToThisProcess);
+    theRules = std::move(rules);
     omniORB::installTransientExceptionHandler(nullptr, &neverRepeat);
     omni::omniInterceptors* const interceptors = omniORB::getInterceptors();
     interceptors->clientSendRequest.add(&checkCall);
     interceptors->clientReceiveReply.add(&checkReply);
     interceptors->clientOpenConnection.add(&checkConnection);
-    interceptors->createRope.add(&checkReference);
+    interceptors->createRope.add(&limitAddresses);
 }
 
 unsigned connectionsOpened()

@@ -15,10 +15,24 @@ constexpr unsigned MOST_FORWARDS = 5;
 /// The most connections that one call opens. A hostile host may end each of them with a goodbye,
 /// and then the ORB sends the request again.
 constexpr unsigned MOST_CONNECTIONS_OF_A_CALL = 8;
-/// The most addresses of a reference, and the most of them that are names. The ORB tries one after
-/// the other, and looks up all names.
+/// How many addresses of a reference are used, and how many names among them. The ORB tries one
+/// after the other, and looks up all names.
 constexpr std::size_t MOST_ADDRESSES = 32;
 constexpr std::size_t MOST_NAMES = 4;
+
+/// The most connections to one peer, also if they lead to different ports or come from different
+/// references. It is above CONNECTIONS_TO_A_HOST, which the ORB allows for each list of addresses.
+constexpr std::size_t MOST_CONNECTIONS_TO_A_PEER = 128;
+
+/// What the rules need to know.
+struct RemoteCallRules
+{
+    /// Whether an endpoint with a numeric address leads to this process. Any thread calls it, while
+    /// the ORB is up.
+    std::function<bool(const Endpoint&)> leadsHere;
+    /// The most connections to all other hosts together.
+    std::size_t mostConnections = 0;
+};
 
 /// Sets these rules for the process's ORB. Call it when the ORB is up.
 ///
@@ -27,17 +41,15 @@ constexpr std::size_t MOST_NAMES = 4;
 /// - A call ends with IMP_LIMIT after MOST_FORWARDS, and after MOST_CONNECTIONS_OF_A_CALL. Both
 /// hold
 ///   for calls with a time limit.
-/// - A reference ends the call that brings it with IMP_LIMIT if it has more than MOST_ADDRESSES or
-///   MOST_NAMES.
+/// - A call ends with NO_RESOURCES if it would need a connection beyond MOST_CONNECTIONS_TO_A_PEER
+///   or mostConnections. The ORB keeps a connection for a while after its last call.
+/// - Of a reference, only the first MOST_ADDRESSES are used, and MOST_NAMES among them.
 /// - This process opens no connection to itself. The call ends with NO_PERMISSION. Otherwise the
 ///   references of other hosts could make it call itself, with its own rights.
 /// - A call names its target by the object key. If the other host wants another form, the call ends
 ///   with NO_IMPLEMENT.
 /// - After announceStop, no call begins, and each new connection is refused.
-///
-/// @param leadsToThisProcess whether an endpoint with a numeric address leads to this process. Any
-///        thread calls it, while the ORB is up.
-void limitRemoteCalls(std::function<bool(const Endpoint&)> leadsToThisProcess);
+void limitRemoteCalls(RemoteCallRules rules);
 
 /// As Orb::setOrbRequestTimeout.
 void setProcessCallLimit(std::chrono::seconds limit);

@@ -3,6 +3,7 @@ reach nobody whom they should not reach, and leave places for the calls to other
 
 import contextlib
 import dataclasses
+import itertools
 import os
 import socket
 import threading
@@ -15,12 +16,14 @@ from giop import AuthorityType, DiscoveryService, DiscoveryStatus, HangUp, Serve
 from giop.messages import MessageType, header
 from records import ANY, SUCCESS, get, put, record
 from stranger import PORT, Stranger
-from test_redirects import BACK, SOON, forward, pull, refusals, register
+from test_redirects import BACK, FORWARDS, SOON, forward, pull, refusals, register
 
 CLOSE_CONNECTION = header(MessageType.CLOSE_CONNECTION, 0)
 CONNECTIONS = 8   # of one call
+PEER_CONNECTIONS = 128
 ADDRESSES = 32    # of one reference
 NAMES = 4         # among them
+CLOSED = 9        # a port where nobody listens
 NAME_LIMIT = 5    # seconds for one name
 PULLS = 32        # that run at the same time
 # Seconds that an orderly stop may take.
@@ -82,39 +85,30 @@ def test_a_host_that_ends_each_connection(lab, operation):
     assert stage.master.root.status()["counters"]["callsRefused"] == calls
 
 
-@pytest.mark.parametrize("more, admitted", [(ADDRESSES - 1, True), (ADDRESSES, False)])
-def test_the_addresses_of_a_reference(lab, more, admitted):
+@pytest.mark.parametrize("kind, used", [("address", ADDRESSES), ("name", NAMES)])
+@pytest.mark.parametrize("beyond", [0, 1])
+def test_the_addresses_of_a_reference(lab, kind, used, beyond):
+    """Only the last one leads to the service. Nobody listens at the others."""
     _, client, service, log = lab
-    if client.root.credentials:
-        more -= 1  # with TLS, a port of its own is one more address
+    host = client.address if kind == "address" else str(client)
     with Stranger(client) as stranger:
         def many(reference):
-            stranger.redirects = {}
-            return forward(dataclasses.replace(reference,
-                                               alternates=((client.address, PORT),) * more))
-        stranger.redirects = {"queryDiscoveries": many}
+            alternates = ((host, CLOSED),) * (used + beyond - 2) + ((host, PORT),)
+            return forward(dataclasses.replace(reference, host=host, port=CLOSED,
+                                               alternates=alternates))
+        stranger.redirects = {"queryDiscoveries": once(many)}
         register(service)
-        assert (pull(service) == SUCCESS) is admitted
-    assert len(too_many(log)) == (0 if admitted else 1)
+        # With TLS, the further addresses are plain, and none of them is called.
+        is_reached = not beyond and not client.root.credentials
+        assert (pull(service) == SUCCESS) is is_reached
+    warnings = [line for line in log.lines() if line.text.startswith("A reference has ")]
+    assert beyond == len(warnings) or client.root.credentials
 
 
-@pytest.mark.parametrize("names, admitted", [(NAMES, True), (NAMES + 1, False)])
-def test_the_names_of_a_reference(lab, names, admitted):
-    _, client, service, log = lab
-    with Stranger(client) as stranger:
-        def many(reference):
-            stranger.redirects = {}
-            return forward(dataclasses.replace(reference,
-                                               alternates=(("stranger", PORT),) * names))
-        stranger.redirects = {"queryDiscoveries": many}
-        register(service)
-        assert (pull(service) == SUCCESS) is admitted
-    assert len(too_many(log)) == (0 if admitted else 1)
-
-
-def too_many(log):
-    return [line.text for line in log.lines()
-            if line.text.startswith("A reference with ") and " is refused: " in line.text]
+def once(redirect):
+    """Redirects the first request only."""
+    first = [True]
+    return lambda reference: redirect(reference) if first and first.pop() else None
 
 
 @pytest.fixture
@@ -207,6 +201,33 @@ def test_a_host_that_hangs_leaves_places_for_others(lab):
         assert not any(each.is_alive() for each in pulls)
     assert stage.daemon(stage.master).stop() == 0
     assert stage.master.root.status()["counters"]["pullsTurnedAway"] >= PULLS
+
+
+def test_a_host_that_makes_the_caller_open_connections(lab):
+    """Each of its references has other addresses, so the ORB takes each for another host."""
+    stage, client, service, log = lab
+    daemon = stage.daemon(stage.master)
+    _, good = stage.clients
+    number = itertools.count(1)
+
+    def another(reference):
+        return forward(dataclasses.replace(
+            reference, alternates=(("192.0.2.1", next(number) % 60_000 + 1),)))
+    with Stranger(client) as stranger, Stranger(good):
+        stranger.redirects = {"queryDiscoveries": another}
+        register(service)
+        before = descriptors(daemon)
+        for _ in range(2 * PEER_CONNECTIONS // FORWARDS):
+            pull(service)
+        assert descriptors(daemon) <= before + PEER_CONNECTIONS
+        assert stranger.connections >= PEER_CONNECTIONS
+        service.registerExplorer("DiscoveryService", "good", "w", "a", AuthorityType.AT_EXTSRC, 5)
+        assert get(service, "w", "a", ANY) == b"123456789"
+    assert any(text.startswith("128 connections to this peer and ") for text in refusals(log))
+
+
+def descriptors(daemon):
+    return len(os.listdir("/proc/%d/fd" % daemon.pid))
 
 
 def test_a_second_address_that_leads_back(lab):

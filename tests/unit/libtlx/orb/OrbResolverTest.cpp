@@ -30,9 +30,7 @@ struct OrbResolverTest : testing::Test
 {
     ~OrbResolverTest() override
     {
-        m_hangs = false;
-        while (m_hanging > 0)
-            std::this_thread::sleep_for(1ms);
+        m_state->hangs = false;
         setResolver({});
         withdrawStop();
     }
@@ -50,17 +48,22 @@ struct OrbResolverTest : testing::Test
     }
     void hang()
     {
-        m_hangs = true;
-        setResolver([this](const std::string&) {
-            ++m_hanging;
-            while (m_hangs)
+        m_state->hangs = true;
+        setResolver([state = m_state](const std::string&) {
+            ++state->hanging;
+            while (state->hangs)
                 std::this_thread::sleep_for(1ms);
-            --m_hanging;
+            --state->hanging;
             return std::vector<std::string>{"192.0.2.1"};
         });
     }
-    std::atomic<bool> m_hangs{false};
-    std::atomic<int> m_hanging{0};
+    /// A thread may begin to resolve when its test is over.
+    struct State
+    {
+        std::atomic<bool> hangs{false};
+        std::atomic<int> hanging{0};
+    };
+    const std::shared_ptr<State> m_state = std::make_shared<State>();
 };
 
 TEST_F(OrbResolverTest, NumericAddressesAndNames)
@@ -106,16 +109,16 @@ TEST_F(OrbResolverTest, ManyNamesThatHangLeaveRoomForThisProcess)
     std::vector<std::thread> threads;
     for (int i = 0; i < MOST; ++i)
         threads.emplace_back([] { (void)addressesOf("slow"); });
-    while (m_hanging < MOST)
+    while (m_state->hanging < MOST)
         std::this_thread::sleep_for(1ms);
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(addressesOf("one-more"), "");
     EXPECT_LT(std::chrono::steady_clock::now() - begin, LIMIT);
-    EXPECT_EQ(m_hanging, MOST) << "it was not even asked for";
+    EXPECT_EQ(m_state->hanging, MOST) << "it was not even asked for";
     std::thread own([] { EXPECT_EQ(resolveHost("master", 20s).size(), 1u); });
-    while (m_hanging <= MOST)
+    while (m_state->hanging <= MOST)
         std::this_thread::sleep_for(1ms);
-    m_hangs = false;
+    m_state->hangs = false;
     own.join();
     for (std::thread& each : threads)
         each.join();
