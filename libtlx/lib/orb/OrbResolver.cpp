@@ -4,9 +4,11 @@
 // a limit, also during a stop. So this file replaces the ORB's two functions, in the same way as
 // OrbRepairs.cpp.
 
-#include <cstdint>
+#include <algorithm>
+#include <chrono>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <netdb.h>
@@ -74,8 +76,9 @@ std::unique_ptr<ResolvedAddress> prepend(const char* numeric, CORBA::UShort port
     std::vector<const addrinfo*> all;
     for (const addrinfo* each = found; each; each = each->ai_next)
         all.push_back(each);
-    for (auto each = all.rbegin(); each != all.rend(); ++each)
-        others = std::make_unique<ResolvedAddress>(**each, std::move(others));
+    std::reverse(all.begin(), all.end());
+    for (const addrinfo* const each : all)
+        others = std::make_unique<ResolvedAddress>(*each, std::move(others));
     return others;
 }
 
@@ -86,11 +89,12 @@ LibcWrapper::AddrInfo* omni::LibcWrapper::getAddrInfo(const char* node, CORBA::U
 {
     if (!node)
         return prepend(nullptr, port, nullptr).release();
-    const std::vector<std::string> addresses =
+    std::vector<std::string> addresses =
         Veltrane::Quillmark::Tlx::resolveHost(node, NAME_LIMIT, MAX_RESOLVING_REFERENCES);
     std::unique_ptr<ResolvedAddress> all;
-    for (auto each = addresses.rbegin(); each != addresses.rend(); ++each)
-        all = prepend(each->c_str(), port, std::move(all));
+    std::reverse(addresses.begin(), addresses.end());
+    for (const std::string& each : addresses)
+        all = prepend(each.c_str(), port, std::move(all));
     return all.release();
 }
 
