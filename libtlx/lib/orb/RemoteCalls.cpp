@@ -106,7 +106,7 @@ Course& courseOf(omni::GIOP_C& call)
     return t_course;
 }
 
-/// The connections of this process to other hosts, in use or kept.
+/// The connections of this process to other hosts: in use, kept, or coming up.
 struct OpenCalls
 {
     std::size_t all = 0;
@@ -117,18 +117,20 @@ struct OpenCalls
 class ConnectionCount
 {
   public:
-    /// @param peeraddress an address of the peer, in the ORB's form.
-    explicit ConnectionCount(const char* peeraddress)
-        : m_host(hostOf(peeraddress)), m_peer(peerOfAddress(addressOfConnection(peeraddress)))
+    /// @param address an address of the peer, in the ORB's form.
+    explicit ConnectionCount(const char* address)
+        : m_host(hostOf(address)), m_peer(peerOfAddress(addressOfConnection(address)))
     {
     }
+    /// Counts by the address that the ORB calls. Another thread may be about to connect.
     void add(const omni::StrandList& list)
     {
-        for (const omni::StrandList* each = list.next; each != &list; each = each->next)
-            if (auto* const connection = static_cast<const omni::giopStrand*>(each)->connection) {
-                ++m_open.all;
-                m_open.toThePeer += isOfPeer(connection->peeraddress()) ? 1 : 0;
-            }
+        for (const omni::StrandList* each = list.next; each != &list; each = each->next) {
+            const auto* const strand = static_cast<const omni::giopStrand*>(each);
+            ++m_open.all;
+            if (strand->address && isOfPeer(strand->address->address()))
+                ++m_open.toThePeer;
+        }
     }
     const OpenCalls& open() const { return m_open; }
 
@@ -140,11 +142,11 @@ class ConnectionCount
         return uri.substr(std::min(uri.size(), PLAIN_OR_TLS.size()));
     }
     /// It is cheap to compare two texts. Only IPv6 needs more, because a network is one peer.
-    bool isOfPeer(const char* peeraddress) const
+    bool isOfPeer(const char* address) const
     {
-        const std::string_view host = hostOf(peeraddress);
+        const std::string_view host = hostOf(address);
         return host == m_host || (host.starts_with('[') && m_host.starts_with('[') &&
-                                  peerOfAddress(addressOfConnection(peeraddress)) == m_peer);
+                                  peerOfAddress(addressOfConnection(address)) == m_peer);
     }
 
     const std::string_view m_host;
@@ -153,9 +155,9 @@ class ConnectionCount
 };
 
 /// The connections to all hosts, and to the peer of this one.
-OpenCalls countConnections(omni::giopConnection& connection)
+OpenCalls countConnections(const omni::giopStrand& strand)
 {
-    ConnectionCount count(connection.peeraddress());
+    ConnectionCount count(strand.address->address());
     const omni_tracedmutex_lock guard(*omni::omniTransportLock);
     count.add(omni::giopStrand::active);
     count.add(omni::giopStrand::active_timedout);
@@ -217,7 +219,7 @@ CORBA::Boolean checkConnection(omni::omniInterceptors::clientOpenConnection_T::i
                               " connections already");
         throw CORBA::IMP_LIMIT(0, CORBA::COMPLETED_NO);
     }
-    const OpenCalls open = countConnections(*call.strand().connection);
+    const OpenCalls open = countConnections(call.strand());
     if (open.toThePeer > MOST_CONNECTIONS_TO_A_PEER || open.all > theRules.mostConnections) {
         noteRefused(call, std::to_string(open.toThePeer - 1) + " connections to this peer and " +
                               std::to_string(open.all - 1) + " in all are open already");
