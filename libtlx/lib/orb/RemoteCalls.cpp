@@ -110,58 +110,32 @@ Course& courseOf(omni::GIOP_C& call)
 struct OpenCalls
 {
     std::size_t all = 0;
-    std::size_t toThePeer = 0;
+    std::size_t toTheHost = 0;
 };
 
-/// Counts the connections in one of the ORB's lists. omniTransportLock is held.
-class ConnectionCount
+/// The host in the ORB's form of an address, without the transport and the port.
+std::string_view hostOf(std::string_view uri)
 {
-  public:
-    /// @param address an address of the peer, in the ORB's form.
-    explicit ConnectionCount(const char* address)
-        : m_host(hostOf(address)), m_peer(peerOfAddress(addressOfConnection(address)))
-    {
-    }
-    /// Counts by the address that the ORB calls. Another thread may be about to connect.
-    void add(const omni::StrandList& list)
-    {
-        for (const omni::StrandList* each = list.next; each != &list; each = each->next) {
-            const auto* const strand = static_cast<const omni::giopStrand*>(each);
-            ++m_open.all;
-            if (strand->address && isOfPeer(strand->address->address()))
-                ++m_open.toThePeer;
-        }
-    }
-    const OpenCalls& open() const { return m_open; }
+    uri = uri.substr(0, uri.rfind(':'));
+    return uri.substr(std::min(uri.size(), PLAIN_OR_TLS.size()));
+}
 
-  private:
-    /// Without the transport and the port. An IPv6 address has brackets.
-    static std::string_view hostOf(std::string_view uri)
-    {
-        uri = uri.substr(0, uri.rfind(':'));
-        return uri.substr(std::min(uri.size(), PLAIN_OR_TLS.size()));
-    }
-    /// It is cheap to compare two texts. Only IPv6 needs more, because a network is one peer.
-    bool isOfPeer(const char* address) const
-    {
-        const std::string_view host = hostOf(address);
-        return host == m_host || (host.starts_with('[') && m_host.starts_with('[') &&
-                                  peerOfAddress(addressOfConnection(address)) == m_peer);
-    }
-
-    const std::string_view m_host;
-    const std::string m_peer;
-    OpenCalls m_open;
-};
-
-/// The connections to all hosts, and to the peer of this one.
-OpenCalls countConnections(const omni::giopStrand& strand)
+/// Counts them in the ORB's lists, by the address that the ORB calls. The connection of another
+/// thread may be coming up, so it is not safe to read.
+OpenCalls countConnections(const omni::giopStrand& own)
 {
-    ConnectionCount count(strand.address->address());
+    const std::string_view host = hostOf(own.address->address());
+    OpenCalls open;
     const omni_tracedmutex_lock guard(*omni::omniTransportLock);
-    count.add(omni::giopStrand::active);
-    count.add(omni::giopStrand::active_timedout);
-    return count.open();
+    for (const omni::StrandList* list :
+         {&omni::giopStrand::active, &omni::giopStrand::active_timedout})
+        for (const omni::StrandList* each = list->next; each != list; each = each->next) {
+            const auto* const strand = static_cast<const omni::giopStrand*>(each);
+            ++open.all;
+            if (strand->address && hostOf(strand->address->address()) == host)
+                ++open.toTheHost;
+        }
+    return open;
 }
 
 /// Counts a call that this process ends, and logs it.
@@ -220,8 +194,8 @@ CORBA::Boolean checkConnection(omni::omniInterceptors::clientOpenConnection_T::i
         throw CORBA::IMP_LIMIT(0, CORBA::COMPLETED_NO);
     }
     const OpenCalls open = countConnections(call.strand());
-    if (open.toThePeer > MOST_CONNECTIONS_TO_A_PEER || open.all > theRules.mostConnections) {
-        noteRefused(call, std::to_string(open.toThePeer - 1) + " connections to this peer and " +
+    if (open.toTheHost > MOST_CONNECTIONS_TO_AN_ADDRESS || open.all > theRules.mostConnections) {
+        noteRefused(call, std::to_string(open.toTheHost - 1) + " connections to this address and " +
                               std::to_string(open.all - 1) + " in all are open already");
         throw CORBA::NO_RESOURCES(0, CORBA::COMPLETED_NO);
     }

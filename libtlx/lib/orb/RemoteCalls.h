@@ -20,9 +20,9 @@ constexpr unsigned MOST_CONNECTIONS_OF_A_CALL = 8;
 constexpr std::size_t MOST_ADDRESSES = 32;
 constexpr std::size_t MOST_NAMES = 4;
 
-/// The most connections to one peer, also if they lead to different ports or come from different
+/// The most connections to one address, also if they lead to different ports or come from different
 /// references. It is above CONNECTIONS_TO_A_HOST, which the ORB allows for each list of addresses.
-constexpr std::size_t MOST_CONNECTIONS_TO_A_PEER = 128;
+constexpr std::size_t MOST_CONNECTIONS_TO_AN_ADDRESS = 128;
 
 /// What the rules need to know.
 struct RemoteCallRules
@@ -41,7 +41,8 @@ struct RemoteCallRules
 /// - A call ends with IMP_LIMIT after MOST_FORWARDS, and after MOST_CONNECTIONS_OF_A_CALL. Both
 /// hold
 ///   for calls with a time limit.
-/// - A call ends with NO_RESOURCES if it would need a connection beyond MOST_CONNECTIONS_TO_A_PEER
+/// - A call ends with NO_RESOURCES if it would need a connection beyond
+/// MOST_CONNECTIONS_TO_AN_ADDRESS
 ///   or mostConnections. The ORB keeps a connection for a while after its last call.
 /// - Of a reference, only the first MOST_ADDRESSES are used, and MOST_NAMES among them.
 /// - This process opens no connection to itself. The call ends with NO_PERMISSION. Otherwise the

@@ -20,7 +20,7 @@ from test_redirects import BACK, FORWARDS, SOON, forward, pull, refusals, regist
 
 CLOSE_CONNECTION = header(MessageType.CLOSE_CONNECTION, 0)
 CONNECTIONS = 8   # of one call
-PEER_CONNECTIONS = 128
+PEER_CONNECTIONS = 128  # to one address
 ADDRESSES = 32    # of one reference
 NAMES = 4         # among them
 CLOSED = 9        # a port where nobody listens
@@ -223,7 +223,7 @@ def test_a_host_that_makes_the_caller_open_connections(lab):
         assert stranger.connections >= PEER_CONNECTIONS
         service.registerExplorer("DiscoveryService", "good", "w", "a", AuthorityType.AT_EXTSRC, 5)
         assert get(service, "w", "a", ANY) == b"123456789"
-    assert any(text.startswith("128 connections to this peer and ") for text in refusals(log))
+    assert any(text.startswith("128 connections to this address and ") for text in refusals(log))
 
 
 def descriptors(daemon):
