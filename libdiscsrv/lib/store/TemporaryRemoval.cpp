@@ -42,7 +42,8 @@ void removeTemporary(const TlxPathname& path, std::size_t bytes)
         DISC_LOG(1, "Unable to delete " << path);
         DISC_LOG(1, "The cause: " << describeError(removed.error()));
     }
-    removedFor += (Clock::now() - begin).count();
+    if (isStopAnnounced())
+        removedFor += (Clock::now() - begin).count();
 }
 
 } // namespace Veltrane::Quillmark::Tlx::DiscoverySvc

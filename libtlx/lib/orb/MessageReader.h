@@ -53,8 +53,8 @@ class MessageReader
     /// The caller has read so many bytes itself.
     void passed(std::size_t bytes);
 
-    /// The number of the oldest message that has begun and is not ready; 0 if there is none.
-    /// Another message has another number.
+    /// The number of the oldest message that has begun and is not ready, or 0. Each message has a
+    /// number of its own.
     std::uint64_t oldestUnfinished() const;
     /// How many bytes the reader keeps.
     std::size_t keptBytes() const { return waitingBytes() + m_out.size(); }

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <limits>
 #include <memory>
-#include <string_view>
+#include <string>
 #include <utility>
 
 #include <dirent.h>
@@ -41,9 +41,6 @@ namespace Veltrane::Quillmark::Tlx {
 namespace {
 
 constexpr const char* LOG_SOURCE = "../Orb";
-
-/// How an address in the ORB's form begins; "giop:ssl:" is as long.
-constexpr std::string_view PLAIN_OR_TLS = "giop:tcp:";
 
 RemoteCallRules theRules;
 std::atomic<unsigned long long> callsRefused{0};
@@ -113,18 +110,11 @@ struct OpenCalls
     std::size_t toTheHost = 0;
 };
 
-/// The host in the ORB's form of an address, without the transport and the port.
-std::string_view hostOf(std::string_view uri)
-{
-    uri = uri.substr(0, uri.rfind(':'));
-    return uri.substr(std::min(uri.size(), PLAIN_OR_TLS.size()));
-}
-
 /// Counts them in the ORB's lists, by the address that the ORB calls. The connection of another
 /// thread may be coming up, so it is not safe to read.
 OpenCalls countConnections(const omni::giopStrand& own)
 {
-    const std::string_view host = hostOf(own.address->address());
+    const std::string host = addressOfConnection(own.address->address());
     OpenCalls open;
     const omni_tracedmutex_lock guard(*omni::omniTransportLock);
     for (const omni::StrandList* list :
@@ -132,7 +122,7 @@ OpenCalls countConnections(const omni::giopStrand& own)
         for (const omni::StrandList* each = list->next; each != list; each = each->next) {
             const auto* const strand = static_cast<const omni::giopStrand*>(each);
             ++open.all;
-            if (strand->address && hostOf(strand->address->address()) == host)
+            if (strand->address && addressOfConnection(strand->address->address()) == host)
                 ++open.toTheHost;
         }
     return open;

@@ -38,12 +38,10 @@ struct RemoteCallRules
 ///
 /// - No call is repeated by the ORB. By default it repeats a call whose reference was forwarded
 ///   and then failed, again and again, and the other host may carry it out each time.
-/// - A call ends with IMP_LIMIT after MOST_FORWARDS, and after MOST_CONNECTIONS_OF_A_CALL. Both
-/// hold
-///   for calls with a time limit.
-/// - A call ends with NO_RESOURCES if it would need a connection beyond
-/// MOST_CONNECTIONS_TO_AN_ADDRESS
-///   or mostConnections. The ORB keeps a connection for a while after its last call.
+/// - A call ends with IMP_LIMIT after MOST_FORWARDS, and after MOST_CONNECTIONS_OF_A_CALL. These
+///   two hold for calls with a time limit.
+/// - A call ends with NO_RESOURCES if it needs a connection beyond mostConnections, or beyond
+///   MOST_CONNECTIONS_TO_AN_ADDRESS. The ORB keeps a connection for 30 s after its last call.
 /// - Of a reference, only the first MOST_ADDRESSES are used, and MOST_NAMES among them.
 /// - This process opens no connection to itself. The call ends with NO_PERMISSION. Otherwise the
 ///   references of other hosts could make it call itself, with its own rights.

@@ -62,7 +62,8 @@ def test_one_more_takes_the_place_of_the_peer_with_the_most(attacked, attack, co
     counter("connectionsDrivenOut", 1)
     assert (few.ended(), newcomer.ended()) == (0, 0)
     log = harness.settled(root.log_file.read_text)
-    assert "All 40 connections are taken. Closed one that no thread serves, of 127.0.0.66, which has 38" in log
+    assert "All 40 connections are taken. Closed one that no thread serves, of 127.0.0.66, " \
+        "which has 38" in log
 
 
 def test_a_flood_of_connections(attacked, attack, root):

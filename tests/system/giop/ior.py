@@ -64,7 +64,8 @@ class Ior:
             encoder.ulong(tag).encapsulation(fill)
 
     def _components(self):
-        components = [(TAG_ALTERNATE_IIOP_ADDRESS, lambda e, each=each: e.string(each[0]).ushort(each[1]))
+        components = [(TAG_ALTERNATE_IIOP_ADDRESS,
+                       lambda e, each=each: e.string(each[0]).ushort(each[1]))
                       for each in self.alternates]
         if self.tls_port:
             components.append((TAG_SSL_SEC_TRANS,

@@ -202,9 +202,15 @@ def test_a_host_that_hangs_leaves_places_for_others(lab):
         stage.master.root.log_file.read_text()
 
 
-def test_a_host_that_makes_the_caller_open_connections(lab):
-    """Each of its references has other addresses, so the ORB takes each for another host."""
+@pytest.mark.parametrize("files, most", [(None, PEER_CONNECTIONS), (400, 85)])
+def test_a_host_that_makes_the_caller_open_connections(lab, files, most):
+    """Each of its references has other addresses, so the ORB takes each for another host. When the
+    process may open few files, half of those that are left are for the calls to all hosts."""
     stage, client, service, log = lab
+    if files:
+        assert stage.daemon(stage.master).stop() == 0
+        stage.start(stage.master, wrapper=["prlimit", "--nofile=%d" % files])
+        service = stage.service(stage.master)
     daemon = stage.daemon(stage.master)
     _, good = stage.clients
     number = itertools.count(1)
@@ -218,11 +224,15 @@ def test_a_host_that_makes_the_caller_open_connections(lab):
         before = descriptors(daemon)
         for _ in range(2 * PEER_CONNECTIONS // FORWARDS):
             pull(service)
-        assert descriptors(daemon) <= before + PEER_CONNECTIONS
-        assert stranger.connections >= PEER_CONNECTIONS
+        assert descriptors(daemon) <= before + most
+        assert stranger.connections >= most
         service.registerExplorer("DiscoveryService", "good", "w", "a", AuthorityType.AT_EXTSRC, 5)
-        assert get(service, "w", "a", ANY) == b"123456789"
-    assert any(text.startswith("128 connections to this address and ") for text in refusals(log))
+        if not files:
+            assert get(service, "w", "a", ANY) == b"123456789"
+        for _ in range(10):
+            assert put(daemon.client(), "honest", "b") == SUCCESS
+    assert any(text.startswith("%d connections to this address and " % most)
+               for text in refusals(log))
 
 
 def descriptors(daemon):
